@@ -1,0 +1,76 @@
+# The product, its tools, and the tests that run under Wine.
+enable_language(RC)
+add_compile_definitions(
+  UNICODE _UNICODE WINVER=0x0A00 _WIN32_WINNT=0x0A00 NTDDI_VERSION=0x0A000006
+  __USE_MINGW_ANSI_STDIO=1 _FORTIFY_SOURCE=2)
+add_compile_options(-fstack-protector-strong -ffunction-sections -fdata-sections)
+add_link_options(-static -Wl,--gc-sections -Wl,--dynamicbase -Wl,--nxcompat -Wl,--high-entropy-va)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  add_link_options($<$<CONFIG:Release>:-s>)
+endif()
+
+# Everything but main: what the tests link is what ships.
+file(GLOB_RECURSE NORVANE_SOURCES CONFIGURE_DEPENDS src/*.cpp)
+list(REMOVE_ITEM NORVANE_SOURCES ${CMAKE_SOURCE_DIR}/src/service/main.cpp)
+add_library(kiosk STATIC ${NORVANE_SOURCES})
+target_compile_definitions(kiosk PRIVATE NORVANE_AUTH_BASE_URL="${NORVANE_AUTH_BASE_URL}")
+set(NORVANE_SYSTEM_LIBRARIES advapi32 bcrypt crypt32 ole32 user32 wintrust winhttp wtsapi32 ws2_32 ssp)
+target_link_libraries(kiosk PUBLIC ${NORVANE_SYSTEM_LIBRARIES})
+
+add_executable(NorvaneKiosk src/service/main.cpp src/service/kiosk.rc)
+target_link_libraries(NorvaneKiosk PRIVATE kiosk)
+target_link_options(NorvaneKiosk PRIVATE -municode)
+
+# The simulated Windows: copies of the library, the tests and main whose calls into Windows are renamed to those of sim/.
+# Headers have inline functions that call Windows, so whoever includes them is renamed as well.
+if(BUILD_TESTING)
+  file(GLOB NORVANE_SIM CONFIGURE_DEPENDS sim/*.cpp)
+  add_library(kiosk_simulation STATIC ${NORVANE_SIM})
+  target_include_directories(kiosk_simulation PRIVATE ${CMAKE_SOURCE_DIR})
+
+  add_library(kiosk_entry STATIC src/service/main.cpp)
+  file(GLOB NORVANE_TESTS CONFIGURE_DEPENDS tests/*_test.cpp tests/portable/*_test.cpp tests/support/*.cpp)
+  list(FILTER NORVANE_TESTS EXCLUDE REGEX json_wipe_test)
+  add_library(kiosk_test_cases STATIC ${NORVANE_TESTS})
+  target_include_directories(kiosk_test_cases PRIVATE ${CMAKE_SOURCE_DIR})
+  target_include_directories(kiosk_test_cases SYSTEM PRIVATE ${NORVANE_LIBRARY_HEADERS})
+  target_link_libraries(kiosk_test_cases PRIVATE gtest)
+
+  set(renamed_pairs)
+  foreach(library kiosk kiosk_entry kiosk_test_cases)
+    set(renamed_${library} ${CMAKE_BINARY_DIR}/lib${library}_sim.a)
+    list(APPEND renamed_pairs $<TARGET_FILE:${library}> ${renamed_${library}})
+  endforeach()
+  add_custom_command(
+    OUTPUT ${renamed_kiosk} ${renamed_kiosk_entry} ${renamed_kiosk_test_cases}
+    COMMAND ${CMAKE_SOURCE_DIR}/tools/build/sim_symbols.sh ${NORVANE_NM} ${NORVANE_OBJCOPY}
+            $<TARGET_FILE:kiosk_simulation> ${renamed_pairs}
+    DEPENDS kiosk kiosk_entry kiosk_test_cases kiosk_simulation ${CMAKE_SOURCE_DIR}/tools/build/sim_symbols.sh
+    VERBATIM)
+  add_custom_target(renamed DEPENDS ${renamed_kiosk} ${renamed_kiosk_entry} ${renamed_kiosk_test_cases})
+
+  # Links `target` with the renamed archive `main`, whole, and with the simulation.
+  function(link_simulated target main)
+    add_dependencies(${target} renamed)
+    target_link_libraries(${target} PRIVATE
+      -Wl,--whole-archive ${main} -Wl,--no-whole-archive
+      -Wl,--start-group ${renamed_kiosk} kiosk_simulation -Wl,--end-group ${NORVANE_SYSTEM_LIBRARIES} ntdll)
+  endfunction()
+
+  add_executable(NorvaneKioskSim src/service/kiosk.rc)
+  set_target_properties(NorvaneKioskSim PROPERTIES LINKER_LANGUAGE CXX)
+  target_link_options(NorvaneKioskSim PRIVATE -municode)
+  link_simulated(NorvaneKioskSim ${renamed_kiosk_entry})
+
+  add_executable(kiosk_tests tests/support/run_tests.cc)
+  target_link_libraries(kiosk_tests PRIVATE gtest)
+  link_simulated(kiosk_tests ${renamed_kiosk_test_cases})
+  gtest_discover_tests(kiosk_tests DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+
+  # Replaces the global allocation functions, so it is a program of its own.
+  add_executable(json_wipe_test tests/portable/json_wipe_test.cpp)
+  target_link_libraries(json_wipe_test PRIVATE kiosk gtest gtest_main)
+  gtest_discover_tests(json_wipe_test DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+endif()
+
+include(cmake/tools.cmake)

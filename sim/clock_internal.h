@@ -1,0 +1,30 @@
+// What the time calls of the simulation need of the clock.
+#pragma once
+
+#include "win32/winapi.h"
+
+#include <cstdint>
+#include <memory>
+
+namespace sim {
+
+bool ClockIsVirtual();
+std::uint64_t VirtualTicks();
+std::uint64_t VirtualUtc();
+int VirtualBias();
+DWORD WaitMany(DWORD count, const HANDLE* objects, BOOL all, DWORD milliseconds);  // under either time
+void SleepVirtually(DWORD milliseconds);
+
+// A thread or work item of the service on its way to its own body. It counts as running from the moment of Starting.
+struct Participant;
+struct Start {
+  LPTHREAD_START_ROUTINE body;
+  void* argument;
+  Participant* participant;
+  bool ownThread;  // ends with the body, unlike a thread of the pool
+};
+std::unique_ptr<Start> Starting(LPTHREAD_START_ROUTINE body, void* argument, bool ownThread);
+void NotStarted(const Start& start);
+DWORD WINAPI RunStarted(void* start);  // takes the Start over
+
+}  // namespace sim

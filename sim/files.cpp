@@ -1,0 +1,287 @@
+#include "sim/files.h"
+
+#include "log/day_files.h"
+#include "sim/faults.h"
+#include "sim/machine.h"
+
+#include <aclapi.h>
+#include <sddl.h>
+#include <winternl.h>
+
+#include <algorithm>
+#include <map>
+#include <mutex>
+
+namespace sim {
+namespace {
+
+constexpr wchar_t kLinks[] = L"Links";
+constexpr wchar_t kOwners[] = L"FileOwner";
+constexpr wchar_t kDacls[] = L"FileDacl";
+
+std::mutex mutex;
+std::map<HANDLE, std::wstring> searches;  // the folder that an open search goes through
+
+std::wstring Lower(std::wstring path) {
+  CharLowerW(path.data());
+  return path;
+}
+
+// Absolute and without the prefix for long paths.
+std::wstring Full(const std::wstring& path) {
+  wchar_t full[1024];
+  const DWORD length = GetFullPathNameW(path.c_str(), 1024, full, nullptr);
+  const std::wstring text(full, length < 1024 ? length : 0);
+  return text.starts_with(L"\\\\?\\") ? text.substr(4) : text;
+}
+
+// The name of a path in the machine's areas.
+std::wstring Plain(const std::wstring& path) { return Lower(Full(path)); }
+
+std::wstring PathOf(HANDLE file) {
+  wchar_t path[1024];
+  const DWORD length = GetFinalPathNameByHandleW(file, path, 1024, FILE_NAME_NORMALIZED);
+  return length == 0 || length >= 1024 ? L"" : Plain(path);
+}
+
+bool IsLink(const std::wstring& plain) { return ReadText(kLinks, plain).has_value(); }
+
+// The path that Windows would reach: links in the middle are followed, a link at the end when `last`.
+std::wstring Resolve(const wchar_t* given, bool last) {
+  if (given == nullptr || std::wstring_view(given).starts_with(L"\\\\.\\") || !AreaExists(kLinks)) {
+    return given != nullptr ? given : L"";
+  }
+  std::wstring path = Full(given);
+  bool followed = false;
+  for (int hops = 0; hops < 8; ++hops) {
+    const std::wstring plain = Lower(path);
+    const auto links = ValueNames(kLinks);
+    const auto link = std::find_if(links.begin(), links.end(), [&](const std::wstring& each) {
+      return (last && plain == each) || plain.starts_with(each + L"\\");
+    });
+    if (link == links.end()) {
+      break;
+    }
+    path = ReadText(kLinks, *link).value_or(L"") + path.substr(link->size());
+    followed = true;
+  }
+  return followed ? path : given;
+}
+
+void Forget(const std::wstring& path) {
+  const std::wstring plain = Plain(path);
+  for (const wchar_t* area : {kLinks, kOwners, kDacls}) {
+    ForgetValue(area, plain);
+  }
+}
+
+std::wstring PartText(PSECURITY_DESCRIPTOR descriptor, SECURITY_INFORMATION parts) {
+  wchar_t* text = nullptr;
+  if (descriptor == nullptr ||
+      !ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, parts, &text, nullptr)) {
+    return L"";
+  }
+  std::wstring result = text;
+  LocalFree(text);
+  return result;
+}
+
+// The rights that a handle must carry for the parts that it sets.
+bool HandleAllows(HANDLE file, SECURITY_INFORMATION parts) {
+  PUBLIC_OBJECT_BASIC_INFORMATION information{};
+  NtQueryObject(file, ObjectBasicInformation, &information, sizeof(information), nullptr);
+  const DWORD needed = ((parts & OWNER_SECURITY_INFORMATION) != 0 ? WRITE_OWNER : 0U) |
+                       ((parts & DACL_SECURITY_INFORMATION) != 0 ? WRITE_DAC : 0U);
+  return (information.GrantedAccess & needed) == needed;
+}
+
+DWORD KeepSecurity(const char* function, const std::wstring& plain, SECURITY_INFORMATION parts, PSID owner, PACL dacl) {
+  return Change<DWORD>(
+      function, [&]() -> const std::wstring& { return plain; },
+      [&]() -> DWORD {
+        SECURITY_DESCRIPTOR descriptor;
+        InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
+        if ((parts & OWNER_SECURITY_INFORMATION) != 0) {
+          SetSecurityDescriptorOwner(&descriptor, owner, FALSE);
+          WriteText(kOwners, plain, PartText(&descriptor, OWNER_SECURITY_INFORMATION));
+        }
+        if ((parts & DACL_SECURITY_INFORMATION) != 0) {
+          const bool isProtected = (parts & PROTECTED_DACL_SECURITY_INFORMATION) != 0;
+          SetSecurityDescriptorDacl(&descriptor, TRUE, dacl, FALSE);
+          SetSecurityDescriptorControl(
+              &descriptor, SE_DACL_PROTECTED | SE_DACL_AUTO_INHERITED,
+              static_cast<SECURITY_DESCRIPTOR_CONTROL>(SE_DACL_AUTO_INHERITED | (isProtected ? SE_DACL_PROTECTED : 0)));
+          WriteText(kDacls, plain, PartText(&descriptor, DACL_SECURITY_INFORMATION));
+        }
+        return ERROR_SUCCESS;
+      });
+}
+
+// A numbered call on a path, files of the log excepted.
+template <typename Call>
+BOOL ChangeFile(const char* function, const std::wstring& path, Call call) {
+  const std::wstring plain = Plain(path);
+  if (plain.starts_with(Lower(kiosk::log::kLogRoot) + L"\\")) {
+    return call();
+  }
+  return Change<BOOL>(
+      function, [&]() -> const std::wstring& { return plain; }, call);
+}
+
+template <typename Call>
+BOOL ChangeAndForget(const char* function, const wchar_t* given, Call call) {
+  const std::wstring path = Resolve(given, false);
+  return ChangeFile(function, path, [&]() -> BOOL {
+    const BOOL done = call(path.c_str());
+    if (done) {
+      Forget(path);
+    }
+    return done;
+  });
+}
+
+void MarkLink(HANDLE search, WIN32_FIND_DATAW* data) {
+  if (IsLink(searches[search] + L"\\" + Lower(data->cFileName))) {
+    data->dwFileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+    data->dwReserved0 = IO_REPARSE_TAG_MOUNT_POINT;
+  }
+}
+
+}  // namespace
+
+std::wstring FileSecurity(const std::wstring& path) {
+  const std::wstring plain = Plain(path);
+  return ReadText(kOwners, plain).value_or(L"") + ReadText(kDacls, plain).value_or(L"");
+}
+
+void SetFileSecurity(const std::wstring& path, const std::wstring& owner, const std::wstring& dacl) {
+  WriteText(kOwners, Plain(path), owner);
+  WriteText(kDacls, Plain(path), dacl);
+}
+
+void MakeJunction(const std::wstring& path, const std::wstring& target) {
+  if (!CreateDirectoryW(path.c_str(), nullptr)) {
+    Violation("the junction %s cannot be made (%lu)", Narrow(path).c_str(), GetLastError());
+  }
+  WriteText(kLinks, Plain(path), target);
+}
+
+void MakeSymbolicLink(const std::wstring& path, const std::wstring& target) {
+  HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr);
+  if (file == INVALID_HANDLE_VALUE) {
+    Violation("the link %s cannot be made (%lu)", Narrow(path).c_str(), GetLastError());
+  }
+  CloseHandle(file);
+  WriteText(kLinks, Plain(path), target);
+}
+
+std::wstring SddlText(PSECURITY_DESCRIPTOR descriptor) {
+  return PartText(descriptor, OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION);
+}
+
+}  // namespace sim
+
+using namespace sim;
+
+SIM(DWORD, SetSecurityInfo, HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID owner, PSID group,
+    PACL dacl, PACL sacl) {
+  if (type != SE_FILE_OBJECT) {
+    return ::SetSecurityInfo(object, type, parts, owner, group, dacl, sacl);
+  }
+  const std::wstring path = PathOf(object);
+  if (path.empty()) {
+    return ERROR_INVALID_HANDLE;
+  }
+  return HandleAllows(object, parts) ? KeepSecurity("SetSecurityInfo", path, parts, owner, dacl) : ERROR_ACCESS_DENIED;
+}
+
+SIM(DWORD, SetNamedSecurityInfoW, LPWSTR name, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID owner, PSID group,
+    PACL dacl, PACL sacl) {
+  if (type != SE_FILE_OBJECT) {
+    return ::SetNamedSecurityInfoW(name, type, parts, owner, group, dacl, sacl);
+  }
+  const std::wstring path = Resolve(name, true);
+  if (::GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) {
+    return GetLastError();
+  }
+  return KeepSecurity("SetNamedSecurityInfoW", Plain(path), parts, owner, dacl);
+}
+
+SIM(WINBOOL, CreateDirectoryW, LPCWSTR given, LPSECURITY_ATTRIBUTES security) {
+  const std::wstring path = Resolve(given, false);
+  return ChangeFile("CreateDirectoryW", path, [&]() -> BOOL {
+    const BOOL done = ::CreateDirectoryW(path.c_str(), nullptr);
+    const DWORD error = GetLastError();
+    if (done && security != nullptr && security->lpSecurityDescriptor != nullptr) {
+      const PSECURITY_DESCRIPTOR descriptor = security->lpSecurityDescriptor;
+      SetFileSecurity(path, PartText(descriptor, OWNER_SECURITY_INFORMATION),
+                      PartText(descriptor, DACL_SECURITY_INFORMATION));
+    }
+    SetLastError(error);
+    return done;
+  });
+}
+
+SIM(WINBOOL, RemoveDirectoryW, LPCWSTR path) {
+  return ChangeAndForget("RemoveDirectoryW", path, [](const wchar_t* real) { return ::RemoveDirectoryW(real); });
+}
+
+SIM(WINBOOL, DeleteFileW, LPCWSTR path) {
+  return ChangeAndForget("DeleteFileW", path, [](const wchar_t* real) { return ::DeleteFileW(real); });
+}
+
+SIM(WINBOOL, MoveFileExW, LPCWSTR from, LPCWSTR to, DWORD flags) {
+  const std::wstring target = Resolve(to, false);
+  return ChangeAndForget("MoveFileExW", from, [&](const wchar_t* real) {
+    return ::MoveFileExW(real, to != nullptr ? target.c_str() : nullptr, flags);
+  });
+}
+
+SIM(WINBOOL, MoveFileW, LPCWSTR from, LPCWSTR to) { return sim_MoveFileExW(from, to, MOVEFILE_COPY_ALLOWED); }
+
+SIM(HANDLE, CreateFileW, LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security, DWORD disposition,
+    DWORD flags, HANDLE model) {
+  const std::wstring real = Resolve(path, (flags & FILE_FLAG_OPEN_REPARSE_POINT) == 0);
+  return ::CreateFileW(real.c_str(), access, share, security, disposition, flags, model);
+}
+
+SIM(DWORD, GetFileAttributesW, LPCWSTR path) {
+  const std::wstring real = Resolve(path, false);
+  const DWORD attributes = ::GetFileAttributesW(real.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && IsLink(Plain(real)) ? attributes | FILE_ATTRIBUTE_REPARSE_POINT
+                                                                      : attributes;
+}
+
+SIM(WINBOOL, GetFileInformationByHandle, HANDLE file, LPBY_HANDLE_FILE_INFORMATION information) {
+  const BOOL done = ::GetFileInformationByHandle(file, information);
+  if (done && AreaExists(kLinks) && IsLink(PathOf(file))) {
+    information->dwFileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
+  }
+  return done;
+}
+
+SIM(HANDLE, FindFirstFileW, LPCWSTR pattern, LPWIN32_FIND_DATAW data) {
+  const std::wstring real = Resolve(pattern, false);
+  HANDLE search = ::FindFirstFileW(real.c_str(), data);
+  if (search != INVALID_HANDLE_VALUE) {
+    const std::lock_guard guard(mutex);
+    searches[search] = Plain(real.substr(0, real.find_last_of(L'\\')));
+    MarkLink(search, data);
+  }
+  return search;
+}
+
+SIM(WINBOOL, FindNextFileW, HANDLE search, LPWIN32_FIND_DATAW data) {
+  const BOOL found = ::FindNextFileW(search, data);
+  if (found) {
+    const std::lock_guard guard(mutex);
+    MarkLink(search, data);
+  }
+  return found;
+}
+
+SIM(WINBOOL, FindClose, HANDLE search) {
+  const std::lock_guard guard(mutex);
+  searches.erase(search);
+  return ::FindClose(search);
+}

@@ -1,0 +1,345 @@
+#include "sim/http.h"
+
+#include "sim/clock.h"
+#include "sim/seam.h"
+
+#include <algorithm>
+#include <memory>
+#include <mutex>
+
+namespace sim {
+namespace {
+
+enum class Stage { kSession, kConnection, kOpened, kSent, kAnswered };
+
+constexpr DWORD kResponseTimeout = 90'000;  // WinHTTP's own for the wait for headers
+
+// Session, connection or request: each kind inherits what its parent had when it was made.
+struct Handle {
+  Stage stage = Stage::kSession;
+  Request request;
+  Response response;
+  std::size_t sent = 0;  // bytes of the body that were read
+  DWORD available = 0;
+  HANDLE closed = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+
+  Handle() = default;
+  Handle(const Handle&) = delete;
+  Handle& operator=(const Handle&) = delete;
+  ~Handle() { CloseHandle(closed); }
+};
+using HandlePtr = std::shared_ptr<Handle>;
+
+std::mutex mutex;  // guards what follows; never held while a handler or a wait runs
+bool scripted = false;
+std::map<std::pair<std::wstring, std::wstring>, ScriptedPortal::Handler> scripts;
+std::vector<Request> requests;
+std::map<HINTERNET, HandlePtr> handles;
+char tokens[65536];  // handles are addresses in here, used in turn
+std::size_t lastToken = 0;
+
+// Ours, and not the network's; a handle that was closed stays ours.
+bool Ours(HINTERNET handle) { return handle >= tokens && handle < std::end(tokens); }
+
+HandlePtr Find(HINTERNET handle) {
+  const std::lock_guard guard(mutex);
+  const auto found = handles.find(handle);
+  return found != handles.end() ? found->second : nullptr;
+}
+
+HINTERNET Register(HandlePtr handle) {
+  const std::lock_guard guard(mutex);
+  HINTERNET token = &tokens[lastToken++ % std::size(tokens)];
+  handles.emplace(token, std::move(handle));
+  return token;
+}
+
+BOOL Finish(DWORD error) {
+  SetLastError(error);
+  return error == ERROR_SUCCESS;
+}
+
+// The handle in one of the stages from `from` to `to`; null with the last error set otherwise.
+HandlePtr Need(const char* function, HINTERNET handle, Stage from, Stage to) {
+  HandlePtr found = Find(handle);
+  if (!found) {
+    SetLastError(ERROR_INVALID_HANDLE);  // what a call gets when another thread was faster in closing
+  } else if (found->stage < from || found->stage > to) {
+    const bool kind = (found->stage < Stage::kOpened) != (from < Stage::kOpened) || to < Stage::kOpened;
+    Violation("%s: %s", function, kind ? "not the right kind of handle" : "not the time for this call");
+    SetLastError(kind ? ERROR_WINHTTP_INCORRECT_HANDLE_TYPE : ERROR_WINHTTP_INCORRECT_HANDLE_STATE);
+    found.reset();
+  }
+  return found;
+}
+
+// A child of `parent`, or nothing when that is not of the stage.
+HandlePtr Child(const char* function, HINTERNET parent, Stage stage) {
+  const HandlePtr from = Need(function, parent, stage, stage);
+  if (!from) {
+    return nullptr;
+  }
+  auto child = std::make_shared<Handle>();
+  child->stage = static_cast<Stage>(static_cast<int>(stage) + 1);
+  child->request = from->request;
+  return child;
+}
+
+// Lets the phase take its time, unless its time-out or the closing of the handle comes first. 0: over.
+DWORD Phase(const Handle& handle, DWORD delay, int timeout) {
+  const DWORD limit = timeout > 0 ? static_cast<DWORD>(timeout) : INFINITE;  // 0 and -1: none
+  if (Wait(handle.closed, std::min(delay, limit)) == WAIT_OBJECT_0) {
+    return ERROR_WINHTTP_OPERATION_CANCELLED;
+  }
+  return delay > limit ? ERROR_WINHTTP_TIMEOUT : 0;
+}
+
+Response Answer(const Request& request) {
+  ScriptedPortal::Handler handler;
+  {
+    const std::lock_guard guard(mutex);
+    requests.push_back(request);
+    const auto found = scripts.find({request.method, request.path.substr(0, request.path.find(L'?'))});
+    if (found != scripts.end()) {
+      handler = found->second;
+    }
+  }
+  return handler ? handler(request) : Response{.status = 404};
+}
+
+DWORD SetOption(Handle& handle, DWORD option, const void* value, DWORD size) {
+  const bool certificate = option == WINHTTP_OPTION_CLIENT_CERT_CONTEXT;
+  const bool ofRequest = certificate || option == WINHTTP_OPTION_DISABLE_FEATURE ||
+                         option == WINHTTP_OPTION_ENABLE_FEATURE || option == WINHTTP_OPTION_SECURITY_FLAGS;
+  if (ofRequest && handle.stage < Stage::kOpened) {
+    Violation("WinHttpSetOption: option %lu is one of a request", option);
+    return ERROR_WINHTTP_INCORRECT_HANDLE_TYPE;
+  }
+  if (certificate && (handle.request.flags & WINHTTP_FLAG_SECURE) == 0) {
+    return ERROR_WINHTTP_INCORRECT_HANDLE_STATE;  // refused on a connection without TLS
+  }
+  // All others that the service may need are numbers.
+  if (!certificate && (value == nullptr || size != sizeof(DWORD))) {
+    Violation("WinHttpSetOption: option %lu has %lu bytes", option, size);
+    return ERROR_INSUFFICIENT_BUFFER;
+  }
+  handle.request.options[option].assign(static_cast<const char*>(value), value != nullptr ? size : 0);
+  return ERROR_SUCCESS;
+}
+
+}  // namespace
+
+DWORD Request::Number(DWORD option, DWORD missing) const {
+  const auto found = options.find(option);
+  if (found != options.end() && found->second.size() == sizeof(DWORD)) {
+    std::copy_n(found->second.data(), sizeof(DWORD), reinterpret_cast<char*>(&missing));
+  }
+  return missing;
+}
+
+ScriptedPortal::ScriptedPortal() { scripted = true; }
+
+ScriptedPortal::~ScriptedPortal() {
+  const std::lock_guard guard(mutex);
+  scripted = false;
+  scripts.clear();
+  requests.clear();
+}
+
+void ScriptedPortal::On(const std::wstring& method, const std::wstring& path, Handler handler) {
+  const std::lock_guard guard(mutex);
+  scripts[{method, path}] = std::move(handler);
+}
+
+std::vector<Request> ScriptedPortal::Requests() const {
+  const std::lock_guard guard(mutex);
+  return requests;
+}
+
+int OpenHttpHandles() {
+  const std::lock_guard guard(mutex);
+  return static_cast<int>(handles.size());
+}
+
+}  // namespace sim
+
+using namespace sim;
+
+SIM(HINTERNET, WinHttpOpen, LPCWSTR agent, DWORD access, LPCWSTR proxy, LPCWSTR bypass, DWORD flags) {
+  if (!scripted) {
+    return ::WinHttpOpen(agent, access, proxy, bypass, flags);
+  }
+  if (flags != 0 || (access != WINHTTP_ACCESS_TYPE_NAMED_PROXY && (proxy != nullptr || bypass != nullptr))) {
+    Violation("WinHttpOpen: flags 0x%lx, or a proxy without WINHTTP_ACCESS_TYPE_NAMED_PROXY", flags);
+  }
+  auto session = std::make_shared<Handle>();
+  session->request.userAgent = agent != nullptr ? agent : L"";
+  session->request.accessType = access;
+  return Register(std::move(session));
+}
+
+SIM(WINBOOL, WinHttpSetTimeouts, HINTERNET handle, int resolve, int connect, int send, int receive) {
+  if (!Ours(handle)) {
+    return ::WinHttpSetTimeouts(handle, resolve, connect, send, receive);
+  }
+  const HandlePtr found = Need("WinHttpSetTimeouts", handle, Stage::kSession, Stage::kAnswered);
+  if (!found) {
+    return FALSE;
+  }
+  if (std::min({resolve, connect, send, receive}) < -1) {
+    return Finish(ERROR_INVALID_PARAMETER);
+  }
+  found->request.resolveTimeout = resolve;
+  found->request.connectTimeout = connect;
+  found->request.sendTimeout = send;
+  found->request.receiveTimeout = receive;
+  return Finish(ERROR_SUCCESS);
+}
+
+SIM(WINBOOL, WinHttpSetOption, HINTERNET handle, DWORD option, LPVOID value, DWORD size) {
+  if (!Ours(handle)) {
+    return ::WinHttpSetOption(handle, option, value, size);
+  }
+  const HandlePtr found = Need("WinHttpSetOption", handle, Stage::kSession, Stage::kAnswered);
+  return found ? Finish(SetOption(*found, option, value, size)) : FALSE;
+}
+
+SIM(HINTERNET, WinHttpConnect, HINTERNET session, LPCWSTR host, INTERNET_PORT port, DWORD reserved) {
+  if (!Ours(session)) {
+    return ::WinHttpConnect(session, host, port, reserved);
+  }
+  HandlePtr connection = Child("WinHttpConnect", session, Stage::kSession);
+  if (!connection) {
+    return nullptr;
+  }
+  connection->request.host = host;
+  connection->request.port = port;
+  return Register(std::move(connection));
+}
+
+SIM(HINTERNET, WinHttpOpenRequest, HINTERNET connection, LPCWSTR method, LPCWSTR path, LPCWSTR version,
+    LPCWSTR referrer, LPCWSTR* accept, DWORD flags) {
+  if (!Ours(connection)) {
+    return ::WinHttpOpenRequest(connection, method, path, version, referrer, accept, flags);
+  }
+  HandlePtr request = Child("WinHttpOpenRequest", connection, Stage::kConnection);
+  if (!request) {
+    return nullptr;
+  }
+  request->request.method = method != nullptr ? method : L"GET";
+  request->request.path = path != nullptr && *path != L'\0' ? path : L"/";
+  request->request.flags = flags;
+  return Register(std::move(request));
+}
+
+SIM(WINBOOL, WinHttpSendRequest, HINTERNET handle, LPCWSTR headers, DWORD headersLength, LPVOID body, DWORD bodySize,
+    DWORD totalSize, DWORD_PTR context) {
+  if (!Ours(handle)) {
+    return ::WinHttpSendRequest(handle, headers, headersLength, body, bodySize, totalSize, context);
+  }
+  const HandlePtr found = Need("WinHttpSendRequest", handle, Stage::kOpened, Stage::kOpened);
+  if (!found) {
+    return FALSE;
+  }
+  if (totalSize != bodySize) {
+    Violation("WinHttpSendRequest: %lu of %lu bytes; writing the rest is not simulated", bodySize, totalSize);
+  }
+  Request& request = found->request;
+  if (headers != nullptr) {
+    request.headers = headersLength == static_cast<DWORD>(-1) ? headers : std::wstring(headers, headersLength);
+  }
+  request.body.assign(static_cast<const char*>(body), body != nullptr ? bodySize : 0);
+  request.at = ClockNow();
+  found->response = Answer(request);
+  const DWORD error = Phase(*found, found->response.connectDelay, request.connectTimeout);
+  found->stage = Stage::kSent;
+  return Finish(error != 0 ? error : found->response.sendError);
+}
+
+SIM(WINBOOL, WinHttpReceiveResponse, HINTERNET handle, LPVOID reserved) {
+  if (!Ours(handle)) {
+    return ::WinHttpReceiveResponse(handle, reserved);
+  }
+  const HandlePtr found = Need("WinHttpReceiveResponse", handle, Stage::kSent, Stage::kSent);
+  if (!found) {
+    return FALSE;
+  }
+  const DWORD limit = found->request.Number(WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, kResponseTimeout);
+  DWORD error = Phase(*found, found->response.headersDelay, static_cast<int>(limit));
+  error = error != 0 ? error : found->response.receiveError;
+  found->stage = error == 0 ? Stage::kAnswered : found->stage;
+  return Finish(error);
+}
+
+SIM(WINBOOL, WinHttpQueryHeaders, HINTERNET handle, DWORD what, LPCWSTR name, LPVOID buffer, LPDWORD size,
+    LPDWORD index) {
+  if (!Ours(handle)) {
+    return ::WinHttpQueryHeaders(handle, what, name, buffer, size, index);
+  }
+  const HandlePtr found = Need("WinHttpQueryHeaders", handle, Stage::kAnswered, Stage::kAnswered);
+  if (!found) {
+    return FALSE;
+  }
+  if (what != (WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER) || *size < sizeof(DWORD)) {
+    Violation("WinHttpQueryHeaders: only the status code as a number is simulated, not 0x%lx into %lu bytes", what,
+              *size);
+    return Finish(ERROR_WINHTTP_HEADER_NOT_FOUND);
+  }
+  *static_cast<DWORD*>(buffer) = found->response.status;
+  *size = sizeof(DWORD);
+  return Finish(ERROR_SUCCESS);
+}
+
+SIM(WINBOOL, WinHttpQueryDataAvailable, HINTERNET handle, LPDWORD count) {
+  if (!Ours(handle)) {
+    return ::WinHttpQueryDataAvailable(handle, count);
+  }
+  const HandlePtr found = Need("WinHttpQueryDataAvailable", handle, Stage::kAnswered, Stage::kAnswered);
+  if (!found) {
+    return FALSE;
+  }
+  DWORD error = 0;
+  if (found->available == 0) {
+    const Response& response = found->response;
+    const std::size_t left = response.body.size() - found->sent;
+    error = left != 0 ? Phase(*found, response.chunkDelay, found->request.receiveTimeout) : response.bodyError;
+    found->available = error == 0 ? static_cast<DWORD>(std::min(left, response.chunk)) : 0;
+  }
+  *count = found->available;
+  return Finish(error);
+}
+
+SIM(WINBOOL, WinHttpReadData, HINTERNET handle, LPVOID buffer, DWORD size, LPDWORD read) {
+  if (!Ours(handle)) {
+    return ::WinHttpReadData(handle, buffer, size, read);
+  }
+  const HandlePtr found = Need("WinHttpReadData", handle, Stage::kAnswered, Stage::kAnswered);
+  DWORD available = 0;
+  *read = 0;
+  if (!found || !sim_WinHttpQueryDataAvailable(handle, &available)) {
+    return FALSE;
+  }
+  const DWORD count = std::min(size, available);
+  std::copy_n(found->response.body.data() + found->sent, count, static_cast<char*>(buffer));
+  found->sent += count;
+  found->available -= count;
+  *read = count;
+  return Finish(ERROR_SUCCESS);
+}
+
+SIM(WINBOOL, WinHttpCloseHandle, HINTERNET handle) {
+  if (!Ours(handle)) {
+    return ::WinHttpCloseHandle(handle);
+  }
+  const HandlePtr found = Find(handle);
+  if (!found) {
+    Violation("WinHttpCloseHandle: closed before");
+    return Finish(ERROR_INVALID_HANDLE);
+  }
+  {
+    const std::lock_guard guard(mutex);
+    handles.erase(handle);
+  }
+  Signal(found->closed);
+  return Finish(ERROR_SUCCESS);
+}

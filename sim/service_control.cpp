@@ -1,0 +1,119 @@
+#include "sim/service_control.h"
+
+#include "sim/machine.h"
+#include "sim/seam.h"
+
+#include <wtsapi32.h>
+
+#include <cwchar>
+#include <mutex>
+
+namespace sim {
+namespace {
+
+std::mutex mutex;
+bool hosted = false;
+std::wstring serviceName;
+LPHANDLER_FUNCTION_EX handler = nullptr;
+void* handlerContext = nullptr;
+SERVICE_STATUS_HANDLE statusHandle = nullptr;
+std::vector<SERVICE_STATUS> reports;
+
+DWORD CallHandler(DWORD control, DWORD eventType, DWORD session) {
+  if (handler == nullptr) {
+    Violation("control %lu is delivered before a handler is registered", control);
+    return ERROR_SERVICE_NOT_ACTIVE;
+  }
+  WTSSESSION_NOTIFICATION notification{sizeof(notification), session};
+  return handler(control, eventType, control == SERVICE_CONTROL_SESSIONCHANGE ? &notification : nullptr,
+                 handlerContext);
+}
+
+// Under the real service manager, on a thread of its own for the life of the process.
+DWORD WINAPI ServeRequests(void*) {
+  const std::wstring area = L"ServiceControl";
+  WriteText(area, L"Request", L"");
+  HKEY key = nullptr;
+  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, (std::wstring(kMachineKey) + L"\\" + area).c_str(), 0, KEY_READ, &key) != 0) {
+    return 1;
+  }
+  for (HANDLE changed = CreateEventW(nullptr, FALSE, FALSE, nullptr);; WaitForSingleObject(changed, INFINITE)) {
+    RegNotifyChangeKeyValue(key, FALSE, REG_NOTIFY_CHANGE_LAST_SET, changed, TRUE);
+    DWORD control = 0;
+    DWORD eventType = 0;
+    DWORD session = 0;
+    if (std::swscanf(ReadText(area, L"Request").value_or(L"").c_str(), L"%lu %lu %lu", &control, &eventType,
+                     &session) >= 1) {
+      ForgetValue(area, L"Request");
+      WriteNumber(area, L"Answer", CallHandler(control, eventType, session));
+    }
+  }
+}
+
+void CheckReport(SERVICE_STATUS_HANDLE handle, const SERVICE_STATUS& status) {
+  if (handle != statusHandle) {
+    Violation("SetServiceStatus: not the handle of the registration");
+  }
+  if (status.dwServiceType != SERVICE_WIN32_OWN_PROCESS || status.dwCurrentState < SERVICE_STOPPED ||
+      status.dwCurrentState > SERVICE_PAUSED) {
+    Violation("SetServiceStatus: type 0x%lx, state %lu", status.dwServiceType, status.dwCurrentState);
+  }
+  if (!reports.empty() && reports.back().dwCurrentState == SERVICE_STOPPED) {
+    Violation("SetServiceStatus: state %lu after SERVICE_STOPPED", status.dwCurrentState);
+  }
+  const bool pending = status.dwCurrentState == SERVICE_START_PENDING || status.dwCurrentState == SERVICE_STOP_PENDING;
+  if (!pending && (status.dwWaitHint != 0 || status.dwCheckPoint != 0)) {
+    Violation("SetServiceStatus: state %lu with a wait hint or checkpoint", status.dwCurrentState);
+  }
+  if (status.dwCurrentState == SERVICE_START_PENDING && status.dwControlsAccepted != 0) {
+    Violation("SetServiceStatus: controls are accepted while the service starts");
+  }
+}
+
+}  // namespace
+
+ServiceHost::ServiceHost() { hosted = true; }
+
+ServiceHost::~ServiceHost() { hosted = false; }
+
+DWORD ServiceHost::Deliver(DWORD control, DWORD eventType, DWORD session) {
+  return CallHandler(control, eventType, session);
+}
+
+std::vector<SERVICE_STATUS> ServiceHost::Reports() const {
+  const std::lock_guard guard(mutex);
+  return reports;
+}
+
+std::wstring ServiceHost::ServiceName() const {
+  const std::lock_guard guard(mutex);
+  return serviceName;
+}
+
+}  // namespace sim
+
+using namespace sim;
+
+SIM(SERVICE_STATUS_HANDLE, RegisterServiceCtrlHandlerExW, LPCWSTR name, LPHANDLER_FUNCTION_EX newHandler,
+    LPVOID context) {
+  const std::lock_guard guard(mutex);
+  SERVICE_STATUS_HANDLE handle = hosted ? reinterpret_cast<SERVICE_STATUS_HANDLE>(0x51)
+                                        : ::RegisterServiceCtrlHandlerExW(name, newHandler, context);
+  if (handle != nullptr) {
+    serviceName = name;
+    handler = newHandler;
+    handlerContext = context;
+    statusHandle = handle;
+    if (!hosted) {
+      CloseHandle(CreateThread(nullptr, 0, ServeRequests, nullptr, 0, nullptr));
+    }
+  }
+  return handle;
+}
+
+SIM(WINBOOL, SetServiceStatus, SERVICE_STATUS_HANDLE handle, LPSERVICE_STATUS status) {
+  const std::lock_guard guard(mutex);
+  CheckReport(handle, *status);
+  reports.push_back(*status);
+  return hosted ? TRUE : ::SetServiceStatus(handle, status);
+}

@@ -1,0 +1,23 @@
+// Restarts of the simulated machine: nothing restarts, the request is kept (area "Shutdown").
+#pragma once
+
+#include "win32/winapi.h"
+
+#include <optional>
+#include <string>
+
+namespace sim {
+
+struct ShutdownRequest {
+  std::wstring message;
+  DWORD timeout;  // seconds
+  bool forceAppsClosed;
+  bool restart;
+  DWORD reason;
+};
+
+// The request that is under way. Another one fails until it is forgotten.
+std::optional<ShutdownRequest> PendingShutdown();
+void ForgetShutdown();
+
+}  // namespace sim

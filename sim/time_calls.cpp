@@ -1,0 +1,96 @@
+// The calls of Windows that tell time, wait, signal and start threads.
+#include "sim/clock.h"
+#include "sim/clock_internal.h"
+#include "sim/seam.h"
+
+using namespace sim;
+
+namespace {
+
+FILETIME ToFileTime(std::uint64_t value) { return {static_cast<DWORD>(value), static_cast<DWORD>(value >> 32)}; }
+
+}  // namespace
+
+SIM(ULONGLONG, GetTickCount64, ) { return ClockIsVirtual() ? VirtualTicks() : ::GetTickCount64(); }
+
+SIM(void, GetSystemTimeAsFileTime, LPFILETIME time) {
+  if (ClockIsVirtual()) {
+    *time = ToFileTime(VirtualUtc());
+  } else {
+    ::GetSystemTimeAsFileTime(time);
+  }
+}
+
+SIM(void, GetSystemTime, LPSYSTEMTIME time) {
+  if (ClockIsVirtual()) {
+    const FILETIME now = ToFileTime(VirtualUtc());
+    FileTimeToSystemTime(&now, time);
+  } else {
+    ::GetSystemTime(time);
+  }
+}
+
+SIM(void, GetLocalTime, LPSYSTEMTIME time) {
+  if (ClockIsVirtual()) {
+    const std::int64_t local = static_cast<std::int64_t>(VirtualUtc()) - std::int64_t{VirtualBias()} * 600'000'000;
+    const FILETIME now = ToFileTime(static_cast<std::uint64_t>(local));
+    FileTimeToSystemTime(&now, time);
+  } else {
+    ::GetLocalTime(time);
+  }
+}
+
+SIM(DWORD, WaitForSingleObject, HANDLE object, DWORD milliseconds) { return Wait(object, milliseconds); }
+
+SIM(DWORD, WaitForMultipleObjects, DWORD count, const HANDLE* objects, BOOL all, DWORD milliseconds) {
+  return WaitMany(count, objects, all, milliseconds);
+}
+
+SIM(DWORD, SleepEx, DWORD milliseconds, BOOL alertable) {
+  if (!ClockIsVirtual()) {
+    return ::SleepEx(milliseconds, alertable);
+  }
+  // Asynchronous procedure calls are delivered before the sleep only.
+  const DWORD delivered = ::SleepEx(0, alertable);
+  if (milliseconds != 0 && delivered == 0) {
+    SleepVirtually(milliseconds);
+  }
+  return delivered;
+}
+
+SIM(void, Sleep, DWORD milliseconds) { sim_SleepEx(milliseconds, FALSE); }
+
+SIM(BOOL, SetEvent, HANDLE event) {
+  const BOOL set = ::SetEvent(event);
+  LockReleased();
+  return set;
+}
+
+SIM(HANDLE, CreateThread, LPSECURITY_ATTRIBUTES security, SIZE_T stack, LPTHREAD_START_ROUTINE body, LPVOID argument,
+    DWORD flags, LPDWORD id) {
+  if (!ClockIsVirtual()) {
+    return ::CreateThread(security, stack, body, argument, flags, id);
+  }
+  std::unique_ptr<Start> start = Starting(body, argument, true);
+  HANDLE thread = ::CreateThread(security, stack, RunStarted, start.get(), flags, id);
+  if (thread == nullptr) {
+    NotStarted(*start);
+  } else {
+    static_cast<void>(start.release());
+  }
+  return thread;
+}
+
+SIM(BOOL, QueueUserWorkItem, LPTHREAD_START_ROUTINE body, PVOID argument, ULONG flags) {
+  if (!ClockIsVirtual()) {
+    return ::QueueUserWorkItem(body, argument, flags);
+  }
+  std::unique_ptr<Start> start = Starting(body, argument, false);
+  const BOOL queued = ::QueueUserWorkItem(RunStarted, start.get(), flags);
+  if (!queued) {
+    NotStarted(*start);
+  } else {
+    static_cast<void>(start.release());
+  }
+  return queued;
+}

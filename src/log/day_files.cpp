@@ -1,0 +1,177 @@
+#include "log/day_files.h"
+
+#include "win32/handle.h"
+#include "win32/lock.h"
+#include "win32/secure_folder.h"
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <cwchar>
+
+namespace kiosk::log {
+namespace {
+
+using win32::FileHandle;
+
+constexpr std::size_t kMaxOpenFiles = 32;
+constexpr std::size_t kNameSize = 64;
+
+struct WriteLock {
+  win32::Lock lock{win32::LockRank::kLogFile};
+};
+
+struct OpenFile {
+  std::array<char, kNameSize> component;
+  HANDLE file;
+};
+
+// Everything below is guarded by `lock`. Nothing here has a destructor: threads may log until the process is gone, and
+// Windows closes the files then.
+win32::Lock lock{win32::LockRank::kLog};
+std::array<OpenFile, kMaxOpenFiles> openFiles;
+std::size_t openCount = 0;
+WORD currentYear = 0;  // 0: no day chosen yet
+WORD currentMonth = 0;
+WORD currentDay = 0;
+std::array<wchar_t, 96> dayFolder;
+std::array<wchar_t, 8> dayStamp;
+
+// One for each place in the table, for whole lines while `lock` is shared: not every file system finds the end of the file
+// and writes there in one step.
+std::array<WriteLock, kMaxOpenFiles> writeLocks;
+
+bool IsCurrentDay(const SYSTEMTIME& now) noexcept {
+  return now.wYear == currentYear && now.wMonth == currentMonth && now.wDay == currentDay;
+}
+
+OpenFile* Find(const char* component) noexcept {
+  for (std::size_t i = 0; i < openCount; ++i) {
+    if (std::strncmp(openFiles[i].component.data(), component, kNameSize - 1) == 0) {
+      return &openFiles[i];
+    }
+  }
+  return nullptr;
+}
+
+bool WriteWhole(HANDLE file, std::string_view line) noexcept {
+  DWORD written = 0;
+  return WriteFile(file, line.data(), static_cast<DWORD>(line.size()), &written, nullptr) != 0;
+}
+
+void CloseAll() noexcept {
+  for (std::size_t i = 0; i < openCount; ++i) {
+    FileHandle(openFiles[i].file).Reset();
+  }
+  openCount = 0;
+}
+
+void Remove(OpenFile* entry) noexcept {
+  FileHandle(entry->file).Reset();
+  *entry = openFiles[--openCount];
+}
+
+// A plain file with one name. Somebody who could write here before the folder was secured may have left a link to
+// another file under a name that he guessed.
+bool IsPlainFile(HANDLE file) noexcept {
+  BY_HANDLE_FILE_INFORMATION info;
+  return GetFileInformationByHandle(file, &info) != 0 && info.nNumberOfLinks == 1 &&
+         (info.dwFileAttributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) == 0;
+}
+
+FileHandle OpenForAppend(const wchar_t* path) noexcept {
+  return FileHandle(CreateFileW(path, FILE_APPEND_DATA | FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+}
+
+// Caller holds the lock alone.
+FileHandle OpenComponentFile(const char* component) noexcept {
+  std::array<wchar_t, kNameSize> name;
+  if (MultiByteToWideChar(CP_UTF8, 0, component, -1, name.data(), static_cast<int>(name.size())) == 0) {
+    return {};
+  }
+  std::array<wchar_t, 192> path;
+  std::swprintf(path.data(), path.size(), L"%ls\\%ls_%ls.log", dayFolder.data(), name.data(), dayStamp.data());
+  FileHandle file = OpenForAppend(path.data());
+  if (!file && GetLastError() == ERROR_PATH_NOT_FOUND &&
+      win32::SecureFolder(dayFolder.data(), win32::kPrivateFolderSddl)) {
+    file = OpenForAppend(path.data());
+  }
+  if (file && !IsPlainFile(file.Get())) {
+    file.Reset();
+  }
+  return file;
+}
+
+// Writes to the open file, if there is one. A file that cannot be written any more is forgotten.
+bool AppendToOpen(const char* component, std::string_view line) noexcept {
+  {
+    const win32::SharedLockGuard guard(lock);
+    const OpenFile* entry = Find(component);
+    if (entry == nullptr) {
+      return false;
+    }
+    const win32::LockGuard write(writeLocks[static_cast<std::size_t>(entry - openFiles.data())].lock);
+    if (WriteWhole(entry->file, line)) {
+      return true;
+    }
+  }
+  const win32::LockGuard guard(lock);
+  if (OpenFile* entry = Find(component)) {
+    if (WriteWhole(entry->file, line)) {
+      return true;
+    }
+    Remove(entry);
+  }
+  return false;
+}
+
+}  // namespace
+
+bool ChooseDay(const SYSTEMTIME& now) noexcept {
+  {
+    const win32::SharedLockGuard guard(lock);
+    if (IsCurrentDay(now)) {
+      return false;
+    }
+  }
+  const win32::LockGuard guard(lock);
+  if (IsCurrentDay(now)) {
+    return false;
+  }
+  CloseAll();
+  const bool replaced = currentYear != 0;
+  currentYear = now.wYear;
+  currentMonth = now.wMonth;
+  currentDay = now.wDay;
+  std::swprintf(dayFolder.data(), dayFolder.size(), L"%ls\\%04d-%02d-%02d", kLogRoot, now.wYear, now.wMonth, now.wDay);
+  std::swprintf(dayStamp.data(), dayStamp.size(), L"%02d%02d%02d", now.wHour, now.wMinute, now.wSecond);
+  // A folder that cannot be made shows again when a file in it is opened.
+  static_cast<void>(win32::SecureFolder(dayFolder.data(), win32::kPrivateFolderSddl));
+  return replaced;
+}
+
+void AppendLine(const char* component, std::string_view line) noexcept {
+  if (AppendToOpen(component, line)) {
+    return;
+  }
+  const win32::LockGuard guard(lock);
+  // Another thread may have opened it since.
+  if (const OpenFile* entry = Find(component)) {
+    WriteWhole(entry->file, line);
+    return;
+  }
+  FileHandle file = currentYear != 0 ? OpenComponentFile(component) : FileHandle();
+  if (!file) {
+    return;
+  }
+  WriteWhole(file.Get(), line);
+  if (openCount < kMaxOpenFiles) {
+    OpenFile& entry = openFiles[openCount++];
+    entry.component.fill('\0');
+    std::strncpy(entry.component.data(), component, kNameSize - 1);
+    entry.file = file.Release();
+  }
+}
+
+}  // namespace kiosk::log

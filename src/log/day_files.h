@@ -1,0 +1,21 @@
+// One file per component and day, in a folder per day below the log root. All state is in day_files.cpp, under one
+// reader-writer lock: appending to an open file shares it, opening, closing and the change of day take it alone.
+#pragma once
+
+#include "win32/winapi.h"
+
+#include <string_view>
+
+namespace kiosk::log {
+
+inline constexpr wchar_t kLogRoot[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Logs";
+
+// Makes the folder of the given local day the current one; files of the day before are closed. True when a day before it
+// was replaced (the caller then prunes).
+bool ChooseDay(const SYSTEMTIME& now) noexcept;
+
+// Appends a whole line (with its newline) to the component's file of the current day, in one write. A line that cannot be
+// written is dropped silently.
+void AppendLine(const char* component, std::string_view line) noexcept;
+
+}  // namespace kiosk::log

@@ -1,0 +1,121 @@
+#include "log/identity.h"
+
+#include "log/settings.h"
+#include "state/registry.h"
+#include "text/text.h"
+#include "win32/handle.h"
+#include "win32/random.h"
+#include "win32/wide_text.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <optional>
+
+namespace kiosk::log {
+namespace {
+
+constexpr std::size_t kUuidLength = 36;
+
+std::string OrUnknown(const std::optional<std::wstring>& text, std::size_t limit) {
+  std::string narrow = win32::ToNarrow(text.value_or(L""));
+  narrow.resize(text::CutLength(narrow, limit));
+  return narrow.empty() ? "unknown" : narrow;
+}
+
+std::optional<std::wstring> ComputerName() {
+  std::array<wchar_t, 128> name{};
+  DWORD size = name.size();
+  if (GetComputerNameW(name.data(), &size) == 0) {
+    return std::nullopt;
+  }
+  return std::wstring(name.data(), size);
+}
+
+bool IsUuid(std::string_view text) {
+  if (text.size() != kUuidLength) {
+    return false;
+  }
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+    const char c = text[i];
+    const bool hex = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+    if (dash ? c != '-' : !hex) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// Version 4, RFC 9562.
+std::string NewUuid() {
+  std::array<std::uint8_t, 16> bytes{};
+  if (!win32::FillRandom(bytes.data(), bytes.size())) {
+    return {};
+  }
+  bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0FU) | 0x40U);
+  bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3FU) | 0x80U);
+  constexpr char kDigits[] = "0123456789abcdef";
+  std::string uuid;
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    if (i == 4 || i == 6 || i == 8 || i == 10) {
+      uuid += '-';
+    }
+    uuid += kDigits[bytes[i] >> 4U];
+    uuid += kDigits[bytes[i] & 0x0FU];
+  }
+  return uuid;
+}
+
+std::string ReadUuid(const std::wstring& path) {
+  const win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                           FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+  std::array<char, 64> buffer{};
+  DWORD read = 0;
+  if (!file || ReadFile(file.Get(), buffer.data(), buffer.size(), &read, nullptr) == 0) {
+    return {};
+  }
+  const std::string_view text = text::TrimSpace({buffer.data(), read});
+  return IsUuid(text) ? std::string(text) : std::string();
+}
+
+// Written whole under a name of its own and moved into place, so that no other process ever reads a half.
+bool WriteUuid(const std::wstring& path, const std::string& uuid) {
+  const std::wstring temporary = path + L"." + std::to_wstring(GetCurrentProcessId()) + L".tmp";
+  DeleteFileW(temporary.c_str());
+  {
+    const win32::FileHandle file(
+        CreateFileW(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+    DWORD written = 0;
+    if (!file || WriteFile(file.Get(), uuid.data(), kUuidLength, &written, nullptr) == 0 || written != kUuidLength ||
+        FlushFileBuffers(file.Get()) == 0) {
+      return false;
+    }
+  }
+  return MoveFileExW(temporary.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+}
+
+}  // namespace
+
+Identity ReadIdentity() {
+  Identity identity;
+  identity.host = OrUnknown(ComputerName(), 128);
+  identity.machine = OrUnknown(state::ReadString(L"SOFTWARE\\Microsoft\\Cryptography", L"MachineGuid"), 64);
+  identity.tenant = OrUnknown(ReadSettingString(L"TenantId"), 64);
+  identity.site = OrUnknown(ReadSettingString(L"Site"), 64);
+  return identity;
+}
+
+std::string LoadOrCreateInstallId(const wchar_t* root) {
+  const std::wstring path = std::wstring(root) + L"\\client_uuid.txt";
+  std::string uuid = ReadUuid(path);
+  if (uuid.empty()) {
+    uuid = NewUuid();
+    if (uuid.empty() || !WriteUuid(path, uuid)) {
+      return {};
+    }
+  }
+  return uuid;
+}
+
+}  // namespace kiosk::log

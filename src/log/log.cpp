@@ -1,0 +1,209 @@
+#include "log/log.h"
+
+#include "log/day_files.h"
+#include "log/housekeeping.h"
+#include "log/identity.h"
+#include "log/settings.h"
+#include "log/shipper/shipper.h"
+#include "text/text.h"
+#include "win32/clock.h"
+#include "win32/secure_folder.h"
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+
+namespace kiosk::log {
+namespace {
+
+constexpr std::size_t kTextSize = 2048;
+constexpr std::size_t kLineSize = 2112;
+constexpr std::size_t kRaiseLength = 191;
+constexpr std::uint64_t kPruneInterval = 3'600'000;
+constexpr unsigned kShipperStopWait = 2000;
+
+constexpr const char* kFailureWords[] = {"fail",      "error",   "denied",    "refused", "timed out", "timeout",
+                                         "unable to", "cannot ", "exception", "aborted", "not found", "invalid"};
+
+// The tree, outermost first, so that each folder is made inside one that is already secured.
+constexpr const wchar_t* kFolders[] = {
+    L"C:\\ProgramData\\Norvane",
+    L"C:\\ProgramData\\Norvane\\Tessaly",
+    L"C:\\ProgramData\\Norvane\\Tessaly\\Logs",
+    L"C:\\ProgramData\\Norvane\\Tessaly\\Logs\\Archive",
+    L"C:\\ProgramData\\Norvane\\Tessaly\\Logs\\Drop",
+    L"C:\\ProgramData\\Norvane\\Tessaly\\Logs\\Drop\\Taken",
+};
+
+enum class Ready { kNo, kRunning, kYes };
+
+// Written by the one thread that initialises, before `ready` says so; only read afterwards.
+bool localFiles = false;
+bool central = false;
+std::atomic<Ready> ready{Ready::kNo};
+std::atomic<std::uint64_t> nextPrune{0};
+
+// Kept for the banner; leaked on purpose, since detached threads may log while static objects would be destroyed.
+const Identity* identity = nullptr;
+
+bool SecureLogTree() noexcept {
+  CreateDirectoryW(L"C:\\ProgramData", nullptr);
+  return std::all_of(std::begin(kFolders), std::end(kFolders), [](const wchar_t* folder) {
+    return static_cast<bool>(win32::SecureFolder(folder, win32::kPrivateFolderSddl));
+  });
+}
+
+void Initialise() {
+  auto* mine = new Identity(ReadIdentity());
+  identity = mine;
+  // Without a secured tree nothing in it can be trusted: neither written, nor moved, nor pruned.
+  const bool secured = SecureLogTree();
+  localFiles = secured && ReadSettingNumber(L"LocalLogging").value_or(1) != 0;
+  if (secured) {
+    SYSTEMTIME today;
+    GetLocalTime(&today);
+    ArchiveOldFiles(today);
+    mine->install = LoadOrCreateInstallId(kLogRoot);
+  } else {
+    nextPrune = UINT64_MAX;
+  }
+  central = shipper::Start(*mine);
+}
+
+void EnsureReady() noexcept {
+  if (ready.load(std::memory_order_acquire) == Ready::kYes) {
+    return;
+  }
+  Ready expected = Ready::kNo;
+  if (ready.compare_exchange_strong(expected, Ready::kRunning)) {
+    try {
+      Initialise();
+    } catch (const std::exception&) {
+      localFiles = false;  // out of memory this early: there is nobody to tell
+    }
+    ready.store(Ready::kYes, std::memory_order_release);
+    return;
+  }
+  while (ready.load(std::memory_order_acquire) != Ready::kYes) {
+    Sleep(1);
+  }
+}
+
+DWORD WINAPI PruneItem(void* /*context*/) noexcept {
+  try {
+    Prune();
+  } catch (const std::exception& problem) {
+    Log(kError, kKiosk, "log: prune ended early (%s)", problem.what());
+  }
+  return 0;
+}
+
+void PruneWhenDue(bool dayChanged) noexcept {
+  const std::uint64_t now = win32::TickCount();
+  std::uint64_t due = nextPrune.load();
+  if (due == UINT64_MAX || (!dayChanged && now < due)) {
+    return;
+  }
+  // Of all threads that see it due, the one that moves it on queues the work.
+  if (nextPrune.compare_exchange_strong(due, now + kPruneInterval)) {
+    QueueUserWorkItem(PruneItem, nullptr, WT_EXECUTELONGFUNCTION);
+  }
+}
+
+bool HoldsFailureWord(std::string_view message) noexcept {
+  std::array<char, kRaiseLength> lower;
+  const std::size_t length = std::min(message.size(), lower.size());
+  std::transform(message.begin(), message.begin() + static_cast<std::ptrdiff_t>(length), lower.begin(),
+                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+  const std::string_view text(lower.data(), length);
+  return std::any_of(std::begin(kFailureWords), std::end(kFailureWords),
+                     [text](const char* word) { return text.find(word) != std::string_view::npos; });
+}
+
+const char* Label(int level) noexcept {
+  if (level <= kError) {
+    return "ERROR";
+  }
+  if (level == kWarn) {
+    return "WARN";
+  }
+  return level < kDebug ? "INFO" : "DEBUG";
+}
+
+void WriteLocal(const char* component, int level, std::string_view stamp, std::string_view message) noexcept {
+  std::array<char, kLineSize> line;
+  const int written = std::snprintf(line.data(), line.size(), "%.*s%s %.*s\n", static_cast<int>(stamp.size()),
+                                    stamp.data(), Label(level), static_cast<int>(message.size()), message.data());
+  if (written <= 0) {
+    return;
+  }
+  auto length = static_cast<std::size_t>(written);
+  if (length >= line.size()) {
+    length = line.size() - 1;
+    line[length - 1] = '\n';
+  }
+  AppendLine(component, {line.data(), length});
+}
+
+}  // namespace
+
+void Log(int level, const char* component, const char* format, ...) {
+  EnsureReady();
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  PruneWhenDue(localFiles && ChooseDay(now));
+
+  std::array<char, kTextSize> text;
+  const int stampLength = std::snprintf(text.data(), text.size(), "[%02d:%02d:%02d.%03d] ", now.wHour, now.wMinute,
+                                        now.wSecond, now.wMilliseconds);
+  const auto stamp = static_cast<std::size_t>(stampLength);
+  va_list arguments;
+  va_start(arguments, format);
+  const int wanted = std::vsnprintf(text.data() + stamp, text.size() - stamp, format, arguments);
+  va_end(arguments);
+  if (wanted < 0) {
+    return;
+  }
+  const std::size_t room = text.size() - stamp - 1;
+  std::size_t length = static_cast<std::size_t>(wanted);
+  if (length > room) {
+    length = text::CutLength({text.data() + stamp, room + 1}, room);
+  }
+  text::MakeSingleLine(text.data() + stamp, length);
+  const std::string_view message(text.data() + stamp, length);
+  if (level == kInfo && HoldsFailureWord(message)) {
+    level = kError;
+  }
+  shipper::HandOff(level, component, message);
+  if (localFiles) {
+    WriteLocal(component, level, {text.data(), stamp}, message);
+  }
+}
+
+void StartBanner(const char* component) {
+  EnsureReady();
+  Log(kNotice, component, "%s v%s starting", component, kVersion);
+  if (identity != nullptr) {
+    Log(kNotice, component, "machine=%s tenant=%s site=%s host=%s", identity->machine.c_str(),
+        identity->tenant.c_str(), identity->site.c_str(), identity->host.c_str());
+  }
+  Log(kNotice, component, "Central logging: %s | local files: %s", central ? "on" : "off", localFiles ? "on" : "off");
+}
+
+void StopBanner(const char* component) {
+  Log(kNotice, component, "%s shutting down", component);
+  if (central) {
+    shipper::Stop(kShipperStopWait);
+  }
+}
+
+void EndProcess(unsigned exitCode) noexcept {
+  TerminateProcess(GetCurrentProcess(), exitCode);
+  __builtin_unreachable();
+}
+
+}  // namespace kiosk::log

@@ -1,0 +1,39 @@
+// The one log call of the program, and the banners around a run.
+//
+// Any thread may log at any time, while it holds any lock but the log's own; the first call initialises logging. A call
+// never fails its caller, allocates nothing (save when a file is opened) and makes one whole line of its message whatever
+// bytes the message holds.
+#pragma once
+
+#include "version.h"
+
+namespace kiosk::log {
+
+// Syslog numbers. Lower is graver.
+enum Level : int {
+  kError = 3,   // failures
+  kWarn = 4,    // refusals, degraded operation
+  kNotice = 5,  // start-up, state changes, actions taken; labelled INFO and never raised
+  kInfo = 6,    // chatty; raised to kError when it holds a word of failure
+  kDebug = 7,
+};
+
+inline constexpr char kVersion[] = NORVANE_VERSION_TEXT;
+
+// The component of every line of this service.
+inline constexpr char kKiosk[] = "Kiosk";
+
+// printf-style; text is UTF-8. Wide text goes through win32::ToNarrow first, because %ls writes nothing for characters
+// outside ASCII. `component` names the file the line goes to, at most 63 characters.
+void Log(int level, const char* component, const char* format, ...) __attribute__((format(gnu_printf, 3, 4)));
+
+// Initialises logging, chooses today's folder, and writes who and what is starting.
+void StartBanner(const char* component);
+
+// Writes that the program is shutting down and stops central shipping (at most 2 s).
+void StopBanner(const char* component);
+
+// Ends the process at once with `exitCode`, without running anything of a caller or of a library on the way.
+[[noreturn]] void EndProcess(unsigned exitCode) noexcept;
+
+}  // namespace kiosk::log

@@ -1,0 +1,127 @@
+#include "pipe/connection.h"
+
+#include "json/reply.h"
+#include "json/serialise.h"
+#include "log/log.h"
+#include "pipe/caller.h"
+#include "pipe/dispatch.h"
+#include "pipe/framing.h"
+#include "pipe/overlapped.h"
+#include "text/secret.h"
+#include "win32/clock.h"
+#include "win32/stop.h"
+
+#include <exception>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace kiosk::pipe {
+namespace {
+
+using log::kKiosk;
+
+constexpr std::uint64_t kRequestDeadline = 15'000;
+constexpr DWORD kReplyDeadline = 5000;
+constexpr std::uint64_t kLeaveDeadline = 5000;
+
+class Connection {
+ public:
+  Connection(win32::FileHandle pipe, std::uint64_t connectedAt) noexcept
+      : pipe_(std::move(pipe)), connectedAt_(connectedAt) {}
+  Connection(const Connection&) = delete;
+  Connection& operator=(const Connection&) = delete;
+  ~Connection() { DisconnectNamedPipe(pipe_.Get()); }
+
+  void Run();
+
+ private:
+  IoResult Read(std::span<char> room, DWORD milliseconds) noexcept {
+    const BOOL started = ReadFile(pipe_.Get(), room.data(), static_cast<DWORD>(room.size()), nullptr, io_.Begin());
+    return io_.Finish(pipe_.Get(), started, milliseconds);
+  }
+  void ReadRequest(RequestBuffer& request);
+  text::Secret Answer(std::string_view request);
+  bool Write(std::string_view reply) noexcept;
+  void AwaitLeave() noexcept;
+
+  win32::FileHandle pipe_;
+  std::uint64_t connectedAt_;
+  const win32::Deadline deadline_{kRequestDeadline};
+  OverlappedIo io_;
+};
+
+void Connection::Run() {
+  if (!io_) {
+    log::Log(log::kError, kKiosk, "pipe: cannot create a connection's event (%lu)", GetLastError());
+    return;
+  }
+  RequestBuffer request;
+  ReadRequest(request);
+  if (request.Request().empty()) {
+    return;
+  }
+  const text::Secret reply = Answer(request.Request());
+  if (Write(reply.Get())) {
+    AwaitLeave();
+  }
+}
+
+void Connection::ReadRequest(RequestBuffer& request) {
+  while (!request.Over() && !deadline_.Passed()) {
+    const IoResult read = Read(request.Room(), deadline_.Left());
+    if (read.end != IoEnd::kDone || read.bytes == 0) {
+      return;
+    }
+    request.Added(read.bytes);
+  }
+}
+
+// The reply line. The request is not looked at before its caller is verified.
+text::Secret Connection::Answer(std::string_view request) {
+  CallerRecord caller;
+  std::string refusal = CheckCallerProcess(pipe_.Get(), connectedAt_);
+  if (refusal.empty()) {
+    refusal = IdentifyCaller(pipe_.Get(), caller);
+  }
+  json::Value reply;
+  const text::WipeOnExit wipe(reply);
+  if (refusal.empty()) {
+    reply = Dispatch({pipe_.Get(), caller}, request);
+  } else {
+    log::Log(log::kWarn, kKiosk, "caller refused: %s", refusal.c_str());
+    reply = json::ErrorReply("caller_refused");
+  }
+  text::Secret line(json::Serialise(reply));
+  line.Append("\n");
+  return line;
+}
+
+bool Connection::Write(std::string_view reply) noexcept {
+  const BOOL started = WriteFile(pipe_.Get(), reply.data(), static_cast<DWORD>(reply.size()), nullptr, io_.Begin());
+  return io_.Finish(pipe_.Get(), started, kReplyDeadline).end == IoEnd::kDone;
+}
+
+// Disconnecting takes an unread reply away from the client, and flushing would wait for the reader without limit. So
+// the client is given time to close its end; what it still sends is thrown away.
+void Connection::AwaitLeave() noexcept {
+  const win32::Deadline deadline(kLeaveDeadline);
+  IoResult read{IoEnd::kDone};
+  while (read.end == IoEnd::kDone && !deadline.Passed() && !win32::StopRequested()) {
+    char unwanted = 0;
+    read = Read({&unwanted, 1}, deadline.Left());
+  }
+}
+
+}  // namespace
+
+void ServeConnection(win32::FileHandle pipe, std::uint64_t connectedAt) noexcept {
+  try {
+    Connection(std::move(pipe), connectedAt).Run();
+  } catch (const std::exception& problem) {
+    log::Log(log::kError, kKiosk, "pipe: a connection ended early (%s)", problem.what());
+  }
+}
+
+}  // namespace kiosk::pipe

@@ -1,0 +1,14 @@
+// One connection: one request line, one reply line.
+#pragma once
+
+#include "win32/handle.h"
+
+#include <cstdint>
+
+namespace kiosk::pipe {
+
+// Serves the client of a connected instance and closes it. The body of the connection's own thread. `connectedAt` is
+// the system time, in 100 ns units since 1601, at which the client was there.
+void ServeConnection(win32::FileHandle pipe, std::uint64_t connectedAt) noexcept;
+
+}  // namespace kiosk::pipe

@@ -1,0 +1,41 @@
+#include "pipe/status.h"
+
+#include "account/kiosk_session.h"
+#include "json/reply.h"
+#include "portal/sign_in_store.h"
+#include "state/kiosk_state.h"
+#include "win32/wide_text.h"
+
+#include <string>
+#include <utility>
+
+namespace kiosk::pipe {
+namespace {
+
+bool ComesFromKioskSession(HANDLE pipe) {
+  ULONG sessionId = 0;
+  return GetNamedPipeClientSessionId(pipe, &sessionId) != 0 && sessionId != 0 && account::IsKioskSession(sessionId);
+}
+
+std::string StateText(const state::StateValue& value) { return win32::ToNarrow(state::ReadStateString(value)); }
+
+}  // namespace
+
+json::Value StatusReport(HANDLE pipe) {
+  const bool provisioned = state::FlagIsOn(state::kProvisioned);
+  json::Value reply = json::OkReply();
+  reply.Set("enrolled", state::TokenIsStored());
+  reply.Set("provisioned", provisioned);
+  reply.Set("kioskSession", provisioned && ComesFromKioskSession(pipe));
+  reply.Set("maintenance", state::FlagIsOn(state::kMaintenance));
+  reply.Set("account", win32::ToNarrow(account::kKioskUser));
+  reply.Set("terminalName", StateText(state::kTerminalName));
+  reply.Set("signIn", portal::LoadSignIn());
+  std::string lastError = StateText(state::kLastError);
+  if (!lastError.empty()) {
+    reply.Set("error", std::move(lastError));
+  }
+  return reply;
+}
+
+}  // namespace kiosk::pipe

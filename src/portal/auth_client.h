@@ -1,0 +1,36 @@
+// The one function through which the service talks to the portal's authentication service.
+#pragma once
+
+#include "text/secret.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace kiosk::portal {
+
+struct AuthReply {
+  std::int32_t answered = 0;  // 1 once a response with a status line arrived and the call was not cut short
+  std::int32_t status = 0;    // the HTTP status; 0 while not answered
+  text::Secret body;          // as received; may hold a token or a password
+  std::string error;          // why there was no answer; empty otherwise
+};
+
+// Most body bytes of an API reply before reading stops.
+inline constexpr std::size_t kApiBodyLimit = 65536;
+inline constexpr wchar_t kAcceptJson[] = L"application/json";
+// Milliseconds that one whole API call may take, whatever the server does.
+inline constexpr std::uint32_t kApiDeadline = 60'000;
+
+// Sends one request and reads its answer. `path` begins with "/" (UTF-8) and follows the base URL; an empty `body` or
+// `bearerToken` is left out. Redirects are never followed, so the token goes to no other place. Reading stops after the
+// chunk that exceeds `maxBody` bytes.
+//
+// Never throws for a network failure and never logs. The error texts: "unparseable AuthBaseUrl", "WinHttpOpen failed",
+// "cannot open the request", and "WinHTTP error N", where 12002 also stands for a call that used up `deadline` and 12017
+// for one that a service stop ended. Under a stop the call returns within one phase (15 s) at the worst.
+AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std::string& body,
+                      const std::string& bearerToken, std::size_t maxBody, const wchar_t* accept,
+                      std::uint32_t deadline = kApiDeadline);
+
+}  // namespace kiosk::portal

@@ -1,0 +1,32 @@
+// One check-in: tells the portal that the terminal is alive, and takes over what the portal decides for it.
+#pragma once
+
+#include "json/value.h"
+#include "text/secret.h"
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace kiosk::portal {
+
+enum class DeviceStatus : std::int32_t { kNone = 0, kRevoked = 1, kUnknown = 2 };
+
+struct CheckInResult {
+  DeviceStatus deviceStatus = DeviceStatus::kNone;  // from a 401
+  text::Secret exitPassword;                        // as the reply has it; empty when it has none
+  std::string error;                                // empty on success
+  json::Value branding;                             // null when absent
+  std::string tenantId;                             // empty when absent
+};
+
+// Posts a check-in with `token` as bearer and applies a good reply: "UnknownSince" is deleted, the sign-in methods and the
+// terminal name are stored where they differ. Any other answer applies nothing. Never throws for a failure: the error
+// text says what went wrong.
+CheckInResult CheckIn(const std::string& token);
+
+// True for the texts that CheckInResult::error can hold, as opposed to the failure codes of other areas that "LastError"
+// may hold as well.
+bool IsCheckInError(std::string_view text);
+
+}  // namespace kiosk::portal

@@ -1,0 +1,57 @@
+#include "portal/device_token.h"
+
+#include "log/log.h"
+#include "state/kiosk_state.h"
+#include "state/registry.h"
+#include "win32/handle.h"
+
+#include <dpapi.h>
+
+namespace kiosk::portal {
+namespace {
+
+constexpr wchar_t kDescription[] = L"Norvane kiosk device token";
+
+}  // namespace
+
+text::Secret ReadDeviceToken() {
+  auto stored = state::ReadBinary(state::kStateKey, state::kDeviceToken.name);
+  if (!stored || stored->empty()) {
+    return {};
+  }
+  DATA_BLOB blob{static_cast<DWORD>(stored->size()), stored->data()};
+  DATA_BLOB plain{};
+  if (CryptUnprotectData(&blob, nullptr, nullptr, nullptr, nullptr, CRYPTPROTECT_UI_FORBIDDEN, &plain) == 0) {
+    log::Log(log::kError, log::kKiosk, "cannot unprotect the device token (%lu)", GetLastError());
+    return {};
+  }
+  const win32::LocalMemory owner(plain.pbData);
+  text::Secret token(std::string(reinterpret_cast<const char*>(plain.pbData), plain.cbData));
+  SecureZeroMemory(plain.pbData, plain.cbData);
+  return token;
+}
+
+bool StoreDeviceToken(const std::string& token) {
+  DATA_BLOB plain{static_cast<DWORD>(token.size()),
+                  reinterpret_cast<BYTE*>(const_cast<char*>(token.data()))};
+  DATA_BLOB blob{};
+  if (CryptProtectData(&plain, kDescription, nullptr, nullptr, nullptr,
+                       CRYPTPROTECT_UI_FORBIDDEN | CRYPTPROTECT_LOCAL_MACHINE, &blob) == 0) {
+    log::Log(log::kError, log::kKiosk, "cannot protect the device token (%lu)", GetLastError());
+    return false;
+  }
+  const win32::LocalMemory owner(blob.pbData);
+  // Any process of this machine can unprotect the blob, so only the key's own protection keeps it from others: that
+  // comes first.
+  if (state::ProtectStateKey().what != nullptr ||
+      state::WriteExisting(state::kStateKey, state::kDeviceToken.name, state::kDeviceToken.type, blob.pbData,
+                           blob.cbData) != ERROR_SUCCESS) {
+    return false;
+  }
+  state::DeleteStateValue(state::kUnknownSince);
+  state::DeleteStateValue(state::kTeardownPending);
+  state::FlushStateKey();
+  return true;
+}
+
+}  // namespace kiosk::portal

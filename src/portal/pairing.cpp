@@ -1,0 +1,176 @@
+#include "portal/pairing.h"
+
+#include "json/parse.h"
+#include "json/reply.h"
+#include "json/serialise.h"
+#include "log/log.h"
+#include "portal/auth_client.h"
+#include "portal/check_in.h"
+#include "portal/device_token.h"
+#include "portal/pairing_code.h"
+#include "portal/worker_wake.h"
+#include "state/kiosk_state.h"
+#include "state/os_version.h"
+#include "win32/wide_text.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdlib>
+#include <optional>
+
+namespace kiosk::portal {
+namespace {
+
+constexpr double kDefaultLifetime = 900;  // seconds
+constexpr std::size_t kCodeLength = 8;
+
+std::string HostName() {
+  std::array<wchar_t, 256> name{};
+  DWORD size = name.size();
+  if (GetComputerNameExW(ComputerNameDnsHostname, name.data(), &size) != 0) {
+    return win32::ToNarrow({name.data(), size});
+  }
+  size = 16;
+  if (GetComputerNameW(name.data(), &size) != 0) {
+    return win32::ToNarrow({name.data(), size});
+  }
+  return {};
+}
+
+std::string RequestBody() {
+  json::Value body = json::Value::Object();
+  body.Set("hostname", HostName());
+  body.Set("platform", "Windows");
+  body.Set("osVersion", state::OsVersionText());
+  body.Set("appVersion", log::kVersion);
+  body.Set("screenCount", GetSystemMetrics(SM_CMONITORS));
+  return json::Serialise(body);
+}
+
+// Whole seconds, whatever shape the portal gave them in.
+double Lifetime(const json::Value& value) {
+  double seconds = kDefaultLifetime;
+  if (value.IsNumber()) {
+    seconds = value.number();
+  } else if (value.IsBool()) {
+    seconds = value.boolean() ? 1 : 0;
+  } else if (value.IsString()) {
+    char* end = nullptr;
+    const double read = std::strtod(value.text().c_str(), &end);
+    seconds = end != value.text().c_str() ? read : kDefaultLifetime;
+  }
+  return std::isfinite(seconds) ? std::trunc(seconds) : kDefaultLifetime;
+}
+
+bool IsAnswerableCode(std::string_view code) {
+  return code.size() == kCodeLength && std::all_of(code.begin(), code.end(), [](char c) {
+           return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+         });
+}
+
+json::Value StillWaiting(bool unreachable) {
+  json::Value reply = json::OkReply();
+  reply.Set("paired", false);
+  if (unreachable) {
+    reply.Set("error", "unreachable");
+  }
+  return reply;
+}
+
+// The terminal holds a fresh token. The caller holds the pairing lock.
+json::Value Enrolled(const std::string& token) {
+  log::Log(log::kNotice, log::kKiosk, "paired: device token held");
+  WakeWorker();
+  const CheckInResult checkIn = CheckIn(token);
+  json::Value reply = json::OkReply();
+  reply.Set("paired", true);
+  reply.Set("provisioned", false);
+  if (!checkIn.error.empty()) {
+    reply.Set("error", "unreachable");
+  }
+  return reply;
+}
+
+json::Value Claimed(const AuthReply& answer) {
+  std::optional<json::Value> body = json::Parse(answer.body.Get());
+  SetPendingPairingCode({});
+  const text::Secret token(body ? json::Member(*body, "deviceToken").text() : std::string());
+  if (body) {
+    body->Wipe();
+  }
+  if (token.Empty()) {
+    return json::ErrorReply("server_error");
+  }
+  if (!StoreDeviceToken(token.Get())) {
+    return json::ErrorReply("token_store_failed");
+  }
+  return Enrolled(token.Get());
+}
+
+}  // namespace
+
+json::Value PairBegin() {
+  if (state::TokenIsStored()) {
+    return json::ErrorReply("already_enrolled");
+  }
+  const AuthReply answer = AuthRequest(L"POST", "/api/kiosk/pair", RequestBody(), {}, kApiBodyLimit, kAcceptJson);
+  if (answer.answered == 0) {
+    log::Log(log::kWarn, log::kKiosk, "pairing: AuthSystem unreachable (%s)", answer.error.c_str());
+    return json::ErrorReply("unreachable");
+  }
+  if (answer.status != 200 && answer.status != 201) {
+    log::Log(log::kWarn, log::kKiosk, "pairing: HTTP %d", static_cast<int>(answer.status));
+    return json::ErrorReply("server_error");
+  }
+  const std::optional<json::Value> body = json::Parse(answer.body.Get());
+  const std::string code = body ? json::Member(*body, "pairingCode").text() : std::string();
+  if (code.empty()) {
+    return json::ErrorReply("server_error");
+  }
+  {
+    const win32::LockGuard guard(PairingLock());
+    // Another connection may have completed a pairing while this one waited for its code.
+    if (state::TokenIsStored()) {
+      return json::ErrorReply("already_enrolled");
+    }
+    SetPendingPairingCode(code);
+  }
+  state::RecordLastError({});
+  log::Log(log::kNotice, log::kKiosk, "pairing started");
+  json::Value reply = json::OkReply();
+  reply.Set("code", code);
+  reply.Set("expiresInSeconds", Lifetime(json::Member(*body, "expiresInSeconds")));
+  return reply;
+}
+
+json::Value PairCheck(const std::string& code) {
+  const win32::LockGuard guard(PairingLock());
+  if (!IsAnswerableCode(code) || PendingPairingCode() != code) {
+    return json::ErrorReply("unknown_code");
+  }
+  if (state::TokenIsStored()) {
+    return json::ErrorReply("already_enrolled");
+  }
+  const AuthReply answer = AuthRequest(L"GET", "/api/kiosk/pair/" + code, {}, {}, kApiBodyLimit, kAcceptJson);
+  if (answer.answered == 0 || answer.status >= 500) {
+    return StillWaiting(true);
+  }
+  switch (answer.status) {
+    case 202:
+      return StillWaiting(false);
+    case 404:
+    case 410:
+      SetPendingPairingCode({});
+      return json::ErrorReply("expired");
+    case 409:
+      SetPendingPairingCode({});
+      return json::ErrorReply("claimed");
+    case 200:
+      return Claimed(answer);
+    default:
+      return json::ErrorReply("server_error");
+  }
+}
+
+}  // namespace kiosk::portal

@@ -1,0 +1,22 @@
+// Pairing the terminal with the portal through a code that a person enters there. The commands of the local pipe end up
+// here; each returns the whole reply object.
+#pragma once
+
+#include "json/value.h"
+
+#include <string>
+
+namespace kiosk::portal {
+
+// Asks the portal for a code and keeps it as the pending one. Reply: {"ok": true, "code": text, "expiresInSeconds": whole
+// number}, or the error "already_enrolled", "unreachable" or "server_error".
+json::Value PairBegin();
+
+// Asks the portal whether the pending code was claimed; `code` must be that code (8 letters or digits). While a person has
+// not entered it: {"ok": true, "paired": false}, with "error": "unreachable" when the portal gave no usable answer. Once
+// claimed, the token is stored and one check-in runs: {"ok": true, "paired": true, "provisioned": false}, with "error":
+// "unreachable" when that check-in failed. Errors: "unknown_code", "expired", "claimed", "server_error",
+// "token_store_failed", "already_enrolled".
+json::Value PairCheck(const std::string& code);
+
+}  // namespace kiosk::portal

@@ -1,0 +1,29 @@
+#include "portal/pairing_code.h"
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+
+namespace kiosk::portal {
+namespace {
+
+win32::Lock pairingLock{win32::LockRank::kPairing};
+
+// Guarded by pairingLock. Plain memory, without a destructor: connection threads may outlive main. A longer code than fits
+// could never be answered, since only codes of 8 characters are.
+std::array<char, 64> pending{};
+std::size_t pendingLength = 0;
+
+}  // namespace
+
+win32::Lock& PairingLock() noexcept { return pairingLock; }
+
+std::string PendingPairingCode() { return {pending.data(), pendingLength}; }
+
+void SetPendingPairingCode(const std::string& code) {
+  pending.fill('\0');
+  pendingLength = std::min(code.size(), pending.size());
+  std::copy_n(code.begin(), pendingLength, pending.begin());
+}
+
+}  // namespace kiosk::portal

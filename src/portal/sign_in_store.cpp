@@ -1,0 +1,15 @@
+#include "portal/sign_in_store.h"
+
+#include "json/parse.h"
+#include "portal/sign_in_methods.h"
+#include "state/kiosk_state.h"
+#include "win32/wide_text.h"
+
+namespace kiosk::portal {
+
+json::Value LoadSignIn() {
+  auto stored = json::Parse(win32::ToNarrow(state::ReadStateString(state::kSignIn)));
+  return stored ? std::move(*stored) : NormaliseSignIn({});
+}
+
+}  // namespace kiosk::portal

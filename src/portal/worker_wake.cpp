@@ -1,0 +1,24 @@
+#include "portal/worker_wake.h"
+
+namespace kiosk::portal {
+namespace {
+
+// Written before other threads exist, then only read.
+HANDLE wakeEvent = nullptr;
+
+}  // namespace
+
+bool CreateWorkerWake() noexcept {
+  wakeEvent = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  return wakeEvent != nullptr;
+}
+
+HANDLE WorkerWake() noexcept { return wakeEvent; }
+
+void WakeWorker() noexcept {
+  if (wakeEvent != nullptr) {
+    SetEvent(wakeEvent);
+  }
+}
+
+}  // namespace kiosk::portal

@@ -1,0 +1,111 @@
+#include "service/install.h"
+
+#include "log/log.h"
+#include "win32/clock.h"
+#include "win32/console.h"
+#include "win32/handle.h"
+
+#include <array>
+#include <string>
+
+namespace kiosk::service {
+namespace {
+
+using win32::ServiceHandle;
+
+constexpr wchar_t kDisplayName[] = L"Norvane (Tessaly) Kiosk";
+constexpr wchar_t kDescription[] = L"Enrols this computer as a Norvane kiosk terminal and manages its kiosk account.";
+constexpr DWORD kStopWait = 60'000;
+constexpr DWORD kStopPoll = 250;
+
+int PrintFailure(const char* call, DWORD error) {
+  win32::Print(std::string(call) + " failed (" + std::to_string(error) + ")\n");
+  return 1;
+}
+
+// The quoted path of this program; empty, with the last error set, when it is longer than a service's path may be.
+std::wstring BinaryPath() {
+  std::array<wchar_t, MAX_PATH> path{};
+  const DWORD length = GetModuleFileNameW(nullptr, path.data(), path.size());
+  if (length == 0) {
+    return {};
+  }
+  if (length >= path.size()) {
+    SetLastError(ERROR_INSUFFICIENT_BUFFER);  // Windows cut it; a cut path would name another program
+    return {};
+  }
+  return L"\"" + std::wstring(path.data(), length) + L"\"";
+}
+
+ServiceHandle CreateOrReconfigure(SC_HANDLE manager, const std::wstring& binary) {
+  ServiceHandle service(CreateServiceW(manager, kServiceName, kDisplayName, SERVICE_ALL_ACCESS,
+                                       SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL,
+                                       binary.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr));
+  if (service || GetLastError() != ERROR_SERVICE_EXISTS) {
+    return service;
+  }
+  service.Reset(OpenServiceW(manager, kServiceName, SERVICE_ALL_ACCESS));
+  if (service) {
+    ChangeServiceConfigW(service.Get(), SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL,
+                         binary.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr, kDisplayName);
+  }
+  return service;
+}
+
+void DescribeAndGuard(SC_HANDLE service) {
+  std::wstring text = kDescription;
+  SERVICE_DESCRIPTIONW description{text.data()};
+  ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description);
+
+  std::array<SC_ACTION, 3> actions{{{SC_ACTION_RESTART, 10'000}, {SC_ACTION_RESTART, 30'000}, {SC_ACTION_RESTART, 60'000}}};
+  SERVICE_FAILURE_ACTIONSW failure{86'400, nullptr, nullptr, actions.size(), actions.data()};
+  ChangeServiceConfig2W(service, SERVICE_CONFIG_FAILURE_ACTIONS, &failure);
+}
+
+void StopAndWait(SC_HANDLE service) {
+  SERVICE_STATUS status{};
+  ControlService(service, SERVICE_CONTROL_STOP, &status);
+  const win32::Deadline deadline(kStopWait);
+  while (QueryServiceStatus(service, &status) != 0 && status.dwCurrentState != SERVICE_STOPPED && !deadline.Passed()) {
+    Sleep(kStopPoll);
+  }
+}
+
+}  // namespace
+
+int Install() {
+  const std::wstring binary = BinaryPath();
+  if (binary.empty()) {
+    return PrintFailure("GetModuleFileName", GetLastError());
+  }
+  const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE));
+  if (!manager) {
+    return PrintFailure("OpenSCManager", GetLastError());
+  }
+  const ServiceHandle service = CreateOrReconfigure(manager.Get(), binary);
+  if (!service) {
+    return PrintFailure("CreateService", GetLastError());
+  }
+  DescribeAndGuard(service.Get());
+  StartServiceW(service.Get(), 0, nullptr);
+  win32::Print("NorvaneKiosk installed\n");
+  return 0;
+}
+
+int Uninstall() {
+  log::StartBanner(log::kKiosk);
+  {
+    const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+    const ServiceHandle service(
+        manager ? OpenServiceW(manager.Get(), kServiceName, DELETE | SERVICE_STOP | SERVICE_QUERY_STATUS) : nullptr);
+    if (service) {
+      StopAndWait(service.Get());
+      DeleteService(service.Get());
+    }
+  }
+  log::StopBanner(log::kKiosk);
+  win32::Print("NorvaneKiosk removed\n");
+  return 0;
+}
+
+}  // namespace kiosk::service

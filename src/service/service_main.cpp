@@ -1,0 +1,137 @@
+#include "service/service_main.h"
+
+#include "log/log.h"
+#include "pipe/server.h"
+#include "pipe/signature.h"
+#include "portal/worker_wake.h"
+#include "service/install.h"
+#include "service/service_status.h"
+#include "service/worker.h"
+#include "state/kiosk_state.h"
+#include "win32/clock.h"
+#include "win32/com.h"
+#include "win32/stop.h"
+#include "win32/thread.h"
+
+#include <algorithm>
+#include <exception>
+
+namespace kiosk::service {
+namespace {
+
+constexpr DWORD kConnectionWait = 30'000;
+constexpr DWORD kConnectionPoll = 100;
+
+// Runs on the dispatcher's thread; waits for nothing.
+DWORD WINAPI OnControl(DWORD control, DWORD /*eventType*/, void* /*eventData*/, void* /*context*/) noexcept {
+  switch (control) {
+    case SERVICE_CONTROL_STOP:
+    case SERVICE_CONTROL_SHUTDOWN:
+      ReportStopPending();
+      win32::RequestStop();
+      return NO_ERROR;
+    case SERVICE_CONTROL_INTERROGATE:
+    case SERVICE_CONTROL_SESSIONCHANGE:
+      return NO_ERROR;
+    default:
+      return ERROR_CALL_NOT_IMPLEMENTED;
+  }
+}
+
+void SecureCom(HRESULT initialised) {
+  if (FAILED(initialised)) {
+    return;
+  }
+  const HRESULT result = CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_DEFAULT,
+                                              RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE, nullptr);
+  if (FAILED(result) && result != RPC_E_TOO_LATE) {
+    log::Log(log::kWarn, log::kKiosk, "CoInitializeSecurity failed (0x%08lx)", static_cast<unsigned long>(result));
+  }
+}
+
+void ProtectState() {
+  const state::ProtectResult result = state::ProtectStateKey();
+  if (result.what != nullptr) {
+    // The descriptor's failure is a last error, the other two are registry statuses: both read the same here.
+    log::Log(log::kError, log::kKiosk, "%s (%lu)", result.what, result.error);
+  }
+}
+
+win32::KernelHandle StartWorker() {
+  win32::KernelHandle worker = win32::StartThread([]() noexcept {
+    try {
+      RunWorker();
+    } catch (const std::exception& problem) {
+      // Without its worker the terminal would look alive and follow nothing; the service manager starts it anew.
+      log::Log(log::kError, log::kKiosk, "worker ended by an exception (%s)", problem.what());
+      log::EndProcess(1);
+    }
+  });
+  if (!worker) {
+    log::Log(log::kError, log::kKiosk, "cannot start the worker thread (%lu)", GetLastError());
+    log::EndProcess(1);
+  }
+  return worker;
+}
+
+void Start() {
+  ProtectState();
+  pipe::LearnServiceSigner();
+  if (!pipe::ServiceIsSigned()) {
+    log::Log(log::kWarn, log::kKiosk,
+             "this service is not signed (a dev build): it admits callers only while DevAllowUnsigned=1");
+  }
+  log::Log(log::kNotice, log::kKiosk, "enrolled=%d provisioned=%d maintenance=%d", state::TokenIsStored() ? 1 : 0,
+           state::FlagIsOn(state::kProvisioned) ? 1 : 0, state::FlagIsOn(state::kMaintenance) ? 1 : 0);
+  ReportRunning();
+}
+
+// All waits share the budget that counts from the stop request.
+void JoinThreads(HANDLE worker) {
+  if (WaitForSingleObject(worker, win32::StopBudgetLeft()) != WAIT_OBJECT_0) {
+    log::Log(log::kWarn, log::kKiosk, "stop: the worker did not end in time");
+  }
+  const win32::Deadline deadline(std::min(kConnectionWait, win32::StopBudgetLeft()));
+  while (pipe::LiveConnections() > 0 && !deadline.Passed()) {
+    Sleep(kConnectionPoll);
+  }
+}
+
+void RunService() {
+  ReportStartPending();
+  log::StartBanner(log::kKiosk);
+  const win32::ComApartment apartment;
+  SecureCom(apartment.Result());
+  Start();
+  const win32::KernelHandle worker = StartWorker();
+  pipe::RunPipeServer();
+  JoinThreads(worker.Get());
+  log::StopBanner(log::kKiosk);
+  ReportStopped();
+}
+
+void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
+  if (!RegisterControls(kServiceName, OnControl)) {
+    return;
+  }
+  try {
+    if (!win32::CreateStopEvent() || !portal::CreateWorkerWake()) {
+      log::Log(log::kError, log::kKiosk, "cannot create the service's events (%lu)", GetLastError());
+      log::EndProcess(1);
+    }
+    RunService();
+  } catch (const std::exception& problem) {
+    log::Log(log::kError, log::kKiosk, "service ended by an exception (%s)", problem.what());
+    log::EndProcess(1);  // no "stopped" was reported, so the service manager restarts it
+  }
+}
+
+}  // namespace
+
+int RunDispatcher() {
+  std::wstring name = kServiceName;
+  const SERVICE_TABLE_ENTRYW table[] = {{name.data(), ServiceMain}, {nullptr, nullptr}};
+  return StartServiceCtrlDispatcherW(table) != 0 ? 0 : 1;
+}
+
+}  // namespace kiosk::service

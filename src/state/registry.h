@@ -1,0 +1,41 @@
+// Small helpers over the registry. They work on HKLM unless told otherwise, hold no lock, never log and never throw for
+// a registry failure: expected absence is an empty optional, everything else is the result.
+#pragma once
+
+#include "win32/winapi.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kiosk::state {
+
+// The text of a REG_SZ or REG_EXPAND_SZ value (environment variables expanded), cut at the first NUL. Empty optional for a
+// missing key or value, another type, or a failed expansion.
+std::optional<std::wstring> ReadString(const wchar_t* subkey, const wchar_t* name);
+
+// A REG_DWORD or REG_QWORD value; any other type counts as absent.
+std::optional<DWORD> ReadDword(const wchar_t* subkey, const wchar_t* name);
+std::optional<std::uint64_t> ReadQword(const wchar_t* subkey, const wchar_t* name);
+
+// The bytes of a REG_BINARY value; any other type counts as absent.
+std::optional<std::vector<std::uint8_t>> ReadBinary(const wchar_t* subkey, const wchar_t* name);
+
+// Creates or opens the key (default security) and sets the value. True when both succeed.
+bool WriteValue(HKEY root, const wchar_t* subkey, const wchar_t* name, DWORD type, const void* data, DWORD size);
+
+// Sets a value of an existing key and never creates one. ERROR_FILE_NOT_FOUND when the key is missing.
+LSTATUS WriteExisting(const wchar_t* subkey, const wchar_t* name, DWORD type, const void* data, DWORD size);
+
+// Copies a value with its type and bytes, whatever they are (an empty value as a zero-length one). False when the source
+// cannot be read or the destination cannot be written.
+bool CopyValue(const wchar_t* fromSubkey, const wchar_t* fromName, const wchar_t* toSubkey, const wchar_t* toName);
+
+// Bytes of a text as REG_SZ wants them counted: with the terminating NUL.
+constexpr DWORD StringBytes(std::wstring_view text) noexcept {
+  return static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
+}
+
+}  // namespace kiosk::state

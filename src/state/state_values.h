@@ -1,0 +1,45 @@
+// Every value of the Kiosk state key: its name, the registry type that is written (a reader accepts only that type),
+// and what it means. Absence is the normal way to say off, none or not set: a value is deleted rather than stored empty.
+// Times are FILETIME values (100 ns units since 1601, UTC) in a REG_QWORD.
+#pragma once
+
+#include "win32/winapi.h"
+
+namespace kiosk::state {
+
+inline constexpr wchar_t kStateKey[] = L"SOFTWARE\\Norvane\\Tessaly\\Kiosk";
+
+struct StateValue {
+  const wchar_t* name;
+  DWORD type;
+  const char* owner;  // the folder below src/ that writes it, or who else does
+  const char* meaning;
+};
+
+inline constexpr StateValue kDeviceToken{L"DeviceToken", REG_BINARY, "portal",
+                                         "the device token, protected by DPAPI for this machine; present and not empty "
+                                         "means enrolled"};
+inline constexpr StateValue kAuthBaseUrl{L"AuthBaseUrl", REG_SZ, "an administrator",
+                                         "base URL of the portal instead of the built-in one (REG_EXPAND_SZ too)"};
+inline constexpr StateValue kTerminalName{L"TerminalName", REG_SZ, "portal",
+                                          "the terminal's name from the last check-in"};
+inline constexpr StateValue kSignIn{L"SignIn", REG_SZ, "portal",
+                                    "the sign-in methods from the last check-in, as compact JSON"};
+inline constexpr StateValue kUnknownSince{L"UnknownSince", REG_QWORD, "portal",
+                                          "when the portal first answered that it does not know this terminal"};
+inline constexpr StateValue kLastError{L"LastError", REG_SZ, "whoever met it", "the last error, shown by status"};
+inline constexpr StateValue kProvisioned{L"Provisioned", REG_DWORD, "account",
+                                         "1 when the kiosk account is completely set up"};
+inline constexpr StateValue kAccountSid{L"AccountSid", REG_SZ, "account", "SID text of the kiosk account"};
+inline constexpr StateValue kTeardownPending{L"TeardownPending", REG_DWORD, "account",
+                                             "1 while a teardown must still be finished"};
+inline constexpr StateValue kMaintenance{L"Maintenance", REG_DWORD, "account", "1 while maintenance mode is on"};
+inline constexpr StateValue kDevAllowUnsigned{L"DevAllowUnsigned", REG_DWORD, "a developer",
+                                              "1 lets an unsigned service admit callers"};
+
+inline constexpr const StateValue* kStateValues[] = {
+    &kDeviceToken, &kAuthBaseUrl, &kTerminalName,    &kSignIn,      &kUnknownSince,     &kLastError,
+    &kProvisioned, &kAccountSid,  &kTeardownPending, &kMaintenance, &kDevAllowUnsigned,
+};
+
+}  // namespace kiosk::state

@@ -1,0 +1,47 @@
+// Time, always asked of Windows itself (never of the C++ clocks), so that the simulated Windows can move it.
+#pragma once
+
+#include "win32/winapi.h"
+
+#include <cstdint>
+
+namespace kiosk::win32 {
+
+// 100 ns units in one second, as FILETIME counts.
+inline constexpr std::uint64_t kFileTimeSecond = 10'000'000;
+
+// Milliseconds since Windows started.
+inline std::uint64_t TickCount() noexcept { return GetTickCount64(); }
+
+inline std::uint64_t FileTimeValue(const FILETIME& time) noexcept {
+  return (static_cast<std::uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
+}
+
+// The system time (UTC) in 100 ns units since 1601.
+inline std::uint64_t FileTimeNow() noexcept {
+  FILETIME now;
+  GetSystemTimeAsFileTime(&now);
+  return FileTimeValue(now);
+}
+
+// A moment by which a longer operation must be over.
+class Deadline {
+ public:
+  explicit Deadline(std::uint64_t milliseconds) noexcept : end_(TickCount() + milliseconds) {}
+
+  // Milliseconds left, 0 when it has passed; never INFINITE.
+  [[nodiscard]] DWORD Left() const noexcept {
+    const std::uint64_t now = TickCount();
+    if (now >= end_) {
+      return 0;
+    }
+    const std::uint64_t left = end_ - now;
+    return left < INFINITE ? static_cast<DWORD>(left) : INFINITE - 1;
+  }
+  [[nodiscard]] bool Passed() const noexcept { return Left() == 0; }
+
+ private:
+  std::uint64_t end_;
+};
+
+}  // namespace kiosk::win32

@@ -1,0 +1,26 @@
+// Folders below C:\ProgramData that only privileged accounts may write. Any user may create folders there before the
+// service first runs, so a folder that exists is never trusted as it stands.
+#pragma once
+
+#include "win32/winapi.h"
+
+namespace kiosk::win32 {
+
+// Owner Administrators; protected; full control for SYSTEM and Administrators alone, inherited by all content.
+inline constexpr wchar_t kPrivateFolderSddl[] = L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
+
+enum class FolderStep { kDone, kRemove, kDescriptor, kCreate, kSecure };
+
+struct FolderResult {
+  FolderStep failedAt = FolderStep::kDone;
+  DWORD error = ERROR_SUCCESS;  // of the failed step
+  bool replaced = false;        // something that was not a plain folder stood there and was removed
+
+  explicit operator bool() const noexcept { return failedAt == FolderStep::kDone; }
+};
+
+// Makes `path` a plain folder with exactly the owner and the protected DACL of `sddl`. A file, or a link of any kind,
+// that stands in its place is removed (the link, not its target). Parents are not looked at: secure them first.
+FolderResult SecureFolder(const wchar_t* path, const wchar_t* sddl) noexcept;
+
+}  // namespace kiosk::win32

@@ -1,0 +1,37 @@
+// Starting threads. Windows threads rather than std::thread: the stack reservation can be chosen and joining can have
+// a time limit.
+#pragma once
+
+#include "win32/handle.h"
+
+#include <memory>
+#include <type_traits>
+#include <utility>
+
+namespace kiosk::win32 {
+
+// The usual reservation of the program file.
+inline constexpr SIZE_T kDefaultStack = 0;
+// Enough for the deepest path of a pipe connection (the parser at 64 levels, the certificate calls).
+inline constexpr SIZE_T kSmallStack = SIZE_T{256} * 1024;
+
+// Starts a thread that runs `body` (callable without arguments, which must not throw: an edge that can see exceptions
+// catches and logs them itself). The handle serves to join; releasing it detaches the thread. Invalid when the thread
+// cannot be created; the last error says why.
+template <typename Body>
+KernelHandle StartThread(Body body, SIZE_T stackReserve = kDefaultStack) {
+  static_assert(std::is_nothrow_invocable_v<Body>, "a thread's body must be noexcept");
+  auto owned = std::make_unique<Body>(std::move(body));
+  const auto entry = [](void* raw) noexcept -> DWORD {
+    const std::unique_ptr<Body> mine(static_cast<Body*>(raw));
+    (*mine)();
+    return 0;
+  };
+  KernelHandle thread(CreateThread(nullptr, stackReserve, entry, owned.get(), STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
+  if (thread) {
+    static_cast<void>(owned.release());
+  }
+  return thread;
+}
+
+}  // namespace kiosk::win32

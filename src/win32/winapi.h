@@ -1,0 +1,10 @@
+// The one place that includes <windows.h>, so that every file sees it with the same switches.
+#pragma once
+
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>

@@ -1,0 +1,161 @@
+"""A Windows computer for end-to-end tests: a Wine prefix of its own with the real programs in it."""
+
+import contextlib
+import hashlib
+import json
+import os
+import pathlib
+import shutil
+import ssl
+import struct
+import subprocess
+import tempfile
+import time
+
+REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
+BUILD = pathlib.Path(os.environ.get("NORVANE_BUILD", REPOSITORY / "build" / "windows"))
+STATE_KEY = r"HKLM\SOFTWARE\Norvane\Tessaly\Kiosk"
+PROGRAM_FOLDER = r"C:\Program Files\Norvane"
+
+
+def wait_for(condition, what, seconds=30):
+    """Polls until the condition holds; for things of another process that announce nothing."""
+    end = time.monotonic() + seconds
+    while True:
+        result = condition()
+        if result:
+            return result
+        if time.monotonic() > end:
+            raise AssertionError(f"waited {seconds} s in vain for {what}")
+        time.sleep(0.05)
+
+
+class Terminal:
+    """Use as a context manager. The service is not installed yet on entry; whatever runs is ended on exit."""
+
+    def __init__(self, programs=("NorvaneKiosk.exe", "kioskctl.exe", "kioskctl-dev.exe"), unsigned=True):
+        self._folder = tempfile.TemporaryDirectory(prefix="norvane-terminal-")
+        self.prefix = pathlib.Path(self._folder.name) / "prefix"
+        self.environment = {k: v for k, v in os.environ.items() if k != "DISPLAY"} | {
+            "WINEPREFIX": str(self.prefix), "WINEARCH": "win64", "WINEDEBUG": "-all",
+            "WINEDLLOVERRIDES": "mscoree,mshtml,winemenubuilder.exe=;winedbg.exe=d"}
+        self._programs = programs
+        self._unsigned = unsigned
+
+    def __enter__(self):
+        subprocess.run([REPOSITORY / "tools/dev/wine-prefix", self.prefix], check=True)
+        quiet = {"env": self.environment, "stdin": subprocess.DEVNULL, "stdout": subprocess.DEVNULL,
+                 "stderr": subprocess.DEVNULL}
+        # Kept until the end: otherwise the service would end with the last program that talks to it.
+        subprocess.run(["wineserver", "-p"], check=True, **quiet)
+        subprocess.run(["wine", "cmd", "/c", "exit"], check=True, **quiet)
+        for program in self._programs:
+            self.put(BUILD / program)
+        if self._unsigned:
+            self.set_dword("DevAllowUnsigned", 1)
+        return self
+
+    def __exit__(self, *_):
+        for flag in ("-k", "-w"):
+            subprocess.run(["wineserver", flag], env=self.environment, stderr=subprocess.DEVNULL)
+        self._folder.cleanup()
+
+    def path(self, windows):
+        """The file of this machine behind an absolute Windows path."""
+        return self.prefix / "drive_c" / windows[3:].replace("\\", "/")
+
+    def put(self, file, name=None):
+        """Copies a program into the program folder; returns its Windows path."""
+        target = PROGRAM_FOLDER + "\\" + (name or pathlib.Path(file).name)
+        self.path(target).parent.mkdir(parents=True, exist_ok=True)
+        shutil.copy(file, self.path(target))
+        return target
+
+    def start(self, program, *arguments, **options):
+        """A Popen of a program in the program folder."""
+        return subprocess.Popen(["wine", PROGRAM_FOLDER + "\\" + program, *arguments], env=self.environment,
+                                text=True, encoding="utf-8", **{"stdin": subprocess.DEVNULL,
+                                                                "stdout": subprocess.PIPE,
+                                                                "stderr": subprocess.PIPE} | options)
+
+    def run(self, program, *arguments, timeout=60):
+        """Runs it to its end; returns (exit code, output, errors)."""
+        with self.start(program, *arguments) as process:
+            try:
+                out, err = process.communicate(timeout=timeout)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                raise
+        return process.returncode, out, err
+
+    def ask(self, **request):
+        """Sends one request to the service; returns its reply."""
+        code, out, err = self.run("kioskctl-dev.exe", "send", json.dumps(request), timeout=200)
+        if code > 1:
+            raise AssertionError(f"no reply: {code} {out} {err}")
+        return json.loads(out)
+
+    # -- registry ---------------------------------------------------------------------------------------------------
+
+    def registry(self, *arguments):
+        """reg.exe; returns (exit code, output)."""
+        done = subprocess.run(["wine", r"C:\windows\system32\reg.exe", *arguments], env=self.environment,
+                              stdin=subprocess.DEVNULL, capture_output=True)
+        return done.returncode, done.stdout.decode("utf-8", "replace")
+
+    def set_string(self, name, text, key=STATE_KEY):
+        assert self.registry("add", key, "/v", name, "/d", text, "/f")[0] == 0
+
+    def set_dword(self, name, number, key=STATE_KEY):
+        assert self.registry("add", key, "/v", name, "/t", "REG_DWORD", "/d", str(number), "/f")[0] == 0
+
+    def has_value(self, name, key=STATE_KEY):
+        return self.registry("query", key, "/v", name)[0] == 0
+
+    def trust(self, ca_file):
+        """Adds a certificate authority (PEM) to the computer's trusted roots."""
+        certificate = ssl.PEM_cert_to_DER_cert(pathlib.Path(ca_file).read_text())
+        thumbprint = hashlib.sha1(certificate).digest()
+        blob = struct.pack("<III", 3, 1, 20) + thumbprint + struct.pack("<III", 0x20, 1, len(certificate)) + certificate
+        key = r"HKLM\Software\Microsoft\SystemCertificates\Root\Certificates" + "\\" + thumbprint.hex().upper()
+        assert self.registry("add", key, "/v", "Blob", "/t", "REG_BINARY", "/d", blob.hex(), "/f")[0] == 0
+
+    # -- the service ------------------------------------------------------------------------------------------------
+
+    def install(self, **portal):
+        """Installs and starts the service; with `url=` it talks to that portal."""
+        if "url" in portal:
+            self.set_string("AuthBaseUrl", portal["url"])
+        code, out, _ = self.run("NorvaneKiosk.exe", "--install")
+        assert (code, out) == (0, "NorvaneKiosk installed\n"), (code, out)
+        self.wait_until_listening()
+
+    def wait_until_listening(self, times=1):
+        wait_for(lambda: sum("listening on" in line for line in self.log()) >= times, "the service to listen")
+
+    def net(self, verb):
+        """net start / net stop of the service."""
+        return subprocess.run(["wine", "net", verb, "NorvaneKiosk"], env=self.environment, stdin=subprocess.DEVNULL,
+                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode
+
+    def service_process(self):
+        """The Linux process id of the running service, or None."""
+        for entry in pathlib.Path("/proc").iterdir():
+            with contextlib.suppress(OSError):
+                if entry.name.isdigit() and b"NorvaneKiosk" in (entry / "cmdline").read_bytes().split(b"\0")[0]:
+                    if f"WINEPREFIX={self.prefix}".encode() in (entry / "environ").read_bytes().split(b"\0"):
+                        return int(entry.name)
+        return None
+
+    # -- logs -------------------------------------------------------------------------------------------------------
+
+    def log_files(self):
+        root = self.path(r"C:\ProgramData\Norvane\Tessaly\Logs")
+        return sorted(root.glob("*-*-*/Kiosk_*.log"))
+
+    def log_bytes(self):
+        return b"".join(file.read_bytes() for file in self.log_files())
+
+    def log(self):
+        """The log lines without their time stamps."""
+        return [line.split("] ", 1)[-1] for line in self.log_bytes().decode("utf-8").split("\n") if line]

@@ -1,0 +1,200 @@
+"""The development portal's page in a real browser: what a person does with a terminal from its code to its removal.
+
+Pictures go to the folder that NORVANE_SCREENSHOTS names, or to a temporary one.
+"""
+
+import json
+import os
+import pathlib
+import sys
+import tempfile
+import unittest
+import urllib.error
+import urllib.request
+
+from selenium import webdriver
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
+from selenium.webdriver.support.wait import WebDriverWait
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tools" / "devportal"))
+
+from devportal import Portal  # noqa: E402
+
+MARKUP = "<img src=x onerror=document.title=1>"
+UPDATES = {"automatic": True, "window": {"start": "02:00", "end": "05:00", "days": [0, 6]}}
+
+
+class Terminal:
+    """A terminal made of plain requests."""
+
+    def __init__(self, portal, **facts):
+        self.portal = portal
+        self.token = None
+        self.code = self.ask("POST", "/api/kiosk/pair", {
+            "hostname": "LOBBY-PC", "platform": "Windows", "osVersion": "10.0.19045",
+            "appVersion": "2026-10-15-0001", "screenCount": 1, **facts})[1]["pairingCode"]
+
+    def ask(self, method, path, body=None):
+        request = urllib.request.Request(self.portal.url + path, method=method,
+                                         data=None if body is None else json.dumps(body).encode())
+        if self.token:
+            request.add_header("Authorization", "Bearer " + self.token)
+        try:
+            with urllib.request.urlopen(request, timeout=5) as reply:
+                return reply.status, json.load(reply)
+        except urllib.error.HTTPError as error:
+            with error:
+                return error.code, json.load(error)
+
+    def collect(self):
+        self.token = self.ask("GET", "/api/kiosk/pair/" + self.code)[1]["deviceToken"]
+
+    def check_in(self, **report):
+        return self.ask("POST", "/api/kiosk/check-in", {"appVersion": "2026-10-15-0001", **report})
+
+
+class PageTest(unittest.TestCase):
+    def setUp(self):
+        self.portal = Portal()
+        self.addCleanup(self.portal.close)
+        options = webdriver.ChromeOptions()
+        options.binary_location = "/usr/bin/chromium"
+        profile = tempfile.TemporaryDirectory(ignore_cleanup_errors=True)
+        self.addCleanup(profile.cleanup)
+        for argument in ("headless=new", "no-sandbox", "disable-dev-shm-usage", "disable-gpu", "window-size=1280,1000",
+                         "user-data-dir=" + profile.name):
+            options.add_argument("--" + argument)
+        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+        self.browser = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+        self.addCleanup(self.browser.quit)
+        folder = os.environ.get("NORVANE_SCREENSHOTS")
+        self.pictures = pathlib.Path(folder or tempfile.mkdtemp(prefix="devportal-page-"))
+        self.pictures.mkdir(parents=True, exist_ok=True)
+        print(f"pictures in {self.pictures}")
+
+    def until(self, condition, what):
+        return WebDriverWait(self.browser, 10, poll_frequency=0.05).until(lambda browser: condition(), what)
+
+    def find(self, selector):
+        return self.browser.find_element(By.CSS_SELECTOR, selector)
+
+    def field(self, terminal, name):
+        return self.card(terminal, f"[name={name}]")
+
+    def card(self, terminal, selector=""):
+        return self.find(f"[data-terminal='{terminal}'] {selector}".strip())
+
+    def type(self, field, text):
+        field.send_keys(Keys.CONTROL, "a")
+        field.send_keys(text)
+
+    def says(self, terminal, text):
+        self.until(lambda: text in self.card(terminal, "form .message").text, f"no message with {text!r}")
+
+    def settings(self):
+        return self.portal.terminals()[0]["settings"]
+
+    def picture(self, name, width):
+        """The whole page at this width, whatever its height; phones get their touch layout by the width alone."""
+        send = self.browser.execute_cdp_cmd
+        metrics = {"width": width, "height": 1000, "deviceScaleFactor": 1, "mobile": width < 600}
+        send("Emulation.setDeviceMetricsOverride", metrics)
+        self.assertLessEqual(self.browser.execute_script("return document.documentElement.scrollWidth"), width, name)
+        metrics["height"] = self.browser.execute_script("return document.documentElement.scrollHeight")
+        send("Emulation.setDeviceMetricsOverride", metrics)
+        self.assertTrue(self.browser.save_screenshot(str(self.pictures / name)))
+        send("Emulation.clearDeviceMetricsOverride", {})
+
+    def test_a_terminal_from_its_code_to_its_removal(self):
+        self.browser.get(self.portal.url + "/")
+        self.until(lambda: self.find("#none").is_displayed(), "the empty list")
+        self.picture("empty-desktop.png", 1280)
+        terminal = Terminal(self.portal)
+        self.until(lambda: "now: 1" in self.find("#waiting").text, "the waiting code")
+
+        # Claim by keyboard: a wrong code first, then the right one in small letters.
+        code = self.find("#code")
+        code.send_keys("WRONG", Keys.ENTER)
+        self.until(lambda: "No terminal shows this code" in self.find("#pair-message").text, "the refusal")
+        self.type(code, f"{terminal.code[:4]} {terminal.code[4:]}".lower())
+        code.send_keys(Keys.TAB, "Lobby", Keys.ENTER)
+        self.until(lambda: self.browser.find_elements(By.CSS_SELECTOR, "[data-terminal]"), "a card")
+        number = self.portal.terminals()[0]["id"]
+        self.until(lambda: self.card(number, ".badge").text == "waiting for the terminal", "the waiting state")
+        terminal.collect()
+        self.assertEqual(terminal.check_in()[1], {"status": "enrolled", "name": "Lobby"})
+        self.until(lambda: "checked in" in self.card(number, ".age").text, "the age of the check-in")
+
+        # What somebody is typing survives the list's refresh, which goes on around it.
+        name = self.field(number, "name")
+        self.type(name, "Front desk – Łódź")
+        terminal.check_in(powerError="scheme refused " + MARKUP)
+        self.until(lambda: MARKUP in self.card(number, "pre").text, "the report as plain text")
+        self.assertEqual(name.get_attribute("value"), "Front desk – Łódź")
+        name.send_keys(Keys.ENTER)
+        self.says(number, "Saved")
+        self.assertEqual(terminal.check_in()[1]["name"], "Front desk – Łódź")
+
+        # A broken policy is refused with its member named, a good one is delivered.
+        power = self.field(number, "power")
+        self.type(power, '{"screenOffMinutes": 300, "sleepMinutes": 0}')
+        self.card(number, ".save").click()
+        self.says(number, "nothing was saved")
+        faults = self.find(f"#faults-{number}-power").text
+        self.assertIn("screenOffMinutes must be a whole number from 0 to 240", faults)
+        self.assertIn("schedule is missing", faults)
+        self.assertEqual(power.get_attribute("aria-invalid"), "true")
+        self.assertEqual(self.browser.switch_to.active_element, power)
+        self.assertNotIn("power", self.settings())
+        self.picture("fault-desktop.png", 1280)
+        self.picture("fault-phone.png", 390)
+        self.card(number, "[data-example=power]").click()
+        self.type(self.field(number, "updates"), json.dumps(UPDATES))
+        self.field(number, "powerSource").send_keys("tenant")
+        self.type(self.field(number, "exitPassword"), "Open Sesame")
+        self.field(number, "email").click()
+        self.type(self.field(number, "signIn"), "login.example.org")
+        self.card(number, ".save").click()
+        self.says(number, "Saved")
+        self.assertEqual(self.find(f"#faults-{number}-power").text, "")
+        _, reply = terminal.check_in(appVersion="9")
+        self.assertEqual(reply["power"]["schedule"]["days"], [1, 2, 3, 4, 5])
+        self.assertEqual((reply["powerSource"], reply["updatesSource"]), ("tenant", "device"))
+        self.assertEqual(reply["updates"], UPDATES)
+        self.assertEqual(reply["signIn"], {"microsoft": True, "email": False, "extraHosts": ["login.example.org"]})
+        self.assertEqual(reply["exitPassword"], "Open Sesame")
+
+        # A change made elsewhere appears in a field that nobody touched.
+        self.portal.set(number, name="Renamed elsewhere")
+        self.until(lambda: name.get_attribute("value") == "Renamed elsewhere", "the other change")
+        other = Terminal(self.portal, hostname=MARKUP)
+        self.portal.claim(other.code)
+        self.until(lambda: MARKUP in self.find("#terminals").text, "a host name as plain text")
+        self.picture("terminal-desktop.png", 1280)
+        self.picture("terminal-phone.png", 390)
+
+        # Outage, removal.
+        self.find("#outage input[value='503']").click()
+        self.until(lambda: terminal.check_in()[0] == 503, "the outage")
+        self.find("#outage input[value='off']").click()
+        self.until(lambda: terminal.check_in()[0] == 200, "the end of the outage")
+        for action, answer in (("revoke", "revoked"), ("forget", "unknown")):
+            self.card(number, "." + action).click()
+            self.browser.switch_to.alert.dismiss()
+            self.assertEqual(terminal.check_in()[0], 401 if action == "forget" else 200)
+            self.card(number, "." + action).click()
+            self.browser.switch_to.alert.accept()
+            self.until(lambda: terminal.check_in() == (401, {"status": answer}), answer)
+            if action == "revoke":
+                self.until(lambda: "told so" in self.card(number, ".age").text, "the revoked card")
+        self.until(lambda: not self.browser.find_elements(By.CSS_SELECTOR, f"[data-terminal='{number}']"), "no card")
+        # The browser logs the refusals of the wrong code and of the broken policy, and must have nothing else to say.
+        said = [entry["message"] for entry in self.browser.get_log("browser")]
+        self.assertEqual([text for text in said if "status of 404 " not in text and "status of 422 " not in text], [])
+        self.assertEqual(self.browser.title, "Development portal")
+
+
+if __name__ == "__main__":
+    unittest.main()

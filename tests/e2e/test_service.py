@@ -1,0 +1,206 @@
+"""The shipping program in Wine's service manager, with a real portal over real HTTP."""
+
+import json
+import os
+import pathlib
+import re
+import signal
+import struct
+import sys
+import tempfile
+import time
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tools" / "devportal"))
+from devportal import Portal, Reply  # noqa: E402
+from terminal import BUILD, PROGRAM_FOLDER, Terminal, wait_for  # noqa: E402
+
+SERVICE_KEY = r"HKLM\SYSTEM\CurrentControlSet\Services\NorvaneKiosk"
+
+
+def pair(terminal, portal, **settings):
+    """Pairs through the pipe; returns the portal's id of the terminal."""
+    begun = terminal.ask(cmd="pair.begin")
+    assert begun["ok"], begun
+    terminal_id = portal.claim(begun["code"], **settings)
+    checked = terminal.ask(cmd="pair.check", code=begun["code"])
+    assert checked == {"ok": True, "paired": True, "provisioned": False}, checked
+    return terminal_id
+
+
+class Installation(unittest.TestCase):
+    def test_install_reconfigure_run_uninstall(self):
+        with Terminal() as terminal:
+            self.assertEqual(terminal.run("NorvaneKiosk.exe"), (1, "", ""))
+            self.assertEqual(terminal.run("NorvaneKiosk.exe", "--unINSTALL")[:2], (0, "NorvaneKiosk removed\n"))
+            terminal.install()
+            self.check_configuration(terminal)
+            # Somebody changed it; installing again puts it right without failing.
+            terminal.set_dword("Start", 3, SERVICE_KEY)
+            terminal.set_string("ImagePath", r"C:\elsewhere.exe", SERVICE_KEY)
+            self.assertEqual(terminal.run("NorvaneKiosk.exe", "--install")[:2], (0, "NorvaneKiosk installed\n"))
+            self.check_configuration(terminal)
+
+            started = time.monotonic()
+            self.assertEqual(terminal.run("NorvaneKiosk.exe", "--uninstall")[:2], (0, "NorvaneKiosk removed\n"))
+            self.assertLess(time.monotonic() - started, 10)
+            self.assertNotEqual(terminal.registry("query", SERVICE_KEY)[0], 0)
+            self.assertIsNone(terminal.service_process())
+            self.assertEqual(terminal.run("kioskctl.exe", "status")[0], 3)
+            self.check_log(terminal.log())
+
+    def check_configuration(self, terminal):
+        text = terminal.registry("query", SERVICE_KEY)[1]
+        values = dict(re.findall(r"^ +(\w+) +REG_\w+ +(.*?)\r?$", text, re.M))
+        self.assertEqual(values["ImagePath"], f'"{PROGRAM_FOLDER}\\NorvaneKiosk.exe"')
+        self.assertEqual((values["Start"], values["Type"], values["ErrorControl"]), ("0x2", "0x10", "0x1"))
+        self.assertEqual(values["ObjectName"], "LocalSystem")
+        self.assertEqual(values["DisplayName"], "Norvane (Tessaly) Kiosk")
+        self.assertEqual(values["Description"],
+                         "Enrols this computer as a Norvane kiosk terminal and manages its kiosk account.")
+
+    def check_log(self, lines):
+        service = lines[lines.index("INFO Kiosk shutting down") + 1:]  # after the first, vain uninstall
+        self.assertEqual(service[0], "INFO Kiosk v2026-10-15-0001 starting")
+        self.assertRegex(service[1], r"^INFO machine=[0-9a-f-]{36} tenant=unknown site=unknown host=\S+$")
+        self.assertEqual(service[2:6], [
+            "INFO Central logging: off | local files: on",
+            "WARN this service is not signed (a dev build): it admits callers only while DevAllowUnsigned=1",
+            "INFO enrolled=0 provisioned=0 maintenance=0",
+            "INFO listening on \\\\.\\pipe\\NorvaneKiosk"])
+        self.assertEqual(service.count("INFO Kiosk shutting down"), 2)  # the service and the uninstalling program
+
+    def test_hardening_flags_of_the_built_programs(self):
+        for program in ("NorvaneKiosk.exe", "kioskctl.exe", "kioskctl-dev.exe"):
+            image = (BUILD / program).read_bytes()
+            header = struct.unpack_from("<I", image, 0x3C)[0] + 24
+            self.assertEqual(struct.unpack_from("<H", image, header)[0], 0x20B)
+            flags = struct.unpack_from("<H", image, header + 70)[0]
+            for name, bit in (("high-entropy addresses", 0x20), ("address randomisation", 0x40), ("DEP", 0x100)):
+                self.assertTrue(flags & bit, f"{program}: {name}")
+            relocations = struct.unpack_from("<II", image, header + 112 + 5 * 8)
+            self.assertGreater(relocations[1], 0, f"{program}: nothing to relocate, so it would not be randomised")
+            self.assertIn("2026-10-15-0001".encode("utf-16-le"), image)
+            self.assertIn(b'level="asInvoker"', image)
+            self.assertLess(len(image), 1_200_000)
+
+
+class Life(unittest.TestCase):
+    def test_pairing_policy_restart_and_crash(self):
+        with Portal() as portal, Terminal() as terminal:
+            terminal.install(url=portal.url + "/")
+            code, out, _ = terminal.run("kioskctl.exe", "--json", "status")
+            self.assertEqual((code, json.loads(out)), (0, {
+                "ok": True, "enrolled": False, "provisioned": False, "kioskSession": False, "maintenance": False,
+                "account": "NorvaneKiosk", "terminalName": "",
+                "signIn": {"microsoft": True, "email": True, "extraHosts": []}}))
+
+            with terminal.start("kioskctl.exe", "pair") as pairing:
+                shown = ""
+                while "valid for" not in shown:
+                    shown += pairing.stdout.readline()
+                pending = re.search(r"^  ([A-Z0-9]{8})   \(valid for 15:00\)$", shown, re.M)[1]
+                terminal_id = portal.claim(pending, name="Łódź – Halle 3")
+                out, err = pairing.communicate(timeout=30)
+            self.assertEqual((pairing.returncode, err), (0, ""))
+            self.assertTrue(out.endswith("This terminal is paired.\n"), out)
+            self.assertEqual(terminal.ask(cmd="status")["terminalName"], "Łódź – Halle 3")
+            self.assertIn('INFO terminal name now "Łódź – Halle 3"', terminal.log())
+            code, _, err = terminal.run("kioskctl.exe", "pair")
+            self.assertEqual((code, "already_enrolled" in err), (1, True))
+
+            # A changed policy arrives with the next check-in; a restart of the service asks at once.
+            portal.set(terminal_id, name="Hall 4", signIn={"microsoft": True, "email": False, "extraHosts": []})
+            seen = portal.terminals()[0]["checkIns"]
+            self.assertEqual(terminal.net("stop"), 0)
+            self.assertEqual(terminal.net("start"), 0)
+            portal.wait(lambda: portal.terminals()[0]["checkIns"] > seen, 20)
+            wait_for(lambda: terminal.ask(cmd="status")["terminalName"] == "Hall 4", "the new name")
+            self.assertFalse(terminal.ask(cmd="status")["signIn"]["email"])
+
+            # A killed service leaves whole lines and starts again as what it was.
+            seen = portal.terminals()[0]["checkIns"]
+            os.kill(terminal.service_process(), signal.SIGKILL)
+            self.assertTrue(terminal.log_bytes().endswith(b"\n"))
+            wait_for(lambda: terminal.service_process() is None, "the killed service to be gone")
+            wait_for(lambda: terminal.net("start") == 0 or terminal.service_process(), "the service to start again")
+            portal.wait(lambda: portal.terminals()[0]["checkIns"] > seen, 30)
+
+            portal.revoke(terminal_id)
+            self.assertTrue(terminal.ask(cmd="status")["enrolled"])
+
+    def test_stop_while_the_portal_is_silent(self):
+        with Portal() as portal, Terminal() as terminal:
+            terminal.install(url=portal.url)
+            portal.outage("hang")
+            with terminal.start("kioskctl-dev.exe", "send", '{"cmd":"pair.begin"}') as waiting:
+                portal.wait(lambda: any(r.path == "/api/kiosk/pair" for r in portal.requests), 20)
+                started = time.monotonic()
+                self.assertEqual(terminal.net("stop"), 0)
+                # Here the system cannot end a wait for response headers, so the phase's own bound of 15 s holds.
+                wait_for(lambda: terminal.service_process() is None, "the service to stop", 20)
+                self.assertLess(time.monotonic() - started, 20)
+                waiting.communicate(timeout=10)
+            self.assertEqual(terminal.log()[-1], "INFO Kiosk shutting down")
+
+
+class RealHttp(unittest.TestCase):
+    """Replies that only a real server and a real client make."""
+
+    def test_answers_to_pairing(self):
+        big = b'{"pairingCode":"ABCD1234","x":"' + b"x" * 200_000
+        cases = [
+            (Reply(200, body=b"<html><body>Sign in to the network</body></html>"), "server_error"),
+            (Reply(200, body=big + b'"}'), "server_error"),
+            (Reply(200, body=b'{"pairingCode":"ABCD1234","x":' + b"[" * 5000), "server_error"),
+            (Reply(200, body=b'{"pairingCode":"ABCD1234"}', cut=10), "server_error"),
+            (Reply(500), "server_error"),
+            (Reply(raw=b""), "unreachable"),
+        ]
+        with Portal() as portal, Terminal() as terminal:
+            terminal.install(url=portal.url)
+            for reply, code in cases:
+                portal.script("/api/kiosk/pair", [reply])
+                self.assertEqual(terminal.ask(cmd="pair.begin"), {"ok": False, "error": code}, repr(reply))
+            terminal.set_string("AuthBaseUrl", "http://127.0.0.1:9")
+            self.assertEqual(terminal.ask(cmd="pair.begin"), {"ok": False, "error": "unreachable"})
+            self.assertIn("WARN pairing: AuthSystem unreachable (WinHTTP error 12029)", terminal.log())
+            terminal.set_string("AuthBaseUrl", "no url")
+            self.assertEqual(terminal.ask(cmd="pair.begin"), {"ok": False, "error": "unreachable"})
+            self.assertIn("WARN pairing: AuthSystem unreachable (unparseable AuthBaseUrl)", terminal.log())
+
+    def test_redirect_keeps_the_token_at_home(self):
+        with Portal() as portal, Portal() as elsewhere, Terminal() as terminal:
+            terminal.install(url=portal.url)
+            portal.script("/api/kiosk/check-in", [Reply(307, headers={"Location": elsewhere.url + "/api/kiosk/check-in"})])
+            begun = terminal.ask(cmd="pair.begin")
+            portal.claim(begun["code"])
+            checked = terminal.ask(cmd="pair.check", code=begun["code"])
+            self.assertEqual(checked, {"ok": True, "paired": True, "provisioned": False, "error": "unreachable"})
+            self.assertEqual(list(elsewhere.requests), [])
+
+    def test_dribbled_reply_ends_with_a_stop(self):
+        with Portal() as portal, Terminal() as terminal:
+            terminal.install(url=portal.url)
+            portal.script("/api/kiosk/pair", [Reply(200, body=b'{"pairingCode":"ABCD1234"}' + b" " * 400, dribble=0.2)])
+            with terminal.start("kioskctl-dev.exe", "send", '{"cmd":"pair.begin"}') as waiting:
+                portal.wait(lambda: len(portal.requests) > 0, 20)
+                self.assertEqual(terminal.net("stop"), 0)
+                wait_for(lambda: terminal.service_process() is None, "the service to stop", 16)
+                waiting.communicate(timeout=10)
+
+    def test_https_only_with_a_trusted_certificate(self):
+        with tempfile.TemporaryDirectory() as folder, Portal(tls=folder) as portal, Terminal() as terminal:
+            terminal.install(url=portal.url)
+            self.assertEqual(terminal.ask(cmd="pair.begin"), {"ok": False, "error": "unreachable"})
+            self.assertEqual(list(portal.requests), [])
+            terminal.trust(portal.ca_file)
+            terminal.net("stop")
+            terminal.net("start")
+            terminal.wait_until_listening(2)
+            pair(terminal, portal, name="TLS")
+            self.assertEqual(terminal.ask(cmd="status")["terminalName"], "TLS")
+
+
+if __name__ == "__main__":
+    unittest.main()

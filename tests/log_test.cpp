@@ -1,0 +1,276 @@
+// The log: what a line looks like, where it goes, and what the housekeeping keeps.
+#include "log/log.h"
+
+#include "log/day_files.h"
+#include "log/housekeeping.h"
+#include "sim/clock.h"
+#include "sim/files.h"
+#include "tests/support/fixture.h"
+#include "win32/clock.h"
+#include "win32/handle.h"
+
+#include <map>
+#include <regex>
+#include <set>
+#include <thread>
+
+namespace kiosk::log {
+namespace {
+
+using test::ListFolder;
+using test::LogLines;
+using test::LogTexts;
+using test::ReadWholeFile;
+using test::SetDword;
+using test::SetString;
+using test::WriteWholeFile;
+
+class LogTest : public test::CleanMachine {};
+
+const std::wstring kRoot = kLogRoot;
+constexpr wchar_t kSettings[] = L"SOFTWARE\\Norvane\\Tessaly\\Log";
+
+void MakeLogTree() {
+  for (const wchar_t* folder : {L"", L"\\Norvane", L"\\Norvane\\Tessaly", L"\\Norvane\\Tessaly\\Logs"}) {
+    CreateDirectoryW((std::wstring(L"C:\\ProgramData") + folder).c_str(), nullptr);
+  }
+}
+
+void SetLastWrite(const std::wstring& path, std::uint64_t time) {
+  const win32::FileHandle file(CreateFileW(path.c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+  const FILETIME stamp{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
+  ASSERT_NE(SetFileTime(file.Get(), nullptr, nullptr, &stamp), 0);
+}
+
+// The prune that the first line queues ends before the case goes on.
+void WaitForPrune() {
+  const win32::KernelHandle mutex(CreateMutexW(nullptr, FALSE, L"Global\\NorvaneLogPrune"));
+  WaitForSingleObject(mutex.Get(), 5000);
+  ReleaseMutex(mutex.Get());
+}
+
+TEST_F(LogTest, LabelsAndTheRaisingRule) {
+  const std::string far191 = std::string(191, 'x') + "error";
+  const std::string last = std::string(186, 'x') + "error";
+  struct {
+    int level;
+    std::string message;
+    const char* label;
+  } const cases[] = {
+      {3, "disk", "ERROR"},
+      {0, "disk", "ERROR"},
+      {4, "refused", "WARN"},
+      {5, "a failure, refused, invalid", "INFO"},
+      {6, "all is well", "INFO"},
+      {6, "Caller REFUSED", "ERROR"},
+      {6, "we cannot", "INFO"},
+      {6, "we cannot go", "ERROR"},
+      {6, "it was not found", "ERROR"},
+      {6, far191, "INFO"},
+      {6, last, "ERROR"},
+      {7, "an exception", "DEBUG"},
+      {9, "detail", "DEBUG"},
+  };
+  for (const auto& each : cases) {
+    Log(each.level, kKiosk, "%s", each.message.c_str());
+    EXPECT_EQ(LogTexts().back(), each.label + (" " + each.message));
+  }
+}
+
+TEST_F(LogTest, OneMessageIsOneWholeLine) {
+  Log(kNotice, kKiosk, "name \"%s\"", "Łódź – Halle 3\r\n[00:00:00.000] ERROR forged\x01\x7f\u2028\u0085 end");
+  Log(kNotice, kKiosk, "%zu %lld %lu", SIZE_MAX, -5LL, 7UL);
+  const std::vector<std::string> lines = LogLines();
+  ASSERT_EQ(lines.size(), 2U);
+  EXPECT_TRUE(std::regex_match(lines[0], std::regex("\\[\\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\] INFO name .*")));
+  EXPECT_EQ(LogTexts()[0], "INFO name \"Łódź – Halle 3  [00:00:00.000] ERROR forged        end\"");
+  EXPECT_EQ(LogTexts()[1], "INFO 18446744073709551615 -5 7");
+}
+
+TEST_F(LogTest, LongMessagesAreCutBetweenCharacters) {
+  // Stamp, text and terminator share 2048 bytes: 15 for the stamp leave 2032 for the text.
+  for (const int lead : {2029, 2030, 2031, 2032}) {
+    Log(kNotice, kKiosk, "%s%s", std::string(static_cast<std::size_t>(lead), 'x').c_str(), "€€");
+    const std::string text = LogTexts().back().substr(5);
+    EXPECT_EQ(text.size(), lead == 2029 ? 2032U : static_cast<std::size_t>(lead)) << lead;
+  }
+}
+
+TEST_F(LogTest, ComponentsHaveFilesOfTheirOwnBeyondTheTableToo) {
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 0; i < 34; ++i) {
+      Log(kNotice, ("Part" + std::to_string(i)).c_str(), "round %d", round);
+    }
+  }
+  const std::vector<std::string> expected = {"INFO round 0", "INFO round 1"};
+  for (int i = 0; i < 34; ++i) {
+    EXPECT_EQ(LogTexts("Part" + std::to_string(i)), expected) << i;
+  }
+}
+
+TEST_F(LogTest, ThreadsNeverTearALine) {
+  constexpr int kThreads = 8;
+  constexpr int kLines = 400;
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([thread] {
+      for (int i = 0; i < kLines; ++i) {
+        Log(kNotice, kKiosk, "thread %d line %d %s", thread, i, std::string(static_cast<std::size_t>(i % 90), 'x').c_str());
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+  std::map<int, int> next;
+  for (const std::string& text : LogTexts()) {
+    int thread = 0;
+    int line = 0;
+    ASSERT_EQ(std::sscanf(text.c_str(), "INFO thread %d line %d", &thread, &line), 2) << text;
+    ASSERT_EQ(line, next[thread]++) << text;
+    ASSERT_TRUE(text.ends_with(" " + std::string(static_cast<std::size_t>(line % 90), 'x')));
+  }
+  for (int thread = 0; thread < kThreads; ++thread) {
+    EXPECT_EQ(next[thread], kLines);
+  }
+}
+
+TEST_F(LogTest, MidnightBeginsANewFolderAndFile) {
+  // 23:59:50 in Warsaw in winter.
+  sim::VirtualClock clock(sim::FileTimeOf(2026, 12, 31, 22, 59, 50), -60);
+  Log(kNotice, kKiosk, "old year");
+  clock.RunFor(15'000);
+  Log(kNotice, kKiosk, "new year");
+  EXPECT_EQ(ReadWholeFile(kRoot + L"\\2026-12-31\\Kiosk_235950.log"), "[23:59:50.000] INFO old year\n");
+  EXPECT_EQ(ReadWholeFile(kRoot + L"\\2027-01-01\\Kiosk_000005.log"), "[00:00:05.000] INFO new year\n");
+}
+
+TEST_F(LogTest, FolderDeletedByHandIsMadeAgain) {
+  Log(kNotice, kKiosk, "one");
+  Log(kNotice, "First", "one");
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  const std::wstring moved = kRoot + L"\\moved";
+  const std::wstring day = kRoot + L"\\" + ListFolder(kRoot).front();
+  if (MoveFileW(day.c_str(), moved.c_str()) == 0) {
+    GTEST_SKIP() << "a folder with open files cannot be moved here";
+  }
+  Log(kNotice, "Second", "two");
+  EXPECT_EQ(LogTexts("Second"), std::vector<std::string>{"INFO two"});
+}
+
+TEST_F(LogTest, SettingsAreLookedUpInBothKeysAndSwitchLocalFilesOff) {
+  SetString(L"SOFTWARE\\Norvane\\Stream\\Log", L"TenantId", L"t-stream");
+  SetString(L"SOFTWARE\\Norvane\\Stream\\Log", L"Site", L"s-stream");
+  SetString(kSettings, L"Site", L"s-own");
+  StartBanner(kKiosk);
+  StopBanner(kKiosk);
+  const std::vector<std::string> texts = LogTexts();
+  ASSERT_EQ(texts.size(), 4U);
+  EXPECT_EQ(texts[0], "INFO Kiosk v2026-10-15-0001 starting");
+  EXPECT_TRUE(std::regex_match(texts[1], std::regex("INFO machine=\\S+ tenant=t-stream site=s-own host=\\S+")));
+  EXPECT_EQ(texts[2], "INFO Central logging: off | local files: on");
+  EXPECT_EQ(texts[3], "INFO Kiosk shutting down");
+}
+
+TEST_F(LogTest, SwitchedOffWritesNoLine) {
+  SetDword(kSettings, L"LocalLogging", 0);
+  StartBanner(kKiosk);
+  EXPECT_TRUE(LogLines().empty());
+}
+
+TEST_F(LogTest, JunctionInThePathIsReplacedNotFollowed) {
+  MakeLogTree();
+  RemoveDirectoryW(kLogRoot);
+  CreateDirectoryW(L"C:\\elsewhere", nullptr);
+  sim::MakeJunction(kRoot, L"C:\\elsewhere");
+  Log(kNotice, kKiosk, "safe");
+  EXPECT_EQ(LogTexts(), std::vector<std::string>{"INFO safe"});
+  EXPECT_EQ(ListFolder(L"C:\\elsewhere"), std::vector<std::wstring>{});
+  const std::wstring day = kRoot + L"\\" + ListFolder(kRoot).front();
+  for (const std::wstring& folder : {std::wstring(L"C:\\ProgramData\\Norvane"), kRoot, kRoot + L"\\Drop\\Taken", day}) {
+    EXPECT_EQ(sim::FileSecurity(folder), L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)");
+  }
+}
+
+TEST_F(LogTest, TreeThatCannotBeSecuredIsNotWritten) {
+  MakeLogTree();
+  RemoveDirectoryW(kLogRoot);
+  // Somebody holds a file where the log root should be, so it can be neither removed nor replaced.
+  const win32::FileHandle held(CreateFileW(kLogRoot, GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
+  ASSERT_TRUE(held);
+  StartBanner(kKiosk);
+  EXPECT_EQ(ListFolder(L"C:\\ProgramData\\Norvane\\Tessaly"), std::vector<std::wstring>{L"Logs"});
+}
+
+TEST_F(LogTest, LinkPlantedUnderTheNextNameIsNotWritten) {
+  sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 10));
+  MakeLogTree();
+  CreateDirectoryW((kRoot + L"\\2026-11-21").c_str(), nullptr);
+  WriteWholeFile(L"C:\\victim.txt", "precious");
+  ASSERT_NE(CreateHardLinkW((kRoot + L"\\2026-11-21\\Kiosk_100000.log").c_str(), L"C:\\victim.txt", nullptr), 0);
+  Log(kNotice, kKiosk, "not there");
+  EXPECT_EQ(ReadWholeFile(L"C:\\victim.txt"), "precious");
+  DeleteFileW(L"C:\\victim.txt");
+}
+
+TEST_F(LogTest, OldFlatFilesMoveToTheArchiveAndExpireThere) {
+  MakeLogTree();
+  CreateDirectoryW((kRoot + L"\\Archive").c_str(), nullptr);
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  wchar_t today[16];
+  std::swprintf(today, 16, L"%04d%02d%02d", now.wYear, now.wMonth, now.wDay);
+  const std::wstring current = std::wstring(L"crash_") + today + L".dmp";
+  for (const std::wstring& name : {current, std::wstring(L"old.log"), std::wstring(L"old.dmp"), std::wstring(L"notes.txt")}) {
+    WriteWholeFile(kRoot + L"\\" + name, "x");
+  }
+  const std::uint64_t day = std::uint64_t{24} * 3600 * win32::kFileTimeSecond;
+  for (const auto& [name, age] : std::map<std::wstring, std::uint64_t>{{L"young.log", 29}, {L"old.dmp", 31}, {L"older.log", 40}, {L"keep.txt", 99}}) {
+    WriteWholeFile(kRoot + L"\\Archive\\" + name, "y");
+    SetLastWrite(kRoot + L"\\Archive\\" + name, win32::FileTimeNow() - age * day);
+  }
+  ArchiveOldFiles(now);
+  // "old.dmp" could not move over the one in the archive, which then expired.
+  EXPECT_EQ(ListFolder(kRoot), (std::vector<std::wstring>{L"Archive", current, L"notes.txt", L"old.dmp"}));
+  EXPECT_EQ(ListFolder(kRoot + L"\\Archive"), (std::vector<std::wstring>{L"keep.txt", L"old.log", L"young.log"}));
+}
+
+TEST_F(LogTest, PruneDeletesTheOldestUntilTheCapHolds) {
+  MakeLogTree();
+  SetDword(kSettings, L"LogCapMB", 2);
+  CreateDirectoryW((kRoot + L"\\Archive").c_str(), nullptr);
+  for (const wchar_t* folder : {L"\\2026-01-01", L"\\2026-01-02", L"\\2026-1-03", L"\\2026-01-04"}) {
+    CreateDirectoryW((kRoot + folder).c_str(), nullptr);
+  }
+  const std::string half(512 * 1024, 'x');
+  const std::uint64_t now = win32::FileTimeNow();
+  const auto put = [&](const wchar_t* name, std::uint64_t age) {
+    WriteWholeFile(kRoot + name, half);
+    SetLastWrite(kRoot + name, now - age * win32::kFileTimeSecond);
+  };
+  put(L"\\2026-01-01\\Kiosk_1.log", 900);
+  put(L"\\Archive\\old.log", 800);
+  put(L"\\flat.log", 700);
+  put(L"\\2026-01-02\\Kiosk_2.log", 600);
+  put(L"\\flat.dmp", 500);
+  put(L"\\2026-01-04\\Kiosk_4.log", 400);
+  put(L"\\2026-1-03\\not-a-day.log", 9999);
+  put(L"\\client_uuid.txt", 9999);
+  // Held open, so it is skipped and still counts.
+  const win32::FileHandle held(CreateFileW((kRoot + L"\\Archive\\old.log").c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+  Prune();
+  EXPECT_EQ(ListFolder(kRoot), (std::vector<std::wstring>{L"2026-01-02", L"2026-01-04", L"2026-1-03", L"Archive", L"client_uuid.txt", L"flat.dmp"}));
+  EXPECT_EQ(ListFolder(kRoot + L"\\2026-01-02").size(), 1U);
+  EXPECT_EQ(ListFolder(kRoot + L"\\Archive").size(), 1U);
+}
+
+TEST_F(LogTest, InstallIdentifierIsKeptAndRemadeWhenDamaged) {
+  Log(kNotice, kKiosk, "first");
+  WaitForPrune();
+  const std::string identifier = ReadWholeFile(kRoot + L"\\client_uuid.txt");
+  EXPECT_TRUE(std::regex_match(identifier, std::regex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"))) << identifier;
+}
+
+}  // namespace
+}  // namespace kiosk::log

@@ -1,0 +1,203 @@
+// Who calls, and what each kind of caller may do.
+#include "json/serialise.h"
+#include "pipe/caller.h"
+#include "pipe/dispatch.h"
+#include "portal/pairing_code.h"
+#include "sim/gtest_report.h"
+#include "sim/http.h"
+#include "sim/sessions.h"
+#include "tests/support/fixture.h"
+#include "win32/clock.h"
+#include "win32/security.h"
+
+#include <algorithm>
+
+namespace kiosk::pipe {
+namespace {
+
+using test::SetDword;
+using test::SetRaw;
+using test::SetString;
+
+// Both ends of a pipe of the test's own; the client is this process.
+class Caller : public test::CleanMachine {
+ protected:
+  void SetUp() override {
+    CleanMachine::SetUp();
+    constexpr wchar_t kName[] = L"\\\\.\\pipe\\NorvaneKioskTest";
+    server_ = win32::FileHandle(CreateNamedPipeW(kName, PIPE_ACCESS_DUPLEX, 0, 1, 512, 512, 0, nullptr));
+    ASSERT_TRUE(server_);
+    client_ =
+        win32::FileHandle(CreateFileW(kName, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    ASSERT_TRUE(client_);
+    // Windows lets nobody impersonate before something was read.
+    char byte = 'x';
+    DWORD count = 0;
+    ASSERT_TRUE(WriteFile(client_.Get(), &byte, 1, &count, nullptr) &&
+                ReadFile(server_.Get(), &byte, 1, &count, nullptr));
+  }
+
+  [[nodiscard]] HANDLE Pipe() const { return server_.Get(); }
+  [[nodiscard]] std::string Ask(const CallerRecord& caller, std::string_view request) const {
+    return json::Serialise(Dispatch({Pipe(), caller}, request));
+  }
+
+  static std::wstring OwnSid() {
+    win32::KernelHandle token;
+    alignas(TOKEN_USER) std::byte user[256];
+    DWORD size = sizeof(user);
+    EXPECT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.Put()) &&
+                GetTokenInformation(token.Get(), TokenUser, user, size, &size));
+    return win32::SidText(reinterpret_cast<const TOKEN_USER*>(user)->User.Sid);
+  }
+
+ private:
+  win32::FileHandle server_;
+  win32::FileHandle client_;
+};
+
+TEST_F(Caller, AnUnsignedServiceAdmitsOnlyWhileADeveloperSaysSo) {
+  constexpr char kRefusal[] = "this service is unsigned and DevAllowUnsigned is not set";
+  EXPECT_EQ(CheckCallerProcess(Pipe(), 0), kRefusal);
+  SetDword(state::kStateKey, L"DevAllowUnsigned", 0);
+  EXPECT_EQ(CheckCallerProcess(Pipe(), 0), kRefusal);
+  SetDword(state::kStateKey, L"DevAllowUnsigned", 2);
+  EXPECT_EQ(CheckCallerProcess(Pipe(), 0), kRefusal);
+  SetString(state::kStateKey, L"DevAllowUnsigned", L"1");
+  EXPECT_EQ(CheckCallerProcess(Pipe(), 0), kRefusal);
+  SetDword(state::kStateKey, L"DevAllowUnsigned", 1);
+  EXPECT_EQ(CheckCallerProcess(Pipe(), 0), "");
+  EXPECT_EQ(CheckCallerProcess(nullptr, 0), "caller process unknown");
+}
+
+TEST_F(Caller, AProcessThatBeganAfterTheConnectionIsToldApart) {
+  FILETIME created;
+  FILETIME unused;
+  ASSERT_NE(GetProcessTimes(GetCurrentProcess(), &created, &unused, &unused, &unused), 0);
+  const std::uint64_t began = win32::FileTimeValue(created);
+  const std::uint64_t later = began + win32::kFileTimeSecond;
+  EXPECT_FALSE(BeganBetween(GetCurrentProcess(), began, later));
+  EXPECT_TRUE(BeganBetween(GetCurrentProcess(), began - 1, later));
+  EXPECT_TRUE(BeganBetween(GetCurrentProcess(), began - 1, began));
+  EXPECT_FALSE(BeganBetween(GetCurrentProcess(), began - 2, began - 1));  // the clock was set back since
+  EXPECT_TRUE(BeganBetween(nullptr, 0, 0));
+}
+
+TEST_F(Caller, RecordsWhatTheTokenSays) {
+  sim::SetPipeClientSession(7);
+  const std::wstring own = OwnSid();
+  std::wstring lower = own;
+  std::transform(lower.begin(), lower.end(), lower.begin(), [](wchar_t c) { return c == L'S' ? L's' : c; });
+  const struct {
+    std::wstring accountSid;
+    bool isKioskAccount;
+  } cases[] = {{L"", false}, {own + L"1", false}, {own, true}, {lower, true}};
+  for (const auto& each : cases) {
+    SetString(state::kStateKey, L"AccountSid", each.accountSid);
+    CallerRecord caller;
+    EXPECT_EQ(IdentifyCaller(Pipe(), caller), "");
+    EXPECT_EQ(caller.isKioskAccount, each.isKioskAccount);
+    EXPECT_TRUE(caller.isInteractive);
+    EXPECT_FALSE(caller.isSystem);
+    EXPECT_EQ(caller.sessionId, 7U);
+  }
+  // The thread is itself again.
+  win32::KernelHandle token;
+  EXPECT_EQ(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.Put()), 0);
+  EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NO_TOKEN));
+}
+
+TEST_F(Caller, WhoCannotBeIdentifiedIsRefused) {
+  CallerRecord caller;
+  EXPECT_EQ(IdentifyCaller(nullptr, caller), "caller cannot be identified (6)");
+}
+
+constexpr CallerRecord kPerson{.isInteractive = true, .sessionId = 1};
+constexpr CallerRecord kService{.sessionId = 0};
+constexpr CallerRecord kSystemAtConsole{.isSystem = true, .isInteractive = true, .sessionId = 1};
+constexpr CallerRecord kKioskShell{.isInteractive = true, .isKioskAccount = true, .sessionId = 2};
+
+TEST_F(Caller, OnlyAPersonWhoIsNotTheKioskAccountMayPair) {
+  // An enrolled terminal answers both commands without a network, the second one only for the pending code.
+  portal::SetPendingPairingCode("ABCD1234");
+  SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, "token", 5);
+  constexpr char kNotPermitted[] = "{\"ok\":false,\"error\":\"not_permitted\"}";
+  for (const char* command : {"pair.begin", "pair.check"}) {
+    const std::string name = command;
+    const std::string request = "{\"cmd\":\"" + name + "\",\"code\":\"ABCD1234\"}";
+    for (const CallerRecord& caller : {kService, kSystemAtConsole, kKioskShell}) {
+      EXPECT_EQ(Ask(caller, request), kNotPermitted);
+    }
+    EXPECT_EQ(test::CountLogged("WARN " + name +
+                                " refused: the caller is not an interactive user other than the kiosk account"),
+              3);
+    EXPECT_EQ(Ask(kPerson, request), "{\"ok\":false,\"error\":\"already_enrolled\"}");
+    EXPECT_EQ(Ask(kPerson, "{\"cmd\":\"" + name + " \"}"), "{\"ok\":false,\"error\":\"unknown_command\"}");
+  }
+  EXPECT_EQ(test::LogTexts().size(), 6U);
+}
+
+TEST_F(Caller, ThePairingCodeIsTrimmedAndOnlyATextCounts) {
+  sim::ScriptedPortal portal;
+  portal.On(L"GET", L"/api/kiosk/pair/12345678", [](const sim::Request&) { return sim::Response{.status = 202}; });
+  portal::SetPendingPairingCode("12345678");
+  constexpr char kUnknownCode[] = "{\"ok\":false,\"error\":\"unknown_code\"}";
+  EXPECT_EQ(Ask(kPerson, "{\"cmd\":\"pair.check\",\"code\":\" \\t\\u000b12345678\\r\\n\"}"),
+            "{\"ok\":true,\"paired\":false}");
+  EXPECT_EQ(Ask(kPerson, "{\"cmd\":\"pair.check\",\"code\":12345678}"), kUnknownCode);
+  EXPECT_EQ(Ask(kPerson, "{\"cmd\":\"pair.check\",\"code\":[\"12345678\"]}"), kUnknownCode);
+  EXPECT_EQ(Ask(kPerson, "{\"cmd\":\"pair.check\"}"), kUnknownCode);
+}
+
+TEST_F(Caller, StatusShowsWhatIsStoredToEverybody) {
+  std::array<wchar_t, 16> computer{};
+  DWORD size = computer.size();
+  ASSERT_NE(GetComputerNameW(computer.data(), &size), 0);
+  sim::SetSession(2, L"norvanekiosk", computer.data());
+  sim::SetSession(3, L"Administrator", computer.data());
+  sim::SetSession(4, L"NorvaneKiosk", L"ELSEWHERE");
+  sim::SetSession(0, L"NorvaneKiosk", computer.data());
+  const auto kioskSession = [&](DWORD session) {
+    sim::SetPipeClientSession(session);
+    const std::string reply = Ask(kService, "{\"cmd\":\"status\"}");
+    EXPECT_NE(reply.find("\"kioskSession\":"), std::string::npos);
+    return reply.find("\"kioskSession\":true") != std::string::npos;
+  };
+  EXPECT_FALSE(kioskSession(2));  // not provisioned yet
+  SetDword(state::kStateKey, L"Provisioned", 1);
+  EXPECT_TRUE(kioskSession(2));
+  EXPECT_FALSE(kioskSession(3));
+  EXPECT_FALSE(kioskSession(4));
+  EXPECT_FALSE(kioskSession(0));
+  EXPECT_FALSE(kioskSession(99));
+
+  sim::SetPipeClientSession(2);
+  SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, "token", 5);
+  SetDword(state::kStateKey, L"Maintenance", 1);
+  SetString(state::kStateKey, L"TerminalName", L"\u0141\u00f3d\u017a \u2013 Halle 3 \"A\"");
+  SetString(state::kStateKey, L"SignIn", L"{\"microsoft\":false,\"email\":true,\"extraHosts\":[\"a.example\"]}");
+  SetString(state::kStateKey, L"LastError", L"check-in: HTTP 500");
+  constexpr char kFull[] =
+      "{\"ok\":true,\"enrolled\":true,\"provisioned\":true,\"kioskSession\":true,\"maintenance\":true,"
+      "\"account\":\"NorvaneKiosk\",\"terminalName\":\"\u0141\u00f3d\u017a \u2013 Halle 3 \\\"A\\\"\","
+      "\"signIn\":{\"microsoft\":false,\"email\":true,\"extraHosts\":[\"a.example\"]},\"error\":\"check-in: HTTP "
+      "500\"}";
+  for (const CallerRecord& caller : {kPerson, kService, kSystemAtConsole, kKioskShell}) {
+    EXPECT_EQ(Ask(caller, "{\"cmd\":\"status\"}"), kFull);
+  }
+
+  // What cannot be read reads as off or empty.
+  SetString(state::kStateKey, L"DeviceToken", L"token");
+  SetString(state::kStateKey, L"Maintenance", L"1");
+  SetDword(state::kStateKey, L"Provisioned", 2);
+  SetDword(state::kStateKey, L"TerminalName", 1);
+  SetString(state::kStateKey, L"SignIn", L"{");
+  SetDword(state::kStateKey, L"LastError", 1);
+  EXPECT_EQ(Ask(kPerson, "{\"cmd\":\"status\"}"),
+            "{\"ok\":true,\"enrolled\":false,\"provisioned\":false,\"kioskSession\":false,\"maintenance\":false,"
+            "\"account\":\"NorvaneKiosk\",\"terminalName\":\"\","
+            "\"signIn\":{\"microsoft\":true,\"email\":true,\"extraHosts\":[]}}");
+}
+
+}  // namespace
+}  // namespace kiosk::pipe

@@ -1,0 +1,284 @@
+// The pipe server over the real pipe: what clients send and how they behave, the limits, the time-outs, the stop.
+#include "sim/pipe.h"
+#include "pipe/server.h"
+#include "sim/clock.h"
+#include "sim/gtest_report.h"
+#include "tests/support/fixture.h"
+#include "tests/support/pipe_exchange.h"
+#include "win32/clock.h"
+#include "win32/stop.h"
+#include "win32/thread.h"
+
+#include <atomic>
+#include <memory>
+#include <optional>
+#include <thread>
+
+namespace kiosk::pipe {
+namespace {
+
+using test::ConnectToService;
+using test::Exchange;
+using test::ReceiveLine;
+using test::Send;
+using win32::FileHandle;
+
+constexpr char kStatus[] =
+    "{\"ok\":true,\"enrolled\":false,\"provisioned\":false,\"kioskSession\":false,\"maintenance\":false,"
+    "\"account\":\"NorvaneKiosk\",\"terminalName\":\"\","
+    "\"signIn\":{\"microsoft\":true,\"email\":true,\"extraHosts\":[]}}\n";
+constexpr char kBadRequest[] = "{\"ok\":false,\"error\":\"bad_request\"}\n";
+constexpr char kUnknownCommand[] = "{\"ok\":false,\"error\":\"unknown_command\"}\n";
+constexpr char kListening[] = "INFO listening on \\\\.\\pipe\\NorvaneKiosk";
+
+class PipeServer : public test::CleanMachine {
+ protected:
+  void SetUp() override {
+    CleanMachine::SetUp();
+    test::SetDword(state::kStateKey, L"DevAllowUnsigned", 1);
+    ASSERT_TRUE(win32::CreateStopEvent());
+  }
+
+  void Serve() { server_ = std::make_unique<std::thread>(RunPipeServer); }
+
+  // The server on a thread that virtual time waits for.
+  void ServeVirtually() {
+    clock_.emplace(sim::FileTimeOf(2026, 10, 15));
+    clock_->SetGrace(20);
+    virtualServer_ = win32::StartThread([]() noexcept { RunPipeServer(); });
+    ASSERT_TRUE(virtualServer_);
+  }
+
+  void TearDown() override {
+    clock_.reset();
+    win32::RequestStop();
+    if (server_) {
+      server_->join();
+    }
+    if (virtualServer_) {
+      EXPECT_EQ(WaitForSingleObject(virtualServer_.Get(), 10'000), WAIT_OBJECT_0);
+    }
+    EXPECT_TRUE(BecomesIdle());
+  }
+
+  static bool BecomesIdle() {
+    const std::uint64_t end = win32::TickCount() + 10'000;
+    while (LiveConnections() != 0 && win32::TickCount() < end) {
+      SwitchToThread();
+    }
+    return LiveConnections() == 0;
+  }
+
+  sim::VirtualClock& Clock() { return *clock_; }
+
+ private:
+  std::unique_ptr<std::thread> server_;
+  std::optional<sim::VirtualClock> clock_;
+  win32::KernelHandle virtualServer_;
+};
+
+TEST_F(PipeServer, AnswersEveryShapeOfRequest) {
+  Serve();
+  const std::string tooDeep = std::string(65, '[') + std::string(65, ']') + "\n";
+  const std::string filler(1100, ' ');
+  const struct {
+    std::vector<std::string> pieces;
+    const char* reply;
+  } cases[] = {
+      {{"{\"cmd\":\"status\"}\n"}, kStatus},
+      {{"{\"cmd\":\"status\"}\r\n"}, kStatus},
+      {{" \t\v\f\r{\"cmd\":\"status\"}"}, kStatus},
+      {{"{\"cmd\":", "\"status\"}"}, kStatus},
+      {{filler, "{\"cmd\":\"status\"}"}, kStatus},
+      {{"{\"cmd\":\"unknown\",\"cmd\":\"status\"}"}, kStatus},
+      {{"{\"cmd\":\"Status\"}"}, kUnknownCommand},
+      {{"{\"cmd\":\"status \"}"}, kUnknownCommand},
+      {{"{\"cmd\":true}"}, kUnknownCommand},
+      {{"{\"cmd\":[\"status\"]}"}, kUnknownCommand},
+      {{"{}"}, kUnknownCommand},
+      {{"[]"}, kBadRequest},
+      {{"42"}, kBadRequest},
+      {{"\"status\""}, kBadRequest},
+      {{"{\"cmd\":\"status\"\n"}, kBadRequest},
+      {{"{\"cmd\":\"status\"}\n{\"cmd\":\"status\"}\n"}, kBadRequest},
+      {{tooDeep}, kBadRequest},
+      {{"{\"cmd\":\"" + std::string(10'000, 'x')}, kBadRequest},
+      {{"{\"cmd\":\"" + std::string(7000, 'x') + "\"}"}, kUnknownCommand},
+  };
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.pieces.back().substr(0, 60));
+    const FileHandle pipe = ConnectToService();
+    for (const std::string& piece : each.pieces) {
+      ASSERT_TRUE(Send(pipe.Get(), piece));
+    }
+    EXPECT_EQ(ReceiveLine(pipe.Get()), each.reply);
+  }
+  // Nothing of this is worth a line.
+  EXPECT_EQ(test::LogTexts(), std::vector<std::string>{kListening});
+}
+
+TEST_F(PipeServer, TakesUpTo9215BytesAndStopsAt8192) {
+  Serve();
+  const std::string head = "{\"cmd\":\"status\",\"x\":\"";
+  for (const std::size_t size : {9215U, 9216U}) {
+    const std::string request = head + std::string(size - head.size() - 2, 'x') + "\"}";
+    const FileHandle pipe = ConnectToService();
+    ASSERT_TRUE(Send(pipe.Get(), std::string_view(request).substr(0, 8191)));
+    ASSERT_NE(FlushFileBuffers(pipe.Get()), 0);  // all of it was read, so that the rest comes in one more read
+    ASSERT_TRUE(Send(pipe.Get(), std::string_view(request).substr(8191)));
+    EXPECT_EQ(ReceiveLine(pipe.Get()), size == 9215 ? kStatus : kBadRequest);
+  }
+}
+
+TEST_F(PipeServer, InstancesAreCreatedAsTheyMustBe) {
+  Serve();
+  EXPECT_EQ(Exchange("{}"), kUnknownCommand);
+  EXPECT_EQ(Exchange("{}"), kUnknownCommand);
+  const std::vector<sim::PipeCreation> creations = sim::PipeCreations();
+  ASSERT_GE(creations.size(), 2U);
+  for (const sim::PipeCreation& each : creations) {
+    const DWORD first = &each == creations.data() ? FILE_FLAG_FIRST_PIPE_INSTANCE : 0;
+    EXPECT_EQ(each.name, kPipeName);
+    EXPECT_EQ(each.openMode, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | first);
+    EXPECT_EQ(each.pipeMode, static_cast<DWORD>(PIPE_REJECT_REMOTE_CLIENTS));
+    EXPECT_EQ(each.instances, 255U);
+    EXPECT_EQ(each.outSize, 8192U);
+    EXPECT_EQ(each.inSize, 8192U);
+    EXPECT_EQ(each.timeout, 0U);
+    EXPECT_NE(each.sddl.find(L"D:P(A;;GA;;;SY)(A;;0x12019b;;;IU)"), std::wstring::npos) << sim::Narrow(each.sddl);
+  }
+}
+
+TEST_F(PipeServer, ManyAndRudeClientsLeaveNothingBehind) {
+  Serve();
+  EXPECT_EQ(Exchange("{\"cmd\":\"status\"}"), kStatus);
+  ASSERT_TRUE(BecomesIdle());
+  DWORD before = 0;
+  GetProcessHandleCount(GetCurrentProcess(), &before);
+
+  for (int i = 0; i < 50; ++i) {
+    ConnectToService();                                      // connects and closes
+    Send(ConnectToService().Get(), "{\"cmd\":\"sta");        // ends in the middle
+    Send(ConnectToService().Get(), "{\"cmd\":\"status\"}");  // never reads the reply
+  }
+  std::atomic<int> answered{0};
+  std::vector<std::thread> clients;
+  clients.reserve(200);
+  for (int i = 0; i < 200; ++i) {
+    clients.emplace_back([&answered] { answered += Exchange("{\"cmd\":\"status\"}\n") == kStatus ? 1 : 0; });
+  }
+  for (std::thread& client : clients) {
+    client.join();
+  }
+  EXPECT_EQ(answered, 200);
+
+  EXPECT_EQ(Exchange("{\"cmd\":\"status\"}"), kStatus);
+  ASSERT_TRUE(BecomesIdle());
+  DWORD after = 0;
+  GetProcessHandleCount(GetCurrentProcess(), &after);
+  EXPECT_EQ(after, before);
+  EXPECT_EQ(test::LogTexts(), std::vector<std::string>{kListening});
+}
+
+TEST_F(PipeServer, NobodyTakesTheNameBetweenTwoConnections) {
+  Serve();
+  EXPECT_EQ(Exchange("{}"), kUnknownCommand);
+  std::atomic<bool> over{false};
+  std::atomic<int> taken{0};
+  std::thread thief([&] {
+    while (!over) {
+      const FileHandle pipe(
+          CreateNamedPipeW(kPipeName, PIPE_ACCESS_DUPLEX | FILE_FLAG_FIRST_PIPE_INSTANCE, 0, 255, 0, 0, 0, nullptr));
+      taken += pipe ? 1 : 0;
+    }
+  });
+  for (int i = 0; i < 200; ++i) {
+    ConnectToService();
+  }
+  over = true;
+  thief.join();
+  EXPECT_EQ(taken, 0);
+}
+
+TEST_F(PipeServer, WaitsWhileAnotherProcessHoldsTheName) {
+  FileHandle other(CreateNamedPipeW(kPipeName, PIPE_ACCESS_DUPLEX, 0, 255, 0, 0, 0, nullptr));
+  ASSERT_TRUE(other);
+  ServeVirtually();
+  Clock().RunUntil(3900);
+  EXPECT_EQ(test::CountLogged("ERROR cannot create the pipe (5)"), 2);
+  other.Reset();
+  Clock().RunUntil(4100);
+  EXPECT_EQ(test::CountLogged("ERROR cannot create the pipe (5)"), 2);
+  EXPECT_EQ(Exchange("{}"), kUnknownCommand);
+  EXPECT_NE(sim::PipeCreations()[3].openMode & FILE_FLAG_FIRST_PIPE_INSTANCE, 0U);
+}
+
+TEST_F(PipeServer, ARequestHas15Seconds) {
+  ServeVirtually();
+  const FileHandle silent = ConnectToService();
+  const FileHandle slow = ConnectToService();
+  const std::string request = "{\"cmd\":\"status\"}";
+  for (std::size_t i = 0; i < 15; ++i) {
+    ASSERT_TRUE(Send(slow.Get(), request.substr(i, 1)));
+    Clock().RunFor(i < 14 ? 1000 : 900);
+  }
+  EXPECT_EQ(LiveConnections(), 2);  // 14.9 s
+  Clock().RunFor(200);
+  EXPECT_EQ(LiveConnections(), 1);
+  EXPECT_EQ(ReceiveLine(slow.Get()), kBadRequest);  // 15 of its 16 bytes
+  EXPECT_EQ(ReceiveLine(silent.Get()), "");
+}
+
+TEST_F(PipeServer, AnUnreadReplyHoldsNothingLongerThanItMay) {
+  ServeVirtually();
+  const struct {
+    std::size_t nameLength;
+    const char* what;
+  } cases[] = {{0, "fits the pipe's buffer"}, {30'000, "does not fit it"}};
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.what);
+    test::SetString(state::kStateKey, L"TerminalName", std::wstring(each.nameLength, L'x'));
+    const FileHandle pipe = ConnectToService();
+    ASSERT_TRUE(Send(pipe.Get(), "{\"cmd\":\"status\"}\n"));
+    Clock().RunFor(4900);
+    EXPECT_EQ(LiveConnections(), 1);
+    Clock().RunFor(200);
+    EXPECT_EQ(LiveConnections(), 0);
+  }
+  EXPECT_GT(Exchange("{\"cmd\":\"status\"}").size(), 30'000U);
+}
+
+TEST_F(PipeServer, ExtraBytesDoNotProlongAConnection) {
+  ServeVirtually();
+  const FileHandle pipe = ConnectToService();
+  ASSERT_TRUE(Send(pipe.Get(), "{}\n"));
+  EXPECT_EQ(ReceiveLine(pipe.Get()), kUnknownCommand);
+  for (int i = 0; i < 6; ++i) {
+    Send(pipe.Get(), "more");
+    Clock().RunFor(900);
+  }
+  EXPECT_EQ(LiveConnections(), 0);
+}
+
+TEST_F(PipeServer, AStopEndsEverythingAtOnce) {
+  Serve();
+  const FileHandle silent = ConnectToService();
+  const FileHandle half = ConnectToService();
+  const FileHandle unread = ConnectToService();
+  ASSERT_TRUE(Send(half.Get(), "{\"cmd\":\"sta"));
+  ASSERT_TRUE(Send(unread.Get(), "{\"cmd\":\"status\"}"));
+  while (LiveConnections() != 3) {
+    SwitchToThread();
+  }
+  const std::uint64_t start = win32::TickCount();
+  win32::RequestStop();
+  EXPECT_TRUE(BecomesIdle());
+  EXPECT_LT(win32::TickCount() - start, 2000U);
+  EXPECT_EQ(ReceiveLine(silent.Get()), "");
+  while (WaitNamedPipeW(kPipeName, 1) != 0 || GetLastError() != ERROR_FILE_NOT_FOUND) {
+    SwitchToThread();  // until the server has let go of the name
+  }
+}
+
+}  // namespace
+}  // namespace kiosk::pipe

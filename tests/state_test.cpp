@@ -1,0 +1,156 @@
+// The state key and the registry helpers, against the real registry.
+#include "state/kiosk_state.h"
+#include "state/os_version.h"
+#include "tests/support/fixture.h"
+#include "win32/handle.h"
+#include "win32/security.h"
+
+#include <sddl.h>
+
+#include <regex>
+#include <set>
+
+namespace kiosk::state {
+namespace {
+
+using test::HasValue;
+using test::SetDword;
+using test::SetRaw;
+using test::SetString;
+
+class State : public test::CleanMachine {};
+
+constexpr wchar_t kKey[] = L"SOFTWARE\\Norvane\\Test";
+
+TEST_F(State, StringsAreReadByTypeAndCutAtTheFirstNul) {
+  const std::wstring longText(5000, L'x');
+  struct {
+    DWORD type;
+    std::wstring stored;  // bytes as they are, no terminator added
+    std::optional<std::wstring> read;
+  } const cases[] = {
+      {REG_SZ, std::wstring(L"text\0", 5), L"text"},
+      {REG_SZ, L"no terminator", L"no terminator"},
+      {REG_SZ, std::wstring(L"first\0second\0", 13), L"first"},
+      {REG_SZ, L"", L""},
+      {REG_SZ, longText, longText},
+      {REG_EXPAND_SZ, std::wstring(L"%SystemRoot%\\x\0", 15), L"C:\\windows\\x"},
+      {REG_EXPAND_SZ, L"%NoSuchVariable%", L"%NoSuchVariable%"},
+      {REG_MULTI_SZ, std::wstring(L"a\0\0", 3), std::nullopt},
+      {REG_BINARY, L"bytes", std::nullopt},
+      {REG_DWORD, L"ab", std::nullopt},
+  };
+  for (const auto& each : cases) {
+    SetRaw(kKey, L"Value", each.type, each.stored.data(), each.stored.size() * sizeof(wchar_t));
+    EXPECT_EQ(ReadString(kKey, L"Value"), each.read) << each.type;
+  }
+  EXPECT_EQ(ReadString(kKey, L"Missing"), std::nullopt);
+  EXPECT_EQ(ReadString(L"SOFTWARE\\Norvane\\NoKey", L"Value"), std::nullopt);
+}
+
+TEST_F(State, NumbersAndBytesOfAnotherTypeOrSizeAreAbsent) {
+  SetDword(kKey, L"Number", 7);
+  SetRaw(kKey, L"Short", REG_DWORD, "ab", 2);
+  SetRaw(kKey, L"Long", REG_QWORD, "12345678", 8);
+  SetString(kKey, L"Text", L"7");
+  EXPECT_EQ(ReadDword(kKey, L"Number"), 7U);
+  EXPECT_EQ(ReadQword(kKey, L"Long"), 0x3837363534333231U);
+  for (const wchar_t* name : {L"Short", L"Long", L"Text", L"Missing"}) {
+    EXPECT_EQ(ReadDword(kKey, name), std::nullopt);
+  }
+  EXPECT_EQ(ReadQword(kKey, L"Number"), std::nullopt);
+  EXPECT_EQ(ReadBinary(kKey, L"Text"), std::nullopt);
+}
+
+TEST_F(State, CopiesKeepTypeAndBytes) {
+  SetRaw(kKey, L"Odd", REG_MULTI_SZ, "a\0b\0\0", 6);
+  SetRaw(kKey, L"Empty", REG_NONE, nullptr, 0);
+  EXPECT_TRUE(CopyValue(kKey, L"Odd", L"SOFTWARE\\Norvane\\Other", L"PriorOdd"));
+  EXPECT_TRUE(CopyValue(kKey, L"Empty", L"SOFTWARE\\Norvane\\Other", L"PriorEmpty"));
+  EXPECT_FALSE(CopyValue(kKey, L"Missing", L"SOFTWARE\\Norvane\\Other", L"PriorMissing"));
+  DWORD type = 0;
+  char bytes[16] = "";
+  DWORD size = sizeof(bytes);
+  win32::RegistryKey key;
+  ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\Other", 0, KEY_READ, key.Put()), ERROR_SUCCESS);
+  ASSERT_EQ(RegQueryValueExW(key.Get(), L"PriorOdd", nullptr, &type, reinterpret_cast<BYTE*>(bytes), &size), 0);
+  EXPECT_EQ(type, static_cast<DWORD>(REG_MULTI_SZ));
+  EXPECT_EQ(std::string_view(bytes, size), std::string_view("a\0b\0\0", 6));
+  size = sizeof(bytes);
+  ASSERT_EQ(RegQueryValueExW(key.Get(), L"PriorEmpty", nullptr, &type, nullptr, &size), 0);
+  EXPECT_EQ(size, 0U);
+}
+
+TEST_F(State, KeyIsProtectedAlsoWhenItExisted) {
+  for (int round = 0; round < 2; ++round) {
+    ASSERT_EQ(ProtectStateKey().what, nullptr);
+    win32::RegistryKey key;
+    ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, kStateKey, 0, READ_CONTROL, key.Put()), ERROR_SUCCESS);
+    BYTE descriptor[1024];
+    DWORD size = sizeof(descriptor);
+    ASSERT_EQ(RegGetKeySecurity(key.Get(), DACL_SECURITY_INFORMATION, descriptor, &size), ERROR_SUCCESS);
+    wchar_t* text = nullptr;
+    ASSERT_NE(ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1,
+                                                                   DACL_SECURITY_INFORMATION, &text, nullptr),
+              0);
+    const win32::LocalMemory owner(text);
+    EXPECT_STREQ(text, L"D:P(A;CI;KA;;;SY)(A;CI;KA;;;BA)");
+    // Second round: the key exists with a security of somebody else's.
+    const win32::SecurityDescriptor open(L"D:(A;;KA;;;WD)");
+    RegSetKeySecurity(key.Get(), DACL_SECURITY_INFORMATION, open.Get());
+  }
+}
+
+TEST_F(State, WritesNeverBringTheKeyBack) {
+  EXPECT_FALSE(WriteStateString(kTerminalName, L"Hall 3"));
+  RecordLastError("no_client");
+  EXPECT_TRUE(DeleteStateValue(kLastError));
+  win32::RegistryKey key;
+  EXPECT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, kStateKey, 0, KEY_READ, key.Put()), ERROR_FILE_NOT_FOUND);
+}
+
+TEST_F(State, LastErrorIsDeletedRatherThanStoredEmpty) {
+  ASSERT_EQ(ProtectStateKey().what, nullptr);
+  RecordLastError("Łódź");
+  EXPECT_EQ(ReadStateString(kLastError), L"Łódź");
+  RecordLastError("");
+  EXPECT_FALSE(HasValue(kStateKey, L"LastError"));
+}
+
+TEST_F(State, FlagsAreOnForExactlyOne) {
+  EXPECT_FALSE(FlagIsOn(kMaintenance));
+  SetDword(kStateKey, L"Maintenance", 2);
+  EXPECT_FALSE(FlagIsOn(kMaintenance));
+  SetString(kStateKey, L"Maintenance", L"1");
+  EXPECT_FALSE(FlagIsOn(kMaintenance));
+  SetDword(kStateKey, L"Maintenance", 1);
+  EXPECT_TRUE(FlagIsOn(kMaintenance));
+}
+
+TEST_F(State, TokenCountsOnlyAsNonEmptyBinary) {
+  EXPECT_FALSE(TokenIsStored());
+  SetRaw(kStateKey, L"DeviceToken", REG_BINARY, nullptr, 0);
+  EXPECT_FALSE(TokenIsStored());
+  SetString(kStateKey, L"DeviceToken", L"text");
+  EXPECT_FALSE(TokenIsStored());
+  SetRaw(kStateKey, L"DeviceToken", REG_BINARY, "x", 1);
+  EXPECT_TRUE(TokenIsStored());
+}
+
+TEST_F(State, ClientFolderHasNoTrailingSlashes) {
+  constexpr wchar_t kUpdate[] = L"SOFTWARE\\Norvane\\Tessaly\\Update";
+  EXPECT_EQ(ClientInstallFolder(), L"");
+  SetString(kUpdate, L"ClientInstallDir", L"C:\\Program Files\\Tessaly\\/\\//");
+  EXPECT_EQ(ClientInstallFolder(), L"C:\\Program Files\\Tessaly");
+  SetString(kUpdate, L"ClientInstallDir", L"%SystemRoot%\\client\\", REG_EXPAND_SZ);
+  EXPECT_EQ(ClientInstallFolder(), L"C:\\windows\\client");
+  SetString(kUpdate, L"ClientInstallDir", L"\\\\/");
+  EXPECT_EQ(ClientInstallFolder(), L"");
+}
+
+TEST_F(State, OsVersionIsThreeNumbers) {
+  EXPECT_TRUE(std::regex_match(OsVersionText(), std::regex("10\\.0\\.[0-9]{5}"))) << OsVersionText();
+}
+
+}  // namespace
+}  // namespace kiosk::state

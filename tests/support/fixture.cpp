@@ -1,0 +1,115 @@
+#include "tests/support/fixture.h"
+
+#include "log/day_files.h"
+#include "win32/handle.h"
+#include "win32/wide_text.h"
+
+#include <algorithm>
+
+namespace kiosk::test {
+
+void CleanMachine::SetUp() {
+  for (const wchar_t* key : {L"SOFTWARE\\Norvane", L"SOFTWARE\\SimulatedWindows"}) {
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, key);
+    RegDeleteKeyW(HKEY_LOCAL_MACHINE, key);
+  }
+  RemoveTree(L"C:\\ProgramData\\Norvane");
+}
+
+std::vector<std::string> LogLines(std::string_view component) {
+  std::vector<std::string> lines;
+  const std::wstring prefix = win32::ToWide(component) + L"_";
+  for (const std::wstring& folder : ListFolder(log::kLogRoot)) {
+    for (const std::wstring& name : ListFolder(std::wstring(log::kLogRoot) + L"\\" + folder)) {
+      if (!name.starts_with(prefix)) {
+        continue;
+      }
+      const std::string content = ReadWholeFile(std::wstring(log::kLogRoot) + L"\\" + folder + L"\\" + name);
+      for (std::size_t at = 0; at < content.size();) {
+        const std::size_t end = content.find('\n', at);
+        lines.push_back(content.substr(at, end - at));
+        at = end == std::string::npos ? content.size() : end + 1;
+      }
+    }
+  }
+  return lines;
+}
+
+std::vector<std::string> LogTexts(std::string_view component) {
+  std::vector<std::string> texts = LogLines(component);
+  for (std::string& line : texts) {
+    const std::size_t end = line.find("] ");
+    line.erase(0, end == std::string::npos ? 0 : end + 2);
+  }
+  return texts;
+}
+
+int CountLogged(std::string_view text) {
+  const std::vector<std::string> texts = LogTexts();
+  return static_cast<int>(std::count(texts.begin(), texts.end(), text));
+}
+
+void SetRaw(const wchar_t* key, const wchar_t* name, DWORD type, const void* data, std::size_t size) {
+  win32::RegistryKey opened;
+  ASSERT_EQ(RegCreateKeyW(HKEY_LOCAL_MACHINE, key, opened.Put()), ERROR_SUCCESS);
+  ASSERT_EQ(RegSetValueExW(opened.Get(), name, 0, type, static_cast<const BYTE*>(data), static_cast<DWORD>(size)),
+            ERROR_SUCCESS);
+}
+
+void SetDword(const wchar_t* key, const wchar_t* name, DWORD number) {
+  SetRaw(key, name, REG_DWORD, &number, sizeof(number));
+}
+
+void SetString(const wchar_t* key, const wchar_t* name, std::wstring_view text, DWORD type) {
+  const std::wstring terminated(text);
+  SetRaw(key, name, type, terminated.c_str(), state::StringBytes(text));
+}
+
+bool HasValue(const wchar_t* key, const wchar_t* name) {
+  return RegGetValueW(HKEY_LOCAL_MACHINE, key, name, RRF_RT_ANY | RRF_NOEXPAND, nullptr, nullptr, nullptr) ==
+         ERROR_SUCCESS;
+}
+
+std::string ReadWholeFile(const std::wstring& path) {
+  const win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                           nullptr, OPEN_EXISTING, 0, nullptr));
+  std::string content;
+  char chunk[4096];
+  for (DWORD read = 0; file && ReadFile(file.Get(), chunk, sizeof(chunk), &read, nullptr) != 0 && read > 0;) {
+    content.append(chunk, read);
+  }
+  return content;
+}
+
+void WriteWholeFile(const std::wstring& path, std::string_view content) {
+  const win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+  DWORD written = 0;
+  ASSERT_TRUE(file) << GetLastError();
+  ASSERT_NE(WriteFile(file.Get(), content.data(), static_cast<DWORD>(content.size()), &written, nullptr), 0);
+}
+
+std::vector<std::wstring> ListFolder(const std::wstring& folder) {
+  std::vector<std::wstring> names;
+  WIN32_FIND_DATAW data;
+  const win32::FindHandle find(FindFirstFileW((folder + L"\\*").c_str(), &data));
+  for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.Get(), &data) != 0) {
+    const std::wstring name = data.cFileName;
+    if (name != L"." && name != L"..") {
+      names.push_back(name);
+    }
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+void RemoveTree(const std::wstring& folder) {
+  for (const std::wstring& name : ListFolder(folder)) {
+    const std::wstring path = folder + L"\\" + name;
+    if (DeleteFileW(path.c_str()) == 0) {
+      RemoveTree(path);
+    }
+  }
+  RemoveDirectoryW(folder.c_str());
+}
+
+}  // namespace kiosk::test

@@ -1,0 +1,235 @@
+"""What a person may set for a terminal: one check per member of the check-in reply.
+
+Every check takes the value and returns it in the form in which the terminal keeps it (member order, days ascending),
+or raises Invalid with one message per fault. The terminal silently ignores a policy that breaks these rules, so the
+portal has to be the one that says why.
+"""
+
+import json
+import re
+
+MAX_TEXT = 200
+MAX_HOSTS = 10
+MAX_MINUTES = 240
+SOURCES = ("device", "tenant", "default")
+
+
+class Invalid(Exception):
+    """Faults of one value; `messages` name the member, as in "schedule.sleepAt is missing"."""
+
+    def __init__(self, messages):
+        super().__init__("; ".join(messages))
+        self.messages = messages
+
+
+class _Faults:
+    """Collects every fault of a value, so that a person sees all of them at once."""
+
+    def __init__(self):
+        self.messages = []
+
+    def add(self, path, text):
+        self.messages.append(f"{path} {text}")
+        return None
+
+    def object(self, value, path, members):
+        """True when `value` is an object; unknown members are faults, most of them being a slip of the pen."""
+        if not isinstance(value, dict):
+            self.add(path or "the policy", "must be an object in braces, such as {}")
+            return False
+        for name in value:
+            if name not in members:
+                self.add(_join(path, name), f"is not a member that a terminal knows; known are {', '.join(members)}")
+        return True
+
+    def member(self, holder, path, name, check):
+        where = _join(path, name)
+        if name not in holder:
+            return self.add(where, "is missing")
+        return check(holder[name], where)
+
+    def flag(self, value, path):
+        return value if isinstance(value, bool) else self.add(path, "must be true or false")
+
+    def minutes(self, value, path):
+        if isinstance(value, (int, float)) and not isinstance(value, bool):
+            if 0 <= value <= MAX_MINUTES and value == int(value):
+                return int(value)
+        return self.add(path, f"must be a whole number from 0 to {MAX_MINUTES} (0 means never)")
+
+    def clock(self, value, path):
+        if isinstance(value, str) and re.fullmatch("([01][0-9]|2[0-3]):[0-5][0-9]", value):
+            return value
+        return self.add(path, 'must be a time of day from "00:00" to "23:59", five characters in quotes')
+
+    def days(self, value, path):
+        whole = isinstance(value, list) and all(
+            isinstance(day, (int, float)) and not isinstance(day, bool) and day in range(7) for day in value)
+        if not whole:
+            return self.add(path, "must be a list of day numbers from 0 (Sunday) to 6 (Saturday), such as [1, 2, 3]")
+        if len(set(value)) != len(value):
+            return self.add(path, "names a day twice")
+        return sorted(int(day) for day in value)
+
+    def differ(self, record, path, first, second):
+        if record[first] is not None and record[first] == record[second]:
+            self.add(_join(path, second), f"must differ from {_join(path, first)}")
+
+    def finish(self, result):
+        if self.messages:
+            raise Invalid(self.messages)
+        return result
+
+
+def _join(path, name):
+    return f"{path}.{name}" if path else name
+
+
+def check_power(value):
+    faults = _Faults()
+    if not faults.object(value, "", ("screenOffMinutes", "sleepMinutes", "schedule")):
+        return faults.finish(None)
+    result = {
+        "screenOffMinutes": faults.member(value, "", "screenOffMinutes", faults.minutes),
+        "sleepMinutes": faults.member(value, "", "sleepMinutes", faults.minutes),
+        "schedule": faults.member(value, "", "schedule", lambda schedule, path: _schedule(faults, schedule, path)),
+    }
+    return faults.finish(result)
+
+
+def _schedule(faults, value, path):
+    if not faults.object(value, path, ("enabled", "sleepAt", "wakeAt", "days")):
+        return None
+    result = {
+        "enabled": faults.member(value, path, "enabled", faults.flag),
+        "sleepAt": faults.member(value, path, "sleepAt", faults.clock),
+        "wakeAt": faults.member(value, path, "wakeAt", faults.clock),
+        "days": faults.member(value, path, "days", faults.days),
+    }
+    faults.differ(result, path, "sleepAt", "wakeAt")
+    if result["enabled"] and result["days"] == []:
+        faults.add(_join(path, "days"), "needs at least one day while the schedule is enabled")
+    return result
+
+
+def check_updates(value):
+    faults = _Faults()
+    if not faults.object(value, "", ("automatic", "window")):
+        return faults.finish(None)
+    result = {
+        "automatic": faults.member(value, "", "automatic", faults.flag),
+        "window": faults.member(value, "", "window", lambda window, path: _window(faults, window, path)),
+    }
+    return faults.finish(result)
+
+
+def _window(faults, value, path):
+    if not faults.object(value, path, ("start", "end", "days")):
+        return None
+    result = {
+        "start": faults.member(value, path, "start", faults.clock),
+        "end": faults.member(value, path, "end", faults.clock),
+        "days": faults.member(value, path, "days", faults.days),
+    }
+    faults.differ(result, path, "start", "end")
+    if result["days"] == []:
+        faults.add(_join(path, "days"), "needs at least one day")
+    return result
+
+
+def check_sign_in(value):
+    faults = _Faults()
+    if not faults.object(value, "", ("microsoft", "email", "extraHosts")):
+        return faults.finish(None)
+    result = {
+        "microsoft": faults.member(value, "", "microsoft", faults.flag),
+        "email": faults.member(value, "", "email", faults.flag),
+        "extraHosts": faults.member(value, "", "extraHosts", lambda hosts, path: _hosts(faults, hosts, path)),
+    }
+    return faults.finish(result)
+
+
+def _hosts(faults, value, path):
+    if not isinstance(value, list):
+        return faults.add(path, "must be a list of host names")
+    for host in value:
+        if not is_host_name(host):
+            faults.add(path, f"holds {json.dumps(host, ensure_ascii=False)}, which is not a host name "
+                             "(lower case, with a dot, such as login.example.org)")
+    if len(value) > MAX_HOSTS:
+        faults.add(path, f"may hold at most {MAX_HOSTS} host names")
+    return value
+
+
+def is_host_name(value):
+    if not isinstance(value, str) or not 1 <= len(value) <= 253 or "." not in value:
+        return False
+    return all(re.fullmatch("[a-z0-9]([a-z0-9-]{0,61}[a-z0-9])?", label) for label in value.split("."))
+
+
+def check_text(value):
+    faults = _Faults()
+    if not isinstance(value, str):
+        faults.add("the value", "must be text")
+    elif len(value) > MAX_TEXT:
+        faults.add("the text", f"may have at most {MAX_TEXT} characters")
+    elif any(ord(char) < 32 or ord(char) == 127 for char in value):
+        faults.add("the text", "may not hold control characters")
+    return faults.finish(value)
+
+
+def check_source(value):
+    if value in SOURCES:
+        return value
+    raise Invalid([f"the source must be one of {', '.join(SOURCES)}"])
+
+
+# The members that a person may set, in the order in which a check-in reply carries them.
+CHECKS = {
+    "signIn": check_sign_in,
+    "name": check_text,
+    "power": check_power,
+    "powerSource": check_source,
+    "updates": check_updates,
+    "updatesSource": check_source,
+    "exitPassword": check_text,
+    "tenantId": check_text,
+}
+
+
+def check_settings(changes):
+    """Checks a partial change {member: value}; None and "" take a member away. Returns (checked, faults by member)."""
+    checked, faults = {}, {}
+    for name, value in changes.items():
+        if name not in CHECKS:
+            faults[name] = ["is not a setting of a terminal"]
+        elif value is None or value == "":
+            checked[name] = None
+        else:
+            try:
+                checked[name] = CHECKS[name](value)
+            except Invalid as error:
+                faults[name] = error.messages
+    return checked, faults
+
+
+def parse_json(data):
+    """Parses UTF-8 JSON strictly: no NaN, nothing that JSON cannot carry on. Raises ValueError with a sentence."""
+    try:
+        text = data.decode("utf-8") if isinstance(data, bytes) else data
+    except UnicodeDecodeError as error:
+        raise ValueError(f"not UTF-8 at byte {error.start}") from None
+    try:
+        value = json.loads(text, parse_constant=_refuse_constant)
+        json.dumps(value, ensure_ascii=False, allow_nan=False).encode("utf-8")
+        return value
+    except json.JSONDecodeError as error:
+        raise ValueError(f"not valid JSON at line {error.lineno}, column {error.colno}: {error.msg}") from None
+    except UnicodeEncodeError:
+        raise ValueError("half of a surrogate pair in a text") from None
+    except RecursionError:
+        raise ValueError("nested too deeply") from None
+
+
+def _refuse_constant(name):
+    raise ValueError(f"{name} is not JSON")

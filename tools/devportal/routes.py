@@ -1,0 +1,188 @@
+"""The two HTTP interfaces: the one that terminals use (/api/kiosk) and the one that the page uses (/page/api)."""
+
+import base64
+import hashlib
+import pathlib
+import re
+import time
+import urllib.parse
+
+import policy
+from server import OUTAGES, Reply
+from store import PortalError
+
+TERMINAL_PREFIX = "/api/"
+# A page of another site can make a browser send requests here, but not with a header of this name.
+PAGE_HEADER = "X-Devportal"
+PAGE_HOSTS = r"localhost|127(\.\d{1,3}){3}"
+PAGE_FILE = pathlib.Path(__file__).with_name("page.html")
+
+
+class Routes:
+    """Maps requests to replies. `outage` is an object with an attribute of that name: the server."""
+
+    def __init__(self, store, code_lifetime):
+        self.store = store
+        self.code_lifetime = code_lifetime
+        self.outage = None
+        self._page = _load_page()
+        self._terminal_table = [
+            ("POST", r"/api/kiosk/pair", self._pair),
+            ("GET", r"/api/kiosk/pair/([^/]{1,64})", self._pair_state),
+            ("POST", r"/api/kiosk/check-in", self._check_in),
+        ]
+        self._page_table = [
+            ("GET", r"/", lambda request: self._page),
+            ("GET", r"/page/api/state", self._state),
+            ("POST", r"/page/api/claim", self._claim),
+            ("POST", r"/page/api/outage", self._set_outage),
+            ("POST", r"/page/api/terminals/(\d{1,15})", self._change),
+            ("POST", r"/page/api/terminals/(\d{1,15})/revoke", self._revoke),
+            ("POST", r"/page/api/terminals/(\d{1,15})/forget", self._forget),
+        ]
+
+    def route(self, request):
+        try:
+            if request.path.startswith(TERMINAL_PREFIX):
+                return _dispatch(self._terminal_table, request)
+            refusal = _refuse_stranger(request)
+            return refusal or _dispatch(self._page_table, request)
+        except PortalError as error:
+            body = {"error": error.message}
+            if error.faults:
+                body["faults"] = error.faults
+            return Reply(error.status, body)
+
+    # Terminals.
+
+    def _pair(self, request):
+        code = self.store.begin_pairing(_object(request), self.code_lifetime)
+        return Reply(201, {"pairingCode": code, "expiresInSeconds": self.code_lifetime})
+
+    def _pair_state(self, request, code):
+        token = self.store.collect(code)
+        return Reply(202, {"status": "pending"}) if token is None else Reply(200, {"deviceToken": token})
+
+    def _check_in(self, request):
+        scheme, _, token = request.headers.get("Authorization", "").partition(" ")
+        report = _object(request)
+        known = token.strip() if scheme.lower() == "bearer" else ""
+        status, settings = self.store.check_in(known, report)
+        if status != "enrolled":
+            return Reply(401, {"status": status}, {"WWW-Authenticate": "Bearer"})
+        return Reply(200, check_in_reply(settings))
+
+    # The page.
+
+    def _state(self, request):
+        return Reply(200, {
+            "now": time.time(),
+            "outage": self.outage.outage,
+            "pendingCodes": self.store.pending_codes(),
+            "terminals": self.store.terminals(),
+        })
+
+    def _claim(self, request):
+        body = _object(request)
+        code = re.sub(r"[\s-]", "", body.get("code") if isinstance(body.get("code"), str) else "").upper()
+        settings = _checked({"name": body.get("name")})
+        return Reply(201, {"id": self.store.claim(code, {k: v for k, v in settings.items() if v is not None})})
+
+    def _change(self, request, terminal):
+        changes = _object(request)
+        faults = {}
+        for name in ("power", "updates"):
+            if isinstance(changes.get(name), str):
+                try:
+                    changes[name] = policy.parse_json(changes[name]) if changes[name].strip() else None
+                except ValueError as error:
+                    faults[name] = [str(error)]
+                    del changes[name]
+        return Reply(200, {"settings": self.store.change(int(terminal), _checked(changes, faults))})
+
+    def _revoke(self, request, terminal):
+        self.store.revoke(int(terminal))
+        return Reply(200, {})
+
+    def _forget(self, request, terminal):
+        self.store.forget(int(terminal))
+        return Reply(200, {})
+
+    def _set_outage(self, request):
+        mode = _object(request).get("mode")
+        if mode not in OUTAGES:
+            raise PortalError(422, f"The outage must be one of {', '.join(OUTAGES)}.")
+        self.outage.outage = mode
+        return Reply(200, {"outage": mode})
+
+
+def check_in_reply(settings):
+    """The members in the order of the settings table; a policy always travels with its source."""
+    reply = {"status": "enrolled"}
+    for name in list(policy.CHECKS) + [name for name in settings if name not in policy.CHECKS]:
+        if name in settings:
+            reply[name] = settings[name]
+        elif name in ("powerSource", "updatesSource") and name.removesuffix("Source") in settings:
+            reply[name] = "device"
+    return reply
+
+
+def _dispatch(table, request):
+    allowed = []
+    for method, pattern, function in table:
+        if match := re.fullmatch(pattern, request.path):
+            if method == request.method:
+                return function(request, *match.groups())
+            allowed.append(method)
+    if allowed:
+        return Reply(405, {"error": f"only {', '.join(allowed)} here"}, {"Allow": ", ".join(allowed)})
+    return Reply(404, {"error": "nothing here"})
+
+
+def _refuse_stranger(request):
+    """The page's own calls only: no name that merely resolves to loopback, no request made by another site."""
+    try:
+        host = urllib.parse.urlsplit("//" + request.headers.get("Host", "")).hostname
+    except ValueError:
+        host = None
+    if not re.fullmatch(PAGE_HOSTS, host or ""):
+        return Reply(403, {"error": "open this page as localhost or 127.0.0.1"})
+    if request.method != "GET" and PAGE_HEADER not in request.headers:
+        return Reply(403, {"error": f"the header {PAGE_HEADER} is missing"})
+    return None
+
+
+def _object(request):
+    try:
+        value = policy.parse_json(request.body)
+    except ValueError as error:
+        raise PortalError(400, str(error)) from None
+    if not isinstance(value, dict):
+        raise PortalError(400, "the body must be a JSON object")
+    return value
+
+
+def _checked(changes, faults=None):
+    checked, found = policy.check_settings(changes)
+    found.update(faults or {})
+    if found:
+        raise PortalError(422, "Some values are not right; nothing was saved.", found)
+    return checked
+
+
+def _load_page():
+    html = PAGE_FILE.read_bytes()
+
+    def source(tag):
+        inline = re.search(rb"<%s>(.*?)</%s>" % (tag, tag), html, re.DOTALL).group(1)
+        return "'sha256-" + base64.b64encode(hashlib.sha256(inline).digest()).decode() + "'"
+
+    # Only this file's own script and style may run, whatever text a terminal reports.
+    content_policy = (f"default-src 'none'; connect-src 'self'; img-src data:; script-src {source(b'script')}; "
+                      f"style-src {source(b'style')}; base-uri 'none'; form-action 'none'; frame-ancestors 'none'")
+    return Reply(200, html, {
+        "Content-Type": "text/html; charset=utf-8",
+        "Content-Security-Policy": content_policy,
+        "X-Content-Type-Options": "nosniff",
+        "Referrer-Policy": "no-referrer",
+    })

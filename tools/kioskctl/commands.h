@@ -1,0 +1,24 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace kioskctl {
+
+// What the program ends with.
+enum ExitCode : int { kDone = 0, kServiceError = 1, kUsage = 2, kNoService = 3 };
+
+struct Options {
+  bool json = false;  // replies as they came, a line each, for scripts
+};
+
+int Status(const Options& options);
+int Pair(const Options& options);
+#ifdef NORVANE_DEVELOPMENT_COMMANDS
+int Send(const Options& options, const std::string& request);
+#endif
+
+// The sentence for an error code of the service; the code itself when there is no better one.
+std::string Explain(const std::string& code);
+
+}  // namespace kioskctl

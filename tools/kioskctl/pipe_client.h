@@ -1,0 +1,28 @@
+// The client's side of the service's local pipe: one request, one reply.
+#pragma once
+
+#include "json/value.h"
+
+#include <string>
+
+namespace kioskctl {
+
+enum class Outcome {
+  kReply,        // the service answered; `reply` holds its object
+  kNoService,    // nobody serves the pipe
+  kNotAllowed,   // Windows does not let this user open the pipe
+  kImpostor,     // somebody other than the service serves the pipe; nothing was sent
+  kBroken,       // the connection ended, or nothing came in time
+};
+
+struct Answer {
+  Outcome outcome = Outcome::kBroken;
+  kiosk::json::Value reply;
+  unsigned long error = 0;  // Windows error behind an outcome that is no reply
+};
+
+// Sends one line and waits for the reply line (at most 150 s: the service may be waiting for the portal). The service may
+// learn who calls but not act as the caller.
+Answer Ask(const std::string& request);
+
+}  // namespace kioskctl
