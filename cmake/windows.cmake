@@ -67,6 +67,11 @@ if(BUILD_TESTING)
   link_simulated(kiosk_tests ${renamed_kiosk_test_cases})
   gtest_discover_tests(kiosk_tests DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 
+  # A caller of the pipe for the end-to-end tests, which sign it in many ways.
+  add_executable(pipe_client tests/support/pipe_client/pipe_client.cpp)
+  target_include_directories(pipe_client PRIVATE ${CMAKE_SOURCE_DIR})
+  target_link_libraries(pipe_client PRIVATE kiosk)
+
   # Replaces the global allocation functions, so it is a program of its own.
   add_executable(json_wipe_test tests/portable/json_wipe_test.cpp)
   target_link_libraries(json_wipe_test PRIVATE kiosk gtest gtest_main)

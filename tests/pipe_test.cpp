@@ -117,6 +117,17 @@ TEST_F(PipeServer, AnswersEveryShapeOfRequest) {
   EXPECT_EQ(test::LogTexts(), std::vector<std::string>{kListening});
 }
 
+TEST_F(PipeServer, ARefusedCallerGetsOneLineWhateverItAsked) {
+  test::SetDword(state::kStateKey, L"DevAllowUnsigned", 0);
+  Serve();
+  for (const char* request : {"{\"cmd\":\"status\"}\n", "no JSON\n"}) {
+    const FileHandle pipe = ConnectToService();
+    ASSERT_TRUE(Send(pipe.Get(), request));
+    EXPECT_EQ(ReceiveLine(pipe.Get()), "{\"ok\":false,\"error\":\"caller_refused\"}\n");
+  }
+  EXPECT_EQ(test::CountLogged("WARN caller refused: this service is unsigned and DevAllowUnsigned is not set"), 2);
+}
+
 TEST_F(PipeServer, TakesUpTo9215BytesAndStopsAt8192) {
   Serve();
   const std::string head = "{\"cmd\":\"status\",\"x\":\"";

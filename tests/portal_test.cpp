@@ -145,9 +145,9 @@ TEST_F(PortalTest, TokenIsProtectedAndEndsWhatWasLeftOpen) {
   EXPECT_EQ(ReadDeviceToken().Get(), "tok-123");
   EXPECT_FALSE(HasValue(state::kStateKey, L"TeardownPending"));
   EXPECT_FALSE(HasValue(state::kStateKey, L"UnknownSince"));
-  const auto blob = state::ReadBinary(state::kStateKey, L"DeviceToken");
+  const auto blob = state::ReadState(state::kDeviceToken);
   ASSERT_TRUE(blob);
-  EXPECT_EQ(std::string(blob->begin(), blob->end()).find("tok-123"), std::string::npos);
+  EXPECT_EQ(std::string(blob->bytes.begin(), blob->bytes.end()).find("tok-123"), std::string::npos);
 
   test::SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, "junk", 4);
   EXPECT_TRUE(ReadDeviceToken().Empty());

@@ -22,6 +22,7 @@ using win32::KernelHandle;
 
 constexpr wchar_t kSystemSid[] = L"S-1-5-18";
 constexpr std::size_t kImagePathSize = 520;
+constexpr DWORD kUsualTokenSize = 2048;  // what is larger takes one more call
 
 // The process at the other end by its number: 0 when Windows does not tell.
 ULONG ClientProcess(HANDLE pipe) noexcept {
@@ -112,7 +113,7 @@ std::vector<std::byte> TokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS wh
   const auto ask = [token, what](std::byte* buffer, DWORD* size) -> DWORD {
     return GetTokenInformation(token, what, buffer, *size, size) != 0 ? ERROR_SUCCESS : GetLastError();
   };
-  static_cast<void>(win32::CallGrowing(content, ask));
+  static_cast<void>(win32::CallGrowing(content, ask, kUsualTokenSize));
   return content;
 }
 

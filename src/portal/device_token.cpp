@@ -15,11 +15,11 @@ constexpr wchar_t kDescription[] = L"Norvane kiosk device token";
 }  // namespace
 
 text::Secret ReadDeviceToken() {
-  auto stored = state::ReadBinary(state::kStateKey, state::kDeviceToken.name);
-  if (!stored || stored->empty()) {
+  auto stored = state::ReadState(state::kDeviceToken);
+  if (!stored || stored->type != state::kDeviceToken.type || stored->bytes.empty()) {
     return {};
   }
-  DATA_BLOB blob{static_cast<DWORD>(stored->size()), stored->data()};
+  DATA_BLOB blob{static_cast<DWORD>(stored->bytes.size()), stored->bytes.data()};
   DATA_BLOB plain{};
   if (CryptUnprotectData(&blob, nullptr, nullptr, nullptr, nullptr, CRYPTPROTECT_UI_FORBIDDEN, &plain) == 0) {
     log::Log(log::kError, log::kKiosk, "cannot unprotect the device token (%lu)", GetLastError());

@@ -1,9 +1,11 @@
 #include "state/kiosk_state.h"
 
-#include "state/registry.h"
 #include "win32/handle.h"
+#include "win32/lock.h"
 #include "win32/security.h"
 #include "win32/wide_text.h"
+
+#include <utility>
 
 namespace kiosk::state {
 namespace {
@@ -12,7 +14,37 @@ namespace {
 constexpr wchar_t kStateKeySddl[] = L"D:P(A;CI;KA;;;SY)(A;CI;KA;;;BA)";
 constexpr wchar_t kUpdateKey[] = L"SOFTWARE\\Norvane\\Tessaly\\Update";
 
+// The key, opened once for all reads: a status alone makes eight of them. Values are never kept. Without a destructor,
+// since any thread may still read while the process ends.
+win32::Lock keyLock{win32::LockRank::kStateKey};
+HKEY openKey = nullptr;  // guarded by keyLock
+
+// ERROR_KEY_DELETED also stands for a key that was not opened yet.
+LSTATUS ReadFromOpenKey(const wchar_t* name, RawValue& raw) {
+  const win32::SharedLockGuard guard(keyLock);
+  return openKey != nullptr ? ReadRaw(openKey, name, raw) : ERROR_KEY_DELETED;
+}
+
+// An uninstall deletes the key and a later start makes it anew: a handle of the old one has to go.
+void Reopen() {
+  const win32::LockGuard guard(keyLock);
+  win32::RegistryKey key(openKey);
+  openKey = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kStateKey, 0, KEY_QUERY_VALUE, key.Put()) == ERROR_SUCCESS
+                ? key.Release()
+                : nullptr;
+}
+
 }  // namespace
+
+std::optional<RawValue> ReadState(const StateValue& value) {
+  RawValue raw;
+  LSTATUS status = ReadFromOpenKey(value.name, raw);
+  if (status == ERROR_KEY_DELETED) {
+    Reopen();
+    status = ReadFromOpenKey(value.name, raw);
+  }
+  return status == ERROR_SUCCESS ? std::optional(std::move(raw)) : std::nullopt;
+}
 
 ProtectResult ProtectStateKey() {
   const win32::SecurityDescriptor descriptor(kStateKeySddl);
@@ -34,15 +66,19 @@ ProtectResult ProtectStateKey() {
   return {};
 }
 
-std::wstring ReadStateString(const StateValue& value) { return ReadString(kStateKey, value.name).value_or(L""); }
+std::wstring ReadStateString(const StateValue& value) {
+  const std::optional<RawValue> raw = ReadState(value);
+  return raw ? raw->Text().value_or(L"") : std::wstring();
+}
 
-bool FlagIsOn(const StateValue& value) { return ReadDword(kStateKey, value.name) == DWORD{1}; }
+bool FlagIsOn(const StateValue& value) {
+  const std::optional<RawValue> raw = ReadState(value);
+  return raw && raw->Dword() == DWORD{1};
+}
 
 bool TokenIsStored() {
-  DWORD size = 0;
-  return RegGetValueW(HKEY_LOCAL_MACHINE, kStateKey, kDeviceToken.name, RRF_RT_REG_BINARY, nullptr, nullptr, &size) ==
-             ERROR_SUCCESS &&
-         size > 0;
+  const std::optional<RawValue> raw = ReadState(kDeviceToken);
+  return raw && raw->type == REG_BINARY && !raw->bytes.empty();
 }
 
 bool WriteStateString(const StateValue& value, std::wstring_view text) {

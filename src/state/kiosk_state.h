@@ -2,9 +2,10 @@
 // where they are needed; nothing is cached.
 #pragma once
 
+#include "state/registry.h"
 #include "state/state_values.h"
 
-#include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -17,6 +18,9 @@ struct ProtectResult {
   DWORD error = ERROR_SUCCESS;
 };
 ProtectResult ProtectStateKey();
+
+// A value of the key, whatever its type; empty when it is absent or cannot be read.
+std::optional<RawValue> ReadState(const StateValue& value);
 
 // The text of a string value; empty when absent.
 std::wstring ReadStateString(const StateValue& value);

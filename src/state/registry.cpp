@@ -4,30 +4,22 @@
 #include "win32/handle.h"
 
 #include <algorithm>
+#include <cstring>
+#include <utility>
 
 namespace kiosk::state {
 namespace {
 
 using win32::RegistryKey;
 
-struct RawValue {
-  DWORD type = REG_NONE;
-  std::vector<std::uint8_t> bytes;
-};
+// Holds every value of this product at the first try, the protected token included.
+constexpr DWORD kFirstSize = 1024;
 
-std::optional<RawValue> ReadRaw(const wchar_t* subkey, const wchar_t* name) {
+std::optional<RawValue> ReadBelow(const wchar_t* subkey, const wchar_t* name) {
   RegistryKey key;
-  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, subkey, 0, KEY_QUERY_VALUE, key.Put()) != ERROR_SUCCESS) {
-    return std::nullopt;
-  }
   RawValue value;
-  const DWORD error = win32::CallGrowing(
-      value.bytes,
-      [&](std::uint8_t* buffer, DWORD* size) {
-        return static_cast<DWORD>(RegQueryValueExW(key.Get(), name, nullptr, &value.type, buffer, size));
-      },
-      256);
-  if (error != ERROR_SUCCESS) {
+  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, subkey, 0, KEY_QUERY_VALUE, key.Put()) != ERROR_SUCCESS ||
+      ReadRaw(key.Get(), name, value) != ERROR_SUCCESS) {
     return std::nullopt;
   }
   return value;
@@ -52,45 +44,49 @@ std::optional<std::wstring> Expand(const std::wstring& text) {
   return std::wstring(buffer.data());
 }
 
-// Numbers have a fixed size, so one call tells type and size at once.
 template <typename Number>
-std::optional<Number> ReadNumber(const wchar_t* subkey, const wchar_t* name, DWORD flags) {
+std::optional<Number> NumberOf(const RawValue& value, DWORD type) {
   Number number = 0;
-  DWORD size = sizeof(number);
-  if (RegGetValueW(HKEY_LOCAL_MACHINE, subkey, name, flags, nullptr, &number, &size) != ERROR_SUCCESS ||
-      size != sizeof(number)) {
+  if (value.type != type || value.bytes.size() != sizeof(number)) {
     return std::nullopt;
   }
+  std::memcpy(&number, value.bytes.data(), sizeof(number));
   return number;
 }
 
 }  // namespace
 
-std::optional<std::wstring> ReadString(const wchar_t* subkey, const wchar_t* name) {
-  const std::optional<RawValue> value = ReadRaw(subkey, name);
-  if (!value || (value->type != REG_SZ && value->type != REG_EXPAND_SZ)) {
+std::optional<std::wstring> RawValue::Text() const {
+  if (type != REG_SZ && type != REG_EXPAND_SZ) {
     return std::nullopt;
   }
   // Not every writer stores a terminator, and some store text behind it.
-  const auto* text = reinterpret_cast<const wchar_t*>(value->bytes.data());
-  const std::wstring raw(text, std::find(text, text + value->bytes.size() / sizeof(wchar_t), L'\0'));
-  return value->type == REG_EXPAND_SZ ? Expand(raw) : raw;
+  const auto* text = reinterpret_cast<const wchar_t*>(bytes.data());
+  std::wstring raw(text, std::find(text, text + bytes.size() / sizeof(wchar_t), L'\0'));
+  return type == REG_EXPAND_SZ ? Expand(raw) : std::move(raw);
+}
+
+std::optional<DWORD> RawValue::Dword() const { return NumberOf<DWORD>(*this, REG_DWORD); }
+
+std::optional<std::uint64_t> RawValue::Qword() const { return NumberOf<std::uint64_t>(*this, REG_QWORD); }
+
+LSTATUS ReadRaw(HKEY key, const wchar_t* name, RawValue& value) {
+  return static_cast<LSTATUS>(win32::CallGrowing(
+      value.bytes,
+      [&](std::uint8_t* buffer, DWORD* size) {
+        return static_cast<DWORD>(RegQueryValueExW(key, name, nullptr, &value.type, buffer, size));
+      },
+      kFirstSize));
+}
+
+std::optional<std::wstring> ReadString(const wchar_t* subkey, const wchar_t* name) {
+  const std::optional<RawValue> value = ReadBelow(subkey, name);
+  return value ? value->Text() : std::nullopt;
 }
 
 std::optional<DWORD> ReadDword(const wchar_t* subkey, const wchar_t* name) {
-  return ReadNumber<DWORD>(subkey, name, RRF_RT_REG_DWORD);
-}
-
-std::optional<std::uint64_t> ReadQword(const wchar_t* subkey, const wchar_t* name) {
-  return ReadNumber<std::uint64_t>(subkey, name, RRF_RT_REG_QWORD);
-}
-
-std::optional<std::vector<std::uint8_t>> ReadBinary(const wchar_t* subkey, const wchar_t* name) {
-  std::optional<RawValue> value = ReadRaw(subkey, name);
-  if (!value || value->type != REG_BINARY) {
-    return std::nullopt;
-  }
-  return std::move(value->bytes);
+  const std::optional<RawValue> value = ReadBelow(subkey, name);
+  return value ? value->Dword() : std::nullopt;
 }
 
 bool WriteValue(HKEY root, const wchar_t* subkey, const wchar_t* name, DWORD type, const void* data, DWORD size) {
@@ -108,7 +104,7 @@ LSTATUS WriteExisting(const wchar_t* subkey, const wchar_t* name, DWORD type, co
 }
 
 bool CopyValue(const wchar_t* fromSubkey, const wchar_t* fromName, const wchar_t* toSubkey, const wchar_t* toName) {
-  const std::optional<RawValue> value = ReadRaw(fromSubkey, fromName);
+  const std::optional<RawValue> value = ReadBelow(fromSubkey, fromName);
   return value && WriteValue(HKEY_LOCAL_MACHINE, toSubkey, toName, value->type, value->bytes.data(),
                              static_cast<DWORD>(value->bytes.size()));
 }

@@ -12,16 +12,27 @@
 
 namespace kiosk::state {
 
+// A value as the registry holds it.
+struct RawValue {
+  DWORD type = REG_NONE;
+  std::vector<std::uint8_t> bytes;
+
+  // What the value means as one type; empty when it is of another type (or size, for numbers). A text of type REG_SZ or
+  // REG_EXPAND_SZ ends at its first NUL; the latter is expanded, and is empty when that fails.
+  [[nodiscard]] std::optional<std::wstring> Text() const;
+  [[nodiscard]] std::optional<DWORD> Dword() const;
+  [[nodiscard]] std::optional<std::uint64_t> Qword() const;
+};
+
+// Reads a value of an open key. ERROR_FILE_NOT_FOUND when it is missing.
+LSTATUS ReadRaw(HKEY key, const wchar_t* name, RawValue& value);
+
 // The text of a REG_SZ or REG_EXPAND_SZ value (environment variables expanded), cut at the first NUL. Empty optional for a
 // missing key or value, another type, or a failed expansion.
 std::optional<std::wstring> ReadString(const wchar_t* subkey, const wchar_t* name);
 
-// A REG_DWORD or REG_QWORD value; any other type counts as absent.
+// A REG_DWORD value; any other type counts as absent.
 std::optional<DWORD> ReadDword(const wchar_t* subkey, const wchar_t* name);
-std::optional<std::uint64_t> ReadQword(const wchar_t* subkey, const wchar_t* name);
-
-// The bytes of a REG_BINARY value; any other type counts as absent.
-std::optional<std::vector<std::uint8_t>> ReadBinary(const wchar_t* subkey, const wchar_t* name);
 
 // Creates or opens the key (default security) and sets the value. True when both succeed.
 bool WriteValue(HKEY root, const wchar_t* subkey, const wchar_t* name, DWORD type, const void* data, DWORD size);

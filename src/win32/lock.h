@@ -13,9 +13,10 @@ enum class LockRank : int {
   kBranding = 30,
   kPower = 40,
   kUpdatesPolicy = 50,
-  kLeaf = 100,     // guards a few variables; takes nothing below it but the log
-  kLog = 200,      // any thread may log while it holds any other lock
-  kLogFile = 210,  // one line on its way into one file
+  kLeaf = 100,      // guards a few variables; takes no other leaf, but may read state and log
+  kStateKey = 150,  // the open handle of the state key
+  kLog = 200,       // any thread may log while it holds any other lock
+  kLogFile = 210,   // one line on its way into one file
 };
 
 // An SRW lock: constant-initialised and without a destructor, so that it may be static while detached threads outlive

@@ -33,13 +33,15 @@ def wait_for(condition, what, seconds=30):
 class Terminal:
     """Use as a context manager. The service is not installed yet on entry; whatever runs is ended on exit."""
 
-    def __init__(self, programs=("NorvaneKiosk.exe", "kioskctl.exe", "kioskctl-dev.exe"), unsigned=True):
+    def __init__(self, programs=("kioskctl.exe", "kioskctl-dev.exe"), service="NorvaneKiosk.exe", unsigned=True):
+        """`programs` come from the build; `service` is the build's program that takes the service's name and place."""
         self._folder = tempfile.TemporaryDirectory(prefix="norvane-terminal-")
         self.prefix = pathlib.Path(self._folder.name) / "prefix"
         self.environment = {k: v for k, v in os.environ.items() if k != "DISPLAY"} | {
             "WINEPREFIX": str(self.prefix), "WINEARCH": "win64", "WINEDEBUG": "-all",
             "WINEDLLOVERRIDES": "mscoree,mshtml,winemenubuilder.exe=;winedbg.exe=d"}
         self._programs = programs
+        self._service = service
         self._unsigned = unsigned
 
     def __enter__(self):
@@ -51,6 +53,8 @@ class Terminal:
         subprocess.run(["wine", "cmd", "/c", "exit"], check=True, **quiet)
         for program in self._programs:
             self.put(BUILD / program)
+        if self._service:
+            self.put(BUILD / self._service, "NorvaneKiosk.exe")
         if self._unsigned:
             self.set_dword("DevAllowUnsigned", 1)
         return self
@@ -140,9 +144,13 @@ class Terminal:
 
     def service_process(self):
         """The Linux process id of the running service, or None."""
+        return self.process("NorvaneKiosk")
+
+    def process(self, name):
+        """The Linux process id of a program of this computer whose path holds `name`, or None."""
         for entry in pathlib.Path("/proc").iterdir():
             with contextlib.suppress(OSError):
-                if entry.name.isdigit() and b"NorvaneKiosk" in (entry / "cmdline").read_bytes().split(b"\0")[0]:
+                if entry.name.isdigit() and name.encode() in (entry / "cmdline").read_bytes().split(b"\0")[0]:
                     if f"WINEPREFIX={self.prefix}".encode() in (entry / "environ").read_bytes().split(b"\0"):
                         return int(entry.name)
         return None

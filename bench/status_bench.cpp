@@ -1,0 +1,109 @@
+// The round trip of "status" against that of a bare echo pipe, and what the check of a caller's signature costs.
+//
+//   status_bench echo            serves the echo pipe until it is ended
+//   status_bench measure FILE    measures against the service and the echo server, both running
+//   status_bench once            serves and asks once in this process, for a trace of the Windows calls
+#include "bench/bench.h"
+#include "pipe/server.h"
+#include "pipe/signature.h"
+#include "win32/handle.h"
+#include "win32/stop.h"
+#include "win32/thread.h"
+
+#include <array>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+namespace {
+
+using kiosk::win32::FileHandle;
+
+constexpr wchar_t kEchoPipe[] = L"\\\\.\\pipe\\NorvaneBenchEcho";
+constexpr std::string_view kRequest = "{\"cmd\":\"status\"}\n";
+
+// What any pipe server does at the least for one connection.
+void ServeEcho() {
+  while (true) {
+    const FileHandle pipe(CreateNamedPipeW(kEchoPipe, PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, PIPE_UNLIMITED_INSTANCES, 8192,
+                                           8192, 0, nullptr));
+    if (ConnectNamedPipe(pipe.Get(), nullptr) == 0 && GetLastError() != ERROR_PIPE_CONNECTED) {
+      continue;
+    }
+    std::array<char, 1024> buffer;
+    DWORD moved = 0;
+    if (ReadFile(pipe.Get(), buffer.data(), buffer.size(), &moved, nullptr) != 0) {
+      WriteFile(pipe.Get(), buffer.data(), moved, &moved, nullptr);
+      FlushFileBuffers(pipe.Get());
+    }
+    DisconnectNamedPipe(pipe.Get());
+  }
+}
+
+bool RoundTrip(const wchar_t* name) {
+  for (int attempt = 0; attempt < 500; ++attempt) {
+    const FileHandle pipe(CreateFileW(name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+    if (!pipe) {
+      if (WaitNamedPipeW(name, 1000) == 0) {
+        Sleep(10);  // not there yet
+      }
+      continue;
+    }
+    std::array<char, 1024> buffer;
+    DWORD moved = 0;
+    return WriteFile(pipe.Get(), kRequest.data(), static_cast<DWORD>(kRequest.size()), &moved, nullptr) != 0 &&
+           ReadFile(pipe.Get(), buffer.data(), buffer.size(), &moved, nullptr) != 0 && buffer[moved - 1] == '\n';
+  }
+  return false;
+}
+
+void RequireRoundTrip(const wchar_t* name) {
+  if (!RoundTrip(name)) {
+    std::puts("a round trip failed");
+    std::exit(1);
+  }
+}
+
+void Measure(const wchar_t* signedFile) {
+  const auto times = kiosk::bench::MedianTimes(15, 40, {[] { RequireRoundTrip(kiosk::pipe::kPipeName); },
+                                                        [] { RequireRoundTrip(kEchoPipe); }});
+  kiosk::bench::Row("status over the pipe", times[0], {"echo pipe", times[1]}, "us", kiosk::bench::TimesWorse(4));
+  bool trusted = false;
+  const auto check = kiosk::bench::MedianTimes(9, 5, {[signedFile, &trusted] {
+                                                 const FileHandle image = kiosk::pipe::HoldImage(signedFile);
+                                                 trusted = image && kiosk::pipe::IsTrustedFile(signedFile, image.Get()) &&
+                                                           kiosk::pipe::PublisherOfFile(signedFile).has_value();
+                                               }});
+  std::printf("%-28s      %10.2f us  (%s)\n", "check of a caller's signature", check[0],
+              trusted ? "a validly signed file" : "the file is NOT validly signed");
+}
+
+int Once() {
+  kiosk::win32::CreateStopEvent();
+  const auto server = kiosk::win32::StartThread([]() noexcept { kiosk::pipe::RunPipeServer(); });
+  RequireRoundTrip(kiosk::pipe::kPipeName);  // the first one also initialises
+  OutputDebugStringA("trace begins");
+  RequireRoundTrip(kiosk::pipe::kPipeName);
+  while (kiosk::pipe::LiveConnections() > 0) {
+    Sleep(10);
+  }
+  OutputDebugStringA("trace ends");
+  kiosk::win32::RequestStop();
+  WaitForSingleObject(server.Get(), INFINITE);
+  return 0;
+}
+
+}  // namespace
+
+int wmain(int count, wchar_t** arguments) {
+  const std::wstring_view mode = count > 1 ? arguments[1] : L"";
+  if (mode == L"echo") {
+    ServeEcho();
+  } else if (mode == L"once") {
+    return Once();
+  } else if (mode == L"measure" && count > 2) {
+    Measure(arguments[2]);
+    return 0;
+  }
+  return 2;
+}
