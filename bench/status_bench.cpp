@@ -71,8 +71,7 @@ void Measure(const wchar_t* signedFile) {
   bool trusted = false;
   const auto check = kiosk::bench::MedianTimes(9, 5, {[signedFile, &trusted] {
                                                  const FileHandle image = kiosk::pipe::HoldImage(signedFile);
-                                                 trusted = image && kiosk::pipe::IsTrustedFile(signedFile, image.Get()) &&
-                                                           kiosk::pipe::PublisherOfFile(signedFile).has_value();
+                                                 trusted = image && kiosk::pipe::TrustedPublisherOfFile(signedFile, image.Get());
                                                }});
   std::printf("%-28s      %10.2f us  (%s)\n", "check of a caller's signature", check[0],
               trusted ? "a validly signed file" : "the file is NOT validly signed");

@@ -195,6 +195,21 @@ SIM(DWORD, SetSecurityInfo, HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMA
   return HandleAllows(object, parts) ? KeepSecurity("SetSecurityInfo", path, parts, owner, dacl) : ERROR_ACCESS_DENIED;
 }
 
+// The owner alone: the simulated machine knows whom a path was given to; a path that nobody set is the program's own.
+SIM(DWORD, GetSecurityInfo, HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID* owner, PSID* group,
+    PACL* dacl, PACL* sacl, PSECURITY_DESCRIPTOR* descriptor) {
+  const std::wstring sddl = type == SE_FILE_OBJECT ? ReadText(L"FileOwner", Plain(PathOf(object))).value_or(L"") : L"";
+  if (parts != OWNER_SECURITY_INFORMATION || sddl.empty()) {
+    return ::GetSecurityInfo(object, type, parts, owner, group, dacl, sacl, descriptor);
+  }
+  BOOL defaulted = FALSE;
+  if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl.c_str(), SDDL_REVISION_1, descriptor, nullptr) ||
+      !GetSecurityDescriptorOwner(*descriptor, owner, &defaulted)) {
+    return GetLastError();
+  }
+  return ERROR_SUCCESS;
+}
+
 SIM(DWORD, SetNamedSecurityInfoW, LPWSTR name, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID owner, PSID group,
     PACL dacl, PACL sacl) {
   if (type != SE_FILE_OBJECT) {

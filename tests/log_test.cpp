@@ -3,16 +3,17 @@
 
 #include "log/day_files.h"
 #include "log/housekeeping.h"
+#include "log/identity.h"
 #include "sim/clock.h"
 #include "sim/files.h"
 #include "tests/support/fixture.h"
 #include "win32/clock.h"
 #include "win32/handle.h"
+#include "win32/thread.h"
+#include "win32/wide_text.h"
 
 #include <map>
 #include <regex>
-#include <set>
-#include <thread>
 
 namespace kiosk::log {
 namespace {
@@ -42,13 +43,6 @@ void SetLastWrite(const std::wstring& path, std::uint64_t time) {
   ASSERT_NE(SetFileTime(file.Get(), nullptr, nullptr, &stamp), 0);
 }
 
-// The prune that the first line queues ends before the case goes on.
-void WaitForPrune() {
-  const win32::KernelHandle mutex(CreateMutexW(nullptr, FALSE, L"Global\\NorvaneLogPrune"));
-  WaitForSingleObject(mutex.Get(), 5000);
-  ReleaseMutex(mutex.Get());
-}
-
 TEST_F(LogTest, LabelsAndTheRaisingRule) {
   const std::string far191 = std::string(191, 'x') + "error";
   const std::string last = std::string(186, 'x') + "error";
@@ -65,7 +59,16 @@ TEST_F(LogTest, LabelsAndTheRaisingRule) {
       {6, "Caller REFUSED", "ERROR"},
       {6, "we cannot", "INFO"},
       {6, "we cannot go", "ERROR"},
+      {6, "we FAIL", "ERROR"},
+      {6, "xerrorx", "ERROR"},
+      {6, "access denied", "ERROR"},
+      {6, "it timed out", "ERROR"},
+      {6, "a timeout", "ERROR"},
+      {6, "unable to", "ERROR"},
+      {6, "an exception", "ERROR"},
+      {6, "was aborted", "ERROR"},
       {6, "it was not found", "ERROR"},
+      {6, "invalid", "ERROR"},
       {6, far191, "INFO"},
       {6, last, "ERROR"},
       {7, "an exception", "DEBUG"},
@@ -111,16 +114,16 @@ TEST_F(LogTest, ComponentsHaveFilesOfTheirOwnBeyondTheTableToo) {
 TEST_F(LogTest, ThreadsNeverTearALine) {
   constexpr int kThreads = 8;
   constexpr int kLines = 400;
-  std::vector<std::thread> threads;
+  std::vector<win32::KernelHandle> threads;
   for (int thread = 0; thread < kThreads; ++thread) {
-    threads.emplace_back([thread] {
+    threads.push_back(win32::StartThread([thread]() noexcept {
       for (int i = 0; i < kLines; ++i) {
         Log(kNotice, kKiosk, "thread %d line %d %s", thread, i, std::string(static_cast<std::size_t>(i % 90), 'x').c_str());
       }
-    });
+    }));
   }
-  for (std::thread& thread : threads) {
-    thread.join();
+  for (const win32::KernelHandle& thread : threads) {
+    WaitForSingleObject(thread.Get(), INFINITE);
   }
   std::map<int, int> next;
   for (const std::string& text : LogTexts()) {
@@ -266,10 +269,54 @@ TEST_F(LogTest, PruneDeletesTheOldestUntilTheCapHolds) {
 }
 
 TEST_F(LogTest, InstallIdentifierIsKeptAndRemadeWhenDamaged) {
-  Log(kNotice, kKiosk, "first");
-  WaitForPrune();
-  const std::string identifier = ReadWholeFile(kRoot + L"\\client_uuid.txt");
-  EXPECT_TRUE(std::regex_match(identifier, std::regex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"))) << identifier;
+  MakeLogTree();
+  const std::string made = LoadOrCreateInstallId(kLogRoot);
+  EXPECT_TRUE(std::regex_match(made, std::regex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"))) << made;
+  EXPECT_EQ(LoadOrCreateInstallId(kLogRoot), made);
+  for (const std::string& damaged : {std::string(), made.substr(1), made + "0", "{" + made.substr(1), std::string(36, '-')}) {
+    WriteWholeFile(kRoot + L"\\client_uuid.txt", damaged);
+    const std::string remade = LoadOrCreateInstallId(kLogRoot);
+    EXPECT_EQ(remade.size(), 36U) << damaged;
+    EXPECT_NE(remade, made) << damaged;
+    EXPECT_EQ(LoadOrCreateInstallId(kLogRoot), remade) << damaged;
+  }
+  EXPECT_EQ(ListFolder(kRoot), std::vector<std::wstring>{L"client_uuid.txt"});
+}
+
+// The folder of an old day disappears with the prune, which so can be seen from outside.
+TEST_F(LogTest, FirstLineEachHourAndANewDayPrune) {
+  sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 10));
+  clock.SetGrace(20);
+  const std::wstring old = kRoot + L"\\2001-01-01";
+  const auto prunedAfter = [&](std::uint64_t wait) {
+    CreateDirectoryW(old.c_str(), nullptr);
+    clock.RunFor(wait);
+    Log(kNotice, kKiosk, "line");
+    clock.RunFor(1);
+    return GetFileAttributesW(old.c_str()) == INVALID_FILE_ATTRIBUTES;
+  };
+  MakeLogTree();
+  EXPECT_TRUE(prunedAfter(0));
+  EXPECT_FALSE(prunedAfter(3'590'000));
+  EXPECT_TRUE(prunedAfter(11'000));
+  clock.SetSystemTime(sim::FileTimeOf(2026, 11, 22, 0));
+  EXPECT_TRUE(prunedAfter(0));
+  EXPECT_FALSE(prunedAfter(0));
+}
+
+TEST_F(LogTest, FolderOfAnOrdinaryUserIsSetAsideWithAllThatIsInIt) {
+  MakeLogTree();
+  WriteWholeFile(kRoot + L"\\Kiosk.log", "a trap");
+  sim::SetFileSecurity(kRoot, L"O:BU", L"D:(A;;FA;;;WD)");
+  sim::SetFileSecurity(L"C:\\ProgramData\\Norvane\\Tessaly", L"O:BU", L"D:(A;;FA;;;WD)");
+  Log(kNotice, kKiosk, "line");
+  const std::vector<std::wstring> names = ListFolder(L"C:\\ProgramData\\Norvane\\Tessaly");
+  ASSERT_EQ(names.size(), 2U);
+  EXPECT_TRUE(names[1].starts_with(L"Logs.untrusted-")) << win32::ToNarrow(names[1]);
+  EXPECT_EQ(ReadWholeFile(L"C:\\ProgramData\\Norvane\\Tessaly\\" + names[1] + L"\\Kiosk.log"), "a trap");
+  EXPECT_EQ(LogTexts(), std::vector<std::string>{"INFO line"});
+  EXPECT_EQ(sim::FileSecurity(kRoot), L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)");
+  EXPECT_EQ(sim::FileSecurity(L"C:\\ProgramData\\Norvane\\Tessaly"), L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)");
 }
 
 }  // namespace

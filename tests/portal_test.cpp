@@ -75,6 +75,8 @@ TEST_F(PortalTest, RequestsCarryExactlyWhatTheyShould) {
     EXPECT_EQ(request.sendTimeout, 15'000);
     EXPECT_EQ(request.receiveTimeout, 15'000);
     EXPECT_EQ(request.Number(WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, 0), 15'000U);
+    EXPECT_EQ(request.Number(WINHTTP_OPTION_DISABLE_FEATURE, 0), static_cast<DWORD>(WINHTTP_DISABLE_COOKIES));
+    EXPECT_EQ(request.Number(WINHTTP_OPTION_AUTOLOGON_POLICY, 9), static_cast<DWORD>(WINHTTP_AUTOLOGON_SECURITY_LEVEL_HIGH));
     EXPECT_EQ(request.Number(WINHTTP_OPTION_REDIRECT_POLICY, 9), static_cast<DWORD>(WINHTTP_OPTION_REDIRECT_POLICY_NEVER));
   }
   EXPECT_TRUE(requests[1].options.contains(WINHTTP_OPTION_CLIENT_CERT_CONTEXT));
@@ -99,6 +101,7 @@ TEST_F(PortalTest, FailuresOfEachPhaseAreToldApart) {
       {"refused", {.sendError = ERROR_WINHTTP_CANNOT_CONNECT}, "WinHTTP error 12029", 0},
       {"silent server", {.headersDelay = INFINITE}, "WinHTTP error 12002", 15'000},
       {"closed early", {.receiveError = ERROR_WINHTTP_INVALID_SERVER_RESPONSE}, "WinHTTP error 12152", 0},
+      {"falls silent in the body", {.body = "half of it", .chunk = 1, .chunkDelay = 14'500}, "WinHTTP error 12002", 75'000},
       {"dribbles for ever", {.body = std::string(100, 'x'), .chunk = 1, .chunkDelay = 10'000}, "WinHTTP error 12002", 75'000},
   };
   for (const auto& each : cases) {
@@ -111,6 +114,15 @@ TEST_F(PortalTest, FailuresOfEachPhaseAreToldApart) {
     EXPECT_LE(clock_.Elapsed() - start, each.atMost) << each.what;
   }
   EXPECT_EQ(sim::OpenHttpHandles(), 0);
+}
+
+TEST_F(PortalTest, NoCallBeginsAfterAStop) {
+  ASSERT_TRUE(win32::CreateStopEvent());
+  Answer(L"GET", L"/x", Reply(200, "ok"));
+  EXPECT_EQ(Get().answered, 1);
+  win32::RequestStop();
+  EXPECT_EQ(Get().error, "WinHTTP error 12017");
+  EXPECT_EQ(portal_.Requests().size(), 1U);
 }
 
 TEST_F(PortalTest, StopEndsACallInFlight) {
@@ -241,8 +253,10 @@ TEST_F(PortalTest, GoodCheckInIsTakenOverOnceAndSteadyOnesWriteNothing) {
 TEST_F(PortalTest, StoredSignInThatCannotBeReadIsTheDefault) {
   constexpr char kDefault[] = R"({"microsoft":true,"email":true,"extraHosts":[]})";
   EXPECT_EQ(json::Serialise(LoadSignIn()), kDefault);
-  SetString(state::kStateKey, L"SignIn", L"{broken");
-  EXPECT_EQ(json::Serialise(LoadSignIn()), kDefault);
+  for (const wchar_t* stored : {L"{broken", L"42", L"[]"}) {
+    SetString(state::kStateKey, L"SignIn", stored);
+    EXPECT_EQ(json::Serialise(LoadSignIn()), kDefault);
+  }
 }
 
 std::string Begin() { return json::Serialise(PairBegin()); }

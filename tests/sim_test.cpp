@@ -275,6 +275,9 @@ TEST(SimPipe, TheFirstInstanceIsEnforced) {
 TEST(SimFiles, LinksAreFollowedOrNotAsWindowsDoes) {
   sim::ForgetMachine();
   const auto exists = [](const wchar_t* path) { return GetFileAttributesW(path) != INVALID_FILE_ATTRIBUTES; };
+  for (const wchar_t* left : {L"C:\\sim_a\\Link", L"C:\\sim_a", L"C:\\sim_b\\Through", L"C:\\sim_b"}) {
+    RemoveDirectoryW(left);  // of a run that was ended
+  }
   CreateDirectoryW(L"C:\\sim_a", nullptr);
   CreateDirectoryW(L"C:\\sim_b", nullptr);
   sim::MakeJunction(L"C:\\sim_a\\Link", L"C:\\sim_b");
@@ -285,8 +288,10 @@ TEST(SimFiles, LinksAreFollowedOrNotAsWindowsDoes) {
   HANDLE search = FindFirstFileW(L"C:\\sim_a\\*k", &data);
   EXPECT_EQ(data.dwReserved0, static_cast<DWORD>(IO_REPARSE_TAG_MOUNT_POINT));
   FindClose(search);
-  const auto result = kiosk::win32::SecureFolder(L"C:\\sim_a\\Link", kiosk::win32::kPrivateFolderSddl);
+  auto result = kiosk::win32::SecureFolder(L"C:\\sim_a\\Link", kiosk::win32::kPrivateFolderSddl,
+                                                 kiosk::win32::ForeignFolder::kTakeOver);
   EXPECT_TRUE(result && result.replaced);
+  result.folder.Reset();
   EXPECT_EQ(sim::FileSecurity(L"c:\\sim_a\\LINK"), kiosk::win32::kPrivateFolderSddl);
   EXPECT_TRUE(exists(L"C:\\sim_b\\Through") && !exists(L"C:\\sim_a\\Link\\Through"));
   EXPECT_EQ(sim::FileSecurity(L"C:\\sim_b"), L"");

@@ -130,9 +130,20 @@ TEST_F(WorkerTest, StopEndsAWaitAtOnce) {
   Enrol();
   StartWorker();
   clock_.At(10'000, [] { win32::RequestStop(); });
-  clock_.RunUntil(20'000);
-  EXPECT_EQ(WaitForSingleObject(thread_, 0), WAIT_OBJECT_0);
+  EXPECT_EQ(WaitForSingleObject(thread_, 29'000), WAIT_OBJECT_0);
+  EXPECT_EQ(clock_.Elapsed(), 10'000U);
   EXPECT_EQ(CheckIns(), Times{0});
+}
+
+TEST_F(WorkerTest, StopDuringACheckInIsNoOutage) {
+  Enrol();
+  portal_.On(L"POST", L"/api/kiosk/check-in", [](const sim::Request&) { return sim::Response{.headersDelay = 10'000}; });
+  clock_.SetGrace(200);  // the call is ended from a thread of the real pool
+  StartWorker();
+  clock_.At(5'000, [] { win32::RequestStop(); });
+  clock_.RunUntil(20'000);
+  EXPECT_EQ(test::LogTexts(), std::vector<std::string>{});
+  EXPECT_FALSE(test::HasValue(state::kStateKey, L"LastError"));
 }
 
 }  // namespace

@@ -28,8 +28,9 @@ std::wstring ThisComputer() {
 }  // namespace
 
 bool IsKioskSession(DWORD sessionId) {
-  return win32::EqualIgnoringCase(SessionText(sessionId, WTSUserName), kKioskUser) &&
-         win32::EqualIgnoringCase(SessionText(sessionId, WTSDomainName), ThisComputer());
+  const std::wstring computer = ThisComputer();
+  return !computer.empty() && win32::EqualIgnoringCase(SessionText(sessionId, WTSUserName), kKioskUser) &&
+         win32::EqualIgnoringCase(SessionText(sessionId, WTSDomainName), computer);
 }
 
 }  // namespace kiosk::account

@@ -7,6 +7,8 @@
 #include <iterator>
 #include <system_error>
 
+#include "text/text.h"
+
 namespace kiosk::json {
 namespace {
 
@@ -71,6 +73,9 @@ class Parser {
     }
     for (Value& value : values_) {
       value.Wipe();
+    }
+    for (std::string& key : keys_) {
+      text::Wipe(key);
     }
     return std::nullopt;
   }

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "json/number_text.h"
+#include "text/text.h"
 
 namespace kiosk::json {
 namespace {
@@ -22,14 +23,6 @@ const T& Empty() noexcept {
 template <typename T>
 const T& OrEmpty(const Box<T>* box) noexcept {
   return box != nullptr && box->get() != nullptr ? *box->get() : Empty<T>();
-}
-
-void WipeText(std::string& text) noexcept {
-  text.resize(text.capacity());  // never allocates; takes in what an earlier, longer content left behind
-  volatile char* bytes = text.data();
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    bytes[i] = 0;
-  }
 }
 
 }  // namespace
@@ -168,14 +161,14 @@ void Value::Wipe() noexcept {
       value.Wipe();
     }
   };
-  if (auto* text = std::get_if<Box<std::string>>(&payload_); text != nullptr && text->get() != nullptr) {
-    WipeText(*text->get());
+  if (auto* string = std::get_if<Box<std::string>>(&payload_); string != nullptr && string->get() != nullptr) {
+    text::Wipe(string->Mutable());
   } else if (auto* items = std::get_if<Box<std::vector<Value>>>(&payload_);
              items != nullptr && items->get() != nullptr) {
     wipeAll(*items->get());
   } else if (auto* members = std::get_if<Box<Members>>(&payload_); members != nullptr && members->get() != nullptr) {
     for (std::string& key : members->get()->keys) {
-      WipeText(key);
+      text::Wipe(key);
     }
     wipeAll(members->get()->values);
   }

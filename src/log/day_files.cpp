@@ -79,6 +79,11 @@ bool IsPlainFile(HANDLE file) noexcept {
          (info.dwFileAttributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) == 0;
 }
 
+bool SecureDayFolder() noexcept {
+  return static_cast<bool>(
+      win32::SecureFolder(dayFolder.data(), win32::kPrivateFolderSddl, win32::ForeignFolder::kSetAside));
+}
+
 FileHandle OpenForAppend(const wchar_t* path) noexcept {
   return FileHandle(CreateFileW(path, FILE_APPEND_DATA | FILE_READ_ATTRIBUTES, FILE_SHARE_READ | FILE_SHARE_WRITE,
                                 nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
@@ -94,7 +99,7 @@ FileHandle OpenComponentFile(const char* component) noexcept {
   std::swprintf(path.data(), path.size(), L"%ls\\%ls_%ls.log", dayFolder.data(), name.data(), dayStamp.data());
   FileHandle file = OpenForAppend(path.data());
   if (!file && GetLastError() == ERROR_PATH_NOT_FOUND &&
-      win32::SecureFolder(dayFolder.data(), win32::kPrivateFolderSddl)) {
+      SecureDayFolder()) {
     file = OpenForAppend(path.data());
   }
   if (file && !IsPlainFile(file.Get())) {
@@ -147,7 +152,7 @@ bool ChooseDay(const SYSTEMTIME& now) noexcept {
   std::swprintf(dayFolder.data(), dayFolder.size(), L"%ls\\%04d-%02d-%02d", kLogRoot, now.wYear, now.wMonth, now.wDay);
   std::swprintf(dayStamp.data(), dayStamp.size(), L"%02d%02d%02d", now.wHour, now.wMinute, now.wSecond);
   // A folder that cannot be made shows again when a file in it is opened.
-  static_cast<void>(win32::SecureFolder(dayFolder.data(), win32::kPrivateFolderSddl));
+  static_cast<void>(SecureDayFolder());
   return replaced;
 }
 

@@ -179,8 +179,11 @@ void Prune() {
   if (taken != WAIT_OBJECT_0 && taken != WAIT_ABANDONED) {
     return;
   }
+  struct Release {
+    HANDLE mutex;
+    ~Release() { ReleaseMutex(mutex); }
+  } const release{mutex.Get()};
   PruneLocked();
-  ReleaseMutex(mutex.Get());
 }
 
 }  // namespace kiosk::log

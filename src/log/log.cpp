@@ -29,19 +29,26 @@ constexpr unsigned kShipperStopWait = 2000;
 constexpr const char* kFailureWords[] = {"fail",      "error",   "denied",    "refused", "timed out", "timeout",
                                          "unable to", "cannot ", "exception", "aborted", "not found", "invalid"};
 
-// The tree, outermost first, so that each folder is made inside one that is already secured.
-constexpr const wchar_t* kFolders[] = {
-    L"C:\\ProgramData\\Norvane",
-    L"C:\\ProgramData\\Norvane\\Tessaly",
-    L"C:\\ProgramData\\Norvane\\Tessaly\\Logs",
-    L"C:\\ProgramData\\Norvane\\Tessaly\\Logs\\Archive",
-    L"C:\\ProgramData\\Norvane\\Tessaly\\Logs\\Drop",
-    L"C:\\ProgramData\\Norvane\\Tessaly\\Logs\\Drop\\Taken",
+struct LogFolder {
+  const wchar_t* path;
+  win32::ForeignFolder foreign;
+};
+
+// The tree, outermost first, so that each folder is made inside one that is already secured. The outer two are shared with
+// other programs of the maker, whose content stays.
+constexpr LogFolder kFolders[] = {
+    {L"C:\\ProgramData\\Norvane", win32::ForeignFolder::kTakeOver},
+    {L"C:\\ProgramData\\Norvane\\Tessaly", win32::ForeignFolder::kTakeOver},
+    {L"C:\\ProgramData\\Norvane\\Tessaly\\Logs", win32::ForeignFolder::kSetAside},
+    {L"C:\\ProgramData\\Norvane\\Tessaly\\Logs\\Archive", win32::ForeignFolder::kSetAside},
+    {L"C:\\ProgramData\\Norvane\\Tessaly\\Logs\\Drop", win32::ForeignFolder::kSetAside},
+    {L"C:\\ProgramData\\Norvane\\Tessaly\\Logs\\Drop\\Taken", win32::ForeignFolder::kSetAside},
 };
 
 enum class Ready { kNo, kRunning, kYes };
 
 // Written by the one thread that initialises, before `ready` says so; only read afterwards.
+bool secured = false;
 bool localFiles = false;
 bool central = false;
 std::atomic<Ready> ready{Ready::kNo};
@@ -50,10 +57,13 @@ std::atomic<std::uint64_t> nextPrune{0};
 // Kept for the banner; leaked on purpose, since detached threads may log while static objects would be destroyed.
 const Identity* identity = nullptr;
 
+// The handles stay open for the life of the process: nobody can then swap a folder on the way to the files.
 bool SecureLogTree() noexcept {
   CreateDirectoryW(L"C:\\ProgramData", nullptr);
-  return std::all_of(std::begin(kFolders), std::end(kFolders), [](const wchar_t* folder) {
-    return static_cast<bool>(win32::SecureFolder(folder, win32::kPrivateFolderSddl));
+  return std::all_of(std::begin(kFolders), std::end(kFolders), [](const LogFolder& folder) {
+    win32::FolderResult result = win32::SecureFolder(folder.path, win32::kPrivateFolderSddl, folder.foreign);
+    static_cast<void>(result.folder.Release());
+    return static_cast<bool>(result);
   });
 }
 
@@ -61,7 +71,7 @@ void Initialise() {
   auto* mine = new Identity(ReadIdentity());
   identity = mine;
   // Without a secured tree nothing in it can be trusted: neither written, nor moved, nor pruned.
-  const bool secured = SecureLogTree();
+  secured = SecureLogTree();
   localFiles = secured && ReadSettingNumber(L"LocalLogging").value_or(1) != 0;
   if (secured) {
     SYSTEMTIME today;
@@ -155,7 +165,7 @@ void Log(int level, const char* component, const char* format, ...) {
   EnsureReady();
   SYSTEMTIME now;
   GetLocalTime(&now);
-  PruneWhenDue(localFiles && ChooseDay(now));
+  PruneWhenDue(secured && ChooseDay(now));
 
   std::array<char, kTextSize> text;
   const int stampLength = std::snprintf(text.data(), text.size(), "[%02d:%02d:%02d.%03d] ", now.wHour, now.wMinute,

@@ -7,6 +7,13 @@
 
 #include "version.h"
 
+// The C99 conversions, also where the system's own C library has others.
+#ifdef __clang__
+#define NORVANE_PRINTF(text, first) __attribute__((format(printf, text, first)))
+#else
+#define NORVANE_PRINTF(text, first) __attribute__((format(gnu_printf, text, first)))
+#endif
+
 namespace kiosk::log {
 
 // Syslog numbers. Lower is graver.
@@ -25,7 +32,7 @@ inline constexpr char kKiosk[] = "Kiosk";
 
 // printf-style; text is UTF-8. Wide text goes through win32::ToNarrow first, because %ls writes nothing for characters
 // outside ASCII. `component` names the file the line goes to, at most 63 characters.
-void Log(int level, const char* component, const char* format, ...) __attribute__((format(gnu_printf, 3, 4)));
+void Log(int level, const char* component, const char* format, ...) NORVANE_PRINTF(3, 4);
 
 // Initialises logging, chooses today's folder, and writes who and what is starting.
 void StartBanner(const char* component);

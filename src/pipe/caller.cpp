@@ -38,12 +38,6 @@ std::wstring ImagePath(HANDLE process) {
                                                                          : std::wstring();
 }
 
-std::uint64_t PreciseNow() noexcept {
-  FILETIME now;
-  GetSystemTimePreciseAsFileTime(&now);
-  return win32::FileTimeValue(now);
-}
-
 // The image is held against writing, deleting and renaming until both of its signature reads are over, and it must
 // still be the image of that process once it is held.
 std::string CheckImage(HANDLE process) {
@@ -55,10 +49,8 @@ std::string CheckImage(HANDLE process) {
   if (image && ImagePath(process) != path) {
     return "caller image unknown";
   }
-  std::optional<std::wstring> publisher;
-  if (image && IsTrustedFile(path.c_str(), image.Get())) {
-    publisher = PublisherOfFile(path.c_str());
-  }
+  const std::optional<std::wstring> publisher =
+      image ? TrustedPublisherOfFile(path.c_str(), image.Get()) : std::nullopt;
   if (!publisher) {
     return win32::ToNarrow(path) + " is not validly signed";
   }
@@ -158,7 +150,7 @@ std::string CheckCallerProcess(HANDLE pipe, std::uint64_t connectedAt) {
   // the connection was given the number of the one that connected. One that seems to begin in the future began before
   // the clock was set back, as happens whenever the time is synchronised.
   const KernelHandle process(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
-  if (!process || BeganBetween(process.Get(), connectedAt, PreciseNow())) {
+  if (!process || BeganBetween(process.Get(), connectedAt, win32::PreciseFileTimeNow())) {
     return "caller process cannot be opened";
   }
   std::string refusal = CheckImage(process.Get());

@@ -53,17 +53,9 @@ FileHandle Duplicate(HANDLE instance) noexcept {
   return copy;
 }
 
-// Real time, and finer than a clock tick: it is compared with the time at which Windows says a process was created.
-std::uint64_t PreciseNow() noexcept {
-  FILETIME now;
-  GetSystemTimePreciseAsFileTime(&now);
-  return win32::FileTimeValue(now);
-}
-
-void StartConnection(FileHandle instance) noexcept {
+void StartConnection(FileHandle instance, std::uint64_t connectedAt) noexcept {
   liveConnections.fetch_add(1);
   try {
-    const std::uint64_t connectedAt = PreciseNow();
     const win32::KernelHandle thread = win32::StartThread(
         [pipe = std::move(instance), connectedAt]() mutable noexcept {
           ServeConnection(std::move(pipe), connectedAt);
@@ -112,8 +104,9 @@ void RunPipeServer() {
     first = false;
     previous.Reset();
     if (Connect(instance.Get(), io)) {
+      const std::uint64_t connectedAt = win32::PreciseFileTimeNow();
       previous = Duplicate(instance.Get());
-      StartConnection(std::move(instance));
+      StartConnection(std::move(instance), connectedAt);
     } else {
       previous = std::move(instance);
     }

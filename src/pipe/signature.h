@@ -13,13 +13,10 @@ namespace kiosk::pipe {
 // when it cannot be had that way; the last error says why.
 win32::FileHandle HoldImage(const wchar_t* path) noexcept;
 
-// The verdict of Windows on the file's embedded signature: no user interface, no revocation checks, no network. `file`
-// is open on `path` for reading.
-bool IsTrustedFile(const wchar_t* path, HANDLE file) noexcept;
-
-// The whole Subject of the certificate that made the file's first embedded signature, as an X.500 name. Empty optional
-// when there is no such signature or it cannot be read; says nothing about its validity.
-std::optional<std::wstring> PublisherOfFile(const wchar_t* path);
+// The publisher of a program file: the whole Subject of the certificate that made its first embedded signature, as an X.500
+// name. Empty optional unless Windows trusts that signature (no user interface, no revocation checks, no network) and the
+// Subject can be read. `file` is open on `path` for reading, and was so before and until the end of the call.
+std::optional<std::wstring> TrustedPublisherOfFile(const wchar_t* path, HANDLE file);
 
 // Looks at the service's own program file. Called once at start, before the pipe is served: from then on the answers of
 // the two functions below stay as they are.

@@ -54,8 +54,9 @@ bool Crack(const std::wstring& url, Target& target) {
   return true;
 }
 
-// The request handle, which a stop of the service closes under the call that waits on it: that is the documented way to
-// end a synchronous WinHTTP call from another thread.
+// The request handle, which a stop of the service closes under the call that waits on it: nothing else ends a synchronous
+// WinHTTP call. Windows promises the effect for asynchronous requests only, so it is the last resort of a process that is
+// about to end: no phase begins after a stop, and no new request is opened whose handle could take the same value.
 class Request {
  public:
   explicit Request(HINTERNET handle) noexcept : handle_(handle), open_(handle) {
@@ -107,26 +108,50 @@ DWORD CutShort(const win32::Deadline& deadline) noexcept {
   return deadline.Passed() ? ERROR_WINHTTP_TIMEOUT : ERROR_SUCCESS;
 }
 
-bool SendAndReceive(HINTERNET request, const wchar_t* accept, const std::string& body,
-                    const std::string& bearerToken) {
+bool Send(HINTERNET request, const wchar_t* accept, const std::string& body, const std::string& bearerToken,
+          const win32::Deadline& deadline) {
+  if (const DWORD error = CutShort(deadline); error != ERROR_SUCCESS) {
+    SetLastError(error);
+    return false;
+  }
   const text::Secret headers = Headers(accept, bearerToken);
   std::wstring wide = win32::ToWide(headers.Get());
   const auto size = static_cast<DWORD>(body.size());
   void* data = body.empty() ? WINHTTP_NO_REQUEST_DATA : const_cast<char*>(body.data());
-  const bool sent = WinHttpSendRequest(request, wide.c_str(), static_cast<DWORD>(-1), data, size, size, 0) != 0 &&
-                    WinHttpReceiveResponse(request, nullptr) != 0;
+  const bool sent = WinHttpSendRequest(request, wide.c_str(), static_cast<DWORD>(-1), data, size, size, 0) != 0;
   const DWORD error = GetLastError();
   SecureZeroMemory(wide.data(), wide.size() * sizeof(wchar_t));
   SetLastError(error);
   return sent;
 }
 
+bool Receive(HINTERNET request, const win32::Deadline& deadline, DWORD& status) {
+  if (const DWORD error = CutShort(deadline); error != ERROR_SUCCESS) {
+    SetLastError(error);
+    return false;
+  }
+  DWORD size = sizeof(status);
+  return WinHttpReceiveResponse(request, nullptr) != 0 &&
+         WinHttpQueryHeaders(request, WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER, nullptr, &status, &size,
+                             nullptr) != 0;
+}
+
 // Reads until the end, the limit, a failure (what came so far is then the body), a stop or the deadline. Returns the error
-// of the last two, 0 otherwise.
+// of the last two, 0 otherwise. A body that is complete stays so whatever happens at its end: it may hold a token that the
+// portal hands out once.
 DWORD ReadBody(HINTERNET request, std::size_t maxBody, const win32::Deadline& deadline, text::Secret& body) {
   std::vector<char> chunk;
-  DWORD available = 0;
-  while (body.Get().size() <= maxBody && WinHttpQueryDataAvailable(request, &available) != 0 && available != 0) {
+  while (body.Get().size() <= maxBody) {
+    if (const DWORD error = CutShort(deadline); error != ERROR_SUCCESS) {
+      return error;
+    }
+    DWORD available = 0;
+    if (WinHttpQueryDataAvailable(request, &available) == 0) {
+      return CutShort(deadline);
+    }
+    if (available == 0) {
+      return ERROR_SUCCESS;
+    }
     chunk.resize(std::min<std::size_t>(available, kMaxChunk));
     DWORD read = 0;
     const bool ok = WinHttpReadData(request, chunk.data(), static_cast<DWORD>(chunk.size()), &read) != 0 && read != 0;
@@ -134,11 +159,11 @@ DWORD ReadBody(HINTERNET request, std::size_t maxBody, const win32::Deadline& de
       body.Append({chunk.data(), read});
     }
     SecureZeroMemory(chunk.data(), chunk.size());
-    if (const DWORD error = CutShort(deadline); error != ERROR_SUCCESS || !ok) {
-      return error;
+    if (!ok) {
+      return CutShort(deadline);
     }
   }
-  return CutShort(deadline) == ERROR_WINHTTP_OPERATION_CANCELLED ? ERROR_WINHTTP_OPERATION_CANCELLED : ERROR_SUCCESS;
+  return ERROR_SUCCESS;
 }
 
 AuthReply Failed(std::string error) {
@@ -151,16 +176,11 @@ AuthReply FailedWith(DWORD error) { return Failed("WinHTTP error " + std::to_str
 
 AuthReply Exchange(const Request& request, const wchar_t* accept, const std::string& body,
                    const std::string& bearerToken, std::size_t maxBody, const win32::Deadline& deadline) {
-  if (!SendAndReceive(request.Get(), accept, body, bearerToken)) {
-    const DWORD error = GetLastError();
-    return FailedWith(win32::StopRequested() ? ERROR_WINHTTP_OPERATION_CANCELLED : error);
-  }
   DWORD status = 0;
-  DWORD size = sizeof(status);
-  if (WinHttpQueryHeaders(request.Get(), WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER, nullptr, &status, &size,
-                          nullptr) == 0) {
+  if (!Send(request.Get(), accept, body, bearerToken, deadline) || !Receive(request.Get(), deadline, status)) {
     const DWORD error = GetLastError();
-    return FailedWith(win32::StopRequested() ? ERROR_WINHTTP_OPERATION_CANCELLED : error);
+    const DWORD cutShort = CutShort(deadline);
+    return FailedWith(cutShort != ERROR_SUCCESS ? cutShort : error);
   }
   AuthReply reply;
   if (const DWORD error = ReadBody(request.Get(), maxBody, deadline, reply.body); error != ERROR_SUCCESS) {
@@ -177,6 +197,9 @@ AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std:
                       const std::string& bearerToken, std::size_t maxBody, const wchar_t* accept,
                       std::uint32_t deadline) {
   const win32::Deadline end(deadline);
+  if (win32::StopRequested()) {
+    return FailedWith(ERROR_WINHTTP_OPERATION_CANCELLED);
+  }
   Target target;
   if (!Crack(BaseUrl() + win32::ToWide(path), target)) {
     return Failed("unparseable AuthBaseUrl");
@@ -190,6 +213,8 @@ AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std:
   WinHttpSetTimeouts(session.Get(), kPhaseTimeout, kPhaseTimeout, kPhaseTimeout, kPhaseTimeout);
   // The receive time-out counts single packets; this one bounds the wait for all response headers.
   SetOption(session.Get(), WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, DWORD{kPhaseTimeout});
+  // One try for each address of the host: more would each have the whole time-out again.
+  SetOption(session.Get(), WINHTTP_OPTION_CONNECT_RETRIES, DWORD{1});
   const HttpHandle connection(WinHttpConnect(session.Get(), target.host.c_str(), target.port, 0));
   const Request request(connection
                             ? WinHttpOpenRequest(connection.Get(), method, target.path.c_str(), nullptr,
@@ -199,9 +224,11 @@ AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std:
   if (request.Get() == nullptr) {
     return Failed("cannot open the request");
   }
-  // No certificate is ever presented, no cookie kept, and a redirect is an answer like any other.
+  // No certificate is ever presented, nor this computer's account, no cookie kept, and a redirect is an answer like any
+  // other.
   WinHttpSetOption(request.Get(), WINHTTP_OPTION_CLIENT_CERT_CONTEXT, WINHTTP_NO_CLIENT_CERT_CONTEXT, 0);
   SetOption(request.Get(), WINHTTP_OPTION_REDIRECT_POLICY, DWORD{WINHTTP_OPTION_REDIRECT_POLICY_NEVER});
+  SetOption(request.Get(), WINHTTP_OPTION_AUTOLOGON_POLICY, DWORD{WINHTTP_AUTOLOGON_SECURITY_LEVEL_HIGH});
   SetOption(request.Get(), WINHTTP_OPTION_DISABLE_FEATURE, DWORD{WINHTTP_DISABLE_COOKIES});
   return Exchange(request, accept, body, bearerToken, maxBody, end);
 }

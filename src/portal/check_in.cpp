@@ -6,16 +6,21 @@
 #include "portal/auth_client.h"
 #include "portal/sign_in_methods.h"
 #include "state/kiosk_state.h"
+#include "win32/lock.h"
 #include "win32/wide_text.h"
 
 #include <algorithm>
 #include <optional>
+#include <utility>
 
 namespace kiosk::portal {
 namespace {
 
 // A status text goes into an error that people read; whatever else a server puts there is cut.
 constexpr std::size_t kMaxStatusText = 128;
+
+// Two check-ins may be on their way at once (a pairing's own and the worker's): each compares and writes as a whole.
+win32::Lock applyLock{win32::LockRank::kLeaf};
 
 constexpr char kUnexpectedReply[] = "unexpected check-in reply";
 constexpr char kHttp[] = "HTTP ";
@@ -68,6 +73,7 @@ void ApplyName(const json::Value& reply) {
 }
 
 void Apply(const json::Value& reply, CheckInResult& result) {
+  const win32::LockGuard guard(applyLock);
   state::DeleteStateValue(state::kUnknownSince);
   ApplySignIn(reply);
   ApplyName(reply);
@@ -95,12 +101,13 @@ CheckInResult CheckIn(const std::string& token) {
     return result;
   }
   std::optional<json::Value> body = json::Parse(reply.body.Get());
-  if (!body || json::Member(*body, "status").text() != "enrolled") {
+  json::Value content = body ? std::move(*body) : json::Value();
+  const text::WipeOnExit wipe(content);
+  if (json::Member(content, "status").text() != "enrolled") {
     result.error = kUnexpectedReply;
     return result;
   }
-  const text::WipeOnExit wipe(*body);
-  Apply(*body, result);
+  Apply(content, result);
   return result;
 }
 

@@ -15,8 +15,8 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <cmath>
-#include <cstdlib>
 #include <optional>
 
 namespace kiosk::portal {
@@ -56,9 +56,10 @@ double Lifetime(const json::Value& value) {
   } else if (value.IsBool()) {
     seconds = value.boolean() ? 1 : 0;
   } else if (value.IsString()) {
-    char* end = nullptr;
-    const double read = std::strtod(value.text().c_str(), &end);
-    seconds = end != value.text().c_str() ? read : kDefaultLifetime;
+    const std::string_view text = text::TrimSpace(value.text());
+    double read = 0;
+    const auto [end, problem] = std::from_chars(text.data(), text.data() + text.size(), read);
+    seconds = problem == std::errc() && end == text.data() + text.size() ? read : kDefaultLifetime;
   }
   return std::isfinite(seconds) ? std::trunc(seconds) : kDefaultLifetime;
 }
@@ -145,6 +146,7 @@ json::Value PairBegin() {
 }
 
 json::Value PairCheck(const std::string& code) {
+  // Of many that wait here during a stop, none begins a request: the client itself sees to that.
   const win32::LockGuard guard(PairingLock());
   if (!IsAnswerableCode(code) || PendingPairingCode() != code) {
     return json::ErrorReply("unknown_code");

@@ -8,8 +8,8 @@
 namespace kiosk::portal {
 
 json::Value LoadSignIn() {
-  auto stored = json::Parse(win32::ToNarrow(state::ReadStateString(state::kSignIn)));
-  return stored ? std::move(*stored) : NormaliseSignIn({});
+  // Normalised once more: an administrator may have written there.
+  return NormaliseSignIn(json::Parse(win32::ToNarrow(state::ReadStateString(state::kSignIn))).value_or(json::Value()));
 }
 
 }  // namespace kiosk::portal

@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <string>
 
 namespace kiosk::service {
 namespace {

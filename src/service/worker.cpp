@@ -37,7 +37,8 @@ class Worker {
     }
     const portal::CheckInResult result = portal::CheckIn(token.Get());
     if (!result.error.empty()) {
-      return Unusable(result.error);
+      // A call that the stop cut short says nothing about the portal.
+      return win32::StopRequested() ? kInterval : Unusable(result.error);
     }
     if (failing_) {
       log::Log(log::kNotice, log::kKiosk, "check-in: AuthSystem reachable again");

@@ -12,6 +12,7 @@ namespace {
 
 // Protected; full control for SYSTEM and for Administrators, inherited by subkeys; nobody else may even read.
 constexpr wchar_t kStateKeySddl[] = L"D:P(A;CI;KA;;;SY)(A;CI;KA;;;BA)";
+constexpr wchar_t kParentKey[] = L"SOFTWARE\\Norvane\\Tessaly";
 constexpr wchar_t kUpdateKey[] = L"SOFTWARE\\Norvane\\Tessaly\\Update";
 
 // The key, opened once for all reads: a status alone makes eight of them. Values are never kept. Without a destructor,
@@ -51,9 +52,17 @@ ProtectResult ProtectStateKey() {
   if (!descriptor) {
     return {"state key security descriptor failed", GetLastError()};
   }
+  // The parents first and with default security: keys that are missing on the way would get the descriptor as well, and
+  // other programs keep their settings below them.
+  win32::RegistryKey parent;
+  LSTATUS status = RegCreateKeyExW(HKEY_LOCAL_MACHINE, kParentKey, 0, nullptr, REG_OPTION_NON_VOLATILE,
+                                   KEY_QUERY_VALUE, nullptr, parent.Put(), nullptr);
+  if (status != ERROR_SUCCESS) {
+    return {"cannot create the state key", static_cast<DWORD>(status)};
+  }
   SECURITY_ATTRIBUTES attributes = descriptor.Attributes();
   win32::RegistryKey key;
-  LSTATUS status = RegCreateKeyExW(HKEY_LOCAL_MACHINE, kStateKey, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS,
+  status = RegCreateKeyExW(HKEY_LOCAL_MACHINE, kStateKey, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS,
                                    &attributes, key.Put(), nullptr);
   if (status != ERROR_SUCCESS) {
     return {"cannot create the state key", static_cast<DWORD>(status)};

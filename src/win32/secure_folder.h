@@ -2,7 +2,7 @@
 // service first runs, so a folder that exists is never trusted as it stands.
 #pragma once
 
-#include "win32/winapi.h"
+#include "win32/handle.h"
 
 namespace kiosk::win32 {
 
@@ -15,12 +15,21 @@ struct FolderResult {
   FolderStep failedAt = FolderStep::kDone;
   DWORD error = ERROR_SUCCESS;  // of the failed step
   bool replaced = false;        // something that was not a plain folder stood there and was removed
+  FileHandle folder;            // open while nobody else may delete or rename the folder; invalid when a step failed
 
   explicit operator bool() const noexcept { return failedAt == FolderStep::kDone; }
 };
 
+// What becomes of a folder that belongs to neither SYSTEM nor Administrators nor this process's own account. Its content may be a trap: whoever made
+// it still owns what is in it.
+enum class ForeignFolder {
+  kTakeOver,  // keeps its content under the new owner and DACL
+  kSetAside,  // is renamed to "<path>.untrusted-<number>", and a new one takes its place
+};
+
 // Makes `path` a plain folder with exactly the owner and the protected DACL of `sddl`. A file, or a link of any kind,
-// that stands in its place is removed (the link, not its target). Parents are not looked at: secure them first.
-FolderResult SecureFolder(const wchar_t* path, const wchar_t* sddl) noexcept;
+// that stands in its place is removed (the link, not its target). Parents are not looked at: secure them first, and keep
+// their handles for as long as the path is to be trusted.
+FolderResult SecureFolder(const wchar_t* path, const wchar_t* sddl, ForeignFolder foreign) noexcept;
 
 }  // namespace kiosk::win32

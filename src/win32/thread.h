@@ -13,7 +13,7 @@ namespace kiosk::win32 {
 // The usual reservation of the program file.
 inline constexpr SIZE_T kDefaultStack = 0;
 // Enough for the deepest path of a pipe connection (the parser at 64 levels, the certificate calls).
-inline constexpr SIZE_T kSmallStack = SIZE_T{256} * 1024;
+inline constexpr SIZE_T kSmallStack = SIZE_T{512} * 1024;
 
 // Starts a thread that runs `body` (callable without arguments, which must not throw: an edge that can see exceptions
 // catches and logs them itself). The handle serves to join; releasing it detaches the thread. Invalid when the thread
