@@ -1,5 +1,7 @@
 #include "sim/faults.h"
 
+#include "sim/machine.h"
+
 #include <wincrypt.h>
 
 // Of ntdll; the headers leave it out. Class 3 is the name of the key, as a length in bytes and UTF-16.
@@ -148,6 +150,7 @@ SIM(LSTATUS, RegFlushKey, HKEY key) {
 
 SIM(WINBOOL, CryptProtectData, DATA_BLOB* in, LPCWSTR text, DATA_BLOB* entropy, PVOID reserved,
     CRYPTPROTECT_PROMPTSTRUCT* prompt, DWORD flags, DATA_BLOB* out) {
+  WriteNumber(L"DataProtection", L"Flags", flags);
   return Named<BOOL>(__func__ + 4, text,
                      [&] { return ::CryptProtectData(in, text, entropy, reserved, prompt, flags, out); });
 }
@@ -167,7 +170,17 @@ SIM(WINBOOL, ChangeServiceConfigW, SC_HANDLE service, DWORD type, DWORD start, D
   });
 }
 
+// The failure actions, which the development machine's service manager drops, are kept as text in the area "Services":
+// "<reset seconds>: <action> <ms>, ...".
 SIM(WINBOOL, ChangeServiceConfig2W, SC_HANDLE service, DWORD level, LPVOID information) {
+  if (level == SERVICE_CONFIG_FAILURE_ACTIONS) {
+    const auto& failure = *static_cast<const SERVICE_FAILURE_ACTIONSW*>(information);
+    std::wstring text = std::to_wstring(failure.dwResetPeriod) + L":";
+    for (DWORD i = 0; i < failure.cActions; ++i) {
+      text += L" " + std::to_wstring(failure.lpsaActions[i].Type) + L" " + std::to_wstring(failure.lpsaActions[i].Delay) + L",";
+    }
+    WriteText(L"Services", L"FailureActions", text);
+  }
   return Named<BOOL>(__func__ + 4, nullptr, [&] { return ::ChangeServiceConfig2W(service, level, information); });
 }
 

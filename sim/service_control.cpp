@@ -111,6 +111,16 @@ SIM(SERVICE_STATUS_HANDLE, RegisterServiceCtrlHandlerExW, LPCWSTR name, LPHANDLE
   return handle;
 }
 
+// The test's manager runs one service, on the thread that hands itself over.
+SIM(WINBOOL, StartServiceCtrlDispatcherW, CONST SERVICE_TABLE_ENTRYW* table) {
+  if (const bool real = (std::lock_guard(mutex), !hosted); real) {
+    return ::StartServiceCtrlDispatcherW(table);
+  }
+  wchar_t* arguments[] = {table->lpServiceName, nullptr};
+  table->lpServiceProc(1, arguments);
+  return TRUE;
+}
+
 SIM(WINBOOL, SetServiceStatus, SERVICE_STATUS_HANDLE handle, LPSERVICE_STATUS status) {
   const std::lock_guard guard(mutex);
   CheckReport(handle, *status);

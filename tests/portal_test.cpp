@@ -11,9 +11,12 @@
 #include "sim/clock.h"
 #include "sim/faults.h"
 #include "sim/http.h"
+#include "sim/machine.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 #include "win32/stop.h"
+
+#include <dpapi.h>
 
 namespace kiosk::portal {
 namespace {
@@ -34,7 +37,7 @@ class PortalTest : public test::CleanMachine {
   }
 
   // The portal answers `path` with this from now on.
-  void Answer(const wchar_t* method, const wchar_t* path, sim::Response response) {
+  void Answer(const wchar_t* method, const wchar_t* path, const sim::Response& response) {
     portal_.On(method, path, [response](const sim::Request&) { return response; });
   }
   AuthReply Get() { return AuthRequest(L"GET", "/x", {}, "secret", kApiBodyLimit, kAcceptJson); }
@@ -155,6 +158,7 @@ TEST_F(PortalTest, TokenIsProtectedAndEndsWhatWasLeftOpen) {
     EXPECT_TRUE(pass.Flushed(L"DeviceToken"));
   }
   EXPECT_EQ(ReadDeviceToken().Get(), "tok-123");
+  EXPECT_EQ(sim::ReadNumber(L"DataProtection", L"Flags"), CRYPTPROTECT_UI_FORBIDDEN | CRYPTPROTECT_LOCAL_MACHINE);
   EXPECT_FALSE(HasValue(state::kStateKey, L"TeardownPending"));
   EXPECT_FALSE(HasValue(state::kStateKey, L"UnknownSince"));
   const auto blob = state::ReadState(state::kDeviceToken);

@@ -70,7 +70,7 @@ TEST_F(State, NumbersAndBytesOfAnotherTypeOrSizeAreAbsent) {
 }
 
 TEST_F(State, CopiesKeepTypeAndBytes) {
-  SetRaw(kKey, L"Odd", REG_MULTI_SZ, "a\0b\0\0", 6);
+  SetRaw(kKey, L"Odd", REG_MULTI_SZ, "a\0b\0\0\0", 6);
   SetRaw(kKey, L"Empty", REG_NONE, nullptr, 0);
   EXPECT_TRUE(CopyValue(kKey, L"Odd", L"SOFTWARE\\Norvane\\Other", L"PriorOdd"));
   EXPECT_TRUE(CopyValue(kKey, L"Empty", L"SOFTWARE\\Norvane\\Other", L"PriorEmpty"));
@@ -82,7 +82,7 @@ TEST_F(State, CopiesKeepTypeAndBytes) {
   ASSERT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\Other", 0, KEY_READ, key.Put()), ERROR_SUCCESS);
   ASSERT_EQ(RegQueryValueExW(key.Get(), L"PriorOdd", nullptr, &type, reinterpret_cast<BYTE*>(bytes), &size), 0);
   EXPECT_EQ(type, static_cast<DWORD>(REG_MULTI_SZ));
-  EXPECT_EQ(std::string_view(bytes, size), std::string_view("a\0b\0\0", 6));
+  EXPECT_EQ(std::string_view(bytes, size), std::string_view("a\0b\0\0\0", 6));
   size = sizeof(bytes);
   ASSERT_EQ(RegQueryValueExW(key.Get(), L"PriorEmpty", nullptr, &type, nullptr, &size), 0);
   EXPECT_EQ(size, 0U);

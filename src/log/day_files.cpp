@@ -96,7 +96,7 @@ FileHandle OpenComponentFile(const char* component) noexcept {
     return {};
   }
   std::array<wchar_t, 192> path;
-  std::swprintf(path.data(), path.size(), L"%ls\\%ls_%ls.log", dayFolder.data(), name.data(), dayStamp.data());
+  static_cast<void>(std::swprintf(path.data(), path.size(), L"%ls\\%ls_%ls.log", dayFolder.data(), name.data(), dayStamp.data()));
   FileHandle file = OpenForAppend(path.data());
   if (!file && GetLastError() == ERROR_PATH_NOT_FOUND &&
       SecureDayFolder()) {
@@ -149,8 +149,8 @@ bool ChooseDay(const SYSTEMTIME& now) noexcept {
   currentYear = now.wYear;
   currentMonth = now.wMonth;
   currentDay = now.wDay;
-  std::swprintf(dayFolder.data(), dayFolder.size(), L"%ls\\%04d-%02d-%02d", kLogRoot, now.wYear, now.wMonth, now.wDay);
-  std::swprintf(dayStamp.data(), dayStamp.size(), L"%02d%02d%02d", now.wHour, now.wMinute, now.wSecond);
+  static_cast<void>(std::swprintf(dayFolder.data(), dayFolder.size(), L"%ls\\%04d-%02d-%02d", kLogRoot, now.wYear, now.wMonth, now.wDay));
+  static_cast<void>(std::swprintf(dayStamp.data(), dayStamp.size(), L"%02d%02d%02d", now.wHour, now.wMinute, now.wSecond));
   // A folder that cannot be made shows again when a file in it is opened.
   static_cast<void>(SecureDayFolder());
   return replaced;

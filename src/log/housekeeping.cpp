@@ -136,7 +136,7 @@ void PruneLocked() {
   SYSTEMTIME now;
   GetLocalTime(&now);
   wchar_t today[16];
-  std::swprintf(today, std::size(today), L"%04d-%02d-%02d", now.wYear, now.wMonth, now.wDay);
+  static_cast<void>(std::swprintf(today, std::size(today), L"%04d-%02d-%02d", now.wYear, now.wMonth, now.wDay));
   for (const std::wstring& day : days) {
     if (day != today) {
       RemoveDirectoryW((std::wstring(kLogRoot) + L"\\" + day).c_str());  // only an empty one goes
@@ -148,7 +148,7 @@ void PruneLocked() {
 
 void ArchiveOldFiles(const SYSTEMTIME& today) {
   wchar_t date[16];
-  std::swprintf(date, std::size(date), L"%04d%02d%02d", today.wYear, today.wMonth, today.wDay);
+  static_cast<void>(std::swprintf(date, std::size(date), L"%04d%02d%02d", today.wYear, today.wMonth, today.wDay));
   for (const wchar_t* pattern : kFlatPatterns) {
     ForEach(kLogRoot, pattern, [&](const WIN32_FIND_DATAW& data) {
       const std::wstring name = data.cFileName;

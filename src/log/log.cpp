@@ -161,6 +161,7 @@ void WriteLocal(const char* component, int level, std::string_view stamp, std::s
 
 }  // namespace
 
+// NOLINTNEXTLINE(cert-dcl50-cpp): printf-style by contract, and checked as such at each call
 void Log(int level, const char* component, const char* format, ...) {
   EnsureReady();
   SYSTEMTIME now;

@@ -18,8 +18,10 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support.wait import WebDriverWait
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tools" / "devportal"))
+REPOSITORY = pathlib.Path(__file__).resolve().parents[3]
+sys.path[:0] = [str(REPOSITORY / "tools" / "devportal"), str(REPOSITORY / "tests" / "e2e")]
 
+import terminal as computer  # noqa: E402
 from devportal import Portal  # noqa: E402
 
 MARKUP = "<img src=x onerror=document.title=1>"
@@ -106,6 +108,25 @@ class PageTest(unittest.TestCase):
         send("Emulation.setDeviceMetricsOverride", metrics)
         self.assertTrue(self.browser.save_screenshot(str(self.pictures / name)))
         send("Emulation.clearDeviceMetricsOverride", {})
+
+    def test_the_real_service_is_claimed_and_renamed_here(self):
+        with computer.Terminal() as kiosk:
+            kiosk.install(url=self.portal.url)
+            begun = kiosk.ask(cmd="pair.begin")
+            self.browser.get(self.portal.url + "/")
+            self.find("#code").send_keys(begun["code"], Keys.TAB, "Counter 1", Keys.ENTER)
+            self.until(lambda: self.browser.find_elements(By.CSS_SELECTOR, "[data-terminal]"), "a card")
+            self.assertTrue(kiosk.ask(cmd="pair.check", code=begun["code"])["paired"])
+            self.assertEqual(kiosk.ask(cmd="status")["terminalName"], "Counter 1")
+            number = self.portal.terminals()[0]["id"]
+            self.until(lambda: "checked in" in self.card(number, ".age").text, "the age of the check-in")
+            name = self.field(number, "name")
+            self.type(name, "Counter 2 – Kraków")
+            name.send_keys(Keys.ENTER)
+            self.says(number, "Saved")
+            # Within the interval of check-ins.
+            computer.wait_for(lambda: kiosk.ask(cmd="status")["terminalName"] == "Counter 2 – Kraków", "the new name", 40)
+            self.picture("real-terminal-desktop.png", 1280)
 
     def test_a_terminal_from_its_code_to_its_removal(self):
         self.browser.get(self.portal.url + "/")

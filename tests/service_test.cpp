@@ -1,0 +1,83 @@
+// The service's own life, with the test in the place of the service manager.
+#include "service/service_main.h"
+
+#include "portal/device_token.h"
+#include "sim/clock.h"
+#include "sim/fault_driver.h"
+#include "sim/http.h"
+#include "sim/service_control.h"
+#include "state/kiosk_state.h"
+#include "tests/support/fixture.h"
+#include "tests/support/pipe_exchange.h"
+#include "win32/thread.h"
+
+namespace kiosk::service {
+namespace {
+
+class ServiceTest : public test::CleanMachine {};
+
+TEST_F(ServiceTest, ReportsItsStatesAndAnswersControls) {
+  const sim::ScriptedPortal portal;
+  sim::ServiceHost host;
+  int exitCode = -1;
+  test::SetDword(state::kStateKey, L"DevAllowUnsigned", 1);
+  {
+    const win32::KernelHandle service = win32::StartThread([&exitCode]() noexcept { exitCode = RunDispatcher(); });
+    const win32::FileHandle client = test::ConnectToService();  // returns when the pipe is served
+    ASSERT_TRUE(client);
+    EXPECT_EQ(host.ServiceName(), L"NorvaneKiosk");
+    EXPECT_EQ(host.Deliver(SERVICE_CONTROL_INTERROGATE), DWORD{NO_ERROR});
+    EXPECT_EQ(host.Deliver(SERVICE_CONTROL_SESSIONCHANGE, WTS_SESSION_LOGON, 1), DWORD{NO_ERROR});
+    EXPECT_EQ(host.Deliver(SERVICE_CONTROL_PAUSE), DWORD{ERROR_CALL_NOT_IMPLEMENTED});
+    EXPECT_EQ(host.Deliver(SERVICE_CONTROL_PRESHUTDOWN), DWORD{ERROR_CALL_NOT_IMPLEMENTED});
+    EXPECT_EQ(host.Reports().size(), 2U) << "a control that changes nothing was reported";
+    EXPECT_EQ(host.Deliver(SERVICE_CONTROL_SHUTDOWN), DWORD{NO_ERROR});
+    ASSERT_EQ(WaitForSingleObject(service.Get(), 20'000), WAIT_OBJECT_0);
+  }
+  EXPECT_EQ(exitCode, 0);
+  struct {
+    DWORD state, controls, waitHint;
+  } const expected[] = {{SERVICE_START_PENDING, 0, 30'000},
+                        {SERVICE_RUNNING, 0x85, 0},
+                        {SERVICE_STOP_PENDING, 0, 45'000},
+                        {SERVICE_STOPPED, 0, 0}};
+  const std::vector<SERVICE_STATUS> reports = host.Reports();
+  ASSERT_EQ(reports.size(), std::size(expected));
+  for (std::size_t i = 0; i < reports.size(); ++i) {
+    EXPECT_EQ(reports[i].dwServiceType, DWORD{SERVICE_WIN32_OWN_PROCESS});
+    EXPECT_EQ(reports[i].dwCurrentState, expected[i].state) << i;
+    EXPECT_EQ(reports[i].dwControlsAccepted, expected[i].controls) << i;
+    EXPECT_EQ(reports[i].dwWaitHint, expected[i].waitHint) << i;
+    EXPECT_EQ(reports[i].dwCheckPoint, 0U) << i;
+  }
+  const std::vector<std::string> texts = test::LogTexts();
+  EXPECT_EQ(std::vector<std::string>(texts.begin() + 3, texts.end()),
+            (std::vector<std::string>{
+                "WARN this service is not signed (a dev build): it admits callers only while DevAllowUnsigned=1",
+                "INFO enrolled=0 provisioned=0 maintenance=0", "INFO listening on \\\\.\\pipe\\NorvaneKiosk",
+                "INFO Kiosk shutting down"}));
+}
+
+// Whatever fails while the token is stored, and whenever the process ends: either nothing is stored, or a token that reads
+// back whole; and a later pairing succeeds.
+TEST(EnrolmentFaults, StoringTheTokenIsAllOrNothing) {
+  sim::RunFaultScenario({.name = L"store the token",
+                         .prepare =
+                             [] {
+                               RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane");
+                               test::SetDword(state::kStateKey, L"TeardownPending", 1);
+                               test::SetString(state::kStateKey, L"UnknownSince", L"x");
+                             },
+                         .run = [] { portal::StoreDeviceToken("tok-1"); },
+                         .later =
+                             [] {
+                               EXPECT_TRUE(!state::TokenIsStored() || portal::ReadDeviceToken().Get() == "tok-1");
+                               EXPECT_TRUE(portal::StoreDeviceToken("tok-2"));
+                               EXPECT_EQ(portal::ReadDeviceToken().Get(), "tok-2");
+                               EXPECT_FALSE(test::HasValue(state::kStateKey, L"TeardownPending"));
+                               EXPECT_FALSE(test::HasValue(state::kStateKey, L"UnknownSince"));
+                             }});
+}
+
+}  // namespace
+}  // namespace kiosk::service
