@@ -17,7 +17,7 @@ file(GLOB_RECURSE NORVANE_SOURCES CONFIGURE_DEPENDS src/*.cpp)
 list(REMOVE_ITEM NORVANE_SOURCES ${CMAKE_SOURCE_DIR}/src/service/main.cpp)
 add_library(kiosk STATIC ${NORVANE_SOURCES})
 target_compile_definitions(kiosk PRIVATE NORVANE_AUTH_BASE_URL="${NORVANE_AUTH_BASE_URL}")
-set(NORVANE_SYSTEM_LIBRARIES advapi32 bcrypt crypt32 ole32 user32 wintrust winhttp wtsapi32 ws2_32 ssp)
+set(NORVANE_SYSTEM_LIBRARIES advapi32 bcrypt crypt32 netapi32 ole32 user32 userenv wintrust winhttp wtsapi32 ws2_32 ssp)
 target_link_libraries(kiosk PUBLIC ${NORVANE_SYSTEM_LIBRARIES})
 
 add_executable(NorvaneKiosk src/service/main.cpp src/service/kiosk.rc)
@@ -74,6 +74,12 @@ if(BUILD_TESTING)
   add_executable(pipe_client tests/support/pipe_client/pipe_client.cpp)
   target_include_directories(pipe_client PRIVATE ${CMAKE_SOURCE_DIR})
   target_link_libraries(pipe_client PRIVATE kiosk)
+
+  # The hand on the simulated computer: signs people in and out, restarts it, tells what it is like.
+  add_executable(sim_machine tests/support/sim_machine/sim_machine.cpp)
+  target_include_directories(sim_machine PRIVATE ${CMAKE_SOURCE_DIR})
+  target_link_options(sim_machine PRIVATE -municode)
+  target_link_libraries(sim_machine PRIVATE kiosk_simulation ${NORVANE_SYSTEM_LIBRARIES} ntdll)
 
   # Replaces the global allocation functions, so it is a program of its own.
   add_executable(json_wipe_test tests/portable/json_wipe_test.cpp)
