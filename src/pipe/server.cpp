@@ -91,25 +91,32 @@ void RunPipeServer() {
   log::Log(log::kNotice, kKiosk, "listening on %s", win32::ToNarrow(kPipeName).c_str());
 
   bool first = true;
-  // A second handle to the instance before: its connection may end before the next instance exists, and without any
-  // instance left another process could take the name.
-  FileHandle previous;
+  FileHandle instance;  // the one that waits for a client
+  // Without any instance left another process could take the name. So the next instance exists before the connected one is
+  // given away, and while it cannot be made a second handle keeps the connected one, whose connection may end at any time.
+  FileHandle keeper;
   while (!win32::StopRequested()) {
-    FileHandle instance = CreateInstance(descriptor, first);
+    if (!instance) {
+      instance = CreateInstance(descriptor, first);
+    }
     if (!instance) {
       log::Log(log::kError, kKiosk, "cannot create the pipe (%lu)", GetLastError());
       static_cast<void>(win32::WaitOrStop(nullptr, kCreateRetry));
       continue;
     }
     first = false;
-    previous.Reset();
-    if (Connect(instance.Get(), io)) {
-      const std::uint64_t connectedAt = win32::PreciseFileTimeNow();
-      previous = Duplicate(instance.Get());
-      StartConnection(std::move(instance), connectedAt);
-    } else {
-      previous = std::move(instance);
+    keeper.Reset();
+    if (!Connect(instance.Get(), io)) {
+      keeper = std::move(instance);
+      continue;
     }
+    const std::uint64_t connectedAt = win32::PreciseFileTimeNow();
+    FileHandle next = CreateInstance(descriptor, first);
+    if (!next) {
+      keeper = Duplicate(instance.Get());
+    }
+    StartConnection(std::move(instance), connectedAt);
+    instance = std::move(next);
   }
 }
 

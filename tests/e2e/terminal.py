@@ -50,7 +50,8 @@ class Terminal:
                  "stderr": subprocess.DEVNULL}
         # Kept until the end: otherwise the service would end with the last program that talks to it.
         subprocess.run(["wineserver", "-p"], check=True, **quiet)
-        subprocess.run(["wine", "cmd", "/c", "exit"], check=True, **quiet)
+        # Whatever needs a desktop first starts a program that keeps it, and with it our end of its output: for ever.
+        subprocess.run(["wine", "rundll32", "kernel32.dll,GetTickCount"], check=True, **quiet)
         for program in self._programs:
             self.put(BUILD / program)
         if self._service:
@@ -84,13 +85,19 @@ class Terminal:
 
     def run(self, program, *arguments, timeout=60):
         """Runs it to its end; returns (exit code, output, errors)."""
-        with self.start(program, *arguments) as process:
-            try:
-                out, err = process.communicate(timeout=timeout)
-            except subprocess.TimeoutExpired:
-                process.kill()
-                raise
-        return process.returncode, out, err
+        # Files and not pipes: the end of the program counts, not that of everything that inherited its output.
+        with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
+            with self.start(program, *arguments, stdout=out, stderr=err) as process:
+                try:
+                    process.wait(timeout)
+                except subprocess.TimeoutExpired:
+                    process.kill()
+                    raise
+            texts = []
+            for file in (out, err):
+                file.seek(0)
+                texts.append(file.read().decode("utf-8", "replace"))
+        return process.returncode, *texts
 
     def ask(self, **request):
         """Sends one request to the service; returns its reply."""
