@@ -11,12 +11,13 @@ namespace sim {
 namespace {
 
 struct Identity {
-  std::wstring sid;
+  wchar_t sid[192];  // empty: nobody declared
   bool interactive;
 };
 
-// Whom this thread stood for last, and the token that it opened of that client.
-thread_local std::optional<Identity> impersonated;
+// Whom this thread stood for last, and the token that it opened of that client. Without destructors: those of thread-local
+// objects do not run safely on threads that the C++ library did not start.
+thread_local Identity impersonated{};
 thread_local HANDLE tokenOpened = nullptr;
 
 std::wstring AreaOf(DWORD processId) { return L"Callers\\" + std::to_wstring(processId); }
@@ -72,11 +73,10 @@ SIM(WINBOOL, GetNamedPipeClientSessionId, HANDLE pipe, PULONG session) {
 SIM(WINBOOL, ImpersonateNamedPipeClient, HANDLE pipe) {
   const std::wstring area = DeclarationOf(pipe);
   const std::wstring sid = area.empty() ? L"" : SidIn(area);
-  impersonated.reset();
+  impersonated = {};
   tokenOpened = nullptr;
-  if (!sid.empty()) {
-    impersonated = Identity{sid, ReadNumber(area, L"Interactive").value_or(1) != 0};
-  }
+  sid.copy(impersonated.sid, std::size(impersonated.sid) - 1);
+  impersonated.interactive = ReadNumber(area, L"Interactive").value_or(1) != 0;
   return ::ImpersonateNamedPipeClient(pipe);
 }
 
@@ -96,11 +96,11 @@ SIM(WINBOOL, OpenProcessToken, HANDLE process, DWORD access, PHANDLE token) {
 
 SIM(WINBOOL, GetTokenInformation, HANDLE token, TOKEN_INFORMATION_CLASS what, LPVOID information, DWORD size,
     PDWORD needed) {
-  if (!impersonated || token != tokenOpened || (what != TokenUser && what != TokenGroups)) {
+  if (impersonated.sid[0] == L'\0' || token != tokenOpened || (what != TokenUser && what != TokenGroups)) {
     return ::GetTokenInformation(token, what, information, size, needed);
   }
   // One SID behind its record. Whoever does not sit at the computer holds the group of network logons instead.
-  const std::wstring text = what == TokenUser ? impersonated->sid : impersonated->interactive ? L"S-1-5-4" : L"S-1-5-2";
+  const std::wstring text = what == TokenUser ? impersonated.sid : impersonated.interactive ? L"S-1-5-4" : L"S-1-5-2";
   PSID sid = nullptr;
   if (!ConvertStringSidToSidW(text.c_str(), &sid)) {
     Violation("%s, the user of a declared caller, is not a SID", Narrow(text).c_str());

@@ -100,7 +100,7 @@ Value Request(const char* command) {
   return request;
 }
 
-Answer Ask(Value request) {
+Answer AskFor(Value request) {
   std::string line = kiosk::json::Serialise(request);
   request.Wipe();
   Answer answer = Ask(line);
@@ -110,7 +110,7 @@ Answer Ask(Value request) {
 
 // Sends a request that is answered once; `success` says what a good reply means. Returns the exit code.
 int Run(const Options& options, Value request, std::string (*success)(const Value& reply)) {
-  const Answer answer = Ask(std::move(request));
+  const Answer answer = AskFor(std::move(request));
   if (answer.outcome != Outcome::kReply) {
     return NoReply(answer);
   }
@@ -214,7 +214,7 @@ int Poll(const std::string& code, std::uint64_t seconds, const Options& options)
     for (DWORD waited = 0; waited < kPollInterval; waited += kRedrawInterval) {
       Wait(expiry, countdown);
     }
-    const Answer answer = Ask(request);
+    const Answer answer = AskFor(request);
     if (answer.outcome != Outcome::kReply) {
       return NoReply(answer);
     }
@@ -252,7 +252,7 @@ int Restart(const Options& options) {
 }
 
 int Pair(const Options& options) {
-  const Answer answer = Ask(Request("pair.begin"));
+  const Answer answer = AskFor(Request("pair.begin"));
   if (answer.outcome != Outcome::kReply) {
     return NoReply(answer);
   }
