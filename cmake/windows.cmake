@@ -68,7 +68,7 @@ if(BUILD_TESTING)
   add_executable(kiosk_tests tests/support/run_tests.cc)
   target_link_libraries(kiosk_tests PRIVATE gtest)
   link_simulated(kiosk_tests ${renamed_kiosk_test_cases})
-  gtest_discover_tests(kiosk_tests DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  gtest_discover_tests(kiosk_tests DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 240)
 
   # A caller of the pipe for the end-to-end tests, which sign it in many ways.
   add_executable(pipe_client tests/support/pipe_client/pipe_client.cpp)
@@ -84,7 +84,7 @@ if(BUILD_TESTING)
   # Replaces the global allocation functions, so it is a program of its own.
   add_executable(json_wipe_test tests/portable/json_wipe_test.cpp)
   target_link_libraries(json_wipe_test PRIVATE kiosk gtest gtest_main)
-  gtest_discover_tests(json_wipe_test DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  gtest_discover_tests(json_wipe_test DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 400)
 endif()
 
 include(cmake/tools.cmake)

@@ -187,7 +187,7 @@ void ChangeUser(const User& user) {
 std::wstring AddUser(const std::wstring& name, const std::wstring& password, DWORD flags) {
   const DWORD number = ReadNumber(L"", L"NextUser").value_or(1001);
   WriteNumber(L"", L"NextUser", number + 1);
-  const std::wstring sid = kMachineSid + std::to_wstring(number);
+  std::wstring sid = kMachineSid + std::to_wstring(number);
   WriteText(UserArea(name), L"Sid", sid);
   ChangeUser({name, sid, password, L"", flags | UF_NORMAL_ACCOUNT, UtcTime(), UtcTime(), 0});
   return sid;

@@ -94,7 +94,7 @@ SIM(NTSTATUS, LsaClose, LSA_HANDLE handle) {
 }
 
 SIM(NTSTATUS, LsaStorePrivateData, LSA_HANDLE handle, PLSA_UNICODE_STRING name, PLSA_UNICODE_STRING data) {
-  const std::wstring key = TextOf(name, "LsaStorePrivateData: the name");
+  std::wstring key = TextOf(name, "LsaStorePrivateData: the name");
   const std::wstring text = data != nullptr ? TextOf(data, "LsaStorePrivateData: the data") : std::wstring();
   return StatusOf(Change<DWORD>(
       __func__ + 4, [&] { return key; },

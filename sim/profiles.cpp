@@ -21,6 +21,7 @@ constexpr wchar_t kHives[] = L"Hives";
 bool HeldOpen(const std::wstring& name) {
   const std::wstring root = L"\\REGISTRY\\USER\\" + name;
   for (std::uintptr_t value = 4; value < 0x2000; value += 4) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): handles are numbers, and all of them are tried
     const std::wstring key = RegistryObject(reinterpret_cast<HKEY>(value), nullptr);
     if (_wcsnicmp(key.c_str(), root.c_str(), root.size()) == 0 &&
         (key.size() == root.size() || key[root.size()] == L'\\')) {
@@ -226,6 +227,8 @@ SIM(HRESULT, CreateProfile, LPCWSTR sid, LPCWSTR user, LPWSTR path, DWORD size) 
 SIM(WINBOOL, DeleteProfileW, LPCWSTR sid, LPCWSTR path, LPCWSTR computer) {
   if (sid == nullptr || path != nullptr || computer != nullptr) {
     Violation("DeleteProfileW: no SID, or a path or another machine");
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
   }
   return Change<BOOL>(
       __func__ + 4, [&] { return std::wstring(sid); },

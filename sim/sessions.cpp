@@ -15,9 +15,11 @@
 #include <mutex>
 #include <set>
 
+// NOLINTBEGIN(readability-identifier-naming): the names that the seam gives
 extern "C" HANDLE WINAPI sim_CreateThread(LPSECURITY_ATTRIBUTES security, SIZE_T stack, LPTHREAD_START_ROUTINE body,
                                           LPVOID argument, DWORD flags, LPDWORD id);
 extern "C" void WINAPI sim_Sleep(DWORD milliseconds);
+// NOLINTEND(readability-identifier-naming)
 
 namespace sim {
 namespace {
@@ -184,17 +186,15 @@ SIM(WINBOOL, WTSQuerySessionInformationW, HANDLE server, DWORD id, WTS_INFO_CLAS
   if (id == WTS_CURRENT_SESSION) {
     ProcessIdToSessionId(GetCurrentProcessId(), &id);
   }
-  auto text = ReadText(AreaOf(id), what == WTSUserName ? L"User" : L"Domain");
-  if (!text && (id == 0 || id == kListener)) {
-    text = L"";
-  }
-  if (!text) {
+  const auto known = ReadText(AreaOf(id), what == WTSUserName ? L"User" : L"Domain");
+  if (!known && id != 0 && id != kListener) {
     SetLastError(ERROR_CTX_WINSTATION_NOT_FOUND);
     return FALSE;
   }
-  *size = static_cast<DWORD>((text->size() + 1) * sizeof(wchar_t));
+  const std::wstring text = known.value_or(L"");
+  *size = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
   *buffer = NewBuffer(*size);
-  std::copy_n(text->c_str(), text->size(), *buffer);
+  std::copy_n(text.c_str(), text.size(), *buffer);
   return TRUE;
 }
 

@@ -19,8 +19,8 @@ const std::wstring kClient = L"C:\\Program Files\\Zażółć gęślą";
 // What the kiosk user's registry holds in the end: key, value, type, data. P stands for
 // "Software\Microsoft\Windows\CurrentVersion\Policies".
 const char* const kExpected[] = {
-    R"(Software\Microsoft\Windows NT\CurrentVersion\Winlogon|Shell|sz|)"
-    R"("C:\Program Files\Zażółć gęślą\NorvaneTessalyClient.exe" --kiosk-shell)",
+    (R"(Software\Microsoft\Windows NT\CurrentVersion\Winlogon|Shell|sz|)"
+     R"("C:\Program Files\Zażółć gęślą\NorvaneTessalyClient.exe" --kiosk-shell)"),
     R"(P\System|DisableTaskMgr|dword|1)",
     R"(P\System|DisableLockWorkstation|dword|1)",
     R"(P\System|DisableChangePassword|dword|1)",

@@ -103,7 +103,7 @@ TEST_F(ExitPassword, AClockThatWasSetBackLocksNobodyOutForLonger) {
 }
 
 TEST_F(ExitPassword, EveryAttemptCountsWhateverBecomesOfIt) {
-  const auto attempt = [this](const char* code, DWORD failures) {
+  const auto attempt = [](const char* code, DWORD failures) {
     EXPECT_EQ(VerifyExitPassword("Way out"), code);
     EXPECT_EQ(Failures(), failures) << code;
   };
