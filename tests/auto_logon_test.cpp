@@ -17,7 +17,7 @@ struct Setting {
   DWORD type;  // the computer's own value, of a type that nobody expects
   std::string bytes;
 };
-using std::string_literals::operator""s;
+using std::string_literals::operator""s;  // NOLINT(misc-unused-using-decls): used by the table below
 
 const Setting kSettings[] = {
     {kWinlogonKey, L"AutoAdminLogon", REG_DWORD, "\x01\0\0\0"s},

@@ -84,7 +84,7 @@ TEST_F(RevocationTest, AnswersToAnOldTokenTouchNothing) {
   EXPECT_TRUE(Handle(DeviceStatus::kRevoked));  // the first line makes the log's folders
   for (const bool stamped : {false, true}) {
     if (stamped) {
-      ASSERT_TRUE(state::WriteStateQword(state::kUnknownSince, clock_.SystemTime() - 25 * 3600 * 10'000'000ULL));
+      ASSERT_TRUE(state::WriteStateQword(state::kUnknownSince, clock_.SystemTime() - 25ULL * 3600 * 10'000'000));
     }
     const sim::FaultPass pass;
     EXPECT_TRUE(Handle(DeviceStatus::kRevoked));
