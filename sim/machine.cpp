@@ -53,6 +53,19 @@ bool AreaExists(const std::wstring& area) {
   return true;
 }
 
+std::vector<std::wstring> AreaNames(const std::wstring& area) {
+  std::vector<std::wstring> names;
+  HKEY key = nullptr;
+  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, KeyOf(area).c_str(), 0, KEY_READ, &key) == 0) {
+    wchar_t name[256];
+    while (RegEnumKeyW(key, static_cast<DWORD>(names.size()), name, 256) == 0) {
+      names.emplace_back(name);
+    }
+    RegCloseKey(key);
+  }
+  return names;
+}
+
 std::vector<std::wstring> ValueNames(const std::wstring& area) {
   std::vector<std::wstring> names;
   HKEY key = nullptr;

@@ -20,6 +20,8 @@ void WriteNumber(const std::wstring& area, const std::wstring& name, DWORD numbe
 void ForgetValue(const std::wstring& area, const std::wstring& name);
 
 bool AreaExists(const std::wstring& area);
+// The names of the areas right below this one.
+std::vector<std::wstring> AreaNames(const std::wstring& area);
 // The names of an area's values.
 std::vector<std::wstring> ValueNames(const std::wstring& area);
 void ForgetArea(const std::wstring& area);

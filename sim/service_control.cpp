@@ -1,5 +1,7 @@
 #include "sim/service_control.h"
 
+#include "sim/clock.h"
+#include "sim/computer.h"
 #include "sim/machine.h"
 #include "sim/seam.h"
 
@@ -11,6 +13,9 @@
 namespace sim {
 namespace {
 
+constexpr wchar_t kArea[] = L"ServiceControl";
+constexpr DWORD kAnswerTime = 5000;  // ms, for the service in another process
+
 std::mutex mutex;
 bool hosted = false;
 std::wstring serviceName;
@@ -18,6 +23,7 @@ LPHANDLER_FUNCTION_EX handler = nullptr;
 void* handlerContext = nullptr;
 SERVICE_STATUS_HANDLE statusHandle = nullptr;
 std::vector<SERVICE_STATUS> reports;
+SRWLOCK delivering = SRWLOCK_INIT;  // the manager delivers one control at a time
 
 DWORD CallHandler(DWORD control, DWORD eventType, DWORD session) {
   if (handler == nullptr) {
@@ -25,16 +31,35 @@ DWORD CallHandler(DWORD control, DWORD eventType, DWORD session) {
     return ERROR_SERVICE_NOT_ACTIVE;
   }
   WTSSESSION_NOTIFICATION notification{sizeof(notification), session};
-  return handler(control, eventType, control == SERVICE_CONTROL_SESSIONCHANGE ? &notification : nullptr,
-                 handlerContext);
+  AcquireLock(&delivering, false);
+  const DWORD answer =
+      handler(control, eventType, control == SERVICE_CONTROL_SESSIONCHANGE ? &notification : nullptr, handlerContext);
+  ::ReleaseSRWLockExclusive(&delivering);
+  LockReleased();
+  return answer;
+}
+
+// Whether a service of this process has said that it wants to hear of sessions.
+bool ListensHere() {
+  const std::lock_guard guard(mutex);
+  return handler != nullptr && !reports.empty() &&
+         (reports.back().dwControlsAccepted & SERVICE_ACCEPT_SESSIONCHANGE) != 0;
+}
+
+bool ListensElsewhere() {
+  const DWORD id = ReadNumber(kArea, L"Process").value_or(0);
+  HANDLE process = id == 0 || id == GetCurrentProcessId() ? nullptr : OpenProcess(SYNCHRONIZE, FALSE, id);
+  const bool runs = process != nullptr && ::WaitForSingleObject(process, 0) == WAIT_TIMEOUT;
+  CloseHandle(process);
+  return runs;
 }
 
 // Under the real service manager, on a thread of its own for the life of the process.
 DWORD WINAPI ServeRequests(void*) {
-  const std::wstring area = L"ServiceControl";
-  WriteText(area, L"Request", L"");
+  WriteText(kArea, L"Request", L"");
+  WriteNumber(kArea, L"Process", GetCurrentProcessId());
   HKEY key = nullptr;
-  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, (std::wstring(kMachineKey) + L"\\" + area).c_str(), 0, KEY_READ, &key) != 0) {
+  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, (std::wstring(kMachineKey) + L"\\" + kArea).c_str(), 0, KEY_READ, &key) != 0) {
     return 1;
   }
   for (HANDLE changed = CreateEventW(nullptr, FALSE, FALSE, nullptr);; WaitForSingleObject(changed, INFINITE)) {
@@ -42,11 +67,13 @@ DWORD WINAPI ServeRequests(void*) {
     DWORD control = 0;
     DWORD eventType = 0;
     DWORD session = 0;
-    if (std::swscanf(ReadText(area, L"Request").value_or(L"").c_str(), L"%lu %lu %lu", &control, &eventType,
-                     &session) >= 1) {
-      ForgetValue(area, L"Request");
-      WriteNumber(area, L"Answer", CallHandler(control, eventType, session));
+    const std::wstring request = ReadText(kArea, L"Request").value_or(L"");
+    if (request.empty()) {
+      continue;
     }
+    ForgetValue(kArea, L"Request");
+    const bool isControl = std::swscanf(request.c_str(), L"%lu %lu %lu", &control, &eventType, &session) >= 1;
+    WriteNumber(kArea, L"Answer", isControl ? CallHandler(control, eventType, session) : RunMachineCommand(request));
   }
 }
 
@@ -72,9 +99,32 @@ void CheckReport(SERVICE_STATUS_HANDLE handle, const SERVICE_STATUS& status) {
 
 }  // namespace
 
-ServiceHost::ServiceHost() { hosted = true; }
+ServiceHost::ServiceHost() {
+  const std::lock_guard guard(mutex);
+  hosted = true;
+  reports.clear();
+}
 
-ServiceHost::~ServiceHost() { hosted = false; }
+ServiceHost::~ServiceHost() {
+  const std::lock_guard guard(mutex);
+  hosted = false;
+  handler = nullptr;
+}
+
+bool ServiceListens() { return ListensHere() || ListensElsewhere(); }
+
+void DeliverSessionChange(DWORD eventType, DWORD session) {
+  if (ListensHere()) {
+    CallHandler(SERVICE_CONTROL_SESSIONCHANGE, eventType, session);
+  } else if (ListensElsewhere()) {
+    ForgetValue(kArea, L"Answer");
+    WriteText(kArea, L"Request", L"14 " + std::to_wstring(eventType) + L" " + std::to_wstring(session));
+    const ULONGLONG end = ::GetTickCount64() + kAnswerTime;
+    while (!ReadNumber(kArea, L"Answer") && ::GetTickCount64() < end && ListensElsewhere()) {
+      ::Sleep(5);
+    }
+  }
+}
 
 DWORD ServiceHost::Deliver(DWORD control, DWORD eventType, DWORD session) {
   return CallHandler(control, eventType, session);

@@ -4,7 +4,8 @@
 // manager serves, and any process delivers a control by writing the text "<control> <event type> <session>" into the
 // value "Request" of the area "ServiceControl", as in
 //   reg add HKLM\SOFTWARE\SimulatedWindows\ServiceControl /v Request /d "14 5 2" /f
-// The handler's answer then stands in the number "Answer", and "Request" is gone.
+// "Request" is gone at once, and the handler's answer then stands in the number "Answer". A text that begins with a
+// word is a command for the machine (sim/computer.h), run in the service's process.
 #pragma once
 
 #include "win32/winapi.h"
@@ -28,5 +29,10 @@ class ServiceHost {
   [[nodiscard]] std::vector<SERVICE_STATUS> Reports() const;
   [[nodiscard]] std::wstring ServiceName() const;  // empty until the handler is registered
 };
+
+// A service of this process, or else one under the real service manager, is there to hear of sessions.
+bool ServiceListens();
+// Tells it, if there is one, and returns when its handler has.
+void DeliverSessionChange(DWORD eventType, DWORD session);
 
 }  // namespace sim

@@ -1,21 +1,87 @@
 #include "sim/sessions.h"
 
+#include "sim/accounts.h"
+#include "sim/clock.h"
+#include "sim/faults.h"
 #include "sim/machine.h"
-#include "sim/seam.h"
+#include "sim/profiles.h"
+#include "sim/service_control.h"
 
 #include <wtsapi32.h>
 
 #include <algorithm>
+#include <cwchar>
+#include <memory>
 #include <mutex>
 #include <set>
+
+// NOLINTBEGIN(readability-identifier-naming): the names that the seam gives
+extern "C" HANDLE WINAPI sim_CreateThread(LPSECURITY_ATTRIBUTES security, SIZE_T stack, LPTHREAD_START_ROUTINE body,
+                                          LPVOID argument, DWORD flags, LPDWORD id);
+extern "C" void WINAPI sim_Sleep(DWORD milliseconds);
+// NOLINTEND(readability-identifier-naming)
 
 namespace sim {
 namespace {
 
+constexpr wchar_t kArea[] = L"Sessions";
+constexpr DWORD kListener = 65536;  // waits for remote desktop connections
+
 std::mutex mutex;
 std::set<void*> buffers;
 
-std::wstring AreaOf(DWORD id) { return L"Sessions\\" + std::to_wstring(id); }
+std::wstring AreaOf(DWORD id) { return std::wstring(kArea) + L"\\" + std::to_wstring(id); }
+
+// Those that somebody declared or signed in to, in the order of their numbers.
+std::set<DWORD> SessionIds() {
+  std::set<DWORD> ids;
+  for (const std::wstring& name : AreaNames(kArea)) {
+    ids.insert(std::wcstoul(name.c_str(), nullptr, 10));
+  }
+  return ids;
+}
+
+wchar_t* NewBuffer(std::size_t bytes) {
+  auto* buffer = new wchar_t[bytes / sizeof(wchar_t) + 1]();
+  const std::lock_guard guard(mutex);
+  buffers.insert(buffer);
+  return buffer;
+}
+
+void UnloadWithLastSession(const std::wstring& user) {
+  const std::optional<User> account = FindUser(user);
+  const std::wstring sid = account ? account->sid : L"";
+  if (!sid.empty() && SessionOf(sid) == 0 && HiveLoaded(sid)) {
+    UnloadHive(sid);
+  }
+}
+
+// The session is over as far as anybody can see.
+bool Close(DWORD session) {
+  const auto user = ReadText(AreaOf(session), L"User");
+  EndSession(session);
+  if (user) {
+    UnloadWithLastSession(*user);
+  }
+  return user.has_value();
+}
+
+// What is left of a sign-out once WTSLogoffSession has returned.
+struct Leaving {
+  DWORD session;
+  DWORD milliseconds;  // 0: it is closed, the service is to be told
+};
+
+DWORD WINAPI Leave(void* argument) {
+  const std::unique_ptr<Leaving> leaving(static_cast<Leaving*>(argument));
+  if (leaving->milliseconds != 0) {
+    sim_Sleep(leaving->milliseconds);
+    SignOut(leaving->session);
+  } else {
+    DeliverSessionChange(WTS_SESSION_LOGOFF, leaving->session);
+  }
+  return 0;
+}
 
 }  // namespace
 
@@ -26,8 +92,50 @@ void SetSession(DWORD id, const std::wstring& user, const std::wstring& domain) 
 
 void EndSession(DWORD id) { ForgetArea(AreaOf(id)); }
 
-void SetPipeClientSession(DWORD session, DWORD processId) {
-  WriteNumber(L"", processId == 0 ? L"PipeClientSession" : L"PipeClientSession." + std::to_wstring(processId), session);
+DWORD SessionOf(const std::wstring& sid) {
+  const std::optional<User> account = FindUser(sid);
+  for (const DWORD id : SessionIds()) {
+    if (account && _wcsicmp(ReadText(AreaOf(id), L"User").value_or(L"").c_str(), account->name.c_str()) == 0 &&
+        ReadText(AreaOf(id), L"Domain") == ComputerName()) {
+      return id;
+    }
+  }
+  return 0;
+}
+
+DWORD SignIn(const std::wstring& user, DWORD session) {
+  std::optional<User> account = FindUser(user);
+  if (!account) {
+    return 0;
+  }
+  const DWORD next = ReadNumber(L"", L"NextSession").value_or(1);
+  const DWORD id = session != 0 ? session : next;
+  WriteNumber(L"", L"NextSession", std::max(next, id + 1));
+  MakeProfile(account->sid, account->name);
+  if (!HiveLoaded(account->sid) &&
+      LoadHive(account->sid, ProfileFolder(account->sid) + L"\\NTUSER.DAT") != ERROR_SUCCESS) {
+    WriteNumber(AreaOf(id), L"TemporaryProfile", 1);
+  }
+  account->lastLogon = UtcTime();
+  ChangeUser(*account);
+  SetSession(id, account->name, ComputerName());
+  DeliverSessionChange(WTS_SESSION_LOGON, id);
+  return id;
+}
+
+void SignOut(DWORD session) {
+  if (Close(session)) {
+    DeliverSessionChange(WTS_SESSION_LOGOFF, session);
+  }
+}
+
+void MakeStubborn(DWORD session, DWORD milliseconds) { WriteNumber(AreaOf(session), L"StaysFor", milliseconds); }
+
+void EndAllSessions() {
+  for (const DWORD id : SessionIds()) {
+    Close(id);
+  }
+  WriteNumber(L"", L"NextSession", 1);
 }
 
 int OpenSessionBuffers() {
@@ -39,8 +147,34 @@ int OpenSessionBuffers() {
 
 using namespace sim;
 
+SIM(WINBOOL, WTSEnumerateSessionsW, HANDLE server, DWORD reserved, DWORD version, PWTS_SESSION_INFOW* result,
+    DWORD* count) {
+  if (server != WTS_CURRENT_SERVER_HANDLE || reserved != 0 || version != 1 || result == nullptr || count == nullptr) {
+    Violation("WTSEnumerateSessionsW: another server, version %lu, or a pointer is null", version);
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+  std::set<DWORD> ids = SessionIds();
+  ids.insert(0);
+  if (AreaExists(kArea)) {
+    ids.insert(kListener);
+  }
+  constexpr std::size_t kNameLength = 16;
+  wchar_t* buffer = NewBuffer(ids.size() * (sizeof(WTS_SESSION_INFOW) + kNameLength * sizeof(wchar_t)));
+  *result = reinterpret_cast<PWTS_SESSION_INFOW>(buffer);
+  *count = 0;
+  wchar_t* name = reinterpret_cast<wchar_t*>(*result + ids.size());
+  for (const DWORD id : ids) {
+    const wchar_t* text = id == 0 ? L"Services" : id == kListener ? L"RDP-Tcp" : L"Console";
+    const WTS_CONNECTSTATE_CLASS state = id == 0 ? WTSDisconnected : id == kListener ? WTSListen : WTSActive;
+    (*result)[(*count)++] = {id, std::wcscpy(name, text), state};
+    name += kNameLength;
+  }
+  return TRUE;
+}
+
 SIM(WINBOOL, WTSQuerySessionInformationW, HANDLE server, DWORD id, WTS_INFO_CLASS what, LPWSTR* buffer, DWORD* size) {
-  if (!AreaExists(L"Sessions")) {
+  if (!AreaExists(kArea)) {
     return ::WTSQuerySessionInformationW(server, id, what, buffer, size);
   }
   if (server != WTS_CURRENT_SERVER_HANDLE || (what != WTSUserName && what != WTSDomainName) || buffer == nullptr ||
@@ -52,17 +186,43 @@ SIM(WINBOOL, WTSQuerySessionInformationW, HANDLE server, DWORD id, WTS_INFO_CLAS
   if (id == WTS_CURRENT_SESSION) {
     ProcessIdToSessionId(GetCurrentProcessId(), &id);
   }
-  const auto text = ReadText(AreaOf(id), what == WTSUserName ? L"User" : L"Domain");
-  if (!text) {
+  const auto known = ReadText(AreaOf(id), what == WTSUserName ? L"User" : L"Domain");
+  if (!known && id != 0 && id != kListener) {
     SetLastError(ERROR_CTX_WINSTATION_NOT_FOUND);
     return FALSE;
   }
-  *buffer = new wchar_t[text->size() + 1];
-  std::copy_n(text->c_str(), text->size() + 1, *buffer);
-  *size = static_cast<DWORD>((text->size() + 1) * sizeof(wchar_t));
-  const std::lock_guard guard(mutex);
-  buffers.insert(*buffer);
+  const std::wstring text = known.value_or(L"");
+  *size = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
+  *buffer = NewBuffer(*size);
+  std::copy_n(text.c_str(), text.size(), *buffer);
   return TRUE;
+}
+
+SIM(WINBOOL, WTSLogoffSession, HANDLE server, DWORD id, BOOL wait) {
+  if (server != WTS_CURRENT_SERVER_HANDLE) {
+    Violation("WTSLogoffSession: another server");
+  }
+  return Change<BOOL>(
+      __func__ + 4, [id] { return std::to_wstring(id); },
+      [&]() -> BOOL {
+        const DWORD stays = ReadNumber(AreaOf(id), L"StaysFor").value_or(0);
+        if (!ReadText(AreaOf(id), L"User")) {
+          SetLastError(ERROR_FILE_NOT_FOUND);
+          return FALSE;
+        }
+        if (stays == 0) {
+          Close(id);
+        }
+        if (stays == 0 && !ServiceListens()) {
+          return TRUE;
+        }
+        HANDLE thread = sim_CreateThread(nullptr, 0, Leave, new Leaving{id, stays}, 0, nullptr);
+        if (wait && stays != 0) {
+          Wait(thread, INFINITE);
+        }
+        CloseHandle(thread);
+        return TRUE;
+      });
 }
 
 SIM(void, WTSFreeMemory, PVOID memory) {
@@ -74,17 +234,4 @@ SIM(void, WTSFreeMemory, PVOID memory) {
     }
   }
   ::WTSFreeMemory(memory);
-}
-
-SIM(WINBOOL, GetNamedPipeClientSessionId, HANDLE pipe, PULONG session) {
-  ULONG process = 0;
-  auto number = GetNamedPipeClientProcessId(pipe, &process)
-                    ? ReadNumber(L"", L"PipeClientSession." + std::to_wstring(process))
-                    : std::nullopt;
-  number = number ? number : ReadNumber(L"", L"PipeClientSession");
-  if (!number) {
-    return ::GetNamedPipeClientSessionId(pipe, session);
-  }
-  *session = *number;
-  return TRUE;
 }

@@ -1,6 +1,6 @@
 // Sessions of the simulated machine: area "Sessions\<id>" with the texts "User" and "Domain". Without that area the
-// real calls answer. The session of a pipe's client is the real one unless the machine holds the number
-// "PipeClientSession.<process id>" or "PipeClientSession".
+// real calls answer, except that only session 0 is enumerated. Signing in and out reaches the service's control
+// handler, be it hosted by this process or running in another one.
 #pragma once
 
 #include "win32/winapi.h"
@@ -9,11 +9,21 @@
 
 namespace sim {
 
-// Nobody is signed in to a session whose user is empty.
+// As found at the start of a test, with no further effect. Nobody is signed in to a session whose user is empty.
 void SetSession(DWORD id, const std::wstring& user, const std::wstring& domain);
 void EndSession(DWORD id);
-// For every client, or for one process.
-void SetPipeClientSession(DWORD session, DWORD processId = 0);
+
+// Signs a simulated account in: makes its profile where there is none, loads its hive, notes the time, tells the
+// service. `session` 0: the next one. Returns the session; 0 when there is no such account.
+DWORD SignIn(const std::wstring& user, DWORD session = 0);
+// Ends the session, unloads the hive with the account's last one, tells the service.
+void SignOut(DWORD session);
+// A sign-out that WTSLogoffSession asks for takes so long; INFINITE: it never happens.
+void MakeStubborn(DWORD session, DWORD milliseconds);
+// Where the account (a SID) is signed in; 0: nowhere.
+DWORD SessionOf(const std::wstring& sid);
+void EndAllSessions();  // silently, as the computer stops; the next sign-in opens session 1
+
 // Buffers that WTSFreeMemory has not seen yet.
 int OpenSessionBuffers();
 

@@ -4,26 +4,29 @@
 #include "sim/machine.h"
 
 #include <atomic>
+#include <cstdint>
 
 namespace sim {
 namespace {
 
 constexpr wchar_t kArea[] = L"Shutdown";
-// In the token of this process, through AdjustTokenPrivileges.
-std::atomic<bool> privileged{false};
+// In the token of this process, through AdjustTokenPrivileges: a bit for each number of a privilege.
+std::atomic<std::uint64_t> enabled{0};
 
 void NotePrivileges(const TOKEN_PRIVILEGES& privileges) {
-  LUID shutdown{};
-  LookupPrivilegeValueW(nullptr, SE_SHUTDOWN_NAME, &shutdown);
   for (DWORD i = 0; i < privileges.PrivilegeCount; ++i) {
     const LUID_AND_ATTRIBUTES& each = privileges.Privileges[i];
-    if (each.Luid.LowPart == shutdown.LowPart && each.Luid.HighPart == shutdown.HighPart) {
-      privileged = (each.Attributes & SE_PRIVILEGE_ENABLED) != 0;
-    }
+    const std::uint64_t bit = std::uint64_t{1} << (each.Luid.LowPart % 64);
+    enabled = (each.Attributes & SE_PRIVILEGE_ENABLED) != 0 ? enabled | bit : enabled & ~bit;
   }
 }
 
 }  // namespace
+
+bool PrivilegeEnabled(const wchar_t* name) {
+  LUID number{};
+  return LookupPrivilegeValueW(nullptr, name, &number) && (enabled >> (number.LowPart % 64) & 1) != 0;
+}
 
 std::optional<ShutdownRequest> PendingShutdown() {
   const auto message = ReadText(kArea, L"Message");
@@ -46,7 +49,7 @@ SIM(WINBOOL, AdjustTokenPrivileges, HANDLE token, WINBOOL disableAll, PTOKEN_PRI
   const BOOL done = ::AdjustTokenPrivileges(token, disableAll, state, size, previous, needed);
   const DWORD error = GetLastError();
   if (done && disableAll) {
-    privileged = false;
+    enabled = 0;
   } else if (done && error == ERROR_SUCCESS && state != nullptr) {
     NotePrivileges(*state);
   }
@@ -62,7 +65,7 @@ SIM(WINBOOL, InitiateSystemShutdownExW, LPWSTR machine, LPWSTR message, DWORD ti
         if (machine != nullptr || timeout > MAX_SHUTDOWN_TIMEOUT) {
           Violation("InitiateSystemShutdownExW: another machine, or a time-out of %lu s", timeout);
         }
-        DWORD error = privileged ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
+        DWORD error = PrivilegeEnabled(SE_SHUTDOWN_NAME) ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
         if (error == ERROR_SUCCESS && PendingShutdown()) {
           error = ERROR_SHUTDOWN_IN_PROGRESS;
         }

@@ -20,4 +20,7 @@ struct ShutdownRequest {
 std::optional<ShutdownRequest> PendingShutdown();
 void ForgetShutdown();
 
+// Whether this process has enabled the privilege (SE_..._NAME) through AdjustTokenPrivileges.
+bool PrivilegeEnabled(const wchar_t* name);
+
 }  // namespace sim

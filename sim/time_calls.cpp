@@ -1,17 +1,50 @@
 // The calls of Windows that tell time, wait, signal and start threads.
 #include "sim/clock.h"
 #include "sim/clock_internal.h"
+#include "sim/machine.h"
 #include "sim/seam.h"
 
+#include <atomic>
+#include <cwchar>
+#include <string>
+
 using namespace sim;
+
+extern "C" void WINAPI sim_GetSystemTimeAsFileTime(LPFILETIME time);
 
 namespace {
 
 FILETIME ToFileTime(std::uint64_t value) { return {static_cast<DWORD>(value), static_cast<DWORD>(value >> 32)}; }
 
+std::uint64_t RunningTicks() { return ClockIsVirtual() ? VirtualTicks() : ::GetTickCount64(); }
+
+// What the running count stood at when the simulated computer started last.
+std::atomic<std::uint64_t>& TicksAtStart() {
+  static std::atomic<std::uint64_t> ticks =
+      std::wcstoull(ReadText(L"", L"TicksAtStart").value_or(L"0").c_str(), nullptr, 10);
+  return ticks;
+}
+
 }  // namespace
 
-SIM(ULONGLONG, GetTickCount64, ) { return ClockIsVirtual() ? VirtualTicks() : ::GetTickCount64(); }
+void sim::TicksStartAnew() {
+  TicksAtStart() = RunningTicks();
+  if (!ClockIsVirtual()) {
+    WriteText(L"", L"TicksAtStart", std::to_wstring(RunningTicks()));
+  }
+}
+
+std::uint64_t sim::UtcTime() {
+  FILETIME now{};
+  sim_GetSystemTimeAsFileTime(&now);
+  return (std::uint64_t{now.dwHighDateTime} << 32) | now.dwLowDateTime;
+}
+
+SIM(ULONGLONG, GetTickCount64, ) {
+  const std::uint64_t now = RunningTicks();
+  const std::uint64_t start = TicksAtStart();
+  return now >= start ? now - start : now;
+}
 
 SIM(void, GetSystemTimeAsFileTime, LPFILETIME time) {
   if (ClockIsVirtual()) {

@@ -1,8 +1,11 @@
 // Who calls, and what each kind of caller may do.
+#include "account/kiosk_restart.h"
 #include "json/serialise.h"
 #include "pipe/caller.h"
 #include "pipe/dispatch.h"
 #include "portal/pairing_code.h"
+#include "sim/accounts.h"
+#include "sim/callers.h"
 #include "sim/gtest_report.h"
 #include "sim/http.h"
 #include "sim/sessions.h"
@@ -38,8 +41,12 @@ class Caller : public test::CleanMachine {
   }
 
   [[nodiscard]] HANDLE Pipe() const { return server_.Get(); }
-  [[nodiscard]] std::string Ask(const CallerRecord& caller, std::string_view request) const {
-    return json::Serialise(Dispatch({Pipe(), caller}, request));
+  // `leaves`: whether the command leaves something to be done after the reply.
+  [[nodiscard]] std::string Ask(const CallerRecord& caller, std::string_view request, bool leaves = false) const {
+    json::PostReplyAction afterReply = nullptr;
+    std::string reply = json::Serialise(Dispatch({Pipe(), caller}, request, afterReply));
+    EXPECT_EQ(afterReply != nullptr, leaves) << request;
+    return reply;
   }
 
   static std::wstring OwnSid() {
@@ -117,11 +124,52 @@ constexpr CallerRecord kService{.sessionId = 0};
 constexpr CallerRecord kSystemAtConsole{.isSystem = true, .isInteractive = true, .sessionId = 1};
 constexpr CallerRecord kKioskShell{.isInteractive = true, .isKioskAccount = true, .sessionId = 2};
 
+constexpr char kNotPermitted[] = "{\"ok\":false,\"error\":\"not_permitted\"}";
+
+TEST_F(Caller, OnlyTheKioskAccountInItsOwnSessionMayUnlockOrEnterMaintenance) {
+  sim::SetSession(2, L"NORVANEkiosk", sim::ComputerName());
+  sim::SetSession(3, L"Anna", sim::ComputerName());
+  sim::SetSession(0, L"NorvaneKiosk", sim::ComputerName());
+  CallerRecord elsewhere = kKioskShell;
+  elsewhere.sessionId = 3;
+  CallerRecord inNoSession = kKioskShell;
+  inNoSession.sessionId = 0;
+  CallerRecord somebodyInItsSession = kPerson;
+  somebodyInItsSession.sessionId = 2;
+  for (const char* command : {"unlock", "maintenance"}) {
+    const std::string name = command;
+    const std::string request = "{\"cmd\":\"" + name + "\",\"password\":\"x\",\"unlockToken\":7}";
+    for (const CallerRecord& caller :
+         {kPerson, kService, kSystemAtConsole, elsewhere, inNoSession, somebodyInItsSession}) {
+      EXPECT_EQ(Ask(caller, request), kNotPermitted);
+    }
+    EXPECT_EQ(test::CountLogged("WARN " + name + " refused: the caller is not the kiosk account in its own session"), 6);
+    EXPECT_EQ(Ask(kKioskShell, request), "{\"ok\":false,\"error\":\"not_enrolled\"}");
+  }
+  EXPECT_EQ(Ask(kKioskShell, "{\"cmd\":\"maintenance\",\"password\":1,\"unlockToken\":\"x\"}"),
+            "{\"ok\":false,\"error\":\"not_unlocked\"}");
+}
+
+TEST_F(Caller, AnInteractiveUserMayRestartWhileARestartIsPending) {
+  constexpr char kRequest[] = "{\"cmd\":\"restart.now\"}";
+  constexpr char kNotPending[] = "{\"ok\":false,\"error\":\"not_pending\"}";
+  EXPECT_EQ(Ask(kPerson, kRequest), kNotPending);
+  EXPECT_EQ(Ask(kSystemAtConsole, kRequest), kNotPending);
+  EXPECT_TRUE(test::LogTexts().empty());
+  account::ScheduleKioskRestart();
+  EXPECT_EQ(Ask(kService, kRequest), kNotPermitted);
+  EXPECT_EQ(Ask(kKioskShell, kRequest), kNotPermitted);
+  EXPECT_EQ(Ask(kPerson, kRequest, true), "{\"ok\":true}");
+  EXPECT_EQ(Ask(kSystemAtConsole, kRequest, true), "{\"ok\":true}");
+  EXPECT_TRUE(account::KioskRestartPending());  // it comes after the reply
+  EXPECT_EQ(test::LogTexts().size(), 1U);
+  account::CancelKioskRestart();
+}
+
 TEST_F(Caller, OnlyAPersonWhoIsNotTheKioskAccountMayPair) {
   // An enrolled terminal answers both commands without a network, the second one only for the pending code.
   portal::SetPendingPairingCode("ABCD1234");
   SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, "token", 5);
-  constexpr char kNotPermitted[] = "{\"ok\":false,\"error\":\"not_permitted\"}";
   for (const char* command : {"pair.begin", "pair.check"}) {
     const std::string name = command;
     const std::string request = "{\"cmd\":\"" + name + "\",\"code\":\"ABCD1234\"}";

@@ -1,9 +1,14 @@
 // The pipe server over the real pipe: what clients send and how they behave, the limits, the time-outs, the stop.
-#include "sim/pipe.h"
+#include "account/kiosk_restart.h"
+#include "account/unlock_token.h"
 #include "pipe/server.h"
+#include "sim/callers.h"
 #include "sim/clock.h"
 #include "sim/gtest_report.h"
+#include "sim/pipe.h"
+#include "sim/shutdown.h"
 #include "tests/support/fixture.h"
+#include "tests/support/kiosk_terminal.h"
 #include "tests/support/pipe_exchange.h"
 #include "win32/clock.h"
 #include "win32/stop.h"
@@ -289,6 +294,63 @@ TEST_F(PipeServer, AStopEndsEverythingAtOnce) {
   while (WaitNamedPipeW(kPipeName, 1) != 0 || GetLastError() != ERROR_FILE_NOT_FOUND) {
     SwitchToThread();  // until the server has let go of the name
   }
+}
+
+TEST_F(PipeServer, WhatACommandLeftHappensWhenThePipeIsClosed) {
+  Serve();
+  constexpr char kRequest[] = "{\"cmd\":\"restart.now\"}\n";
+  constexpr char kOk[] = "{\"ok\":true}\n";
+  const auto pending = [] {
+    sim::ForgetShutdown();
+    account::ScheduleKioskRestart();
+  };
+  const auto restartsUnseen = [] {
+    while (account::KioskRestartPending()) {
+      SwitchToThread();
+    }
+    return BecomesIdle() && sim::PendingShutdown();
+  };
+
+  pending();
+  FileHandle pipe = ConnectToService();
+  ASSERT_TRUE(Send(pipe.Get(), kRequest));
+  EXPECT_EQ(ReceiveLine(pipe.Get()), kOk);
+  EXPECT_EQ(LiveConnections(), 1);
+  EXPECT_FALSE(sim::PendingShutdown());
+  EXPECT_TRUE(account::KioskRestartPending());
+  pipe.Reset();
+  ASSERT_TRUE(BecomesIdle());
+  EXPECT_TRUE(sim::PendingShutdown());
+  EXPECT_EQ(Exchange(kRequest), "{\"ok\":false,\"error\":\"not_pending\"}\n");
+
+  // Its client goes without having read the reply.
+  pending();
+  ASSERT_TRUE(Send(ConnectToService().Get(), kRequest));
+  EXPECT_TRUE(restartsUnseen());
+
+  // The service stops while its client still holds the pipe.
+  pending();
+  pipe = ConnectToService();
+  ASSERT_TRUE(Send(pipe.Get(), kRequest));
+  EXPECT_EQ(ReceiveLine(pipe.Get()), kOk);
+  win32::RequestStop();
+  EXPECT_TRUE(restartsUnseen());
+  EXPECT_EQ(test::CountLogged("INFO restarting into kiosk mode (restart.now)"), 3);
+}
+
+TEST_F(PipeServer, MaintenanceSignsTheKioskOutAfterItsReply) {
+  test::MakeKioskTerminal();
+  test::SetDword(state::kStateKey, L"DevAllowUnsigned", 1);
+  sim::SetPipeCaller({.user = L"NorvaneKiosk", .session = test::kKioskSession});
+  Serve();
+  const text::Secret token = account::NewUnlockToken(test::kKioskSession);
+  FileHandle pipe = ConnectToService();
+  ASSERT_TRUE(Send(pipe.Get(), "{\"cmd\":\"maintenance\",\"unlockToken\":\"" + token.Get() + "\"}\n"));
+  EXPECT_EQ(ReceiveLine(pipe.Get()), "{\"ok\":true}\n");
+  EXPECT_EQ(test::CountLogged("INFO logged off kiosk session 2"), 0);
+  pipe.Reset();
+  ASSERT_TRUE(BecomesIdle());
+  EXPECT_EQ(test::CountLogged("INFO logged off kiosk session 2"), 1);
 }
 
 }  // namespace

@@ -1,4 +1,6 @@
 // The portal client, pairing and check-in against a portal in script, in virtual time.
+#include "account/kiosk_restart.h"
+#include "account/teardown.h"
 #include "portal/auth_client.h"
 #include "portal/check_in.h"
 #include "portal/device_token.h"
@@ -8,13 +10,16 @@
 
 #include "json/parse.h"
 #include "json/serialise.h"
+#include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/faults.h"
 #include "sim/http.h"
 #include "sim/machine.h"
+#include "sim/shutdown.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 #include "win32/stop.h"
+#include "win32/thread.h"
 
 #include <dpapi.h>
 
@@ -197,6 +202,7 @@ TEST_F(PortalTest, CheckInAnswersThatApplyNothing) {
       {Reply(200, R"({"status":"enrolled","x":")" + std::string(80'000, 'x') + "\"}"), "unexpected check-in reply", DeviceStatus::kNone},
       {{.receiveError = ERROR_WINHTTP_CONNECTION_ERROR}, "WinHTTP error 12030", DeviceStatus::kNone},
   };
+  ASSERT_TRUE(StoreDeviceToken("tok"));
   SetString(state::kStateKey, L"TerminalName", L"before");
   SetString(state::kStateKey, L"SignIn", L"before");
   SetString(state::kStateKey, L"UnknownSince", L"before");
@@ -210,6 +216,17 @@ TEST_F(PortalTest, CheckInAnswersThatApplyNothing) {
     EXPECT_EQ(state::ReadStateString(state::kSignIn), L"before") << each.error;
     EXPECT_TRUE(HasValue(state::kStateKey, L"UnknownSince")) << each.error;
   }
+  // Good answers that arrive too late: during a teardown, and after the terminal was paired anew.
+  Answer(L"POST", kCheckInPath, Reply(200, R"({"status":"enrolled","name":"late","exitPassword":"open"})"));
+  for (const bool marked : {true, false}) {
+    SetDword(state::kStateKey, L"TeardownPending", marked ? 1 : 0);
+    const CheckInResult late = CheckIn(marked ? "tok" : "older");
+    EXPECT_EQ(late.error, "no longer enrolled");
+    EXPECT_TRUE(IsCheckInError(late.error));
+    EXPECT_TRUE(late.exitPassword.Empty());
+    EXPECT_EQ(state::ReadStateString(state::kTerminalName), L"before");
+    EXPECT_TRUE(HasValue(state::kStateKey, L"UnknownSince"));
+  }
   EXPECT_TRUE(test::LogTexts().empty());
   for (const char* other : {"", "no_client", "account_exists", "HTTPS"}) {
     EXPECT_FALSE(IsCheckInError(other)) << other;
@@ -217,6 +234,7 @@ TEST_F(PortalTest, CheckInAnswersThatApplyNothing) {
 }
 
 TEST_F(PortalTest, GoodCheckInIsTakenOverOnceAndSteadyOnesWriteNothing) {
+  ASSERT_TRUE(StoreDeviceToken("tok"));
   SetString(state::kStateKey, L"UnknownSince", L"x");
   Answer(L"POST", kCheckInPath, Reply(200, R"({"status":"enrolled","name":"  Łódź – Halle 3\n","signIn":{"email":"0","extraHosts":["a.example"]},)"
                                           R"("exitPassword":"open","branding":{"displayName":"T"},"tenantId":"t1"})"));
@@ -346,37 +364,80 @@ TEST_F(PortalTest, PairCheckAnswersAndWhatBecomesOfTheCode) {
   EXPECT_EQ(portal_.Requests().size(), before + 1);
 }
 
-TEST_F(PortalTest, ClaimedCodeStoresTheTokenAndChecksIn) {
-  for (const bool reachable : {true, false}) {
+// Everything that a claimed code can lead to, the kiosk account included.
+TEST_F(PortalTest, WhatAClaimedCodeLeadsTo) {
+  constexpr char kProvisioned[] =
+      R"({"ok":true,"paired":true,"provisioned":true,"restarting":true,"restartInSeconds":10})";
+  constexpr char kRevoked[] = R"({"ok":false,"error":"revoked"})";
+  const sim::Response good = Reply(200, R"({"status":"enrolled","name":"Hall"})");
+  struct {
+    const char* what;
+    sim::Response checkIn;
+    void (*meanwhile)();  // while the check-in is on its way
+    bool client;
+    std::string reply;
+    bool tokenAfter;
+    bool account;
+  } const cases[] = {
+      {"provisioned", good, nullptr, true, kProvisioned, true, true},
+      {"portal out of reach", Reply(503), nullptr, true, kProvisioned, true, true},
+      {"nonsense", Reply(200, "<html>"), nullptr, true, kProvisioned, true, true},
+      {"not known yet", Reply(401, R"({"status":"unknown"})"), nullptr, true,
+       R"({"ok":true,"paired":true,"provisioned":false,"error":"unreachable"})", true, false},
+      {"revoked", Reply(401, R"({"status":"revoked"})"), nullptr, true, kRevoked, false, false},
+      {"torn down meanwhile", good, [] { account::RemoveKioskMode(false, "because"); }, true, kRevoked, false, false},
+      {"no client", good, nullptr, false, R"({"ok":false,"error":"no_client"})", true, false},
+  };
+  int paired = 0;
+  for (const auto& each : cases) {
     CleanMachine::SetUp();
     ASSERT_EQ(state::ProtectStateKey().what, nullptr);
     SetString(state::kStateKey, L"AuthBaseUrl", L"http://portal.test:8080");
+    if (each.client) {
+      SetString(L"SOFTWARE\\Norvane\\Tessaly\\Update", L"ClientInstallDir", L"C:\\Client");
+    }
     Answer(L"POST", kPairPath, Reply(201, R"({"pairingCode":"ABCD1234"})"));
     Answer(L"GET", L"/api/kiosk/pair/ABCD1234", Reply(200, R"({"deviceToken":"tok-9"})"));
-    Answer(L"POST", kCheckInPath, reachable ? Reply(200, R"({"status":"enrolled","name":"Hall"})") : Reply(401, R"({"status":"unknown"})"));
+    portal_.On(L"POST", kCheckInPath, [&each, this](const sim::Request&) {
+      if (each.meanwhile != nullptr) {
+        // On another thread, as it would be: this one holds the pairing lock.
+        const win32::KernelHandle other = win32::StartThread([&each]() noexcept { each.meanwhile(); });
+        clock_.RunFor(1);
+      }
+      return each.checkIn;
+    });
     Begin();
-    EXPECT_EQ(Check(), reachable ? R"({"ok":true,"paired":true,"provisioned":false})"
-                                 : R"({"ok":true,"paired":true,"provisioned":false,"error":"unreachable"})");
-    EXPECT_EQ(ReadDeviceToken().Get(), "tok-9");
+    EXPECT_EQ(Check(), each.reply) << each.what;
+    clock_.RunFor(0);
+    EXPECT_EQ(ReadDeviceToken().Get(), each.tokenAfter ? "tok-9" : "") << each.what;
     EXPECT_NE(portal_.Requests().back().headers.find(L"Authorization: Bearer tok-9\r\n"), std::wstring::npos);
-    EXPECT_EQ(HasValue(state::kStateKey, L"TerminalName"), reachable);
-    EXPECT_EQ(test::CountLogged("INFO paired: device token held"), reachable ? 1 : 2);
+    EXPECT_EQ(state::FlagIsOn(state::kProvisioned), each.account) << each.what;
+    EXPECT_EQ(sim::FindUser(L"NorvaneKiosk").has_value(), each.account) << each.what;
+    EXPECT_EQ(account::KioskRestartPending(), each.account) << each.what;
+    EXPECT_EQ(test::CountLogged("INFO paired: device token held"), ++paired);
     const std::size_t before = portal_.Requests().size();
-    EXPECT_EQ(Begin(), R"({"ok":false,"error":"already_enrolled"})");
     EXPECT_EQ(Check(), R"({"ok":false,"error":"unknown_code"})");
+    if (each.tokenAfter) {
+      EXPECT_EQ(Begin(), R"({"ok":false,"error":"already_enrolled"})");
+    }
     EXPECT_EQ(portal_.Requests().size(), before);
+    clock_.RunFor(11'000);
+    EXPECT_EQ(sim::PendingShutdown().has_value(), each.account) << each.what;
   }
 }
 
 TEST_F(PortalTest, TokenThatCannotBeStoredIsReported) {
+  SetDword(state::kStateKey, L"TeardownPending", 1);
   Answer(L"POST", kPairPath, Reply(201, R"({"pairingCode":"ABCD1234"})"));
   Answer(L"GET", L"/api/kiosk/pair/ABCD1234", Reply(200, R"({"deviceToken":"tok-9"})"));
-  // Protecting the token, opening the key, protecting it, setting the value: any of the four fails.
-  for (int call = 1; call <= 4; ++call) {
+  // Protecting the token, making the key and the one above it, protecting it, setting the value. The sixth, the deletion of
+  // "UnknownSince", may fail; the seventh takes the mark of an earlier teardown away, which would end the new enrolment.
+  for (const int call : {1, 2, 3, 4, 5, 7}) {
     Begin();
     const sim::FaultPass pass(sim::FaultKind::kFail, call);
     EXPECT_EQ(Check(), R"({"ok":false,"error":"token_store_failed"})") << call;
     EXPECT_FALSE(state::TokenIsStored());
+    EXPECT_TRUE(state::FlagIsOn(state::kTeardownPending));
   }
   EXPECT_EQ(test::CountLogged("ERROR cannot protect the device token (5)"), 1);
 }

@@ -1,15 +1,22 @@
 // The service's own life, with the test in the place of the service manager.
 #include "service/service_main.h"
 
+#include "account/provisioning.h"
 #include "portal/device_token.h"
+#include "service/install.h"
+#include "sim/accounts.h"
 #include "sim/clock.h"
+#include "sim/computer.h"
 #include "sim/fault_driver.h"
 #include "sim/http.h"
 #include "sim/service_control.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 #include "tests/support/pipe_exchange.h"
+#include "win32/clock.h"
 #include "win32/thread.h"
+
+#include <algorithm>
 
 namespace kiosk::service {
 namespace {
@@ -56,6 +63,51 @@ TEST_F(ServiceTest, ReportsItsStatesAndAnswersControls) {
                 "WARN this service is not signed (a dev build): it admits callers only while DevAllowUnsigned=1",
                 "INFO enrolled=0 provisioned=0 maintenance=0", "INFO listening on \\\\.\\pipe\\NorvaneKiosk",
                 "INFO Kiosk shutting down"}));
+}
+
+void EnrolAndProvision() {
+  ASSERT_EQ(state::ProtectStateKey().what, nullptr);
+  test::SetString(L"SOFTWARE\\Norvane\\Tessaly\\Update", L"ClientInstallDir", L"C:\\Client");
+  ASSERT_TRUE(portal::StoreDeviceToken("tok"));
+  ASSERT_EQ(account::ProvisionKioskAccount("tok"), "");
+}
+
+// What a start puts right before it reports that it runs, and what a shutdown ends before it stops.
+TEST_F(ServiceTest, StartRepairsAndShutdownEndsMaintenance) {
+  sim::ScriptedPortal portal;
+  portal.On(L"POST", L"/api/kiosk/check-in", [](const sim::Request&) { return sim::Response{.status = 503}; });
+  sim::ServiceHost host;
+  EnrolAndProvision();
+  test::SetDword(state::kStateKey, L"DevAllowUnsigned", 1);
+  test::SetDword(state::kStateKey, L"Maintenance", 1);
+  ASSERT_TRUE(state::WriteStateQword(state::kMaintenanceAt, 1));  // long before this boot
+  sim::AddToGroup(L"S-1-5-32-544", sim::FindUser(L"NorvaneKiosk")->sid);
+  {
+    const win32::KernelHandle service = win32::StartThread([]() noexcept { RunDispatcher(); });
+    ASSERT_TRUE(test::ConnectToService());
+    std::vector<std::string> texts = test::LogTexts();
+    const auto trimmed = std::find(texts.begin(), texts.end(), "WARN removed NorvaneKiosk from Administrators");
+    ASSERT_TRUE(trimmed != texts.end() && trimmed + 1 != texts.end());
+    EXPECT_EQ(*(trimmed - 1), "INFO maintenance over (Windows restarted): kiosk sign-in restored");
+    EXPECT_EQ(*(trimmed + 1), "INFO enrolled=1 provisioned=1 maintenance=0");
+    ASSERT_TRUE(state::WriteStateQword(state::kMaintenanceAt, win32::FileTimeNow()));
+    test::SetDword(state::kStateKey, L"Maintenance", 1);
+    EXPECT_EQ(host.Deliver(SERVICE_CONTROL_SHUTDOWN), DWORD{NO_ERROR});
+    EXPECT_FALSE(state::FlagIsOn(state::kMaintenance));
+    ASSERT_EQ(WaitForSingleObject(service.Get(), 20'000), WAIT_OBJECT_0);
+  }
+  EXPECT_EQ(test::CountLogged("INFO maintenance over (Windows is restarting): kiosk sign-in restored"), 1);
+}
+
+TEST_F(ServiceTest, UninstallWithoutAServiceStillGivesTheComputerBack) {
+  const std::string before = sim::DumpMachine();
+  EnrolAndProvision();
+  EXPECT_EQ(Uninstall(), 0);
+  EXPECT_EQ(sim::DumpMachine(), before);
+  HKEY key = nullptr;
+  EXPECT_EQ(RegOpenKeyW(HKEY_LOCAL_MACHINE, state::kStateKey, &key), ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(test::CountLogged("WARN removing kiosk mode: uninstalled"), 1);
+  EXPECT_EQ(test::LogTexts().back(), "INFO Kiosk shutting down");
 }
 
 // Whatever fails while the token is stored, and whenever the process ends: either nothing is stored, or a token that reads

@@ -3,17 +3,22 @@
 
 #include "portal/device_token.h"
 #include "portal/worker_wake.h"
+#include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/http.h"
+#include "sim/profiles.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 #include "win32/stop.h"
 
+#include <utility>
 
 namespace kiosk::service {
 namespace {
 
 using test::SetString;
+
+constexpr wchar_t kUpdateKey[] = L"SOFTWARE\\Norvane\\Tessaly\\Update";
 
 class WorkerTest : public test::CleanMachine {
  protected:
@@ -21,12 +26,13 @@ class WorkerTest : public test::CleanMachine {
     CleanMachine::SetUp();
     ASSERT_EQ(state::ProtectStateKey().what, nullptr);
     SetString(state::kStateKey, L"AuthBaseUrl", L"http://portal.test");
+    SetString(kUpdateKey, L"ClientInstallDir", L"C:\\Client");
     ASSERT_TRUE(win32::CreateStopEvent());
     ASSERT_TRUE(portal::CreateWorkerWake());
     portal_.On(L"POST", L"/api/kiosk/check-in", [this](const sim::Request&) {
       sim::Response response;
-      response.status = reachable_ ? 200 : 503;
-      response.body = R"({"status":"enrolled","name":"Hall"})";
+      response.status = reachable_ ? status_ : 503;
+      response.body = answer_;
       return response;
     });
   }
@@ -56,7 +62,10 @@ class WorkerTest : public test::CleanMachine {
   using Times = std::vector<std::uint64_t>;
   sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
   sim::ScriptedPortal portal_;
-  bool reachable_ = true;  // read by the worker, written while it waits
+  // Read by the worker, written while it waits.
+  bool reachable_ = true;
+  DWORD status_ = 200;
+  std::string answer_ = R"({"status":"enrolled","name":"Hall"})";
   HANDLE thread_ = nullptr;
 };
 
@@ -112,9 +121,76 @@ TEST_F(WorkerTest, OtherErrorsOnRecordSurviveAnOutage) {
   StartWorker();
   clock_.RunUntil(60'000);
   EXPECT_EQ(state::ReadStateString(state::kLastError), L"no_client");
+  RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kUpdateKey, L"ClientInstallDir");
   reachable_ = true;
   clock_.RunUntil(120'000);
   EXPECT_EQ(state::ReadStateString(state::kLastError), L"no_client");
+}
+
+TEST_F(WorkerTest, ProvisionsAtTheFirstGoodAnswerAndAfterAFailureEveryTenMinutes) {
+  RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kUpdateKey, L"ClientInstallDir");
+  Enrol();
+  StartWorker();
+  constexpr char kFailed[] = "ERROR provisioning failed: no_client (0)";
+  const std::pair<std::uint64_t, int> moments[] = {{599'000, 1}, {629'000, 2}, {1'199'000, 2}, {1'229'000, 3}};
+  for (const auto& [until, failures] : moments) {
+    clock_.RunUntil(until);
+    EXPECT_EQ(test::CountLogged(kFailed), failures) << until;
+  }
+  EXPECT_EQ(CheckIns().size(), 41U) << "check-ins go on meanwhile";
+  SetString(kUpdateKey, L"ClientInstallDir", L"C:\\Client");
+  clock_.RunUntil(1'799'000);
+  EXPECT_FALSE(state::FlagIsOn(state::kProvisioned));
+  clock_.RunUntil(1'801'000);
+  EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
+  EXPECT_EQ(state::ReadStateString(state::kLastError), L"");
+  const std::wstring password = sim::AccountPassword(L"NorvaneKiosk");
+  sim::AddToGroup(L"S-1-5-32-544", sim::FindUser(L"NorvaneKiosk")->sid);
+  clock_.RunUntil(1'831'000);
+  EXPECT_EQ(sim::AccountPassword(L"NorvaneKiosk"), password) << "provisioned twice";
+  EXPECT_EQ(test::CountLogged("WARN removed NorvaneKiosk from Administrators"), 1);
+}
+
+TEST_F(WorkerTest, RevocationEndsTheEnrolmentAndWhatIsPendingIsRetried) {
+  Enrol();
+  StartWorker();
+  clock_.RunUntil(1'000);
+  ASSERT_TRUE(state::FlagIsOn(state::kProvisioned));
+  sim::KeepProfilesBusy(25);
+  status_ = 401;
+  answer_ = R"({"status":"revoked"})";
+  clock_.RunUntil(45'000);
+  EXPECT_FALSE(state::TokenIsStored());
+  EXPECT_TRUE(state::FlagIsOn(state::kTeardownPending));
+  clock_.RunUntil(3'600'000);
+  EXPECT_EQ(CheckIns(), (Times{0, 30})) << "nothing is asked without a token";
+  EXPECT_FALSE(test::HasValue(state::kStateKey, L"TeardownPending"));
+  EXPECT_FALSE(test::HasValue(state::kStateKey, L"LastError"));
+  EXPECT_EQ(test::CountLogged("ERROR cannot delete the kiosk profile (32)"), 2);
+  EXPECT_EQ(test::LogTexts().back(), "INFO the pending removal of NorvaneKiosk finished");
+  // The wait is without limit again, until a pairing.
+  status_ = 200;
+  answer_ = R"({"status":"enrolled"})";
+  clock_.At(7'200'000, [this] {
+    Enrol();
+    portal::WakeWorker();
+  });
+  clock_.RunUntil(7'201'000);
+  EXPECT_EQ(CheckIns().back(), 7200U);
+  EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
+}
+
+TEST_F(WorkerTest, UnknownForADayEndsTheEnrolment) {
+  Enrol();
+  status_ = 401;
+  answer_ = R"({"status":"unknown"})";
+  StartWorker();
+  clock_.RunUntil(86'000'000);
+  EXPECT_TRUE(state::TokenIsStored());
+  EXPECT_EQ(state::ReadStateString(state::kLastError), L"HTTP 401, status unknown");
+  clock_.RunUntil(87'000'000 + 600'000);
+  EXPECT_FALSE(state::TokenIsStored());
+  EXPECT_FALSE(test::HasValue(state::kStateKey, L"LastError"));
 }
 
 TEST_F(WorkerTest, CheckInErrorFromBeforeARestartIsCleared) {

@@ -1,13 +1,20 @@
 #include "account/kiosk_session.h"
 
+#include "log/log.h"
+#include "win32/clock.h"
+#include "win32/stop.h"
 #include "win32/wide_text.h"
 #include "win32/wts_memory.h"
 
 #include <array>
 #include <string>
+#include <vector>
 
 namespace kiosk::account {
 namespace {
+
+constexpr DWORD kSignOutWait = 15'000;
+constexpr DWORD kSignOutPoll = 250;
 
 std::wstring SessionText(DWORD sessionId, WTS_INFO_CLASS what) {
   wchar_t* text = nullptr;
@@ -25,12 +32,53 @@ std::wstring ThisComputer() {
   return GetComputerNameW(name.data(), &size) != 0 ? std::wstring(name.data(), size) : std::wstring();
 }
 
+// The sessions, that of the services aside, that `isWanted` picks.
+template <typename Predicate>
+std::vector<DWORD> Sessions(Predicate isWanted) {
+  WTS_SESSION_INFOW* sessions = nullptr;
+  DWORD count = 0;
+  if (WTSEnumerateSessionsW(WTS_CURRENT_SERVER_HANDLE, 0, 1, &sessions, &count) == 0) {
+    return {};
+  }
+  const win32::WtsMemory owner(sessions);
+  std::vector<DWORD> ids;
+  for (DWORD i = 0; i < count; ++i) {
+    if (sessions[i].SessionId != 0 && isWanted(sessions[i].SessionId)) {
+      ids.push_back(sessions[i].SessionId);
+    }
+  }
+  return ids;
+}
+
+std::vector<DWORD> KioskSessions() { return Sessions(IsKioskSession); }
+
 }  // namespace
 
 bool IsKioskSession(DWORD sessionId) {
   const std::wstring computer = ThisComputer();
   return !computer.empty() && win32::EqualIgnoringCase(SessionText(sessionId, WTSUserName), kKioskUser) &&
          win32::EqualIgnoringCase(SessionText(sessionId, WTSDomainName), computer);
+}
+
+std::vector<DWORD> OtherUsersSessions() {
+  return Sessions([](DWORD id) { return !SessionText(id, WTSUserName).empty() && !IsKioskSession(id); });
+}
+
+int LogOffKioskSessions(bool wait) {
+  int left = 0;
+  for (const DWORD id : KioskSessions()) {
+    if (WTSLogoffSession(WTS_CURRENT_SERVER_HANDLE, id, FALSE) != 0) {
+      log::Log(log::kNotice, log::kKiosk, "logged off kiosk session %lu", id);
+    } else {
+      log::Log(log::kError, log::kKiosk, "cannot log off kiosk session %lu (%lu)", id, GetLastError());
+      ++left;
+    }
+  }
+  const win32::Deadline deadline(kSignOutWait);
+  while (wait && (left = static_cast<int>(KioskSessions().size())) != 0 && !deadline.Passed() &&
+         win32::WaitOrStop(nullptr, kSignOutPoll) != win32::WaitResult::kStop) {
+  }
+  return left;
 }
 
 }  // namespace kiosk::account

@@ -7,6 +7,9 @@
 
 namespace kiosk::json {
 
+// What a command leaves to be done once its reply has been sent and the connection is closed; null for nothing.
+using PostReplyAction = void (*)();
+
 // {"ok": true}, to which the command adds its members.
 Value OkReply();
 

@@ -28,8 +28,8 @@ constexpr std::uint64_t kLeaveDeadline = 5000;
 
 class Connection {
  public:
-  Connection(win32::FileHandle pipe, std::uint64_t connectedAt) noexcept
-      : pipe_(std::move(pipe)), connectedAt_(connectedAt) {}
+  Connection(win32::FileHandle pipe, std::uint64_t connectedAt, json::PostReplyAction& afterReply) noexcept
+      : pipe_(std::move(pipe)), connectedAt_(connectedAt), afterReply_(afterReply) {}
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
   ~Connection() { DisconnectNamedPipe(pipe_.Get()); }
@@ -48,6 +48,7 @@ class Connection {
 
   win32::FileHandle pipe_;
   std::uint64_t connectedAt_;
+  json::PostReplyAction& afterReply_;
   const win32::Deadline deadline_{kRequestDeadline};
   OverlappedIo io_;
 };
@@ -88,7 +89,7 @@ text::Secret Connection::Answer(std::string_view request) {
   json::Value reply;
   const text::WipeOnExit wipe(reply);
   if (refusal.empty()) {
-    reply = Dispatch({pipe_.Get(), caller}, request);
+    reply = Dispatch({pipe_.Get(), caller}, request, afterReply_);
   } else {
     log::Log(log::kWarn, kKiosk, "caller refused: %s", refusal.c_str());
     reply = json::ErrorReply("caller_refused");
@@ -117,10 +118,19 @@ void Connection::AwaitLeave() noexcept {
 }  // namespace
 
 void ServeConnection(win32::FileHandle pipe, std::uint64_t connectedAt) noexcept {
+  json::PostReplyAction afterReply = nullptr;
   try {
-    Connection(std::move(pipe), connectedAt).Run();
+    Connection(std::move(pipe), connectedAt, afterReply).Run();
   } catch (const std::exception& problem) {
     log::Log(log::kError, kKiosk, "pipe: a connection ended early (%s)", problem.what());
+  }
+  // The pipe is closed by now. The command was accepted, so this happens also when its reply did not reach anybody.
+  try {
+    if (afterReply != nullptr) {
+      afterReply();
+    }
+  } catch (const std::exception& problem) {
+    log::Log(log::kError, kKiosk, "pipe: what a command left to be done ended early (%s)", problem.what());
   }
 }
 

@@ -7,8 +7,9 @@
 
 namespace kiosk::pipe {
 
-// Serves the client of a connected instance and closes it. The body of the connection's own thread. `connectedAt` is
-// the system time, in 100 ns units since 1601, at which the client was there.
+// Serves the client of a connected instance, closes it, and then does what the command left to be done after its reply. The
+// body of the connection's own thread. `connectedAt` is the system time, in 100 ns units since 1601, at which the client was
+// there.
 void ServeConnection(win32::FileHandle pipe, std::uint64_t connectedAt) noexcept;
 
 }  // namespace kiosk::pipe

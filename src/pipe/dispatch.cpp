@@ -1,7 +1,10 @@
 #include "pipe/dispatch.h"
 
+#include "account/kiosk_restart.h"
+#include "account/kiosk_session.h"
+#include "account/maintenance.h"
+#include "account/unlock.h"
 #include "json/parse.h"
-#include "json/reply.h"
 #include "log/log.h"
 #include "pipe/status.h"
 #include "portal/pairing.h"
@@ -15,40 +18,73 @@
 namespace kiosk::pipe {
 namespace {
 
-// A kind of caller, and what the log says of one who is of another kind.
+using json::PostReplyAction;
+
+// A kind of caller, and what the log says of one who is of another kind; null where it says nothing.
 struct CallerClass {
   bool (*admits)(const CallerRecord& caller);
   const char* refusal;
 };
 
-constexpr CallerClass kAnyCaller{[](const CallerRecord& /*caller*/) { return true; }, ""};
+constexpr CallerClass kAnyCaller{[](const CallerRecord& /*caller*/) { return true; }, nullptr};
+constexpr CallerClass kInteractiveUser{
+    [](const CallerRecord& caller) { return caller.isInteractive && !caller.isKioskAccount; }, nullptr};
 constexpr CallerClass kInteractivePerson{
     [](const CallerRecord& caller) { return caller.isInteractive && !caller.isSystem && !caller.isKioskAccount; },
     "the caller is not an interactive user other than the kiosk account"};
+constexpr CallerClass kKioskSession{[](const CallerRecord& caller) {
+                                      return caller.isKioskAccount && caller.sessionId != 0 &&
+                                             account::IsKioskSession(caller.sessionId);
+                                    },
+                                    "the caller is not the kiosk account in its own session"};
 
 struct Command {
   std::string_view name;
   const CallerClass& needs;
-  json::Value (*handle)(const Client& client, const json::Value& request);
+  json::Value (*handle)(const Client& client, const json::Value& request, PostReplyAction& afterReply);
 };
 
-json::Value Status(const Client& client, const json::Value& /*request*/) { return StatusReport(client.pipe); }
+json::Value Status(const Client& client, const json::Value& /*request*/, PostReplyAction& /*afterReply*/) {
+  return StatusReport(client.pipe);
+}
 
-json::Value PairBegin(const Client& /*client*/, const json::Value& /*request*/) { return portal::PairBegin(); }
+json::Value RestartNow(const Client& /*client*/, const json::Value& /*request*/, PostReplyAction& afterReply) {
+  if (!account::KioskRestartPending()) {
+    return json::ErrorReply("not_pending");
+  }
+  afterReply = [] { account::RestartNow("restart.now"); };
+  return json::OkReply();
+}
 
-json::Value PairCheck(const Client& /*client*/, const json::Value& request) {
+json::Value PairBegin(const Client& /*client*/, const json::Value& /*request*/, PostReplyAction& /*afterReply*/) {
+  return portal::PairBegin();
+}
+
+json::Value PairCheck(const Client& /*client*/, const json::Value& request, PostReplyAction& /*afterReply*/) {
   return portal::PairCheck(std::string(text::TrimSpace(json::Member(request, "code").text())));
+}
+
+json::Value Unlock(const Client& client, const json::Value& request, PostReplyAction& /*afterReply*/) {
+  return account::Unlock(json::Member(request, "password").text(), client.caller.sessionId);
+}
+
+json::Value Maintenance(const Client& client, const json::Value& request, PostReplyAction& afterReply) {
+  return account::EnterMaintenance(json::Member(request, "password").text(), json::Member(request, "unlockToken").text(),
+                                   client.caller.sessionId, afterReply);
 }
 
 constexpr Command kCommands[] = {
     {"status", kAnyCaller, Status},
+    {"restart.now", kInteractiveUser, RestartNow},
     {"pair.begin", kInteractivePerson, PairBegin},
     {"pair.check", kInteractivePerson, PairCheck},
+    {"unlock", kKioskSession, Unlock},
+    {"maintenance", kKioskSession, Maintenance},
 };
 
 }  // namespace
 
-json::Value Dispatch(const Client& client, std::string_view request) {
+json::Value Dispatch(const Client& client, std::string_view request, PostReplyAction& afterReply) {
   json::Value body = json::Parse(request).value_or(json::Value());
   const text::WipeOnExit wipe(body);  // it may hold a password
   if (!body.IsObject()) {
@@ -62,10 +98,12 @@ json::Value Dispatch(const Client& client, std::string_view request) {
     return json::ErrorReply("unknown_command");
   }
   if (!command->needs.admits(client.caller)) {
-    log::Log(log::kWarn, log::kKiosk, "%s refused: %s", name.c_str(), command->needs.refusal);
+    if (command->needs.refusal != nullptr) {
+      log::Log(log::kWarn, log::kKiosk, "%s refused: %s", name.c_str(), command->needs.refusal);
+    }
     return json::ErrorReply("not_permitted");
   }
-  return command->handle(client, body);
+  return command->handle(client, body, afterReply);
 }
 
 }  // namespace kiosk::pipe

@@ -1,12 +1,12 @@
 #include "portal/check_in.h"
 
+#include "account/enrolment.h"
 #include "json/parse.h"
 #include "json/serialise.h"
 #include "log/log.h"
 #include "portal/auth_client.h"
 #include "portal/sign_in_methods.h"
 #include "state/kiosk_state.h"
-#include "win32/lock.h"
 #include "win32/wide_text.h"
 
 #include <algorithm>
@@ -19,10 +19,8 @@ namespace {
 // A status text goes into an error that people read; whatever else a server puts there is cut.
 constexpr std::size_t kMaxStatusText = 128;
 
-// Two check-ins may be on their way at once (a pairing's own and the worker's): each compares and writes as a whole.
-win32::Lock applyLock{win32::LockRank::kLeaf};
-
 constexpr char kUnexpectedReply[] = "unexpected check-in reply";
+constexpr char kNoLongerEnrolled[] = "no longer enrolled";
 constexpr char kHttp[] = "HTTP ";
 
 std::string RequestBody() {
@@ -72,8 +70,13 @@ void ApplyName(const json::Value& reply) {
   log::Log(log::kNotice, log::kKiosk, "terminal name now \"%s\"", name.c_str());
 }
 
-void Apply(const json::Value& reply, CheckInResult& result) {
-  const win32::LockGuard guard(applyLock);
+void Apply(const json::Value& reply, const std::string& token, CheckInResult& result) {
+  // Two check-ins may be on their way at once (a pairing's own and the worker's): each compares and writes as a whole.
+  const win32::LockGuard guard(account::ReplyLock());
+  if (!account::StillEnrolled(token)) {
+    result.error = kNoLongerEnrolled;
+    return;
+  }
   state::DeleteStateValue(state::kUnknownSince);
   ApplySignIn(reply);
   ApplyName(reply);
@@ -107,13 +110,13 @@ CheckInResult CheckIn(const std::string& token) {
     result.error = kUnexpectedReply;
     return result;
   }
-  Apply(content, result);
+  Apply(content, token, result);
   return result;
 }
 
 bool IsCheckInError(std::string_view text) {
-  constexpr std::string_view kTexts[] = {kUnexpectedReply, "unparseable AuthBaseUrl", "WinHttpOpen failed",
-                                         "cannot open the request"};
+  constexpr std::string_view kTexts[] = {kUnexpectedReply, kNoLongerEnrolled, "unparseable AuthBaseUrl",
+                                         "WinHttpOpen failed", "cannot open the request"};
   constexpr std::string_view kPrefixes[] = {kHttp, "WinHTTP error "};
   return std::find(std::begin(kTexts), std::end(kTexts), text) != std::end(kTexts) ||
          std::any_of(std::begin(kPrefixes), std::end(kPrefixes),

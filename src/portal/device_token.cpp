@@ -49,9 +49,13 @@ bool StoreDeviceToken(const std::string& token) {
     return false;
   }
   state::DeleteStateValue(state::kUnknownSince);
-  state::DeleteStateValue(state::kTeardownPending);
+  // Beside a token this mark means a teardown that was cut short, which the next pass of the worker would complete.
+  const bool superseded = state::DeleteStateValue(state::kTeardownPending);
+  if (!superseded) {
+    state::DeleteStateValue(state::kDeviceToken);
+  }
   state::FlushStateKey();
-  return true;
+  return superseded;
 }
 
 }  // namespace kiosk::portal

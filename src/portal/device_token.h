@@ -12,7 +12,8 @@ namespace kiosk::portal {
 text::Secret ReadDeviceToken();
 
 // Protects the state key, stores the token, makes that durable, and ends what an earlier enrolment left open
-// ("UnknownSince", "TeardownPending"). False when it could not be protected (logged) or stored.
+// ("UnknownSince", "TeardownPending"). False when it could not be protected (logged) or stored. The caller holds the account
+// lock, so that no teardown is half way.
 bool StoreDeviceToken(const std::string& token);
 
 }  // namespace kiosk::portal

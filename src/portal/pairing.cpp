@@ -1,5 +1,9 @@
 #include "portal/pairing.h"
 
+#include "account/account_lock.h"
+#include "account/enrolment.h"
+#include "account/kiosk_restart.h"
+#include "account/provisioning.h"
 #include "json/parse.h"
 #include "json/reply.h"
 #include "json/serialise.h"
@@ -8,6 +12,7 @@
 #include "portal/check_in.h"
 #include "portal/device_token.h"
 #include "portal/pairing_code.h"
+#include "portal/revocation.h"
 #include "portal/worker_wake.h"
 #include "state/kiosk_state.h"
 #include "state/os_version.h"
@@ -79,34 +84,64 @@ json::Value StillWaiting(bool unreachable) {
   return reply;
 }
 
-// The terminal holds a fresh token. The caller holds the pairing lock.
-json::Value Enrolled(const std::string& token) {
-  log::Log(log::kNotice, log::kKiosk, "paired: device token held");
-  WakeWorker();
-  const CheckInResult checkIn = CheckIn(token);
+bool Store(const text::Secret& token) {
+  const win32::LockGuard guard(account::AccountLock());
+  return StoreDeviceToken(token.Get());
+}
+
+// A teardown may have come at any moment since; under its lock there is no doubt, and it cancels what is scheduled.
+bool RestartIfStillEnrolled(const std::string& token) {
+  const win32::LockGuard guard(account::AccountLock());
+  const bool enrolled = account::StillEnrolled(token);
+  if (enrolled) {
+    account::ScheduleKioskRestart();
+  }
+  return enrolled;
+}
+
+// What becomes of the terminal that holds a fresh token, after its first check-in. The caller holds no lock.
+json::Value Enrolled(const text::Secret& token, const CheckInResult& checkIn) {
+  if (HandleDeviceStatus(checkIn, token.Get()) || !account::StillEnrolled(token.Get())) {
+    return json::ErrorReply("revoked");
+  }
   json::Value reply = json::OkReply();
   reply.Set("paired", true);
-  reply.Set("provisioned", false);
-  if (!checkIn.error.empty()) {
+  if (checkIn.deviceStatus == DeviceStatus::kUnknown) {
+    reply.Set("provisioned", false);
     reply.Set("error", "unreachable");
+    return reply;
   }
+  const std::string problem = account::ProvisionKioskAccount(token.Get());
+  if (!problem.empty()) {
+    return json::ErrorReply(account::StillEnrolled(token.Get()) ? problem : "revoked");
+  }
+  if (!RestartIfStillEnrolled(token.Get())) {
+    return json::ErrorReply("revoked");
+  }
+  reply.Set("provisioned", true);
+  reply.Set("restarting", true);
+  reply.Set("restartInSeconds", account::kRestartDelaySeconds);
   return reply;
 }
 
-json::Value Claimed(const AuthReply& answer) {
+// Takes the token out of the portal's answer and stores it; returns the error code, empty on success. The caller holds the
+// pairing lock.
+std::string Claim(const AuthReply& answer, text::Secret& token) {
   std::optional<json::Value> body = json::Parse(answer.body.Get());
   SetPendingPairingCode({});
-  const text::Secret token(body ? json::Member(*body, "deviceToken").text() : std::string());
+  token = text::Secret(body ? json::Member(*body, "deviceToken").text() : std::string());
   if (body) {
     body->Wipe();
   }
   if (token.Empty()) {
-    return json::ErrorReply("server_error");
+    return "server_error";
   }
-  if (!StoreDeviceToken(token.Get())) {
-    return json::ErrorReply("token_store_failed");
+  if (!Store(token)) {
+    return "token_store_failed";
   }
-  return Enrolled(token.Get());
+  log::Log(log::kNotice, log::kKiosk, "paired: device token held");
+  WakeWorker();
+  return {};
 }
 
 }  // namespace
@@ -147,7 +182,7 @@ json::Value PairBegin() {
 
 json::Value PairCheck(const std::string& code) {
   // Of many that wait here during a stop, none begins a request: the client itself sees to that.
-  const win32::LockGuard guard(PairingLock());
+  win32::LockGuard guard(PairingLock());
   if (!IsAnswerableCode(code) || PendingPairingCode() != code) {
     return json::ErrorReply("unknown_code");
   }
@@ -169,10 +204,17 @@ json::Value PairCheck(const std::string& code) {
       SetPendingPairingCode({});
       return json::ErrorReply("claimed");
     case 200:
-      return Claimed(answer);
+      break;
     default:
       return json::ErrorReply("server_error");
   }
+  text::Secret token;
+  if (const std::string problem = Claim(answer, token); !problem.empty()) {
+    return json::ErrorReply(problem);
+  }
+  const CheckInResult checkIn = CheckIn(token.Get());
+  guard.Unlock();
+  return Enrolled(token, checkIn);
 }
 
 }  // namespace kiosk::portal

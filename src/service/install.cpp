@@ -1,5 +1,6 @@
 #include "service/install.h"
 
+#include "account/teardown.h"
 #include "log/log.h"
 #include "win32/clock.h"
 #include "win32/console.h"
@@ -100,6 +101,10 @@ int Uninstall() {
         manager ? OpenServiceW(manager.Get(), kServiceName, DELETE | SERVICE_STOP | SERVICE_QUERY_STATUS) : nullptr);
     if (service) {
       StopAndWait(service.Get());
+    }
+    // Also without a service: an earlier uninstall may have deleted it and left the rest.
+    account::RemoveKioskMode(true, "uninstalled");
+    if (service) {
       DeleteService(service.Get());
     }
   }

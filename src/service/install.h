@@ -9,7 +9,7 @@ inline constexpr wchar_t kServiceName[] = L"NorvaneKiosk";
 // be started), 1 on failure; says on standard output what happened.
 int Install();
 
-// Stops and deletes the service. Always 0.
+// Stops the service, takes kiosk mode down with all its state, and deletes the service. Always 0.
 int Uninstall();
 
 }  // namespace kiosk::service

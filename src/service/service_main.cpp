@@ -1,5 +1,9 @@
 #include "service/service_main.h"
 
+#include "account/kiosk_account.h"
+#include "account/maintenance.h"
+#include "account/provisioning.h"
+#include "account/teardown.h"
 #include "log/log.h"
 #include "pipe/server.h"
 #include "pipe/signature.h"
@@ -13,6 +17,8 @@
 #include "win32/stop.h"
 #include "win32/thread.h"
 
+#include <wtsapi32.h>
+
 #include <algorithm>
 #include <exception>
 #include <string>
@@ -23,16 +29,32 @@ namespace {
 constexpr DWORD kConnectionWait = 30'000;
 constexpr DWORD kConnectionPoll = 100;
 
-// Runs on the dispatcher's thread; waits for nothing.
-DWORD WINAPI OnControl(DWORD control, DWORD /*eventType*/, void* /*eventData*/, void* /*context*/) noexcept {
+// What a control may set off besides a change of the service's own state; nothing of it may keep the service from stopping.
+template <typename Action>
+void Guarded(Action action) noexcept {
+  try {
+    action();
+  } catch (const std::exception& problem) {
+    log::Log(log::kError, log::kKiosk, "a control was not followed (%s)", problem.what());
+  }
+}
+
+// Runs on the dispatcher's thread; waits for nothing but short locks.
+DWORD WINAPI OnControl(DWORD control, DWORD eventType, void* eventData, void* /*context*/) noexcept {
   switch (control) {
-    case SERVICE_CONTROL_STOP:
     case SERVICE_CONTROL_SHUTDOWN:
+      Guarded([] { account::EndMaintenance("Windows is restarting"); });
+      [[fallthrough]];
+    case SERVICE_CONTROL_STOP:
       ReportStopPending();
       win32::RequestStop();
       return NO_ERROR;
-    case SERVICE_CONTROL_INTERROGATE:
     case SERVICE_CONTROL_SESSIONCHANGE:
+      if (const auto* change = static_cast<const WTSSESSION_NOTIFICATION*>(eventData); change != nullptr) {
+        Guarded([&] { account::OnSessionChange(eventType, change->dwSessionId); });
+      }
+      return NO_ERROR;
+    case SERVICE_CONTROL_INTERROGATE:
       return NO_ERROR;
     default:
       return ERROR_CALL_NOT_IMPLEMENTED;
@@ -75,6 +97,15 @@ win32::KernelHandle StartWorker() {
   return worker;
 }
 
+// What a stop, a kill or a restart of Windows left unfinished or out of place.
+void RepairKiosk() {
+  account::FinishPendingRemoval();
+  account::EndMaintenanceOfEarlierBoot();
+  account::RememberAdministratorSessions();
+  account::TrimPrivilegedGroups();
+  account::ApplyKioskPolicies();
+}
+
 void Start() {
   ProtectState();
   pipe::LearnServiceSigner();
@@ -82,8 +113,9 @@ void Start() {
     log::Log(log::kWarn, log::kKiosk,
              "this service is not signed (a dev build): it admits callers only while DevAllowUnsigned=1");
   }
+  RepairKiosk();
   log::Log(log::kNotice, log::kKiosk, "enrolled=%d provisioned=%d maintenance=%d", state::TokenIsStored() ? 1 : 0,
-           state::FlagIsOn(state::kProvisioned) ? 1 : 0, state::FlagIsOn(state::kMaintenance) ? 1 : 0);
+           account::IsKioskProvisioned() ? 1 : 0, state::FlagIsOn(state::kMaintenance) ? 1 : 0);
   ReportRunning();
 }
 

@@ -1,20 +1,28 @@
 #include "service/worker.h"
 
+#include "account/enrolment.h"
+#include "account/kiosk_account.h"
+#include "account/provisioning.h"
+#include "account/teardown.h"
 #include "log/log.h"
 #include "portal/check_in.h"
 #include "portal/device_token.h"
+#include "portal/revocation.h"
 #include "portal/worker_wake.h"
 #include "state/kiosk_state.h"
+#include "win32/clock.h"
 #include "win32/stop.h"
 #include "win32/wide_text.h"
 
 #include <algorithm>
+#include <cstdint>
 
 namespace kiosk::service {
 namespace {
 
 constexpr DWORD kInterval = 30'000;
 constexpr DWORD kLongestBackOff = 600'000;
+constexpr std::uint64_t kProvisioningInterval = 600'000;
 
 class Worker {
  public:
@@ -30,12 +38,17 @@ class Worker {
  private:
   // One pass; returns how long to wait before the next.
   DWORD Pass() {
+    account::FinishPendingRemoval();
     const text::Secret token = portal::ReadDeviceToken();
     if (token.Empty()) {
       backOff_ = kInterval;
-      return INFINITE;
+      return state::FlagIsOn(state::kTeardownPending) ? kInterval : INFINITE;
     }
     const portal::CheckInResult result = portal::CheckIn(token.Get());
+    // Somebody else may have ended the enrolment, or begun another, while the answer was on its way: that one counts.
+    if (portal::HandleDeviceStatus(result, token.Get()) || !account::StillEnrolled(token.Get())) {
+      return kInterval;
+    }
     if (!result.error.empty()) {
       // A call that the stop cut short says nothing about the portal.
       return win32::StopRequested() ? kInterval : Unusable(result.error);
@@ -48,8 +61,18 @@ class Worker {
     if (portal::IsCheckInError(RecordedError())) {
       state::RecordLastError({});
     }
+    KeepProvisioned(token.Get());
     backOff_ = kInterval;
     return kInterval;
+  }
+
+  void KeepProvisioned(const std::string& token) {
+    account::TrimPrivilegedGroups();
+    if (account::IsKioskProvisioned()) {
+      account::ApplyKioskPolicies();
+    } else if (win32::TickCount() >= nextProvisioning_ && !account::ProvisionIfNeeded(token).empty()) {
+      nextProvisioning_ = win32::TickCount() + kProvisioningInterval;
+    }
   }
 
   DWORD Unusable(const std::string& error) {
@@ -71,7 +94,8 @@ class Worker {
   static std::string RecordedError() { return win32::ToNarrow(state::ReadStateString(state::kLastError)); }
 
   bool failing_ = false;
-  DWORD backOff_ = kInterval;  // the wait after the next failed check-in
+  DWORD backOff_ = kInterval;           // the wait after the next failed check-in
+  std::uint64_t nextProvisioning_ = 0;  // as a tick count; not tried again before
 };
 
 }  // namespace

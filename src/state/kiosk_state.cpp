@@ -95,6 +95,14 @@ bool WriteStateString(const StateValue& value, std::wstring_view text) {
   return WriteExisting(kStateKey, value.name, value.type, terminated.c_str(), StringBytes(text)) == ERROR_SUCCESS;
 }
 
+bool WriteStateDword(const StateValue& value, DWORD number) {
+  return WriteExisting(kStateKey, value.name, REG_DWORD, &number, sizeof(number)) == ERROR_SUCCESS;
+}
+
+bool WriteStateQword(const StateValue& value, std::uint64_t number) {
+  return WriteExisting(kStateKey, value.name, REG_QWORD, &number, sizeof(number)) == ERROR_SUCCESS;
+}
+
 bool DeleteStateValue(const StateValue& value) {
   const LSTATUS status = RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kStateKey, value.name);
   return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;

@@ -34,6 +34,8 @@ bool TokenIsStored();
 // These open the key and never create it, so that nothing brings it back, unprotected, after an uninstall. True when the
 // value was written. Reading back what was just written is the caller's to decide.
 bool WriteStateString(const StateValue& value, std::wstring_view text);
+bool WriteStateDword(const StateValue& value, DWORD number);
+bool WriteStateQword(const StateValue& value, std::uint64_t number);
 
 // Deleting what is absent is success.
 bool DeleteStateValue(const StateValue& value);

@@ -16,13 +16,8 @@ using win32::RegistryKey;
 constexpr DWORD kFirstSize = 1024;
 
 std::optional<RawValue> ReadBelow(const wchar_t* subkey, const wchar_t* name) {
-  RegistryKey key;
   RawValue value;
-  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, subkey, 0, KEY_QUERY_VALUE, key.Put()) != ERROR_SUCCESS ||
-      ReadRaw(key.Get(), name, value) != ERROR_SUCCESS) {
-    return std::nullopt;
-  }
-  return value;
+  return ReadValue(subkey, name, value) == ERROR_SUCCESS ? std::optional(std::move(value)) : std::nullopt;
 }
 
 std::optional<std::wstring> Expand(const std::wstring& text) {
@@ -77,6 +72,12 @@ LSTATUS ReadRaw(HKEY key, const wchar_t* name, RawValue& value) {
         return static_cast<DWORD>(RegQueryValueExW(key, name, nullptr, &value.type, buffer, size));
       },
       kFirstSize));
+}
+
+LSTATUS ReadValue(const wchar_t* subkey, const wchar_t* name, RawValue& value) {
+  RegistryKey key;
+  const LSTATUS opened = RegOpenKeyExW(HKEY_LOCAL_MACHINE, subkey, 0, KEY_QUERY_VALUE, key.Put());
+  return opened != ERROR_SUCCESS ? opened : ReadRaw(key.Get(), name, value);
 }
 
 std::optional<std::wstring> ReadString(const wchar_t* subkey, const wchar_t* name) {

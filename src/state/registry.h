@@ -27,6 +27,10 @@ struct RawValue {
 // Reads a value of an open key. ERROR_FILE_NOT_FOUND when it is missing.
 LSTATUS ReadRaw(HKEY key, const wchar_t* name, RawValue& value);
 
+// Reads a value below HKLM. ERROR_FILE_NOT_FOUND when the key or the value is missing; anything else but success means
+// that nobody knows what stands there.
+LSTATUS ReadValue(const wchar_t* subkey, const wchar_t* name, RawValue& value);
+
 // The text of a REG_SZ or REG_EXPAND_SZ value (environment variables expanded), cut at the first NUL. Empty optional for a
 // missing key or value, another type, or a failed expansion.
 std::optional<std::wstring> ReadString(const wchar_t* subkey, const wchar_t* name);

@@ -1,6 +1,6 @@
 // Every value of the Kiosk state key: its name, the registry type that is written (a reader accepts only that type),
-// and what it means. Absence is the normal way to say off, none or not set: a value is deleted rather than stored empty.
-// Times are FILETIME values (100 ns units since 1601, UTC) in a REG_QWORD.
+// and what it means. Absence is the normal way to say off, none or not set: a value is deleted rather than stored
+// empty. Times are FILETIME values (100 ns units since 1601, UTC) in a REG_QWORD.
 #pragma once
 
 #include "win32/winapi.h"
@@ -34,12 +34,65 @@ inline constexpr StateValue kAccountSid{L"AccountSid", REG_SZ, "account", "SID t
 inline constexpr StateValue kTeardownPending{L"TeardownPending", REG_DWORD, "account",
                                              "1 while a teardown must still be finished"};
 inline constexpr StateValue kMaintenance{L"Maintenance", REG_DWORD, "account", "1 while maintenance mode is on"};
+inline constexpr StateValue kMaintenanceAt{L"MaintenanceAt", REG_QWORD, "account", "when maintenance mode began"};
+inline constexpr StateValue kMaintenanceFailures{L"MaintenanceFailures", REG_DWORD, "account",
+                                                 "checks of the exit password since the last right one or lockout"};
+inline constexpr StateValue kMaintenanceLockedUntil{L"MaintenanceLockedUntil", REG_QWORD, "account",
+                                                    "until when no check of the exit password is made"};
+inline constexpr StateValue kAccountCreating{L"AccountCreating", REG_QWORD, "account",
+                                             "when the service began to create the kiosk account; gone once its SID is "
+                                             "recorded"};
+inline constexpr StateValue kOwnsAutoLogon{L"OwnsAutoLogon", REG_DWORD, "account",
+                                           "1: the computer's own sign-in settings were saved and automatic sign-in is "
+                                           "the service's; written before the first of them is changed"};
+inline constexpr StateValue kOwnsHideFastUserSwitching{L"OwnsHideFastUserSwitching", REG_DWORD, "account",
+                                                       "1: the machine-wide HideFastUserSwitching policy is the "
+                                                       "service's; written before the policy"};
+inline constexpr StateValue kPriorLsaSecret{L"PriorLsaSecret", REG_DWORD, "account",
+                                            "1 when the computer had a secret for automatic sign-in of its own"};
+
+// Copies of the computer's own sign-in settings; each has the type and the bytes of the value it copies.
+inline constexpr DWORD kTypeOfCopied = REG_NONE;
+inline constexpr char kPriorMeaning[] = "the computer's own setting of this name from before enrolment";
+inline constexpr StateValue kPriorAutoAdminLogon{L"PriorAutoAdminLogon", kTypeOfCopied, "account", kPriorMeaning};
+inline constexpr StateValue kPriorDefaultUserName{L"PriorDefaultUserName", kTypeOfCopied, "account", kPriorMeaning};
+inline constexpr StateValue kPriorDefaultDomainName{L"PriorDefaultDomainName", kTypeOfCopied, "account", kPriorMeaning};
+inline constexpr StateValue kPriorDefaultPassword{L"PriorDefaultPassword", kTypeOfCopied, "account", kPriorMeaning};
+inline constexpr StateValue kPriorAutoLogonCount{L"PriorAutoLogonCount", kTypeOfCopied, "account", kPriorMeaning};
+inline constexpr StateValue kPriorPasswordLess{L"PriorDevicePasswordLessBuildVersion", kTypeOfCopied, "account",
+                                               kPriorMeaning};
+inline constexpr StateValue kPriorFirstLogonAnimation{L"PriorEnableFirstLogonAnimation", kTypeOfCopied, "account",
+                                                      kPriorMeaning};
+
 inline constexpr StateValue kDevAllowUnsigned{L"DevAllowUnsigned", REG_DWORD, "a developer",
                                               "1 lets an unsigned service admit callers"};
 
 inline constexpr const StateValue* kStateValues[] = {
-    &kDeviceToken, &kAuthBaseUrl, &kTerminalName,    &kSignIn,      &kUnknownSince,     &kLastError,
-    &kProvisioned, &kAccountSid,  &kTeardownPending, &kMaintenance, &kDevAllowUnsigned,
+    &kDeviceToken,
+    &kAuthBaseUrl,
+    &kTerminalName,
+    &kSignIn,
+    &kUnknownSince,
+    &kLastError,
+    &kProvisioned,
+    &kAccountSid,
+    &kTeardownPending,
+    &kMaintenance,
+    &kMaintenanceAt,
+    &kMaintenanceFailures,
+    &kMaintenanceLockedUntil,
+    &kDevAllowUnsigned,
+    &kAccountCreating,
+    &kOwnsAutoLogon,
+    &kOwnsHideFastUserSwitching,
+    &kPriorLsaSecret,
+    &kPriorAutoAdminLogon,
+    &kPriorDefaultUserName,
+    &kPriorDefaultDomainName,
+    &kPriorDefaultPassword,
+    &kPriorAutoLogonCount,
+    &kPriorPasswordLess,
+    &kPriorFirstLogonAnimation,
 };
 
 }  // namespace kiosk::state

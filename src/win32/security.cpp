@@ -24,4 +24,9 @@ std::wstring SidText(PSID sid) {
   return text;
 }
 
+LocalMemory ParseSid(const wchar_t* text) noexcept {
+  PSID sid = nullptr;
+  return LocalMemory(ConvertStringSidToSidW(text, &sid) != 0 ? sid : nullptr);
+}
+
 }  // namespace kiosk::win32

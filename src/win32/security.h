@@ -28,4 +28,7 @@ class SecurityDescriptor {
 // The text form ("S-1-5-18") of a SID; empty when it cannot be converted.
 std::wstring SidText(PSID sid);
 
+// The SID of a text form; invalid when the text is none, and the last error says why.
+LocalMemory ParseSid(const wchar_t* text) noexcept;
+
 }  // namespace kiosk::win32

@@ -131,6 +131,21 @@ class Terminal:
         key = r"HKLM\Software\Microsoft\SystemCertificates\Root\Certificates" + "\\" + thumbprint.hex().upper()
         assert self.registry("add", key, "/v", "Blob", "/t", "REG_BINARY", "/d", blob.hex(), "/f")[0] == 0
 
+    # -- the simulated machine, with NorvaneKioskSim.exe as the service ---------------------------------------------
+
+    def set_client_folder(self, folder):
+        self.set_string("ClientInstallDir", folder, r"HKLM\SOFTWARE\Norvane\Tessaly\Update")
+
+    def dump_machine(self):
+        """Accounts, groups, secrets, profiles and the settings that kiosk mode touches, as text to compare."""
+        if not self.path(PROGRAM_FOLDER + r"\sim_machine.exe").exists():
+            self.put(BUILD / "sim_machine.exe")
+            # Windows has this key; Wine has not, and one that the service had to make stays, empty.
+            self.registry("add", r"HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion\PasswordLess\Device", "/f")
+        code, out, err = self.run("sim_machine.exe", "dump")
+        assert code == 0, err
+        return out
+
     # -- the service ------------------------------------------------------------------------------------------------
 
     def install(self, **portal):

@@ -19,12 +19,12 @@ SERVICE_KEY = r"HKLM\SYSTEM\CurrentControlSet\Services\NorvaneKiosk"
 
 
 def pair(terminal, portal, **settings):
-    """Pairs through the pipe; returns the portal's id of the terminal."""
+    """Pairs through the pipe; returns the portal's id of the terminal. There is no client program to set up a kiosk for."""
     begun = terminal.ask(cmd="pair.begin")
     assert begun["ok"], begun
     terminal_id = portal.claim(begun["code"], **settings)
     checked = terminal.ask(cmd="pair.check", code=begun["code"])
-    assert checked == {"ok": True, "paired": True, "provisioned": False}, checked
+    assert checked == {"ok": False, "error": "no_client"}, checked
     return terminal_id
 
 
@@ -98,7 +98,9 @@ class Installation(unittest.TestCase):
 
 class Life(unittest.TestCase):
     def test_pairing_policy_restart_and_crash(self):
-        with Portal() as portal, Terminal() as terminal:
+        with Portal() as portal, Terminal(service="NorvaneKioskSim.exe") as terminal:
+            before = terminal.dump_machine()
+            terminal.set_client_folder(r"C:\Program Files\Tessaly")
             terminal.install(url=portal.url + "/")
             code, out, _ = terminal.run("kioskctl.exe", "--json", "status")
             self.assertEqual((code, json.loads(out)), (0, {
@@ -114,7 +116,7 @@ class Life(unittest.TestCase):
                 terminal_id = portal.claim(pending, name="Łódź – Halle 3")
                 out, err = pairing.communicate(timeout=30)
             self.assertEqual((pairing.returncode, err), (0, ""))
-            self.assertTrue(out.endswith("This terminal is paired.\n"), out)
+            self.assertTrue(out.endswith("This terminal is paired.\nThe computer restarts into kiosk mode in 10 seconds.\n"), out)
             self.assertEqual(terminal.ask(cmd="status")["terminalName"], "Łódź – Halle 3")
             self.assertIn('INFO terminal name now "Łódź – Halle 3"', terminal.log())
             code, _, err = terminal.run("kioskctl.exe", "pair")
@@ -137,8 +139,14 @@ class Life(unittest.TestCase):
             wait_for(lambda: terminal.net("start") == 0 or terminal.service_process(), "the service to start again")
             portal.wait(lambda: portal.terminals()[0]["checkIns"] > seen, 30)
 
+            # The portal removes it: the computer is as it was before.
+            self.assertNotEqual(terminal.dump_machine(), before)
             portal.revoke(terminal_id)
-            self.assertTrue(terminal.ask(cmd="status")["enrolled"])
+            self.assertEqual(terminal.net("stop"), 0)
+            self.assertEqual(terminal.net("start"), 0)
+            wait_for(lambda: not terminal.ask(cmd="status")["enrolled"], "the removal")
+            self.assertEqual(terminal.dump_machine(), before)
+            self.assertIn("WARN removing kiosk mode: removed in the portal (401, status revoked)", terminal.log())
 
     def test_stop_while_the_portal_is_silent(self):
         with Portal() as portal, Terminal() as terminal:
@@ -187,7 +195,7 @@ class RealHttp(unittest.TestCase):
             begun = terminal.ask(cmd="pair.begin")
             portal.claim(begun["code"])
             checked = terminal.ask(cmd="pair.check", code=begun["code"])
-            self.assertEqual(checked, {"ok": True, "paired": True, "provisioned": False, "error": "unreachable"})
+            self.assertEqual(checked, {"ok": False, "error": "no_client"})
             self.assertEqual(list(elsewhere.requests), [])
 
     def test_dribbled_reply_ends_with_a_stop(self):

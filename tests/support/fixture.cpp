@@ -1,6 +1,8 @@
 #include "tests/support/fixture.h"
 
+#include "account/winlogon.h"
 #include "log/day_files.h"
+#include "sim/profiles.h"
 #include "win32/handle.h"
 #include "win32/wide_text.h"
 
@@ -8,7 +10,28 @@
 
 namespace kiosk::test {
 
+namespace {
+
+// What kiosk mode, or the computer's owner in an earlier test, left outside of the simulated machine's own state. Before that
+// is forgotten, which knows the users.
+void ForgetKioskTraces() {
+  sim::ForgetProfiles();  // the numbers at the ends of SIDs begin anew, and nobody may find the profile of a namesake
+  RemoveTree(L"C:\\users\\NorvaneKiosk");
+  for (const wchar_t* key : {account::kPasswordLessKey, account::kSystemPoliciesKey}) {
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, key);
+    win32::RegistryKey made;
+    RegCreateKeyW(HKEY_LOCAL_MACHINE, key, made.Put());
+  }
+  for (const wchar_t* name :
+       {L"AutoAdminLogon", L"DefaultUserName", L"DefaultDomainName", L"DefaultPassword", L"AutoLogonCount"}) {
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, account::kWinlogonKey, name);
+  }
+}
+
+}  // namespace
+
 void CleanMachine::SetUp() {
+  ForgetKioskTraces();
   for (const wchar_t* key : {L"SOFTWARE\\Norvane", L"SOFTWARE\\SimulatedWindows"}) {
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, key);
     RegDeleteKeyW(HKEY_LOCAL_MACHINE, key);

@@ -45,7 +45,8 @@ def pair_by_hand_of(portal, terminal):
 def demonstrate(portal, terminal):
     say("the service is installed and running; nobody has paired the terminal yet")
     status(terminal)
-    say("kioskctl pair")
+    before = terminal.dump_machine()
+    say("kioskctl pair; the service then makes the kiosk account, locks it down and lets it sign in at start-up")
     terminal_id = pair_by_hand_of(portal, terminal)
     check_ins = lambda: portal.terminals()[0]["checkIns"]  # noqa: E731
     portal.wait(lambda: check_ins() >= 1, 60)
@@ -55,6 +56,15 @@ def demonstrate(portal, terminal):
     portal.wait(lambda: check_ins() >= 4, 150)
     wait_for(lambda: terminal.ask(cmd="status")["terminalName"] == "Hall 4", "the new name", 60)
     status(terminal)
+    say("the portal removes the terminal; at its next check-in the service gives the computer back")
+    portal.revoke(terminal_id)
+    wait_for(lambda: not terminal.ask(cmd="status")["enrolled"], "the removal", 60)
+    status(terminal)
+    equal = terminal.dump_machine() == before
+    print("accounts, groups, secrets, profiles and settings compared with before the pairing:",
+          "equal" if equal else "DIFFERENT", flush=True)
+    if not equal:
+        sys.exit("the computer was not given back as it was")
     say(f"{check_ins()} check-ins so far; the service's log:")
     print(terminal.log_bytes().decode("utf-8"), end="", flush=True)
 
@@ -67,6 +77,7 @@ def main():
     with Portal(port=0 if once else 8470) as portal, \
             Terminal(programs=("kioskctl.exe", "kioskctl-dev.exe"), service=SERVICE) as terminal:
         say(f"the portal's page: {portal.url}/  (for development, on this computer only)")
+        terminal.set_client_folder(r"C:\Program Files\Norvane\Tessaly")
         terminal.install(url=portal.url)
         demonstrate(portal, terminal)
         if not once:

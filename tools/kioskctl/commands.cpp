@@ -3,10 +3,12 @@
 #include "json/serialise.h"
 #include "large_text.h"
 #include "pipe_client.h"
+#include "text/text.h"
 #include "win32/clock.h"
 #include "win32/console.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace kioskctl {
 namespace {
@@ -25,17 +27,41 @@ struct Explanation {
 };
 
 constexpr Explanation kExplanations[] = {
+    {"account_create_failed", "Windows did not create the kiosk account. See the service's log."},
+    {"account_exists", "A user named NorvaneKiosk exists that is not the kiosk's. Delete or rename that user."},
+    {"account_flags_failed", "Windows did not accept the settings of the kiosk account. See the service's log."},
+    {"account_lookup_failed", "Windows did not tell whether the kiosk account exists. See the service's log."},
+    {"account_password_failed", "Windows did not accept the kiosk account's password. See the service's log."},
     {"already_enrolled", "This terminal is already paired. Remove it in the portal first to pair it anew."},
+    {"autologon_in_use", "Windows signs another user in by itself. Switch that off first."},
     {"bad_request", "The service could not read the request."},
+    {"busy", "Another password is being checked. Try again in a moment."},
     {"caller_refused", "The service admits only programs that its publisher signed (see the service's log)."},
     {"claimed", "The code was used by another terminal. Start again for a new one."},
     {"expired", "The code has expired. Start again for a new one."},
-    {"not_permitted", "This needs a person signed in at this computer with an account other than the kiosk's."},
+    {"failed", "Windows refused. See the service's log."},
+    {"group_failed", "The kiosk account could not be put into the group Users. See the service's log."},
+    {"hive_failed", "The kiosk account could not be locked down. See the service's log."},
+    {"locked", "Too many wrong passwords. Wait five minutes."},
+    {"lsa_failed", "The kiosk account's password could not be stored for signing in. See the service's log."},
+    {"no_client", "The client program is not installed on this computer. Install it."},
+    {"not_enrolled", "This terminal is not paired with a portal, or no longer."},
+    {"not_pending", "No restart into kiosk mode is due. Restart the computer as usual if it is to start kiosk mode."},
+    {"not_permitted", "This user may not do that: pairing and restarting need a person signed in at this computer with an "
+                      "account other than the kiosk's, the rest needs the kiosk account in its own session."},
+    {"not_provisioned", "The kiosk account is not set up."},
+    {"not_unlocked", "The unlock is not valid (any more). Unlock again, or give the exit password."},
+    {"profile_failed", "Windows did not create the kiosk account's profile. See the service's log."},
+    {"random_failed", "Windows has no random numbers. See the service's log."},
+    {"revoked", "The portal says that this terminal was removed. Start again to pair it anew."},
     {"server_error", "The portal answered with something unexpected. Try again later."},
+    {"state_write_failed", "The service could not write its settings. See the service's log."},
     {"token_store_failed", "The portal accepted the terminal, but its token could not be stored. See the service's log."},
     {"unknown_code", "The service does not know this code any more. Start again for a new one."},
     {"unknown_command", "The service does not know this command."},
     {"unreachable", "The portal cannot be reached. Check the network and the portal's address."},
+    {"winlogon_failed", "Windows' automatic sign-in could not be set up. See the service's log."},
+    {"wrong_password", "That is not the exit password. It is set in the portal."},
 };
 
 // Prints why there is no reply; returns the exit code.
@@ -68,10 +94,34 @@ int Refused(const Value& reply) {
   return kServiceError;
 }
 
-std::string Request(const char* command) {
+Value Request(const char* command) {
   Value request = Value::Object();
   request.Set("cmd", command);
-  return kiosk::json::Serialise(request);
+  return request;
+}
+
+Answer AskFor(Value request) {
+  std::string line = kiosk::json::Serialise(request);
+  request.Wipe();
+  Answer answer = Ask(line);
+  kiosk::text::Wipe(line);
+  return answer;
+}
+
+// Sends a request that is answered once; `success` says what a good reply means. Returns the exit code.
+int Run(const Options& options, Value request, std::string (*success)(const Value& reply)) {
+  const Answer answer = AskFor(std::move(request));
+  if (answer.outcome != Outcome::kReply) {
+    return NoReply(answer);
+  }
+  if (options.json) {
+    PrintJson(answer.reply);
+  } else if (!Ok(answer.reply)) {
+    return Refused(answer.reply);
+  } else {
+    Print(success(answer.reply));
+  }
+  return Ok(answer.reply) ? kDone : kServiceError;
 }
 
 std::string Hosts(const Value& signIn) {
@@ -87,15 +137,21 @@ const char* NextStep(const Value& reply) {
     return "Not paired with a portal. Run \"kioskctl pair\" and enter the code in the portal.";
   }
   if (!Member(reply, "provisioned").boolean()) {
-    return "Paired. The kiosk account is not set up yet.";
+    return "Paired, but the kiosk account is not set up yet. The service tries again by itself, every ten minutes at the\n"
+           "latest; a last error below says what it needs. Once the account is set up, restart the computer.";
   }
   if (Member(reply, "maintenance").boolean()) {
-    return "In maintenance: the kiosk account does not sign in by itself.";
+    return "In maintenance: the kiosk account does not sign in by itself. To end it, sign out the administrator who\n"
+           "signed in after it began, or restart the computer.";
   }
-  return "Paired and ready: the kiosk account signs in when Windows starts.";
+  if (Member(reply, "kioskSession").boolean()) {
+    return "In kiosk mode: this is the kiosk account's own session.";
+  }
+  return "Paired and set up: the kiosk account signs in when Windows starts. Restart the computer to start kiosk mode, if\n"
+         "it does not run yet (right after pairing that happens by itself).";
 }
 
-void PrintStatus(const Value& reply) {
+std::string StatusText(const Value& reply) {
   const Value& signIn = Member(reply, "signIn");
   const auto yesNo = [](const Value& flag) { return flag.boolean() ? "yes\n" : "no\n"; };
   const std::string& name = Member(reply, "terminalName").text();
@@ -112,7 +168,7 @@ void PrintStatus(const Value& reply) {
   if (const std::string& error = Member(reply, "error").text(); !error.empty()) {
     text += "  Last error    " + Explain(error) + "\n";
   }
-  Print(text);
+  return text;
 }
 
 // "09:59" for 599.
@@ -137,17 +193,20 @@ void Wait(const kiosk::win32::Deadline& expiry, bool countdown) {
 int ReportPaired(const Value& reply, bool countdown) {
   Print(countdown ? "\n" : "");
   Print("This terminal is paired.\n");
-  if (Member(reply, "error").text() == "unreachable") {
-    Print("The portal did not answer the first check-in; the service keeps trying by itself.\n");
+  if (Member(reply, "restarting").boolean()) {
+    Print("The computer restarts into kiosk mode in " +
+          kiosk::json::AsString(Member(reply, "restartInSeconds")) + " seconds.\n");
+  } else {
+    Print("The portal does not know it yet; the service sets up the kiosk account as soon as it does. \"kioskctl status\"\n"
+          "tells when to restart the computer.\n");
   }
   return kDone;
 }
 
 // Polls until the code is claimed or has ended.
 int Poll(const std::string& code, std::uint64_t seconds, const Options& options) {
-  Value request = Value::Object();
-  request.Set("cmd", "pair.check").Set("code", code);
-  const std::string line = kiosk::json::Serialise(request);
+  Value request = Request("pair.check");
+  request.Set("code", code);
   const bool countdown = !options.json && kiosk::win32::OutputIsConsole();
   const kiosk::win32::Deadline expiry(seconds * 1000);
   bool warned = false;
@@ -155,7 +214,7 @@ int Poll(const std::string& code, std::uint64_t seconds, const Options& options)
     for (DWORD waited = 0; waited < kPollInterval; waited += kRedrawInterval) {
       Wait(expiry, countdown);
     }
-    const Answer answer = Ask(line);
+    const Answer answer = AskFor(request);
     if (answer.outcome != Outcome::kReply) {
       return NoReply(answer);
     }
@@ -185,23 +244,15 @@ std::string Explain(const std::string& code) {
   return found != std::end(kExplanations) ? std::string(found->sentence) + " [" + code + "]" : code;
 }
 
-int Status(const Options& options) {
-  const Answer answer = Ask(Request("status"));
-  if (answer.outcome != Outcome::kReply) {
-    return NoReply(answer);
-  }
-  if (options.json) {
-    PrintJson(answer.reply);
-  } else if (Ok(answer.reply)) {
-    PrintStatus(answer.reply);
-  } else {
-    return Refused(answer.reply);
-  }
-  return Ok(answer.reply) ? kDone : kServiceError;
+int Status(const Options& options) { return Run(options, Request("status"), StatusText); }
+
+int Restart(const Options& options) {
+  return Run(options, Request("restart.now"),
+             [](const Value&) -> std::string { return "The computer restarts into kiosk mode now.\n"; });
 }
 
 int Pair(const Options& options) {
-  const Answer answer = Ask(Request("pair.begin"));
+  const Answer answer = AskFor(Request("pair.begin"));
   if (answer.outcome != Outcome::kReply) {
     return NoReply(answer);
   }
@@ -228,6 +279,24 @@ int Send(const Options& /*options*/, const std::string& request) {
   }
   PrintJson(answer.reply);
   return Ok(answer.reply) ? kDone : kServiceError;
+}
+
+int Unlock(const Options& options, const std::string& password) {
+  Value request = Request("unlock");
+  request.Set("password", password);
+  return Run(options, std::move(request), [](const Value& reply) {
+    return "The terminal settings are unlocked for " + kiosk::json::AsString(Member(reply, "expiresInSeconds")) +
+           " seconds. Unlock token: " + Member(reply, "unlockToken").text() + "\n";
+  });
+}
+
+int Maintenance(const Options& options, const std::string& password, const std::string& unlockToken) {
+  Value request = Request("maintenance");
+  request.Set("password", password).Set("unlockToken", unlockToken);
+  return Run(options, std::move(request), [](const Value&) -> std::string {
+    return "Maintenance: the kiosk account is being signed out. Sign in as an administrator; signing out again, or a\n"
+           "restart, ends it.\n";
+  });
 }
 #endif
 

@@ -14,8 +14,11 @@ struct Options {
 
 int Status(const Options& options);
 int Pair(const Options& options);
+int Restart(const Options& options);
 #ifdef NORVANE_DEVELOPMENT_COMMANDS
 int Send(const Options& options, const std::string& request);
+int Unlock(const Options& options, const std::string& password);
+int Maintenance(const Options& options, const std::string& password, const std::string& unlockToken);
 #endif
 
 // The sentence for an error code of the service; the code itself when there is no better one.

@@ -5,6 +5,10 @@
 #include "win32/wide_text.h"
 #include "win32/winapi.h"
 
+#include <algorithm>
+#include <iterator>
+#include <string_view>
+
 namespace {
 
 using kiosk::win32::Print;
@@ -15,7 +19,13 @@ constexpr char kHelp[] =
     "\n"
     "  kioskctl [--json] status    where this terminal stands and what to do next\n"
     "  kioskctl [--json] pair      show a pairing code and wait until it is entered in the portal\n"
+    "  kioskctl [--json] restart   restart into kiosk mode now instead of 10 seconds after pairing\n"
 #ifdef NORVANE_DEVELOPMENT_COMMANDS
+    "\n"
+    "  kioskctl [--json] unlock PASSWORD\n"
+    "                              open the terminal settings (from the kiosk account's own session)\n"
+    "  kioskctl [--json] maintenance PASSWORD [UNLOCK-TOKEN]\n"
+    "                              leave the kiosk for a while (from the kiosk account's own session)\n"
     "  kioskctl send JSON          send one request as it is and print the reply\n"
 #endif
     "  kioskctl --help | --version\n"
@@ -29,24 +39,45 @@ int Usage(const std::string& problem) {
   return kioskctl::kUsage;
 }
 
-int Run(const std::vector<std::string>& words, const kioskctl::Options& options) {
+struct Command {
+  std::string_view name;
+  std::size_t fewest, most;  // arguments
+  const char* arguments;     // for a complaint about them
+  int (*run)(const kioskctl::Options& options, const std::vector<std::string>& words);
+};
+
+using Words = std::vector<std::string>;
+using kioskctl::Options;
+
+constexpr Command kCommands[] = {
+    {"status", 0, 0, "no arguments", [](const Options& options, const Words&) { return kioskctl::Status(options); }},
+    {"pair", 0, 0, "no arguments", [](const Options& options, const Words&) { return kioskctl::Pair(options); }},
+    {"restart", 0, 0, "no arguments", [](const Options& options, const Words&) { return kioskctl::Restart(options); }},
+#ifdef NORVANE_DEVELOPMENT_COMMANDS
+    {"send", 1, 1, "one JSON text",
+     [](const Options& options, const Words& words) { return kioskctl::Send(options, words[1]); }},
+    {"unlock", 1, 1, "one password",
+     [](const Options& options, const Words& words) { return kioskctl::Unlock(options, words[1]); }},
+    {"maintenance", 1, 2, "a password and at most one unlock token",
+     [](const Options& options, const Words& words) {
+       return kioskctl::Maintenance(options, words[1], words.size() > 2 ? words[2] : std::string());
+     }},
+#endif
+};
+
+int Run(const Words& words, const Options& options) {
   if (words.empty()) {
     return Usage("no command given");
   }
-  const std::string& command = words.front();
-#ifdef NORVANE_DEVELOPMENT_COMMANDS
-  if (command == "send") {
-    return words.size() == 2 ? kioskctl::Send(options, words[1]) : Usage("\"send\" takes one JSON text");
+  const auto* command = std::find_if(std::begin(kCommands), std::end(kCommands),
+                                     [&words](const Command& each) { return each.name == words.front(); });
+  if (command == std::end(kCommands)) {
+    return Usage("unknown command \"" + words.front() + "\"");
   }
-#endif
-  const bool known = command == "status" || command == "pair";
-  if (!known) {
-    return Usage("unknown command \"" + command + "\"");
+  if (words.size() - 1 < command->fewest || words.size() - 1 > command->most) {
+    return Usage("\"" + words.front() + "\" takes " + command->arguments);
   }
-  if (words.size() > 1) {
-    return Usage("\"" + command + "\" takes no arguments");
-  }
-  return command == "status" ? kioskctl::Status(options) : kioskctl::Pair(options);
+  return command->run(options, words);
 }
 
 }  // namespace

@@ -110,7 +110,8 @@ class PageTest(unittest.TestCase):
         send("Emulation.clearDeviceMetricsOverride", {})
 
     def test_the_real_service_is_claimed_and_renamed_here(self):
-        with computer.Terminal() as kiosk:
+        with computer.Terminal(service="NorvaneKioskSim.exe") as kiosk:
+            kiosk.set_client_folder(r"C:\Program Files\Tessaly")
             kiosk.install(url=self.portal.url)
             begun = kiosk.ask(cmd="pair.begin")
             self.browser.get(self.portal.url + "/")

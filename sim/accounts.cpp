@@ -1,0 +1,383 @@
+#include "sim/accounts.h"
+
+#include "sim/clock.h"
+#include "sim/faults.h"
+#include "sim/machine.h"
+
+#include <lm.h>
+#include <sddl.h>
+
+#include <algorithm>
+#include <cwchar>
+#include <mutex>
+#include <set>
+
+namespace sim {
+namespace {
+
+constexpr std::uint64_t kPerSecond = 10'000'000;
+constexpr std::uint64_t kUnixEpoch = 11'644'473'600;  // seconds from 1601 to 1970
+
+struct Group {
+  const wchar_t* sid;
+  const wchar_t* english;
+  const wchar_t* german;
+};
+constexpr const wchar_t* kHyperV = L"S-1-5-32-578";
+constexpr Group kGroups[] = {
+    {L"S-1-5-32-544", L"Administrators", L"Administratoren"},
+    {L"S-1-5-32-545", L"Users", L"Benutzer"},
+    {L"S-1-5-32-547", L"Power Users", L"Hauptbenutzer"},
+    {L"S-1-5-32-551", L"Backup Operators", L"Sicherungs-Operatoren"},
+    {L"S-1-5-32-555", L"Remote Desktop Users", L"Remotedesktopbenutzer"},
+    {L"S-1-5-32-556", L"Network Configuration Operators", L"Netzwerkkonfigurations-Operatoren"},
+    {kHyperV, L"Hyper-V Administrators", L"Hyper-V-Administratoren"},
+};
+
+std::mutex mutex;
+std::set<void*> buffers;
+
+std::wstring UserArea(const std::wstring& name) { return L"Users\\" + name; }
+std::wstring GroupArea(const std::wstring& sid) { return L"Groups\\" + sid; }
+
+bool German() { return ReadText(L"", L"GroupLanguage") == L"de"; }
+
+bool Exists(const Group& group) { return group.sid != kHyperV || AreaExists(GroupArea(kHyperV)); }
+
+std::uint64_t ReadTime(const std::wstring& area, const wchar_t* name) {
+  return std::wcstoull(ReadText(area, name).value_or(L"0").c_str(), nullptr, 10);
+}
+
+bool Same(const std::wstring& one, const std::wstring& other) { return _wcsicmp(one.c_str(), other.c_str()) == 0; }
+
+std::wstring SidOf(PSID sid) {
+  wchar_t* text = nullptr;
+  if (!ConvertSidToStringSidW(sid, &text)) {
+    Violation("a SID is not valid");
+    return {};
+  }
+  std::wstring copy = text;
+  LocalFree(text);
+  return copy;
+}
+
+// What NetUserGetInfo returns: the record, and behind it what it points to.
+struct Buffer {
+  alignas(16) std::byte bytes[4096] = {};
+  std::size_t used = 0;
+
+  void* Put(const void* data, std::size_t size) {
+    void* at = bytes + used;
+    std::copy_n(static_cast<const std::byte*>(data), size, bytes + used);
+    used += (size + 15) / 16 * 16;
+    return at;
+  }
+  wchar_t* Put(const std::wstring& text) {
+    return static_cast<wchar_t*>(Put(text.c_str(), (text.size() + 1) * sizeof(wchar_t)));
+  }
+};
+
+void Fill(Buffer& buffer, const User& user, USER_INFO_23& info) {
+  PSID sid = nullptr;
+  ConvertStringSidToSidW(user.sid.c_str(), &sid);
+  info = {buffer.Put(user.name), buffer.Put(user.fullName), buffer.Put(std::wstring()), user.flags,
+          buffer.Put(sid, GetLengthSid(sid))};
+  LocalFree(sid);
+}
+
+void Fill(Buffer& buffer, const User& user, USER_INFO_3& info) {
+  for (wchar_t** text :
+       {&info.usri3_home_dir, &info.usri3_comment, &info.usri3_script_path, &info.usri3_usr_comment, &info.usri3_parms,
+        &info.usri3_workstations, &info.usri3_profile, &info.usri3_home_dir_drive, &info.usri3_logon_server}) {
+    *text = buffer.Put(std::wstring());
+  }
+  info.usri3_name = buffer.Put(user.name);
+  info.usri3_full_name = buffer.Put(user.fullName);
+  info.usri3_password_age = static_cast<DWORD>((UtcTime() - user.passwordSet) / kPerSecond);
+  info.usri3_priv = USER_PRIV_USER;
+  info.usri3_flags = user.flags;
+  info.usri3_last_logon = user.lastLogon == 0 ? 0 : static_cast<DWORD>(user.lastLogon / kPerSecond - kUnixEpoch);
+  info.usri3_num_logons = user.lastLogon == 0 ? 0 : 1;
+  info.usri3_acct_expires = TIMEQ_FOREVER;
+  info.usri3_max_storage = USER_MAXSTORAGE_UNLIMITED;
+  info.usri3_user_id = std::wcstoul(user.sid.substr(user.sid.rfind(L'-') + 1).c_str(), nullptr, 10);
+  info.usri3_primary_group_id = DOMAIN_GROUP_RID_USERS;
+}
+
+// Copies text out by the rule of LookupAccountSidW: sizes in characters, with the zero when there is no room.
+bool CopyOut(const std::wstring& text, wchar_t* buffer, DWORD* size) {
+  const DWORD length = static_cast<DWORD>(text.size());
+  const bool fits = buffer != nullptr && *size > length;
+  if (fits) {
+    std::copy_n(text.c_str(), length + 1, buffer);
+  }
+  *size = fits ? length : length + 1;
+  return fits;
+}
+
+// One call for members of a group: the group's SID and the members' SIDs, or the status that says why not.
+template <typename Each>
+NET_API_STATUS ForMembers(const char* function, LPCWSTR server, LPCWSTR name, DWORD level, LPBYTE data, DWORD count,
+                          Each each) {
+  if (server != nullptr || name == nullptr || level != 0 || data == nullptr || count == 0) {
+    Violation("%s: another machine, level %lu, or no members", function, level);
+    return ERROR_INVALID_LEVEL;
+  }
+  return Change<NET_API_STATUS>(
+      function, [&] { return std::wstring(name); },
+      [&]() -> NET_API_STATUS {
+        const auto* group = std::find_if(std::begin(kGroups), std::end(kGroups), [&](const Group& candidate) {
+          return Exists(candidate) && Same(German() ? candidate.german : candidate.english, name);
+        });
+        if (group == std::end(kGroups)) {
+          return NERR_GroupNotFound;
+        }
+        for (DWORD i = 0; i < count; ++i) {
+          const PSID member = reinterpret_cast<LOCALGROUP_MEMBERS_INFO_0*>(data)[i].lgrmi0_sid;
+          if (const NET_API_STATUS status = each(GroupArea(group->sid), SidOf(member)); status != NERR_Success) {
+            return status;
+          }
+        }
+        return NERR_Success;
+      });
+}
+
+void CheckFlags(const char* function, DWORD flags) {
+  if ((flags & UF_SCRIPT) == 0) {
+    Violation("%s: flags 0x%lx without UF_SCRIPT", function, flags);
+  }
+}
+
+}  // namespace
+
+std::wstring ComputerName() {
+  wchar_t name[MAX_COMPUTERNAME_LENGTH + 1] = L"";
+  DWORD size = MAX_COMPUTERNAME_LENGTH + 1;
+  GetComputerNameW(name, &size);
+  return name;
+}
+
+std::vector<std::wstring> UserNames() { return AreaNames(L"Users"); }
+
+std::optional<User> FindUser(const std::wstring& nameOrSid) {
+  for (const std::wstring& name : UserNames()) {
+    const std::wstring area = UserArea(name);
+    const auto text = [&area](const wchar_t* value) { return ReadText(area, value).value_or(L""); };
+    User user{name, text(L"Sid"), text(L"Password"), text(L"FullName"), ReadNumber(area, L"Flags").value_or(0)};
+    user.created = ReadTime(area, L"Created");
+    user.passwordSet = ReadTime(area, L"PasswordSet");
+    user.lastLogon = ReadTime(area, L"LastLogon");
+    if (Same(user.name, nameOrSid) || Same(user.sid, nameOrSid)) {
+      return user;
+    }
+  }
+  return std::nullopt;
+}
+
+void ChangeUser(const User& user) {
+  const std::wstring area = UserArea(user.name);
+  WriteText(area, L"Password", user.password);
+  WriteText(area, L"FullName", user.fullName);
+  WriteNumber(area, L"Flags", user.flags);
+  WriteText(area, L"Created", std::to_wstring(user.created));
+  WriteText(area, L"PasswordSet", std::to_wstring(user.passwordSet));
+  WriteText(area, L"LastLogon", std::to_wstring(user.lastLogon));
+}
+
+std::wstring AddUser(const std::wstring& name, const std::wstring& password, DWORD flags) {
+  const DWORD number = ReadNumber(L"", L"NextUser").value_or(1001);
+  WriteNumber(L"", L"NextUser", number + 1);
+  std::wstring sid = kMachineSid + std::to_wstring(number);
+  WriteText(UserArea(name), L"Sid", sid);
+  ChangeUser({name, sid, password, L"", flags | UF_NORMAL_ACCOUNT, UtcTime(), UtcTime(), 0});
+  return sid;
+}
+
+void RemoveUser(const std::wstring& name) {
+  const std::wstring sid = FindUser(name).value_or(User()).sid;
+  for (const Group& group : kGroups) {
+    ForgetValue(GroupArea(group.sid), sid);
+  }
+  ForgetArea(UserArea(name));
+}
+
+std::vector<std::wstring> GroupMembers(const std::wstring& groupSid) { return ValueNames(GroupArea(groupSid)); }
+
+void AddToGroup(const std::wstring& groupSid, const std::wstring& memberSid) {
+  WriteText(GroupArea(groupSid), memberSid, L"");
+}
+
+void SetGroupLanguage(const std::wstring& language) { WriteText(L"", L"GroupLanguage", language); }
+
+void FailAccountLookups(DWORD status) { WriteNumber(L"", L"LookupStatus", status); }
+
+int OpenNetBuffers() {
+  const std::lock_guard guard(mutex);
+  return static_cast<int>(buffers.size());
+}
+
+}  // namespace sim
+
+using namespace sim;
+
+SIM(NET_API_STATUS, NetUserGetInfo, LPCWSTR server, LPCWSTR name, DWORD level, LPBYTE* result) {
+  if (server != nullptr || name == nullptr || result == nullptr || (level != 3 && level != 23)) {
+    Violation("NetUserGetInfo: level %lu of a user of this machine is not simulated", level);
+    return ERROR_INVALID_LEVEL;
+  }
+  *result = nullptr;
+  if (const DWORD status = ReadNumber(L"", L"LookupStatus").value_or(NERR_Success); status != NERR_Success) {
+    return status;
+  }
+  const std::optional<User> user = AreaExists(UserArea(name)) ? FindUser(name) : std::nullopt;
+  if (!user) {
+    return NERR_UserNotFound;
+  }
+  auto* buffer = new Buffer;
+  buffer->used = level == 3 ? sizeof(USER_INFO_3) + 16 : sizeof(USER_INFO_23) + 16;
+  buffer->used -= buffer->used % 16;
+  if (level == 3) {
+    Fill(*buffer, *user, reinterpret_cast<USER_INFO_3&>(buffer->bytes));
+  } else {
+    Fill(*buffer, *user, reinterpret_cast<USER_INFO_23&>(buffer->bytes));
+  }
+  *result = reinterpret_cast<LPBYTE>(buffer->bytes);
+  const std::lock_guard guard(mutex);
+  buffers.insert(buffer);
+  return NERR_Success;
+}
+
+SIM(NET_API_STATUS, NetApiBufferFree, LPVOID memory) {
+  const std::lock_guard guard(mutex);
+  if (memory != nullptr && buffers.erase(memory) == 0) {
+    Violation("NetApiBufferFree: not a buffer that is in use");
+    return ERROR_INVALID_PARAMETER;
+  }
+  delete static_cast<Buffer*>(memory);
+  return NERR_Success;
+}
+
+SIM(NET_API_STATUS, NetUserAdd, LPCWSTR server, DWORD level, LPBYTE data, LPDWORD parameter) {
+  if (server != nullptr || level != 1 || data == nullptr) {
+    Violation("NetUserAdd: another machine, or level %lu", level);
+    return ERROR_INVALID_LEVEL;
+  }
+  const auto& info = *reinterpret_cast<USER_INFO_1*>(data);
+  CheckFlags("NetUserAdd", info.usri1_flags);
+  DWORD wrong = 0;
+  if (info.usri1_name == nullptr || *info.usri1_name == L'\0' || std::wcslen(info.usri1_name) > LM20_UNLEN ||
+      std::wcspbrk(info.usri1_name, L"\"/\\[]:;|=,+*?<>") != nullptr) {
+    wrong = USER_NAME_PARMNUM;
+  } else if (info.usri1_priv != USER_PRIV_USER) {
+    wrong = USER_PRIV_PARMNUM;
+  }
+  if (wrong != 0) {
+    Violation("NetUserAdd: parameter %lu is wrong", wrong);
+    if (parameter != nullptr) {
+      *parameter = wrong;
+    }
+    return ERROR_INVALID_PARAMETER;
+  }
+  return Change<NET_API_STATUS>(
+      __func__ + 4, [&] { return std::wstring(info.usri1_name); },
+      [&]() -> NET_API_STATUS {
+        if (AreaExists(UserArea(info.usri1_name))) {
+          return NERR_UserExists;
+        }
+        AddUser(info.usri1_name, info.usri1_password != nullptr ? info.usri1_password : L"", info.usri1_flags);
+        return NERR_Success;
+      });
+}
+
+SIM(NET_API_STATUS, NetUserSetInfo, LPCWSTR server, LPCWSTR name, DWORD level, LPBYTE data, LPDWORD) {
+  if (server != nullptr || name == nullptr || data == nullptr || (level != 1003 && level != 1008 && level != 1011)) {
+    Violation("NetUserSetInfo: level %lu of a user of this machine is not simulated", level);
+    return ERROR_INVALID_LEVEL;
+  }
+  if (level == 1008) {
+    CheckFlags("NetUserSetInfo", reinterpret_cast<USER_INFO_1008*>(data)->usri1008_flags);
+  }
+  return Change<NET_API_STATUS>(
+      __func__ + 4, [&] { return name + (L" " + std::to_wstring(level)); },
+      [&]() -> NET_API_STATUS {
+        std::optional<User> user = AreaExists(UserArea(name)) ? FindUser(name) : std::nullopt;
+        if (!user) {
+          return NERR_UserNotFound;
+        }
+        if (level == 1003) {
+          user->password = reinterpret_cast<USER_INFO_1003*>(data)->usri1003_password;
+          user->passwordSet = UtcTime();
+        } else if (level == 1008) {
+          user->flags = reinterpret_cast<USER_INFO_1008*>(data)->usri1008_flags | UF_NORMAL_ACCOUNT;
+        } else {
+          user->fullName = reinterpret_cast<USER_INFO_1011*>(data)->usri1011_full_name;
+        }
+        ChangeUser(*user);
+        return NERR_Success;
+      });
+}
+
+SIM(NET_API_STATUS, NetUserDel, LPCWSTR server, LPCWSTR name) {
+  if (server != nullptr || name == nullptr || *name == L'\0') {
+    Violation("NetUserDel: another machine, or no name");
+    return ERROR_INVALID_PARAMETER;
+  }
+  return Change<NET_API_STATUS>(
+      __func__ + 4, [&] { return std::wstring(name); },
+      [&]() -> NET_API_STATUS {
+        if (!AreaExists(UserArea(name))) {
+          return NERR_UserNotFound;
+        }
+        RemoveUser(name);
+        return NERR_Success;
+      });
+}
+
+SIM(NET_API_STATUS, NetLocalGroupAddMembers, LPCWSTR server, LPCWSTR group, DWORD level, LPBYTE data, DWORD count) {
+  return ForMembers(__func__ + 4, server, group, level, data, count,
+                    [](const std::wstring& area, const std::wstring& member) -> NET_API_STATUS {
+                      if (ReadText(area, member)) {
+                        return ERROR_MEMBER_IN_ALIAS;
+                      }
+                      if (!FindUser(member)) {
+                        return ERROR_NO_SUCH_MEMBER;
+                      }
+                      WriteText(area, member, L"");
+                      return NERR_Success;
+                    });
+}
+
+SIM(NET_API_STATUS, NetLocalGroupDelMembers, LPCWSTR server, LPCWSTR group, DWORD level, LPBYTE data, DWORD count) {
+  return ForMembers(__func__ + 4, server, group, level, data, count,
+                    [](const std::wstring& area, const std::wstring& member) -> NET_API_STATUS {
+                      if (!ReadText(area, member)) {
+                        return ERROR_MEMBER_NOT_IN_ALIAS;
+                      }
+                      ForgetValue(area, member);
+                      return NERR_Success;
+                    });
+}
+
+SIM(WINBOOL, LookupAccountSidW, LPCWSTR server, PSID sid, LPWSTR name, LPDWORD nameSize, LPWSTR domain,
+    LPDWORD domainSize, PSID_NAME_USE use) {
+  const std::wstring text = SidOf(sid);
+  const auto* group = std::find_if(std::begin(kGroups), std::end(kGroups),
+                                   [&text](const Group& candidate) { return candidate.sid == text; });
+  const std::optional<User> user = text.starts_with(kMachineSid) ? FindUser(text) : std::nullopt;
+  if (!user && group == std::end(kGroups)) {
+    return ::LookupAccountSidW(server, sid, name, nameSize, domain, domainSize, use);
+  }
+  if (!user && !Exists(*group)) {
+    SetLastError(ERROR_NONE_MAPPED);
+    return FALSE;
+  }
+  const std::wstring found = user ? user->name : German() ? group->german : group->english;
+  const std::wstring home = user ? ComputerName() : German() ? L"VORDEFINIERT" : L"BUILTIN";
+  const bool nameFits = CopyOut(found, name, nameSize);
+  if (!CopyOut(home, domain, domainSize) || !nameFits) {
+    SetLastError(ERROR_INSUFFICIENT_BUFFER);
+    return FALSE;
+  }
+  *use = user ? SidTypeUser : SidTypeAlias;
+  return TRUE;
+}

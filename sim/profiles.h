@@ -1,0 +1,29 @@
+// Profiles and hives of the simulated machine. A profile is a key of the profile list, a folder below C:\users and in
+// it a hive file that really loads. The area "Hives" holds the file of each hive that was loaded below HKEY_USERS; a
+// hive stays loaded when the process that loaded it ends.
+#pragma once
+
+#include "win32/winapi.h"
+
+#include <string>
+
+namespace sim {
+
+inline constexpr wchar_t kProfileListKey[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList";
+
+// The folder; empty without a profile.
+std::wstring ProfileFolder(const std::wstring& sid);
+// What Windows does at the first sign-in, CreateProfile and DeleteProfileW: Windows errors.
+DWORD MakeProfile(const std::wstring& sid, const std::wstring& user);
+DWORD RemoveProfile(const std::wstring& sid);
+// Unloads all hives and removes the profiles of all accounts that ever were: for the start of a test.
+void ForgetProfiles();
+// The next `calls` of DeleteProfileW fail with ERROR_SHARING_VIOLATION; INFINITE: all of them, 0: none.
+void KeepProfilesBusy(DWORD calls);
+
+// Below HKEY_USERS: Windows errors. No privileges are asked for.
+DWORD LoadHive(const std::wstring& name, const std::wstring& file);
+DWORD UnloadHive(const std::wstring& name);
+bool HiveLoaded(const std::wstring& name);
+
+}  // namespace sim

@@ -1,0 +1,20 @@
+#include "account/enrolment.h"
+
+#include "portal/device_token.h"
+#include "state/kiosk_state.h"
+
+namespace kiosk::account {
+namespace {
+
+win32::Lock replyLock{win32::LockRank::kLeaf};
+
+}  // namespace
+
+bool StillEnrolled(const std::string& tokenUsed) {
+  return !tokenUsed.empty() && !state::FlagIsOn(state::kTeardownPending) &&
+         portal::ReadDeviceToken().Get() == tokenUsed;
+}
+
+win32::Lock& ReplyLock() noexcept { return replyLock; }
+
+}  // namespace kiosk::account

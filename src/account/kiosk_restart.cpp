@@ -1,0 +1,89 @@
+#include "account/kiosk_restart.h"
+
+#include "log/log.h"
+#include "win32/clock.h"
+#include "win32/lock.h"
+#include "win32/privilege.h"
+#include "win32/stop.h"
+#include "win32/thread.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+
+namespace kiosk::account {
+namespace {
+
+constexpr std::uint64_t kLongestWait = 250;  // a deadline that was moved or cancelled is seen after it
+constexpr DWORD kReason = SHTDN_REASON_FLAG_PLANNED | SHTDN_REASON_MAJOR_OPERATINGSYSTEM | SHTDN_REASON_MINOR_RECONFIG;
+constexpr wchar_t kMessage[] = L"Restarting to start kiosk mode.";
+
+// Connection threads, the worker and the restart thread come here. Never held across the shutdown call or a wait.
+win32::Lock restartLock{win32::LockRank::kLeaf};
+std::uint64_t deadline = 0;  // as a tick count; 0: no restart is pending
+bool threadRuns = false;
+
+// The deadline; once there is none, or at a stop, the thread counts as gone, so that whoever sets one starts another.
+std::uint64_t DeadlineOfThread(bool stop) noexcept {
+  const win32::LockGuard guard(restartLock);
+  threadRuns = deadline != 0 && !stop;
+  return threadRuns ? deadline : 0;
+}
+
+void RunRestartThread() noexcept {
+  bool stop = false;
+  while (const std::uint64_t due = DeadlineOfThread(stop)) {
+    const std::uint64_t now = win32::TickCount();
+    if (now >= due) {
+      RestartNow("enrolled");
+    } else {
+      const auto wait = static_cast<DWORD>(std::min(due - now, kLongestWait));
+      stop = win32::WaitOrStop(nullptr, wait) == win32::WaitResult::kStop;
+    }
+  }
+}
+
+}  // namespace
+
+void ScheduleKioskRestart() {
+  const win32::LockGuard guard(restartLock);
+  deadline = win32::TickCount() + std::uint64_t{kRestartDelaySeconds} * 1000;
+  log::Log(log::kNotice, log::kKiosk, "enrolled: restarting into kiosk mode in %lld s",
+           static_cast<long long>(kRestartDelaySeconds));
+  if (threadRuns) {
+    return;
+  }
+  threadRuns = true;
+  if (!win32::StartThread(RunRestartThread, win32::kSmallStack)) {
+    log::Log(log::kError, log::kKiosk, "cannot start the restart thread (%lu)", GetLastError());
+    log::EndProcess(1);
+  }
+}
+
+bool KioskRestartPending() noexcept {
+  const win32::LockGuard guard(restartLock);
+  return deadline != 0;
+}
+
+void CancelKioskRestart() noexcept {
+  const win32::LockGuard guard(restartLock);
+  deadline = 0;
+}
+
+void RestartNow(const char* reason) {
+  {
+    const win32::LockGuard guard(restartLock);
+    if (deadline == 0) {
+      return;
+    }
+    deadline = 0;
+  }
+  log::Log(log::kNotice, log::kKiosk, "restarting into kiosk mode (%s)", reason);
+  win32::EnablePrivilege(SE_SHUTDOWN_NAME);
+  std::wstring message = kMessage;
+  if (InitiateSystemShutdownExW(nullptr, message.data(), 0, TRUE, TRUE, kReason) == 0) {
+    log::Log(log::kError, log::kKiosk, "the restart into kiosk mode could not be started (%lu)", GetLastError());
+  }
+}
+
+}  // namespace kiosk::account

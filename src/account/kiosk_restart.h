@@ -1,0 +1,21 @@
+// The restart of the computer into kiosk mode, 10 s after an enrolment that set the kiosk account up, or earlier on a
+// caller's wish.
+#pragma once
+
+namespace kiosk::account {
+
+inline constexpr int kRestartDelaySeconds = 10;
+
+// Restarts the computer in 10 s, and sees to it on a thread of its own. Called again meanwhile, it counts the 10 s anew.
+// Logged.
+void ScheduleKioskRestart();
+
+[[nodiscard]] bool KioskRestartPending() noexcept;
+
+void CancelKioskRestart() noexcept;
+
+// Restarts the computer now, with applications forced closed, if a restart is pending; does nothing otherwise.
+// A failure is logged. `reason` goes into the log.
+void RestartNow(const char* reason);
+
+}  // namespace kiosk::account

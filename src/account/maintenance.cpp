@@ -1,0 +1,141 @@
+#include "account/maintenance.h"
+
+#include "account/account_lock.h"
+#include "account/auto_logon.h"
+#include "account/enrolment.h"
+#include "account/exit_password.h"
+#include "account/kiosk_account.h"
+#include "account/kiosk_session.h"
+#include "account/unlock_token.h"
+#include "log/log.h"
+#include "portal/device_token.h"
+#include "state/kiosk_state.h"
+#include "text/secret.h"
+#include "win32/clock.h"
+#include "win32/lock.h"
+
+#include <cstdint>
+#include <set>
+#include <vector>
+
+namespace kiosk::account {
+namespace {
+
+constexpr std::uint64_t kFileTimeMillisecond = win32::kFileTimeSecond / 1000;
+
+// Sessions of people other than the kiosk account that were there during this maintenance. The control handler, connection
+// threads and the start come here.
+win32::Lock sessionsLock{win32::LockRank::kLeaf};
+
+// The caller holds sessionsLock. Never destroyed: threads may outlive main.
+std::set<DWORD>& AdministratorSessions() {
+  static auto& sessions = *new std::set<DWORD>;
+  return sessions;
+}
+
+// Empty when the caller may enter.
+std::string Admit(const std::string& password, const std::string& unlockToken, DWORD session) {
+  if (!unlockToken.empty() && CheckUnlockToken(unlockToken, session)) {
+    if (!state::TokenIsStored()) {
+      return "not_enrolled";
+    }
+    if (!IsKioskProvisioned()) {
+      return "not_provisioned";
+    }
+    log::Log(log::kNotice, log::kKiosk, "maintenance: accepted with the terminal settings unlock");
+    return {};
+  }
+  return unlockToken.empty() || !password.empty() ? VerifyExitPassword(password) : "not_unlocked";
+}
+
+// The caller holds the account lock.
+void BeginMaintenance() {
+  {
+    // Before the mark is set: from then on the control handler adds to them.
+    const win32::LockGuard guard(sessionsLock);
+    AdministratorSessions().clear();
+  }
+  const win32::LockGuard guard(AutoLogonLock());
+  state::WriteStateQword(state::kMaintenanceAt, win32::FileTimeNow());
+  // The mark comes before what it undoes: without it nobody would ever switch auto sign-in on again.
+  if (!state::WriteStateDword(state::kMaintenance, 1)) {
+    log::Log(log::kError, log::kKiosk, "maintenance: cannot be marked; auto sign-in stays on");
+    return;
+  }
+  SetAutoAdminLogon(false);
+  log::Log(log::kNotice, log::kKiosk,
+           "maintenance: auto sign-in skipped until the administrator signs out or Windows restarts");
+}
+
+}  // namespace
+
+json::Value EnterMaintenance(const std::string& password, const std::string& unlockToken, DWORD session,
+                             json::PostReplyAction& afterReply) {
+  const text::Secret token = portal::ReadDeviceToken();
+  if (const std::string code = Admit(password, unlockToken, session); !code.empty()) {
+    return json::ErrorReply(code);
+  }
+  DropUnlock();
+  const win32::LockGuard guard(AccountLock());
+  // While the portal was asked, or the lock was waited for, the terminal may have been torn down.
+  if (!StillEnrolled(token.Get())) {
+    return json::ErrorReply("not_enrolled");
+  }
+  BeginMaintenance();
+  afterReply = [] { LogOffKioskSessions(false); };
+  return json::OkReply();
+}
+
+void EndMaintenance(const char* reason) {
+  const win32::LockGuard guard(AutoLogonLock());
+  if (!state::FlagIsOn(state::kMaintenance)) {
+    return;
+  }
+  // First, so that a start of the service takes a half of this for the maintenance of an earlier boot and ends it.
+  state::DeleteStateValue(state::kMaintenanceAt);
+  // Without ownership the setting is the computer's own again: a teardown is on its way.
+  if (state::TokenIsStored() && state::ReadState(state::kOwnsAutoLogon) && !SetAutoAdminLogon(true)) {
+    return;
+  }
+  state::DeleteStateValue(state::kMaintenance);
+  log::Log(log::kNotice, log::kKiosk, "maintenance over (%s): kiosk sign-in restored", reason);
+}
+
+void EndMaintenanceOfEarlierBoot() {
+  const std::uint64_t booted = win32::FileTimeNow() - win32::TickCount() * kFileTimeMillisecond;
+  const auto stored = state::ReadState(state::kMaintenanceAt);
+  if ((stored ? stored->Qword().value_or(0) : 0) < booted) {
+    EndMaintenance("Windows restarted");
+  }
+}
+
+void RememberAdministratorSessions() {
+  if (!state::FlagIsOn(state::kMaintenance)) {
+    return;
+  }
+  const std::vector<DWORD> sessions = OtherUsersSessions();
+  const win32::LockGuard guard(sessionsLock);
+  AdministratorSessions().insert(sessions.begin(), sessions.end());
+}
+
+void OnSessionChange(DWORD event, DWORD session) {
+  if (event == WTS_SESSION_LOGOFF) {
+    OnSessionSignedOut(session);
+  }
+  if (session == 0 || !state::FlagIsOn(state::kMaintenance)) {
+    return;
+  }
+  if (event == WTS_SESSION_LOGON && !IsKioskSession(session)) {
+    const win32::LockGuard guard(sessionsLock);
+    AdministratorSessions().insert(session);
+  } else if (event == WTS_SESSION_LOGOFF) {
+    win32::LockGuard guard(sessionsLock);
+    const bool wasThere = AdministratorSessions().erase(session) != 0;
+    guard.Unlock();
+    if (wasThere) {
+      EndMaintenance("the administrator signed out");
+    }
+  }
+}
+
+}  // namespace kiosk::account

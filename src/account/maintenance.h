@@ -1,0 +1,33 @@
+// Maintenance mode: the kiosk account is signed out and does not sign in by itself, until the administrator who came in
+// between signs out or Windows restarts.
+#pragma once
+
+#include "json/reply.h"
+#include "win32/winapi.h"
+
+#include <string>
+
+namespace kiosk::account {
+
+// The command "maintenance". `unlockToken` of the caller's own session opens it without a password; otherwise the exit
+// password does. Reply: {"ok": true}, with the sign-out of the kiosk account left in `afterReply`, or an error with a code of
+// VerifyExitPassword or "not_unlocked" (a token that is not valid, and no password). Ends the unlock of the terminal
+// settings. Called without any lock; takes the account lock.
+json::Value EnterMaintenance(const std::string& password, const std::string& unlockToken, DWORD session,
+                             json::PostReplyAction& afterReply);
+
+// Nothing unless maintenance is on. `reason` goes into the log. Takes no lock but leaves and waits for nothing, since the
+// control handler calls it. When auto sign-in could not be switched on again, maintenance stays on and the next start of the
+// service ends it.
+void EndMaintenance(const char* reason);
+
+// At the start of the service, before other threads exist: maintenance does not survive a restart of Windows.
+void EndMaintenanceOfEarlierBoot();
+
+// At the start of the service: an administrator who is signed in already ends maintenance by signing out, too.
+void RememberAdministratorSessions();
+
+// A sign-in (WTS_SESSION_LOGON) or sign-out (WTS_SESSION_LOGOFF), from the control handler; other events do nothing.
+void OnSessionChange(DWORD event, DWORD session);
+
+}  // namespace kiosk::account

@@ -1,0 +1,352 @@
+#include "account/provisioning.h"
+
+#include "account/account_lock.h"
+#include "account/auto_logon.h"
+#include "account/enrolment.h"
+#include "account/kiosk_account.h"
+#include "account/kiosk_profile.h"
+#include "account/kiosk_session.h"
+#include "account/password.h"
+#include "account/winlogon.h"
+#include "lockdown/kiosk_policies.h"
+#include "log/log.h"
+#include "state/kiosk_state.h"
+#include "win32/clock.h"
+#include "win32/net_buffer.h"
+#include "win32/security.h"
+#include "win32/wide_text.h"
+
+#include <userenv.h>
+
+#include <array>
+#include <string_view>
+
+namespace kiosk::account {
+namespace {
+
+constexpr wchar_t kFullName[] = L"Norvane";
+constexpr DWORD kAccountFlags = UF_SCRIPT | UF_PASSWD_CANT_CHANGE | UF_DONT_EXPIRE_PASSWD;
+constexpr wchar_t kUsersGroup[] = L"S-1-5-32-545";
+constexpr wchar_t kProfileList[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList\\";
+constexpr wchar_t kHideFastUserSwitching[] = L"HideFastUserSwitching";
+constexpr DWORD kPathLength = 260;
+
+const std::string& AccountName() {
+  static const std::string name = win32::ToNarrow(kKioskUser);
+  return name;
+}
+
+// A failed step: its code, null while all is well, and the number that tells more.
+struct Outcome {
+  const char* code = nullptr;
+  DWORD number = 0;
+};
+constexpr Outcome kWell{};
+
+// The calls take pointers to text that they do not change.
+wchar_t* Unchanged(const wchar_t* text) { return const_cast<wchar_t*>(text); }
+
+DWORD SetUserInfo(DWORD level, void* info) {
+  return NetUserSetInfo(nullptr, kKioskUser, level, static_cast<BYTE*>(info), nullptr);
+}
+
+bool WriteMachineString(const wchar_t* key, const wchar_t* name, const std::wstring& text) {
+  return state::WriteValue(HKEY_LOCAL_MACHINE, key, name, REG_SZ, text.c_str(), state::StringBytes(text));
+}
+
+bool WriteMachineDword(const wchar_t* key, const wchar_t* name, DWORD number) {
+  return state::WriteValue(HKEY_LOCAL_MACHINE, key, name, REG_DWORD, &number, sizeof(number));
+}
+
+// Whether Windows signs somebody else in by itself, whose choice it then is.
+bool AutoLogonInUse() {
+  if (state::FlagIsOn(state::kOwnsAutoLogon)) {
+    return false;
+  }
+  const auto text = state::ReadString(kWinlogonKey, L"AutoAdminLogon");
+  const bool on = text ? *text == L"1" : state::ReadDword(kWinlogonKey, L"AutoAdminLogon") == DWORD{1};
+  const std::wstring user = state::ReadString(kWinlogonKey, L"DefaultUserName").value_or(L"");
+  return on && !user.empty() && !win32::EqualIgnoringCase(user, kKioskUser);
+}
+
+// From here on the account is this service's, whatever happens.
+bool RecordAccount(const std::wstring& sid) {
+  return state::WriteStateString(state::kAccountSid, sid) && state::DeleteStateValue(state::kAccountCreating) &&
+         state::FlushStateKey();
+}
+
+// An account that cannot be recorded would be a stranger's in the next run.
+void TakeAccountBack() {
+  const NET_API_STATUS status = NetUserDel(nullptr, kKioskUser);
+  if (status == NERR_Success || status == NERR_UserNotFound) {
+    state::DeleteStateValue(state::kAccountSid);
+    state::DeleteStateValue(state::kAccountCreating);
+  }
+}
+
+Outcome CreateAccount(const Password& password, std::wstring& sid) {
+  // Recorded first, so that an account of a run that is cut short is told from anybody else's.
+  if (!state::WriteStateQword(state::kAccountCreating, win32::FileTimeNow()) || !state::FlushStateKey()) {
+    state::DeleteStateValue(state::kAccountCreating);
+    return {"state_write_failed"};
+  }
+  USER_INFO_1 user{};
+  user.usri1_name = Unchanged(kKioskUser);
+  user.usri1_password = Unchanged(password.Get());
+  user.usri1_priv = USER_PRIV_USER;
+  user.usri1_flags = kAccountFlags;
+  const NET_API_STATUS status = NetUserAdd(nullptr, 1, reinterpret_cast<BYTE*>(&user), nullptr);
+  if (status != NERR_Success) {
+    state::DeleteStateValue(state::kAccountCreating);
+    return {"account_create_failed", status};
+  }
+  if (LookupKioskAccount(sid) != AccountLookup::kPresent) {
+    return {"account_create_failed"};
+  }
+  if (!RecordAccount(sid)) {
+    TakeAccountBack();
+    return {"state_write_failed"};
+  }
+  log::Log(log::kNotice, log::kKiosk, "created %s (%s)", AccountName().c_str(), win32::ToNarrow(sid).c_str());
+  return kWell;
+}
+
+// The record of an account that is gone also names a profile, which nobody would find without it.
+Outcome DropRecordOfVanished(const std::wstring& recorded) {
+  log::Log(log::kWarn, log::kKiosk, "the recorded kiosk account is gone; creating a new one");
+  if (!DeleteKioskProfile(recorded)) {
+    return {"profile_failed"};
+  }
+  return state::DeleteStateValue(state::kAccountSid) ? kWell : Outcome{"state_write_failed"};
+}
+
+Outcome RefreshAccount(const Password& password) {
+  USER_INFO_1003 secret{Unchanged(password.Get())};
+  if (const DWORD status = SetUserInfo(1003, &secret); status != NERR_Success) {
+    return {"account_password_failed", status};
+  }
+  USER_INFO_1008 flags{kAccountFlags};
+  if (const DWORD status = SetUserInfo(1008, &flags); status != NERR_Success) {
+    return {"account_flags_failed", status};
+  }
+  return kWell;
+}
+
+// What stands on the computer under the kiosk's name. A same-named account that this service did not make is never
+// touched.
+struct FoundAccount {
+  std::wstring sid;
+  std::wstring recorded;
+  bool present = false;
+};
+
+Outcome FindAccount(FoundAccount& found) {
+  found.recorded = state::ReadStateString(state::kAccountSid);
+  const AccountLookup lookup = LookupKioskAccount(found.sid);
+  if (lookup == AccountLookup::kFailed) {
+    return {"account_lookup_failed"};
+  }
+  found.present = lookup == AccountLookup::kPresent;
+  if (!found.present) {
+    return kWell;
+  }
+  if (!found.recorded.empty() && win32::EqualIgnoringCase(found.recorded, found.sid)) {
+    // Left of a run that ended right after it had recorded the account.
+    if (state::ReadState(state::kAccountCreating)) {
+      state::DeleteStateValue(state::kAccountCreating);
+    }
+    return kWell;
+  }
+  if (!found.recorded.empty() || !CreationWasCutShort()) {
+    return {"account_exists"};
+  }
+  return RecordAccount(found.sid) ? kWell : Outcome{"state_write_failed"};
+}
+
+Outcome MakeAccount(FoundAccount& found, const Password& password) {
+  if (found.present) {
+    return RefreshAccount(password);
+  }
+  if (!found.recorded.empty()) {
+    if (const Outcome dropped = DropRecordOfVanished(found.recorded); dropped.code != nullptr) {
+      return dropped;
+    }
+  }
+  return CreateAccount(password, found.sid);
+}
+
+bool JoinUsers(const std::wstring& sidText) {
+  const win32::LocalMemory sid = win32::ParseSid(sidText.c_str());
+  if (!sid) {
+    return false;
+  }
+  const std::wstring group = WellKnownGroupName(kUsersGroup);
+  LOCALGROUP_MEMBERS_INFO_0 member{sid.Get()};
+  const DWORD status = group.empty()
+                           ? DWORD{NERR_GroupNotFound}
+                           : NetLocalGroupAddMembers(nullptr, group.c_str(), 0, reinterpret_cast<BYTE*>(&member), 1);
+  if (status == NERR_Success || status == ERROR_MEMBER_IN_ALIAS) {
+    return true;
+  }
+  log::Log(log::kError, log::kKiosk, "cannot add %s to Users (%lu)", AccountName().c_str(), status);
+  return false;
+}
+
+std::wstring ThisComputer() {
+  std::array<wchar_t, 16> name{};
+  DWORD size = name.size();
+  return GetComputerNameW(name.data(), &size) != 0 ? std::wstring(name.data(), size) : std::wstring();
+}
+
+Outcome SetUpSignIn(const Password& password) {
+  if (!TakeOverAutoLogon()) {
+    return {"state_write_failed"};
+  }
+  // The name before the secret: it is what tells a restore that the secret is the kiosk's and has to go.
+  if (!WriteMachineString(kWinlogonKey, L"DefaultUserName", kKioskUser)) {
+    return {"winlogon_failed"};
+  }
+  if (!StoreAutoLogonSecret(password.Get(), password.Size())) {
+    return {"lsa_failed"};
+  }
+  if (!WriteMachineString(kWinlogonKey, L"DefaultDomainName", ThisComputer())) {
+    return {"winlogon_failed"};
+  }
+  RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kWinlogonKey, L"DefaultPassword");
+  RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kWinlogonKey, L"AutoLogonCount");
+  WriteMachineDword(kPasswordLessKey, L"DevicePasswordLessBuildVersion", 0);
+  WriteMachineDword(kSystemPoliciesKey, L"EnableFirstLogonAnimation", 0);
+  return kWell;
+}
+
+// A policy that stands there without the mark, whatever it says, is the administrator's.
+void HideFastUserSwitching() {
+  state::RawValue present;
+  const LSTATUS status = state::ReadValue(kSystemPoliciesKey, kHideFastUserSwitching, present);
+  const auto mark = state::ReadState(state::kOwnsHideFastUserSwitching);
+  const bool owned = mark && mark->Dword().value_or(0) != 0;
+  const bool absent = status == ERROR_FILE_NOT_FOUND;
+  if (!owned && !absent) {
+    return;
+  }
+  const bool marked = owned || (state::WriteStateDword(state::kOwnsHideFastUserSwitching, 1) && state::FlushStateKey());
+  const bool set = marked && WriteMachineDword(kSystemPoliciesKey, kHideFastUserSwitching, 1);
+  if (!set && absent) {
+    state::DeleteStateValue(state::kOwnsHideFastUserSwitching);
+  }
+}
+
+Outcome LockDown(const std::wstring& sid, const std::wstring& client) {
+  std::array<wchar_t, kPathLength> path{};
+  const HRESULT created = CreateProfile(sid.c_str(), kKioskUser, path.data(), kPathLength);
+  if (FAILED(created) && created != HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS)) {
+    return {"profile_failed", static_cast<DWORD>(created)};
+  }
+  return lockdown::WriteKioskUserPolicies(sid, client, true) ? kWell : Outcome{"hive_failed"};
+}
+
+// All steps under the locks, in order; the first failure ends them. What is done stays, and the next run does it again.
+Outcome RunSteps(const std::wstring& client) {
+  // Durably: the account's password is another store than the registry, and with the old mark a power cut could leave a
+  // terminal that counts as set up and cannot sign in.
+  if (!state::DeleteStateValue(state::kProvisioned) || !state::DeleteStateValue(state::kTeardownPending) ||
+      !state::FlushStateKey()) {
+    return {"state_write_failed"};
+  }
+  if (client.empty()) {
+    return {"no_client"};
+  }
+  FoundAccount account;
+  if (const Outcome found = FindAccount(account); found.code != nullptr) {
+    return found;
+  }
+  if (AutoLogonInUse()) {
+    return {"autologon_in_use"};
+  }
+  const Password password = GenerateKioskPassword();
+  if (password.Empty()) {
+    return {"random_failed"};
+  }
+  if (const Outcome made = MakeAccount(account, password); made.code != nullptr) {
+    return made;
+  }
+  USER_INFO_1011 fullName{Unchanged(kFullName)};
+  SetUserInfo(1011, &fullName);
+  if (!JoinUsers(account.sid)) {
+    return {"group_failed"};
+  }
+  TrimPrivilegedGroups();
+  if (const Outcome set = SetUpSignIn(password); set.code != nullptr) {
+    return set;
+  }
+  HideFastUserSwitching();
+  if (const Outcome locked = LockDown(account.sid, client); locked.code != nullptr) {
+    return locked;
+  }
+  {
+    const win32::LockGuard guard(AutoLogonLock());
+    if (!state::FlagIsOn(state::kMaintenance)) {
+      SetAutoAdminLogon(true);
+    }
+  }
+  state::RecordLastError({});
+  return state::WriteStateDword(state::kProvisioned, 1) ? kWell : Outcome{"state_write_failed"};
+}
+
+std::string Provision() {
+  const std::wstring client = state::ClientInstallFolder();
+  const Outcome outcome = RunSteps(client);
+  if (outcome.code != nullptr) {
+    log::Log(log::kError, log::kKiosk, "provisioning failed: %s (%lu)", outcome.code, outcome.number);
+    state::RecordLastError(outcome.code);
+    return outcome.code;
+  }
+  log::Log(log::kNotice, log::kKiosk,
+           "provisioned: %s signs in at startup into %s\\NorvaneTessalyClient.exe --kiosk-shell", AccountName().c_str(),
+           win32::ToNarrow(client).c_str());
+  return {};
+}
+
+// Whether there is nothing to do for now: all is set up, or was and Windows does not answer who exists. Setting up
+// again would take the mark away for the sake of a passing error.
+bool IsProvisionedOrUnknown() {
+  if (!state::FlagIsOn(state::kProvisioned)) {
+    return false;
+  }
+  std::wstring sid;
+  const AccountLookup found = LookupKioskAccount(sid);
+  return found == AccountLookup::kFailed || (found == AccountLookup::kPresent &&
+                                             win32::EqualIgnoringCase(sid, state::ReadStateString(state::kAccountSid)));
+}
+
+std::string ProvisionUnderLock(const std::string& tokenUsed, bool onlyIfNeeded) {
+  const win32::LockGuard guard(AccountLock());
+  const CrossProcessGuard others;
+  if (!others.MayGoOn()) {
+    return "state_write_failed";
+  }
+  if (!tokenUsed.empty() && !StillEnrolled(tokenUsed)) {
+    return kNoLongerEnrolled;
+  }
+  return onlyIfNeeded && IsProvisionedOrUnknown() ? std::string() : Provision();
+}
+
+}  // namespace
+
+std::string ProvisionKioskAccount(const std::string& tokenUsed) { return ProvisionUnderLock(tokenUsed, false); }
+
+std::string ProvisionIfNeeded(const std::string& tokenUsed) { return ProvisionUnderLock(tokenUsed, true); }
+
+void ApplyKioskPolicies() {
+  const win32::LockGuard guard(AccountLock());
+  std::wstring sid;
+  if (!RecordedAccountPresent(sid)) {
+    return;
+  }
+  const std::wstring client = state::ClientInstallFolder();
+  if (!client.empty() && state::ReadString((kProfileList + sid).c_str(), L"ProfileImagePath")) {
+    lockdown::WriteKioskUserPolicies(sid, client, false);
+  }
+}
+
+}  // namespace kiosk::account

@@ -1,0 +1,182 @@
+#include "account/teardown.h"
+
+#include "account/account_lock.h"
+#include "account/auto_logon.h"
+#include "account/enrolment.h"
+#include "account/kiosk_account.h"
+#include "account/kiosk_profile.h"
+#include "account/kiosk_restart.h"
+#include "account/kiosk_session.h"
+#include "account/unlock_token.h"
+#include "account/winlogon.h"
+#include "log/log.h"
+#include "portal/device_token.h"
+#include "portal/pairing_code.h"
+#include "state/kiosk_state.h"
+#include "win32/wide_text.h"
+
+#include <lm.h>
+
+namespace kiosk::account {
+namespace {
+
+const std::string& AccountName() {
+  static const std::string name = win32::ToNarrow(kKioskUser);
+  return name;
+}
+
+void MarkPending() {
+  state::WriteStateDword(state::kTeardownPending, 1);
+  state::FlushStateKey();
+}
+
+bool DeleteKioskUser() {
+  const NET_API_STATUS status = NetUserDel(nullptr, kKioskUser);
+  if (status != NERR_Success && status != NERR_UserNotFound) {
+    log::Log(log::kError, log::kKiosk, "cannot delete %s (%lu)", AccountName().c_str(), status);
+    return false;
+  }
+  log::Log(log::kNotice, log::kKiosk, "deleted %s", AccountName().c_str());
+  return true;
+}
+
+void RestoreFastUserSwitching() {
+  const auto owned = state::ReadState(state::kOwnsHideFastUserSwitching);
+  if (owned && owned->Dword().value_or(0) != 0) {
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kSystemPoliciesKey, L"HideFastUserSwitching");
+    state::DeleteStateValue(state::kOwnsHideFastUserSwitching);
+  }
+}
+
+// The account on record; failing that, one that a provisioning made and could not record any more. Empty: none.
+bool RemoveAccount() {
+  std::wstring sid = state::ReadStateString(state::kAccountSid);
+  if (sid.empty() && state::ReadState(state::kAccountCreating)) {
+    const AccountLookup found = LookupKioskAccount(sid);
+    if (found == AccountLookup::kFailed) {
+      return false;
+    }
+    if (found == AccountLookup::kPresent && !CreationWasCutShort()) {
+      return true;
+    }
+  }
+  return sid.empty() || DeleteKioskAccount(sid);
+}
+
+// The token goes last: with it the mark means that all of this is to be done again. False when it is still there.
+bool EraseEnrolment() {
+  {
+    const win32::LockGuard guard(AutoLogonLock());
+    for (const state::StateValue* value : {&state::kProvisioned, &state::kMaintenance, &state::kMaintenanceAt}) {
+      state::DeleteStateValue(*value);
+    }
+  }
+  for (const state::StateValue* value :
+       {&state::kLastError, &state::kUnknownSince, &state::kSignIn, &state::kTerminalName}) {
+    state::DeleteStateValue(*value);
+  }
+  const bool erased = state::DeleteStateValue(state::kDeviceToken);
+  state::FlushStateKey();
+  return erased;
+}
+
+void ForgetRemovedAccount() {
+  for (const state::StateValue* value : {&state::kAccountSid, &state::kAccountCreating, &state::kTeardownPending}) {
+    state::DeleteStateValue(*value);
+  }
+  state::FlushStateKey();
+}
+
+void DeleteStateKey() {
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, state::kStateKey);
+  RegDeleteKeyExW(HKEY_LOCAL_MACHINE, state::kStateKey, KEY_WOW64_64KEY, 0);
+}
+
+// The caller holds the account lock and has passed the guard between processes.
+void TearDown(bool deleteStateKey, const char* reason) {
+  MarkPending();
+  log::Log(log::kWarn, log::kKiosk, "removing kiosk mode: %s", reason);
+  CancelKioskRestart();
+  DropUnlock();
+  { const win32::LockGuard answersThatAreBeingWritten(ReplyLock()); }
+  RestoreAutoLogon();
+  RestoreFastUserSwitching();
+  const bool removed = RemoveAccount();
+  if (!EraseEnrolment()) {
+    log::Log(log::kError, log::kKiosk, "cannot delete the device token; removing kiosk mode again at the next check-in");
+    return;
+  }
+  if (!removed) {
+    MarkPending();
+    log::Log(log::kWarn, log::kKiosk,
+             "the kiosk account could not be removed yet; retrying at every start and check-in");
+    return;
+  }
+  ForgetRemovedAccount();
+  if (deleteStateKey) {
+    DeleteStateKey();
+  }
+}
+
+void ForgetPairing() {
+  const win32::LockGuard guard(portal::PairingLock());
+  portal::SetPendingPairingCode({});
+}
+
+}  // namespace
+
+bool DeleteKioskAccount(const std::wstring& recordedSid) {
+  std::wstring sid;
+  const AccountLookup found = LookupKioskAccount(sid);
+  if (found == AccountLookup::kFailed) {
+    return false;
+  }
+  const bool ours = found == AccountLookup::kPresent && win32::EqualIgnoringCase(sid, recordedSid);
+  if (found == AccountLookup::kPresent && !ours) {
+    log::Log(log::kWarn, log::kKiosk, "the local %s is not the recorded account %s; left alone", AccountName().c_str(),
+             win32::ToNarrow(recordedSid).c_str());
+  }
+  if (ours && LogOffKioskSessions(true) != 0) {
+    return false;
+  }
+  const bool profileGone = DeleteKioskProfile(recordedSid);
+  return ours ? DeleteKioskUser() && profileGone : profileGone;
+}
+
+void RemoveKioskMode(bool deleteStateKey, const char* reason, const std::string* onlyIfToken) {
+  {
+    const win32::LockGuard guard(AccountLock());
+    const CrossProcessGuard others;
+    if (!others.MayGoOn() || (onlyIfToken != nullptr && portal::ReadDeviceToken().Get() != *onlyIfToken)) {
+      return;
+    }
+    TearDown(deleteStateKey, reason);
+  }
+  ForgetPairing();
+}
+
+void FinishPendingRemoval() {
+  if (!state::ReadState(state::kTeardownPending)) {
+    return;
+  }
+  bool interrupted = false;
+  {
+    const win32::LockGuard guard(AccountLock());
+    const CrossProcessGuard others;
+    if (!others.MayGoOn() || !state::FlagIsOn(state::kTeardownPending)) {
+      return;
+    }
+    interrupted = state::TokenIsStored();
+    if (interrupted) {
+      TearDown(false, "an earlier removal was interrupted");
+    } else if (RemoveAccount()) {
+      ForgetRemovedAccount();
+      log::Log(log::kNotice, log::kKiosk, "the pending removal of %s finished", AccountName().c_str());
+    }
+  }
+  if (interrupted) {
+    ForgetPairing();
+  }
+}
+
+}  // namespace kiosk::account

@@ -1,0 +1,16 @@
+// The kiosk user sees the client program and nothing else: values in that user's own part of the registry.
+#pragma once
+
+#include <string>
+
+namespace kiosk::lockdown {
+
+// Writes the lockdown for the user of that SID, where it differs from what stands there. Works on the user's settings
+// while they are signed in; otherwise, with `loadHive`, on the file of their profile, and without it does nothing and
+// succeeds. `clientInstallDir` is the client program's folder without a trailing slash. Failures are logged.
+bool WriteKioskUserPolicies(const std::wstring& sid, const std::wstring& clientInstallDir, bool loadHive);
+
+// Unloads a profile's settings that a run cut short left loaded; as long as they are, the profile cannot be deleted.
+void UnloadLeftOverHive();
+
+}  // namespace kiosk::lockdown

@@ -1,0 +1,218 @@
+#include "lockdown/kiosk_policies.h"
+
+#include "sim/accounts.h"
+#include "sim/faults.h"
+#include "sim/profiles.h"
+#include "tests/support/fixture.h"
+#include "win32/handle.h"
+#include "win32/wide_text.h"
+
+#include <algorithm>
+#include <array>
+
+namespace kiosk::lockdown {
+namespace {
+
+constexpr wchar_t kTemporary[] = L"NorvaneKioskProvision";
+const std::wstring kClient = L"C:\\Program Files\\Zażółć gęślą";
+
+// What the kiosk user's registry holds in the end: key, value, type, data. P stands for
+// "Software\Microsoft\Windows\CurrentVersion\Policies".
+const char* const kExpected[] = {
+    (R"(Software\Microsoft\Windows NT\CurrentVersion\Winlogon|Shell|sz|)"
+     R"("C:\Program Files\Zażółć gęślą\NorvaneTessalyClient.exe" --kiosk-shell)"),
+    R"(P\System|DisableTaskMgr|dword|1)",
+    R"(P\System|DisableLockWorkstation|dword|1)",
+    R"(P\System|DisableChangePassword|dword|1)",
+    R"(P\System|Wallpaper|sz|)",
+    R"(P\System|WallpaperStyle|sz|0)",
+    R"(Control Panel\Desktop|Wallpaper|sz|)",
+    R"(Control Panel\Desktop|WallpaperStyle|sz|0)",
+    R"(Control Panel\Colors|Background|sz|0 0 0)",
+    R"(P\ActiveDesktop|NoChangingWallPaper|dword|1)",
+    R"(P\Explorer|NoRun|dword|1)",
+    R"(P\Explorer|NoControlPanel|dword|1)",
+    R"(P\Explorer|NoWinKeys|dword|1)",
+    R"(P\Explorer|NoViewContextMenu|dword|1)",
+    R"(P\Explorer|NoTrayContextMenu|dword|1)",
+    R"(P\Explorer|NoLogoff|dword|1)",
+    R"(P\Explorer|NoClose|dword|1)",
+    R"(P\Explorer|NoSetFolders|dword|1)",
+    R"(P\Explorer|NoFolderOptions|dword|1)",
+    R"(P\Explorer|NoNetHood|dword|1)",
+    R"(P\Explorer|DisallowRun|dword|1)",
+    R"(P\Explorer|NoDrives|dword|67108863)",
+    R"(P\Explorer|NoViewOnDrive|dword|67108863)",
+    R"(P\Explorer\DisallowRun|1|sz|msedge.exe)",
+    R"(P\Explorer\DisallowRun|2|sz|iexplore.exe)",
+    R"(P\Explorer\DisallowRun|3|sz|cmd.exe)",
+    R"(P\Explorer\DisallowRun|4|sz|powershell.exe)",
+    R"(P\Explorer\DisallowRun|5|sz|pwsh.exe)",
+    R"(P\Explorer\DisallowRun|6|sz|powershell_ise.exe)",
+    R"(P\Explorer\DisallowRun|7|sz|regedit.exe)",
+    R"(P\Explorer\DisallowRun|8|sz|mmc.exe)",
+    R"(P\Explorer\DisallowRun|9|sz|control.exe)",
+    R"(P\Explorer\DisallowRun|10|sz|explorer.exe)",
+    R"(P\Explorer\DisallowRun|11|sz|taskmgr.exe)",
+    R"(P\Explorer\DisallowRun|12|sz|wscript.exe)",
+    R"(P\Explorer\DisallowRun|13|sz|cscript.exe)",
+    R"(P\Explorer\DisallowRun|14|sz|mshta.exe)",
+    R"(P\Explorer\DisallowRun|15|sz|SystemSettings.exe)",
+    R"(P\System|DisableRegistryTools|dword|1)",
+    R"(P\System|HideFastUserSwitching|dword|1)",
+    R"(P\System|NoDispCPL|dword|1)",
+    R"(Software\Policies\Microsoft\Windows\System|DisableCMD|dword|1)",
+    R"(Software\Policies\Microsoft\Edge\URLBlocklist|1|sz|*)",
+    R"(Software\Policies\Microsoft\Edge|BrowserSignin|dword|0)",
+    R"(Software\Policies\Microsoft\Edge|DeveloperToolsAvailability|dword|2)",
+    R"(Software\Policies\Microsoft\Edge|DownloadRestrictions|dword|3)",
+    R"(Software\Policies\Microsoft\Edge|InPrivateModeAvailability|dword|1)",
+    R"(Software\Policies\Microsoft\Edge|HideFirstRunExperience|dword|1)",
+    R"(Control Panel\Accessibility\StickyKeys|Flags|sz|506)",
+    R"(Control Panel\Accessibility\Keyboard Response|Flags|sz|122)",
+    R"(Control Panel\Accessibility\ToggleKeys|Flags|sz|58)",
+    R"(Software\Policies\Microsoft\Windows\RemovableStorageDevices|Deny_All|dword|1)",
+};
+
+std::vector<std::string> Expected() {
+  std::vector<std::string> lines(std::begin(kExpected), std::end(kExpected));
+  for (std::string& line : lines) {
+    if (line.starts_with("P\\")) {
+      line.replace(0, 1, "Software\\Microsoft\\Windows\\CurrentVersion\\Policies");
+    }
+  }
+  std::sort(lines.begin(), lines.end());
+  return lines;
+}
+
+std::string Line(const std::wstring& path, const wchar_t* name, const state::RawValue& value) {
+  const std::string begin = win32::ToNarrow(path) + "|" + win32::ToNarrow(name) + "|";
+  if (value.type == REG_DWORD) {
+    return begin + "dword|" + std::to_string(value.Dword().value_or(0));
+  }
+  const std::wstring text = value.Text().value_or(L"?");
+  EXPECT_EQ(value.bytes.size(), state::StringBytes(text)) << begin;
+  return begin + (value.type == REG_SZ ? "sz|" : "other|") + win32::ToNarrow(text);
+}
+
+// Every value with a name below HKEY_USERS\<hive>.
+void Collect(const std::wstring& hive, const std::wstring& path, std::vector<std::string>& lines) {
+  win32::RegistryKey key;
+  if (RegOpenKeyExW(HKEY_USERS, (hive + path).c_str(), 0, KEY_READ, key.Put()) != ERROR_SUCCESS) {
+    return;
+  }
+  std::array<wchar_t, 256> name{};
+  DWORD size = name.size();
+  for (DWORD i = 0; RegEnumValueW(key.Get(), i, name.data(), &size, nullptr, nullptr, nullptr, nullptr) == 0; ++i) {
+    state::RawValue value;
+    EXPECT_EQ(state::ReadRaw(key.Get(), name.data(), value), ERROR_SUCCESS);
+    if (name[0] != L'\0') {
+      lines.push_back(Line(path.empty() ? path : path.substr(1), name.data(), value));
+    }
+    size = name.size();
+  }
+  for (DWORD i = 0; RegEnumKeyW(key.Get(), i, name.data(), name.size()) == 0; ++i) {
+    Collect(hive, path + L"\\" + name.data(), lines);
+  }
+}
+
+std::vector<std::string> Values(const std::wstring& hive) {
+  std::vector<std::string> lines;
+  Collect(hive, L"", lines);
+  std::sort(lines.begin(), lines.end());
+  return lines;
+}
+
+class LockdownTest : public test::CleanMachine {
+ protected:
+  void SetUp() override {
+    CleanMachine::SetUp();
+    sid_ = sim::AddUser(L"NorvaneKiosk");
+    sim::RemoveProfile(sid_);
+    ASSERT_EQ(sim::MakeProfile(sid_, L"NorvaneKiosk"), DWORD{ERROR_SUCCESS});
+    file_ = sim::ProfileFolder(sid_) + L"\\NTUSER.DAT";
+  }
+  void TearDown() override {
+    sim::UnloadHive(sid_);
+    sim::UnloadHive(kTemporary);
+    sim::RemoveProfile(sid_);
+  }
+  // What stands in the profile's file.
+  std::vector<std::string> Stored() {
+    EXPECT_FALSE(sim::HiveLoaded(kTemporary)) << "left loaded";
+    EXPECT_EQ(sim::LoadHive(kTemporary, file_), DWORD{ERROR_SUCCESS});
+    std::vector<std::string> values = Values(kTemporary);
+    EXPECT_EQ(sim::UnloadHive(kTemporary), DWORD{ERROR_SUCCESS});
+    return values;
+  }
+
+  std::wstring sid_;
+  std::wstring file_;
+};
+
+TEST_F(LockdownTest, TheProfileHoldsExactlyTheseValues) {
+  ASSERT_EQ(std::size(kExpected), 52U);
+  EXPECT_TRUE(WriteKioskUserPolicies(sid_, kClient, true));
+  EXPECT_EQ(Stored(), Expected());
+  EXPECT_TRUE(test::LogTexts().empty());
+  const sim::FaultPass pass;
+  EXPECT_TRUE(WriteKioskUserPolicies(sid_, kClient, true));
+  EXPECT_EQ(pass.Count(), 3) << "values were written again";
+}
+
+TEST_F(LockdownTest, ASignedInUserIsChangedInPlace) {
+  EXPECT_TRUE(WriteKioskUserPolicies(sid_, kClient, false));
+  EXPECT_TRUE(Stored().empty()) << "written for a user who is not signed in";
+  ASSERT_EQ(sim::LoadHive(sid_, file_), DWORD{ERROR_SUCCESS});
+  // A value of the user's own, of another type.
+  const std::wstring desktop = sid_ + L"\\Control Panel\\Desktop";
+  const DWORD number = 7;
+  RegSetKeyValueW(HKEY_USERS, desktop.c_str(), L"Wallpaper", REG_DWORD, &number, sizeof(number));
+  EXPECT_TRUE(WriteKioskUserPolicies(sid_, kClient, false));
+  EXPECT_EQ(Values(sid_), Expected());
+  RegSetKeyValueW(HKEY_USERS, desktop.c_str(), L"Wallpaper", REG_SZ, L"x", 4);
+  {
+    const sim::FaultPass pass;
+    EXPECT_TRUE(WriteKioskUserPolicies(sid_, kClient, true));
+    EXPECT_EQ(pass.Count(), 1) << "more than the one value that differs was written, or a hive loaded";
+  }
+  EXPECT_EQ(Values(sid_), Expected());
+}
+
+TEST_F(LockdownTest, ALeftOverHiveIsUnloadedFirst) {
+  ASSERT_EQ(sim::LoadHive(kTemporary, file_), DWORD{ERROR_SUCCESS});
+  EXPECT_TRUE(WriteKioskUserPolicies(sid_, kClient, true));
+  EXPECT_EQ(Stored(), Expected());
+}
+
+TEST_F(LockdownTest, FailuresAreToldAndStopWhereTheyShould) {
+  EXPECT_FALSE(WriteKioskUserPolicies(L"S-1-5-21-1-2-3-4", kClient, true));
+  // The calls are: unload, load, the shell and nine more, 42 policies, unload.
+  struct {
+    int failing;
+    std::size_t written;
+    const char* line;
+  } const cases[] = {{2, 0, "ERROR cannot load the kiosk hive (5)"},
+                     {7, 4, "ERROR cannot write the kiosk user's settings"},
+                     {14, 51, "ERROR cannot write the kiosk user's settings"},
+                     {55, 52, "ERROR cannot unload the kiosk hive (5)"}};
+  std::vector<std::string> logged = {"ERROR no profile path for S-1-5-21-1-2-3-4"};
+  for (const auto& failure : cases) {
+    {
+      const sim::FaultPass pass(sim::FaultKind::kFail, failure.failing);
+      EXPECT_EQ(WriteKioskUserPolicies(sid_, kClient, true), failure.failing == 55) << failure.line;
+    }
+    sim::UnloadHive(kTemporary);
+    EXPECT_EQ(Stored().size(), failure.written) << failure.line;
+    logged.emplace_back(failure.line);
+    // Empty again for the next case.
+    if (failure.failing != 55) {
+      ASSERT_EQ(sim::RemoveProfile(sid_), DWORD{ERROR_SUCCESS});
+      ASSERT_EQ(sim::MakeProfile(sid_, L"NorvaneKiosk"), DWORD{ERROR_SUCCESS});
+    }
+  }
+  EXPECT_EQ(test::LogTexts(), logged);
+}
+
+}  // namespace
+}  // namespace kiosk::lockdown

@@ -1,0 +1,435 @@
+#include "account/provisioning.h"
+
+#include "account/auto_logon.h"
+#include "account/kiosk_account.h"
+#include "account/winlogon.h"
+#include "portal/device_token.h"
+#include "sim/accounts.h"
+#include "sim/clock.h"
+#include "sim/fault_driver.h"
+#include "sim/lsa.h"
+#include "sim/profiles.h"
+#include "sim/random.h"
+#include "state/kiosk_state.h"
+#include "tests/support/fixture.h"
+
+#include <algorithm>
+
+namespace kiosk::account {
+namespace {
+
+using test::CountLogged;
+using test::HasValue;
+using test::SetDword;
+using test::SetString;
+
+constexpr wchar_t kUpdateKey[] = L"SOFTWARE\\Norvane\\Tessaly\\Update";
+constexpr wchar_t kUsers[] = L"S-1-5-32-545";
+constexpr wchar_t kHide[] = L"HideFastUserSwitching";
+
+std::wstring Winlogon(const wchar_t* name) { return state::ReadString(kWinlogonKey, name).value_or(L"(none)"); }
+std::wstring Sid() { return sim::FindUser(L"NorvaneKiosk").value_or(sim::User()).sid; }
+
+void RemoveProfiles() {
+  sim::KeepProfilesBusy(0);
+  sim::UnloadHive(L"NorvaneKioskProvision");
+  for (const wchar_t* name : {L"NorvaneKiosk", L"Other"}) {
+    if (const auto user = sim::FindUser(name)) {
+      sim::UnloadHive(user->sid);
+      sim::RemoveProfile(user->sid);
+    }
+  }
+  test::RemoveTree(L"C:\\users\\NorvaneKiosk");
+}
+
+// An enrolled computer that nobody has used for automatic sign-in, but whose sign-in names its last user.
+void PrepareComputer() {
+  RemoveProfiles();
+  for (const wchar_t* key : {L"SOFTWARE\\Norvane", sim::kMachineKey, kPasswordLessKey}) {
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, key);
+  }
+  for (const wchar_t* name : {L"AutoAdminLogon", L"DefaultPassword", L"DefaultDomainName"}) {
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kWinlogonKey, name);
+  }
+  for (const wchar_t* name : {kHide, L"EnableFirstLogonAnimation"}) {
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kSystemPoliciesKey, name);
+  }
+  ASSERT_EQ(state::ProtectStateKey().what, nullptr);
+  SetString(kUpdateKey, L"ClientInstallDir", L"C:\\Program Files\\Łódź\\");
+  SetString(kWinlogonKey, L"DefaultUserName", L"Operator");
+  SetString(kWinlogonKey, L"AutoLogonCount", L"7");
+}
+
+class ProvisioningTest : public test::CleanMachine {
+ protected:
+  void SetUp() override {
+    CleanMachine::SetUp();
+    PrepareComputer();
+  }
+  void TearDown() override {
+    RemoveProfiles();
+    EXPECT_EQ(sim::OpenNetBuffers(), 0);
+    EXPECT_EQ(sim::OpenLsaObjects(), 0);
+  }
+
+  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
+};
+
+bool InGroup(const wchar_t* group, const std::wstring& sid) {
+  const std::vector<std::wstring> members = sim::GroupMembers(group);
+  return std::find(members.begin(), members.end(), sid) != members.end();
+}
+
+// What the computer must have when it counts as provisioned. Settings whose failure is let pass are left out: the full
+// name, the privileged groups, the two settings of the first sign-in, fast user switching, the switch itself, and the
+// unloading of the hive.
+void ExpectKiosk() {
+  const auto user = sim::FindUser(L"NorvaneKiosk");
+  ASSERT_TRUE(user);
+  EXPECT_EQ(state::ReadStateString(state::kAccountSid), user->sid);
+  EXPECT_EQ(user->flags & 0x10041U, 0x10041U);
+  EXPECT_EQ(user->password.size(), 32U);
+  EXPECT_EQ(sim::Secret(L"DefaultPassword"), user->password);
+  EXPECT_TRUE(InGroup(kUsers, user->sid));
+  EXPECT_EQ(Winlogon(L"DefaultUserName"), L"NorvaneKiosk");
+  EXPECT_EQ(Winlogon(L"DefaultDomainName"), sim::ComputerName());
+  EXPECT_TRUE(state::FlagIsOn(state::kOwnsAutoLogon));
+  EXPECT_EQ(state::ReadStateString(state::kPriorDefaultUserName), L"Operator");
+  EXPECT_EQ(state::ReadStateString(state::kPriorAutoLogonCount), L"7");
+  EXPECT_FALSE(HasValue(state::kStateKey, L"AccountCreating"));
+  EXPECT_FALSE(sim::ProfileFolder(user->sid).empty());
+}
+
+TEST_F(ProvisioningTest, SetsEverythingUpAndTwiceChangesNothingButThePassword) {
+  SetDword(state::kStateKey, L"TeardownPending", 1);
+  SetString(state::kStateKey, L"LastError", L"old");
+  SetString(kWinlogonKey, L"DefaultPassword", L"clear text");
+  {
+    const sim::FaultPass pass;
+    EXPECT_EQ(ProvisionKioskAccount({}), "");
+    for (const wchar_t* name : {L"AccountSid", L"AccountCreating", L"OwnsAutoLogon", L"OwnsHideFastUserSwitching"}) {
+      EXPECT_TRUE(pass.Flushed(name)) << sim::Narrow(name);
+    }
+    // Marks before what they own; the secret after the name; "Provisioned" last.
+    const char* const order[] = {"AccountCreating)",
+                                 "NetUserAdd(",
+                                 "AccountSid)",
+                                 "\\OwnsAutoLogon)",
+                                 "\\DefaultUserName)",
+                                 "LsaStorePrivateData(",
+                                 "\\OwnsHideFastUserSwitching)",
+                                 "System\\HideFastUserSwitching)",
+                                 "CreateProfile(",
+                                 "\\AutoAdminLogon)"};
+    std::size_t at = 0;
+    for (const sim::ChangeCall& call : pass.Calls()) {
+      at += at < std::size(order) && call.Text().find(order[at]) != std::string::npos ? 1 : 0;
+    }
+    EXPECT_EQ(at, std::size(order)) << order[std::min(at, std::size(order) - 1)];
+    EXPECT_TRUE(pass.Calls().back().object.ends_with(L"\\Provisioned"));
+  }
+  ExpectKiosk();
+  const sim::User first = *sim::FindUser(L"NorvaneKiosk");
+  EXPECT_EQ(first.fullName, L"Norvane");
+  EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"1");
+  EXPECT_FALSE(HasValue(kWinlogonKey, L"DefaultPassword") || HasValue(kWinlogonKey, L"AutoLogonCount"));
+  EXPECT_EQ(state::ReadStateString(state::kPriorDefaultPassword), L"clear text");
+  EXPECT_EQ(state::ReadDword(kPasswordLessKey, L"DevicePasswordLessBuildVersion"), DWORD{0});
+  EXPECT_EQ(state::ReadDword(kSystemPoliciesKey, L"EnableFirstLogonAnimation"), DWORD{0});
+  EXPECT_EQ(state::ReadDword(kSystemPoliciesKey, kHide), DWORD{1});
+  EXPECT_TRUE(state::FlagIsOn(state::kOwnsHideFastUserSwitching));
+  EXPECT_FALSE(HasValue(state::kStateKey, L"TeardownPending") || HasValue(state::kStateKey, L"LastError"));
+  EXPECT_TRUE(IsKioskProvisioned());
+  EXPECT_EQ(test::LogTexts(),
+            (std::vector<std::string>{"INFO created NorvaneKiosk (" + sim::Narrow(first.sid) + ")",
+                                      "INFO provisioned: NorvaneKiosk signs in at startup into "
+                                      "C:\\Program Files\\Łódź\\NorvaneTessalyClient.exe --kiosk-shell"}));
+  EXPECT_EQ(ProvisionKioskAccount({}), "");
+  ExpectKiosk();
+  EXPECT_EQ(Sid(), first.sid);
+  EXPECT_NE(sim::AccountPassword(L"NorvaneKiosk"), first.password);
+}
+
+// The k-th call of this text.
+int PointOf(const std::string& text) {
+  const sim::FaultPass pass;
+  ProvisionKioskAccount({});
+  for (int i = 0; i < pass.Count(); ++i) {
+    if (pass.Calls()[static_cast<std::size_t>(i)].Text().find(text) != std::string::npos) {
+      return i + 1;
+    }
+  }
+  ADD_FAILURE() << text;
+  return 0;
+}
+
+TEST_F(ProvisioningTest, EachFailureHasItsCodeAndIsOverWhenItsCauseIs) {
+  struct {
+    const char* call;  // that fails
+    bool secondRun;    // after a successful one
+    const char* code;
+    unsigned long number;
+  } const cases[] = {
+      {"NetUserAdd(", false, "account_create_failed", 5},
+      {"\\AccountCreating)", false, "state_write_failed", 0},
+      {"RegSetValueExW(HKLM\\Software\\Norvane\\Tessaly\\Kiosk\\AccountSid)", false, "state_write_failed", 0},
+      {"NetUserSetInfo(NorvaneKiosk 1003)", true, "account_password_failed", 5},
+      {"NetUserSetInfo(NorvaneKiosk 1008)", true, "account_flags_failed", 5},
+      {"NetLocalGroupAddMembers(", false, "group_failed", 0},
+      {"\\PriorDefaultUserName)", false, "state_write_failed", 0},
+      {"LsaStorePrivateData(", false, "lsa_failed", 0},
+      {"RegSetValueExW(HKLM\\Software\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon\\DefaultUserName)", true,
+       "winlogon_failed", 0},
+      {"\\DefaultDomainName)", true, "winlogon_failed", 0},
+      {"CreateProfile(", false, "profile_failed", 0x80070005},
+      {"RegLoadKeyW(", false, "hive_failed", 0},
+      {"\\Kiosk\\Provisioned)", true, "state_write_failed", 0},
+  };
+  for (const auto& failure : cases) {
+    SCOPED_TRACE(failure.call);
+    PrepareComputer();
+    if (failure.secondRun) {
+      EXPECT_EQ(ProvisionKioskAccount({}), "");
+    }
+    const int point = PointOf(failure.call);
+    PrepareComputer();
+    if (failure.secondRun) {
+      EXPECT_EQ(ProvisionKioskAccount({}), "");
+    }
+    const std::string line =
+        std::string("ERROR provisioning failed: ") + failure.code + " (" + std::to_string(failure.number) + ")";
+    const int logged = CountLogged(line);
+    {
+      const sim::FaultPass pass(sim::FaultKind::kFail, point);
+      EXPECT_EQ(ProvisionKioskAccount({}), failure.code);
+    }
+    EXPECT_EQ(CountLogged(line), logged + 1);
+    EXPECT_EQ(state::ReadStateString(state::kLastError),
+              std::wstring(failure.code, failure.code + strlen(failure.code)));
+    const bool markKept = std::string_view(failure.call).find("Provisioned") != std::string_view::npos;
+    EXPECT_EQ(state::FlagIsOn(state::kProvisioned), markKept);
+    EXPECT_LE(sim::UserNames().size(), 1U);
+    EXPECT_EQ(ProvisionKioskAccount({}), "");
+    ExpectKiosk();
+    EXPECT_FALSE(HasValue(state::kStateKey, L"LastError"));
+  }
+}
+
+TEST_F(ProvisioningTest, RefusesWithoutTouchingAnything) {
+  const auto expect = [](const char* code) {
+    const std::wstring user = Winlogon(L"DefaultUserName");
+    EXPECT_EQ(ProvisionKioskAccount({}), code);
+    EXPECT_EQ(Winlogon(L"DefaultUserName"), user);
+    EXPECT_FALSE(HasValue(state::kStateKey, L"OwnsAutoLogon") || HasValue(state::kStateKey, L"AccountSid") ||
+                 HasValue(state::kStateKey, L"AccountCreating"));
+    EXPECT_EQ(CountLogged(std::string("ERROR provisioning failed: ") + code + " (0)"), 1);
+  };
+  SetString(kUpdateKey, L"ClientInstallDir", L"\\\\");
+  expect("no_client");
+  SetString(kUpdateKey, L"ClientInstallDir", L"C:\\Client");
+  sim::FailAccountLookups(1722);
+  expect("account_lookup_failed");
+  EXPECT_EQ(CountLogged("ERROR NetUserGetInfo(NorvaneKiosk) failed (1722)"), 1);
+  sim::FailAccountLookups(0);
+  {
+    const sim::RandomScript refusing([](unsigned char*, std::size_t) { return false; });
+    expect("random_failed");
+  }
+  EXPECT_TRUE(sim::UserNames().empty());
+  const std::wstring foreign = sim::AddUser(L"norvanekiosk", L"theirs", 1);
+  expect("account_exists");
+  EXPECT_EQ(sim::AccountPassword(L"norvanekiosk"), L"theirs");
+  EXPECT_EQ(Sid(), foreign);
+}
+
+TEST_F(ProvisioningTest, SomebodyElsesAutoSignInIsRespected) {
+  struct {
+    DWORD type;
+    const wchar_t* switchedOn;
+    const wchar_t* user;
+    const char* code;
+  } const cases[] = {{REG_SZ, L"1", L"Operator", "autologon_in_use"},
+                     {REG_EXPAND_SZ, L"1", L"Operator", "autologon_in_use"},
+                     {REG_DWORD, L"\x1", L"Operator", "autologon_in_use"},
+                     {REG_SZ, L"01", L"Operator", ""},
+                     {REG_DWORD, L"\x2", L"Operator", ""},
+                     {REG_SZ, L"1", L"NORVANEKIOSK", ""},
+                     {REG_SZ, L"1", L"", ""}};
+  for (const auto& use : cases) {
+    SCOPED_TRACE(testing::Message() << use.type << " " << sim::Narrow(use.switchedOn) << " " << sim::Narrow(use.user));
+    PrepareComputer();
+    test::SetRaw(kWinlogonKey, L"AutoAdminLogon", use.type, use.switchedOn,
+                 use.type == REG_DWORD ? 4 : state::StringBytes(use.switchedOn));
+    SetString(kWinlogonKey, L"DefaultUserName", use.user);
+    EXPECT_EQ(ProvisionKioskAccount({}), use.code);
+    SetString(kWinlogonKey, L"DefaultUserName", L"Operator");
+    SetString(kWinlogonKey, L"AutoAdminLogon", L"1");
+    EXPECT_EQ(ProvisionKioskAccount({}), use.code) << "though it is the service's own";
+  }
+}
+
+TEST_F(ProvisioningTest, AnAccountOfARunCutShortIsTheServicesOwn) {
+  struct {
+    int createdAfter;  // seconds after the recorded time; -1000: nothing is recorded
+    bool signedIn;
+    bool adopted;
+  } const cases[] = {{0, false, true}, {60, false, true}, {-60, false, false}, {5, true, false}, {-1000, false, false}};
+  for (const auto& found : cases) {
+    SCOPED_TRACE(testing::Message() << found.createdAfter << found.signedIn);
+    PrepareComputer();
+    const std::wstring sid = sim::AddUser(L"NorvaneKiosk", L"before", 1);
+    sim::User user = *sim::FindUser(sid);
+    user.lastLogon = found.signedIn ? user.created : 0;
+    sim::ChangeUser(user);
+    const std::uint64_t recorded =
+        user.created - static_cast<std::uint64_t>(std::int64_t{found.createdAfter} * 10'000'000);
+    if (found.createdAfter != -1000) {
+      test::SetRaw(state::kStateKey, L"AccountCreating", REG_QWORD, &recorded, sizeof(recorded));
+    }
+    clock_.RunFor(30'000);
+    EXPECT_EQ(CreationWasCutShort(), found.adopted);
+    EXPECT_EQ(ProvisionKioskAccount({}), found.adopted ? "" : "account_exists");
+    EXPECT_EQ(sim::AccountPassword(L"NorvaneKiosk") == L"before", !found.adopted);
+    if (found.adopted) {
+      ExpectKiosk();
+      EXPECT_EQ(Sid(), sid);
+    }
+  }
+}
+
+TEST_F(ProvisioningTest, AVanishedAccountIsReplacedAndItsProfileDeleted) {
+  EXPECT_EQ(ProvisionKioskAccount({}), "");
+  const std::wstring old = Sid();
+  sim::RemoveUser(L"NorvaneKiosk");
+  sim::KeepProfilesBusy(INFINITE);
+  EXPECT_EQ(ProvisionKioskAccount({}), "profile_failed");
+  EXPECT_EQ(state::ReadStateString(state::kAccountSid), old) << "its profile would never be found again";
+  sim::KeepProfilesBusy(3);
+  EXPECT_EQ(ProvisionKioskAccount({}), "");
+  EXPECT_EQ(CountLogged("WARN the recorded kiosk account is gone; creating a new one"), 2);
+  ExpectKiosk();
+  EXPECT_NE(Sid(), old);
+  EXPECT_TRUE(sim::ProfileFolder(old).empty());
+}
+
+TEST_F(ProvisioningTest, WhatIsAnAdministratorsStaysTheirs) {
+  for (const DWORD type : {DWORD{REG_DWORD}, DWORD{REG_SZ}}) {
+    PrepareComputer();
+    const DWORD zero = 0;
+    test::SetRaw(kSystemPoliciesKey, kHide, type, &zero, sizeof(zero));
+    EXPECT_EQ(ProvisionKioskAccount({}), "");
+    EXPECT_FALSE(HasValue(state::kStateKey, L"OwnsHideFastUserSwitching"));
+    state::RawValue left;
+    EXPECT_EQ(state::ReadValue(kSystemPoliciesKey, kHide, left), ERROR_SUCCESS);
+    EXPECT_TRUE(left.type == type && left.bytes == std::vector<std::uint8_t>(4));
+  }
+  SetDword(state::kStateKey, L"Maintenance", 1);
+  SetString(kWinlogonKey, L"AutoAdminLogon", L"0");
+  EXPECT_EQ(ProvisionKioskAccount({}), "");
+  EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"0");
+}
+
+TEST_F(ProvisioningTest, GroupsAreFoundInEveryLanguage) {
+  sim::SetGroupLanguage(L"de");
+  EXPECT_EQ(WellKnownGroupName(kUsers), L"Benutzer");
+  EXPECT_EQ(WellKnownGroupName(L"no SID"), L"");
+  EXPECT_EQ(ProvisionKioskAccount({}), "");
+  const wchar_t* const groups[] = {L"S-1-5-32-544", L"S-1-5-32-547", L"S-1-5-32-555",
+                                   L"S-1-5-32-551", L"S-1-5-32-556", L"S-1-5-32-578"};
+  const std::wstring other = sim::AddUser(L"Other");
+  for (const wchar_t* group : groups) {
+    sim::AddToGroup(group, Sid());
+    sim::AddToGroup(group, other);
+  }
+  {
+    const sim::FaultPass pass(sim::FaultKind::kFail, 3);
+    TrimPrivilegedGroups();
+    EXPECT_EQ(pass.Count(), 6);
+  }
+  for (const wchar_t* group : groups) {
+    EXPECT_EQ(InGroup(group, Sid()), group == groups[2]);
+    EXPECT_TRUE(InGroup(group, other));
+  }
+  const std::vector<std::string> texts = test::LogTexts();
+  EXPECT_EQ(std::vector<std::string>(texts.end() - 6, texts.end()),
+            (std::vector<std::string>{"WARN removed NorvaneKiosk from Administratoren",
+                                      "WARN removed NorvaneKiosk from Hauptbenutzer",
+                                      "ERROR cannot check Remotedesktopbenutzer membership (5)",
+                                      "WARN removed NorvaneKiosk from Sicherungs-Operatoren",
+                                      "WARN removed NorvaneKiosk from Netzwerkkonfigurations-Operatoren",
+                                      "WARN removed NorvaneKiosk from Hyper-V-Administratoren"}));
+}
+
+TEST_F(ProvisioningTest, OnlyForTheEnrolmentThatAskedForItAndOnlyWhenNeeded) {
+  ASSERT_TRUE(portal::StoreDeviceToken("new"));
+  EXPECT_EQ(ProvisionKioskAccount("old"), kNoLongerEnrolled);
+  EXPECT_TRUE(sim::UserNames().empty());
+  EXPECT_EQ(ProvisionIfNeeded("new"), "");
+  ExpectKiosk();
+  const std::wstring password = sim::AccountPassword(L"NorvaneKiosk");
+  EXPECT_EQ(ProvisionIfNeeded("new"), "");
+  sim::FailAccountLookups(1722);
+  EXPECT_EQ(ProvisionIfNeeded("new"), "");
+  EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
+  sim::FailAccountLookups(0);
+  EXPECT_EQ(sim::AccountPassword(L"NorvaneKiosk"), password) << "set up again without need";
+  sim::RemoveUser(L"NorvaneKiosk");
+  EXPECT_EQ(ProvisionIfNeeded("new"), "");
+  ExpectKiosk();
+}
+
+TEST_F(ProvisioningTest, PoliciesAreAppliedAgainOnlyWhileTheUserIsSignedIn) {
+  EXPECT_EQ(ProvisionKioskAccount({}), "");
+  const std::wstring key = Sid() + L"\\Control Panel\\Colors";
+  ApplyKioskPolicies();
+  ASSERT_EQ(sim::LoadHive(Sid(), sim::ProfileFolder(Sid()) + L"\\NTUSER.DAT"), DWORD{ERROR_SUCCESS});
+  RegDeleteKeyValueW(HKEY_USERS, key.c_str(), L"Background");
+  ApplyKioskPolicies();
+  wchar_t text[16] = L"";
+  DWORD size = sizeof(text);
+  EXPECT_EQ(RegGetValueW(HKEY_USERS, key.c_str(), L"Background", RRF_RT_REG_SZ, nullptr, text, &size), ERROR_SUCCESS);
+  EXPECT_STREQ(text, L"0 0 0");
+  const sim::FaultPass pass;
+  ApplyKioskPolicies();
+  EXPECT_EQ(pass.Count(), 0) << "a steady terminal writes nothing";
+}
+
+// Whatever fails, and whenever it ends: a terminal that counts as provisioned is; another run ends well with one
+// account, and the computer's own settings are the ones that were saved.
+class ProvisioningFaults : public testing::TestWithParam<int> {};
+
+constexpr int kParts = 6;
+INSTANTIATE_TEST_SUITE_P(Part, ProvisioningFaults, testing::Range(0, kParts));
+
+TEST_P(ProvisioningFaults, AnyRunCanBeTheLastButOne) {
+  sim::RunFaultScenario({.name = L"provision",
+                         .prepare =
+                             [] {
+                               PrepareComputer();
+                               sim::SetSecret(L"DefaultPassword", L"theirs");
+                             },
+                         .run = [] { ProvisionKioskAccount({}); },
+                         .later =
+                             [] {
+                               if (state::FlagIsOn(state::kProvisioned)) {
+                                 ExpectKiosk();
+                               }
+                               EXPECT_LE(sim::UserNames().size(), 1U);
+                               EXPECT_EQ(ProvisionKioskAccount({}), "");
+                               ExpectKiosk();
+                               EXPECT_EQ(sim::UserNames().size(), 1U);
+                               EXPECT_FALSE(sim::HiveLoaded(L"NorvaneKioskProvision"));
+                               EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"1");
+                               EXPECT_TRUE(state::FlagIsOn(state::kOwnsHideFastUserSwitching));
+                               RestoreAutoLogon();
+                               EXPECT_EQ(Winlogon(L"DefaultUserName"), L"Operator");
+                               EXPECT_EQ(Winlogon(L"AutoLogonCount"), L"7");
+                               EXPECT_FALSE(HasValue(kWinlogonKey, L"AutoAdminLogon") ||
+                                            HasValue(kWinlogonKey, L"DefaultDomainName"));
+                             },
+                         .part = GetParam(),
+                         .parts = kParts});
+}
+
+}  // namespace
+}  // namespace kiosk::account

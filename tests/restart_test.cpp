@@ -1,0 +1,71 @@
+// The restart into kiosk mode, in virtual time.
+#include "account/kiosk_restart.h"
+
+#include "sim/clock.h"
+#include "sim/faults.h"
+#include "sim/shutdown.h"
+#include "tests/support/fixture.h"
+#include "win32/stop.h"
+
+namespace kiosk::account {
+namespace {
+
+class RestartTest : public test::CleanMachine {
+ protected:
+  static constexpr char kRestarting[] = "INFO restarting into kiosk mode (enrolled)";
+  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
+};
+
+TEST_F(RestartTest, TwoEnrolmentsRestartOnceTenSecondsAfterTheLater) {
+  ScheduleKioskRestart();
+  clock_.At(4'000, ScheduleKioskRestart);
+  clock_.RunUntil(13'999);
+  EXPECT_TRUE(KioskRestartPending());
+  EXPECT_FALSE(sim::PendingShutdown());
+  clock_.RunUntil(14'250);
+  EXPECT_FALSE(KioskRestartPending());
+  const auto request = sim::PendingShutdown();
+  ASSERT_TRUE(request);
+  EXPECT_EQ(request->message, L"Restarting to start kiosk mode.");
+  EXPECT_EQ(request->timeout, 0U);
+  EXPECT_TRUE(request->forceAppsClosed);
+  EXPECT_TRUE(request->restart);
+  EXPECT_EQ(request->reason, 0x80020004U);
+  EXPECT_EQ(test::LogTexts(), (std::vector<std::string>{"INFO enrolled: restarting into kiosk mode in 10 s",
+                                                        "INFO enrolled: restarting into kiosk mode in 10 s", kRestarting}));
+}
+
+TEST_F(RestartTest, CancelledOneNeverComesAndTheNextOneDoes) {
+  ScheduleKioskRestart();
+  clock_.At(9'000, CancelKioskRestart);
+  clock_.RunUntil(60'000);
+  RestartNow("nobody asked");
+  EXPECT_FALSE(sim::PendingShutdown());
+  EXPECT_EQ(test::LogTexts().size(), 1U);
+  ScheduleKioskRestart();
+  clock_.RunUntil(70'250);
+  EXPECT_TRUE(sim::PendingShutdown());
+}
+
+TEST_F(RestartTest, EarlyOneComesOnceAndAFailureIsLogged) {
+  ScheduleKioskRestart();
+  {
+    const sim::FaultPass pass(sim::FaultKind::kFail, 1, ERROR_ACCESS_DENIED);
+    RestartNow("on request");
+  }
+  EXPECT_FALSE(KioskRestartPending());
+  clock_.RunUntil(20'000);
+  EXPECT_FALSE(sim::PendingShutdown());
+  EXPECT_EQ(test::LogTexts().back(), "ERROR the restart into kiosk mode could not be started (5)");
+}
+
+TEST_F(RestartTest, StopEndsTheThread) {
+  ASSERT_TRUE(win32::CreateStopEvent());
+  ScheduleKioskRestart();
+  clock_.At(5'000, [] { win32::RequestStop(); });
+  clock_.RunUntil(30'000);
+  EXPECT_FALSE(sim::PendingShutdown());
+}
+
+}  // namespace
+}  // namespace kiosk::account
