@@ -79,7 +79,7 @@ class TeardownTest : public test::CleanMachine {
   }
   // An account as provisioning would have left it, without the rest.
   std::wstring RecordAccount(bool profile = true) {
-    const std::wstring sid = sim::AddUser(L"NorvaneKiosk");
+    std::wstring sid = sim::AddUser(L"NorvaneKiosk");
     SetString(state::kStateKey, L"AccountSid", sid);
     EXPECT_EQ(profile ? sim::MakeProfile(sid, L"NorvaneKiosk") : ERROR_SUCCESS, DWORD{ERROR_SUCCESS});
     return sid;

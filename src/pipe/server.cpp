@@ -107,7 +107,7 @@ void RunPipeServer() {
     first = false;
     keeper.Reset();
     if (!Connect(instance.Get(), io)) {
-      keeper = std::move(instance);
+      keeper.Reset(instance.Release());
       continue;
     }
     const std::uint64_t connectedAt = win32::PreciseFileTimeNow();
