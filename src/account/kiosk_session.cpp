@@ -26,12 +26,6 @@ std::wstring SessionText(DWORD sessionId, WTS_INFO_CLASS what) {
   return text;
 }
 
-std::wstring ThisComputer() {
-  std::array<wchar_t, 16> name{};
-  DWORD size = name.size();
-  return GetComputerNameW(name.data(), &size) != 0 ? std::wstring(name.data(), size) : std::wstring();
-}
-
 // The sessions, that of the services aside, that `isWanted` picks.
 template <typename Predicate>
 std::vector<DWORD> Sessions(Predicate isWanted) {
@@ -53,6 +47,12 @@ std::vector<DWORD> Sessions(Predicate isWanted) {
 std::vector<DWORD> KioskSessions() { return Sessions(IsKioskSession); }
 
 }  // namespace
+
+std::wstring ThisComputer() {
+  std::array<wchar_t, 16> name{};
+  DWORD size = name.size();
+  return GetComputerNameW(name.data(), &size) != 0 ? std::wstring(name.data(), size) : std::wstring();
+}
 
 bool IsKioskSession(DWORD sessionId) {
   const std::wstring computer = ThisComputer();

@@ -31,11 +31,6 @@ constexpr wchar_t kProfileList[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVer
 constexpr wchar_t kHideFastUserSwitching[] = L"HideFastUserSwitching";
 constexpr DWORD kPathLength = 260;
 
-const std::string& AccountName() {
-  static const std::string name = win32::ToNarrow(kKioskUser);
-  return name;
-}
-
 // A failed step: its code, null while all is well, and the number that tells more.
 struct Outcome {
   const char* code = nullptr;
@@ -107,7 +102,7 @@ Outcome CreateAccount(const Password& password, std::wstring& sid) {
     TakeAccountBack();
     return {"state_write_failed"};
   }
-  log::Log(log::kNotice, log::kKiosk, "created %s (%s)", AccountName().c_str(), win32::ToNarrow(sid).c_str());
+  log::Log(log::kNotice, log::kKiosk, "created %s (%s)", kKioskUserText, win32::ToNarrow(sid).c_str());
   return kWell;
 }
 
@@ -188,14 +183,8 @@ bool JoinUsers(const std::wstring& sidText) {
   if (status == NERR_Success || status == ERROR_MEMBER_IN_ALIAS) {
     return true;
   }
-  log::Log(log::kError, log::kKiosk, "cannot add %s to Users (%lu)", AccountName().c_str(), status);
+  log::Log(log::kError, log::kKiosk, "cannot add %s to Users (%lu)", kKioskUserText, status);
   return false;
-}
-
-std::wstring ThisComputer() {
-  std::array<wchar_t, 16> name{};
-  DWORD size = name.size();
-  return GetComputerNameW(name.data(), &size) != 0 ? std::wstring(name.data(), size) : std::wstring();
 }
 
 Outcome SetUpSignIn(const Password& password) {
@@ -302,12 +291,12 @@ std::string Provision() {
     return outcome.code;
   }
   log::Log(log::kNotice, log::kKiosk,
-           "provisioned: %s signs in at startup into %s\\NorvaneTessalyClient.exe --kiosk-shell", AccountName().c_str(),
+           "provisioned: %s signs in at startup into %s\\NorvaneTessalyClient.exe --kiosk-shell", kKioskUserText,
            win32::ToNarrow(client).c_str());
   return {};
 }
 
-// Whether there is nothing to do for now: all is set up, or was and Windows does not answer who exists. Setting up
+// Whether this pass has nothing to do: all is set up, or was and Windows does not answer who exists. Setting up
 // again would take the mark away for the sake of a passing error.
 bool IsProvisionedOrUnknown() {
   if (!state::FlagIsOn(state::kProvisioned)) {

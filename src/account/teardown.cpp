@@ -20,11 +20,6 @@
 namespace kiosk::account {
 namespace {
 
-const std::string& AccountName() {
-  static const std::string name = win32::ToNarrow(kKioskUser);
-  return name;
-}
-
 void MarkPending() {
   state::WriteStateDword(state::kTeardownPending, 1);
   state::FlushStateKey();
@@ -33,10 +28,10 @@ void MarkPending() {
 bool DeleteKioskUser() {
   const NET_API_STATUS status = NetUserDel(nullptr, kKioskUser);
   if (status != NERR_Success && status != NERR_UserNotFound) {
-    log::Log(log::kError, log::kKiosk, "cannot delete %s (%lu)", AccountName().c_str(), status);
+    log::Log(log::kError, log::kKiosk, "cannot delete %s (%lu)", kKioskUserText, status);
     return false;
   }
-  log::Log(log::kNotice, log::kKiosk, "deleted %s", AccountName().c_str());
+  log::Log(log::kNotice, log::kKiosk, "deleted %s", kKioskUserText);
   return true;
 }
 
@@ -133,7 +128,7 @@ bool DeleteKioskAccount(const std::wstring& recordedSid) {
   }
   const bool ours = found == AccountLookup::kPresent && win32::EqualIgnoringCase(sid, recordedSid);
   if (found == AccountLookup::kPresent && !ours) {
-    log::Log(log::kWarn, log::kKiosk, "the local %s is not the recorded account %s; left alone", AccountName().c_str(),
+    log::Log(log::kWarn, log::kKiosk, "the local %s is not the recorded account %s; left alone", kKioskUserText,
              win32::ToNarrow(recordedSid).c_str());
   }
   if (ours && LogOffKioskSessions(true) != 0) {
@@ -171,7 +166,7 @@ void FinishPendingRemoval() {
       TearDown(false, "an earlier removal was interrupted");
     } else if (RemoveAccount()) {
       ForgetRemovedAccount();
-      log::Log(log::kNotice, log::kKiosk, "the pending removal of %s finished", AccountName().c_str());
+      log::Log(log::kNotice, log::kKiosk, "the pending removal of %s finished", kKioskUserText);
     }
   }
   if (interrupted) {
