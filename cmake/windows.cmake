@@ -17,7 +17,8 @@ file(GLOB_RECURSE NORVANE_SOURCES CONFIGURE_DEPENDS src/*.cpp)
 list(REMOVE_ITEM NORVANE_SOURCES ${CMAKE_SOURCE_DIR}/src/service/main.cpp)
 add_library(kiosk STATIC ${NORVANE_SOURCES})
 target_compile_definitions(kiosk PRIVATE NORVANE_AUTH_BASE_URL="${NORVANE_AUTH_BASE_URL}")
-set(NORVANE_SYSTEM_LIBRARIES advapi32 bcrypt crypt32 netapi32 ole32 user32 userenv wintrust winhttp wtsapi32 ws2_32 ssp)
+set(NORVANE_SYSTEM_LIBRARIES advapi32 bcrypt crypt32 iphlpapi netapi32 ole32 oleaut32 powrprof user32 userenv wbemuuid wintrust
+    winhttp wtsapi32 ws2_32 ssp)
 target_link_libraries(kiosk PUBLIC ${NORVANE_SYSTEM_LIBRARIES})
 
 add_executable(NorvaneKiosk src/service/main.cpp src/service/kiosk.rc)

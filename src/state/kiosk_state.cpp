@@ -103,6 +103,19 @@ bool WriteStateQword(const StateValue& value, std::uint64_t number) {
   return WriteExisting(kStateKey, value.name, REG_QWORD, &number, sizeof(number)) == ERROR_SUCCESS;
 }
 
+bool SetStateStringIfChanged(const StateValue& value, std::wstring_view text) {
+  const std::optional<RawValue> stored = ReadState(value);
+  if (!stored ? text.empty() : stored->type == REG_SZ && stored->Text() == text) {
+    return false;
+  }
+  if (text.empty()) {
+    DeleteStateValue(value);
+  } else {
+    WriteStateString(value, text);
+  }
+  return true;
+}
+
 bool DeleteStateValue(const StateValue& value) {
   const LSTATUS status = RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kStateKey, value.name);
   return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;

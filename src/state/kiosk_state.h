@@ -37,6 +37,10 @@ bool WriteStateString(const StateValue& value, std::wstring_view text);
 bool WriteStateDword(const StateValue& value, DWORD number);
 bool WriteStateQword(const StateValue& value, std::uint64_t number);
 
+// Makes the REG_SZ value read `text`; an empty text deletes it. False, and nothing is written, when it reads exactly so
+// already (a missing value reads empty). Otherwise true, also when the registry refused: the caller says that it changed.
+bool SetStateStringIfChanged(const StateValue& value, std::wstring_view text);
+
 // Deleting what is absent is success.
 bool DeleteStateValue(const StateValue& value);
 
