@@ -1,4 +1,5 @@
 // Entry of the program: the installer of the service, and the service itself.
+#include "service/crash.h"
 #include "service/hardening.h"
 #include "service/install.h"
 #include "service/service_main.h"
@@ -7,6 +8,7 @@
 
 int wmain(int count, wchar_t** arguments) {
   kiosk::service::HardenProcess();
+  kiosk::service::InstallCrashHandler();
   const wchar_t* task = count > 1 ? arguments[1] : L"";
   int exitCode = 0;
   if (kiosk::win32::EqualIgnoringCase(task, L"--install")) {

@@ -1,6 +1,7 @@
 // kioskctl: talks to the kiosk service on this computer, for people and for scripts.
 #include "commands.h"
 #include "log/log.h"
+#include "support_bundle.h"
 #include "win32/console.h"
 #include "win32/wide_text.h"
 #include "win32/winapi.h"
@@ -20,6 +21,9 @@ constexpr char kHelp[] =
     "  kioskctl [--json] status    where this terminal stands and what to do next\n"
     "  kioskctl [--json] pair      show a pairing code and wait until it is entered in the portal\n"
     "  kioskctl [--json] restart   restart into kiosk mode now instead of 10 seconds after pairing\n"
+    "  kioskctl support-bundle [FOLDER]\n"
+    "                              write what support needs into a new folder below FOLDER (or the current folder);\n"
+    "                              run it as an administrator; it works without the service too\n"
 #ifdef NORVANE_DEVELOPMENT_COMMANDS
     "\n"
     "  kioskctl [--json] unlock PASSWORD\n"
@@ -32,7 +36,8 @@ constexpr char kHelp[] =
     "\n"
     "  --json   print the service's replies as they are, one line each\n"
     "\n"
-    "Exit codes: 0 done, 1 the service answered with an error, 2 wrong usage, 3 no service to talk to.\n";
+    "Exit codes: 0 done, 1 the service answered with an error or a file could not be written, 2 wrong usage, 3 no service\n"
+    "to talk to.\n";
 
 int Usage(const std::string& problem) {
   PrintError("kioskctl: " + problem + "\nSee \"kioskctl --help\".\n");
@@ -53,6 +58,10 @@ constexpr Command kCommands[] = {
     {"status", 0, 0, "no arguments", [](const Options& options, const Words&) { return kioskctl::Status(options); }},
     {"pair", 0, 0, "no arguments", [](const Options& options, const Words&) { return kioskctl::Pair(options); }},
     {"restart", 0, 0, "no arguments", [](const Options& options, const Words&) { return kioskctl::Restart(options); }},
+    {"support-bundle", 0, 1, "at most one folder",
+     [](const Options&, const Words& words) {
+       return kioskctl::SupportBundle(words.size() > 1 ? words[1] : std::string());
+     }},
 #ifdef NORVANE_DEVELOPMENT_COMMANDS
     {"send", 1, 1, "one JSON text",
      [](const Options& options, const Words& words) { return kioskctl::Send(options, words[1]); }},

@@ -16,7 +16,6 @@ using kiosk::win32::ServiceHandle;
 
 constexpr wchar_t kPipe[] = L"\\\\.\\pipe\\NorvaneKiosk";
 constexpr DWORD kBusyWait = 5'000;
-constexpr DWORD kReplyWait = 150'000;
 
 FileHandle Open() {
   const Deadline deadline(kBusyWait);
@@ -81,7 +80,7 @@ bool ReadLine(HANDLE pipe, const Deadline& deadline, std::string& line) {
 
 }  // namespace
 
-Answer Ask(const std::string& request) {
+Answer Ask(const std::string& request, DWORD replyWait) {
   const FileHandle pipe = Open();
   if (!pipe) {
     const DWORD error = GetLastError();
@@ -90,7 +89,7 @@ Answer Ask(const std::string& request) {
   if (!ServedByService(pipe.Get())) {
     return {Outcome::kImpostor, {}, ERROR_SUCCESS};
   }
-  const Deadline deadline(kReplyWait);
+  const Deadline deadline(replyWait);
   const std::string line = request + "\n";
   DWORD written = 0;
   const bool sent = Transfer(pipe.Get(), deadline, &written, [&](OVERLAPPED* overlapped) {

@@ -8,11 +8,11 @@
 namespace kioskctl {
 
 enum class Outcome {
-  kReply,        // the service answered; `reply` holds its object
-  kNoService,    // nobody serves the pipe
-  kNotAllowed,   // Windows does not let this user open the pipe
-  kImpostor,     // somebody other than the service serves the pipe; nothing was sent
-  kBroken,       // the connection ended, or nothing came in time
+  kReply,       // the service answered; `reply` holds its object
+  kNoService,   // nobody serves the pipe
+  kNotAllowed,  // Windows does not let this user open the pipe
+  kImpostor,    // somebody other than the service serves the pipe; nothing was sent
+  kBroken,      // the connection ended, or nothing came in time
 };
 
 struct Answer {
@@ -21,8 +21,10 @@ struct Answer {
   unsigned long error = 0;  // Windows error behind an outcome that is no reply
 };
 
-// Sends one line and waits for the reply line (at most 150 s: the service may be waiting for the portal). The service may
-// learn who calls but not act as the caller.
-Answer Ask(const std::string& request);
+// Milliseconds that a reply may take: the service may be waiting for the portal.
+inline constexpr unsigned long kReplyWait = 150'000;
+
+// Sends one line and waits for the reply line. The service may learn who calls but not act as the caller.
+Answer Ask(const std::string& request, unsigned long replyWait = kReplyWait);
 
 }  // namespace kioskctl

@@ -1,0 +1,100 @@
+#include "support_bundle.h"
+
+#include "json/serialise.h"
+#include "log/log.h"
+#include "pipe_client.h"
+#include "support_facts.h"
+#include "win32/console.h"
+#include "win32/handle.h"
+#include "win32/wide_text.h"
+
+#include <cstdio>
+#include <iterator>
+
+namespace kioskctl {
+namespace {
+
+using kiosk::win32::Print;
+using kiosk::win32::PrintError;
+
+constexpr DWORD kStatusWait = 5'000;
+constexpr unsigned long long kLogBudget = 20ULL * 1024 * 1024;
+
+std::string StatusAnswer() {
+  const Answer answer = Ask(R"({"cmd":"status"})", kStatusWait);
+  if (answer.outcome == Outcome::kReply) {
+    return kiosk::json::Serialise(answer.reply) + "\n";
+  }
+  return "no answer (error " + std::to_string(answer.error) + ")\n";
+}
+
+struct Section {
+  const wchar_t* file;
+  std::string (*text)();
+};
+
+constexpr Section kSections[] = {
+    {L"computer.txt", ComputerFacts}, {L"service.txt", ServiceFacts},          {L"status.txt", StatusAnswer},
+    {L"state.txt", StateFacts},       {L"settings.txt", SettingsFacts},        {L"tasks.txt", TaskFacts},
+    {L"proxy.txt", ProxyFacts},       {L"certificates.txt", CertificateFacts}, {L"folders.txt", FolderFacts},
+};
+
+bool WriteText(const std::wstring& path, const std::string& text) {
+  const kiosk::win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
+  DWORD written = 0;
+  return file && WriteFile(file.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) != 0 &&
+         written == text.size();
+}
+
+std::wstring NewFolderName() {
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  wchar_t name[64];
+  static_cast<void>(std::swprintf(name, std::size(name), L"NorvaneKiosk-support-%04d%02d%02d-%02d%02d%02d", now.wYear,
+                                  now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond));
+  return name;
+}
+
+// The day's folder becomes a part of the copy's name: files of different days have the same names.
+void CopyLogs(const std::wstring& folder) {
+  int failed = 0;
+  for (const std::wstring& path : NewestLogs(kLogBudget)) {
+    const std::size_t nameAt = path.rfind(L'\\');
+    const std::size_t parentAt = path.rfind(L'\\', nameAt - 1);
+    const std::wstring name = path.substr(parentAt + 1, nameAt - parentAt - 1) + L"-" + path.substr(nameAt + 1);
+    failed += CopyFileW(path.c_str(), (folder + L"\\" + name).c_str(), TRUE) == 0 ? 1 : 0;
+  }
+  if (failed != 0) {
+    PrintError(std::to_string(failed) + " log file(s) could not be copied.\n");
+  }
+}
+
+int Failed(const std::wstring& path) {
+  const DWORD error = GetLastError();
+  PrintError("Cannot write " + kiosk::win32::ToNarrow(path) + " (error " + std::to_string(error) + ").\n");
+  return kServiceError;
+}
+
+}  // namespace
+
+int SupportBundle(const std::string& parent) {
+  const std::wstring folder =
+      (parent.empty() ? std::wstring(L".") : kiosk::win32::ToWide(parent)) + L"\\" + NewFolderName();
+  const std::wstring logs = folder + L"\\logs";
+  if (CreateDirectoryW(folder.c_str(), nullptr) == 0 || CreateDirectoryW(logs.c_str(), nullptr) == 0) {
+    return Failed(folder);
+  }
+  for (const Section& section : kSections) {
+    const std::wstring path = folder + L"\\" + section.file;
+    if (!WriteText(path, WithoutSids(section.text()))) {
+      return Failed(path);
+    }
+  }
+  CopyLogs(logs);
+  Print("Support bundle: " + kiosk::win32::ToNarrow(folder) +
+        "\nIt holds neither the terminal's token nor a password. It does name this computer, its users and addresses:\n"
+        "look through it before you hand it on.\n");
+  return kDone;
+}
+
+}  // namespace kioskctl

@@ -1,0 +1,388 @@
+#include "support_facts.h"
+
+#include "log/day_files.h"
+#include "log/log.h"
+#include "log/settings.h"
+#include "pipe/signature.h"
+#include "state/kiosk_state.h"
+#include "state/os_version.h"
+#include "win32/clock.h"
+#include "win32/com.h"
+#include "win32/crypt_handles.h"
+#include "win32/grow.h"
+#include "win32/security.h"
+#include "win32/wide_text.h"
+
+#include <aclapi.h>
+#include <sddl.h>
+#include <taskschd.h>
+#include <winhttp.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+#include <optional>
+#include <string_view>
+
+namespace kioskctl {
+namespace {
+
+using kiosk::state::RawValue;
+using kiosk::win32::ToNarrow;
+
+std::string ErrorText(const char* what, unsigned long error) {
+  return std::string(what) + " (error " + std::to_string(error) + ")\n";
+}
+
+std::string TimeText(const SYSTEMTIME& time) {
+  char text[40];
+  static_cast<void>(std::snprintf(text, std::size(text), "%04d-%02d-%02d %02d:%02d:%02d", time.wYear, time.wMonth,
+                                  time.wDay, time.wHour, time.wMinute, time.wSecond));
+  return text;
+}
+
+std::string FileTimeText(std::uint64_t value) {
+  const FILETIME time{static_cast<DWORD>(value), static_cast<DWORD>(value >> 32)};
+  SYSTEMTIME split;
+  return FileTimeToSystemTime(&time, &split) != 0 ? TimeText(split) + " UTC" : std::to_string(value);
+}
+
+// Values that are, or may be, a secret of the terminal or of its owner.
+bool IsSecret(std::wstring_view name) {
+  constexpr std::wstring_view kSecrets[] = {L"DeviceToken", L"PriorDefaultPassword", L"DefaultPassword", L"AccountSid"};
+  return std::any_of(std::begin(kSecrets), std::end(kSecrets),
+                     [name](std::wstring_view each) { return kiosk::win32::EqualIgnoringCase(name, each); });
+}
+
+std::string Content(const RawValue& value) {
+  if (const auto text = value.Text()) {
+    return "\"" + ToNarrow(*text) + "\"";
+  }
+  if (const auto number = value.Dword()) {
+    return std::to_string(*number);
+  }
+  if (const auto number = value.Qword()) {
+    return std::to_string(*number) + " = " + FileTimeText(*number);
+  }
+  std::string hex;
+  for (std::size_t i = 0; i < std::min<std::size_t>(value.bytes.size(), 64); ++i) {
+    char pair[4];
+    static_cast<void>(std::snprintf(pair, std::size(pair), "%02x ", value.bytes[i]));
+    hex += pair;
+  }
+  return hex;
+}
+
+std::string ValueLine(const std::wstring& name, const RawValue& value) {
+  return "  " + ToNarrow(name) + " (type " + std::to_string(value.type) + ", " + std::to_string(value.bytes.size()) +
+         " bytes) " + (IsSecret(name) ? "withheld" : Content(value)) + "\n";
+}
+
+std::string WholeKey(const wchar_t* subkey) {
+  std::string text = "HKLM\\" + ToNarrow(subkey) + "\n";
+  kiosk::win32::RegistryKey key;
+  const LSTATUS opened = RegOpenKeyExW(HKEY_LOCAL_MACHINE, subkey, 0, KEY_QUERY_VALUE, key.Put());
+  if (opened == ERROR_FILE_NOT_FOUND) {
+    return text + "  does not exist\n";
+  }
+  if (opened != ERROR_SUCCESS) {
+    return text + ErrorText("  cannot be read; run this as an administrator", static_cast<unsigned long>(opened));
+  }
+  std::wstring name(16384, L'\0');
+  for (DWORD index = 0;; ++index) {
+    auto size = static_cast<DWORD>(name.size());
+    if (RegEnumValueW(key.Get(), index, name.data(), &size, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) {
+      return text;
+    }
+    const std::wstring valueName = name.substr(0, size);
+    RawValue value;
+    if (kiosk::state::ReadRaw(key.Get(), valueName.c_str(), value) == ERROR_SUCCESS) {
+      text += ValueLine(valueName, value);
+    }
+  }
+}
+
+struct NamedValue {
+  const wchar_t* subkey;
+  const wchar_t* name;
+};
+
+constexpr wchar_t kWinlogon[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon";
+constexpr wchar_t kSystemPolicies[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Policies\\System";
+constexpr wchar_t kUpdatePolicies[] = L"SOFTWARE\\Policies\\Microsoft\\Windows\\WindowsUpdate";
+
+constexpr NamedValue kWindowsSettings[] = {
+    {kWinlogon, L"AutoAdminLogon"},
+    {kWinlogon, L"DefaultUserName"},
+    {kWinlogon, L"DefaultDomainName"},
+    {kWinlogon, L"DefaultPassword"},
+    {kWinlogon, L"AutoLogonCount"},
+    {L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\PasswordLess\\Device", L"DevicePasswordLessBuildVersion"},
+    {kSystemPolicies, L"EnableFirstLogonAnimation"},
+    {kSystemPolicies, L"HideFastUserSwitching"},
+    {kUpdatePolicies, L"SetActiveHours"},
+    {kUpdatePolicies, L"ActiveHoursStart"},
+    {kUpdatePolicies, L"ActiveHoursEnd"},
+    {kUpdatePolicies, L"ActiveHoursMaxRange"},
+    {L"SOFTWARE\\Policies\\Microsoft\\Windows\\WindowsUpdate\\AU", L"NoAutoRebootWithLoggedOnUsers"},
+    {L"SYSTEM\\CurrentControlSet\\Services\\W32Time\\Parameters", L"NtpServer"},
+};
+
+std::string TaskText(ITaskFolder* folder, const wchar_t* name) {
+  const kiosk::win32::Bstr wanted = kiosk::win32::MakeBstr(name);
+  kiosk::win32::ComPtr<IRegisteredTask> task;
+  kiosk::win32::Bstr xml;
+  HRESULT result = folder->GetTask(wanted.Get(), task.Put());
+  if (SUCCEEDED(result)) {
+    result = task->get_Xml(xml.Put());
+  }
+  char text[32];
+  static_cast<void>(std::snprintf(text, std::size(text), "none (0x%08lx)\n", static_cast<unsigned long>(result)));
+  return ToNarrow(name) + ": " +
+         (SUCCEEDED(result) ? "\n" + ToNarrow(kiosk::win32::BstrText(xml.Get())) + "\n" : std::string(text));
+}
+
+std::wstring ServiceFile() {
+  std::wstring path;
+  RawValue value;
+  if (kiosk::state::ReadValue(L"SYSTEM\\CurrentControlSet\\Services\\NorvaneKiosk", L"ImagePath", value) ==
+      ERROR_SUCCESS) {
+    path = value.Text().value_or(L"");
+  }
+  path.erase(std::remove(path.begin(), path.end(), L'"'), path.end());
+  return path;
+}
+
+std::string SignatureText() {
+  const std::wstring path = ServiceFile();
+  if (path.empty()) {
+    return "service file: none installed\n";
+  }
+  const kiosk::win32::FileHandle file = kiosk::pipe::HoldImage(path.c_str());
+  const auto publisher = file ? kiosk::pipe::TrustedPublisherOfFile(path.c_str(), file.Get()) : std::nullopt;
+  return "service file: " + ToNarrow(path) + "\n  " +
+         (publisher ? "signed by " + ToNarrow(*publisher)
+          : file    ? "no signature that Windows trusts"
+                    : "cannot be opened") +
+         "\n";
+}
+
+std::string ClientCertificateText() {
+  const std::wstring thumbprint = kiosk::log::ReadSettingString(L"ClientCertThumbprint").value_or(L"");
+  if (thumbprint.empty()) {
+    return "client certificate of central logging: none set\n";
+  }
+  const std::string text = "client certificate of central logging: " + ToNarrow(thumbprint) + "\n  ";
+  BYTE hash[20];
+  DWORD size = sizeof(hash);
+  if (CryptStringToBinaryW(thumbprint.c_str(), 0, CRYPT_STRING_HEXRAW, hash, &size, nullptr, nullptr) == 0) {
+    return text + "not a thumbprint of 40 hexadecimal digits\n";
+  }
+  CRYPT_HASH_BLOB wanted{size, hash};
+  const kiosk::win32::CertStore store(
+      CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0,
+                    CERT_SYSTEM_STORE_LOCAL_MACHINE | CERT_STORE_READONLY_FLAG | CERT_STORE_OPEN_EXISTING_FLAG, L"MY"));
+  const kiosk::win32::Certificate found(
+      store ? CertFindCertificateInStore(store.Get(), X509_ASN_ENCODING, 0, CERT_FIND_SHA1_HASH, &wanted, nullptr)
+            : nullptr);
+  if (!found) {
+    return text + ErrorText("not in the computer's personal store", GetLastError());
+  }
+  DWORD needed = 0;
+  const bool hasKey = CertGetCertificateContextProperty(found.Get(), CERT_KEY_PROV_INFO_PROP_ID, nullptr, &needed) != 0;
+  return text + "good until " + FileTimeText(kiosk::win32::FileTimeValue(found.Get()->pCertInfo->NotAfter)) +
+         (hasKey ? ", with its private key\n" : ", WITHOUT a private key\n");
+}
+
+std::string Descriptor(const std::wstring& path) {
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  const DWORD error =
+      GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION,
+                            nullptr, nullptr, nullptr, nullptr, &descriptor);
+  const kiosk::win32::LocalMemory owner(descriptor);
+  if (error != ERROR_SUCCESS) {
+    return ToNarrow(path) + ErrorText(": cannot be read", error);
+  }
+  wchar_t* sddl = nullptr;
+  if (ConvertSecurityDescriptorToStringSecurityDescriptorW(
+          descriptor, SDDL_REVISION_1, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, &sddl, nullptr) == 0) {
+    return ToNarrow(path) + ErrorText(": no text for its permissions", GetLastError());
+  }
+  const kiosk::win32::LocalMemory text(sddl);
+  return ToNarrow(path) + "\n  " + ToNarrow(sddl) + "\n";
+}
+
+struct FoundLog {
+  std::wstring path;
+  std::uint64_t lastWrite;
+  std::uint64_t size;
+};
+
+template <typename Visit>
+void ForEachIn(const std::wstring& folder, Visit visit) {
+  WIN32_FIND_DATAW data;
+  const kiosk::win32::FindHandle find(FindFirstFileW((folder + L"\\*").c_str(), &data));
+  for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.Get(), &data) != 0) {
+    if ((data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0 && data.cFileName[0] != L'.') {
+      visit(data);
+    }
+  }
+}
+
+void CollectLogs(const std::wstring& folder, std::vector<FoundLog>& logs) {
+  ForEachIn(folder, [&](const WIN32_FIND_DATAW& data) {
+    const std::wstring_view name = data.cFileName;
+    if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0 && name.ends_with(L".log")) {
+      logs.push_back({folder + L"\\" + data.cFileName, kiosk::win32::FileTimeValue(data.ftLastWriteTime),
+                      (static_cast<std::uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow});
+    }
+  });
+}
+
+}  // namespace
+
+std::string ComputerFacts() {
+  SYSTEMTIME utc;
+  SYSTEMTIME local;
+  GetSystemTime(&utc);
+  GetLocalTime(&local);
+  ULARGE_INTEGER room{};
+  const bool known = GetDiskFreeSpaceExW(L"C:\\", &room, nullptr, nullptr) != 0;
+  return std::string("kioskctl ") + kiosk::log::kVersion + "\nWindows " + kiosk::state::OsVersionText() + "\ntime " +
+         TimeText(utc) + " UTC, " + TimeText(local) + " local\nrunning for " +
+         std::to_string(kiosk::win32::TickCount() / 60'000) +
+         " min\nfree on C: " + (known ? std::to_string(room.QuadPart / 1'048'576) + " MB\n" : "unknown\n");
+}
+
+std::string ServiceFacts() {
+  const kiosk::win32::ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+  const kiosk::win32::ServiceHandle service(
+      manager ? OpenServiceW(manager.Get(), L"NorvaneKiosk", SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG) : nullptr);
+  if (!service) {
+    return ErrorText("the service manager does not show the service", GetLastError());
+  }
+  SERVICE_STATUS_PROCESS status{};
+  DWORD needed = 0;
+  std::string text;
+  if (QueryServiceStatusEx(service.Get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status),
+                           &needed) != 0) {
+    text = "state " + std::to_string(status.dwCurrentState) +
+           " (1 stopped, 2 starting, 3 stopping, 4 running)\nprocess " + std::to_string(status.dwProcessId) +
+           "\nexit code " + std::to_string(status.dwWin32ExitCode) + "\n";
+  }
+  std::vector<BYTE> buffer;
+  const DWORD error = kiosk::win32::CallGrowing(buffer, [&](BYTE* out, DWORD* size) -> DWORD {
+    return QueryServiceConfigW(service.Get(), reinterpret_cast<QUERY_SERVICE_CONFIGW*>(out), *size, size) != 0
+               ? ERROR_SUCCESS
+               : GetLastError();
+  });
+  if (error != ERROR_SUCCESS) {
+    return text + ErrorText("its configuration cannot be read", error);
+  }
+  const auto* config = reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(buffer.data());
+  return text + "start type " + std::to_string(config->dwStartType) + " (2 automatic, 3 manual, 4 disabled)\nprogram " +
+         ToNarrow(config->lpBinaryPathName) + "\naccount " + ToNarrow(config->lpServiceStartName) + "\n";
+}
+
+std::string StateFacts() { return WholeKey(kiosk::state::kStateKey); }
+
+std::string SettingsFacts() {
+  std::string text;
+  for (const wchar_t* key :
+       {L"SOFTWARE\\Norvane\\Tessaly\\Log", L"SOFTWARE\\Norvane\\Stream\\Log", L"SOFTWARE\\Norvane\\Tessaly\\Update"}) {
+    text += WholeKey(key);
+  }
+  for (const NamedValue& setting : kWindowsSettings) {
+    RawValue value;
+    const LSTATUS status = kiosk::state::ReadValue(setting.subkey, setting.name, value);
+    text += ToNarrow(setting.subkey) + "\n" +
+            (status == ERROR_SUCCESS          ? ValueLine(setting.name, value)
+             : status == ERROR_FILE_NOT_FOUND ? "  " + ToNarrow(setting.name) + " not set\n"
+                                              : ErrorText("  cannot be read", static_cast<unsigned long>(status)));
+  }
+  return text;
+}
+
+std::string TaskFacts() {
+  const kiosk::win32::ComApartment apartment;
+  kiosk::win32::ComPtr<ITaskService> service;
+  kiosk::win32::ComPtr<ITaskFolder> root;
+  const kiosk::win32::Bstr path = kiosk::win32::MakeBstr(L"\\");
+  VARIANT none{};
+  HRESULT result = kiosk::win32::CreateInProcess(__uuidof(TaskScheduler), __uuidof(ITaskService), service);
+  if (SUCCEEDED(result)) {
+    result = service->Connect(none, none, none, none);
+  }
+  if (SUCCEEDED(result)) {
+    result = service->GetFolder(path.Get(), root.Put());
+  }
+  if (FAILED(result)) {
+    return ErrorText("Task Scheduler cannot be reached", static_cast<unsigned long>(result));
+  }
+  return TaskText(root.Get(), L"Norvane Kiosk Sleep") + TaskText(root.Get(), L"Norvane Kiosk Wake");
+}
+
+std::string ProxyFacts() {
+  WINHTTP_PROXY_INFO info{};
+  if (WinHttpGetDefaultProxyConfiguration(&info) == 0) {
+    return ErrorText("the default proxy cannot be read", GetLastError());
+  }
+  const auto take = [](wchar_t* text) {
+    std::string narrow = text == nullptr ? std::string("none") : ToNarrow(text);
+    GlobalFree(text);
+    return narrow;
+  };
+  const std::string proxy = take(info.lpszProxy);
+  return "access type " + std::to_string(info.dwAccessType) + " (1 direct, 3 named proxy)\nproxy " + proxy +
+         "\nbypass " + take(info.lpszProxyBypass) + "\n";
+}
+
+std::string CertificateFacts() { return SignatureText() + ClientCertificateText(); }
+
+std::string FolderFacts() {
+  std::string text;
+  const std::wstring product = L"C:\\ProgramData\\Norvane\\Tessaly";
+  for (const std::wstring& folder :
+       {std::wstring(L"C:\\ProgramData\\Norvane"), product, std::wstring(kiosk::log::kLogRoot),
+        std::wstring(kiosk::log::kLogRoot) + L"\\Drop", product + L"\\Kiosk", product + L"\\Kiosk\\Branding"}) {
+    text += Descriptor(folder);
+  }
+  const std::wstring file = ServiceFile();
+  return file.empty() ? text : text + Descriptor(file.substr(0, file.rfind(L'\\'))) + Descriptor(file);
+}
+
+std::string WithoutSids(std::string text) {
+  constexpr std::string_view kAccount = "S-1-5-21-";
+  std::string result;
+  std::size_t from = 0;
+  for (std::size_t at = text.find(kAccount); at != std::string::npos; at = text.find(kAccount, from)) {
+    const std::size_t end = text.find_first_not_of("0123456789-", at + kAccount.size());
+    result.append(text, from, at - from).append("S-1-5-21-...");
+    from = std::min(end, text.size());
+  }
+  return result.append(text, from);
+}
+
+std::vector<std::wstring> NewestLogs(unsigned long long budget) {
+  std::vector<FoundLog> logs;
+  CollectLogs(kiosk::log::kLogRoot, logs);
+  ForEachIn(kiosk::log::kLogRoot, [&](const WIN32_FIND_DATAW& data) {
+    if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+      CollectLogs(std::wstring(kiosk::log::kLogRoot) + L"\\" + data.cFileName, logs);
+    }
+  });
+  std::sort(logs.begin(), logs.end(),
+            [](const FoundLog& left, const FoundLog& right) { return left.lastWrite > right.lastWrite; });
+  std::vector<std::wstring> paths;
+  unsigned long long total = 0;
+  for (const FoundLog& log : logs) {
+    total += log.size;
+    if (!paths.empty() && total > budget) {
+      break;
+    }
+    paths.push_back(log.path);
+  }
+  return paths;
+}
+
+}  // namespace kioskctl
