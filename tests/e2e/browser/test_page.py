@@ -188,6 +188,18 @@ class PageTest(unittest.TestCase):
         self.assertEqual(reply["signIn"], {"microsoft": True, "email": False, "extraHosts": ["login.example.org"]})
         self.assertEqual(reply["exitPassword"], "Open Sesame")
 
+        # What the terminal says of itself: its own power settings, the last update run, and the week they give.
+        terminal.check_in(powerLocal=dict(reply["power"], screenOffMinutes=5), osUpdates={
+            "lastRunAt": "2026-10-20T02:00:07Z", "lastResult": "failed", "error": "download_failed 0x80240022", "pending": 3,
+            "restartRequired": True})
+        self.until(lambda: "screen off 5 min" in self.card(number, "dl").text, "the power settings of the terminal")
+        self.assertIn("failed, 3 pending, restart required, download_failed 0x80240022", self.card(number, "dl").text)
+        asleep = [part.get_attribute("width") for part in self.card(number).find_elements(By.CSS_SELECTOR, ".week .sleep")]
+        # Monday to Friday, 22:00 to midnight and on to 07:00; from Friday evening through the week's end to Monday.
+        self.assertEqual(sorted(map(float, asleep)), [40] * 5 + [140] * 5 + [480] * 2)
+        terminal.check_in(powerLocal={"schedule": {"enabled": True, "days": "all"}})
+        self.until(lambda: not self.card(number).find_elements(By.CSS_SELECTOR, ".week .sleep"), "a week without sleep")
+
         # A change made elsewhere appears in a field that nobody touched.
         self.portal.set(number, name="Renamed elsewhere")
         self.until(lambda: name.get_attribute("value") == "Renamed elsewhere", "the other change")
