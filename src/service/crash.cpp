@@ -15,8 +15,6 @@
 #include <iterator>
 #include <string>
 
-extern "C" const IMAGE_DOS_HEADER __ImageBase;  // the linker's name for where this program was loaded
-
 namespace kiosk::service {
 namespace {
 
@@ -36,14 +34,15 @@ DWORD faultThread = 0;
 LONG faults = 0;
 
 std::string Place(const void* address) {
-  const auto base = reinterpret_cast<std::uintptr_t>(&__ImageBase);
+  const auto* base = reinterpret_cast<const BYTE*>(GetModuleHandleW(nullptr));
   const auto* headers =
-      reinterpret_cast<const IMAGE_NT_HEADERS*>(base + static_cast<std::uintptr_t>(__ImageBase.e_lfanew));
+      reinterpret_cast<const IMAGE_NT_HEADERS*>(base + reinterpret_cast<const IMAGE_DOS_HEADER*>(base)->e_lfanew);
+  const auto from = reinterpret_cast<std::uintptr_t>(base);
   const auto at = reinterpret_cast<std::uintptr_t>(address);
-  const bool ours = at >= base && at - base < headers->OptionalHeader.SizeOfImage;
+  const bool ours = at >= from && at - from < headers->OptionalHeader.SizeOfImage;
   char text[48];
   static_cast<void>(std::snprintf(text, std::size(text), ours ? "program+0x%llx" : "0x%llx",
-                                  static_cast<unsigned long long>(ours ? at - base : at)));
+                                  static_cast<unsigned long long>(ours ? at - from : at)));
   return text;
 }
 

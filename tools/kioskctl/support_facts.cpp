@@ -351,7 +351,7 @@ std::string FolderFacts() {
   return file.empty() ? text : text + Descriptor(file.substr(0, file.rfind(L'\\'))) + Descriptor(file);
 }
 
-std::string WithoutSids(std::string text) {
+std::string WithoutSids(const std::string& text) {
   constexpr std::string_view kAccount = "S-1-5-21-";
   std::string result;
   std::size_t from = 0;

@@ -17,7 +17,7 @@ std::string CertificateFacts();  // the service's signature; the client certific
 std::string FolderFacts();       // owners and permissions of the folders
 
 // The text with the part of each account's SID that names a computer or domain taken out.
-std::string WithoutSids(std::string text);
+std::string WithoutSids(const std::string& text);
 
 // The newest log files, newest first, together at most `budget` bytes (the newest one always), as full paths.
 std::vector<std::wstring> NewestLogs(unsigned long long budget);
