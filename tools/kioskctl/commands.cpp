@@ -3,6 +3,7 @@
 #include "json/serialise.h"
 #include "large_text.h"
 #include "pipe_client.h"
+#include "state/kiosk_state.h"
 #include "text/text.h"
 #include "win32/clock.h"
 #include "win32/console.h"
@@ -64,12 +65,19 @@ constexpr Explanation kExplanations[] = {
     {"wrong_password", "That is not the exit password. It is set in the portal."},
 };
 
+// What the service does not say. Only administrators may look there; to anybody else the terminal is just not paired.
+bool RemovalPending() { return kiosk::state::FlagIsOn(kiosk::state::kTeardownPending); }
+
 // Prints why there is no reply; returns the exit code.
 int NoReply(const Answer& answer) {
   const std::string number = " (error " + std::to_string(answer.error) + ")\n";
   switch (answer.outcome) {
     case Outcome::kNoService:
       PrintError("The kiosk service is not running on this computer" + number);
+      if (RemovalPending()) {
+        PrintError("Kiosk mode was not removed completely: the kiosk account was in use. If the service was uninstalled,\n"
+                   "restart the computer and run \"NorvaneKiosk.exe --uninstall\" once more; otherwise start the service.\n");
+      }
       break;
     case Outcome::kNotAllowed:
       PrintError("Windows does not let this user talk to the kiosk service: sign in at this computer" + number);
@@ -133,7 +141,14 @@ std::string Hosts(const Value& signIn) {
 }
 
 const char* NextStep(const Value& reply) {
-  if (!Member(reply, "enrolled").boolean()) {
+  const bool enrolled = Member(reply, "enrolled").boolean();
+  if (RemovalPending()) {
+    return enrolled ? "Kiosk mode is being removed. Ask again in a minute."
+                    : "Not paired any more, but the kiosk account could not be removed yet, because it is in use. The service\n"
+                      "tries again every 30 seconds; a restart of the computer usually frees it. Pairing the terminal again\n"
+                      "takes the account over instead.";
+  }
+  if (!enrolled) {
     return "Not paired with a portal. Run \"kioskctl pair\" and enter the code in the portal.";
   }
   if (!Member(reply, "provisioned").boolean()) {
@@ -241,7 +256,11 @@ int Poll(const std::string& code, std::uint64_t seconds, const Options& options)
 std::string Explain(const std::string& code) {
   const auto* found = std::find_if(std::begin(kExplanations), std::end(kExplanations),
                                    [&code](const Explanation& each) { return code == each.code; });
-  return found != std::end(kExplanations) ? std::string(found->sentence) + " [" + code + "]" : code;
+  if (found != std::end(kExplanations)) {
+    return std::string(found->sentence) + " [" + code + "]";
+  }
+  const bool portal = code.starts_with("HTTP ") || code.starts_with("WinHTTP error ") || code == "unexpected check-in reply";
+  return portal ? "The portal gives no usable answer; the service goes on trying. [" + code + "]" : code;
 }
 
 int Status(const Options& options) { return Run(options, Request("status"), StatusText); }
