@@ -44,7 +44,6 @@ class Terminal:
         self._programs = programs
         self._service = service
         self._unsigned = unsigned
-        self._dumped = False
 
     def __enter__(self):
         subprocess.run([REPOSITORY / "tools/dev/wine-prefix", self.prefix], check=True)
@@ -152,10 +151,6 @@ class Terminal:
 
     def dump_machine(self):
         """Accounts, groups, secrets, profiles and the settings that kiosk mode touches, as text to compare."""
-        if not self._dumped:
-            self._dumped = True
-            # Windows has this key; Wine has not, and one that the service had to make stays, empty.
-            self.registry("add", r"HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion\PasswordLess\Device", "/f")
         code, out, err = self.run("sim_machine.exe", "dump")
         assert code == 0, err
         return out

@@ -48,8 +48,8 @@ constexpr Explanation kExplanations[] = {
     {"no_client", "The client program is not installed on this computer. Install it."},
     {"not_enrolled", "This terminal is not paired with a portal, or no longer."},
     {"not_pending", "No restart into kiosk mode is due. Restart the computer as usual if it is to start kiosk mode."},
-    {"not_permitted", "This user may not do that: pairing and restarting need a person signed in at this computer with an "
-                      "account other than the kiosk's, the rest needs the kiosk account in its own session."},
+    {"not_permitted", "This user may not do that. Pairing and restarting need somebody signed in at this computer who is not\n"
+                      "the kiosk account; unlocking and maintenance need the kiosk account in its own session."},
     {"not_provisioned", "The kiosk account is not set up."},
     {"not_unlocked", "The unlock is not valid (any more). Unlock again, or give the exit password."},
     {"profile_failed", "Windows did not create the kiosk account's profile. See the service's log."},

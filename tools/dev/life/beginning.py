@@ -3,10 +3,11 @@
 import re
 import threading
 
-from .stage import KIOSK_USER, OWNER, WINLOGON
+from .stage import KIOSK_USER, OWNER, PASSWORDLESS, POLICIES, WINLOGON
 
 CLIENT = r"C:\Program Files\Norvane\Tessaly"
 EXIT_PASSWORD = "Open Sesame"
+USERS = "S-1-5-32-545"
 
 
 def a_computer_and_its_owner(stage):
@@ -14,6 +15,11 @@ def a_computer_and_its_owner(stage):
     terminal = stage.terminal
     terminal.set_client_folder(CLIENT)
     terminal.machine("user", OWNER, "secret")
+    for name, text in (("AutoAdminLogon", "0"), ("DefaultUserName", OWNER), ("DefaultDomainName", ".")):
+        terminal.set_string(name, text, WINLOGON)
+    for name, number, key in (("AutoLogonCount", 3, WINLOGON), ("DevicePasswordLessBuildVersion", 2, PASSWORDLESS),
+                              ("EnableFirstLogonAnimation", 1, POLICIES)):
+        terminal.set_dword(name, number, key)
     # Once, for the profile: it is there before and after, whatever the service does.
     terminal.machine("signout", str(terminal.machine("signin", OWNER)))
     stage.before = terminal.dump_machine()
@@ -54,9 +60,12 @@ def pairing_sets_the_kiosk_up(stage):
     pair(stage, name="Hall 3 – Łódź")
     code, text = stage.kioskctl("pair")
     stage.check(code == 1 and "[already_enrolled]" in text, "it cannot be paired twice", text)
-    changed = set(stage.terminal.dump_machine().splitlines()) - set(stage.before.splitlines())
-    for what in (f"user {KIOSK_USER} ", "member Users ", "secret DefaultPassword "):
-        stage.check(any(line.startswith(what) for line in changed), f"Windows has a new {what.split()[0]}")
+    changed = sorted(set(stage.terminal.dump_machine().splitlines()) - set(stage.before.splitlines()))
+    sid = stage.terminal.value("AccountSid")
+    members = [line for line in changed if line.startswith("member ")]
+    stage.check(any(line.startswith(f"user {KIOSK_USER} {sid} ") for line in changed), f"Windows has a user {KIOSK_USER}")
+    stage.check(members == [f"member {USERS} {sid}"], "who is in the group Users and in no other", members)
+    stage.check(any(line.startswith("secret DefaultPassword ") for line in changed), "and whose password Windows keeps")
     stage.check((stage.terminal.value("AutoAdminLogon", WINLOGON), stage.terminal.value("DefaultUserName", WINLOGON)) ==
                 ("1", KIOSK_USER), f"Windows is to sign {KIOSK_USER} in by itself")
 

@@ -7,6 +7,8 @@ import time
 from terminal import STATE_KEY, wait_for
 
 WINLOGON = r"HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion\Winlogon"
+PASSWORDLESS = r"HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion\PasswordLess\Device"
+POLICIES = r"HKLM\SOFTWARE\Microsoft\Windows\CurrentVersion\Policies\System"
 SIMULATED = r"HKLM\SOFTWARE\SimulatedWindows"
 KIOSK_USER = "NorvaneKiosk"
 OWNER = "Owner"
@@ -63,9 +65,10 @@ class Stage:
 
     def kioskctl(self, *words, development=False):
         """Runs it as whoever the pipe takes its clients for, and shows what it says. Returns (exit code, text)."""
+        program = "kioskctl-dev" if development else "kioskctl"
         shown = " ".join(f'"{word}"' if " " in word or not word else word for word in words)
-        self.show(f"   > kioskctl {shown}")
-        code, out, err = self.terminal.run("kioskctl-dev.exe" if development else "kioskctl.exe", *words, timeout=120)
+        self.show(f"   > {program} {shown}")
+        code, out, err = self.terminal.run(program + ".exe", *words, timeout=120)
         for line in (out + err).splitlines():
             self.show(f"     {line}".rstrip())
         return code, out + err
