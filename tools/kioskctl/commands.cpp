@@ -218,6 +218,16 @@ int ReportPaired(const Value& reply, bool countdown) {
   return kDone;
 }
 
+// A pairing that fails in its last step, in which the kiosk account is set up, leaves the terminal paired all the same.
+int ReportFailed(const Value& reply, bool countdown) {
+  Print(countdown ? "\n" : "");
+  const int code = Refused(reply);
+  if (const Answer status = AskFor(Request("status")); Member(status.reply, "enrolled").boolean()) {
+    Print(std::string(NextStep(status.reply)) + "\n");
+  }
+  return code;
+}
+
 // Polls until the code is claimed or has ended.
 int Poll(const std::string& code, std::uint64_t seconds, const Options& options) {
   Value request = Request("pair.check");
@@ -241,7 +251,7 @@ int Poll(const std::string& code, std::uint64_t seconds, const Options& options)
       return options.json ? static_cast<int>(kDone) : ReportPaired(answer.reply, countdown);
     }
     if (!Ok(answer.reply)) {
-      return options.json ? static_cast<int>(kServiceError) : Refused(answer.reply);
+      return options.json ? static_cast<int>(kServiceError) : ReportFailed(answer.reply, countdown);
     }
     const bool unreachable = Member(answer.reply, "error").text() == "unreachable";
     if (unreachable && !warned && !options.json) {
