@@ -1,6 +1,7 @@
 #include "sim/computer.h"
 
 #include "sim/accounts.h"
+#include "sim/callers.h"
 #include "sim/clock.h"
 #include "sim/lsa.h"
 #include "sim/machine.h"
@@ -109,7 +110,7 @@ std::string DumpMachine(const std::vector<std::wstring>& keys) {
   for (const std::wstring& name : UserNames()) {
     const User user = FindUser(name).value_or(User());
     lines.push_back("user " + Narrow(user.name + L" " + user.sid + L" \"" + user.fullName + L"\" " + user.password) +
-                    " " + std::to_string(user.flags) + " " + std::to_string(user.lastLogon));
+                    " " + std::to_string(user.flags));
   }
   for (const std::wstring& group : AreaNames(L"Groups")) {
     for (const std::wstring& member : GroupMembers(group)) {
@@ -156,6 +157,12 @@ DWORD RunMachineCommand(const std::wstring& command) {
     std::wstring password;
     words >> name >> password;
     AddUser(name, password);
+  } else if (verb == L"caller") {
+    if (!(words >> name)) {
+      ForgetPipeCallers();
+    } else {
+      SetPipeCaller({.user = name, .session = words >> number ? std::optional(number) : std::nullopt});
+    }
   } else if (verb == L"signout") {
     words >> number;
     SignOut(number);

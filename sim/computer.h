@@ -14,12 +14,14 @@ namespace sim {
 DWORD RestartComputer();
 
 // Accounts, groups, secrets, profiles, hives and the keys (below HKLM, with all that is below them) as text, a line for
-// each thing, sorted: equal for equal computers. Leaves out what the service may keep: its state and its logs.
+// each thing, sorted: equal for equal computers. Leaves out what the service may keep, its state and its logs, and when
+// somebody signed in last.
 std::string DumpMachine();
 std::string DumpMachine(const std::vector<std::wstring>& keys);
 
-// "signin NAME [SESSION]", "signout SESSION", "restart", "user NAME [PASSWORD]", "stubborn SESSION MILLISECONDS".
-// Returns what the function returns, or 0.
+// "signin NAME [SESSION]", "signout SESSION", "restart", "user NAME [PASSWORD]", "stubborn SESSION MILLISECONDS",
+// "caller NAME [SESSION]" (whom the pipe takes its clients for; without a name: for who they are). Returns what the
+// function returns, or 0.
 DWORD RunMachineCommand(const std::wstring& command);
 
 }  // namespace sim

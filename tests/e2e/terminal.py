@@ -5,6 +5,7 @@ import hashlib
 import json
 import os
 import pathlib
+import re
 import shutil
 import ssl
 import struct
@@ -120,6 +121,12 @@ class Terminal:
     def set_dword(self, name, number, key=STATE_KEY):
         assert self.registry("add", key, "/v", name, "/t", "REG_DWORD", "/d", str(number), "/f")[0] == 0
 
+    def value(self, name, key=STATE_KEY):
+        """The value as reg.exe shows it; None when it is not there."""
+        code, text = self.registry("query", key, "/v", name)
+        found = re.search(rf"^ +{re.escape(name)} +REG_\w+ *(.*?)\r?$", text, re.M)
+        return found[1] if code == 0 and found else None
+
     def has_value(self, name, key=STATE_KEY):
         return self.registry("query", key, "/v", name)[0] == 0
 
@@ -136,12 +143,14 @@ class Terminal:
     def set_client_folder(self, folder):
         self.set_string("ClientInstallDir", folder, r"HKLM\SOFTWARE\Norvane\Tessaly\Update")
 
+    def machine(self, *words):
+        """A command of sim_machine.exe; returns its number."""
+        code, out, err = self.run("sim_machine.exe", *words)
+        assert code == 0, f"sim_machine {' '.join(words)}: {out}{err}"
+        return int(out)
+
     def dump_machine(self):
         """Accounts, groups, secrets, profiles and the settings that kiosk mode touches, as text to compare."""
-        if not self.path(PROGRAM_FOLDER + r"\sim_machine.exe").exists():
-            self.put(BUILD / "sim_machine.exe")
-            # Windows has this key; Wine has not, and one that the service had to make stays, empty.
-            self.registry("add", r"HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion\PasswordLess\Device", "/f")
         code, out, err = self.run("sim_machine.exe", "dump")
         assert code == 0, err
         return out
@@ -163,6 +172,16 @@ class Terminal:
         """net start / net stop of the service."""
         return subprocess.run(["wine", "net", verb, "NorvaneKiosk"], env=self.environment, stdin=subprocess.DEVNULL,
                               stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode
+
+    def start_service(self):
+        """Also after a crash, which Wine's service manager takes a moment to see."""
+        started = sum("listening on" in line for line in self.log())
+        wait_for(lambda: self.net("start") == 0 or self.service_process(), "the service to start")
+        self.wait_until_listening(started + 1)
+
+    def restart_service(self):
+        assert self.net("stop") == 0
+        self.start_service()
 
     def service_process(self):
         """The Linux process id of the running service, or None."""

@@ -1,18 +1,18 @@
 """The shipping program in Wine's service manager, with a real portal over real HTTP."""
 
-import json
-import os
 import pathlib
 import re
-import signal
 import struct
 import sys
 import tempfile
 import time
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tools" / "devportal"))
+TOOLS = pathlib.Path(__file__).resolve().parents[2] / "tools"
+sys.path[:0] = [str(TOOLS / "devportal"), str(TOOLS / "dev")]
+import life  # noqa: E402
 from devportal import Portal, Reply  # noqa: E402
+from life.stage import PROGRAMS, SERVICE  # noqa: E402
 from terminal import BUILD, PROGRAM_FOLDER, Terminal, wait_for  # noqa: E402
 
 SERVICE_KEY = r"HKLM\SYSTEM\CurrentControlSet\Services\NorvaneKiosk"
@@ -97,56 +97,10 @@ class Installation(unittest.TestCase):
 
 
 class Life(unittest.TestCase):
-    def test_pairing_policy_restart_and_crash(self):
-        with Portal() as portal, Terminal(service="NorvaneKioskSim.exe") as terminal:
-            before = terminal.dump_machine()
-            terminal.set_client_folder(r"C:\Program Files\Tessaly")
-            terminal.install(url=portal.url + "/")
-            code, out, _ = terminal.run("kioskctl.exe", "--json", "status")
-            self.assertEqual((code, json.loads(out)), (0, {
-                "ok": True, "enrolled": False, "provisioned": False, "kioskSession": False, "maintenance": False,
-                "account": "NorvaneKiosk", "terminalName": "",
-                "signIn": {"microsoft": True, "email": True, "extraHosts": []}}))
-
-            with terminal.start("kioskctl.exe", "pair") as pairing:
-                shown = ""
-                while "valid for" not in shown:
-                    shown += pairing.stdout.readline()
-                pending = re.search(r"^  ([A-Z0-9]{8})   \(valid for 15:00\)$", shown, re.M)[1]
-                terminal_id = portal.claim(pending, name="Łódź – Halle 3")
-                out, err = pairing.communicate(timeout=30)
-            self.assertEqual((pairing.returncode, err), (0, ""))
-            self.assertTrue(out.endswith("This terminal is paired.\nThe computer restarts into kiosk mode in 10 seconds.\n"), out)
-            self.assertEqual(terminal.ask(cmd="status")["terminalName"], "Łódź – Halle 3")
-            self.assertIn('INFO terminal name now "Łódź – Halle 3"', terminal.log())
-            code, _, err = terminal.run("kioskctl.exe", "pair")
-            self.assertEqual((code, "already_enrolled" in err), (1, True))
-
-            # A changed policy arrives with the next check-in; a restart of the service asks at once.
-            portal.set(terminal_id, name="Hall 4", signIn={"microsoft": True, "email": False, "extraHosts": []})
-            seen = portal.terminals()[0]["checkIns"]
-            self.assertEqual(terminal.net("stop"), 0)
-            self.assertEqual(terminal.net("start"), 0)
-            portal.wait(lambda: portal.terminals()[0]["checkIns"] > seen, 20)
-            wait_for(lambda: terminal.ask(cmd="status")["terminalName"] == "Hall 4", "the new name")
-            self.assertFalse(terminal.ask(cmd="status")["signIn"]["email"])
-
-            # A killed service leaves whole lines and starts again as what it was.
-            seen = portal.terminals()[0]["checkIns"]
-            os.kill(terminal.service_process(), signal.SIGKILL)
-            self.assertTrue(terminal.log_bytes().endswith(b"\n"))
-            wait_for(lambda: terminal.service_process() is None, "the killed service to be gone")
-            wait_for(lambda: terminal.net("start") == 0 or terminal.service_process(), "the service to start again")
-            portal.wait(lambda: portal.terminals()[0]["checkIns"] > seen, 30)
-
-            # The portal removes it: the computer is as it was before.
-            self.assertNotEqual(terminal.dump_machine(), before)
-            portal.revoke(terminal_id)
-            self.assertEqual(terminal.net("stop"), 0)
-            self.assertEqual(terminal.net("start"), 0)
-            wait_for(lambda: not terminal.ask(cmd="status")["enrolled"], "the removal")
-            self.assertEqual(terminal.dump_machine(), before)
-            self.assertIn("WARN removing kiosk mode: removed in the portal (401, status revoked)", terminal.log())
+    def test_from_pairing_to_revocation_and_uninstall(self):
+        with Portal() as portal, Terminal(programs=PROGRAMS, service=SERVICE) as terminal:
+            stage = life.Stage(portal, terminal, patient=False)
+            life.play(stage, life.FIRST_LIFE + life.SECOND_LIFE)
 
     def test_stop_while_the_portal_is_silent(self):
         with Portal() as portal, Terminal() as terminal:

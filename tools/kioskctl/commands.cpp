@@ -3,6 +3,7 @@
 #include "json/serialise.h"
 #include "large_text.h"
 #include "pipe_client.h"
+#include "state/kiosk_state.h"
 #include "text/text.h"
 #include "win32/clock.h"
 #include "win32/console.h"
@@ -47,8 +48,9 @@ constexpr Explanation kExplanations[] = {
     {"no_client", "The client program is not installed on this computer. Install it."},
     {"not_enrolled", "This terminal is not paired with a portal, or no longer."},
     {"not_pending", "No restart into kiosk mode is due. Restart the computer as usual if it is to start kiosk mode."},
-    {"not_permitted", "This user may not do that: pairing and restarting need a person signed in at this computer with an "
-                      "account other than the kiosk's, the rest needs the kiosk account in its own session."},
+    {"not_permitted",
+     "This user may not do that. Pairing and restarting need somebody signed in at this computer who is not\n"
+     "the kiosk account; unlocking and maintenance need the kiosk account in its own session."},
     {"not_provisioned", "The kiosk account is not set up."},
     {"not_unlocked", "The unlock is not valid (any more). Unlock again, or give the exit password."},
     {"profile_failed", "Windows did not create the kiosk account's profile. See the service's log."},
@@ -56,7 +58,8 @@ constexpr Explanation kExplanations[] = {
     {"revoked", "The portal says that this terminal was removed. Start again to pair it anew."},
     {"server_error", "The portal answered with something unexpected. Try again later."},
     {"state_write_failed", "The service could not write its settings. See the service's log."},
-    {"token_store_failed", "The portal accepted the terminal, but its token could not be stored. See the service's log."},
+    {"token_store_failed",
+     "The portal accepted the terminal, but its token could not be stored. See the service's log."},
     {"unknown_code", "The service does not know this code any more. Start again for a new one."},
     {"unknown_command", "The service does not know this command."},
     {"unreachable", "The portal cannot be reached. Check the network and the portal's address."},
@@ -64,12 +67,20 @@ constexpr Explanation kExplanations[] = {
     {"wrong_password", "That is not the exit password. It is set in the portal."},
 };
 
+// What the service does not say. Only administrators may look there; to anybody else the terminal is just not paired.
+bool RemovalPending() { return kiosk::state::FlagIsOn(kiosk::state::kTeardownPending); }
+
 // Prints why there is no reply; returns the exit code.
 int NoReply(const Answer& answer) {
   const std::string number = " (error " + std::to_string(answer.error) + ")\n";
   switch (answer.outcome) {
     case Outcome::kNoService:
       PrintError("The kiosk service is not running on this computer" + number);
+      if (RemovalPending()) {
+        PrintError(
+            "Kiosk mode was not removed completely: the kiosk account was in use. If the service was uninstalled,\n"
+            "restart the computer and run \"NorvaneKiosk.exe --uninstall\" once more; otherwise start the service.\n");
+      }
       break;
     case Outcome::kNotAllowed:
       PrintError("Windows does not let this user talk to the kiosk service: sign in at this computer" + number);
@@ -133,12 +144,23 @@ std::string Hosts(const Value& signIn) {
 }
 
 const char* NextStep(const Value& reply) {
-  if (!Member(reply, "enrolled").boolean()) {
-    return "Not paired with a portal. Run \"kioskctl pair\" and enter the code in the portal.";
+  const bool enrolled = Member(reply, "enrolled").boolean();
+  const bool provisioned = Member(reply, "provisioned").boolean();
+  if (RemovalPending()) {
+    return enrolled ? "Kiosk mode is being removed. Ask again in a minute."
+                    : "Not paired any more, but the kiosk account could not be removed yet, because it is in use. The\n"
+                      "service tries again every 30 seconds; a restart of the computer usually frees it. Pairing the\n"
+                      "terminal again takes the account over instead.";
   }
-  if (!Member(reply, "provisioned").boolean()) {
-    return "Paired, but the kiosk account is not set up yet. The service tries again by itself, every ten minutes at the\n"
-           "latest; a last error below says what it needs. Once the account is set up, restart the computer.";
+  if (!enrolled) {
+    return provisioned
+               ? "Not paired with a portal, but the kiosk account is still set up. Run \"kioskctl pair\" and enter\n"
+                 "the code in the portal, or \"NorvaneKiosk.exe --uninstall\" to give the computer back."
+               : "Not paired with a portal. Run \"kioskctl pair\" and enter the code in the portal.";
+  }
+  if (!provisioned) {
+    return "Paired, but the kiosk account is not set up yet. The service tries again by itself, every ten minutes at\n"
+           "the latest; its last error says what it needs. Once the account is set up, restart the computer.";
   }
   if (Member(reply, "maintenance").boolean()) {
     return "In maintenance: the kiosk account does not sign in by itself. To end it, sign out the administrator who\n"
@@ -147,8 +169,9 @@ const char* NextStep(const Value& reply) {
   if (Member(reply, "kioskSession").boolean()) {
     return "In kiosk mode: this is the kiosk account's own session.";
   }
-  return "Paired and set up: the kiosk account signs in when Windows starts. Restart the computer to start kiosk mode, if\n"
-         "it does not run yet (right after pairing that happens by itself).";
+  return "Paired and set up: the kiosk account signs in when Windows starts. Restart the computer to start kiosk "
+         "mode,\n"
+         "if it does not run yet (right after pairing that happens by itself).";
 }
 
 std::string StatusText(const Value& reply) {
@@ -194,13 +217,25 @@ int ReportPaired(const Value& reply, bool countdown) {
   Print(countdown ? "\n" : "");
   Print("This terminal is paired.\n");
   if (Member(reply, "restarting").boolean()) {
-    Print("The computer restarts into kiosk mode in " +
-          kiosk::json::AsString(Member(reply, "restartInSeconds")) + " seconds.\n");
+    Print("The computer restarts into kiosk mode in " + kiosk::json::AsString(Member(reply, "restartInSeconds")) +
+          " seconds.\n");
   } else {
-    Print("The portal does not know it yet; the service sets up the kiosk account as soon as it does. \"kioskctl status\"\n"
-          "tells when to restart the computer.\n");
+    Print(
+        "The portal does not know it yet; the service sets up the kiosk account as soon as it does. \"kioskctl "
+        "status\"\n"
+        "tells when to restart the computer.\n");
   }
   return kDone;
+}
+
+// A pairing that fails in its last step, in which the kiosk account is set up, leaves the terminal paired all the same.
+int ReportFailed(const Value& reply, bool countdown) {
+  Print(countdown ? "\n" : "");
+  const int code = Refused(reply);
+  if (const Answer status = AskFor(Request("status")); Member(status.reply, "enrolled").boolean()) {
+    Print(std::string(NextStep(status.reply)) + "\n");
+  }
+  return code;
 }
 
 // Polls until the code is claimed or has ended.
@@ -226,7 +261,7 @@ int Poll(const std::string& code, std::uint64_t seconds, const Options& options)
       return options.json ? static_cast<int>(kDone) : ReportPaired(answer.reply, countdown);
     }
     if (!Ok(answer.reply)) {
-      return options.json ? static_cast<int>(kServiceError) : Refused(answer.reply);
+      return options.json ? static_cast<int>(kServiceError) : ReportFailed(answer.reply, countdown);
     }
     const bool unreachable = Member(answer.reply, "error").text() == "unreachable";
     if (unreachable && !warned && !options.json) {
@@ -241,7 +276,12 @@ int Poll(const std::string& code, std::uint64_t seconds, const Options& options)
 std::string Explain(const std::string& code) {
   const auto* found = std::find_if(std::begin(kExplanations), std::end(kExplanations),
                                    [&code](const Explanation& each) { return code == each.code; });
-  return found != std::end(kExplanations) ? std::string(found->sentence) + " [" + code + "]" : code;
+  if (found != std::end(kExplanations)) {
+    return std::string(found->sentence) + " [" + code + "]";
+  }
+  const bool portal =
+      code.starts_with("HTTP ") || code.starts_with("WinHTTP error ") || code == "unexpected check-in reply";
+  return portal ? "The portal gives no usable answer; the service goes on trying. [" + code + "]" : code;
 }
 
 int Status(const Options& options) { return Run(options, Request("status"), StatusText); }

@@ -109,8 +109,9 @@ class PageTest(unittest.TestCase):
         self.assertTrue(self.browser.save_screenshot(str(self.pictures / name)))
         send("Emulation.clearDeviceMetricsOverride", {})
 
-    def test_the_real_service_is_claimed_and_renamed_here(self):
-        with computer.Terminal(service="NorvaneKioskSim.exe") as kiosk:
+    def test_the_real_service_is_claimed_renamed_opened_and_removed_here(self):
+        programs = ("kioskctl.exe", "kioskctl-dev.exe", "sim_machine.exe")
+        with computer.Terminal(programs, service="NorvaneKioskSim.exe") as kiosk:
             kiosk.set_client_folder(r"C:\Program Files\Tessaly")
             kiosk.install(url=self.portal.url)
             begun = kiosk.ask(cmd="pair.begin")
@@ -128,6 +129,27 @@ class PageTest(unittest.TestCase):
             # Within the interval of check-ins.
             computer.wait_for(lambda: kiosk.ask(cmd="status")["terminalName"] == "Counter 2 – Kraków", "the new name", 40)
             self.picture("real-terminal-desktop.png", 1280)
+
+            # The exit password counts from the moment it is saved.
+            kiosk.machine("signin", "NorvaneKiosk")
+            kiosk.machine("caller", "NorvaneKiosk")
+            self.assertEqual(kiosk.ask(cmd="unlock", password="Sesame 2")["error"], "wrong_password")
+            self.type(self.field(number, "exitPassword"), "Sesame 2" + Keys.ENTER)
+            self.until(lambda: self.settings().get("exitPassword") == "Sesame 2", "the password to be saved")
+            self.assertTrue(kiosk.ask(cmd="unlock", password="Sesame 2")["ok"])
+            self.until(lambda: '"appVersion": "2026-10-15-0001"' in self.card(number, "pre").text, "what the terminal said")
+
+            self.card(number, ".revoke").click()
+            self.browser.switch_to.alert.accept()
+            self.until(lambda: self.card(number, ".age").text == "not told so yet", "the revoked card")
+            kiosk.restart_service()
+            self.until(lambda: self.card(number, ".age").text.startswith("told so"), "that the terminal heard of it")
+            computer.wait_for(lambda: not kiosk.ask(cmd="status")["enrolled"], "the end of kiosk mode")
+            self.picture("revoked-desktop.png", 1280)
+            self.card(number, ".forget").click()
+            self.assertEqual(self.browser.switch_to.alert.text, 'Forget "Counter 2 – Kraków"? It vanishes from this list.')
+            self.browser.switch_to.alert.accept()
+            self.until(lambda: self.find("#none").is_displayed(), "the empty list")
 
     def test_a_terminal_from_its_code_to_its_removal(self):
         self.browser.get(self.portal.url + "/")
@@ -222,7 +244,7 @@ class PageTest(unittest.TestCase):
             self.browser.switch_to.alert.accept()
             self.until(lambda: terminal.check_in() == (401, {"status": answer}), answer)
             if action == "revoke":
-                self.until(lambda: "told so" in self.card(number, ".age").text, "the revoked card")
+                self.until(lambda: self.card(number, ".age").text.startswith("told so"), "the revoked card")
         self.until(lambda: not self.browser.find_elements(By.CSS_SELECTOR, f"[data-terminal='{number}']"), "no card")
         # The browser logs the refusals of the wrong code and of the broken policy, and must have nothing else to say.
         said = [entry["message"] for entry in self.browser.get_log("browser")]
