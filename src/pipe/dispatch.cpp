@@ -38,7 +38,8 @@ constexpr CallerClass kKioskSession{[](const CallerRecord& caller) {
                                     },
                                     "the caller is not the kiosk account in its own session"};
 
-// Whether the terminal settings must be unlocked: the request then carries the "unlockToken" of the caller's own session.
+// Whether the terminal settings must be unlocked: the request then carries the "unlockToken" of the caller's own
+// session.
 enum class Settings { kMayBeLocked, kUnlocked };
 
 struct Command {
@@ -73,8 +74,8 @@ json::Value Unlock(const Client& client, const json::Value& request, PostReplyAc
 }
 
 json::Value Maintenance(const Client& client, const json::Value& request, PostReplyAction& afterReply) {
-  return account::EnterMaintenance(json::Member(request, "password").text(), json::Member(request, "unlockToken").text(),
-                                   client.caller.sessionId, afterReply);
+  return account::EnterMaintenance(json::Member(request, "password").text(),
+                                   json::Member(request, "unlockToken").text(), client.caller.sessionId, afterReply);
 }
 
 constexpr Command kCommands[] = {
