@@ -2,6 +2,7 @@
 #include "account/teardown.h"
 
 #include "account/account_lock.h"
+#include "account/enrolment.h"
 #include "account/kiosk_account.h"
 #include "account/kiosk_restart.h"
 #include "account/provisioning.h"
@@ -258,6 +259,17 @@ TEST_F(TeardownTest, InterruptedOneIsDoneAgainAsAWhole) {
   SetDword(state::kStateKey, L"TeardownPending", 2);  // no mark
   FinishPendingRemoval();
   EXPECT_TRUE(state::TokenIsStored());
+  SetDword(state::kStateKey, L"TeardownPending", 1);
+  SetDword(state::kStateKey, L"TeardownSuperseded", 1);
+  FinishPendingRemoval();  // the mark is older than the token
+  EXPECT_TRUE(StillEnrolled("tok-1"));
+  SetDword(state::kStateKey, L"TeardownSuperseded", 1);  // left over; no teardown of this enrolment is called off by it
+  {
+    const sim::FaultPass pass;
+    RemoveKioskMode(false, "because");
+    EXPECT_TRUE(pass.Calls().front().object.ends_with(L"TeardownSuperseded"));
+  }
+  Enrol();
   SetDword(state::kStateKey, L"TeardownPending", 1);
   FinishPendingRemoval();
   EXPECT_EQ(sim::DumpMachine(), before);
