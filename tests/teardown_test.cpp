@@ -388,8 +388,12 @@ void EveryPointGivesTheComputerBack(const wchar_t* name, const std::function<voi
              EXPECT_FALSE(state::FlagIsOn(state::kTeardownPending));
              // A value of the registry whose restoration or deletion failed once is not tried again: one and no more.
              const auto differing = Differences(test::ReadWholeFile(kDumpFile), sim::DumpMachine());
-             EXPECT_LE(differing.size() + StateNames().size(), failedOnly ? 1U : 0U)
-                 << testing::PrintToString(differing) << testing::PrintToString(StateNames());
+             std::set<std::wstring> left = StateNames();
+             if (left.contains(L"OwnsAutoLogon")) {  // with what it vouches for: a mark without copies would cost them all
+               EXPECT_EQ(std::erase_if(left, [](const std::wstring& value) { return value.starts_with(L"Prior"); }), 7U);
+             }
+             EXPECT_LE(differing.size() + left.size(), failedOnly ? 1U : 0U)
+                 << testing::PrintToString(differing) << testing::PrintToString(left);
            }});
 }
 
