@@ -195,6 +195,13 @@ Values Original() {
   return values;
 }
 
+// Named before as it is in kiosk mode, so that a restore cannot see by it that everything was put back.
+Values OriginalWithTheKiosksName() {
+  Values values = Original();
+  values[1] = {REG_SZ, "n\0o\0r\0v\0a\0n\0e\0k\0i\0o\0s\0k\0\0\0"s};
+  return values;
+}
+
 // A take-over that fails or ends anywhere has changed no setting, and the next one saves the right ones.
 TEST(AutoLogonFaults, TakingOverChangesNothing) {
   sim::RunFaultScenario({.name = L"take over auto sign-in",
@@ -227,6 +234,22 @@ TEST(AutoLogonFaults, ARestoreIsDoneAgain) {
                                RestoreAutoLogon();
                                EXPECT_EQ(Present(), Original());
                                EXPECT_FALSE(sim::Secret(L"DefaultPassword"));
+                               EXPECT_TRUE(NothingKept());
+                             },
+                         .errors = {}});
+  sim::RunFaultScenario({.name = L"restore the kiosk's own name",
+                         .prepare =
+                             [] {
+                               PrepareComputer(1);
+                               test::SetString(kWinlogonKey, L"DefaultUserName", L"norvanekiosk");
+                               EXPECT_TRUE(TakeOverAutoLogon());
+                               BecomeKiosk();
+                             },
+                         .run = [] { RestoreAutoLogon(); },
+                         .later =
+                             [] {
+                               RestoreAutoLogon();
+                               EXPECT_EQ(Present(), OriginalWithTheKiosksName());
                                EXPECT_TRUE(NothingKept());
                              },
                          .errors = {}});

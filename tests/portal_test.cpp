@@ -430,9 +430,9 @@ TEST_F(PortalTest, TokenThatCannotBeStoredIsReported) {
   SetDword(state::kStateKey, L"TeardownPending", 1);
   Answer(L"POST", kPairPath, Reply(201, R"({"pairingCode":"ABCD1234"})"));
   Answer(L"GET", L"/api/kiosk/pair/ABCD1234", Reply(200, R"({"deviceToken":"tok-9"})"));
-  // Protecting the token, making the key and the one above it, protecting it, setting the value. The sixth, the deletion of
-  // "UnknownSince", may fail; the seventh takes the mark of an earlier teardown away, which would end the new enrolment.
-  for (const int call : {1, 2, 3, 4, 5, 7}) {
+  // Protecting the token, making the key and the one above it, protecting it, noting that a newer token comes, setting the
+  // value. The seventh, the deletion of "UnknownSince", may fail; the eighth takes the mark of an earlier teardown away.
+  for (const int call : {1, 2, 3, 4, 5, 6, 8}) {
     Begin();
     const sim::FaultPass pass(sim::FaultKind::kFail, call);
     EXPECT_EQ(Check(), R"({"ok":false,"error":"token_store_failed"})") << call;

@@ -81,8 +81,7 @@ bool InGroup(const wchar_t* group, const std::wstring& sid) {
 }
 
 // What the computer must have when it counts as provisioned. Settings whose failure is let pass are left out: the full
-// name, the privileged groups, the two settings of the first sign-in, fast user switching, the switch itself, and the
-// unloading of the hive.
+// name, the privileged groups, the two settings of the first sign-in, fast user switching, and the unloading of the hive.
 void ExpectKiosk() {
   const auto user = sim::FindUser(L"NorvaneKiosk");
   ASSERT_TRUE(user);
@@ -181,6 +180,7 @@ TEST_F(ProvisioningTest, EachFailureHasItsCodeAndIsOverWhenItsCauseIs) {
       {"RegSetValueExW(HKLM\\Software\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon\\DefaultUserName)", true,
        "winlogon_failed", 0},
       {"\\DefaultDomainName)", true, "winlogon_failed", 0},
+      {"Winlogon\\AutoAdminLogon)", true, "winlogon_failed", 0},
       {"CreateProfile(", false, "profile_failed", 0x80070005},
       {"RegLoadKeyW(", false, "hive_failed", 0},
       {"\\Kiosk\\Provisioned)", true, "state_write_failed", 0},
@@ -413,6 +413,7 @@ TEST_P(ProvisioningFaults, AnyRunCanBeTheLastButOne) {
                              [] {
                                if (state::FlagIsOn(state::kProvisioned)) {
                                  ExpectKiosk();
+                                 EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"1");
                                }
                                EXPECT_LE(sim::UserNames().size(), 1U);
                                EXPECT_EQ(ProvisionKioskAccount({}), "");

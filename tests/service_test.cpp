@@ -1,7 +1,9 @@
 // The service's own life, with the test in the place of the service manager.
 #include "service/service_main.h"
 
+#include "account/enrolment.h"
 #include "account/provisioning.h"
+#include "account/teardown.h"
 #include "portal/device_token.h"
 #include "service/install.h"
 #include "sim/accounts.h"
@@ -123,11 +125,15 @@ TEST(EnrolmentFaults, StoringTheTokenIsAllOrNothing) {
                          .run = [] { portal::StoreDeviceToken("tok-1"); },
                          .later =
                              [] {
-                               EXPECT_TRUE(!state::TokenIsStored() || portal::ReadDeviceToken().Get() == "tok-1");
+                               const bool stored = state::TokenIsStored();
+                               account::FinishPendingRemoval();
+                               EXPECT_EQ(portal::ReadDeviceToken().Get(), stored ? "tok-1" : "") << "the old removal took it";
+                               EXPECT_EQ(account::StillEnrolled("tok-1"), stored);
                                EXPECT_TRUE(portal::StoreDeviceToken("tok-2"));
                                EXPECT_EQ(portal::ReadDeviceToken().Get(), "tok-2");
-                               EXPECT_FALSE(test::HasValue(state::kStateKey, L"TeardownPending"));
-                               EXPECT_FALSE(test::HasValue(state::kStateKey, L"UnknownSince"));
+                               for (const wchar_t* gone : {L"TeardownPending", L"TeardownSuperseded", L"UnknownSince"}) {
+                                 EXPECT_FALSE(test::HasValue(state::kStateKey, gone)) << sim::Narrow(gone);
+                               }
                              }});
 }
 

@@ -2,6 +2,7 @@
 #include "account/teardown.h"
 
 #include "account/account_lock.h"
+#include "account/enrolment.h"
 #include "account/kiosk_account.h"
 #include "account/kiosk_restart.h"
 #include "account/provisioning.h"
@@ -259,6 +260,17 @@ TEST_F(TeardownTest, InterruptedOneIsDoneAgainAsAWhole) {
   FinishPendingRemoval();
   EXPECT_TRUE(state::TokenIsStored());
   SetDword(state::kStateKey, L"TeardownPending", 1);
+  SetDword(state::kStateKey, L"TeardownSuperseded", 1);
+  FinishPendingRemoval();  // the mark is older than the token
+  EXPECT_TRUE(StillEnrolled("tok-1"));
+  SetDword(state::kStateKey, L"TeardownSuperseded", 1);  // left over; no teardown of this enrolment is called off by it
+  {
+    const sim::FaultPass pass;
+    RemoveKioskMode(false, "because");
+    EXPECT_TRUE(pass.Calls().front().object.ends_with(L"TeardownSuperseded"));
+  }
+  Enrol();
+  SetDword(state::kStateKey, L"TeardownPending", 1);
   FinishPendingRemoval();
   EXPECT_EQ(sim::DumpMachine(), before);
   EXPECT_EQ(StateNames(), std::set<std::wstring>{});
@@ -376,8 +388,12 @@ void EveryPointGivesTheComputerBack(const wchar_t* name, const std::function<voi
              EXPECT_FALSE(state::FlagIsOn(state::kTeardownPending));
              // A value of the registry whose restoration or deletion failed once is not tried again: one and no more.
              const auto differing = Differences(test::ReadWholeFile(kDumpFile), sim::DumpMachine());
-             EXPECT_LE(differing.size() + StateNames().size(), failedOnly ? 1U : 0U)
-                 << testing::PrintToString(differing) << testing::PrintToString(StateNames());
+             std::set<std::wstring> left = StateNames();
+             if (left.contains(L"OwnsAutoLogon")) {  // with what it vouches for: a mark without copies would cost them all
+               EXPECT_EQ(std::erase_if(left, [](const std::wstring& value) { return value.starts_with(L"Prior"); }), 7U);
+             }
+             EXPECT_LE(differing.size() + left.size(), failedOnly ? 1U : 0U)
+                 << testing::PrintToString(differing) << testing::PrintToString(left);
            }});
 }
 

@@ -98,11 +98,19 @@ void PutBack(const TouchedValue& touched) {
   }
 }
 
-void ForgetSaved() {
+void ForgetCopies() {
   for (const TouchedValue& touched : kTouched) {
     state::DeleteStateValue(touched.prior);
   }
   state::DeleteStateValue(state::kPriorLsaSecret);
+}
+
+// The mark before the copies: with it and without them, the next restore or enrolment would take the computer to have
+// had no settings at all. As long as it cannot be deleted, both stay.
+void GiveUpOwnership() {
+  if (state::DeleteStateValue(state::kOwnsAutoLogon)) {
+    ForgetCopies();
+  }
 }
 
 bool SaveAll() {
@@ -160,23 +168,23 @@ bool TakeOverAutoLogon() {
   if (SaveAll()) {
     return true;
   }
-  state::DeleteStateValue(state::kOwnsAutoLogon);
-  ForgetSaved();
+  GiveUpOwnership();
   return false;
 }
 
 void RestoreAutoLogon() {
-  const std::wstring user = state::ReadString(kUserName.key, kUserName.name).value_or(L"");
-  const bool ours = win32::EqualIgnoringCase(user, kKioskUser);
   state::RawValue mark;
   const LSTATUS status = state::ReadValue(state::kStateKey, state::kOwnsAutoLogon.name, mark);
   if (status != ERROR_SUCCESS || !mark.Dword()) {
-    // Copies without a mark are those of a take-over that was cut short before it changed anything.
-    if (status == ERROR_FILE_NOT_FOUND && !ours) {
-      ForgetSaved();
+    // Copies without a mark are those of a take-over that was cut short before it changed anything, or of a restore
+    // that was after it had put everything back.
+    if (status == ERROR_FILE_NOT_FOUND) {
+      ForgetCopies();
     }
     return;
   }
+  const std::wstring user = state::ReadString(kUserName.key, kUserName.name).value_or(L"");
+  const bool ours = win32::EqualIgnoringCase(user, kKioskUser);
   if (ours) {
     StoreAutoLogonSecret(nullptr, 0);
     if (state::FlagIsOn(state::kPriorLsaSecret)) {
@@ -197,8 +205,7 @@ void RestoreAutoLogon() {
     log::Log(log::kWarn, log::kKiosk, "auto sign-in now names '%s', not %s; left as it is",
              win32::ToNarrow(user).c_str(), win32::ToNarrow(kKioskUser).c_str());
   }
-  ForgetSaved();
-  state::DeleteStateValue(state::kOwnsAutoLogon);
+  GiveUpOwnership();
 }
 
 }  // namespace kiosk::account

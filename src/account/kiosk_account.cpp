@@ -58,9 +58,11 @@ bool CreationWasCutShort() {
   const win32::NetBuffer owner(buffer);
   const auto& user = *reinterpret_cast<const USER_INFO_3*>(buffer);
   // Windows does not tell when an account was made. Its password is at most as old as the account, and an account that
-  // never signed in has had nobody who could have changed it but an administrator.
+  // never signed in has had nobody who could have changed it but an administrator. The age is a difference of whole
+  // seconds and may be one too many.
   const std::uint64_t age = user.usri3_password_age * win32::kFileTimeSecond;
-  return user.usri3_last_logon == 0 && user.usri3_num_logons == 0 && win32::FileTimeNow() - age >= *begun;
+  return user.usri3_last_logon == 0 && user.usri3_num_logons == 0 &&
+         win32::FileTimeNow() - age + win32::kFileTimeSecond >= *begun;
 }
 
 std::wstring WellKnownGroupName(const wchar_t* sidText) {

@@ -274,8 +274,8 @@ Outcome RunSteps(const std::wstring& client) {
   }
   {
     const win32::LockGuard guard(AutoLogonLock());
-    if (!state::FlagIsOn(state::kMaintenance)) {
-      SetAutoAdminLogon(true);
+    if (!state::FlagIsOn(state::kMaintenance) && !SetAutoAdminLogon(true)) {
+      return {"winlogon_failed"};  // nobody else would ever switch it on
     }
   }
   state::RecordLastError({});

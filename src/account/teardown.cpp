@@ -21,6 +21,10 @@ namespace kiosk::account {
 namespace {
 
 void MarkPending() {
+  // Left of a pairing that ended right before it had cleaned up: it would call this teardown off.
+  if (state::ReadState(state::kTeardownSuperseded)) {
+    state::DeleteStateValue(state::kTeardownSuperseded);
+  }
   state::WriteStateDword(state::kTeardownPending, 1);
   state::FlushStateKey();
 }
@@ -76,10 +80,23 @@ bool EraseEnrolment() {
 }
 
 void ForgetRemovedAccount() {
-  for (const state::StateValue* value : {&state::kAccountSid, &state::kAccountCreating, &state::kTeardownPending}) {
+  for (const state::StateValue* value :
+       {&state::kAccountSid, &state::kAccountCreating, &state::kTeardownPending, &state::kTeardownSuperseded}) {
     state::DeleteStateValue(*value);
   }
   state::FlushStateKey();
+}
+
+// A pairing over a pending removal ended between storing its token and taking the mark away. The new enrolment counts.
+bool CalledOffByNewerToken() {
+  if (!state::FlagIsOn(state::kTeardownSuperseded)) {
+    return false;
+  }
+  if (state::DeleteStateValue(state::kTeardownPending)) {
+    state::DeleteStateValue(state::kTeardownSuperseded);
+  }
+  state::FlushStateKey();
+  return true;
 }
 
 void DeleteStateKey() {
@@ -162,6 +179,9 @@ void FinishPendingRemoval() {
       return;
     }
     interrupted = state::TokenIsStored();
+    if (interrupted && CalledOffByNewerToken()) {
+      return;
+    }
     if (interrupted) {
       TearDown(false, "an earlier removal was interrupted");
     } else if (RemoveAccount()) {

@@ -12,6 +12,12 @@ namespace {
 
 constexpr wchar_t kDescription[] = L"Norvane kiosk device token";
 
+// A removal of an earlier enrolment may be pending. Its mark beside a token means a teardown that was cut short and is
+// done again as a whole; so it is noted before that the token is the newer of the two.
+bool AnnounceNewerToken() {
+  return !state::ReadState(state::kTeardownPending) || state::WriteStateDword(state::kTeardownSuperseded, 1);
+}
+
 }  // namespace
 
 text::Secret ReadDeviceToken() {
@@ -32,8 +38,7 @@ text::Secret ReadDeviceToken() {
 }
 
 bool StoreDeviceToken(const std::string& token) {
-  DATA_BLOB plain{static_cast<DWORD>(token.size()),
-                  reinterpret_cast<BYTE*>(const_cast<char*>(token.data()))};
+  DATA_BLOB plain{static_cast<DWORD>(token.size()), reinterpret_cast<BYTE*>(const_cast<char*>(token.data()))};
   DATA_BLOB blob{};
   if (CryptProtectData(&plain, kDescription, nullptr, nullptr, nullptr,
                        CRYPTPROTECT_UI_FORBIDDEN | CRYPTPROTECT_LOCAL_MACHINE, &blob) == 0) {
@@ -43,16 +48,15 @@ bool StoreDeviceToken(const std::string& token) {
   const win32::LocalMemory owner(blob.pbData);
   // Any process of this machine can unprotect the blob, so only the key's own protection keeps it from others: that
   // comes first.
-  if (state::ProtectStateKey().what != nullptr ||
+  if (state::ProtectStateKey().what != nullptr || !AnnounceNewerToken() ||
       state::WriteExisting(state::kStateKey, state::kDeviceToken.name, state::kDeviceToken.type, blob.pbData,
                            blob.cbData) != ERROR_SUCCESS) {
     return false;
   }
   state::DeleteStateValue(state::kUnknownSince);
-  // Beside a token this mark means a teardown that was cut short, which the next pass of the worker would complete.
   const bool superseded = state::DeleteStateValue(state::kTeardownPending);
-  if (!superseded) {
-    state::DeleteStateValue(state::kDeviceToken);
+  if (superseded || state::DeleteStateValue(state::kDeviceToken)) {
+    state::DeleteStateValue(state::kTeardownSuperseded);
   }
   state::FlushStateKey();
   return superseded;

@@ -68,6 +68,9 @@ void StopAndWait(SC_HANDLE service) {
   ControlService(service, SERVICE_CONTROL_STOP, &status);
   const win32::Deadline deadline(kStopWait);
   while (QueryServiceStatus(service, &status) != 0 && status.dwCurrentState != SERVICE_STOPPED && !deadline.Passed()) {
+    if (status.dwCurrentState == SERVICE_RUNNING) {
+      ControlService(service, SERVICE_CONTROL_STOP, &status);  // while it was starting it took none
+    }
     Sleep(kStopPoll);
   }
 }

@@ -33,6 +33,8 @@ inline constexpr StateValue kProvisioned{L"Provisioned", REG_DWORD, "account",
 inline constexpr StateValue kAccountSid{L"AccountSid", REG_SZ, "account", "SID text of the kiosk account"};
 inline constexpr StateValue kTeardownPending{L"TeardownPending", REG_DWORD, "account",
                                              "1 while a teardown must still be finished"};
+inline constexpr StateValue kTeardownSuperseded{L"TeardownSuperseded", REG_DWORD, "portal",
+                                                "1 while a token is stored over a pending teardown: the token is newer"};
 inline constexpr StateValue kMaintenance{L"Maintenance", REG_DWORD, "account", "1 while maintenance mode is on"};
 inline constexpr StateValue kMaintenanceAt{L"MaintenanceAt", REG_QWORD, "account", "when maintenance mode began"};
 inline constexpr StateValue kMaintenanceFailures{L"MaintenanceFailures", REG_DWORD, "account",
@@ -77,6 +79,7 @@ inline constexpr const StateValue* kStateValues[] = {
     &kProvisioned,
     &kAccountSid,
     &kTeardownPending,
+    &kTeardownSuperseded,
     &kMaintenance,
     &kMaintenanceAt,
     &kMaintenanceFailures,
