@@ -38,6 +38,7 @@ def pair(stage, **settings):
     stage.show("   > kioskctl pair")
     with stage.terminal.start("kioskctl.exe", "pair") as pairing:
         patience = threading.Timer(120, pairing.kill)
+        patience.daemon = True
         patience.start()
         said = ""
         for line in pairing.stdout:
