@@ -38,6 +38,9 @@ class Endpoint {
   // The body of a 200, at most `limit` bytes and a chunk; empty for anything else.
   std::optional<std::string> Get(const win32::HttpTarget& target, const CERT_CONTEXT* certificate, std::size_t limit);
 
+  // Closes the session; the next request opens another.
+  void Close() noexcept { session_.Reset(); }
+
  private:
   win32::HttpAnswer Call(win32::HttpCall call);
 

@@ -17,6 +17,7 @@ constexpr DWORD kGather = 200;
 constexpr std::uint64_t kTidyInterval = 60'000;
 constexpr std::uint64_t kIdentityInterval = 30'000;
 constexpr std::uint64_t kStuckInterval = 5'000;  // lines that neither the network nor the disk takes
+constexpr unsigned kRefusalsInARow = 3;
 constexpr std::uint64_t kDay = 86'400'000;
 constexpr DWORD kAfterException = 1000;
 
@@ -74,6 +75,7 @@ void SenderThread::Run() noexcept {
       WaitForSingleObject(stop_, kAfterException);
     }
   }
+  endpoint_.Close();
   try {
     if (!taken) {
       Finish();
@@ -217,9 +219,15 @@ std::optional<std::size_t> SenderThread::SendFront(std::string_view lines) {
       return 0;
     }
     refused_.SetAside(records, result.Text());
+    // A server may also say so to everybody, for instance to a terminal without the right certificate: then it is not the
+    // records' fault, and only one now and then is set aside to find out.
+    if (++refusals_ >= kRefusalsInARow) {
+      Pause(Backoff::kLongest, result);
+    }
   } else if (result.verdict != Verdict::kSent) {
     return std::nullopt;
   }
+  refusals_ = result.verdict == Verdict::kSent ? 0 : refusals_;
   singles_ -= std::min<std::size_t>(singles_, 1);
   return size;
 }
@@ -229,12 +237,15 @@ void SenderThread::Answered(const PostResult& result) {
   if (result.verdict == Verdict::kSent || result.verdict == Verdict::kRefused) {
     backoff_.Reset();
     retryAt_ = 0;
-    if (std::exchange(outage_, false)) {
+    if (result.verdict == Verdict::kSent && std::exchange(outage_, false)) {
       LogLocal(kNotice, "central log: the endpoint takes lines again");
     }
     return;
   }
-  const std::uint64_t wait = result.verdict == Verdict::kWait ? Backoff::kLongest : backoff_.Next();
+  Pause(result.verdict == Verdict::kWait ? Backoff::kLongest : backoff_.Next(), result);
+}
+
+void SenderThread::Pause(std::uint64_t wait, const PostResult& result) {
   retryAt_ = win32::TickCount() + std::max({wait, result.retryAfter, std::uint64_t{1}});
   if (!std::exchange(outage_, true)) {
     LogLocal(kWarn, "central log: the endpoint does not take lines (%s); they are kept in the spool",

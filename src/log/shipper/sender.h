@@ -48,6 +48,7 @@ class SenderThread {
   std::optional<std::size_t> SendFront(std::string_view lines);
   [[nodiscard]] std::size_t FrontSize(std::string_view lines) const noexcept;
   void Answered(const PostResult& result);
+  void Pause(std::uint64_t wait, const PostResult& result);
   void WaitForWork();
   void Finish();
   void TidySpool();
@@ -70,6 +71,7 @@ class SenderThread {
   std::vector<Segment> undeleted_;    // sent, but Windows would not delete them
   Backoff backoff_;
   std::uint64_t retryAt_ = 0;         // tick count; nothing is sent before
+  unsigned refusals_ = 0;             // in a row
   std::size_t singles_ = 0;           // records that go one by one, because their batch was refused
   std::uint64_t tidyAt_ = 0;          // tick count of the next look at the spool
   const char* identityFault_ = nullptr;
