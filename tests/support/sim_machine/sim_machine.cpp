@@ -22,7 +22,8 @@ DWORD ImportCertificate(const wchar_t* path) {
   bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file));
   static_cast<void>(std::fclose(file));
   CRYPT_DATA_BLOB blob{static_cast<DWORD>(bytes.size()), bytes.data()};
-  const CertStore from(PFXImportCertStore(&blob, L"test", CRYPT_MACHINE_KEYSET | CRYPT_EXPORTABLE));
+  // A key of this user: Wine, where the service runs as the same, does not find those of the computer.
+  const CertStore from(PFXImportCertStore(&blob, L"test", CRYPT_EXPORTABLE));
   const CertStore to(
       CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_LOCAL_MACHINE, L"MY"));
   if (!from || !to) {
