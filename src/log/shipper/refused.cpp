@@ -9,7 +9,7 @@
 namespace kiosk::log::shipper {
 namespace {
 
-constexpr LONGLONG kMostPerDay = 1024 * 1024;
+constexpr LONGLONG kMostPerDay = LONGLONG{1024} * 1024;
 constexpr std::uint64_t kHour = 3'600'000;
 
 }  // namespace

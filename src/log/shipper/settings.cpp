@@ -7,7 +7,7 @@
 namespace kiosk::log::shipper {
 namespace {
 
-constexpr std::uint64_t kMegabyte = 1024 * 1024;
+constexpr std::uint64_t kMegabyte = std::uint64_t{1024} * 1024;
 
 int HexDigit(wchar_t c) noexcept {
   if (c >= L'0' && c <= L'9') {
