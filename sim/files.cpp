@@ -117,11 +117,16 @@ DWORD KeepSecurity(const char* function, const std::wstring& plain, SECURITY_INF
       });
 }
 
-// A numbered call on a path, files of the log excepted.
+// A file of the log's spool.
+bool InSpool(const std::wstring& plain) {
+  return plain.starts_with(Lower(kiosk::log::kLogRoot) + L"\\drop\\") && plain.ends_with(L".gelf");
+}
+
+// A numbered call on a path, files of the log excepted unless they are of its spool.
 template <typename Call>
 BOOL ChangeFile(const char* function, const std::wstring& path, Call call) {
   const std::wstring plain = Plain(path);
-  if (plain.starts_with(Lower(kiosk::log::kLogRoot) + L"\\")) {
+  if (plain.starts_with(Lower(kiosk::log::kLogRoot) + L"\\") && !InSpool(plain)) {
     return call();
   }
   return Change<BOOL>(
@@ -257,7 +262,48 @@ SIM(WINBOOL, MoveFileW, LPCWSTR from, LPCWSTR to) { return sim_MoveFileExW(from,
 SIM(HANDLE, CreateFileW, LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security, DWORD disposition,
     DWORD flags, HANDLE model) {
   const std::wstring real = Resolve(path, (flags & FILE_FLAG_OPEN_REPARSE_POINT) == 0);
-  return ::CreateFileW(real.c_str(), access, share, security, disposition, flags, model);
+  HANDLE file = INVALID_HANDLE_VALUE;
+  const auto open = [&]() -> BOOL {
+    file = ::CreateFileW(real.c_str(), access, share, security, disposition, flags, model);
+    return file != INVALID_HANDLE_VALUE;
+  };
+  if (disposition == CREATE_NEW && ChangePoint::Armed() && InSpool(Plain(real))) {
+    ChangeFile("CreateFileW", real, open);
+  } else {
+    open();
+  }
+  return file;
+}
+
+// In the spool a write is two changes, so that one can end in the middle.
+SIM(WINBOOL, WriteFile, HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED overlapped) {
+  if (!ChangePoint::Armed() || overlapped != nullptr || !InSpool(PathOf(file))) {
+    return ::WriteFile(file, data, size, written, overlapped);
+  }
+  const DWORD half = size / 2;
+  DWORD second = 0;
+  const BOOL done =
+      ChangeFile("WriteFile", PathOf(file), [&] { return ::WriteFile(file, data, half, written, nullptr); }) &&
+      ChangeFile("WriteFile", PathOf(file),
+                 [&] { return ::WriteFile(file, static_cast<const char*>(data) + half, size - half, &second, nullptr); });
+  *written += second;
+  return done;
+}
+
+SIM(WINBOOL, SetFileInformationByHandle, HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind, LPVOID data, DWORD size) {
+  const auto set = [&] { return ::SetFileInformationByHandle(file, kind, data, size); };
+  return ChangePoint::Armed() && InSpool(PathOf(file)) ? ChangeFile("SetFileInformationByHandle", PathOf(file), set)
+                                                       : set();
+}
+
+// As much room as the area "Disk" says; the development machine's own otherwise.
+SIM(WINBOOL, GetDiskFreeSpaceExW, LPCWSTR folder, PULARGE_INTEGER available, PULARGE_INTEGER total,
+    PULARGE_INTEGER free) {
+  const BOOL done = ::GetDiskFreeSpaceExW(folder, available, total, free);
+  if (const std::optional<DWORD> megabytes = ReadNumber(L"Disk", L"FreeMB"); done && megabytes) {
+    available->QuadPart = std::uint64_t{*megabytes} * 1024 * 1024;
+  }
+  return done;
 }
 
 SIM(DWORD, GetFileAttributesW, LPCWSTR path) {

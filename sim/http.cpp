@@ -280,8 +280,19 @@ SIM(WINBOOL, WinHttpQueryHeaders, HINTERNET handle, DWORD what, LPCWSTR name, LP
   if (!found) {
     return FALSE;
   }
+  if (what == WINHTTP_QUERY_RETRY_AFTER) {
+    const std::wstring& text = found->response.retryAfter;
+    const auto needed = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
+    if (text.empty() || *size < needed) {
+      *size = needed;
+      return Finish(text.empty() ? ERROR_WINHTTP_HEADER_NOT_FOUND : ERROR_INSUFFICIENT_BUFFER);
+    }
+    std::copy_n(text.c_str(), text.size() + 1, static_cast<wchar_t*>(buffer));
+    *size = needed - DWORD{sizeof(wchar_t)};
+    return Finish(ERROR_SUCCESS);
+  }
   if (what != (WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER) || *size < sizeof(DWORD)) {
-    Violation("WinHttpQueryHeaders: only the status code as a number is simulated, not 0x%lx into %lu bytes", what,
+    Violation("WinHttpQueryHeaders: only Retry-After and the status code as a number are simulated, not 0x%lx into %lu bytes", what,
               *size);
     return Finish(ERROR_WINHTTP_HEADER_NOT_FOUND);
   }

@@ -32,6 +32,7 @@ struct Request {
 struct Response {
   DWORD status = 200;
   std::string body = {};
+  std::wstring retryAfter = {};  // that header; empty: none
   std::size_t chunk = 8192;  // bytes that become available at a time
   // Virtual milliseconds before the phase is over, INFINITE: it never is. The time-outs of the request apply (12002).
   DWORD connectDelay = 0, headersDelay = 0, chunkDelay = 0;

@@ -3,6 +3,7 @@
 #include "log/day_files.h"
 #include "log/housekeeping.h"
 #include "log/identity.h"
+#include "log/local_log.h"
 #include "log/settings.h"
 #include "log/shipper/shipper.h"
 #include "text/text.h"
@@ -81,7 +82,7 @@ void Initialise() {
   } else {
     nextPrune = UINT64_MAX;
   }
-  central = shipper::Start(*mine);
+  central = shipper::Start(*mine, secured);
 }
 
 void EnsureReady() noexcept {
@@ -144,54 +145,80 @@ const char* Label(int level) noexcept {
   return level < kDebug ? "INFO" : "DEBUG";
 }
 
-void WriteLocal(const char* component, int level, std::string_view stamp, std::string_view message) noexcept {
-  std::array<char, kLineSize> line;
-  const int written = std::snprintf(line.data(), line.size(), "%.*s%s %.*s\n", static_cast<int>(stamp.size()),
-                                    stamp.data(), Label(level), static_cast<int>(message.size()), message.data());
-  if (written <= 0) {
-    return;
+// One line on its way, on the stack of the thread that logs.
+struct Line {
+  std::array<char, kTextSize> text;
+  std::size_t stamp = 0;  // length of the time stamp at the front
+  std::size_t length = 0;  // of the message behind it
+  int level = 0;
+
+  [[nodiscard]] std::string_view Message() const noexcept { return {text.data() + stamp, length}; }
+
+  // False when the format cannot be followed. Chooses the day and prunes when that is due.
+  NORVANE_PRINTF(3, 0) bool Format(int wantedLevel, const char* format, va_list arguments) noexcept {
+    EnsureReady();
+    SYSTEMTIME now;
+    GetLocalTime(&now);
+    PruneWhenDue(secured && ChooseDay(now));
+    stamp = static_cast<std::size_t>(std::snprintf(text.data(), text.size(), "[%02d:%02d:%02d.%03d] ", now.wHour,
+                                                   now.wMinute, now.wSecond, now.wMilliseconds));
+    const int wanted = std::vsnprintf(text.data() + stamp, text.size() - stamp, format, arguments);
+    if (wanted < 0) {
+      return false;
+    }
+    const std::size_t room = text.size() - stamp - 1;
+    length = static_cast<std::size_t>(wanted);
+    if (length > room) {
+      length = text::CutLength({text.data() + stamp, room + 1}, room);
+    }
+    text::MakeSingleLine(text.data() + stamp, length);
+    level = wantedLevel == kInfo && HoldsFailureWord(Message()) ? static_cast<int>(kError) : wantedLevel;
+    return true;
   }
-  auto length = static_cast<std::size_t>(written);
-  if (length >= line.size()) {
-    length = line.size() - 1;
-    line[length - 1] = '\n';
+
+  void WriteLocal(const char* component) const noexcept {
+    if (!localFiles) {
+      return;
+    }
+    std::array<char, kLineSize> line;
+    const int written = std::snprintf(line.data(), line.size(), "%.*s%s %.*s\n", static_cast<int>(stamp), text.data(),
+                                      Label(level), static_cast<int>(length), text.data() + stamp);
+    if (written <= 0) {
+      return;
+    }
+    auto size = static_cast<std::size_t>(written);
+    if (size >= line.size()) {
+      size = line.size() - 1;
+      line[size - 1] = '\n';
+    }
+    AppendLine(component, {line.data(), size});
   }
-  AppendLine(component, {line.data(), length});
-}
+};
 
 }  // namespace
 
 // NOLINTNEXTLINE(cert-dcl50-cpp): printf-style by contract, and checked as such at each call
 void Log(int level, const char* component, const char* format, ...) {
-  EnsureReady();
-  SYSTEMTIME now;
-  GetLocalTime(&now);
-  PruneWhenDue(secured && ChooseDay(now));
-
-  std::array<char, kTextSize> text;
-  const int stampLength = std::snprintf(text.data(), text.size(), "[%02d:%02d:%02d.%03d] ", now.wHour, now.wMinute,
-                                        now.wSecond, now.wMilliseconds);
-  const auto stamp = static_cast<std::size_t>(stampLength);
+  Line line;
   va_list arguments;
   va_start(arguments, format);
-  const int wanted = std::vsnprintf(text.data() + stamp, text.size() - stamp, format, arguments);
+  const bool formatted = line.Format(level, format, arguments);
   va_end(arguments);
-  if (wanted < 0) {
-    return;
+  if (formatted) {
+    shipper::HandOff(line.level, component, line.Message());
+    line.WriteLocal(component);
   }
-  const std::size_t room = text.size() - stamp - 1;
-  std::size_t length = static_cast<std::size_t>(wanted);
-  if (length > room) {
-    length = text::CutLength({text.data() + stamp, room + 1}, room);
-  }
-  text::MakeSingleLine(text.data() + stamp, length);
-  const std::string_view message(text.data() + stamp, length);
-  if (level == kInfo && HoldsFailureWord(message)) {
-    level = kError;
-  }
-  shipper::HandOff(level, component, message);
-  if (localFiles) {
-    WriteLocal(component, level, {text.data(), stamp}, message);
+}
+
+// NOLINTNEXTLINE(cert-dcl50-cpp): as above
+void LogLocal(int level, const char* format, ...) {
+  Line line;
+  va_list arguments;
+  va_start(arguments, format);
+  const bool formatted = line.Format(level, format, arguments);
+  va_end(arguments);
+  if (formatted) {
+    line.WriteLocal(kKiosk);
   }
 }
 
@@ -203,11 +230,18 @@ void StartBanner(const char* component) {
         identity->tenant.c_str(), identity->site.c_str(), identity->host.c_str());
   }
   Log(kNotice, component, "Central logging: %s | local files: %s", central ? "on" : "off", localFiles ? "on" : "off");
+  if (*shipper::Problem() != '\0') {
+    Log(kWarn, component, "central log: %s; nothing is shipped", shipper::Problem());
+  }
 }
 
 void StopBanner(const char* component) {
   Log(kNotice, component, "%s shutting down", component);
-  if (central) {
+  CloseCentral();
+}
+
+void CloseCentral() {
+  if (ready.load(std::memory_order_acquire) == Ready::kYes && central) {
     shipper::Stop(kShipperStopWait);
   }
 }

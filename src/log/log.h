@@ -40,6 +40,10 @@ void StartBanner(const char* component);
 // Writes that the program is shutting down and stops central shipping (at most 2 s).
 void StopBanner(const char* component);
 
+// Ends central shipping without a word (at most 2 s): unsent lines go to the spool, later ones to local files alone. For the
+// end of a process that wrote no banner; does nothing a second time, or when nobody logged.
+void CloseCentral();
+
 // Ends the process at once with `exitCode`, without running anything of a caller or of a library on the way.
 [[noreturn]] void EndProcess(unsigned exitCode) noexcept;
 

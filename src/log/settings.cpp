@@ -5,7 +5,7 @@
 namespace kiosk::log {
 namespace {
 
-constexpr const wchar_t* kSettingsKeys[] = {L"SOFTWARE\\Norvane\\Tessaly\\Log", L"SOFTWARE\\Norvane\\Stream\\Log"};
+constexpr const wchar_t* kSettingsKeys[] = {kSettingsKey, L"SOFTWARE\\Norvane\\Stream\\Log"};
 
 }  // namespace
 

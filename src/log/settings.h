@@ -8,6 +8,9 @@
 
 namespace kiosk::log {
 
+// The product's own key.
+inline constexpr wchar_t kSettingsKey[] = L"SOFTWARE\\Norvane\\Tessaly\\Log";
+
 std::optional<std::wstring> ReadSettingString(const wchar_t* name);
 std::optional<std::uint32_t> ReadSettingNumber(const wchar_t* name);
 

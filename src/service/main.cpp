@@ -1,5 +1,6 @@
 // Entry of the program: the installer of the service, and the service itself.
 #include "service/crash.h"
+#include "log/log.h"
 #include "service/hardening.h"
 #include "service/install.h"
 #include "service/service_main.h"
@@ -18,6 +19,7 @@ int wmain(int count, wchar_t** arguments) {
   } else {
     exitCode = kiosk::service::RunDispatcher();
   }
+  kiosk::log::CloseCentral();
   // Not a return: connection threads that outlived the stop must not run through the C library's clean-up.
   ExitProcess(static_cast<UINT>(exitCode));
 }

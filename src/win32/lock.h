@@ -17,6 +17,7 @@ enum class LockRank : int {
   kStateKey = 150,  // the open handle of the state key
   kLog = 200,       // any thread may log while it holds any other lock
   kLogFile = 210,   // one line on its way into one file
+  kLogRing = 220,   // lines on their way to the central log, for a copy
 };
 
 // An SRW lock: constant-initialised and without a destructor, so that it may be static while detached threads outlive

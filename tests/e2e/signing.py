@@ -11,6 +11,12 @@ keyUsage = critical, keyCertSign, cRLSign
 basicConstraints = critical, CA:FALSE
 keyUsage = critical, digitalSignature
 extendedKeyUsage = codeSigning
+[server]
+subjectAltName = DNS:localhost
+extendedKeyUsage = serverAuth
+[client]
+keyUsage = critical, digitalSignature
+extendedKeyUsage = clientAuth
 """
 
 
@@ -45,6 +51,22 @@ class Authority:
             "-extensions", "publisher", "-out", leaf)
         (self._folder / f"{name}-chain.pem").write_text(leaf.read_text() + self.certificate.read_text())
         return name
+
+    def issue(self, name, section, subject, days=30):
+        """Issues a TLS certificate ("server" or "client"); returns the files (certificate, key)."""
+        self._request(name, subject)
+        leaf = self._folder / f"{name}.pem"
+        run("openssl", "x509", "-req", "-in", self._folder / f"{name}.csr", "-CA", self.certificate, "-CAkey",
+            self._folder / "ca.key", "-CAcreateserial", "-days", days, "-sha256", "-extfile",
+            self._folder / "extensions", "-extensions", section, "-out", leaf)
+        return leaf, self._folder / f"{name}.key"
+
+    def bundle(self, name):
+        """The certificate and key issued under `name` as a PKCS #12 file with the password "test"."""
+        file = self._folder / f"{name}.pfx"
+        run("openssl", "pkcs12", "-export", "-in", self._folder / f"{name}.pem", "-inkey", self._folder / f"{name}.key",
+            "-passout", "pass:test", "-out", file)
+        return file
 
     def sign(self, publisher, program, signed):
         """Writes a signed copy of `program` to `signed`, and returns that path."""

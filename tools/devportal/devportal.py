@@ -77,6 +77,13 @@ class Portal:
     def forget(self, terminal):
         self._store.forget(terminal)
 
+    def log_lines(self, host=None, level=7):
+        """Log records that terminals shipped, newest first, at most 200."""
+        return self._store.lines(host, level)
+
+    def set_log_config(self, **config):
+        self._store.set_log_config(policy.check_log_config(config))
+
     def outage(self, mode):
         """"off", "503", "silent" (closes without a byte) or "hang" (holds connections until the next change)."""
         self._server.outage = mode

@@ -184,6 +184,40 @@ def check_source(value):
     raise Invalid([f"the source must be one of {', '.join(SOURCES)}"])
 
 
+def check_log_config(value):
+    """The remote configuration of log shipping; every member may be left out."""
+    faults = _Faults()
+    if not faults.object(value, "", ("enabled", "minLevel", "batch", "endpoint")):
+        return faults.finish(None)
+    for name in ("enabled", "batch"):
+        if name in value:
+            faults.flag(value[name], name)
+    level = value.get("minLevel", 7)
+    if isinstance(level, bool) or level not in range(3, 8):
+        faults.add("minLevel", "must be a whole number from 3 (errors only) to 7 (everything)")
+    endpoint = value.get("endpoint", "https://x")
+    if not (isinstance(endpoint, str) and re.fullmatch(r"https://[A-Za-z0-9.\-\[\]:]+(/[!-~]*)?", endpoint)):
+        faults.add("endpoint", "must be an https URL")
+    return faults.finish(value)
+
+
+def check_log_record(value):
+    """One GELF record of a terminal; raises Invalid."""
+    faults = _Faults()
+    if not isinstance(value, dict):
+        faults.add("the record", "must be an object")
+        return faults.finish(None)
+    if value.get("version") != "1.1":
+        faults.add("version", 'must be "1.1"')
+    for name in ("host", "short_message"):
+        if not (isinstance(value.get(name), str) and value[name].strip()):
+            faults.add(name, "must be text that is not blank")
+    for name, kinds in (("timestamp", (int, float)), ("level", int)):
+        if isinstance(value.get(name), bool) or not isinstance(value.get(name), kinds):
+            faults.add(name, "must be a number")
+    return faults.finish(value)
+
+
 # The members that a person may set, in the order in which a check-in reply carries them.
 CHECKS = {
     "signIn": check_sign_in,

@@ -30,12 +30,16 @@ class Routes:
             ("POST", r"/api/kiosk/pair", self._pair),
             ("GET", r"/api/kiosk/pair/([^/]{1,64})", self._pair_state),
             ("POST", r"/api/kiosk/check-in", self._check_in),
+            ("POST", r"/api/log", self._log),
+            ("GET", r"/api/log/config", lambda request: Reply(200, self.store.log_config())),
         ]
         self._page_table = [
             ("GET", r"/", lambda request: self._page),
             ("GET", r"/page/api/state", self._state),
             ("POST", r"/page/api/claim", self._claim),
             ("POST", r"/page/api/outage", self._set_outage),
+            ("POST", r"/page/api/log/lines", self._log_lines),
+            ("POST", r"/page/api/log/config", self._set_log_config),
             ("POST", r"/page/api/terminals/(\d{1,15})", self._change),
             ("POST", r"/page/api/terminals/(\d{1,15})/revoke", self._revoke),
             ("POST", r"/page/api/terminals/(\d{1,15})/forget", self._forget),
@@ -72,6 +76,15 @@ class Routes:
             return Reply(401, {"status": status}, {"WWW-Authenticate": "Bearer"})
         return Reply(200, check_in_reply(settings))
 
+    def _log(self, request):
+        """One GELF record, or several with line feeds between them; all of them are taken or none."""
+        try:
+            lines = [policy.check_log_record(policy.parse_json(line)) for line in request.body.split(b"\n") if line.strip()]
+        except (ValueError, policy.Invalid) as error:
+            raise PortalError(400, str(error)) from None
+        self.store.add_lines(lines)
+        return Reply(202, {})
+
     # The page.
 
     def _state(self, request):
@@ -80,7 +93,26 @@ class Routes:
             "outage": self.outage.outage,
             "pendingCodes": self.store.pending_codes(),
             "terminals": self.store.terminals(),
+            "logConfig": self.store.log_config(),
         })
+
+    def _log_lines(self, request):
+        body = _object(request)
+        host, level = body.get("host"), body.get("level", 7)
+        if not (host is None or isinstance(host, str)) or isinstance(level, bool) or level not in range(8):
+            raise PortalError(422, "The host must be text or null, the level a number from 0 to 7.")
+        return Reply(200, {"hosts": self.store.line_hosts(), "lines": self.store.lines(host or None, level)})
+
+    def _set_log_config(self, request):
+        text = _object(request).get("config")
+        try:
+            config = policy.check_log_config(policy.parse_json(text) if isinstance(text, str) else text)
+        except policy.Invalid as error:
+            raise PortalError(422, "Nothing was saved.", {"config": error.messages}) from None
+        except ValueError as error:
+            raise PortalError(422, "Nothing was saved.", {"config": [str(error)]}) from None
+        self.store.set_log_config(config)
+        return Reply(200, {"logConfig": config})
 
     def _claim(self, request):
         body = _object(request)

@@ -16,7 +16,10 @@ CODE_LIFETIME = 900
 CODE_MEMORY = 86400
 MAX_CODES = 1000
 
-SCHEMA_VERSION = 1
+# Log lines beyond these are forgotten, the oldest first.
+MAX_LINES = 20000
+
+SCHEMA_VERSION = 2
 SCHEMA = """
 CREATE TABLE code (
   code TEXT PRIMARY KEY,
@@ -37,6 +40,20 @@ CREATE TABLE terminal (
   last_check_in REAL,
   last_refused REAL
 );
+"""
+LOG_SCHEMA = """
+CREATE TABLE log_line (
+  id INTEGER PRIMARY KEY AUTOINCREMENT,
+  received REAL NOT NULL,
+  time REAL NOT NULL,       -- of the terminal's clock, Unix s
+  host TEXT NOT NULL,
+  install TEXT NOT NULL,
+  level INTEGER NOT NULL,   -- syslog
+  message TEXT NOT NULL,
+  record TEXT NOT NULL,     -- as it came, JSON
+  origin TEXT UNIQUE        -- installation, process and number of the line, by which a repeated one is known; or NULL
+);
+CREATE TABLE log_config (config TEXT NOT NULL);  -- one row, JSON
 """
 
 
@@ -69,7 +86,9 @@ class Store:
         self._db.row_factory = sqlite3.Row
         version = self._db.execute("PRAGMA user_version").fetchone()[0]
         if version == 0 and not self._db.execute("SELECT 1 FROM sqlite_master").fetchone():
-            self._db.executescript(f"BEGIN; {SCHEMA} PRAGMA user_version = {SCHEMA_VERSION}; COMMIT;")
+            self._db.executescript(f"BEGIN; {SCHEMA} {LOG_SCHEMA} PRAGMA user_version = {SCHEMA_VERSION}; COMMIT;")
+        elif version == 1:
+            self._db.executescript(f"BEGIN; {LOG_SCHEMA} PRAGMA user_version = {SCHEMA_VERSION}; COMMIT;")
         elif version != SCHEMA_VERSION:
             self._db.close()
             raise ValueError(f"{path} is not a database of this version of the development portal")
@@ -129,6 +148,43 @@ class Store:
                 "UPDATE terminal SET report = ?, last_check_in = ?, check_ins = check_ins + 1 WHERE id = ?",
                 (_text(report), now, row["id"]))
             return "enrolled", json.loads(row["settings"])
+
+    def add_lines(self, records):
+        """Keeps log records; those that were kept before are passed over."""
+        with self._lock, self._db:
+            for record in records:
+                parts = [record.get(name) for name in ("_install", "_pid", "_started", "_seq")]
+                origin = None if None in parts else _text(parts)
+                self._db.execute(
+                    "INSERT OR IGNORE INTO log_line (received, time, host, install, level, message, record, origin) "
+                    "VALUES (?, ?, ?, ?, ?, ?, ?, ?)",
+                    (time.time(), record["timestamp"], record["host"], str(record.get("_install", "")),
+                     record["level"], record["short_message"], _text(record), origin))
+            self._db.execute("DELETE FROM log_line WHERE id <= (SELECT max(id) FROM log_line) - ?", (MAX_LINES,))
+
+    def lines(self, host=None, level=7, limit=200):
+        """The newest lines, newest first, of a host (None: of all) and at least so grave."""
+        with self._lock:
+            rows = self._db.execute(
+                "SELECT * FROM log_line WHERE level <= ? AND (? IS NULL OR host = ?) ORDER BY time DESC, id DESC LIMIT ?",
+                (level, host, host, limit))
+            return [{name: row[name] for name in ("id", "received", "time", "host", "install", "level", "message")}
+                    | {"record": json.loads(row["record"])} for row in rows]
+
+    def line_hosts(self):
+        with self._lock:
+            return [row[0] for row in self._db.execute("SELECT DISTINCT host FROM log_line ORDER BY host")]
+
+    def log_config(self):
+        """What terminals get as the remote configuration of their log shipping."""
+        with self._lock:
+            row = self._db.execute("SELECT config FROM log_config").fetchone()
+            return json.loads(row["config"]) if row else {}
+
+    def set_log_config(self, config):
+        with self._lock, self._db:
+            self._db.execute("DELETE FROM log_config")
+            self._db.execute("INSERT INTO log_config (config) VALUES (?)", (_text(config),))
 
     # What people do.
 

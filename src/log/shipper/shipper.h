@@ -1,5 +1,7 @@
-// The central log shipper, as the log sees it: three operations. Central shipping is off in this build, so the log goes
-// to local files alone and the start banner says so.
+// The central log shipper, as the log sees it: sends every log line as a GELF record to the central endpoint, and keeps in
+// `<log root>\Drop` what cannot be sent. Off unless the settings name an endpoint.
+//
+// The thread of sender.cpp does all the work. It never logs through the log call, only to local files.
 #pragma once
 
 #include "log/identity.h"
@@ -8,13 +10,20 @@
 
 namespace kiosk::log::shipper {
 
-// Called once while logging is initialised, after its folders exist. True when lines will be shipped.
-inline bool Start(const Identity& /*identity*/) noexcept { return false; }
+// Called once while logging is initialised, after its folders exist. `spoolUsable`: the log tree is secured, so that lines
+// may be kept in it. True when lines will be shipped. Waits for nothing.
+bool Start(const Identity& identity, bool spoolUsable);
 
-// Takes a line over without ever waiting for the network and without failing.
-inline void HandOff(int /*level*/, const char* /*component*/, std::string_view /*message*/) noexcept {}
+// Why nothing is shipped although the settings name an endpoint; empty otherwise.
+const char* Problem() noexcept;
 
-// Ends the sender; waits for it at most `milliseconds`.
-inline void Stop(unsigned /*milliseconds*/) noexcept {}
+// Takes a line over: a copy under a lock, and now and then an event. Never waits for files or the network, allocates
+// nothing and never fails; when 1024 lines wait, the oldest is lost and counted. `component` and `message` of any length
+// are cut to 63 and 2047 bytes.
+void HandOff(int level, const char* component, std::string_view message) noexcept;
+
+// No request begins any more, and what was not sent goes to the spool; returns within `milliseconds`, whatever the network
+// does. Later lines are not shipped. Only the first call does anything.
+void Stop(unsigned milliseconds) noexcept;
 
 }  // namespace kiosk::log::shipper

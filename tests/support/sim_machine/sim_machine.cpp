@@ -1,15 +1,52 @@
 // The hand on the simulated computer, for end-to-end tests and demonstrations: sim_machine COMMAND [ARGUMENT...], with
-// the commands of sim/computer.h, or "dump". Prints what the command returns. A service that runs hears of sessions.
+// the commands of sim/computer.h, or "dump", or "import-certificate FILE": a PKCS #12 file with the password "test" into the
+// computer's personal store. Prints what the command returns. A service that runs hears of sessions.
 #include "sim/computer.h"
 
+#include "win32/crypt_handles.h"
+
 #include <cstdio>
+#include <iterator>
+#include <vector>
+
+namespace {
+
+using kiosk::win32::CertStore;
+
+DWORD ImportCertificate(const wchar_t* path) {
+  std::vector<BYTE> bytes(65536);
+  std::FILE* file = _wfopen(path, L"rb");
+  if (file == nullptr) {
+    return ERROR_FILE_NOT_FOUND;
+  }
+  bytes.resize(std::fread(bytes.data(), 1, bytes.size(), file));
+  static_cast<void>(std::fclose(file));
+  CRYPT_DATA_BLOB blob{static_cast<DWORD>(bytes.size()), bytes.data()};
+  // A key of this user: Wine, where the service runs as the same, does not find those of the computer.
+  const CertStore from(PFXImportCertStore(&blob, L"test", CRYPT_EXPORTABLE));
+  const CertStore to(
+      CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_LOCAL_MACHINE, L"MY"));
+  if (!from || !to) {
+    return GetLastError();
+  }
+  for (const CERT_CONTEXT* each = nullptr; (each = CertEnumCertificatesInStore(from.Get(), each)) != nullptr;) {
+    if (CertAddCertificateContextToStore(to.Get(), each, CERT_STORE_ADD_REPLACE_EXISTING, nullptr) == 0) {
+      return GetLastError();
+    }
+  }
+  return ERROR_SUCCESS;
+}
+
+}  // namespace
 
 int wmain(int count, wchar_t** arguments) {
   std::wstring command;
   for (int i = 1; i < count; ++i) {
     command.append(i == 1 ? L"" : L" ").append(arguments[i]);
   }
-  if (command == L"dump") {
+  if (count == 3 && std::wcscmp(arguments[1], L"import-certificate") == 0) {
+    std::printf("%lu\n", ImportCertificate(arguments[2]));
+  } else if (command == L"dump") {
     static_cast<void>(std::fputs(sim::DumpMachine().c_str(), stdout));
   } else {
     std::printf("%lu\n", sim::RunMachineCommand(command));

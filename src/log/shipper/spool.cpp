@@ -1,0 +1,205 @@
+#include "log/shipper/spool.h"
+
+#include "text/text.h"
+#include "win32/clock.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+
+namespace kiosk::log::shipper {
+namespace {
+
+constexpr std::uint64_t kLeastFree = std::uint64_t{500} * 1024 * 1024;
+constexpr std::size_t kChunk = std::size_t{64} * 1024;
+
+// Makes names of segments differ within one tick of the clock, whichever thread makes them.
+std::atomic<unsigned> lastNumber{0};
+
+std::wstring FileName(const std::wstring& path) { return path.substr(path.find_last_of(L'\\') + 1); }
+
+// One record: an object on one line. A power cut may leave a file with zeros where text was to be.
+bool LooksWhole(std::string_view line) noexcept {
+  return line.size() >= 2 && line.size() <= kMaxRecord && line.front() == '{' && line.back() == '}' &&
+         line.find('\0') == std::string_view::npos;
+}
+
+std::uint64_t CountLines(const std::wstring& path) {
+  const win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                                           OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+  std::vector<char> chunk(kChunk);
+  std::uint64_t lines = 0;
+  for (DWORD read = 0;
+       file && ReadFile(file.Get(), chunk.data(), static_cast<DWORD>(chunk.size()), &read, nullptr) != 0 && read != 0;) {
+    lines += static_cast<std::uint64_t>(std::count(chunk.begin(), chunk.begin() + read, '\n'));
+  }
+  return lines;
+}
+
+}  // namespace
+
+bool Segment::ReadMore() {
+  buffer_.erase(0, at_);
+  at_ = 0;
+  const std::size_t had = buffer_.size();
+  buffer_.resize(had + kChunk);
+  DWORD read = 0;
+  const bool ok = ReadFile(file_.Get(), buffer_.data() + had, static_cast<DWORD>(kChunk), &read, nullptr) != 0;
+  buffer_.resize(had + (ok ? read : 0));
+  return buffer_.size() > had;
+}
+
+bool Segment::Next(std::string& record) {
+  for (;;) {
+    const std::size_t end = buffer_.find('\n', at_);
+    if (end == std::string::npos) {
+      if (buffer_.size() - at_ > kMaxRecord) {
+        skipping_ = true;
+        at_ = buffer_.size();
+      }
+      if (!ReadMore()) {
+        return false;  // a last line without its end is torn
+      }
+      continue;
+    }
+    const std::string_view line = text::TrimSpace(std::string_view(buffer_).substr(at_, end - at_));
+    at_ = end + 1;
+    if (!std::exchange(skipping_, false) && LooksWhole(line)) {
+      record = line;
+      return true;
+    }
+  }
+}
+
+bool Segment::Delete() noexcept {
+  FILE_DISPOSITION_INFO disposition{TRUE};
+  if (file_ && SetFileInformationByHandle(file_.Get(), FileDispositionInfo, &disposition, sizeof(disposition)) == 0) {
+    return false;
+  }
+  file_.Reset();
+  return true;
+}
+
+void Segment::Return(const std::wstring& folder) {
+  file_.Reset();
+  MoveFileExW(path_.c_str(), (folder + L"\\" + FileName(path_)).c_str(), 0);
+}
+
+std::vector<Spool::Entry> Spool::List(const std::wstring& folder) {
+  std::vector<Entry> entries;
+  WIN32_FIND_DATAW data;
+  const win32::FindHandle find(FindFirstFileW((folder + L"\\*.gelf").c_str(), &data));
+  for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.Get(), &data) != 0) {
+    if ((data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) == 0) {
+      entries.push_back({data.cFileName, (static_cast<std::uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow,
+                         win32::FileTimeValue(data.ftLastWriteTime)});
+    }
+  }
+  std::sort(entries.begin(), entries.end(), [](const Entry& left, const Entry& right) {
+    return left.lastWrite != right.lastWrite ? left.lastWrite < right.lastWrite : left.name < right.name;
+  });
+  return entries;
+}
+
+std::wstring Spool::NewTakenPath() const {
+  wchar_t name[64];
+  static_cast<void>(std::swprintf(name, std::size(name), L"\\%016llx-%lx-%x.gelf",
+                                  static_cast<unsigned long long>(win32::FileTimeNow()), GetCurrentProcessId(),
+                                  ++lastNumber));
+  return Taken() + name;
+}
+
+bool Spool::DiskHasRoom() const noexcept {
+  ULARGE_INTEGER free{};
+  return GetDiskFreeSpaceExW(folder_.c_str(), &free, nullptr, nullptr) != 0 && free.QuadPart >= kLeastFree;
+}
+
+void Spool::MakeRoom() {
+  std::vector<Entry> entries = List(folder_);
+  std::uint64_t total = kSegmentSize;
+  for (const Entry& entry : entries) {
+    total += entry.size;
+  }
+  for (const Entry& entry : List(Taken())) {
+    total += entry.size;
+  }
+  for (auto oldest = entries.begin(); oldest != entries.end() && total > cap_; ++oldest) {
+    const std::wstring path = folder_ + L"\\" + oldest->name;
+    const std::uint64_t lines = CountLines(path);
+    if (DeleteFileW(path.c_str()) != 0) {
+      total -= std::min(total, oldest->size);
+      lost_ += lines;
+    }
+  }
+}
+
+bool Spool::OpenSegment() {
+  MakeRoom();
+  openPath_ = NewTakenPath();
+  openSize_ = 0;
+  open_.Reset(CreateFileW(openPath_.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
+                          nullptr));
+  return static_cast<bool>(open_);
+}
+
+bool Spool::Append(std::string_view lines) {
+  if (!DiskHasRoom() || (!open_ && !OpenSegment())) {
+    return false;
+  }
+  DWORD written = 0;
+  if (WriteFile(open_.Get(), lines.data(), static_cast<DWORD>(lines.size()), &written, nullptr) == 0 ||
+      written != lines.size()) {
+    // What came onto the disk may end in the middle of a line; nothing may follow it.
+    CloseSegment();
+    return false;
+  }
+  openSize_ += lines.size();
+  if (openSize_ >= kSegmentSize) {
+    CloseSegment();
+  }
+  return true;
+}
+
+void Spool::CloseSegment() {
+  if (!open_) {
+    return;
+  }
+  FlushFileBuffers(open_.Get());
+  open_.Reset();
+  MoveFileExW(openPath_.c_str(), (folder_ + L"\\" + FileName(openPath_)).c_str(), 0);
+}
+
+// The file is renamed first and opened then. Should another process take it for a dead one's in between, it is back in the
+// folder, and the opening fails.
+std::optional<Segment> Spool::ClaimOldest() {
+  for (const Entry& entry : List(folder_)) {
+    const std::wstring path = NewTakenPath();
+    if (MoveFileExW((folder_ + L"\\" + entry.name).c_str(), path.c_str(), 0) == 0) {
+      continue;  // somebody else was faster, or has it open
+    }
+    win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_READ | DELETE, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
+                                       FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    if (file) {
+      return Segment(std::move(file), path);
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<Segment> Spool::Claim() {
+  std::optional<Segment> segment = ClaimOldest();
+  if (!segment && open_) {
+    CloseSegment();
+    segment = ClaimOldest();
+  }
+  return segment;
+}
+
+void Spool::ReturnDeadClaims() {
+  for (const Entry& entry : List(Taken())) {
+    // Fails while its owner lives, who shares no deletion.
+    MoveFileExW((Taken() + L"\\" + entry.name).c_str(), (folder_ + L"\\" + entry.name).c_str(), 0);
+  }
+}
+
+}  // namespace kiosk::log::shipper

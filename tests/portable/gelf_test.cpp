@@ -1,0 +1,88 @@
+// Records of the central log, read back by another JSON library.
+#include "log/shipper/gelf.h"
+#include "log/shipper/remote_config.h"
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+namespace kiosk::log::shipper {
+namespace {
+
+const Sender kSender{.host = "LOBBY-PC",
+                     .machine = "m-1",
+                     .tenant = "t\"1",
+                     .site = "Łódź – Halle 3",
+                     .install = "i-1",
+                     .appVersion = "2026-10-15-0001",
+                     .started = 1'792'065'600'007,
+                     .pid = 4711};
+
+std::string Record(std::string_view message, int level = 5, std::uint64_t dropped = 0) {
+  std::string out;
+  AppendRecord(out, kSender, {1'792'065'661'040, 42, level, "Kiosk", message, dropped});
+  return out;
+}
+
+TEST(Gelf, MembersOrderAndNumbers) {
+  EXPECT_EQ(Record("up", 3, 7),
+            R"({"version":"1.1","host":"LOBBY-PC","short_message":"up","timestamp":1792065661.040,"level":3,)"
+            R"("_component":"Kiosk","_machine":"m-1","_tenant":"t\"1","_site":"Łódź – Halle 3","_install":"i-1",)"
+            R"("_seq":42,"_pid":4711,"_started":1792065600.007,"_app_version":"2026-10-15-0001","_dropped":7})");
+  EXPECT_EQ(Record("x").find("_dropped"), std::string::npos);
+  std::string seconds;
+  for (const std::uint64_t ms : {0ULL, 7ULL, 99'999ULL, 1'792'065'600'100ULL}) {
+    AppendSeconds(seconds, ms);
+  }
+  EXPECT_EQ(seconds, "0.0000.00799.9991792065600.100");
+  for (const auto& [level, sent] : {std::pair{-1, 0}, {0, 0}, {7, 7}, {9, 7}}) {
+    EXPECT_EQ(nlohmann::json::parse(Record("x", level))["level"], sent);
+  }
+}
+
+TEST(Gelf, EveryMessageIsOneWholeRecord) {
+  const std::string bad = "\xEF\xBF\xBD";
+  std::string emoji;
+  for (int i = 0; i < 512; ++i) {
+    emoji += "\U0001F600";
+  }
+  struct {
+    std::string message, read;
+  } const cases[] = {
+      {"a\r\nb\n", "a\r\nb\n"},
+      {std::string("a\0b\x1f\x7f", 5), std::string("a\0b\x1f\x7f", 5)},
+      {"\"\\/", "\"\\/"},
+      {"", "(blank)"},
+      {" \t\r\n", "(blank)"},
+      {emoji, emoji},
+      {emoji.substr(0, 2047), emoji.substr(0, 2044) + bad + bad + bad},
+      {"\u0080\u07FF\u0800\uFFFF\U00010000\U0010FFFF", "\u0080\u07FF\u0800\uFFFF\U00010000\U0010FFFF"},
+      {"\xC0\xAF|\xE0\x9F\x80|\xED\xA0\x80|\xF4\x90\x80\x80|\xFF|\x80|\xC3(", bad + bad + "|" + bad + bad + bad + "|" + bad + bad + bad + "|" + bad + bad + bad + bad + "|" + bad + "|" + bad + "|" + bad + "("},
+  };
+  for (const auto& each : cases) {
+    const std::string record = Record(each.message);
+    EXPECT_EQ(record.find('\n'), std::string::npos);
+    const auto parsed = nlohmann::json::parse(record, nullptr, false);
+    ASSERT_FALSE(parsed.is_discarded()) << record;
+    EXPECT_EQ(parsed["short_message"].get<std::string>(), each.read);
+  }
+}
+
+TEST(RemoteConfig, IsTakenWholeOrNotAtAll) {
+  std::string fault;
+  const auto config = ParseRemoteConfig(R"({"enabled":false,"minLevel":4,"batch":true,"endpoint":"https://h:1/x","LogConfigUrl":"https://evil/"})", fault);
+  ASSERT_TRUE(config);
+  EXPECT_EQ(RemoteConfigText(*config), R"({"enabled":false,"minLevel":4,"batch":true,"endpoint":"https://h:1/x"})");
+  EXPECT_EQ(RemoteConfigText(ParseRemoteConfig(" {} ", fault).value_or(*config)), R"({"enabled":true,"minLevel":7,"batch":false})");
+  for (const char* text : {"", "[]", "{", R"({"enabled":1})", R"({"minLevel":2})", R"({"minLevel":8})", R"({"minLevel":"4"})",
+                           R"({"minLevel":4.5})", R"({"batch":"yes"})", R"({"endpoint":7})", R"({"endpoint":""})",
+                           R"({"endpoint":"http://h/"})", R"({"endpoint":"https:///x"})", R"({"endpoint":"https://a@h/"})",
+                           R"({"endpoint":"https://h/ x"})", R"({"batch":true,"minLevel":1})"}) {
+    fault.clear();
+    EXPECT_FALSE(ParseRemoteConfig(text, fault)) << text;
+    EXPECT_FALSE(fault.empty()) << text;
+  }
+  EXPECT_FALSE(ParseRemoteConfig("{}" + std::string(kMaxConfig, ' '), fault));
+}
+
+}  // namespace
+}  // namespace kiosk::log::shipper

@@ -1,0 +1,422 @@
+// The central log shipper against a scripted endpoint, in virtual time, and its spool on Wine's files.
+#include "log/day_files.h"
+#include "log/local_log.h"
+#include "log/shipper/spool.h"
+#include "sim/clock.h"
+#include "sim/fault_driver.h"
+#include "sim/http.h"
+#include "sim/machine.h"
+#include "tests/support/fixture.h"
+#include "win32/wide_text.h"
+
+#include <nlohmann/json.hpp>
+
+#include <process.h>
+
+#include <algorithm>
+#include <functional>
+#include <iterator>
+#include <map>
+#include <mutex>
+#include <set>
+#include <sstream>
+
+namespace kiosk::log::shipper {
+namespace {
+
+using test::ListFolder;
+using test::SetDword;
+using test::SetString;
+using test::WriteWholeFile;
+
+const std::wstring kRoot = kLogRoot;
+const std::wstring kDrop = kRoot + L"\\Drop";
+constexpr wchar_t kSettings[] = L"SOFTWARE\\Norvane\\Tessaly\\Log";
+
+std::vector<std::wstring> Segments(const std::wstring& folder = kDrop) {
+  std::vector<std::wstring> names = ListFolder(folder);
+  names.erase(std::remove(names.begin(), names.end(), L"Taken"), names.end());
+  return names;
+}
+
+void MakeDropTree() {
+  std::wstring path = L"C:\\ProgramData";
+  for (const wchar_t* part : {L"\\Norvane", L"\\Tessaly", L"\\Logs", L"\\Drop", L"\\Taken"}) {
+    CreateDirectoryW((path += part).c_str(), nullptr);
+  }
+}
+
+class ShipperTest : public test::CleanMachine {
+ protected:
+  void SetUp() override {
+    CleanMachine::SetUp();
+    SetString(kSettings, L"LogEndpoint", L"https://logs.example:8443/gelf");
+    portal_.On(L"POST", L"/gelf", [this](const sim::Request& request) { return Take(request); });
+  }
+  ~ShipperTest() override { StopBanner(kKiosk); }
+
+  // 202 and the messages are noted, or what `answer_` says.
+  sim::Response Take(const sim::Request& request) {
+    const std::lock_guard guard(mutex_);
+    times_.push_back(request.at);
+    bodies_.push_back(request.body);
+    sim::Response response = answer_ ? answer_(request) : sim::Response{.status = 202};
+    if (response.status == 202 && response.receiveError == 0) {
+      std::istringstream lines(request.body);
+      for (std::string line; std::getline(lines, line);) {
+        const auto record = nlohmann::json::parse(line, nullptr, false);
+        EXPECT_FALSE(record.is_discarded()) << line;
+        received_.push_back(record["short_message"]);
+        dropped_ += record.value("_dropped", 0ULL);
+      }
+    }
+    return response;
+  }
+  static std::function<sim::Response(const sim::Request&)> Status(DWORD status, std::wstring retryAfter = L"") {
+    return [=](const sim::Request&) { return sim::Response{.status = status, .retryAfter = retryAfter}; };
+  }
+  [[nodiscard]] int Count(const std::string& message) const {
+    return static_cast<int>(std::count(received_.begin(), received_.end(), message));
+  }
+  static void Lines(int from, int to) {
+    for (int i = from; i < to; ++i) {
+      Log(kNotice, kKiosk, "line %d", i);
+    }
+  }
+  void ExpectOnceEach(int count) const {
+    std::set<std::string> seen;
+    for (int i = 0; i < count; ++i) {
+      EXPECT_EQ(Count("line " + std::to_string(i)), 1) << i;
+    }
+  }
+
+  void StopInFlight(DWORD grace);
+
+  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
+  sim::ScriptedPortal portal_;
+  std::function<sim::Response(const sim::Request&)> answer_;
+  std::mutex mutex_;
+  std::vector<std::uint64_t> times_;
+  std::vector<std::string> bodies_;
+  std::vector<std::string> received_;
+  std::uint64_t dropped_ = 0;
+};
+
+TEST_F(ShipperTest, LinesArriveOneByOneAndNothingIsSentWithoutLines) {
+  StartBanner(kKiosk);
+  EXPECT_EQ(test::LogTexts().back(), "INFO Central logging: on | local files: on");
+  Log(kInfo, kKiosk, "caller refused");
+  LogLocal(kError, "of itself");
+  clock_.RunFor(1000);
+  EXPECT_EQ(received_, (std::vector<std::string>{"Kiosk v2026-10-15-0001 starting", received_.at(1),
+                                                 "Central logging: on | local files: on", "caller refused"}));
+  EXPECT_EQ(nlohmann::json::parse(bodies_.at(3))["level"], 3);
+  const sim::Request request = portal_.Requests().at(0);
+  EXPECT_EQ(request.host + L" " + std::to_wstring(request.port), L"logs.example 8443");
+  EXPECT_NE(request.flags & WINHTTP_FLAG_SECURE, 0U);
+  EXPECT_EQ(request.options.count(WINHTTP_OPTION_SECURITY_FLAGS), 0U);  // the server's certificate is checked
+  EXPECT_EQ(request.Number(WINHTTP_OPTION_DISABLE_FEATURE, 0), DWORD{WINHTTP_DISABLE_COOKIES | WINHTTP_DISABLE_KEEP_ALIVE});
+  clock_.RunFor(86'400'000);
+  EXPECT_EQ(received_.size(), 4U);
+  EXPECT_EQ(Segments(), std::vector<std::wstring>{});
+  StopBanner(kKiosk);
+  EXPECT_EQ(sim::OpenHttpHandles(), 0);
+  EXPECT_EQ(Segments().size(), 1U);  // "shutting down"
+}
+
+TEST_F(ShipperTest, OutageOfADayLosesNothingAndIsLoggedOnce) {
+  answer_ = [](const sim::Request&) { return sim::Response{.receiveError = ERROR_WINHTTP_CONNECTION_ERROR}; };
+  for (int hour = 0; hour < 24; ++hour) {
+    Lines(hour * 10, hour * 10 + 10);
+    clock_.RunFor(3'600'000);
+  }
+  // The waits double up to 300 s and are drawn evenly from 0: 150 s on average.
+  EXPECT_GT(times_.size(), 400U);
+  EXPECT_LT(times_.size(), 800U);
+  answer_ = nullptr;
+  clock_.RunFor(310'000);
+  ExpectOnceEach(240);
+  EXPECT_EQ(test::CountLogged("WARN central log: the endpoint does not take lines (WinHTTP error 12030); they are kept in the spool"), 1);
+  EXPECT_EQ(test::CountLogged("INFO central log: the endpoint takes lines again"), 1);
+  EXPECT_EQ(Segments(), std::vector<std::wstring>{});
+  EXPECT_EQ(Segments(kDrop + L"\\Taken"), std::vector<std::wstring>{});
+}
+
+TEST_F(ShipperTest, StatusesDecideWhatBecomesOfALine) {
+  struct {
+    DWORD status;
+    std::wstring retryAfter;
+    std::uint64_t least, most;  // ms until it is sent again; 0 and 0: never
+  } const cases[] = {{500, L"", 0, 1000},          {503, L"7", 7000, 7001},     {429, L"Sat, 21 Nov 2026 09:10:00 GMT", 1, 600'000},
+                     {429, L"999999", 3'600'000, 3'600'001}, {408, L"x", 0, 1000}, {401, L"", 300'000, 300'001},
+                     {403, L"", 300'000, 300'001}, {404, L"", 300'000, 300'001}, {302, L"", 300'000, 300'001},
+                     {400, L"", 0, 0},             {413, L"", 0, 0}};
+  int line = 0;
+  for (const auto& each : cases) {
+    answer_ = [&](const sim::Request& request) {
+      answer_ = nullptr;
+      return Status(each.status, each.retryAfter)(request);
+    };
+    times_.clear();
+    Lines(line, line + 1);
+    clock_.RunFor(3'700'000);
+    ASSERT_EQ(times_.size(), each.most == 0 ? 1U : 2U) << each.status;
+    EXPECT_EQ(Count("line " + std::to_string(line++)), each.most == 0 ? 0 : 1) << each.status;
+    if (each.most != 0) {
+      EXPECT_GE(times_[1] - times_[0], each.least) << each.status;
+      EXPECT_LE(times_[1] - times_[0], each.most + 10) << each.status;
+    }
+  }
+  const std::string refused = test::ReadWholeFile(kRoot + L"\\Archive\\Refused_20261121.log");
+  EXPECT_EQ(std::count(refused.begin(), refused.end(), '\n'), 2);
+}
+
+// Such as a web server that wants another certificate.
+TEST_F(ShipperTest, ServerThatRefusesEverythingGetsFewLines) {
+  answer_ = Status(400);
+  Lines(0, 20);
+  clock_.RunFor(1'000'000);
+  EXPECT_EQ(times_.size(), 6U);  // three at once, then one every 300 s
+  answer_ = nullptr;
+  clock_.RunFor(301'000);
+  EXPECT_EQ(received_.size(), 14U);
+}
+
+TEST_F(ShipperTest, RemoteConfigurationSwitchesBatchesLevelsAndShippingItself) {
+  std::string config = R"({"batch":true,"minLevel":5})";
+  SetString(kSettings, L"LogConfigUrl", L"https://logs.example/config");
+  portal_.On(L"GET", L"/config", [&](const sim::Request&) { return sim::Response{.status = 200, .body = config}; });
+  Log(kNotice, kKiosk, "first");
+  clock_.RunFor(1000);
+  bodies_.clear();
+  answer_ = [](const sim::Request& request) {
+    return sim::Response{.status = request.body.size() > 40'000 || request.body.find("line 7\"") != std::string::npos ? 413U : 202U};
+  };
+  Lines(0, 300);
+  Log(kInfo, kKiosk, "chatty");
+  clock_.RunFor(1000);
+  EXPECT_EQ(received_.size(), 300U);  // "first" and all but line 7
+  EXPECT_EQ(Count("line 7") + Count("chatty"), 0);
+  EXPECT_TRUE(std::all_of(bodies_.begin(), bodies_.end(), [](const std::string& body) { return body.size() <= 61'440; }));
+  EXPECT_GT(bodies_.at(0).size(), 50'000U);
+
+  // A bad one changes nothing and is logged once, the good one stays in the registry.
+  config = R"({"batch":false,"enabled":0})";
+  clock_.RunFor(4'000'000);
+  EXPECT_EQ(test::CountLogged("WARN central log: remote configuration is not used (\"enabled\" is neither true nor false)"), 1);
+  EXPECT_EQ(win32::ToNarrow(state::ReadString(kSettings, L"RemoteConfig").value_or(L"")), R"({"enabled":true,"minLevel":5,"batch":true})");
+  config = R"({"enabled":false})";
+  clock_.RunFor(1'000'000);
+  Log(kError, kKiosk, "nobody hears");
+  config = R"({"endpoint":"https://other.example/gelf"})";
+  clock_.RunFor(1'000'000);
+  Log(kDebug, kKiosk, "elsewhere");
+  clock_.RunFor(1000);
+  EXPECT_EQ(Count("nobody hears"), 0);
+  EXPECT_EQ(Count("elsewhere"), 1);
+  EXPECT_EQ(portal_.Requests().back().host, L"other.example");
+}
+
+TEST_F(ShipperTest, WithoutItsCertificateNothingIsSent) {
+  SetDword(kSettings, L"ClientCertRequired", 1);
+  SetString(kSettings, L"ClientCertThumbprint", L"\u200e00 11223344556677889900112233445566778899");
+  SetString(kSettings, L"LogConfigUrl", L"https://logs.example/config");
+  Lines(0, 3);
+  clock_.RunFor(3 * 86'400'000ULL - 1000);
+  EXPECT_EQ(portal_.Requests().size(), 0U);
+  EXPECT_EQ(test::CountLogged("WARN central log: the client certificate is not in the computer's personal store; lines are kept in the spool"), 3);
+  StopBanner(kKiosk);
+  ASSERT_EQ(Segments().size(), 1U);
+  EXPECT_NE(test::ReadWholeFile(kDrop + L"\\" + Segments()[0]).find("line 2"), std::string::npos);
+}
+
+TEST_F(ShipperTest, FullRingAndFullDiskCountWhatIsLost) {
+  sim::WriteNumber(L"Disk", L"FreeMB", 499);
+  answer_ = Status(503, L"60");
+  Lines(0, 1);
+  clock_.RunFor(10'000);
+  Lines(1, 1 + 3000);
+  EXPECT_EQ(Segments(kDrop + L"\\Taken"), std::vector<std::wstring>{});
+  answer_ = nullptr;
+  clock_.RunFor(60'000);
+  EXPECT_EQ(Count("line 0"), 1);
+  EXPECT_EQ(Count("line 3000"), 1);
+  EXPECT_EQ(received_.size() + dropped_, 3001U);
+}
+
+// Windows ends the request at once; or it does not, and the sender is left behind in it.
+void ShipperTest::StopInFlight(DWORD grace) {
+  answer_ = [](const sim::Request&) { return sim::Response{.status = 202, .headersDelay = 14'000}; };
+  Lines(0, 20);
+  clock_.RunFor(5000);
+  ASSERT_EQ(portal_.Requests().size(), 1U);
+  Lines(20, 40);
+  clock_.SetGrace(grace);
+  const std::uint64_t before = clock_.Elapsed();
+  StopBanner(kKiosk);
+  EXPECT_LE(clock_.Elapsed() - before, grace == 0 ? 2000U : 10U);
+  std::string spooled;
+  for (const std::wstring& name : Segments()) {
+    spooled += test::ReadWholeFile(kDrop + L"\\" + name);
+  }
+  for (int i = 0; i < 40; ++i) {
+    EXPECT_NE(spooled.find("\"line " + std::to_string(i) + "\""), std::string::npos) << i;
+  }
+  Lines(40, 41);
+  clock_.RunFor(100'000);
+  EXPECT_EQ(portal_.Requests().size(), 1U);
+}
+
+TEST_F(ShipperTest, StopEndsTheRequestAndSpoolsTheRest) { StopInFlight(50); }
+TEST_F(ShipperTest, StopLeavesAStuckRequestBehindAfterTwoSeconds) { StopInFlight(0); }
+
+TEST_F(ShipperTest, SegmentsOfOthersAndOfTheDeadAreSentAndTornLinesAreNot) {
+  MakeDropTree();
+  WriteWholeFile(kDrop + L"\\other.gelf", "{\"short_message\":\"theirs\"}\r\n\n[1]\n{\"short_message\":\"nul" + std::string(1, '\0') + "\"}\n" +
+                                              "{\"" + std::string(100'000, 'x') + "\"}\n{\"short_message\":\"last\"}\n{\"short_message\":\"torn");
+  WriteWholeFile(kDrop + L"\\Taken\\dead.gelf", "{\"short_message\":\"of the dead\"}\n");
+  WriteWholeFile(kDrop + L"\\notes.txt", "{\"short_message\":\"no segment\"}\n");
+  Lines(0, 1);
+  clock_.RunFor(1000);
+  WriteWholeFile(kDrop + L"\\late.gelf", "{\"short_message\":\"late\"}\n");
+  clock_.RunFor(61'000);
+  EXPECT_EQ((std::multiset<std::string>(received_.begin(), received_.end())),
+            (std::multiset<std::string>{"theirs", "last", "of the dead", "line 0", "late"}));
+  EXPECT_EQ(Segments(), std::vector<std::wstring>{L"notes.txt"});
+}
+
+class SpoolTest : public test::CleanMachine {};
+
+std::string TextOf(int number, std::size_t size = 0) {
+  return "{\"n\":" + std::to_string(number) + ",\"x\":\"" + std::string(size, 'x') + "\"}\n";
+}
+
+// Sends all that can be had, noting the numbers.
+void SendAll(Spool& spool, std::map<int, int>& sent, int most = INT_MAX) {
+  for (std::optional<Segment> segment; most-- > 0 && (segment = spool.Claim());) {
+    for (std::string record; segment->Next(record);) {
+      ++sent[nlohmann::json::parse(record)["n"].get<int>()];
+    }
+    EXPECT_TRUE(segment->Delete());
+  }
+}
+
+TEST_F(SpoolTest, CapTakesTheOldest) {
+  MakeDropTree();
+  Spool spool(kDrop, 4 * kSegmentSize);
+  for (int i = 0; i < 10; ++i) {
+    ASSERT_TRUE(spool.Append(TextOf(i, kMaxRecord - 100)));
+    ASSERT_TRUE(spool.Append(TextOf(i, kMaxRecord - 100) + TextOf(i, kMaxRecord - 100) + TextOf(i, kMaxRecord - 100) + TextOf(i, kMaxRecord - 100)));
+    Sleep(20);
+  }
+  EXPECT_EQ(Segments().size(), 3U);  // 300 KB each
+  EXPECT_EQ(spool.TakeLost(), 35U);
+  std::map<int, int> sent;
+  SendAll(spool, sent);
+  EXPECT_EQ(sent, (std::map<int, int>{{7, 5}, {8, 5}, {9, 5}}));
+}
+
+void SendTogether(Spool& spool, std::map<int, int>& sent) {
+  while (!Segments().empty()) {
+    spool.ReturnDeadClaims();  // must leave the claims of the living alone
+    SendAll(spool, sent, 1);
+  }
+}
+
+// The second process is this test once more.
+TEST(SpoolProcesses, TwoShareTheWork) {
+  Spool spool(kDrop, 64 * kSegmentSize);
+  std::map<int, int> sent;
+  if (wcsstr(GetCommandLineW(), L"--second") != nullptr) {
+    SendTogether(spool, sent);
+    std::string text;
+    for (const auto& [number, times] : sent) {
+      text += std::to_string(number) + " " + std::to_string(times) + " ";
+    }
+    return WriteWholeFile(L"C:\\second.txt", text);
+  }
+  test::RemoveTree(L"C:\\ProgramData\\Norvane");
+  MakeDropTree();
+  for (int i = 0; i < 60; ++i) {
+    WriteWholeFile(kDrop + L"\\" + std::to_wstring(100 + i) + L".gelf", TextOf(i) + TextOf(i));
+  }
+  wchar_t self[MAX_PATH];
+  GetModuleFileNameW(nullptr, self, MAX_PATH);
+  const intptr_t child = _wspawnl(_P_NOWAIT, self, L"test", L"--gtest_filter=SpoolProcesses.*", L"--second", nullptr);
+  SendTogether(spool, sent);
+  int code = -1;
+  _cwait(&code, child, 0);
+  EXPECT_EQ(code, 0);
+  std::istringstream others(test::ReadWholeFile(L"C:\\second.txt"));
+  for (int number = 0, times = 0; others >> number >> times;) {
+    sent[number] += times;
+  }
+  DeleteFileW(L"C:\\second.txt");
+  EXPECT_EQ(sent.size(), 60U);
+  for (const auto& [number, times] : sent) {
+    EXPECT_EQ(times, 2) << number;
+  }
+}
+
+void Note(const wchar_t* file, int number) {
+  WriteWholeFile(file, test::ReadWholeFile(file) + std::to_string(number) + " ");
+}
+
+std::set<int> Noted(const wchar_t* file) {
+  std::istringstream text(test::ReadWholeFile(file));
+  return {std::istream_iterator<int>(text), {}};
+}
+
+// What Append took arrives at least once and whole, whichever call fails and whenever the process ends.
+TEST(SpoolFaults, EveryFaultLosesNothing) {
+  sim::RunFaultScenario(
+      {.name = L"life of a spool",
+       .prepare =
+           [] {
+             test::RemoveTree(L"C:\\ProgramData\\Norvane");
+             MakeDropTree();
+             DeleteFileW(L"C:\\kept.txt");
+             DeleteFileW(L"C:\\arrived.txt");
+           },
+       .run =
+           [] {
+             Spool spool(kDrop, 64 * kSegmentSize);
+             for (int i = 0; i < 4; ++i) {
+               for (int tries = 0; tries < 2 && Noted(L"C:\\kept.txt").count(i) == 0; ++tries) {
+                 if (spool.Append(TextOf(i, 3 * i))) {
+                   Note(L"C:\\kept.txt", i);
+                 }
+               }
+               if (i == 1) {
+                 spool.CloseSegment();
+               }
+             }
+             for (int rounds = 0; rounds < 2; ++rounds) {
+               if (std::optional<Segment> segment = spool.Claim()) {
+                 for (std::string record; segment->Next(record);) {
+                   Note(L"C:\\arrived.txt", nlohmann::json::parse(record)["n"].get<int>());
+                 }
+                 if (rounds == 0) {
+                   segment->Delete();
+                 } else {
+                   segment->Return(kDrop);
+                 }
+               }
+             }
+           },
+       .later =
+           [] {
+             Spool spool(kDrop, 64 * kSegmentSize);
+             spool.ReturnDeadClaims();
+             std::map<int, int> sent;
+             SendAll(spool, sent);
+             for (const int number : Noted(L"C:\\kept.txt")) {
+               EXPECT_TRUE(sent.count(number) != 0 || Noted(L"C:\\arrived.txt").count(number) != 0) << number;
+             }
+             EXPECT_EQ(Segments(kDrop + L"\\Taken"), std::vector<std::wstring>{});
+           },
+       .errors = {ERROR_DISK_FULL}});
+}
+
+}  // namespace
+}  // namespace kiosk::log::shipper
