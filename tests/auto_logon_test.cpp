@@ -1,8 +1,9 @@
 #include "account/auto_logon.h"
 
 #include "account/winlogon.h"
-#include "sim/fault_driver.h"
+#include "sim/faults.h"
 #include "sim/lsa.h"
+#include "sim/machine.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 
@@ -83,17 +84,9 @@ void BecomeKiosk() {
   SetAutoAdminLogon(true);
 }
 
-int Different(const Values& one, const Values& other) {
-  int count = 0;
-  for (std::size_t i = 0; i < one.size(); ++i) {
-    count += one[i] == other[i] ? 0 : 1;
-  }
-  return count;
-}
-
 // Nothing that this area keeps in the state key.
 bool NothingKept() {
-  return Different(Saved(), Values(std::size(kSettings), {99, ""})) == 0 &&
+  return Saved() == Values(std::size(kSettings), {99, ""}) &&
          !HasValue(state::kStateKey, L"PriorLsaSecret") && !HasValue(state::kStateKey, L"OwnsAutoLogon");
 }
 
@@ -184,71 +177,6 @@ TEST_F(AutoLogonTest, SecretAndSwitchTellTheirFailures) {
   EXPECT_EQ(test::LogTexts(),
             (std::vector<std::string>{"ERROR LsaStorePrivateData failed (5)", "ERROR cannot set AutoAdminLogon=1",
                                       "ERROR cannot set AutoAdminLogon=0"}));
-}
-
-// The machine of the scenarios has every setting; what it was comes from the table.
-Values Original() {
-  Values values;
-  for (const Setting& setting : kSettings) {
-    values.emplace_back(setting.type, setting.bytes);
-  }
-  return values;
-}
-
-// A take-over that fails or ends anywhere has changed no setting, and the next one saves the right ones.
-TEST(AutoLogonFaults, TakingOverChangesNothing) {
-  sim::RunFaultScenario({.name = L"take over auto sign-in",
-                         .prepare = [] { PrepareComputer(1); },
-                         .run = [] { TakeOverAutoLogon(); },
-                         .later =
-                             [] {
-                               EXPECT_EQ(Present(), Original());
-                               EXPECT_TRUE(TakeOverAutoLogon());
-                               EXPECT_EQ(Saved(), Original());
-                               BecomeKiosk();
-                               RestoreAutoLogon();
-                               EXPECT_EQ(Present(), Original());
-                               EXPECT_TRUE(NothingKept());
-                             }});
-}
-
-// One that ends anywhere is done again to the end.
-TEST(AutoLogonFaults, ARestoreIsDoneAgain) {
-  sim::RunFaultScenario({.name = L"restore auto sign-in",
-                         .prepare =
-                             [] {
-                               PrepareComputer(1);
-                               EXPECT_TRUE(TakeOverAutoLogon());
-                               BecomeKiosk();
-                             },
-                         .run = [] { RestoreAutoLogon(); },
-                         .later =
-                             [] {
-                               RestoreAutoLogon();
-                               EXPECT_EQ(Present(), Original());
-                               EXPECT_FALSE(sim::Secret(L"DefaultPassword"));
-                               EXPECT_TRUE(NothingKept());
-                             },
-                         .errors = {}});
-}
-
-// When a call fails, the one setting that it was for may stay, and nothing else.
-TEST(AutoLogonFaults, AFailedCallCostsNoMoreThanItsOwnSetting) {
-  sim::RunFaultScenario({.name = L"restore auto sign-in, failing",
-                         .prepare =
-                             [] {
-                               PrepareComputer(1);
-                               EXPECT_TRUE(TakeOverAutoLogon());
-                               BecomeKiosk();
-                             },
-                         .run = [] { RestoreAutoLogon(); },
-                         .later =
-                             [] {
-                               RestoreAutoLogon();
-                               const int settings = Different(Present(), Original());
-                               const int secrets = sim::Secret(L"DefaultPassword") ? 1 : 0;
-                               EXPECT_LE(settings + secrets + (NothingKept() ? 0 : 1), 1) << settings << secrets;
-                             }});
 }
 
 }  // namespace

@@ -105,6 +105,10 @@ void ForgetSaved() {
   state::DeleteStateValue(state::kPriorLsaSecret);
 }
 
+bool NamesKioskUser() {
+  return win32::EqualIgnoringCase(state::ReadString(kUserName.key, kUserName.name).value_or(L""), kKioskUser);
+}
+
 bool SaveAll() {
   for (const TouchedValue& touched : kTouched) {
     if (!Save(touched)) {
@@ -150,7 +154,8 @@ bool SetAutoAdminLogon(bool on) {
 bool TakeOverAutoLogon() {
   state::RawValue mark;
   const LSTATUS status = state::ReadValue(state::kStateKey, state::kOwnsAutoLogon.name, mark);
-  if (status == ERROR_SUCCESS && mark.Dword()) {
+  // A mark without the copy that is always there is what a restore could not delete: the settings are the owner's again.
+  if (status == ERROR_SUCCESS && mark.Dword() && (NamesKioskUser() || state::ReadState(state::kPriorLsaSecret))) {
     return true;
   }
   // A mark that cannot be read may stand: saving now could keep the kiosk's own settings as the computer's.
