@@ -8,10 +8,10 @@
 //   }
 //
 // A pass counts the calls that change the machine; then for every call and every way to fail (each error, the end of
-// the process before it, the end after it) `prepare` and `run` happen in a new process and `later` in another one. Since
-// every change is numbered, the end before a call is the end after the call before it: only the first has one of its own. The
-// processes run the same test again, so that what stands before RunFaultScenario (and in SetUp) happens in each of them
-// and must leave the machine alone. Statements after it run in the first process only.
+// the process before it, the end after it) `prepare` and `run` happen in a new process and `later` in another one.
+// Since every change is numbered, the end before a call is the end after the call before it: only the first has one of
+// its own. The processes run the same test again, so that what stands before RunFaultScenario (and in SetUp) happens in
+// each of them and must leave the machine alone. Statements after it run in the first process only.
 #pragma once
 
 #include "sim/faults.h"
@@ -136,8 +136,9 @@ inline void Round(const FaultScenario& scenario, FaultKind kind, int at, DWORD e
 // In `later`: the call that failed, as "Function(object)"; empty when none did, or the process ended there.
 inline std::string FailedCall() {
   fault_driver::Role role;
-  return fault_driver::ReadRole(role) && role.kind == static_cast<int>(FaultKind::kFail) ? fault_driver::CallText(role.at)
-                                                                                         : std::string();
+  return fault_driver::ReadRole(role) && role.kind == static_cast<int>(FaultKind::kFail)
+             ? fault_driver::CallText(role.at)
+             : std::string();
 }
 
 inline void RunFaultScenario(const FaultScenario& scenario) {

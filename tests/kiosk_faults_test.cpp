@@ -1,5 +1,5 @@
-// No moment is a bad one to be cut short: whatever call of a pairing or a removal fails, whenever the process ends, the next
-// start and whoever asked for it asking again come to a good end, and a removal gives the computer back.
+// No moment is a bad one to be cut short: whatever call of a pairing or a removal fails, whenever the process ends, the
+// next start and whoever asked for it asking again come to a good end, and a removal gives the computer back.
 #include "account/account_lock.h"
 #include "account/auto_logon.h"
 #include "account/kiosk_account.h"
@@ -27,8 +27,9 @@ namespace {
 
 constexpr wchar_t kDumpFile[] = L"C:\\kiosk-dump-before.txt";
 
-// What a removal does once and not again. Such a call that fails costs the one object that it was for: for every call in this
-// table exactly one thing differs in the end, at or below the object of the call, and for all other calls nothing does.
+// What a removal does once and not again. Such a call that fails costs the one object that it was for: for every call
+// in this table exactly one thing differs in the end, at or below the object of the call, and for all other calls
+// nothing does.
 constexpr char kPutBackOnce[] = "trying until it works would keep all other settings from their owner for as long";
 constexpr char kSeenThrough[] = "means nothing without an account, and the next enrolment deletes or rewrites it";
 const struct {
@@ -39,7 +40,8 @@ const struct {
     {"lsastoreprivatedata(defaultpassword", "it opens no account any more, and the next enrolment replaces it"},
     {R"(regcreatekeyexw(hklm\software\microsoft\)", kPutBackOnce},
     {R"(regsetvalueexw(hklm\software\microsoft\)", kPutBackOnce},
-    {R"(regdeletekeyvaluew(hklm\software\microsoft\windows\currentversion\policies\system\hidefastuserswitching)", kPutBackOnce},
+    {R"(regdeletekeyvaluew(hklm\software\microsoft\windows\currentversion\policies\system\hidefastuserswitching)",
+     kPutBackOnce},
     {R"(regdeletekeyvaluew(hklm\software\norvane\tessaly\kiosk\prior)", kSeenThrough, false},
     {R"(regdeletekeyvaluew(hklm\software\norvane\tessaly\kiosk\owns)", kSeenThrough, false},
     {R"(regdeletekeyvaluew(hklm\software\norvane\tessaly\kiosk\provisioned)", kSeenThrough, false},
@@ -80,7 +82,8 @@ void ExpectGivenBack(const std::string& before, bool removal, bool uninstalled) 
 
 struct KioskScenario {
   const wchar_t* name;
-  std::function<void()> prepare;   // goes on from an enrolled terminal whose kiosk is signed in, or from an owner's computer
+  std::function<void()>
+      prepare;  // goes on from an enrolled terminal whose kiosk is signed in, or from an owner's computer
   std::function<void()> run;
   std::function<void()> askAgain;  // after the next start; in the end there must be no kiosk
   bool enrolled = true, uninstalls = false;
@@ -139,7 +142,8 @@ void ComeToKioskModeAndLeaveIt() {
   }
   test::ExpectProvisioned();
   EXPECT_EQ(sim::UserNames().size(), 2U);
-  EXPECT_FALSE(sim::HiveLoaded(L"NorvaneKioskProvision"));
+  const bool unloaded = test::CountLogged("ERROR cannot unload the kiosk hive (5)") == 0;
+  EXPECT_EQ(sim::HiveLoaded(L"NorvaneKioskProvision"), !unloaded) << "the restart into kiosk mode unloads it then";
   // A switch that could not be set is logged, and nothing else comes of it.
   const bool switched = test::CountLogged("ERROR cannot set AutoAdminLogon=1") == 0;
   EXPECT_EQ(sim::RestartComputer(), switched ? 1U : 0U) << "whether the kiosk signs in by itself";
@@ -202,8 +206,8 @@ TEST(RemovalFaults, PendingRemoval) {
 
 TEST(RemovalFaults, Uninstall) {
   const auto uninstall = [] { RemoveKioskMode(true, "uninstalled"); };
-  EveryPointGivesTheComputerBack({.name = L"uninstall", .prepare = [] {}, .run = uninstall, .askAgain = uninstall,
-                                  .uninstalls = true});
+  EveryPointGivesTheComputerBack(
+      {.name = L"uninstall", .prepare = [] {}, .run = uninstall, .askAgain = uninstall, .uninstalls = true});
 }
 
 }  // namespace

@@ -22,10 +22,10 @@ constexpr char kInUse[] = "autologon_in_use";
 
 struct Life {
   const char* what;
-  void (*before)() = nullptr;  // what the owner did before enrolment
-  const char* answer = "";     // of provisioning
-  void (*halfway)() = nullptr;     // before provisioning, and no life that is given back
-  void (*asKiosk)() = nullptr;     // after provisioning
+  void (*before)() = nullptr;   // what the owner did before enrolment
+  const char* answer = "";      // of provisioning
+  void (*halfway)() = nullptr;  // before provisioning, and no life that is given back
+  void (*asKiosk)() = nullptr;  // after provisioning
   std::set<std::string> lost = {};
 };
 
@@ -34,9 +34,7 @@ void NameUser(const wchar_t* user, const wchar_t* on, DWORD type = REG_SZ) {
   test::SetRaw(kWinlogonKey, L"AutoAdminLogon", type, on, type == REG_DWORD ? 4 : state::StringBytes(on));
 }
 
-void SetFastUserSwitching(DWORD type) {
-  test::SetRaw(kSystemPoliciesKey, L"HideFastUserSwitching", type, L"0", 4);
-}
+void SetFastUserSwitching(DWORD type) { test::SetRaw(kSystemPoliciesKey, L"HideFastUserSwitching", type, L"0", 4); }
 
 std::wstring KioskSid() { return sim::FindUser(L"NorvaneKiosk").value_or(sim::User()).sid; }
 
@@ -65,7 +63,10 @@ const Life kLives[] = {
     {"switched on for nobody", [] { NameUser(L"", L"1"); }},
     {"a secret of a sign-in that is switched off",
      [] { sim::SetSecret(L"DefaultPassword", L"secret"); },
-     "", nullptr, nullptr, {"secret defaultpassword"}},
+     "",
+     nullptr,
+     nullptr,
+     {"secret defaultpassword"}},
     {"somebody bears the name",
      [] {
        sim::AddToGroup(L"S-1-5-32-544", sim::AddUser(L"norvanekiosk", L"theirs"));
@@ -81,8 +82,8 @@ const Life kLives[] = {
      },
      "", nullptr,
      [] {
-       for (const wchar_t* group : {L"S-1-5-32-544", L"S-1-5-32-547", L"S-1-5-32-555", L"S-1-5-32-551", L"S-1-5-32-556",
-                                    L"S-1-5-32-578"}) {
+       for (const wchar_t* group :
+            {L"S-1-5-32-544", L"S-1-5-32-547", L"S-1-5-32-555", L"S-1-5-32-551", L"S-1-5-32-556", L"S-1-5-32-578"}) {
          sim::AddToGroup(group, KioskSid());
        }
        TrimPrivilegedGroups();
@@ -140,7 +141,8 @@ TEST(Owner, EveryComputerIsGivenBackWithTheLifeThatItHad) {
     RemoveKioskMode(false, "because");
     EXPECT_EQ(test::Differences(before), life.lost);
   }
-  EXPECT_EQ(test::CountLogged("WARN an auto sign-in secret from before enrolment was replaced and cannot be put back"), 1);
+  EXPECT_EQ(test::CountLogged("WARN an auto sign-in secret from before enrolment was replaced and cannot be put back"),
+            1);
 }
 
 }  // namespace

@@ -51,14 +51,21 @@ TEST_F(Pairing, PairBeginAnswers) {
     sim::Response response;
     std::string reply;
   } const cases[] = {
-      {Reply(200, R"({"pairingCode":"ABCD1234","expiresInSeconds":600.9})"), R"({"ok":true,"code":"ABCD1234","expiresInSeconds":600})"},
-      {Reply(201, R"({"pairingCode":"ABCD1234","expiresInSeconds":"12.9"})"), R"({"ok":true,"code":"ABCD1234","expiresInSeconds":12})"},
-      {Reply(200, R"({"pairingCode":"ABCD1234","expiresInSeconds":true})"), R"({"ok":true,"code":"ABCD1234","expiresInSeconds":1})"},
+      {Reply(200, R"({"pairingCode":"ABCD1234","expiresInSeconds":600.9})"),
+       R"({"ok":true,"code":"ABCD1234","expiresInSeconds":600})"},
+      {Reply(201, R"({"pairingCode":"ABCD1234","expiresInSeconds":"12.9"})"),
+       R"({"ok":true,"code":"ABCD1234","expiresInSeconds":12})"},
+      {Reply(200, R"({"pairingCode":"ABCD1234","expiresInSeconds":true})"),
+       R"({"ok":true,"code":"ABCD1234","expiresInSeconds":1})"},
       {Reply(200, R"({"pairingCode":"ABCD1234"})"), R"({"ok":true,"code":"ABCD1234","expiresInSeconds":900})"},
-      {Reply(200, R"({"pairingCode":"ABCD1234","expiresInSeconds":null})"), R"({"ok":true,"code":"ABCD1234","expiresInSeconds":900})"},
-      {Reply(200, R"({"pairingCode":"ABCD1234","expiresInSeconds":[5]})"), R"({"ok":true,"code":"ABCD1234","expiresInSeconds":900})"},
-      {Reply(200, R"({"pairingCode":"ABCD1234","expiresInSeconds":"inf"})"), R"({"ok":true,"code":"ABCD1234","expiresInSeconds":900})"},
-      {Reply(200, R"({"pairingCode":"ABCD1234","expiresInSeconds":"soon"})"), R"({"ok":true,"code":"ABCD1234","expiresInSeconds":900})"},
+      {Reply(200, R"({"pairingCode":"ABCD1234","expiresInSeconds":null})"),
+       R"({"ok":true,"code":"ABCD1234","expiresInSeconds":900})"},
+      {Reply(200, R"({"pairingCode":"ABCD1234","expiresInSeconds":[5]})"),
+       R"({"ok":true,"code":"ABCD1234","expiresInSeconds":900})"},
+      {Reply(200, R"({"pairingCode":"ABCD1234","expiresInSeconds":"inf"})"),
+       R"({"ok":true,"code":"ABCD1234","expiresInSeconds":900})"},
+      {Reply(200, R"({"pairingCode":"ABCD1234","expiresInSeconds":"soon"})"),
+       R"({"ok":true,"code":"ABCD1234","expiresInSeconds":900})"},
       {Reply(200, R"({"pairingCode":12345678})"), kServerError},
       {Reply(200, R"({})"), kServerError},
       {Reply(200, "<html>"), kServerError},
@@ -70,7 +77,8 @@ TEST_F(Pairing, PairBeginAnswers) {
     SetString(state::kStateKey, L"LastError", L"old");
     Answer(L"POST", kPairPath, each.response);
     EXPECT_EQ(Begin(), each.reply);
-    EXPECT_EQ(HasValue(state::kStateKey, L"LastError"), each.reply.find("\"ok\":false") != std::string::npos) << each.reply;
+    EXPECT_EQ(HasValue(state::kStateKey, L"LastError"), each.reply.find("\"ok\":false") != std::string::npos)
+        << each.reply;
   }
   EXPECT_EQ(test::CountLogged("INFO pairing started"), 8);
   EXPECT_EQ(test::CountLogged("WARN pairing: HTTP 302"), 1);
@@ -190,8 +198,9 @@ TEST_F(Pairing, TokenThatCannotBeStoredIsReported) {
   SetDword(state::kStateKey, L"TeardownPending", 1);
   Answer(L"POST", kPairPath, Reply(201, R"({"pairingCode":"ABCD1234"})"));
   Answer(L"GET", L"/api/kiosk/pair/ABCD1234", Reply(200, R"({"deviceToken":"tok-9"})"));
-  // Protecting the token, making the key and the one above it, protecting it, setting the value. The sixth, the deletion of
-  // "UnknownSince", may fail; the seventh takes the mark of an earlier teardown away, which would end the new enrolment.
+  // Protecting the token, making the key and the one above it, protecting it, setting the value. The sixth, the
+  // deletion of "UnknownSince", may fail; the seventh takes the mark of an earlier teardown away, which would end the
+  // new enrolment.
   for (const int call : {1, 2, 3, 4, 5, 7}) {
     Begin();
     const sim::FaultPass pass(sim::FaultKind::kFail, call);

@@ -70,8 +70,10 @@ TEST_F(PortalTest, RequestsCarryExactlyWhatTheyShould) {
     EXPECT_EQ(request.receiveTimeout, 15'000);
     EXPECT_EQ(request.Number(WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, 0), 15'000U);
     EXPECT_EQ(request.Number(WINHTTP_OPTION_DISABLE_FEATURE, 0), static_cast<DWORD>(WINHTTP_DISABLE_COOKIES));
-    EXPECT_EQ(request.Number(WINHTTP_OPTION_AUTOLOGON_POLICY, 9), static_cast<DWORD>(WINHTTP_AUTOLOGON_SECURITY_LEVEL_HIGH));
-    EXPECT_EQ(request.Number(WINHTTP_OPTION_REDIRECT_POLICY, 9), static_cast<DWORD>(WINHTTP_OPTION_REDIRECT_POLICY_NEVER));
+    EXPECT_EQ(request.Number(WINHTTP_OPTION_AUTOLOGON_POLICY, 9),
+              static_cast<DWORD>(WINHTTP_AUTOLOGON_SECURITY_LEVEL_HIGH));
+    EXPECT_EQ(request.Number(WINHTTP_OPTION_REDIRECT_POLICY, 9),
+              static_cast<DWORD>(WINHTTP_OPTION_REDIRECT_POLICY_NEVER));
   }
   EXPECT_TRUE(requests[1].options.contains(WINHTTP_OPTION_CLIENT_CERT_CONTEXT));
   EXPECT_EQ(sim::OpenHttpHandles(), 0);
@@ -95,8 +97,14 @@ TEST_F(PortalTest, FailuresOfEachPhaseAreToldApart) {
       {"refused", {.sendError = ERROR_WINHTTP_CANNOT_CONNECT}, "WinHTTP error 12029", 0},
       {"silent server", {.headersDelay = INFINITE}, "WinHTTP error 12002", 15'000},
       {"closed early", {.receiveError = ERROR_WINHTTP_INVALID_SERVER_RESPONSE}, "WinHTTP error 12152", 0},
-      {"falls silent in the body", {.body = "half of it", .chunk = 1, .chunkDelay = 14'500}, "WinHTTP error 12002", 75'000},
-      {"dribbles for ever", {.body = std::string(100, 'x'), .chunk = 1, .chunkDelay = 10'000}, "WinHTTP error 12002", 75'000},
+      {"falls silent in the body",
+       {.body = "half of it", .chunk = 1, .chunkDelay = 14'500},
+       "WinHTTP error 12002",
+       75'000},
+      {"dribbles for ever",
+       {.body = std::string(100, 'x'), .chunk = 1, .chunkDelay = 10'000},
+       "WinHTTP error 12002",
+       75'000},
   };
   for (const auto& each : cases) {
     Answer(L"GET", L"/x", each.response);
@@ -168,7 +176,8 @@ TEST_F(PortalTest, CheckInAnswersThatApplyNothing) {
       {Reply(401, R"({"status":7})"), "HTTP 401 without a device status", DeviceStatus::kNone},
       {Reply(401), "HTTP 401 without a device status", DeviceStatus::kNone},
       {Reply(401, "<html>"), "HTTP 401 without a device status", DeviceStatus::kNone},
-      {Reply(401, R"({"status":")" + std::string(127, 'x') + "€\"}"), "HTTP 401, status " + std::string(127, 'x'), DeviceStatus::kNone},
+      {Reply(401, R"({"status":")" + std::string(127, 'x') + "€\"}"), "HTTP 401, status " + std::string(127, 'x'),
+       DeviceStatus::kNone},
       {Reply(503), "HTTP 503", DeviceStatus::kNone},
       {Reply(302), "HTTP 302", DeviceStatus::kNone},
       {Reply(201, R"({"status":"enrolled"})"), "HTTP 201", DeviceStatus::kNone},
@@ -177,7 +186,8 @@ TEST_F(PortalTest, CheckInAnswersThatApplyNothing) {
       {Reply(200, "<html>hello</html>"), "unexpected check-in reply", DeviceStatus::kNone},
       {Reply(200, R"({"status":"enrolled"} trailing)"), "unexpected check-in reply", DeviceStatus::kNone},
       {Reply(200, R"({"status":"enrolled","x":)" + deep), "unexpected check-in reply", DeviceStatus::kNone},
-      {Reply(200, R"({"status":"enrolled","x":")" + std::string(80'000, 'x') + "\"}"), "unexpected check-in reply", DeviceStatus::kNone},
+      {Reply(200, R"({"status":"enrolled","x":")" + std::string(80'000, 'x') + "\"}"), "unexpected check-in reply",
+       DeviceStatus::kNone},
       {{.receiveError = ERROR_WINHTTP_CONNECTION_ERROR}, "WinHTTP error 12030", DeviceStatus::kNone},
   };
   ASSERT_TRUE(StoreDeviceToken("tok"));
@@ -214,8 +224,10 @@ TEST_F(PortalTest, CheckInAnswersThatApplyNothing) {
 TEST_F(PortalTest, GoodCheckInIsTakenOverOnceAndSteadyOnesWriteNothing) {
   ASSERT_TRUE(StoreDeviceToken("tok"));
   SetString(state::kStateKey, L"UnknownSince", L"x");
-  Answer(L"POST", kCheckInPath, Reply(200, R"({"status":"enrolled","name":"  Łódź – Halle 3\n","signIn":{"email":"0","extraHosts":["a.example"]},)"
-                                          R"("exitPassword":"open","branding":{"displayName":"T"},"tenantId":"t1"})"));
+  Answer(L"POST", kCheckInPath,
+         Reply(200,
+               R"({"status":"enrolled","name":"  Łódź – Halle 3\n","signIn":{"email":"0","extraHosts":["a.example"]},)"
+               R"("exitPassword":"open","branding":{"displayName":"T"},"tenantId":"t1"})"));
   {
     const CheckInResult result = CheckIn("tok");
     EXPECT_EQ(result.error, "");

@@ -148,7 +148,8 @@ TEST_F(ProvisioningTest, EachFailureHasItsCodeAndIsOverWhenItsCauseIs) {
     }
     EXPECT_EQ(CountLogged(line), logged + 1);
     EXPECT_EQ(sim::Narrow(state::ReadStateString(state::kLastError)), failure.code);
-    EXPECT_EQ(state::FlagIsOn(state::kProvisioned), &failure == &cases[std::size(cases) - 1]);  // the mark itself was kept
+    EXPECT_EQ(state::FlagIsOn(state::kProvisioned),
+              &failure == &cases[std::size(cases) - 1]);  // the mark itself was kept
     EXPECT_EQ(ProvisionKioskAccount({}), "");
     test::ExpectProvisioned();
     EXPECT_FALSE(HasValue(state::kStateKey, L"LastError"));

@@ -1,5 +1,5 @@
-// A state key that somebody edited: each value in turn missing or of another type. What "status" says, what a start and a
-// check-in make of it, and what is left after the end of kiosk mode.
+// A state key that somebody edited: each value in turn missing or of another type. What "status" says, what a start and
+// a check-in make of it, and what is left after the end of kiosk mode.
 #include "account/kiosk_account.h"
 #include "account/maintenance.h"
 #include "account/provisioning.h"
@@ -78,11 +78,17 @@ const Effect kEffects[] = {
     {L"Maintenance", R"("maintenance":true)", R"("maintenance":false)", "fine"},
     {L"MaintenanceAt", "", "", "fine"},
     // Whose account it is nobody can tell any more: it is left to the administrator.
-    {L"AccountSid", "", "", "in maintenance, account_exists",
+    {L"AccountSid",
+     "",
+     "",
+     "in maintenance, account_exists",
      {R"(folder c:\users\norvanekiosk)", R"(hklm\software\microsoft\windows nt\currentversion\profilelist\)",
       "member s-1-5-32-545", "user norvanekiosk"}},
     // Nothing is touched without the mark, and the owner's settings stay in the state key.
-    {L"OwnsAutoLogon", "", "", "in maintenance, fine",
+    {L"OwnsAutoLogon",
+     "",
+     "",
+     "in maintenance, fine",
      {kWinlogon, kPasswordLess, std::string(kPolicies) + "enablefirstlogonanimation", "secret defaultpassword",
       R"(hklm\software\norvane\tessaly\kiosk\prior)"}},
     {L"OwnsHideFastUserSwitching", "", "", "in maintenance, fine", {std::string(kPolicies) + "hidefastuserswitching"}},
@@ -93,7 +99,10 @@ const Effect kEffects[] = {
     {L"PriorDefaultPassword", "", "", "in maintenance, fine", {std::string(kWinlogon) + "defaultpassword"}},
     {L"PriorAutoLogonCount", "", "", "in maintenance, fine", {std::string(kWinlogon) + "autologoncount"}},
     {L"PriorDevicePasswordLessBuildVersion", "", "", "in maintenance, fine", {kPasswordLess}},
-    {L"PriorEnableFirstLogonAnimation", "", "", "in maintenance, fine",
+    {L"PriorEnableFirstLogonAnimation",
+     "",
+     "",
+     "in maintenance, fine",
      {std::string(kPolicies) + "enablefirstlogonanimation"}},
 };
 
@@ -110,8 +119,9 @@ void EnrolWithEveryValue(std::uint64_t now) {
 // Everything of `left` is there, and nothing that is not in it, the damaged value itself aside.
 void ExpectLeft(const std::set<std::string>& differing, const Effect& effect, const std::wstring& name) {
   for (const std::string& begin : effect.left) {
-    EXPECT_TRUE(std::any_of(differing.begin(), differing.end(), [&](const auto& each) { return each.starts_with(begin); }))
-        << begin;
+    EXPECT_TRUE(std::any_of(differing.begin(), differing.end(), [&](const auto& each) {
+      return each.starts_with(begin);
+    })) << begin;
   }
   std::string self = "\\kiosk\\" + sim::Narrow(name);
   CharLowerA(self.data());

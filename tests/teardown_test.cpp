@@ -63,7 +63,8 @@ TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
   for (const wchar_t* name : {L"TerminalName", L"SignIn", L"LastError"}) {
     SetString(state::kStateKey, name, L"x");
   }
-  for (const wchar_t* name : {L"MaintenanceFailures", L"MaintenanceLockedUntil", L"Maintenance", L"MaintenanceAt", L"UnknownSince"}) {
+  for (const wchar_t* name :
+       {L"MaintenanceFailures", L"MaintenanceLockedUntil", L"Maintenance", L"MaintenanceAt", L"UnknownSince"}) {
     SetDword(state::kStateKey, name, 1);
   }
   ASSERT_NE(sim::DumpMachine(), before);
@@ -84,8 +85,8 @@ TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
     };
     EXPECT_EQ(at("RegSetValueExW", L"TeardownPending"), 0);
     EXPECT_EQ(at("RegFlushKey", L""), 1);
-    for (const wchar_t* value : {L"Provisioned", L"Maintenance", L"MaintenanceAt", L"LastError", L"UnknownSince", L"SignIn",
-                                 L"TerminalName"}) {
+    for (const wchar_t* value : {L"Provisioned", L"Maintenance", L"MaintenanceAt", L"LastError", L"UnknownSince",
+                                 L"SignIn", L"TerminalName"}) {
       EXPECT_LT(at("RegDeleteKeyValueW", value), at("RegDeleteKeyValueW", L"DeviceToken")) << sim::Narrow(value);
     }
     EXPECT_TRUE(pass.Flushed(L"DeviceToken"));
@@ -99,10 +100,9 @@ TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
   EXPECT_EQ(sim::OpenSessionBuffers() + sim::OpenNetBuffers() + sim::OpenLsaObjects(), 0);
   const std::vector<std::string> texts = test::LogTexts();
   EXPECT_EQ(std::vector<std::string>(texts.end() - 4, texts.end()),
-            (std::vector<std::string>{"WARN removing kiosk mode: because",
-                                      "INFO auto sign-in restored to what it was before enrolment",
-                                      "INFO logged off kiosk session " + std::to_string(session),
-                                      "INFO deleted NorvaneKiosk"}));
+            (std::vector<std::string>{
+                "WARN removing kiosk mode: because", "INFO auto sign-in restored to what it was before enrolment",
+                "INFO logged off kiosk session " + std::to_string(session), "INFO deleted NorvaneKiosk"}));
 }
 
 TEST_F(TeardownTest, WhatBecomesOfTheAccount) {
@@ -116,9 +116,10 @@ TEST_F(TeardownTest, WhatBecomesOfTheAccount) {
     DWORD error;
   } const cases[] = {
       {"ours", true, true, true, "INFO deleted NorvaneKiosk", nullptr, nullptr, 0},
-      {"no profile (2)", true, true, true, "INFO deleted NorvaneKiosk", [](std::wstring& sid) { sim::RemoveProfile(sid); },
-       nullptr, 0},
-      {"no profile (3)", true, true, false, "INFO deleted NorvaneKiosk", nullptr, "DeleteProfileW", ERROR_PATH_NOT_FOUND},
+      {"no profile (2)", true, true, true, "INFO deleted NorvaneKiosk",
+       [](std::wstring& sid) { sim::RemoveProfile(sid); }, nullptr, 0},
+      {"no profile (3)", true, true, false, "INFO deleted NorvaneKiosk", nullptr, "DeleteProfileW",
+       ERROR_PATH_NOT_FOUND},
       {"profile busy nine times", true, true, true, "INFO deleted NorvaneKiosk",
        [](std::wstring&) { sim::KeepProfilesBusy(9); }, nullptr, 0},
       {"profile busy ten times", false, true, false, "INFO deleted NorvaneKiosk",
@@ -126,7 +127,8 @@ TEST_F(TeardownTest, WhatBecomesOfTheAccount) {
       {"user gone meanwhile", true, false, true, "INFO deleted NorvaneKiosk", nullptr, "NetUserDel", NERR_UserNotFound},
       {"user that stays", false, false, true, "ERROR cannot delete NorvaneKiosk (5)", nullptr, "NetUserDel",
        ERROR_ACCESS_DENIED},
-      {"user gone before", true, true, true, nullptr, [](std::wstring&) { sim::RemoveUser(L"NorvaneKiosk"); }, nullptr, 0},
+      {"user gone before", true, true, true, nullptr, [](std::wstring&) { sim::RemoveUser(L"NorvaneKiosk"); }, nullptr,
+       0},
       {"somebody else's", true, false, true, nullptr,
        [](std::wstring&) {
          sim::RemoveUser(L"NorvaneKiosk");
@@ -162,7 +164,8 @@ TEST_F(TeardownTest, WhatBecomesOfTheAccount) {
       EXPECT_EQ(texts.back(), each.lastLine) << each.what;
     }
     if (each.what == std::string("somebody else's")) {
-      EXPECT_EQ(texts.back(), "WARN the local NorvaneKiosk is not the recorded account " + sim::Narrow(sid) + "; left alone");
+      EXPECT_EQ(texts.back(),
+                "WARN the local NorvaneKiosk is not the recorded account " + sim::Narrow(sid) + "; left alone");
     }
     profileFailures += each.what == std::string("profile busy ten times") ? 1 : 0;
     EXPECT_EQ(test::CountLogged("ERROR cannot delete the kiosk profile (32)"), profileFailures) << each.what;

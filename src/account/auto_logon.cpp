@@ -154,7 +154,8 @@ bool SetAutoAdminLogon(bool on) {
 bool TakeOverAutoLogon() {
   state::RawValue mark;
   const LSTATUS status = state::ReadValue(state::kStateKey, state::kOwnsAutoLogon.name, mark);
-  // A mark without the copy that is always there is what a restore could not delete: the settings are the owner's again.
+  // A mark without the copy that is always there is what a restore could not delete: the settings are the owner's
+  // again.
   if (status == ERROR_SUCCESS && mark.Dword() && (NamesKioskUser() || state::ReadState(state::kPriorLsaSecret))) {
     return true;
   }

@@ -82,8 +82,8 @@ std::set<std::wstring> StateNames() {
   wchar_t name[256];
   win32::RegistryKey key;
   RegOpenKeyExW(HKEY_LOCAL_MACHINE, state::kStateKey, 0, KEY_READ, key.Put());
-  for (DWORD i = 0, size = 256; key && RegEnumValueW(key.Get(), i, name, &size, nullptr, nullptr, nullptr, nullptr) == 0;
-       ++i, size = 256) {
+  for (DWORD i = 0, size = 256;
+       key && RegEnumValueW(key.Get(), i, name, &size, nullptr, nullptr, nullptr, nullptr) == 0; ++i, size = 256) {
     names.insert(name);
   }
   names.erase(L"AuthBaseUrl");  // an administrator's
@@ -94,7 +94,8 @@ std::set<std::string> Differences(const std::string& before) {
   std::set<std::string> lines;
   std::set<std::string> names;
   const std::set<std::string> left = Lines(before), right = Lines(sim::DumpMachine());
-  std::set_symmetric_difference(left.begin(), left.end(), right.begin(), right.end(), std::inserter(lines, lines.end()));
+  std::set_symmetric_difference(left.begin(), left.end(), right.begin(), right.end(),
+                                std::inserter(lines, lines.end()));
   for (const std::string& line : lines) {
     // A value of the registry ends before " = ", anything else with its second word.
     const std::size_t content = line.find(" = ");
