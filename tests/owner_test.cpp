@@ -15,7 +15,6 @@
 namespace kiosk::account {
 namespace {
 
-using test::SetDword;
 using test::SetString;
 
 constexpr char kInUse[] = "autologon_in_use";
