@@ -8,9 +8,10 @@
 //   }
 //
 // A pass counts the calls that change the machine; then for every call and every way to fail (each error, the end of
-// the process before it, the end after it) `prepare` and `run` happen in a new process and `later` in another one. The
-// processes run the same test again, so that what stands before RunFaultScenario (and in SetUp) happens in each of them
-// and must leave the machine alone. Statements after it run in the first process only.
+// the process before it, the end after it) `prepare` and `run` happen in a new process and `later` in another one.
+// Since every change is numbered, the end before a call is the end after the call before it: only the first has one of
+// its own. The processes run the same test again, so that what stands before RunFaultScenario (and in SetUp) happens in
+// each of them and must leave the machine alone. Statements after it run in the first process only.
 #pragma once
 
 #include "sim/faults.h"
@@ -22,7 +23,6 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <functional>
 
 namespace sim {
@@ -44,7 +44,7 @@ namespace fault_driver {
 inline constexpr wchar_t kArgument[] = L"--fault-child=";
 inline constexpr wchar_t kTraceKey[] = L"SOFTWARE\\SimulatedFaults";  // apart from the machine, which may be reset
 
-// In a child: "run <kind> <point> <error> <name>" or "later 0 0 0 <name>", from the command line.
+// In a child: "<phase> <kind> <point> <error> <name>", from the command line; the phase is "run" or "later".
 struct Role {
   wchar_t phase[8] = L"";
   int kind = 0;
@@ -83,7 +83,11 @@ inline bool ReadRole(Role& role) {
                       text.c_str(), static_cast<DWORD>(text.size() + 1));
     }
   }
-  std::exit(testing::Test::HasFailure() ? 1 : 0);
+  // Without the end of a process that C++ knows: threads that are detached go on to the last moment.
+  static_cast<void>(std::fflush(nullptr));
+  TerminateProcess(GetCurrentProcess(), testing::Test::HasFailure() ? 1 : 0);
+  Sleep(INFINITE);
+  __builtin_unreachable();
 }
 
 inline std::string CallText(int at) {
@@ -124,10 +128,18 @@ inline void Round(const FaultScenario& scenario, FaultKind kind, int at, DWORD e
   const std::string where = Narrow(scenario.name) + ", point " + std::to_string(at) + " " + CallText(at) + ", " +
                             ways[static_cast<int>(kind)] + (error != 0 ? " with " + std::to_string(error) : "");
   EXPECT_EQ(code, ends ? static_cast<intptr_t>(kFaultExitCode) : 0) << where << ": the run";
-  EXPECT_EQ(RunChild(scenario, L"later", FaultKind::kCount, 0, 0), 0) << where << ": what follows";
+  EXPECT_EQ(RunChild(scenario, L"later", kind, at, error), 0) << where << ": what follows";
 }
 
 }  // namespace fault_driver
+
+// In `later`: the call that failed, as "Function(object)"; empty when none did, or the process ended there.
+inline std::string FailedCall() {
+  fault_driver::Role role;
+  return fault_driver::ReadRole(role) && role.kind == static_cast<int>(FaultKind::kFail)
+             ? fault_driver::CallText(role.at)
+             : std::string();
+}
 
 inline void RunFaultScenario(const FaultScenario& scenario) {
   using namespace fault_driver;

@@ -124,10 +124,6 @@ SIM(LSTATUS, RegSetKeyValueW, HKEY key, LPCWSTR subkey, LPCWSTR name, DWORD type
                   [&] { return ::RegSetKeyValueW(key, subkey, name, type, data, size); });
 }
 
-SIM(LSTATUS, RegDeleteValueW, HKEY key, LPCWSTR name) {
-  return Registry(__func__ + 4, key, nullptr, name, [&] { return ::RegDeleteValueW(key, name); });
-}
-
 SIM(LSTATUS, RegDeleteKeyValueW, HKEY key, LPCWSTR subkey, LPCWSTR name) {
   return Registry(__func__ + 4, key, subkey, name, [&] { return ::RegDeleteKeyValueW(key, subkey, name); });
 }

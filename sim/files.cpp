@@ -95,9 +95,9 @@ bool HandleAllows(HANDLE file, SECURITY_INFORMATION parts) {
   return (information.GrantedAccess & needed) == needed;
 }
 
-DWORD KeepSecurity(const char* function, const std::wstring& plain, SECURITY_INFORMATION parts, PSID owner, PACL dacl) {
+DWORD KeepSecurity(const std::wstring& plain, SECURITY_INFORMATION parts, PSID owner, PACL dacl) {
   return Change<DWORD>(
-      function, [&]() -> const std::wstring& { return plain; },
+      "SetSecurityInfo", [&]() -> const std::wstring& { return plain; },
       [&]() -> DWORD {
         SECURITY_DESCRIPTOR descriptor;
         InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
@@ -171,15 +171,6 @@ void MakeJunction(const std::wstring& path, const std::wstring& target) {
   WriteText(kLinks, Plain(path), target);
 }
 
-void MakeSymbolicLink(const std::wstring& path, const std::wstring& target) {
-  HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr);
-  if (file == INVALID_HANDLE_VALUE) {
-    Violation("the link %s cannot be made (%lu)", Narrow(path).c_str(), GetLastError());
-  }
-  CloseHandle(file);
-  WriteText(kLinks, Plain(path), target);
-}
-
 std::wstring SddlText(PSECURITY_DESCRIPTOR descriptor) {
   return PartText(descriptor, OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION);
 }
@@ -197,7 +188,7 @@ SIM(DWORD, SetSecurityInfo, HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMA
   if (path.empty()) {
     return ERROR_INVALID_HANDLE;
   }
-  return HandleAllows(object, parts) ? KeepSecurity("SetSecurityInfo", path, parts, owner, dacl) : ERROR_ACCESS_DENIED;
+  return HandleAllows(object, parts) ? KeepSecurity(path, parts, owner, dacl) : ERROR_ACCESS_DENIED;
 }
 
 // The owner alone: the simulated machine knows whom a path was given to; a path that nobody set is the program's own.
@@ -213,18 +204,6 @@ SIM(DWORD, GetSecurityInfo, HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMA
     return GetLastError();
   }
   return ERROR_SUCCESS;
-}
-
-SIM(DWORD, SetNamedSecurityInfoW, LPWSTR name, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID owner, PSID group,
-    PACL dacl, PACL sacl) {
-  if (type != SE_FILE_OBJECT) {
-    return ::SetNamedSecurityInfoW(name, type, parts, owner, group, dacl, sacl);
-  }
-  const std::wstring path = Resolve(name, true);
-  if (::GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) {
-    return GetLastError();
-  }
-  return KeepSecurity("SetNamedSecurityInfoW", Plain(path), parts, owner, dacl);
 }
 
 SIM(WINBOOL, CreateDirectoryW, LPCWSTR given, LPSECURITY_ATTRIBUTES security) {

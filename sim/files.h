@@ -1,6 +1,6 @@
 // File security and links, which the development machine's file system lacks.
 //
-// Security: what the service sets (SetSecurityInfo, SetNamedSecurityInfoW, CreateDirectoryW) is kept per path in the
+// Security: what the service sets (SetSecurityInfo, CreateDirectoryW) is kept per path in the
 // areas "FileOwner" and "FileDacl" and not applied. Links: a path declared as one shows as a reparse point, is followed
 // where Windows follows it, also in the middle of a path, and goes away alone (area "Links").
 #pragma once
@@ -16,9 +16,8 @@ std::wstring FileSecurity(const std::wstring& path);
 // What somebody else had set there before.
 void SetFileSecurity(const std::wstring& path, const std::wstring& owner, const std::wstring& dacl);
 
-// Creates a junction (a folder) or a symbolic link (a file) at `path`, which must not exist. Its parents must.
+// Creates a junction at `path`, which must not exist. Its parents must.
 void MakeJunction(const std::wstring& path, const std::wstring& target);
-void MakeSymbolicLink(const std::wstring& path, const std::wstring& target);
 
 // Owner, group and DACL of a descriptor as SDDL; empty for null.
 std::wstring SddlText(PSECURITY_DESCRIPTOR descriptor);

@@ -58,8 +58,6 @@ std::optional<std::wstring> Secret(const std::wstring& name) { return ReadText(k
 
 void SetSecret(const std::wstring& name, const std::wstring& text) { WriteText(kArea, name, text); }
 
-void ForgetSecret(const std::wstring& name) { ForgetValue(kArea, name); }
-
 int OpenLsaObjects() {
   const std::lock_guard guard(mutex);
   return static_cast<int>(handles.size() + buffers.size());
@@ -106,7 +104,7 @@ SIM(NTSTATUS, LsaStorePrivateData, LSA_HANDLE handle, PLSA_UNICODE_STRING name, 
           return ERROR_FILE_NOT_FOUND;
         }
         if (data == nullptr) {
-          ForgetSecret(key);
+          ForgetValue(kArea, key);
         } else {
           SetSecret(key, text);
         }

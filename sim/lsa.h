@@ -11,7 +11,6 @@ namespace sim {
 
 std::optional<std::wstring> Secret(const std::wstring& name);
 void SetSecret(const std::wstring& name, const std::wstring& text);
-void ForgetSecret(const std::wstring& name);
 // Handles and buffers that were not closed or freed yet.
 int OpenLsaObjects();
 

@@ -54,15 +54,6 @@ SIM(void, GetSystemTimeAsFileTime, LPFILETIME time) {
   }
 }
 
-SIM(void, GetSystemTime, LPSYSTEMTIME time) {
-  if (ClockIsVirtual()) {
-    const FILETIME now = ToFileTime(VirtualUtc());
-    FileTimeToSystemTime(&now, time);
-  } else {
-    ::GetSystemTime(time);
-  }
-}
-
 SIM(void, GetLocalTime, LPSYSTEMTIME time) {
   if (ClockIsVirtual()) {
     const std::int64_t local = static_cast<std::int64_t>(VirtualUtc()) - std::int64_t{VirtualBias()} * 600'000'000;
@@ -79,19 +70,13 @@ SIM(DWORD, WaitForMultipleObjects, DWORD count, const HANDLE* objects, BOOL all,
   return WaitMany(count, objects, all, milliseconds);
 }
 
-SIM(DWORD, SleepEx, DWORD milliseconds, BOOL alertable) {
-  if (!ClockIsVirtual()) {
-    return ::SleepEx(milliseconds, alertable);
-  }
-  // Asynchronous procedure calls are delivered before the sleep only.
-  const DWORD delivered = ::SleepEx(0, alertable);
-  if (milliseconds != 0 && delivered == 0) {
+SIM(void, Sleep, DWORD milliseconds) {
+  if (ClockIsVirtual() && milliseconds != 0) {
     SleepVirtually(milliseconds);
+  } else {
+    ::Sleep(milliseconds);
   }
-  return delivered;
 }
-
-SIM(void, Sleep, DWORD milliseconds) { sim_SleepEx(milliseconds, FALSE); }
 
 SIM(BOOL, SetEvent, HANDLE event) {
   const BOOL set = ::SetEvent(event);

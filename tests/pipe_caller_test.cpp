@@ -14,6 +14,7 @@
 #include "win32/security.h"
 
 #include <algorithm>
+#include <tuple>
 
 namespace kiosk::pipe {
 namespace {
@@ -65,11 +66,11 @@ class Caller : public test::CleanMachine {
 
 TEST_F(Caller, AnUnsignedServiceAdmitsOnlyWhileADeveloperSaysSo) {
   constexpr char kRefusal[] = "this service is unsigned and DevAllowUnsigned is not set";
-  EXPECT_EQ(CheckCallerProcess(Pipe(), 0), kRefusal);
-  SetDword(state::kStateKey, L"DevAllowUnsigned", 0);
-  EXPECT_EQ(CheckCallerProcess(Pipe(), 0), kRefusal);
-  SetDword(state::kStateKey, L"DevAllowUnsigned", 2);
-  EXPECT_EQ(CheckCallerProcess(Pipe(), 0), kRefusal);
+  for (const DWORD number : {0UL, 2UL}) {
+    EXPECT_EQ(CheckCallerProcess(Pipe(), 0), kRefusal);
+    SetDword(state::kStateKey, L"DevAllowUnsigned", number);
+    EXPECT_EQ(CheckCallerProcess(Pipe(), 0), kRefusal);
+  }
   SetString(state::kStateKey, L"DevAllowUnsigned", L"1");
   EXPECT_EQ(CheckCallerProcess(Pipe(), 0), kRefusal);
   SetDword(state::kStateKey, L"DevAllowUnsigned", 1);
@@ -114,8 +115,24 @@ TEST_F(Caller, RecordsWhatTheTokenSays) {
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NO_TOKEN));
 }
 
-TEST_F(Caller, WhoCannotBeIdentifiedIsRefused) {
+TEST_F(Caller, EachKindIsToldFromTheOthers) {
+  SetString(state::kStateKey, L"AccountSid", sim::AddUser(L"Kiosk"));
+  sim::SetSession(4, L"Kiosk", sim::ComputerName());
+  const struct {
+    sim::PipeCaller who;
+    bool system, interactive, kiosk;
+    DWORD session;
+  } cases[] = {{{L"Kiosk"}, false, true, true, 4},
+               {{sim::kSystemSid, false, 0}, true, false, false, 0},
+               {{L"S-1-5-21-1-2-3-500", true, 2}, false, true, false, 2},
+               {{L"S-1-5-21-1-2-3-500", false, 0}, false, false, false, 0}};
   CallerRecord caller;
+  for (const auto& each : cases) {
+    sim::SetPipeCaller(each.who);
+    EXPECT_EQ(IdentifyCaller(Pipe(), caller), "");
+    EXPECT_EQ(std::tie(caller.isSystem, caller.isInteractive, caller.isKioskAccount, caller.sessionId),
+              std::tie(each.system, each.interactive, each.kiosk, each.session));
+  }
   EXPECT_EQ(IdentifyCaller(nullptr, caller), "caller cannot be identified (6)");
 }
 

@@ -95,12 +95,5 @@ TEST_F(RevocationTest, AnswersToAnOldTokenTouchNothing) {
   }
 }
 
-TEST_F(RevocationTest, OtherAnswersMeanNothing) {
-  ASSERT_TRUE(state::WriteStateQword(state::kUnknownSince, 1));
-  EXPECT_FALSE(Handle(DeviceStatus::kNone));
-  EXPECT_TRUE(state::TokenIsStored());
-  EXPECT_EQ(UnknownSince(), 1U);
-}
-
 }  // namespace
 }  // namespace kiosk::portal

@@ -8,12 +8,14 @@
 #include "service/install.h"
 #include "sim/accounts.h"
 #include "sim/clock.h"
-#include "sim/computer.h"
 #include "sim/fault_driver.h"
+#include "sim/computer.h"
 #include "sim/http.h"
 #include "sim/service_control.h"
+#include "sim/sessions.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
+#include "tests/support/owned_computer.h"
 #include "tests/support/pipe_exchange.h"
 #include "win32/clock.h"
 #include "win32/thread.h"
@@ -67,19 +69,12 @@ TEST_F(ServiceTest, ReportsItsStatesAndAnswersControls) {
                 "INFO Kiosk shutting down"}));
 }
 
-void EnrolAndProvision() {
-  ASSERT_EQ(state::ProtectStateKey().what, nullptr);
-  test::SetString(L"SOFTWARE\\Norvane\\Tessaly\\Update", L"ClientInstallDir", L"C:\\Client");
-  ASSERT_TRUE(portal::StoreDeviceToken("tok"));
-  ASSERT_EQ(account::ProvisionKioskAccount("tok"), "");
-}
-
 // What a start puts right before it reports that it runs, and what a shutdown ends before it stops.
 TEST_F(ServiceTest, StartRepairsAndShutdownEndsMaintenance) {
   sim::ScriptedPortal portal;
   portal.On(L"POST", L"/api/kiosk/check-in", [](const sim::Request&) { return sim::Response{.status = 503}; });
   sim::ServiceHost host;
-  EnrolAndProvision();
+  test::Enrol();
   test::SetDword(state::kStateKey, L"DevAllowUnsigned", 1);
   test::SetDword(state::kStateKey, L"Maintenance", 1);
   ASSERT_TRUE(state::WriteStateQword(state::kMaintenanceAt, 1));  // long before this boot
@@ -94,6 +89,10 @@ TEST_F(ServiceTest, StartRepairsAndShutdownEndsMaintenance) {
     EXPECT_EQ(*(trimmed + 1), "INFO enrolled=1 provisioned=1 maintenance=0");
     ASSERT_TRUE(state::WriteStateQword(state::kMaintenanceAt, win32::FileTimeNow()));
     test::SetDword(state::kStateKey, L"Maintenance", 1);
+    sim::AddUser(L"anna");
+    sim::SignOut(sim::SignIn(L"anna"));
+    EXPECT_FALSE(state::FlagIsOn(state::kMaintenance)) << "a sign-out was not heard of";
+    test::SetDword(state::kStateKey, L"Maintenance", 1);
     EXPECT_EQ(host.Deliver(SERVICE_CONTROL_SHUTDOWN), DWORD{NO_ERROR});
     EXPECT_FALSE(state::FlagIsOn(state::kMaintenance));
     ASSERT_EQ(WaitForSingleObject(service.Get(), 20'000), WAIT_OBJECT_0);
@@ -103,11 +102,10 @@ TEST_F(ServiceTest, StartRepairsAndShutdownEndsMaintenance) {
 
 TEST_F(ServiceTest, UninstallWithoutAServiceStillGivesTheComputerBack) {
   const std::string before = sim::DumpMachine();
-  EnrolAndProvision();
+  test::Enrol();
   EXPECT_EQ(Uninstall(), 0);
-  EXPECT_EQ(sim::DumpMachine(), before);
-  HKEY key = nullptr;
-  EXPECT_EQ(RegOpenKeyW(HKEY_LOCAL_MACHINE, state::kStateKey, &key), ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(test::Differences(before), std::set<std::string>{});
+  EXPECT_FALSE(test::HasValue(state::kStateKey, L"AuthBaseUrl")) << "the key itself goes";
   EXPECT_EQ(test::CountLogged("WARN removing kiosk mode: uninstalled"), 1);
   EXPECT_EQ(test::LogTexts().back(), "INFO Kiosk shutting down");
 }

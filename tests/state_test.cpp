@@ -116,32 +116,22 @@ TEST_F(State, WritesNeverBringTheKeyBack) {
   EXPECT_EQ(RegOpenKeyExW(HKEY_LOCAL_MACHINE, kStateKey, 0, KEY_READ, key.Put()), ERROR_FILE_NOT_FOUND);
 }
 
-TEST_F(State, LastErrorIsDeletedRatherThanStoredEmpty) {
+TEST_F(State, FlagsAndTheTokenCountOnlyAsWhatTheyShouldBe) {
   ASSERT_EQ(ProtectStateKey().what, nullptr);
   RecordLastError("Łódź");
   EXPECT_EQ(ReadStateString(kLastError), L"Łódź");
   RecordLastError("");
-  EXPECT_FALSE(HasValue(kStateKey, L"LastError"));
-}
-
-TEST_F(State, FlagsAreOnForExactlyOne) {
-  EXPECT_FALSE(FlagIsOn(kMaintenance));
+  EXPECT_FALSE(HasValue(kStateKey, L"LastError")) << "stored empty";
+  EXPECT_FALSE(FlagIsOn(kMaintenance) || TokenIsStored());
   SetDword(kStateKey, L"Maintenance", 2);
-  EXPECT_FALSE(FlagIsOn(kMaintenance));
-  SetString(kStateKey, L"Maintenance", L"1");
-  EXPECT_FALSE(FlagIsOn(kMaintenance));
-  SetDword(kStateKey, L"Maintenance", 1);
-  EXPECT_TRUE(FlagIsOn(kMaintenance));
-}
-
-TEST_F(State, TokenCountsOnlyAsNonEmptyBinary) {
-  EXPECT_FALSE(TokenIsStored());
   SetRaw(kStateKey, L"DeviceToken", REG_BINARY, nullptr, 0);
-  EXPECT_FALSE(TokenIsStored());
+  EXPECT_FALSE(FlagIsOn(kMaintenance) || TokenIsStored());
+  SetString(kStateKey, L"Maintenance", L"1");
   SetString(kStateKey, L"DeviceToken", L"text");
-  EXPECT_FALSE(TokenIsStored());
+  EXPECT_FALSE(FlagIsOn(kMaintenance) || TokenIsStored());
+  SetDword(kStateKey, L"Maintenance", 1);
   SetRaw(kStateKey, L"DeviceToken", REG_BINARY, "x", 1);
-  EXPECT_TRUE(TokenIsStored());
+  EXPECT_TRUE(FlagIsOn(kMaintenance) && TokenIsStored());
 }
 
 TEST_F(State, ClientFolderHasNoTrailingSlashes) {

@@ -13,64 +13,28 @@
 #include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/computer.h"
-#include "sim/fault_driver.h"
+#include "sim/faults.h"
 #include "sim/lsa.h"
 #include "sim/profiles.h"
 #include "sim/sessions.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
+#include "tests/support/owned_computer.h"
 #include "win32/stop.h"
 
 #include <lm.h>
 
 #include <algorithm>
-#include <functional>
-#include <iterator>
 #include <set>
-#include <sstream>
 
 namespace kiosk::account {
 namespace {
 
 using test::SetDword;
 using test::SetString;
+using test::StateNames;
 
 constexpr char kLater[] = "WARN the kiosk account could not be removed yet; retrying at every start and check-in";
-
-// A computer with a life of its own: every setting that kiosk mode touches has a value, of a type that is not the usual one
-// where Windows would take that.
-void LeadALifeOfItsOwn() {
-  sim::AddUser(L"anna", L"secret");
-  SetString(kWinlogonKey, L"AutoAdminLogon", L"0", REG_EXPAND_SZ);
-  SetString(kWinlogonKey, L"DefaultUserName", L"anna");
-  SetString(kWinlogonKey, L"DefaultDomainName", L"%COMPUTERNAME%", REG_EXPAND_SZ);
-  SetDword(kWinlogonKey, L"AutoLogonCount", 3);
-  SetDword(kPasswordLessKey, L"DevicePasswordLessBuildVersion", 2);
-  SetString(kSystemPoliciesKey, L"EnableFirstLogonAnimation", L"1");
-}
-
-void Enrol(const std::string& token = "tok-1") {
-  ASSERT_EQ(state::ProtectStateKey().what, nullptr);
-  SetString(L"SOFTWARE\\Norvane\\Tessaly\\Update", L"ClientInstallDir", L"C:\\Client");
-  ASSERT_TRUE(portal::StoreDeviceToken(token));
-  ASSERT_EQ(ProvisionKioskAccount(token), "");
-  SetString(state::kStateKey, L"TerminalName", L"Hall");
-  SetString(state::kStateKey, L"SignIn", L"{}");
-  SetString(state::kStateKey, L"LastError", L"HTTP 503");
-}
-
-// What stands in the state key; empty also without the key.
-std::set<std::wstring> StateNames() {
-  std::set<std::wstring> names;
-  wchar_t name[256];
-  win32::RegistryKey key;
-  RegOpenKeyExW(HKEY_LOCAL_MACHINE, state::kStateKey, 0, KEY_READ, key.Put());
-  for (DWORD i = 0, size = 256; key && RegEnumValueW(key.Get(), i, name, &size, nullptr, nullptr, nullptr, nullptr) == 0;
-       ++i, size = 256) {
-    names.insert(name);
-  }
-  return names;
-}
 
 class TeardownTest : public test::CleanMachine {
  protected:
@@ -94,14 +58,16 @@ class TeardownTest : public test::CleanMachine {
 };
 
 TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
-  LeadALifeOfItsOwn();
+  test::OwnComputer();
   const std::string before = sim::DumpMachine();
-  Enrol();
-  SetDword(state::kStateKey, L"MaintenanceFailures", 4);
-  ASSERT_TRUE(state::WriteStateQword(state::kMaintenanceLockedUntil, 1));
-  SetDword(state::kStateKey, L"Maintenance", 1);
-  ASSERT_TRUE(state::WriteStateQword(state::kMaintenanceAt, 1));
-  ASSERT_TRUE(state::WriteStateQword(state::kUnknownSince, 1));
+  test::Enrol();
+  for (const wchar_t* name : {L"TerminalName", L"SignIn", L"LastError"}) {
+    SetString(state::kStateKey, name, L"x");
+  }
+  for (const wchar_t* name :
+       {L"MaintenanceFailures", L"MaintenanceLockedUntil", L"Maintenance", L"MaintenanceAt", L"UnknownSince"}) {
+    SetDword(state::kStateKey, name, 1);
+  }
   ASSERT_NE(sim::DumpMachine(), before);
   const DWORD session = sim::SignIn(L"NorvaneKiosk");
   const text::Secret unlock = NewUnlockToken(session);
@@ -120,8 +86,8 @@ TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
     };
     EXPECT_EQ(at("RegSetValueExW", L"TeardownPending"), 0);
     EXPECT_EQ(at("RegFlushKey", L""), 1);
-    for (const wchar_t* value : {L"Provisioned", L"Maintenance", L"MaintenanceAt", L"LastError", L"UnknownSince", L"SignIn",
-                                 L"TerminalName"}) {
+    for (const wchar_t* value : {L"Provisioned", L"Maintenance", L"MaintenanceAt", L"LastError", L"UnknownSince",
+                                 L"SignIn", L"TerminalName"}) {
       EXPECT_LT(at("RegDeleteKeyValueW", value), at("RegDeleteKeyValueW", L"DeviceToken")) << sim::Narrow(value);
     }
     EXPECT_TRUE(pass.Flushed(L"DeviceToken"));
@@ -135,10 +101,9 @@ TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
   EXPECT_EQ(sim::OpenSessionBuffers() + sim::OpenNetBuffers() + sim::OpenLsaObjects(), 0);
   const std::vector<std::string> texts = test::LogTexts();
   EXPECT_EQ(std::vector<std::string>(texts.end() - 4, texts.end()),
-            (std::vector<std::string>{"WARN removing kiosk mode: because",
-                                      "INFO auto sign-in restored to what it was before enrolment",
-                                      "INFO logged off kiosk session " + std::to_string(session),
-                                      "INFO deleted NorvaneKiosk"}));
+            (std::vector<std::string>{
+                "WARN removing kiosk mode: because", "INFO auto sign-in restored to what it was before enrolment",
+                "INFO logged off kiosk session " + std::to_string(session), "INFO deleted NorvaneKiosk"}));
 }
 
 TEST_F(TeardownTest, WhatBecomesOfTheAccount) {
@@ -152,9 +117,10 @@ TEST_F(TeardownTest, WhatBecomesOfTheAccount) {
     DWORD error;
   } const cases[] = {
       {"ours", true, true, true, "INFO deleted NorvaneKiosk", nullptr, nullptr, 0},
-      {"no profile (2)", true, true, true, "INFO deleted NorvaneKiosk", [](std::wstring& sid) { sim::RemoveProfile(sid); },
-       nullptr, 0},
-      {"no profile (3)", true, true, false, "INFO deleted NorvaneKiosk", nullptr, "DeleteProfileW", ERROR_PATH_NOT_FOUND},
+      {"no profile (2)", true, true, true, "INFO deleted NorvaneKiosk",
+       [](std::wstring& sid) { sim::RemoveProfile(sid); }, nullptr, 0},
+      {"no profile (3)", true, true, false, "INFO deleted NorvaneKiosk", nullptr, "DeleteProfileW",
+       ERROR_PATH_NOT_FOUND},
       {"profile busy nine times", true, true, true, "INFO deleted NorvaneKiosk",
        [](std::wstring&) { sim::KeepProfilesBusy(9); }, nullptr, 0},
       {"profile busy ten times", false, true, false, "INFO deleted NorvaneKiosk",
@@ -162,7 +128,8 @@ TEST_F(TeardownTest, WhatBecomesOfTheAccount) {
       {"user gone meanwhile", true, false, true, "INFO deleted NorvaneKiosk", nullptr, "NetUserDel", NERR_UserNotFound},
       {"user that stays", false, false, true, "ERROR cannot delete NorvaneKiosk (5)", nullptr, "NetUserDel",
        ERROR_ACCESS_DENIED},
-      {"user gone before", true, true, true, nullptr, [](std::wstring&) { sim::RemoveUser(L"NorvaneKiosk"); }, nullptr, 0},
+      {"user gone before", true, true, true, nullptr, [](std::wstring&) { sim::RemoveUser(L"NorvaneKiosk"); }, nullptr,
+       0},
       {"somebody else's", true, false, true, nullptr,
        [](std::wstring&) {
          sim::RemoveUser(L"NorvaneKiosk");
@@ -198,7 +165,8 @@ TEST_F(TeardownTest, WhatBecomesOfTheAccount) {
       EXPECT_EQ(texts.back(), each.lastLine) << each.what;
     }
     if (each.what == std::string("somebody else's")) {
-      EXPECT_EQ(texts.back(), "WARN the local NorvaneKiosk is not the recorded account " + sim::Narrow(sid) + "; left alone");
+      EXPECT_EQ(texts.back(),
+                "WARN the local NorvaneKiosk is not the recorded account " + sim::Narrow(sid) + "; left alone");
     }
     profileFailures += each.what == std::string("profile busy ten times") ? 1 : 0;
     EXPECT_EQ(test::CountLogged("ERROR cannot delete the kiosk profile (32)"), profileFailures) << each.what;
@@ -233,9 +201,9 @@ TEST_F(TeardownTest, SignOutsArePolledAndThenLeftForLater) {
 }
 
 TEST_F(TeardownTest, PendingRemovalConverges) {
-  LeadALifeOfItsOwn();
+  test::OwnComputer();
   const std::string before = sim::DumpMachine();
-  Enrol();
+  test::Enrol();
   sim::KeepProfilesBusy(INFINITE);
   RemoveKioskMode(false, "because");
   EXPECT_EQ(test::CountLogged(kLater), 1);
@@ -252,13 +220,8 @@ TEST_F(TeardownTest, PendingRemovalConverges) {
   EXPECT_EQ(pass.Count(), 0);
 }
 
-TEST_F(TeardownTest, InterruptedOneIsDoneAgainAsAWhole) {
-  LeadALifeOfItsOwn();
-  const std::string before = sim::DumpMachine();
-  Enrol();
-  SetDword(state::kStateKey, L"TeardownPending", 2);  // no mark
-  FinishPendingRemoval();
-  EXPECT_TRUE(state::TokenIsStored());
+TEST_F(TeardownTest, AMarkBesideATokenIsAnInterruptedOne) {
+  test::Enrol();
   SetDword(state::kStateKey, L"TeardownPending", 1);
   SetDword(state::kStateKey, L"TeardownSuperseded", 1);
   FinishPendingRemoval();  // the mark is older than the token
@@ -269,16 +232,15 @@ TEST_F(TeardownTest, InterruptedOneIsDoneAgainAsAWhole) {
     RemoveKioskMode(false, "because");
     EXPECT_TRUE(pass.Calls().front().object.ends_with(L"TeardownSuperseded"));
   }
-  Enrol();
+  test::Enrol();
   SetDword(state::kStateKey, L"TeardownPending", 1);
   FinishPendingRemoval();
-  EXPECT_EQ(sim::DumpMachine(), before);
   EXPECT_EQ(StateNames(), std::set<std::wstring>{});
   EXPECT_EQ(test::CountLogged("WARN removing kiosk mode: an earlier removal was interrupted"), 1);
 }
 
 TEST_F(TeardownTest, UninstallDeletesTheStateKeyUnlessSomethingIsPending) {
-  Enrol();
+  test::Enrol();
   sim::KeepProfilesBusy(INFINITE);
   RemoveKioskMode(true, "uninstalled");
   EXPECT_EQ(StateNames(), (std::set<std::wstring>{L"AccountSid", L"TeardownPending"}));
@@ -295,7 +257,7 @@ TEST_F(TeardownTest, UninstallDeletesTheStateKeyUnlessSomethingIsPending) {
 }
 
 TEST_F(TeardownTest, OnlyTheEnrolmentThatWasRefusedIsRemoved) {
-  Enrol("tok-2");
+  test::Enrol("tok-2");
   const std::string old = "tok-1";
   const std::set<std::wstring> names = StateNames();
   const sim::FaultPass pass;
@@ -322,109 +284,6 @@ TEST_F(TeardownTest, AccountOfACreationThatWasCutShort) {
     EXPECT_EQ(!sim::FindUser(L"NorvaneKiosk"), ours);
     EXPECT_EQ(StateNames(), std::set<std::wstring>{});
   }
-}
-
-// The things that two dumps tell differently, each once.
-std::set<std::string> Differences(const std::string& one, const std::string& other) {
-  const auto things = [](const std::string& dump) {
-    std::set<std::string> lines;
-    std::istringstream text(dump);
-    for (std::string line; std::getline(text, line);) {
-      lines.insert(line);
-    }
-    return lines;
-  };
-  std::set<std::string> lines;
-  std::set<std::string> names;
-  const std::set<std::string> left = things(one), right = things(other);
-  std::set_symmetric_difference(left.begin(), left.end(), right.begin(), right.end(), std::inserter(lines, lines.end()));
-  for (const std::string& line : lines) {
-    names.insert(line.substr(0, line.find(" = ")));
-  }
-  return names;
-}
-
-// Whatever call fails, whenever the process ends: the next start, and whoever asked for it asking again, leave the computer
-// as it was before enrolment. `prepare` goes on from an enrolled terminal whose kiosk is signed in.
-void EveryPointGivesTheComputerBack(const wchar_t* name, const std::function<void()>& prepare,
-                                    const std::function<void()>& run, const std::function<void()>& askAgain) {
-  constexpr wchar_t kDumpFile[] = L"C:\\kiosk-dump-before.txt";
-  constexpr wchar_t kThroughFile[] = L"C:\\kiosk-run-through.txt";
-  struct Machine : test::CleanMachine {
-    void TestBody() override {}
-    using CleanMachine::SetUp;
-  };
-  const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
-  sim::RunFaultScenario(
-      {.name = name,
-       .prepare =
-           [&] {
-             Machine().SetUp();
-             LeadALifeOfItsOwn();
-             DeleteFileW(kThroughFile);
-             test::WriteWholeFile(kDumpFile, sim::DumpMachine());
-             Enrol();
-             sim::SignIn(L"NorvaneKiosk");
-             prepare();
-           },
-       .run =
-           [&] {
-             run();
-             test::WriteWholeFile(kThroughFile, "x");  // only a call that failed, or none, comes this far
-           },
-       .later =
-           [&] {
-             const bool failedOnly = !test::ReadWholeFile(kThroughFile).empty();
-             if (!failedOnly) {
-               sim::RestartComputer();
-             }
-             ASSERT_EQ(state::ProtectStateKey().what, nullptr);
-             FinishPendingRemoval();
-             askAgain();
-             EXPECT_FALSE(sim::FindUser(L"NorvaneKiosk"));
-             EXPECT_TRUE(sim::FindUser(L"anna"));
-             EXPECT_FALSE(state::TokenIsStored());
-             EXPECT_FALSE(IsKioskProvisioned());
-             EXPECT_FALSE(state::FlagIsOn(state::kTeardownPending));
-             // A value of the registry whose restoration or deletion failed once is not tried again: one and no more.
-             const auto differing = Differences(test::ReadWholeFile(kDumpFile), sim::DumpMachine());
-             std::set<std::wstring> left = StateNames();
-             if (left.contains(L"OwnsAutoLogon")) {  // with what it vouches for: a mark without copies would cost them all
-               EXPECT_EQ(std::erase_if(left, [](const std::wstring& value) { return value.starts_with(L"Prior"); }), 7U);
-             }
-             EXPECT_LE(differing.size() + left.size(), failedOnly ? 1U : 0U)
-                 << testing::PrintToString(differing) << testing::PrintToString(left);
-           }});
-}
-
-TEST(TeardownFaults, Revocation) {
-  EveryPointGivesTheComputerBack(
-      L"teardown", [] {}, [] { RemoveKioskMode(false, "because"); },
-      [] {
-        // The portal answers as before, for as long as it is asked.
-        if (state::TokenIsStored()) {
-          const std::string token = portal::ReadDeviceToken().Get();
-          EXPECT_EQ(token, "tok-1");
-          RemoveKioskMode(false, "because", &token);
-        }
-      });
-}
-
-TEST(TeardownFaults, PendingRemoval) {
-  EveryPointGivesTheComputerBack(
-      L"pending removal",
-      [] {
-        sim::KeepProfilesBusy(INFINITE);
-        RemoveKioskMode(false, "because");
-        sim::KeepProfilesBusy(0);
-        EXPECT_TRUE(state::FlagIsOn(state::kTeardownPending));
-      },
-      FinishPendingRemoval, [] {});
-}
-
-TEST(TeardownFaults, Uninstall) {
-  const auto uninstall = [] { RemoveKioskMode(true, "uninstalled"); };
-  EveryPointGivesTheComputerBack(L"uninstall", [] {}, uninstall, uninstall);
 }
 
 }  // namespace

@@ -180,19 +180,6 @@ TEST_F(WorkerTest, RevocationEndsTheEnrolmentAndWhatIsPendingIsRetried) {
   EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
 }
 
-TEST_F(WorkerTest, UnknownForADayEndsTheEnrolment) {
-  Enrol();
-  status_ = 401;
-  answer_ = R"({"status":"unknown"})";
-  StartWorker();
-  clock_.RunUntil(86'000'000);
-  EXPECT_TRUE(state::TokenIsStored());
-  EXPECT_EQ(state::ReadStateString(state::kLastError), L"HTTP 401, status unknown");
-  clock_.RunUntil(87'000'000 + 600'000);
-  EXPECT_FALSE(state::TokenIsStored());
-  EXPECT_FALSE(test::HasValue(state::kStateKey, L"LastError"));
-}
-
 TEST_F(WorkerTest, CheckInErrorFromBeforeARestartIsCleared) {
   Enrol();
   state::RecordLastError("WinHTTP error 12029");

@@ -30,7 +30,7 @@ void ForgetKioskTraces() {
 
 }  // namespace
 
-void CleanMachine::SetUp() {
+void ResetComputer() {
   ForgetKioskTraces();
   for (const wchar_t* key : {L"SOFTWARE\\Norvane", L"SOFTWARE\\SimulatedWindows"}) {
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, key);

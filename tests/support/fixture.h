@@ -14,10 +14,12 @@
 
 namespace kiosk::test {
 
-// Deletes the state key, the settings keys, the log tree and the simulated machine before each case.
+// Deletes the state key, the settings keys, the log tree, what kiosk mode leaves, and the simulated machine.
+void ResetComputer();
+
 class CleanMachine : public ::testing::Test {
  protected:
-  void SetUp() override;
+  void SetUp() override { ResetComputer(); }
 };
 
 // All lines of `component`'s log files, oldest file first, without their newlines.

@@ -1,0 +1,219 @@
+// No moment is a bad one to be cut short: whatever call of a pairing or a removal fails, whenever the process ends, the
+// next start and whoever asked for it asking again come to a good end, and a removal gives the computer back.
+#include "account/account_lock.h"
+#include "account/auto_logon.h"
+#include "account/kiosk_account.h"
+#include "account/maintenance.h"
+#include "account/provisioning.h"
+#include "account/teardown.h"
+#include "json/serialise.h"
+#include "portal/device_token.h"
+#include "portal/pairing.h"
+#include "sim/accounts.h"
+#include "sim/clock.h"
+#include "sim/computer.h"
+#include "sim/fault_driver.h"
+#include "sim/http.h"
+#include "sim/profiles.h"
+#include "sim/sessions.h"
+#include "state/kiosk_state.h"
+#include "tests/support/fixture.h"
+#include "tests/support/owned_computer.h"
+
+#include <algorithm>
+
+namespace kiosk::account {
+namespace {
+
+constexpr wchar_t kDumpFile[] = L"C:\\kiosk-dump-before.txt";
+
+// What a removal does once and not again. Such a call that fails costs the one object that it was for: for every call
+// in this table exactly one thing differs in the end, at or below the object of the call, and for all other calls
+// nothing does.
+constexpr char kPutBackOnce[] = "trying until it works would keep all other settings from their owner for as long";
+constexpr char kSeenThrough[] = "means nothing without an account, and the next enrolment deletes or rewrites it";
+const struct {
+  const char* call;  // how its text begins, in small letters
+  const char* why;
+  bool uninstallToo = true;  // false: an uninstall deletes the whole key
+} kCostsItsObject[] = {
+    {"lsastoreprivatedata(defaultpassword", "it opens no account any more, and the next enrolment replaces it"},
+    {R"(regcreatekeyexw(hklm\software\microsoft\)", kPutBackOnce},
+    {R"(regsetvalueexw(hklm\software\microsoft\)", kPutBackOnce},
+    {R"(regdeletekeyvaluew(hklm\software\microsoft\windows\currentversion\policies\system\hidefastuserswitching)",
+     kPutBackOnce},
+    {R"(regdeletekeyvaluew(hklm\software\norvane\tessaly\kiosk\prior)", kSeenThrough, false},
+    {R"(regdeletekeyvaluew(hklm\software\norvane\tessaly\kiosk\owns)", kSeenThrough, false},
+    {R"(regdeletekeyvaluew(hklm\software\norvane\tessaly\kiosk\provisioned)", kSeenThrough, false},
+    {R"(regdeletekeyvaluew(hklm\software\norvane\tessaly\kiosk\accountsid)", kSeenThrough, false},
+};
+
+// The object of the failed call if it may differ now; empty: nothing may.
+std::string MayDiffer(bool uninstalled) {
+  std::string call = sim::FailedCall();
+  std::transform(call.begin(), call.end(), call.begin(),
+                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+  for (const auto& each : kCostsItsObject) {
+    if (call.starts_with(each.call) && (each.uninstallToo || !uninstalled)) {
+      const std::size_t object = call.find('(') + 1;
+      return (call.starts_with("lsa") ? "secret " : "") + call.substr(object, call.size() - 1 - object);
+    }
+  }
+  return {};
+}
+
+void ExpectGivenBack(const std::string& before, bool removal, bool uninstalled) {
+  std::set<std::string> differing = test::Differences(before);
+  // The mark of automatic sign-in stays with the copies that it vouches for: without them it would cost the owner all.
+  if (std::erase_if(differing, [](const std::string& name) { return name.ends_with("\\ownsautologon"); }) != 0) {
+    EXPECT_EQ(std::erase_if(differing,
+                            [](const std::string& name) { return name.find("\\kiosk\\prior") != std::string::npos; }),
+              7U);
+    differing.insert(R"(hklm\software\norvane\tessaly\kiosk\ownsautologon)");
+  }
+  const std::string object = removal ? MayDiffer(uninstalled) : std::string();
+  if (object.empty()) {
+    EXPECT_EQ(differing, std::set<std::string>{}) << sim::FailedCall();
+    return;
+  }
+  EXPECT_TRUE(differing.size() == 1 && differing.begin()->starts_with(object))
+      << sim::FailedCall() << testing::PrintToString(differing);
+  // Whatever was left behind, another life as a kiosk costs the owner nothing more.
+  const std::string between = sim::DumpMachine();
+  test::Enrol("tok-2", false);
+  // The kiosk's switch beside the owner's name looks like a choice of the owner's.
+  EXPECT_EQ(ProvisionKioskAccount("tok-2"), differing.begin()->ends_with("\\autoadminlogon") ? "autologon_in_use" : "");
+  RemoveKioskMode(false, "because");
+  EXPECT_EQ(test::Differences(object.starts_with("secret") ? before : between), std::set<std::string>{});
+}
+
+struct KioskScenario {
+  const wchar_t* name;
+  std::function<void()>
+      prepare;  // goes on from an enrolled terminal whose kiosk is signed in, or from an owner's computer
+  std::function<void()> run;
+  std::function<void()> askAgain;  // after the next start; in the end there must be no kiosk
+  bool enrolled = true, uninstalls = false;
+  int part = 0, parts = 1;
+};
+
+void EveryPointGivesTheComputerBack(const KioskScenario& scenario) {
+  const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  sim::RunFaultScenario({.name = scenario.name,
+                         .prepare =
+                             [&] {
+                               test::ResetComputer();
+                               test::OwnComputer();
+                               test::WriteWholeFile(kDumpFile, sim::DumpMachine());
+                               test::Enrol(scenario.enrolled ? "tok-1" : "", scenario.enrolled);
+                               if (scenario.enrolled) {
+                                 sim::SignIn(L"NorvaneKiosk");
+                               }
+                               scenario.prepare();
+                             },
+                         .run = scenario.run,
+                         .later =
+                             [&] {
+                               if (sim::FailedCall().empty()) {
+                                 sim::RestartComputer();
+                               }
+                               ASSERT_EQ(state::ProtectStateKey().what, nullptr);
+                               FinishPendingRemoval();
+                               EndMaintenanceOfEarlierBoot();
+                               TrimPrivilegedGroups();
+                               ApplyKioskPolicies();
+                               scenario.askAgain();
+                               EXPECT_FALSE(sim::FindUser(L"NorvaneKiosk"));
+                               EXPECT_FALSE(state::TokenIsStored() || IsKioskProvisioned());
+                               ExpectGivenBack(test::ReadWholeFile(kDumpFile), scenario.enrolled, scenario.uninstalls);
+                             },
+                         .part = scenario.part,
+                         .parts = scenario.parts});
+}
+
+std::string Pair() {
+  portal::PairBegin();
+  return json::Serialise(portal::PairCheck("ABCD1234"));
+}
+
+// What the worker does when the portal knows the terminal; or else the person at the terminal pairs it once more.
+void ComeToKioskModeAndLeaveIt() {
+  if (state::FlagIsOn(state::kProvisioned)) {
+    test::ExpectProvisioned();
+  }
+  EXPECT_LE(sim::UserNames().size(), 2U);
+  if (const std::string token = portal::ReadDeviceToken().Get(); !token.empty()) {
+    EXPECT_EQ(ProvisionIfNeeded(token), "");
+  } else {
+    EXPECT_EQ(Pair(), R"({"ok":true,"paired":true,"provisioned":true,"restarting":true,"restartInSeconds":10})");
+  }
+  test::ExpectProvisioned();
+  EXPECT_EQ(sim::UserNames().size(), 2U);
+  const bool unloaded = test::CountLogged("ERROR cannot unload the kiosk hive (5)") == 0;
+  EXPECT_EQ(sim::HiveLoaded(L"NorvaneKioskProvision"), !unloaded) << "the restart into kiosk mode unloads it then";
+  EXPECT_EQ(sim::RestartComputer(), 1U) << "the kiosk does not sign in by itself";
+  RemoveKioskMode(false, "because");
+}
+
+class PairingFaults : public testing::TestWithParam<int> {};
+constexpr int kParts = 6;
+INSTANTIATE_TEST_SUITE_P(Part, PairingFaults, testing::Range(0, kParts));
+
+TEST_P(PairingFaults, APairingComesToItsEnd) {
+  sim::ScriptedPortal portal;
+  const auto answer = [&portal](const wchar_t* method, const wchar_t* path, const char* body) {
+    portal.On(method, path, [body](const sim::Request&) { return sim::Response{.body = body}; });
+  };
+  answer(L"POST", L"/api/kiosk/pair", R"({"pairingCode":"ABCD1234"})");
+  answer(L"GET", L"/api/kiosk/pair/ABCD1234", R"({"deviceToken":"tok-1"})");
+  answer(L"POST", L"/api/kiosk/check-in", R"({"status":"enrolled","name":"Hall"})");
+  EveryPointGivesTheComputerBack({.name = L"pairing",
+                                  .prepare =
+                                      [] {
+                                        portal::PairBegin();
+                                        // What an earlier enrolment may have left.
+                                        test::SetDword(state::kStateKey, L"TeardownPending", 1);
+                                        test::SetString(state::kStateKey, L"UnknownSince", L"x");
+                                      },
+                                  .run = [] { portal::PairCheck("ABCD1234"); },
+                                  .askAgain = ComeToKioskModeAndLeaveIt,
+                                  .enrolled = false,
+                                  .part = GetParam(),
+                                  .parts = kParts});
+}
+
+TEST(RemovalFaults, Revocation) {
+  EveryPointGivesTheComputerBack({.name = L"revocation",
+                                  .prepare = [] {},
+                                  .run = [] { RemoveKioskMode(false, "because"); },
+                                  .askAgain =
+                                      [] {
+                                        // The portal answers as before, for as long as it is asked.
+                                        if (state::TokenIsStored()) {
+                                          const std::string token = "tok-1";
+                                          RemoveKioskMode(false, "because", &token);
+                                        }
+                                      }});
+}
+
+TEST(RemovalFaults, PendingRemoval) {
+  EveryPointGivesTheComputerBack({.name = L"pending removal",
+                                  .prepare =
+                                      [] {
+                                        sim::KeepProfilesBusy(INFINITE);
+                                        RemoveKioskMode(false, "because");
+                                        sim::KeepProfilesBusy(0);
+                                        EXPECT_TRUE(state::FlagIsOn(state::kTeardownPending));
+                                      },
+                                  .run = FinishPendingRemoval,
+                                  .askAgain = [] {}});
+}
+
+TEST(RemovalFaults, Uninstall) {
+  const auto uninstall = [] { RemoveKioskMode(true, "uninstalled"); };
+  EveryPointGivesTheComputerBack(
+      {.name = L"uninstall", .prepare = [] {}, .run = uninstall, .askAgain = uninstall, .uninstalls = true});
+}
+
+}  // namespace
+}  // namespace kiosk::account

@@ -1,0 +1,148 @@
+// Computers that had a life of their own before they became kiosks: what is respected, and that they get it back.
+#include "account/kiosk_account.h"
+#include "account/provisioning.h"
+#include "account/teardown.h"
+#include "account/winlogon.h"
+#include "sim/accounts.h"
+#include "sim/clock.h"
+#include "sim/computer.h"
+#include "sim/lsa.h"
+#include "sim/profiles.h"
+#include "state/kiosk_state.h"
+#include "tests/support/fixture.h"
+#include "tests/support/owned_computer.h"
+
+namespace kiosk::account {
+namespace {
+
+using test::SetString;
+
+constexpr char kInUse[] = "autologon_in_use";
+
+struct Life {
+  const char* what;
+  void (*before)() = nullptr;   // what the owner did before enrolment
+  const char* answer = "";      // of provisioning
+  void (*halfway)() = nullptr;  // before provisioning, and no life that is given back
+  void (*asKiosk)() = nullptr;  // after provisioning
+  std::set<std::string> lost = {};
+};
+
+void NameUser(const wchar_t* user, const wchar_t* on, DWORD type = REG_SZ) {
+  SetString(kWinlogonKey, L"DefaultUserName", user);
+  test::SetRaw(kWinlogonKey, L"AutoAdminLogon", type, on, type == REG_DWORD ? 4 : state::StringBytes(on));
+}
+
+void SetFastUserSwitching(DWORD type) { test::SetRaw(kSystemPoliciesKey, L"HideFastUserSwitching", type, L"0", 4); }
+
+std::wstring KioskSid() { return sim::FindUser(L"NorvaneKiosk").value_or(sim::User()).sid; }
+
+const Life kLives[] = {
+    {"every setting of an unusual type"},
+    {"no setting at all",
+     [] {
+       for (const wchar_t* name :
+            {L"AutoAdminLogon", L"DefaultUserName", L"DefaultDomainName", L"DefaultPassword", L"AutoLogonCount"}) {
+         RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kWinlogonKey, name);
+       }
+       RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kPasswordLessKey, L"DevicePasswordLessBuildVersion");
+       RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kSystemPoliciesKey, L"EnableFirstLogonAnimation");
+     }},
+    {"another user signs in, password in the registry", [] { NameUser(L"anna", L"1"); }, kInUse},
+    {"the same, password as a secret",
+     [] {
+       NameUser(L"anna", L"1");
+       sim::SetSecret(L"DefaultPassword", L"secret");
+     },
+     kInUse},
+    {"the same, as a number", [] { NameUser(L"anna", L"\x1", REG_DWORD); }, kInUse},
+    {"the same, expanded", [] { NameUser(L"anna", L"1", REG_EXPAND_SZ); }, kInUse},
+    {"not quite switched on", [] { NameUser(L"anna", L"01"); }},
+    {"nor so", [] { NameUser(L"anna", L"\x2", REG_DWORD); }},
+    {"switched on for nobody", [] { NameUser(L"", L"1"); }},
+    {"a secret of a sign-in that is switched off",
+     [] { sim::SetSecret(L"DefaultPassword", L"secret"); },
+     "",
+     nullptr,
+     nullptr,
+     {"secret defaultpassword"}},
+    {"somebody bears the name",
+     [] {
+       sim::AddToGroup(L"S-1-5-32-544", sim::AddUser(L"norvanekiosk", L"theirs"));
+       sim::MakeProfile(KioskSid(), L"norvanekiosk");
+     },
+     "account_exists"},
+    {"somebody bears the name and signs in", [] { sim::AddUser(L"norvanekiosk"), NameUser(L"NORVANEKIOSK", L"1"); },
+     "account_exists"},
+    {"groups with German names",
+     [] {
+       sim::SetGroupLanguage(L"de");
+       sim::AddToGroup(L"S-1-5-32-578", sim::FindUser(L"anna")->sid);
+     },
+     "", nullptr,
+     [] {
+       for (const wchar_t* group :
+            {L"S-1-5-32-544", L"S-1-5-32-547", L"S-1-5-32-555", L"S-1-5-32-551", L"S-1-5-32-556", L"S-1-5-32-578"}) {
+         sim::AddToGroup(group, KioskSid());
+       }
+       TrimPrivilegedGroups();
+       EXPECT_EQ(sim::GroupMembers(L"S-1-5-32-578").size(), 1U);
+     }},
+    {"an administrator's policy", [] { SetFastUserSwitching(REG_DWORD); }, "", nullptr,
+     [] { EXPECT_FALSE(test::HasValue(state::kStateKey, L"OwnsHideFastUserSwitching")); }},
+    {"the same of another type", [] { SetFastUserSwitching(REG_SZ); }},
+    {"a removal that was never finished", nullptr, "",
+     [] {
+       ASSERT_EQ(ProvisionKioskAccount({}), "");
+       sim::KeepProfilesBusy(INFINITE);
+       RemoveKioskMode(false, "because");
+       sim::KeepProfilesBusy(0);
+       EXPECT_TRUE(state::FlagIsOn(state::kTeardownPending));
+       test::Enrol("tok-2", false);
+     }},
+    {"a hive left loaded", nullptr, "",
+     [] {
+       ASSERT_EQ(ProvisionKioskAccount({}), "");
+       ASSERT_EQ(sim::LoadHive(L"NorvaneKioskProvision", sim::ProfileFolder(KioskSid()) + L"\\NTUSER.DAT"), DWORD{0});
+     }},
+    {"a hive left loaded at the end", nullptr, "", nullptr,
+     [] {
+       ASSERT_EQ(sim::LoadHive(L"NorvaneKioskProvision", sim::ProfileFolder(KioskSid()) + L"\\NTUSER.DAT"), DWORD{0});
+     }},
+};
+
+TEST(Owner, EveryComputerIsGivenBackWithTheLifeThatItHad) {
+  const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  for (const Life& life : kLives) {
+    SCOPED_TRACE(life.what);
+    test::ResetComputer();
+    test::OwnComputer();
+    if (life.before != nullptr) {
+      life.before();
+    }
+    const std::string before = sim::DumpMachine();
+    test::Enrol("tok-1", false);
+    if (life.halfway != nullptr) {
+      life.halfway();
+    }
+    EXPECT_EQ(ProvisionKioskAccount({}), life.answer);
+    if (*life.answer != '\0') {
+      EXPECT_EQ(sim::DumpMachine(), before);
+      EXPECT_EQ(test::StateNames(), (std::set<std::wstring>{L"DeviceToken", L"LastError"}));
+    } else {
+      test::ExpectProvisioned();
+    }
+    if (life.asKiosk != nullptr) {
+      life.asKiosk();
+    } else if (*life.answer == '\0') {
+      EXPECT_EQ(sim::RestartComputer(), 1U) << "the kiosk does not sign in by itself";
+    }
+    RemoveKioskMode(false, "because");
+    EXPECT_EQ(test::Differences(before), life.lost);
+  }
+  EXPECT_EQ(test::CountLogged("WARN an auto sign-in secret from before enrolment was replaced and cannot be put back"),
+            1);
+}
+
+}  // namespace
+}  // namespace kiosk::account

@@ -1,0 +1,164 @@
+// A state key that somebody edited: each value in turn missing or of another type. What "status" says, what a start and
+// a check-in make of it, and what is left after the end of kiosk mode.
+#include "account/kiosk_account.h"
+#include "account/maintenance.h"
+#include "account/provisioning.h"
+#include "account/teardown.h"
+#include "account/winlogon.h"
+#include "json/serialise.h"
+#include "pipe/status.h"
+#include "portal/check_in.h"
+#include "portal/device_token.h"
+#include "portal/revocation.h"
+#include "sim/clock.h"
+#include "sim/computer.h"
+#include "sim/http.h"
+#include "sim/seam.h"
+#include "sim/sessions.h"
+#include "state/kiosk_state.h"
+#include "tests/support/fixture.h"
+#include "tests/support/owned_computer.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace kiosk {
+namespace {
+
+// What a start, and then a pass of the worker, say.
+std::string StartAndCheckIn() {
+  account::FinishPendingRemoval();
+  account::EndMaintenanceOfEarlierBoot();
+  account::RememberAdministratorSessions();
+  account::TrimPrivilegedGroups();
+  account::ApplyKioskPolicies();
+  std::string answer = state::FlagIsOn(state::kMaintenance) ? "in maintenance, " : "";
+  const text::Secret token = portal::ReadDeviceToken();
+  if (token.Empty()) {
+    return answer + "not enrolled";
+  }
+  const portal::CheckInResult result = portal::CheckIn(token.Get());
+  EXPECT_FALSE(portal::HandleDeviceStatus(result, token.Get()));
+  const std::string problem = account::IsKioskProvisioned() ? "fine" : account::ProvisionIfNeeded(token.Get());
+  return answer + (result.error.empty() ? "" : result.error + ", ") + (problem.empty() ? "provisioned" : problem);
+}
+
+void Damage(const state::StateValue& value, bool missing) {
+  RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, state::kStateKey, value.name);
+  if (!missing && value.type == REG_SZ) {
+    test::SetDword(state::kStateKey, value.name, 1);
+  } else if (!missing) {
+    test::SetString(state::kStateKey, value.name, L"1");
+  }
+}
+
+constexpr char kStatus[] =
+    R"({"ok":true,"enrolled":true,"provisioned":true,"kioskSession":false,"maintenance":true,"account":"NorvaneKiosk",)"
+    R"("terminalName":"Hall","signIn":{"microsoft":true,"email":false,"extraHosts":[]},"error":"HTTP 503"})";
+constexpr char kWinlogon[] = R"(hklm\software\microsoft\windows nt\currentversion\winlogon\)";
+constexpr char kPasswordLess[] = R"(hklm\software\microsoft\windows nt\currentversion\passwordless\device\)";
+constexpr char kPolicies[] = R"(hklm\software\microsoft\windows\currentversion\policies\system\)";
+
+// The values whose damage shows: in the status (this part of it reads so instead), in the answer, or in what the end of
+// kiosk mode leaves on the computer. All others are as if nothing had happened.
+struct Effect {
+  const wchar_t* name;
+  const char* part = "";
+  const char* readsAs = "";
+  const char* answer = "in maintenance, fine";
+  std::vector<std::string> left = {};  // things that begin so
+};
+const Effect kNone{L""};
+const Effect kEffects[] = {
+    {L"DeviceToken", R"("enrolled":true)", R"("enrolled":false)", "in maintenance, not enrolled"},
+    {L"TerminalName", R"(:"Hall")", R"(:"")"},
+    {L"SignIn", R"("email":false)", R"("email":true)"},
+    {L"LastError", R"(,"error":"HTTP 503")", ""},
+    {L"Provisioned", R"("provisioned":true)", R"("provisioned":false)", "in maintenance, provisioned"},
+    {L"Maintenance", R"("maintenance":true)", R"("maintenance":false)", "fine"},
+    {L"MaintenanceAt", "", "", "fine"},
+    // Whose account it is nobody can tell any more: it is left to the administrator.
+    {L"AccountSid",
+     "",
+     "",
+     "in maintenance, account_exists",
+     {R"(folder c:\users\norvanekiosk)", R"(hklm\software\microsoft\windows nt\currentversion\profilelist\)",
+      "member s-1-5-32-545", "user norvanekiosk"}},
+    // Nothing is touched without the mark, and the owner's settings stay in the state key.
+    {L"OwnsAutoLogon",
+     "",
+     "",
+     "in maintenance, fine",
+     {kWinlogon, kPasswordLess, std::string(kPolicies) + "enablefirstlogonanimation", "secret defaultpassword",
+      R"(hklm\software\norvane\tessaly\kiosk\prior)"}},
+    {L"OwnsHideFastUserSwitching", "", "", "in maintenance, fine", {std::string(kPolicies) + "hidefastuserswitching"}},
+    // A copy is put back as it stands, and none as none.
+    {L"PriorAutoAdminLogon", "", "", "in maintenance, fine", {std::string(kWinlogon) + "autoadminlogon"}},
+    {L"PriorDefaultUserName", "", "", "in maintenance, fine", {std::string(kWinlogon) + "defaultusername"}},
+    {L"PriorDefaultDomainName", "", "", "in maintenance, fine", {std::string(kWinlogon) + "defaultdomainname"}},
+    {L"PriorDefaultPassword", "", "", "in maintenance, fine", {std::string(kWinlogon) + "defaultpassword"}},
+    {L"PriorAutoLogonCount", "", "", "in maintenance, fine", {std::string(kWinlogon) + "autologoncount"}},
+    {L"PriorDevicePasswordLessBuildVersion", "", "", "in maintenance, fine", {kPasswordLess}},
+    {L"PriorEnableFirstLogonAnimation",
+     "",
+     "",
+     "in maintenance, fine",
+     {std::string(kPolicies) + "enablefirstlogonanimation"}},
+};
+
+void EnrolWithEveryValue(std::uint64_t now) {
+  test::Enrol();
+  test::SetString(state::kStateKey, L"TerminalName", L"Hall");
+  test::SetString(state::kStateKey, L"SignIn", L"{\"email\":false}");
+  test::SetString(state::kStateKey, L"LastError", L"HTTP 503");
+  test::SetDword(state::kStateKey, L"Maintenance", 1);
+  test::SetString(account::kWinlogonKey, L"AutoAdminLogon", L"0");
+  ASSERT_TRUE(state::WriteStateQword(state::kMaintenanceAt, now) && state::WriteStateQword(state::kUnknownSince, now));
+}
+
+// Everything of `left` is there, and nothing that is not in it, the damaged value itself aside.
+void ExpectLeft(const std::set<std::string>& differing, const Effect& effect, const std::wstring& name) {
+  for (const std::string& begin : effect.left) {
+    EXPECT_TRUE(std::any_of(differing.begin(), differing.end(), [&](const auto& each) {
+      return each.starts_with(begin);
+    })) << begin;
+  }
+  std::string self = "\\kiosk\\" + sim::Narrow(name);
+  CharLowerA(self.data());
+  for (const std::string& each : differing) {
+    // A copy that was damaged may be what the owner had by chance; so much is in the table as well.
+    EXPECT_TRUE(each.ends_with(self) || std::any_of(effect.left.begin(), effect.left.end(),
+                                                    [&](const auto& begin) { return each.starts_with(begin); }))
+        << each;
+  }
+}
+
+TEST(StateDamage, EveryValueMissingOrOfAnotherTypeGetsItsExactAnswer) {
+  const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  sim::ScriptedPortal portal;
+  portal.On(L"POST", L"/api/kiosk/check-in",
+            [](const sim::Request&) { return sim::Response{.body = R"({"status":"enrolled","name":"Hall"})"}; });
+  for (const state::StateValue* value : state::kStateValues) {
+    const auto* found = std::find_if(std::begin(kEffects), std::end(kEffects),
+                                     [&](const Effect& each) { return std::wcscmp(each.name, value->name) == 0; });
+    const Effect& effect = found != std::end(kEffects) ? *found : kNone;
+    std::string status = kStatus;
+    status.replace(status.find(effect.part), std::strlen(effect.part), effect.readsAs);
+    for (const bool missing : {true, false}) {
+      SCOPED_TRACE(sim::Narrow(value->name) + (missing ? " missing" : " of another type"));
+      test::ResetComputer();
+      test::OwnComputer();
+      test::SetDword(account::kSystemPoliciesKey, L"EnableFirstLogonAnimation", 1);
+      const std::string before = sim::DumpMachine();
+      EnrolWithEveryValue(clock.SystemTime());
+      Damage(*value, missing);
+      EXPECT_EQ(json::Serialise(pipe::StatusReport(nullptr)), status);
+      EXPECT_EQ(StartAndCheckIn(), effect.answer);
+      account::RemoveKioskMode(false, "because");
+      ExpectLeft(test::Differences(before), effect, value->name);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace kiosk
