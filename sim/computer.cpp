@@ -4,10 +4,12 @@
 #include "sim/clock.h"
 #include "sim/lsa.h"
 #include "sim/machine.h"
+#include "sim/power.h"
 #include "sim/profiles.h"
 #include "sim/seam.h"
 #include "sim/sessions.h"
 #include "sim/shutdown.h"
+#include "sim/tasks.h"
 
 #include <lm.h>
 
@@ -129,6 +131,9 @@ std::string DumpMachine(const std::vector<std::wstring>& keys) {
   }
   for (const std::wstring& key : keys) {
     DumpKey(key, lines);
+  }
+  for (const std::vector<std::string>& more : {PowerLines(), TaskLines()}) {
+    lines.insert(lines.end(), more.begin(), more.end());
   }
   std::sort(lines.begin(), lines.end());
   std::string text;
