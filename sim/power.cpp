@@ -32,7 +32,8 @@ std::wstring SchemeArea(const std::wstring& scheme) {
 std::wstring ValueName(std::size_t place) { return kSettings[place / 2].id + std::wstring(place % 2 == 0 ? L" AC" : L" DC"); }
 
 void MakeSchemes() {
-  if (!AreaExists(kArea) || !AreaExists(kSchemes)) {
+  if (!ReadText(kArea, L"ActiveScheme")) {
+    WriteText(kArea, L"ActiveScheme", kBalanced);
     SetSchemeIndexes(kBalanced, {600, 300, 1800, 900, 2, 0});
     SetSchemeIndexes(kHighPerformance, {900, 600, 0, 0, 1, 1});
     MakeSchemeActive(kBalanced);
@@ -93,6 +94,7 @@ Indexes SchemeIndexes(const std::wstring& scheme) {
 }
 
 void SetSchemeIndexes(const std::wstring& scheme, const Indexes& indexes) {
+  MakeSchemes();
   ForgetArea(SchemeArea(scheme));
   for (std::size_t place = 0; place < indexes.size(); ++place) {
     if (indexes[place] != kNoIndex) {
@@ -102,6 +104,7 @@ void SetSchemeIndexes(const std::wstring& scheme, const Indexes& indexes) {
 }
 
 void MakeSchemeActive(const std::wstring& scheme) {
+  MakeSchemes();
   WriteText(kArea, L"ActiveScheme", scheme);
   if (!scheme.empty()) {
     SetSchemeIndexes({}, SchemeIndexes(scheme));

@@ -183,10 +183,11 @@ HRESULT STDMETHODCALLTYPE DeleteTask(ITaskFolder* /*self*/, BSTR path, LONG flag
   if (!AreaExists(TaskArea(name))) {
     return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
   }
-  return HRESULT_FROM_WIN32(Change<DWORD>("DeleteTask", [&] { return name; }, [&]() -> DWORD {
+  const DWORD error = Change<DWORD>("DeleteTask", [&] { return name; }, [&]() -> DWORD {
     DeleteRegisteredTask(name);
     return ERROR_SUCCESS;
-  }));
+  });
+  return HRESULT_FROM_WIN32(error);
 }
 
 // What the documentation asks of a definition and of the call for a service account.
