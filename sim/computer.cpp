@@ -164,6 +164,9 @@ DWORD RunMachineCommand(const std::wstring& command) {
   } else if (verb == L"signout") {
     words >> number;
     SignOut(number);
+  } else if (verb == L"due") {
+    words >> number >> name;
+    return RunDueTasks(number, name);
   } else if (verb == L"stubborn") {
     words >> number >> second;
     MakeStubborn(number, second);
