@@ -146,7 +146,7 @@ SIM(DWORD, PowerGetActiveScheme, HKEY root, GUID** scheme) {
 
 SIM(DWORD, PowerSetActiveScheme, HKEY root, const GUID* scheme) {
   MakeSchemes();
-  const std::wstring name = GuidText(scheme);
+  std::wstring name = GuidText(scheme);
   return Change<DWORD>(
       "PowerSetActiveScheme", [&] { return name; },
       [&]() -> DWORD {

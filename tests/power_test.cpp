@@ -499,7 +499,7 @@ void EndKioskMode(bool oneMayDiffer) {
 TEST(PowerFaults, Apply) {
   sim::RunFaultScenario({.name = L"apply power", .prepare = PrepareFault, .run = ApplyEffectivePowerPolicy, .later = [] {
                            Apply();
-                           EXPECT_EQ(sim::SchemeIndexes(sim::kBalanced), (Indexes{900, 900, 0, 0, 1, 1}));
+                           EXPECT_EQ(sim::SchemeIndexes({}), (Indexes{900, 900, 0, 0, 1, 1}));
                            EXPECT_EQ(State(state::kPowerError), "");
                            EXPECT_NE(State(state::kPowerScheduleApplied), "");
                            EXPECT_NE(State(state::kPriorPower).find("[600,300,1800,900,2,0]"), std::string::npos);

@@ -17,13 +17,21 @@ namespace {
 
 win32::Lock powerLock{win32::LockRank::kPower};
 
+// Values were written and the scheme is not yet made active again: that failed, or, for all that is known when a process
+// begins, an earlier one ended in between. Guarded by powerLock.
+bool activationOwed = true;
+
 constexpr DWORD kSecondsPerMinute = 60;
 
 DWORD Seconds(std::int32_t minutes) { return static_cast<DWORD>(minutes) * kSecondsPerMinute; }
 
 // Changed values count only once the scheme is made the active one again.
-void Activate(const GUID& scheme, const PowerPolicy& policy) {
+void Activate(const GUID& scheme, const PowerPolicy& policy, bool changed) {
   const DWORD error = PowerSetActiveScheme(nullptr, &scheme);
+  activationOwed = error != ERROR_SUCCESS;
+  if (error == ERROR_SUCCESS && !changed) {
+    return;
+  }
   if (error == ERROR_SUCCESS) {
     log::Log(log::kNotice, log::kKiosk, "power: screen off %d min, sleep %d min (0 = never)", policy.screenOffMinutes,
              policy.sleepMinutes);
@@ -48,8 +56,11 @@ void ApplyPowerScheme(const PowerPolicy& policy) {
   SetPowerValue(scheme, SchemeSetting::kScreenOff, Seconds(policy.screenOffMinutes), changed);
   SetPowerValue(scheme, SchemeSetting::kSleep, Seconds(policy.sleepMinutes), changed);
   const std::string error = ApplyPowerSchedule(scheme, policy.schedule, changed);
-  if (changed) {
-    Activate(scheme, policy);
+  // Without copies no value was ever written.
+  if (changed || (activationOwed && !state::ReadStateString(state::kPriorPower).empty())) {
+    Activate(scheme, policy, changed);
+  } else {
+    activationOwed = false;
   }
   if (state::SetStateStringIfChanged(state::kPowerError, win32::ToWide(error)) && !error.empty()) {
     log::Log(log::kWarn, log::kKiosk, "power: %s", error.c_str());

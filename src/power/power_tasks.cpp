@@ -45,13 +45,13 @@ bool ReportsWakeSupport() {
          capabilities.RtcWake != PowerSystemUnspecified;
 }
 
-void RemoveTasks(const TaskScheduler& scheduler) {
+void RemoveTasks(const SchedulerConnection& scheduler) {
   RemovePowerTask(scheduler, kSleepTask);
   RemovePowerTask(scheduler, kWakeTask);
 }
 
 // True when the wake task is registered, now or before.
-bool RegisterWhereNeeded(const TaskScheduler& scheduler, const PowerSchedule& schedule) {
+bool RegisterWhereNeeded(const SchedulerConnection& scheduler, const PowerSchedule& schedule) {
   const std::wstring signature = Signature(schedule);
   if (state::ReadStateString(state::kPowerScheduleApplied) == signature && TaskExists(scheduler, kSleepTask) &&
       TaskExists(scheduler, kWakeTask)) {
@@ -73,7 +73,7 @@ bool RegisterWhereNeeded(const TaskScheduler& scheduler, const PowerSchedule& sc
 }  // namespace
 
 std::string ApplyPowerSchedule(const GUID& scheme, const PowerSchedule& schedule, bool& changed) {
-  TaskScheduler scheduler;
+  SchedulerConnection scheduler;
   if (!ConnectTaskScheduler(scheduler)) {
     return schedule.enabled ? kWakeUnavailable : "";
   }
@@ -95,7 +95,7 @@ std::string ApplyPowerSchedule(const GUID& scheme, const PowerSchedule& schedule
 }
 
 void RemovePowerTasks() {
-  TaskScheduler scheduler;
+  SchedulerConnection scheduler;
   if (ConnectTaskScheduler(scheduler)) {
     RemoveTasks(scheduler);
   }

@@ -179,15 +179,18 @@ void RestorePriorPower() {
       json::Parse(win32::ToNarrow(state::ReadStateString(state::kPriorPower)));
   const std::wstring text = prior ? win32::ToWide(json::Member(*prior, "scheme").text()) : std::wstring();
   GUID scheme{};
-  if (text.empty() || FAILED(CLSIDFromString(text.c_str(), &scheme)) ||
-      !PutValuesBack(scheme, json::Member(*prior, "values").items())) {
+  if (text.empty() || FAILED(CLSIDFromString(text.c_str(), &scheme))) {
     return;
   }
+  const bool restored = PutValuesBack(scheme, json::Member(*prior, "values").items());
+  // Also when nothing differed: an earlier run may have been cut short right before this.
   const ActiveScheme active;
   if (active && IsEqualGUID(*active.Id(), scheme)) {
     PowerSetActiveScheme(nullptr, &scheme);
   }
-  log::Log(log::kNotice, log::kKiosk, "power: the scheme is back as it was before enrolment");
+  if (restored) {
+    log::Log(log::kNotice, log::kKiosk, "power: the scheme is back as it was before enrolment");
+  }
 }
 
 }  // namespace kiosk::power

@@ -61,7 +61,7 @@ std::string Hex(HRESULT result) {
 // Builds one task. Each step returns false once it has logged why.
 class Registration {
  public:
-  Registration(const TaskScheduler& scheduler, const PowerTask& task)
+  Registration(const SchedulerConnection& scheduler, const PowerTask& task)
       : scheduler_(scheduler), task_(task), name_(win32::ToNarrow(task.name)) {}
 
   bool Run(const std::wstring& program, std::uint32_t minutes, DayMask days) {
@@ -164,7 +164,7 @@ class Registration {
     return SUCCEEDED(result) || Failed("cannot register \"", "\"", result);
   }
 
-  const TaskScheduler& scheduler_;
+  const SchedulerConnection& scheduler_;
   const PowerTask& task_;
   const std::string name_;
   ComPtr<ITaskDefinition> definition_;
@@ -172,7 +172,7 @@ class Registration {
 
 }  // namespace
 
-bool ConnectTaskScheduler(TaskScheduler& scheduler) {
+bool ConnectTaskScheduler(SchedulerConnection& scheduler) {
   const auto failed = [](const char* what, HRESULT result) {
     log::Log(log::kError, log::kKiosk, "power: %s (%s)", what, Hex(result).c_str());
     return false;
@@ -196,13 +196,13 @@ std::wstring OwnExecutablePath() {
   return length < path.size() ? std::wstring(path.data(), length) : std::wstring();
 }
 
-bool TaskExists(const TaskScheduler& scheduler, const PowerTask& task) {
+bool TaskExists(const SchedulerConnection& scheduler, const PowerTask& task) {
   const Bstr name = MakeBstr(task.name);
   ComPtr<IRegisteredTask> found;
   return name && SUCCEEDED(scheduler.folder->GetTask(name.Get(), found.Put()));
 }
 
-bool RegisterPowerTask(const TaskScheduler& scheduler, const PowerTask& task, std::uint32_t minutesAfterMidnight,
+bool RegisterPowerTask(const SchedulerConnection& scheduler, const PowerTask& task, std::uint32_t minutesAfterMidnight,
                        DayMask days) {
   const std::wstring program = OwnExecutablePath();
   if (program.empty() || !Registration(scheduler, task).Run(program, minutesAfterMidnight, days)) {
@@ -213,7 +213,7 @@ bool RegisterPowerTask(const TaskScheduler& scheduler, const PowerTask& task, st
   return true;
 }
 
-void RemovePowerTask(const TaskScheduler& scheduler, const PowerTask& task) {
+void RemovePowerTask(const SchedulerConnection& scheduler, const PowerTask& task) {
   const Bstr name = MakeBstr(task.name);
   const HRESULT result = name ? scheduler.folder->DeleteTask(name.Get(), 0) : E_OUTOFMEMORY;
   const std::string text = win32::ToNarrow(task.name);

@@ -7,8 +7,9 @@
 #include <oleauto.h>
 #include <taskschd.h>
 
-#ifndef __IWeeklyTrigger_INTERFACE_DEFINED__  // NOLINT(bugprone-reserved-identifier): the headers' own guard
-#define __IWeeklyTrigger_INTERFACE_DEFINED__  // NOLINT(bugprone-reserved-identifier)
+// NOLINTBEGIN: the names are Windows', the guard among them
+#ifndef __IWeeklyTrigger_INTERFACE_DEFINED__
+#define __IWeeklyTrigger_INTERFACE_DEFINED__
 
 inline constexpr IID IID_IWeeklyTrigger{0x5038FC98, 0x82FF, 0x436D, {0x87, 0x28, 0xA5, 0x12, 0xA5, 0x7C, 0x9D, 0xC1}};
 
@@ -25,3 +26,4 @@ struct IWeeklyTrigger : public ITrigger {
 #endif
 
 #endif
+// NOLINTEND
