@@ -79,15 +79,22 @@ HRESULT Keep(Definition& definition, const wchar_t* name, const std::wstring& va
 
 std::wstring TextOf(BSTR text) { return text != nullptr ? std::wstring(text, SysStringLen(text)) : std::wstring(); }
 
-// The implementation of "put_NAME", for texts and for numbers.
-#define PUT_TEXT(interfaceType, name)                                                   \
-  [](interfaceType* self, BSTR value) STDMETHODCALLTYPE -> HRESULT {                    \
-    return Keep(DefinitionOf(self), L## #name, TextOf(value));                          \
-  }
-#define PUT_NUMBER(interfaceType, name, type)                                           \
-  [](interfaceType* self, type value) STDMETHODCALLTYPE -> HRESULT {                    \
-    return Keep(DefinitionOf(self), L## #name, std::to_wstring(value == -1 ? 1 : value)); \
-  }
+// A property's name as a template argument.
+template <std::size_t Size>
+struct Name {
+  consteval Name(const wchar_t (&from)[Size]) { std::copy_n(from, Size, text); }  // NOLINT(google-explicit-constructor)
+  wchar_t text[Size];
+};
+
+// The implementations of "put_NAME"; the interface and the number's type follow from the slot.
+template <Name name, typename Interface>
+HRESULT STDMETHODCALLTYPE PutText(Interface* self, BSTR value) {
+  return Keep(DefinitionOf(self), name.text, TextOf(value));
+}
+template <Name name, typename Interface, typename Number>
+HRESULT STDMETHODCALLTYPE PutNumber(Interface* self, Number value) {
+  return Keep(DefinitionOf(self), name.text, std::to_wstring(value == -1 ? 1 : value));
+}
 
 using Action = Part<IAction, IID_IAction>;
 using Trigger = Part<ITrigger, IID_ITrigger>;
@@ -97,21 +104,21 @@ using Trigger = Part<ITrigger, IID_ITrigger>;
   .Release = PART(interfaceType)::Drop
 
 IRegistrationInfoVtbl infoTable{PART_BASICS(IRegistrationInfo),
-                                .put_Description = PUT_TEXT(IRegistrationInfo, Description),
-                                .put_Author = PUT_TEXT(IRegistrationInfo, Author)};
+                                .put_Description = PutText<L"Description">,
+                                .put_Author = PutText<L"Author">};
 IPrincipalVtbl principalTable{PART_BASICS(IPrincipal),
-                              .put_UserId = PUT_TEXT(IPrincipal, UserId),
-                              .put_LogonType = PUT_NUMBER(IPrincipal, LogonType, TASK_LOGON_TYPE),
-                              .put_RunLevel = PUT_NUMBER(IPrincipal, RunLevel, TASK_RUNLEVEL_TYPE)};
+                              .put_UserId = PutText<L"UserId">,
+                              .put_LogonType = PutNumber<L"LogonType">,
+                              .put_RunLevel = PutNumber<L"RunLevel">};
 ITaskSettingsVtbl settingsTable{
     PART_BASICS(ITaskSettings),
-    .put_MultipleInstances = PUT_NUMBER(ITaskSettings, MultipleInstances, TASK_INSTANCES_POLICY),
-    .put_StopIfGoingOnBatteries = PUT_NUMBER(ITaskSettings, StopIfGoingOnBatteries, VARIANT_BOOL),
-    .put_DisallowStartIfOnBatteries = PUT_NUMBER(ITaskSettings, DisallowStartIfOnBatteries, VARIANT_BOOL),
-    .put_StartWhenAvailable = PUT_NUMBER(ITaskSettings, StartWhenAvailable, VARIANT_BOOL),
-    .put_ExecutionTimeLimit = PUT_TEXT(ITaskSettings, ExecutionTimeLimit),
-    .put_Enabled = PUT_NUMBER(ITaskSettings, Enabled, VARIANT_BOOL),
-    .put_WakeToRun = PUT_NUMBER(ITaskSettings, WakeToRun, VARIANT_BOOL)};
+    .put_MultipleInstances = PutNumber<L"MultipleInstances">,
+    .put_StopIfGoingOnBatteries = PutNumber<L"StopIfGoingOnBatteries">,
+    .put_DisallowStartIfOnBatteries = PutNumber<L"DisallowStartIfOnBatteries">,
+    .put_StartWhenAvailable = PutNumber<L"StartWhenAvailable">,
+    .put_ExecutionTimeLimit = PutText<L"ExecutionTimeLimit">,
+    .put_Enabled = PutNumber<L"Enabled">,
+    .put_WakeToRun = PutNumber<L"WakeToRun">};
 // IExecAction and IWeeklyTrigger as the documentation lists them: what every action and trigger has, then their own.
 struct ExecActionTable {
   IActionVtbl action;
@@ -121,7 +128,7 @@ struct ExecActionTable {
   HRESULT(STDMETHODCALLTYPE* putArguments)(IAction*, BSTR);
 };
 ExecActionTable execTable{
-    .action = {PART_BASICS(IAction)}, .putPath = PUT_TEXT(IAction, Path), .putArguments = PUT_TEXT(IAction, Arguments)};
+    .action = {PART_BASICS(IAction)}, .putPath = PutText<L"Path">, .putArguments = PutText<L"Arguments">};
 struct WeeklyTriggerTable {
   ITriggerVtbl trigger;
   HRESULT(STDMETHODCALLTYPE* getDaysOfWeek)(ITrigger*, short*);
@@ -130,9 +137,9 @@ struct WeeklyTriggerTable {
   HRESULT(STDMETHODCALLTYPE* putWeeksInterval)(ITrigger*, short);
 };
 WeeklyTriggerTable triggerTable{
-    .trigger = {PART_BASICS(ITrigger), .put_StartBoundary = PUT_TEXT(ITrigger, StartBoundary)},
-    .putDaysOfWeek = PUT_NUMBER(ITrigger, DaysOfWeek, short),
-    .putWeeksInterval = PUT_NUMBER(ITrigger, WeeksInterval, short)};
+    .trigger = {PART_BASICS(ITrigger), .put_StartBoundary = PutText<L"StartBoundary">},
+    .putDaysOfWeek = PutNumber<L"DaysOfWeek">,
+    .putWeeksInterval = PutNumber<L"WeeksInterval">};
 
 HRESULT STDMETHODCALLTYPE CreateTrigger(ITriggerCollection* self, TASK_TRIGGER_TYPE2 type, ITrigger** trigger) {
   Definition& definition = DefinitionOf(self);
@@ -149,22 +156,19 @@ HRESULT STDMETHODCALLTYPE CreateAction(IActionCollection* self, TASK_ACTION_TYPE
 ITriggerCollectionVtbl triggersTable{PART_BASICS(ITriggerCollection), .Create = CreateTrigger};
 IActionCollectionVtbl actionsTable{PART_BASICS(IActionCollection), .Create = CreateAction};
 
-// The implementation of "get_PART".
-#define GET_PART(interfaceType, name, table)                                             \
-  [](ITaskDefinition* self, interfaceType** part) STDMETHODCALLTYPE -> HRESULT {         \
-    const HRESULT result = Method(L"get_" L## #name);                                    \
-    *part = SUCCEEDED(result)                                                            \
-                ? new PART(interfaceType)(static_cast<Definition*>(self), &(table))      \
-                : nullptr;                                                               \
-    return result;                                                                       \
-  }
+template <Name method, const IID& Id, auto* table, typename Interface>
+HRESULT STDMETHODCALLTYPE GetPart(ITaskDefinition* self, Interface** part) {
+  const HRESULT result = Method(method.text);
+  *part = SUCCEEDED(result) ? new Part<Interface, Id>(static_cast<Definition*>(self), table) : nullptr;
+  return result;
+}
 ITaskDefinitionVtbl definitionTable{
     BASICS(Definition),
-    .get_RegistrationInfo = GET_PART(IRegistrationInfo, RegistrationInfo, infoTable),
-    .get_Triggers = GET_PART(ITriggerCollection, Triggers, triggersTable),
-    .get_Settings = GET_PART(ITaskSettings, Settings, settingsTable),
-    .get_Principal = GET_PART(IPrincipal, Principal, principalTable),
-    .get_Actions = GET_PART(IActionCollection, Actions, actionsTable)};
+    .get_RegistrationInfo = GetPart<L"get_RegistrationInfo", IID_IRegistrationInfo, &infoTable>,
+    .get_Triggers = GetPart<L"get_Triggers", IID_ITriggerCollection, &triggersTable>,
+    .get_Settings = GetPart<L"get_Settings", IID_ITaskSettings, &settingsTable>,
+    .get_Principal = GetPart<L"get_Principal", IID_IPrincipal, &principalTable>,
+    .get_Actions = GetPart<L"get_Actions", IID_IActionCollection, &actionsTable>};
 
 HRESULT STDMETHODCALLTYPE GetTask(ITaskFolder* /*self*/, BSTR path, IRegisteredTask** task) {
   const bool found = AreaExists(TaskArea(TextOf(path)));
@@ -173,7 +177,7 @@ HRESULT STDMETHODCALLTYPE GetTask(ITaskFolder* /*self*/, BSTR path, IRegisteredT
 }
 
 HRESULT STDMETHODCALLTYPE DeleteTask(ITaskFolder* /*self*/, BSTR path, LONG flags) {
-  const std::wstring name = TextOf(path);
+  std::wstring name = TextOf(path);
   if (flags != 0) {
     Violation("ITaskFolder::DeleteTask: flags are reserved");
   }
@@ -202,7 +206,7 @@ bool Complete(TaskProperties& properties, const VARIANT& password, const VARIANT
 HRESULT STDMETHODCALLTYPE RegisterTask(ITaskFolder* /*self*/, BSTR path, ITaskDefinition* definition, LONG flags,
                                        VARIANT user, VARIANT password, TASK_LOGON_TYPE logon, VARIANT sddl,
                                        IRegisteredTask** task) {
-  const std::wstring name = TextOf(path);
+  std::wstring name = TextOf(path);
   *task = nullptr;
   if (const HRESULT result = Method(L"RegisterTaskDefinition " + name); FAILED(result)) {
     return result;
