@@ -1,7 +1,8 @@
 // COM for the simulated machine: classes that sim/ creates itself. Any other class is Windows' own.
 //
-// Objects are written in C style: the file defines CINTERFACE before its first include, and an interface's table is filled
-// by designated initialisers with the methods that the product calls. Any other method is a null slot and crashes loudly.
+// Objects are written in C style: the file defines CINTERFACE before its first include, and an interface's table is
+// filled by designated initialisers with the methods that the product calls. Any other method is a null slot and
+// crashes loudly.
 #pragma once
 
 #include "sim/seam.h"
@@ -21,16 +22,16 @@ struct ComClass {
   HRESULT (*create)(REFIID interfaceId, void** object);
 };
 
-// For static objects: const bool registered = RegisterComClass({&CLSID_X, CreateX}); the file must also define something
-// that others use, or the linker leaves it out. Always true.
+// For static objects: const bool registered = RegisterComClass({&CLSID_X, CreateX}); the file must also define
+// something that others use, or the linker leaves it out. Always true.
 bool RegisterComClass(const ComClass& comClass);
 
 // Simulated objects that were created and not released to the end, in this process.
 long LiveComObjects();
 void CountComObject(long difference);
 
-// The counting and asking part of an object of type `Derived` (which tells by `static bool Has(REFIID)` what it is), with
-// one reference that the creator owns.
+// The counting and asking part of an object of type `Derived` (which tells by `static bool Has(REFIID)` what it is),
+// with one reference that the creator owns.
 template <typename Derived, typename Interface>
 struct ComObject : Interface {
   explicit ComObject(decltype(Interface::lpVtbl) table) {

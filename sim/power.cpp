@@ -29,7 +29,9 @@ std::wstring SchemeArea(const std::wstring& scheme) {
 }
 
 // Of the six indexes in their order.
-std::wstring ValueName(std::size_t place) { return kSettings[place / 2].id + std::wstring(place % 2 == 0 ? L" AC" : L" DC"); }
+std::wstring ValueName(std::size_t place) {
+  return kSettings[place / 2].id + std::wstring(place % 2 == 0 ? L" AC" : L" DC");
+}
 
 void MakeSchemes() {
   if (!ReadText(kArea, L"ActiveScheme")) {
@@ -158,20 +160,24 @@ SIM(DWORD, PowerSetActiveScheme, HKEY root, const GUID* scheme) {
       });
 }
 
-SIM(DWORD, PowerReadACValueIndex, HKEY root, const GUID* scheme, const GUID* subgroup, const GUID* setting, LPDWORD index) {
+SIM(DWORD, PowerReadACValueIndex, HKEY root, const GUID* scheme, const GUID* subgroup, const GUID* setting,
+    LPDWORD index) {
   return ReadIndex(scheme, Identify("PowerReadACValueIndex", root, subgroup, setting, true), index);
 }
 
-SIM(DWORD, PowerReadDCValueIndex, HKEY root, const GUID* scheme, const GUID* subgroup, const GUID* setting, LPDWORD index) {
+SIM(DWORD, PowerReadDCValueIndex, HKEY root, const GUID* scheme, const GUID* subgroup, const GUID* setting,
+    LPDWORD index) {
   return ReadIndex(scheme, Identify("PowerReadDCValueIndex", root, subgroup, setting, false), index);
 }
 
-SIM(DWORD, PowerWriteACValueIndex, HKEY root, const GUID* scheme, const GUID* subgroup, const GUID* setting, DWORD index) {
+SIM(DWORD, PowerWriteACValueIndex, HKEY root, const GUID* scheme, const GUID* subgroup, const GUID* setting,
+    DWORD index) {
   const char* const name = "PowerWriteACValueIndex";
   return WriteIndex(name, scheme, Identify(name, root, subgroup, setting, true), index);
 }
 
-SIM(DWORD, PowerWriteDCValueIndex, HKEY root, const GUID* scheme, const GUID* subgroup, const GUID* setting, DWORD index) {
+SIM(DWORD, PowerWriteDCValueIndex, HKEY root, const GUID* scheme, const GUID* subgroup, const GUID* setting,
+    DWORD index) {
   const char* const name = "PowerWriteDCValueIndex";
   return WriteIndex(name, scheme, Identify(name, root, subgroup, setting, false), index);
 }
@@ -179,8 +185,7 @@ SIM(DWORD, PowerWriteDCValueIndex, HKEY root, const GUID* scheme, const GUID* su
 SIM(BOOLEAN, GetPwrCapabilities, PSYSTEM_POWER_CAPABILITIES capabilities) {
   *capabilities = {};
   reinterpret_cast<BYTE*>(capabilities)[20] = static_cast<BYTE>(ReadNumber(kArea, L"AlwaysConnected").value_or(0));
-  capabilities->RtcWake =
-      static_cast<SYSTEM_POWER_STATE>(ReadNumber(kArea, L"RtcWake").value_or(PowerSystemSleeping3));
+  capabilities->RtcWake = static_cast<SYSTEM_POWER_STATE>(ReadNumber(kArea, L"RtcWake").value_or(PowerSystemSleeping3));
   return ReadNumber(kArea, L"CapabilitiesUnknown").value_or(0) == 0;
 }
 

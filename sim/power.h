@@ -1,7 +1,8 @@
 // Power schemes and sleep of the simulated machine (area "Power"). It begins with two schemes, the first one active.
 //
-// Numbers in the area that a test may write: "ReadError" (of every read of an index), "SuspendError", "RtcWake" (default:
-// PowerSystemSleeping3), "AlwaysConnected", "CapabilitiesUnknown"; and read: "Suspends" (a count), "ExecutionState" (flags).
+// Numbers in the area that a test may write: "ReadError" (of every read of an index), "SuspendError", "RtcWake"
+// (default: PowerSystemSleeping3), "AlwaysConnected", "CapabilitiesUnknown"; and read: "Suspends" (a count),
+// "ExecutionState" (flags).
 #pragma once
 
 #include "win32/winapi.h"

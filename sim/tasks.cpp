@@ -42,9 +42,13 @@ struct Definition final : ComObject<Definition, ITaskDefinition> {
   static bool Has(REFIID id) { return IsEqualIID(id, IID_ITaskDefinition); }
 
   // As Windows makes a new one.
-  TaskProperties properties{{L"Enabled", L"1"}, {L"StartWhenAvailable", L"0"}, {L"DisallowStartIfOnBatteries", L"1"},
-                            {L"StopIfGoingOnBatteries", L"1"}, {L"ExecutionTimeLimit", L"PT72H"},
-                            {L"MultipleInstances", L"2"}, {L"WakeToRun", L"0"}};
+  TaskProperties properties{{L"Enabled", L"1"},
+                            {L"StartWhenAvailable", L"0"},
+                            {L"DisallowStartIfOnBatteries", L"1"},
+                            {L"StopIfGoingOnBatteries", L"1"},
+                            {L"ExecutionTimeLimit", L"PT72H"},
+                            {L"MultipleInstances", L"2"},
+                            {L"WakeToRun", L"0"}};
 };
 
 // A part of a definition: puts properties into it and keeps it alive.
@@ -99,26 +103,22 @@ HRESULT STDMETHODCALLTYPE PutNumber(Interface* self, Number value) {
 using Action = Part<IAction, IID_IAction>;
 using Trigger = Part<ITrigger, IID_ITrigger>;
 #define PART(interfaceType) Part<interfaceType, IID_##interfaceType>
-#define PART_BASICS(interfaceType)                                                                              \
-  .QueryInterface = PART(interfaceType)::Query, .AddRef = PART(interfaceType)::AddReference,                    \
+#define PART_BASICS(interfaceType)                                                           \
+  .QueryInterface = PART(interfaceType)::Query, .AddRef = PART(interfaceType)::AddReference, \
   .Release = PART(interfaceType)::Drop
 
-IRegistrationInfoVtbl infoTable{PART_BASICS(IRegistrationInfo),
-                                .put_Description = PutText<L"Description">,
+IRegistrationInfoVtbl infoTable{PART_BASICS(IRegistrationInfo), .put_Description = PutText<L"Description">,
                                 .put_Author = PutText<L"Author">};
-IPrincipalVtbl principalTable{PART_BASICS(IPrincipal),
-                              .put_UserId = PutText<L"UserId">,
-                              .put_LogonType = PutNumber<L"LogonType">,
-                              .put_RunLevel = PutNumber<L"RunLevel">};
-ITaskSettingsVtbl settingsTable{
-    PART_BASICS(ITaskSettings),
-    .put_MultipleInstances = PutNumber<L"MultipleInstances">,
-    .put_StopIfGoingOnBatteries = PutNumber<L"StopIfGoingOnBatteries">,
-    .put_DisallowStartIfOnBatteries = PutNumber<L"DisallowStartIfOnBatteries">,
-    .put_StartWhenAvailable = PutNumber<L"StartWhenAvailable">,
-    .put_ExecutionTimeLimit = PutText<L"ExecutionTimeLimit">,
-    .put_Enabled = PutNumber<L"Enabled">,
-    .put_WakeToRun = PutNumber<L"WakeToRun">};
+IPrincipalVtbl principalTable{PART_BASICS(IPrincipal), .put_UserId = PutText<L"UserId">,
+                              .put_LogonType = PutNumber<L"LogonType">, .put_RunLevel = PutNumber<L"RunLevel">};
+ITaskSettingsVtbl settingsTable{PART_BASICS(ITaskSettings),
+                                .put_MultipleInstances = PutNumber<L"MultipleInstances">,
+                                .put_StopIfGoingOnBatteries = PutNumber<L"StopIfGoingOnBatteries">,
+                                .put_DisallowStartIfOnBatteries = PutNumber<L"DisallowStartIfOnBatteries">,
+                                .put_StartWhenAvailable = PutNumber<L"StartWhenAvailable">,
+                                .put_ExecutionTimeLimit = PutText<L"ExecutionTimeLimit">,
+                                .put_Enabled = PutNumber<L"Enabled">,
+                                .put_WakeToRun = PutNumber<L"WakeToRun">};
 // IExecAction and IWeeklyTrigger as the documentation lists them: what every action and trigger has, then their own.
 struct ExecActionTable {
   IActionVtbl action;
@@ -136,10 +136,9 @@ struct WeeklyTriggerTable {
   HRESULT(STDMETHODCALLTYPE* getWeeksInterval)(ITrigger*, short*);
   HRESULT(STDMETHODCALLTYPE* putWeeksInterval)(ITrigger*, short);
 };
-WeeklyTriggerTable triggerTable{
-    .trigger = {PART_BASICS(ITrigger), .put_StartBoundary = PutText<L"StartBoundary">},
-    .putDaysOfWeek = PutNumber<L"DaysOfWeek">,
-    .putWeeksInterval = PutNumber<L"WeeksInterval">};
+WeeklyTriggerTable triggerTable{.trigger = {PART_BASICS(ITrigger), .put_StartBoundary = PutText<L"StartBoundary">},
+                                .putDaysOfWeek = PutNumber<L"DaysOfWeek">,
+                                .putWeeksInterval = PutNumber<L"WeeksInterval">};
 
 HRESULT STDMETHODCALLTYPE CreateTrigger(ITriggerCollection* self, TASK_TRIGGER_TYPE2 type, ITrigger** trigger) {
   Definition& definition = DefinitionOf(self);
@@ -187,10 +186,12 @@ HRESULT STDMETHODCALLTYPE DeleteTask(ITaskFolder* /*self*/, BSTR path, LONG flag
   if (!AreaExists(TaskArea(name))) {
     return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
   }
-  const DWORD error = Change<DWORD>("DeleteTask", [&] { return name; }, [&]() -> DWORD {
-    DeleteRegisteredTask(name);
-    return ERROR_SUCCESS;
-  });
+  const DWORD error = Change<DWORD>(
+      "DeleteTask", [&] { return name; },
+      [&]() -> DWORD {
+        DeleteRegisteredTask(name);
+        return ERROR_SUCCESS;
+      });
   return HRESULT_FROM_WIN32(error);
 }
 
@@ -200,7 +201,8 @@ bool Complete(TaskProperties& properties, const VARIANT& password, const VARIANT
   const std::wstring start = properties[L"StartBoundary"];
   return properties[L"Action"] == L"0" && properties[L"Trigger"] == L"3" && !properties[L"Path"].empty() &&
          swscanf(start.c_str(), L"2020-01-01T%2d:%2d:00%n", &hour, &minute, &used) == 2 && used == 19 && hour < 24 &&
-         minute < 60 && std::stoi(L"0" + properties[L"DaysOfWeek"]) > 0 && password.vt == VT_EMPTY && sddl.vt == VT_EMPTY;
+         minute < 60 && std::stoi(L"0" + properties[L"DaysOfWeek"]) > 0 && password.vt == VT_EMPTY &&
+         sddl.vt == VT_EMPTY;
 }
 
 HRESULT STDMETHODCALLTYPE RegisterTask(ITaskFolder* /*self*/, BSTR path, ITaskDefinition* definition, LONG flags,
@@ -219,20 +221,22 @@ HRESULT STDMETHODCALLTYPE RegisterTask(ITaskFolder* /*self*/, BSTR path, ITaskDe
   properties[L"Flags"] = std::to_wstring(flags);
   properties[L"User"] = user.vt == VT_BSTR ? TextOf(user.bstrVal) : L"";
   properties[L"Logon"] = std::to_wstring(logon);
-  const DWORD error = Change<DWORD>("RegisterTaskDefinition", [&] { return name; }, [&]() -> DWORD {
-    ForgetArea(TaskArea(name));
-    for (const auto& [property, value] : properties) {
-      WriteText(TaskArea(name), property, value);
-    }
-    return ERROR_SUCCESS;
-  });
+  const DWORD error = Change<DWORD>(
+      "RegisterTaskDefinition", [&] { return name; },
+      [&]() -> DWORD {
+        ForgetArea(TaskArea(name));
+        for (const auto& [property, value] : properties) {
+          WriteText(TaskArea(name), property, value);
+        }
+        return ERROR_SUCCESS;
+      });
   *task = error == ERROR_SUCCESS ? new Task(&taskTable) : nullptr;
   return HRESULT_FROM_WIN32(error);
 }
 
 using Folder = Object<ITaskFolder, IID_ITaskFolder>;
-ITaskFolderVtbl folderTable{
-    BASICS(Folder), .GetTask = GetTask, .DeleteTask = DeleteTask, .RegisterTaskDefinition = RegisterTask};
+ITaskFolderVtbl folderTable{BASICS(Folder), .GetTask = GetTask, .DeleteTask = DeleteTask,
+                            .RegisterTaskDefinition = RegisterTask};
 
 struct Service final : ComObject<Service, ITaskService> {
   using ComObject<Service, ITaskService>::ComObject;

@@ -35,10 +35,11 @@ constexpr wchar_t kWakeName[] = L"Norvane Kiosk Wake";
 constexpr char kScheme[] = "{381B4222-F694-41F0-9685-FF5BB260DF2E}";
 const Indexes kOwn{600, 300, 1800, 900, 2, 0};  // what the computer begins with
 
-std::string Policy(int screenOff, int sleep, const std::string& schedule = "false", const std::string& sleepAt = "22:00",
-                   const std::string& days = "[1,2,3,4,5]") {
+std::string Policy(int screenOff, int sleep, const std::string& schedule = "false",
+                   const std::string& sleepAt = "22:00", const std::string& days = "[1,2,3,4,5]") {
   return "{\"screenOffMinutes\":" + std::to_string(screenOff) + ",\"sleepMinutes\":" + std::to_string(sleep) +
-         ",\"schedule\":{\"enabled\":" + schedule + ",\"sleepAt\":\"" + sleepAt + R"(","wakeAt":"07:00","days":)" + days + "}}";
+         ",\"schedule\":{\"enabled\":" + schedule + ",\"sleepAt\":\"" + sleepAt + R"(","wakeAt":"07:00","days":)" +
+         days + "}}";
 }
 
 json::Value Json(const std::string& text) { return json::Parse(text).value_or(json::Value()); }
@@ -91,12 +92,14 @@ class PowerTest : public test::CleanMachine {
 TEST_F(PowerTest, ThePortalsPolicyIsKeptAsCanonicalText) {
   const std::string line = "INFO power: the portal's policy is now " + Policy(15, 0);
   Receive(Policy(15, 0));
-  Receive(R"({"schedule":{"days":[5,4,3,2,1],"wakeAt":"07:00","sleepAt":"22:00","enabled":false,"x":1},"sleepMinutes":0,)"
-          R"("screenOffMinutes":15})");
+  Receive(
+      R"({"schedule":{"days":[5,4,3,2,1],"wakeAt":"07:00","sleepAt":"22:00","enabled":false,"x":1},"sleepMinutes":0,)"
+      R"("screenOffMinutes":15})");
   EXPECT_EQ(State(state::kPowerPolicy), Policy(15, 0));
   EXPECT_EQ(State(state::kPowerSource), "tenant");
   EXPECT_EQ(CountLogged(line), 1);
-  for (const char* ignored : {R"({"powerSource":"device"})", R"({"power":null,"powerSource":"device"})", R"({"power":{}})", "[]"}) {
+  for (const char* ignored :
+       {R"({"powerSource":"device"})", R"({"power":null,"powerSource":"device"})", R"({"power":{}})", "[]"}) {
     const sim::FaultPass pass;
     ApplyPortalPowerPolicy(Json(ignored));
     EXPECT_EQ(pass.Count(), 0) << ignored;
@@ -115,13 +118,14 @@ TEST_F(PowerTest, SchemeIsSavedOnceAndWrittenWhereItDiffers) {
   EXPECT_TRUE(Apply().empty());  // never got a policy
   Receive(Policy(10, 30));
   sim::SetSchemeIndexes(sim::kBalanced, {600, 600, 1800, 1800, 2, 0});
-  EXPECT_TRUE(Apply().empty());  // one that the computer has by itself
+  EXPECT_TRUE(Apply().empty());            // one that the computer has by itself
   EXPECT_EQ(test::LogTexts().size(), 1U);  // that the portal sent it
   sim::SetSchemeIndexes(sim::kBalanced, kOwn);
   Receive(Policy(15, 0));
   const std::vector<std::string> calls = Apply();
-  EXPECT_EQ(calls, (std::vector<std::string>{"RegSetValueExW", "RegFlushKey", "PowerWriteACValueIndex", "PowerWriteDCValueIndex",
-                                             "PowerWriteACValueIndex", "PowerWriteDCValueIndex", "PowerSetActiveScheme"}));
+  EXPECT_EQ(calls, (std::vector<std::string>{"RegSetValueExW", "RegFlushKey", "PowerWriteACValueIndex",
+                                             "PowerWriteDCValueIndex", "PowerWriteACValueIndex",
+                                             "PowerWriteDCValueIndex", "PowerSetActiveScheme"}));
   EXPECT_EQ(sim::SchemeIndexes({}), (Indexes{900, 900, 0, 0, 2, 0}));
   const std::string prior = std::string("{\"scheme\":\"") + kScheme + R"(","values":[600,300,1800,900,2,0]})";
   EXPECT_EQ(State(state::kPriorPower), prior);
@@ -149,7 +153,8 @@ TEST_F(PowerTest, WhatCannotBeSavedIsNotChanged) {
   EXPECT_EQ(State(state::kPowerError), "wake_unavailable");
   sim::WriteNumber(L"Power", L"ReadError", 0);
   Apply();
-  EXPECT_EQ(State(state::kPriorPower), std::string("{\"scheme\":\"") + kScheme + R"(","values":[600,300,null,900,null,null]})");
+  EXPECT_EQ(State(state::kPriorPower),
+            std::string("{\"scheme\":\"") + kScheme + R"(","values":[600,300,null,900,null,null]})");
   EXPECT_EQ(sim::SchemeIndexes({}), (Indexes{900, 900, 0, 0, 1, 1}));
   EXPECT_EQ(State(state::kPowerError), "");
   sim::MakeSchemeActive({});
@@ -161,16 +166,30 @@ TEST_F(PowerTest, TasksAreRegisteredExactlyAndOnce) {
   Receive(Policy(15, 0, "true"));
   EXPECT_EQ(CountOf(Apply(), "RegisterTaskDefinition"), 2);
   const std::wstring path = OwnExecutablePath();
-  const auto expected = [&path](const wchar_t* description, const wchar_t* time, const wchar_t* arguments, const wchar_t* wakes) {
-    return sim::TaskProperties{
-        {L"Author", L"Norvane"},      {L"Description", description}, {L"UserId", L"S-1-5-18"},
-        {L"LogonType", L"5"},         {L"RunLevel", L"1"},           {L"Enabled", L"1"},
-        {L"StartWhenAvailable", L"0"}, {L"DisallowStartIfOnBatteries", L"0"}, {L"StopIfGoingOnBatteries", L"0"},
-        {L"ExecutionTimeLimit", L"PT5M"}, {L"MultipleInstances", L"2"}, {L"WakeToRun", wakes},
-        {L"Trigger", L"3"},           {L"StartBoundary", L"2020-01-01T" + std::wstring(time) + L":00"},
-        {L"DaysOfWeek", L"62"},       {L"WeeksInterval", L"1"},      {L"Action", L"0"},
-        {L"Path", L"\"" + path + L"\""}, {L"Arguments", arguments},  {L"Flags", L"6"},
-        {L"User", L"S-1-5-18"},       {L"Logon", L"5"}};
+  const auto expected = [&path](const wchar_t* description, const wchar_t* time, const wchar_t* arguments,
+                                const wchar_t* wakes) {
+    return sim::TaskProperties{{L"Author", L"Norvane"},
+                               {L"Description", description},
+                               {L"UserId", L"S-1-5-18"},
+                               {L"LogonType", L"5"},
+                               {L"RunLevel", L"1"},
+                               {L"Enabled", L"1"},
+                               {L"StartWhenAvailable", L"0"},
+                               {L"DisallowStartIfOnBatteries", L"0"},
+                               {L"StopIfGoingOnBatteries", L"0"},
+                               {L"ExecutionTimeLimit", L"PT5M"},
+                               {L"MultipleInstances", L"2"},
+                               {L"WakeToRun", wakes},
+                               {L"Trigger", L"3"},
+                               {L"StartBoundary", L"2020-01-01T" + std::wstring(time) + L":00"},
+                               {L"DaysOfWeek", L"62"},
+                               {L"WeeksInterval", L"1"},
+                               {L"Action", L"0"},
+                               {L"Path", L"\"" + path + L"\""},
+                               {L"Arguments", arguments},
+                               {L"Flags", L"6"},
+                               {L"User", L"S-1-5-18"},
+                               {L"Logon", L"5"}};
   };
   EXPECT_EQ(sim::RegisteredTask(kSleepName),
             expected(L"Puts this kiosk terminal to sleep on its power schedule.", L"22:00", L"--sleep-now", L"0"));
@@ -266,7 +285,8 @@ TEST_F(PowerTest, ComputersThatCannotWakeSaySo) {
     NewTexts();
     Apply();
     EXPECT_EQ(State(state::kPowerError), each.error);
-    EXPECT_EQ(CountOf(NewTexts(), "WARN power: this computer reports no wake timer support"), *each.error != '\0' ? 1 : 0);
+    EXPECT_EQ(CountOf(NewTexts(), "WARN power: this computer reports no wake timer support"),
+              *each.error != '\0' ? 1 : 0);
     EXPECT_FALSE(sim::RegisteredTask(kSleepName).empty() || sim::RegisteredTask(kWakeName).empty());
     EXPECT_TRUE(Apply().empty());
   }
@@ -299,7 +319,8 @@ TEST_F(PowerTest, RestoreTakesWhatTheCopiesHold) {
       prior.replace(at, 1, kScheme);
     }
     SetUp();
-    for (const wchar_t* name : {L"PowerPolicy", L"PowerSource", L"PowerLocal", L"PowerError", L"PowerScheduleApplied"}) {
+    for (const wchar_t* name :
+         {L"PowerPolicy", L"PowerSource", L"PowerLocal", L"PowerError", L"PowerScheduleApplied"}) {
       SetString(state::kStateKey, name, L"x");
     }
     SetString(state::kStateKey, L"PriorPower", win32::ToWide(prior));
@@ -337,8 +358,9 @@ TEST_F(PowerTest, TeardownGivesBackTheSchemeOfTheFirstChange) {
 
 TEST_F(PowerTest, OverrideAtTheTerminal) {
   const std::string defaults = Policy(15, 0);
-  EXPECT_EQ(json::Serialise(HandlePowerGet()), R"({"ok":true,"policy":)" + defaults + R"(,"source":"default","local":null,"effective":)" +
-                                                   defaults + R"(,"error":null})");
+  EXPECT_EQ(json::Serialise(HandlePowerGet()), R"({"ok":true,"policy":)" + defaults +
+                                                   R"(,"source":"default","local":null,"effective":)" + defaults +
+                                                   R"(,"error":null})");
   const std::string portal = Policy(20, 30, "false", "20:15", "[2]");
   Receive(portal, "device");
   const std::string local = Policy(240, 0, "false", "20:15", "[2]");
@@ -382,7 +404,8 @@ TEST_F(PowerTest, OverrideAtTheTerminal) {
   }
   sim::FailTaskMethod(L"Connect");
   EXPECT_NE(Set(R"({"screenOffMinutes":5,"sleepMinutes":6,"schedule":)"
-                R"({"enabled":true,"sleepAt":"01:00","wakeAt":"02:00","days":[0]}})").find(R"("error":"wake_unavailable")"),
+                R"({"enabled":true,"sleepAt":"01:00","wakeAt":"02:00","days":[0]}})")
+                .find(R"("error":"wake_unavailable")"),
             std::string::npos);
   for (int twice = 0; twice < 2; ++twice) {
     EXPECT_NE(Set(R"({"useOrganisation":true})").find(R"("local":null)"), std::string::npos);
@@ -450,7 +473,8 @@ TEST_F(PowerCheckIn, CommandsWantUnlockedSettings) {
   const text::Secret unlock = account::NewUnlockToken(test::kKioskSession);
   json::PostReplyAction after = nullptr;
   const auto ask = [&](const pipe::CallerRecord& caller, const std::string& command, const std::string& token) {
-    const json::Value reply = pipe::Dispatch({nullptr, caller}, "{\"cmd\":\"" + command + "\",\"unlockToken\":\"" + token + "\"}", after);
+    const json::Value reply =
+        pipe::Dispatch({nullptr, caller}, "{\"cmd\":\"" + command + "\",\"unlockToken\":\"" + token + "\"}", after);
     return json::Member(reply, "ok").boolean() ? std::string("ok") : json::Member(reply, "error").text();
   };
   pipe::CallerRecord other = kiosk;
@@ -497,16 +521,17 @@ void EndKioskMode(bool oneMayDiffer) {
 }
 
 TEST(PowerFaults, Apply) {
-  sim::RunFaultScenario({.name = L"apply power", .prepare = PrepareFault, .run = ApplyEffectivePowerPolicy, .later = [] {
-                           Apply();
-                           EXPECT_EQ(sim::SchemeIndexes({}), (Indexes{900, 900, 0, 0, 1, 1}));
-                           EXPECT_EQ(State(state::kPowerError), "");
-                           EXPECT_NE(State(state::kPowerScheduleApplied), "");
-                           EXPECT_NE(State(state::kPriorPower).find("[600,300,1800,900,2,0]"), std::string::npos);
-                           EXPECT_FALSE(sim::RegisteredTask(kSleepName).empty() || sim::RegisteredTask(kWakeName).empty());
-                           EXPECT_TRUE(Apply().empty());
-                           EndKioskMode(false);
-                         }});
+  sim::RunFaultScenario(
+      {.name = L"apply power", .prepare = PrepareFault, .run = ApplyEffectivePowerPolicy, .later = [] {
+         Apply();
+         EXPECT_EQ(sim::SchemeIndexes({}), (Indexes{900, 900, 0, 0, 1, 1}));
+         EXPECT_EQ(State(state::kPowerError), "");
+         EXPECT_NE(State(state::kPowerScheduleApplied), "");
+         EXPECT_NE(State(state::kPriorPower).find("[600,300,1800,900,2,0]"), std::string::npos);
+         EXPECT_FALSE(sim::RegisteredTask(kSleepName).empty() || sim::RegisteredTask(kWakeName).empty());
+         EXPECT_TRUE(Apply().empty());
+         EndKioskMode(false);
+       }});
 }
 
 TEST(PowerFaults, Restore) {

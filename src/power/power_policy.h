@@ -1,5 +1,5 @@
-// The power policy: when the display goes off and the computer sleeps, and at which times of the week it is put to sleep
-// and woken. No Windows header.
+// The power policy: when the display goes off and the computer sleeps, and at which times of the week it is put to
+// sleep and woken. No Windows header.
 #pragma once
 
 #include "json/value.h"

@@ -17,8 +17,8 @@ namespace {
 
 win32::Lock powerLock{win32::LockRank::kPower};
 
-// Values were written and the scheme is not yet made active again: that failed, or, for all that is known when a process
-// begins, an earlier one ended in between. Guarded by powerLock.
+// Values were written and the scheme is not yet made active again: that failed, or, for all that is known when a
+// process begins, an earlier one ended in between. Guarded by powerLock.
 bool activationOwed = true;
 
 constexpr DWORD kSecondsPerMinute = 60;
@@ -81,9 +81,8 @@ void RestorePowerSettings() {
   RemovePowerTasks();
   RestorePriorPower();
   // The copies go last: until then a restore that was cut short is done again from them.
-  for (const state::StateValue* value :
-       {&state::kPowerPolicy, &state::kPowerSource, &state::kPowerLocal, &state::kPowerError,
-        &state::kPowerScheduleApplied, &state::kPriorPower}) {
+  for (const state::StateValue* value : {&state::kPowerPolicy, &state::kPowerSource, &state::kPowerLocal,
+                                         &state::kPowerError, &state::kPowerScheduleApplied, &state::kPriorPower}) {
     state::DeleteStateValue(*value);
   }
 }

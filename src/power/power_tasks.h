@@ -8,9 +8,10 @@
 
 namespace kiosk::power {
 
-// Registers both tasks, and lets the scheme's wake timers run, for a schedule that is enabled; removes the tasks for one that
-// is not. Does nothing when all is as it should be. `changed` is set when a value of the scheme was written. Returns empty, or
-// "wake_unavailable" when the terminal would not be woken. The caller holds the power lock and is in a COM apartment.
+// Registers both tasks, and lets the scheme's wake timers run, for a schedule that is enabled; removes the tasks for
+// one that is not. Does nothing when all is as it should be. `changed` is set when a value of the scheme was written.
+// Returns empty, or "wake_unavailable" when the terminal would not be woken. The caller holds the power lock and is in
+// a COM apartment.
 std::string ApplyPowerSchedule(const GUID& scheme, const PowerSchedule& schedule, bool& changed);
 
 // Removes both tasks, whatever the schedule. The caller's obligations are the same.

@@ -20,8 +20,8 @@
 namespace kiosk::power {
 namespace {
 
-// Windows' names: GUID_VIDEO_SUBGROUP, GUID_VIDEO_POWERDOWN_TIMEOUT, GUID_SLEEP_SUBGROUP, GUID_STANDBY_TIMEOUT. The last,
-// "allow wake timers", has no name in the headers.
+// Windows' names: GUID_VIDEO_SUBGROUP, GUID_VIDEO_POWERDOWN_TIMEOUT, GUID_SLEEP_SUBGROUP, GUID_STANDBY_TIMEOUT. The
+// last, "allow wake timers", has no name in the headers.
 constexpr GUID kVideo{0x7516B95F, 0xF776, 0x4464, {0x8C, 0x53, 0x06, 0x16, 0x7F, 0x40, 0xCC, 0x99}};
 constexpr GUID kVideoOff{0x3C0BC021, 0xC8A8, 0x4E07, {0xA9, 0x73, 0x6B, 0x14, 0xCB, 0xCB, 0x2B, 0x7E}};
 constexpr GUID kSleep{0x238C9FA8, 0x0AAD, 0x41ED, {0x83, 0xF4, 0x97, 0xBE, 0x24, 0x2C, 0x8F, 0x20}};
@@ -70,8 +70,8 @@ std::string GuidText(const GUID& guid) {
   return StringFromGUID2(guid, text, static_cast<int>(std::size(text))) > 0 ? win32::ToNarrow(text) : std::string();
 }
 
-// Mains before battery for each setting in turn. A setting that the scheme lacks is null; one that is there and cannot be
-// read is an error, since it could never be given back.
+// Mains before battery for each setting in turn. A setting that the scheme lacks is null; one that is there and cannot
+// be read is an error, since it could never be given back.
 DWORD ReadAll(const GUID& scheme, json::Value& values) {
   for (const PowerSettingDescriptor& descriptor : kSettings) {
     for (const Supply& supply : kSupplies) {
@@ -175,8 +175,7 @@ bool SetPowerValue(const GUID& scheme, SchemeSetting setting, DWORD value, bool&
 }
 
 void RestorePriorPower() {
-  const std::optional<json::Value> prior =
-      json::Parse(win32::ToNarrow(state::ReadStateString(state::kPriorPower)));
+  const std::optional<json::Value> prior = json::Parse(win32::ToNarrow(state::ReadStateString(state::kPriorPower)));
   const std::wstring text = prior ? win32::ToWide(json::Member(*prior, "scheme").text()) : std::wstring();
   GUID scheme{};
   if (text.empty() || FAILED(CLSIDFromString(text.c_str(), &scheme))) {

@@ -9,7 +9,8 @@
 namespace kiosk::power {
 namespace {
 
-// Another program makes this event and sets it for as long as a session is streamed; without that program there is none.
+// Another program makes this event and sets it for as long as a session is streamed; without that program there is
+// none.
 constexpr wchar_t kStreamSession[] = L"Global\\NorvaneStreamSessionActive";
 
 bool StreamSessionIsLive() {

@@ -7,7 +7,8 @@ namespace kiosk::power {
 // refused. Logs as the service does.
 int SleepNow();
 
-// "--wake-now": by the time this runs the timer has woken the computer; turns the display on. Always 0, and logs nothing.
+// "--wake-now": by the time this runs the timer has woken the computer; turns the display on. Always 0, and logs
+// nothing.
 int WakeNow();
 
 }  // namespace kiosk::power

@@ -157,10 +157,11 @@ class Registration {
     account.vt = VT_BSTR;
     account.bstrVal = user.Get();  // stays the owner's
     ComPtr<IRegisteredTask> registered;
-    const HRESULT result = name && user ? scheduler_.folder->RegisterTaskDefinition(
-                                              name.Get(), definition_.Get(), TASK_CREATE_OR_UPDATE, account,
-                                              EmptyVariant(), TASK_LOGON_SERVICE_ACCOUNT, EmptyVariant(), registered.Put())
-                                        : E_OUTOFMEMORY;
+    const HRESULT result =
+        name && user ? scheduler_.folder->RegisterTaskDefinition(name.Get(), definition_.Get(), TASK_CREATE_OR_UPDATE,
+                                                                 account, EmptyVariant(), TASK_LOGON_SERVICE_ACCOUNT,
+                                                                 EmptyVariant(), registered.Put())
+                     : E_OUTOFMEMORY;
     return SUCCEEDED(result) || Failed("cannot register \"", "\"", result);
   }
 

@@ -1,5 +1,5 @@
-// The weekly trigger of Task Scheduler 2.0 for headers that lack it. Documented as IWeeklyTrigger; where the Windows headers
-// have it, theirs is used.
+// The weekly trigger of Task Scheduler 2.0 for headers that lack it. Documented as IWeeklyTrigger; where the Windows
+// headers have it, theirs is used.
 #pragma once
 
 #include "win32/winapi.h"

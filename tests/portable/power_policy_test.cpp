@@ -40,8 +40,9 @@ std::string WithSchedule(const std::string& schedule) {
 }
 
 TEST(PowerPolicy, DefaultsAndCanonicalForm) {
-  constexpr char kDefaults[] = R"({"screenOffMinutes":15,"sleepMinutes":0,"schedule":{"enabled":false,"sleepAt":"22:00",)"
-                               R"("wakeAt":"07:00","days":[1,2,3,4,5]}})";
+  constexpr char kDefaults[] =
+      R"({"screenOffMinutes":15,"sleepMinutes":0,"schedule":{"enabled":false,"sleepAt":"22:00",)"
+      R"("wakeAt":"07:00","days":[1,2,3,4,5]}})";
   EXPECT_EQ(json::Serialise(PowerPolicyToJson({})), kDefaults);
   EXPECT_EQ(Canonical(kDefaults), kDefaults);
   EXPECT_EQ(Canonical(R"( {"x":[1],"schedule":{"days":[5,3,1,2,4.0],"wakeAt":"07:00","y":{},"sleepAt":"22:00",)"
@@ -70,11 +71,13 @@ TEST(PowerPolicy, ClockTimes) {
     EXPECT_EQ(ParseClockTime(*json::Parse(each.text)), each.minutes);
     EXPECT_EQ('"' + ClockTimeText(each.minutes) + '"', each.text);
   }
-  for (const char* bad : {"\"7:00\"", "\"24:00\"", "\"12:60\"", "\"12-30\"", "\"-1:30\"", "\" 1:30\"", "\"+1:30\"", "\"1a:30\"",
-                          "\"12:3/\"", "\"12:3:\"", "\"12:300\"", "\"\"", "\"12\\u000030\"", "\"１2:0\"", "1230", "null", "[\"12:30\"]"}) {
+  for (const char* bad : {"\"7:00\"", "\"24:00\"", "\"12:60\"", "\"12-30\"", "\"-1:30\"", "\" 1:30\"", "\"+1:30\"",
+                          "\"1a:30\"", "\"12:3/\"", "\"12:3:\"", "\"12:300\"", "\"\"", "\"12\\u000030\"", "\"１2:0\"",
+                          "1230", "null", "[\"12:30\"]"}) {
     EXPECT_FALSE(ParseClockTime(*json::Parse(bad))) << bad;
-    EXPECT_EQ(Canonical(WithSchedule(std::string(R"({"enabled":false,"sleepAt":"01:00","days":[],"wakeAt":)") + bad + "}")),
-              "refused");
+    EXPECT_EQ(
+        Canonical(WithSchedule(std::string(R"({"enabled":false,"sleepAt":"01:00","days":[],"wakeAt":)") + bad + "}")),
+        "refused");
   }
 }
 
@@ -83,14 +86,18 @@ TEST(PowerPolicy, Days) {
     const char* text;
     DayMask mask;
     const char* canonical;
-  } const good[] = {{"[]", 0, "[]"}, {"[6,0]", 65, "[0,6]"}, {"[-0]", 1, "[0]"}, {"[3.0]", 8, "[3]"},
+  } const good[] = {{"[]", 0, "[]"},
+                    {"[6,0]", 65, "[0,6]"},
+                    {"[-0]", 1, "[0]"},
+                    {"[3.0]", 8, "[3]"},
                     {"[6,5,4,3,2,1,0]", 127, "[0,1,2,3,4,5,6]"}};
   for (const auto& each : good) {
     EXPECT_EQ(ParseDays(*json::Parse(each.text)), each.mask) << each.text;
     EXPECT_EQ(json::Serialise(DaysToJson(each.mask)), each.canonical);
   }
-  for (const char* bad : {"[1,1]", "[0,-0]", "[7]", "[-1]", "[1.5]", "[6.999999999]", "[\"1\"]", "[null]", "[true]", "[[1]]", "[1e308]",
-                          "[9007199254740993]", "[0,1,2,3,4,5,6,7]", "[0,1,2,3,4,5,6,6]", "{}", "\"1\"", "null", "62"}) {
+  for (const char* bad :
+       {"[1,1]", "[0,-0]", "[7]", "[-1]", "[1.5]", "[6.999999999]", "[\"1\"]", "[null]", "[true]", "[[1]]", "[1e308]",
+        "[9007199254740993]", "[0,1,2,3,4,5,6,7]", "[0,1,2,3,4,5,6,6]", "{}", "\"1\"", "null", "62"}) {
     EXPECT_FALSE(ParseDays(*json::Parse(bad))) << bad;
   }
 }
@@ -100,17 +107,16 @@ TEST(PowerPolicy, Schedules) {
     EXPECT_EQ(Canonical(WithSchedule(good)), WithSchedule(good));
   }
   const std::string deep = Nested(10);
-  for (const std::string& bad :
-       {std::string("null"), std::string("[]"), std::string("\"x\""), std::string("{}"), deep,
-        std::string(R"({"enabled":true,"sleepAt":"22:00","wakeAt":"07:00","days":[]})"),
-        std::string(R"({"enabled":false,"sleepAt":"22:00","wakeAt":"22:00","days":[1]})"),
-        std::string(R"({"enabled":1,"sleepAt":"22:00","wakeAt":"07:00","days":[1]})"),
-        std::string(R"({"enabled":"true","sleepAt":"22:00","wakeAt":"07:00","days":[1]})"),
-        std::string(R"({"enabled":true,"sleepAt":"22:00","wakeAt":"07:00"})"),
-        std::string(R"({"enabled":true,"sleepAt":"22:00","days":[1]})"),
-        std::string(R"({"enabled":true,"wakeAt":"22:00","days":[1]})"),
-        std::string(R"({"sleepAt":"22:00","wakeAt":"07:00","days":[1]})"),
-        R"({"enabled":true,"sleepAt":"22:00","wakeAt":"07:00","days":)" + deep + "}"}) {
+  for (const std::string& bad : {std::string("null"), std::string("[]"), std::string("\"x\""), std::string("{}"), deep,
+                                 std::string(R"({"enabled":true,"sleepAt":"22:00","wakeAt":"07:00","days":[]})"),
+                                 std::string(R"({"enabled":false,"sleepAt":"22:00","wakeAt":"22:00","days":[1]})"),
+                                 std::string(R"({"enabled":1,"sleepAt":"22:00","wakeAt":"07:00","days":[1]})"),
+                                 std::string(R"({"enabled":"true","sleepAt":"22:00","wakeAt":"07:00","days":[1]})"),
+                                 std::string(R"({"enabled":true,"sleepAt":"22:00","wakeAt":"07:00"})"),
+                                 std::string(R"({"enabled":true,"sleepAt":"22:00","days":[1]})"),
+                                 std::string(R"({"enabled":true,"wakeAt":"22:00","days":[1]})"),
+                                 std::string(R"({"sleepAt":"22:00","wakeAt":"07:00","days":[1]})"),
+                                 R"({"enabled":true,"sleepAt":"22:00","wakeAt":"07:00","days":)" + deep + "}"}) {
     EXPECT_EQ(Canonical(WithSchedule(bad)), "refused") << bad;
   }
   for (const char* other : {"null", "[]", "7", "\"{}\"", "{}", R"({"screenOffMinutes":1,"sleepMinutes":2})"}) {
