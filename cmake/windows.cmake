@@ -17,7 +17,7 @@ file(GLOB_RECURSE NORVANE_SOURCES CONFIGURE_DEPENDS src/*.cpp)
 list(REMOVE_ITEM NORVANE_SOURCES ${CMAKE_SOURCE_DIR}/src/service/main.cpp)
 add_library(kiosk STATIC ${NORVANE_SOURCES})
 target_compile_definitions(kiosk PRIVATE NORVANE_AUTH_BASE_URL="${NORVANE_AUTH_BASE_URL}")
-set(NORVANE_SYSTEM_LIBRARIES advapi32 bcrypt crypt32 iphlpapi netapi32 ole32 oleaut32 powrprof user32 userenv wbemuuid wintrust
+set(NORVANE_SYSTEM_LIBRARIES advapi32 bcrypt crypt32 iphlpapi netapi32 ole32 oleaut32 powrprof taskschd user32 userenv wbemuuid wintrust
     winhttp wtsapi32 ws2_32 ssp)
 target_link_libraries(kiosk PUBLIC ${NORVANE_SYSTEM_LIBRARIES})
 

@@ -5,10 +5,12 @@
 #include "sim/clock.h"
 #include "sim/lsa.h"
 #include "sim/machine.h"
+#include "sim/power.h"
 #include "sim/profiles.h"
 #include "sim/seam.h"
 #include "sim/sessions.h"
 #include "sim/shutdown.h"
+#include "sim/tasks.h"
 
 #include <lm.h>
 
@@ -131,6 +133,9 @@ std::string DumpMachine(const std::vector<std::wstring>& keys) {
   for (const std::wstring& key : keys) {
     DumpKey(key, lines);
   }
+  for (const std::vector<std::string>& more : {PowerLines(), TaskLines()}) {
+    lines.insert(lines.end(), more.begin(), more.end());
+  }
   std::sort(lines.begin(), lines.end());
   std::string text;
   for (const std::string& line : lines) {
@@ -166,6 +171,9 @@ DWORD RunMachineCommand(const std::wstring& command) {
   } else if (verb == L"signout") {
     words >> number;
     SignOut(number);
+  } else if (verb == L"due") {
+    words >> number >> name;
+    return RunDueTasks(number, name);
   } else if (verb == L"stubborn") {
     words >> number >> second;
     MakeStubborn(number, second);

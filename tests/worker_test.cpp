@@ -6,6 +6,7 @@
 #include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/http.h"
+#include "sim/power.h"
 #include "sim/profiles.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
@@ -187,6 +188,18 @@ TEST_F(WorkerTest, CheckInErrorFromBeforeARestartIsCleared) {
   clock_.RunUntil(1'000);
   EXPECT_EQ(state::ReadStateString(state::kLastError), L"");
   EXPECT_EQ(test::CountLogged("INFO check-in: AuthSystem reachable again"), 0);
+}
+
+TEST_F(WorkerTest, PowerPolicyIsAppliedAfterEachGoodAnswer) {
+  Enrol();
+  answer_ = R"({"status":"enrolled","power":{"screenOffMinutes":1,"sleepMinutes":2,"schedule":)"
+            R"({"enabled":false,"sleepAt":"22:00","wakeAt":"07:00","days":[]}}})";
+  StartWorker();
+  clock_.RunUntil(10'000);
+  EXPECT_EQ(sim::SchemeIndexes({}), (sim::Indexes{60, 60, 120, 120, 2, 0}));
+  sim::SetSchemeIndexes(sim::kBalanced, {60, 60, 120, 0, 2, 0});
+  clock_.RunUntil(40'000);
+  EXPECT_EQ(sim::SchemeIndexes({}), (sim::Indexes{60, 60, 120, 120, 2, 0}));
 }
 
 TEST_F(WorkerTest, StopEndsAWaitAtOnce) {

@@ -15,6 +15,8 @@ bool StillEnrolled(const std::string& tokenUsed) {
          portal::ReadDeviceToken().Get() == tokenUsed;
 }
 
+bool IsEnrolled() { return !state::FlagIsOn(state::kTeardownPending) && state::TokenIsStored(); }
+
 win32::Lock& ReplyLock() noexcept { return replyLock; }
 
 }  // namespace kiosk::account

@@ -12,6 +12,7 @@
 #include "log/log.h"
 #include "portal/device_token.h"
 #include "portal/pairing_code.h"
+#include "power/power_scheme.h"
 #include "state/kiosk_state.h"
 #include "win32/wide_text.h"
 
@@ -113,6 +114,7 @@ void TearDown(bool deleteStateKey, const char* reason) {
   { const win32::LockGuard answersThatAreBeingWritten(ReplyLock()); }
   RestoreAutoLogon();
   RestoreFastUserSwitching();
+  power::RestorePowerSettings();
   const bool removed = RemoveAccount();
   if (!EraseEnrolment()) {
     log::Log(log::kError, log::kKiosk, "cannot delete the device token; removing kiosk mode again at the next check-in");

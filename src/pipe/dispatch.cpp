@@ -8,6 +8,7 @@
 #include "log/log.h"
 #include "pipe/status.h"
 #include "portal/pairing.h"
+#include "power/power_commands.h"
 #include "text/secret.h"
 #include "text/text.h"
 
@@ -78,6 +79,14 @@ json::Value Maintenance(const Client& client, const json::Value& request, PostRe
                                    json::Member(request, "unlockToken").text(), client.caller.sessionId, afterReply);
 }
 
+json::Value PowerGet(const Client& /*client*/, const json::Value& /*request*/, PostReplyAction& /*afterReply*/) {
+  return power::HandlePowerGet();
+}
+
+json::Value PowerSet(const Client& /*client*/, const json::Value& request, PostReplyAction& /*afterReply*/) {
+  return power::HandlePowerSet(request);
+}
+
 constexpr Command kCommands[] = {
     {"status", kAnyCaller, Settings::kMayBeLocked, Status},
     {"restart.now", kInteractiveUser, Settings::kMayBeLocked, RestartNow},
@@ -85,6 +94,8 @@ constexpr Command kCommands[] = {
     {"pair.check", kInteractivePerson, Settings::kMayBeLocked, PairCheck},
     {"unlock", kKioskSession, Settings::kMayBeLocked, Unlock},
     {"maintenance", kKioskSession, Settings::kMayBeLocked, Maintenance},
+    {"power.get", kKioskSession, Settings::kUnlocked, PowerGet},
+    {"power.set", kKioskSession, Settings::kUnlocked, PowerSet},
 };
 
 }  // namespace

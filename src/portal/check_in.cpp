@@ -6,6 +6,7 @@
 #include "log/log.h"
 #include "portal/auth_client.h"
 #include "portal/sign_in_methods.h"
+#include "power/policy_store.h"
 #include "state/kiosk_state.h"
 #include "win32/wide_text.h"
 
@@ -26,6 +27,12 @@ constexpr char kHttp[] = "HTTP ";
 std::string RequestBody() {
   json::Value body = json::Value::Object();
   body.Set("appVersion", log::kVersion);
+  if (power::PowerPolicy local; power::LoadPowerPolicy(state::kPowerLocal, local)) {
+    body.Set("powerLocal", power::PowerPolicyToJson(local));
+  }
+  if (const std::wstring error = state::ReadStateString(state::kPowerError); !error.empty()) {
+    body.Set("powerError", win32::ToNarrow(error));
+  }
   return json::Serialise(body);
 }
 
@@ -80,6 +87,7 @@ void Apply(const json::Value& reply, const std::string& token, CheckInResult& re
   state::DeleteStateValue(state::kUnknownSince);
   ApplySignIn(reply);
   ApplyName(reply);
+  power::ApplyPortalPowerPolicy(reply);
   result.exitPassword = text::Secret(json::Member(reply, "exitPassword").text());
   result.branding = json::Member(reply, "branding");
   result.tenantId = json::Member(reply, "tenantId").text();

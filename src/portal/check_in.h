@@ -21,7 +21,7 @@ struct CheckInResult {
 };
 
 // Posts a check-in with `token` as bearer and applies a good reply: "UnknownSince" is deleted, the sign-in methods and the
-// terminal name are stored where they differ. Any other answer applies nothing, nor does a good one that arrives when the
+// terminal name are stored where they differ, and so is a valid power policy. Any other answer applies nothing, nor does a good one that arrives when the
 // terminal is no longer enrolled with that token. Never throws for a failure: the error text says what went wrong. The
 // caller hands the result to the revocation rule.
 CheckInResult CheckIn(const std::string& token);

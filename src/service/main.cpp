@@ -1,6 +1,7 @@
-// Entry of the program: the installer of the service, and the service itself.
-#include "service/crash.h"
+// Entry of the program: the installer of the service, what its scheduled tasks run, and the service itself.
 #include "log/log.h"
+#include "power/sleep_wake.h"
+#include "service/crash.h"
 #include "service/hardening.h"
 #include "service/install.h"
 #include "service/service_main.h"
@@ -16,6 +17,10 @@ int wmain(int count, wchar_t** arguments) {
     exitCode = kiosk::service::Install();
   } else if (kiosk::win32::EqualIgnoringCase(task, L"--uninstall")) {
     exitCode = kiosk::service::Uninstall();
+  } else if (kiosk::win32::EqualIgnoringCase(task, L"--sleep-now")) {
+    exitCode = kiosk::power::SleepNow();
+  } else if (kiosk::win32::EqualIgnoringCase(task, L"--wake-now")) {
+    exitCode = kiosk::power::WakeNow();
   } else {
     exitCode = kiosk::service::RunDispatcher();
   }

@@ -9,6 +9,7 @@
 #include "portal/device_token.h"
 #include "portal/revocation.h"
 #include "portal/worker_wake.h"
+#include "power/power_scheme.h"
 #include "state/kiosk_state.h"
 #include "win32/clock.h"
 #include "win32/stop.h"
@@ -62,6 +63,9 @@ class Worker {
       state::RecordLastError({});
     }
     KeepProvisioned(token.Get());
+    if (account::StillEnrolled(token.Get())) {
+      power::ApplyEffectivePowerPolicy();
+    }
     backOff_ = kInterval;
     return kInterval;
   }

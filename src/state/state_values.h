@@ -66,6 +66,19 @@ inline constexpr StateValue kPriorPasswordLess{L"PriorDevicePasswordLessBuildVer
 inline constexpr StateValue kPriorFirstLogonAnimation{L"PriorEnableFirstLogonAnimation", kTypeOfCopied, "account",
                                                       kPriorMeaning};
 
+inline constexpr StateValue kPowerPolicy{L"PowerPolicy", REG_SZ, "power",
+                                         "the portal's last valid power policy, as canonical JSON"};
+inline constexpr StateValue kPowerSource{L"PowerSource", REG_SZ, "power",
+                                         "where the portal has that policy from: device, tenant or default"};
+inline constexpr StateValue kPowerLocal{L"PowerLocal", REG_SZ, "power",
+                                        "the policy that an administrator at the terminal set instead, as canonical JSON"};
+inline constexpr StateValue kPowerError{L"PowerError", REG_SZ, "power",
+                                        "what is wrong with the schedule in force: wake_unavailable"};
+inline constexpr StateValue kPowerScheduleApplied{L"PowerScheduleApplied", REG_SZ, "power",
+                                                  "the schedule and program for which both tasks are registered"};
+inline constexpr StateValue kPriorPower{L"PriorPower", REG_SZ, "power",
+                                        "the power scheme and its values from before the first change, as JSON"};
+
 inline constexpr StateValue kDevAllowUnsigned{L"DevAllowUnsigned", REG_DWORD, "a developer",
                                               "1 lets an unsigned service admit callers"};
 
@@ -96,6 +109,12 @@ inline constexpr const StateValue* kStateValues[] = {
     &kPriorAutoLogonCount,
     &kPriorPasswordLess,
     &kPriorFirstLogonAnimation,
+    &kPowerPolicy,
+    &kPowerSource,
+    &kPowerLocal,
+    &kPowerError,
+    &kPowerScheduleApplied,
+    &kPriorPower,
 };
 
 }  // namespace kiosk::state

@@ -1,0 +1,28 @@
+// Power schemes and sleep of the simulated machine (area "Power"). It begins with two schemes, the first one active.
+//
+// Numbers in the area that a test may write: "ReadError" (of every read of an index), "SuspendError", "RtcWake"
+// (default: PowerSystemSleeping3), "AlwaysConnected", "CapabilitiesUnknown"; and read: "Suspends" (a count),
+// "ExecutionState" (flags).
+#pragma once
+
+#include "win32/winapi.h"
+
+#include <string>
+#include <vector>
+
+namespace sim {
+
+inline constexpr wchar_t kBalanced[] = L"{381B4222-F694-41F0-9685-FF5BB260DF2E}";
+inline constexpr wchar_t kHighPerformance[] = L"{8C5E7FDA-E8BF-4A96-9A85-A6E23A8C635C}";
+
+// Display off, standby, wake timers; each on mains, then on battery. kNoIndex: the scheme has no such setting.
+using Indexes = std::vector<DWORD>;
+inline constexpr DWORD kNoIndex = 0xFFFFFFFE;
+// "": what the computer goes by, the active scheme as it was when it was last made active.
+Indexes SchemeIndexes(const std::wstring& scheme);
+void SetSchemeIndexes(const std::wstring& scheme, const Indexes& indexes);
+void MakeSchemeActive(const std::wstring& scheme);  // "": none is
+
+std::vector<std::string> PowerLines();  // for the dump
+
+}  // namespace sim

@@ -1,0 +1,90 @@
+#include "power/power_scheme.h"
+
+#include "account/enrolment.h"
+#include "log/log.h"
+#include "power/active_scheme.h"
+#include "power/policy_store.h"
+#include "power/power_tasks.h"
+#include "power/scheme_values.h"
+#include "state/kiosk_state.h"
+#include "win32/com.h"
+#include "win32/wide_text.h"
+
+#include <string>
+
+namespace kiosk::power {
+namespace {
+
+win32::Lock powerLock{win32::LockRank::kPower};
+
+// Values were written and the scheme is not yet made active again: that failed, or, for all that is known when a
+// process begins, an earlier one ended in between. Guarded by powerLock.
+bool activationOwed = true;
+
+constexpr DWORD kSecondsPerMinute = 60;
+
+DWORD Seconds(std::int32_t minutes) { return static_cast<DWORD>(minutes) * kSecondsPerMinute; }
+
+// Changed values count only once the scheme is made the active one again.
+void Activate(const GUID& scheme, const PowerPolicy& policy, bool changed) {
+  const DWORD error = PowerSetActiveScheme(nullptr, &scheme);
+  activationOwed = error != ERROR_SUCCESS;
+  if (error == ERROR_SUCCESS && !changed) {
+    return;
+  }
+  if (error == ERROR_SUCCESS) {
+    log::Log(log::kNotice, log::kKiosk, "power: screen off %d min, sleep %d min (0 = never)", policy.screenOffMinutes,
+             policy.sleepMinutes);
+  } else {
+    log::Log(log::kError, log::kKiosk, "power: cannot re-apply the active scheme (%lu)", error);
+  }
+}
+
+}  // namespace
+
+win32::Lock& PowerLock() noexcept { return powerLock; }
+
+void ApplyPowerScheme(const PowerPolicy& policy) {
+  const win32::ComApartment apartment;
+  const ActiveScheme active;
+  if (!active) {
+    log::Log(log::kError, log::kKiosk, "power: no active power scheme (%lu)", active.Error());
+    return;
+  }
+  const GUID& scheme = *active.Id();
+  bool changed = false;
+  SetPowerValue(scheme, SchemeSetting::kScreenOff, Seconds(policy.screenOffMinutes), changed);
+  SetPowerValue(scheme, SchemeSetting::kSleep, Seconds(policy.sleepMinutes), changed);
+  const std::string error = ApplyPowerSchedule(scheme, policy.schedule, changed);
+  // Without copies no value was ever written.
+  if (changed || (activationOwed && !state::ReadStateString(state::kPriorPower).empty())) {
+    Activate(scheme, policy, changed);
+  } else {
+    activationOwed = false;
+  }
+  if (state::SetStateStringIfChanged(state::kPowerError, win32::ToWide(error)) && !error.empty()) {
+    log::Log(log::kWarn, log::kKiosk, "power: %s", error.c_str());
+  }
+}
+
+void ApplyEffectivePowerPolicy() {
+  const win32::LockGuard guard(powerLock);
+  PowerPolicy policy;
+  if (account::IsEnrolled() && LoadEffectivePowerPolicy(policy)) {
+    ApplyPowerScheme(policy);
+  }
+}
+
+void RestorePowerSettings() {
+  const win32::LockGuard guard(powerLock);
+  const win32::ComApartment apartment;
+  RemovePowerTasks();
+  RestorePriorPower();
+  // The copies go last: until then a restore that was cut short is done again from them.
+  for (const state::StateValue* value : {&state::kPowerPolicy, &state::kPowerSource, &state::kPowerLocal,
+                                         &state::kPowerError, &state::kPowerScheduleApplied, &state::kPriorPower}) {
+    state::DeleteStateValue(*value);
+  }
+}
+
+}  // namespace kiosk::power

@@ -1,0 +1,20 @@
+// The two tasks that put the terminal to sleep and wake it, as a schedule wants them.
+#pragma once
+
+#include "power/power_policy.h"
+#include "win32/winapi.h"
+
+#include <string>
+
+namespace kiosk::power {
+
+// Registers both tasks, and lets the scheme's wake timers run, for a schedule that is enabled; removes the tasks for
+// one that is not. Does nothing when all is as it should be. `changed` is set when a value of the scheme was written.
+// Returns empty, or "wake_unavailable" when the terminal would not be woken. The caller holds the power lock and is in
+// a COM apartment.
+std::string ApplyPowerSchedule(const GUID& scheme, const PowerSchedule& schedule, bool& changed);
+
+// Removes both tasks, whatever the schedule. The caller's obligations are the same.
+void RemovePowerTasks();
+
+}  // namespace kiosk::power

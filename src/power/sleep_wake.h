@@ -1,0 +1,14 @@
+// What the two scheduled tasks run: short-lived processes of this program, apart from the service.
+#pragma once
+
+namespace kiosk::power {
+
+// "--sleep-now": puts the computer to sleep, unless a stream session is live on it. The exit code: 0, or 1 when Windows
+// refused. Logs as the service does.
+int SleepNow();
+
+// "--wake-now": by the time this runs the timer has woken the computer; turns the display on. Always 0, and logs
+// nothing.
+int WakeNow();
+
+}  // namespace kiosk::power

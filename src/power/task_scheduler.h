@@ -1,0 +1,42 @@
+// One task of the service in Task Scheduler's root folder: weekly, as LocalSystem, running this program.
+#pragma once
+
+#include "power/clock_time.h"
+#include "win32/com.h"
+
+#include <taskschd.h>
+
+#include <string>
+
+namespace kiosk::power {
+
+struct PowerTask {
+  const wchar_t* name;
+  const wchar_t* description;
+  const wchar_t* arguments;
+  bool isWake;  // the task wakes the computer for its run
+};
+
+// Task Scheduler, connected, with its root folder. Its objects end before the caller's COM apartment does.
+struct SchedulerConnection {
+  win32::ComPtr<ITaskService> service;
+  win32::ComPtr<ITaskFolder> folder;
+};
+
+// False when a step fails; it is logged. The caller is in a COM apartment.
+bool ConnectTaskScheduler(SchedulerConnection& scheduler);
+
+// The path of this program; empty when it is too long (260 characters or more) for Windows to run it as a task or
+// service.
+std::wstring OwnExecutablePath();
+
+bool TaskExists(const SchedulerConnection& scheduler, const PowerTask& task);
+
+// Creates the task, or puts the one of this name right, to run at the time on each of the days. A failure is logged.
+bool RegisterPowerTask(const SchedulerConnection& scheduler, const PowerTask& task, std::uint32_t minutesAfterMidnight,
+                       DayMask days);
+
+// Deletes the task; one that does not exist is nothing. What happened is logged.
+void RemovePowerTask(const SchedulerConnection& scheduler, const PowerTask& task);
+
+}  // namespace kiosk::power
