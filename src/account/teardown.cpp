@@ -13,6 +13,8 @@
 #include "portal/device_token.h"
 #include "portal/pairing_code.h"
 #include "state/kiosk_state.h"
+#include "updates/report.h"
+#include "updates/restart_policy.h"
 #include "win32/wide_text.h"
 
 #include <lm.h>
@@ -96,6 +98,8 @@ void TearDown(bool deleteStateKey, const char* reason) {
   { const win32::LockGuard answersThatAreBeingWritten(ReplyLock()); }
   RestoreAutoLogon();
   RestoreFastUserSwitching();
+  updates::RestoreWuRestartPolicy();
+  updates::ForgetUpdates();
   const bool removed = RemoveAccount();
   if (!EraseEnrolment()) {
     log::Log(log::kError, log::kKiosk, "cannot delete the device token; removing kiosk mode again at the next check-in");

@@ -10,6 +10,8 @@
 #include "portal/pairing.h"
 #include "text/secret.h"
 #include "text/text.h"
+#include "updates/presence.h"
+#include "updates/update_commands.h"
 
 #include <algorithm>
 #include <iterator>
@@ -77,13 +79,28 @@ json::Value Maintenance(const Client& client, const json::Value& request, PostRe
                                    client.caller.sessionId, afterReply);
 }
 
+json::Value SessionReport(const Client& client, const json::Value& request, PostReplyAction& /*afterReply*/) {
+  return updates::SessionReport(request, client.caller.sessionId);
+}
+
+json::Value OsUpdates(const Client& /*client*/, const json::Value& request, PostReplyAction& /*afterReply*/) {
+  return updates::OsUpdates(request);
+}
+
+json::Value OsInstall(const Client& /*client*/, const json::Value& /*request*/, PostReplyAction& /*afterReply*/) {
+  return updates::OsInstall();
+}
+
 constexpr Command kCommands[] = {
     {"status", kAnyCaller, Settings::kMayBeLocked, Status},
     {"restart.now", kInteractiveUser, Settings::kMayBeLocked, RestartNow},
     {"pair.begin", kInteractivePerson, Settings::kMayBeLocked, PairBegin},
     {"pair.check", kInteractivePerson, Settings::kMayBeLocked, PairCheck},
     {"unlock", kKioskSession, Settings::kMayBeLocked, Unlock},
+    {"session.report", kKioskSession, Settings::kMayBeLocked, SessionReport},
     {"maintenance", kKioskSession, Settings::kMayBeLocked, Maintenance},
+    {"os.updates", kKioskSession, Settings::kUnlocked, OsUpdates},
+    {"os.install", kKioskSession, Settings::kUnlocked, OsInstall},
 };
 
 }  // namespace

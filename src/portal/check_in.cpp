@@ -7,6 +7,8 @@
 #include "portal/auth_client.h"
 #include "portal/sign_in_methods.h"
 #include "state/kiosk_state.h"
+#include "updates/policy_store.h"
+#include "updates/report.h"
 #include "win32/wide_text.h"
 
 #include <algorithm>
@@ -26,6 +28,7 @@ constexpr char kHttp[] = "HTTP ";
 std::string RequestBody() {
   json::Value body = json::Value::Object();
   body.Set("appVersion", log::kVersion);
+  updates::AddUpdatesReport(body);
   return json::Serialise(body);
 }
 
@@ -80,6 +83,7 @@ void Apply(const json::Value& reply, const std::string& token, CheckInResult& re
   state::DeleteStateValue(state::kUnknownSince);
   ApplySignIn(reply);
   ApplyName(reply);
+  updates::ApplyPortalUpdatesPolicy(reply);
   result.exitPassword = text::Secret(json::Member(reply, "exitPassword").text());
   result.branding = json::Member(reply, "branding");
   result.tenantId = json::Member(reply, "tenantId").text();
