@@ -18,7 +18,8 @@ DWORD RestartComputer();
 std::string DumpMachine();
 std::string DumpMachine(const std::vector<std::wstring>& keys);
 
-// "signin NAME [SESSION]", "signout SESSION", "restart", "user NAME [PASSWORD]", "stubborn SESSION MILLISECONDS".
+// "signin NAME [SESSION]", "signout SESSION", "restart", "user NAME [PASSWORD]", "stubborn SESSION MILLISECONDS",
+// "update TITLE" (one more is offered), "agent NUMBER SETTING" (see sim/windows_update.h).
 // Returns what the function returns, or 0.
 DWORD RunMachineCommand(const std::wstring& command);
 

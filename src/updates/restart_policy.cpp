@@ -77,20 +77,15 @@ bool TakeOwnership() {
 }
 
 // A copy that is there but cannot be read must not be taken for one that is missing.
-void PutBack(const ManagedPolicy& policy) {
+bool PutBack(const ManagedPolicy& policy) {
   state::RawValue copy;
   const LSTATUS status = state::ReadValue(state::kStateKey, policy.prior.name, copy);
-  bool done = false;
   if (status == ERROR_FILE_NOT_FOUND) {
     const LSTATUS deleted = RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, policy.key, policy.name);
-    done = deleted == ERROR_SUCCESS || deleted == ERROR_FILE_NOT_FOUND;
-  } else if (status == ERROR_SUCCESS) {
-    done = state::WriteValue(HKEY_LOCAL_MACHINE, policy.key, policy.name, copy.type, copy.bytes.data(),
-                             static_cast<DWORD>(copy.bytes.size()));
+    return deleted == ERROR_SUCCESS || deleted == ERROR_FILE_NOT_FOUND;
   }
-  if (!done) {
-    log::Log(log::kError, log::kKiosk, "os updates: cannot put %s back", win32::ToNarrow(policy.name).c_str());
-  }
+  return status == ERROR_SUCCESS && state::WriteValue(HKEY_LOCAL_MACHINE, policy.key, policy.name, copy.type,
+                                                      copy.bytes.data(), static_cast<DWORD>(copy.bytes.size()));
 }
 
 }  // namespace
@@ -121,15 +116,19 @@ void RestoreWuRestartPolicy() {
     return;
   }
   for (const ManagedPolicy* policy : kManaged) {
-    PutBack(*policy);
+    // Twice, since the copy goes with the mark. Nothing waits longer for it: the terminal may be on its way out.
+    if (!PutBack(*policy) && !PutBack(*policy)) {
+      log::Log(log::kError, log::kKiosk, "os updates: cannot put %s back", win32::ToNarrow(policy->name).c_str());
+    }
   }
   // The mark before the copies: with it, a missing copy means a value that was not there.
-  if (!state::DeleteStateValue(state::kOwnsWuPolicy) || !state::FlushStateKey()) {
+  if (!state::DeleteStateValue(state::kOwnsWuPolicy)) {
     return;
   }
   for (const ManagedPolicy* policy : kManaged) {
     state::DeleteStateValue(policy->prior);
   }
+  state::FlushStateKey();
   log::Log(log::kNotice, log::kKiosk, "os updates: Windows Update restart settings are back as they were");
 }
 

@@ -14,6 +14,9 @@
 
 namespace kiosk::test {
 
+// Below it Windows Update keeps its policies, those of automatic updates in "AU".
+inline constexpr wchar_t kWindowsUpdateKey[] = L"SOFTWARE\\Policies\\Microsoft\\Windows\\WindowsUpdate";
+
 // Deletes the state key, the settings keys, the log tree and the simulated machine before each case.
 class CleanMachine : public ::testing::Test {
  protected:
