@@ -163,7 +163,7 @@ TEST_P(UpdatesStop, EndsInTimeAndLeavesNoResult) {
   EXPECT_EQ(sim::LiveAgentOperations(), stubborn ? 1 : 0);
   clock_.RunUntil(120'000);  // now the agent calls what is left of the run
   EXPECT_EQ(sim::LiveAgentOperations() + sim::LiveComObjects(), 0);
-  EXPECT_EQ(Report(), "");
+  EXPECT_EQ(StoredReport(), "");
   EXPECT_NE(Status().find(R"("checking":false,"installing":false,)"), std::string::npos);
   EXPECT_NE(Status().find(R"("error":null)"), std::string::npos);
 }
@@ -198,7 +198,7 @@ TEST_F(UpdatesTest, CallbacksOutliveTheRunAndBelongToNoApartment) {
 TEST_F(UpdatesTest, TheReport) {
   RunResult run{RunCode::kDone, 700, true, std::string(79, 'x') + "ü tail"};
   EXPECT_TRUE(WriteUpdatesReport("tok", "ok", &run));
-  EXPECT_EQ(Report(), R"({"lastRunAt":"2026-11-21T09:00:00Z","lastResult":"ok","error":")" + std::string(79, 'x') +
+  EXPECT_EQ(StoredReport(), R"({"lastRunAt":"2026-11-21T09:00:00Z","lastResult":"ok","error":")" + std::string(79, 'x') +
                           R"(","pending":500,"restartRequired":true})");
   EXPECT_EQ(state::ReadState(state::kOsUpdatesReport)->type, DWORD{REG_SZ});
   RememberOwedRestart();
@@ -216,7 +216,7 @@ TEST_F(UpdatesTest, TheReport) {
             R"(0,"restartRequired":false})"}}) {
     SetString(state::kStateKey, L"OsUpdatesReport", stored);
     EXPECT_TRUE(WriteUpdatesReport("tok", "deferred", nullptr));
-    EXPECT_EQ(Report(), kKept + tail) << win32::ToNarrow(stored);
+    EXPECT_EQ(StoredReport(), kKept + tail) << win32::ToNarrow(stored);
   }
   // A run that failed before it knew tells nothing about what is missing.
   SetString(state::kStateKey, L"OsUpdatesReport", L"{\"pending\":7,\"restartRequired\":true}");
@@ -224,12 +224,12 @@ TEST_F(UpdatesTest, TheReport) {
   EXPECT_TRUE(WriteUpdatesReport("tok", ResultWord(run.code), &run));
   EXPECT_EQ(InReport("pending") + InReport("restartRequired") + InReport("error") + InReport("lastResult"),
             "7truebusyfailed");
-  const std::string before = Report();
+  const std::string before = StoredReport();
   EXPECT_FALSE(WriteUpdatesReport("of before", "ok", &run));
   SetDword(state::kStateKey, L"TeardownPending", 1);
   EXPECT_FALSE(WriteUpdatesReport("tok", "ok", &run));
   MarkWindowDone("tok", "2026-11-21");
-  EXPECT_EQ(Report() + WindowDone(), before);
+  EXPECT_EQ(StoredReport() + WindowDone(), before);
 }
 
 TEST_F(UpdatesTest, TheTerminalsCommands) {
@@ -306,7 +306,7 @@ TEST_F(UpdatesTest, TakenOverFromTheCheckIn) {
     }
   }
   const std::string body = portal.Requests().back().body;
-  EXPECT_TRUE(body.ends_with(R"(,"osUpdates":)" + Report() + "}")) << body;
+  EXPECT_TRUE(body.ends_with(R"(,"osUpdates":)" + StoredReport() + "}")) << body;
   EXPECT_EQ(portal.Requests().front().body.find("osUpdates"), std::string::npos);
   members = R"("updates":{"automatic":true},"updatesSource":"device")";
   portal::CheckIn("tok");
@@ -390,18 +390,18 @@ TEST_F(UpdatesTest, ATeardownGivesThePoliciesBack) {
 }
 
 // Whatever fails and whenever the power goes: the next minute sets everything, and the owner's values come back.
-TEST_F(UpdatesTest, NoFaultLosesAPolicyOfTheOwner) {
-  const auto prepare = [] {
-    state::DeleteStateValue(state::kOwnsWuPolicy);
-    SetDword(state::kStateKey, L"PriorWuSetActiveHours", 0);  // left over from an earlier time
-    SetDword(kAuKey.c_str(), L"NoAutoRebootWithLoggedOnUsers", 1);
-    for (const wchar_t* name : {L"SetActiveHours", L"ActiveHoursMaxRange"}) {
-      RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey, name);
-    }
-    OwnPolicies();
-  };
+void PrepareOwnersPolicies() {
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane");
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey);
+  ASSERT_EQ(state::ProtectStateKey().what, nullptr);
+  ASSERT_TRUE(portal::StoreDeviceToken("tok"));
+  SetDword(state::kStateKey, L"PriorWuSetActiveHours", 0);  // left over from an earlier time
+  OwnPolicies();
+}
+
+TEST(UpdatesFaults, WhileWindowsIsKeptFromRestarting) {
   sim::RunFaultScenario({.name = L"apply",
-                         .prepare = prepare,
+                         .prepare = PrepareOwnersPolicies,
                          .run = [] { ApplyWuRestartPolicy(kEarly); },
                          .later =
                              [] {
@@ -409,12 +409,14 @@ TEST_F(UpdatesTest, NoFaultLosesAPolicyOfTheOwner) {
                                EXPECT_EQ(Policies(), "1 1 8 2 18 ");
                                RestoreWuRestartPolicy();
                                EXPECT_EQ(Policies(), kOwn);
-                             },
-                         .points = 11});
+                             }});
+}
+
+TEST(UpdatesFaults, WhileThePoliciesAreGivenBack) {
   sim::RunFaultScenario({.name = L"restore",
                          .prepare =
-                             [prepare] {
-                               prepare();
+                             [] {
+                               PrepareOwnersPolicies();
                                ApplyWuRestartPolicy(kEarly);
                              },
                          .run = [] { RestoreWuRestartPolicy(); },

@@ -40,9 +40,9 @@ class UpdatesTerminal : public CleanMachine {
               win32::ToWide(std::string(R"({"automatic":)") + (automatic ? "true" : "false") + R"(,"window":{"start":")" +
                             start + R"(","end":")" + end + R"(","days":)" + days + "}}"));
   }
-  static std::string Report() { return win32::ToNarrow(state::ReadStateString(state::kOsUpdatesReport)); }
+  static std::string StoredReport() { return win32::ToNarrow(state::ReadStateString(state::kOsUpdatesReport)); }
   static std::string InReport(const char* member) {
-    const auto report = json::Parse(Report());
+    const auto report = json::Parse(StoredReport());
     return report ? json::AsString(json::Member(*report, member), "null") : "no report";
   }
   static std::string WindowDone() { return win32::ToNarrow(state::ReadStateString(state::kOsUpdatesWindowDone)); }
