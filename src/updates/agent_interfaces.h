@@ -15,10 +15,9 @@
 #define NORVANE_UUID(...)
 #endif
 
-// NOLINTBEGIN(readability-identifier-naming, bugprone-reserved-identifier, cppcoreguidelines-virtual-class-destructor): theirs
+// NOLINTBEGIN(readability-identifier-naming): theirs
 
 #ifndef __IUpdate2_INTERFACE_DEFINED__
-#define __IUpdate2_INTERFACE_DEFINED__
 MIDL_INTERFACE("144fe9b0-d23d-4a8b-8634-fb4457533b7a")
 IUpdate2 : public IUpdate {
   virtual HRESULT STDMETHODCALLTYPE get_RebootRequired(VARIANT_BOOL * value) = 0;
@@ -30,7 +29,6 @@ NORVANE_UUID(IUpdate2, 0x144fe9b0, 0xd23d, 0x4a8b, 0x86, 0x34, 0xfb, 0x44, 0x57,
 #endif
 
 #ifndef __IUpdate3_INTERFACE_DEFINED__
-#define __IUpdate3_INTERFACE_DEFINED__
 MIDL_INTERFACE("112eda6b-95b3-476f-9d90-aee82c6b8181")
 IUpdate3 : public IUpdate2 {
   virtual HRESULT STDMETHODCALLTYPE get_BrowseOnly(VARIANT_BOOL * value) = 0;
@@ -40,7 +38,6 @@ NORVANE_UUID(IUpdate3, 0x112eda6b, 0x95b3, 0x476f, 0x9d, 0x90, 0xae, 0xe8, 0x2c,
 
 // The arguments of a completion hold nothing.
 #ifndef __ISearchCompletedCallback_INTERFACE_DEFINED__
-#define __ISearchCompletedCallback_INTERFACE_DEFINED__
 MIDL_INTERFACE("a700a634-2850-4c47-938a-9e4b6e5af9a6")
 ISearchCompletedCallbackArgs : public IDispatch{};
 MIDL_INTERFACE("88aee058-d4b0-4725-a2f1-814a67ae964c")
@@ -51,7 +48,6 @@ NORVANE_UUID(ISearchCompletedCallback, 0x88aee058, 0xd4b0, 0x4725, 0xa2, 0xf1, 0
 #endif
 
 #ifndef __IDownloadCompletedCallback_INTERFACE_DEFINED__
-#define __IDownloadCompletedCallback_INTERFACE_DEFINED__
 MIDL_INTERFACE("fa565b23-498c-47a0-979d-e7d5b1813360")
 IDownloadCompletedCallbackArgs : public IDispatch{};
 MIDL_INTERFACE("77254866-9f5b-4c8e-b9e2-c77a8530d64b")
@@ -62,7 +58,6 @@ NORVANE_UUID(IDownloadCompletedCallback, 0x77254866, 0x9f5b, 0x4c8e, 0xb9, 0xe2,
 #endif
 
 #ifndef __IDownloadProgressChangedCallback_INTERFACE_DEFINED__
-#define __IDownloadProgressChangedCallback_INTERFACE_DEFINED__
 MIDL_INTERFACE("324ff2c6-4981-4b04-9412-57481745ab24")
 IDownloadProgressChangedCallbackArgs : public IDispatch {
   virtual HRESULT STDMETHODCALLTYPE get_Progress(IDownloadProgress * *value) = 0;
@@ -76,7 +71,6 @@ NORVANE_UUID(IDownloadProgressChangedCallback, 0x8c3f1cdd, 0x6173, 0x4591, 0xae,
 #endif
 
 #ifndef __IInstallationCompletedCallback_INTERFACE_DEFINED__
-#define __IInstallationCompletedCallback_INTERFACE_DEFINED__
 MIDL_INTERFACE("250e2106-8efb-4705-9653-ef13c581b6a1")
 IInstallationCompletedCallbackArgs : public IDispatch{};
 MIDL_INTERFACE("45f4f6f3-d602-4f98-9a8a-3efa152ad2d3")
@@ -87,7 +81,6 @@ NORVANE_UUID(IInstallationCompletedCallback, 0x45f4f6f3, 0xd602, 0x4f98, 0x9a, 0
 #endif
 
 #ifndef __IInstallationProgressChangedCallback_INTERFACE_DEFINED__
-#define __IInstallationProgressChangedCallback_INTERFACE_DEFINED__
 MIDL_INTERFACE("e4f14e1e-689d-4218-a0b9-bc189c484a01")
 IInstallationProgressChangedCallbackArgs : public IDispatch {
   virtual HRESULT STDMETHODCALLTYPE get_Progress(IInstallationProgress * *value) = 0;
@@ -100,7 +93,7 @@ NORVANE_UUID(IInstallationProgressChangedCallback, 0xe01402d5, 0xf8da, 0x43ba, 0
              0xf1)
 #endif
 
-// NOLINTEND(readability-identifier-naming, bugprone-reserved-identifier, cppcoreguidelines-virtual-class-destructor)
+// NOLINTEND(readability-identifier-naming)
 
 namespace kiosk::updates {
 
