@@ -49,7 +49,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Require(policy == UpdatesPolicy());
   }
   if (size >= 6) {
-    policy = {(data[0] & 1) != 0, (data[1] * 256U + data[2]) % 1440, (data[3] * 256U + data[4]) % 1440, data[5] % 127U + 1};
+    policy = {(data[0] & 1) != 0, (data[1] * 256U + data[2]) % 1440, (data[3] * 256U + data[4]) % 1440,
+              data[5] % 127U + 1};
     if (policy.start != policy.end) {
       RequireSane(policy);
     }

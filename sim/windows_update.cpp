@@ -19,6 +19,7 @@
 #include <mutex>
 #include <vector>
 
+// NOLINTNEXTLINE(readability-identifier-naming): what SIM makes of the name
 extern "C" HANDLE WINAPI sim_CreateThread(LPSECURITY_ATTRIBUTES security, SIZE_T stack, LPTHREAD_START_ROUTINE body,
                                           LPVOID argument, DWORD flags, LPDWORD id);
 
@@ -57,41 +58,39 @@ struct Update : ComObject<Update, IUpdate> {
   std::wstring area;
 };
 
-HRESULT Text(const std::wstring& text, BSTR* out) {
-  *out = SysAllocStringLen(text.data(), static_cast<UINT>(text.size()));
-  return S_OK;
-}
-HRESULT Flag(bool value, VARIANT_BOOL* out) {
-  *out = value ? VARIANT_TRUE : VARIANT_FALSE;
-  return S_OK;
-}
-
-struct Identity : ComObject<Identity, IUpdateIdentity> {
-  explicit Identity(std::wstring name);
-  static bool Has(REFIID id) { return IsEqualIID(id, IID_IUpdateIdentity); }
-  std::wstring id;
+// A simulated object over its state; those that are asked for by an identifier have their own types.
+template <typename Interface, typename State>
+struct Object : ComObject<Object<Interface, State>, Interface> {
+  template <typename... Parts>
+  explicit Object(decltype(Interface::lpVtbl) table, Parts... parts)
+      : ComObject<Object, Interface>(table), state{parts...} {}
+  static bool Has(REFIID) { return false; }
+  static State& Of(Interface* self) { return static_cast<Object*>(self)->state; }
+  State state;
 };
-IUpdateIdentityVtbl identityTable = {UNKNOWN(Identity), .get_UpdateID = [](IUpdateIdentity* self, BSTR* out) CALL {
-                                       return Text(static_cast<Identity*>(self)->id, out);
-                                     }};
-Identity::Identity(std::wstring name) : ComObject(&identityTable), id(std::move(name)) {}
+// NOLINTBEGIN(bugprone-macro-parentheses): types stand in no parentheses
+#define GET(interface_, type, value)                \
+  [](interface_* self, type* out) CALL -> HRESULT { \
+    static_cast<void>(self);                        \
+    *out = value;                                   \
+    return S_OK;                                    \
+  }
+// NOLINTEND(bugprone-macro-parentheses)
+constexpr VARIANT_BOOL Flag(bool value) { return value ? VARIANT_TRUE : VARIANT_FALSE; }
+BSTR Text(const std::wstring& text) { return SysAllocStringLen(text.data(), static_cast<UINT>(text.size())); }
 
-struct Behaviour : ComObject<Behaviour, IInstallationBehavior> {
-  explicit Behaviour(IUpdate* update);
-  static bool Has(REFIID id) { return IsEqualIID(id, IID_IInstallationBehavior); }
-  DWORD asks, reboot;
-};
+using Identity = Object<IUpdateIdentity, std::wstring>;
+IUpdateIdentityVtbl identityTable = {UNKNOWN(Identity),
+                                     .get_UpdateID = GET(IUpdateIdentity, BSTR, Text(Identity::Of(self)))};
+
+using Behaviour = Object<IInstallationBehavior, std::wstring>;  // the update's area
 IInstallationBehaviorVtbl behaviourTable = {
     UNKNOWN(Behaviour),
-    .get_CanRequestUserInput = [](IInstallationBehavior* self, VARIANT_BOOL* out) CALL {
-      return Flag(static_cast<Behaviour*>(self)->asks != 0, out);
-    },
-    .get_RebootBehavior = [](IInstallationBehavior* self, InstallationRebootBehavior* out) CALL -> HRESULT {
-      *out = static_cast<InstallationRebootBehavior>(static_cast<Behaviour*>(self)->reboot);
-      return S_OK;
-    }};
-Behaviour::Behaviour(IUpdate* update)
-    : ComObject(&behaviourTable), asks(Update::Number(update, L"AsksPerson")), reboot(Update::Number(update, L"Reboot")) {}
+    .get_CanRequestUserInput =
+        GET(IInstallationBehavior, VARIANT_BOOL, Flag(ReadNumber(Behaviour::Of(self), L"AsksPerson").value_or(0) != 0)),
+    .get_RebootBehavior =
+        GET(IInstallationBehavior, InstallationRebootBehavior,
+            static_cast<InstallationRebootBehavior>(ReadNumber(Behaviour::Of(self), L"Reboot").value_or(0)))};
 
 HRESULT CALL SizeOf(IUpdate* self, DECIMAL* out) {
   const std::wstring size = ReadText(Update::Area(self), L"Size").value_or(L"none");
@@ -102,12 +101,14 @@ HRESULT CALL SizeOf(IUpdate* self, DECIMAL* out) {
 }
 
 HRESULT CALL AcceptTerms(IUpdate* self) {
-  const DWORD error = Change<DWORD>("AcceptEula", [&] { return Update::Area(self); }, [&]() -> DWORD {
-    if (Update::Number(self, L"TermsFailure") == 0) {
-      WriteNumber(Update::Area(self), L"TermsAccepted", 1);
-    }
-    return ERROR_SUCCESS;
-  });
+  const DWORD error = Change<DWORD>(
+      "AcceptEula", [&] { return Update::Area(self); },
+      [&]() -> DWORD {
+        if (Update::Number(self, L"TermsFailure") == 0) {
+          WriteNumber(Update::Area(self), L"TermsAccepted", 1);
+        }
+        return ERROR_SUCCESS;
+      });
   return error != 0 ? HRESULT_FROM_WIN32(error) : static_cast<HRESULT>(Update::Number(self, L"TermsFailure"));
 }
 
@@ -120,26 +121,15 @@ struct UpdateTable {
 static_assert(offsetof(UpdateTable, get_BrowseOnly) == 56 * sizeof(void*));
 UpdateTable updateTable = {
     .first = {UNKNOWN(Update),
-              .get_Title = [](IUpdate* self, BSTR* out) CALL {
-                return Text(ReadText(Update::Area(self), L"Title").value_or(L""), out);
-              },
-              .get_EulaAccepted = [](IUpdate* self, VARIANT_BOOL* out) CALL {
-                return Flag(Update::Number(self, L"TermsAccepted") != 0, out);
-              },
-              .get_Identity = [](IUpdate* self, IUpdateIdentity** out) CALL -> HRESULT {
-                *out = new Identity(ReadText(Update::Area(self), L"Id").value_or(L""));
-                return S_OK;
-              },
-              .get_InstallationBehavior = [](IUpdate* self, IInstallationBehavior** out) CALL -> HRESULT {
-                *out = new Behaviour(self);
-                return S_OK;
-              },
-              .get_MaxDownloadSize = SizeOf,
-              .AcceptEula = AcceptTerms},
+              .get_Title = GET(IUpdate, BSTR, Text(ReadText(Update::Area(self), L"Title").value_or(L""))),
+              .get_EulaAccepted = GET(IUpdate, VARIANT_BOOL, Flag(Update::Number(self, L"TermsAccepted") != 0)),
+              .get_Identity = GET(IUpdate, IUpdateIdentity*,
+                                  new Identity(&identityTable, ReadText(Update::Area(self), L"Id").value_or(L""))),
+              .get_InstallationBehavior =
+                  GET(IUpdate, IInstallationBehavior*, new Behaviour(&behaviourTable, Update::Area(self))),
+              .get_MaxDownloadSize = SizeOf, .AcceptEula = AcceptTerms},
     .second = {},
-    .get_BrowseOnly = [](IUpdate* self, VARIANT_BOOL* out) CALL {
-      return Flag(Update::Number(self, L"BrowseOnly") != 0, out);
-    }};
+    .get_BrowseOnly = GET(IUpdate, VARIANT_BOOL, Flag(Update::Number(self, L"BrowseOnly") != 0))};
 Update::Update(std::wstring place) : ComObject(&updateTable.first), area(std::move(place)) {}
 
 struct Collection : ComObject<Collection, IUpdateCollection> {
@@ -163,10 +153,7 @@ IUpdateCollectionVtbl collectionTable = {
       Update::AddReference(*out);
       return S_OK;
     },
-    .get_Count = [](IUpdateCollection* self, LONG* out) CALL -> HRESULT {
-      *out = static_cast<LONG>(Collection::Of(self).size());
-      return S_OK;
-    },
+    .get_Count = GET(IUpdateCollection, LONG, static_cast<LONG>(Collection::Of(self).size())),
     .Add = [](IUpdateCollection* self, IUpdate* update, LONG* out) CALL -> HRESULT {
       Update::AddReference(update);
       *out = static_cast<LONG>(Collection::Of(self).size());
@@ -175,63 +162,59 @@ IUpdateCollectionVtbl collectionTable = {
     }};
 Collection::Collection() : ComObject(&collectionTable) {}
 
-// How an operation of a kind ended. The three kinds of result have their own tables over this.
+// How an operation ended. The kinds of result have their own tables over this.
 struct Outcome {
-  OperationResultCode code = orcSucceeded;
-  HRESULT failure = S_OK;
+  Outcome(OperationResultCode how, HRESULT why, IUpdateCollection* with = nullptr)
+      : code(how), failure(why), updates(with) {
+    Hold();
+  }
+  Outcome(const Outcome& other)
+      : code(other.code), failure(other.failure), reboot(other.reboot), updates(other.updates) {
+    Hold();
+  }
+  Outcome& operator=(const Outcome&) = delete;
+  ~Outcome() {
+    if (updates != nullptr) {
+      Collection::Drop(updates);
+    }
+  }
+  void Hold() const {
+    if (updates != nullptr) {
+      Collection::AddReference(updates);
+    }
+  }
+  OperationResultCode code;
+  HRESULT failure;
   bool reboot = false;
-  IUpdateCollection* updates = nullptr;  // what was found, or worked on
+  IUpdateCollection* updates;  // what was found, or worked on
 };
 
-template <typename Interface>
-struct Result : ComObject<Result<Interface>, Interface> {
-  Result(decltype(Interface::lpVtbl) table, const Outcome& how)
-      : ComObject<Result, Interface>(table), outcome(how) {
-    if (outcome.updates != nullptr) {
-      Collection::AddReference(outcome.updates);
-    }
-  }
-  ~Result() {
-    if (outcome.updates != nullptr) {
-      Collection::Drop(outcome.updates);
-    }
-  }
-  static bool Has(REFIID) { return false; }
-  static const Outcome& Of(Interface* self) { return static_cast<Result*>(self)->outcome; }
-  static HRESULT CALL Code(Interface* self, OperationResultCode* out) {
-    *out = Of(self).code;
-    return S_OK;
-  }
-  static HRESULT CALL Number(Interface* self, LONG* out) {
-    *out = Of(self).failure;
-    return S_OK;
-  }
-  static HRESULT CALL Reboot(Interface* self, VARIANT_BOOL* out) { return Flag(Of(self).reboot, out); }
-  Outcome outcome;
-};
-
-using SearchOutcome = Result<ISearchResult>;
-ISearchResultVtbl searchResultTable = {UNKNOWN(SearchOutcome), .get_ResultCode = SearchOutcome::Code,
-                                       .get_Updates = [](ISearchResult* self, IUpdateCollection** out) CALL -> HRESULT {
-                                         *out = SearchOutcome::Of(self).updates;
-                                         Collection::AddReference(*out);
-                                         return S_OK;
-                                       }};
-using DownloadOutcome = Result<IDownloadResult>;
-IDownloadResultVtbl downloadResultTable = {UNKNOWN(DownloadOutcome), .get_HResult = DownloadOutcome::Number,
-                                           .get_ResultCode = DownloadOutcome::Code};
-using OneOutcome = Result<IUpdateInstallationResult>;
-IUpdateInstallationResultVtbl oneResultTable = {UNKNOWN(OneOutcome), .get_HResult = OneOutcome::Number,
-                                                .get_ResultCode = OneOutcome::Code};
-using InstallOutcome = Result<IInstallationResult>;
+IUpdateCollection* Shared(IUpdateCollection* updates) {
+  Collection::AddReference(updates);
+  return updates;
+}
+using SearchOutcome = Object<ISearchResult, Outcome>;
+ISearchResultVtbl searchResultTable = {
+    UNKNOWN(SearchOutcome), .get_ResultCode = GET(ISearchResult, OperationResultCode, SearchOutcome::Of(self).code),
+    .get_Updates = GET(ISearchResult, IUpdateCollection*, Shared(SearchOutcome::Of(self).updates))};
+using DownloadOutcome = Object<IDownloadResult, Outcome>;
+IDownloadResultVtbl downloadResultTable = {
+    UNKNOWN(DownloadOutcome), .get_HResult = GET(IDownloadResult, LONG, DownloadOutcome::Of(self).failure),
+    .get_ResultCode = GET(IDownloadResult, OperationResultCode, DownloadOutcome::Of(self).code)};
+using OneOutcome = Object<IUpdateInstallationResult, Outcome>;
+IUpdateInstallationResultVtbl oneResultTable = {
+    UNKNOWN(OneOutcome), .get_HResult = GET(IUpdateInstallationResult, LONG, OneOutcome::Of(self).failure),
+    .get_ResultCode = GET(IUpdateInstallationResult, OperationResultCode, OneOutcome::Of(self).code)};
+using InstallOutcome = Object<IInstallationResult, Outcome>;
 IInstallationResultVtbl installResultTable = {
-    UNKNOWN(InstallOutcome), .get_HResult = InstallOutcome::Number, .get_RebootRequired = InstallOutcome::Reboot,
-    .get_ResultCode = InstallOutcome::Code,
+    UNKNOWN(InstallOutcome), .get_HResult = GET(IInstallationResult, LONG, InstallOutcome::Of(self).failure),
+    .get_RebootRequired = GET(IInstallationResult, VARIANT_BOOL, Flag(InstallOutcome::Of(self).reboot)),
+    .get_ResultCode = GET(IInstallationResult, OperationResultCode, InstallOutcome::Of(self).code),
     .GetUpdateResult = [](IInstallationResult* self, LONG index, IUpdateInstallationResult** out) CALL -> HRESULT {
       IUpdate* update = Collection::Of(InstallOutcome::Of(self).updates).at(static_cast<std::size_t>(index));
       const bool installed = Update::Number(update, L"Installed") != 0;
-      const auto failure = static_cast<HRESULT>(Update::Number(update, L"Failure"));
-      *out = new OneOutcome(&oneResultTable, {installed ? orcSucceeded : orcFailed, failure, false, nullptr});
+      *out = new OneOutcome(&oneResultTable, installed ? orcSucceeded : orcFailed,
+                            static_cast<HRESULT>(Update::Number(update, L"Failure")));
       return S_OK;
     }};
 
@@ -258,20 +241,12 @@ Callback* Accept(IUnknown* object, REFIID id) {
   return static_cast<Callback*>(callback);
 }
 
-template <typename Progress>
-struct Percent : ComObject<Percent<Progress>, Progress> {
-  Percent(decltype(Progress::lpVtbl) table, LONG value) : ComObject<Percent, Progress>(table), percent(value) {}
-  static bool Has(REFIID) { return false; }
-  static HRESULT CALL Get(Progress* self, LONG* out) {
-    *out = static_cast<Percent*>(self)->percent;
-    return S_OK;
-  }
-  LONG percent;
-};
-IDownloadProgressVtbl downloadProgressTable = {UNKNOWN(Percent<IDownloadProgress>),
-                                               .get_PercentComplete = Percent<IDownloadProgress>::Get};
-IInstallationProgressVtbl installProgressTable = {UNKNOWN(Percent<IInstallationProgress>),
-                                                  .get_PercentComplete = Percent<IInstallationProgress>::Get};
+using DownloadPercent = Object<IDownloadProgress, LONG>;
+IDownloadProgressVtbl downloadProgressTable = {
+    UNKNOWN(DownloadPercent), .get_PercentComplete = GET(IDownloadProgress, LONG, DownloadPercent::Of(self))};
+using InstallPercent = Object<IInstallationProgress, LONG>;
+IInstallationProgressVtbl installProgressTable = {
+    UNKNOWN(InstallPercent), .get_PercentComplete = GET(IInstallationProgress, LONG, InstallPercent::Of(self))};
 
 enum class Kind { kSearch, kDownload, kInstall };
 constexpr const wchar_t* kStages[] = {L"search", L"download", L"install"};
@@ -280,7 +255,6 @@ constexpr const wchar_t* kStages[] = {L"search", L"download", L"install"};
 struct Job : ComObject<Job, IUnknown> {
   Job(Kind what, IUpdateCollection* with, Callback* atEnd, Callback* onTheWay);
   ~Job() {
-    Collection::Drop(outcome.updates);
     CloseHandle(abort);
     for (Callback* each : {completed, progress}) {
       if (each != nullptr) {
@@ -417,10 +391,8 @@ Job::Job(Kind what, IUpdateCollection* with, Callback* atEnd, Callback* onTheWay
     : ComObject(reinterpret_cast<IUnknownVtbl*>(what == Kind::kSearch ? &searchJobTable : &workJobTable)),
       kind(what),
       completed(atEnd),
-      progress(onTheWay) {
-  outcome.updates = with;
-  Collection::AddReference(with);
-}
+      progress(onTheWay),
+      outcome(orcSucceeded, S_OK, with) {}
 
 // The arguments of a progress: the methods of a dispatch object, then the progress.
 struct ProgressArgs {
@@ -431,15 +403,14 @@ struct ProgressArgs {
   Kind kind;
   LONG percent;
 };
-constexpr ProgressArgs::Table kProgressArgs = {
-    {}, [](ProgressArgs* self, void** out) CALL -> HRESULT {
-      if (self->kind == Kind::kDownload) {
-        *out = new Percent<IDownloadProgress>(&downloadProgressTable, self->percent);
-      } else {
-        *out = new Percent<IInstallationProgress>(&installProgressTable, self->percent);
-      }
-      return S_OK;
-    }};
+constexpr ProgressArgs::Table kProgressArgs = {{}, [](ProgressArgs* self, void** out) CALL -> HRESULT {
+                                                 if (self->kind == Kind::kDownload) {
+                                                   *out = new DownloadPercent(&downloadProgressTable, self->percent);
+                                                 } else {
+                                                   *out = new InstallPercent(&installProgressTable, self->percent);
+                                                 }
+                                                 return S_OK;
+                                               }};
 void Job::Tell(LONG percent) {
   if (progress != nullptr) {
     ProgressArgs args{&kProgressArgs, kind, percent};
@@ -478,10 +449,7 @@ HRESULT End(JobInterface* raw, Table* table, Interface** out) {
   return S_OK;
 }
 
-struct Searcher : ComObject<Searcher, IUpdateSearcher> {
-  Searcher();
-  static bool Has(REFIID) { return false; }
-};
+using Searcher = Object<IUpdateSearcher, int>;
 IUpdateSearcherVtbl searcherTable = {
     UNKNOWN(Searcher),
     .BeginSearch = [](IUpdateSearcher*, BSTR criteria, IUnknown* done, VARIANT, ISearchJob** out) CALL -> HRESULT {
@@ -496,10 +464,8 @@ IUpdateSearcherVtbl searcherTable = {
       Collection::Drop(found);
       return Begin(job, out);
     },
-    .EndSearch = [](IUpdateSearcher*, ISearchJob* job, ISearchResult** out) CALL {
-      return End<SearchOutcome>(job, &searchResultTable, out);
-    }};
-Searcher::Searcher() : ComObject(&searcherTable) {}
+    .EndSearch = [](IUpdateSearcher*, ISearchJob* job, ISearchResult** out)
+                     CALL { return End<SearchOutcome>(job, &searchResultTable, out); }};
 
 // A downloader or an installer: what it is to work on.
 template <typename Interface>
@@ -536,22 +502,24 @@ struct Worker : ComObject<Worker<Interface>, Interface> {
 using Downloader = Worker<IUpdateDownloader>;
 IUpdateDownloaderVtbl downloaderTable = {
     UNKNOWN(Downloader), .put_Updates = Downloader::Put,
-    .BeginDownload = [](IUpdateDownloader* self, IUnknown* moved, IUnknown* done, VARIANT, IDownloadJob** out) CALL {
-      return Downloader::Start(self, Kind::kDownload, Accept(done, kDownloadDone), Accept(moved, kDownloadMoved), out);
-    },
-    .EndDownload = [](IUpdateDownloader*, IDownloadJob* job, IDownloadResult** out) CALL {
-      return End<DownloadOutcome>(job, &downloadResultTable, out);
-    }};
+    .BeginDownload =
+        [](IUpdateDownloader* self, IUnknown* moved, IUnknown* done, VARIANT, IDownloadJob** out) CALL {
+          return Downloader::Start(self, Kind::kDownload, Accept(done, kDownloadDone), Accept(moved, kDownloadMoved),
+                                   out);
+        },
+    .EndDownload = [](IUpdateDownloader*, IDownloadJob* job, IDownloadResult** out)
+                       CALL { return End<DownloadOutcome>(job, &downloadResultTable, out); }};
 using Installer = Worker<IUpdateInstaller>;
 IUpdateInstallerVtbl installerTable = {
-    UNKNOWN(Installer), .put_Updates = Installer::Put,
-    .BeginInstall = [](IUpdateInstaller* self, IUnknown* moved, IUnknown* done, VARIANT, IInstallationJob** out) CALL {
-      return Installer::Start(self, Kind::kInstall, Accept(done, kInstallDone), Accept(moved, kInstallMoved), out);
-    },
-    .EndInstall = [](IUpdateInstaller*, IInstallationJob* job, IInstallationResult** out) CALL {
-      return End<InstallOutcome>(job, &installResultTable, out);
-    },
-    .get_IsBusy = [](IUpdateInstaller*, VARIANT_BOOL* out) CALL { return Flag(Setting(L"InstallerBusy") != 0, out); },
+    UNKNOWN(Installer),
+    .put_Updates = Installer::Put,
+    .BeginInstall =
+        [](IUpdateInstaller* self, IUnknown* moved, IUnknown* done, VARIANT, IInstallationJob** out) CALL {
+          return Installer::Start(self, Kind::kInstall, Accept(done, kInstallDone), Accept(moved, kInstallMoved), out);
+        },
+    .EndInstall = [](IUpdateInstaller*, IInstallationJob* job, IInstallationResult** out)
+                      CALL { return End<InstallOutcome>(job, &installResultTable, out); },
+    .get_IsBusy = GET(IUpdateInstaller, VARIANT_BOOL, Flag(Setting(L"InstallerBusy") != 0)),
     .put_AllowSourcePrompts = [](IUpdateInstaller*, VARIANT_BOOL allow) CALL -> HRESULT {
       if (allow != VARIANT_FALSE) {
         Violation("an installation may ask for a source, and nobody is there to answer");
@@ -577,23 +545,21 @@ IUpdateSessionVtbl sessionTable = {
       WriteText(kArea, L"Client", name);
       return S_OK;
     },
-    .CreateUpdateSearcher = [](IUpdateSession*, IUpdateSearcher** out) CALL { return Make<Searcher>(L"searcher", out); },
-    .CreateUpdateDownloader = [](IUpdateSession*, IUpdateDownloader** out) CALL {
-      return Make<Downloader>(L"downloader", out, &downloaderTable);
-    },
-    .CreateUpdateInstaller = [](IUpdateSession*, IUpdateInstaller** out) CALL {
-      return Make<Installer>(L"installer", out, &installerTable);
-    }};
+    .CreateUpdateSearcher = [](IUpdateSession*, IUpdateSearcher** out)
+                                CALL { return Make<Searcher>(L"searcher", out, &searcherTable); },
+    .CreateUpdateDownloader = [](IUpdateSession*, IUpdateDownloader** out)
+                                  CALL { return Make<Downloader>(L"downloader", out, &downloaderTable); },
+    .CreateUpdateInstaller = [](IUpdateSession*, IUpdateInstaller** out)
+                                 CALL { return Make<Installer>(L"installer", out, &installerTable); }};
 Session::Session() : ComObject(&sessionTable) {}
 
 struct System : ComObject<System, ISystemInformation> {
   System();
   static bool Has(REFIID id) { return IsEqualIID(id, IID_ISystemInformation); }
 };
-ISystemInformationVtbl systemTable = {UNKNOWN(System),
-                                      .get_RebootRequired = [](ISystemInformation*, VARIANT_BOOL* out) CALL {
-                                        return Flag(Setting(L"RebootRequired") != 0, out);
-                                      }};
+ISystemInformationVtbl systemTable = {
+    UNKNOWN(System),
+    .get_RebootRequired = GET(ISystemInformation, VARIANT_BOOL, Flag(Setting(L"RebootRequired") != 0))};
 System::System() : ComObject(&systemTable) {}
 
 template <typename Made>
@@ -603,18 +569,20 @@ HRESULT Create(const wchar_t* stage, REFIID id, void** out) {
 }
 
 const bool registered =
-    RegisterComClass({&CLSID_UpdateSession, [](REFIID id, void** out) { return Create<Session>(L"session", id, out); }}) &&
-    RegisterComClass({&kCollectionClass, [](REFIID id, void** out) { return Create<Collection>(L"collection", id, out); }}) &&
-    RegisterComClass({&CLSID_SystemInformation, [](REFIID id, void** out) { return Create<System>(L"system", id, out); }});
+    RegisterComClass(
+        {&CLSID_UpdateSession, [](REFIID id, void** out) { return Create<Session>(L"session", id, out); }}) &&
+    RegisterComClass(
+        {&kCollectionClass, [](REFIID id, void** out) { return Create<Collection>(L"collection", id, out); }}) &&
+    RegisterComClass(
+        {&CLSID_SystemInformation, [](REFIID id, void** out) { return Create<System>(L"system", id, out); }});
 
 }  // namespace
 
 std::wstring OfferUpdate(const OfferedUpdate& update) {
   static_cast<void>(registered);
-  wchar_t number[16];
-  std::swprintf(number, 16, L"%06u", static_cast<unsigned>(AreaNames(kArea + L"\\Updates").size()));
+  const std::wstring number = std::to_wstring(1'000'000 + AreaNames(kArea + L"\\Updates").size()).substr(1);
   const std::wstring area = kArea + L"\\Updates\\" + number;
-  const std::wstring id = std::wstring(L"id-") + number;
+  std::wstring id = L"id-" + number;
   WriteText(area, L"Id", id);
   WriteText(area, L"Title", update.title);
   WriteText(area, L"Size", update.size);

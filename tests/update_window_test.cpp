@@ -92,7 +92,7 @@ TEST_F(UpdateWindowTest, WaitsForWhoeverIsAtTheTerminal) {
   EXPECT_EQ(Waited(), 1);
 
   GoTo(2, 1, 59);
-  Report(4 * 60, false, true);  // through the whole window
+  Report(240, false, true);  // through the whole window
   GoTo(2, 6);
   EXPECT_EQ(InReport("lastResult") + RunAt() + WindowDone(), "deferred2026-11-23T04:452026-11-22");
   EXPECT_EQ(Waited("a stream session is live"), 1);
@@ -150,7 +150,7 @@ TEST_F(UpdateWindowTest, TheRestartWaitsToo) {
   // Owed when the window closes, it waits for the next one.
   GoTo(3, 1, 59);
   Report(5, false);
-  clock_.At(clock_.Elapsed() + kMinute + 1000, [this] { Report(4 * 60, true); });
+  clock_.At(clock_.Elapsed() + kMinute + 1000, [this] { Report(240, true); });
   SetAgent(L"Duration search", static_cast<DWORD>(5 * kMinute));
   GoTo(3, 23);
   EXPECT_EQ(Windows(), "11-22 11-23 11-24 ");

@@ -1,4 +1,5 @@
 // Update runs against the simulated update agent, their report, the terminal's commands, and the restart policies.
+#include "tests/support/updates.h"
 #include "account/teardown.h"
 #include "account/unlock_token.h"
 #include "json/serialise.h"
@@ -7,7 +8,6 @@
 #include "sim/fault_driver.h"
 #include "sim/http.h"
 #include "sim/shutdown.h"
-#include "tests/support/updates.h"
 #include "updates/agent_callbacks.h"
 #include "updates/policy_store.h"
 #include "updates/report.h"
@@ -61,23 +61,22 @@ TEST_F(UpdatesTest, InstallsWhatNeedsNoPerson) {
   EXPECT_EQ(result.code, RunCode::kDone);
   EXPECT_EQ(result.pending, 3);
   EXPECT_EQ(result.restartRequired, true);
-  EXPECT_EQ(progress, (std::map<std::uint64_t, int>{{1200, 0}, {1400, 25 - 25}, {2500, 25}, {3400, 50}, {4400, 50}, {5500, 75}}));
+  EXPECT_EQ(progress,
+            (std::map<std::uint64_t, int>{{1200, 0}, {1400, 25 - 25}, {2500, 25}, {3400, 50}, {4400, 50}, {5500, 75}}));
   EXPECT_TRUE(during.starts_with(R"({"ok":true,"checking":false,"installing":true,"progress":0,)")) << during;
   EXPECT_NE(during.find(R"({"id":"id-000000","title":"Łódź – 更新","sizeBytes":5000000000,"restartRequired":true})"),
             std::string::npos);
-  EXPECT_EQ(Status(),
-            R"({"ok":true,"checking":false,"installing":false,"progress":0,"restartRequired":true,)"
-            R"("lastChecked":"2026-11-21T09:00:00Z","error":null,"updates":[)"
-            R"({"id":"id-000002","title":"Asks","sizeBytes":0,"restartRequired":true},)"
-            R"({"id":"id-000003","title":"Fails","sizeBytes":0,"restartRequired":false},)"
-            R"({"id":"id-000004","title":"Terms","sizeBytes":1048576,"restartRequired":false}]})");
+  EXPECT_EQ(Status(), R"({"ok":true,"checking":false,"installing":false,"progress":0,"restartRequired":true,)"
+                      R"("lastChecked":"2026-11-21T09:00:00Z","error":null,"updates":[)"
+                      R"({"id":"id-000002","title":"Asks","sizeBytes":0,"restartRequired":true},)"
+                      R"({"id":"id-000003","title":"Fails","sizeBytes":0,"restartRequired":false},)"
+                      R"({"id":"id-000004","title":"Terms","sizeBytes":1048576,"restartRequired":false}]})");
   EXPECT_EQ(test::LogTexts(),
-            (std::vector<std::string>{"INFO os updates: searching",
-                                      "WARN os updates: cannot accept the terms of \"Terms\" (0x80240025)",
-                                      "INFO os updates: 5 pending", "INFO os updates: downloading 3",
-                                      "INFO os updates: installing 3",
-                                      "WARN os updates: \"Fails\" was not installed (0x80070643)",
-                                      "INFO os updates: installed; 3 still pending, restart required"}));
+            (std::vector<std::string>{
+                "INFO os updates: searching", "WARN os updates: cannot accept the terms of \"Terms\" (0x80240025)",
+                "INFO os updates: 5 pending", "INFO os updates: downloading 3", "INFO os updates: installing 3",
+                "WARN os updates: \"Fails\" was not installed (0x80070643)",
+                "INFO os updates: installed; 3 still pending, restart required"}));
   EXPECT_EQ(sim::ReadText(sim::kUpdateArea, L"Client"), L"Norvane Kiosk");
   EXPECT_EQ(sim::LiveComObjects(), 0);
 }
@@ -146,7 +145,11 @@ TEST_F(UpdatesTest, AllThatFailFailTheRunAndStayPending) {
 // Whatever the run does then, and whether the agent gives it up or not.
 class UpdatesStop : public UpdatesTest, public testing::WithParamInterface<std::tuple<const wchar_t*, bool>> {};
 INSTANTIATE_TEST_SUITE_P(Stages, UpdatesStop,
-                         testing::Combine(testing::Values(L"search", L"download", L"install"), testing::Bool()));
+                         testing::Combine(testing::Values(L"search", L"download", L"install"), testing::Bool()),
+                         [](const auto& each) {
+                           return win32::ToNarrow(std::get<0>(each.param)) +
+                                  (std::get<1>(each.param) ? "Stubborn" : "");
+                         });
 
 TEST_P(UpdatesStop, EndsInTimeAndLeavesNoResult) {
   const auto& [stage, stubborn] = GetParam();
@@ -198,8 +201,8 @@ TEST_F(UpdatesTest, CallbacksOutliveTheRunAndBelongToNoApartment) {
 TEST_F(UpdatesTest, TheReport) {
   RunResult run{RunCode::kDone, 700, true, std::string(79, 'x') + "ü tail"};
   EXPECT_TRUE(WriteUpdatesReport("tok", "ok", &run));
-  EXPECT_EQ(StoredReport(), R"({"lastRunAt":"2026-11-21T09:00:00Z","lastResult":"ok","error":")" + std::string(79, 'x') +
-                          R"(","pending":500,"restartRequired":true})");
+  EXPECT_EQ(StoredReport(), R"({"lastRunAt":"2026-11-21T09:00:00Z","lastResult":"ok","error":")" +
+                                std::string(79, 'x') + R"(","pending":500,"restartRequired":true})");
   EXPECT_EQ(state::ReadState(state::kOsUpdatesReport)->type, DWORD{REG_SZ});
   RememberOwedRestart();
   EXPECT_NE(Status().find(R"("restartRequired":true)"), std::string::npos);
@@ -312,7 +315,8 @@ TEST_F(UpdatesTest, TakenOverFromTheCheckIn) {
   portal::CheckIn("tok");
   EXPECT_EQ(state::ReadStateString(state::kUpdatesPolicy) + state::ReadStateString(state::kUpdatesSource),
             policy + L"tenant");
-  members = R"("updates":{"automatic":true,"window":{"start":"02:00","end":"05:00","days":[6,0]}},"updatesSource":"Tenant")";
+  members =
+      R"("updates":{"automatic":true,"window":{"start":"02:00","end":"05:00","days":[6,0]}},"updatesSource":"Tenant")";
   portal::CheckIn("tok");
   EXPECT_FALSE(state::ReadState(state::kUpdatesSource));
   EXPECT_EQ(test::CountLogged(line), 1);
@@ -321,17 +325,18 @@ TEST_F(UpdatesTest, TakenOverFromTheCheckIn) {
 // The five policies as type and number, in their order.
 std::string Policies() {
   std::string all;
-  for (const auto& [key, name] : std::vector<std::pair<std::wstring, const wchar_t*>>{
-           {kAuKey, L"NoAutoRebootWithLoggedOnUsers"},
-           {kWindowsUpdateKey, L"SetActiveHours"},
-           {kWindowsUpdateKey, L"ActiveHoursStart"},
-           {kWindowsUpdateKey, L"ActiveHoursEnd"},
-           {kWindowsUpdateKey, L"ActiveHoursMaxRange"}}) {
+  for (const auto& [key, name] :
+       std::vector<std::pair<std::wstring, const wchar_t*>>{{kAuKey, L"NoAutoRebootWithLoggedOnUsers"},
+                                                            {kWindowsUpdateKey, L"SetActiveHours"},
+                                                            {kWindowsUpdateKey, L"ActiveHoursStart"},
+                                                            {kWindowsUpdateKey, L"ActiveHoursEnd"},
+                                                            {kWindowsUpdateKey, L"ActiveHoursMaxRange"}}) {
     state::RawValue value;
     const bool there = state::ReadValue(key.c_str(), name, value) == ERROR_SUCCESS;
-    all += !there                   ? "- "
-           : value.type == REG_DWORD ? std::to_string(value.Dword().value_or(99)) + " "
-                                     : std::to_string(value.type) + ":" + win32::ToNarrow(value.Text().value_or(L"?")) + " ";
+    all += !there ? "- "
+           : value.type == REG_DWORD
+               ? std::to_string(value.Dword().value_or(99)) + " "
+               : std::to_string(value.type) + ":" + win32::ToNarrow(value.Text().value_or(L"?")) + " ";
   }
   return all;
 }
@@ -352,8 +357,9 @@ TEST_F(UpdatesTest, WindowsMayNotRestartOnItsOwn) {
     ApplyWuRestartPolicy(kEarly);
     EXPECT_EQ(pass.Count(), 0);
   }
-  EXPECT_EQ(test::LogTexts(), (std::vector<std::string>{
-                                  "INFO os updates: Windows may not restart on its own; active hours 08:00-02:00"}));
+  EXPECT_EQ(
+      test::LogTexts(),
+      (std::vector<std::string>{"INFO os updates: Windows may not restart on its own; active hours 08:00-02:00"}));
   ApplyWuRestartPolicy({true, 1320, 120, 127});
   EXPECT_EQ(Policies(), "1 1 4 22 18 ");
   ApplyWuRestartPolicy({true, 0, 1381, 127});

@@ -1,6 +1,6 @@
-// The interfaces of the Windows Update Agent, completed: the distribution's header has those of the first version only. Each
-// declaration stands aside for a header that has it. The methods and their order are those of the public reference of
-// wuapi.h (https://learn.microsoft.com/windows/win32/api/wuapi/).
+// The interfaces of the Windows Update Agent, completed: the distribution's header has those of the first version only.
+// Each declaration stands aside for a header that has it. The methods and their order are those of the public reference
+// of wuapi.h (https://learn.microsoft.com/windows/win32/api/wuapi/).
 #pragma once
 
 #include "win32/winapi.h"
@@ -30,9 +30,7 @@ NORVANE_UUID(IUpdate2, 0x144fe9b0, 0xd23d, 0x4a8b, 0x86, 0x34, 0xfb, 0x44, 0x57,
 
 #ifndef __IUpdate3_INTERFACE_DEFINED__
 MIDL_INTERFACE("112eda6b-95b3-476f-9d90-aee82c6b8181")
-IUpdate3 : public IUpdate2 {
-  virtual HRESULT STDMETHODCALLTYPE get_BrowseOnly(VARIANT_BOOL * value) = 0;
-};
+IUpdate3 : public IUpdate2 { virtual HRESULT STDMETHODCALLTYPE get_BrowseOnly(VARIANT_BOOL * value) = 0; };
 NORVANE_UUID(IUpdate3, 0x112eda6b, 0x95b3, 0x476f, 0x9d, 0x90, 0xae, 0xe8, 0x2c, 0x6b, 0x81, 0x81)
 #endif
 

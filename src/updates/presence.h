@@ -8,7 +8,8 @@
 
 namespace kiosk::updates {
 
-// "session.report" of the kiosk shell in `sessionId`: who is at the terminal. Answers "invalid" to anything but booleans.
+// "session.report" of the kiosk shell in `sessionId`: who is at the terminal. Answers "invalid" to anything but
+// booleans.
 json::Value SessionReport(const json::Value& request, DWORD sessionId);
 
 // Why updates must not run and the computer must not restart now; empty when they may. A report counts for 150 s and as

@@ -28,11 +28,6 @@ int PendingOf(const json::Value& report) {
   return pending > 0 ? static_cast<int>(std::min<double>(pending, kMostPending)) : 0;
 }
 
-json::Value ErrorText(const RunResult* run) {
-  return run == nullptr || run->error.empty() ? json::Value()
-                                              : json::Value(run->error.substr(0, text::CutLength(run->error, kLongestError)));
-}
-
 }  // namespace
 
 bool WriteUpdatesReport(const std::string& token, const char* word, const RunResult* run) {
@@ -49,7 +44,10 @@ bool WriteUpdatesReport(const std::string& token, const char* word, const RunRes
                                                               : json::Member(report, "restartRequired").boolean();
   report.Set("lastRunAt", UtcNowText());
   report.Set("lastResult", word);
-  report.Set("error", ErrorText(run));
+  report.Set("error", json::Value());
+  if (run != nullptr && !run->error.empty()) {
+    report.Set("error", run->error.substr(0, text::CutLength(run->error, kLongestError)));
+  }
   report.Set("pending", pending);
   report.Set("restartRequired", restart);
   if (!state::WriteStateString(state::kOsUpdatesReport, win32::ToWide(json::Serialise(report)))) {

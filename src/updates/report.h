@@ -8,9 +8,9 @@
 
 namespace kiosk::updates {
 
-// Stores the result word ("ok", "nothing", "failed", "deferred") with the time and, with a run, its error, count and need of
-// a restart; what the run does not know, or a report without one, leaves as the report before said. False, and nothing is
-// written, when the enrolment with `token` has ended meanwhile.
+// Stores the result word ("ok", "nothing", "failed", "deferred") with the time and, with a run, its error, count and
+// need of a restart; what the run does not know, or a report without one, leaves as the report before said. False, and
+// nothing is written, when the enrolment with `token` has ended meanwhile.
 bool WriteUpdatesReport(const std::string& token, const char* word, const RunResult* run);
 
 // "ok", "nothing" or "failed".
@@ -25,7 +25,8 @@ void AddUpdatesReport(json::Value& body);
 // At the start of the service: a restart that the stored report still asks for is shown again.
 void RememberOwedRestart();
 
-// For a teardown that has marked itself: deletes policy, source, report and the window done. Nothing writes them afterwards.
+// For a teardown that has marked itself: deletes policy, source, report and the window done. Nothing writes them
+// afterwards.
 void ForgetUpdates();
 
 }  // namespace kiosk::updates

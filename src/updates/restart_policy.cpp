@@ -52,10 +52,9 @@ bool Save(const ManagedPolicy& policy) {
   const LSTATUS status = state::ReadValue(policy.key, policy.name, value);
   const bool saved = status == ERROR_FILE_NOT_FOUND
                          ? state::DeleteStateValue(policy.prior)
-                         : status == ERROR_SUCCESS && state::WriteExisting(state::kStateKey, policy.prior.name, value.type,
-                                                                           value.bytes.data(),
-                                                                           static_cast<DWORD>(value.bytes.size())) ==
-                                                          ERROR_SUCCESS;
+                         : status == ERROR_SUCCESS &&
+                               state::WriteExisting(state::kStateKey, policy.prior.name, value.type, value.bytes.data(),
+                                                    static_cast<DWORD>(value.bytes.size())) == ERROR_SUCCESS;
   if (!saved) {
     log::Log(log::kError, log::kKiosk, "os updates: cannot save %s; it stays as it is",
              win32::ToNarrow(policy.name).c_str());
@@ -105,8 +104,8 @@ void ApplyWuRestartPolicy(const UpdatesPolicy& policy) {
     changed |= SetPolicyDword(kActiveHoursMaxRange, kLongestRange);
   }
   if (changed) {
-    log::Log(log::kNotice, log::kKiosk,
-             "os updates: Windows may not restart on its own; active hours %02u:00-%02u:00", hours.start, hours.end);
+    log::Log(log::kNotice, log::kKiosk, "os updates: Windows may not restart on its own; active hours %02u:00-%02u:00",
+             hours.start, hours.end);
   }
 }
 
@@ -117,7 +116,11 @@ void RestoreWuRestartPolicy() {
   }
   for (const ManagedPolicy* policy : kManaged) {
     // Twice, since the copy goes with the mark. Nothing waits longer for it: the terminal may be on its way out.
-    if (!PutBack(*policy) && !PutBack(*policy)) {
+    bool back = false;
+    for (int tries = 0; tries < 2 && !back; ++tries) {
+      back = PutBack(*policy);
+    }
+    if (!back) {
       log::Log(log::kError, log::kKiosk, "os updates: cannot put %s back", win32::ToNarrow(policy->name).c_str());
     }
   }

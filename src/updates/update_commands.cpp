@@ -29,7 +29,13 @@ void RunAndRecord(bool install) noexcept {
   }
 }
 
-json::Value TextOrNull(const std::string& text) { return text.empty() ? json::Value() : json::Value(text); }
+void SetTextOrNull(json::Value& reply, const char* member, const std::string& text) {
+  if (text.empty()) {
+    reply.Set(member, json::Value());
+  } else {
+    reply.Set(member, text);
+  }
+}
 
 json::Value UpdateList(const std::vector<PendingUpdate>& pending) {
   json::Value list = json::Value::Array();
@@ -55,8 +61,8 @@ json::Value StatusReply() {
     reply.Set("installing", state->installing);
     reply.Set("progress", state->installing ? CurrentProgress() : 0);
     reply.Set("restartRequired", state->restartRequired);
-    reply.Set("lastChecked", TextOrNull(state->lastChecked));
-    reply.Set("error", TextOrNull(state->lastError));
+    SetTextOrNull(reply, "lastChecked", state->lastChecked);
+    SetTextOrNull(reply, "error", state->lastError);
     reply.Set("updates", UpdateList(state->pending));
   }
   if (known) {

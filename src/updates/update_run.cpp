@@ -26,8 +26,8 @@ constexpr bool Succeeded(OperationResultCode code) noexcept {
   return code == orcSucceeded || code == orcSucceededWithErrors;
 }
 
-// The failure that a download's or an installation's result stands for; S_OK when it is none. Windows does not always name
-// one.
+// The failure that a download's or an installation's result stands for; S_OK when it is none. Windows does not always
+// name one.
 template <typename Result>
 HRESULT Outcome(Result* result) {
   OperationResultCode code = orcFailed;

@@ -9,8 +9,8 @@
 namespace kiosk::updates {
 namespace {
 
-// Run and connection threads, the window thread, the service thread at start, and whoever tears kiosk mode down. Also held
-// while the report is written, never across a wait or a call to the update agent.
+// Run and connection threads, the window thread, the service thread at start, and whoever tears kiosk mode down. Also
+// held while the report is written, never across a wait or a call to the update agent.
 win32::Lock stateLock{win32::LockRank::kLeaf};
 
 // Guarded by stateLock; kept for ever, since a detached run may outlive main.

@@ -1,5 +1,5 @@
-// What is known of the computer's updates, kept in memory and shared by runs, the terminal's commands and the reports; and the
-// claim that makes sure that at most one run exists.
+// What is known of the computer's updates, kept in memory and shared by runs, the terminal's commands and the reports;
+// and the claim that makes sure that at most one run exists.
 #pragma once
 
 #include "win32/lock.h"
@@ -39,8 +39,8 @@ class LockedUpdateState {
   win32::LockGuard guard_;
 };
 
-// Progress of the run, 0 to 100, for anybody without the lock. A stage of a run begins with a percentage and a new number;
-// what is reported under an older number comes late and is dropped.
+// Progress of the run, 0 to 100, for anybody without the lock. A stage of a run begins with a percentage and a new
+// number; what is reported under an older number comes late and is dropped.
 using ProgressStage = std::uint32_t;
 ProgressStage BeginProgressStage(int percent) noexcept;
 void ReportProgress(ProgressStage stage, int percent) noexcept;

@@ -1,5 +1,5 @@
-// The portal's decision about operating-system updates: whether the service installs them, and in which window. No Windows
-// header.
+// The portal's decision about operating-system updates: whether the service installs them, and in which window. No
+// Windows header.
 #pragma once
 
 #include "json/value.h"
@@ -29,8 +29,8 @@ bool ParseUpdatesPolicy(const json::Value& value, UpdatesPolicy& policy);
 // The canonical form: equal policies give equal text.
 json::Value UpdatesPolicyToJson(const UpdatesPolicy& policy);
 
-// The hours in which Windows must not restart by itself: everything but the window, in whole hours, at most 18 of them. They
-// begin at `start` and end before `end`, each 0 to 23. Not `set`: the window leaves no whole hour out.
+// The hours in which Windows must not restart by itself: everything but the window, in whole hours, at most 18 of them.
+// They begin at `start` and end before `end`, each 0 to 23. Not `set`: the window leaves no whole hour out.
 struct ActiveHours {
   std::uint32_t start;
   std::uint32_t end;

@@ -16,8 +16,8 @@ struct LocalTime {
   unsigned minute;  // 0 to 59
 };
 
-// The date on which the window that is open at `now` opened ("2026-11-21"); empty while none is open. A window past midnight
-// keeps the date of its evening, and it is that day that must be one of the policy's.
+// The date on which the window that is open at `now` opened ("2026-11-21"); empty while none is open. A window past
+// midnight keeps the date of its evening, and it is that day that must be one of the policy's.
 std::string WindowKey(const UpdatesPolicy& policy, const LocalTime& now);
 
 }  // namespace kiosk::updates

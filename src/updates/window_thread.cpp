@@ -49,8 +49,7 @@ class Window {
     if (key.empty() || win32::TickCount() < nextTry_) {
       return;
     }
-    const bool done =
-        key == doneKey_ || key == win32::ToNarrow(state::ReadStateString(state::kOsUpdatesWindowDone));
+    const bool done = key == doneKey_ || key == win32::ToNarrow(state::ReadStateString(state::kOsUpdatesWindowDone));
     if ((done && restartKey_ != key) || MustWait(key, done)) {
       return;
     }

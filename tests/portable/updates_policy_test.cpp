@@ -21,15 +21,18 @@ std::string Canonical(const std::string& text) {
   return json::Serialise(UpdatesPolicyToJson(policy));
 }
 
-std::string With(const std::string& automatic, const std::string& start, const std::string& end, const std::string& days) {
-  return R"({"automatic":)" + automatic + R"(,"window":{"start":)" + start + R"(,"end":)" + end + R"(,"days":)" + days + "}}";
+std::string With(const std::string& automatic, const std::string& start, const std::string& end,
+                 const std::string& days) {
+  return R"({"automatic":)" + automatic + R"(,"window":{"start":)" + start + R"(,"end":)" + end + R"(,"days":)" + days +
+         "}}";
 }
 
 TEST(UpdatesPolicyTest, OneTextForEachPolicy) {
   const std::string text = With("true", "\"22:00\"", "\"02:00\"", "[0,5,6]");
   EXPECT_EQ(Canonical(text), text);
-  EXPECT_EQ(Canonical(R"( {"extra":[],"window":{"days":[6,5,0],"x":1,"end":"02:00","start":"22:00"},"automatic":true})"),
-            text);
+  EXPECT_EQ(
+      Canonical(R"( {"extra":[],"window":{"days":[6,5,0],"x":1,"end":"02:00","start":"22:00"},"automatic":true})"),
+      text);
   EXPECT_EQ(json::Serialise(UpdatesPolicyToJson({})), With("false", "\"02:00\"", "\"05:00\"", "[0,1,2,3,4,5,6]"));
   const std::string manual = With("false", "\"00:00\"", "\"23:59\"", "[3]");
   EXPECT_EQ(Canonical(With("false", "\"00:00\"", "\"23:59\"", "[-0]")), With("false", "\"00:00\"", "\"23:59\"", "[0]"));
@@ -39,24 +42,44 @@ TEST(UpdatesPolicyTest, OneTextForEachPolicy) {
 TEST(UpdatesPolicyTest, OneWrongMemberRefusesAllOfIt) {
   const std::string s = "\"02:00\"";
   const std::string e = "\"05:00\"";
-  for (const std::string& text :
-       {std::string("null"), std::string("[]"), std::string("\"x\""), std::string("{}"), std::string(R"({"automatic":true})"),
-        std::string(R"({"automatic":true,"window":[]})"), std::string(R"({"automatic":true,"window":null})"),
-        std::string(R"({"window":{"start":"02:00","end":"05:00","days":[1]}})"), With("1", s, e, "[1]"),
-        With("\"true\"", s, e, "[1]"), With("null", s, e, "[1]"), With("true", s, s, "[1]"),
-        With("true", "\"2:00\"", e, "[1]"), With("true", "\"24:00\"", e, "[1]"), With("true", s, "\"12:60\"", "[1]"),
-        With("true", "120", e, "[1]"), With("true", s, "null", "[1]"), With("true", "\"02:0\\u0000\"", e, "[1]"),
-        With("true", s, e, "[]"), With("false", s, e, "[]"), With("true", s, e, "[1,1]"), With("true", s, e, "[7]"),
-        With("true", s, e, "[-1]"), With("true", s, e, "[1.5]"), With("true", s, e, "[\"1\"]"), With("true", s, e, "[[1]]"),
-        With("true", s, e, "[9007199254740993]"), With("true", s, e, "[1e308]"), With("true", s, e, "{\"0\":1}"),
-        With("true", s, e, "\"1\""), With("true", s, e, "[0,1,2,3,4,5,6,0]"),
-        With("true", s, e, "[[[[[[[[[[1]]]]]]]]]]")}) {
+  for (const std::string& text : {std::string("null"),
+                                  std::string("[]"),
+                                  std::string("\"x\""),
+                                  std::string("{}"),
+                                  std::string(R"({"automatic":true})"),
+                                  std::string(R"({"automatic":true,"window":[]})"),
+                                  std::string(R"({"automatic":true,"window":null})"),
+                                  std::string(R"({"window":{"start":"02:00","end":"05:00","days":[1]}})"),
+                                  With("1", s, e, "[1]"),
+                                  With("\"true\"", s, e, "[1]"),
+                                  With("null", s, e, "[1]"),
+                                  With("true", s, s, "[1]"),
+                                  With("true", "\"2:00\"", e, "[1]"),
+                                  With("true", "\"24:00\"", e, "[1]"),
+                                  With("true", s, "\"12:60\"", "[1]"),
+                                  With("true", "120", e, "[1]"),
+                                  With("true", s, "null", "[1]"),
+                                  With("true", "\"02:0\\u0000\"", e, "[1]"),
+                                  With("true", s, e, "[]"),
+                                  With("false", s, e, "[]"),
+                                  With("true", s, e, "[1,1]"),
+                                  With("true", s, e, "[7]"),
+                                  With("true", s, e, "[-1]"),
+                                  With("true", s, e, "[1.5]"),
+                                  With("true", s, e, "[\"1\"]"),
+                                  With("true", s, e, "[[1]]"),
+                                  With("true", s, e, "[9007199254740993]"),
+                                  With("true", s, e, "[1e308]"),
+                                  With("true", s, e, "{\"0\":1}"),
+                                  With("true", s, e, "\"1\""),
+                                  With("true", s, e, "[0,1,2,3,4,5,6,0]"),
+                                  With("true", s, e, "[[[[[[[[[[1]]]]]]]]]]")}) {
     EXPECT_EQ(Canonical(text), "refused") << text;
   }
 }
 
 TEST(WindowKeyTest, TheDateOnWhichItOpened) {
-  const UpdatesPolicy early{true, 120, 300, 0x7F};          // 02:00-05:00
+  const UpdatesPolicy early{true, 120, 300, 0x7F};           // 02:00-05:00
   const UpdatesPolicy fridayNight{true, 1320, 120, 1 << 5};  // 22:00-02:00
   const UpdatesPolicy night{true, 1320, 120, 0x7F};
   const UpdatesPolicy sundays{true, 120, 300, 1};
@@ -105,8 +128,7 @@ TEST(ActiveHoursTest, EverythingButTheWindow) {
       {60, 420, 7, 1, true},     // exactly 18
       {0, 1380, 23, 0, true},    // one hour is left
       {0, 1381, 0, 0, false},    // none
-      {719, 659, 11, 11, false},
-      {1380, 60, 5, 23, true},
+      {719, 659, 11, 11, false}, {1380, 60, 5, 23, true},
   };
   for (const auto& each : cases) {
     const ActiveHours hours = ActiveHoursAround({true, each.start, each.end, 1});

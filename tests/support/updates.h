@@ -37,8 +37,8 @@ class UpdatesTerminal : public CleanMachine {
   static void SetAgent(const std::wstring& name, DWORD number) { sim::WriteNumber(sim::kUpdateArea, name, number); }
   static void SetPolicy(const char* start, const char* end, const std::string& days, bool automatic = true) {
     SetString(state::kStateKey, L"UpdatesPolicy",
-              win32::ToWide(std::string(R"({"automatic":)") + (automatic ? "true" : "false") + R"(,"window":{"start":")" +
-                            start + R"(","end":")" + end + R"(","days":)" + days + "}}"));
+              win32::ToWide(std::string(R"({"automatic":)") + (automatic ? "true" : "false") +
+                            R"(,"window":{"start":")" + start + R"(","end":")" + end + R"(","days":)" + days + "}}"));
   }
   static std::string StoredReport() { return win32::ToNarrow(state::ReadStateString(state::kOsUpdatesReport)); }
   static std::string InReport(const char* member) {
