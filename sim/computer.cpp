@@ -11,6 +11,7 @@
 #include "sim/sessions.h"
 #include "sim/shutdown.h"
 #include "sim/tasks.h"
+#include "sim/windows_update.h"
 
 #include <lm.h>
 
@@ -90,6 +91,7 @@ DWORD RestartComputer() {
     UnloadHive(name);
   }
   ForgetShutdown();
+  WriteNumber(kUpdateArea, L"RebootRequired", 0);
   TicksStartAnew();
   const std::optional<User> user = FindUser(WinlogonText(L"DefaultUserName"));
   const std::wstring domain = WinlogonText(L"DefaultDomainName");
@@ -104,7 +106,8 @@ DWORD RestartComputer() {
 
 std::string DumpMachine() {
   return DumpMachine({kWinlogon, L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\PasswordLess\\Device",
-                      L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Policies\\System", kProfileListKey});
+                      L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Policies\\System", kProfileListKey,
+                      L"SOFTWARE\\Policies\\Microsoft\\Windows\\WindowsUpdate"});
 }
 
 std::string DumpMachine(const std::vector<std::wstring>& keys) {
@@ -168,6 +171,13 @@ DWORD RunMachineCommand(const std::wstring& command) {
     } else {
       SetPipeCaller({.user = name, .session = words >> number ? std::optional(number) : std::nullopt});
     }
+  } else if (verb == L"update") {
+    std::getline(words >> std::ws, name);
+    OfferUpdate({.title = name});
+  } else if (verb == L"agent") {
+    words >> number;
+    std::getline(words >> std::ws, name);
+    WriteNumber(kUpdateArea, name, number);
   } else if (verb == L"signout") {
     words >> number;
     SignOut(number);

@@ -14,6 +14,8 @@
 #include "portal/pairing_code.h"
 #include "power/power_scheme.h"
 #include "state/kiosk_state.h"
+#include "updates/report.h"
+#include "updates/restart_policy.h"
 #include "win32/wide_text.h"
 
 #include <lm.h>
@@ -115,6 +117,8 @@ void TearDown(bool deleteStateKey, const char* reason) {
   RestoreAutoLogon();
   RestoreFastUserSwitching();
   power::RestorePowerSettings();
+  updates::RestoreWuRestartPolicy();
+  updates::ForgetUpdates();
   const bool removed = RemoveAccount();
   if (!EraseEnrolment()) {
     log::Log(log::kError, log::kKiosk, "cannot delete the device token; removing kiosk mode again at the next check-in");

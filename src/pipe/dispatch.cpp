@@ -11,6 +11,8 @@
 #include "power/power_commands.h"
 #include "text/secret.h"
 #include "text/text.h"
+#include "updates/presence.h"
+#include "updates/update_commands.h"
 
 #include <algorithm>
 #include <iterator>
@@ -87,6 +89,18 @@ json::Value PowerSet(const Client& /*client*/, const json::Value& request, PostR
   return power::HandlePowerSet(request);
 }
 
+json::Value SessionReport(const Client& client, const json::Value& request, PostReplyAction& /*afterReply*/) {
+  return updates::SessionReport(request, client.caller.sessionId);
+}
+
+json::Value OsUpdates(const Client& /*client*/, const json::Value& request, PostReplyAction& /*afterReply*/) {
+  return updates::OsUpdates(request);
+}
+
+json::Value OsInstall(const Client& /*client*/, const json::Value& /*request*/, PostReplyAction& /*afterReply*/) {
+  return updates::OsInstall();
+}
+
 constexpr Command kCommands[] = {
     {"status", kAnyCaller, Settings::kMayBeLocked, Status},
     {"restart.now", kInteractiveUser, Settings::kMayBeLocked, RestartNow},
@@ -96,6 +110,10 @@ constexpr Command kCommands[] = {
     {"maintenance", kKioskSession, Settings::kMayBeLocked, Maintenance},
     {"power.get", kKioskSession, Settings::kUnlocked, PowerGet},
     {"power.set", kKioskSession, Settings::kUnlocked, PowerSet},
+    {"session.report", kKioskSession, Settings::kMayBeLocked, SessionReport},
+    {"maintenance", kKioskSession, Settings::kMayBeLocked, Maintenance},
+    {"os.updates", kKioskSession, Settings::kUnlocked, OsUpdates},
+    {"os.install", kKioskSession, Settings::kUnlocked, OsInstall},
 };
 
 }  // namespace

@@ -8,6 +8,8 @@
 #include "portal/sign_in_methods.h"
 #include "power/policy_store.h"
 #include "state/kiosk_state.h"
+#include "updates/policy_store.h"
+#include "updates/report.h"
 #include "win32/wide_text.h"
 
 #include <algorithm>
@@ -33,6 +35,7 @@ std::string RequestBody() {
   if (const std::wstring error = state::ReadStateString(state::kPowerError); !error.empty()) {
     body.Set("powerError", win32::ToNarrow(error));
   }
+  updates::AddUpdatesReport(body);
   return json::Serialise(body);
 }
 
@@ -88,6 +91,7 @@ void Apply(const json::Value& reply, const std::string& token, CheckInResult& re
   ApplySignIn(reply);
   ApplyName(reply);
   power::ApplyPortalPowerPolicy(reply);
+  updates::ApplyPortalUpdatesPolicy(reply);
   result.exitPassword = text::Secret(json::Member(reply, "exitPassword").text());
   result.branding = json::Member(reply, "branding");
   result.tenantId = json::Member(reply, "tenantId").text();

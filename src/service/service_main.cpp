@@ -12,6 +12,9 @@
 #include "service/service_status.h"
 #include "service/worker.h"
 #include "state/kiosk_state.h"
+#include "updates/report.h"
+#include "updates/update_state.h"
+#include "updates/window_thread.h"
 #include "win32/clock.h"
 #include "win32/com.h"
 #include "win32/stop.h"
@@ -29,7 +32,11 @@ namespace {
 constexpr DWORD kConnectionWait = 30'000;
 constexpr DWORD kConnectionPoll = 100;
 
-// What a control may set off besides a change of the service's own state; nothing of it may keep the service from stopping.
+constexpr char kWorker[] = "worker thread";
+constexpr char kWindow[] = "window thread";
+
+// What a control may set off besides a change of the service's own state; nothing of it may keep the service from
+// stopping.
 template <typename Action>
 void Guarded(Action action) noexcept {
   try {
@@ -80,21 +87,22 @@ void ProtectState() {
   }
 }
 
-win32::KernelHandle StartWorker() {
-  win32::KernelHandle worker = win32::StartThread([]() noexcept {
+// A thread without which the terminal would look alive and follow nothing: when it cannot run, the process ends and the
+// service manager starts it anew.
+win32::KernelHandle StartVital(const char* name, void (*body)()) {
+  win32::KernelHandle thread = win32::StartThread([name, body]() noexcept {
     try {
-      RunWorker();
+      body();
     } catch (const std::exception& problem) {
-      // Without its worker the terminal would look alive and follow nothing; the service manager starts it anew.
-      log::Log(log::kError, log::kKiosk, "worker ended by an exception (%s)", problem.what());
+      log::Log(log::kError, log::kKiosk, "%s ended by an exception (%s)", name, problem.what());
       log::EndProcess(1);
     }
   });
-  if (!worker) {
-    log::Log(log::kError, log::kKiosk, "cannot start the worker thread (%lu)", GetLastError());
+  if (!thread) {
+    log::Log(log::kError, log::kKiosk, "cannot start the %s (%lu)", name, GetLastError());
     log::EndProcess(1);
   }
-  return worker;
+  return thread;
 }
 
 // What a stop, a kill or a restart of Windows left unfinished or out of place.
@@ -119,13 +127,19 @@ void Start() {
   ReportRunning();
 }
 
-// All waits share the budget that counts from the stop request.
-void JoinThreads(HANDLE worker) {
-  if (WaitForSingleObject(worker, win32::StopBudgetLeft()) != WAIT_OBJECT_0) {
-    log::Log(log::kWarn, log::kKiosk, "stop: the worker did not end in time");
+void Join(const char* name, HANDLE thread) {
+  if (WaitForSingleObject(thread, win32::StopBudgetLeft()) != WAIT_OBJECT_0) {
+    log::Log(log::kWarn, log::kKiosk, "stop: the %s did not end in time", name);
   }
+}
+
+// All waits share the budget that counts from the stop request.
+void JoinThreads(HANDLE worker, HANDLE window) {
+  Join(kWorker, worker);
+  Join(kWindow, window);
+  // A connection may have begun a run of the updates, which has a thread of its own.
   const win32::Deadline deadline(std::min(kConnectionWait, win32::StopBudgetLeft()));
-  while (pipe::LiveConnections() > 0 && !deadline.Passed()) {
+  while ((pipe::LiveConnections() > 0 || updates::RunIsGoing()) && !deadline.Passed()) {
     Sleep(kConnectionPoll);
   }
 }
@@ -136,9 +150,11 @@ void RunService() {
   const win32::ComApartment apartment;
   SecureCom(apartment.Result());
   Start();
-  const win32::KernelHandle worker = StartWorker();
+  updates::RememberOwedRestart();
+  const win32::KernelHandle worker = StartVital(kWorker, RunWorker);
+  const win32::KernelHandle window = StartVital(kWindow, updates::UpdateWindowThread);
   pipe::RunPipeServer();
-  JoinThreads(worker.Get());
+  JoinThreads(worker.Get(), window.Get());
   log::StopBanner(log::kKiosk);
   ReportStopped();
 }

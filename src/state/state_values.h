@@ -78,6 +78,25 @@ inline constexpr StateValue kPowerScheduleApplied{L"PowerScheduleApplied", REG_S
                                                   "the schedule and program for which both tasks are registered"};
 inline constexpr StateValue kPriorPower{L"PriorPower", REG_SZ, "power",
                                         "the power scheme and its values from before the first change, as JSON"};
+inline constexpr StateValue kUpdatesPolicy{L"UpdatesPolicy", REG_SZ, "updates",
+                                           "the portal's last valid policy for OS updates, as canonical JSON"};
+inline constexpr StateValue kUpdatesSource{L"UpdatesSource", REG_SZ, "updates",
+                                           "where that policy comes from: device, tenant or default"};
+inline constexpr StateValue kOsUpdatesWindowDone{L"OsUpdatesWindowDone", REG_SZ, "updates",
+                                                 "the date on which the last window opened whose run was done"};
+inline constexpr StateValue kOsUpdatesReport{L"OsUpdatesReport", REG_SZ, "updates",
+                                             "the last result of an update run, as JSON, sent with each check-in"};
+inline constexpr StateValue kOwnsWuPolicy{L"OwnsWuPolicy", REG_DWORD, "updates",
+                                          "1: the computer's own Windows Update restart policies were saved and are the "
+                                          "service's; written before the first of them is changed"};
+inline constexpr StateValue kPriorWuNoAutoReboot{L"PriorWuNoAutoRebootWithLoggedOnUsers", kTypeOfCopied, "updates",
+                                                 kPriorMeaning};
+inline constexpr StateValue kPriorWuSetActiveHours{L"PriorWuSetActiveHours", kTypeOfCopied, "updates", kPriorMeaning};
+inline constexpr StateValue kPriorWuActiveHoursStart{L"PriorWuActiveHoursStart", kTypeOfCopied, "updates",
+                                                     kPriorMeaning};
+inline constexpr StateValue kPriorWuActiveHoursEnd{L"PriorWuActiveHoursEnd", kTypeOfCopied, "updates", kPriorMeaning};
+inline constexpr StateValue kPriorWuActiveHoursMaxRange{L"PriorWuActiveHoursMaxRange", kTypeOfCopied, "updates",
+                                                        kPriorMeaning};
 
 inline constexpr StateValue kDevAllowUnsigned{L"DevAllowUnsigned", REG_DWORD, "a developer",
                                               "1 lets an unsigned service admit callers"};
@@ -115,6 +134,16 @@ inline constexpr const StateValue* kStateValues[] = {
     &kPowerError,
     &kPowerScheduleApplied,
     &kPriorPower,
+    &kUpdatesPolicy,
+    &kUpdatesSource,
+    &kOsUpdatesWindowDone,
+    &kOsUpdatesReport,
+    &kOwnsWuPolicy,
+    &kPriorWuNoAutoReboot,
+    &kPriorWuSetActiveHours,
+    &kPriorWuActiveHoursStart,
+    &kPriorWuActiveHoursEnd,
+    &kPriorWuActiveHoursMaxRange,
 };
 
 }  // namespace kiosk::state

@@ -17,11 +17,13 @@ namespace {
 void ForgetKioskTraces() {
   sim::ForgetProfiles();  // the numbers at the ends of SIDs begin anew, and nobody may find the profile of a namesake
   RemoveTree(L"C:\\users\\NorvaneKiosk");
-  for (const wchar_t* key : {account::kPasswordLessKey, account::kSystemPoliciesKey}) {
+  for (const wchar_t* key : {account::kPasswordLessKey, account::kSystemPoliciesKey, kWindowsUpdateKey}) {
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, key);
     win32::RegistryKey made;
     RegCreateKeyW(HKEY_LOCAL_MACHINE, key, made.Put());
   }
+  win32::RegistryKey made;
+  RegCreateKeyW(HKEY_LOCAL_MACHINE, (std::wstring(kWindowsUpdateKey) + L"\\AU").c_str(), made.Put());
   for (const wchar_t* name :
        {L"AutoAdminLogon", L"DefaultUserName", L"DefaultDomainName", L"DefaultPassword", L"AutoLogonCount"}) {
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, account::kWinlogonKey, name);

@@ -14,6 +14,10 @@
 
 namespace kiosk::test {
 
+// Below it Windows Update keeps its policies, those of automatic updates in "AU".
+inline constexpr wchar_t kWindowsUpdateKey[] = L"SOFTWARE\\Policies\\Microsoft\\Windows\\WindowsUpdate";
+
+// Deletes the state key, the settings keys, the log tree and the simulated machine before each case.
 // Deletes the state key, the settings keys, the log tree, what kiosk mode leaves, and the simulated machine.
 void ResetComputer();
 

@@ -1,0 +1,73 @@
+#include "updates/presence.h"
+
+#include "account/kiosk_session.h"
+#include "json/reply.h"
+#include "log/log.h"
+#include "win32/clock.h"
+#include "win32/handle.h"
+#include "win32/lock.h"
+
+#include <cstdint>
+
+namespace kiosk::updates {
+namespace {
+
+constexpr std::uint64_t kReportCounts = 150'000;  // ms
+// Set by another program while a stream session is live.
+constexpr wchar_t kStreamEvent[] = L"Global\\NorvaneStreamSessionActive";
+constexpr char kStreamIsLive[] = "a stream session is live";
+
+// What the kiosk shell said last. Written by connection threads, read by the window thread.
+struct Presence {
+  bool signedIn = false;
+  bool live = false;
+  bool reported = false;
+  std::uint64_t at = 0;  // tick count
+  DWORD sessionId = 0;
+};
+win32::Lock presenceLock{win32::LockRank::kLeaf};
+Presence presence;  // guarded by presenceLock
+
+Presence LastReport() {
+  const win32::LockGuard guard(presenceLock);
+  return presence;
+}
+
+// Asks Windows who is in the session, so no lock is held here.
+bool Counts(const Presence& report) {
+  return report.reported && win32::TickCount() - report.at <= kReportCounts &&
+         account::IsKioskSession(report.sessionId);
+}
+
+bool StreamEventIsSet() {
+  const win32::KernelHandle event(OpenEventW(SYNCHRONIZE, FALSE, kStreamEvent));
+  return event && WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0;
+}
+
+}  // namespace
+
+json::Value SessionReport(const json::Value& request, DWORD sessionId) {
+  const json::Value& signedIn = json::Member(request, "signedIn");
+  const json::Value& live = json::Member(request, "live");
+  if (!signedIn.IsBool() || !(live.IsBool() || live.IsNull())) {
+    return json::ErrorReply("invalid");
+  }
+  const win32::LockGuard guard(presenceLock);
+  if (signedIn.boolean() != presence.signedIn) {
+    log::Log(log::kNotice, log::kKiosk, "a Norvane user is %s at the terminal",
+             signedIn.boolean() ? "signed in" : "no longer signed in");
+  }
+  presence = {signedIn.boolean(), live.boolean(), true, win32::TickCount(), sessionId};
+  return json::OkReply();
+}
+
+std::string DeferralReason() {
+  const Presence report = LastReport();
+  const bool counts = Counts(report);
+  if (StreamEventIsSet() || (counts && report.live)) {
+    return kStreamIsLive;
+  }
+  return counts && report.signedIn ? "a Norvane user is signed in" : "";
+}
+
+}  // namespace kiosk::updates

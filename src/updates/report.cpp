@@ -1,0 +1,99 @@
+#include "updates/report.h"
+
+#include "account/enrolment.h"
+#include "json/parse.h"
+#include "json/serialise.h"
+#include "log/log.h"
+#include "state/kiosk_state.h"
+#include "text/text.h"
+#include "win32/wide_text.h"
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+namespace kiosk::updates {
+namespace {
+
+constexpr int kMostPending = 500;
+constexpr std::size_t kLongestError = 80;
+
+std::optional<json::Value> StoredReport() {
+  return json::Parse(win32::ToNarrow(state::ReadStateString(state::kOsUpdatesReport)));
+}
+
+int PendingOf(const json::Value& report) {
+  const double pending = json::Member(report, "pending").number();
+  // Written so that whatever an odd report holds, the conversion is defined.
+  return pending > 0 ? static_cast<int>(std::min<double>(pending, kMostPending)) : 0;
+}
+
+}  // namespace
+
+bool WriteUpdatesReport(const std::string& token, const char* word, const RunResult* run) {
+  const LockedUpdateState oneAtATime;
+  if (!account::StillEnrolled(token)) {
+    return false;
+  }
+  json::Value report = StoredReport().value_or(json::Value());
+  if (!report.IsObject()) {
+    report = json::Value::Object();
+  }
+  const int pending = run != nullptr && run->pending ? std::min(*run->pending, kMostPending) : PendingOf(report);
+  const bool restart = run != nullptr && run->restartRequired ? *run->restartRequired
+                                                              : json::Member(report, "restartRequired").boolean();
+  report.Set("lastRunAt", UtcNowText());
+  report.Set("lastResult", word);
+  report.Set("error", json::Value());
+  if (run != nullptr && !run->error.empty()) {
+    report.Set("error", run->error.substr(0, text::CutLength(run->error, kLongestError)));
+  }
+  report.Set("pending", pending);
+  report.Set("restartRequired", restart);
+  if (!state::WriteStateString(state::kOsUpdatesReport, win32::ToWide(json::Serialise(report)))) {
+    log::Log(log::kError, log::kKiosk, "os updates: cannot store the report");
+  }
+  return true;
+}
+
+const char* ResultWord(RunCode code) noexcept {
+  switch (code) {
+    case RunCode::kDone:
+      return "ok";
+    case RunCode::kNothing:
+      return "nothing";
+    default:
+      return "failed";
+  }
+}
+
+void MarkWindowDone(const std::string& token, const std::string& key) {
+  const LockedUpdateState oneAtATime;
+  if (account::StillEnrolled(token)) {
+    state::SetStateStringIfChanged(state::kOsUpdatesWindowDone, win32::ToWide(key));
+  }
+}
+
+void AddUpdatesReport(json::Value& body) {
+  if (std::optional<json::Value> report = StoredReport()) {
+    body.Set("osUpdates", std::move(*report));
+  }
+}
+
+void RememberOwedRestart() {
+  const std::optional<json::Value> report = StoredReport();
+  if (report && json::Member(*report, "restartRequired").boolean()) {
+    const LockedUpdateState state;
+    state->restartRequired = true;
+  }
+}
+
+void ForgetUpdates() {
+  const LockedUpdateState nobodyWrites;
+  for (const state::StateValue* value :
+       {&state::kUpdatesPolicy, &state::kUpdatesSource, &state::kOsUpdatesReport, &state::kOsUpdatesWindowDone}) {
+    state::DeleteStateValue(*value);
+  }
+}
+
+}  // namespace kiosk::updates

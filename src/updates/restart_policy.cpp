@@ -1,0 +1,149 @@
+#include "updates/restart_policy.h"
+
+#include "log/log.h"
+#include "state/kiosk_state.h"
+#include "win32/lock.h"
+#include "win32/privilege.h"
+#include "win32/wide_text.h"
+
+#include <string>
+
+namespace kiosk::updates {
+namespace {
+
+constexpr wchar_t kUpdateKey[] = L"SOFTWARE\\Policies\\Microsoft\\Windows\\WindowsUpdate";
+constexpr wchar_t kAutomaticKey[] = L"SOFTWARE\\Policies\\Microsoft\\Windows\\WindowsUpdate\\AU";
+
+struct ManagedPolicy {
+  const wchar_t* key;
+  const wchar_t* name;
+  const state::StateValue& prior;
+};
+
+constexpr ManagedPolicy kNoAutoReboot{kAutomaticKey, L"NoAutoRebootWithLoggedOnUsers", state::kPriorWuNoAutoReboot};
+constexpr ManagedPolicy kSetActiveHours{kUpdateKey, L"SetActiveHours", state::kPriorWuSetActiveHours};
+constexpr ManagedPolicy kActiveHoursStart{kUpdateKey, L"ActiveHoursStart", state::kPriorWuActiveHoursStart};
+constexpr ManagedPolicy kActiveHoursEnd{kUpdateKey, L"ActiveHoursEnd", state::kPriorWuActiveHoursEnd};
+constexpr ManagedPolicy kActiveHoursMaxRange{kUpdateKey, L"ActiveHoursMaxRange", state::kPriorWuActiveHoursMaxRange};
+constexpr const ManagedPolicy* kManaged[] = {&kNoAutoReboot, &kSetActiveHours, &kActiveHoursStart, &kActiveHoursEnd,
+                                             &kActiveHoursMaxRange};
+
+constexpr DWORD kLongestRange = 18;
+constexpr DWORD kWarningSeconds = 60;
+constexpr DWORD kReason = SHTDN_REASON_FLAG_PLANNED | SHTDN_REASON_MAJOR_OPERATINGSYSTEM | SHTDN_REASON_MINOR_HOTFIX;
+constexpr wchar_t kMessage[] = L"Restarting to finish installing updates.";
+
+// Saving, setting and putting back are each done as a whole. Window thread, and whoever tears kiosk mode down.
+win32::Lock policyLock{win32::LockRank::kUpdatesPolicy};
+
+bool SetPolicyDword(const ManagedPolicy& policy, DWORD value) {
+  if (state::ReadDword(policy.key, policy.name) == value) {
+    return false;
+  }
+  if (!state::WriteValue(HKEY_LOCAL_MACHINE, policy.key, policy.name, REG_DWORD, &value, sizeof(value))) {
+    log::Log(log::kError, log::kKiosk, "os updates: cannot set %s", win32::ToNarrow(policy.name).c_str());
+  }
+  return true;
+}
+
+// Absence is saved as absence, so that no older copy comes back instead. A value that cannot be read is not absent.
+bool Save(const ManagedPolicy& policy) {
+  state::RawValue value;
+  const LSTATUS status = state::ReadValue(policy.key, policy.name, value);
+  const bool saved = status == ERROR_FILE_NOT_FOUND
+                         ? state::DeleteStateValue(policy.prior)
+                         : status == ERROR_SUCCESS &&
+                               state::WriteExisting(state::kStateKey, policy.prior.name, value.type, value.bytes.data(),
+                                                    static_cast<DWORD>(value.bytes.size())) == ERROR_SUCCESS;
+  if (!saved) {
+    log::Log(log::kError, log::kKiosk, "os updates: cannot save %s; it stays as it is",
+             win32::ToNarrow(policy.name).c_str());
+  }
+  return saved;
+}
+
+bool TakeOwnership() {
+  if (state::FlagIsOn(state::kOwnsWuPolicy)) {
+    return true;
+  }
+  for (const ManagedPolicy* policy : kManaged) {
+    if (!Save(*policy)) {
+      return false;
+    }
+  }
+  // Before the first change, and durably: a power cut must not leave changed settings without the copies.
+  return state::WriteStateDword(state::kOwnsWuPolicy, 1) && state::FlushStateKey();
+}
+
+// A copy that is there but cannot be read must not be taken for one that is missing.
+bool PutBack(const ManagedPolicy& policy) {
+  state::RawValue copy;
+  const LSTATUS status = state::ReadValue(state::kStateKey, policy.prior.name, copy);
+  if (status == ERROR_FILE_NOT_FOUND) {
+    const LSTATUS deleted = RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, policy.key, policy.name);
+    return deleted == ERROR_SUCCESS || deleted == ERROR_FILE_NOT_FOUND;
+  }
+  return status == ERROR_SUCCESS && state::WriteValue(HKEY_LOCAL_MACHINE, policy.key, policy.name, copy.type,
+                                                      copy.bytes.data(), static_cast<DWORD>(copy.bytes.size()));
+}
+
+}  // namespace
+
+void ApplyWuRestartPolicy(const UpdatesPolicy& policy) {
+  const win32::LockGuard guard(policyLock);
+  // A teardown marks itself before it comes here to put everything back: after that nothing is taken any more.
+  if (!state::TokenIsStored() || state::FlagIsOn(state::kTeardownPending) || !TakeOwnership()) {
+    return;
+  }
+  bool changed = SetPolicyDword(kNoAutoReboot, 1);
+  const ActiveHours hours = ActiveHoursAround(policy);
+  if (hours.set) {
+    changed |= SetPolicyDword(kSetActiveHours, 1);
+    changed |= SetPolicyDword(kActiveHoursStart, hours.start);
+    changed |= SetPolicyDword(kActiveHoursEnd, hours.end);
+    changed |= SetPolicyDword(kActiveHoursMaxRange, kLongestRange);
+  }
+  if (changed) {
+    log::Log(log::kNotice, log::kKiosk, "os updates: Windows may not restart on its own; active hours %02u:00-%02u:00",
+             hours.start, hours.end);
+  }
+}
+
+void RestoreWuRestartPolicy() {
+  const win32::LockGuard guard(policyLock);
+  if (!state::FlagIsOn(state::kOwnsWuPolicy)) {
+    return;
+  }
+  for (const ManagedPolicy* policy : kManaged) {
+    // Twice, since the copy goes with the mark. Nothing waits longer for it: the terminal may be on its way out.
+    bool back = false;
+    for (int tries = 0; tries < 2 && !back; ++tries) {
+      back = PutBack(*policy);
+    }
+    if (!back) {
+      log::Log(log::kError, log::kKiosk, "os updates: cannot put %s back", win32::ToNarrow(policy->name).c_str());
+    }
+  }
+  // The mark before the copies: with it, a missing copy means a value that was not there.
+  if (!state::DeleteStateValue(state::kOwnsWuPolicy)) {
+    return;
+  }
+  for (const ManagedPolicy* policy : kManaged) {
+    state::DeleteStateValue(policy->prior);
+  }
+  state::FlushStateKey();
+  log::Log(log::kNotice, log::kKiosk, "os updates: Windows Update restart settings are back as they were");
+}
+
+bool RequestRestart() {
+  win32::EnablePrivilege(SE_SHUTDOWN_NAME);
+  std::wstring message = kMessage;
+  if (InitiateSystemShutdownExW(nullptr, message.data(), kWarningSeconds, TRUE, TRUE, kReason) == 0) {
+    log::Log(log::kError, log::kKiosk, "os updates: cannot restart (%lu)", GetLastError());
+    return false;
+  }
+  log::Log(log::kNotice, log::kKiosk, "os updates: restarting in 60 s to finish installing");
+  return true;
+}
+
+}  // namespace kiosk::updates

@@ -1,0 +1,253 @@
+// The window thread over simulated days and nights.
+#include "updates/window_thread.h"
+
+#include "sim/shutdown.h"
+#include "tests/support/updates.h"
+#include "updates/presence.h"
+
+#include <algorithm>
+
+namespace kiosk::updates {
+namespace {
+
+using test::SetString;
+
+constexpr std::uint64_t kMinute = 60'000;
+constexpr std::uint64_t kHour = 60 * kMinute;
+constexpr std::uint64_t kDay = 24 * kHour;
+
+// The clock begins at 09:00 UTC on Saturday 2026-11-21, which is local time unless a test says otherwise.
+class UpdateWindowTest : public test::UpdatesTerminal {
+ protected:
+  void TearDown() override {
+    win32::RequestStop();
+    EXPECT_EQ(WaitForSingleObject(thread_.Get(), 40'000), WAIT_OBJECT_0);
+    EXPECT_EQ(sim::LiveComObjects(), 0);
+  }
+  void Start() {
+    thread_ = win32::StartThread([]() noexcept { UpdateWindowThread(); });
+  }
+  // To that time of the day `day` days after the first.
+  void GoTo(std::uint64_t day, std::uint64_t hour, std::uint64_t minute = 0) {
+    clock_.RunUntil(day * kDay + hour * kHour + minute * kMinute - 9 * kHour);
+  }
+  // Reports every minute of the span, as the kiosk shell does.
+  void Report(std::uint64_t minutes, bool signedIn, bool live = false) {
+    json::Value request = json::Value::Object();
+    request.Set("signedIn", signedIn);
+    request.Set("live", live);
+    for (std::uint64_t i = 0; i < minutes; ++i) {
+      clock_.At(clock_.Elapsed() + i * kMinute, [request] { SessionReport(request, test::kShellSession); });
+    }
+  }
+  // The windows that had a run, in order.
+  static std::string Windows() {
+    std::string all;
+    for (const std::string& text : test::LogTexts()) {
+      if (text.starts_with("INFO os updates: the ") && text.ends_with(" window is open")) {
+        all += text.substr(26, 5) + " ";
+      }
+    }
+    return all;
+  }
+  static std::string RunAt() { return InReport("lastRunAt").substr(0, 16); }
+  static int Waited(const char* reason = "a Norvane user is signed in") {
+    return test::CountLogged(std::string("INFO os updates: waiting, ") + reason +
+                             "; trying again every 15 min in this window");
+  }
+  static bool Restarting() {
+    const bool pending = sim::PendingShutdown().has_value();
+    sim::ForgetShutdown();
+    return pending;
+  }
+
+  win32::KernelHandle thread_;
+};
+
+TEST_F(UpdateWindowTest, TwoWeeksOfFridayAndSundayNights) {
+  clock_.SetBias(-60);  // 10:00 at first
+  SetPolicy("22:00", "02:00", "[5,0]");
+  Start();
+  clock_.RunFor(14 * kDay);
+  EXPECT_EQ(Windows(), "11-22 11-27 11-29 12-04 ");
+  EXPECT_EQ(WindowDone(), "2026-12-04");
+  EXPECT_EQ(RunAt(), "2026-12-04T21:00");
+  EXPECT_EQ(InReport("lastResult"), "nothing");
+  EXPECT_EQ(test::CountLogged("INFO os updates: Windows may not restart on its own; active hours 04:00-22:00"), 1);
+}
+
+TEST_F(UpdateWindowTest, WaitsForWhoeverIsAtTheTerminal) {
+  SetPolicy("02:00", "05:00", "[0,1,2,3,4,5,6]");
+  Start();
+  GoTo(1, 1, 50);
+  Report(75, true);  // to 03:05
+  GoTo(1, 2, 2);
+  EXPECT_EQ(InReport("lastResult") + RunAt(), "deferred2026-11-22T02:00");
+  GoTo(1, 2, 59);
+  EXPECT_EQ(RunAt(), "2026-11-22T02:45");
+  GoTo(1, 3, 14);
+  EXPECT_EQ(InReport("lastResult") + RunAt() + Windows(), "deferred2026-11-22T03:00");
+  GoTo(1, 3, 16);
+  EXPECT_EQ(InReport("lastResult") + RunAt() + Windows(), "nothing2026-11-22T03:1511-22 ");
+  EXPECT_EQ(Waited(), 1);
+
+  GoTo(2, 1, 59);
+  Report(240, false, true);  // through the whole window
+  GoTo(2, 6);
+  EXPECT_EQ(InReport("lastResult") + RunAt() + WindowDone(), "deferred2026-11-23T04:452026-11-22");
+  EXPECT_EQ(Waited("a stream session is live"), 1);
+
+  // A report counts for 150 s, and for as long as its session is the kiosk's.
+  GoTo(3, 1, 58);
+  Report(1, true);
+  GoTo(3, 2, 2);
+  EXPECT_EQ(InReport("lastResult"), "deferred");
+  GoTo(4, 1, 57);
+  Report(1, true);
+  GoTo(4, 2, 2);
+  EXPECT_EQ(InReport("lastResult"), "nothing");
+  GoTo(5, 1, 58);
+  Report(1, true);
+  sim::SetSession(test::kShellSession, L"Anna", L"ELSEWHERE");
+  GoTo(5, 2, 2);
+  EXPECT_EQ(RunAt(), "2026-11-26T02:00");
+  const win32::KernelHandle stream(CreateEventW(nullptr, TRUE, TRUE, L"Global\\NorvaneStreamSessionActive"));
+  GoTo(6, 2, 2);
+  EXPECT_EQ(InReport("lastResult"), "deferred");
+  ResetEvent(stream.Get());
+  GoTo(6, 2, 30);
+  EXPECT_EQ(InReport("lastResult"), "nothing");
+}
+
+TEST_F(UpdateWindowTest, TheRestartWaitsToo) {
+  SetPolicy("02:00", "05:00", "[0,1,2,3,4,5,6]");
+  sim::OfferUpdate({.title = L"One", .reboot = 1});
+  SetAgent(L"Duration install", static_cast<DWORD>(30 * kMinute));
+  Start();
+  GoTo(1, 2, 15);
+  Report(30, true);  // to 02:45; the run ends at 02:30
+  GoTo(1, 2, 59);
+  EXPECT_EQ(InReport("lastResult") + InReport("restartRequired"), "oktrue");
+  EXPECT_FALSE(sim::PendingShutdown());
+  GoTo(1, 3, 3);
+  const auto asked = sim::PendingShutdown();
+  ASSERT_TRUE(asked);
+  EXPECT_TRUE(asked->message == L"Restarting to finish installing updates." && asked->timeout == 60 &&
+              asked->forceAppsClosed && asked->restart && asked->reason == 0x80020011);
+  EXPECT_EQ(test::CountLogged("INFO os updates: restarting in 60 s to finish installing"), 1);
+
+  // Windows refuses (a restart is under way): again in 15 minutes, in this window alone.
+  GoTo(2, 2, 2);
+  EXPECT_EQ(test::CountLogged("ERROR os updates: cannot restart (1115)"), 1);
+  GoTo(2, 2, 17);
+  EXPECT_EQ(test::CountLogged("ERROR os updates: cannot restart (1115)"), 2);
+  EXPECT_TRUE(Restarting());
+  GoTo(2, 2, 32);
+  EXPECT_TRUE(Restarting());
+  GoTo(2, 5);
+  EXPECT_FALSE(Restarting());
+
+  // Owed when the window closes, it waits for the next one.
+  GoTo(3, 1, 59);
+  Report(5, false);
+  clock_.At(clock_.Elapsed() + kMinute + 1000, [this] { Report(240, true); });
+  SetAgent(L"Duration search", static_cast<DWORD>(5 * kMinute));
+  GoTo(3, 23);
+  EXPECT_EQ(Windows(), "11-22 11-23 11-24 ");
+  EXPECT_FALSE(Restarting());
+  GoTo(4, 2, 10);
+  EXPECT_TRUE(Restarting());
+}
+
+TEST_F(UpdateWindowTest, AServiceThatStartsInADoneWindowDoesNothing) {
+  SetPolicy("08:00", "12:00", "[6]");
+  SetAgent(L"RebootRequired", 1);
+  SetString(state::kStateKey, L"OsUpdatesWindowDone", L"2026-11-21");
+  Start();
+  clock_.RunFor(4 * kHour);
+  EXPECT_EQ(Windows() + StoredReport(), "");
+  EXPECT_FALSE(Restarting());
+}
+
+TEST_F(UpdateWindowTest, ARunThatIsGoingIsLeftAlone) {
+  SetPolicy("09:00", "12:00", "[6]");
+  auto claim = std::make_unique<std::optional<RunClaim>>(RunClaim::Take());
+  Start();
+  clock_.RunFor(10 * kMinute);
+  claim.reset();
+  clock_.RunFor(5 * kMinute);
+  EXPECT_EQ(Windows(), "");
+  clock_.RunFor(2 * kMinute);
+  EXPECT_EQ(RunAt(), "2026-11-21T09:16");
+}
+
+TEST_F(UpdateWindowTest, DaylightSavingAndAClockSetBack) {
+  SetPolicy("02:00", "03:00", "[0,1,2,3,4,5,6]");
+  clock_.SetSystemTime(sim::FileTimeOf(2027, 3, 27, 23));
+  clock_.SetBias(-60);  // Warsaw: 00:00 on the 28th, and 02:00 will be 03:00
+  Start();
+  clock_.At(2 * kHour, [this] { clock_.SetBias(-120); });
+  clock_.RunFor(kDay);
+  EXPECT_EQ(Windows(), "");  // that night has no such hour
+  clock_.RunFor(kDay);
+  EXPECT_EQ(Windows(), "03-29 ");
+  // Back: 02:30 is 02:30 twice, and the window is an hour longer.
+  clock_.SetSystemTime(sim::FileTimeOf(2027, 10, 30, 23, 50));  // 01:50 on the 31st
+  clock_.At(clock_.Elapsed() + 70 * kMinute, [this] { clock_.SetBias(-60); });
+  clock_.RunFor(6 * kHour);
+  EXPECT_EQ(Windows(), "03-29 10-31 ");
+  // A day back: that day's window was not done yet, and the one after it comes again.
+  clock_.SetSystemTime(sim::FileTimeOf(2027, 10, 29, 23));
+  clock_.RunFor(2 * kDay);
+  EXPECT_EQ(Windows(), "03-29 10-30 10-31 10-31 ");  // as the log's days are sorted
+}
+
+TEST_F(UpdateWindowTest, GivesEverythingBackWithinAMinute) {
+  const auto set = [] { return state::ReadDword(test::kWindowsUpdateKey, L"SetActiveHours").has_value(); };
+  SetPolicy("02:00", "05:00", "[1]");
+  Start();
+  clock_.RunFor(2 * kMinute);
+  EXPECT_TRUE(set());
+  SetPolicy("02:00", "05:00", "[1]", false);
+  clock_.RunFor(kMinute + 1);
+  EXPECT_FALSE(set());
+  SetPolicy("02:00", "05:00", "[1]");
+  clock_.RunFor(kMinute + 1);
+  EXPECT_TRUE(set());
+  SetString(state::kStateKey, L"UpdatesPolicy", L"{");
+  clock_.RunFor(kMinute + 1);
+  EXPECT_FALSE(set());
+  SetPolicy("02:00", "05:00", "[1]");
+  clock_.RunFor(kMinute + 1);
+  EXPECT_TRUE(set());
+  state::DeleteStateValue(state::kDeviceToken);
+  clock_.RunFor(kMinute + 1);
+  EXPECT_FALSE(set());
+}
+
+TEST_F(UpdateWindowTest, ATerminalThatIsNoneAnyMoreGetsNoResultAndNoRestart) {
+  SetPolicy("09:00", "12:00", "[6]");
+  sim::OfferUpdate({.title = L"One", .reboot = 1});
+  SetAgent(L"Duration install", static_cast<DWORD>(10 * kMinute));
+  Start();
+  clock_.At(5 * kMinute, [] { state::WriteStateDword(state::kTeardownPending, 1); });
+  clock_.RunFor(3 * kHour);
+  EXPECT_EQ(Windows(), "11-21 ");
+  EXPECT_EQ(StoredReport() + WindowDone(), "");
+  EXPECT_FALSE(Restarting());
+}
+
+TEST_F(UpdateWindowTest, AStopLeavesTheWindowToTheNextStart) {
+  SetPolicy("09:00", "12:00", "[6]");
+  sim::OfferUpdate({.title = L"One"});
+  SetAgent(L"Duration download", INFINITE);
+  Start();
+  clock_.At(5 * kMinute, [] { win32::RequestStop(); });
+  clock_.RunFor(5 * kMinute);
+  EXPECT_EQ(WaitForSingleObject(thread_.Get(), 11'000), WAIT_OBJECT_0);
+  EXPECT_EQ(Windows(), "11-21 ");
+  EXPECT_EQ(StoredReport() + WindowDone(), "");
+}
+
+}  // namespace
+}  // namespace kiosk::updates

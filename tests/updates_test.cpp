@@ -1,0 +1,439 @@
+// Update runs against the simulated update agent, their report, the terminal's commands, and the restart policies.
+#include "tests/support/updates.h"
+#include "account/teardown.h"
+#include "account/unlock_token.h"
+#include "json/serialise.h"
+#include "pipe/dispatch.h"
+#include "portal/check_in.h"
+#include "sim/fault_driver.h"
+#include "sim/http.h"
+#include "sim/shutdown.h"
+#include "updates/agent_callbacks.h"
+#include "updates/policy_store.h"
+#include "updates/report.h"
+#include "updates/restart_policy.h"
+#include "updates/update_commands.h"
+#include "updates/update_run.h"
+
+#include <map>
+
+namespace kiosk::updates {
+namespace {
+
+using test::kShellSession;
+using test::kWindowsUpdateKey;
+using test::SetDword;
+using test::SetString;
+
+const std::wstring kAuKey = std::wstring(kWindowsUpdateKey) + L"\\AU";
+
+class UpdatesTest : public test::UpdatesTerminal {
+ protected:
+  RunResult Run(bool install) {
+    const auto claim = RunClaim::Take();
+    EXPECT_TRUE(claim);
+    RunResult result = RunUpdates(install);
+    clock_.RunFor(1);  // the agent's thread lets go of what it holds
+    return result;
+  }
+  static std::string Status() { return json::Serialise(OsUpdates(json::Value::Object())); }
+};
+
+TEST_F(UpdatesTest, InstallsWhatNeedsNoPerson) {
+  EXPECT_EQ(Status(), R"({"ok":true,"checking":false,"installing":false,"progress":0,"restartRequired":false,)"
+                      R"("lastChecked":null,"error":null,"updates":[]})");
+  sim::OfferUpdate({.title = L"Łódź – 更新", .size = L"5000000000", .reboot = 1, .termsAccepted = false});
+  sim::OfferUpdate({.title = L"Preview", .browseOnly = true});
+  sim::OfferUpdate({.title = L"Asks", .size = L"-1", .reboot = 2, .asksPerson = true});
+  sim::OfferUpdate({.title = L"Fails", .size = L"none", .failure = 0x80070643});
+  sim::OfferUpdate({.title = L"Terms", .termsAccepted = false, .termsFailure = 0x80240025});
+  sim::OfferUpdate({.title = L"Fine"});
+  SetAgent(L"Duration search", 300);
+  SetAgent(L"Duration download", 3000);
+  SetAgent(L"Duration install", 3000);
+  std::map<std::uint64_t, int> progress;
+  for (const std::uint64_t at : {1200U, 1400U, 2500U, 3400U, 4400U, 5500U}) {
+    clock_.At(at, [&progress, at] { progress[at] = CurrentProgress(); });
+  }
+  std::string during;
+  clock_.At(1500, [&during] { during = Status(); });
+  const RunResult result = Run(true);
+  EXPECT_EQ(result.code, RunCode::kDone);
+  EXPECT_EQ(result.pending, 3);
+  EXPECT_EQ(result.restartRequired, true);
+  EXPECT_EQ(progress,
+            (std::map<std::uint64_t, int>{{1200, 0}, {1400, 25 - 25}, {2500, 25}, {3400, 50}, {4400, 50}, {5500, 75}}));
+  EXPECT_TRUE(during.starts_with(R"({"ok":true,"checking":false,"installing":true,"progress":0,)")) << during;
+  EXPECT_NE(during.find(R"({"id":"id-000000","title":"Łódź – 更新","sizeBytes":5000000000,"restartRequired":true})"),
+            std::string::npos);
+  EXPECT_EQ(Status(), R"({"ok":true,"checking":false,"installing":false,"progress":0,"restartRequired":true,)"
+                      R"("lastChecked":"2026-11-21T09:00:00Z","error":null,"updates":[)"
+                      R"({"id":"id-000002","title":"Asks","sizeBytes":0,"restartRequired":true},)"
+                      R"({"id":"id-000003","title":"Fails","sizeBytes":0,"restartRequired":false},)"
+                      R"({"id":"id-000004","title":"Terms","sizeBytes":1048576,"restartRequired":false}]})");
+  EXPECT_EQ(test::LogTexts(),
+            (std::vector<std::string>{
+                "INFO os updates: searching", "WARN os updates: cannot accept the terms of \"Terms\" (0x80240025)",
+                "INFO os updates: 5 pending", "INFO os updates: downloading 3", "INFO os updates: installing 3",
+                "WARN os updates: \"Fails\" was not installed (0x80070643)",
+                "INFO os updates: installed; 3 still pending, restart required"}));
+  EXPECT_EQ(sim::ReadText(sim::kUpdateArea, L"Client"), L"Norvane Kiosk");
+  EXPECT_EQ(sim::LiveComObjects(), 0);
+}
+
+TEST_F(UpdatesTest, WhenThereIsNothingToInstall) {
+  EXPECT_EQ(Run(true).code, RunCode::kNothing);
+  sim::OfferUpdate({.title = L"Preview", .browseOnly = true});
+  EXPECT_EQ(Run(false).code, RunCode::kNothing);
+  sim::OfferUpdate({.title = L"Asks", .asksPerson = true});
+  SetAgent(L"RebootRequired", 1);
+  const RunResult checked = Run(false);
+  EXPECT_TRUE(checked.code == RunCode::kDone && checked.pending == 1 && checked.restartRequired == true);
+  EXPECT_EQ(test::CountLogged("WARN os updates: none of the pending updates can install without a person"), 0);
+  EXPECT_EQ(Run(true).code, RunCode::kNothing);
+  EXPECT_EQ(test::CountLogged("WARN os updates: none of the pending updates can install without a person"), 1);
+  EXPECT_EQ(sim::AgentWork().find("downloaded"), std::string::npos);
+}
+
+TEST_F(UpdatesTest, EveryStageThatFailsIsNamed) {
+  sim::OfferUpdate({.title = L"Fine"});
+  const struct {
+    const wchar_t* setting;
+    DWORD value;
+    const char* error;
+  } cases[] = {
+      {L"Fail session", 0x80070005, "session 0x80070005"},
+      {L"Fail searcher", 0x8024001E, "searcher 0x8024001e"},
+      {L"Fail searchBegin", 0x80240024, "search_failed 0x80240024"},
+      {L"Fail search", 0x8024402C, "search_failed 0x8024402c"},
+      {L"Code search", 4, "search_failed 0x80004005"},
+      {L"Code search", 5, "search_failed 0x80004004"},
+      {L"Fail collection", 0x80040154, "collection 0x80040154"},
+      {L"Fail downloader", 0x80070005, "downloader 0x80070005"},
+      {L"Fail downloadBegin", 0x80240024, "download_failed 0x80240024"},
+      {L"Fail download", 0x80246007, "download_failed 0x80246007"},
+      {L"Fail installer", 0x80070005, "installer 0x80070005"},
+      {L"InstallerBusy", 1, "busy"},
+      {L"Fail installBegin", 0x80240016, "install_failed 0x80240016"},
+      {L"Fail install", 0x80070643, "install_failed 0x80070643"},
+  };
+  for (const auto& each : cases) {
+    SetAgent(each.setting, each.value);
+    const RunResult result = Run(true);
+    SetAgent(each.setting, 0);
+    EXPECT_TRUE(result.code == RunCode::kFailed && result.error == each.error) << each.error << ": " << result.error;
+    EXPECT_EQ(test::LogTexts().back(), std::string("ERROR os updates: ") + each.error);
+    EXPECT_NE(Status().find(R"("checking":false,"installing":false,)"), std::string::npos);
+    EXPECT_NE(Status().find(R"("error":")" + std::string(each.error) + R"(",)"), std::string::npos);
+    EXPECT_EQ(sim::LiveComObjects() + sim::LiveAgentOperations(), 0) << each.error;
+  }
+  SetAgent(L"Code search", 3);  // with errors, and yet it found something; none of the failures changed anything
+  EXPECT_EQ(Run(true).pending, 0);
+  EXPECT_NE(Status().find(R"("error":null)"), std::string::npos);
+  ASSERT_EQ(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK);
+  EXPECT_EQ(Run(true).error, "com 0x80010106");
+  CoUninitialize();
+}
+
+TEST_F(UpdatesTest, AllThatFailFailTheRunAndStayPending) {
+  sim::OfferUpdate({.title = L"One", .failure = 0x80070643});
+  const RunResult result = Run(true);
+  EXPECT_TRUE(result.code == RunCode::kFailed && result.error == "install_failed 0x80240022" && result.pending == 1);
+  EXPECT_EQ(test::CountLogged("WARN os updates: \"One\" was not installed (0x80070643)"), 1);
+}
+
+// Whatever the run does then, and whether the agent gives it up or not.
+class UpdatesStop : public UpdatesTest, public testing::WithParamInterface<std::tuple<const wchar_t*, bool>> {};
+INSTANTIATE_TEST_SUITE_P(Stages, UpdatesStop,
+                         testing::Combine(testing::Values(L"search", L"download", L"install"), testing::Bool()),
+                         [](const auto& each) {
+                           return win32::ToNarrow(std::get<0>(each.param)) +
+                                  (std::get<1>(each.param) ? "Stubborn" : "");
+                         });
+
+TEST_P(UpdatesStop, EndsInTimeAndLeavesNoResult) {
+  const auto& [stage, stubborn] = GetParam();
+  sim::OfferUpdate({.title = L"Fine"});
+  SetAgent(std::wstring(L"Duration ") + stage, stubborn ? 60'000 : INFINITE);
+  SetAgent(L"Stubborn", stubborn);
+  clock_.At(5000, [] { win32::RequestStop(); });
+  ASSERT_TRUE(StartBackgroundRun(true));
+  clock_.RunUntil(stubborn ? 14'900 : 4999);
+  EXPECT_TRUE(RunIsGoing());
+  EXPECT_FALSE(StartBackgroundRun(true));
+  clock_.RunUntil(stubborn ? 15'100 : 5100);
+  EXPECT_FALSE(RunIsGoing());
+  EXPECT_EQ(sim::LiveAgentOperations(), stubborn ? 1 : 0);
+  clock_.RunUntil(120'000);  // now the agent calls what is left of the run
+  EXPECT_EQ(sim::LiveAgentOperations() + sim::LiveComObjects(), 0);
+  EXPECT_EQ(StoredReport(), "");
+  EXPECT_NE(Status().find(R"("checking":false,"installing":false,)"), std::string::npos);
+  EXPECT_NE(Status().find(R"("error":null)"), std::string::npos);
+}
+
+TEST_F(UpdatesTest, CallbacksOutliveTheRunAndBelongToNoApartment) {
+  const ProgressStage stage = BeginProgressStage(10);
+  auto operation = std::make_shared<Operation>(
+      Operation{win32::KernelHandle(CreateEventW(nullptr, TRUE, FALSE, nullptr)), stage, 50, 50});
+  const std::weak_ptr<Operation> watched = operation;
+  // NOLINTBEGIN(clang-analyzer-cplusplus.NewDelete): the linter does not follow the count, which is what is tested here
+  auto* const completed = new InstallationCompleted(std::move(operation));
+  for (const IID& id : {IID_IUnknown, __uuidof(IInstallationCompletedCallback), __uuidof(IAgileObject)}) {
+    void* same = nullptr;
+    EXPECT_EQ(completed->QueryInterface(id, &same), S_OK);
+    EXPECT_EQ(same, completed);
+    EXPECT_EQ(completed->Release(), 1U);
+  }
+  void* other = completed;
+  EXPECT_EQ(completed->QueryInterface(IID_IDispatch, &other), E_NOINTERFACE);
+  EXPECT_EQ(other, nullptr);
+  EXPECT_EQ(completed->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
+  EXPECT_EQ(completed->AddRef(), 2U);
+  EXPECT_EQ(completed->Release(), 1U);
+  EXPECT_EQ(completed->Invoke(nullptr, nullptr), S_OK);
+  EXPECT_EQ(WaitForSingleObject(watched.lock()->done.Get(), 0), WAIT_OBJECT_0);
+  EXPECT_EQ(completed->Release(), 0U);
+  // NOLINTEND(clang-analyzer-cplusplus.NewDelete)
+  EXPECT_TRUE(watched.expired());
+  BeginProgressStage(50);
+  ReportProgress(stage, 20);  // of the stage before
+  EXPECT_EQ(CurrentProgress(), 50);
+}
+
+TEST_F(UpdatesTest, TheReport) {
+  RunResult run{RunCode::kDone, 700, true, std::string(79, 'x') + "ü tail"};
+  EXPECT_TRUE(WriteUpdatesReport("tok", "ok", &run));
+  EXPECT_EQ(StoredReport(), R"({"lastRunAt":"2026-11-21T09:00:00Z","lastResult":"ok","error":")" +
+                                std::string(79, 'x') + R"(","pending":500,"restartRequired":true})");
+  EXPECT_EQ(state::ReadState(state::kOsUpdatesReport)->type, DWORD{REG_SZ});
+  RememberOwedRestart();
+  EXPECT_NE(Status().find(R"("restartRequired":true)"), std::string::npos);
+  const char kKept[] = R"({"lastRunAt":"2026-11-21T09:00:00Z","lastResult":"deferred","error":null,"pending":)";
+  for (const auto& [stored, tail] : std::map<std::wstring, std::string>{
+           {L"", R"(0,"restartRequired":false})"},
+           {L"{", R"(0,"restartRequired":false})"},
+           {L"[{\"pending\":3}]", R"(0,"restartRequired":false})"},
+           {L"{\"lastRunAt\":1,\"lastResult\":2,\"error\":3,\"pending\":7,\"restartRequired\":true}",
+            R"(7,"restartRequired":true})"},
+           {L"{\"lastRunAt\":1,\"lastResult\":2,\"error\":3,\"pending\":1e308,\"restartRequired\":1}",
+            R"(500,"restartRequired":false})"},
+           {L"{\"lastRunAt\":1,\"lastResult\":2,\"error\":3,\"pending\":-3,\"restartRequired\":\"true\"}",
+            R"(0,"restartRequired":false})"}}) {
+    SetString(state::kStateKey, L"OsUpdatesReport", stored);
+    EXPECT_TRUE(WriteUpdatesReport("tok", "deferred", nullptr));
+    EXPECT_EQ(StoredReport(), kKept + tail) << win32::ToNarrow(stored);
+  }
+  // A run that failed before it knew tells nothing about what is missing.
+  SetString(state::kStateKey, L"OsUpdatesReport", L"{\"pending\":7,\"restartRequired\":true}");
+  run = {RunCode::kFailed, {}, {}, "busy"};
+  EXPECT_TRUE(WriteUpdatesReport("tok", ResultWord(run.code), &run));
+  EXPECT_EQ(InReport("pending") + InReport("restartRequired") + InReport("error") + InReport("lastResult"),
+            "7truebusyfailed");
+  const std::string before = StoredReport();
+  EXPECT_FALSE(WriteUpdatesReport("of before", "ok", &run));
+  SetDword(state::kStateKey, L"TeardownPending", 1);
+  EXPECT_FALSE(WriteUpdatesReport("tok", "ok", &run));
+  MarkWindowDone("tok", "2026-11-21");
+  EXPECT_EQ(StoredReport() + WindowDone(), before);
+}
+
+TEST_F(UpdatesTest, TheTerminalsCommands) {
+  const auto ask = [](const std::string& request, DWORD session = kShellSession) {
+    pipe::CallerRecord caller{};
+    caller.isKioskAccount = true;
+    caller.isInteractive = true;
+    caller.sessionId = session;
+    json::PostReplyAction after = nullptr;
+    return json::Serialise(pipe::Dispatch({nullptr, caller}, request, after));
+  };
+  EXPECT_EQ(ask(R"({"cmd":"session.report","signedIn":true})"), R"({"ok":true})");
+  EXPECT_EQ(ask(R"({"cmd":"session.report","signedIn":false,"live":null})"), R"({"ok":true})");
+  EXPECT_EQ(test::LogTexts(), (std::vector<std::string>{"INFO a Norvane user is signed in at the terminal",
+                                                        "INFO a Norvane user is no longer signed in at the terminal"}));
+  for (const char* rest : {"", R"(,"signedIn":1)", R"(,"signedIn":null)", R"(,"signedIn":true,"live":"true")"}) {
+    EXPECT_EQ(ask(std::string(R"({"cmd":"session.report")") + rest + "}"), R"({"ok":false,"error":"invalid"})");
+  }
+  EXPECT_EQ(ask(R"({"cmd":"session.report","signedIn":true})", 7), R"({"ok":false,"error":"not_permitted"})");
+  EXPECT_EQ(ask(R"({"cmd":"os.updates"})"), R"({"ok":false,"error":"not_unlocked"})");
+  EXPECT_EQ(ask(R"({"cmd":"os.install"})"), R"({"ok":false,"error":"not_unlocked"})");
+
+  const text::Secret unlock = account::NewUnlockToken(kShellSession);
+  const auto unlocked = [&](const std::string& rest) {
+    return ask(R"({"unlockToken":")" + unlock.Get() + R"(","cmd":)" + rest + "}");
+  };
+  SetPolicy("02:00", "05:00", "[1]");
+  const std::string idle = unlocked(R"("os.updates","check":false)");
+  EXPECT_TRUE(idle.ends_with(
+      R"("updates":[],"policy":{"automatic":true,"window":{"start":"02:00","end":"05:00","days":[1]}}})"))
+      << idle;
+  EXPECT_EQ(unlocked(R"("os.updates","check":null)"), idle);
+  EXPECT_EQ(unlocked(R"("os.updates","check":"yes")"), R"({"ok":false,"error":"invalid"})");
+  EXPECT_FALSE(RunIsGoing());
+  sim::OfferUpdate({.title = L"Fine"});
+  SetAgent(L"Duration search", 30'000);
+  EXPECT_TRUE(unlocked(R"("os.updates","check":true)").starts_with(R"({"ok":true,"checking":true,)"));
+  clock_.RunFor(10'000);
+  EXPECT_TRUE(unlocked(R"("os.updates","check":true)").starts_with(R"({"ok":true,"checking":true,)"));
+  EXPECT_EQ(unlocked(R"("os.install")"), R"({"ok":false,"error":"busy"})");
+  EXPECT_EQ(clock_.Elapsed(), 10'000U);  // nothing waited for the run
+  clock_.RunFor(25'000);
+  EXPECT_EQ(InReport("lastResult") + InReport("pending"), "ok1");
+  EXPECT_TRUE(unlocked(R"("os.install")").starts_with(R"({"ok":true,"checking":true,)"));
+  EXPECT_EQ(unlocked(R"("os.install")"), R"({"ok":false,"error":"busy"})");
+  clock_.RunFor(60'000);
+  EXPECT_EQ(InReport("lastResult") + InReport("pending"), "ok0");
+  EXPECT_EQ(sim::AgentWork(), "searched 1\nsearched 1\ndownloaded 1\ninstalled 1\n");
+  EXPECT_EQ(test::CountLogged("INFO os updates: check requested at the terminal"), 1);
+  EXPECT_EQ(test::CountLogged("INFO os updates: install requested at the terminal"), 1);
+}
+
+TEST_F(UpdatesTest, TakenOverFromTheCheckIn) {
+  sim::ScriptedPortal portal;
+  SetString(state::kStateKey, L"AuthBaseUrl", L"http://portal.test");
+  std::string members = R"("updates":{"window":{"end":"05:00","start":"02:00","days":[6,0]},"automatic":true},)"
+                        R"("updatesSource":"tenant")";
+  portal.On(L"POST", L"/api/kiosk/check-in", [&members](const sim::Request&) {
+    return sim::Response{.body = R"({"status":"enrolled",)" + members + "}"};
+  });
+  portal::CheckIn("tok");
+  const std::wstring policy = LR"({"automatic":true,"window":{"start":"02:00","end":"05:00","days":[0,6]}})";
+  EXPECT_EQ(state::ReadState(state::kUpdatesPolicy)->type, DWORD{REG_SZ});
+  EXPECT_EQ(state::ReadStateString(state::kUpdatesPolicy), policy);
+  EXPECT_EQ(state::ReadStateString(state::kUpdatesSource), L"tenant");
+  const std::string line = "INFO os updates: the portal's policy is now " + win32::ToNarrow(policy);
+  EXPECT_EQ(test::CountLogged(line), 1);
+  WriteUpdatesReport("tok", "nothing", nullptr);
+  {
+    const sim::FaultPass pass;
+    portal::CheckIn("tok");
+    for (const sim::ChangeCall& call : pass.Calls()) {
+      EXPECT_TRUE(call.Text().find("UnknownSince") != std::string::npos) << call.Text();
+    }
+  }
+  const std::string body = portal.Requests().back().body;
+  EXPECT_TRUE(body.ends_with(R"(,"osUpdates":)" + StoredReport() + "}")) << body;
+  EXPECT_EQ(portal.Requests().front().body.find("osUpdates"), std::string::npos);
+  members = R"("updates":{"automatic":true},"updatesSource":"device")";
+  portal::CheckIn("tok");
+  EXPECT_EQ(state::ReadStateString(state::kUpdatesPolicy) + state::ReadStateString(state::kUpdatesSource),
+            policy + L"tenant");
+  members =
+      R"("updates":{"automatic":true,"window":{"start":"02:00","end":"05:00","days":[6,0]}},"updatesSource":"Tenant")";
+  portal::CheckIn("tok");
+  EXPECT_FALSE(state::ReadState(state::kUpdatesSource));
+  EXPECT_EQ(test::CountLogged(line), 1);
+}
+
+// The five policies as type and number, in their order.
+std::string Policies() {
+  std::string all;
+  for (const auto& [key, name] :
+       std::vector<std::pair<std::wstring, const wchar_t*>>{{kAuKey, L"NoAutoRebootWithLoggedOnUsers"},
+                                                            {kWindowsUpdateKey, L"SetActiveHours"},
+                                                            {kWindowsUpdateKey, L"ActiveHoursStart"},
+                                                            {kWindowsUpdateKey, L"ActiveHoursEnd"},
+                                                            {kWindowsUpdateKey, L"ActiveHoursMaxRange"}}) {
+    state::RawValue value;
+    const bool there = state::ReadValue(key.c_str(), name, value) == ERROR_SUCCESS;
+    all += !there ? "- "
+           : value.type == REG_DWORD
+               ? std::to_string(value.Dword().value_or(99)) + " "
+               : std::to_string(value.type) + ":" + win32::ToNarrow(value.Text().value_or(L"?")) + " ";
+  }
+  return all;
+}
+
+void OwnPolicies() {
+  SetString(kAuKey.c_str(), L"NoAutoRebootWithLoggedOnUsers", L"0");
+  SetDword(kWindowsUpdateKey, L"ActiveHoursStart", 9);
+  SetDword(kWindowsUpdateKey, L"ActiveHoursEnd", 2);  // as the service would set it
+}
+constexpr char kOwn[] = "1:0 - 9 2 - ";
+constexpr UpdatesPolicy kEarly{true, 120, 300, 127};
+
+TEST_F(UpdatesTest, WindowsMayNotRestartOnItsOwn) {
+  ApplyWuRestartPolicy(kEarly);
+  EXPECT_EQ(Policies(), "1 1 8 2 18 ");
+  {
+    const sim::FaultPass pass;
+    ApplyWuRestartPolicy(kEarly);
+    EXPECT_EQ(pass.Count(), 0);
+  }
+  EXPECT_EQ(
+      test::LogTexts(),
+      (std::vector<std::string>{"INFO os updates: Windows may not restart on its own; active hours 08:00-02:00"}));
+  ApplyWuRestartPolicy({true, 1320, 120, 127});
+  EXPECT_EQ(Policies(), "1 1 4 22 18 ");
+  ApplyWuRestartPolicy({true, 0, 1381, 127});
+  EXPECT_EQ(Policies(), "1 1 4 22 18 ");
+  RestoreWuRestartPolicy();
+  EXPECT_EQ(Policies(), "- - - - - ");
+  RestoreWuRestartPolicy();
+  EXPECT_EQ(test::CountLogged("INFO os updates: Windows Update restart settings are back as they were"), 1);
+  OwnPolicies();
+  ApplyWuRestartPolicy(kEarly);
+  EXPECT_EQ(state::ReadState(state::kPriorWuNoAutoReboot)->type, DWORD{REG_SZ});
+  RestoreWuRestartPolicy();
+  EXPECT_EQ(Policies(), kOwn);
+  EXPECT_FALSE(state::ReadState(state::kPriorWuNoAutoReboot) || state::ReadState(state::kOwnsWuPolicy));
+  SetDword(state::kStateKey, L"TeardownPending", 1);
+  ApplyWuRestartPolicy(kEarly);
+  EXPECT_EQ(Policies(), kOwn);
+}
+
+TEST_F(UpdatesTest, ATeardownGivesThePoliciesBack) {
+  OwnPolicies();
+  ApplyWuRestartPolicy(kEarly);
+  SetPolicy("02:00", "05:00", "[1]");
+  for (const wchar_t* name : {L"UpdatesSource", L"OsUpdatesReport", L"OsUpdatesWindowDone"}) {
+    SetString(state::kStateKey, name, L"x");
+  }
+  account::RemoveKioskMode(false, "because");
+  EXPECT_EQ(Policies(), kOwn);
+  for (const state::StateValue* value :
+       {&state::kUpdatesPolicy, &state::kUpdatesSource, &state::kOsUpdatesReport, &state::kOsUpdatesWindowDone,
+        &state::kOwnsWuPolicy, &state::kPriorWuNoAutoReboot}) {
+    EXPECT_FALSE(state::ReadState(*value)) << win32::ToNarrow(value->name);
+  }
+}
+
+// Whatever fails and whenever the power goes: the next minute sets everything, and the owner's values come back.
+void PrepareOwnersPolicies() {
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane");
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey);
+  ASSERT_EQ(state::ProtectStateKey().what, nullptr);
+  ASSERT_TRUE(portal::StoreDeviceToken("tok"));
+  SetDword(state::kStateKey, L"PriorWuSetActiveHours", 0);  // left over from an earlier time
+  OwnPolicies();
+}
+
+TEST(UpdatesFaults, WhileWindowsIsKeptFromRestarting) {
+  sim::RunFaultScenario({.name = L"apply",
+                         .prepare = PrepareOwnersPolicies,
+                         .run = [] { ApplyWuRestartPolicy(kEarly); },
+                         .later =
+                             [] {
+                               ApplyWuRestartPolicy(kEarly);
+                               EXPECT_EQ(Policies(), "1 1 8 2 18 ");
+                               RestoreWuRestartPolicy();
+                               EXPECT_EQ(Policies(), kOwn);
+                             }});
+}
+
+TEST(UpdatesFaults, WhileThePoliciesAreGivenBack) {
+  sim::RunFaultScenario({.name = L"restore",
+                         .prepare =
+                             [] {
+                               PrepareOwnersPolicies();
+                               ApplyWuRestartPolicy(kEarly);
+                             },
+                         .run = [] { RestoreWuRestartPolicy(); },
+                         .later =
+                             [] {
+                               RestoreWuRestartPolicy();
+                               EXPECT_EQ(Policies(), kOwn);
+                             }});
+}
+
+}  // namespace
+}  // namespace kiosk::updates
