@@ -128,6 +128,13 @@ BOOL ChangeFile(const char* function, const std::wstring& path, Call call) {
       function, [&]() -> const std::wstring& { return plain; }, call);
 }
 
+// The same on an open file; pipes and the like do not count.
+template <typename Call>
+BOOL ChangeOpenFile(const char* function, HANDLE file, Call call) {
+  const std::wstring path = ChangePoint::Armed() ? PathOf(file) : L"";
+  return path.empty() ? call() : ChangeFile(function, path, call);
+}
+
 template <typename Call>
 BOOL ChangeAndForget(const char* function, const wchar_t* given, Call call) {
   const std::wstring path = Resolve(given, false);
@@ -195,17 +202,25 @@ SIM(DWORD, SetSecurityInfo, HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMA
   return HandleAllows(object, parts) ? KeepSecurity("SetSecurityInfo", path, parts, owner, dacl) : ERROR_ACCESS_DENIED;
 }
 
-// The owner alone: the simulated machine knows whom a path was given to; a path that nobody set is the program's own.
+// Owner and DACL: the simulated machine knows whom a path was given to; a path that nobody set is the program's own.
 SIM(DWORD, GetSecurityInfo, HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID* owner, PSID* group,
     PACL* dacl, PACL* sacl, PSECURITY_DESCRIPTOR* descriptor) {
-  const std::wstring sddl = type == SE_FILE_OBJECT ? ReadText(L"FileOwner", Plain(PathOf(object))).value_or(L"") : L"";
-  if (parts != OWNER_SECURITY_INFORMATION || sddl.empty()) {
+  const std::wstring path = type == SE_FILE_OBJECT ? Plain(PathOf(object)) : L"";
+  const bool known = ReadText(kOwners, path).has_value();
+  if ((parts & ~(OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION)) != 0 || !known) {
     return ::GetSecurityInfo(object, type, parts, owner, group, dacl, sacl, descriptor);
   }
+  const std::wstring sddl =
+      ReadText(kOwners, path).value_or(L"") +
+      ((parts & DACL_SECURITY_INFORMATION) != 0 ? ReadText(kDacls, path).value_or(L"") : std::wstring());
   BOOL defaulted = FALSE;
+  PSID found = nullptr;
   if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl.c_str(), SDDL_REVISION_1, descriptor, nullptr) ||
-      !GetSecurityDescriptorOwner(*descriptor, owner, &defaulted)) {
+      !GetSecurityDescriptorOwner(*descriptor, &found, &defaulted)) {
     return GetLastError();
+  }
+  if (owner != nullptr) {
+    *owner = found;
   }
   return ERROR_SUCCESS;
 }
@@ -245,11 +260,28 @@ SIM(WINBOOL, DeleteFileW, LPCWSTR path) {
   return ChangeAndForget("DeleteFileW", path, [](const wchar_t* real) { return ::DeleteFileW(real); });
 }
 
+SIM(WINBOOL, SetFileAttributesW, LPCWSTR path, DWORD attributes) {
+  const std::wstring real = Resolve(path, false);
+  return ChangeFile("SetFileAttributesW", real, [&] { return ::SetFileAttributesW(real.c_str(), attributes); });
+}
+
 SIM(WINBOOL, MoveFileExW, LPCWSTR from, LPCWSTR to, DWORD flags) {
   const std::wstring target = Resolve(to, false);
   return ChangeAndForget("MoveFileExW", from, [&](const wchar_t* real) {
-    return ::MoveFileExW(real, to != nullptr ? target.c_str() : nullptr, flags);
+    const BOOL done = ::MoveFileExW(real, to != nullptr ? target.c_str() : nullptr, flags);
+    if (done && to != nullptr) {
+      Forget(target);
+    }
+    return done;
   });
+}
+
+SIM(WINBOOL, WriteFile, HANDLE file, LPCVOID bytes, DWORD size, LPDWORD written, LPOVERLAPPED overlapped) {
+  return ChangeOpenFile("WriteFile", file, [&] { return ::WriteFile(file, bytes, size, written, overlapped); });
+}
+
+SIM(WINBOOL, FlushFileBuffers, HANDLE file) {
+  return ChangeOpenFile("FlushFileBuffers", file, [&] { return ::FlushFileBuffers(file); });
 }
 
 SIM(WINBOOL, MoveFileW, LPCWSTR from, LPCWSTR to) { return sim_MoveFileExW(from, to, MOVEFILE_COPY_ALLOWED); }
@@ -257,7 +289,13 @@ SIM(WINBOOL, MoveFileW, LPCWSTR from, LPCWSTR to) { return sim_MoveFileExW(from,
 SIM(HANDLE, CreateFileW, LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security, DWORD disposition,
     DWORD flags, HANDLE model) {
   const std::wstring real = Resolve(path, (flags & FILE_FLAG_OPEN_REPARSE_POINT) == 0);
-  return ::CreateFileW(real.c_str(), access, share, security, disposition, flags, model);
+  HANDLE file = INVALID_HANDLE_VALUE;
+  const auto open = [&]() -> BOOL {
+    file = ::CreateFileW(real.c_str(), access, share, security, disposition, flags, model);
+    return file != INVALID_HANDLE_VALUE;
+  };
+  disposition == CREATE_NEW ? ChangeFile("CreateFileW", real, open) : open();
+  return file;
 }
 
 SIM(DWORD, GetFileAttributesW, LPCWSTR path) {

@@ -100,17 +100,22 @@ text::Secret Headers(const wchar_t* accept, const std::string& bearerToken) {
   return headers;
 }
 
+struct Limits {
+  win32::Deadline deadline;
+  const std::function<bool()>& goOn;
+};
+
 // Why the call must end now although Windows did not fail it, or 0.
-DWORD CutShort(const win32::Deadline& deadline) noexcept {
-  if (win32::StopRequested()) {
+DWORD CutShort(const Limits& limits) {
+  if (win32::StopRequested() || (limits.goOn && !limits.goOn())) {
     return ERROR_WINHTTP_OPERATION_CANCELLED;
   }
-  return deadline.Passed() ? ERROR_WINHTTP_TIMEOUT : ERROR_SUCCESS;
+  return limits.deadline.Passed() ? ERROR_WINHTTP_TIMEOUT : ERROR_SUCCESS;
 }
 
 bool Send(HINTERNET request, const wchar_t* accept, const std::string& body, const std::string& bearerToken,
-          const win32::Deadline& deadline) {
-  if (const DWORD error = CutShort(deadline); error != ERROR_SUCCESS) {
+          const Limits& limits) {
+  if (const DWORD error = CutShort(limits); error != ERROR_SUCCESS) {
     SetLastError(error);
     return false;
   }
@@ -125,8 +130,8 @@ bool Send(HINTERNET request, const wchar_t* accept, const std::string& body, con
   return sent;
 }
 
-bool Receive(HINTERNET request, const win32::Deadline& deadline, DWORD& status) {
-  if (const DWORD error = CutShort(deadline); error != ERROR_SUCCESS) {
+bool Receive(HINTERNET request, const Limits& limits, DWORD& status) {
+  if (const DWORD error = CutShort(limits); error != ERROR_SUCCESS) {
     SetLastError(error);
     return false;
   }
@@ -139,15 +144,15 @@ bool Receive(HINTERNET request, const win32::Deadline& deadline, DWORD& status) 
 // Reads until the end, the limit, a failure (what came so far is then the body), a stop or the deadline. Returns the error
 // of the last two, 0 otherwise. A body that is complete stays so whatever happens at its end: it may hold a token that the
 // portal hands out once.
-DWORD ReadBody(HINTERNET request, std::size_t maxBody, const win32::Deadline& deadline, text::Secret& body) {
+DWORD ReadBody(HINTERNET request, std::size_t maxBody, const Limits& limits, text::Secret& body) {
   std::vector<char> chunk;
   while (body.Get().size() <= maxBody) {
-    if (const DWORD error = CutShort(deadline); error != ERROR_SUCCESS) {
+    if (const DWORD error = CutShort(limits); error != ERROR_SUCCESS) {
       return error;
     }
     DWORD available = 0;
     if (WinHttpQueryDataAvailable(request, &available) == 0) {
-      return CutShort(deadline);
+      return CutShort(limits);
     }
     if (available == 0) {
       return ERROR_SUCCESS;
@@ -160,7 +165,7 @@ DWORD ReadBody(HINTERNET request, std::size_t maxBody, const win32::Deadline& de
     }
     SecureZeroMemory(chunk.data(), chunk.size());
     if (!ok) {
-      return CutShort(deadline);
+      return CutShort(limits);
     }
   }
   return ERROR_SUCCESS;
@@ -175,15 +180,15 @@ AuthReply Failed(std::string error) {
 AuthReply FailedWith(DWORD error) { return Failed("WinHTTP error " + std::to_string(error)); }
 
 AuthReply Exchange(const Request& request, const wchar_t* accept, const std::string& body,
-                   const std::string& bearerToken, std::size_t maxBody, const win32::Deadline& deadline) {
+                   const std::string& bearerToken, std::size_t maxBody, const Limits& limits) {
   DWORD status = 0;
-  if (!Send(request.Get(), accept, body, bearerToken, deadline) || !Receive(request.Get(), deadline, status)) {
+  if (!Send(request.Get(), accept, body, bearerToken, limits) || !Receive(request.Get(), limits, status)) {
     const DWORD error = GetLastError();
-    const DWORD cutShort = CutShort(deadline);
+    const DWORD cutShort = CutShort(limits);
     return FailedWith(cutShort != ERROR_SUCCESS ? cutShort : error);
   }
   AuthReply reply;
-  if (const DWORD error = ReadBody(request.Get(), maxBody, deadline, reply.body); error != ERROR_SUCCESS) {
+  if (const DWORD error = ReadBody(request.Get(), maxBody, limits, reply.body); error != ERROR_SUCCESS) {
     return FailedWith(error);
   }
   reply.answered = 1;
@@ -195,8 +200,8 @@ AuthReply Exchange(const Request& request, const wchar_t* accept, const std::str
 
 AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std::string& body,
                       const std::string& bearerToken, std::size_t maxBody, const wchar_t* accept,
-                      std::uint32_t deadline) {
-  const win32::Deadline end(deadline);
+                      std::uint32_t deadline, const std::function<bool()>& goOn) {
+  const Limits limits{win32::Deadline(deadline), goOn};
   if (win32::StopRequested()) {
     return FailedWith(ERROR_WINHTTP_OPERATION_CANCELLED);
   }
@@ -230,7 +235,7 @@ AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std:
   SetOption(request.Get(), WINHTTP_OPTION_REDIRECT_POLICY, DWORD{WINHTTP_OPTION_REDIRECT_POLICY_NEVER});
   SetOption(request.Get(), WINHTTP_OPTION_AUTOLOGON_POLICY, DWORD{WINHTTP_AUTOLOGON_SECURITY_LEVEL_HIGH});
   SetOption(request.Get(), WINHTTP_OPTION_DISABLE_FEATURE, DWORD{WINHTTP_DISABLE_COOKIES});
-  return Exchange(request, accept, body, bearerToken, maxBody, end);
+  return Exchange(request, accept, body, bearerToken, maxBody, limits);
 }
 
 }  // namespace kiosk::portal

@@ -4,6 +4,7 @@
 #include "account/kiosk_account.h"
 #include "account/provisioning.h"
 #include "account/teardown.h"
+#include "branding/branding_cache.h"
 #include "log/log.h"
 #include "portal/check_in.h"
 #include "portal/device_token.h"
@@ -62,6 +63,7 @@ class Worker {
       state::RecordLastError({});
     }
     KeepProvisioned(token.Get());
+    branding::ApplyBranding(result, token.Get());
     backOff_ = kInterval;
     return kInterval;
   }
