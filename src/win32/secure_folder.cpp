@@ -185,8 +185,9 @@ FolderResult SecureFolder(const wchar_t* path, const wchar_t* sddl, ForeignFolde
     return failed(FolderStep::kDescriptor, GetLastError());
   }
   SECURITY_ATTRIBUTES security = descriptor.Attributes();
-  const bool existed = CreateDirectoryW(path, &security) == 0;
-  if (existed && GetLastError() != ERROR_ALREADY_EXISTS) {
+  const bool stands = attributes != INVALID_FILE_ATTRIBUTES && IsPlainFolder(attributes);
+  const bool existed = stands || CreateDirectoryW(path, &security) == 0;
+  if (existed && !stands && GetLastError() != ERROR_ALREADY_EXISTS) {
     return failed(FolderStep::kCreate, GetLastError());
   }
   DWORD error = HoldFolder(path, result.folder);
