@@ -3,6 +3,7 @@
 Pictures go to the folder that NORVANE_SCREENSHOTS names, or to a temporary one.
 """
 
+import hashlib
 import json
 import os
 import pathlib
@@ -187,6 +188,18 @@ class PageTest(unittest.TestCase):
         self.assertEqual(reply["updates"], UPDATES)
         self.assertEqual(reply["signIn"], {"microsoft": True, "email": False, "extraHosts": ["login.example.org"]})
         self.assertEqual(reply["exitPassword"], "Open Sesame")
+
+        # A photo is uploaded into the branding, and comes to the terminal.
+        self.card(number, "[data-example=branding]").click()
+        picture = os.path.join(self.pictures, "photo.png")
+        with open(picture, "wb") as file:
+            file.write(b"not really a picture")
+        self.card(number, ".photo").send_keys(picture)
+        self.says(number, "Photo added")
+        self.card(number, ".save").click()
+        self.says(number, "Saved")
+        digest = hashlib.sha256(b"not really a picture").hexdigest()
+        self.assertEqual(terminal.check_in()[1]["branding"]["photos"], [{"sha256": digest, "contentType": "image/png"}])
 
         # A change made elsewhere appears in a field that nobody touched.
         self.portal.set(number, name="Renamed elsewhere")
