@@ -17,7 +17,6 @@ namespace kiosk::branding {
 namespace {
 
 constexpr std::size_t kMaxPhotoSize = 16'777'216;
-constexpr std::size_t kMaxRecordSize = 262'144;
 constexpr wchar_t kRecordName[] = L"branding.json";
 // A photo of the largest size then needs 0.5 Mbit/s.
 constexpr std::uint32_t kPhotoDeadline = 300'000;
@@ -205,14 +204,15 @@ class Run {
     {
       const CachedFile file = OpenCached(path);
       if (file.state == CachedFile::State::kBusy ||
-          (file.state == CachedFile::State::kOpen && ReadCached(file, kMaxRecordSize) == text) ||
+          (file.state == CachedFile::State::kOpen && ReadCached(file, text.size()) == text) ||
           (file.state == CachedFile::State::kForeign && !RemoveCached(path))) {
         return;
       }
     }
     if (account::StillEnrolled(token_) && WriteCached(path, text)) {
       log::Log(log::kNotice, log::kKiosk, "branding: \"%s\" with %zu photo(s)",
-               json::Member(*branding_, "displayName").text().c_str(), json::Member(*branding_, "photos").items().size());
+               json::Member(*branding_, "displayName").text().c_str(),
+               json::Member(*branding_, "photos").items().size());
     }
   }
 

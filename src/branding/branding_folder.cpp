@@ -100,7 +100,7 @@ CachedFile OpenCached(const std::wstring& path) {
                                 FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
   if (!file.handle) {
     const DWORD error = GetLastError();
-    file.state = error == ERROR_FILE_NOT_FOUND        ? State::kMissing
+    file.state = error == ERROR_FILE_NOT_FOUND      ? State::kMissing
                  : error == ERROR_SHARING_VIOLATION ? State::kBusy
                                                     : State::kForeign;
     return file;
@@ -120,7 +120,8 @@ std::optional<std::string> ReadCached(const CachedFile& file, std::size_t limit)
   }
   std::string content(file.info.nFileSizeLow, '\0');
   DWORD read = 0;
-  if (ReadFile(file.handle.Get(), content.data(), file.info.nFileSizeLow, &read, nullptr) == 0 || read != content.size()) {
+  if (ReadFile(file.handle.Get(), content.data(), file.info.nFileSizeLow, &read, nullptr) == 0 ||
+      read != content.size()) {
     return std::nullopt;
   }
   return content;

@@ -1,5 +1,5 @@
-// The folder in which the kiosk shell finds the branding, and the only way to its files. Users may read it; only SYSTEM and
-// Administrators may write, and nothing that somebody else put there is trusted or followed.
+// The folder in which the kiosk shell finds the branding, and the only way to its files. Users may read it; only SYSTEM
+// and Administrators may write, and nothing that somebody else put there is trusted or followed.
 #pragma once
 
 #include "win32/handle.h"
@@ -20,8 +20,8 @@ inline constexpr wchar_t kBrandingFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly
 // Guards the folder and its content; held for work on files, never across a call to the portal.
 win32::Lock& FolderLock() noexcept;
 
-// The four folders from C:\ProgramData\Norvane down to the branding's, made, secured and held open so that nobody can swap
-// one of them. The caller holds the lock for the life of this.
+// The four folders from C:\ProgramData\Norvane down to the branding's, made, secured and held open so that nobody can
+// swap one of them. The caller holds the lock for the life of this.
 class HeldFolders {
  public:
   // The outer `count` of them, outermost first. False when one cannot be had; logged.

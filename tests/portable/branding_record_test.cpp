@@ -34,10 +34,10 @@ TEST(BrandingRecord, KeepsWhatItKnowsInItsOwnOrder) {
       {R"({"photos":[1,{},")" + Digest('a') + R"(",)" + Photo(Digest('A')) + "," + Photo(Digest('a').substr(1)) + "," +
            Photo(Digest('g')) + "," + a + "," + Photo(Digest('a'), R"(,"credit":"again")") + "]}",
        R"({"photos":[)" + a + R"(],"tenantId":"t1"})"},
-      {R"({"photos":[)" + Photo(Digest('b'), R"(,"credit":"C","height":" 1080 ","width":3840.0,"contentType":"image/png","x":1)") +
+      {R"({"photos":[)" +
+           Photo(Digest('b'), R"(,"credit":"C","height":" 1080 ","width":3840.0,"contentType":"image/png","x":1)") +
            "]}",
-       R"({"photos":[)" +
-           Photo(Digest('b'), R"(,"contentType":"image/png","width":3840,"height":1080,"credit":"C")") +
+       R"({"photos":[)" + Photo(Digest('b'), R"(,"contentType":"image/png","width":3840,"height":1080,"credit":"C")") +
            R"(],"tenantId":"t1"})"},
       {R"({"photos":[)" + Photo(Digest('b'), R"(,"width":"inf","height":"12px","credit":2,"contentType":[])") + "]}",
        R"({"photos":[)" + Photo(Digest('b')) + R"(],"tenantId":"t1"})"},
