@@ -133,6 +133,13 @@ BOOL ChangeFile(const char* function, const std::wstring& path, Call call) {
       function, [&]() -> const std::wstring& { return plain; }, call);
 }
 
+// The same on an open file; pipes and the like do not count.
+template <typename Call>
+BOOL ChangeOpenFile(const char* function, HANDLE file, Call call) {
+  const std::wstring path = ChangePoint::Armed() ? PathOf(file) : L"";
+  return path.empty() ? call() : ChangeFile(function, path, call);
+}
+
 template <typename Call>
 BOOL ChangeAndForget(const char* function, const wchar_t* given, Call call) {
   const std::wstring path = Resolve(given, false);
@@ -191,17 +198,25 @@ SIM(DWORD, SetSecurityInfo, HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMA
   return HandleAllows(object, parts) ? KeepSecurity(path, parts, owner, dacl) : ERROR_ACCESS_DENIED;
 }
 
-// The owner alone: the simulated machine knows whom a path was given to; a path that nobody set is the program's own.
+// Owner and DACL: the simulated machine knows whom a path was given to; a path that nobody set is the program's own.
 SIM(DWORD, GetSecurityInfo, HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID* owner, PSID* group,
     PACL* dacl, PACL* sacl, PSECURITY_DESCRIPTOR* descriptor) {
-  const std::wstring sddl = type == SE_FILE_OBJECT ? ReadText(L"FileOwner", Plain(PathOf(object))).value_or(L"") : L"";
-  if (parts != OWNER_SECURITY_INFORMATION || sddl.empty()) {
+  const std::wstring path = type == SE_FILE_OBJECT ? Plain(PathOf(object)) : L"";
+  const bool known = ReadText(kOwners, path).has_value();
+  if ((parts & ~(OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION)) != 0 || !known) {
     return ::GetSecurityInfo(object, type, parts, owner, group, dacl, sacl, descriptor);
   }
+  const std::wstring sddl =
+      ReadText(kOwners, path).value_or(L"") +
+      ((parts & DACL_SECURITY_INFORMATION) != 0 ? ReadText(kDacls, path).value_or(L"") : std::wstring());
   BOOL defaulted = FALSE;
+  PSID found = nullptr;
   if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl.c_str(), SDDL_REVISION_1, descriptor, nullptr) ||
-      !GetSecurityDescriptorOwner(*descriptor, owner, &defaulted)) {
+      !GetSecurityDescriptorOwner(*descriptor, &found, &defaulted)) {
     return GetLastError();
+  }
+  if (owner != nullptr) {
+    *owner = found;
   }
   return ERROR_SUCCESS;
 }
@@ -229,11 +244,24 @@ SIM(WINBOOL, DeleteFileW, LPCWSTR path) {
   return ChangeAndForget("DeleteFileW", path, [](const wchar_t* real) { return ::DeleteFileW(real); });
 }
 
+SIM(WINBOOL, SetFileAttributesW, LPCWSTR path, DWORD attributes) {
+  const std::wstring real = Resolve(path, false);
+  return ChangeFile("SetFileAttributesW", real, [&] { return ::SetFileAttributesW(real.c_str(), attributes); });
+}
+
 SIM(WINBOOL, MoveFileExW, LPCWSTR from, LPCWSTR to, DWORD flags) {
   const std::wstring target = Resolve(to, false);
   return ChangeAndForget("MoveFileExW", from, [&](const wchar_t* real) {
-    return ::MoveFileExW(real, to != nullptr ? target.c_str() : nullptr, flags);
+    const BOOL done = ::MoveFileExW(real, to != nullptr ? target.c_str() : nullptr, flags);
+    if (done && to != nullptr) {
+      Forget(target);
+    }
+    return done;
   });
+}
+
+SIM(WINBOOL, FlushFileBuffers, HANDLE file) {
+  return ChangeOpenFile("FlushFileBuffers", file, [&] { return ::FlushFileBuffers(file); });
 }
 
 SIM(WINBOOL, MoveFileW, LPCWSTR from, LPCWSTR to) { return sim_MoveFileExW(from, to, MOVEFILE_COPY_ALLOWED); }
@@ -246,18 +274,14 @@ SIM(HANDLE, CreateFileW, LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATT
     file = ::CreateFileW(real.c_str(), access, share, security, disposition, flags, model);
     return file != INVALID_HANDLE_VALUE;
   };
-  if (disposition == CREATE_NEW && ChangePoint::Armed() && InSpool(Plain(real))) {
-    ChangeFile("CreateFileW", real, open);
-  } else {
-    open();
-  }
+  disposition == CREATE_NEW ? ChangeFile("CreateFileW", real, open) : open();
   return file;
 }
 
 // In the spool a write is two changes, so that one can end in the middle.
 SIM(WINBOOL, WriteFile, HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED overlapped) {
   if (!ChangePoint::Armed() || overlapped != nullptr || !InSpool(PathOf(file))) {
-    return ::WriteFile(file, data, size, written, overlapped);
+    return ChangeOpenFile("WriteFile", file, [&] { return ::WriteFile(file, data, size, written, overlapped); });
   }
   const DWORD half = size / 2;
   DWORD second = 0;

@@ -4,6 +4,7 @@
 #include "account/enrolment.h"
 #include "account/provisioning.h"
 #include "account/teardown.h"
+#include "branding/branding_folder.h"
 #include "portal/device_token.h"
 #include "service/install.h"
 #include "sim/accounts.h"
@@ -32,10 +33,16 @@ TEST_F(ServiceTest, ReportsItsStatesAndAnswersControls) {
   sim::ServiceHost host;
   int exitCode = -1;
   test::SetDword(state::kStateKey, L"DevAllowUnsigned", 1);
+  // Left by an enrolment that ended while the service was not there.
+  for (const wchar_t* path : {L"C:\\ProgramData\\Norvane", L"C:\\ProgramData\\Norvane\\Tessaly",
+                              branding::kKioskFolder, branding::kBrandingFolder}) {
+    CreateDirectoryW(path, nullptr);
+  }
   {
     const win32::KernelHandle service = win32::StartThread([&exitCode]() noexcept { exitCode = RunDispatcher(); });
     const win32::FileHandle client = test::ConnectToService();  // returns when the pipe is served
     ASSERT_TRUE(client);
+    EXPECT_EQ(GetFileAttributesW(branding::kKioskFolder), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(host.ServiceName(), L"NorvaneKiosk");
     EXPECT_EQ(host.Deliver(SERVICE_CONTROL_INTERROGATE), DWORD{NO_ERROR});
     EXPECT_EQ(host.Deliver(SERVICE_CONTROL_SESSIONCHANGE, WTS_SESSION_LOGON, 1), DWORD{NO_ERROR});

@@ -181,6 +181,19 @@ TEST_F(WorkerTest, RevocationEndsTheEnrolmentAndWhatIsPendingIsRetried) {
   EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
 }
 
+TEST_F(WorkerTest, BrandingComesWithACheckInAndGoesWithTheEnrolment) {
+  constexpr wchar_t kRecord[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Kiosk\\Branding\\branding.json";
+  answer_ = R"({"status":"enrolled","tenantId":"t1","branding":{"displayName":"Norvane"}})";
+  Enrol();
+  StartWorker();
+  clock_.RunUntil(29'000);
+  EXPECT_EQ(test::ReadWholeFile(kRecord), R"({"displayName":"Norvane","photos":[],"tenantId":"t1"})");
+  status_ = 401;
+  answer_ = R"({"status":"revoked"})";
+  clock_.RunUntil(31'000);
+  EXPECT_EQ(GetFileAttributesW(L"C:\\ProgramData\\Norvane\\Tessaly\\Kiosk"), INVALID_FILE_ATTRIBUTES);
+}
+
 TEST_F(WorkerTest, CheckInErrorFromBeforeARestartIsCleared) {
   Enrol();
   state::RecordLastError("WinHTTP error 12029");

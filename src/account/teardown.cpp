@@ -9,6 +9,7 @@
 #include "account/kiosk_session.h"
 #include "account/unlock_token.h"
 #include "account/winlogon.h"
+#include "branding/branding_folder.h"
 #include "log/log.h"
 #include "portal/device_token.h"
 #include "portal/pairing_code.h"
@@ -116,6 +117,7 @@ void TearDown(bool deleteStateKey, const char* reason) {
   { const win32::LockGuard answersThatAreBeingWritten(ReplyLock()); }
   RestoreAutoLogon();
   RestoreFastUserSwitching();
+  branding::RemoveBranding();
   power::RestorePowerSettings();
   updates::RestoreWuRestartPolicy();
   updates::ForgetUpdates();

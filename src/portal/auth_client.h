@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace kiosk::portal {
@@ -19,6 +20,7 @@ struct AuthReply {
 // Most body bytes of an API reply before reading stops.
 inline constexpr std::size_t kApiBodyLimit = 65536;
 inline constexpr wchar_t kAcceptJson[] = L"application/json";
+inline constexpr wchar_t kAcceptImage[] = L"image/*";
 // Milliseconds that one whole API call may take, whatever the server does.
 inline constexpr std::uint32_t kApiDeadline = 60'000;
 
@@ -30,8 +32,11 @@ inline constexpr std::uint32_t kApiDeadline = 60'000;
 // "cannot open the request", and "WinHTTP error N", where 12002 also stands for a call that used up `deadline` and 12017
 // for one that a service stop ended; no call begins after a stop. Under a stop the call returns within one phase (15 s) at the
 // worst. A reply that had come whole is never thrown away for the deadline or the stop.
+//
+// `goOn`, when given, is asked before each phase and each chunk of the body; false ends the call as a stop does. It may
+// not wait.
 AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std::string& body,
                       const std::string& bearerToken, std::size_t maxBody, const wchar_t* accept,
-                      std::uint32_t deadline = kApiDeadline);
+                      std::uint32_t deadline = kApiDeadline, const std::function<bool()>& goOn = {});
 
 }  // namespace kiosk::portal

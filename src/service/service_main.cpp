@@ -1,9 +1,11 @@
 #include "service/service_main.h"
 
+#include "account/account_lock.h"
 #include "account/kiosk_account.h"
 #include "account/maintenance.h"
 #include "account/provisioning.h"
 #include "account/teardown.h"
+#include "branding/branding_folder.h"
 #include "log/log.h"
 #include "pipe/server.h"
 #include "pipe/signature.h"
@@ -108,6 +110,10 @@ win32::KernelHandle StartVital(const char* name, void (*body)()) {
 // What a stop, a kill or a restart of Windows left unfinished or out of place.
 void RepairKiosk() {
   account::FinishPendingRemoval();
+  if (!state::TokenIsStored()) {
+    const win32::LockGuard guard(account::AccountLock());
+    branding::RemoveBranding();
+  }
   account::EndMaintenanceOfEarlierBoot();
   account::RememberAdministratorSessions();
   account::TrimPrivilegedGroups();

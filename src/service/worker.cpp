@@ -4,6 +4,7 @@
 #include "account/kiosk_account.h"
 #include "account/provisioning.h"
 #include "account/teardown.h"
+#include "branding/branding_cache.h"
 #include "log/log.h"
 #include "portal/check_in.h"
 #include "portal/device_token.h"
@@ -63,6 +64,7 @@ class Worker {
       state::RecordLastError({});
     }
     KeepProvisioned(token.Get());
+    branding::ApplyBranding(result, token.Get());
     if (account::StillEnrolled(token.Get())) {
       power::ApplyEffectivePowerPolicy();
     }

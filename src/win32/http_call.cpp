@@ -56,22 +56,25 @@ struct Exchange {
   Deadline deadline;
 
   // Why the call must end now although Windows did not fail it, or 0.
-  [[nodiscard]] DWORD CutShort() const noexcept {
+  [[nodiscard]] DWORD CutShort() const {
     if (call.stop != nullptr && WaitForSingleObject(call.stop, 0) == WAIT_OBJECT_0) {
+      return ERROR_WINHTTP_OPERATION_CANCELLED;
+    }
+    if (call.goOn != nullptr && *call.goOn && !(*call.goOn)()) {
       return ERROR_WINHTTP_OPERATION_CANCELLED;
     }
     return deadline.Passed() ? ERROR_WINHTTP_TIMEOUT : ERROR_SUCCESS;
   }
 
   // The error of a phase that failed: the reason why the call had to end, if there is one.
-  [[nodiscard]] DWORD PhaseError() const noexcept {
+  [[nodiscard]] DWORD PhaseError() const {
     const DWORD error = GetLastError();
     const DWORD cutShort = CutShort();
     return cutShort != ERROR_SUCCESS ? cutShort : error;
   }
 };
 
-DWORD Send(const Exchange& exchange) noexcept {
+DWORD Send(const Exchange& exchange) {
   if (const DWORD error = exchange.CutShort(); error != ERROR_SUCCESS) {
     return error;
   }
@@ -85,7 +88,7 @@ DWORD Send(const Exchange& exchange) noexcept {
              : exchange.PhaseError();
 }
 
-DWORD Receive(const Exchange& exchange, DWORD& status) noexcept {
+DWORD Receive(const Exchange& exchange, DWORD& status) {
   if (const DWORD error = exchange.CutShort(); error != ERROR_SUCCESS) {
     return error;
   }

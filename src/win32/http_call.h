@@ -35,6 +35,7 @@ struct HttpCall {
   std::string_view body = {};
   const CERT_CONTEXT* certificate = nullptr;  // presented when the server asks for one; null: none ever is
   HANDLE stop = nullptr;                      // event that ends the call; null: nothing does
+  const std::function<bool()>* goOn = nullptr;  // asked before each phase and each chunk; false ends the call as a stop does
   std::uint32_t deadline = 60'000;            // ms for the whole call
   std::size_t maxBody = 0;                    // reading ends after the chunk that exceeds it
   std::function<void(std::string_view)> onBody = {};  // gets the reply's body; each chunk is zeroed afterwards

@@ -10,6 +10,7 @@ namespace kiosk::win32 {
 enum class LockRank : int {
   kPairing = 10,
   kAccount = 20,
+  kBrandingRun = 25,
   kBranding = 30,
   kPower = 40,
   kUpdatesPolicy = 50,

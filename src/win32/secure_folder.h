@@ -4,10 +4,15 @@
 
 #include "win32/handle.h"
 
+#include <string>
+#include <vector>
+
 namespace kiosk::win32 {
 
 // Owner Administrators; protected; full control for SYSTEM and Administrators alone, inherited by all content.
 inline constexpr wchar_t kPrivateFolderSddl[] = L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
+// The same, and Users may read and execute.
+inline constexpr wchar_t kReadableFolderSddl[] = L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)";
 
 enum class FolderStep { kDone, kRemove, kDescriptor, kCreate, kSecure };
 
@@ -20,16 +25,28 @@ struct FolderResult {
   explicit operator bool() const noexcept { return failedAt == FolderStep::kDone; }
 };
 
-// What becomes of a folder that belongs to neither SYSTEM nor Administrators nor this process's own account. Its content may be a trap: whoever made
-// it still owns what is in it.
+// What becomes of a folder that belongs to neither SYSTEM nor Administrators nor this process's own account. Its content may
+// be a trap: whoever made it still owns what is in it.
 enum class ForeignFolder {
   kTakeOver,  // keeps its content under the new owner and DACL
   kSetAside,  // is renamed to "<path>.untrusted-<number>", and a new one takes its place
 };
 
-// Makes `path` a plain folder with exactly the owner and the protected DACL of `sddl`. A file, or a link of any kind,
-// that stands in its place is removed (the link, not its target). Parents are not looked at: secure them first, and keep
-// their handles for as long as the path is to be trusted.
+// Makes `path` a plain folder with exactly the owner and the protected DACL of `sddl`; one that has them already is not
+// written to. A file, or a link of any kind, that stands in its place is removed (the link, not its target). Parents are not
+// looked at: secure them first, and keep their handles for as long as the path is to be trusted.
 FolderResult SecureFolder(const wchar_t* path, const wchar_t* sddl, ForeignFolder foreign) noexcept;
+
+// True when the open file or folder belongs to SYSTEM, Administrators, or whoever runs this program. An owner that cannot
+// be read counts as foreign.
+bool HasTrustedOwner(HANDLE file) noexcept;
+
+// The names of what is in the folder, "." and ".." left out.
+std::vector<std::wstring> NamesIn(const std::wstring& folder);
+
+// Removes what stands at `path`: a file, a link (never its target), or a folder with all that is in it, read-only or not.
+// Safe against whoever made the folder: it is taken over before anything in it is touched. The parent is secured and held
+// by the caller. False with the last error when something is left; more than 16 levels are not followed (ERROR_DIR_NOT_EMPTY).
+bool RemoveTree(const std::wstring& path);
 
 }  // namespace kiosk::win32

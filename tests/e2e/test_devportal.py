@@ -52,6 +52,11 @@ def check_in(portal, token, body=None):
     return ask(portal, "POST", "/api/kiosk/check-in", body or {}, {"Authorization": f"Bearer {token}"})[:2]
 
 
+def photo(portal, token, digest):
+    headers = {"Authorization": f"Bearer {token}"}
+    return ask(portal, "GET", "/api/kiosk/branding/photos/" + digest, headers=headers)
+
+
 class WithPortal(unittest.TestCase):
     def setUp(self):
         self.portal = Portal()
@@ -239,6 +244,34 @@ class Page(WithPortal):
         self.assertEqual(self.page("/page/api/terminals/99/revoke", {})[0], 404)
 
 
+    def test_photos_go_to_the_terminals_that_list_them(self):
+        terminal, token = enrol(self.portal)
+        upload = "/page/api/photos"
+        self.assertEqual(self.page(upload, b"x", **{"Content-Type": "text/html"})[0], 422)
+        self.assertEqual(self.page(upload, b"", **{"Content-Type": "image/png"})[0], 422)
+        large = bytes(range(256)) * 512  # more than other requests may bring
+        status, reply, _ = self.page(upload, large, **{"Content-Type": "image/png"})
+        self.assertEqual((status, reply["contentType"]), (201, "image/png"))
+        digest = reply["sha256"]
+        self.assertEqual(photo(self.portal, token, digest)[0], 404)
+        path, branding = f"/page/api/terminals/{terminal}", {"displayName": "T", "photos": [reply]}
+        self.assertEqual(self.page(path, {"branding": json.dumps(branding)})[0], 200)
+        self.assertEqual(check_in(self.portal, token)[1]["branding"], branding)
+        status, content, headers = photo(self.portal, token, digest)
+        self.assertEqual((status, content, headers["Content-Type"]), (200, large, "image/png"))
+        self.assertEqual(photo(self.portal, "other", digest)[:2], (401, {"status": "unknown"}))
+        for answer, expected, size in (("wrong", 200, len(large) + 1), ("empty", 200, 0), ("redirect", 302, 0),
+                                       ("oversized", 200, 16 * 1024 * 1024 + 1)):
+            self.portal.set(terminal, photoAnswer=answer)
+            status, content, _ = photo(self.portal, token, digest)
+            self.assertEqual((status, len(content)), (expected, size), answer)
+            self.assertNotEqual(content, large)
+        self.assertNotIn("photoAnswer", check_in(self.portal, token)[1])
+        self.assertEqual(self.page(path, {"photoAnswer": "late"})[0], 422)
+        self.portal.revoke(terminal)
+        self.assertEqual(photo(self.portal, token, digest)[:2], (401, {"status": "revoked"}))
+
+
 class Policies(unittest.TestCase):
     def change(self, base, path, value):
         copy = json.loads(json.dumps(base))
@@ -266,8 +299,11 @@ class Policies(unittest.TestCase):
         hosts += ["x" * 64 + ".example", "a" + ".b" * 127]
         signs = [("email", "1"), ("extraHosts", [f"h{n}.de" for n in range(11)])]
         signs += [("extraHosts", [host]) for host in hosts]
+        branding = {"displayName": "D", "signInSubtitle": "S", "photos": []}
+        brandings = [("displayName", 1), ("signInSubtitle", "x" * 201), ("colour", "red"), ("photos", {}),
+                     ("photos", [{"sha256": "a" * 64}] * 17)]
         for check, base, cases in ((policy.check_power, POWER, power), (policy.check_updates, UPDATES, updates),
-                                   (policy.check_sign_in, sign_in, signs)):
+                                   (policy.check_sign_in, sign_in, signs), (policy.check_branding, branding, brandings)):
             self.assertEqual(check(base), base)
             for path, value in cases:
                 with self.subTest(path=path, value=value), self.assertRaises(policy.Invalid) as caught:
@@ -285,6 +321,11 @@ class Policies(unittest.TestCase):
             {"screenOffMinutes": 15, "sleepMinutes": 10,
              "schedule": {"enabled": True, "sleepAt": "22:00", "wakeAt": "07:00", "days": [0, 6]}}))
         policy.check_sign_in({"microsoft": False, "email": True, "extraHosts": ["a-b.example", "1.2"]})
+        policy.check_branding({"photos": [{"sha256": "0f" * 32, "width": 1920, "credit": ""}] * 16})
+        for bad in ({"sha256": "A" * 64}, {"sha256": "a" * 63}, {}, 1, {"sha256": "a" * 64, "width": "1"}):
+            with self.assertRaises(policy.Invalid) as caught:
+                policy.check_branding({"photos": [bad]})
+            self.assertTrue(caught.exception.messages[0].startswith("photos[0]"), caught.exception.messages)
 
 
 class Program(unittest.TestCase):

@@ -152,6 +152,30 @@ class RealHttp(unittest.TestCase):
             self.assertEqual(checked, {"ok": False, "error": "no_client"})
             self.assertEqual(list(elsewhere.requests), [])
 
+    def test_branding_arrives_and_a_slow_photo_ends_with_a_stop(self):
+        with Portal() as portal, Terminal() as terminal:
+            terminal.install(url=portal.url)
+            photos = [os.urandom(3_000_000), b"redirected"]
+            digests = [portal.add_photo(photo) for photo in photos]
+            branding = {"displayName": "Łódź", "photos": [{"sha256": digests[0]}]}
+            terminal_id = pair(terminal, portal, branding=branding, tenantId="t1")
+            folder = terminal.path(r"C:\ProgramData\Norvane\Tessaly\Kiosk\Branding")
+            wait_for((folder / "branding.json").exists, "the branding")
+            self.assertEqual((folder / digests[0]).read_bytes(), photos[0])
+            self.assertEqual(json.loads((folder / "branding.json").read_bytes()), branding | {"tenantId": "t1"})
+            branding["photos"].append({"sha256": digests[1]})
+            for answer, line in (("redirect", f"WARN branding photo {digests[1]} not cached: HTTP 302"), ("slow", None)):
+                self.assertEqual(terminal.net("stop"), 0)
+                portal.set(terminal_id, branding=branding, photoAnswer=answer)
+                before = len(portal.requests)
+                self.assertEqual(terminal.net("start"), 0)
+                portal.wait(lambda: any(digests[1] in request.path for request in portal.requests[before:]), 20)
+                if line:
+                    wait_for(lambda: line in terminal.log(), line)
+            self.assertEqual(terminal.net("stop"), 0)
+            wait_for(lambda: terminal.service_process() is None, "the service to stop", 5)
+            self.assertEqual({file.name for file in folder.iterdir()}, {"branding.json", digests[0]})
+
     def test_dribbled_reply_ends_with_a_stop(self):
         with Portal() as portal, Terminal() as terminal:
             terminal.install(url=portal.url)

@@ -18,7 +18,7 @@ import threading
 
 import policy
 import tls as tls_files
-from routes import Routes, TERMINAL_PREFIX
+from routes import PHOTO_PATH, Routes, TERMINAL_PREFIX
 from server import Reply, Request, Server
 from store import CODE_LIFETIME, PortalError, Store
 
@@ -37,7 +37,8 @@ class Portal:
         self._store = Store(database)
         try:
             self._routes = Routes(self._store, code_lifetime)
-            self._server = Server((address, port), self._routes.route, TERMINAL_PREFIX, context, verbose, keep_requests)
+            self._server = Server((address, port), self._routes.route, TERMINAL_PREFIX, context, verbose, keep_requests,
+                                  {PHOTO_PATH: policy.MAX_PHOTO_SIZE})
         except BaseException:
             self._store.close()
             raise
@@ -70,6 +71,10 @@ class Portal:
         if faults:
             raise PortalError(422, str(faults), faults)
         return self._store.change(terminal, changes)
+
+    def add_photo(self, content, content_type="image/png"):
+        """Keeps a photo for the brandings that list it; returns its digest."""
+        return self._store.add_photo(content, content_type)
 
     def revoke(self, terminal):
         self._store.revoke(terminal)

@@ -12,6 +12,9 @@ MAX_TEXT = 200
 MAX_HOSTS = 10
 MAX_MINUTES = 240
 SOURCES = ("device", "tenant", "default")
+MAX_PHOTOS = 16
+MAX_PHOTO_SIZE = 16 * 1024 * 1024
+PHOTO_ANSWERS = ("wrong", "empty", "oversized", "slow", "redirect")
 
 
 class Invalid(Exception):
@@ -178,6 +181,45 @@ def check_text(value):
     return faults.finish(value)
 
 
+def check_branding(value):
+    faults = _Faults()
+    if not faults.object(value, "", ("displayName", "signInSubtitle", "photos")):
+        return faults.finish(None)
+    texts = {name: value[name] for name in ("displayName", "signInSubtitle") if name in value}
+    for name, text in texts.items():
+        _short_text(faults, text, name)
+    photos = value.get("photos", [])
+    if not isinstance(photos, list) or len(photos) > MAX_PHOTOS:
+        faults.add("photos", f"must be a list of at most {MAX_PHOTOS} photos")
+        photos = []
+    return faults.finish({**texts, "photos": [_photo(faults, photo, f"photos[{i}]") for i, photo in enumerate(photos)]})
+
+
+def _photo(faults, value, path):
+    if not faults.object(value, path, ("sha256", "contentType", "width", "height", "credit")):
+        return None
+    if not isinstance(value.get("sha256"), str) or not re.fullmatch("[0-9a-f]{64}", value["sha256"]):
+        faults.add(_join(path, "sha256"), "must be the digest of a photo, 64 digits in lower case")
+    for name in ("contentType", "credit"):
+        if name in value:
+            _short_text(faults, value[name], _join(path, name))
+    for name in ("width", "height"):
+        if name in value and (isinstance(value[name], bool) or not isinstance(value[name], (int, float))):
+            faults.add(_join(path, name), "must be a number")
+    return value
+
+
+def _short_text(faults, value, path):
+    if not isinstance(value, str) or len(value) > MAX_TEXT:
+        faults.add(path, f"must be text of at most {MAX_TEXT} characters")
+
+
+def check_photo_answer(value):
+    if value in PHOTO_ANSWERS:
+        return value
+    raise Invalid([f"the answer must be one of {', '.join(PHOTO_ANSWERS)}"])
+
+
 def check_source(value):
     if value in SOURCES:
         return value
@@ -227,8 +269,12 @@ CHECKS = {
     "updates": check_updates,
     "updatesSource": check_source,
     "exitPassword": check_text,
+    "branding": check_branding,
     "tenantId": check_text,
+    "photoAnswer": check_photo_answer,
 }
+# Settings of the portal itself: how it answers a terminal, not what it tells it.
+NOT_SENT = ("photoAnswer",)
 
 
 def check_settings(changes):

@@ -12,6 +12,9 @@ from server import OUTAGES, Reply
 from store import PortalError
 
 TERMINAL_PREFIX = "/api/"
+PHOTO_PATH = "/page/api/photos"
+# Seconds between the bytes of a photo that comes slowly.
+SLOW = 0.5
 # A page of another site can make a browser send requests here, but not with a header of this name.
 PAGE_HEADER = "X-Devportal"
 PAGE_HOSTS = r"localhost|127(\.\d{1,3}){3}"
@@ -32,6 +35,7 @@ class Routes:
             ("POST", r"/api/kiosk/check-in", self._check_in),
             ("POST", r"/api/log", self._log),
             ("GET", r"/api/log/config", lambda request: Reply(200, self.store.log_config())),
+            ("GET", r"/api/kiosk/branding/photos/([^/]{1,80})", self._photo),
         ]
         self._page_table = [
             ("GET", r"/", lambda request: self._page),
@@ -40,6 +44,7 @@ class Routes:
             ("POST", r"/page/api/outage", self._set_outage),
             ("POST", r"/page/api/log/lines", self._log_lines),
             ("POST", r"/page/api/log/config", self._set_log_config),
+            ("POST", PHOTO_PATH, self._add_photo),
             ("POST", r"/page/api/terminals/(\d{1,15})", self._change),
             ("POST", r"/page/api/terminals/(\d{1,15})/revoke", self._revoke),
             ("POST", r"/page/api/terminals/(\d{1,15})/forget", self._forget),
@@ -68,10 +73,8 @@ class Routes:
         return Reply(202, {"status": "pending"}) if token is None else Reply(200, {"deviceToken": token})
 
     def _check_in(self, request):
-        scheme, _, token = request.headers.get("Authorization", "").partition(" ")
         report = _object(request)
-        known = token.strip() if scheme.lower() == "bearer" else ""
-        status, settings = self.store.check_in(known, report)
+        status, settings = self.store.check_in(_bearer(request), report)
         if status != "enrolled":
             return Reply(401, {"status": status}, {"WWW-Authenticate": "Bearer"})
         return Reply(200, check_in_reply(settings))
@@ -84,8 +87,25 @@ class Routes:
             raise PortalError(400, str(error)) from None
         self.store.add_lines(lines)
         return Reply(202, {})
+    def _photo(self, request, digest):
+        status, settings, kind, content = self.store.photo(_bearer(request), digest)
+        if status != "enrolled":
+            return Reply(401, {"status": status}, {"WWW-Authenticate": "Bearer"})
+        answer = settings.get("photoAnswer")
+        if answer == "redirect":
+            return Reply(302, b"", {"Location": request.path + "?again", "Content-Type": kind})
+        bodies = {"wrong": content[::-1] + b"!", "empty": b"", "oversized": bytes(policy.MAX_PHOTO_SIZE + 1)}
+        return Reply(200, bodies.get(answer, content), {"Content-Type": kind}, dribble=SLOW if answer == "slow" else None)
 
     # The page.
+
+    def _add_photo(self, request):
+        kind = request.headers.get("Content-Type", "")
+        if not re.fullmatch(r"image/[a-z0-9.+-]{1,40}", kind):
+            raise PortalError(422, "A photo must be an image file.")
+        if not request.body:
+            raise PortalError(422, "The file is empty.")
+        return Reply(201, {"sha256": self.store.add_photo(request.body, kind), "contentType": kind})
 
     def _state(self, request):
         return Reply(200, {
@@ -123,7 +143,7 @@ class Routes:
     def _change(self, request, terminal):
         changes = _object(request)
         faults = {}
-        for name in ("power", "updates"):
+        for name in ("power", "updates", "branding"):
             if isinstance(changes.get(name), str):
                 try:
                     changes[name] = policy.parse_json(changes[name]) if changes[name].strip() else None
@@ -152,7 +172,7 @@ def check_in_reply(settings):
     """The members in the order of the settings table; a policy always travels with its source."""
     reply = {"status": "enrolled"}
     for name in list(policy.CHECKS) + [name for name in settings if name not in policy.CHECKS]:
-        if name in settings:
+        if name in settings and name not in policy.NOT_SENT:
             reply[name] = settings[name]
         elif name in ("powerSource", "updatesSource") and name.removesuffix("Source") in settings:
             reply[name] = "device"
@@ -182,6 +202,11 @@ def _refuse_stranger(request):
     if request.method != "GET" and PAGE_HEADER not in request.headers:
         return Reply(403, {"error": f"the header {PAGE_HEADER} is missing"})
     return None
+
+
+def _bearer(request):
+    scheme, _, token = request.headers.get("Authorization", "").partition(" ")
+    return token.strip() if scheme.lower() == "bearer" else ""
 
 
 def _object(request):

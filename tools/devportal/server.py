@@ -83,11 +83,12 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         if not (text.isascii() and text.isdigit()) or len(text) > 15:
             return b"", Reply(400, {"error": "bad Content-Length"})
         length = int(text)
-        if length > MAX_BODY:
+        limit = self.server.body_limits.get(self.path, MAX_BODY)
+        if length > limit:
             left = min(length, DRAIN_BODY)
             while left > 0 and (piece := self.rfile.read(min(left, 65536))):
                 left -= len(piece)
-            return b"", Reply(413, {"error": f"the body is larger than {MAX_BODY} bytes"})
+            return b"", Reply(413, {"error": f"the body is larger than {limit} bytes"})
         body = self.rfile.read(length)
         if len(body) < length:
             return b"", Reply(400, {"error": "the body ended early"})
@@ -112,13 +113,15 @@ class _Handler(http.server.BaseHTTPRequestHandler):
 class Server(http.server.ThreadingHTTPServer):
     """Serves until close(). `route` maps a Request to a Reply and runs on the connection's own thread.
 
-    Requests whose path starts with `watched` are recorded, and outages and scripts act on them alone.
+    Requests whose path starts with `watched` are recorded, and outages and scripts act on them alone. `body_limits` maps
+    paths to the bytes that a request may bring there, where that is not MAX_BODY.
     """
 
     daemon_threads = False  # close() waits for them, so that nobody uses the store after its end
     request_queue_size = 128
 
-    def __init__(self, address, route, watched, tls=None, verbose=False, keep_requests=None):
+    def __init__(self, address, route, watched, tls=None, verbose=False, keep_requests=None, body_limits=None):
+        self.body_limits = body_limits or {}
         self.tls = tls
         self.verbose = verbose
         self.stopping = threading.Event()

@@ -55,6 +55,8 @@ CREATE TABLE log_line (
 );
 CREATE TABLE log_config (config TEXT NOT NULL);  -- one row, JSON
 """
+# Beside the schema, so that a database from before it had photos can be used on.
+PHOTO_TABLE = "CREATE TABLE IF NOT EXISTS photo (sha256 TEXT PRIMARY KEY, type TEXT NOT NULL, content BLOB NOT NULL)"
 
 
 class PortalError(Exception):
@@ -92,6 +94,7 @@ class Store:
         elif version != SCHEMA_VERSION:
             self._db.close()
             raise ValueError(f"{path} is not a database of this version of the development portal")
+        self._db.execute(PHOTO_TABLE)
 
     def close(self):
         with self._lock:
@@ -185,8 +188,27 @@ class Store:
         with self._lock, self._db:
             self._db.execute("DELETE FROM log_config")
             self._db.execute("INSERT INTO log_config (config) VALUES (?)", (_text(config),))
+    def photo(self, token, digest):
+        """A photo of the terminal's branding: ("enrolled", its settings, type, content), or (status, None, None, None)."""
+        with self._lock:
+            row = self._db.execute("SELECT * FROM terminal WHERE token_hash = ?", (_hash(token),)).fetchone()
+            if row is None or row["revoked"]:
+                return ("unknown" if row is None else "revoked"), None, None, None
+            settings = json.loads(row["settings"])
+            listed = settings.get("branding", {}).get("photos", [])
+            photo = self._db.execute("SELECT * FROM photo WHERE sha256 = ?", (digest,)).fetchone()
+            if photo is None or not any(entry.get("sha256") == digest for entry in listed):
+                raise PortalError(404, "no such photo")
+            return "enrolled", settings, photo["type"], photo["content"]
 
     # What people do.
+
+    def add_photo(self, content, kind):
+        """Keeps a photo; returns its digest."""
+        digest = hashlib.sha256(content).hexdigest()
+        with self._lock, self._db:
+            self._db.execute("INSERT OR REPLACE INTO photo VALUES (?, ?, ?)", (digest, kind, content))
+        return digest
 
     def claim(self, code, settings):
         """Turns a waiting code into a terminal and returns its id."""

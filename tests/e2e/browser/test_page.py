@@ -3,6 +3,7 @@
 Pictures go to the folder that NORVANE_SCREENSHOTS names, or to a temporary one.
 """
 
+import hashlib
 import json
 import os
 import pathlib
@@ -221,6 +222,17 @@ class PageTest(unittest.TestCase):
         self.assertEqual(sorted(map(float, asleep)), [40] * 5 + [140] * 5 + [480] * 2)
         terminal.check_in(powerLocal={"schedule": {"enabled": True, "days": "all"}})
         self.until(lambda: not self.card(number).find_elements(By.CSS_SELECTOR, ".week .sleep"), "a week without sleep")
+        # A photo is uploaded into the branding, and comes to the terminal.
+        self.card(number, "[data-example=branding]").click()
+        picture = os.path.join(self.pictures, "photo.png")
+        with open(picture, "wb") as file:
+            file.write(b"not really a picture")
+        self.card(number, ".photo").send_keys(picture)
+        self.says(number, "Photo added")
+        self.card(number, ".save").click()
+        self.says(number, "Saved")
+        digest = hashlib.sha256(b"not really a picture").hexdigest()
+        self.assertEqual(terminal.check_in()[1]["branding"]["photos"], [{"sha256": digest, "contentType": "image/png"}])
 
         # A change made elsewhere appears in a field that nobody touched.
         self.portal.set(number, name="Renamed elsewhere")

@@ -1,0 +1,191 @@
+#include "branding/branding_folder.h"
+
+#include "log/log.h"
+#include "win32/secure_folder.h"
+#include "win32/wide_text.h"
+
+#include <algorithm>
+
+namespace kiosk::branding {
+namespace {
+
+using win32::FolderStep;
+using State = CachedFile::State;
+
+struct Folder {
+  const wchar_t* path;
+  const wchar_t* sddl;
+};
+constexpr Folder kFolders[] = {
+    {L"C:\\ProgramData\\Norvane", win32::kPrivateFolderSddl},
+    {L"C:\\ProgramData\\Norvane\\Tessaly", win32::kPrivateFolderSddl},
+    {kKioskFolder, win32::kReadableFolderSddl},
+    {kBrandingFolder, win32::kReadableFolderSddl},
+};
+constexpr std::size_t kAroundBranding = 3;
+
+win32::Lock folderLock{win32::LockRank::kBranding};
+
+void LogWith(int level, const char* what, const std::wstring& path, DWORD error) {
+  log::Log(level, log::kKiosk, "%s %s (%lu)", what, win32::ToNarrow(path).c_str(), error);
+}
+
+void LogFolder(const wchar_t* path, const win32::FolderResult& result) {
+  if (result.replaced) {
+    log::Log(log::kWarn, log::kKiosk, "removing %s: not a plain folder", win32::ToNarrow(path).c_str());
+  }
+  switch (result.failedAt) {
+    case FolderStep::kDone:
+      break;
+    case FolderStep::kRemove:
+      LogWith(log::kWarn, "cannot remove", path, result.error);
+      break;
+    case FolderStep::kDescriptor:
+      log::Log(log::kError, log::kKiosk, "folder security descriptor failed (%lu)", result.error);
+      break;
+    case FolderStep::kCreate:
+      LogWith(log::kError, "cannot create", path, result.error);
+      break;
+    case FolderStep::kSecure:
+      log::Log(log::kError, log::kKiosk, "cannot secure %s", win32::ToNarrow(path).c_str());
+      break;
+  }
+}
+
+bool Exists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
+
+bool IsOwnFile(const CachedFile& file) {
+  constexpr DWORD kUnusual = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_READONLY;
+  return (file.info.dwFileAttributes & kUnusual) == 0 && file.info.nNumberOfLinks == 1 &&
+         win32::HasTrustedOwner(file.handle.Get());
+}
+
+DWORD WriteNew(HANDLE file, std::string_view bytes) noexcept {
+  DWORD written = 0;
+  if (WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) == 0) {
+    return GetLastError();
+  }
+  if (written != bytes.size()) {
+    return ERROR_DISK_FULL;
+  }
+  return FlushFileBuffers(file) != 0 ? ERROR_SUCCESS : GetLastError();
+}
+
+}  // namespace
+
+win32::Lock& FolderLock() noexcept { return folderLock; }
+
+bool HeldFolders::Hold(std::size_t count) {
+  for (held_ = 0; held_ < count; ++held_) {
+    win32::FolderResult result =
+        win32::SecureFolder(kFolders[held_].path, kFolders[held_].sddl, win32::ForeignFolder::kTakeOver);
+    LogFolder(kFolders[held_].path, result);
+    if (!result) {
+      return false;
+    }
+    folders_[held_] = std::move(result.folder);
+  }
+  return true;
+}
+
+void HeldFolders::ReleaseInnermost() noexcept {
+  if (held_ > 0) {
+    folders_[--held_].Reset();
+  }
+}
+
+CachedFile OpenCached(const std::wstring& path) {
+  CachedFile file;
+  file.handle.Reset(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+                                FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+  if (!file.handle) {
+    const DWORD error = GetLastError();
+    file.state = error == ERROR_FILE_NOT_FOUND      ? State::kMissing
+                 : error == ERROR_SHARING_VIOLATION ? State::kBusy
+                                                    : State::kForeign;
+    return file;
+  }
+  if (GetFileInformationByHandle(file.handle.Get(), &file.info) != 0 && IsOwnFile(file)) {
+    file.state = State::kOpen;
+  } else {
+    file.handle.Reset();  // what is held open could not be removed
+    file.state = State::kForeign;
+  }
+  return file;
+}
+
+std::optional<std::string> ReadCached(const CachedFile& file, std::size_t limit) {
+  if (file.info.nFileSizeHigh != 0 || file.info.nFileSizeLow > limit) {
+    return std::nullopt;
+  }
+  std::string content(file.info.nFileSizeLow, '\0');
+  DWORD read = 0;
+  if (ReadFile(file.handle.Get(), content.data(), file.info.nFileSizeLow, &read, nullptr) == 0 ||
+      read != content.size()) {
+    return std::nullopt;
+  }
+  return content;
+}
+
+bool WriteCached(const std::wstring& path, std::string_view bytes) {
+  const std::wstring temporary = path + L".tmp";
+  if (!RemoveCached(temporary)) {
+    return false;
+  }
+  win32::FileHandle file(
+      CreateFileW(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+  if (!file) {
+    LogWith(log::kError, "cannot create", temporary, GetLastError());
+    return false;
+  }
+  const DWORD error = WriteNew(file.Get(), bytes);
+  file.Reset();
+  if (error != ERROR_SUCCESS) {
+    LogWith(log::kError, "cannot write", temporary, error);
+  } else if (MoveFileExW(temporary.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0) {
+    return true;
+  } else {
+    LogWith(log::kError, "cannot replace", path, GetLastError());
+  }
+  DeleteFileW(temporary.c_str());
+  return false;
+}
+
+bool RemoveCached(const std::wstring& path) {
+  if (win32::RemoveTree(path)) {
+    return true;
+  }
+  LogWith(log::kWarn, "cannot remove", path, GetLastError());
+  return false;
+}
+
+void RemoveAllBut(const std::vector<std::wstring>& names) {
+  for (const std::wstring& name : win32::NamesIn(kBrandingFolder)) {
+    if (std::none_of(names.begin(), names.end(),
+                     [&](const std::wstring& kept) { return win32::EqualIgnoringCase(kept, name); })) {
+      RemoveCached(std::wstring(kBrandingFolder) + L"\\" + name);
+    }
+  }
+}
+
+bool RemoveCache() {
+  if (!Exists(kKioskFolder)) {
+    return true;
+  }
+  HeldFolders around;
+  if (!around.Hold(kAroundBranding) || !RemoveCached(kBrandingFolder)) {
+    return false;
+  }
+  around.ReleaseInnermost();
+  if (RemoveDirectoryW(kKioskFolder) == 0 && GetLastError() != ERROR_DIR_NOT_EMPTY) {
+    LogWith(log::kWarn, "cannot remove", kKioskFolder, GetLastError());
+  }
+  return true;
+}
+
+void RemoveBranding() {
+  const win32::LockGuard guard(folderLock);
+  RemoveCache();
+}
+
+}  // namespace kiosk::branding

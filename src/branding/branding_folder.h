@@ -1,0 +1,71 @@
+// The folder in which the kiosk shell finds the branding, and the only way to its files. Users may read it; only SYSTEM
+// and Administrators may write, and nothing that somebody else put there is trusted or followed.
+#pragma once
+
+#include "win32/handle.h"
+#include "win32/lock.h"
+
+#include <array>
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kiosk::branding {
+
+inline constexpr wchar_t kKioskFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Kiosk";
+inline constexpr wchar_t kBrandingFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Kiosk\\Branding";
+
+// Guards the folder and its content; held for work on files, never across a call to the portal.
+win32::Lock& FolderLock() noexcept;
+
+// The four folders from C:\ProgramData\Norvane down to the branding's, made, secured and held open so that nobody can
+// swap one of them. The caller holds the lock for the life of this.
+class HeldFolders {
+ public:
+  // The outer `count` of them, outermost first. False when one cannot be had; logged.
+  bool Hold(std::size_t count = kCount);
+  void ReleaseInnermost() noexcept;
+
+ private:
+  static constexpr std::size_t kCount = 4;
+  std::array<win32::FileHandle, kCount> folders_;
+  std::size_t held_ = 0;
+};
+
+// For the rest the caller holds the lock and, except for RemoveCache and RemoveBranding, the folders.
+
+struct CachedFile {
+  enum class State {
+    kMissing,
+    kForeign,  // not a plain file with one name that belongs to this service
+    kBusy,     // somebody keeps it open for himself alone
+    kOpen,
+  };
+  State state = State::kMissing;
+  win32::FileHandle handle;  // only for kOpen
+  BY_HANDLE_FILE_INFORMATION info{};
+};
+CachedFile OpenCached(const std::wstring& path);
+
+// The content of an open file of at most `limit` bytes; empty when it is longer or cannot be read.
+std::optional<std::string> ReadCached(const CachedFile& file, std::size_t limit);
+
+// Puts a file there whole or not at all, in place of whatever stood there. False when that failed; logged.
+bool WriteCached(const std::wstring& path, std::string_view bytes);
+
+// Removes what stands at the path, whatever it is. False when something is left; logged.
+bool RemoveCached(const std::wstring& path);
+
+// Removes everything in the folder but files of these names.
+void RemoveAllBut(const std::vector<std::wstring>& names);
+
+// Removes the folder with all that is in it, and the one around it when that is empty then. False when something of the
+// cache is left; logged.
+bool RemoveCache();
+
+// RemoveCache under the lock, for the end of an enrolment. The caller may hold the account lock.
+void RemoveBranding();
+
+}  // namespace kiosk::branding
