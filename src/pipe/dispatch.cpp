@@ -38,9 +38,13 @@ constexpr CallerClass kKioskSession{[](const CallerRecord& caller) {
                                     },
                                     "the caller is not the kiosk account in its own session"};
 
+// Whether the terminal settings must be unlocked: the request then carries the "unlockToken" of the caller's own session.
+enum class Settings { kMayBeLocked, kUnlocked };
+
 struct Command {
   std::string_view name;
   const CallerClass& needs;
+  Settings settings;
   json::Value (*handle)(const Client& client, const json::Value& request, PostReplyAction& afterReply);
 };
 
@@ -74,12 +78,12 @@ json::Value Maintenance(const Client& client, const json::Value& request, PostRe
 }
 
 constexpr Command kCommands[] = {
-    {"status", kAnyCaller, Status},
-    {"restart.now", kInteractiveUser, RestartNow},
-    {"pair.begin", kInteractivePerson, PairBegin},
-    {"pair.check", kInteractivePerson, PairCheck},
-    {"unlock", kKioskSession, Unlock},
-    {"maintenance", kKioskSession, Maintenance},
+    {"status", kAnyCaller, Settings::kMayBeLocked, Status},
+    {"restart.now", kInteractiveUser, Settings::kMayBeLocked, RestartNow},
+    {"pair.begin", kInteractivePerson, Settings::kMayBeLocked, PairBegin},
+    {"pair.check", kInteractivePerson, Settings::kMayBeLocked, PairCheck},
+    {"unlock", kKioskSession, Settings::kMayBeLocked, Unlock},
+    {"maintenance", kKioskSession, Settings::kMayBeLocked, Maintenance},
 };
 
 }  // namespace
@@ -102,6 +106,12 @@ json::Value Dispatch(const Client& client, std::string_view request, PostReplyAc
       log::Log(log::kWarn, log::kKiosk, "%s refused: %s", name.c_str(), command->needs.refusal);
     }
     return json::ErrorReply("not_permitted");
+  }
+  if (command->settings == Settings::kUnlocked &&
+      !account::CheckUnlockToken(json::Member(body, "unlockToken").text(), client.caller.sessionId)) {
+    log::Log(log::kWarn, log::kKiosk, "%s refused: terminal settings are not unlocked for session %lu", name.c_str(),
+             client.caller.sessionId);
+    return json::ErrorReply("not_unlocked");
   }
   return command->handle(client, body, afterReply);
 }
