@@ -4,12 +4,14 @@
 #include "sim/clock.h"
 #include "sim/lsa.h"
 #include "sim/machine.h"
+#include "sim/network.h"
 #include "sim/profiles.h"
 #include "sim/seam.h"
 #include "sim/sessions.h"
 #include "sim/shutdown.h"
 
 #include <lm.h>
+#include <winhttp.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -53,6 +55,16 @@ std::string Hex(const std::vector<BYTE>& bytes) {
     text += pair;
   }
   return text;
+}
+
+std::string DefaultProxy() {
+  WINHTTP_PROXY_INFO info{};
+  WinHttpGetDefaultProxyConfiguration(&info);
+  std::wstring text = info.lpszProxy != nullptr ? info.lpszProxy : L"none";
+  text += L" except " + std::wstring(info.lpszProxyBypass != nullptr ? info.lpszProxyBypass : L"none");
+  GlobalFree(info.lpszProxy);
+  GlobalFree(info.lpszProxyBypass);
+  return Narrow(text);
 }
 
 // The values of a key as type and bytes, then those of the keys below it. A key that is not there has no line.
@@ -126,6 +138,11 @@ std::string DumpMachine(const std::vector<std::wstring>& keys) {
   }
   for (const auto& folder : std::filesystem::directory_iterator(L"C:\\users")) {
     lines.push_back("folder " + Narrow(folder.path().wstring()));
+  }
+  lines.push_back("proxy " + DefaultProxy());
+  std::istringstream adapters(DumpAdapters());
+  for (std::string line; std::getline(adapters, line);) {
+    lines.push_back("adapter " + line);
   }
   for (const std::wstring& key : keys) {
     DumpKey(key, lines);

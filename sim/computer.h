@@ -13,7 +13,7 @@ namespace sim {
 // service's process is the test's to end before, and to start after.
 DWORD RestartComputer();
 
-// Accounts, groups, secrets, profiles, hives and the keys (below HKLM, with all that is below them) as text, a line for
+// Accounts, groups, secrets, profiles, hives, default proxy, network adapters and the keys (below HKLM, with all that is below them) as text, a line for
 // each thing, sorted: equal for equal computers. Leaves out what the service may keep: its state and its logs.
 std::string DumpMachine();
 std::string DumpMachine(const std::vector<std::wstring>& keys);

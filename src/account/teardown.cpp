@@ -10,8 +10,10 @@
 #include "account/unlock_token.h"
 #include "account/winlogon.h"
 #include "log/log.h"
+#include "network/network.h"
 #include "portal/device_token.h"
 #include "portal/pairing_code.h"
+#include "proxy/proxy.h"
 #include "state/kiosk_state.h"
 #include "win32/wide_text.h"
 
@@ -96,6 +98,8 @@ void TearDown(bool deleteStateKey, const char* reason) {
   { const win32::LockGuard answersThatAreBeingWritten(ReplyLock()); }
   RestoreAutoLogon();
   RestoreFastUserSwitching();
+  proxy::RestoreProxy();
+  network::PutBackUnfinishedChanges();
   const bool removed = RemoveAccount();
   if (!EraseEnrolment()) {
     log::Log(log::kError, log::kKiosk, "cannot delete the device token; removing kiosk mode again at the next check-in");

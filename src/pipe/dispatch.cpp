@@ -6,10 +6,13 @@
 #include "account/unlock.h"
 #include "json/parse.h"
 #include "log/log.h"
+#include "network/network.h"
 #include "pipe/status.h"
 #include "portal/pairing.h"
+#include "proxy/proxy.h"
 #include "text/secret.h"
 #include "text/text.h"
+#include "timesync/time_sync.h"
 
 #include <algorithm>
 #include <iterator>
@@ -77,6 +80,18 @@ json::Value Maintenance(const Client& client, const json::Value& request, PostRe
                                    client.caller.sessionId, afterReply);
 }
 
+json::Value NetSet(const Client& /*client*/, const json::Value& request, PostReplyAction& /*afterReply*/) {
+  return network::NetSet(request);
+}
+
+json::Value ProxySet(const Client& /*client*/, const json::Value& request, PostReplyAction& /*afterReply*/) {
+  return proxy::ProxySet(request);
+}
+
+json::Value TimeSync(const Client& /*client*/, const json::Value& /*request*/, PostReplyAction& /*afterReply*/) {
+  return timesync::TimeSync();
+}
+
 constexpr Command kCommands[] = {
     {"status", kAnyCaller, Settings::kMayBeLocked, Status},
     {"restart.now", kInteractiveUser, Settings::kMayBeLocked, RestartNow},
@@ -84,6 +99,9 @@ constexpr Command kCommands[] = {
     {"pair.check", kInteractivePerson, Settings::kMayBeLocked, PairCheck},
     {"unlock", kKioskSession, Settings::kMayBeLocked, Unlock},
     {"maintenance", kKioskSession, Settings::kMayBeLocked, Maintenance},
+    {"net.set", kKioskSession, Settings::kUnlocked, NetSet},
+    {"time.sync", kKioskSession, Settings::kUnlocked, TimeSync},
+    {"proxy.set", kKioskSession, Settings::kUnlocked, ProxySet},
 };
 
 }  // namespace
