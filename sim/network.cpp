@@ -56,6 +56,9 @@ std::wstring NameServers(const std::wstring& name) {
   wchar_t text[512] = L"";
   DWORD size = sizeof(text);
   RegGetValueW(HKEY_LOCAL_MACHINE, (kInterfaces + name).c_str(), L"NameServer", RRF_RT_REG_SZ, nullptr, text, &size);
+  for (wchar_t* comma = text; (comma = std::wcschr(comma, L',')) != nullptr;) {
+    *comma = L' ';
+  }
   return text;
 }
 

@@ -112,12 +112,13 @@ TEST_F(NetworkTest, WhatDoesNotShowIsPutBack) {
   EXPECT_EQ(test::CountLogged("ERROR net.set: another computer has the address on " + kName), 1);
   EXPECT_EQ(test::CountLogged("WARN net.set: put " + kName + " back to what it was before: static 172.16.0.9/16 172.16.0.10/16, "
                               "gateway 172.16.0.1, DNS 172.16.0.2, DNS 172.16.0.3"), 1);
-  EXPECT_EQ(Set(R"("mode":"dhcp")").substr(0, 10), R"({"ok":true)");
+  EXPECT_EQ(sim::DumpAdapters(), before);
+  EXPECT_TRUE(Set(R"("mode":"dhcp")").starts_with(R"({"ok":true)"));
   sim::WriteNumber(kAdapterArea, L"EnableDHCP", 82);
   EXPECT_EQ(Set(R"("mode":"dhcp","dns":["1.1.1.1"])"), kFailed);
   sim::ForgetValue(kAdapterArea, L"EnableDHCP");
   MakeItStatic();
-  EXPECT_EQ(sim::DumpAdapters().substr(0, 60), before.substr(0, 60));
+  EXPECT_EQ(sim::DumpAdapters(), before);
   sim::WriteNumber(kAdapterArea, L"SetGateways", 71);
   EXPECT_EQ(Set(kStatic), kFailed);  // nor can the gateway be put back: but it never changed
   EXPECT_FALSE(Recorded());

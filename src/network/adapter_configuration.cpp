@@ -69,6 +69,7 @@ HRESULT Poll(std::uint64_t milliseconds, Step step) {
 
 std::vector<std::wstring> Texts(const std::vector<Address>& addresses) {
   std::vector<std::wstring> texts;
+  texts.reserve(addresses.size());
   for (const Address address : addresses) {
     texts.push_back(win32::ToWide(AddressText(address)));
   }

@@ -49,7 +49,7 @@ TEST(Sntp, OffsetIsHalfTheDifferenceAndSigned) {
 TEST(Sntp, WhatIsNoAnswer) {
   const std::vector<std::uint8_t> good = Reply(0xEE'AD'84'10'00'00'00'00, 0xEE'AD'84'10'00'00'00'00);
   ASSERT_TRUE(ParseSntpReply(good));
-  for (const std::size_t size : {0, 1, 47, 49}) {
+  for (const std::size_t size : {0U, 1U, 47U, 49U}) {
     std::vector<std::uint8_t> sized = good;
     sized.resize(size);
     EXPECT_FALSE(ParseSntpReply(sized)) << size;
