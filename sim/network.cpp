@@ -1,7 +1,8 @@
 #define CINTERFACE
 #include <winsock2.h>
 #include <ws2ipdef.h>
-#include <iphlpapi.h>
+
+#include <iphlpapi.h>  // wants the two above
 
 #include "sim/network.h"
 
@@ -133,12 +134,14 @@ IP_ADAPTER_ADDRESSES* Describe(Room& room, const std::wstring& name, ULONG64 num
     unicast->OnLinkPrefixLength = static_cast<UINT8>(std::wcstoul(text.c_str() + text.find(L'/') + 1, nullptr, 10));
     unicast->PrefixOrigin = dhcp ? IpPrefixOriginDhcp : IpPrefixOriginManual;
     const bool duplicate = ReadText(AreaOf(name), L"Duplicate") == text.substr(0, text.find(L'/'));
-    unicast->DadState = duplicate ? IpDadStateDuplicate : Settled(name) && cable ? IpDadStatePreferred : IpDadStateTentative;
+    unicast->DadState = duplicate                ? IpDadStateDuplicate
+                        : Settled(name) && cable ? IpDadStatePreferred
+                                                 : IpDadStateTentative;
     unicast = unicast->Next;
   }
-  entry->FirstGatewayAddress =
-      room.Chain<IP_ADAPTER_GATEWAY_ADDRESS>(dhcp ? Texts(lease.begin() + (lease.size() > 1), lease.begin() + 2 * (lease.size() > 1))
-                                                  : List(name, L"Gateways"));
+  entry->FirstGatewayAddress = room.Chain<IP_ADAPTER_GATEWAY_ADDRESS>(
+      dhcp ? Texts(lease.begin() + (lease.size() > 1), lease.begin() + 2 * (lease.size() > 1))
+           : List(name, L"Gateways"));
   Texts servers = Words(NameServers(name));
   if (servers.empty() && lease.size() > 2) {
     servers = {lease[2]};
@@ -240,8 +243,13 @@ HRESULT STDMETHODCALLTYPE SpawnInstance(IWbemClassObject*, LONG, IWbemClassObjec
   return S_OK;
 }
 
-IWbemClassObjectVtbl objectTable{.QueryInterface = Object::Query, .AddRef = Object::AddReference, .Release = Object::Drop,
-                                 .Get = Get, .Put = Put, .SpawnInstance = SpawnInstance, .GetMethod = GetMethod};
+IWbemClassObjectVtbl objectTable{.QueryInterface = Object::Query,
+                                 .AddRef = Object::AddReference,
+                                 .Release = Object::Drop,
+                                 .Get = Get,
+                                 .Put = Put,
+                                 .SpawnInstance = SpawnInstance,
+                                 .GetMethod = GetMethod};
 Object::Object() : ComObject(&objectTable) {}
 
 // A call under way: it is over when it is asked for the second time.
@@ -266,7 +274,9 @@ HRESULT STDMETHODCALLTYPE GetResultObject(IWbemCallResult* self, LONG timeout, I
   return S_OK;
 }
 
-IWbemCallResultVtbl callTable{.QueryInterface = Call::Query, .AddRef = Call::AddReference, .Release = Call::Drop,
+IWbemCallResultVtbl callTable{.QueryInterface = Call::Query,
+                              .AddRef = Call::AddReference,
+                              .Release = Call::Drop,
                               .GetResultObject = GetResultObject};
 Call::Call() : ComObject(&callTable) {}
 
@@ -289,8 +299,8 @@ HRESULT STDMETHODCALLTYPE Next(IEnumWbemClassObject* self, LONG, ULONG, IWbemCla
   return S_OK;
 }
 
-IEnumWbemClassObjectVtbl foundTable{.QueryInterface = Found::Query, .AddRef = Found::AddReference, .Release = Found::Drop,
-                                    .Next = Next};
+IEnumWbemClassObjectVtbl foundTable{
+    .QueryInterface = Found::Query, .AddRef = Found::AddReference, .Release = Found::Drop, .Next = Next};
 Found::Found() : ComObject(&foundTable) {}
 
 struct Services : ComObject<Services, IWbemServices> {
@@ -340,8 +350,11 @@ HRESULT STDMETHODCALLTYPE ExecMethod(IWbemServices*, const BSTR path, const BSTR
   return S_OK;
 }
 
-IWbemServicesVtbl servicesTable{.QueryInterface = Services::Query, .AddRef = Services::AddReference,
-                                .Release = Services::Drop, .GetObject = GetClass, .ExecQuery = ExecQuery,
+IWbemServicesVtbl servicesTable{.QueryInterface = Services::Query,
+                                .AddRef = Services::AddReference,
+                                .Release = Services::Drop,
+                                .GetObject = GetClass,
+                                .ExecQuery = ExecQuery,
                                 .ExecMethod = ExecMethod};
 Services::Services() : ComObject(&servicesTable) {}
 
@@ -350,8 +363,8 @@ struct Locator : ComObject<Locator, IWbemLocator> {
   static bool Has(REFIID id) { return IsEqualIID(id, IID_IWbemLocator); }
 };
 
-HRESULT STDMETHODCALLTYPE ConnectServer(IWbemLocator*, const BSTR resource, const BSTR, const BSTR, const BSTR, LONG flags,
-                                        const BSTR, IWbemContext*, IWbemServices** services) {
+HRESULT STDMETHODCALLTYPE ConnectServer(IWbemLocator*, const BSTR resource, const BSTR, const BSTR, const BSTR,
+                                        LONG flags, const BSTR, IWbemContext*, IWbemServices** services) {
   if (wcscmp(resource, L"ROOT\\CIMV2") != 0 || flags != WBEM_FLAG_CONNECT_USE_MAX_WAIT) {
     Violation("IWbemLocator::ConnectServer: %s, flags 0x%lx", Narrow(resource).c_str(), flags);
   }
@@ -359,7 +372,9 @@ HRESULT STDMETHODCALLTYPE ConnectServer(IWbemLocator*, const BSTR resource, cons
   return S_OK;
 }
 
-IWbemLocatorVtbl locatorTable{.QueryInterface = Locator::Query, .AddRef = Locator::AddReference, .Release = Locator::Drop,
+IWbemLocatorVtbl locatorTable{.QueryInterface = Locator::Query,
+                              .AddRef = Locator::AddReference,
+                              .Release = Locator::Drop,
                               .ConnectServer = ConnectServer};
 Locator::Locator() : ComObject(&locatorTable) {}
 

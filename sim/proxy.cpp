@@ -7,6 +7,7 @@ using namespace sim;
 
 SIM(BOOL, WinHttpSetDefaultProxyConfiguration, WINHTTP_PROXY_INFO* info) {
   return Change<BOOL>(
-      "WinHttpSetDefaultProxyConfiguration", [&] { return std::wstring(info->lpszProxy != nullptr ? info->lpszProxy : L""); },
+      "WinHttpSetDefaultProxyConfiguration",
+      [&] { return std::wstring(info->lpszProxy != nullptr ? info->lpszProxy : L""); },
       [&] { return ::WinHttpSetDefaultProxyConfiguration(info); });
 }

@@ -137,7 +137,8 @@ SIM(WINBOOL, CreateProcessW, LPCWSTR program, LPWSTR commandLine, LPSECURITY_ATT
     LPSTARTUPINFOW startup, LPPROCESS_INFORMATION started) {
   const std::wstring_view path = program != nullptr ? program : L"";
   if (!path.ends_with(L"\\w32tm.exe")) {
-    return ::CreateProcessW(program, commandLine, process, thread, inherit, flags, environment, folder, startup, started);
+    return ::CreateProcessW(program, commandLine, process, thread, inherit, flags, environment, folder, startup,
+                            started);
   }
   if (commandLine != L"\"" + std::wstring(path) + L"\" /resync" || flags != CREATE_NO_WINDOW || inherit) {
     Violation("CreateProcessW: %s with flags 0x%lx", Narrow(commandLine).c_str(), flags);
@@ -150,8 +151,8 @@ SIM(WINBOOL, CreateProcessW, LPCWSTR program, LPWSTR commandLine, LPSECURITY_ATT
   // A program that ends with that code, or one that never begins.
   std::wstring stand = L"cmd.exe /c exit " + std::to_wstring(*exitCode);
   return ::CreateProcessW(nullptr, stand.data(), nullptr, nullptr, FALSE,
-                          CREATE_NO_WINDOW | (*exitCode == STILL_ACTIVE ? CREATE_SUSPENDED : 0), nullptr, nullptr, startup,
-                          started);
+                          CREATE_NO_WINDOW | (*exitCode == STILL_ACTIVE ? CREATE_SUSPENDED : 0), nullptr, nullptr,
+                          startup, started);
 }
 
 SIM(int, GetAddrInfoW, PCWSTR name, PCWSTR service, const ADDRINFOW* hints, PADDRINFOW* results) {

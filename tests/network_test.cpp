@@ -32,8 +32,10 @@ void MakeMachine() {
   state::ProtectStateKey();
   sim::ForgetArea(L"Adapters");
   sim::AddAdapter(sim::kFactoryAdapter);
-  RegDeleteTreeW(HKEY_LOCAL_MACHINE, (std::wstring(L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters\\Interfaces\\") +
-                                      sim::kFactoryAdapter).c_str());
+  RegDeleteTreeW(
+      HKEY_LOCAL_MACHINE,
+      (std::wstring(L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters\\Interfaces\\") + sim::kFactoryAdapter)
+          .c_str());
 }
 
 // Two addresses, a gateway and a name server of the owner's.
@@ -41,8 +43,10 @@ void MakeItStatic() {
   sim::WriteNumber(kAdapterArea, L"Dhcp", 0);
   sim::WriteText(kAdapterArea, L"Addresses", L"172.16.0.9/16 172.16.0.10/16");
   sim::WriteText(kAdapterArea, L"Gateways", L"172.16.0.1");
-  test::SetString((std::wstring(L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters\\Interfaces\\") +
-                   sim::kFactoryAdapter).c_str(), L"NameServer", L"172.16.0.2,172.16.0.3");
+  test::SetString(
+      (std::wstring(L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters\\Interfaces\\") + sim::kFactoryAdapter)
+          .c_str(),
+      L"NameServer", L"172.16.0.2,172.16.0.3");
 }
 
 bool Recorded() { return state::ReadState(state::kPriorNetwork).has_value(); }
@@ -67,14 +71,18 @@ TEST_F(NetworkTest, StaticAndBackIsReadBackFromTheSystem) {
   EXPECT_GE(clock_.Elapsed(), 3'000U);
   EXPECT_EQ(sim::DumpAdapters(), kName + " static [10.1.2.3/24] [10.1.2.1] [9.9.9.9 8.8.8.8]\n");
   // Without a gateway the one from before goes; the identifier's letter case does not matter.
-  EXPECT_EQ(Set(R"("mode":"static","address":"10.1.2.9","prefixLength":30,"dns":[])", "{4c2a9e10-7b5d-4e6f-8a01-9d3c5b7e1f20}"),
-            R"({"ok":true,"adapter":")" + kName + R"(","mode":"static","address":"10.1.2.9","prefixLength":30,"dns":[]})");
-  EXPECT_EQ(Set(R"("mode":"dhcp","dns":["1.1.1.1"])"),
-            R"({"ok":true,"adapter":")" + kName +
-                R"(","mode":"dhcp","address":"192.168.7.20","prefixLength":24,"gateway":"192.168.7.1","dns":["1.1.1.1"]})");
-  EXPECT_EQ(Set(R"("mode":"dhcp")"),
-            R"({"ok":true,"adapter":")" + kName +
-                R"(","mode":"dhcp","address":"192.168.7.20","prefixLength":24,"gateway":"192.168.7.1","dns":["192.168.7.2"]})");
+  EXPECT_EQ(
+      Set(R"("mode":"static","address":"10.1.2.9","prefixLength":30,"dns":[])",
+          "{4c2a9e10-7b5d-4e6f-8a01-9d3c5b7e1f20}"),
+      R"({"ok":true,"adapter":")" + kName + R"(","mode":"static","address":"10.1.2.9","prefixLength":30,"dns":[]})");
+  EXPECT_EQ(
+      Set(R"("mode":"dhcp","dns":["1.1.1.1"])"),
+      R"({"ok":true,"adapter":")" + kName +
+          R"(","mode":"dhcp","address":"192.168.7.20","prefixLength":24,"gateway":"192.168.7.1","dns":["1.1.1.1"]})");
+  EXPECT_EQ(
+      Set(R"("mode":"dhcp")"),
+      R"({"ok":true,"adapter":")" + kName +
+          R"(","mode":"dhcp","address":"192.168.7.20","prefixLength":24,"gateway":"192.168.7.1","dns":["192.168.7.2"]})");
   EXPECT_EQ(sim::DumpAdapters(), before);
   EXPECT_FALSE(Recorded());
   const sim::FaultPass pass;
@@ -110,8 +118,10 @@ TEST_F(NetworkTest, WhatDoesNotShowIsPutBack) {
   sim::WriteText(kAdapterArea, L"Duplicate", L"10.1.2.3");
   EXPECT_EQ(Set(kStatic), kFailed);
   EXPECT_EQ(test::CountLogged("ERROR net.set: another computer has the address on " + kName), 1);
-  EXPECT_EQ(test::CountLogged("WARN net.set: put " + kName + " back to what it was before: static 172.16.0.9/16 172.16.0.10/16, "
-                              "gateway 172.16.0.1, DNS 172.16.0.2, DNS 172.16.0.3"), 1);
+  EXPECT_EQ(test::CountLogged("WARN net.set: put " + kName +
+                              " back to what it was before: static 172.16.0.9/16 172.16.0.10/16, "
+                              "gateway 172.16.0.1, DNS 172.16.0.2, DNS 172.16.0.3"),
+            1);
   EXPECT_EQ(sim::DumpAdapters(), before);
   EXPECT_TRUE(Set(R"("mode":"dhcp")").starts_with(R"({"ok":true)"));
   sim::WriteNumber(kAdapterArea, L"EnableDHCP", 82);
@@ -147,8 +157,8 @@ TEST_F(NetworkTest, MethodThatNeverEndsIsGivenUpAfterAMinute) {
   EXPECT_FALSE(Recorded());
 }
 
-// Whatever fails, wherever the process ends: after the next start the adapter is as it was, or wholly as asked; and it is what
-// the answer said, if there was one.
+// Whatever fails, wherever the process ends: after the next start the adapter is as it was, or wholly as asked; and it
+// is what the answer said, if there was one.
 void EveryPoint(const wchar_t* name, void (*owners)()) {
   const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
   sim::RunFaultScenario(

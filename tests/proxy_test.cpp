@@ -28,7 +28,9 @@ std::wstring Now() {
   WINHTTP_PROXY_INFO info{};
   EXPECT_TRUE(WinHttpGetDefaultProxyConfiguration(&info));
   std::wstring text = info.dwAccessType == WINHTTP_ACCESS_TYPE_NAMED_PROXY ? info.lpszProxy : L"direct";
-  text += info.lpszProxyBypass != nullptr && *info.lpszProxyBypass != L'\0' ? std::wstring(L" not for ") + info.lpszProxyBypass : L"";
+  text += info.lpszProxyBypass != nullptr && *info.lpszProxyBypass != L'\0'
+              ? std::wstring(L" not for ") + info.lpszProxyBypass
+              : L"";
   GlobalFree(info.lpszProxy);
   GlobalFree(info.lpszProxyBypass);
   return text;

@@ -30,7 +30,8 @@ TEST_F(TerminalSettingsTest, OnlyTheUnlockedKioskSessionReachesThem) {
       EXPECT_EQ(Send(command, wrong), R"({"ok":false,"error":"not_unlocked"})") << command << wrong;
     }
     EXPECT_EQ(test::CountLogged(std::string("WARN ") + command +
-                                " refused: terminal settings are not unlocked for session 2"), 4);
+                                " refused: terminal settings are not unlocked for session 2"),
+              4);
   }
   EXPECT_EQ(Send("net.set", token), R"({"ok":false,"error":"invalid"})");
   EXPECT_EQ(Send("proxy.set", token), R"({"ok":false,"error":"invalid"})");

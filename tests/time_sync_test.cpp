@@ -8,8 +8,8 @@
 #include "sim/faults.h"
 #include "sim/machine.h"
 #include "tests/support/fixture.h"
-#include "timesync/sntp_query.h"
 #include "timesync/sntp_packet.h"
+#include "timesync/sntp_query.h"
 #include "win32/stop.h"
 
 #include <cstdlib>
@@ -27,7 +27,8 @@ constexpr DWORD kAnswerTime = 500;  // real ms that a datagram may take to and f
 class UdpServer {
  public:
   using Bytes = std::vector<unsigned char>;
-  UdpServer(Milliseconds time, std::function<Bytes(Bytes)> answer = [](Bytes good) { return good; }) {
+  UdpServer(
+      Milliseconds time, std::function<Bytes(Bytes)> answer = [](Bytes good) { return good; }) {
     WSADATA data;
     EXPECT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
     socket_ = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
@@ -51,8 +52,8 @@ class UdpServer {
     unsigned char request[100];
     sockaddr_in from{};
     int size = sizeof(from);
-    if (recvfrom(socket_, reinterpret_cast<char*>(request), sizeof(request), 0, reinterpret_cast<sockaddr*>(&from), &size) !=
-        48) {
+    if (recvfrom(socket_, reinterpret_cast<char*>(request), sizeof(request), 0, reinterpret_cast<sockaddr*>(&from),
+                 &size) != 48) {
       return;
     }
     Bytes reply(48);
@@ -99,17 +100,16 @@ class TimeSyncTest : public test::CleanMachine {
 
 TEST_F(TimeSyncTest, ServerIsTheFirstOfTheSetting) {
   const std::wstring longest(253, L'a');
-  const std::pair<std::wstring, std::wstring> cases[] = {
-      {L"time.nist.gov,0x9 pool.test,0x1", L"time.nist.gov"},
-      {L"\t Time.WINDOWS.com,0x8\r\n", L"time.windows.com"},
-      {L"10.0.0.1", L"10.0.0.1"},
-      {L"zeit.łódź.test,0x1", L"zeit.łódź.test"},
-      {L"a.test b.test,0x8", L"a.test"},
-      {longest, longest},
-      {longest + L"a", L"time.windows.com"},
-      {L"", L"time.windows.com"},
-      {L"  ", L"time.windows.com"},
-      {L",0x8 b.test", L"time.windows.com"}};
+  const std::pair<std::wstring, std::wstring> cases[] = {{L"time.nist.gov,0x9 pool.test,0x1", L"time.nist.gov"},
+                                                         {L"\t Time.WINDOWS.com,0x8\r\n", L"time.windows.com"},
+                                                         {L"10.0.0.1", L"10.0.0.1"},
+                                                         {L"zeit.łódź.test,0x1", L"zeit.łódź.test"},
+                                                         {L"a.test b.test,0x8", L"a.test"},
+                                                         {longest, longest},
+                                                         {longest + L"a", L"time.windows.com"},
+                                                         {L"", L"time.windows.com"},
+                                                         {L"  ", L"time.windows.com"},
+                                                         {L",0x8 b.test", L"time.windows.com"}};
   for (const auto& [setting, server] : cases) {
     test::SetString(kParameters, L"NtpServer", setting);
     EXPECT_EQ(TimeServer(), server);
@@ -127,10 +127,9 @@ TEST_F(TimeSyncTest, DisabledServiceIsStartedAndTheOffsetMeasured) {
   const UdpServer server(Now() + 15'000 + 4'000);  // the start is seen after 15 s
   clock_.At(14'999, [this] { clock_.SetGrace(kAnswerTime); });
   EXPECT_EQ(Sync(), R"({"ok":true,"server":"time.test","offsetMs":4000})");
-  EXPECT_EQ(Lines(), (std::vector<std::string>{
-                         "WARN time: the Windows Time service was disabled; set to manual start",
-                         "INFO time: started the Windows Time service",
-                         "INFO time: resynced with time.test, the clock was 4000 ms out"}));
+  EXPECT_EQ(Lines(), (std::vector<std::string>{"WARN time: the Windows Time service was disabled; set to manual start",
+                                               "INFO time: started the Windows Time service",
+                                               "INFO time: resynced with time.test, the clock was 4000 ms out"}));
   EXPECT_EQ(Seen(L"Start"), DWORD{SERVICE_DEMAND_START});
   EXPECT_EQ(std::pair(Seen(L"Syncs"), Seen(L"W32tmRuns")), std::pair(1UL, 0UL));
 }
@@ -205,11 +204,10 @@ TEST_F(TimeSyncTest, CallThatNeverReturnsIsLeftBehind) {
 TEST_F(TimeSyncTest, WrongAnswersAndSilenceAreNoMeasurement) {
   using Bytes = UdpServer::Bytes;
   clock_.SetGrace(kAnswerTime);
-  const std::function<Bytes(Bytes)> answers[] = {
-      [](Bytes good) { return Bytes(good.begin(), good.end() - 1); },
-      [](Bytes good) { return good.insert(good.end(), 20, 0), good; },
-      [](Bytes good) { return good[0] = 0x1B, good; },
-      [](Bytes good) { return good[1] = 0, good; }};
+  const std::function<Bytes(Bytes)> answers[] = {[](Bytes good) { return Bytes(good.begin(), good.end() - 1); },
+                                                 [](Bytes good) { return good.insert(good.end(), 20, 0), good; },
+                                                 [](Bytes good) { return good[0] = 0x1B, good; },
+                                                 [](Bytes good) { return good[1] = 0, good; }};
   for (const auto& answer : answers) {
     const UdpServer server(Now(), answer);
     EXPECT_EQ(QuerySntp(L"time.test"), std::nullopt);

@@ -164,7 +164,8 @@ bool AdapterConfiguration::Call(const wchar_t* method, const std::vector<Argumen
   }
   const std::string name = win32::ToNarrow(method);
   if (FAILED(result) || value->vt != VT_I4) {
-    log::Log(log::kError, log::kKiosk, "net.set: %s failed (0x%08lx)", name.c_str(), static_cast<unsigned long>(result));
+    log::Log(log::kError, log::kKiosk, "net.set: %s failed (0x%08lx)", name.c_str(),
+             static_cast<unsigned long>(result));
     return false;
   }
   if (value->lVal != kDone && value->lVal != kDoneAfterRestart) {
@@ -195,8 +196,8 @@ HRESULT AdapterConfiguration::Start(const wchar_t* method, const std::vector<Arg
   if (FAILED(result)) {
     return result;
   }
-  result = services_->ExecMethod(path_.Get(), MakeBstr(method).Get(), WBEM_FLAG_RETURN_IMMEDIATELY, nullptr, values.Get(),
-                                 nullptr, call.Put());
+  result = services_->ExecMethod(path_.Get(), MakeBstr(method).Get(), WBEM_FLAG_RETURN_IMMEDIATELY, nullptr,
+                                 values.Get(), nullptr, call.Put());
   if (SUCCEEDED(result) && call) {
     CoSetProxyBlanket(call.Get(), RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr, RPC_C_AUTHN_LEVEL_CALL,
                       RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE);

@@ -18,8 +18,8 @@ class AdapterConfiguration {
   explicit AdapterConfiguration(std::wstring adapter) : adapter_(std::move(adapter)) {}
 
   bool Open();
-  // Every step to these settings; `dropGateways` when those of before must go though there are no new ones. False at once
-  // when a step fails, or, with `insist`, after all the others were tried.
+  // Every step to these settings; `dropGateways` when those of before must go though there are no new ones. False at
+  // once when a step fails, or, with `insist`, after all the others were tried.
   bool Apply(const Settings& settings, bool dropGateways, bool insist);
 
  private:

@@ -6,7 +6,8 @@
 
 #include <winsock2.h>
 #include <ws2ipdef.h>
-#include <iphlpapi.h>
+
+#include <iphlpapi.h>  // wants the two above
 
 #include <algorithm>
 #include <utility>
@@ -48,7 +49,8 @@ bool IsHardware(const IP_ADAPTER_ADDRESSES& entry) {
 // The name servers that were set by hand; the IP helper does not tell them from those that the network gave.
 std::vector<Address> ServersSet(const std::wstring& name) {
   std::vector<Address> servers;
-  const std::string list = win32::ToNarrow(state::ReadString((kInterfacesKey + name).c_str(), L"NameServer").value_or(L""));
+  const std::string list =
+      win32::ToNarrow(state::ReadString((kInterfacesKey + name).c_str(), L"NameServer").value_or(L""));
   for (std::size_t at = 0; at < list.size();) {
     const std::size_t end = std::min(list.find_first_of(", ", at), list.size());
     if (const std::optional<Address> server = ParseAddress(std::string_view(list).substr(at, end - at))) {

@@ -21,8 +21,8 @@ Address MaskOf(int prefixLength) noexcept;
 // Names one computer: none of 0.0.0.0/8, multicast, reserved, broadcast.
 bool IsUnicast(Address address) noexcept;
 
-// One computer inside the network of that prefix (1 to 30 bits), which is neither the network itself nor its broadcast, nor
-// this computer's loopback.
+// One computer inside the network of that prefix (1 to 30 bits), which is neither the network itself nor its broadcast,
+// nor this computer's loopback.
 bool IsHostIn(Address address, int prefixLength) noexcept;
 
 }  // namespace kiosk::network

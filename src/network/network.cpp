@@ -19,8 +19,8 @@ constexpr DWORD kShowPoll = 250;
 constexpr std::uint64_t kTurnWait = 60'000;
 constexpr DWORD kTurnPoll = 100;
 
-// Whether a change is under way, and whether the log has been told of one that cannot be undone yet. Connection threads and
-// the worker come here.
+// Whether a change is under way, and whether the log has been told of one that cannot be undone yet. Connection threads
+// and the worker come here.
 std::atomic<bool> changing{false};
 std::atomic<bool> complained{false};
 
@@ -60,7 +60,9 @@ bool Same(const Settings& left, const Settings& right) {
                              right.addresses.end());
 }
 
-bool IsDone(const Adapter& adapter, const Settings& wanted) { return adapter.settled && Same(adapter.settings, wanted); }
+bool IsDone(const Adapter& adapter, const Settings& wanted) {
+  return adapter.settled && Same(adapter.settings, wanted);
+}
 
 // Reads the adapter until it is as wanted. An address that another computer turns out to have ends the wait.
 bool Shows(Adapter& adapter, const Settings& wanted) {
@@ -72,8 +74,8 @@ bool Shows(Adapter& adapter, const Settings& wanted) {
       return true;
     }
     const char* const why = error == ERROR_SUCCESS && adapter.duplicate ? "another computer has the address"
-                            : deadline.Passed()                          ? "the settings do not show"
-                                                                         : nullptr;
+                            : deadline.Passed()                         ? "the settings do not show"
+                                                                        : nullptr;
     if (why != nullptr) {
       log::Log(log::kError, log::kKiosk, "net.set: %s on %s", why, win32::ToNarrow(name).c_str());
       return false;
@@ -127,15 +129,16 @@ bool PutBack(const PriorSettings& prior) {
   // A fixed address without an address is nothing that could be set.
   if (Same(adapter.settings, prior.settings) || (!prior.settings.dhcp && prior.settings.addresses.empty())) {
     ForgetPriorSettings(prior.adapter);
-    log::Log(log::kNotice, log::kKiosk, "net.set: left %s as it is: %s", name.c_str(), Describe(adapter.settings).c_str());
+    log::Log(log::kNotice, log::kKiosk, "net.set: left %s as it is: %s", name.c_str(),
+             Describe(adapter.settings).c_str());
     return true;
   }
   const win32::ComApartment apartment;
   AdapterConfiguration configuration(adapter.name);
   // What counts is what then shows: a step may refuse what is so already.
-  const bool back = configuration.Open() &&
-                    (configuration.Apply(prior.settings, !adapter.settings.gateways.empty(), true),
-                     Shows(adapter, prior.settings));
+  const bool back =
+      configuration.Open() &&
+      (configuration.Apply(prior.settings, !adapter.settings.gateways.empty(), true), Shows(adapter, prior.settings));
   if (back) {
     ForgetPriorSettings(prior.adapter);
     log::Log(log::kWarn, log::kKiosk, "net.set: put %s back to what it was before: %s", name.c_str(),
@@ -163,7 +166,8 @@ json::Value Set(Adapter& adapter, const Settings& wanted) {
     // With the record still there, the settings from before would come back later.
     if (!Change(adapter, wanted) || !ForgetPriorSettings(adapter.name)) {
       if (!PutBack(*prior)) {
-        log::Log(log::kError, log::kKiosk, "net.set: %s is not as it was before; trying again until it is", name.c_str());
+        log::Log(log::kError, log::kKiosk, "net.set: %s is not as it was before; trying again until it is",
+                 name.c_str());
       }
       return json::ErrorReply("failed");
     }

@@ -17,8 +17,8 @@ struct PriorSettings {
 bool HasPriorSettings();
 std::vector<PriorSettings> ReadPriorSettings();
 
-// Notes them durably, and returns what is on record for the adapter: an older record, of a change that is unfinished, stays.
-// Empty when that failed, and then nothing may be changed.
+// Notes them durably, and returns what is on record for the adapter: an older record, of a change that is unfinished,
+// stays. Empty when that failed, and then nothing may be changed.
 std::optional<PriorSettings> NotePriorSettings(const PriorSettings& prior);
 
 // The adapter is what it should be again, or for good. False when the record is still there.

@@ -17,8 +17,8 @@ struct OwnAddress {
   friend bool operator==(const OwnAddress&, const OwnAddress&) = default;
 };
 
-// With DHCP, addresses and gateways are the network's to give and are empty here; "dns" then holds name servers that were
-// set in spite of it. Several addresses and gateways occur on a computer that was set up by other means.
+// With DHCP, addresses and gateways are the network's to give and are empty here; "dns" then holds name servers that
+// were set in spite of it. Several addresses and gateways occur on a computer that was set up by other means.
 struct Settings {
   bool dhcp = true;
   std::vector<OwnAddress> addresses;
@@ -35,8 +35,8 @@ struct Request {
   Settings settings;
 };
 
-// "adapter": a text; "mode": "dhcp" or "static"; for "static" "address", "prefixLength" (1 to 30), "gateway" (or none) and
-// "dns" (0 to 4 name servers); for "dhcp" nothing more is needed, and "dns" replaces the network's name servers.
+// "adapter": a text; "mode": "dhcp" or "static"; for "static" "address", "prefixLength" (1 to 30), "gateway" (or none)
+// and "dns" (0 to 4 name servers); for "dhcp" nothing more is needed, and "dns" replaces the network's name servers.
 Request ParseRequest(const json::Value& request);
 
 // Settings as JSON and back; empty for what is none.

@@ -33,15 +33,17 @@ bool IsName(std::string_view host) {
   }
   while (!host.empty()) {
     const std::string_view label = TakeUntil(host, '.');
-    if (label.empty() || label.size() > kLongestLabel || label.find_first_not_of(kHostLetters) != std::string_view::npos ||
-        label.front() == '-' || label.back() == '-') {
+    if (label.empty() || label.size() > kLongestLabel ||
+        label.find_first_not_of(kHostLetters) != std::string_view::npos || label.front() == '-' ||
+        label.back() == '-') {
       return false;
     }
   }
   return true;
 }
 
-// Eight groups of up to four hexadecimal digits, a run of which may be left out as "::"; the last two may be an IPv4 address.
+// Eight groups of up to four hexadecimal digits, a run of which may be left out as "::"; the last two may be an IPv4
+// address.
 bool IsIpv6(std::string_view text) {
   const std::size_t gap = text.find("::");
   const bool hasGap = gap != std::string_view::npos;
@@ -62,7 +64,8 @@ bool IsIpv6(std::string_view text) {
         groups += 2;
         return true;
       }
-      if (group.empty() || group.size() > 4 || group.find_first_not_of("0123456789abcdefABCDEF") != std::string_view::npos) {
+      if (group.empty() || group.size() > 4 ||
+          group.find_first_not_of("0123456789abcdefABCDEF") != std::string_view::npos) {
         return false;
       }
       ++groups;
@@ -84,7 +87,8 @@ bool IsHost(std::string_view host) {
 }
 
 bool IsPort(std::string_view port) {
-  if (port.empty() || port.size() > 5 || port.front() == '0' || port.find_first_not_of(kDigits) != std::string_view::npos) {
+  if (port.empty() || port.size() > 5 || port.front() == '0' ||
+      port.find_first_not_of(kDigits) != std::string_view::npos) {
     return false;
   }
   unsigned number = 0;

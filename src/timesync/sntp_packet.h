@@ -23,13 +23,13 @@ struct SntpTimes {
   Milliseconds sent;
 };
 
-// Reads a datagram. Empty unless it is exactly one packet of a server that has a time to give: a stratum of 0 means that it
-// has none, or that it wants to be left alone. Times count from 1900 until 2036-02-07 06:28:16 UTC and from that moment on
-// until 2104; the first bit tells which.
+// Reads a datagram. Empty unless it is exactly one packet of a server that has a time to give: a stratum of 0 means
+// that it has none, or that it wants to be left alone. Times count from 1900 until 2036-02-07 06:28:16 UTC and from
+// that moment on until 2104; the first bit tells which.
 std::optional<SntpTimes> ParseSntpReply(std::span<const std::uint8_t> datagram) noexcept;
 
-// How far the local clock, which read `sent` and `received` at its end of the exchange, is behind the server's; negative when
-// it is ahead.
+// How far the local clock, which read `sent` and `received` at its end of the exchange, is behind the server's;
+// negative when it is ahead.
 Milliseconds ClockOffset(Milliseconds sent, const SntpTimes& server, Milliseconds received) noexcept;
 
 }  // namespace kiosk::timesync

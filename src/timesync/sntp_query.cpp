@@ -80,7 +80,8 @@ std::optional<sockaddr_in> Resolve(const std::wstring& server) {
   resolution->server = server;
   const win32::KernelHandle thread =
       win32::StartThread([resolution]() noexcept { ResolveNow(*resolution); }, win32::kSmallStack);
-  if (!thread || win32::WaitOrStop(thread.Get(), kResolveTimeout) != win32::WaitResult::kSignaled || !resolution->found) {
+  if (!thread || win32::WaitOrStop(thread.Get(), kResolveTimeout) != win32::WaitResult::kSignaled ||
+      !resolution->found) {
     return std::nullopt;
   }
   return resolution->address;

@@ -73,17 +73,16 @@ bool WaitUntilItRuns(SC_HANDLE service) {
 DWORD CallSyncNow() {
   auto library = std::make_shared<Library>(LoadLibraryExW(L"w32time.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
   using SyncNow = DWORD(WINAPI*)(const wchar_t* computer, DWORD wait, DWORD flags);
-  const auto syncNow = *library ? reinterpret_cast<SyncNow>(reinterpret_cast<void*>(
-                                      GetProcAddress(library->Get(), "W32TimeSyncNow")))
-                                : nullptr;
+  const auto syncNow =
+      *library ? reinterpret_cast<SyncNow>(reinterpret_cast<void*>(GetProcAddress(library->Get(), "W32TimeSyncNow")))
+               : nullptr;
   if (syncNow == nullptr) {
     return ERROR_PROC_NOT_FOUND;
   }
   const auto result = std::make_shared<DWORD>(ERROR_TIMEOUT);
-  const win32::KernelHandle thread =
-      win32::StartThread([library = std::move(library), result, syncNow]() noexcept {
-        *result = syncNow(nullptr, kSyncWait, kSyncFlags);
-      });
+  const win32::KernelHandle thread = win32::StartThread([library = std::move(library), result, syncNow]() noexcept {
+    *result = syncNow(nullptr, kSyncWait, kSyncFlags);
+  });
   if (!thread) {
     return GetLastError();
   }
