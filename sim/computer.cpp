@@ -5,6 +5,7 @@
 #include "sim/clock.h"
 #include "sim/lsa.h"
 #include "sim/machine.h"
+#include "sim/network.h"
 #include "sim/power.h"
 #include "sim/profiles.h"
 #include "sim/seam.h"
@@ -14,6 +15,7 @@
 #include "sim/windows_update.h"
 
 #include <lm.h>
+#include <winhttp.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -57,6 +59,16 @@ std::string Hex(const std::vector<BYTE>& bytes) {
     text += pair;
   }
   return text;
+}
+
+std::string DefaultProxy() {
+  WINHTTP_PROXY_INFO info{};
+  WinHttpGetDefaultProxyConfiguration(&info);
+  std::wstring text = info.lpszProxy != nullptr ? info.lpszProxy : L"none";
+  text += L" except " + std::wstring(info.lpszProxyBypass != nullptr ? info.lpszProxyBypass : L"none");
+  GlobalFree(info.lpszProxy);
+  GlobalFree(info.lpszProxyBypass);
+  return Narrow(text);
 }
 
 // The values of a key as type and bytes, then those of the keys below it. A key that is not there has no line.
@@ -132,6 +144,11 @@ std::string DumpMachine(const std::vector<std::wstring>& keys) {
   }
   for (const auto& folder : std::filesystem::directory_iterator(L"C:\\users")) {
     lines.push_back("folder " + Narrow(folder.path().wstring()));
+  }
+  lines.push_back("proxy " + DefaultProxy());
+  std::istringstream adapters(DumpAdapters());
+  for (std::string line; std::getline(adapters, line);) {
+    lines.push_back("adapter " + line);
   }
   for (const std::wstring& key : keys) {
     DumpKey(key, lines);

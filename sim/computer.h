@@ -13,8 +13,8 @@ namespace sim {
 // service's process is the test's to end before, and to start after.
 DWORD RestartComputer();
 
-// Accounts, groups, secrets, profiles, hives, power schemes, scheduled tasks and the keys (below HKLM, with all that is
-// below them) as text, a line for each thing, sorted: equal for equal computers. Leaves out what the service may keep, its
+// Accounts, groups, secrets, profiles, hives, power schemes, scheduled tasks, default proxy, network adapters and the
+// keys (below HKLM, with all that is below them) as text, a line for each thing, sorted: equal for equal computers. Leaves out what the service may keep, its
 // state and its logs, and when somebody signed in last.
 std::string DumpMachine();
 std::string DumpMachine(const std::vector<std::wstring>& keys);

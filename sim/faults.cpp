@@ -1,6 +1,7 @@
 #include "sim/faults.h"
 
 #include "sim/machine.h"
+#include "sim/time_service.h"
 
 #include <wincrypt.h>
 
@@ -162,6 +163,9 @@ SIM(SC_HANDLE, CreateServiceW, SC_HANDLE manager, LPCWSTR name, LPCWSTR display,
 SIM(WINBOOL, ChangeServiceConfigW, SC_HANDLE service, DWORD type, DWORD start, DWORD severity, LPCWSTR path,
     LPCWSTR group, LPDWORD tag, LPCWSTR needs, LPCWSTR account, LPCWSTR password, LPCWSTR display) {
   return Named<BOOL>(__func__ + 4, display, [&] {
+    if (service == kTimeServiceHandle) {
+      return ConfigureTimeService(start);
+    }
     return ::ChangeServiceConfigW(service, type, start, severity, path, group, tag, needs, account, password, display);
   });
 }
@@ -185,7 +189,9 @@ SIM(WINBOOL, DeleteService, SC_HANDLE service) {
 }
 
 SIM(WINBOOL, StartServiceW, SC_HANDLE service, DWORD count, LPCWSTR* arguments) {
-  return Named<BOOL>(__func__ + 4, nullptr, [&] { return ::StartServiceW(service, count, arguments); });
+  return Named<BOOL>(__func__ + 4, nullptr, [&] {
+    return service == kTimeServiceHandle ? StartTimeService() : ::StartServiceW(service, count, arguments);
+  });
 }
 
 SIM(WINBOOL, ControlService, SC_HANDLE service, DWORD control, LPSERVICE_STATUS status) {

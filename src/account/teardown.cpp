@@ -11,9 +11,11 @@
 #include "account/winlogon.h"
 #include "branding/branding_folder.h"
 #include "log/log.h"
+#include "network/network.h"
 #include "portal/device_token.h"
 #include "portal/pairing_code.h"
 #include "power/power_scheme.h"
+#include "proxy/proxy.h"
 #include "state/kiosk_state.h"
 #include "updates/report.h"
 #include "updates/restart_policy.h"
@@ -121,6 +123,8 @@ void TearDown(bool deleteStateKey, const char* reason) {
   power::RestorePowerSettings();
   updates::RestoreWuRestartPolicy();
   updates::ForgetUpdates();
+  proxy::RestoreProxy();
+  network::PutBackUnfinishedChanges();
   const bool removed = RemoveAccount();
   if (!EraseEnrolment()) {
     log::Log(log::kError, log::kKiosk, "cannot delete the device token; removing kiosk mode again at the next check-in");

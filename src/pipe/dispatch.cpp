@@ -6,11 +6,14 @@
 #include "account/unlock.h"
 #include "json/parse.h"
 #include "log/log.h"
+#include "network/network.h"
 #include "pipe/status.h"
 #include "portal/pairing.h"
 #include "power/power_commands.h"
+#include "proxy/proxy.h"
 #include "text/secret.h"
 #include "text/text.h"
+#include "timesync/time_sync.h"
 #include "updates/presence.h"
 #include "updates/update_commands.h"
 
@@ -101,17 +104,31 @@ json::Value OsInstall(const Client& /*client*/, const json::Value& /*request*/, 
   return updates::OsInstall();
 }
 
+json::Value NetSet(const Client& /*client*/, const json::Value& request, PostReplyAction& /*afterReply*/) {
+  return network::NetSet(request);
+}
+
+json::Value ProxySet(const Client& /*client*/, const json::Value& request, PostReplyAction& /*afterReply*/) {
+  return proxy::ProxySet(request);
+}
+
+json::Value TimeSync(const Client& /*client*/, const json::Value& /*request*/, PostReplyAction& /*afterReply*/) {
+  return timesync::TimeSync();
+}
+
 constexpr Command kCommands[] = {
     {"status", kAnyCaller, Settings::kMayBeLocked, Status},
     {"restart.now", kInteractiveUser, Settings::kMayBeLocked, RestartNow},
     {"pair.begin", kInteractivePerson, Settings::kMayBeLocked, PairBegin},
     {"pair.check", kInteractivePerson, Settings::kMayBeLocked, PairCheck},
     {"unlock", kKioskSession, Settings::kMayBeLocked, Unlock},
-    {"maintenance", kKioskSession, Settings::kMayBeLocked, Maintenance},
-    {"power.get", kKioskSession, Settings::kUnlocked, PowerGet},
-    {"power.set", kKioskSession, Settings::kUnlocked, PowerSet},
     {"session.report", kKioskSession, Settings::kMayBeLocked, SessionReport},
     {"maintenance", kKioskSession, Settings::kMayBeLocked, Maintenance},
+    {"net.set", kKioskSession, Settings::kUnlocked, NetSet},
+    {"time.sync", kKioskSession, Settings::kUnlocked, TimeSync},
+    {"power.get", kKioskSession, Settings::kUnlocked, PowerGet},
+    {"power.set", kKioskSession, Settings::kUnlocked, PowerSet},
+    {"proxy.set", kKioskSession, Settings::kUnlocked, ProxySet},
     {"os.updates", kKioskSession, Settings::kUnlocked, OsUpdates},
     {"os.install", kKioskSession, Settings::kUnlocked, OsInstall},
 };

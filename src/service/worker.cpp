@@ -6,6 +6,7 @@
 #include "account/teardown.h"
 #include "branding/branding_cache.h"
 #include "log/log.h"
+#include "network/network.h"
 #include "portal/check_in.h"
 #include "portal/device_token.h"
 #include "portal/revocation.h"
@@ -41,10 +42,11 @@ class Worker {
   // One pass; returns how long to wait before the next.
   DWORD Pass() {
     account::FinishPendingRemoval();
+    const bool networkWhole = network::PutBackUnfinishedChanges();
     const text::Secret token = portal::ReadDeviceToken();
     if (token.Empty()) {
       backOff_ = kInterval;
-      return state::FlagIsOn(state::kTeardownPending) ? kInterval : INFINITE;
+      return !networkWhole || state::FlagIsOn(state::kTeardownPending) ? kInterval : INFINITE;
     }
     const portal::CheckInResult result = portal::CheckIn(token.Get());
     // Somebody else may have ended the enrolment, or begun another, while the answer was on its way: that one counts.

@@ -97,6 +97,14 @@ inline constexpr StateValue kPriorWuActiveHoursStart{L"PriorWuActiveHoursStart",
 inline constexpr StateValue kPriorWuActiveHoursEnd{L"PriorWuActiveHoursEnd", kTypeOfCopied, "updates", kPriorMeaning};
 inline constexpr StateValue kPriorWuActiveHoursMaxRange{L"PriorWuActiveHoursMaxRange", kTypeOfCopied, "updates",
                                                         kPriorMeaning};
+inline constexpr StateValue kPriorNetwork{L"PriorNetwork", REG_SZ, "network",
+                                          "adapters' settings from before a change that is under way, as JSON; absent "
+                                          "otherwise"};
+inline constexpr StateValue kPriorProxy{L"PriorProxy", REG_SZ, "proxy",
+                                        "the computer's own default proxy, as JSON, while the service's is set"};
+inline constexpr StateValue kAppliedProxy{L"AppliedProxy", REG_SZ, "proxy",
+                                          "the default proxies that the service set last or is setting, as JSON; any "
+                                          "other is somebody else's"};
 
 inline constexpr StateValue kDevAllowUnsigned{L"DevAllowUnsigned", REG_DWORD, "a developer",
                                               "1 lets an unsigned service admit callers"};
@@ -117,6 +125,9 @@ inline constexpr const StateValue* kStateValues[] = {
     &kMaintenanceFailures,
     &kMaintenanceLockedUntil,
     &kDevAllowUnsigned,
+    &kPriorNetwork,
+    &kPriorProxy,
+    &kAppliedProxy,
     &kAccountCreating,
     &kOwnsAutoLogon,
     &kOwnsHideFastUserSwitching,

@@ -9,6 +9,7 @@
 #include "win32/console.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <utility>
 
 namespace kioskctl {
@@ -43,6 +44,7 @@ constexpr Explanation kExplanations[] = {
     {"failed", "Windows refused. See the service's log."},
     {"group_failed", "The kiosk account could not be put into the group Users. See the service's log."},
     {"hive_failed", "The kiosk account could not be locked down. See the service's log."},
+    {"invalid", "The service does not accept one of the values. Its log names the field."},
     {"locked", "Too many wrong passwords. Wait five minutes."},
     {"lsa_failed", "The kiosk account's password could not be stored for signing in. See the service's log."},
     {"no_client", "The client program is not installed on this computer. Install it."},
@@ -58,11 +60,12 @@ constexpr Explanation kExplanations[] = {
     {"revoked", "The portal says that this terminal was removed. Start again to pair it anew."},
     {"server_error", "The portal answered with something unexpected. Try again later."},
     {"state_write_failed", "The service could not write its settings. See the service's log."},
-    {"token_store_failed",
-     "The portal accepted the terminal, but its token could not be stored. See the service's log."},
+    {"sync_failed", "Windows did not synchronise the clock. See the service's log."},
+    {"token_store_failed", "The portal accepted the terminal, but its token could not be stored. See the service's log."},
+    {"unknown_adapter", "This computer has no wired or Wi-Fi adapter with that identifier."},
     {"unknown_code", "The service does not know this code any more. Start again for a new one."},
     {"unknown_command", "The service does not know this command."},
-    {"unreachable", "The portal cannot be reached. Check the network and the portal's address."},
+    {"unreachable", "The portal (or the time server) cannot be reached. Check the network and the address."},
     {"winlogon_failed", "Windows' automatic sign-in could not be set up. See the service's log."},
     {"wrong_password", "That is not the exit password. It is set in the portal."},
 };
@@ -337,6 +340,73 @@ int Maintenance(const Options& options, const std::string& password, const std::
     return "Maintenance: the kiosk account is being signed out. Sign in as an administrator; signing out again, or a\n"
            "restart, ends it.\n";
   });
+}
+
+namespace {
+
+Value UnlockedRequest(const char* command, const std::string& unlockToken) {
+  Value request = Request(command);
+  request.Set("unlockToken", unlockToken);
+  return request;
+}
+
+std::string AppliedText(const Value& reply) {
+  std::string text;
+  for (const std::string& key : reply.keys()) {
+    const Value& value = Member(reply, key);
+    std::string shown = kiosk::json::AsString(value);
+    for (const Value& item : value.items()) {
+      shown += (shown.empty() ? "" : ", ") + item.text();
+    }
+    text += key == "ok" ? "Applied:\n" : "  " + key + "  " + shown + "\n";
+  }
+  return text;
+}
+
+}  // namespace
+
+int TimeSync(const Options& options, const std::string& unlockToken) {
+  return Run(options, UnlockedRequest("time.sync", unlockToken), [](const Value& reply) {
+    const Value& offset = Member(reply, "offsetMs");
+    return "The clock was synchronised with " + Member(reply, "server").text() +
+           (offset.IsNumber() ? "; it was " + kiosk::json::AsString(offset) + " ms out.\n" : ".\n");
+  });
+}
+
+int NetSet(const Options& options, const std::vector<std::string>& words) {
+  Value request = UnlockedRequest("net.set", words[1]);
+  request.Set("adapter", words[2]);
+  const std::string& own = words[3];
+  const bool dhcp = own == "dhcp";
+  request.Set("mode", dhcp ? "dhcp" : "static");
+  std::size_t next = 4;
+  if (!dhcp) {
+    const std::size_t slash = std::min(own.find('/'), own.size());
+    request.Set("address", own.substr(0, slash));
+    request.Set("prefixLength", std::atoi(own.substr(std::min(slash + 1, own.size())).c_str()));
+    if (words.size() > next && words[next] != "-") {
+      request.Set("gateway", words[next]);
+    }
+    ++next;
+  }
+  Value dns = Value::Array();
+  for (; next < words.size(); ++next) {
+    dns.Append(words[next]);
+  }
+  request.Set("dns", std::move(dns));
+  return Run(options, std::move(request), AppliedText);
+}
+
+int ProxySet(const Options& options, const std::vector<std::string>& words) {
+  Value request = UnlockedRequest("proxy.set", words[1]);
+  request.Set("mode", words[2]);
+  if (words.size() > 3) {
+    request.Set(words[2] == "auto" ? "pacUrl" : "server", words[3]);
+  }
+  if (words.size() > 4) {
+    request.Set("bypass", words[4]);
+  }
+  return Run(options, std::move(request), AppliedText);
 }
 #endif
 

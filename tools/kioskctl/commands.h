@@ -19,6 +19,10 @@ int Restart(const Options& options);
 int Send(const Options& options, const std::string& request);
 int Unlock(const Options& options, const std::string& password);
 int Maintenance(const Options& options, const std::string& password, const std::string& unlockToken);
+int TimeSync(const Options& options, const std::string& unlockToken);
+// The words as on the command line, the command's name first.
+int NetSet(const Options& options, const std::vector<std::string>& words);
+int ProxySet(const Options& options, const std::vector<std::string>& words);
 #endif
 
 // The sentence for an error code of the service; the code itself when there is no better one.

@@ -30,6 +30,13 @@ constexpr char kHelp[] =
     "                              open the terminal settings (from the kiosk account's own session)\n"
     "  kioskctl [--json] maintenance PASSWORD [UNLOCK-TOKEN]\n"
     "                              leave the kiosk for a while (from the kiosk account's own session)\n"
+    "  kioskctl [--json] time-sync UNLOCK-TOKEN\n"
+    "                              set the clock by the computer's time server\n"
+    "  kioskctl [--json] net-set UNLOCK-TOKEN ADAPTER dhcp [DNS ...]\n"
+    "  kioskctl [--json] net-set UNLOCK-TOKEN ADAPTER ADDRESS/BITS GATEWAY|- [DNS ...]\n"
+    "                              set a network adapter, named by its GUID in braces\n"
+    "  kioskctl [--json] proxy-set UNLOCK-TOKEN none | auto URL | manual SERVER:PORT [BYPASS]\n"
+    "                              set the default proxy of Windows' services\n"
     "  kioskctl send JSON          send one request as it is and print the reply\n"
 #endif
     "  kioskctl --help | --version\n"
@@ -71,6 +78,10 @@ constexpr Command kCommands[] = {
      [](const Options& options, const Words& words) {
        return kioskctl::Maintenance(options, words[1], words.size() > 2 ? words[2] : std::string());
      }},
+    {"time-sync", 1, 1, "an unlock token",
+     [](const Options& options, const Words& words) { return kioskctl::TimeSync(options, words[1]); }},
+    {"net-set", 3, 8, "an unlock token, an adapter and its settings", kioskctl::NetSet},
+    {"proxy-set", 2, 4, "an unlock token, a mode and what it needs", kioskctl::ProxySet},
 #endif
 };
 

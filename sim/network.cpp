@@ -1,0 +1,444 @@
+#define CINTERFACE
+#include <winsock2.h>
+#include <ws2ipdef.h>
+
+#include <iphlpapi.h>  // wants the two above
+
+#include "sim/network.h"
+
+#include "sim/clock.h"
+#include "sim/com.h"
+#include "sim/faults.h"
+#include "sim/machine.h"
+
+#include <oleauto.h>
+#include <wbemcli.h>
+
+#include <cstring>
+#include <cwchar>
+#include <map>
+#include <sstream>
+#include <vector>
+
+namespace sim {
+namespace {
+
+using Texts = std::vector<std::wstring>;
+
+constexpr wchar_t kArea[] = L"Adapters";
+constexpr wchar_t kInterfaces[] = L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters\\Interfaces\\";
+constexpr wchar_t kClassName[] = L"Win32_NetworkAdapterConfiguration";
+constexpr ULONG kNeededSize = 40'000;  // more than a caller begins with
+
+std::wstring AreaOf(const std::wstring& name) { return std::wstring(kArea) + L"\\" + name; }
+DWORD Number(const std::wstring& name, const wchar_t* value, DWORD fallback) {
+  return ReadNumber(AreaOf(name), value).value_or(fallback);
+}
+Texts Words(const std::wstring& text) {
+  std::wistringstream stream(text);
+  Texts words;
+  for (std::wstring word; stream >> word;) {
+    words.push_back(word);
+  }
+  return words;
+}
+Texts List(const std::wstring& name, const wchar_t* value) {
+  return Words(ReadText(AreaOf(name), value).value_or(L""));
+}
+std::wstring Joined(const Texts& texts) {
+  std::wstring joined;
+  for (const std::wstring& text : texts) {
+    joined += (joined.empty() ? L"" : L" ") + text;
+  }
+  return joined;
+}
+
+std::wstring NameServers(const std::wstring& name) {
+  wchar_t text[512] = L"";
+  DWORD size = sizeof(text);
+  RegGetValueW(HKEY_LOCAL_MACHINE, (kInterfaces + name).c_str(), L"NameServer", RRF_RT_REG_SZ, nullptr, text, &size);
+  for (wchar_t* comma = text; (comma = std::wcschr(comma, L',')) != nullptr;) {
+    *comma = L' ';
+  }
+  return text;
+}
+
+Texts Adapters() {
+  if (AreaNames(kArea).empty()) {
+    AddAdapter(kFactoryAdapter);
+  }
+  return AreaNames(kArea);
+}
+
+bool Settled(const std::wstring& name) {
+  const auto changed = std::wcstoull(ReadText(AreaOf(name), L"ChangedAt").value_or(L"0").c_str(), nullptr, 10);
+  return ClockNow() >= changed + Number(name, L"Lag", 0);
+}
+
+unsigned long AddressNumber(const std::wstring& text) {
+  unsigned parts[4] = {};
+  if (std::swscanf(text.c_str(), L"%u.%u.%u.%u", &parts[0], &parts[1], &parts[2], &parts[3]) != 4) {
+    return 0;
+  }
+  return htonl(parts[0] << 24 | parts[1] << 16 | parts[2] << 8 | parts[3]);
+}
+
+// Hands out pieces of the caller's buffer.
+class Room {
+ public:
+  explicit Room(void* begin) : next_(static_cast<char*>(begin)) {}
+  template <typename T>
+  T* New() {
+    T* const made = reinterpret_cast<T*>(next_);
+    std::memset(next_, 0, sizeof(T));
+    next_ += (sizeof(T) + 15) / 16 * 16;
+    return made;
+  }
+  void Set(SOCKET_ADDRESS& socket, const std::wstring& address) {
+    auto* const in = New<sockaddr_in>();
+    in->sin_family = AF_INET;
+    in->sin_addr.s_addr = AddressNumber(address);
+    socket = {reinterpret_cast<sockaddr*>(in), sizeof(*in)};
+  }
+  template <typename Entry>
+  Entry* Chain(const Texts& addresses) {
+    Entry* first = nullptr;
+    for (auto each = addresses.rbegin(); each != addresses.rend(); ++each) {
+      Entry* const entry = New<Entry>();
+      Set(entry->Address, *each);
+      entry->Next = std::exchange(first, entry);
+    }
+    return first;
+  }
+
+ private:
+  char* next_;
+};
+
+IP_ADAPTER_ADDRESSES* Describe(Room& room, const std::wstring& name, ULONG64 number) {
+  auto* const entry = room.New<IP_ADAPTER_ADDRESSES>();
+  using Name = char[64];
+  entry->AdapterName = *room.New<Name>();
+  std::strncpy(entry->AdapterName, Narrow(name).c_str(), sizeof(Name) - 1);
+  entry->IfType = Number(name, L"Type", IF_TYPE_ETHERNET_CSMACD);
+  entry->Luid.Value = number;
+  const bool cable = Number(name, L"Cable", 1) != 0;
+  const bool dhcp = Number(name, L"Dhcp", 1) != 0;
+  const Texts lease = dhcp && cable ? List(name, L"Lease") : Texts();
+  entry->OperStatus = cable ? IfOperStatusUp : IfOperStatusDown;
+  entry->Flags = dhcp ? IP_ADAPTER_DHCP_ENABLED : 0;
+  const Texts own = dhcp ? Texts(lease.begin(), lease.begin() + !lease.empty()) : List(name, L"Addresses");
+  entry->FirstUnicastAddress = room.Chain<IP_ADAPTER_UNICAST_ADDRESS>(own);
+  auto* unicast = entry->FirstUnicastAddress;
+  for (const std::wstring& text : own) {
+    unicast->OnLinkPrefixLength = static_cast<UINT8>(std::wcstoul(text.c_str() + text.find(L'/') + 1, nullptr, 10));
+    unicast->PrefixOrigin = dhcp ? IpPrefixOriginDhcp : IpPrefixOriginManual;
+    const bool duplicate = ReadText(AreaOf(name), L"Duplicate") == text.substr(0, text.find(L'/'));
+    unicast->DadState = duplicate                ? IpDadStateDuplicate
+                        : Settled(name) && cable ? IpDadStatePreferred
+                                                 : IpDadStateTentative;
+    unicast = unicast->Next;
+  }
+  entry->FirstGatewayAddress = room.Chain<IP_ADAPTER_GATEWAY_ADDRESS>(
+      dhcp ? Texts(lease.begin() + (lease.size() > 1), lease.begin() + 2 * (lease.size() > 1))
+           : List(name, L"Gateways"));
+  Texts servers = Words(NameServers(name));
+  if (servers.empty() && lease.size() > 2) {
+    servers = {lease[2]};
+  }
+  entry->FirstDnsServerAddress = room.Chain<IP_ADAPTER_DNS_SERVER_ADDRESS>(servers);
+  return entry;
+}
+
+// What a method does, and the number that it answers.
+LONG Run(const std::wstring& name, const std::wstring& method, std::map<std::wstring, Texts>& arguments) {
+  const bool dhcp = Number(name, L"Dhcp", 1) != 0;
+  const Texts& addresses = arguments[L"IPAddress"];
+  const Texts& masks = arguments[L"SubnetMask"];
+  if (const auto answer = ReadNumber(AreaOf(name), method)) {
+    return static_cast<LONG>(*answer);
+  }
+  if (Number(name, L"Cable", 1) == 0) {
+    return 84;  // IP is not enabled on the adapter
+  }
+  if (method == L"EnableDHCP") {
+    WriteNumber(AreaOf(name), L"Dhcp", 1);
+    ForgetValue(AreaOf(name), L"Addresses");
+    ForgetValue(AreaOf(name), L"Gateways");
+  } else if (method == L"EnableStatic") {
+    if (addresses.empty() || addresses.size() != masks.size()) {
+      return 68;
+    }
+    std::wstring joined;
+    for (std::size_t i = 0; i < addresses.size(); ++i) {
+      const int bits = __builtin_popcountl(AddressNumber(masks[i]));
+      joined += (i == 0 ? L"" : L" ") + addresses[i] + L"/" + std::to_wstring(bits);
+    }
+    WriteText(AreaOf(name), L"Addresses", joined);
+    WriteNumber(AreaOf(name), L"Dhcp", 0);
+  } else if (method == L"SetGateways") {
+    if (dhcp || arguments[L"DefaultIPGateway"].size() > 5) {
+      return dhcp ? 64 : 69;
+    }
+    WriteText(AreaOf(name), L"Gateways", Joined(arguments[L"DefaultIPGateway"]));
+  } else {
+    const std::wstring servers = Joined(arguments[L"DNSServerSearchOrder"]);
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, (kInterfaces + name).c_str(), L"NameServer", REG_SZ, servers.c_str(),
+                    static_cast<DWORD>((servers.size() + 1) * sizeof(wchar_t)));
+  }
+  WriteText(AreaOf(name), L"ChangedAt", std::to_wstring(ClockNow()));
+  return 0;
+}
+
+// An instance, a method's signature, its arguments, or its answer.
+struct Object : ComObject<Object, IWbemClassObject> {
+  Object();
+  static bool Has(REFIID id) { return IsEqualIID(id, IID_IWbemClassObject); }
+
+  std::wstring path;
+  std::wstring method;
+  std::map<std::wstring, Texts> values;
+  LONG answer = 0;
+};
+
+HRESULT STDMETHODCALLTYPE Get(IWbemClassObject* self, LPCWSTR name, LONG, VARIANT* value, CIMTYPE*, LONG*) {
+  const auto* const object = static_cast<Object*>(self);
+  if (wcscmp(name, L"__RELPATH") == 0 && !object->path.empty()) {
+    value->vt = VT_BSTR;
+    value->bstrVal = SysAllocString(object->path.c_str());
+    return S_OK;
+  }
+  if (wcscmp(name, L"ReturnValue") != 0) {
+    return static_cast<HRESULT>(WBEM_E_NOT_FOUND);
+  }
+  value->vt = VT_I4;
+  value->lVal = object->answer;
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE Put(IWbemClassObject* self, LPCWSTR name, LONG, VARIANT* value, CIMTYPE) {
+  if (value->vt != (VT_ARRAY | VT_BSTR)) {
+    Violation("IWbemClassObject::Put: %s is no array of texts", Narrow(name).c_str());
+    return static_cast<HRESULT>(WBEM_E_TYPE_MISMATCH);
+  }
+  LONG last = -1;
+  SafeArrayGetUBound(value->parray, 1, &last);
+  Texts& texts = static_cast<Object*>(self)->values[name];
+  for (LONG i = 0; i <= last; ++i) {
+    BSTR text = nullptr;
+    SafeArrayGetElement(value->parray, &i, &text);
+    texts.emplace_back(text);
+    SysFreeString(text);
+  }
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE GetMethod(IWbemClassObject*, LPCWSTR name, LONG, IWbemClassObject** in, IWbemClassObject**) {
+  *in = wcscmp(name, L"EnableDHCP") == 0 ? nullptr : new Object;
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE SpawnInstance(IWbemClassObject*, LONG, IWbemClassObject** instance) {
+  *instance = new Object;
+  return S_OK;
+}
+
+IWbemClassObjectVtbl objectTable{.QueryInterface = Object::Query,
+                                 .AddRef = Object::AddReference,
+                                 .Release = Object::Drop,
+                                 .Get = Get,
+                                 .Put = Put,
+                                 .SpawnInstance = SpawnInstance,
+                                 .GetMethod = GetMethod};
+Object::Object() : ComObject(&objectTable) {}
+
+// A call under way: it is over when it is asked for the second time.
+struct Call : ComObject<Call, IWbemCallResult> {
+  Call();
+  static bool Has(REFIID id) { return IsEqualIID(id, IID_IWbemCallResult); }
+  LONG answer = 0;
+  int asked = 0;
+};
+
+HRESULT STDMETHODCALLTYPE GetResultObject(IWbemCallResult* self, LONG timeout, IWbemClassObject** object) {
+  auto* const call = static_cast<Call*>(self);
+  if (timeout != 0) {
+    Violation("IWbemCallResult::GetResultObject: a wait of %ld ms, which does not hear the stop", timeout);
+  }
+  if (call->asked++ == 0 || call->answer < 0) {
+    return WBEM_S_TIMEDOUT;
+  }
+  auto* const answer = new Object;
+  answer->answer = call->answer;
+  *object = answer;
+  return S_OK;
+}
+
+IWbemCallResultVtbl callTable{.QueryInterface = Call::Query,
+                              .AddRef = Call::AddReference,
+                              .Release = Call::Drop,
+                              .GetResultObject = GetResultObject};
+Call::Call() : ComObject(&callTable) {}
+
+struct Found : ComObject<Found, IEnumWbemClassObject> {
+  Found();
+  static bool Has(REFIID id) { return IsEqualIID(id, IID_IEnumWbemClassObject); }
+  std::wstring path;
+};
+
+HRESULT STDMETHODCALLTYPE Next(IEnumWbemClassObject* self, LONG, ULONG, IWbemClassObject** object, ULONG* count) {
+  auto* const found = static_cast<Found*>(self);
+  *count = 0;
+  if (found->path.empty()) {
+    return WBEM_S_FALSE;
+  }
+  auto* const instance = new Object;
+  instance->path = std::exchange(found->path, L"");
+  *object = instance;
+  *count = 1;
+  return S_OK;
+}
+
+IEnumWbemClassObjectVtbl foundTable{
+    .QueryInterface = Found::Query, .AddRef = Found::AddReference, .Release = Found::Drop, .Next = Next};
+Found::Found() : ComObject(&foundTable) {}
+
+struct Services : ComObject<Services, IWbemServices> {
+  Services();
+  static bool Has(REFIID id) { return IsEqualIID(id, IID_IWbemServices); }
+};
+
+HRESULT STDMETHODCALLTYPE GetClass(IWbemServices*, const BSTR name, LONG, IWbemContext*, IWbemClassObject** object,
+                                   IWbemCallResult**) {
+  if (wcscmp(name, kClassName) != 0) {
+    return static_cast<HRESULT>(WBEM_E_INVALID_CLASS);
+  }
+  *object = new Object;
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE ExecQuery(IWbemServices*, const BSTR, const BSTR query, LONG, IWbemContext*,
+                                    IEnumWbemClassObject** result) {
+  auto* const found = new Found;
+  for (const std::wstring& name : Adapters()) {
+    if (query == std::wstring(L"SELECT * FROM ") + kClassName + L" WHERE SettingID = \"" + name + L"\"") {
+      found->path = std::wstring(kClassName) + L".Name=" + name;
+    }
+  }
+  *result = found;
+  return S_OK;
+}
+
+HRESULT STDMETHODCALLTYPE ExecMethod(IWbemServices*, const BSTR path, const BSTR method, LONG flags, IWbemContext*,
+                                     IWbemClassObject* in, IWbemClassObject**, IWbemCallResult** result) {
+  const std::wstring name = std::wstring(path).substr(std::wstring(path).find(L'=') + 1);
+  if (flags != WBEM_FLAG_RETURN_IMMEDIATELY || result == nullptr || *result != nullptr) {
+    Violation("IWbemServices::ExecMethod: flags 0x%lx, or no place for the call", flags);
+  }
+  auto* const call = new Call;
+  std::map<std::wstring, Texts> none;
+  if (ReadText(AreaOf(name), L"Hangs") == method) {
+    call->answer = -1;
+  } else if (ChangePoint::Armed()) {
+    const ChangePoint point("ExecMethod", method);
+    call->answer = point.Error() != 0 ? static_cast<LONG>(point.Error())
+                                      : Run(name, method, in != nullptr ? static_cast<Object*>(in)->values : none);
+  } else {
+    call->answer = Run(name, method, in != nullptr ? static_cast<Object*>(in)->values : none);
+  }
+  *result = call;
+  return S_OK;
+}
+
+IWbemServicesVtbl servicesTable{.QueryInterface = Services::Query,
+                                .AddRef = Services::AddReference,
+                                .Release = Services::Drop,
+                                .GetObject = GetClass,
+                                .ExecQuery = ExecQuery,
+                                .ExecMethod = ExecMethod};
+Services::Services() : ComObject(&servicesTable) {}
+
+struct Locator : ComObject<Locator, IWbemLocator> {
+  Locator();
+  static bool Has(REFIID id) { return IsEqualIID(id, IID_IWbemLocator); }
+};
+
+HRESULT STDMETHODCALLTYPE ConnectServer(IWbemLocator*, const BSTR resource, const BSTR, const BSTR, const BSTR,
+                                        LONG flags, const BSTR, IWbemContext*, IWbemServices** services) {
+  if (wcscmp(resource, L"ROOT\\CIMV2") != 0 || flags != WBEM_FLAG_CONNECT_USE_MAX_WAIT) {
+    Violation("IWbemLocator::ConnectServer: %s, flags 0x%lx", Narrow(resource).c_str(), flags);
+  }
+  *services = new Services;
+  return S_OK;
+}
+
+IWbemLocatorVtbl locatorTable{.QueryInterface = Locator::Query,
+                              .AddRef = Locator::AddReference,
+                              .Release = Locator::Drop,
+                              .ConnectServer = ConnectServer};
+Locator::Locator() : ComObject(&locatorTable) {}
+
+const bool registered =
+    RegisterComClass({&CLSID_WbemLocator, [](REFIID id, void** object) { return HandOut(new Locator, id, object); }});
+
+}  // namespace
+
+void AddAdapter(const std::wstring& name, DWORD type, bool hardware) {
+  WriteNumber(AreaOf(name), L"Type", type);
+  WriteNumber(AreaOf(name), L"Hardware", hardware);
+  WriteNumber(AreaOf(name), L"Dhcp", 1);
+  WriteText(AreaOf(name), L"Lease", L"192.168.7.20/24 192.168.7.1 192.168.7.2");
+}
+
+std::string DumpAdapters() {
+  std::string text;
+  for (const std::wstring& name : Adapters()) {
+    const bool dhcp = Number(name, L"Dhcp", 1) != 0;
+    text += Narrow(name + (dhcp ? L" dhcp" : L" static") + L" [" + Joined(List(name, L"Addresses")) + L"] [" +
+                   Joined(List(name, L"Gateways")) + L"] [" + NameServers(name) + L"]\n");
+  }
+  return text;
+}
+
+}  // namespace sim
+
+using namespace sim;
+
+SIM(ULONG, GetAdaptersAddresses, ULONG family, ULONG flags, PVOID, PIP_ADAPTER_ADDRESSES buffer, PULONG size) {
+  if (family != AF_INET || (flags & GAA_FLAG_INCLUDE_GATEWAYS) == 0) {
+    Violation("GetAdaptersAddresses: family %lu, flags 0x%lx", family, flags);
+  }
+  if (*size < kNeededSize) {
+    *size = kNeededSize;
+    return ERROR_BUFFER_OVERFLOW;
+  }
+  Room room(buffer);
+  IP_ADAPTER_ADDRESSES* last = nullptr;
+  ULONG64 number = 0;
+  for (const std::wstring& name : Adapters()) {
+    IP_ADAPTER_ADDRESSES* const entry = Describe(room, name, ++number);
+    if (last != nullptr) {
+      last->Next = entry;
+    }
+    last = entry;
+  }
+  return ERROR_SUCCESS;
+}
+
+SIM(NETIO_STATUS, GetIfEntry2, PMIB_IF_ROW2 row) {
+  const Texts names = Adapters();
+  if (row->InterfaceLuid.Value == 0 || row->InterfaceLuid.Value > names.size()) {
+    return ERROR_FILE_NOT_FOUND;
+  }
+  row->InterfaceAndOperStatusFlags.HardwareInterface =
+      Number(names[static_cast<std::size_t>(row->InterfaceLuid.Value - 1)], L"Hardware", 1) != 0;
+  return NO_ERROR;
+}
+
+SIM(HRESULT, CoSetProxyBlanket, IUnknown* proxy, DWORD authentication, DWORD, OLECHAR*, DWORD, DWORD impersonation,
+    RPC_AUTH_IDENTITY_HANDLE, DWORD) {
+  if (proxy == nullptr || authentication != RPC_C_AUTHN_WINNT || impersonation != RPC_C_IMP_LEVEL_IMPERSONATE) {
+    Violation("CoSetProxyBlanket: authentication %lu, impersonation %lu", authentication, impersonation);
+  }
+  return S_OK;
+}

@@ -1,0 +1,42 @@
+// The changes to an adapter's IPv4 that Windows offers through its management instrumentation.
+#pragma once
+
+#include "network/settings.h"
+#include "win32/com.h"
+
+#include <wbemcli.h>
+
+#include <string>
+
+namespace kiosk::network {
+
+// The Win32_NetworkAdapterConfiguration of one adapter, on a thread that is in a COM apartment. Each method may take a
+// minute and ends early on a stop. What fails is logged with the method's name and its number.
+class AdapterConfiguration {
+ public:
+  // `adapter` as Windows spells it.
+  explicit AdapterConfiguration(std::wstring adapter) : adapter_(std::move(adapter)) {}
+
+  bool Open();
+  // Every step to these settings; `dropGateways` when those of before must go though there are no new ones. False at
+  // once when a step fails, or, with `insist`, after all the others were tried.
+  bool Apply(const Settings& settings, bool dropGateways, bool insist);
+
+ private:
+  struct Argument {
+    const wchar_t* name;
+    std::vector<std::wstring> texts;
+  };
+  // An argument without texts is left out, which Windows takes for "none".
+  bool Call(const wchar_t* method, const std::vector<Argument>& arguments);
+  HRESULT Start(const wchar_t* method, const std::vector<Argument>& arguments,
+                win32::ComPtr<IWbemCallResult>& call) const;
+  HRESULT Find();
+
+  std::wstring adapter_;
+  win32::ComPtr<IWbemServices> services_;
+  win32::ComPtr<IWbemClassObject> class_;
+  win32::Bstr path_;
+};
+
+}  // namespace kiosk::network

@@ -1,0 +1,24 @@
+// The network adapters of this computer, as Windows' IP helper tells of them.
+#pragma once
+
+#include "network/settings.h"
+#include "win32/winapi.h"
+
+#include <string>
+#include <string_view>
+
+namespace kiosk::network {
+
+struct Adapter {
+  std::wstring name;       // GUID text in braces, as Windows spells it
+  Settings settings;       // what it is set to
+  Settings inUse;          // what it works with: with DHCP, what the network gave
+  bool settled = false;    // every address it is set to is in use
+  bool duplicate = false;  // another computer has one of them
+};
+
+// The wired or Wi-Fi hardware adapter of that GUID text, in whatever letter case. ERROR_NOT_FOUND when there is none;
+// any other error means that Windows did not tell.
+DWORD ReadAdapter(std::wstring_view name, Adapter& adapter);
+
+}  // namespace kiosk::network

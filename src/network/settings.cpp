@@ -1,0 +1,135 @@
+#include "network/settings.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace kiosk::network {
+namespace {
+
+constexpr int kLongestPrefix = 30;  // two hosts and the two addresses that are none
+constexpr std::size_t kMostServers = 4;
+
+std::optional<Address> AddressOf(const json::Value& value) {
+  return value.IsString() ? ParseAddress(value.text()) : std::nullopt;
+}
+
+std::optional<int> PrefixOf(const json::Value& value) {
+  for (int bits = 1; bits <= 32; ++bits) {
+    if (value.IsNumber() && value.number() == bits) {
+      return bits;
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<std::vector<Address>> AddressesOf(const json::Value& list) {
+  std::vector<Address> addresses;
+  for (const json::Value& item : list.items()) {
+    const std::optional<Address> address = AddressOf(item);
+    if (!address) {
+      return std::nullopt;
+    }
+    addresses.push_back(*address);
+  }
+  return list.IsArray() ? std::optional(std::move(addresses)) : std::nullopt;
+}
+
+bool ReadServers(const json::Value& list, std::vector<Address>& servers) {
+  std::optional<std::vector<Address>> parsed = AddressesOf(list);
+  if (!parsed || parsed->size() > kMostServers || !std::all_of(parsed->begin(), parsed->end(), IsUnicast)) {
+    return false;
+  }
+  std::vector<Address> sorted = *parsed;
+  std::sort(sorted.begin(), sorted.end());
+  servers = std::move(*parsed);
+  return std::adjacent_find(sorted.begin(), sorted.end()) == sorted.end();
+}
+
+// The first member that is wrong, or null.
+const char* ReadStatic(const json::Value& request, Settings& settings) {
+  const std::optional<Address> address = AddressOf(json::Member(request, "address"));
+  if (!address || !IsUnicast(*address)) {
+    return "address";
+  }
+  const std::optional<int> prefix = PrefixOf(json::Member(request, "prefixLength"));
+  if (!prefix || *prefix > kLongestPrefix) {
+    return "prefixLength";
+  }
+  if (!IsHostIn(*address, *prefix)) {
+    return "address";
+  }
+  settings.addresses = {{*address, *prefix}};
+  if (const json::Value& member = json::Member(request, "gateway"); !member.IsNull()) {
+    const std::optional<Address> gateway = AddressOf(member);
+    if (!gateway || gateway == address || !IsHostIn(*gateway, *prefix) ||
+        ((*gateway ^ *address) & MaskOf(*prefix)) != 0) {
+      return "gateway";
+    }
+    settings.gateways = {*gateway};
+  }
+  return ReadServers(json::Member(request, "dns"), settings.dns) ? nullptr : "dns";
+}
+
+json::Value TextsOf(const std::vector<Address>& addresses) {
+  json::Value list = json::Value::Array();
+  for (const Address address : addresses) {
+    list.Append(AddressText(address));
+  }
+  return list;
+}
+
+}  // namespace
+
+Request ParseRequest(const json::Value& request) {
+  Request parsed;
+  parsed.adapter = json::Member(request, "adapter").text();
+  const std::string& mode = json::Member(request, "mode").text();
+  if (parsed.adapter.empty()) {
+    parsed.invalid = "adapter";
+  } else if (mode == "static") {
+    parsed.settings.dhcp = false;
+    parsed.invalid = ReadStatic(request, parsed.settings);
+  } else if (mode != "dhcp") {
+    parsed.invalid = "mode";
+  } else if (const json::Value& dns = json::Member(request, "dns");
+             !dns.IsNull() && !ReadServers(dns, parsed.settings.dns)) {
+    parsed.invalid = "dns";
+  }
+  return parsed;
+}
+
+json::Value ToJson(const Settings& settings) {
+  json::Value addresses = json::Value::Array();
+  for (const OwnAddress& each : settings.addresses) {
+    json::Value item = json::Value::Object();
+    item.Set("address", AddressText(each.address)).Set("prefixLength", each.prefixLength);
+    addresses.Append(std::move(item));
+  }
+  json::Value value = json::Value::Object();
+  value.Set("dhcp", settings.dhcp).Set("addresses", std::move(addresses));
+  value.Set("gateways", TextsOf(settings.gateways)).Set("dns", TextsOf(settings.dns));
+  return value;
+}
+
+std::optional<Settings> FromJson(const json::Value& value) {
+  Settings settings;
+  const auto gateways = AddressesOf(json::Member(value, "gateways"));
+  const auto dns = AddressesOf(json::Member(value, "dns"));
+  if (!json::Member(value, "dhcp").IsBool() || !json::Member(value, "addresses").IsArray() || !gateways || !dns) {
+    return std::nullopt;
+  }
+  for (const json::Value& item : json::Member(value, "addresses").items()) {
+    const auto address = AddressOf(json::Member(item, "address"));
+    const auto prefix = PrefixOf(json::Member(item, "prefixLength"));
+    if (!address || !prefix) {
+      return std::nullopt;
+    }
+    settings.addresses.push_back({*address, *prefix});
+  }
+  settings.dhcp = json::Member(value, "dhcp").boolean();
+  settings.gateways = *gateways;
+  settings.dns = *dns;
+  return settings;
+}
+
+}  // namespace kiosk::network

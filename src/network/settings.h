@@ -1,0 +1,46 @@
+// What an adapter's IPv4 can be set to: from a request, to a reply, and as text to be kept. Without Windows.
+#pragma once
+
+#include "json/value.h"
+#include "network/address.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kiosk::network {
+
+struct OwnAddress {
+  Address address = 0;
+  int prefixLength = 0;
+
+  friend bool operator==(const OwnAddress&, const OwnAddress&) = default;
+};
+
+// With DHCP, addresses and gateways are the network's to give and are empty here; "dns" then holds name servers that
+// were set in spite of it. Several addresses and gateways occur on a computer that was set up by other means.
+struct Settings {
+  bool dhcp = true;
+  std::vector<OwnAddress> addresses;
+  std::vector<Address> gateways;
+  std::vector<Address> dns;
+
+  friend bool operator==(const Settings&, const Settings&) = default;
+};
+
+// A checked request: either `invalid` names the first member that is wrong, or the rest is good.
+struct Request {
+  const char* invalid = nullptr;
+  std::string adapter;
+  Settings settings;
+};
+
+// "adapter": a text; "mode": "dhcp" or "static"; for "static" "address", "prefixLength" (1 to 30), "gateway" (or none)
+// and "dns" (0 to 4 name servers); for "dhcp" nothing more is needed, and "dns" replaces the network's name servers.
+Request ParseRequest(const json::Value& request);
+
+// Settings as JSON and back; empty for what is none.
+json::Value ToJson(const Settings& settings);
+std::optional<Settings> FromJson(const json::Value& value);
+
+}  // namespace kiosk::network

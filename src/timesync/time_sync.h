@@ -1,0 +1,18 @@
+// The command "time.sync".
+#pragma once
+
+#include "json/reply.h"
+
+#include <string>
+
+namespace kiosk::timesync {
+
+// The host that Windows takes its time from: the first that its setting names, without flags; Windows' own public
+// server when the setting names none.
+std::wstring TimeServer();
+
+// Makes Windows synchronise the clock, and measures how far it was out. The reply, also when that fails, names the
+// server. Runs on a connection's thread, any number of them at once; takes at most 85 s and ends early on a stop.
+json::Value TimeSync();
+
+}  // namespace kiosk::timesync

@@ -1,0 +1,113 @@
+// What an adapter may be set to, and which member of a request is found wrong first.
+#include "json/parse.h"
+#include "json/serialise.h"
+#include "network/settings.h"
+
+#include <gtest/gtest.h>
+
+#include <utility>
+
+namespace kiosk::network {
+namespace {
+
+TEST(NetworkAddress, OnlyStrictDottedQuads) {
+  EXPECT_EQ(ParseAddress("192.168.0.1"), 0xC0A80001U);
+  EXPECT_EQ(ParseAddress("0.0.0.0"), 0U);
+  EXPECT_EQ(ParseAddress("255.255.255.255"), 0xFFFFFFFFU);
+  EXPECT_EQ(AddressText(0xC0A800FE), "192.168.0.254");
+  for (const std::string wrong : {"",
+                                  "1.2.3",
+                                  "1.2.3.",
+                                  ".1.2.3",
+                                  "1..2.3",
+                                  "1.2.3.4.5",
+                                  "1.2.3.256",
+                                  "1.2.3.0004",
+                                  "01.2.3.4",
+                                  "1.2.3.00",
+                                  " 1.2.3.4",
+                                  "1.2.3.4 ",
+                                  "+1.2.3.4",
+                                  "-1.2.3.4",
+                                  "0x1.2.3.4",
+                                  "1.2.3.4/24",
+                                  "1,2,3,4",
+                                  "16909060",
+                                  "99999999999.1.1.1",
+                                  "::1",
+                                  "1.2.3.\xD9\xA4"}) {
+    EXPECT_FALSE(ParseAddress(wrong)) << wrong;
+  }
+  EXPECT_FALSE(ParseAddress(std::string_view("1.2.3.4\0", 8)));
+}
+
+TEST(NetworkRequest, EachWrongMemberIsNamed) {
+  const std::string good =
+      R"("adapter":"{A}","mode":"static","address":"10.1.2.3","prefixLength":24,"gateway":"10.1.2.1","dns":[])";
+  const std::pair<std::string, const char*> cases[] = {
+      {good, nullptr},
+      {good + R"(,"gateway":null)", nullptr},
+      {good + R"(,"prefixLength":2.4e1,"more":[1])", nullptr},
+      {good + R"(,"dns":["10.1.2.1","8.8.8.8","1.1.1.1","127.0.0.1"])", nullptr},
+      {good + R"(,"adapter":"")", "adapter"},
+      {good + R"(,"adapter":7)", "adapter"},
+      {good + R"(,"mode":"Static")", "mode"},
+      {good + R"(,"mode":null)", "mode"},
+      {good + R"(,"address":"10.1.2.0")", "address"},
+      {good + R"(,"address":"10.1.2.255")", "address"},
+      {good + R"(,"address":"10.1.2.03")", "address"},
+      {good + R"(,"address":167838211)", "address"},
+      {good + R"(,"address":"127.1.2.3")", "address"},
+      {good + R"(,"address":"0.1.2.3")", "address"},
+      {good + R"(,"address":"224.1.2.3")", "address"},
+      {good + R"(,"address":"255.1.2.3")", "address"},
+      {good + R"(,"address":"224.1.2.3","prefixLength":0)", "address"},
+      {good + R"(,"prefixLength":0)", "prefixLength"},
+      {good + R"(,"prefixLength":31)", "prefixLength"},
+      {good + R"(,"prefixLength":24.5)", "prefixLength"},
+      {good + R"(,"prefixLength":-24)", "prefixLength"},
+      {good + R"(,"prefixLength":"24")", "prefixLength"},
+      {good + R"(,"prefixLength":9007199254740993)", "prefixLength"},
+      {good + R"(,"gateway":"10.1.2.3")", "gateway"},
+      {good + R"(,"gateway":"10.1.3.1")", "gateway"},
+      {good + R"(,"gateway":"10.1.2.0")", "gateway"},
+      {good + R"(,"gateway":"10.1.2.255")", "gateway"},
+      {good + R"(,"gateway":"")", "gateway"},
+      {good + R"(,"gateway":["10.1.2.1"])", "gateway"},
+      {good + R"(,"dns":null)", "dns"},
+      {good + R"(,"dns":"8.8.8.8")", "dns"},
+      {good + R"(,"dns":["8.8.8.8","8.8.4.4","8.8.8.8"])", "dns"},
+      {good + R"(,"dns":["8.8.8.8",8])", "dns"},
+      {good + R"(,"dns":["239.1.1.1"])", "dns"},
+      {good + R"(,"dns":["1.1.1.1","1.1.1.2","1.1.1.3","1.1.1.4","1.1.1.5"])", "dns"},
+      {R"("adapter":"{A}","mode":"dhcp","address":"nonsense")", nullptr},
+      {R"("adapter":"{A}","mode":"dhcp","dns":["9.9.9.9"])", nullptr},
+      {R"("adapter":"{A}","mode":"dhcp","dns":[""])", "dns"}};
+  for (const auto& [members, wrong] : cases) {
+    const Request request = ParseRequest(*json::Parse("{" + members + "}"));
+    EXPECT_STREQ(request.invalid, wrong) << members;
+  }
+  const Request edge =
+      ParseRequest(*json::Parse(R"({"adapter":"{A}","mode":"static","address":"10.0.0.6","prefixLength":30,)"
+                                R"("gateway":"10.0.0.5","dns":["10.0.0.5"]})"));
+  EXPECT_EQ(edge.settings, (Settings{false, {{0x0A000006, 30}}, {0x0A000005}, {0x0A000005}}));
+}
+
+TEST(NetworkSettings, AsTextAndBack) {
+  const Settings several{false, {{0x0A000006, 30}, {0xC0A80101, 16}}, {0x0A000005, 0xC0A80001}, {0x08080808}};
+  const Settings dhcp{true, {}, {}, {0x09090909}};
+  for (const Settings& settings : {several, dhcp, Settings{}}) {
+    EXPECT_EQ(FromJson(*json::Parse(json::Serialise(ToJson(settings)))), settings);
+  }
+  EXPECT_EQ(json::Serialise(ToJson(several)),
+            R"({"dhcp":false,"addresses":[{"address":"10.0.0.6","prefixLength":30},{"address":"192.168.1.1",)"
+            R"("prefixLength":16}],"gateways":["10.0.0.5","192.168.0.1"],"dns":["8.8.8.8"]})");
+  for (const char* text : {"{}", "[]", R"({"dhcp":1,"addresses":[],"gateways":[],"dns":[]})",
+                           R"({"dhcp":true,"addresses":[{}],"gateways":[],"dns":[]})",
+                           R"({"dhcp":true,"addresses":[],"gateways":{},"dns":[]})"}) {
+    EXPECT_EQ(FromJson(*json::Parse(text)), std::nullopt) << text;
+  }
+}
+
+}  // namespace
+}  // namespace kiosk::network

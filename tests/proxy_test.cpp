@@ -1,0 +1,119 @@
+// The default proxy is set and read back, and the computer's own comes back when kiosk mode ends.
+#include "proxy/proxy.h"
+
+#include "json/parse.h"
+#include "json/serialise.h"
+#include "proxy/proxy_settings.h"
+#include "sim/fault_driver.h"
+#include "state/kiosk_state.h"
+#include "tests/support/fixture.h"
+
+#include <winhttp.h>
+
+namespace kiosk::proxy {
+namespace {
+
+const std::string kManual = R"({"mode":"manual","server":"proxy.test:8080","bypass":"*.intra.test;<local>"})";
+
+std::string Set(const std::string& request) { return json::Serialise(ProxySet(*json::Parse(request))); }
+
+// With plain Windows calls; an empty server is direct access.
+void SetOwners(std::wstring server, std::wstring bypass = L"") {
+  WINHTTP_PROXY_INFO info{server.empty() ? DWORD{WINHTTP_ACCESS_TYPE_NO_PROXY} : DWORD{WINHTTP_ACCESS_TYPE_NAMED_PROXY},
+                          server.empty() ? nullptr : server.data(), bypass.empty() ? nullptr : bypass.data()};
+  EXPECT_TRUE(WinHttpSetDefaultProxyConfiguration(&info));
+}
+
+std::wstring Now() {
+  WINHTTP_PROXY_INFO info{};
+  EXPECT_TRUE(WinHttpGetDefaultProxyConfiguration(&info));
+  std::wstring text = info.dwAccessType == WINHTTP_ACCESS_TYPE_NAMED_PROXY ? info.lpszProxy : L"direct";
+  text += info.lpszProxyBypass != nullptr && *info.lpszProxyBypass != L'\0'
+              ? std::wstring(L" not for ") + info.lpszProxyBypass
+              : L"";
+  GlobalFree(info.lpszProxy);
+  GlobalFree(info.lpszProxyBypass);
+  return text;
+}
+
+void MakeMachine() {
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane");
+  state::ProtectStateKey();
+  SetOwners(L"owner.test:3128", L"a.test");
+}
+
+bool Recorded() { return state::ReadState(state::kPriorProxy) || state::ReadState(state::kAppliedProxy); }
+
+class ProxyTest : public test::CleanMachine {
+ protected:
+  void SetUp() override {
+    CleanMachine::SetUp();
+    MakeMachine();
+  }
+  void TearDown() override { SetOwners(L""); }
+};
+
+TEST_F(ProxyTest, EachModeIsAppliedAndEchoed) {
+  EXPECT_EQ(Set(kManual), R"({"ok":true,"mode":"manual","server":"proxy.test:8080","bypass":"*.intra.test;<local>"})");
+  EXPECT_EQ(Now(), L"proxy.test:8080 not for *.intra.test;<local>");
+  EXPECT_EQ(Set(R"({"mode":"manual","server":"http=p:1;https=[::1]:2"})"),
+            R"({"ok":true,"mode":"manual","server":"http=p:1;https=[::1]:2","bypass":""})");
+  EXPECT_EQ(Set(R"({"mode":"auto","pacUrl":"http://p.test/proxy.pac","server":"ignored"})"),
+            R"({"ok":true,"mode":"auto","pacUrl":"http://p.test/proxy.pac"})");
+  EXPECT_EQ(Now(), L"direct");
+  Set(kManual);
+  EXPECT_EQ(Set(R"({"mode":"none"})"), R"({"ok":true,"mode":"none"})");
+  EXPECT_EQ(Now(), L"direct");
+  EXPECT_EQ(Set(R"({"mode":"manual","server":"p"})"), R"({"ok":false,"error":"invalid"})");
+  EXPECT_EQ(test::CountLogged("WARN proxy.set refused: invalid server"), 1);
+  EXPECT_EQ(Now(), L"direct");
+  RestoreProxy();
+  EXPECT_EQ(Now(), L"owner.test:3128 not for a.test");
+  EXPECT_FALSE(Recorded());
+}
+
+TEST_F(ProxyTest, OnlyWhatIsStillOursIsPutBack) {
+  RestoreProxy();
+  EXPECT_EQ(Now(), L"owner.test:3128 not for a.test");
+  Set(kManual);
+  SetOwners(L"later.test:1");
+  RestoreProxy();
+  EXPECT_EQ(Now(), L"later.test:1");
+  EXPECT_FALSE(Recorded());
+
+  Set(kManual);
+  SetOwners(L"evenlater.test:2");  // and what is replaced now is the owner's newer one
+  Set(R"({"mode":"none"})");
+  RestoreProxy();
+  EXPECT_EQ(Now(), L"evenlater.test:2");
+
+  Set(kManual);  // back by command: nothing is left to be given back
+  Set(R"({"mode":"manual","server":"evenlater.test:2"})");
+  EXPECT_FALSE(Recorded());
+  test::SetDword(state::kStateKey, L"TeardownPending", 1);
+  EXPECT_EQ(Set(kManual), R"({"ok":false,"error":"failed"})");
+  EXPECT_EQ(Now(), L"evenlater.test:2");
+}
+
+TEST(ProxyFaults, OwnersSettingSurvivesThemAll) {
+  sim::RunFaultScenario({.name = L"proxy",
+                         .prepare =
+                             [] {
+                               MakeMachine();
+                               Set(R"({"mode":"manual","server":"first.test:1"})");
+                             },
+                         .run =
+                             [] {
+                               Set(kManual);
+                               RestoreProxy();
+                             },
+                         .later =
+                             [] {
+                               RestoreProxy();
+                               EXPECT_EQ(Now(), L"owner.test:3128 not for a.test");
+                               EXPECT_FALSE(Recorded());
+                             }});
+}
+
+}  // namespace
+}  // namespace kiosk::proxy

@@ -1,0 +1,262 @@
+// The clock is set on request: the server's name, the Windows Time service, the measurement, and what the reply says.
+#include <winsock2.h>
+
+#include "timesync/time_sync.h"
+
+#include "json/serialise.h"
+#include "sim/clock.h"
+#include "sim/faults.h"
+#include "sim/machine.h"
+#include "tests/support/fixture.h"
+#include "timesync/sntp_packet.h"
+#include "timesync/sntp_query.h"
+#include "win32/stop.h"
+
+#include <cstdlib>
+#include <functional>
+#include <thread>
+#include <utility>
+
+namespace kiosk::timesync {
+namespace {
+
+constexpr wchar_t kParameters[] = L"SYSTEM\\CurrentControlSet\\Services\\W32Time\\Parameters";
+constexpr DWORD kAnswerTime = 500;  // real ms that a datagram may take to and fro
+
+// A UDP server on loopback in real time, which answers the first request with what `answer` makes of a good reply.
+class UdpServer {
+ public:
+  using Bytes = std::vector<unsigned char>;
+  UdpServer(
+      Milliseconds time, std::function<Bytes(Bytes)> answer = [](Bytes good) { return good; }) {
+    WSADATA data;
+    EXPECT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
+    socket_ = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
+    address_.sin_family = AF_INET;
+    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    int size = sizeof(address_);
+    EXPECT_EQ(bind(socket_, reinterpret_cast<sockaddr*>(&address_), size), 0);
+    EXPECT_EQ(getsockname(socket_, reinterpret_cast<sockaddr*>(&address_), &size), 0);
+    sim::WriteText(L"Hosts\\time.test", L"Address", L"127.0.0.1");
+    sim::WriteNumber(L"Hosts\\time.test", L"Port", ntohs(address_.sin_port));
+    thread_ = std::thread([this, time, answer = std::move(answer)] { Serve(time, answer); });
+  }
+  ~UdpServer() {
+    sendto(socket_, "", 0, 0, reinterpret_cast<sockaddr*>(&address_), sizeof(address_));  // ends a server still waiting
+    thread_.join();
+    closesocket(socket_);
+  }
+
+ private:
+  void Serve(Milliseconds time, const std::function<Bytes(Bytes)>& answer) const {
+    unsigned char request[100];
+    sockaddr_in from{};
+    int size = sizeof(from);
+    if (recvfrom(socket_, reinterpret_cast<char*>(request), sizeof(request), 0, reinterpret_cast<sockaddr*>(&from),
+                 &size) != 48) {
+      return;
+    }
+    Bytes reply(48);
+    reply[0] = 0x1C;
+    reply[1] = 3;
+    const std::uint64_t seconds = static_cast<std::uint64_t>(time / 1000) - 9'435'484'800;
+    for (int i = 0; i < 4; ++i) {
+      reply[static_cast<std::size_t>(32 + i)] = reply[static_cast<std::size_t>(40 + i)] =
+          static_cast<unsigned char>(seconds >> (24 - 8 * i));
+    }
+    reply = answer(reply);
+    if (!reply.empty()) {
+      sendto(socket_, reinterpret_cast<char*>(reply.data()), static_cast<int>(reply.size()), 0,
+             reinterpret_cast<sockaddr*>(&from), size);
+    }
+  }
+
+  SOCKET socket_;
+  sockaddr_in address_{};
+  std::thread thread_;
+};
+
+class TimeSyncTest : public test::CleanMachine {
+ protected:
+  void SetUp() override {
+    CleanMachine::SetUp();
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, kParameters);
+    test::SetString(kParameters, L"NtpServer", L" TIME.test,0x8 other.test,0x9 ");
+  }
+  void TearDown() override { RegDeleteTreeW(HKEY_LOCAL_MACHINE, kParameters); }
+
+  static std::string Sync() { return json::Serialise(TimeSync()); }
+  static void Service(const wchar_t* name, DWORD number) { sim::WriteNumber(L"TimeService", name, number); }
+  static DWORD Seen(const wchar_t* name) { return sim::ReadNumber(L"TimeService", name).value_or(0); }
+  [[nodiscard]] Milliseconds Now() const { return static_cast<Milliseconds>(clock_.SystemTime() / 10'000); }
+  static std::vector<std::string> Lines() {
+    std::vector<std::string> texts = test::LogTexts();
+    std::erase_if(texts, [](const std::string& text) { return text.find(" time: ") == std::string::npos; });
+    return texts;
+  }
+
+  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
+};
+
+TEST_F(TimeSyncTest, ServerIsTheFirstOfTheSetting) {
+  const std::wstring longest(253, L'a');
+  const std::pair<std::wstring, std::wstring> cases[] = {{L"time.nist.gov,0x9 pool.test,0x1", L"time.nist.gov"},
+                                                         {L"\t Time.WINDOWS.com,0x8\r\n", L"time.windows.com"},
+                                                         {L"10.0.0.1", L"10.0.0.1"},
+                                                         {L"zeit.łódź.test,0x1", L"zeit.łódź.test"},
+                                                         {L"a.test b.test,0x8", L"a.test"},
+                                                         {longest, longest},
+                                                         {longest + L"a", L"time.windows.com"},
+                                                         {L"", L"time.windows.com"},
+                                                         {L"  ", L"time.windows.com"},
+                                                         {L",0x8 b.test", L"time.windows.com"}};
+  for (const auto& [setting, server] : cases) {
+    test::SetString(kParameters, L"NtpServer", setting);
+    EXPECT_EQ(TimeServer(), server);
+  }
+  SetEnvironmentVariableW(L"NORVANE_TEST_HOST", L"Expanded.test");
+  test::SetString(kParameters, L"NtpServer", L"%NORVANE_TEST_HOST%,0x8", REG_EXPAND_SZ);
+  EXPECT_EQ(TimeServer(), L"expanded.test");
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, kParameters);
+  EXPECT_EQ(TimeServer(), L"time.windows.com");
+}
+
+TEST_F(TimeSyncTest, DisabledServiceIsStartedAndTheOffsetMeasured) {
+  Service(L"Start", SERVICE_DISABLED);
+  Service(L"StartDelay", 14'950);
+  const UdpServer server(Now() + 15'000 + 4'000);  // the start is seen after 15 s
+  clock_.At(14'999, [this] { clock_.SetGrace(kAnswerTime); });
+  EXPECT_EQ(Sync(), R"({"ok":true,"server":"time.test","offsetMs":4000})");
+  EXPECT_EQ(Lines(), (std::vector<std::string>{"WARN time: the Windows Time service was disabled; set to manual start",
+                                               "INFO time: started the Windows Time service",
+                                               "INFO time: resynced with time.test, the clock was 4000 ms out"}));
+  EXPECT_EQ(Seen(L"Start"), DWORD{SERVICE_DEMAND_START});
+  EXPECT_EQ(std::pair(Seen(L"Syncs"), Seen(L"W32tmRuns")), std::pair(1UL, 0UL));
+}
+
+TEST_F(TimeSyncTest, ServiceThatDoesNotRunFailsTheCommand) {
+  constexpr char kFailed[] = R"({"ok":false,"error":"sync_failed","server":"time.test"})";
+  Service(L"StartDelay", 16'000);
+  EXPECT_EQ(Sync(), kFailed);
+  EXPECT_EQ(clock_.Elapsed(), 15'000U);
+  Service(L"Running", 0);
+  Service(L"StartError", ERROR_SERVICE_DEPENDENCY_FAIL);
+  EXPECT_EQ(Sync(), kFailed);
+  Service(L"NoService", 1);
+  EXPECT_EQ(Sync(), kFailed);
+  EXPECT_EQ(Lines(), (std::vector<std::string>{"ERROR time: cannot start the Windows Time service (1068)",
+                                               "ERROR time: cannot open the Windows Time service (1060)"}));
+  EXPECT_EQ(Seen(L"Syncs"), 0U);
+}
+
+TEST_F(TimeSyncTest, ChangeThatIsRefusedIsLogged) {
+  Service(L"Start", SERVICE_DISABLED);
+  const sim::FaultPass pass(sim::FaultKind::kFail, 1, ERROR_ACCESS_DENIED);
+  EXPECT_EQ(Sync(), R"({"ok":false,"error":"sync_failed","server":"time.test"})");
+  EXPECT_EQ(Lines(), (std::vector<std::string>{"ERROR time: cannot enable the Windows Time service (5)",
+                                               "ERROR time: cannot start the Windows Time service (1058)"}));
+}
+
+TEST_F(TimeSyncTest, BothWaysToSynchroniseAndTheCodeWhenNeitherWorks) {
+  Service(L"Running", 1);
+  struct Case {
+    DWORD syncResult, noLibrary, w32tm;  // w32tm: the exit code, or 999: cannot be run
+    std::string line, last;
+    bool ok;
+  };
+  for (const Case& each :
+       {Case{0, 0, 999, "", "INFO time: resynced with time.test, the clock was 0 ms out", true},
+        Case{5, 0, 0, "WARN time: W32TimeSyncNow gave 5; using w32tm",
+             "INFO time: resynced with time.test, the clock was 0 ms out", true},
+        Case{0, 1, 3, "WARN time: W32TimeSyncNow gave 127; using w32tm", "ERROR time: w32tm /resync exited 3", false},
+        Case{0, 1, 999, "WARN time: W32TimeSyncNow gave 127; using w32tm", "ERROR time: cannot run w32tm (2)", false},
+        Case{0, 1, STILL_ACTIVE, "WARN time: W32TimeSyncNow gave 127; using w32tm",
+             "ERROR time: w32tm /resync exited 259", false}}) {
+    Service(L"SyncResult", each.syncResult);
+    Service(L"NoLibrary", each.noLibrary);
+    Service(L"W32tm", each.w32tm);
+    if (each.w32tm == 999) {
+      sim::ForgetValue(L"TimeService", L"W32tm");
+    }
+    clock_.SetGrace(each.w32tm == 999 ? 0 : 2'000);
+    EXPECT_EQ(Sync(), each.ok ? R"({"ok":true,"server":"time.test"})"
+                              : R"({"ok":false,"error":"unreachable","server":"time.test"})");
+    const std::vector<std::string> lines = Lines();
+    EXPECT_EQ(lines.back(), each.last);
+    EXPECT_EQ(lines[lines.size() - (each.line.empty() ? 2 : 3)], "WARN time: no SNTP answer from time.test");
+    EXPECT_TRUE(each.line.empty() || lines[lines.size() - 2] == each.line) << lines[lines.size() - 2];
+  }
+  EXPECT_EQ(clock_.Elapsed(), 20'000U);  // of the program that never ended
+
+  clock_.SetGrace(kAnswerTime);
+  const UdpServer server(Now() - 7'000);
+  EXPECT_EQ(Sync(), R"({"ok":false,"error":"sync_failed","server":"time.test"})");
+}
+
+TEST_F(TimeSyncTest, CallThatNeverReturnsIsLeftBehind) {
+  Service(L"Running", 1);
+  Service(L"SyncHangs", 1);
+  EXPECT_EQ(Sync(), R"({"ok":false,"error":"unreachable","server":"time.test"})");
+  EXPECT_EQ(clock_.Elapsed(), 30'000U);
+  EXPECT_EQ(Lines()[1], "WARN time: W32TimeSyncNow gave 1460; using w32tm");
+}
+
+TEST_F(TimeSyncTest, WrongAnswersAndSilenceAreNoMeasurement) {
+  using Bytes = UdpServer::Bytes;
+  clock_.SetGrace(kAnswerTime);
+  const std::function<Bytes(Bytes)> answers[] = {[](Bytes good) { return Bytes(good.begin(), good.end() - 1); },
+                                                 [](Bytes good) { return good.insert(good.end(), 20, 0), good; },
+                                                 [](Bytes good) { return good[0] = 0x1B, good; },
+                                                 [](Bytes good) { return good[1] = 0, good; }};
+  for (const auto& answer : answers) {
+    const UdpServer server(Now(), answer);
+    EXPECT_EQ(QuerySntp(L"time.test"), std::nullopt);
+  }
+  EXPECT_EQ(clock_.Elapsed(), 0U);
+  const UdpServer silent(Now(), [](const Bytes&) { return Bytes(); });
+  EXPECT_EQ(QuerySntp(L"time.test"), std::nullopt);
+  EXPECT_EQ(clock_.Elapsed(), 5'000U);
+  EXPECT_EQ(QuerySntp(L"unknown.test"), std::nullopt);
+}
+
+TEST_F(TimeSyncTest, ClocksOfTheNextEraAreTold) {
+  clock_.SetGrace(kAnswerTime);
+  const UdpServer server(static_cast<Milliseconds>(sim::FileTimeOf(2036, 2, 7, 6, 28, 16) / 10'000));
+  clock_.SetSystemTime(sim::FileTimeOf(2036, 2, 7, 6, 28, 6));
+  EXPECT_EQ(QuerySntp(L"time.test"), 10'000);
+}
+
+TEST_F(TimeSyncTest, StopEndsEachWait) {
+  ASSERT_TRUE(win32::CreateStopEvent());
+  const UdpServer silent(Now(), [](const UdpServer::Bytes&) { return UdpServer::Bytes(); });
+  Service(L"Running", 1);
+  Service(L"SyncHangs", 1);
+  clock_.At(2'000, [] { win32::RequestStop(); });
+  EXPECT_EQ(Sync(), R"({"ok":false,"error":"unreachable","server":"time.test"})");
+  Service(L"Running", 0);
+  Service(L"StartDelay", 5'000);
+  EXPECT_EQ(Sync(), R"({"ok":false,"error":"sync_failed","server":"time.test"})");
+  EXPECT_EQ(clock_.Elapsed(), 2'000U);
+  EXPECT_EQ(Seen(L"W32tmRuns"), 0U);
+}
+
+// Against a daemon on the port in the environment, which tests/e2e/test_time.py starts.
+TEST_F(TimeSyncTest, DISABLED_AgreesWithADaemon) {
+  const char* const port = std::getenv("NORVANE_NTP_PORT");
+  ASSERT_NE(port, nullptr);
+  clock_.SetGrace(kAnswerTime);
+  sim::WriteText(L"Hosts\\time.test", L"Address", L"127.0.0.1");
+  sim::WriteNumber(L"Hosts\\time.test", L"Port", static_cast<DWORD>(std::atoi(port)));
+  for (const std::int64_t ahead : {0, 3'600'000, -86'400'000}) {
+    FILETIME now;  // the test's own, which is the real one
+    GetSystemTimePreciseAsFileTime(&now);
+    clock_.SetSystemTime(static_cast<std::uint64_t>(
+        static_cast<std::int64_t>(std::uint64_t{now.dwHighDateTime} << 32 | now.dwLowDateTime) + ahead * 10'000));
+    const auto offset = QuerySntp(L"time.test");
+    ASSERT_TRUE(offset);
+    EXPECT_NEAR(static_cast<double>(*offset + ahead), 0, 50) << ahead;
+  }
+}
+
+}  // namespace
+}  // namespace kiosk::timesync
