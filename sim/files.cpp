@@ -178,6 +178,15 @@ void MakeJunction(const std::wstring& path, const std::wstring& target) {
   WriteText(kLinks, Plain(path), target);
 }
 
+void MakeSymbolicLink(const std::wstring& path, const std::wstring& target) {
+  HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr);
+  if (file == INVALID_HANDLE_VALUE) {
+    Violation("the link %s cannot be made (%lu)", Narrow(path).c_str(), GetLastError());
+  }
+  CloseHandle(file);
+  WriteText(kLinks, Plain(path), target);
+}
+
 std::wstring SddlText(PSECURITY_DESCRIPTOR descriptor) {
   return PartText(descriptor, OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION);
 }

@@ -19,6 +19,8 @@ void SetFileSecurity(const std::wstring& path, const std::wstring& owner, const 
 // Creates a junction at `path`, which must not exist. Its parents must.
 void MakeJunction(const std::wstring& path, const std::wstring& target);
 
+void MakeSymbolicLink(const std::wstring& path, const std::wstring& target);
+
 // Owner, group and DACL of a descriptor as SDDL; empty for null.
 std::wstring SddlText(PSECURITY_DESCRIPTOR descriptor);
 
