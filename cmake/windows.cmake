@@ -69,7 +69,7 @@ if(BUILD_TESTING)
   add_executable(kiosk_tests tests/support/run_tests.cc)
   target_link_libraries(kiosk_tests PRIVATE gtest)
   link_simulated(kiosk_tests ${renamed_kiosk_test_cases})
-  gtest_discover_tests(kiosk_tests DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 240)
+  gtest_discover_tests(kiosk_tests DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 600)
 
   # A caller of the pipe for the end-to-end tests, which sign it in many ways.
   add_executable(pipe_client tests/support/pipe_client/pipe_client.cpp)

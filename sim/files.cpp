@@ -126,7 +126,7 @@ bool InSpool(const std::wstring& plain) {
 template <typename Call>
 BOOL ChangeFile(const char* function, const std::wstring& path, Call call) {
   const std::wstring plain = Plain(path);
-  if (plain.starts_with(Lower(kiosk::log::kLogRoot) + L"\\") && !InSpool(plain)) {
+  if ((plain + L"\\").starts_with(Lower(kiosk::log::kLogRoot) + L"\\") && !InSpool(plain)) {
     return call();
   }
   return Change<BOOL>(
@@ -296,8 +296,9 @@ SIM(WINBOOL, WriteFile, HANDLE file, LPCVOID data, DWORD size, LPDWORD written, 
   DWORD second = 0;
   const BOOL done =
       ChangeFile("WriteFile", PathOf(file), [&] { return ::WriteFile(file, data, half, written, nullptr); }) &&
-      ChangeFile("WriteFile", PathOf(file),
-                 [&] { return ::WriteFile(file, static_cast<const char*>(data) + half, size - half, &second, nullptr); });
+      ChangeFile("WriteFile", PathOf(file), [&] {
+        return ::WriteFile(file, static_cast<const char*>(data) + half, size - half, &second, nullptr);
+      });
   *written += second;
   return done;
 }

@@ -113,6 +113,12 @@ void GiveUpOwnership() {
   }
 }
 
+bool NamesKioskUser() {
+  return win32::EqualIgnoringCase(state::ReadString(kUserName.key, kUserName.name).value_or(L""), kKioskUser);
+}
+
+bool Mark() { return state::WriteStateDword(state::kOwnsAutoLogon, 1) && state::FlushStateKey(); }
+
 bool SaveAll() {
   for (const TouchedValue& touched : kTouched) {
     if (!Save(touched)) {
@@ -120,8 +126,7 @@ bool SaveAll() {
     }
   }
   // Before the first change, and durably: a power cut must not leave changed settings without the copies.
-  return state::WriteStateDword(state::kPriorLsaSecret, SecretExists() ? 1 : 0) &&
-         state::WriteStateDword(state::kOwnsAutoLogon, 1) && state::FlushStateKey();
+  return state::WriteStateDword(state::kPriorLsaSecret, SecretExists() ? 1 : 0) && Mark();
 }
 
 }  // namespace
@@ -165,6 +170,11 @@ bool TakeOverAutoLogon() {
   if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
     return false;
   }
+  // Somebody took the mark away under a kiosk: what there is to save now is its own, and the last of the copies tells
+  // that they are all there.
+  if (NamesKioskUser() && state::ReadState(state::kPriorLsaSecret)) {
+    return Mark();
+  }
   if (SaveAll()) {
     return true;
   }
@@ -177,14 +187,13 @@ void RestoreAutoLogon() {
   const LSTATUS status = state::ReadValue(state::kStateKey, state::kOwnsAutoLogon.name, mark);
   if (status != ERROR_SUCCESS || !mark.Dword()) {
     // Copies without a mark are those of a take-over that was cut short before it changed anything, or of a restore
-    // that was after it had put everything back.
-    if (status == ERROR_FILE_NOT_FOUND) {
+    // that was after it had put everything back. Beside the kiosk's settings they are all that is left of the owner's.
+    if (status == ERROR_FILE_NOT_FOUND && !NamesKioskUser()) {
       ForgetCopies();
     }
     return;
   }
-  const std::wstring user = state::ReadString(kUserName.key, kUserName.name).value_or(L"");
-  const bool ours = win32::EqualIgnoringCase(user, kKioskUser);
+  const bool ours = NamesKioskUser();
   if (ours) {
     StoreAutoLogonSecret(nullptr, 0);
     if (state::FlagIsOn(state::kPriorLsaSecret)) {
@@ -203,7 +212,8 @@ void RestoreAutoLogon() {
     log::Log(log::kNotice, log::kKiosk, "auto sign-in restored to what it was before enrolment");
   } else {
     log::Log(log::kWarn, log::kKiosk, "auto sign-in now names '%s', not %s; left as it is",
-             win32::ToNarrow(user).c_str(), win32::ToNarrow(kKioskUser).c_str());
+             win32::ToNarrow(state::ReadString(kUserName.key, kUserName.name).value_or(L"")).c_str(),
+             win32::ToNarrow(kKioskUser).c_str());
   }
   GiveUpOwnership();
 }
