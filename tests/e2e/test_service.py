@@ -1,5 +1,7 @@
 """The shipping program in Wine's service manager, with a real portal over real HTTP."""
 
+import json
+import os
 import pathlib
 import re
 import struct
