@@ -18,6 +18,7 @@ using kiosk::json::Value;
 
 // Milliseconds; more than "net.set" takes when everything has to be put back again.
 constexpr unsigned long kNetSetWait = 600'000;
+constexpr std::size_t kColumn = 14;
 
 std::string AppliedText(const Value& reply) {
   std::string text;
@@ -27,7 +28,8 @@ std::string AppliedText(const Value& reply) {
     for (const Value& item : value.items()) {
       shown += (shown.empty() ? "" : ", ") + item.text();
     }
-    text += key == "ok" ? "Applied:\n" : "  " + key + "  " + shown + "\n";
+    const std::string gap(key.size() < kColumn ? kColumn - key.size() : 1, ' ');
+    text += key == "ok" ? "Applied:\n" : "  " + key + gap + shown + "\n";
   }
   return text;
 }
