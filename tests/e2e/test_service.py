@@ -4,6 +4,7 @@ import json
 import os
 import pathlib
 import re
+import signal
 import struct
 import sys
 import tempfile
@@ -100,7 +101,8 @@ class Installation(unittest.TestCase):
 
 class Life(unittest.TestCase):
     def test_from_pairing_to_revocation_and_uninstall(self):
-        with Portal() as portal, Terminal(programs=PROGRAMS, service=SERVICE) as terminal:
+        with (tempfile.TemporaryDirectory() as folder, Portal(https_too=folder) as portal,
+              Terminal(programs=PROGRAMS, service=SERVICE) as terminal):
             stage = life.Stage(portal, terminal, patient=False)
             life.play(stage, life.FIRST_LIFE + life.SECOND_LIFE)
 
@@ -117,6 +119,47 @@ class Life(unittest.TestCase):
                 self.assertLess(time.monotonic() - started, 20)
                 waiting.communicate(timeout=10)
             self.assertEqual(terminal.log()[-1], "INFO Kiosk shutting down")
+
+
+class SupportBundle(unittest.TestCase):
+    FILES = {"computer.txt", "service.txt", "status.txt", "state.txt", "settings.txt", "tasks.txt", "proxy.txt",
+             "certificates.txt", "folders.txt", "logs"}
+
+    def test_while_the_service_runs_hangs_and_is_stopped(self):
+        with (tempfile.TemporaryDirectory() as folder, Portal(https_too=folder) as portal,
+              Terminal(programs=PROGRAMS, service=SERVICE) as terminal):
+            life.play(life.Stage(portal, terminal, patient=False), life.PAIRED)
+            plain = next(r.headers["Authorization"] for r in portal.requests if r.headers["Authorization"]).split()[1]
+            protected = bytes.fromhex(terminal.value("DeviceToken"))
+            self.assertGreater(len(protected), 100)
+            secrets = [plain, protected[:24].hex(), protected[:24].hex(" ")]
+            self.bundle(terminal, r'"enrolled":true', r"^state 4 ", secrets)
+            process = terminal.service_process()
+            os.kill(process, signal.SIGSTOP)
+            try:
+                self.bundle(terminal, r"no answer \(error \d+\)", r"^state 4 ", secrets)
+            finally:
+                os.kill(process, signal.SIGCONT)
+            self.assertEqual(terminal.net("stop"), 0)
+            self.bundle(terminal, r"no answer \(error 2\)", r"^state 1 ", secrets)
+
+    def bundle(self, terminal, status, service, secrets):
+        code, out, err = terminal.run("kioskctl.exe", "support-bundle", "C:\\")
+        self.assertEqual((code, err), (0, ""))
+        folder = terminal.path(re.search(r"^Support bundle: (.+)$", out.replace("\r", ""), re.M)[1])
+        self.assertEqual({file.name for file in folder.iterdir()}, self.FILES)
+        texts = {file.name: file.read_text("utf-8") for file in folder.glob("*.txt")}
+        self.assertRegex(texts["status.txt"], status)
+        self.assertRegex(texts["service.txt"], service)
+        self.assertRegex(texts["state.txt"], r"(?m)^  DeviceToken \(type 3, \d+ bytes\) withheld$")
+        self.assertIn("AuthBaseUrl", texts["state.txt"])
+        self.assertIn("HideFastUserSwitching", texts["settings.txt"])
+        for name, text in texts.items():
+            self.assertNotRegex(text, r"S-1-5-21-\d", name)
+        logs = "".join(file.read_text("utf-8") for file in (folder / "logs").iterdir())
+        self.assertIn("listening on", logs)
+        for secret in secrets:
+            self.assertNotIn(secret, "".join(texts.values()) + logs)
 
 
 class RealHttp(unittest.TestCase):

@@ -5,6 +5,7 @@ import pathlib
 import signal
 import subprocess
 import sys
+import tempfile
 import threading
 
 REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
@@ -52,7 +53,9 @@ def perform(stage, once):
 def main():
     once = "--once" in sys.argv[1:]
     signal.signal(signal.SIGTERM, signal.default_int_handler)
-    with Portal(port=0 if once else 8470) as portal, Terminal(programs=PROGRAMS, service=SERVICE) as terminal:
+    with (tempfile.TemporaryDirectory(prefix="norvane-portal-") as certificates,
+          Portal(port=0 if once else 8470, https_too=certificates) as portal,
+          Terminal(programs=PROGRAMS, service=SERVICE) as terminal):
         show(f"\n== the portal's page: {portal.url}/  (for development, on this computer only)")
         stage = life.Stage(portal, terminal, show)
         try:

@@ -29,25 +29,38 @@ class Portal:
     """A running portal; every method is safe from any thread. Faults of the caller raise PortalError or ValueError."""
 
     def __init__(self, database=":memory:", address="127.0.0.1", port=0, tls=None, verbose=False, keep_requests=None,
-                 code_lifetime=CODE_LIFETIME):
-        """`tls` names a folder for certificates; `keep_requests` bounds the record of requests (None: keep all)."""
+                 code_lifetime=CODE_LIFETIME, https_too=None):
+        """`tls` names a folder for certificates; `keep_requests` bounds the record of requests (None: keep all).
+
+        `https_too` names such a folder as well, for a second, encrypted way in at `https_url`, beside the plain one;
+        what comes that way is neither recorded nor scripted.
+        """
         if not (address == "localhost" or ipaddress.ip_address(address) in ipaddress.ip_network("127.0.0.0/8")):
             raise ValueError(f"{address} is not a loopback address; this portal is for development only")
-        context, self.ca_file = tls_files.make_context(tls) if tls else (None, None)
+        context, self.ca_file = tls_files.make_context(tls or https_too) if tls or https_too else (None, None)
         self._store = Store(database)
+        self._servers = []
         try:
             self._routes = Routes(self._store, code_lifetime)
-            self._server = Server((address, port), self._routes.route, TERMINAL_PREFIX, context, verbose, keep_requests,
-                                  {PHOTO_PATH: policy.MAX_PHOTO_SIZE})
+            self._server = self._serve(address, port, context if tls else None, verbose, keep_requests)
+            second = self._serve(address, 0, context, verbose, 0) if https_too else None
         except BaseException:
-            self._store.close()
+            self.close()
             raise
         self._routes.outage = self._server
         self.port = self._server.server_address[1]
         self.url = f"https://localhost:{self.port}" if tls else f"http://{address}:{self.port}"
+        self.https_url = f"https://localhost:{second.server_address[1]}" if second else self.url if tls else None
+
+    def _serve(self, address, port, context, verbose, keep_requests):
+        server = Server((address, port), self._routes.route, TERMINAL_PREFIX, context, verbose, keep_requests,
+                        {PHOTO_PATH: policy.MAX_PHOTO_SIZE})
+        self._servers.append(server)
+        return server
 
     def close(self):
-        self._server.close()
+        for server in self._servers:
+            server.close()
         self._store.close()
 
     def __enter__(self):

@@ -1,31 +1,35 @@
+// The commands, one function each; all return the exit code. `words` are those of the command line, the command's name
+// first; their number was checked.
 #pragma once
+
+#include "exchange.h"
 
 #include <string>
 #include <vector>
 
 namespace kioskctl {
 
-// What the program ends with.
-enum ExitCode : int { kDone = 0, kServiceError = 1, kUsage = 2, kNoService = 3 };
+using Words = std::vector<std::string>;
 
-struct Options {
-  bool json = false;  // replies as they came, a line each, for scripts
-};
+int Status(const Options& options, const Words& words);
+int Pair(const Options& options, const Words& words);
+int Restart(const Options& options, const Words& words);
 
-int Status(const Options& options);
-int Pair(const Options& options);
-int Restart(const Options& options);
 #ifdef NORVANE_DEVELOPMENT_COMMANDS
-int Send(const Options& options, const std::string& request);
-int Unlock(const Options& options, const std::string& password);
-int Maintenance(const Options& options, const std::string& password, const std::string& unlockToken);
-int TimeSync(const Options& options, const std::string& unlockToken);
-// The words as on the command line, the command's name first.
-int NetSet(const Options& options, const std::vector<std::string>& words);
-int ProxySet(const Options& options, const std::vector<std::string>& words);
-#endif
+int Send(const Options& options, const Words& words);
+int Unlock(const Options& options, const Words& words);
+int Maintenance(const Options& options, const Words& words);
+int Power(const Options& options, const Words& words);
+int Updates(const Options& options, const Words& words);
+int InstallUpdates(const Options& options, const Words& words);
+int TimeSync(const Options& options, const Words& words);
+int NetSet(const Options& options, const Words& words);
+int ProxySet(const Options& options, const Words& words);
 
-// The sentence for an error code of the service; the code itself when there is no better one.
-std::string Explain(const std::string& code);
+// A request of the terminal settings.
+kiosk::json::Value UnlockedRequest(const char* command, const std::string& unlockToken);
+// " Sun Mon Fri" for the numbers of days, 0 being Sunday.
+std::string DayNames(const kiosk::json::Value& days);
+#endif
 
 }  // namespace kioskctl

@@ -13,7 +13,6 @@
 namespace {
 
 using kiosk::win32::Print;
-using kiosk::win32::PrintError;
 
 constexpr char kHelp[] =
     "kioskctl - talks to the Norvane kiosk service on this computer\n"
@@ -30,6 +29,20 @@ constexpr char kHelp[] =
     "                              open the terminal settings (from the kiosk account's own session)\n"
     "  kioskctl [--json] maintenance PASSWORD [UNLOCK-TOKEN]\n"
     "                              leave the kiosk for a while (from the kiosk account's own session)\n"
+    "  kioskctl [--json] power UNLOCK-TOKEN\n"
+    "                              when the display goes off and the computer sleeps, and who decided that\n"
+    "  kioskctl [--json] power UNLOCK-TOKEN SCREEN-OFF SLEEP [SCHEDULE]\n"
+    "                              decide it here: minutes of idleness (0: never), and as JSON, in place of the\n"
+    "                              schedule in force, {\"enabled\":true,\"sleepAt\":\"22:00\",\"wakeAt\":\"07:00\",\n"
+    "                              \"days\":[1,2,3,4,5]} (0 is Sunday)\n"
+    "  kioskctl [--json] power UNLOCK-TOKEN portal\n"
+    "                              let the portal decide again\n"
+    "  kioskctl [--json] updates UNLOCK-TOKEN [check]\n"
+    "                              the updates of Windows that are missing; with \"check\" after a new search. "
+    "Follows\n"
+    "                              a search or an installation that is going, until it ends\n"
+    "  kioskctl [--json] install-updates UNLOCK-TOKEN\n"
+    "                              search, download and install now, and follow it\n"
     "  kioskctl [--json] time-sync UNLOCK-TOKEN\n"
     "                              set the clock by the computer's time server\n"
     "  kioskctl [--json] net-set UNLOCK-TOKEN ADAPTER dhcp [DNS ...]\n"
@@ -41,45 +54,38 @@ constexpr char kHelp[] =
 #endif
     "  kioskctl --help | --version\n"
     "\n"
-    "  --json   print the service's replies as they are, one line each\n"
+    "  --json   print the service's replies as they are, one line each; of those that follow something, each new one\n"
     "\n"
-    "Exit codes: 0 done, 1 the service answered with an error or a file could not be written, 2 wrong usage, 3 no service\n"
-    "to talk to.\n";
+    "Exit codes: 0 done, 1 the service answered with an error, what it began failed, or a file could not be written,\n"
+    "2 wrong usage, 3 no service to talk to.\n";
 
-int Usage(const std::string& problem) {
-  PrintError("kioskctl: " + problem + "\nSee \"kioskctl --help\".\n");
-  return kioskctl::kUsage;
-}
+using kioskctl::Options;
+using kioskctl::Words;
 
 struct Command {
   std::string_view name;
   std::size_t fewest, most;  // arguments
   const char* arguments;     // for a complaint about them
-  int (*run)(const kioskctl::Options& options, const std::vector<std::string>& words);
+  int (*run)(const Options& options, const Words& words);
 };
 
-using Words = std::vector<std::string>;
-using kioskctl::Options;
+int Bundle(const Options& /*options*/, const Words& words) {
+  return kioskctl::SupportBundle(words.size() > 1 ? words[1] : std::string());
+}
 
 constexpr Command kCommands[] = {
-    {"status", 0, 0, "no arguments", [](const Options& options, const Words&) { return kioskctl::Status(options); }},
-    {"pair", 0, 0, "no arguments", [](const Options& options, const Words&) { return kioskctl::Pair(options); }},
-    {"restart", 0, 0, "no arguments", [](const Options& options, const Words&) { return kioskctl::Restart(options); }},
-    {"support-bundle", 0, 1, "at most one folder",
-     [](const Options&, const Words& words) {
-       return kioskctl::SupportBundle(words.size() > 1 ? words[1] : std::string());
-     }},
+    {"status", 0, 0, "no arguments", kioskctl::Status},
+    {"pair", 0, 0, "no arguments", kioskctl::Pair},
+    {"restart", 0, 0, "no arguments", kioskctl::Restart},
+    {"support-bundle", 0, 1, "at most one folder", Bundle},
 #ifdef NORVANE_DEVELOPMENT_COMMANDS
-    {"send", 1, 1, "one JSON text",
-     [](const Options& options, const Words& words) { return kioskctl::Send(options, words[1]); }},
-    {"unlock", 1, 1, "one password",
-     [](const Options& options, const Words& words) { return kioskctl::Unlock(options, words[1]); }},
-    {"maintenance", 1, 2, "a password and at most one unlock token",
-     [](const Options& options, const Words& words) {
-       return kioskctl::Maintenance(options, words[1], words.size() > 2 ? words[2] : std::string());
-     }},
-    {"time-sync", 1, 1, "an unlock token",
-     [](const Options& options, const Words& words) { return kioskctl::TimeSync(options, words[1]); }},
+    {"send", 1, 1, "one JSON text", kioskctl::Send},
+    {"unlock", 1, 1, "one password", kioskctl::Unlock},
+    {"maintenance", 1, 2, "a password and at most one unlock token", kioskctl::Maintenance},
+    {"power", 1, 4, "an unlock token, and \"portal\" or two numbers and at most one schedule", kioskctl::Power},
+    {"updates", 1, 2, "an unlock token, and at most \"check\"", kioskctl::Updates},
+    {"install-updates", 1, 1, "an unlock token", kioskctl::InstallUpdates},
+    {"time-sync", 1, 1, "an unlock token", kioskctl::TimeSync},
     {"net-set", 3, 8, "an unlock token, an adapter and its settings", kioskctl::NetSet},
     {"proxy-set", 2, 4, "an unlock token, a mode and what it needs", kioskctl::ProxySet},
 #endif
@@ -87,15 +93,15 @@ constexpr Command kCommands[] = {
 
 int Run(const Words& words, const Options& options) {
   if (words.empty()) {
-    return Usage("no command given");
+    return kioskctl::WrongUsage("no command given");
   }
   const auto* command = std::find_if(std::begin(kCommands), std::end(kCommands),
                                      [&words](const Command& each) { return each.name == words.front(); });
   if (command == std::end(kCommands)) {
-    return Usage("unknown command \"" + words.front() + "\"");
+    return kioskctl::WrongUsage("unknown command \"" + words.front() + "\"");
   }
   if (words.size() - 1 < command->fewest || words.size() - 1 > command->most) {
-    return Usage("\"" + words.front() + "\" takes " + command->arguments);
+    return kioskctl::WrongUsage("\"" + words.front() + "\" takes " + command->arguments);
   }
   return command->run(options, words);
 }
@@ -104,8 +110,8 @@ int Run(const Words& words, const Options& options) {
 
 int wmain(int count, wchar_t** arguments) {
   SetDefaultDllDirectories(LOAD_LIBRARY_SEARCH_SYSTEM32);
-  kioskctl::Options options;
-  std::vector<std::string> words;
+  Options options;
+  Words words;
   for (int i = 1; i < count; ++i) {
     const std::string word = kiosk::win32::ToNarrow(arguments[i]);
     if (word == "--help" || word == "-h") {
@@ -119,7 +125,7 @@ int wmain(int count, wchar_t** arguments) {
     if (word == "--json") {
       options.json = true;
     } else if (word.starts_with("--")) {
-      return Usage("unknown option \"" + word + "\"");
+      return kioskctl::WrongUsage("unknown option \"" + word + "\"");
     } else {
       words.push_back(word);
     }

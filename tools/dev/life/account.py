@@ -36,13 +36,19 @@ def token_in(text):
     return token and token[1]
 
 
+def unlocked(stage):
+    """Unlocks the terminal settings; returns the token that every one of them asks for."""
+    code, text = stage.kioskctl("unlock", EXIT_PASSWORD, development=True)
+    stage.check(code == 0 and token_in(text), "the terminal settings are unlocked", text)
+    return token_in(text)
+
+
 def maintenance_in_and_out(stage):
     """Maintenance: the kiosk makes room for an administrator, and is back when they sign out."""
     terminal = stage.terminal
     code, text = stage.kioskctl("maintenance", "", "0" * 32, development=True)
     stage.check(code == 1 and "[not_unlocked]" in text, "an invented unlock token is refused", text)
-    token = token_in(stage.kioskctl("unlock", EXIT_PASSWORD, development=True)[1])
-    code, text = stage.kioskctl("maintenance", "", token or "", development=True)
+    code, text = stage.kioskctl("maintenance", "", unlocked(stage), development=True)
     stage.check(code == 0, "the token of an unlock opens maintenance without a password", text)
     stage.check_soon(lambda: stage.user_of_session(1) is None, "the kiosk account is signed out", 10)
     stage.check(terminal.value("AutoAdminLogon", WINLOGON) == "0", "Windows does not sign it in again by itself")

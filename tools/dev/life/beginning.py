@@ -3,7 +3,7 @@
 import re
 import threading
 
-from .stage import KIOSK_USER, OWNER, PASSWORDLESS, POLICIES, WINLOGON
+from .stage import KIOSK_USER, LOG_KEY, OWNER, PASSWORDLESS, POLICIES, WINDOWS_UPDATE, WINLOGON
 
 CLIENT = r"C:\Program Files\Norvane\Tessaly"
 EXIT_PASSWORD = "Open Sesame"
@@ -18,13 +18,18 @@ def a_computer_and_its_owner(stage):
     for name, text in (("AutoAdminLogon", "0"), ("DefaultUserName", OWNER), ("DefaultDomainName", ".")):
         terminal.set_string(name, text, WINLOGON)
     for name, number, key in (("AutoLogonCount", 3, WINLOGON), ("DevicePasswordLessBuildVersion", 2, PASSWORDLESS),
-                              ("EnableFirstLogonAnimation", 1, POLICIES)):
+                              ("EnableFirstLogonAnimation", 1, POLICIES),
+                              ("ActiveHoursStart", 7, WINDOWS_UPDATE),
+                              ("NoAutoRebootWithLoggedOnUsers", 0, WINDOWS_UPDATE + r"\AU")):
         terminal.set_dword(name, number, key)
     # Once, for the profile: it is there before and after, whatever the service does.
     terminal.machine("signout", str(terminal.machine("signin", OWNER)))
     stage.before = terminal.dump_machine()
     terminal.machine("signin", OWNER)
     terminal.machine("caller", OWNER)
+    # Log lines leave a terminal over HTTPS alone, to a server that the computer trusts.
+    terminal.trust(stage.portal.ca_file)
+    terminal.set_string("LogEndpoint", stage.portal.https_url + "/api/log", LOG_KEY)
     terminal.install(url=stage.portal.url + "/")
     reply = stage.status()
     stage.check(reply == {

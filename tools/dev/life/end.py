@@ -1,6 +1,6 @@
 """The ways out of kiosk mode: the owner gets the computer back as it was."""
 
-from .stage import KIOSK_USER, OWNER
+from .stage import BRANDING, KIOSK_USER
 
 # Written by the administrator or the developer who set the terminal up, not by the service.
 KEPT_STATE = {"AuthBaseUrl", "DevAllowUnsigned"}
@@ -19,6 +19,7 @@ def revoked_in_the_portal(stage):
     stage.status()
     stage.check(stage.user_of_session(1) is None, f"{KIOSK_USER} is signed out")
     stage.check_computer_is_as_before()
+    stage.check(not stage.terminal.path(BRANDING).parent.exists(), "the branding is gone, with its folder")
     check_log(stage)
 
 

@@ -9,7 +9,10 @@ from terminal import STATE_KEY, wait_for
 WINLOGON = r"HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion\Winlogon"
 PASSWORDLESS = r"HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion\PasswordLess\Device"
 POLICIES = r"HKLM\SOFTWARE\Microsoft\Windows\CurrentVersion\Policies\System"
+WINDOWS_UPDATE = r"HKLM\SOFTWARE\Policies\Microsoft\Windows\WindowsUpdate"
 SIMULATED = r"HKLM\SOFTWARE\SimulatedWindows"
+LOG_KEY = r"HKLM\SOFTWARE\Norvane\Tessaly\Log"
+BRANDING = r"C:\ProgramData\Norvane\Tessaly\Kiosk\Branding"
 KIOSK_USER = "NorvaneKiosk"
 OWNER = "Owner"
 SERVICE = "NorvaneKioskSim.exe"
@@ -104,6 +107,11 @@ class Stage:
         session = terminal.machine("restart")
         terminal.start_service()
         return session
+
+    def machine_lines(self, *beginnings):
+        """Those of the computer's lines that begin like this, as before the pairing and as now."""
+        return tuple([line for line in text.splitlines() if line.startswith(beginnings)]
+                     for text in (self.before, self.terminal.dump_machine()))
 
     def user_of_session(self, session):
         return self.terminal.value("User", rf"{SIMULATED}\Sessions\{session}")

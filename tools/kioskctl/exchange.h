@@ -1,0 +1,44 @@
+// What the commands share: asking the service, showing what it answers, and what its error codes mean to a person.
+#pragma once
+
+#include "json/value.h"
+#include "pipe_client.h"
+
+#include <string>
+#include <string_view>
+
+namespace kioskctl {
+
+// What the program ends with.
+enum ExitCode : int { kDone = 0, kServiceError = 1, kUsage = 2, kNoService = 3 };
+
+struct Options {
+  bool json = false;  // replies as they came, a line each, for scripts
+};
+
+kiosk::json::Value Request(const char* command);
+bool Ok(const kiosk::json::Value& reply);
+
+// Sends a request, of which no copy is left in memory, and waits so many milliseconds for the reply.
+Answer AskFor(kiosk::json::Value request, unsigned long replyWait = kReplyWait);
+
+// Sends a request that is answered once; `success` says what a good reply means. Returns the exit code.
+int Run(const Options& options, kiosk::json::Value request, std::string (*success)(const kiosk::json::Value& reply),
+        unsigned long replyWait = kReplyWait);
+
+void PrintJson(const kiosk::json::Value& reply);
+// Each prints to standard error and returns the exit code: why there is no reply; the error of a reply to the command;
+// what is wrong with the command line.
+int NoReply(const Answer& answer);
+int Refused(const kiosk::json::Value& reply, std::string_view command = {});
+int WrongUsage(const std::string& problem);
+
+// The sentence for an error code that answers the command (pipe's name, "os.install"); the code itself when there is no
+// better one.
+std::string Explain(const std::string& code, std::string_view command = {});
+
+// What the service does not say: kiosk mode is being removed. Only administrators may look there; to anybody else the
+// terminal is just not paired.
+bool RemovalPending();
+
+}  // namespace kioskctl

@@ -1,0 +1,192 @@
+// For developers and tests: what the kiosk shell sends from the kiosk account's own session.
+#ifdef NORVANE_DEVELOPMENT_COMMANDS
+#include "commands.h"
+
+#include "json/parse.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <optional>
+#include <utility>
+
+namespace kioskctl {
+namespace {
+
+using kiosk::json::Member;
+using kiosk::json::Value;
+
+// Milliseconds; more than "net.set" takes when everything has to be put back again.
+constexpr unsigned long kNetSetWait = 600'000;
+constexpr std::size_t kColumn = 14;
+
+std::string AppliedText(const Value& reply) {
+  std::string text;
+  for (const std::string& key : reply.keys()) {
+    const Value& value = Member(reply, key);
+    std::string shown = kiosk::json::AsString(value);
+    for (const Value& item : value.items()) {
+      shown += (shown.empty() ? "" : ", ") + item.text();
+    }
+    const std::string gap(key.size() < kColumn ? kColumn - key.size() : 1, ' ');
+    text += key == "ok" ? "Applied:\n" : "  " + key + gap + shown + "\n";
+  }
+  return text;
+}
+
+// Minutes as the service knows them: digits. Whether it takes that many is the service's to say.
+std::optional<int> Minutes(const std::string& word) {
+  int minutes = 0;
+  const char* const end = word.data() + word.size();
+  const auto [stop, error] = std::from_chars(word.data(), end, minutes);
+  return error == std::errc() && stop == end ? std::optional(minutes) : std::nullopt;
+}
+
+std::string Idleness(const Value& minutes) {
+  return minutes.number() == 0 ? "never" : "after " + kiosk::json::AsString(minutes) + " minutes of idleness";
+}
+
+std::string PolicyText(const Value& policy) {
+  const Value& schedule = Member(policy, "schedule");
+  std::string text = "  Display off  " + Idleness(Member(policy, "screenOffMinutes")) + "\n";
+  text += "  Sleep        " + Idleness(Member(policy, "sleepMinutes")) + "\n  Schedule     ";
+  if (!Member(schedule, "enabled").boolean()) {
+    return text + "none\n";
+  }
+  return text + "sleeps at " + Member(schedule, "sleepAt").text() + ", wakes at " + Member(schedule, "wakeAt").text() +
+         "," + DayNames(Member(schedule, "days")) + "\n";
+}
+
+std::string PowerText(const Value& reply) {
+  const Value& local = Member(reply, "local");
+  const std::string portal = "the portal's policy (" + Member(reply, "source").text() + ")";
+  std::string text = (local.IsNull() ? "In force is " + portal : std::string("In force is what was set here")) + ":\n" +
+                     PolicyText(Member(reply, "effective"));
+  if (!local.IsNull()) {
+    text += "\"power UNLOCK-TOKEN portal\" goes back to " + portal + ":\n" + PolicyText(Member(reply, "policy"));
+  }
+  if (const std::string& error = Member(reply, "error").text(); !error.empty()) {
+    text += Explain(error) + "\n";
+  }
+  return text;
+}
+
+}  // namespace
+
+Value UnlockedRequest(const char* command, const std::string& unlockToken) {
+  Value request = Request(command);
+  request.Set("unlockToken", unlockToken);
+  return request;
+}
+
+std::string DayNames(const Value& days) {
+  constexpr const char* kNames[] = {" Sun", " Mon", " Tue", " Wed", " Thu", " Fri", " Sat"};
+  std::string text;
+  for (const Value& day : days.items()) {
+    text += day.number() >= 0 && day.number() < 7 ? kNames[static_cast<int>(day.number())] : " ?";
+  }
+  return text;
+}
+
+int Send(const Options& /*options*/, const Words& words) {
+  const Answer answer = Ask(words[1]);
+  if (answer.outcome != Outcome::kReply) {
+    return NoReply(answer);
+  }
+  PrintJson(answer.reply);
+  return Ok(answer.reply) ? kDone : kServiceError;
+}
+
+int Unlock(const Options& options, const Words& words) {
+  Value request = Request("unlock");
+  request.Set("password", words[1]);
+  return Run(options, std::move(request), [](const Value& reply) {
+    return "The terminal settings are unlocked for " + kiosk::json::AsString(Member(reply, "expiresInSeconds")) +
+           " seconds. Unlock token: " + Member(reply, "unlockToken").text() + "\n";
+  });
+}
+
+int Maintenance(const Options& options, const Words& words) {
+  Value request = Request("maintenance");
+  request.Set("password", words[1]).Set("unlockToken", words.size() > 2 ? words[2] : std::string());
+  return Run(options, std::move(request), [](const Value&) -> std::string {
+    return "Maintenance: the kiosk account is being signed out. Sign in as an administrator; signing out again, or a\n"
+           "restart, ends it.\n";
+  });
+}
+
+int Power(const Options& options, const Words& words) {
+  if (words.size() == 2) {
+    return Run(options, UnlockedRequest("power.get", words[1]), PowerText);
+  }
+  Value request = UnlockedRequest("power.set", words[1]);
+  if (words.size() == 3) {
+    if (words[2] != "portal") {
+      return WrongUsage(R"("power" takes two numbers of minutes, or "portal")");
+    }
+    request.Set("useOrganisation", true);
+    return Run(options, std::move(request), PowerText);
+  }
+  const std::optional<int> screenOff = Minutes(words[2]);
+  const std::optional<int> sleep = Minutes(words[3]);
+  if (!screenOff || !sleep) {
+    return WrongUsage(R"("power" takes minutes as whole numbers)");
+  }
+  request.Set("screenOffMinutes", *screenOff).Set("sleepMinutes", *sleep);
+  if (words.size() > 4) {
+    std::string problem;
+    auto schedule = kiosk::json::Parse(words[4], &problem);
+    if (!schedule) {
+      return WrongUsage("the schedule is no JSON: " + problem);
+    }
+    request.Set("schedule", std::move(*schedule));
+  }
+  return Run(options, std::move(request), PowerText);
+}
+
+int TimeSync(const Options& options, const Words& words) {
+  return Run(options, UnlockedRequest("time.sync", words[1]), [](const Value& reply) {
+    const Value& offset = Member(reply, "offsetMs");
+    return "The clock was synchronised with " + Member(reply, "server").text() +
+           (offset.IsNumber() ? "; it was " + kiosk::json::AsString(offset) + " ms out.\n" : ".\n");
+  });
+}
+
+int NetSet(const Options& options, const Words& words) {
+  Value request = UnlockedRequest("net.set", words[1]);
+  request.Set("adapter", words[2]);
+  const std::string& own = words[3];
+  const bool dhcp = own == "dhcp";
+  request.Set("mode", dhcp ? "dhcp" : "static");
+  std::size_t next = 4;
+  if (!dhcp) {
+    const std::size_t slash = std::min(own.find('/'), own.size());
+    request.Set("address", own.substr(0, slash));
+    request.Set("prefixLength", std::atoi(own.substr(std::min(slash + 1, own.size())).c_str()));
+    if (words.size() > next && words[next] != "-") {
+      request.Set("gateway", words[next]);
+    }
+    ++next;
+  }
+  Value dns = Value::Array();
+  for (; next < words.size(); ++next) {
+    dns.Append(words[next]);
+  }
+  request.Set("dns", std::move(dns));
+  return Run(options, std::move(request), AppliedText, kNetSetWait);
+}
+
+int ProxySet(const Options& options, const Words& words) {
+  Value request = UnlockedRequest("proxy.set", words[1]);
+  request.Set("mode", words[2]);
+  if (words.size() > 3) {
+    request.Set(words[2] == "auto" ? "pacUrl" : "server", words[3]);
+  }
+  if (words.size() > 4) {
+    request.Set("bypass", words[4]);
+  }
+  return Run(options, std::move(request), AppliedText);
+}
+
+}  // namespace kioskctl
+#endif
