@@ -124,7 +124,7 @@ void TearDown(bool deleteStateKey, const char* reason) {
   updates::RestoreWuRestartPolicy();
   updates::ForgetUpdates();
   proxy::RestoreProxy();
-  network::PutBackUnfinishedChanges();
+  const bool networkWhole = network::PutBackUnfinishedChanges();
   const bool removed = RemoveAccount();
   if (!EraseEnrolment()) {
     log::Log(log::kError, log::kKiosk, "cannot delete the device token; removing kiosk mode again at the next check-in");
@@ -137,7 +137,8 @@ void TearDown(bool deleteStateKey, const char* reason) {
     return;
   }
   ForgetRemovedAccount();
-  if (deleteStateKey) {
+  // With the record of an adapter that cannot be put back now, the next try would have nothing to go by.
+  if (deleteStateKey && networkWhole) {
     DeleteStateKey();
   }
 }

@@ -4,6 +4,7 @@
 #include "network/adapter_configuration.h"
 #include "network/adapters.h"
 #include "network/prior_settings.h"
+#include "portal/worker_wake.h"
 #include "win32/clock.h"
 #include "win32/stop.h"
 #include "win32/wide_text.h"
@@ -168,6 +169,7 @@ json::Value Set(Adapter& adapter, const Settings& wanted) {
       if (!PutBack(*prior)) {
         log::Log(log::kError, log::kKiosk, "net.set: %s is not as it was before; trying again until it is",
                  name.c_str());
+        portal::WakeWorker();
       }
       return json::ErrorReply("failed");
     }

@@ -3,6 +3,8 @@
 #include "log/day_files.h"
 #include "log/log.h"
 #include "win32/handle.h"
+#include "win32/secure_folder.h"
+#include "win32/security.h"
 #include "win32/thread.h"
 #include "win32/wide_text.h"
 
@@ -56,7 +58,11 @@ int DumpsOf(const wchar_t* day) {
   return count;
 }
 
+// The dump shows memory, and the log root is not sure to be private: where its folders could not be secured it may be
+// anybody's. So the file is private by itself.
 bool WriteDump(const std::wstring& path) {
+  const win32::SecurityDescriptor descriptor(win32::kPrivateFolderSddl);
+  SECURITY_ATTRIBUTES security = descriptor.Attributes();
   HMODULE library = LoadLibraryExW(L"dbghelp.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
   if (library == nullptr) {
     return false;
@@ -64,7 +70,9 @@ bool WriteDump(const std::wstring& path) {
   const auto writeDump = reinterpret_cast<decltype(&MiniDumpWriteDump)>(
       reinterpret_cast<void*>(GetProcAddress(library, "MiniDumpWriteDump")));
   const win32::FileHandle file(
-      CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+      descriptor ? CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, &security, CREATE_NEW,
+                               FILE_ATTRIBUTE_NORMAL, nullptr)
+                 : INVALID_HANDLE_VALUE);
   if (writeDump == nullptr || !file) {
     return false;
   }

@@ -55,7 +55,9 @@ class Worker {
     }
     if (!result.error.empty()) {
       // A call that the stop cut short says nothing about the portal.
-      return win32::StopRequested() ? kInterval : Unusable(result.error);
+      const DWORD wait = win32::StopRequested() ? kInterval : Unusable(result.error);
+      // A network that a change left half done may be why nothing comes: putting it back is not to wait that long.
+      return networkWhole ? wait : std::min(wait, kInterval);
     }
     if (failing_) {
       log::Log(log::kNotice, log::kKiosk, "check-in: AuthSystem reachable again");

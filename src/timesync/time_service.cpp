@@ -106,6 +106,10 @@ std::wstring SystemFolder() {
 // Asks the service through its command-line program.
 bool RunW32tm() {
   const std::wstring folder = SystemFolder();
+  if (folder.empty()) {  // a bare name would be looked for in folders of others
+    log::Log(log::kError, log::kKiosk, "time: cannot run w32tm (%lu)", GetLastError());
+    return false;
+  }
   const std::wstring program = folder + L"\\w32tm.exe";
   std::wstring commandLine = L"\"" + program + L"\" /resync";
   STARTUPINFOW startup{};

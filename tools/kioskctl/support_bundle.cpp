@@ -6,8 +6,10 @@
 #include "support_facts.h"
 #include "win32/console.h"
 #include "win32/handle.h"
+#include "win32/security.h"
 #include "win32/wide_text.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <iterator>
 
@@ -18,7 +20,7 @@ using kiosk::win32::Print;
 using kiosk::win32::PrintError;
 
 constexpr DWORD kStatusWait = 5'000;
-constexpr unsigned long long kLogBudget = 20ULL * 1024 * 1024;
+constexpr std::size_t kLogBudget = std::size_t{20} * 1024 * 1024;
 
 std::string StatusAnswer() {
   const Answer answer = Ask(R"({"cmd":"status"})", kStatusWait);
@@ -39,6 +41,15 @@ constexpr Section kSections[] = {
     {L"proxy.txt", ProxyFacts},       {L"certificates.txt", CertificateFacts}, {L"folders.txt", FolderFacts},
 };
 
+// The logs are for administrators alone, and so is their copy, wherever it is put: also for whoever made it.
+constexpr wchar_t kPrivate[] = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;FA;;;S-1-3-4)";
+
+bool MakeFolder(const std::wstring& path) {
+  const kiosk::win32::SecurityDescriptor descriptor(kPrivate);
+  SECURITY_ATTRIBUTES security = descriptor.Attributes();
+  return descriptor && CreateDirectoryW(path.c_str(), &security) != 0;
+}
+
 bool WriteText(const std::wstring& path, const std::string& text) {
   const kiosk::win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
   DWORD written = 0;
@@ -55,6 +66,30 @@ std::wstring NewFolderName() {
   return name;
 }
 
+// The end of the file, at most `limit` bytes from the beginning of a line on.
+bool ReadEnd(const std::wstring& path, std::size_t limit, std::string& text) {
+  constexpr DWORD kAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+  const kiosk::win32::FileHandle file(
+      CreateFileW(path.c_str(), GENERIC_READ, kAll, nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+  LARGE_INTEGER size{};
+  if (!file || GetFileSizeEx(file.Get(), &size) == 0) {
+    return false;
+  }
+  const LONGLONG wanted = std::min(size.QuadPart, static_cast<LONGLONG>(limit));
+  const LARGE_INTEGER from{.QuadPart = size.QuadPart - wanted};
+  text.resize(static_cast<std::size_t>(wanted));
+  DWORD read = 0;
+  if (SetFilePointerEx(file.Get(), from, nullptr, FILE_BEGIN) == 0 ||
+      ReadFile(file.Get(), text.data(), static_cast<DWORD>(wanted), &read, nullptr) == 0) {
+    return false;
+  }
+  text.resize(read);
+  if (from.QuadPart != 0) {
+    text.erase(0, text.find('\n') + 1);
+  }
+  return true;
+}
+
 // The day's folder becomes a part of the copy's name: files of different days have the same names.
 void CopyLogs(const std::wstring& folder) {
   int failed = 0;
@@ -62,7 +97,9 @@ void CopyLogs(const std::wstring& folder) {
     const std::size_t nameAt = path.rfind(L'\\');
     const std::size_t parentAt = path.rfind(L'\\', nameAt - 1);
     const std::wstring name = path.substr(parentAt + 1, nameAt - parentAt - 1) + L"-" + path.substr(nameAt + 1);
-    failed += CopyFileW(path.c_str(), (folder + L"\\" + name).c_str(), TRUE) == 0 ? 1 : 0;
+    std::string text;
+    const bool copied = ReadEnd(path, kLogBudget, text) && WriteText(folder + L"\\" + name, WithoutSids(text));
+    failed += copied ? 0 : 1;
   }
   if (failed != 0) {
     PrintError(std::to_string(failed) + " log file(s) could not be copied.\n");
@@ -81,7 +118,7 @@ int SupportBundle(const std::string& parent) {
   const std::wstring folder =
       (parent.empty() ? std::wstring(L".") : kiosk::win32::ToWide(parent)) + L"\\" + NewFolderName();
   const std::wstring logs = folder + L"\\logs";
-  if (CreateDirectoryW(folder.c_str(), nullptr) == 0 || CreateDirectoryW(logs.c_str(), nullptr) == 0) {
+  if (!MakeFolder(folder) || !MakeFolder(logs)) {
     return Failed(folder);
   }
   for (const Section& section : kSections) {
@@ -93,7 +130,7 @@ int SupportBundle(const std::string& parent) {
   CopyLogs(logs);
   Print("Support bundle: " + kiosk::win32::ToNarrow(folder) +
         "\nIt holds neither the terminal's token nor a password. It does name this computer, its users and addresses:\n"
-        "look through it before you hand it on.\n");
+        "look through it before you hand it on. Only administrators and you can open it.\n");
   return kDone;
 }
 

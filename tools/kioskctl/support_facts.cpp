@@ -3,6 +3,7 @@
 #include "log/day_files.h"
 #include "log/log.h"
 #include "log/settings.h"
+#include "log/shipper/settings.h"
 #include "pipe/signature.h"
 #include "state/kiosk_state.h"
 #include "state/os_version.h"
@@ -47,11 +48,14 @@ std::string FileTimeText(std::uint64_t value) {
   return FileTimeToSystemTime(&time, &split) != 0 ? TimeText(split) + " UTC" : std::to_string(value);
 }
 
-// Values that are, or may be, a secret of the terminal or of its owner.
-bool IsSecret(std::wstring_view name) {
-  constexpr std::wstring_view kSecrets[] = {L"DeviceToken", L"PriorDefaultPassword", L"DefaultPassword", L"AccountSid"};
+// Values that are, or may be, a secret of the terminal or of its owner. Other programs keep values in some of the keys.
+bool IsSecret(const std::wstring& name) {
+  constexpr std::wstring_view kSecrets[] = {L"token", L"password", L"secret", L"accountsid"};
+  std::wstring lower = name;
+  std::transform(lower.begin(), lower.end(), lower.begin(),
+                 [](wchar_t c) { return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c | 0x20) : c; });
   return std::any_of(std::begin(kSecrets), std::end(kSecrets),
-                     [name](std::wstring_view each) { return kiosk::win32::EqualIgnoringCase(name, each); });
+                     [&](std::wstring_view each) { return lower.find(each) != std::wstring::npos; });
 }
 
 std::string Content(const RawValue& value) {
@@ -75,7 +79,7 @@ std::string Content(const RawValue& value) {
 
 std::string ValueLine(const std::wstring& name, const RawValue& value) {
   return "  " + ToNarrow(name) + " (type " + std::to_string(value.type) + ", " + std::to_string(value.bytes.size()) +
-         " bytes) " + (IsSecret(name) ? "withheld" : Content(value)) + "\n";
+         " bytes) " + (IsSecret(name) && !value.Dword() ? "withheld" : Content(value)) + "\n";
 }
 
 std::string WholeKey(const wchar_t* subkey) {
@@ -173,12 +177,11 @@ std::string ClientCertificateText() {
     return "client certificate of central logging: none set\n";
   }
   const std::string text = "client certificate of central logging: " + ToNarrow(thumbprint) + "\n  ";
-  BYTE hash[20];
-  DWORD size = sizeof(hash);
-  if (CryptStringToBinaryW(thumbprint.c_str(), 0, CRYPT_STRING_HEXRAW, hash, &size, nullptr, nullptr) == 0) {
+  std::optional<kiosk::log::shipper::Thumbprint> hash = kiosk::log::shipper::ParseThumbprint(thumbprint);
+  if (!hash) {
     return text + "not a thumbprint of 40 hexadecimal digits\n";
   }
-  CRYPT_HASH_BLOB wanted{size, hash};
+  CRYPT_HASH_BLOB wanted{static_cast<DWORD>(hash->size()), hash->data()};
   const kiosk::win32::CertStore store(
       CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0,
                     CERT_SYSTEM_STORE_LOCAL_MACHINE | CERT_STORE_READONLY_FLAG | CERT_STORE_OPEN_EXISTING_FLAG, L"MY"));
@@ -272,9 +275,12 @@ std::string ServiceFacts() {
   }
   std::vector<BYTE> buffer;
   const DWORD error = kiosk::win32::CallGrowing(buffer, [&](BYTE* out, DWORD* size) -> DWORD {
-    return QueryServiceConfigW(service.Get(), reinterpret_cast<QUERY_SERVICE_CONFIGW*>(out), *size, size) != 0
-               ? ERROR_SUCCESS
-               : GetLastError();
+    const DWORD room = *size;
+    if (QueryServiceConfigW(service.Get(), reinterpret_cast<QUERY_SERVICE_CONFIGW*>(out), room, size) == 0) {
+      return GetLastError();
+    }
+    *size = room;  // which the call may have overwritten with 0
+    return ERROR_SUCCESS;
   });
   if (error != ERROR_SUCCESS) {
     return text + ErrorText("its configuration cannot be read", error);
@@ -352,15 +358,15 @@ std::string FolderFacts() {
 }
 
 std::string WithoutSids(const std::string& text) {
-  constexpr std::string_view kAccount = "S-1-5-21-";
-  std::string result;
-  std::size_t from = 0;
-  for (std::size_t at = text.find(kAccount); at != std::string::npos; at = text.find(kAccount, from)) {
-    const std::size_t end = text.find_first_not_of("0123456789-", at + kAccount.size());
-    result.append(text, from, at - from).append("S-1-5-21-...");
-    from = std::min(end, text.size());
+  std::string result = text;
+  for (const std::string_view kind : {"S-1-5-21-", "S-1-12-1-"}) {  // of computers and domains; of the cloud
+    for (std::size_t at = result.find(kind); at != std::string::npos; at = result.find(kind, at)) {
+      at += kind.size();
+      const std::size_t end = std::min(result.find_first_not_of("0123456789-", at), result.size());
+      result.replace(at, end - at, "...");
+    }
   }
-  return result.append(text, from);
+  return result;
 }
 
 std::vector<std::wstring> NewestLogs(unsigned long long budget) {

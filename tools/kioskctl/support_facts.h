@@ -16,7 +16,7 @@ std::string ProxyFacts();        // the WinHTTP default proxy
 std::string CertificateFacts();  // the service's signature; the client certificate of central logging
 std::string FolderFacts();       // owners and permissions of the folders
 
-// The text with the part of each account's SID that names a computer or domain taken out.
+// The text with the numbers of each account's SID taken out.
 std::string WithoutSids(const std::string& text);
 
 // The newest log files, newest first, together at most `budget` bytes (the newest one always), as full paths.

@@ -15,13 +15,18 @@ class Flight {
   // Whole lines. For the sender's thread, which may look without a lock at what nobody else changes.
   [[nodiscard]] std::string_view Lines() const noexcept { return lines_; }
 
-  // Replaces the lines; false, and nothing is done, when they were taken over.
-  bool Set(std::string lines) noexcept {
+  // Swaps the lines for these; false, and nothing is done, when they were taken over.
+  bool Swap(std::string& lines) noexcept {
     const win32::LockGuard guard(lock_);
     if (!taken_) {
       lines_.swap(lines);
     }
     return !taken_;
+  }
+
+  bool Clear() noexcept {
+    std::string none;
+    return Swap(none);
   }
 
   // The first `bytes` are done with; as above.

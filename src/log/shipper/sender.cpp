@@ -62,6 +62,9 @@ SenderThread::SenderThread(Settings settings, Sender sender, const std::wstring&
 bool SenderThread::Stopped() const noexcept { return WaitForSingleObject(stop_, 0) == WAIT_OBJECT_0; }
 
 void SenderThread::Run() noexcept {
+  if (settings_.configUrlWrong) {
+    LogLocal(kWarn, "central log: \"LogConfigUrl\" is no https URL");
+  }
   bool taken = false;
   while (!taken && !Stopped()) {
     try {
@@ -90,9 +93,6 @@ SenderThread::Next SenderThread::Pass() {
   if (win32::TickCount() >= tidyAt_) {
     TidySpool();
   }
-  if (settings_.configUrlWrong && complainAt_ == 0) {
-    SayDaily("\"LogConfigUrl\" is no https URL");
-  }
   const bool identity = IdentityIsGood();
   if (identity && remote_.FetchWhenDue(endpoint_, certificate_.Get())) {
     retryAt_ = 0;
@@ -102,7 +102,7 @@ SenderThread::Next SenderThread::Pass() {
     return Next::kEnd;
   }
   if (!remote_.Enabled()) {
-    return !flight_.Set({}) ? Next::kEnd : Next::kWait;
+    return flight_.Clear() ? Next::kWait : Next::kEnd;
   }
   if (!flight_.Lines().empty() && (!ready || backlog_)) {
     if (const Next next = KeepFlight(); next != Next::kWait) {
@@ -120,8 +120,17 @@ bool SenderThread::Collect() {
   if (!flight_.Lines().empty()) {
     return true;
   }
-  std::string lines = PopRecords(sender_, kMostInFlight, spool_ ? spool_->TakeLost() : 0);
-  return lines.empty() || flight_.Set(std::move(lines));
+  lost_ += spool_ ? spool_->TakeLost() : 0;
+  std::string lines = PopRecords(sender_, kMostInFlight, lost_);
+  if (lines.empty()) {
+    return true;
+  }
+  lost_ = 0;
+  const bool mine = flight_.Swap(lines);
+  if (!mine && spool_ && spool_->Append(lines)) {  // whoever took over cannot know of these
+    spool_->CloseSegment();
+  }
+  return mine;
 }
 
 // Puts the flight into the spool. kWait: it would not go there and stays.
@@ -130,7 +139,7 @@ SenderThread::Next SenderThread::KeepFlight() {
     return Next::kWait;
   }
   backlog_ = true;
-  return flight_.Set({}) ? Next::kGoOn : Next::kEnd;
+  return flight_.Clear() ? Next::kGoOn : Next::kEnd;
 }
 
 // Whether anything may be sent at all.
@@ -208,8 +217,8 @@ std::optional<std::size_t> SenderThread::SendFront(std::string_view lines) {
   const std::size_t size = FrontSize(lines);
   const std::string_view records = lines.substr(0, size - 1);
   const PostResult result = endpoint_.Post(remote_.Target(), certificate_.Get(), records);
-  if (result.error == ERROR_WINHTTP_OPERATION_CANCELLED) {
-    return std::nullopt;  // the stop
+  if (result.error == ERROR_WINHTTP_OPERATION_CANCELLED && Stopped()) {
+    return std::nullopt;
   }
   Answered(result);
   if (result.verdict == Verdict::kRefused) {

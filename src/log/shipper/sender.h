@@ -65,6 +65,7 @@ class SenderThread {
   std::optional<Spool> spool_;
   Flight flight_;
 
+  std::uint64_t lost_ = 0;            // lines that went for the spool's cap; the next record says so
   bool backlog_ = false;              // the spool may hold something
   std::optional<Segment> claimed_;    // being sent
   std::string chunk_;                 // its next lines

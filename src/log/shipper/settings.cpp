@@ -17,8 +17,8 @@ int HexDigit(wchar_t c) noexcept {
   return lower >= L'a' && lower <= L'f' ? lower - L'a' + 10 : -1;
 }
 
-// Blanks between the digits, and the invisible mark in front of them, come with a thumbprint that somebody copied from
-// Windows' own certificate window.
+}  // namespace
+
 std::optional<Thumbprint> ParseThumbprint(const std::wstring& text) {
   Thumbprint thumbprint{};
   std::size_t digits = 0;
@@ -35,8 +35,6 @@ std::optional<Thumbprint> ParseThumbprint(const std::wstring& text) {
   }
   return digits == 2 * thumbprint.size() ? std::optional(thumbprint) : std::nullopt;
 }
-
-}  // namespace
 
 std::optional<win32::HttpTarget> HttpsTarget(const std::wstring& url) {
   win32::HttpTarget target;

@@ -25,6 +25,10 @@ struct Settings {
 // Empty when there is no "LogEndpoint"; `problem` then says why, when there is one that cannot be used.
 std::optional<Settings> ReadSettings(const char*& problem);
 
+// 40 hexadecimal digits. Blanks between them, and the invisible mark in front of them, are passed over: they come with a
+// thumbprint that somebody copied from Windows' own certificate window. Empty for anything else.
+std::optional<Thumbprint> ParseThumbprint(const std::wstring& text);
+
 // An https URL as a target; empty for anything else.
 std::optional<win32::HttpTarget> HttpsTarget(const std::wstring& url);
 
