@@ -384,8 +384,8 @@ TEST_F(UpdatesTest, WindowsMayNotRestartOnItsOwn) {
   RegDeleteTreeW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey);
   {
     win32::RegistryKey key;
-    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey, 0, nullptr, REG_OPTION_VOLATILE, KEY_WRITE, nullptr,
-                              key.Put(), nullptr),
+    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey, 0, nullptr, REG_OPTION_VOLATILE, KEY_WRITE,
+                              nullptr, key.Put(), nullptr),
               ERROR_SUCCESS);
   }
   RestoreWuRestartPolicy();
