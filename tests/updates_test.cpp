@@ -169,6 +169,9 @@ TEST_P(UpdatesStop, EndsInTimeAndLeavesNoResult) {
   EXPECT_EQ(StoredReport(), "");
   EXPECT_NE(Status().find(R"("checking":false,"installing":false,)"), std::string::npos);
   EXPECT_NE(Status().find(R"("error":null)"), std::string::npos);
+  const std::string work = sim::AgentWork();
+  EXPECT_EQ(Run(true).code, RunCode::kStopped);
+  EXPECT_EQ(sim::AgentWork(), work);  // nothing is begun that would have to be given up at once
 }
 
 TEST_F(UpdatesTest, CallbacksOutliveTheRunAndBelongToNoApartment) {
@@ -376,9 +379,23 @@ TEST_F(UpdatesTest, WindowsMayNotRestartOnItsOwn) {
   RestoreWuRestartPolicy();
   EXPECT_EQ(Policies(), kOwn);
   EXPECT_FALSE(state::ReadState(state::kPriorWuNoAutoReboot) || state::ReadState(state::kOwnsWuPolicy));
+  // A value that can never be put back is named; below a key of this kind none can be made.
+  ApplyWuRestartPolicy(kEarly);
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey);
+  {
+    win32::RegistryKey key;
+    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey, 0, nullptr, REG_OPTION_VOLATILE, KEY_WRITE,
+                              nullptr, key.Put(), nullptr),
+              ERROR_SUCCESS);
+  }
+  RestoreWuRestartPolicy();
+  EXPECT_EQ(Policies(), "- - 9 2 - ");
+  EXPECT_EQ(test::CountLogged("ERROR os updates: cannot put NoAutoRebootWithLoggedOnUsers back; it was \"0\""), 1);
+  EXPECT_FALSE(state::ReadState(state::kPriorWuNoAutoReboot) || state::ReadState(state::kOwnsWuPolicy));
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey);
   SetDword(state::kStateKey, L"TeardownPending", 1);
   ApplyWuRestartPolicy(kEarly);
-  EXPECT_EQ(Policies(), kOwn);
+  EXPECT_EQ(Policies(), "- - - - - ");
 }
 
 TEST_F(UpdatesTest, ATeardownGivesThePoliciesBack) {

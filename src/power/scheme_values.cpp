@@ -138,10 +138,14 @@ bool PutValuesBack(const GUID& scheme, const std::vector<json::Value>& values) {
       if (!value || Reads(scheme, descriptor, supply, *value)) {
         continue;
       }
-      const DWORD error = Write(scheme, descriptor, supply, *value);
+      DWORD error = Write(scheme, descriptor, supply, *value);
+      const bool gone = error == ERROR_FILE_NOT_FOUND;  // a scheme which somebody deleted
+      if (error != ERROR_SUCCESS && !gone) {
+        error = Write(scheme, descriptor, supply, *value);  // since the copy goes in any case
+      }
       if (error == ERROR_SUCCESS) {
         restored = true;
-      } else if (error != ERROR_FILE_NOT_FOUND) {  // that is a scheme which somebody deleted
+      } else if (!gone) {
         log::Log(log::kError, log::kKiosk, "power: cannot put %s (%s) back to %lu (%lu)", descriptor.name, supply.name,
                  *value, error);
       }

@@ -1,22 +1,14 @@
 #include "power/sleep_wake.h"
 
 #include "log/log.h"
-#include "win32/handle.h"
+#include "power/stream_session.h"
 #include "win32/privilege.h"
+#include "win32/winapi.h"
 
 #include <powrprof.h>
 
 namespace kiosk::power {
 namespace {
-
-// Another program makes this event and sets it for as long as a session is streamed; without that program there is
-// none.
-constexpr wchar_t kStreamSession[] = L"Global\\NorvaneStreamSessionActive";
-
-bool StreamSessionIsLive() {
-  const win32::KernelHandle event(OpenEventW(SYNCHRONIZE, FALSE, kStreamSession));
-  return event && WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0;
-}
 
 // Sleep and not hibernation, applications are asked, wake timers stay on.
 bool Suspend() {

@@ -3,8 +3,8 @@
 #include "account/kiosk_session.h"
 #include "json/reply.h"
 #include "log/log.h"
+#include "power/stream_session.h"
 #include "win32/clock.h"
-#include "win32/handle.h"
 #include "win32/lock.h"
 
 #include <cstdint>
@@ -13,8 +13,6 @@ namespace kiosk::updates {
 namespace {
 
 constexpr std::uint64_t kReportCounts = 150'000;  // ms
-// Set by another program while a stream session is live.
-constexpr wchar_t kStreamEvent[] = L"Global\\NorvaneStreamSessionActive";
 constexpr char kStreamIsLive[] = "a stream session is live";
 
 // What the kiosk shell said last. Written by connection threads, read by the window thread.
@@ -39,11 +37,6 @@ bool Counts(const Presence& report) {
          account::IsKioskSession(report.sessionId);
 }
 
-bool StreamEventIsSet() {
-  const win32::KernelHandle event(OpenEventW(SYNCHRONIZE, FALSE, kStreamEvent));
-  return event && WaitForSingleObject(event.Get(), 0) == WAIT_OBJECT_0;
-}
-
 }  // namespace
 
 json::Value SessionReport(const json::Value& request, DWORD sessionId) {
@@ -64,7 +57,7 @@ json::Value SessionReport(const json::Value& request, DWORD sessionId) {
 std::string DeferralReason() {
   const Presence report = LastReport();
   const bool counts = Counts(report);
-  if (StreamEventIsSet() || (counts && report.live)) {
+  if (power::StreamSessionIsLive() || (counts && report.live)) {
     return kStreamIsLive;
   }
   return counts && report.signedIn ? "a Norvane user is signed in" : "";

@@ -1,11 +1,14 @@
 #include "updates/restart_policy.h"
 
+#include "account/enrolment.h"
 #include "log/log.h"
 #include "state/kiosk_state.h"
 #include "win32/lock.h"
 #include "win32/privilege.h"
 #include "win32/wide_text.h"
 
+#include <cstdint>
+#include <cstdio>
 #include <string>
 
 namespace kiosk::updates {
@@ -63,8 +66,14 @@ bool Save(const ManagedPolicy& policy) {
 }
 
 bool TakeOwnership() {
-  if (state::FlagIsOn(state::kOwnsWuPolicy)) {
+  state::RawValue mark;
+  const LSTATUS status = state::ReadValue(state::kStateKey, state::kOwnsWuPolicy.name, mark);
+  if (status == ERROR_SUCCESS && mark.Dword() == DWORD{1}) {
     return true;
+  }
+  // Under a mark that cannot be read the values may be the service's, and must not become the copies.
+  if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
+    return false;
   }
   for (const ManagedPolicy* policy : kManaged) {
     if (!Save(*policy)) {
@@ -87,12 +96,34 @@ bool PutBack(const ManagedPolicy& policy) {
                                                       copy.bytes.data(), static_cast<DWORD>(copy.bytes.size()));
 }
 
+// For whoever has to put the value back by hand: its number, its text, or its bytes.
+std::string DescribeCopy(const ManagedPolicy& policy) {
+  state::RawValue copy;
+  const LSTATUS status = state::ReadValue(state::kStateKey, policy.prior.name, copy);
+  if (status != ERROR_SUCCESS) {
+    return status == ERROR_FILE_NOT_FOUND ? "not set" : "lost (" + std::to_string(status) + ")";
+  }
+  if (const auto number = copy.Dword()) {
+    return std::to_string(*number);
+  }
+  if (const auto text = copy.Text()) {
+    return "\"" + win32::ToNarrow(*text) + "\"";
+  }
+  std::string bytes = "of type " + std::to_string(copy.type) + ":";
+  for (const std::uint8_t byte : copy.bytes) {
+    char hex[4];
+    static_cast<void>(std::snprintf(hex, sizeof(hex), " %02x", unsigned{byte}));
+    bytes += hex;
+  }
+  return bytes;
+}
+
 }  // namespace
 
 void ApplyWuRestartPolicy(const UpdatesPolicy& policy) {
   const win32::LockGuard guard(policyLock);
   // A teardown marks itself before it comes here to put everything back: after that nothing is taken any more.
-  if (!state::TokenIsStored() || state::FlagIsOn(state::kTeardownPending) || !TakeOwnership()) {
+  if (!account::IsEnrolled() || !TakeOwnership()) {
     return;
   }
   bool changed = SetPolicyDword(kNoAutoReboot, 1);
@@ -116,12 +147,13 @@ void RestoreWuRestartPolicy() {
   }
   for (const ManagedPolicy* policy : kManaged) {
     // Twice, since the copy goes with the mark. Nothing waits longer for it: the terminal may be on its way out.
-    bool back = false;
-    for (int tries = 0; tries < 2 && !back; ++tries) {
+    bool back = PutBack(*policy);
+    if (!back) {
       back = PutBack(*policy);
     }
     if (!back) {
-      log::Log(log::kError, log::kKiosk, "os updates: cannot put %s back", win32::ToNarrow(policy->name).c_str());
+      log::Log(log::kError, log::kKiosk, "os updates: cannot put %s back; it was %s",
+               win32::ToNarrow(policy->name).c_str(), DescribeCopy(*policy).c_str());
     }
   }
   // The mark before the copies: with it, a missing copy means a value that was not there.

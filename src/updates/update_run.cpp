@@ -2,13 +2,14 @@
 
 #include "log/log.h"
 #include "updates/agent_callbacks.h"
+#include "updates/agent_results.h"
 #include "updates/found_update.h"
 #include "win32/clock.h"
 #include "win32/com.h"
 #include "win32/stop.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <optional>
 #include <utility>
 
 namespace kiosk::updates {
@@ -21,35 +22,6 @@ constexpr wchar_t kCriteria[] = L"IsInstalled=0 and IsHidden=0 and Type='Softwar
 // How long an operation that a stop abandons may take to end; the stop itself has 40 s for everything.
 constexpr DWORD kAbandonWait = 10'000;
 constexpr int kHalf = 50;  // of the progress: the download has the first half, the installation the second
-
-constexpr bool Succeeded(OperationResultCode code) noexcept {
-  return code == orcSucceeded || code == orcSucceededWithErrors;
-}
-
-// The failure that a download's or an installation's result stands for; S_OK when it is none. Windows does not always
-// name one.
-template <typename Result>
-HRESULT Outcome(Result* result) {
-  OperationResultCode code = orcFailed;
-  const HRESULT read = result->get_ResultCode(&code);
-  if (FAILED(read) || Succeeded(code)) {
-    return FAILED(read) ? read : S_OK;
-  }
-  LONG detail = S_OK;
-  return SUCCEEDED(result->get_HResult(&detail)) && FAILED(detail) ? detail : code == orcAborted ? E_ABORT : E_FAIL;
-}
-
-// What a call said, or that it gave no object although it said that all is well.
-template <typename Interface>
-HRESULT Given(HRESULT result, const ComPtr<Interface>& object) noexcept {
-  return SUCCEEDED(result) && !object ? E_POINTER : result;
-}
-
-std::string StageText(const char* stage, HRESULT result) {
-  char text[64];
-  static_cast<void>(std::snprintf(text, sizeof(text), "%s 0x%08lx", stage, static_cast<unsigned long>(result)));
-  return text;
-}
 
 // One run. Every step returns false when the run is over: failed, or ended by a stop. COM is initialised around it.
 class Run {
@@ -96,8 +68,11 @@ class Run {
     return Check("searcher", Given(made, searcher_));
   }
 
-  // Something for the agent to signal. Begins a stage of the progress.
+  // Something for the agent to signal. Begins a stage of the progress, unless the service is stopping.
   bool Begin(const char* stage, int base, int span, SharedOperation& operation) {
+    if (win32::StopRequested()) {
+      return Stopped();
+    }
     win32::KernelHandle done(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!done) {
       return Check(stage, HRESULT_FROM_WIN32(GetLastError()));
@@ -215,8 +190,8 @@ class Run {
     log::Log(log::kNotice, log::kKiosk, "os updates: %d pending", *result_.pending);
   }
 
-  // Whether Windows itself waits for a restart.
-  static bool SystemWaitsForRestart() {
+  // Whether Windows itself waits for a restart; empty when it does not tell.
+  static std::optional<bool> SystemWaitsForRestart() {
     ComPtr<ISystemInformation> system;
     HRESULT result = CreateInProcess(__uuidof(SystemInformation), __uuidof(ISystemInformation), system);
     VARIANT_BOOL required = VARIANT_FALSE;
@@ -226,6 +201,7 @@ class Run {
     if (FAILED(result)) {
       log::Log(log::kWarn, log::kKiosk, "os updates: Windows does not tell whether it waits for a restart (0x%08lx)",
                static_cast<unsigned long>(result));
+      return std::nullopt;
     }
     return required != VARIANT_FALSE;
   }
@@ -238,7 +214,7 @@ class Run {
       result_.code = RunCode::kNothing;
     }
     const LockedUpdateState state;
-    state->restartRequired = *result_.restartRequired;
+    state->restartRequired = result_.restartRequired.value_or(state->restartRequired);
   }
 
   bool Download() {
@@ -340,15 +316,16 @@ class Run {
   void FinishInstalled() {
     VARIANT_BOOL required = VARIANT_FALSE;
     const HRESULT read = installed_->get_RebootRequired(&required);
-    result_.restartRequired = (SUCCEEDED(read) && required != VARIANT_FALSE) || SystemWaitsForRestart();
+    result_.restartRequired =
+        SUCCEEDED(read) && required != VARIANT_FALSE ? std::optional(true) : SystemWaitsForRestart();
     BeginProgressStage(100);
     {
       const LockedUpdateState state;
       state->installing = false;
-      state->restartRequired = *result_.restartRequired;
+      state->restartRequired = result_.restartRequired.value_or(state->restartRequired);
     }
     log::Log(log::kNotice, log::kKiosk, "os updates: installed; %d still pending%s", *result_.pending,
-             *result_.restartRequired ? ", restart required" : "");
+             result_.restartRequired.value_or(false) ? ", restart required" : "");
   }
 
   static constexpr char kSearchFailed[] = "search_failed";

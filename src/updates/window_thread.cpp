@@ -1,5 +1,6 @@
 #include "updates/window_thread.h"
 
+#include "account/enrolment.h"
 #include "log/log.h"
 #include "portal/device_token.h"
 #include "state/kiosk_state.h"
@@ -29,11 +30,7 @@ std::string KeyNow(const UpdatesPolicy& policy) {
   return WindowKey(policy, {now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute});
 }
 
-// A terminal that is being torn down is none any more.
-bool InForce(UpdatesPolicy& policy) {
-  return state::TokenIsStored() && !state::FlagIsOn(state::kTeardownPending) && LoadUpdatesPolicy(policy) &&
-         policy.automatic;
-}
+bool InForce(UpdatesPolicy& policy) { return account::IsEnrolled() && LoadUpdatesPolicy(policy) && policy.automatic; }
 
 class Window {
  public:

@@ -1,0 +1,42 @@
+// What the update agent's answers amount to.
+#pragma once
+
+#include "updates/agent_interfaces.h"
+#include "win32/com.h"
+
+#include <cstdio>
+#include <string>
+
+namespace kiosk::updates {
+
+constexpr bool Succeeded(OperationResultCode code) noexcept {
+  return code == orcSucceeded || code == orcSucceededWithErrors;
+}
+
+// The failure that a download's or an installation's result stands for; S_OK when it is none. Windows does not always
+// name one.
+template <typename Result>
+HRESULT Outcome(Result* result) noexcept {
+  OperationResultCode code = orcFailed;
+  const HRESULT read = result->get_ResultCode(&code);
+  if (FAILED(read) || Succeeded(code)) {
+    return FAILED(read) ? read : S_OK;
+  }
+  LONG detail = S_OK;
+  return SUCCEEDED(result->get_HResult(&detail)) && FAILED(detail) ? detail : code == orcAborted ? E_ABORT : E_FAIL;
+}
+
+// What a call said, or that it gave no object although it said that all is well.
+template <typename Interface>
+HRESULT Given(HRESULT result, const win32::ComPtr<Interface>& object) noexcept {
+  return SUCCEEDED(result) && !object ? E_POINTER : result;
+}
+
+// "<stage> 0x<HRESULT>", as the report and the terminal's reply have it.
+inline std::string StageText(const char* stage, HRESULT result) {
+  char text[64];
+  static_cast<void>(std::snprintf(text, sizeof(text), "%s 0x%08lx", stage, static_cast<unsigned long>(result)));
+  return text;
+}
+
+}  // namespace kiosk::updates
