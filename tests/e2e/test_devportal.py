@@ -78,38 +78,13 @@ class Terminals(WithPortal):
         self.assertEqual(check_in(self.portal, reply["deviceToken"]), (200, {"status": "enrolled", "name": "Lobby"}))
         self.assertEqual(self.api("GET", poll)[0], 409)
         self.assertEqual(self.api("GET", "pair/AAAAAAAA")[0], 404)
-        with Portal(code_lifetime=0) as portal:
-            code = ask(portal, "POST", "/api/kiosk/pair", FACTS)[1]["pairingCode"]
-            self.assertEqual(ask(portal, "GET", "/api/kiosk/pair/" + code)[0], 410)
-            with self.assertRaisesRegex(PortalError, "expired"):
-                portal.claim(code)
-
-    def test_check_in_carries_what_is_set_until_the_terminal_is_revoked_and_forgotten(self):
-        terminal, token = enrol(self.portal)
-        settings = {"power": POWER, "updates": UPDATES, "updatesSource": "tenant", "name": "Halle 3 – Łódź",
-                    "exitPassword": "Open", "tenantId": "t1"}
-        self.portal.set(terminal, **settings)
-        report = {"appVersion": "2", "osUpdates": {"pending": 3}}
-        self.assertEqual(check_in(self.portal, token, report),
-                         (200, {"status": "enrolled", "powerSource": "device"} | settings))
-        self.portal.set(terminal, **{name: None for name in settings})
-        self.assertEqual(check_in(self.portal, token, report)[1], {"status": "enrolled"})
-        self.portal.set(terminal, unchecked=True, power={"sleepMinutes": -1})
-        self.assertEqual(check_in(self.portal, token, report)[1]["power"], {"sleepMinutes": -1})
-        shown = self.portal.terminals()[0]
-        self.assertEqual((shown["report"], shown["facts"], shown["checkIns"]), (report, FACTS, 3))
-        self.portal.revoke(terminal)
-        self.assertEqual(check_in(self.portal, token), (401, {"status": "revoked"}))
-        self.portal.forget(terminal)
-        self.assertEqual(check_in(self.portal, token), (401, {"status": "unknown"}))
-        self.assertEqual(self.portal.terminals(), [])
+        with Portal(code_lifetime=0) as portal, self.assertRaisesRegex(PortalError, "expired"):
+            portal.claim(ask(portal, "POST", "/api/kiosk/pair", FACTS)[1]["pairingCode"])
 
     def test_bad_requests(self):
         for body in (b"{", b"[]", b'{"a":1e999}', b'{"a":"\\ud800"}', b'{"a":"\xff"}', b"[" * 50000):
             self.assertEqual(self.api("POST", "pair", body)[0], 400, body[:20])
-        for size, expected in ((65536 - 8, 201), (65536 - 7, 413)):
-            self.assertEqual(self.api("POST", "pair", b'{"a":"%s"}' % (b"x" * size))[0], expected)
-        self.assertEqual([self.api("GET", path)[0] for path in ("pair", "nothing")], [405, 404])
+        self.assertEqual(self.api("POST", "pair", b'{"a":"%s"}' % (b"x" * 65536))[0], 413)
 
     def test_state_outlives_a_restart_and_holds_no_token(self):
         with tempfile.TemporaryDirectory() as folder:
@@ -142,16 +117,13 @@ class Switches(WithPortal):
         self.assertEqual(json.loads(self.portal.requests[0].body), FACTS)
 
     def test_close_ends_held_connections(self):
-        for mode in ("hang", "off"):
-            portal = Portal()
-            portal.outage(mode)
-            portal.script("/api/kiosk/slow", [Reply(body=b"x" * 1000, dribble=60)])
-            with socket.create_connection(("127.0.0.1", portal.port), timeout=5) as held:
-                held.sendall(b"GET /api/kiosk/slow HTTP/1.1\r\nHost: localhost\r\n\r\n")
-                self.assertTrue(portal.wait(lambda: portal.requests))
-                started = time.monotonic()
-                portal.close()
-                self.assertLess(time.monotonic() - started, 2)
+        self.portal.script("/api/kiosk/slow", [Reply(body=b"x" * 1000, dribble=60)])
+        with socket.create_connection(("127.0.0.1", self.portal.port), timeout=5) as held:
+            held.sendall(b"GET /api/kiosk/slow HTTP/1.1\r\nHost: localhost\r\n\r\n")
+            self.assertTrue(self.portal.wait(lambda: self.portal.requests))
+            started = time.monotonic()
+            self.portal.close()
+            self.assertLess(time.monotonic() - started, 2)
 
     def test_scripted_replies(self):
         replies = [Reply(307, {}, {"Location": "/elsewhere"}), None, Reply(raw=b"HTTP/1.1 200 OK\r\n\r\npartial"),
@@ -195,24 +167,17 @@ class Page(WithPortal):
         for kind, content in (("text/html", b"x"), ("image/png", b"")):
             self.assertEqual(self.page("photos", content, **{"Content-Type": kind})[0], 422)
         large = bytes(range(256)) * 512  # more than other requests may bring
-        status, listed, _ = self.page("photos", large, **{"Content-Type": "image/png"})
-        self.assertEqual((status, listed["contentType"]), (201, "image/png"))
-
-        def photo(token):
-            return self.api("GET", "branding/photos/" + listed["sha256"], Authorization=f"Bearer {token}")[:2]
-
-        self.assertEqual(photo(token)[0], 404)
+        listed = self.page("photos", large, **{"Content-Type": "image/png"})[1]
+        path = "branding/photos/" + listed["sha256"]
+        self.assertEqual(self.api("GET", path, Authorization=f"Bearer {token}")[0], 404)
         self.portal.set(terminal, branding={"displayName": "T", "photos": [listed]})
-        self.assertEqual(photo(token), (200, large))
-        self.assertEqual(photo("other"), (401, {"status": "unknown"}))
-        for answer, expected, size in (("wrong", 200, len(large) + 1), ("empty", 200, 0), ("redirect", 302, 0),
-                                       ("oversized", 200, 16 * 1024 * 1024 + 1)):
+        for answer, expected, size in ((None, 200, len(large)), ("wrong", 200, len(large) + 1), ("empty", 200, 0),
+                                       ("redirect", 302, 0), ("oversized", 200, 16 * 1024 * 1024 + 1)):
             self.portal.set(terminal, photoAnswer=answer)
-            status, content = photo(token)
+            status, content, _ = self.api("GET", path, Authorization=f"Bearer {token}")
             self.assertEqual((status, len(content)), (expected, size), answer)
+        self.assertEqual(self.api("GET", path, Authorization="Bearer x")[:2], (401, {"status": "unknown"}))
         self.assertNotIn("photoAnswer", check_in(self.portal, token)[1])
-        self.portal.revoke(terminal)
-        self.assertEqual(photo(token), (401, {"status": "revoked"}))
 
 
 class Policies(unittest.TestCase):
@@ -256,17 +221,6 @@ class Policies(unittest.TestCase):
             with self.assertRaisesRegex(policy.Invalid, r"photos\[0\]"):
                 policy.check_branding({"photos": [photo]})
 
-    def test_accepted_edges_and_kept_form(self):
-        for path, value in (("screenOffMinutes", 240), ("sleepMinutes", 0), ("schedule.sleepAt", "00:00")):
-            policy.check_power(self.change(POWER, path, value))
-        off = self.change(self.change(POWER, "schedule.enabled", False), "schedule.days", [])
-        self.assertEqual(policy.check_power(off), off)
-        mixed = {"schedule": {"days": [6, 0.0], "wakeAt": "07:00", "sleepAt": "22:00", "enabled": True},
-                 "sleepMinutes": 1e1, "screenOffMinutes": 15}
-        self.assertEqual(json.dumps(policy.check_power(mixed)), json.dumps(
-            {"screenOffMinutes": 15, "sleepMinutes": 10,
-             "schedule": {"enabled": True, "sleepAt": "22:00", "wakeAt": "07:00", "days": [0, 6]}}))
-
 
 class Program(unittest.TestCase):
     def test_serves_https_and_ends_on_sigterm(self):
@@ -286,14 +240,6 @@ class Program(unittest.TestCase):
                 process.terminate()
                 _, errors = process.communicate(timeout=5)
             self.assertEqual((process.returncode, errors), (0, ""))
-
-    def test_refuses_what_it_cannot_do(self):
-        other_file = ["--database", str(TOOL / "page.html")]
-        for arguments, said in ((["--address", "0.0.0.0"], "loopback"), (other_file, "database")):
-            done = subprocess.run([sys.executable, str(TOOL / "devportal.py"), "--port", "0", *arguments],
-                                  capture_output=True, text=True, timeout=10)
-            self.assertEqual((done.returncode, done.stdout), (1, ""))
-            self.assertIn(said, done.stderr)
 
 
 if __name__ == "__main__":

@@ -60,14 +60,9 @@ class Generator {
   }
 
   void PutNumber() {
-    text_ += OneOf({"", "", "-"});
-    text_ += Below(4) == 0 ? "0" : std::to_string(random_() >> Below(64));
-    if (Below(3) == 0) {
-      text_ += "." + std::to_string(random_() >> Below(64));
-    }
-    if (Below(4) == 0) {
-      text_ += OneOf({"e", "E", "e+", "E-"}) + std::to_string(Below(Below(8) == 0 ? 400 : 30));
-    }
+    text_ += OneOf({"", "-"}) + std::to_string(random_() >> Below(64));
+    text_ += Below(3) == 0 ? "." + std::to_string(random_() >> Below(64)) : "";
+    text_ += Below(4) == 0 ? OneOf({"e", "E", "e+", "E-"}) + std::to_string(Below(Below(8) == 0 ? 400 : 30)) : "";
   }
 
   void Put(int depth) {
@@ -83,16 +78,14 @@ class Generator {
       const bool object = kind > 5;
       text_ += object ? "{" : "[";
       for (std::size_t left = Below(5); left > 0; --left) {
-        Space();
         if (object) {
-          PutString();
           Space();
-          text_ += ':';
+          PutString();
+          text_ += " :";
         }
         Put(depth + 1);
         text_ += left > 1 ? "," : "";
       }
-      Space();
       text_ += object ? "}" : "]";
     }
     Space();

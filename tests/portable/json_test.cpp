@@ -162,13 +162,10 @@ TEST(JsonValue, ReadsAnyKindAndFallsBack) {
     EXPECT_EQ(value.boolean(), value.IsBool());
     EXPECT_EQ(value.number(), value.IsNumber() ? 1.5 : 0.0);
     EXPECT_EQ(value.text(), value.IsString() ? "t" : "");
-    EXPECT_TRUE(value.items().empty());
-    EXPECT_EQ(value.keys().size(), value.IsObject() ? 4U : 0U);
-    EXPECT_EQ(value.values().size(), value.keys().size());
+    EXPECT_EQ(value.keys().size() + value.items().size(), value.IsObject() ? 4U : 0U);
   }
   Value text("t");
-  EXPECT_EQ(Serialise(text.Set("k", 1)), "\"t\"");
-  text.Append(1);
+  text.Set("k", 1).Append(1);
   EXPECT_EQ(Serialise(text), "\"t\"");
 }
 
