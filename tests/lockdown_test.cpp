@@ -171,6 +171,12 @@ TEST_F(LockdownTest, ASignedInUserIsChangedInPlace) {
   EXPECT_EQ(Values(sid_), Expected());
 }
 
+TEST_F(LockdownTest, ALeftOverHiveIsUnloadedFirst) {
+  ASSERT_EQ(sim::LoadHive(kTemporary, file_), DWORD{ERROR_SUCCESS});
+  EXPECT_TRUE(WriteKioskUserPolicies(sid_, kClient, true));
+  EXPECT_EQ(Stored(), Expected());
+}
+
 TEST_F(LockdownTest, FailuresAreToldAndStopWhereTheyShould) {
   EXPECT_FALSE(WriteKioskUserPolicies(L"S-1-5-21-1-2-3-4", kClient, true));
   // The calls are: unload, load, the shell and nine more, 42 policies, unload.

@@ -133,7 +133,7 @@ TEST_F(LogTest, MidnightBeginsANewFolderAndFile) {
   EXPECT_EQ(ReadWholeFile(kRoot + L"\\2027-01-01\\Kiosk_000005.log"), "[00:00:05.000] INFO new year\n");
 }
 
-TEST_F(LogTest, SettingsAreLookedUpInBothKeys) {
+TEST_F(LogTest, SettingsAreLookedUpInBothKeysAndSwitchLocalFilesOff) {
   SetString(L"SOFTWARE\\Norvane\\Stream\\Log", L"TenantId", L"t-stream");
   SetString(L"SOFTWARE\\Norvane\\Stream\\Log", L"Site", L"s-stream");
   SetString(kSettings, L"Site", L"s-own");

@@ -9,6 +9,7 @@
 #include "sim/gtest_report.h"
 #include "sim/http.h"
 #include "sim/sessions.h"
+#include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 #include "win32/clock.h"
 #include "win32/security.h"

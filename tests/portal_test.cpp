@@ -130,7 +130,8 @@ TEST_F(PortalTest, BodiesEndAtTheLimitOrWithTheConnection) {
   EXPECT_EQ(cut.error, "");
 }
 
-TEST_F(PortalTest, TokenIsProtected) {
+TEST_F(PortalTest, TokenIsProtectedAndEndsWhatWasLeftOpen) {
+  SetDword(state::kStateKey, L"TeardownPending", 1);
   {
     const sim::FaultPass pass;
     ASSERT_TRUE(StoreDeviceToken("tok-123"));
@@ -138,6 +139,7 @@ TEST_F(PortalTest, TokenIsProtected) {
   }
   EXPECT_EQ(ReadDeviceToken().Get(), "tok-123");
   EXPECT_EQ(sim::ReadNumber(L"DataProtection", L"Flags"), CRYPTPROTECT_UI_FORBIDDEN | CRYPTPROTECT_LOCAL_MACHINE);
+  EXPECT_FALSE(HasValue(state::kStateKey, L"TeardownPending"));
   const auto blob = state::ReadState(state::kDeviceToken);
   ASSERT_TRUE(blob);
   EXPECT_EQ(std::string(blob->bytes.begin(), blob->bytes.end()).find("tok-123"), std::string::npos);

@@ -265,8 +265,9 @@ TEST_F(ProvisioningTest, OnlyForTheEnrolmentThatAskedForItAndOnlyWhenNeeded) {
   EXPECT_EQ(sim::AccountPassword(L"NorvaneKiosk"), password) << "set up again without need";
 }
 
-TEST_F(ProvisioningTest, PoliciesOfASignedInKioskAreAppliedAgain) {
+TEST_F(ProvisioningTest, PoliciesAreAppliedAgainOnlyWhileTheUserIsSignedIn) {
   EXPECT_EQ(ProvisionKioskAccount({}), "");
+  ApplyKioskPolicies();
   ASSERT_EQ(sim::LoadHive(Sid(), sim::ProfileFolder(Sid()) + L"\\NTUSER.DAT"), DWORD{ERROR_SUCCESS});
   RegDeleteKeyValueW(HKEY_USERS, (Sid() + L"\\Control Panel\\Colors").c_str(), L"Background");
   for (const int writes : {1, 0}) {

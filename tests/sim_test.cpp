@@ -137,6 +137,8 @@ TEST(SimFaults, CallsFailInTheirOwnWayAndFlushesAreSeen) {
   EXPECT_EQ(CreateDirectoryW(L"C:\\simtest", nullptr), 0);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_DISK_FULL));
   EXPECT_EQ(pass.Calls()[4].Text(), "CreateDirectoryW(c:\\simtest)");
+  EXPECT_NE(CreateDirectoryW(L"C:\\simtest", nullptr), 0) << "it failed twice";
+  RemoveDirectoryW(L"C:\\simtest");
 }
 
 }  // namespace

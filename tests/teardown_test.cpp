@@ -53,8 +53,9 @@ class TeardownTest : public test::CleanMachine {
   sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
 };
 
-TEST_F(TeardownTest, TakesEverythingInItsOrder) {
+TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
   test::OwnComputer();
+  const std::string before = sim::DumpMachine();
   test::Enrol();
   for (const wchar_t* name : {L"TerminalName", L"SignIn", L"LastError", L"Maintenance", L"MaintenanceAt",
                               L"UnknownSince", L"MaintenanceFailures", L"MaintenanceLockedUntil"}) {
@@ -84,6 +85,7 @@ TEST_F(TeardownTest, TakesEverythingInItsOrder) {
     EXPECT_NE(deleted("DeviceToken"), calls.end());
     EXPECT_TRUE(pass.Flushed(L"DeviceToken") && pass.Flushed(L"TeardownPending"));
   }
+  EXPECT_EQ(sim::DumpMachine(), before);
   EXPECT_EQ(StateNames(), (std::set<std::wstring>{L"MaintenanceFailures", L"MaintenanceLockedUntil"}));
   EXPECT_FALSE(CheckUnlockToken(unlock.Get(), session));
   EXPECT_FALSE(KioskRestartPending());
