@@ -93,8 +93,7 @@ void ExpectGivenBack(const std::string& before, bool removal, bool uninstalled) 
 
 struct KioskScenario {
   const wchar_t* name;
-  std::function<void()>
-      prepare;  // goes on from an enrolled terminal whose kiosk is signed in, or from an owner's computer
+  std::function<void()> prepare;  // on an enrolled terminal whose kiosk is signed in, or an owner's computer
   std::function<void()> run;
   std::function<void()> askAgain;  // after the next start; in the end there must be no kiosk
   bool enrolled = true, uninstalls = false;
@@ -103,34 +102,34 @@ struct KioskScenario {
 
 void EveryPointGivesTheComputerBack(const KioskScenario& scenario) {
   const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  const auto prepare = [&] {
+    test::ResetComputer();
+    test::OwnComputer();
+    test::WriteWholeFile(kDumpFile, sim::DumpMachine());
+    test::Enrol(scenario.enrolled ? "tok-1" : "", scenario.enrolled);
+    if (scenario.enrolled) {
+      sim::SignIn(L"NorvaneKiosk");
+    }
+    scenario.prepare();
+  };
+  const auto later = [&] {
+    if (sim::FailedCall().empty()) {
+      sim::RestartComputer();
+    }
+    ASSERT_EQ(state::ProtectStateKey().what, nullptr);
+    FinishPendingRemoval();
+    EndMaintenanceOfEarlierBoot();
+    TrimPrivilegedGroups();
+    ApplyKioskPolicies();
+    scenario.askAgain();
+    EXPECT_FALSE(sim::FindUser(L"NorvaneKiosk"));
+    EXPECT_FALSE(state::TokenIsStored() || IsKioskProvisioned());
+    ExpectGivenBack(test::ReadWholeFile(kDumpFile), scenario.enrolled, scenario.uninstalls);
+  };
   sim::RunFaultScenario({.name = scenario.name,
-                         .prepare =
-                             [&] {
-                               test::ResetComputer();
-                               test::OwnComputer();
-                               test::WriteWholeFile(kDumpFile, sim::DumpMachine());
-                               test::Enrol(scenario.enrolled ? "tok-1" : "", scenario.enrolled);
-                               if (scenario.enrolled) {
-                                 sim::SignIn(L"NorvaneKiosk");
-                               }
-                               scenario.prepare();
-                             },
+                         .prepare = prepare,
                          .run = scenario.run,
-                         .later =
-                             [&] {
-                               if (sim::FailedCall().empty()) {
-                                 sim::RestartComputer();
-                               }
-                               ASSERT_EQ(state::ProtectStateKey().what, nullptr);
-                               FinishPendingRemoval();
-                               EndMaintenanceOfEarlierBoot();
-                               TrimPrivilegedGroups();
-                               ApplyKioskPolicies();
-                               scenario.askAgain();
-                               EXPECT_FALSE(sim::FindUser(L"NorvaneKiosk"));
-                               EXPECT_FALSE(state::TokenIsStored() || IsKioskProvisioned());
-                               ExpectGivenBack(test::ReadWholeFile(kDumpFile), scenario.enrolled, scenario.uninstalls);
-                             },
+                         .later = later,
                          .part = scenario.part,
                          .parts = scenario.parts});
 }
@@ -171,14 +170,14 @@ TEST_P(PairingFaults, APairingComesToItsEnd) {
   answer(L"POST", L"/api/kiosk/pair", R"({"pairingCode":"ABCD1234"})");
   answer(L"GET", L"/api/kiosk/pair/ABCD1234", R"({"deviceToken":"tok-1"})");
   answer(L"POST", L"/api/kiosk/check-in", R"({"status":"enrolled","name":"Hall"})");
+  const auto prepare = [] {
+    portal::PairBegin();
+    // What an earlier enrolment may have left.
+    test::SetDword(state::kStateKey, L"TeardownPending", 1);
+    test::SetString(state::kStateKey, L"UnknownSince", L"x");
+  };
   EveryPointGivesTheComputerBack({.name = L"pairing",
-                                  .prepare =
-                                      [] {
-                                        portal::PairBegin();
-                                        // What an earlier enrolment may have left.
-                                        test::SetDword(state::kStateKey, L"TeardownPending", 1);
-                                        test::SetString(state::kStateKey, L"UnknownSince", L"x");
-                                      },
+                                  .prepare = prepare,
                                   .run = [] { portal::PairCheck("ABCD1234"); },
                                   .askAgain = ComeToKioskModeAndLeaveIt,
                                   .enrolled = false,
@@ -187,30 +186,27 @@ TEST_P(PairingFaults, APairingComesToItsEnd) {
 }
 
 TEST(RemovalFaults, Revocation) {
+  const auto answerAsBefore = [] {
+    if (state::TokenIsStored()) {
+      const std::string token = "tok-1";
+      RemoveKioskMode(false, "because", &token);
+    }
+  };
   EveryPointGivesTheComputerBack({.name = L"revocation",
                                   .prepare = [] {},
                                   .run = [] { RemoveKioskMode(false, "because"); },
-                                  .askAgain =
-                                      [] {
-                                        // The portal answers as before, for as long as it is asked.
-                                        if (state::TokenIsStored()) {
-                                          const std::string token = "tok-1";
-                                          RemoveKioskMode(false, "because", &token);
-                                        }
-                                      }});
+                                  .askAgain = answerAsBefore});
 }
 
 TEST(RemovalFaults, PendingRemoval) {
-  EveryPointGivesTheComputerBack({.name = L"pending removal",
-                                  .prepare =
-                                      [] {
-                                        sim::KeepProfilesBusy(INFINITE);
-                                        RemoveKioskMode(false, "because");
-                                        sim::KeepProfilesBusy(0);
-                                        EXPECT_TRUE(state::FlagIsOn(state::kTeardownPending));
-                                      },
-                                  .run = FinishPendingRemoval,
-                                  .askAgain = [] {}});
+  const auto removeWhileBusy = [] {
+    sim::KeepProfilesBusy(INFINITE);
+    RemoveKioskMode(false, "because");
+    sim::KeepProfilesBusy(0);
+    EXPECT_TRUE(state::FlagIsOn(state::kTeardownPending));
+  };
+  EveryPointGivesTheComputerBack(
+      {.name = L"pending removal", .prepare = removeWhileBusy, .run = FinishPendingRemoval, .askAgain = [] {}});
 }
 
 TEST(RemovalFaults, Uninstall) {

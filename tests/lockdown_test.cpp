@@ -16,66 +16,58 @@ namespace {
 constexpr wchar_t kTemporary[] = L"NorvaneKioskProvision";
 const std::wstring kClient = L"C:\\Program Files\\Zażółć gęślą";
 
-// What the kiosk user's registry holds in the end: key, value, type, data. P stands for
+// What the kiosk user's registry holds in the end: type and data of all the values of one key. P stands for
 // "Software\Microsoft\Windows\CurrentVersion\Policies".
-const char* const kExpected[] = {
-    (R"(Software\Microsoft\Windows NT\CurrentVersion\Winlogon|Shell|sz|)"
-     R"("C:\Program Files\Zażółć gęślą\NorvaneTessalyClient.exe" --kiosk-shell)"),
-    R"(P\System|DisableTaskMgr|dword|1)",
-    R"(P\System|DisableLockWorkstation|dword|1)",
-    R"(P\System|DisableChangePassword|dword|1)",
-    R"(P\System|Wallpaper|sz|)",
-    R"(P\System|WallpaperStyle|sz|0)",
-    R"(Control Panel\Desktop|Wallpaper|sz|)",
-    R"(Control Panel\Desktop|WallpaperStyle|sz|0)",
-    R"(Control Panel\Colors|Background|sz|0 0 0)",
-    R"(P\ActiveDesktop|NoChangingWallPaper|dword|1)",
-    R"(P\Explorer|NoRun|dword|1)",
-    R"(P\Explorer|NoControlPanel|dword|1)",
-    R"(P\Explorer|NoWinKeys|dword|1)",
-    R"(P\Explorer|NoViewContextMenu|dword|1)",
-    R"(P\Explorer|NoTrayContextMenu|dword|1)",
-    R"(P\Explorer|NoLogoff|dword|1)",
-    R"(P\Explorer|NoClose|dword|1)",
-    R"(P\Explorer|NoSetFolders|dword|1)",
-    R"(P\Explorer|NoFolderOptions|dword|1)",
-    R"(P\Explorer|NoNetHood|dword|1)",
-    R"(P\Explorer|DisallowRun|dword|1)",
-    R"(P\Explorer|NoDrives|dword|67108863)",
-    R"(P\Explorer|NoViewOnDrive|dword|67108863)",
-    R"(P\Explorer\DisallowRun|1|sz|msedge.exe)",
-    R"(P\Explorer\DisallowRun|2|sz|iexplore.exe)",
-    R"(P\Explorer\DisallowRun|3|sz|cmd.exe)",
-    R"(P\Explorer\DisallowRun|4|sz|powershell.exe)",
-    R"(P\Explorer\DisallowRun|5|sz|pwsh.exe)",
-    R"(P\Explorer\DisallowRun|6|sz|powershell_ise.exe)",
-    R"(P\Explorer\DisallowRun|7|sz|regedit.exe)",
-    R"(P\Explorer\DisallowRun|8|sz|mmc.exe)",
-    R"(P\Explorer\DisallowRun|9|sz|control.exe)",
-    R"(P\Explorer\DisallowRun|10|sz|explorer.exe)",
-    R"(P\Explorer\DisallowRun|11|sz|taskmgr.exe)",
-    R"(P\Explorer\DisallowRun|12|sz|wscript.exe)",
-    R"(P\Explorer\DisallowRun|13|sz|cscript.exe)",
-    R"(P\Explorer\DisallowRun|14|sz|mshta.exe)",
-    R"(P\Explorer\DisallowRun|15|sz|SystemSettings.exe)",
-    R"(P\System|DisableRegistryTools|dword|1)",
-    R"(P\System|HideFastUserSwitching|dword|1)",
-    R"(P\System|NoDispCPL|dword|1)",
-    R"(Software\Policies\Microsoft\Windows\System|DisableCMD|dword|1)",
-    R"(Software\Policies\Microsoft\Edge\URLBlocklist|1|sz|*)",
-    R"(Software\Policies\Microsoft\Edge|BrowserSignin|dword|0)",
-    R"(Software\Policies\Microsoft\Edge|DeveloperToolsAvailability|dword|2)",
-    R"(Software\Policies\Microsoft\Edge|DownloadRestrictions|dword|3)",
-    R"(Software\Policies\Microsoft\Edge|InPrivateModeAvailability|dword|1)",
-    R"(Software\Policies\Microsoft\Edge|HideFirstRunExperience|dword|1)",
-    R"(Control Panel\Accessibility\StickyKeys|Flags|sz|506)",
-    R"(Control Panel\Accessibility\Keyboard Response|Flags|sz|122)",
-    R"(Control Panel\Accessibility\ToggleKeys|Flags|sz|58)",
-    R"(Software\Policies\Microsoft\Windows\RemovableStorageDevices|Deny_All|dword|1)",
+const struct {
+  const char* key;
+  const char* content;
+  std::vector<const char*> names;
+} kExpected[] = {
+    {R"(Software\Microsoft\Windows NT\CurrentVersion\Winlogon)",
+     R"(sz|"C:\Program Files\Zażółć gęślą\NorvaneTessalyClient.exe" --kiosk-shell)",
+     {"Shell"}},
+    {R"(P\System)",
+     "dword|1",
+     {"DisableTaskMgr", "DisableLockWorkstation", "DisableChangePassword", "DisableRegistryTools",
+      "HideFastUserSwitching", "NoDispCPL"}},
+    {R"(P\System)", "sz|", {"Wallpaper"}},
+    {R"(P\System)", "sz|0", {"WallpaperStyle"}},
+    {R"(Control Panel\Desktop)", "sz|", {"Wallpaper"}},
+    {R"(Control Panel\Desktop)", "sz|0", {"WallpaperStyle"}},
+    {R"(Control Panel\Colors)", "sz|0 0 0", {"Background"}},
+    {R"(P\ActiveDesktop)", "dword|1", {"NoChangingWallPaper"}},
+    {R"(P\Explorer)",
+     "dword|1",
+     {"NoRun", "NoControlPanel", "NoWinKeys", "NoViewContextMenu", "NoTrayContextMenu", "NoLogoff", "NoClose",
+      "NoSetFolders", "NoFolderOptions", "NoNetHood", "DisallowRun"}},
+    {R"(P\Explorer)", "dword|67108863", {"NoDrives", "NoViewOnDrive"}},
+    {R"(Software\Policies\Microsoft\Windows\System)", "dword|1", {"DisableCMD"}},
+    {R"(Software\Policies\Microsoft\Edge\URLBlocklist)", "sz|*", {"1"}},
+    {R"(Software\Policies\Microsoft\Edge)", "dword|0", {"BrowserSignin"}},
+    {R"(Software\Policies\Microsoft\Edge)", "dword|1", {"InPrivateModeAvailability", "HideFirstRunExperience"}},
+    {R"(Software\Policies\Microsoft\Edge)", "dword|2", {"DeveloperToolsAvailability"}},
+    {R"(Software\Policies\Microsoft\Edge)", "dword|3", {"DownloadRestrictions"}},
+    {R"(Control Panel\Accessibility\StickyKeys)", "sz|506", {"Flags"}},
+    {R"(Control Panel\Accessibility\Keyboard Response)", "sz|122", {"Flags"}},
+    {R"(Control Panel\Accessibility\ToggleKeys)", "sz|58", {"Flags"}},
+    {R"(Software\Policies\Microsoft\Windows\RemovableStorageDevices)", "dword|1", {"Deny_All"}},
 };
+// P\Explorer\DisallowRun: "1", "2" ... in this order.
+const char* const kDisallowed[] = {"msedge.exe",  "iexplore.exe",       "cmd.exe",           "powershell.exe",
+                                   "pwsh.exe",    "powershell_ise.exe", "regedit.exe",       "mmc.exe",
+                                   "control.exe", "explorer.exe",       "taskmgr.exe",       "wscript.exe",
+                                   "cscript.exe", "mshta.exe",          "SystemSettings.exe"};
 
 std::vector<std::string> Expected() {
-  std::vector<std::string> lines(std::begin(kExpected), std::end(kExpected));
+  std::vector<std::string> lines;
+  for (const auto& [key, content, names] : kExpected) {
+    for (const char* name : names) {
+      lines.push_back(std::string(key) + "|" + name + "|" + content);
+    }
+  }
+  for (std::size_t i = 0; i < std::size(kDisallowed); ++i) {
+    lines.push_back("P\\Explorer\\DisallowRun|" + std::to_string(i + 1) + "|sz|" + kDisallowed[i]);
+  }
   for (std::string& line : lines) {
     if (line.starts_with("P\\")) {
       line.replace(0, 1, "Software\\Microsoft\\Windows\\CurrentVersion\\Policies");
@@ -151,7 +143,7 @@ class LockdownTest : public test::CleanMachine {
 };
 
 TEST_F(LockdownTest, TheProfileHoldsExactlyTheseValues) {
-  ASSERT_EQ(std::size(kExpected), 52U);
+  ASSERT_EQ(Expected().size(), 52U);
   EXPECT_TRUE(WriteKioskUserPolicies(sid_, kClient, true));
   EXPECT_EQ(Stored(), Expected());
   EXPECT_TRUE(test::LogTexts().empty());

@@ -31,9 +31,12 @@ class LogTest : public test::CleanMachine {};
 const std::wstring kRoot = kLogRoot;
 constexpr wchar_t kSettings[] = L"SOFTWARE\\Norvane\\Tessaly\\Log";
 
+const std::wstring kParent = L"C:\\ProgramData\\Norvane\\Tessaly";
+constexpr wchar_t kProtected[] = L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
+
 void MakeLogTree() {
-  for (const wchar_t* folder : {L"", L"\\Norvane", L"\\Norvane\\Tessaly", L"\\Norvane\\Tessaly\\Logs"}) {
-    CreateDirectoryW((std::wstring(L"C:\\ProgramData") + folder).c_str(), nullptr);
+  for (const wchar_t* folder : {L"C:\\ProgramData", L"C:\\ProgramData\\Norvane", kParent.c_str(), kLogRoot}) {
+    CreateDirectoryW(folder, nullptr);
   }
 }
 
@@ -50,33 +53,19 @@ TEST_F(LogTest, LabelsAndTheRaisingRule) {
     int level;
     std::string message;
     const char* label;
-  } const cases[] = {
-      {3, "disk", "ERROR"},
-      {0, "disk", "ERROR"},
-      {4, "refused", "WARN"},
-      {5, "a failure, refused, invalid", "INFO"},
-      {6, "all is well", "INFO"},
-      {6, "Caller REFUSED", "ERROR"},
-      {6, "we cannot", "INFO"},
-      {6, "we cannot go", "ERROR"},
-      {6, "we FAIL", "ERROR"},
-      {6, "xerrorx", "ERROR"},
-      {6, "access denied", "ERROR"},
-      {6, "it timed out", "ERROR"},
-      {6, "a timeout", "ERROR"},
-      {6, "unable to", "ERROR"},
-      {6, "an exception", "ERROR"},
-      {6, "was aborted", "ERROR"},
-      {6, "it was not found", "ERROR"},
-      {6, "invalid", "ERROR"},
-      {6, far191, "INFO"},
-      {6, last, "ERROR"},
-      {7, "an exception", "DEBUG"},
-      {9, "detail", "DEBUG"},
-  };
+  } const cases[] = {{3, "disk", "ERROR"},         {0, "disk", "ERROR"},
+                     {4, "refused", "WARN"},       {5, "a failure, refused, invalid", "INFO"},
+                     {6, "we cannot", "INFO"},     {6, "Caller REFUSED", "ERROR"},
+                     {6, far191, "INFO"},          {6, last, "ERROR"},
+                     {7, "an exception", "DEBUG"}, {9, "detail", "DEBUG"}};
   for (const auto& each : cases) {
     Log(each.level, kKiosk, "%s", each.message.c_str());
     EXPECT_EQ(LogTexts().back(), each.label + (" " + each.message));
+  }
+  for (const char* word : {"we cannot go", "we FAIL", "xerrorx", "access denied", "it timed out", "a timeout",
+                           "unable to", "an exception", "was aborted", "it was not found", "invalid"}) {
+    Log(6, kKiosk, "%s", word);
+    EXPECT_EQ(LogTexts().back(), std::string("ERROR ") + word);
   }
 }
 
@@ -88,14 +77,10 @@ TEST_F(LogTest, OneMessageIsOneWholeLine) {
   EXPECT_TRUE(std::regex_match(lines[0], std::regex("\\[\\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\] INFO name .*")));
   EXPECT_EQ(LogTexts()[0], "INFO name \"Łódź – Halle 3  [00:00:00.000] ERROR forged        end\"");
   EXPECT_EQ(LogTexts()[1], "INFO 18446744073709551615 -5 7");
-}
-
-TEST_F(LogTest, LongMessagesAreCutBetweenCharacters) {
-  // Stamp, text and terminator share 2048 bytes: 15 for the stamp leave 2032 for the text.
-  for (const int lead : {2029, 2030, 2031, 2032}) {
-    Log(kNotice, kKiosk, "%s%s", std::string(static_cast<std::size_t>(lead), 'x').c_str(), "€€");
-    const std::string text = LogTexts().back().substr(5);
-    EXPECT_EQ(text.size(), lead == 2029 ? 2032U : static_cast<std::size_t>(lead)) << lead;
+  // Cut between characters: stamp, text and terminator share 2048 bytes, which leaves 2032 for the text.
+  for (const std::size_t lead : {2029U, 2030U, 2032U}) {
+    Log(kNotice, kKiosk, "%s%s", std::string(lead, 'x').c_str(), "€€");
+    EXPECT_EQ(LogTexts().back().size() - 5, lead == 2029 ? 2032U : lead);
   }
 }
 
@@ -112,14 +97,12 @@ TEST_F(LogTest, ComponentsHaveFilesOfTheirOwnBeyondTheTableToo) {
 }
 
 TEST_F(LogTest, ThreadsNeverTearALine) {
-  constexpr int kThreads = 8;
-  constexpr int kLines = 400;
   std::vector<win32::KernelHandle> threads;
-  threads.reserve(kThreads);
-  for (int thread = 0; thread < kThreads; ++thread) {
+  for (int thread = 0; thread < 8; ++thread) {
     threads.push_back(win32::StartThread([thread]() noexcept {
-      for (int i = 0; i < kLines; ++i) {
-        Log(kNotice, kKiosk, "thread %d line %d %s", thread, i, std::string(static_cast<std::size_t>(i % 90), 'x').c_str());
+      for (int i = 0; i < 400; ++i) {
+        Log(kNotice, kKiosk, "thread %d line %d %s", thread, i,
+            std::string(static_cast<std::size_t>(i % 90), 'x').c_str());
       }
     }));
   }
@@ -135,8 +118,8 @@ TEST_F(LogTest, ThreadsNeverTearALine) {
     ASSERT_EQ(line, next[thread]++) << text;
     ASSERT_TRUE(text.ends_with(" " + std::string(static_cast<std::size_t>(line % 90), 'x')));
   }
-  for (int thread = 0; thread < kThreads; ++thread) {
-    EXPECT_EQ(next[thread], kLines);
+  for (int thread = 0; thread < 8; ++thread) {
+    EXPECT_EQ(next[thread], 400);
   }
 }
 
@@ -180,7 +163,7 @@ TEST_F(LogTest, JunctionInThePathIsReplacedNotFollowed) {
   EXPECT_EQ(ListFolder(L"C:\\elsewhere"), std::vector<std::wstring>{});
   const std::wstring day = kRoot + L"\\" + ListFolder(kRoot).front();
   for (const std::wstring& folder : {std::wstring(L"C:\\ProgramData\\Norvane"), kRoot, kRoot + L"\\Drop\\Taken", day}) {
-    EXPECT_EQ(sim::FileSecurity(folder), L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)");
+    EXPECT_EQ(sim::FileSecurity(folder), kProtected);
   }
 }
 
@@ -191,7 +174,7 @@ TEST_F(LogTest, TreeThatCannotBeSecuredIsNotWritten) {
   const win32::FileHandle held(CreateFileW(kLogRoot, GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
   ASSERT_TRUE(held);
   StartBanner(kKiosk);
-  EXPECT_EQ(ListFolder(L"C:\\ProgramData\\Norvane\\Tessaly"), std::vector<std::wstring>{L"Logs"});
+  EXPECT_EQ(ListFolder(kParent), std::vector<std::wstring>{L"Logs"});
 }
 
 TEST_F(LogTest, LinkPlantedUnderTheNextNameIsNotWritten) {
@@ -213,13 +196,16 @@ TEST_F(LogTest, OldFlatFilesMoveToTheArchiveAndExpireThere) {
   wchar_t today[16];
   static_cast<void>(std::swprintf(today, 16, L"%04d%02d%02d", now.wYear, now.wMonth, now.wDay));
   const std::wstring current = std::wstring(L"crash_") + today + L".dmp";
-  for (const std::wstring& name : {current, std::wstring(L"old.log"), std::wstring(L"old.dmp"), std::wstring(L"notes.txt")}) {
+  for (const std::wstring& name :
+       {current, std::wstring(L"old.log"), std::wstring(L"old.dmp"), std::wstring(L"notes.txt")}) {
     WriteWholeFile(kRoot + L"\\" + name, "x");
   }
-  const std::uint64_t day = std::uint64_t{24} * 3600 * win32::kFileTimeSecond;
-  for (const auto& [name, age] : std::map<std::wstring, std::uint64_t>{{L"young.log", 29}, {L"old.dmp", 31}, {L"older.log", 40}, {L"keep.txt", 99}}) {
+  constexpr std::uint64_t kDay = std::uint64_t{24} * 3600 * win32::kFileTimeSecond;
+  constexpr std::pair<const wchar_t*, std::uint64_t> kArchived[] = {
+      {L"young.log", 29}, {L"old.dmp", 31}, {L"older.log", 40}, {L"keep.txt", 99}};
+  for (const auto& [name, age] : kArchived) {
     WriteWholeFile(kRoot + L"\\Archive\\" + name, "y");
-    SetLastWrite(kRoot + L"\\Archive\\" + name, win32::FileTimeNow() - age * day);
+    SetLastWrite(kRoot + L"\\Archive\\" + name, win32::FileTimeNow() - age * kDay);
   }
   ArchiveOldFiles(now);
   // "old.dmp" could not move over the one in the archive, which then expired.
@@ -234,39 +220,35 @@ TEST_F(LogTest, PruneDeletesTheOldestUntilTheCapHolds) {
   for (const wchar_t* folder : {L"\\2026-01-01", L"\\2026-01-02", L"\\2026-1-03", L"\\2026-01-04"}) {
     CreateDirectoryW((kRoot + folder).c_str(), nullptr);
   }
-  const std::string half(524'288, 'x');
-  const std::uint64_t now = win32::FileTimeNow();
-  const auto put = [&](const wchar_t* name, std::uint64_t age) {
-    WriteWholeFile(kRoot + name, half);
-    SetLastWrite(kRoot + name, now - age * win32::kFileTimeSecond);
-  };
-  put(L"\\2026-01-01\\Kiosk_1.log", 900);
-  put(L"\\Archive\\old.log", 800);
-  put(L"\\flat.log", 700);
-  put(L"\\2026-01-02\\Kiosk_2.log", 600);
-  put(L"\\flat.dmp", 500);
-  put(L"\\2026-01-04\\Kiosk_4.log", 400);
-  put(L"\\2026-1-03\\not-a-day.log", 9999);
-  put(L"\\client_uuid.txt", 9999);
+  constexpr std::pair<const wchar_t*, std::uint64_t> kFiles[] = {
+      {L"\\2026-01-01\\Kiosk_1.log", 900},   {L"\\Archive\\old.log", 800}, {L"\\flat.log", 700},
+      {L"\\2026-01-02\\Kiosk_2.log", 600},   {L"\\flat.dmp", 500},         {L"\\2026-01-04\\Kiosk_4.log", 400},
+      {L"\\2026-1-03\\not-a-day.log", 9999}, {L"\\client_uuid.txt", 9999}};
+  for (const auto& [name, age] : kFiles) {
+    WriteWholeFile(kRoot + name, std::string(524'288, 'x'));
+    SetLastWrite(kRoot + name, win32::FileTimeNow() - age * win32::kFileTimeSecond);
+  }
   // Held open, so it is skipped and still counts.
-  const win32::FileHandle held(CreateFileW((kRoot + L"\\Archive\\old.log").c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+  const win32::FileHandle held(CreateFileW((kRoot + L"\\Archive\\old.log").c_str(), GENERIC_READ, FILE_SHARE_READ,
+                                           nullptr, OPEN_EXISTING, 0, nullptr));
   Prune();
-  EXPECT_EQ(ListFolder(kRoot), (std::vector<std::wstring>{L"2026-01-02", L"2026-01-04", L"2026-1-03", L"Archive", L"client_uuid.txt", L"flat.dmp"}));
+  EXPECT_EQ(ListFolder(kRoot), (std::vector<std::wstring>{L"2026-01-02", L"2026-01-04", L"2026-1-03", L"Archive",
+                                                          L"client_uuid.txt", L"flat.dmp"}));
   EXPECT_EQ(ListFolder(kRoot + L"\\2026-01-02").size(), 1U);
   EXPECT_EQ(ListFolder(kRoot + L"\\Archive").size(), 1U);
 }
 
 TEST_F(LogTest, InstallIdentifierIsKeptAndRemadeWhenDamaged) {
   MakeLogTree();
-  const std::string made = LoadOrCreateInstallId(kLogRoot);
-  EXPECT_TRUE(std::regex_match(made, std::regex("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"))) << made;
-  EXPECT_EQ(LoadOrCreateInstallId(kLogRoot), made);
-  for (const std::string& damaged : {std::string(), made.substr(1), made + "0", "{" + made.substr(1), std::string(36, '-')}) {
+  const std::regex shape("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
+  std::string last(36, '-');
+  for (const char* damaged :
+       {"", "0123", "{0123456-0123-4123-8123-0123456789ab", "------------------------------------"}) {
     WriteWholeFile(kRoot + L"\\client_uuid.txt", damaged);
-    const std::string remade = LoadOrCreateInstallId(kLogRoot);
-    EXPECT_EQ(remade.size(), 36U) << damaged;
-    EXPECT_NE(remade, made) << damaged;
-    EXPECT_EQ(LoadOrCreateInstallId(kLogRoot), remade) << damaged;
+    const std::string made = LoadOrCreateInstallId(kLogRoot);
+    EXPECT_TRUE(made != last && std::regex_match(made, shape)) << damaged;
+    EXPECT_EQ(LoadOrCreateInstallId(kLogRoot), made) << damaged;
+    last = made;
   }
   EXPECT_EQ(ListFolder(kRoot), std::vector<std::wstring>{L"client_uuid.txt"});
 }
@@ -296,15 +278,15 @@ TEST_F(LogTest, FolderOfAnOrdinaryUserIsSetAsideWithAllThatIsInIt) {
   MakeLogTree();
   WriteWholeFile(kRoot + L"\\Kiosk.log", "a trap");
   sim::SetFileSecurity(kRoot, L"O:BU", L"D:(A;;FA;;;WD)");
-  sim::SetFileSecurity(L"C:\\ProgramData\\Norvane\\Tessaly", L"O:BU", L"D:(A;;FA;;;WD)");
+  sim::SetFileSecurity(kParent, L"O:BU", L"D:(A;;FA;;;WD)");
   Log(kNotice, kKiosk, "line");
-  const std::vector<std::wstring> names = ListFolder(L"C:\\ProgramData\\Norvane\\Tessaly");
+  const std::vector<std::wstring> names = ListFolder(kParent);
   ASSERT_EQ(names.size(), 2U);
   EXPECT_TRUE(names[1].starts_with(L"Logs.untrusted-")) << win32::ToNarrow(names[1]);
-  EXPECT_EQ(ReadWholeFile(L"C:\\ProgramData\\Norvane\\Tessaly\\" + names[1] + L"\\Kiosk.log"), "a trap");
+  EXPECT_EQ(ReadWholeFile(kParent + L"\\" + names[1] + L"\\Kiosk.log"), "a trap");
   EXPECT_EQ(LogTexts(), std::vector<std::string>{"INFO line"});
-  EXPECT_EQ(sim::FileSecurity(kRoot), L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)");
-  EXPECT_EQ(sim::FileSecurity(L"C:\\ProgramData\\Norvane\\Tessaly"), L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)");
+  EXPECT_EQ(sim::FileSecurity(kRoot), kProtected);
+  EXPECT_EQ(sim::FileSecurity(kParent), kProtected);
 }
 
 }  // namespace

@@ -19,7 +19,8 @@ using test::SetDword;
 using test::SetString;
 
 constexpr char kLockoutLine[] = "WARN maintenance: 5 attempts without the right password; refusing for 300 s";
-constexpr char kEnteredLine[] = "INFO maintenance: auto sign-in skipped until the administrator signs out or Windows restarts";
+constexpr char kEnteredLine[] =
+    "INFO maintenance: auto sign-in skipped until the administrator signs out or Windows restarts";
 
 void SetQword(const wchar_t* name, std::uint64_t number) {
   test::SetRaw(state::kStateKey, name, REG_QWORD, &number, sizeof(number));
@@ -39,22 +40,16 @@ TEST_F(ExitPassword, OnlyTheRightOneMatches) {
     std::string given;
     bool matches;
   } cases[] = {
-      {R"("Way out")", "Way out", true},
-      {R"("Way out")", " \t\v\f\r\nwAY OUT ", true},
-      {R"(" \tWay out\r\n")", "way out", true},
+      {R"(" \tWay out\r\n")", " \t\v\f\r\nwAY OUT ", true},
       {R"("Z@[`az{")", "z@[`AZ{", true},
       {"\"" + longOne + "\"", longOne, true},
-      {R"("Way out")", "Wayout", false},
       {R"("Way out")", "Way ou", false},
       {R"("Way out")", "Way outs", false},
-      {R"("Way out")", "way oUt\xc3\xa4", false},
       {R"("@[")", "`{", false},
       {R"("Ä")", "ä", false},
-      {R"("Way out")", "", false},
       {R"("Way out")", longOne, false},
       {R"("")", "", false},
-      {R"(" \t ")", "", false},
-      {R"("")", " ", false},
+      {R"(" \t ")", " ", false},
       {"null", "", false},
       {"12345", "12345", false},
       {R"(["Way out"])", "Way out", false},
@@ -68,38 +63,39 @@ TEST_F(ExitPassword, OnlyTheRightOneMatches) {
 }
 
 TEST_F(ExitPassword, FiveWrongOnesShutTheCheckForFiveMinutes) {
-  for (DWORD i = 1; i <= 4; ++i) {
+  for (DWORD i = 1; i <= 5; ++i) {
+    EXPECT_EQ(test::CountLogged(kLockoutLine), 0);
     EXPECT_EQ(VerifyExitPassword("wrong"), "wrong_password");
-    EXPECT_EQ(Failures(), i);
+    EXPECT_EQ(Failures(), i % 5);
   }
-  EXPECT_EQ(test::CountLogged(kLockoutLine), 0);
-  EXPECT_EQ(VerifyExitPassword("wrong"), "wrong_password");
   EXPECT_EQ(Qword(state::kMaintenanceLockedUntil), clock_.SystemTime() + 3'000'000'000);
-  EXPECT_EQ(Failures(), 0U);
   EXPECT_TRUE(state::ReadState(state::kMaintenanceFailures));
-  EXPECT_EQ(VerifyExitPassword("Way out"), "locked");
   clock_.RunFor(299'999);
   EXPECT_EQ(VerifyExitPassword("Way out"), "locked");
   EXPECT_EQ(CheckIns(), 5U);
-  EXPECT_EQ(Failures(), 0U);
   clock_.RunFor(1);
   EXPECT_EQ(VerifyExitPassword("wrong"), "wrong_password");
   EXPECT_EQ(Failures(), 1U);
   EXPECT_EQ(VerifyExitPassword("Way out"), "");
-  EXPECT_FALSE(state::ReadState(state::kMaintenanceFailures));
-  EXPECT_FALSE(state::ReadState(state::kMaintenanceLockedUntil));
+  EXPECT_FALSE(state::ReadState(state::kMaintenanceFailures) || state::ReadState(state::kMaintenanceLockedUntil));
   EXPECT_EQ(test::CountLogged(kLockoutLine), 1);
 }
 
-TEST_F(ExitPassword, AClockThatWasSetBackLocksNobodyOutForLonger) {
+TEST_F(ExitPassword, OddStoredValuesLockNobodyOutForLonger) {
   const std::uint64_t limit = clock_.SystemTime() + 3'000'000'000;
-  SetQword(L"MaintenanceLockedUntil", limit + 1);
-  EXPECT_EQ(VerifyExitPassword("Way out"), "locked");
-  EXPECT_EQ(Qword(state::kMaintenanceLockedUntil), limit);
-  SetQword(L"MaintenanceLockedUntil", ~std::uint64_t{0});
-  EXPECT_EQ(VerifyExitPassword("Way out"), "locked");
+  for (const std::uint64_t until : {limit + 1, ~std::uint64_t{0}}) {  // the clock was set back
+    SetQword(L"MaintenanceLockedUntil", until);
+    EXPECT_EQ(VerifyExitPassword("Way out"), "locked");
+    EXPECT_EQ(Qword(state::kMaintenanceLockedUntil), limit);
+  }
   clock_.RunFor(300'000);
   EXPECT_EQ(VerifyExitPassword("Way out"), "");
+  SetString(state::kStateKey, L"MaintenanceFailures", L"4");
+  SetString(state::kStateKey, L"MaintenanceLockedUntil", L"9");
+  EXPECT_EQ(VerifyExitPassword("wrong"), "wrong_password");
+  EXPECT_EQ(Failures(), 1U);
+  SetDword(state::kStateKey, L"MaintenanceFailures", 0xFFFFFFFF);
+  EXPECT_EQ(VerifyExitPassword("Way out"), "locked");
 }
 
 TEST_F(ExitPassword, EveryAttemptCountsWhateverBecomesOfIt) {
@@ -111,45 +107,35 @@ TEST_F(ExitPassword, EveryAttemptCountsWhateverBecomesOfIt) {
   attempt("unreachable", 1);
   answer_ = {.status = 401, .body = R"({"status":"unknown"})"};
   attempt("unreachable", 2);
-  for (const char* garbage : {"", "{", R"({"exitPassword":"Way out"})", R"({"status":"pending","exitPassword":"Way out"})"}) {
+  for (const char* garbage :
+       {"{", R"({"exitPassword":"Way out"})", R"({"status":"pending","exitPassword":"Way out"})"}) {
     SetDword(state::kStateKey, L"MaintenanceFailures", 2);
     answer_ = {.body = garbage};
     attempt("unreachable", 3);
   }
   SetDword(state::kStateKey, L"Provisioned", 0);
   attempt("not_provisioned", 4);
-  EXPECT_EQ(CheckIns(), 6U);
+  EXPECT_EQ(CheckIns(), 5U);
   state::DeleteStateValue(state::kDeviceToken);
   attempt("not_enrolled", 5);
   EXPECT_EQ(test::CountLogged(kLockoutLine), 0);
   attempt("locked", 0);
   EXPECT_EQ(test::CountLogged(kLockoutLine), 1);
-  EXPECT_EQ(CheckIns(), 6U);
+  EXPECT_EQ(CheckIns(), 5U);
 }
 
-TEST_F(ExitPassword, ValuesOfAnotherTypeCountAsNone) {
-  SetString(state::kStateKey, L"MaintenanceFailures", L"4");
-  SetString(state::kStateKey, L"MaintenanceLockedUntil", L"9");
-  EXPECT_EQ(VerifyExitPassword("wrong"), "wrong_password");
-  EXPECT_EQ(Failures(), 1U);
-  SetDword(state::kStateKey, L"MaintenanceFailures", 0xFFFFFFFF);
-  EXPECT_EQ(VerifyExitPassword("Way out"), "locked");
-}
-
-TEST_F(ExitPassword, ARevokedTerminalIsTornDownDuringTheCheck) {
-  answer_ = {.status = 401, .body = R"({"status":"revoked"})"};
-  EXPECT_EQ(VerifyExitPassword("Way out"), "not_enrolled");
-  EXPECT_FALSE(state::TokenIsStored());
-  EXPECT_FALSE(sim::FindUser(L"NorvaneKiosk"));
-}
-
-TEST_F(ExitPassword, AnAnswerToAnEndedEnrolmentOpensNothing) {
+TEST_F(ExitPassword, AnEndedEnrolmentOpensNothing) {
   portal_.On(L"POST", L"/api/kiosk/check-in", [this](const sim::Request&) {
     SetDword(state::kStateKey, L"TeardownPending", 1);
     return answer_;
   });
   EXPECT_EQ(VerifyExitPassword("Way out"), "not_enrolled");
   EXPECT_EQ(Failures(), 1U);
+  test::MakeKioskTerminal();
+  portal_.On(L"POST", L"/api/kiosk/check-in",
+             [](const sim::Request&) { return sim::Response{.status = 401, .body = R"({"status":"revoked"})"}; });
+  EXPECT_EQ(VerifyExitPassword("Way out"), "not_enrolled");
+  EXPECT_FALSE(state::TokenIsStored() || sim::FindUser(L"NorvaneKiosk"));
 }
 
 TEST_F(ExitPassword, OneCheckAtATime) {
@@ -157,7 +143,6 @@ TEST_F(ExitPassword, OneCheckAtATime) {
   std::string first = "none";
   const win32::KernelHandle thread = win32::StartThread([&first]() noexcept { first = VerifyExitPassword("Way out"); });
   clock_.RunFor(1000);
-  EXPECT_EQ(VerifyExitPassword("Way out"), "busy");
   EXPECT_EQ(json::Serialise(Unlock("Way out", kKioskSession)), R"({"ok":false,"error":"busy"})");
   EXPECT_EQ(Failures(), 1U);
   clock_.RunFor(5000);
@@ -178,8 +163,7 @@ class MaintenanceTest : public test::KioskTerminal {
   json::PostReplyAction after_ = nullptr;
 };
 
-TEST_F(MaintenanceTest, EnteringWritesItsMarkAndLeavesTheSignOutForLater) {
-  SetString(test::kWinlogon, L"AutoAdminLogon", L"1");
+TEST_F(MaintenanceTest, ThePasswordOpensAndTheSignOutIsLeftForLater) {
   Entered();
   EXPECT_TRUE(IsOn());
   EXPECT_EQ(Qword(state::kMaintenanceAt), clock_.SystemTime());
@@ -194,34 +178,34 @@ TEST_F(MaintenanceTest, EnteringWritesItsMarkAndLeavesTheSignOutForLater) {
   EXPECT_EQ(test::CountLogged("INFO logged off kiosk session 3"), 0);
 }
 
-TEST_F(MaintenanceTest, ATokenOrThePasswordOpens) {
+TEST_F(MaintenanceTest, ATokenOpensOnceAndBesideAPasswordCountsForNothing) {
   const auto unlock = [] { return json::Member(Unlock("Way out", kKioskSession), "unlockToken").text(); };
-  constexpr char kOk[] = R"({"ok":true})";
+  const auto refused = [](const std::string& code) { return R"({"ok":false,"error":")" + code + "\"}"; };
   constexpr char kAccepted[] = "INFO maintenance: accepted with the terminal settings unlock";
-  EXPECT_EQ(Enter("", "no token"), R"({"ok":false,"error":"not_unlocked"})");
+  EXPECT_EQ(Enter("", "no token"), refused("not_unlocked"));
   EXPECT_EQ(CheckIns(), 0U);
   EXPECT_EQ(Failures(), 0U);
-  EXPECT_EQ(Enter(""), R"({"ok":false,"error":"wrong_password"})");
-  EXPECT_EQ(Enter("wrong", "no token"), R"({"ok":false,"error":"wrong_password"})");
+  EXPECT_EQ(Enter(""), refused("wrong_password"));
+  EXPECT_EQ(Enter("wrong", "no token"), refused("wrong_password"));
   EXPECT_FALSE(IsOn());
   EXPECT_EQ(after_, nullptr);
-  EXPECT_EQ(Enter("way out", "no token"), kOk);
+  EXPECT_EQ(Enter("way out", "no token"), R"({"ok":true})");
   EXPECT_EQ(test::CountLogged(kAccepted), 0);
   EndMaintenance("test");
 
   const std::string token = unlock();
   const std::size_t checkIns = CheckIns();
-  EXPECT_EQ(Enter("", token), kOk);
+  EXPECT_EQ(Enter("", token), R"({"ok":true})");
   EXPECT_EQ(CheckIns(), checkIns);
   EXPECT_EQ(test::CountLogged(kAccepted), 1);
-  EXPECT_EQ(Enter("", token), R"({"ok":false,"error":"not_unlocked"})");  // it was used up
+  EXPECT_EQ(Enter("", token), refused("not_unlocked"));  // it was used up
   EndMaintenance("test");
 
   const std::string another = unlock();
   SetDword(state::kStateKey, L"Provisioned", 0);
-  EXPECT_EQ(Enter("", another), R"({"ok":false,"error":"not_provisioned"})");
+  EXPECT_EQ(Enter("", another), refused("not_provisioned"));
   state::DeleteStateValue(state::kDeviceToken);
-  EXPECT_EQ(Enter("", another), R"({"ok":false,"error":"not_enrolled"})");
+  EXPECT_EQ(Enter("", another), refused("not_enrolled"));
   EXPECT_FALSE(IsOn());
   EXPECT_EQ(AutoAdminLogon(), L"1");
 }
@@ -249,10 +233,10 @@ TEST_F(MaintenanceTest, AnAdministratorWhoSignsOutEndsIt) {
   Entered();
   sim::SetSession(5, L"Bert", L"DOMAIN");
   OnSessionChange(WTS_SESSION_LOGOFF, kOtherSession);
-  OnSessionChange(WTS_SESSION_LOGON, kKioskSession);
-  OnSessionChange(WTS_SESSION_LOGOFF, kKioskSession);
-  OnSessionChange(WTS_SESSION_LOGON, 0);
-  OnSessionChange(WTS_SESSION_LOGOFF, 0);
+  for (const DWORD session : {kKioskSession, DWORD{0}}) {
+    OnSessionChange(WTS_SESSION_LOGON, session);
+    OnSessionChange(WTS_SESSION_LOGOFF, session);
+  }
   OnSessionChange(WTS_SESSION_UNLOCK, 5);
   OnSessionChange(WTS_SESSION_LOGOFF, 5);
   EXPECT_TRUE(IsOn());
@@ -260,8 +244,7 @@ TEST_F(MaintenanceTest, AnAdministratorWhoSignsOutEndsIt) {
   OnSessionChange(WTS_SESSION_LOCK, 5);
   EXPECT_TRUE(IsOn());
   OnSessionChange(WTS_SESSION_LOGOFF, 5);
-  EXPECT_FALSE(state::ReadState(state::kMaintenance));
-  EXPECT_FALSE(state::ReadState(state::kMaintenanceAt));
+  EXPECT_FALSE(state::ReadState(state::kMaintenance) || state::ReadState(state::kMaintenanceAt));
   EXPECT_EQ(AutoAdminLogon(), L"1");
   EXPECT_EQ(test::CountLogged(kOver), 1);
   EndMaintenance("twice");
@@ -279,7 +262,6 @@ TEST_F(MaintenanceTest, AServiceThatStartsAgainKnowsWhoIsSignedIn) {
   sim::SetSession(0, L"Anna", sim::ComputerName());
   SetDword(state::kStateKey, L"Maintenance", 1);
   OnSessionChange(WTS_SESSION_LOGOFF, kOtherSession);
-  EXPECT_TRUE(IsOn());
   RememberAdministratorSessions();
   for (const DWORD other : {DWORD{0}, DWORD{4}, kKioskSession}) {
     OnSessionChange(WTS_SESSION_LOGOFF, other);
@@ -292,20 +274,15 @@ TEST_F(MaintenanceTest, AServiceThatStartsAgainKnowsWhoIsSignedIn) {
 TEST_F(MaintenanceTest, ItDoesNotSurviveARestartOfWindows) {
   clock_.RunFor(60'000);
   const std::uint64_t boot = clock_.SystemTime() - win32::TickCount() * (win32::kFileTimeSecond / 1000);
-  const struct {
-    std::uint64_t at;  // 0: missing
-    bool stays;
-  } cases[] = {{boot - 1, false}, {0, false}, {boot, true}, {boot + win32::kFileTimeSecond, true}};
-  for (const auto& each : cases) {
+  const std::pair<std::uint64_t, bool> cases[] = {
+      {boot - 1, false}, {0, false}, {boot, true}, {boot + win32::kFileTimeSecond, true}};
+  for (const auto& [at, stays] : cases) {
     SetDword(state::kStateKey, L"Maintenance", 1);
-    SetQword(L"MaintenanceAt", each.at);
-    if (each.at == 0) {
-      state::DeleteStateValue(state::kMaintenanceAt);
-    }
+    SetQword(L"MaintenanceAt", at);
     SetString(test::kWinlogon, L"AutoAdminLogon", L"0");
     EndMaintenanceOfEarlierBoot();
-    EXPECT_EQ(IsOn(), each.stays) << each.at;
-    EXPECT_EQ(AutoAdminLogon(), each.stays ? L"0" : L"1");
+    EXPECT_EQ(IsOn(), stays) << at;
+    EXPECT_EQ(AutoAdminLogon(), stays ? L"0" : L"1");
   }
   EXPECT_EQ(test::CountLogged("INFO maintenance over (Windows restarted): kiosk sign-in restored"), 2);
 }
@@ -328,45 +305,46 @@ TEST(MaintenanceFaults, AnAttemptThatIsCutShortCounts) {
   portal.On(L"POST", L"/api/kiosk/check-in", [](const sim::Request&) {
     return sim::Response{.body = R"({"status":"enrolled","exitPassword":"Way out"})"};
   });
+  const auto prepare = [] {
+    test::MakeKioskTerminal();
+    SetDword(state::kStateKey, L"MaintenanceFailures", 4);
+  };
+  const auto later = [] {
+    const std::string next = VerifyExitPassword("wrong");
+    EXPECT_TRUE(next == "locked" || next == "wrong_password") << next;
+    EXPECT_EQ(VerifyExitPassword("Way out"), "locked");
+  };
   sim::RunFaultScenario({.name = L"fifth wrong password",
-                         .prepare =
-                             [] {
-                               test::MakeKioskTerminal();
-                               SetDword(state::kStateKey, L"MaintenanceFailures", 4);
-                             },
+                         .prepare = prepare,
                          .run = [] { VerifyExitPassword("wrong"); },
-                         .later =
-                             [] {
-                               const std::string next = VerifyExitPassword("wrong");
-                               EXPECT_TRUE(next == "locked" || next == "wrong_password") << next;
-                               EXPECT_EQ(VerifyExitPassword("Way out"), "locked");
-                             }});
+                         .later = later});
 }
 
 // Whatever fails and whenever the process ends: after the next start of Windows the kiosk signs in by itself again.
 TEST(MaintenanceFaults, AStartOfWindowsEndsEveryHalf) {
-  const auto nextDay = [] {
-    sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 22, 9));
-    EndMaintenanceOfEarlierBoot();
-    EXPECT_FALSE(state::FlagIsOn(state::kMaintenance));
-    EXPECT_EQ(AutoAdminLogon(), L"1");
-  };
   const auto enter = [] {
     const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
     json::PostReplyAction after = nullptr;
     const text::Secret token = NewUnlockToken(kKioskSession);
     EnterMaintenance("", token.Get(), kKioskSession, after);
   };
-  sim::RunFaultScenario(
-      {.name = L"enter maintenance", .prepare = [] { test::MakeKioskTerminal(); }, .run = enter, .later = nextDay});
-  sim::RunFaultScenario({.name = L"end maintenance",
-                         .prepare =
-                             [enter] {
-                               test::MakeKioskTerminal();
-                               enter();
-                             },
-                         .run = [] { EndMaintenance("test"); },
-                         .later = nextDay});
+  for (const bool ending : {false, true}) {
+    const auto prepare = [&] {
+      test::MakeKioskTerminal();
+      if (ending) {
+        enter();
+      }
+    };
+    const auto run = [&] { ending ? EndMaintenance("test") : enter(); };
+    const auto nextDay = [] {
+      sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 22, 9));
+      EndMaintenanceOfEarlierBoot();
+      EXPECT_FALSE(state::FlagIsOn(state::kMaintenance));
+      EXPECT_EQ(AutoAdminLogon(), L"1");
+    };
+    sim::RunFaultScenario(
+        {.name = ending ? L"end maintenance" : L"enter maintenance", .prepare = prepare, .run = run, .later = nextDay});
+  }
 }
 
 }  // namespace

@@ -74,20 +74,6 @@ const Life kLives[] = {
      "account_exists"},
     {"somebody bears the name and signs in", [] { sim::AddUser(L"norvanekiosk"), NameUser(L"NORVANEKIOSK", L"1"); },
      "account_exists"},
-    {"groups with German names",
-     [] {
-       sim::SetGroupLanguage(L"de");
-       sim::AddToGroup(L"S-1-5-32-578", sim::FindUser(L"anna")->sid);
-     },
-     "", nullptr,
-     [] {
-       for (const wchar_t* group :
-            {L"S-1-5-32-544", L"S-1-5-32-547", L"S-1-5-32-555", L"S-1-5-32-551", L"S-1-5-32-556", L"S-1-5-32-578"}) {
-         sim::AddToGroup(group, KioskSid());
-       }
-       TrimPrivilegedGroups();
-       EXPECT_EQ(sim::GroupMembers(L"S-1-5-32-578").size(), 1U);
-     }},
     {"an administrator's policy", [] { SetFastUserSwitching(REG_DWORD); }, "", nullptr,
      [] { EXPECT_FALSE(test::HasValue(state::kStateKey, L"OwnsHideFastUserSwitching")); }},
     {"the same of another type", [] { SetFastUserSwitching(REG_SZ); }},

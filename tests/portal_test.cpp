@@ -1,7 +1,8 @@
-// The portal client, the device token and the check-in against a portal in script, in virtual time.
+// The portal client, the device token, the check-in and what it leads to, against a portal in script, in virtual time.
 #include "portal/auth_client.h"
 #include "portal/check_in.h"
 #include "portal/device_token.h"
+#include "portal/revocation.h"
 
 #include "json/parse.h"
 #include "json/serialise.h"
@@ -64,12 +65,13 @@ TEST_F(PortalTest, RequestsCarryExactlyWhatTheyShould) {
   EXPECT_EQ(requests[1].flags, static_cast<DWORD>(WINHTTP_FLAG_SECURE));
   EXPECT_EQ(requests[1].headers, L"Content-Type: application/json\r\nAccept: image/*\r\n");
   for (const sim::Request& request : requests) {
-    EXPECT_EQ(request.resolveTimeout, 15'000);
-    EXPECT_EQ(request.connectTimeout, 15'000);
-    EXPECT_EQ(request.sendTimeout, 15'000);
-    EXPECT_EQ(request.receiveTimeout, 15'000);
+    for (const int timeout :
+         {request.resolveTimeout, request.connectTimeout, request.sendTimeout, request.receiveTimeout}) {
+      EXPECT_EQ(timeout, 15'000);
+    }
     EXPECT_EQ(request.Number(WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, 0), 15'000U);
-    EXPECT_EQ(request.Number(WINHTTP_OPTION_DISABLE_FEATURE, 0), DWORD{WINHTTP_DISABLE_COOKIES | WINHTTP_DISABLE_KEEP_ALIVE});
+    EXPECT_EQ(request.Number(WINHTTP_OPTION_DISABLE_FEATURE, 0),
+              DWORD{WINHTTP_DISABLE_COOKIES | WINHTTP_DISABLE_KEEP_ALIVE});
     EXPECT_EQ(request.Number(WINHTTP_OPTION_AUTOLOGON_POLICY, 9),
               static_cast<DWORD>(WINHTTP_AUTOLOGON_SECURITY_LEVEL_HIGH));
     EXPECT_EQ(request.Number(WINHTTP_OPTION_REDIRECT_POLICY, 9),
@@ -79,42 +81,30 @@ TEST_F(PortalTest, RequestsCarryExactlyWhatTheyShould) {
   EXPECT_EQ(sim::OpenHttpHandles(), 0);
 }
 
-TEST_F(PortalTest, UnusableBaseUrlsFailWithoutANetwork) {
-  for (const wchar_t* url : {L"not a url", L"ftp://portal.test", L"http://"}) {
-    SetString(state::kStateKey, L"AuthBaseUrl", url);
-    EXPECT_EQ(Get().error, "unparseable AuthBaseUrl");
-  }
-  EXPECT_TRUE(portal_.Requests().empty());
-}
-
 TEST_F(PortalTest, FailuresOfEachPhaseAreToldApart) {
   struct {
-    const char* what;
     sim::Response response;
     const char* error;
     std::uint64_t atMost;  // virtual ms
   } const cases[] = {
-      {"refused", {.sendError = ERROR_WINHTTP_CANNOT_CONNECT}, "WinHTTP error 12029", 0},
-      {"silent server", {.headersDelay = INFINITE}, "WinHTTP error 12002", 15'000},
-      {"closed early", {.receiveError = ERROR_WINHTTP_INVALID_SERVER_RESPONSE}, "WinHTTP error 12152", 0},
-      {"falls silent in the body",
-       {.body = "half of it", .chunk = 1, .chunkDelay = 14'500},
-       "WinHTTP error 12002",
-       75'000},
-      {"dribbles for ever",
-       {.body = std::string(100, 'x'), .chunk = 1, .chunkDelay = 10'000},
-       "WinHTTP error 12002",
-       75'000},
+      {{.sendError = ERROR_WINHTTP_CANNOT_CONNECT}, "WinHTTP error 12029", 0},
+      {{.headersDelay = INFINITE}, "WinHTTP error 12002", 15'000},
+      {{.receiveError = ERROR_WINHTTP_INVALID_SERVER_RESPONSE}, "WinHTTP error 12152", 0},
+      {{.body = std::string(100, 'x'), .chunk = 1, .chunkDelay = 10'000}, "WinHTTP error 12002", 75'000},
   };
   for (const auto& each : cases) {
     Answer(L"GET", L"/x", each.response);
     const std::uint64_t start = clock_.Elapsed();
     const AuthReply reply = Get();
-    EXPECT_EQ(reply.error, each.error) << each.what;
-    EXPECT_EQ(reply.answered, 0) << each.what;
-    EXPECT_TRUE(reply.body.Empty()) << each.what;
-    EXPECT_LE(clock_.Elapsed() - start, each.atMost) << each.what;
+    EXPECT_EQ(reply.error, each.error);
+    EXPECT_TRUE(reply.answered == 0 && reply.body.Empty()) << each.error;
+    EXPECT_LE(clock_.Elapsed() - start, each.atMost) << each.error;
   }
+  for (const wchar_t* url : {L"not a url", L"ftp://portal.test", L"http://"}) {
+    SetString(state::kStateKey, L"AuthBaseUrl", url);
+    EXPECT_EQ(Get().error, "unparseable AuthBaseUrl");
+  }
+  EXPECT_EQ(portal_.Requests().size(), std::size(cases));
   EXPECT_EQ(sim::OpenHttpHandles(), 0);
 }
 
@@ -142,16 +132,14 @@ TEST_F(PortalTest, BodiesEndAtTheLimitOrWithTheConnection) {
 
 TEST_F(PortalTest, TokenIsProtectedAndEndsWhatWasLeftOpen) {
   SetDword(state::kStateKey, L"TeardownPending", 1);
-  SetString(state::kStateKey, L"UnknownSince", L"x");
   {
-    sim::FaultPass pass;
+    const sim::FaultPass pass;
     ASSERT_TRUE(StoreDeviceToken("tok-123"));
     EXPECT_TRUE(pass.Flushed(L"DeviceToken"));
   }
   EXPECT_EQ(ReadDeviceToken().Get(), "tok-123");
   EXPECT_EQ(sim::ReadNumber(L"DataProtection", L"Flags"), CRYPTPROTECT_UI_FORBIDDEN | CRYPTPROTECT_LOCAL_MACHINE);
   EXPECT_FALSE(HasValue(state::kStateKey, L"TeardownPending"));
-  EXPECT_FALSE(HasValue(state::kStateKey, L"UnknownSince"));
   const auto blob = state::ReadState(state::kDeviceToken);
   ASSERT_TRUE(blob);
   EXPECT_EQ(std::string(blob->bytes.begin(), blob->bytes.end()).find("tok-123"), std::string::npos);
@@ -174,16 +162,13 @@ TEST_F(PortalTest, CheckInAnswersThatApplyNothing) {
       {Reply(401, R"({"status":"unknown"})"), "HTTP 401, status unknown", DeviceStatus::kUnknown},
       {Reply(401, R"({"status":"REVOKED"})"), "HTTP 401, status REVOKED", DeviceStatus::kNone},
       {Reply(401, R"({"status":7})"), "HTTP 401 without a device status", DeviceStatus::kNone},
-      {Reply(401), "HTTP 401 without a device status", DeviceStatus::kNone},
       {Reply(401, "<html>"), "HTTP 401 without a device status", DeviceStatus::kNone},
       {Reply(401, R"({"status":")" + std::string(127, 'x') + "€\"}"), "HTTP 401, status " + std::string(127, 'x'),
        DeviceStatus::kNone},
       {Reply(503), "HTTP 503", DeviceStatus::kNone},
-      {Reply(302), "HTTP 302", DeviceStatus::kNone},
       {Reply(201, R"({"status":"enrolled"})"), "HTTP 201", DeviceStatus::kNone},
       {Reply(200, R"({"status":"pending"})"), "unexpected check-in reply", DeviceStatus::kNone},
       {Reply(200, R"(["enrolled"])"), "unexpected check-in reply", DeviceStatus::kNone},
-      {Reply(200, "<html>hello</html>"), "unexpected check-in reply", DeviceStatus::kNone},
       {Reply(200, R"({"status":"enrolled"} trailing)"), "unexpected check-in reply", DeviceStatus::kNone},
       {Reply(200, R"({"status":"enrolled","x":)" + deep), "unexpected check-in reply", DeviceStatus::kNone},
       {Reply(200, R"({"status":"enrolled","x":")" + std::string(80'000, 'x') + "\"}"), "unexpected check-in reply",
@@ -259,6 +244,87 @@ TEST_F(PortalTest, GoodCheckInIsTakenOverOnceAndSteadyOnesWriteNothing) {
     CheckIn("tok");
     EXPECT_FALSE(HasValue(state::kStateKey, L"TerminalName")) << name;
     EXPECT_EQ(test::LogTexts().back(), "INFO terminal name now \"\"");
+  }
+}
+
+// What a refused token leads to: at once, after 24 hours of virtual time, or never.
+constexpr std::uint64_t kHour = 3'600'000;  // ms
+constexpr char kToleratedLine[] =
+    "WARN check-in: AuthSystem does not recognise this terminal's token; kiosk mode stays unless that lasts 24 hours";
+
+class RevocationTest : public PortalTest {
+ protected:
+  void SetUp() override {
+    PortalTest::SetUp();
+    ASSERT_TRUE(StoreDeviceToken("tok-1"));
+  }
+  static bool Handle(DeviceStatus status) {
+    CheckInResult result;
+    result.deviceStatus = status;
+    return HandleDeviceStatus(result, "tok-1");
+  }
+  static std::uint64_t UnknownSince() {
+    const auto stored = state::ReadState(state::kUnknownSince);
+    return stored ? stored->Qword().value_or(0) : 0;
+  }
+};
+
+TEST_F(RevocationTest, RevokedTearsDownAtOnceWhateverTheStampHolds) {
+  ASSERT_TRUE(state::WriteStateQword(state::kUnknownSince, clock_.SystemTime()));
+  EXPECT_TRUE(Handle(DeviceStatus::kRevoked));
+  EXPECT_FALSE(state::TokenIsStored());
+  EXPECT_EQ(test::LogTexts(),
+            (std::vector<std::string>{"WARN check-in: the portal says this terminal was removed (revoked)",
+                                      "WARN removing kiosk mode: removed in the portal (401, status revoked)"}));
+}
+
+TEST_F(RevocationTest, UnknownIsToleratedForADayToTheMoment) {
+  const std::uint64_t first = clock_.SystemTime();
+  EXPECT_FALSE(Handle(DeviceStatus::kUnknown));
+  EXPECT_EQ(UnknownSince(), first);
+  for (const std::uint64_t at : {kHour, 24 * kHour - 1}) {
+    clock_.RunUntil(at);
+    EXPECT_FALSE(Handle(DeviceStatus::kUnknown)) << at;
+    EXPECT_EQ(UnknownSince(), first);
+  }
+  EXPECT_EQ(test::LogTexts(), std::vector<std::string>{kToleratedLine});
+  clock_.RunUntil(24 * kHour);
+  EXPECT_TRUE(Handle(DeviceStatus::kUnknown));
+  EXPECT_FALSE(state::TokenIsStored());
+  EXPECT_EQ(
+      test::LogTexts(),
+      (std::vector<std::string>{
+          kToleratedLine, "WARN check-in: the token has been unknown to AuthSystem for over 24 hours",
+          "WARN removing kiosk mode: the portal has not known this terminal for 24 hours (401, status unknown)"}));
+}
+
+TEST_F(RevocationTest, StampsThatTellNothingAreReplacedByNow) {
+  const std::uint64_t now = clock_.SystemTime();
+  for (const std::uint64_t stamp : {std::uint64_t{0}, now + 1, ~std::uint64_t{0}}) {
+    ASSERT_TRUE(state::WriteStateQword(state::kUnknownSince, stamp));
+    EXPECT_FALSE(Handle(DeviceStatus::kUnknown));
+    EXPECT_EQ(UnknownSince(), now) << stamp;
+  }
+  test::SetString(state::kStateKey, L"UnknownSince", L"yesterday");
+  EXPECT_FALSE(Handle(DeviceStatus::kUnknown));
+  EXPECT_EQ(UnknownSince(), now);
+  EXPECT_EQ(test::CountLogged(kToleratedLine), 4);
+}
+
+// The terminal was paired again while an answer to its old token was on its way.
+TEST_F(RevocationTest, AnswersToAnOldTokenTouchNothing) {
+  ASSERT_TRUE(StoreDeviceToken("tok-2"));
+  EXPECT_TRUE(Handle(DeviceStatus::kRevoked));  // the first line makes the log's folders
+  for (const bool stamped : {false, true}) {
+    if (stamped) {
+      ASSERT_TRUE(state::WriteStateQword(state::kUnknownSince, clock_.SystemTime() - 25ULL * 3600 * 10'000'000));
+    }
+    const sim::FaultPass pass;
+    EXPECT_TRUE(Handle(DeviceStatus::kRevoked));
+    EXPECT_FALSE(Handle(DeviceStatus::kUnknown));
+    EXPECT_FALSE(Handle(DeviceStatus::kNone));
+    EXPECT_EQ(pass.Count(), 0);
+    EXPECT_EQ(ReadDeviceToken().Get(), "tok-2");
   }
 }
 

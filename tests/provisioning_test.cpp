@@ -75,25 +75,26 @@ TEST_F(ProvisioningTest, SetsEverythingUpAndTwiceChangesNothingButThePassword) {
     EXPECT_TRUE(pass.Calls().back().object.ends_with(L"\\Provisioned"));
   }
   test::ExpectProvisioned();
-  EXPECT_EQ(state::ReadStateString(state::kPriorDefaultUserName), L"Operator");
-  EXPECT_EQ(state::ReadStateString(state::kPriorAutoLogonCount), L"7");
   const sim::User first = *sim::FindUser(L"NorvaneKiosk");
   EXPECT_EQ(first.fullName, L"Norvane");
   EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"1");
   EXPECT_FALSE(HasValue(kWinlogonKey, L"DefaultPassword") || HasValue(kWinlogonKey, L"AutoLogonCount"));
-  EXPECT_EQ(state::ReadStateString(state::kPriorDefaultPassword), L"clear text");
   EXPECT_EQ(state::ReadDword(kPasswordLessKey, L"DevicePasswordLessBuildVersion"), DWORD{0});
   EXPECT_EQ(state::ReadDword(kSystemPoliciesKey, L"EnableFirstLogonAnimation"), DWORD{0});
   EXPECT_EQ(state::ReadDword(kSystemPoliciesKey, kHide), DWORD{1});
-  EXPECT_TRUE(state::FlagIsOn(state::kOwnsHideFastUserSwitching));
   EXPECT_FALSE(HasValue(state::kStateKey, L"TeardownPending") || HasValue(state::kStateKey, L"LastError"));
   EXPECT_TRUE(IsKioskProvisioned());
   EXPECT_EQ(test::LogTexts(),
             (std::vector<std::string>{"INFO created NorvaneKiosk (" + sim::Narrow(first.sid) + ")",
                                       "INFO provisioned: NorvaneKiosk signs in at startup into "
                                       "C:\\Program Files\\Łódź\\NorvaneTessalyClient.exe --kiosk-shell"}));
+  // In maintenance, and with its own name gone: no reason to refuse.
+  SetString(kWinlogonKey, L"DefaultUserName", L"Operator");
+  SetDword(state::kStateKey, L"Maintenance", 1);
+  SetString(kWinlogonKey, L"AutoAdminLogon", L"0");
   EXPECT_EQ(ProvisionKioskAccount({}), "");
   test::ExpectProvisioned();
+  EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"0");
   EXPECT_EQ(Sid(), first.sid);
   EXPECT_NE(sim::AccountPassword(L"NorvaneKiosk"), first.password);
 }
@@ -122,29 +123,30 @@ TEST_F(ProvisioningTest, EachFailureHasItsCodeAndIsOverWhenItsCauseIs) {
       {"\\Kiosk\\Provisioned)", true, "state_write_failed", 0},
   };
   EXPECT_EQ(ProvisionKioskAccount({}), "");  // its first line makes the log's folders
-  PrepareComputer();
-  std::vector<sim::ChangeCall> calls[2];  // of a first run and of another
-  for (auto& each : calls) {
-    const sim::FaultPass pass;
-    EXPECT_EQ(ProvisionKioskAccount({}), "");
-    each = pass.Calls();
-  }
   for (const auto& failure : cases) {
     SCOPED_TRACE(failure.call);
-    PrepareComputer();
-    if (failure.secondRun) {
-      EXPECT_EQ(ProvisionKioskAccount({}), "");
+    std::ptrdiff_t point = 0;
+    for (const bool counting : {true, false}) {
+      PrepareComputer();
+      if (failure.secondRun) {
+        EXPECT_EQ(ProvisionKioskAccount({}), "");
+      }
+      if (counting) {
+        const sim::FaultPass pass;
+        EXPECT_EQ(ProvisionKioskAccount({}), "");
+        const auto& calls = pass.Calls();
+        const auto found = std::find_if(calls.begin(), calls.end(), [&](const sim::ChangeCall& call) {
+          return call.Text().find(failure.call) != std::string::npos;
+        });
+        ASSERT_NE(found, calls.end());
+        point = found - calls.begin() + 1;
+      }
     }
-    const auto& run = calls[failure.secondRun ? 1 : 0];
-    const auto point = std::find_if(run.begin(), run.end(), [&](const sim::ChangeCall& call) {
-      return call.Text().find(failure.call) != std::string::npos;
-    });
-    ASSERT_NE(point, run.end());
     const std::string line =
         std::string("ERROR provisioning failed: ") + failure.code + " (" + std::to_string(failure.number) + ")";
     const int logged = CountLogged(line);
     {
-      const sim::FaultPass pass(sim::FaultKind::kFail, static_cast<int>(point - run.begin()) + 1);
+      const sim::FaultPass pass(sim::FaultKind::kFail, static_cast<int>(point));
       EXPECT_EQ(ProvisionKioskAccount({}), failure.code);
     }
     EXPECT_EQ(CountLogged(line), logged + 1);
@@ -220,19 +222,8 @@ TEST_F(ProvisioningTest, AVanishedAccountIsReplacedAndItsProfileDeleted) {
   EXPECT_TRUE(sim::ProfileFolder(old).empty());
 }
 
-TEST_F(ProvisioningTest, WhatTheServiceOwnsOrMaintenanceSwitchedOffIsNoReasonToRefuse) {
-  EXPECT_EQ(ProvisionKioskAccount({}), "");
-  SetString(kWinlogonKey, L"DefaultUserName", L"Operator");
-  SetDword(state::kStateKey, L"Maintenance", 1);
-  SetString(kWinlogonKey, L"AutoAdminLogon", L"0");
-  EXPECT_EQ(ProvisionKioskAccount({}), "");
-  EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"0");
-}
-
 TEST_F(ProvisioningTest, GroupsAreFoundInEveryLanguage) {
   sim::SetGroupLanguage(L"de");
-  EXPECT_EQ(WellKnownGroupName(L"S-1-5-32-545"), L"Benutzer");
-  EXPECT_EQ(WellKnownGroupName(L"no SID"), L"");
   EXPECT_EQ(ProvisionKioskAccount({}), "");
   const wchar_t* const groups[] = {L"S-1-5-32-544", L"S-1-5-32-547", L"S-1-5-32-555",
                                    L"S-1-5-32-551", L"S-1-5-32-556", L"S-1-5-32-578"};
@@ -272,25 +263,18 @@ TEST_F(ProvisioningTest, OnlyForTheEnrolmentThatAskedForItAndOnlyWhenNeeded) {
   EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
   sim::FailAccountLookups(0);
   EXPECT_EQ(sim::AccountPassword(L"NorvaneKiosk"), password) << "set up again without need";
-  sim::RemoveUser(L"NorvaneKiosk");
-  EXPECT_EQ(ProvisionIfNeeded("new"), "");
-  test::ExpectProvisioned();
 }
 
 TEST_F(ProvisioningTest, PoliciesAreAppliedAgainOnlyWhileTheUserIsSignedIn) {
   EXPECT_EQ(ProvisionKioskAccount({}), "");
-  const std::wstring key = Sid() + L"\\Control Panel\\Colors";
   ApplyKioskPolicies();
   ASSERT_EQ(sim::LoadHive(Sid(), sim::ProfileFolder(Sid()) + L"\\NTUSER.DAT"), DWORD{ERROR_SUCCESS});
-  RegDeleteKeyValueW(HKEY_USERS, key.c_str(), L"Background");
-  ApplyKioskPolicies();
-  wchar_t text[16] = L"";
-  DWORD size = sizeof(text);
-  EXPECT_EQ(RegGetValueW(HKEY_USERS, key.c_str(), L"Background", RRF_RT_REG_SZ, nullptr, text, &size), ERROR_SUCCESS);
-  EXPECT_STREQ(text, L"0 0 0");
-  const sim::FaultPass pass;
-  ApplyKioskPolicies();
-  EXPECT_EQ(pass.Count(), 0) << "a steady terminal writes nothing";
+  RegDeleteKeyValueW(HKEY_USERS, (Sid() + L"\\Control Panel\\Colors").c_str(), L"Background");
+  for (const int writes : {1, 0}) {
+    const sim::FaultPass pass;
+    ApplyKioskPolicies();
+    EXPECT_EQ(pass.Count(), writes);
+  }
 }
 
 }  // namespace

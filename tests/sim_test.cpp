@@ -1,4 +1,5 @@
-// The simulated Windows where no test of the service would notice that it checks nothing: clock, ranks, violations, faults.
+// The simulated Windows where no test of the service would notice that it checks nothing: clock, ranks, violations,
+// faults.
 #include "sim/clock.h"
 #include "sim/fault_driver.h"
 #include "sim/gtest_report.h"
@@ -128,19 +129,16 @@ TEST(SimFaults, EveryPointInEveryWayAndAWrongOrderIsFound) {
 }
 
 TEST(SimFaults, CallsFailInTheirOwnWayAndFlushesAreSeen) {
-  {
-    sim::FaultPass pass;
-    MarkAndChange(L"Mine", L"Changed");
-    EXPECT_TRUE(pass.Flushed(L"Mine"));
-    EXPECT_FALSE(pass.Flushed(L"Changed"));
-    EXPECT_EQ(pass.Calls()[1].Text(), "RegSetValueExW(HKLM\\Software\\SimTest\\Mine)");
-  }
-  sim::FaultPass pass(sim::FaultKind::kFail, 2, ERROR_DISK_FULL);
-  EXPECT_NE(CreateDirectoryW(L"C:\\simtest", nullptr), 0);
-  EXPECT_EQ(RemoveDirectoryW(L"C:\\simtest"), 0);
+  const sim::FaultPass pass(sim::FaultKind::kFail, 5, ERROR_DISK_FULL);
+  MarkAndChange(L"Mine", L"Changed");
+  EXPECT_TRUE(pass.Flushed(L"Mine"));
+  EXPECT_FALSE(pass.Flushed(L"Changed"));
+  EXPECT_EQ(pass.Calls()[1].Text(), "RegSetValueExW(HKLM\\Software\\SimTest\\Mine)");
+  EXPECT_EQ(CreateDirectoryW(L"C:\\simtest", nullptr), 0);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_DISK_FULL));
-  EXPECT_NE(RemoveDirectoryW(L"C:\\simtest"), 0);
-  EXPECT_EQ(pass.Calls()[2].Text(), "RemoveDirectoryW(c:\\simtest)");
+  EXPECT_EQ(pass.Calls()[4].Text(), "CreateDirectoryW(c:\\simtest)");
+  EXPECT_NE(CreateDirectoryW(L"C:\\simtest", nullptr), 0) << "it failed twice";
+  RemoveDirectoryW(L"C:\\simtest");
 }
 
 }  // namespace

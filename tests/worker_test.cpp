@@ -11,6 +11,7 @@
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 #include "win32/stop.h"
+#include "win32/thread.h"
 
 #include <utility>
 
@@ -31,25 +32,17 @@ class WorkerTest : public test::CleanMachine {
     ASSERT_TRUE(win32::CreateStopEvent());
     ASSERT_TRUE(portal::CreateWorkerWake());
     portal_.On(L"POST", L"/api/kiosk/check-in", [this](const sim::Request&) {
-      sim::Response response;
-      response.status = reachable_ ? status_ : 503;
-      response.body = answer_;
-      return response;
+      return sim::Response{.status = reachable_ ? status_ : 503, .body = answer_};
     });
   }
   void TearDown() override {
     win32::RequestStop();
-    EXPECT_EQ(WaitForSingleObject(thread_, 10'000), WAIT_OBJECT_0);
-    CloseHandle(thread_);
+    EXPECT_EQ(WaitForSingleObject(thread_.Get(), 10'000), WAIT_OBJECT_0);
   }
 
   void Enrol() { ASSERT_TRUE(portal::StoreDeviceToken("tok")); }
   void StartWorker() {
-    const auto entry = [](void*) -> DWORD {
-      RunWorker();
-      return 0;
-    };
-    thread_ = CreateThread(nullptr, 0, entry, nullptr, 0, nullptr);
+    thread_ = win32::StartThread([]() noexcept { RunWorker(); });
   }
   // Seconds of virtual time at which check-ins were sent.
   std::vector<std::uint64_t> CheckIns() {
@@ -67,7 +60,7 @@ class WorkerTest : public test::CleanMachine {
   bool reachable_ = true;
   DWORD status_ = 200;
   std::string answer_ = R"({"status":"enrolled","name":"Hall"})";
-  HANDLE thread_ = nullptr;
+  win32::KernelHandle thread_;
 };
 
 TEST_F(WorkerTest, OutageBacksOffAndIsLoggedOnce) {
@@ -103,29 +96,20 @@ TEST_F(WorkerTest, WakeDuringABackOffIsActedOnAtOnce) {
   EXPECT_EQ(CheckIns(), (Times{0, 30, 90, 210, 450, 930, 1000, 1030}));
 }
 
-TEST_F(WorkerTest, SleepsUntilPairingWakesIt) {
-  StartWorker();
-  clock_.RunUntil(86'400'000);
-  EXPECT_EQ(CheckIns(), Times{});
-  clock_.At(90'000'000, [this] {
-    Enrol();
-    portal::WakeWorker();
-  });
-  clock_.RunUntil(90'070'000);
-  EXPECT_EQ(CheckIns(), (Times{90'000, 90'030, 90'060}));
-}
-
-TEST_F(WorkerTest, OtherErrorsOnRecordSurviveAnOutage) {
+TEST_F(WorkerTest, OtherErrorsOnRecordSurviveAnOutageAndThoseOfACheckInARestart) {
+  RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kUpdateKey, L"ClientInstallDir");
   Enrol();
   reachable_ = false;
   state::RecordLastError("no_client");
   StartWorker();
   clock_.RunUntil(60'000);
   EXPECT_EQ(state::ReadStateString(state::kLastError), L"no_client");
-  RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kUpdateKey, L"ClientInstallDir");
   reachable_ = true;
   clock_.RunUntil(120'000);
   EXPECT_EQ(state::ReadStateString(state::kLastError), L"no_client");
+  state::RecordLastError("WinHTTP error 12029");
+  clock_.RunUntil(155'000);
+  EXPECT_EQ(state::ReadStateString(state::kLastError), L"");
 }
 
 TEST_F(WorkerTest, ProvisionsAtTheFirstGoodAnswerAndAfterAFailureEveryTenMinutes) {
@@ -181,52 +165,38 @@ TEST_F(WorkerTest, RevocationEndsTheEnrolmentAndWhatIsPendingIsRetried) {
   EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
 }
 
-TEST_F(WorkerTest, BrandingComesWithACheckInAndGoesWithTheEnrolment) {
-  constexpr wchar_t kRecord[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Kiosk\\Branding\\branding.json";
-  answer_ = R"({"status":"enrolled","tenantId":"t1","branding":{"displayName":"Norvane"}})";
+TEST_F(WorkerTest, BrandingAndPowerComeWithACheckInAndBrandingGoesWithTheEnrolment) {
+  constexpr wchar_t kFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Kiosk";
+  answer_ = R"({"status":"enrolled","branding":{"displayName":"N"},"power":{"screenOffMinutes":1,"sleepMinutes":2,)"
+            R"("schedule":{"enabled":false,"sleepAt":"22:00","wakeAt":"07:00","days":[]}}})";
   Enrol();
-  StartWorker();
-  clock_.RunUntil(29'000);
-  EXPECT_EQ(test::ReadWholeFile(kRecord), R"({"displayName":"Norvane","photos":[],"tenantId":"t1"})");
-  status_ = 401;
-  answer_ = R"({"status":"revoked"})";
-  clock_.RunUntil(31'000);
-  EXPECT_EQ(GetFileAttributesW(L"C:\\ProgramData\\Norvane\\Tessaly\\Kiosk"), INVALID_FILE_ATTRIBUTES);
-}
-
-TEST_F(WorkerTest, CheckInErrorFromBeforeARestartIsCleared) {
-  Enrol();
-  state::RecordLastError("WinHTTP error 12029");
-  StartWorker();
-  clock_.RunUntil(1'000);
-  EXPECT_EQ(state::ReadStateString(state::kLastError), L"");
-  EXPECT_EQ(test::CountLogged("INFO check-in: AuthSystem reachable again"), 0);
-}
-
-TEST_F(WorkerTest, PowerPolicyIsAppliedAfterEachGoodAnswer) {
-  Enrol();
-  answer_ = R"({"status":"enrolled","power":{"screenOffMinutes":1,"sleepMinutes":2,"schedule":)"
-            R"({"enabled":false,"sleepAt":"22:00","wakeAt":"07:00","days":[]}}})";
   StartWorker();
   clock_.RunUntil(10'000);
+  EXPECT_NE(GetFileAttributesW((std::wstring(kFolder) + L"\\Branding\\branding.json").c_str()),
+            INVALID_FILE_ATTRIBUTES);
   EXPECT_EQ(sim::SchemeIndexes({}), (sim::Indexes{60, 60, 120, 120, 2, 0}));
   sim::SetSchemeIndexes(sim::kBalanced, {60, 60, 120, 0, 2, 0});
   clock_.RunUntil(40'000);
   EXPECT_EQ(sim::SchemeIndexes({}), (sim::Indexes{60, 60, 120, 120, 2, 0}));
+  status_ = 401;
+  answer_ = R"({"status":"revoked"})";
+  clock_.RunUntil(70'000);
+  EXPECT_EQ(GetFileAttributesW(kFolder), INVALID_FILE_ATTRIBUTES);
 }
 
 TEST_F(WorkerTest, StopEndsAWaitAtOnce) {
   Enrol();
   StartWorker();
   clock_.At(10'000, [] { win32::RequestStop(); });
-  EXPECT_EQ(WaitForSingleObject(thread_, 29'000), WAIT_OBJECT_0);
+  EXPECT_EQ(WaitForSingleObject(thread_.Get(), 29'000), WAIT_OBJECT_0);
   EXPECT_EQ(clock_.Elapsed(), 10'000U);
   EXPECT_EQ(CheckIns(), Times{0});
 }
 
 TEST_F(WorkerTest, StopDuringACheckInIsNoOutage) {
   Enrol();
-  portal_.On(L"POST", L"/api/kiosk/check-in", [](const sim::Request&) { return sim::Response{.headersDelay = 10'000}; });
+  portal_.On(L"POST", L"/api/kiosk/check-in",
+             [](const sim::Request&) { return sim::Response{.headersDelay = 10'000}; });
   clock_.SetGrace(200);  // the call is ended from a thread of the real pool
   StartWorker();
   clock_.At(5'000, [] { win32::RequestStop(); });

@@ -41,9 +41,7 @@ class Terminal:
         self.environment = {k: v for k, v in os.environ.items() if k != "DISPLAY"} | {
             "WINEPREFIX": str(self.prefix), "WINEARCH": "win64", "WINEDEBUG": "-all",
             "WINEDLLOVERRIDES": "mscoree,mshtml,winemenubuilder.exe=;winedbg.exe=d"}
-        self._programs = programs
-        self._service = service
-        self._unsigned = unsigned
+        self._programs, self._service, self._unsigned = programs, service, unsigned
 
     def __enter__(self):
         subprocess.run([REPOSITORY / "tools/dev/wine-prefix", self.prefix], check=True)
@@ -94,11 +92,9 @@ class Terminal:
                 except subprocess.TimeoutExpired:
                     process.kill()
                     raise
-            texts = []
             for file in (out, err):
                 file.seek(0)
-                texts.append(file.read().decode("utf-8", "replace"))
-        return process.returncode, *texts
+            return process.returncode, *(file.read().decode("utf-8", "replace") for file in (out, err))
 
     def ask(self, **request):
         """Sends one request to the service; returns its reply."""
@@ -115,11 +111,11 @@ class Terminal:
                               stdin=subprocess.DEVNULL, capture_output=True)
         return done.returncode, done.stdout.decode("utf-8", "replace")
 
-    def set_string(self, name, text, key=STATE_KEY):
-        assert self.registry("add", key, "/v", name, "/d", text, "/f")[0] == 0
+    def set_string(self, name, text, key=STATE_KEY, type="REG_SZ"):
+        assert self.registry("add", key, "/v", name, "/t", type, "/d", text, "/f")[0] == 0
 
     def set_dword(self, name, number, key=STATE_KEY):
-        assert self.registry("add", key, "/v", name, "/t", "REG_DWORD", "/d", str(number), "/f")[0] == 0
+        self.set_string(name, str(number), key, "REG_DWORD")
 
     def value(self, name, key=STATE_KEY):
         """The value as reg.exe shows it; None when it is not there."""
@@ -136,7 +132,7 @@ class Terminal:
         thumbprint = hashlib.sha1(certificate).digest()
         blob = struct.pack("<III", 3, 1, 20) + thumbprint + struct.pack("<III", 0x20, 1, len(certificate)) + certificate
         key = r"HKLM\Software\Microsoft\SystemCertificates\Root\Certificates" + "\\" + thumbprint.hex().upper()
-        assert self.registry("add", key, "/v", "Blob", "/t", "REG_BINARY", "/d", blob.hex(), "/f")[0] == 0
+        self.set_string("Blob", blob.hex(), key, "REG_BINARY")
 
     # -- the simulated machine, with NorvaneKioskSim.exe as the service ---------------------------------------------
 

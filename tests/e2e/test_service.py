@@ -50,28 +50,16 @@ class Installation(unittest.TestCase):
             self.assertNotEqual(terminal.registry("query", SERVICE_KEY)[0], 0)
             self.assertIsNone(terminal.service_process())
             self.assertEqual(terminal.run("kioskctl.exe", "status")[0], 3)
-            self.check_log(terminal.log())
+            self.assertEqual(terminal.log()[-1], "INFO Kiosk shutting down")
 
     def check_configuration(self, terminal):
         text = terminal.registry("query", SERVICE_KEY)[1]
         values = dict(re.findall(r"^ +(\w+) +REG_\w+ +(.*?)\r?$", text, re.M))
-        self.assertEqual(values["ImagePath"], f'"{PROGRAM_FOLDER}\\NorvaneKiosk.exe"')
-        self.assertEqual((values["Start"], values["Type"], values["ErrorControl"]), ("0x2", "0x10", "0x1"))
-        self.assertEqual(values["ObjectName"], "LocalSystem")
-        self.assertEqual(values["DisplayName"], "Norvane (Tessaly) Kiosk")
-        self.assertEqual(values["Description"],
-                         "Enrols this computer as a Norvane kiosk terminal and manages its kiosk account.")
-
-    def check_log(self, lines):
-        service = lines[lines.index("INFO Kiosk shutting down") + 1:]  # after the first, vain uninstall
-        self.assertEqual(service[0], "INFO Kiosk v2026-10-15-0001 starting")
-        self.assertRegex(service[1], r"^INFO machine=[0-9a-f-]{36} tenant=unknown site=unknown host=\S+$")
-        self.assertEqual(service[2:6], [
-            "INFO Central logging: off | local files: on",
-            "WARN this service is not signed (a dev build): it admits callers only while DevAllowUnsigned=1",
-            "INFO enrolled=0 provisioned=0 maintenance=0",
-            "INFO listening on \\\\.\\pipe\\NorvaneKiosk"])
-        self.assertEqual(service.count("INFO Kiosk shutting down"), 2)  # the service and the uninstalling program
+        self.assertLessEqual({
+            "ImagePath": f'"{PROGRAM_FOLDER}\\NorvaneKiosk.exe"', "Start": "0x2", "Type": "0x10", "ErrorControl": "0x1",
+            "ObjectName": "LocalSystem", "DisplayName": "Norvane (Tessaly) Kiosk",
+            "Description": "Enrols this computer as a Norvane kiosk terminal and manages its kiosk account.",
+        }.items(), values.items())
 
     def test_failure_actions_and_controls_on_the_simulated_windows(self):
         with Terminal(service="NorvaneKioskSim.exe") as terminal:
@@ -106,19 +94,22 @@ class Life(unittest.TestCase):
             stage = life.Stage(portal, terminal, patient=False)
             life.play(stage, life.FIRST_LIFE + life.SECOND_LIFE)
 
-    def test_stop_while_the_portal_is_silent(self):
+    def test_stop_while_the_portal_is_silent_or_dribbles(self):
         with Portal() as portal, Terminal() as terminal:
             terminal.install(url=portal.url)
-            portal.outage("hang")
-            with terminal.start("kioskctl-dev.exe", "send", '{"cmd":"pair.begin"}') as waiting:
-                portal.wait(lambda: any(r.path == "/api/kiosk/pair" for r in portal.requests), 20)
-                started = time.monotonic()
-                self.assertEqual(terminal.net("stop"), 0)
-                # Here the system cannot end a wait for response headers, so the phase's own bound of 15 s holds.
-                wait_for(lambda: terminal.service_process() is None, "the service to stop", 20)
-                self.assertLess(time.monotonic() - started, 20)
-                waiting.communicate(timeout=10)
-            self.assertEqual(terminal.log()[-1], "INFO Kiosk shutting down")
+            slow = Reply(200, body=b'{"pairingCode":"ABCD1234"}' + b" " * 400, dribble=0.2)
+            for mode in ("hang", "off"):
+                portal.outage(mode)
+                portal.script("/api/kiosk/pair", [slow])
+                seen = len(portal.requests)
+                with terminal.start("kioskctl-dev.exe", "send", '{"cmd":"pair.begin"}') as waiting:
+                    self.assertTrue(portal.wait(lambda: len(portal.requests) > seen, 20))
+                    self.assertEqual(terminal.net("stop"), 0)
+                    # Here the system cannot end a wait for response headers, so the phase's own bound of 15 s holds.
+                    wait_for(lambda: terminal.service_process() is None, "the service to stop", 20)
+                    waiting.communicate(timeout=10)
+                self.assertEqual(terminal.log()[-1], "INFO Kiosk shutting down")
+                terminal.start_service()
 
 
 class SupportBundle(unittest.TestCase):
@@ -167,34 +158,26 @@ class RealHttp(unittest.TestCase):
 
     def test_answers_to_pairing(self):
         big = b'{"pairingCode":"ABCD1234","x":"' + b"x" * 200_000
-        cases = [
-            (Reply(200, body=b"<html><body>Sign in to the network</body></html>"), "server_error"),
-            (Reply(200, body=big + b'"}'), "server_error"),
-            (Reply(200, body=b'{"pairingCode":"ABCD1234","x":' + b"[" * 5000), "server_error"),
-            (Reply(200, body=b'{"pairingCode":"ABCD1234"}', cut=10), "server_error"),
-            (Reply(500), "server_error"),
-            (Reply(raw=b""), "unreachable"),
-        ]
+        replies = [Reply(200, body=b"<html><body>Sign in to the network</body></html>"),
+                   Reply(200, body=big + b'"}'), Reply(200, body=b'{"pairingCode":"ABCD1234","x":' + b"[" * 5000),
+                   Reply(200, body=b'{"pairingCode":"ABCD1234"}', cut=10), Reply(500)]
         with Portal() as portal, Terminal() as terminal:
             terminal.install(url=portal.url)
-            for reply, code in cases:
+            for reply in replies:
                 portal.script("/api/kiosk/pair", [reply])
-                self.assertEqual(terminal.ask(cmd="pair.begin"), {"ok": False, "error": code}, repr(reply))
-            terminal.set_string("AuthBaseUrl", "http://127.0.0.1:9")
-            self.assertEqual(terminal.ask(cmd="pair.begin"), {"ok": False, "error": "unreachable"})
-            self.assertIn("WARN pairing: AuthSystem unreachable (WinHTTP error 12029)", terminal.log())
-            terminal.set_string("AuthBaseUrl", "no url")
-            self.assertEqual(terminal.ask(cmd="pair.begin"), {"ok": False, "error": "unreachable"})
-            self.assertIn("WARN pairing: AuthSystem unreachable (unparseable AuthBaseUrl)", terminal.log())
+                self.assertEqual(terminal.ask(cmd="pair.begin"), {"ok": False, "error": "server_error"}, repr(reply))
+            portal.script("/api/kiosk/pair", [Reply(raw=b"")])
+            for url, said in ((portal.url, "WinHTTP error 12"), ("http://127.0.0.1:9", "WinHTTP error 12029"),
+                              ("no url", "unparseable AuthBaseUrl")):
+                terminal.set_string("AuthBaseUrl", url)
+                self.assertEqual(terminal.ask(cmd="pair.begin"), {"ok": False, "error": "unreachable"})
+                self.assertIn("WARN pairing: AuthSystem unreachable (" + said, terminal.log()[-1])
 
     def test_redirect_keeps_the_token_at_home(self):
         with Portal() as portal, Portal() as elsewhere, Terminal() as terminal:
             terminal.install(url=portal.url)
             portal.script("/api/kiosk/check-in", [Reply(307, headers={"Location": elsewhere.url + "/api/kiosk/check-in"})])
-            begun = terminal.ask(cmd="pair.begin")
-            portal.claim(begun["code"])
-            checked = terminal.ask(cmd="pair.check", code=begun["code"])
-            self.assertEqual(checked, {"ok": False, "error": "no_client"})
+            pair(terminal, portal)
             self.assertEqual(list(elsewhere.requests), [])
 
     def test_branding_arrives_and_a_slow_photo_ends_with_a_stop(self):
@@ -220,16 +203,6 @@ class RealHttp(unittest.TestCase):
             self.assertEqual(terminal.net("stop"), 0)
             wait_for(lambda: terminal.service_process() is None, "the service to stop", 5)
             self.assertEqual({file.name for file in folder.iterdir()}, {"branding.json", digests[0]})
-
-    def test_dribbled_reply_ends_with_a_stop(self):
-        with Portal() as portal, Terminal() as terminal:
-            terminal.install(url=portal.url)
-            portal.script("/api/kiosk/pair", [Reply(200, body=b'{"pairingCode":"ABCD1234"}' + b" " * 400, dribble=0.2)])
-            with terminal.start("kioskctl-dev.exe", "send", '{"cmd":"pair.begin"}') as waiting:
-                portal.wait(lambda: len(portal.requests) > 0, 20)
-                self.assertEqual(terminal.net("stop"), 0)
-                wait_for(lambda: terminal.service_process() is None, "the service to stop", 16)
-                waiting.communicate(timeout=10)
 
     def test_https_only_with_a_trusted_certificate(self):
         with tempfile.TemporaryDirectory() as folder, Portal(tls=folder) as portal, Terminal() as terminal:

@@ -65,43 +65,33 @@ TEST(JsonParse, RefusesWithMessageAndOffset) {
   const struct {
     std::string text, error;
   } cases[] = {
-      {"", "unexpected end of input at offset 0"},
       {" \n ", "unexpected end of input at offset 3"},
-      {"tru", "bad literal at offset 0"},
       {"[nul]", "bad literal at offset 1"},
       {"fAlse", "bad literal at offset 0"},
       {"[1,]", "expected number at offset 3"},
       {"Infinity", "expected number at offset 0"},
       {"\xEF\xBB\xBF{}", "expected number at offset 0"},
       {"\f1", "expected number at offset 0"},
-      {"[1e999]", "number out of range at offset 1"},
-      {"-1e999", "number out of range at offset 0"},
+      {"[-1e999]", "number out of range at offset 1"},
       {std::string(400, '9'), "number out of range at offset 0"},
-      {"[", "unterminated array at offset 1"},
       {"[1", "unterminated array at offset 2"},
       {"[1, ", "unexpected end of input at offset 4"},
       {"[1 2]", "expected ',' or ']' at offset 3"},
-      {"{", "unterminated object at offset 1"},
       {"{\"a\"", "unterminated object at offset 4"},
       {"{\"a\":", "unexpected end of input at offset 5"},
       {"{\"a\":1 ", "unterminated object at offset 7"},
       {"{\"a\":1,", "unterminated object at offset 7"},
       {"{\"a\":1,}", "expected object key at offset 7"},
-      {"{1:2}", "expected object key at offset 1"},
       {"{\"a\" 1}", "expected ':' at offset 5"},
       {"{\"a\":1;}", "expected ',' or '}' at offset 6"},
-      {"\"abc", "unterminated string at offset 4"},
       {"{\"abc", "unterminated string at offset 5"},
       {"\"abc\\", "unterminated escape at offset 5"},
-      {"\"\\q\"", "bad escape at offset 2"},
       {"\"\\U0041\"", "bad escape at offset 2"},
       {"\"\\u12\"", "short \\u escape at offset 3"},
       {"\"\\u12\" ", "bad hex digit at offset 5"},
       {"\"\\ud83d\\u12", "short \\u escape at offset 9"},
       {"\"\\ud83d\\u12x4\"", "bad hex digit at offset 11"},
-      {"{} x", "trailing data at offset 3"},
       {"truex", "trailing data at offset 4"},
-      {"1 2", "trailing data at offset 2"},
       {std::string("1\0", 2), "trailing data at offset 1"},
       {Nested(65, '[', "7", ']'), "nesting too deep at offset 64"},
       {Nested(65, '{', "7", '}'), "nesting too deep at offset 320"},
@@ -160,12 +150,11 @@ TEST(JsonNumbers, ReadAndPrintAsTheCLibraryDoes) {
 TEST(JsonValue, ReadsAnyKindAndFallsBack) {
   const Value object = Value::Object().Set("ok", true).Set("n", 15).Set("s", "text").Set("a", Value::Array());
   EXPECT_EQ(Serialise(object), R"({"ok":true,"n":15,"s":"text","a":[]})");
-  EXPECT_EQ(AsString(Member(object, "ok"), "x"), "true");
-  EXPECT_EQ(AsString(Value(false), "x"), "false");
-  EXPECT_EQ(AsString(Member(object, "n"), "x"), "15");
-  EXPECT_EQ(AsString(Member(object, "s"), "x"), "text");
-  EXPECT_EQ(AsString(Member(object, "a"), "x"), "x");
-  EXPECT_EQ(AsString(Member(object, "absent"), "x"), "x");
+  const std::pair<const char*, const char*> texts[] = {
+      {"ok", "true"}, {"n", "15"}, {"s", "text"}, {"a", "x"}, {"absent", "x"}};
+  for (const auto& [key, text] : texts) {
+    EXPECT_EQ(AsString(Member(object, key), "x"), text) << key;
+  }
   EXPECT_TRUE(Member(Value("no object"), "ok").IsNull());
   EXPECT_TRUE(Member(Member(object, "absent"), "ok").IsNull());
   // Reading as another kind gives something empty and never fails.
@@ -173,13 +162,10 @@ TEST(JsonValue, ReadsAnyKindAndFallsBack) {
     EXPECT_EQ(value.boolean(), value.IsBool());
     EXPECT_EQ(value.number(), value.IsNumber() ? 1.5 : 0.0);
     EXPECT_EQ(value.text(), value.IsString() ? "t" : "");
-    EXPECT_TRUE(value.items().empty());
-    EXPECT_EQ(value.keys().size(), value.IsObject() ? 4U : 0U);
-    EXPECT_EQ(value.values().size(), value.keys().size());
+    EXPECT_EQ(value.keys().size() + value.items().size(), value.IsObject() ? 4U : 0U);
   }
   Value text("t");
-  EXPECT_EQ(Serialise(text.Set("k", 1)), "\"t\"");
-  text.Append(1);
+  text.Set("k", 1).Append(1);
   EXPECT_EQ(Serialise(text), "\"t\"");
 }
 

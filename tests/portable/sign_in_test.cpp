@@ -15,18 +15,17 @@ std::string Normalised(const std::string& text) {
 }
 
 TEST(SignIn, MethodsAreOnUnlessSwitchedOff) {
-  struct {
-    const char* value;
-    bool on;
-  } const cases[] = {{"true", true},   {"false", false},  {"0", false},     {"-0.0", false}, {"0.5", true},
-                     {"-1", true},     {"\"true\"", true}, {"\"1\"", true},  {"\"TRUE\"", false}, {"\"\"", false},
-                     {"\"yes\"", false}, {"null", true},   {"[]", true},     {"{}", true}};
-  for (const auto& each : cases) {
-    const std::string on = each.on ? "true" : "false";
-    EXPECT_EQ(Normalised(std::string("{\"email\":") + each.value + "}"),
+  const auto expect = [](const char* value, const std::string& on) {
+    EXPECT_EQ(Normalised(std::string("{\"email\":") + value + "}"),
               "{\"microsoft\":true,\"email\":" + on + ",\"extraHosts\":[]}");
-    EXPECT_EQ(Normalised(std::string("{\"microsoft\":") + each.value + "}"),
+    EXPECT_EQ(Normalised(std::string("{\"microsoft\":") + value + "}"),
               "{\"microsoft\":" + on + ",\"email\":true,\"extraHosts\":[]}");
+  };
+  for (const char* on : {"true", "0.5", "-1", "\"true\"", "\"1\"", "null", "[]", "{}"}) {
+    expect(on, "true");
+  }
+  for (const char* off : {"false", "0", "-0.0", "\"TRUE\"", "\"\"", "\"yes\""}) {
+    expect(off, "false");
   }
   for (const char* other : {"null", "[]", "\"x\"", "{}", "7"}) {
     EXPECT_EQ(Normalised(other), R"({"microsoft":true,"email":true,"extraHosts":[]})");
@@ -36,18 +35,17 @@ TEST(SignIn, MethodsAreOnUnlessSwitchedOff) {
 TEST(SignIn, HostsAreFiltered) {
   const std::string label63(63, 'a');
   const std::string longest = label63 + "." + label63 + "." + label63 + "." + std::string(61, 'a');  // 253
-  struct {
-    std::string name;
-    bool kept;
-  } const cases[] = {
-      {"login.example.com", true}, {"a.b", true},      {"1-2.3-4", true},   {longest, true},          {longest + "a", false},
-      {label63 + "a.b", false},    {"localhost", false}, {"", false},        {".", false},             {"a..b", false},
-      {".a.b", false},             {"a.b.", false},      {"-a.b", false},    {"a-.b", false},          {"a.-b", false},
-      {"A.b", false},              {"a_b.c", false},     {"a.b/c", false},   {"a.b:80", false},        {"ä.de", false},
-      {" a.b", false},             {"*.a.b", false}};
-  for (const auto& each : cases) {
-    EXPECT_EQ(Normalised("{\"extraHosts\":[\"" + each.name + "\"]}"),
-              "{\"microsoft\":true,\"email\":true,\"extraHosts\":[" + (each.kept ? "\"" + each.name + "\"" : "") + "]}");
+  const auto hosts = [](const std::string& name) { return Normalised("{\"extraHosts\":[\"" + name + "\"]}"); };
+  for (const std::string& kept :
+       {std::string("login.example.com"), std::string("a.b"), std::string("1-2.3-4"), longest}) {
+    EXPECT_EQ(hosts(kept), R"({"microsoft":true,"email":true,"extraHosts":[")" + kept + "\"]}");
+  }
+  for (const std::string& refused : {longest + "a", label63 + "a.b"}) {
+    EXPECT_EQ(hosts(refused), hosts("")) << refused;
+  }
+  for (const char* refused : {"localhost", ".", "a..b", ".a.b", "a.b.", "-a.b", "a-.b", "a.-b", "A.b", "a_b.c", "a.b/c",
+                              "a.b:80", "ä.de", " a.b", "*.a.b"}) {
+    EXPECT_EQ(hosts(refused), R"({"microsoft":true,"email":true,"extraHosts":[]})") << refused;
   }
 }
 

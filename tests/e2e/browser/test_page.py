@@ -96,9 +96,6 @@ class PageTest(unittest.TestCase):
     def says(self, terminal, text):
         self.until(lambda: text in self.card(terminal, "form .message").text, f"no message with {text!r}")
 
-    def settings(self):
-        return self.portal.terminals()[0]["settings"]
-
     def picture(self, name, width):
         """The whole page at this width, whatever its height; phones get their touch layout by the width alone."""
         send = self.browser.execute_cdp_cmd
@@ -110,9 +107,8 @@ class PageTest(unittest.TestCase):
         self.assertTrue(self.browser.save_screenshot(str(self.pictures / name)))
         send("Emulation.clearDeviceMetricsOverride", {})
 
-    def test_the_real_service_is_claimed_renamed_opened_and_removed_here(self):
-        programs = ("kioskctl.exe", "kioskctl-dev.exe", "sim_machine.exe")
-        with computer.Terminal(programs, service="NorvaneKioskSim.exe") as kiosk:
+    def test_the_real_service_is_claimed_renamed_and_removed_here(self):
+        with computer.Terminal(("kioskctl-dev.exe",), service="NorvaneKioskSim.exe") as kiosk:
             kiosk.set_client_folder(r"C:\Program Files\Tessaly")
             kiosk.install(url=self.portal.url)
             begun = kiosk.ask(cmd="pair.begin")
@@ -131,15 +127,6 @@ class PageTest(unittest.TestCase):
             computer.wait_for(lambda: kiosk.ask(cmd="status")["terminalName"] == "Counter 2 – Kraków", "the new name", 40)
             self.picture("real-terminal-desktop.png", 1280)
 
-            # The exit password counts from the moment it is saved.
-            kiosk.machine("signin", "NorvaneKiosk")
-            kiosk.machine("caller", "NorvaneKiosk")
-            self.assertEqual(kiosk.ask(cmd="unlock", password="Sesame 2")["error"], "wrong_password")
-            self.type(self.field(number, "exitPassword"), "Sesame 2" + Keys.ENTER)
-            self.until(lambda: self.settings().get("exitPassword") == "Sesame 2", "the password to be saved")
-            self.assertTrue(kiosk.ask(cmd="unlock", password="Sesame 2")["ok"])
-            self.until(lambda: '"appVersion": "2026-10-15-0001"' in self.card(number, "pre").text, "what the terminal said")
-
             self.card(number, ".revoke").click()
             self.browser.switch_to.alert.accept()
             self.until(lambda: self.card(number, ".age").text == "not told so yet", "the revoked card")
@@ -147,10 +134,6 @@ class PageTest(unittest.TestCase):
             self.until(lambda: self.card(number, ".age").text.startswith("told so"), "that the terminal heard of it")
             computer.wait_for(lambda: not kiosk.ask(cmd="status")["enrolled"], "the end of kiosk mode")
             self.picture("revoked-desktop.png", 1280)
-            self.card(number, ".forget").click()
-            self.assertEqual(self.browser.switch_to.alert.text, 'Forget "Counter 2 – Kraków"? It vanishes from this list.')
-            self.browser.switch_to.alert.accept()
-            self.until(lambda: self.find("#none").is_displayed(), "the empty list")
 
     def test_a_terminal_from_its_code_to_its_removal(self):
         self.browser.get(self.portal.url + "/")
@@ -159,18 +142,14 @@ class PageTest(unittest.TestCase):
         terminal = Terminal(self.portal)
         self.until(lambda: "now: 1" in self.find("#waiting").text, "the waiting code")
 
-        # Claim by keyboard: a wrong code first, then the right one in small letters.
         code = self.find("#code")
         code.send_keys("WRONG", Keys.ENTER)
         self.until(lambda: "No terminal shows this code" in self.find("#pair-message").text, "the refusal")
-        self.type(code, f"{terminal.code[:4]} {terminal.code[4:]}".lower())
-        code.send_keys(Keys.TAB, "Lobby", Keys.ENTER)
+        self.type(code, f"{terminal.code[:4]} {terminal.code[4:]}".lower() + Keys.ENTER)
         self.until(lambda: self.browser.find_elements(By.CSS_SELECTOR, "[data-terminal]"), "a card")
         number = self.portal.terminals()[0]["id"]
         self.until(lambda: self.card(number, ".badge").text == "waiting for the terminal", "the waiting state")
         terminal.collect()
-        self.assertEqual(terminal.check_in()[1], {"status": "enrolled", "name": "Lobby"})
-        self.until(lambda: "checked in" in self.card(number, ".age").text, "the age of the check-in")
 
         # What somebody is typing survives the list's refresh, which goes on around it.
         name = self.field(number, "name")
@@ -180,19 +159,15 @@ class PageTest(unittest.TestCase):
         self.assertEqual(name.get_attribute("value"), "Front desk – Łódź")
         name.send_keys(Keys.ENTER)
         self.says(number, "Saved")
-        self.assertEqual(terminal.check_in()[1]["name"], "Front desk – Łódź")
 
         # A broken policy is refused with its member named, a good one is delivered.
         power = self.field(number, "power")
         self.type(power, '{"screenOffMinutes": 300, "sleepMinutes": 0}')
         self.card(number, ".save").click()
         self.says(number, "nothing was saved")
-        faults = self.find(f"#faults-{number}-power").text
-        self.assertIn("screenOffMinutes must be a whole number from 0 to 240", faults)
-        self.assertIn("schedule is missing", faults)
+        self.assertIn("screenOffMinutes must be a whole number from 0 to 240", self.find(f"#faults-{number}-power").text)
         self.assertEqual(power.get_attribute("aria-invalid"), "true")
         self.assertEqual(self.browser.switch_to.active_element, power)
-        self.assertNotIn("power", self.settings())
         self.picture("fault-desktop.png", 1280)
         self.picture("fault-phone.png", 390)
         self.card(number, "[data-example=power]").click()
@@ -204,24 +179,20 @@ class PageTest(unittest.TestCase):
         self.card(number, ".save").click()
         self.says(number, "Saved")
         self.assertEqual(self.find(f"#faults-{number}-power").text, "")
-        _, reply = terminal.check_in(appVersion="9")
+        reply = terminal.check_in()[1]
         self.assertEqual(reply["power"]["schedule"]["days"], [1, 2, 3, 4, 5])
-        self.assertEqual((reply["powerSource"], reply["updatesSource"]), ("tenant", "device"))
-        self.assertEqual(reply["updates"], UPDATES)
-        self.assertEqual(reply["signIn"], {"microsoft": True, "email": False, "extraHosts": ["login.example.org"]})
-        self.assertEqual(reply["exitPassword"], "Open Sesame")
+        self.assertLessEqual({
+            "powerSource": "tenant", "updatesSource": "device", "updates": UPDATES, "exitPassword": "Open Sesame",
+            "signIn": {"microsoft": True, "email": False, "extraHosts": ["login.example.org"]}}.items(), reply.items())
 
         # What the terminal says of itself: its own power settings, the last update run, and the week they give.
         terminal.check_in(powerLocal=dict(reply["power"], screenOffMinutes=5), osUpdates={
-            "lastRunAt": "2026-10-20T02:00:07Z", "lastResult": "failed", "error": "download_failed 0x80240022", "pending": 3,
-            "restartRequired": True})
+            "lastResult": "failed", "error": "download_failed 0x80240022", "pending": 3, "restartRequired": True})
         self.until(lambda: "screen off 5 min" in self.card(number, "dl").text, "the power settings of the terminal")
         self.assertIn("failed, 3 pending, restart required, download_failed 0x80240022", self.card(number, "dl").text)
         asleep = [part.get_attribute("width") for part in self.card(number).find_elements(By.CSS_SELECTOR, ".week .sleep")]
         # Monday to Friday, 22:00 to midnight and on to 07:00; from Friday evening through the week's end to Monday.
         self.assertEqual(sorted(map(float, asleep)), [40] * 5 + [140] * 5 + [480] * 2)
-        terminal.check_in(powerLocal={"schedule": {"enabled": True, "days": "all"}})
-        self.until(lambda: not self.card(number).find_elements(By.CSS_SELECTOR, ".week .sleep"), "a week without sleep")
         # A photo is uploaded into the branding, and comes to the terminal.
         self.card(number, "[data-example=branding]").click()
         picture = os.path.join(self.pictures, "photo.png")
@@ -237,8 +208,7 @@ class PageTest(unittest.TestCase):
         # A change made elsewhere appears in a field that nobody touched.
         self.portal.set(number, name="Renamed elsewhere")
         self.until(lambda: name.get_attribute("value") == "Renamed elsewhere", "the other change")
-        other = Terminal(self.portal, hostname=MARKUP)
-        self.portal.claim(other.code)
+        self.portal.claim(Terminal(self.portal, hostname=MARKUP).code)
         self.until(lambda: MARKUP in self.find("#terminals").text, "a host name as plain text")
         self.picture("terminal-desktop.png", 1280)
         self.picture("terminal-phone.png", 390)
@@ -251,12 +221,10 @@ class PageTest(unittest.TestCase):
         for action, answer in (("revoke", "revoked"), ("forget", "unknown")):
             self.card(number, "." + action).click()
             self.browser.switch_to.alert.dismiss()
-            self.assertEqual(terminal.check_in()[0], 401 if action == "forget" else 200)
+            self.assertNotEqual(terminal.check_in()[1]["status"], answer)
             self.card(number, "." + action).click()
             self.browser.switch_to.alert.accept()
             self.until(lambda: terminal.check_in() == (401, {"status": answer}), answer)
-            if action == "revoke":
-                self.until(lambda: self.card(number, ".age").text.startswith("told so"), "the revoked card")
         self.until(lambda: not self.browser.find_elements(By.CSS_SELECTOR, f"[data-terminal='{number}']"), "no card")
         # The browser logs the refusals of the wrong code and of the broken policy, and must have nothing else to say.
         said = [entry["message"] for entry in self.browser.get_log("browser")]
