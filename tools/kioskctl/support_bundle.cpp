@@ -78,8 +78,8 @@ int Failed(const std::wstring& path) {
 }  // namespace
 
 int SupportBundle(const std::string& parent) {
-  const std::wstring folder =
-      (parent.empty() ? std::wstring(L".") : kiosk::win32::ToWide(parent)) + L"\\" + NewFolderName();
+  std::wstring folder = parent.empty() ? L"." : kiosk::win32::ToWide(parent);
+  folder += (folder.back() == L'\\' ? L"" : L"\\") + NewFolderName();
   const std::wstring logs = folder + L"\\logs";
   if (CreateDirectoryW(folder.c_str(), nullptr) == 0 || CreateDirectoryW(logs.c_str(), nullptr) == 0) {
     return Failed(folder);
