@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdlib>
 #include <optional>
 #include <utility>
 
@@ -34,12 +33,12 @@ std::string AppliedText(const Value& reply) {
   return text;
 }
 
-// Minutes as the service knows them: digits. Whether it takes that many is the service's to say.
-std::optional<int> Minutes(const std::string& word) {
-  int minutes = 0;
+// A number in digits. Whether the service takes it is the service's to say.
+std::optional<int> Whole(const std::string& word) {
+  int number = 0;
   const char* const end = word.data() + word.size();
-  const auto [stop, error] = std::from_chars(word.data(), end, minutes);
-  return error == std::errc() && stop == end ? std::optional(minutes) : std::nullopt;
+  const auto [stop, error] = std::from_chars(word.data(), end, number);
+  return error == std::errc() && stop == end ? std::optional(number) : std::nullopt;
 }
 
 std::string Idleness(const Value& minutes) {
@@ -127,8 +126,8 @@ int Power(const Options& options, const Words& words) {
     request.Set("useOrganisation", true);
     return Run(options, std::move(request), PowerText);
   }
-  const std::optional<int> screenOff = Minutes(words[2]);
-  const std::optional<int> sleep = Minutes(words[3]);
+  const std::optional<int> screenOff = Whole(words[2]);
+  const std::optional<int> sleep = Whole(words[3]);
   if (!screenOff || !sleep) {
     return WrongUsage(R"("power" takes minutes as whole numbers)");
   }
@@ -162,7 +161,7 @@ int NetSet(const Options& options, const Words& words) {
   if (!dhcp) {
     const std::size_t slash = std::min(own.find('/'), own.size());
     request.Set("address", own.substr(0, slash));
-    request.Set("prefixLength", std::atoi(own.substr(std::min(slash + 1, own.size())).c_str()));
+    request.Set("prefixLength", Whole(own.substr(std::min(slash + 1, own.size()))).value_or(0));
     if (words.size() > next && words[next] != "-") {
       request.Set("gateway", words[next]);
     }

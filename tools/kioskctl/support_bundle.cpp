@@ -115,8 +115,8 @@ int Failed(const std::wstring& path) {
 }  // namespace
 
 int SupportBundle(const std::string& parent) {
-  const std::wstring folder =
-      (parent.empty() ? std::wstring(L".") : kiosk::win32::ToWide(parent)) + L"\\" + NewFolderName();
+  std::wstring folder = parent.empty() ? L"." : kiosk::win32::ToWide(parent);
+  folder += (folder.back() == L'\\' ? L"" : L"\\") + NewFolderName();
   const std::wstring logs = folder + L"\\logs";
   if (!MakeFolder(folder) || !MakeFolder(logs)) {
     return Failed(folder);
