@@ -139,9 +139,8 @@ IP_ADAPTER_ADDRESSES* Describe(Room& room, const std::wstring& name, ULONG64 num
                                                  : IpDadStateTentative;
     unicast = unicast->Next;
   }
-  entry->FirstGatewayAddress = room.Chain<IP_ADAPTER_GATEWAY_ADDRESS>(
-      dhcp ? Texts(lease.begin() + (lease.size() > 1), lease.begin() + 2 * (lease.size() > 1))
-           : List(name, L"Gateways"));
+  const Texts leased = lease.size() > 1 ? Texts{lease[1]} : Texts();
+  entry->FirstGatewayAddress = room.Chain<IP_ADAPTER_GATEWAY_ADDRESS>(dhcp ? leased : List(name, L"Gateways"));
   Texts servers = Words(NameServers(name));
   if (servers.empty() && lease.size() > 2) {
     servers = {lease[2]};

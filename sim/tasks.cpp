@@ -110,9 +110,9 @@ HRESULT Give(const wchar_t* method, Interface** object, Parts... parts) {
   return result;
 }
 using Definition = PART(ITaskDefinition);
-#define GET_PART(name, interfaceType, table)                                                   \
-  .get_##name = [](ITaskDefinition* self, interfaceType** part) STDMETHODCALLTYPE -> HRESULT { \
-    return Give<PART(interfaceType)>(L"get_" #name, part, &(table), Definition::Of(self));     \
+#define GET_PART(name, interfaceType, table)                                               \
+  .get_##name = [](ITaskDefinition* self, auto** part) STDMETHODCALLTYPE -> HRESULT {      \
+    return Give<PART(interfaceType)>(L"get_" #name, part, &(table), Definition::Of(self)); \
   }
 ITaskDefinitionVtbl definitionTable{COM_BASICS(Definition),
                                     GET_PART(RegistrationInfo, IRegistrationInfo, infoTable),

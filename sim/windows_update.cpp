@@ -255,8 +255,10 @@ static_assert(offsetof(ISearchJobVtbl, CleanUp) == 9 * sizeof(void*) &&
               offsetof(IInstallationJobVtbl, RequestAbort) == 12 * sizeof(void*));
 void* const kCleanUp = reinterpret_cast<void*>(&CleanUp);
 void* const kAbort = reinterpret_cast<void*>(&RequestAbort);
-JobTable searchJobTable = {{COM_BASICS(JobObject)}, {0, 0, 0, 0, 0, 0, kCleanUp, kAbort}};
-JobTable workJobTable = {{COM_BASICS(JobObject)}, {0, 0, 0, 0, 0, 0, 0, kCleanUp, 0, kAbort}};
+JobTable searchJobTable = {{COM_BASICS(JobObject)},
+                           {nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, kCleanUp, kAbort}};
+JobTable workJobTable = {{COM_BASICS(JobObject)},
+                         {nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, kCleanUp, nullptr, kAbort}};
 
 DWORD WINAPI RunJob(void* raw) {
   auto* const job = static_cast<JobObject*>(raw);

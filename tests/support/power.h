@@ -8,6 +8,7 @@
 #include "power/power_scheme.h"
 #include "sim/com.h"
 #include "sim/faults.h"
+#include "sim/machine.h"
 #include "sim/power.h"
 #include "sim/tasks.h"
 #include "tests/support/kiosk_terminal.h"
