@@ -124,7 +124,7 @@ bool InSpool(const std::wstring& plain) {
 template <typename Call>
 BOOL ChangeFile(const char* function, const std::wstring& path, Call call) {
   const std::wstring plain = Plain(path);
-  if (plain.starts_with(Lower(kiosk::log::kLogRoot) + L"\\") && !InSpool(plain)) {
+  if ((plain + L"\\").starts_with(Lower(kiosk::log::kLogRoot) + L"\\") && !InSpool(plain)) {
     return call();
   }
   return Change<BOOL>(function, plain, call);

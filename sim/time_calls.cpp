@@ -54,6 +54,15 @@ SIM(void, GetSystemTimeAsFileTime, LPFILETIME time) {
   }
 }
 
+SIM(void, GetSystemTime, LPSYSTEMTIME time) {
+  if (ClockIsVirtual()) {
+    const FILETIME now = ToFileTime(VirtualUtc());
+    FileTimeToSystemTime(&now, time);
+  } else {
+    ::GetSystemTime(time);
+  }
+}
+
 SIM(void, GetLocalTime, LPSYSTEMTIME time) {
   if (ClockIsVirtual()) {
     const std::int64_t local = static_cast<std::int64_t>(VirtualUtc()) - std::int64_t{VirtualBias()} * 600'000'000;

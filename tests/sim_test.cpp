@@ -124,7 +124,7 @@ TEST(SimFaults, EveryPointInEveryWayAndAWrongOrderIsFound) {
     sim::RunFaultScenario(Marking(L"wrong order", L"Changed", L"Mine"));
   }
   // Ended after the change; the flush failed, or was the last; the mark failed.
-  EXPECT_EQ(failures.size(), 4);
+  EXPECT_EQ(failures.size(), 6);
 }
 
 TEST(SimFaults, CallsFailInTheirOwnWayAndFlushesAreSeen) {

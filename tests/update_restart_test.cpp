@@ -64,9 +64,23 @@ TEST_F(UpdateRestartTest, WindowsMayNotRestartOnItsOwn) {
   RestoreWuRestartPolicy();
   EXPECT_EQ(Policies(), kOwn);
   EXPECT_FALSE(state::ReadState(state::kPriorWuNoAutoReboot) || state::ReadState(state::kOwnsWuPolicy));
+  // A value that can never be put back is named; below a key of this kind none can be made.
+  ApplyWuRestartPolicy(kEarly);
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey);
+  {
+    win32::RegistryKey key;
+    ASSERT_EQ(RegCreateKeyExW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey, 0, nullptr, REG_OPTION_VOLATILE, KEY_WRITE,
+                              nullptr, key.Put(), nullptr),
+              ERROR_SUCCESS);
+  }
+  RestoreWuRestartPolicy();
+  EXPECT_EQ(Policies(), "- - 9 2 - ");
+  EXPECT_EQ(test::CountLogged("ERROR os updates: cannot put NoAutoRebootWithLoggedOnUsers back; it was \"0\""), 1);
+  EXPECT_FALSE(state::ReadState(state::kPriorWuNoAutoReboot) || state::ReadState(state::kOwnsWuPolicy));
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey);
   SetDword(state::kStateKey, L"TeardownPending", 1);
   ApplyWuRestartPolicy(kEarly);
-  EXPECT_EQ(Policies(), kOwn);
+  EXPECT_EQ(Policies(), "- - - - - ");
 }
 
 TEST_F(UpdateRestartTest, ATeardownGivesThePoliciesBack) {

@@ -160,6 +160,9 @@ TEST_P(UpdatesStop, EndsInTimeAndLeavesNoResult) {
   EXPECT_EQ(StoredReport(), "");
   EXPECT_NE(Status().find(R"("checking":false,"installing":false,)"), std::string::npos);
   EXPECT_NE(Status().find(R"("error":null)"), std::string::npos);
+  const std::string work = sim::AgentWork();
+  EXPECT_EQ(Run(true).code, RunCode::kStopped);
+  EXPECT_EQ(sim::AgentWork(), work);  // nothing is begun that would have to be given up at once
 }
 
 TEST_F(UpdatesTest, CallbacksOutliveTheRunAndBelongToNoApartment) {
