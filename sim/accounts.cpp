@@ -72,36 +72,20 @@ struct Buffer {
     used += (size + 15) / 16 * 16;
     return at;
   }
-  wchar_t* Put(const std::wstring& text) {
-    return static_cast<wchar_t*>(Put(text.c_str(), (text.size() + 1) * sizeof(wchar_t)));
-  }
 };
 
+// Of the records, what the service reads.
 void Fill(Buffer& buffer, const User& user, USER_INFO_23& info) {
   PSID sid = nullptr;
   ConvertStringSidToSidW(user.sid.c_str(), &sid);
-  info = {buffer.Put(user.name), buffer.Put(user.fullName), buffer.Put(std::wstring()), user.flags,
-          buffer.Put(sid, GetLengthSid(sid))};
+  info.usri23_user_sid = buffer.Put(sid, GetLengthSid(sid));
   LocalFree(sid);
 }
 
-void Fill(Buffer& buffer, const User& user, USER_INFO_3& info) {
-  for (wchar_t** text :
-       {&info.usri3_home_dir, &info.usri3_comment, &info.usri3_script_path, &info.usri3_usr_comment, &info.usri3_parms,
-        &info.usri3_workstations, &info.usri3_profile, &info.usri3_home_dir_drive, &info.usri3_logon_server}) {
-    *text = buffer.Put(std::wstring());
-  }
-  info.usri3_name = buffer.Put(user.name);
-  info.usri3_full_name = buffer.Put(user.fullName);
+void Fill(Buffer&, const User& user, USER_INFO_3& info) {
   info.usri3_password_age = static_cast<DWORD>((UtcTime() - user.passwordSet) / kPerSecond);
-  info.usri3_priv = USER_PRIV_USER;
-  info.usri3_flags = user.flags;
   info.usri3_last_logon = user.lastLogon == 0 ? 0 : static_cast<DWORD>(user.lastLogon / kPerSecond - kUnixEpoch);
   info.usri3_num_logons = user.lastLogon == 0 ? 0 : 1;
-  info.usri3_acct_expires = TIMEQ_FOREVER;
-  info.usri3_max_storage = USER_MAXSTORAGE_UNLIMITED;
-  info.usri3_user_id = std::wcstoul(user.sid.substr(user.sid.rfind(L'-') + 1).c_str(), nullptr, 10);
-  info.usri3_primary_group_id = DOMAIN_GROUP_RID_USERS;
 }
 
 // Copies text out by the rule of LookupAccountSidW: sizes in characters, with the zero when there is no room.
@@ -123,23 +107,21 @@ NET_API_STATUS ForMembers(const char* function, LPCWSTR server, LPCWSTR name, DW
     Violation("%s: another machine, level %lu, or no members", function, level);
     return ERROR_INVALID_LEVEL;
   }
-  return Change<NET_API_STATUS>(
-      function, [&] { return std::wstring(name); },
-      [&]() -> NET_API_STATUS {
-        const auto* group = std::find_if(std::begin(kGroups), std::end(kGroups), [&](const Group& candidate) {
-          return Exists(candidate) && Same(German() ? candidate.german : candidate.english, name);
-        });
-        if (group == std::end(kGroups)) {
-          return NERR_GroupNotFound;
-        }
-        for (DWORD i = 0; i < count; ++i) {
-          const PSID member = reinterpret_cast<LOCALGROUP_MEMBERS_INFO_0*>(data)[i].lgrmi0_sid;
-          if (const NET_API_STATUS status = each(GroupArea(group->sid), SidOf(member)); status != NERR_Success) {
-            return status;
-          }
-        }
-        return NERR_Success;
-      });
+  return Change<NET_API_STATUS>(function, name, [&]() -> NET_API_STATUS {
+    const auto* group = std::find_if(std::begin(kGroups), std::end(kGroups), [&](const Group& candidate) {
+      return Exists(candidate) && Same(German() ? candidate.german : candidate.english, name);
+    });
+    if (group == std::end(kGroups)) {
+      return NERR_GroupNotFound;
+    }
+    for (DWORD i = 0; i < count; ++i) {
+      const PSID member = reinterpret_cast<LOCALGROUP_MEMBERS_INFO_0*>(data)[i].lgrmi0_sid;
+      if (const NET_API_STATUS status = each(GroupArea(group->sid), SidOf(member)); status != NERR_Success) {
+        return status;
+      }
+    }
+    return NERR_Success;
+  });
 }
 
 void CheckFlags(const char* function, DWORD flags) {
@@ -257,36 +239,24 @@ SIM(NET_API_STATUS, NetApiBufferFree, LPVOID memory) {
   return NERR_Success;
 }
 
-SIM(NET_API_STATUS, NetUserAdd, LPCWSTR server, DWORD level, LPBYTE data, LPDWORD parameter) {
+SIM(NET_API_STATUS, NetUserAdd, LPCWSTR server, DWORD level, LPBYTE data, LPDWORD) {
   if (server != nullptr || level != 1 || data == nullptr) {
     Violation("NetUserAdd: another machine, or level %lu", level);
     return ERROR_INVALID_LEVEL;
   }
   const auto& info = *reinterpret_cast<USER_INFO_1*>(data);
   CheckFlags("NetUserAdd", info.usri1_flags);
-  DWORD wrong = 0;
-  if (info.usri1_name == nullptr || *info.usri1_name == L'\0' || std::wcslen(info.usri1_name) > LM20_UNLEN ||
-      std::wcspbrk(info.usri1_name, L"\"/\\[]:;|=,+*?<>") != nullptr) {
-    wrong = USER_NAME_PARMNUM;
-  } else if (info.usri1_priv != USER_PRIV_USER) {
-    wrong = USER_PRIV_PARMNUM;
-  }
-  if (wrong != 0) {
-    Violation("NetUserAdd: parameter %lu is wrong", wrong);
-    if (parameter != nullptr) {
-      *parameter = wrong;
-    }
+  if (info.usri1_name == nullptr || *info.usri1_name == L'\0' || info.usri1_priv != USER_PRIV_USER) {
+    Violation("NetUserAdd: no name, or a privilege other than a user's");
     return ERROR_INVALID_PARAMETER;
   }
-  return Change<NET_API_STATUS>(
-      __func__ + 4, [&] { return std::wstring(info.usri1_name); },
-      [&]() -> NET_API_STATUS {
-        if (AreaExists(UserArea(info.usri1_name))) {
-          return NERR_UserExists;
-        }
-        AddUser(info.usri1_name, info.usri1_password != nullptr ? info.usri1_password : L"", info.usri1_flags);
-        return NERR_Success;
-      });
+  return Change<NET_API_STATUS>(__func__ + 4, info.usri1_name, [&]() -> NET_API_STATUS {
+    if (AreaExists(UserArea(info.usri1_name))) {
+      return NERR_UserExists;
+    }
+    AddUser(info.usri1_name, info.usri1_password != nullptr ? info.usri1_password : L"", info.usri1_flags);
+    return NERR_Success;
+  });
 }
 
 SIM(NET_API_STATUS, NetUserSetInfo, LPCWSTR server, LPCWSTR name, DWORD level, LPBYTE data, LPDWORD) {
@@ -297,24 +267,22 @@ SIM(NET_API_STATUS, NetUserSetInfo, LPCWSTR server, LPCWSTR name, DWORD level, L
   if (level == 1008) {
     CheckFlags("NetUserSetInfo", reinterpret_cast<USER_INFO_1008*>(data)->usri1008_flags);
   }
-  return Change<NET_API_STATUS>(
-      __func__ + 4, [&] { return name + (L" " + std::to_wstring(level)); },
-      [&]() -> NET_API_STATUS {
-        std::optional<User> user = AreaExists(UserArea(name)) ? FindUser(name) : std::nullopt;
-        if (!user) {
-          return NERR_UserNotFound;
-        }
-        if (level == 1003) {
-          user->password = reinterpret_cast<USER_INFO_1003*>(data)->usri1003_password;
-          user->passwordSet = UtcTime();
-        } else if (level == 1008) {
-          user->flags = reinterpret_cast<USER_INFO_1008*>(data)->usri1008_flags | UF_NORMAL_ACCOUNT;
-        } else {
-          user->fullName = reinterpret_cast<USER_INFO_1011*>(data)->usri1011_full_name;
-        }
-        ChangeUser(*user);
-        return NERR_Success;
-      });
+  return Change<NET_API_STATUS>(__func__ + 4, name + (L" " + std::to_wstring(level)), [&]() -> NET_API_STATUS {
+    std::optional<User> user = AreaExists(UserArea(name)) ? FindUser(name) : std::nullopt;
+    if (!user) {
+      return NERR_UserNotFound;
+    }
+    if (level == 1003) {
+      user->password = reinterpret_cast<USER_INFO_1003*>(data)->usri1003_password;
+      user->passwordSet = UtcTime();
+    } else if (level == 1008) {
+      user->flags = reinterpret_cast<USER_INFO_1008*>(data)->usri1008_flags | UF_NORMAL_ACCOUNT;
+    } else {
+      user->fullName = reinterpret_cast<USER_INFO_1011*>(data)->usri1011_full_name;
+    }
+    ChangeUser(*user);
+    return NERR_Success;
+  });
 }
 
 SIM(NET_API_STATUS, NetUserDel, LPCWSTR server, LPCWSTR name) {
@@ -322,15 +290,13 @@ SIM(NET_API_STATUS, NetUserDel, LPCWSTR server, LPCWSTR name) {
     Violation("NetUserDel: another machine, or no name");
     return ERROR_INVALID_PARAMETER;
   }
-  return Change<NET_API_STATUS>(
-      __func__ + 4, [&] { return std::wstring(name); },
-      [&]() -> NET_API_STATUS {
-        if (!AreaExists(UserArea(name))) {
-          return NERR_UserNotFound;
-        }
-        RemoveUser(name);
-        return NERR_Success;
-      });
+  return Change<NET_API_STATUS>(__func__ + 4, name, [&]() -> NET_API_STATUS {
+    if (!AreaExists(UserArea(name))) {
+      return NERR_UserNotFound;
+    }
+    RemoveUser(name);
+    return NERR_Success;
+  });
 }
 
 SIM(NET_API_STATUS, NetLocalGroupAddMembers, LPCWSTR server, LPCWSTR group, DWORD level, LPBYTE data, DWORD count) {

@@ -6,6 +6,12 @@
 #include <cstdint>
 #include <memory>
 
+// NOLINTBEGIN(readability-identifier-naming): the names that SIM gives
+extern "C" HANDLE WINAPI sim_CreateThread(LPSECURITY_ATTRIBUTES security, SIZE_T stack, LPTHREAD_START_ROUTINE body,
+                                          LPVOID argument, DWORD flags, LPDWORD id);
+extern "C" void WINAPI sim_Sleep(DWORD milliseconds);
+// NOLINTEND(readability-identifier-naming)
+
 namespace sim {
 
 bool ClockIsVirtual();

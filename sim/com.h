@@ -9,6 +9,7 @@
 
 #include <objbase.h>
 
+#include <string>
 #include <utility>
 
 // Slots that are left out are null on purpose.
@@ -30,46 +31,57 @@ bool RegisterComClass(const ComClass& comClass);
 long LiveComObjects();
 void CountComObject(long difference);
 
-// The counting and asking part of an object of type `Derived` (which tells by `static bool Has(REFIID)` what it is),
-// with one reference that the creator owns.
-template <typename Derived, typename Interface>
-struct ComObject : Interface {
-  explicit ComObject(decltype(Interface::lpVtbl) table) {
+// A simulated object: counts its references, of which its creator owns the first, tells of the interfaces `Ids`, and
+// keeps a state.
+template <typename Interface, typename State, const IID&... Ids>
+struct Object : Interface {
+  template <typename... Parts>
+  explicit Object(decltype(Interface::lpVtbl) table, Parts... parts) : state{std::move(parts)...} {
     this->lpVtbl = table;
     CountComObject(1);
   }
-  ComObject(const ComObject&) = delete;
-  ComObject& operator=(const ComObject&) = delete;
-  ~ComObject() { CountComObject(-1); }
+  Object(const Object&) = delete;
+  Object& operator=(const Object&) = delete;
+  ~Object() { CountComObject(-1); }
 
+  static State& Of(Interface* self) { return static_cast<Object*>(self)->state; }
   static HRESULT STDMETHODCALLTYPE Query(Interface* self, REFIID id, void** object) {
-    *object = nullptr;
-    if (!IsEqualIID(id, IID_IUnknown) && !Derived::Has(id)) {
-      return E_NOINTERFACE;
-    }
-    AddReference(self);
-    *object = self;
-    return S_OK;
+    const bool known = IsEqualIID(id, IID_IUnknown) || (IsEqualIID(id, Ids) || ...);
+    *object = known ? self : nullptr;
+    return known ? (AddReference(self), S_OK) : E_NOINTERFACE;
   }
   static ULONG STDMETHODCALLTYPE AddReference(Interface* self) {
-    return static_cast<ULONG>(InterlockedIncrement(&static_cast<Derived*>(self)->references));
+    return static_cast<ULONG>(InterlockedIncrement(&static_cast<Object*>(self)->references));
   }
   static ULONG STDMETHODCALLTYPE Drop(Interface* self) {
-    const LONG left = InterlockedDecrement(&static_cast<Derived*>(self)->references);
+    const LONG left = InterlockedDecrement(&static_cast<Object*>(self)->references);
     if (left == 0) {
-      delete static_cast<Derived*>(self);
+      delete static_cast<Object*>(self);
     }
     return static_cast<ULONG>(left);
   }
 
+  State state;
   LONG references = 1;
 };
+struct Stateless {};
+
+// For an interface's table: the methods that every object of the type has, and one that gives a value of `self`.
+#define COM_BASICS(type) .QueryInterface = type::Query, .AddRef = type::AddReference, .Release = type::Drop
+#define COM_GET(value)                                     \
+  [](auto* self, auto* out) STDMETHODCALLTYPE -> HRESULT { \
+    static_cast<void>(self);                               \
+    *out = value;                                          \
+    return S_OK;                                           \
+  }
+
+inline std::wstring TextOf(const wchar_t* text) { return text != nullptr ? text : L""; }
 
 // Hands a new object out and lets go of it, as a factory does.
-template <typename Derived>
-HRESULT HandOut(Derived* created, REFIID id, void** object) {
-  const HRESULT result = Derived::Query(created, id, object);
-  Derived::Drop(created);
+template <typename Created>
+HRESULT HandOut(Created* created, REFIID id, void** object) {
+  const HRESULT result = Created::Query(created, id, object);
+  Created::Drop(created);
   return result;
 }
 

@@ -102,48 +102,30 @@ LSTATUS Registry(const char* function, HKEY key, const wchar_t* subkey, const wc
 
 template <typename Result, typename Call>
 Result Named(const char* function, const wchar_t* name, Call call) {
-  return Change<Result>(
-      function, [&] { return std::wstring(name != nullptr ? name : L""); }, call);
+  return Change<Result>(function, name != nullptr ? name : L"", call);
 }
 
 }  // namespace
 
-SIM(LSTATUS, RegCreateKeyExW, HKEY key, LPCWSTR subkey, DWORD reserved, LPWSTR kind, DWORD options, REGSAM access,
-    LPSECURITY_ATTRIBUTES security, PHKEY result, LPDWORD disposition) {
-  return Registry(__func__ + 4, key, subkey, nullptr, [&] {
-    return ::RegCreateKeyExW(key, subkey, reserved, kind, options, access, security, result, disposition);
-  });
-}
-
-SIM(LSTATUS, RegSetValueExW, HKEY key, LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size) {
-  return Registry(__func__ + 4, key, nullptr, name,
-                  [&] { return ::RegSetValueExW(key, name, reserved, type, data, size); });
-}
-
-SIM(LSTATUS, RegSetKeyValueW, HKEY key, LPCWSTR subkey, LPCWSTR name, DWORD type, LPCVOID data, DWORD size) {
-  return Registry(__func__ + 4, key, subkey, name,
-                  [&] { return ::RegSetKeyValueW(key, subkey, name, type, data, size); });
-}
-
-SIM(LSTATUS, RegDeleteKeyValueW, HKEY key, LPCWSTR subkey, LPCWSTR name) {
-  return Registry(__func__ + 4, key, subkey, name, [&] { return ::RegDeleteKeyValueW(key, subkey, name); });
-}
-
-SIM(LSTATUS, RegDeleteTreeW, HKEY key, LPCWSTR subkey) {
-  return Registry(__func__ + 4, key, subkey, nullptr, [&] { return ::RegDeleteTreeW(key, subkey); });
-}
-
-SIM(LSTATUS, RegDeleteKeyExW, HKEY key, LPCWSTR subkey, REGSAM access, DWORD reserved) {
-  return Registry(__func__ + 4, key, subkey, nullptr, [&] { return ::RegDeleteKeyExW(key, subkey, access, reserved); });
-}
-
-SIM(LSTATUS, RegSetKeySecurity, HKEY key, SECURITY_INFORMATION parts, PSECURITY_DESCRIPTOR descriptor) {
-  return Registry(__func__ + 4, key, nullptr, nullptr, [&] { return ::RegSetKeySecurity(key, parts, descriptor); });
-}
-
-SIM(LSTATUS, RegFlushKey, HKEY key) {
-  return Registry(__func__ + 4, key, nullptr, nullptr, [&] { return ::RegFlushKey(key); });
-}
+#define COUNT_REGISTRY(function, subkeyText, valueText, arguments, ...)                           \
+  SIM(LSTATUS, function, __VA_ARGS__) {                                                           \
+    return Registry(#function, key, subkeyText, valueText, [&] { return ::function arguments; }); \
+  }
+COUNT_REGISTRY(RegCreateKeyExW, subkey, nullptr,
+               (key, subkey, reserved, kind, options, access, security, result, disposition), HKEY key, LPCWSTR subkey,
+               DWORD reserved, LPWSTR kind, DWORD options, REGSAM access, LPSECURITY_ATTRIBUTES security, PHKEY result,
+               LPDWORD disposition)
+COUNT_REGISTRY(RegSetValueExW, nullptr, name, (key, name, reserved, type, data, size), HKEY key, LPCWSTR name,
+               DWORD reserved, DWORD type, const BYTE* data, DWORD size)
+COUNT_REGISTRY(RegSetKeyValueW, subkey, name, (key, subkey, name, type, data, size), HKEY key, LPCWSTR subkey,
+               LPCWSTR name, DWORD type, LPCVOID data, DWORD size)
+COUNT_REGISTRY(RegDeleteKeyValueW, subkey, name, (key, subkey, name), HKEY key, LPCWSTR subkey, LPCWSTR name)
+COUNT_REGISTRY(RegDeleteTreeW, subkey, nullptr, (key, subkey), HKEY key, LPCWSTR subkey)
+COUNT_REGISTRY(RegDeleteKeyExW, subkey, nullptr, (key, subkey, access, reserved), HKEY key, LPCWSTR subkey,
+               REGSAM access, DWORD reserved)
+COUNT_REGISTRY(RegSetKeySecurity, nullptr, nullptr, (key, parts, descriptor), HKEY key, SECURITY_INFORMATION parts,
+               PSECURITY_DESCRIPTOR descriptor)
+COUNT_REGISTRY(RegFlushKey, nullptr, nullptr, (key), HKEY key)
 
 SIM(WINBOOL, CryptProtectData, DATA_BLOB* in, LPCWSTR text, DATA_BLOB* entropy, PVOID reserved,
     CRYPTPROTECT_PROMPTSTRUCT* prompt, DWORD flags, DATA_BLOB* out) {
@@ -177,7 +159,8 @@ SIM(WINBOOL, ChangeServiceConfig2W, SC_HANDLE service, DWORD level, LPVOID infor
     const auto& failure = *static_cast<const SERVICE_FAILURE_ACTIONSW*>(information);
     std::wstring text = std::to_wstring(failure.dwResetPeriod) + L":";
     for (DWORD i = 0; i < failure.cActions; ++i) {
-      text += L" " + std::to_wstring(failure.lpsaActions[i].Type) + L" " + std::to_wstring(failure.lpsaActions[i].Delay) + L",";
+      text += L" " + std::to_wstring(failure.lpsaActions[i].Type) + L" " +
+              std::to_wstring(failure.lpsaActions[i].Delay) + L",";
     }
     WriteText(L"Services", L"FailureActions", text);
   }
@@ -185,7 +168,7 @@ SIM(WINBOOL, ChangeServiceConfig2W, SC_HANDLE service, DWORD level, LPVOID infor
 }
 
 SIM(WINBOOL, DeleteService, SC_HANDLE service) {
-  return Named<BOOL>(__func__ + 4, nullptr, [&] { return ::DeleteService(service); });
+  return Named<BOOL>("DeleteService", nullptr, [&] { return ::DeleteService(service); });
 }
 
 SIM(WINBOOL, StartServiceW, SC_HANDLE service, DWORD count, LPCWSTR* arguments) {

@@ -58,13 +58,19 @@ class ChangePoint {
 };
 
 // Makes `call` as a numbered change. A failure is returned as a result of its type is: FALSE or null with the last
-// error, or the error itself. `object` (the text for messages) is called only in a pass.
+// error, or the error itself. `object` is the text for messages, or what makes it in a pass.
 template <typename Result, typename Object, typename Call>
-Result Change(const char* function, Object object, Call call) {
+Result Change(const char* function, const Object& object, Call call) {
   if (!ChangePoint::Armed()) {
     return call();
   }
-  const ChangePoint point(function, object());
+  const ChangePoint point(function, [&]() -> std::wstring {
+    if constexpr (std::is_invocable_v<Object>) {
+      return object();
+    } else {
+      return object;
+    }
+  }());
   if (point.Error() == 0) {
     return call();
   }

@@ -96,25 +96,23 @@ bool HandleAllows(HANDLE file, SECURITY_INFORMATION parts) {
 }
 
 DWORD KeepSecurity(const std::wstring& plain, SECURITY_INFORMATION parts, PSID owner, PACL dacl) {
-  return Change<DWORD>(
-      "SetSecurityInfo", [&]() -> const std::wstring& { return plain; },
-      [&]() -> DWORD {
-        SECURITY_DESCRIPTOR descriptor;
-        InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
-        if ((parts & OWNER_SECURITY_INFORMATION) != 0) {
-          SetSecurityDescriptorOwner(&descriptor, owner, FALSE);
-          WriteText(kOwners, plain, PartText(&descriptor, OWNER_SECURITY_INFORMATION));
-        }
-        if ((parts & DACL_SECURITY_INFORMATION) != 0) {
-          const bool isProtected = (parts & PROTECTED_DACL_SECURITY_INFORMATION) != 0;
-          SetSecurityDescriptorDacl(&descriptor, TRUE, dacl, FALSE);
-          SetSecurityDescriptorControl(
-              &descriptor, SE_DACL_PROTECTED | SE_DACL_AUTO_INHERITED,
-              static_cast<SECURITY_DESCRIPTOR_CONTROL>(SE_DACL_AUTO_INHERITED | (isProtected ? SE_DACL_PROTECTED : 0)));
-          WriteText(kDacls, plain, PartText(&descriptor, DACL_SECURITY_INFORMATION));
-        }
-        return ERROR_SUCCESS;
-      });
+  return Change<DWORD>("SetSecurityInfo", plain, [&]() -> DWORD {
+    SECURITY_DESCRIPTOR descriptor;
+    InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
+    if ((parts & OWNER_SECURITY_INFORMATION) != 0) {
+      SetSecurityDescriptorOwner(&descriptor, owner, FALSE);
+      WriteText(kOwners, plain, PartText(&descriptor, OWNER_SECURITY_INFORMATION));
+    }
+    if ((parts & DACL_SECURITY_INFORMATION) != 0) {
+      const bool isProtected = (parts & PROTECTED_DACL_SECURITY_INFORMATION) != 0;
+      SetSecurityDescriptorDacl(&descriptor, TRUE, dacl, FALSE);
+      SetSecurityDescriptorControl(
+          &descriptor, SE_DACL_PROTECTED | SE_DACL_AUTO_INHERITED,
+          static_cast<SECURITY_DESCRIPTOR_CONTROL>(SE_DACL_AUTO_INHERITED | (isProtected ? SE_DACL_PROTECTED : 0)));
+      WriteText(kDacls, plain, PartText(&descriptor, DACL_SECURITY_INFORMATION));
+    }
+    return ERROR_SUCCESS;
+  });
 }
 
 // A file of the log's spool.
@@ -129,8 +127,7 @@ BOOL ChangeFile(const char* function, const std::wstring& path, Call call) {
   if ((plain + L"\\").starts_with(Lower(kiosk::log::kLogRoot) + L"\\") && !InSpool(plain)) {
     return call();
   }
-  return Change<BOOL>(
-      function, [&]() -> const std::wstring& { return plain; }, call);
+  return Change<BOOL>(function, plain, call);
 }
 
 // The same on an open file; pipes and the like do not count.
@@ -179,11 +176,7 @@ void MakeJunction(const std::wstring& path, const std::wstring& target) {
 }
 
 void MakeSymbolicLink(const std::wstring& path, const std::wstring& target) {
-  HANDLE file = CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr);
-  if (file == INVALID_HANDLE_VALUE) {
-    Violation("the link %s cannot be made (%lu)", Narrow(path).c_str(), GetLastError());
-  }
-  CloseHandle(file);
+  CloseHandle(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
   WriteText(kLinks, Plain(path), target);
 }
 

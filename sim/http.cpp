@@ -165,6 +165,16 @@ int OpenHttpHandles() {
 
 using namespace sim;
 
+// Hands a call on a handle of the network's to Windows; else `found` is the handle, in one of the stages.
+#define FIND(name, handle, from, to, ...)                \
+  if (!Ours(handle)) {                                   \
+    return ::name(__VA_ARGS__);                          \
+  }                                                      \
+  const HandlePtr found = Need(#name, handle, from, to); \
+  if (!found) {                                          \
+    return FALSE;                                        \
+  }
+
 SIM(HINTERNET, WinHttpOpen, LPCWSTR agent, DWORD access, LPCWSTR proxy, LPCWSTR bypass, DWORD flags) {
   if (!scripted) {
     return ::WinHttpOpen(agent, access, proxy, bypass, flags);
@@ -179,13 +189,7 @@ SIM(HINTERNET, WinHttpOpen, LPCWSTR agent, DWORD access, LPCWSTR proxy, LPCWSTR 
 }
 
 SIM(WINBOOL, WinHttpSetTimeouts, HINTERNET handle, int resolve, int connect, int send, int receive) {
-  if (!Ours(handle)) {
-    return ::WinHttpSetTimeouts(handle, resolve, connect, send, receive);
-  }
-  const HandlePtr found = Need("WinHttpSetTimeouts", handle, Stage::kSession, Stage::kAnswered);
-  if (!found) {
-    return FALSE;
-  }
+  FIND(WinHttpSetTimeouts, handle, Stage::kSession, Stage::kAnswered, handle, resolve, connect, send, receive)
   if (std::min({resolve, connect, send, receive}) < -1) {
     return Finish(ERROR_INVALID_PARAMETER);
   }
@@ -197,11 +201,8 @@ SIM(WINBOOL, WinHttpSetTimeouts, HINTERNET handle, int resolve, int connect, int
 }
 
 SIM(WINBOOL, WinHttpSetOption, HINTERNET handle, DWORD option, LPVOID value, DWORD size) {
-  if (!Ours(handle)) {
-    return ::WinHttpSetOption(handle, option, value, size);
-  }
-  const HandlePtr found = Need("WinHttpSetOption", handle, Stage::kSession, Stage::kAnswered);
-  return found ? Finish(SetOption(*found, option, value, size)) : FALSE;
+  FIND(WinHttpSetOption, handle, Stage::kSession, Stage::kAnswered, handle, option, value, size)
+  return Finish(SetOption(*found, option, value, size));
 }
 
 SIM(HINTERNET, WinHttpConnect, HINTERNET session, LPCWSTR host, INTERNET_PORT port, DWORD reserved) {
@@ -234,13 +235,8 @@ SIM(HINTERNET, WinHttpOpenRequest, HINTERNET connection, LPCWSTR method, LPCWSTR
 
 SIM(WINBOOL, WinHttpSendRequest, HINTERNET handle, LPCWSTR headers, DWORD headersLength, LPVOID body, DWORD bodySize,
     DWORD totalSize, DWORD_PTR context) {
-  if (!Ours(handle)) {
-    return ::WinHttpSendRequest(handle, headers, headersLength, body, bodySize, totalSize, context);
-  }
-  const HandlePtr found = Need("WinHttpSendRequest", handle, Stage::kOpened, Stage::kOpened);
-  if (!found) {
-    return FALSE;
-  }
+  FIND(WinHttpSendRequest, handle, Stage::kOpened, Stage::kOpened, handle, headers, headersLength, body, bodySize,
+       totalSize, context)
   if (totalSize != bodySize) {
     Violation("WinHttpSendRequest: %lu of %lu bytes; writing the rest is not simulated", bodySize, totalSize);
   }
@@ -257,13 +253,7 @@ SIM(WINBOOL, WinHttpSendRequest, HINTERNET handle, LPCWSTR headers, DWORD header
 }
 
 SIM(WINBOOL, WinHttpReceiveResponse, HINTERNET handle, LPVOID reserved) {
-  if (!Ours(handle)) {
-    return ::WinHttpReceiveResponse(handle, reserved);
-  }
-  const HandlePtr found = Need("WinHttpReceiveResponse", handle, Stage::kSent, Stage::kSent);
-  if (!found) {
-    return FALSE;
-  }
+  FIND(WinHttpReceiveResponse, handle, Stage::kSent, Stage::kSent, handle, reserved)
   const DWORD limit = found->request.Number(WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, kResponseTimeout);
   DWORD error = Phase(*found, found->response.headersDelay, static_cast<int>(limit));
   error = error != 0 ? error : found->response.receiveError;
@@ -273,13 +263,7 @@ SIM(WINBOOL, WinHttpReceiveResponse, HINTERNET handle, LPVOID reserved) {
 
 SIM(WINBOOL, WinHttpQueryHeaders, HINTERNET handle, DWORD what, LPCWSTR name, LPVOID buffer, LPDWORD size,
     LPDWORD index) {
-  if (!Ours(handle)) {
-    return ::WinHttpQueryHeaders(handle, what, name, buffer, size, index);
-  }
-  const HandlePtr found = Need("WinHttpQueryHeaders", handle, Stage::kAnswered, Stage::kAnswered);
-  if (!found) {
-    return FALSE;
-  }
+  FIND(WinHttpQueryHeaders, handle, Stage::kAnswered, Stage::kAnswered, handle, what, name, buffer, size, index)
   if (what == WINHTTP_QUERY_RETRY_AFTER) {
     const std::wstring& text = found->response.retryAfter;
     const auto needed = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
@@ -292,8 +276,9 @@ SIM(WINBOOL, WinHttpQueryHeaders, HINTERNET handle, DWORD what, LPCWSTR name, LP
     return Finish(ERROR_SUCCESS);
   }
   if (what != (WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER) || *size < sizeof(DWORD)) {
-    Violation("WinHttpQueryHeaders: only Retry-After and the status code as a number are simulated, not 0x%lx into %lu bytes", what,
-              *size);
+    Violation(
+        "WinHttpQueryHeaders: only Retry-After and the status code as a number are simulated, not 0x%lx into %lu bytes",
+        what, *size);
     return Finish(ERROR_WINHTTP_HEADER_NOT_FOUND);
   }
   *static_cast<DWORD*>(buffer) = found->response.status;
@@ -302,13 +287,7 @@ SIM(WINBOOL, WinHttpQueryHeaders, HINTERNET handle, DWORD what, LPCWSTR name, LP
 }
 
 SIM(WINBOOL, WinHttpQueryDataAvailable, HINTERNET handle, LPDWORD count) {
-  if (!Ours(handle)) {
-    return ::WinHttpQueryDataAvailable(handle, count);
-  }
-  const HandlePtr found = Need("WinHttpQueryDataAvailable", handle, Stage::kAnswered, Stage::kAnswered);
-  if (!found) {
-    return FALSE;
-  }
+  FIND(WinHttpQueryDataAvailable, handle, Stage::kAnswered, Stage::kAnswered, handle, count)
   DWORD error = 0;
   if (found->available == 0) {
     const Response& response = found->response;
@@ -321,13 +300,10 @@ SIM(WINBOOL, WinHttpQueryDataAvailable, HINTERNET handle, LPDWORD count) {
 }
 
 SIM(WINBOOL, WinHttpReadData, HINTERNET handle, LPVOID buffer, DWORD size, LPDWORD read) {
-  if (!Ours(handle)) {
-    return ::WinHttpReadData(handle, buffer, size, read);
-  }
-  const HandlePtr found = Need("WinHttpReadData", handle, Stage::kAnswered, Stage::kAnswered);
+  FIND(WinHttpReadData, handle, Stage::kAnswered, Stage::kAnswered, handle, buffer, size, read)
   DWORD available = 0;
   *read = 0;
-  if (!found || !sim_WinHttpQueryDataAvailable(handle, &available)) {
+  if (!sim_WinHttpQueryDataAvailable(handle, &available)) {
     return FALSE;
   }
   const DWORD count = std::min(size, available);

@@ -94,22 +94,20 @@ SIM(NTSTATUS, LsaClose, LSA_HANDLE handle) {
 SIM(NTSTATUS, LsaStorePrivateData, LSA_HANDLE handle, PLSA_UNICODE_STRING name, PLSA_UNICODE_STRING data) {
   std::wstring key = TextOf(name, "LsaStorePrivateData: the name");
   const std::wstring text = data != nullptr ? TextOf(data, "LsaStorePrivateData: the data") : std::wstring();
-  return StatusOf(Change<DWORD>(
-      __func__ + 4, [&] { return key; },
-      [&]() -> DWORD {
-        if (const DWORD error = CheckHandle(handle, POLICY_CREATE_SECRET); error != ERROR_SUCCESS) {
-          return error;
-        }
-        if (data == nullptr && !Secret(key)) {
-          return ERROR_FILE_NOT_FOUND;
-        }
-        if (data == nullptr) {
-          ForgetValue(kArea, key);
-        } else {
-          SetSecret(key, text);
-        }
-        return ERROR_SUCCESS;
-      }));
+  return StatusOf(Change<DWORD>(__func__ + 4, key, [&]() -> DWORD {
+    if (const DWORD error = CheckHandle(handle, POLICY_CREATE_SECRET); error != ERROR_SUCCESS) {
+      return error;
+    }
+    if (data == nullptr && !Secret(key)) {
+      return ERROR_FILE_NOT_FOUND;
+    }
+    if (data == nullptr) {
+      ForgetValue(kArea, key);
+    } else {
+      SetSecret(key, text);
+    }
+    return ERROR_SUCCESS;
+  }));
 }
 
 SIM(NTSTATUS, LsaRetrievePrivateData, LSA_HANDLE handle, PLSA_UNICODE_STRING name, PLSA_UNICODE_STRING* data) {

@@ -139,9 +139,8 @@ IP_ADAPTER_ADDRESSES* Describe(Room& room, const std::wstring& name, ULONG64 num
                                                  : IpDadStateTentative;
     unicast = unicast->Next;
   }
-  entry->FirstGatewayAddress = room.Chain<IP_ADAPTER_GATEWAY_ADDRESS>(
-      dhcp ? Texts(lease.begin() + (lease.size() > 1), lease.begin() + 2 * (lease.size() > 1))
-           : List(name, L"Gateways"));
+  const Texts leased = lease.size() > 1 ? Texts{lease[1]} : Texts();
+  entry->FirstGatewayAddress = room.Chain<IP_ADAPTER_GATEWAY_ADDRESS>(dhcp ? leased : List(name, L"Gateways"));
   Texts servers = Words(NameServers(name));
   if (servers.empty() && lease.size() > 2) {
     servers = {lease[2]};
@@ -191,28 +190,25 @@ LONG Run(const std::wstring& name, const std::wstring& method, std::map<std::wst
 }
 
 // An instance, a method's signature, its arguments, or its answer.
-struct Object : ComObject<Object, IWbemClassObject> {
-  Object();
-  static bool Has(REFIID id) { return IsEqualIID(id, IID_IWbemClassObject); }
-
+struct Record {
   std::wstring path;
-  std::wstring method;
-  std::map<std::wstring, Texts> values;
   LONG answer = 0;
+  std::map<std::wstring, Texts> values = {};
 };
+using Instance = Object<IWbemClassObject, Record, IID_IWbemClassObject>;
 
 HRESULT STDMETHODCALLTYPE Get(IWbemClassObject* self, LPCWSTR name, LONG, VARIANT* value, CIMTYPE*, LONG*) {
-  const auto* const object = static_cast<Object*>(self);
-  if (wcscmp(name, L"__RELPATH") == 0 && !object->path.empty()) {
+  const Record& record = Instance::Of(self);
+  if (wcscmp(name, L"__RELPATH") == 0 && !record.path.empty()) {
     value->vt = VT_BSTR;
-    value->bstrVal = SysAllocString(object->path.c_str());
+    value->bstrVal = SysAllocString(record.path.c_str());
     return S_OK;
   }
   if (wcscmp(name, L"ReturnValue") != 0) {
     return static_cast<HRESULT>(WBEM_E_NOT_FOUND);
   }
   value->vt = VT_I4;
-  value->lVal = object->answer;
+  value->lVal = record.answer;
   return S_OK;
 }
 
@@ -223,7 +219,7 @@ HRESULT STDMETHODCALLTYPE Put(IWbemClassObject* self, LPCWSTR name, LONG, VARIAN
   }
   LONG last = -1;
   SafeArrayGetUBound(value->parray, 1, &last);
-  Texts& texts = static_cast<Object*>(self)->values[name];
+  Texts& texts = Instance::Of(self).values[name];
   for (LONG i = 0; i <= last; ++i) {
     BSTR text = nullptr;
     SafeArrayGetElement(value->parray, &i, &text);
@@ -233,99 +229,71 @@ HRESULT STDMETHODCALLTYPE Put(IWbemClassObject* self, LPCWSTR name, LONG, VARIAN
   return S_OK;
 }
 
+HRESULT STDMETHODCALLTYPE GetMethod(IWbemClassObject*, LPCWSTR name, LONG, IWbemClassObject** in, IWbemClassObject**);
+HRESULT STDMETHODCALLTYPE SpawnInstance(IWbemClassObject*, LONG, IWbemClassObject** instance);
+IWbemClassObjectVtbl instanceTable{COM_BASICS(Instance), .Get = Get, .Put = Put, .SpawnInstance = SpawnInstance,
+                                   .GetMethod = GetMethod};
+Instance* Make(const std::wstring& path = L"", LONG answer = 0) { return new Instance(&instanceTable, path, answer); }
+
 HRESULT STDMETHODCALLTYPE GetMethod(IWbemClassObject*, LPCWSTR name, LONG, IWbemClassObject** in, IWbemClassObject**) {
-  *in = wcscmp(name, L"EnableDHCP") == 0 ? nullptr : new Object;
+  *in = wcscmp(name, L"EnableDHCP") == 0 ? nullptr : Make();
   return S_OK;
 }
-
 HRESULT STDMETHODCALLTYPE SpawnInstance(IWbemClassObject*, LONG, IWbemClassObject** instance) {
-  *instance = new Object;
+  *instance = Make();
   return S_OK;
 }
-
-IWbemClassObjectVtbl objectTable{.QueryInterface = Object::Query,
-                                 .AddRef = Object::AddReference,
-                                 .Release = Object::Drop,
-                                 .Get = Get,
-                                 .Put = Put,
-                                 .SpawnInstance = SpawnInstance,
-                                 .GetMethod = GetMethod};
-Object::Object() : ComObject(&objectTable) {}
 
 // A call under way: it is over when it is asked for the second time.
-struct Call : ComObject<Call, IWbemCallResult> {
-  Call();
-  static bool Has(REFIID id) { return IsEqualIID(id, IID_IWbemCallResult); }
-  LONG answer = 0;
-  int asked = 0;
+struct Asked {
+  LONG answer;  // below 0: it never ends
+  int times = 0;
 };
+using Call = Object<IWbemCallResult, Asked, IID_IWbemCallResult>;
+IWbemCallResultVtbl callTable{
+    COM_BASICS(Call),
+    .GetResultObject = [](IWbemCallResult* self, LONG timeout, IWbemClassObject** object) STDMETHODCALLTYPE -> HRESULT {
+      Asked& call = Call::Of(self);
+      if (timeout != 0) {
+        Violation("IWbemCallResult::GetResultObject: a wait of %ld ms, which does not hear the stop", timeout);
+      }
+      if (call.times++ == 0 || call.answer < 0) {
+        return WBEM_S_TIMEDOUT;
+      }
+      *object = Make(L"", call.answer);
+      return S_OK;
+    }};
 
-HRESULT STDMETHODCALLTYPE GetResultObject(IWbemCallResult* self, LONG timeout, IWbemClassObject** object) {
-  auto* const call = static_cast<Call*>(self);
-  if (timeout != 0) {
-    Violation("IWbemCallResult::GetResultObject: a wait of %ld ms, which does not hear the stop", timeout);
-  }
-  if (call->asked++ == 0 || call->answer < 0) {
-    return WBEM_S_TIMEDOUT;
-  }
-  auto* const answer = new Object;
-  answer->answer = call->answer;
-  *object = answer;
-  return S_OK;
-}
+using Found = Object<IEnumWbemClassObject, std::wstring, IID_IEnumWbemClassObject>;  // the path of the one found
+IEnumWbemClassObjectVtbl foundTable{COM_BASICS(Found),
+                                    .Next = [](IEnumWbemClassObject* self, LONG, ULONG, IWbemClassObject** object,
+                                               ULONG* count) STDMETHODCALLTYPE -> HRESULT {
+                                      const std::wstring path = std::exchange(Found::Of(self), L"");
+                                      *count = path.empty() ? 0 : 1;
+                                      *object = path.empty() ? nullptr : Make(path);
+                                      return path.empty() ? HRESULT{WBEM_S_FALSE} : S_OK;
+                                    }};
 
-IWbemCallResultVtbl callTable{.QueryInterface = Call::Query,
-                              .AddRef = Call::AddReference,
-                              .Release = Call::Drop,
-                              .GetResultObject = GetResultObject};
-Call::Call() : ComObject(&callTable) {}
-
-struct Found : ComObject<Found, IEnumWbemClassObject> {
-  Found();
-  static bool Has(REFIID id) { return IsEqualIID(id, IID_IEnumWbemClassObject); }
-  std::wstring path;
-};
-
-HRESULT STDMETHODCALLTYPE Next(IEnumWbemClassObject* self, LONG, ULONG, IWbemClassObject** object, ULONG* count) {
-  auto* const found = static_cast<Found*>(self);
-  *count = 0;
-  if (found->path.empty()) {
-    return WBEM_S_FALSE;
-  }
-  auto* const instance = new Object;
-  instance->path = std::exchange(found->path, L"");
-  *object = instance;
-  *count = 1;
-  return S_OK;
-}
-
-IEnumWbemClassObjectVtbl foundTable{
-    .QueryInterface = Found::Query, .AddRef = Found::AddReference, .Release = Found::Drop, .Next = Next};
-Found::Found() : ComObject(&foundTable) {}
-
-struct Services : ComObject<Services, IWbemServices> {
-  Services();
-  static bool Has(REFIID id) { return IsEqualIID(id, IID_IWbemServices); }
-};
+using Services = Object<IWbemServices, Stateless, IID_IWbemServices>;
 
 HRESULT STDMETHODCALLTYPE GetClass(IWbemServices*, const BSTR name, LONG, IWbemContext*, IWbemClassObject** object,
                                    IWbemCallResult**) {
   if (wcscmp(name, kClassName) != 0) {
     return static_cast<HRESULT>(WBEM_E_INVALID_CLASS);
   }
-  *object = new Object;
+  *object = Make();
   return S_OK;
 }
 
 HRESULT STDMETHODCALLTYPE ExecQuery(IWbemServices*, const BSTR, const BSTR query, LONG, IWbemContext*,
                                     IEnumWbemClassObject** result) {
-  auto* const found = new Found;
+  std::wstring path;
   for (const std::wstring& name : Adapters()) {
     if (query == std::wstring(L"SELECT * FROM ") + kClassName + L" WHERE SettingID = \"" + name + L"\"") {
-      found->path = std::wstring(kClassName) + L".Name=" + name;
+      path = std::wstring(kClassName) + L".Name=" + name;
     }
   }
-  *result = found;
+  *result = new Found(&foundTable, path);
   return S_OK;
 }
 
@@ -335,51 +303,30 @@ HRESULT STDMETHODCALLTYPE ExecMethod(IWbemServices*, const BSTR path, const BSTR
   if (flags != WBEM_FLAG_RETURN_IMMEDIATELY || result == nullptr || *result != nullptr) {
     Violation("IWbemServices::ExecMethod: flags 0x%lx, or no place for the call", flags);
   }
-  auto* const call = new Call;
-  std::map<std::wstring, Texts> none;
-  if (ReadText(AreaOf(name), L"Hangs") == method) {
-    call->answer = -1;
-  } else if (ChangePoint::Armed()) {
-    const ChangePoint point("ExecMethod", method);
-    call->answer = point.Error() != 0 ? static_cast<LONG>(point.Error())
-                                      : Run(name, method, in != nullptr ? static_cast<Object*>(in)->values : none);
-  } else {
-    call->answer = Run(name, method, in != nullptr ? static_cast<Object*>(in)->values : none);
-  }
-  *result = call;
+  std::map<std::wstring, Texts> arguments = in != nullptr ? Instance::Of(in).values : std::map<std::wstring, Texts>();
+  const LONG answer = ReadText(AreaOf(name), L"Hangs") == method
+                          ? -1
+                          : Change<LONG>("ExecMethod", method, [&] { return Run(name, method, arguments); });
+  *result = new Call(&callTable, answer);
   return S_OK;
 }
-
-IWbemServicesVtbl servicesTable{.QueryInterface = Services::Query,
-                                .AddRef = Services::AddReference,
-                                .Release = Services::Drop,
-                                .GetObject = GetClass,
-                                .ExecQuery = ExecQuery,
+IWbemServicesVtbl servicesTable{COM_BASICS(Services), .GetObject = GetClass, .ExecQuery = ExecQuery,
                                 .ExecMethod = ExecMethod};
-Services::Services() : ComObject(&servicesTable) {}
 
-struct Locator : ComObject<Locator, IWbemLocator> {
-  Locator();
-  static bool Has(REFIID id) { return IsEqualIID(id, IID_IWbemLocator); }
-};
+using Locator = Object<IWbemLocator, Stateless, IID_IWbemLocator>;
+IWbemLocatorVtbl locatorTable{
+    COM_BASICS(Locator),
+    .ConnectServer = [](IWbemLocator*, const BSTR resource, const BSTR, const BSTR, const BSTR, LONG flags, const BSTR,
+                        IWbemContext*, IWbemServices** services) STDMETHODCALLTYPE -> HRESULT {
+      if (wcscmp(resource, L"ROOT\\CIMV2") != 0 || flags != WBEM_FLAG_CONNECT_USE_MAX_WAIT) {
+        Violation("IWbemLocator::ConnectServer: %s, flags 0x%lx", Narrow(resource).c_str(), flags);
+      }
+      *services = new Services(&servicesTable);
+      return S_OK;
+    }};
 
-HRESULT STDMETHODCALLTYPE ConnectServer(IWbemLocator*, const BSTR resource, const BSTR, const BSTR, const BSTR,
-                                        LONG flags, const BSTR, IWbemContext*, IWbemServices** services) {
-  if (wcscmp(resource, L"ROOT\\CIMV2") != 0 || flags != WBEM_FLAG_CONNECT_USE_MAX_WAIT) {
-    Violation("IWbemLocator::ConnectServer: %s, flags 0x%lx", Narrow(resource).c_str(), flags);
-  }
-  *services = new Services;
-  return S_OK;
-}
-
-IWbemLocatorVtbl locatorTable{.QueryInterface = Locator::Query,
-                              .AddRef = Locator::AddReference,
-                              .Release = Locator::Drop,
-                              .ConnectServer = ConnectServer};
-Locator::Locator() : ComObject(&locatorTable) {}
-
-const bool registered =
-    RegisterComClass({&CLSID_WbemLocator, [](REFIID id, void** object) { return HandOut(new Locator, id, object); }});
+const bool registered = RegisterComClass(
+    {&CLSID_WbemLocator, [](REFIID id, void** object) { return HandOut(new Locator(&locatorTable), id, object); }});
 
 }  // namespace
 

@@ -73,15 +73,13 @@ DWORD ReadIndex(const GUID* scheme, const std::wstring& name, DWORD* index) {
 
 DWORD WriteIndex(const char* function, const GUID* scheme, const std::wstring& name, DWORD index) {
   const std::wstring area = SchemeArea(GuidText(scheme));
-  return Change<DWORD>(
-      function, [&] { return area + L"\\" + name; },
-      [&]() -> DWORD {
-        if (!AreaExists(area)) {
-          return ERROR_FILE_NOT_FOUND;
-        }
-        WriteNumber(area, name, index);
-        return ERROR_SUCCESS;
-      });
+  return Change<DWORD>(function, area + L"\\" + name, [&]() -> DWORD {
+    if (!AreaExists(area)) {
+      return ERROR_FILE_NOT_FOUND;
+    }
+    WriteNumber(area, name, index);
+    return ERROR_SUCCESS;
+  });
 }
 
 }  // namespace
@@ -149,38 +147,24 @@ SIM(DWORD, PowerGetActiveScheme, HKEY root, GUID** scheme) {
 SIM(DWORD, PowerSetActiveScheme, HKEY root, const GUID* scheme) {
   MakeSchemes();
   std::wstring name = GuidText(scheme);
-  return Change<DWORD>(
-      "PowerSetActiveScheme", [&] { return name; },
-      [&]() -> DWORD {
-        if (root != nullptr || !AreaExists(SchemeArea(name))) {
-          return ERROR_FILE_NOT_FOUND;
-        }
-        MakeSchemeActive(name);
-        return ERROR_SUCCESS;
-      });
+  return Change<DWORD>("PowerSetActiveScheme", name, [&]() -> DWORD {
+    if (root != nullptr || !AreaExists(SchemeArea(name))) {
+      return ERROR_FILE_NOT_FOUND;
+    }
+    MakeSchemeActive(name);
+    return ERROR_SUCCESS;
+  });
 }
 
-SIM(DWORD, PowerReadACValueIndex, HKEY root, const GUID* scheme, const GUID* subgroup, const GUID* setting,
-    LPDWORD index) {
-  return ReadIndex(scheme, Identify("PowerReadACValueIndex", root, subgroup, setting, true), index);
-}
-
-SIM(DWORD, PowerReadDCValueIndex, HKEY root, const GUID* scheme, const GUID* subgroup, const GUID* setting,
-    LPDWORD index) {
-  return ReadIndex(scheme, Identify("PowerReadDCValueIndex", root, subgroup, setting, false), index);
-}
-
-SIM(DWORD, PowerWriteACValueIndex, HKEY root, const GUID* scheme, const GUID* subgroup, const GUID* setting,
-    DWORD index) {
-  const char* const name = "PowerWriteACValueIndex";
-  return WriteIndex(name, scheme, Identify(name, root, subgroup, setting, true), index);
-}
-
-SIM(DWORD, PowerWriteDCValueIndex, HKEY root, const GUID* scheme, const GUID* subgroup, const GUID* setting,
-    DWORD index) {
-  const char* const name = "PowerWriteDCValueIndex";
-  return WriteIndex(name, scheme, Identify(name, root, subgroup, setting, false), index);
-}
+#define INDEX(name, index_type, mains, call)                                                                     \
+  SIM(DWORD, name, HKEY root, const GUID* scheme, const GUID* subgroup, const GUID* setting, index_type index) { \
+    const std::wstring value = Identify(#name, root, subgroup, setting, mains);                                  \
+    return call;                                                                                                 \
+  }
+INDEX(PowerReadACValueIndex, LPDWORD, true, ReadIndex(scheme, value, index))
+INDEX(PowerReadDCValueIndex, LPDWORD, false, ReadIndex(scheme, value, index))
+INDEX(PowerWriteACValueIndex, DWORD, true, WriteIndex("PowerWriteACValueIndex", scheme, value, index))
+INDEX(PowerWriteDCValueIndex, DWORD, false, WriteIndex("PowerWriteDCValueIndex", scheme, value, index))
 
 SIM(BOOLEAN, GetPwrCapabilities, PSYSTEM_POWER_CAPABILITIES capabilities) {
   *capabilities = {};
@@ -190,21 +174,19 @@ SIM(BOOLEAN, GetPwrCapabilities, PSYSTEM_POWER_CAPABILITIES capabilities) {
 }
 
 SIM(BOOLEAN, SetSuspendState, BOOLEAN hibernate, BOOLEAN force, BOOLEAN wakeUpEventsDisabled) {
-  return Change<BOOL>(
-             "SetSuspendState", [] { return std::wstring(); },
-             [&]() -> BOOL {
-               if (hibernate || force || wakeUpEventsDisabled) {
-                 Violation("SetSuspendState: the computer would not sleep in a way from which a timer wakes it");
-               }
-               const DWORD error = PrivilegeEnabled(SE_SHUTDOWN_NAME) ? ReadNumber(kArea, L"SuspendError").value_or(0)
-                                                                      : ERROR_PRIVILEGE_NOT_HELD;
-               if (error != ERROR_SUCCESS) {
-                 SetLastError(error);
-                 return FALSE;
-               }
-               WriteNumber(kArea, L"Suspends", ReadNumber(kArea, L"Suspends").value_or(0) + 1);
-               return TRUE;
-             }) != FALSE;
+  return Change<BOOL>("SetSuspendState", L"", [&]() -> BOOL {
+           if (hibernate || force || wakeUpEventsDisabled) {
+             Violation("SetSuspendState: the computer would not sleep in a way from which a timer wakes it");
+           }
+           const DWORD error = PrivilegeEnabled(SE_SHUTDOWN_NAME) ? ReadNumber(kArea, L"SuspendError").value_or(0)
+                                                                  : ERROR_PRIVILEGE_NOT_HELD;
+           if (error != ERROR_SUCCESS) {
+             SetLastError(error);
+             return FALSE;
+           }
+           WriteNumber(kArea, L"Suspends", ReadNumber(kArea, L"Suspends").value_or(0) + 1);
+           return TRUE;
+         }) != FALSE;
 }
 
 SIM(EXECUTION_STATE, SetThreadExecutionState, EXECUTION_STATE flags) {

@@ -211,8 +211,7 @@ SIM(HRESULT, CreateProfile, LPCWSTR sid, LPCWSTR user, LPWSTR path, DWORD size) 
     Violation("CreateProfile: a pointer is null");
     return E_INVALIDARG;
   }
-  const DWORD error = Change<DWORD>(
-      __func__ + 4, [&] { return std::wstring(sid); }, [&] { return MakeProfile(sid, user); });
+  const DWORD error = Change<DWORD>(__func__ + 4, sid, [&] { return MakeProfile(sid, user); });
   const std::wstring folder = ProfileFolder(sid);
   if (error == ERROR_SUCCESS && folder.size() >= size) {
     Violation("CreateProfile: no room for the path in %lu characters", size);
@@ -230,29 +229,23 @@ SIM(WINBOOL, DeleteProfileW, LPCWSTR sid, LPCWSTR path, LPCWSTR computer) {
     SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;
   }
-  return Change<BOOL>(
-      __func__ + 4, [&] { return std::wstring(sid); },
-      [&]() -> BOOL {
-        const DWORD error = RemoveProfile(sid);
-        SetLastError(error);
-        return error == ERROR_SUCCESS;
-      });
+  return Change<BOOL>(__func__ + 4, sid, [&]() -> BOOL {
+    const DWORD error = RemoveProfile(sid);
+    SetLastError(error);
+    return error == ERROR_SUCCESS;
+  });
 }
 
 SIM(LSTATUS, RegLoadKeyW, HKEY root, LPCWSTR name, LPCWSTR file) {
-  return Change<LSTATUS>(
-      __func__ + 4, [&] { return std::wstring(name); },
-      [&] {
-        const DWORD error = CheckHiveCall("RegLoadKeyW", root, name);
-        return static_cast<LSTATUS>(error == ERROR_SUCCESS ? LoadHive(name, file) : error);
-      });
+  return Change<LSTATUS>(__func__ + 4, name, [&] {
+    const DWORD error = CheckHiveCall("RegLoadKeyW", root, name);
+    return static_cast<LSTATUS>(error == ERROR_SUCCESS ? LoadHive(name, file) : error);
+  });
 }
 
 SIM(LSTATUS, RegUnLoadKeyW, HKEY root, LPCWSTR name) {
-  return Change<LSTATUS>(
-      __func__ + 4, [&] { return std::wstring(name); },
-      [&] {
-        const DWORD error = CheckHiveCall("RegUnLoadKeyW", root, name);
-        return static_cast<LSTATUS>(error == ERROR_SUCCESS ? UnloadHive(name) : error);
-      });
+  return Change<LSTATUS>(__func__ + 4, name, [&] {
+    const DWORD error = CheckHiveCall("RegUnLoadKeyW", root, name);
+    return static_cast<LSTATUS>(error == ERROR_SUCCESS ? UnloadHive(name) : error);
+  });
 }

@@ -2,6 +2,7 @@
 
 #include "sim/accounts.h"
 #include "sim/clock.h"
+#include "sim/clock_internal.h"
 #include "sim/faults.h"
 #include "sim/machine.h"
 #include "sim/profiles.h"
@@ -14,12 +15,6 @@
 #include <memory>
 #include <mutex>
 #include <set>
-
-// NOLINTBEGIN(readability-identifier-naming): the names that the seam gives
-extern "C" HANDLE WINAPI sim_CreateThread(LPSECURITY_ATTRIBUTES security, SIZE_T stack, LPTHREAD_START_ROUTINE body,
-                                          LPVOID argument, DWORD flags, LPDWORD id);
-extern "C" void WINAPI sim_Sleep(DWORD milliseconds);
-// NOLINTEND(readability-identifier-naming)
 
 namespace sim {
 namespace {
@@ -112,9 +107,8 @@ DWORD SignIn(const std::wstring& user, DWORD session) {
   const DWORD id = session != 0 ? session : next;
   WriteNumber(L"", L"NextSession", std::max(next, id + 1));
   MakeProfile(account->sid, account->name);
-  if (!HiveLoaded(account->sid) &&
-      LoadHive(account->sid, ProfileFolder(account->sid) + L"\\NTUSER.DAT") != ERROR_SUCCESS) {
-    WriteNumber(AreaOf(id), L"TemporaryProfile", 1);
+  if (!HiveLoaded(account->sid)) {
+    LoadHive(account->sid, ProfileFolder(account->sid) + L"\\NTUSER.DAT");
   }
   account->lastLogon = UtcTime();
   ChangeUser(*account);
@@ -202,27 +196,25 @@ SIM(WINBOOL, WTSLogoffSession, HANDLE server, DWORD id, BOOL wait) {
   if (server != WTS_CURRENT_SERVER_HANDLE) {
     Violation("WTSLogoffSession: another server");
   }
-  return Change<BOOL>(
-      __func__ + 4, [id] { return std::to_wstring(id); },
-      [&]() -> BOOL {
-        const DWORD stays = ReadNumber(AreaOf(id), L"StaysFor").value_or(0);
-        if (!ReadText(AreaOf(id), L"User")) {
-          SetLastError(ERROR_FILE_NOT_FOUND);
-          return FALSE;
-        }
-        if (stays == 0) {
-          Close(id);
-        }
-        if (stays == 0 && !ServiceListens()) {
-          return TRUE;
-        }
-        HANDLE thread = sim_CreateThread(nullptr, 0, Leave, new Leaving{id, stays}, 0, nullptr);
-        if (wait && stays != 0) {
-          Wait(thread, INFINITE);
-        }
-        CloseHandle(thread);
-        return TRUE;
-      });
+  return Change<BOOL>(__func__ + 4, std::to_wstring(id), [&]() -> BOOL {
+    const DWORD stays = ReadNumber(AreaOf(id), L"StaysFor").value_or(0);
+    if (!ReadText(AreaOf(id), L"User")) {
+      SetLastError(ERROR_FILE_NOT_FOUND);
+      return FALSE;
+    }
+    if (stays == 0) {
+      Close(id);
+    }
+    if (stays == 0 && !ServiceListens()) {
+      return TRUE;
+    }
+    HANDLE thread = sim_CreateThread(nullptr, 0, Leave, new Leaving{id, stays}, 0, nullptr);
+    if (wait && stays != 0) {
+      Wait(thread, INFINITE);
+    }
+    CloseHandle(thread);
+    return TRUE;
+  });
 }
 
 SIM(void, WTSFreeMemory, PVOID memory) {

@@ -59,25 +59,23 @@ SIM(WINBOOL, AdjustTokenPrivileges, HANDLE token, WINBOOL disableAll, PTOKEN_PRI
 
 SIM(WINBOOL, InitiateSystemShutdownExW, LPWSTR machine, LPWSTR message, DWORD timeout, WINBOOL force, WINBOOL restart,
     DWORD reason) {
-  return Change<BOOL>(
-      "InitiateSystemShutdownExW", [] { return std::wstring(); },
-      [&]() -> BOOL {
-        if (machine != nullptr || timeout > MAX_SHUTDOWN_TIMEOUT) {
-          Violation("InitiateSystemShutdownExW: another machine, or a time-out of %lu s", timeout);
-        }
-        DWORD error = PrivilegeEnabled(SE_SHUTDOWN_NAME) ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
-        if (error == ERROR_SUCCESS && PendingShutdown()) {
-          error = ERROR_SHUTDOWN_IN_PROGRESS;
-        }
-        if (error != ERROR_SUCCESS) {
-          SetLastError(error);
-          return FALSE;
-        }
-        WriteText(kArea, L"Message", message != nullptr ? message : L"");
-        WriteNumber(kArea, L"Timeout", timeout);
-        WriteNumber(kArea, L"ForceAppsClosed", force != FALSE);
-        WriteNumber(kArea, L"Restart", restart != FALSE);
-        WriteNumber(kArea, L"Reason", reason);
-        return TRUE;
-      });
+  return Change<BOOL>("InitiateSystemShutdownExW", L"", [&]() -> BOOL {
+    if (machine != nullptr || timeout > MAX_SHUTDOWN_TIMEOUT) {
+      Violation("InitiateSystemShutdownExW: another machine, or a time-out of %lu s", timeout);
+    }
+    DWORD error = PrivilegeEnabled(SE_SHUTDOWN_NAME) ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
+    if (error == ERROR_SUCCESS && PendingShutdown()) {
+      error = ERROR_SHUTDOWN_IN_PROGRESS;
+    }
+    if (error != ERROR_SUCCESS) {
+      SetLastError(error);
+      return FALSE;
+    }
+    WriteText(kArea, L"Message", message != nullptr ? message : L"");
+    WriteNumber(kArea, L"Timeout", timeout);
+    WriteNumber(kArea, L"ForceAppsClosed", force != FALSE);
+    WriteNumber(kArea, L"Restart", restart != FALSE);
+    WriteNumber(kArea, L"Reason", reason);
+    return TRUE;
+  });
 }

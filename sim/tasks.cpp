@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cwchar>
+#include <memory>
 
 namespace sim {
 namespace {
@@ -26,100 +27,46 @@ HRESULT Method(const std::wstring& name) {
   return failing && *failing == name ? static_cast<HRESULT>(ReadNumber(kControl, L"Result").value_or(0)) : S_OK;
 }
 
-template <typename Interface, const IID& Id>
-struct Object final : ComObject<Object<Interface, Id>, Interface> {
-  using ComObject<Object<Interface, Id>, Interface>::ComObject;
-  static bool Has(REFIID id) { return IsEqualIID(id, Id); }
-};
-
-#define BASICS(type) .QueryInterface = type::Query, .AddRef = type::AddReference, .Release = type::Drop
-
-using Task = Object<IRegisteredTask, IID_IRegisteredTask>;
-IRegisteredTaskVtbl taskTable{BASICS(Task)};
-
-struct Definition final : ComObject<Definition, ITaskDefinition> {
-  using ComObject<Definition, ITaskDefinition>::ComObject;
-  static bool Has(REFIID id) { return IsEqualIID(id, IID_ITaskDefinition); }
-
-  // As Windows makes a new one.
-  TaskProperties properties{{L"Enabled", L"1"},
-                            {L"StartWhenAvailable", L"0"},
-                            {L"DisallowStartIfOnBatteries", L"1"},
-                            {L"StopIfGoingOnBatteries", L"1"},
-                            {L"ExecutionTimeLimit", L"PT72H"},
-                            {L"MultipleInstances", L"2"},
-                            {L"WakeToRun", L"0"}};
-};
-
-// A part of a definition: puts properties into it and keeps it alive.
-template <typename Interface, const IID& Id>
-struct Part final : ComObject<Part<Interface, Id>, Interface> {
-  Part(Definition* owner, decltype(Interface::lpVtbl) table)
-      : ComObject<Part<Interface, Id>, Interface>(table), definition(owner) {
-    Definition::AddReference(owner);
-  }
-  ~Part() { Definition::Drop(definition); }
-  static bool Has(REFIID id) {
-    return IsEqualIID(id, Id) || (IsEqualIID(Id, IID_ITrigger) && IsEqualIID(id, kWeeklyTrigger)) ||
-           (IsEqualIID(Id, IID_IAction) && IsEqualIID(id, IID_IExecAction));
-  }
-
-  Definition* definition;
-};
-
+// A definition's properties, which its parts put and keep alive.
+using Properties = std::shared_ptr<TaskProperties>;
 template <typename Interface>
-Definition& DefinitionOf(Interface* part) {
-  // Every Part begins alike, whatever its interface.
-  return *reinterpret_cast<Part<ITaskSettings, IID_ITaskSettings>*>(part)->definition;
+TaskProperties& PropertiesOf(Interface* part) {
+  return *Object<Interface, Properties>::Of(part);
 }
 
-HRESULT Keep(Definition& definition, const wchar_t* name, const std::wstring& value) {
-  const HRESULT result = Method(std::wstring(L"put_") + name);
+template <typename Interface>
+HRESULT Keep(Interface* part, const std::wstring& name, const std::wstring& value) {
+  const HRESULT result = Method(L"put_" + name);
   if (SUCCEEDED(result)) {
-    definition.properties[name] = value;
+    PropertiesOf(part)[name] = value;
   }
   return result;
 }
-
-std::wstring TextOf(BSTR text) { return text != nullptr ? std::wstring(text, SysStringLen(text)) : std::wstring(); }
-
-// A property's name as a template argument.
-template <std::size_t Size>
-struct Name {
-  consteval Name(const wchar_t (&from)[Size]) { std::copy_n(from, Size, text); }  // NOLINT(google-explicit-constructor)
-  wchar_t text[Size];
-};
-
-// The implementations of "put_NAME"; the interface and the number's type follow from the slot.
-template <Name name, typename Interface>
-HRESULT STDMETHODCALLTYPE PutText(Interface* self, BSTR value) {
-  return Keep(DefinitionOf(self), name.text, TextOf(value));
+std::wstring AsText(BSTR value) { return TextOf(value); }
+template <typename Number>
+std::wstring AsText(Number value) {
+  return std::to_wstring(value == -1 ? 1 : value);  // VARIANT_TRUE
 }
-template <Name name, typename Interface, typename Number>
-HRESULT STDMETHODCALLTYPE PutNumber(Interface* self, Number value) {
-  return Keep(DefinitionOf(self), name.text, std::to_wstring(value == -1 ? 1 : value));
-}
+// The implementation of "put_NAME"; the interface and the value's type follow from the slot.
+#define PUT(name) [](auto* self, auto value) STDMETHODCALLTYPE -> HRESULT { return Keep(self, name, AsText(value)); }
+#define PART(interfaceType) Object<interfaceType, Properties, IID_##interfaceType>
 
-using Action = Part<IAction, IID_IAction>;
-using Trigger = Part<ITrigger, IID_ITrigger>;
-#define PART(interfaceType) Part<interfaceType, IID_##interfaceType>
-#define PART_BASICS(interfaceType)                                                           \
-  .QueryInterface = PART(interfaceType)::Query, .AddRef = PART(interfaceType)::AddReference, \
-  .Release = PART(interfaceType)::Drop
-
-IRegistrationInfoVtbl infoTable{PART_BASICS(IRegistrationInfo), .put_Description = PutText<L"Description">,
-                                .put_Author = PutText<L"Author">};
-IPrincipalVtbl principalTable{PART_BASICS(IPrincipal), .put_UserId = PutText<L"UserId">,
-                              .put_LogonType = PutNumber<L"LogonType">, .put_RunLevel = PutNumber<L"RunLevel">};
-ITaskSettingsVtbl settingsTable{PART_BASICS(ITaskSettings),
-                                .put_MultipleInstances = PutNumber<L"MultipleInstances">,
-                                .put_StopIfGoingOnBatteries = PutNumber<L"StopIfGoingOnBatteries">,
-                                .put_DisallowStartIfOnBatteries = PutNumber<L"DisallowStartIfOnBatteries">,
-                                .put_StartWhenAvailable = PutNumber<L"StartWhenAvailable">,
-                                .put_ExecutionTimeLimit = PutText<L"ExecutionTimeLimit">,
-                                .put_Enabled = PutNumber<L"Enabled">,
-                                .put_WakeToRun = PutNumber<L"WakeToRun">};
+using Task = Object<IRegisteredTask, Stateless, IID_IRegisteredTask>;
+IRegisteredTaskVtbl taskTable{COM_BASICS(Task)};
+IRegistrationInfoVtbl infoTable{COM_BASICS(PART(IRegistrationInfo)), .put_Description = PUT(L"Description"),
+                                .put_Author = PUT(L"Author")};
+IPrincipalVtbl principalTable{COM_BASICS(PART(IPrincipal)), .put_UserId = PUT(L"UserId"),
+                              .put_LogonType = PUT(L"LogonType"), .put_RunLevel = PUT(L"RunLevel")};
+ITaskSettingsVtbl settingsTable{COM_BASICS(PART(ITaskSettings)),
+                                .put_MultipleInstances = PUT(L"MultipleInstances"),
+                                .put_StopIfGoingOnBatteries = PUT(L"StopIfGoingOnBatteries"),
+                                .put_DisallowStartIfOnBatteries = PUT(L"DisallowStartIfOnBatteries"),
+                                .put_StartWhenAvailable = PUT(L"StartWhenAvailable"),
+                                .put_ExecutionTimeLimit = PUT(L"ExecutionTimeLimit"),
+                                .put_Enabled = PUT(L"Enabled"),
+                                .put_WakeToRun = PUT(L"WakeToRun")};
 // IExecAction and IWeeklyTrigger as the documentation lists them: what every action and trigger has, then their own.
+using Action = Object<IAction, Properties, IID_IAction, IID_IExecAction>;
 struct ExecActionTable {
   IActionVtbl action;
   HRESULT(STDMETHODCALLTYPE* getPath)(IAction*, BSTR*);
@@ -127,8 +74,8 @@ struct ExecActionTable {
   HRESULT(STDMETHODCALLTYPE* getArguments)(IAction*, BSTR*);
   HRESULT(STDMETHODCALLTYPE* putArguments)(IAction*, BSTR);
 };
-ExecActionTable execTable{
-    .action = {PART_BASICS(IAction)}, .putPath = PutText<L"Path">, .putArguments = PutText<L"Arguments">};
+ExecActionTable execTable{.action = {COM_BASICS(Action)}, .putPath = PUT(L"Path"), .putArguments = PUT(L"Arguments")};
+using Trigger = Object<ITrigger, Properties, IID_ITrigger, kWeeklyTrigger>;
 struct WeeklyTriggerTable {
   ITriggerVtbl trigger;
   HRESULT(STDMETHODCALLTYPE* getDaysOfWeek)(ITrigger*, short*);
@@ -136,38 +83,43 @@ struct WeeklyTriggerTable {
   HRESULT(STDMETHODCALLTYPE* getWeeksInterval)(ITrigger*, short*);
   HRESULT(STDMETHODCALLTYPE* putWeeksInterval)(ITrigger*, short);
 };
-WeeklyTriggerTable triggerTable{.trigger = {PART_BASICS(ITrigger), .put_StartBoundary = PutText<L"StartBoundary">},
-                                .putDaysOfWeek = PutNumber<L"DaysOfWeek">,
-                                .putWeeksInterval = PutNumber<L"WeeksInterval">};
+WeeklyTriggerTable triggerTable{.trigger = {COM_BASICS(Trigger), .put_StartBoundary = PUT(L"StartBoundary")},
+                                .putDaysOfWeek = PUT(L"DaysOfWeek"),
+                                .putWeeksInterval = PUT(L"WeeksInterval")};
 
-HRESULT STDMETHODCALLTYPE CreateTrigger(ITriggerCollection* self, TASK_TRIGGER_TYPE2 type, ITrigger** trigger) {
-  Definition& definition = DefinitionOf(self);
-  definition.properties[L"Trigger"] += std::to_wstring(type);
-  *trigger = new Trigger(&definition, &triggerTable.trigger);
-  return S_OK;
-}
-HRESULT STDMETHODCALLTYPE CreateAction(IActionCollection* self, TASK_ACTION_TYPE type, IAction** action) {
-  Definition& definition = DefinitionOf(self);
-  definition.properties[L"Action"] += std::to_wstring(type);
-  *action = new Action(&definition, &execTable.action);
-  return S_OK;
-}
-ITriggerCollectionVtbl triggersTable{PART_BASICS(ITriggerCollection), .Create = CreateTrigger};
-IActionCollectionVtbl actionsTable{PART_BASICS(IActionCollection), .Create = CreateAction};
+ITriggerCollectionVtbl triggersTable{
+    COM_BASICS(PART(ITriggerCollection)),
+    .Create = [](ITriggerCollection* self, TASK_TRIGGER_TYPE2 type, ITrigger** trigger) STDMETHODCALLTYPE -> HRESULT {
+      PropertiesOf(self)[L"Trigger"] += std::to_wstring(type);
+      *trigger = new Trigger(&triggerTable.trigger, PART(ITriggerCollection)::Of(self));
+      return S_OK;
+    }};
+IActionCollectionVtbl actionsTable{
+    COM_BASICS(PART(IActionCollection)),
+    .Create = [](IActionCollection* self, TASK_ACTION_TYPE type, IAction** action) STDMETHODCALLTYPE -> HRESULT {
+      PropertiesOf(self)[L"Action"] += std::to_wstring(type);
+      *action = new Action(&execTable.action, PART(IActionCollection)::Of(self));
+      return S_OK;
+    }};
 
-template <Name method, const IID& Id, auto* table, typename Interface>
-HRESULT STDMETHODCALLTYPE GetPart(ITaskDefinition* self, Interface** part) {
-  const HRESULT result = Method(method.text);
-  *part = SUCCEEDED(result) ? new Part<Interface, Id>(static_cast<Definition*>(self), table) : nullptr;
+// Makes an object for the product unless the method is to fail.
+template <typename Made, typename Interface, typename... Parts>
+HRESULT Give(const wchar_t* method, Interface** object, Parts... parts) {
+  const HRESULT result = Method(method);
+  *object = SUCCEEDED(result) ? new Made(parts...) : nullptr;
   return result;
 }
-ITaskDefinitionVtbl definitionTable{
-    BASICS(Definition),
-    .get_RegistrationInfo = GetPart<L"get_RegistrationInfo", IID_IRegistrationInfo, &infoTable>,
-    .get_Triggers = GetPart<L"get_Triggers", IID_ITriggerCollection, &triggersTable>,
-    .get_Settings = GetPart<L"get_Settings", IID_ITaskSettings, &settingsTable>,
-    .get_Principal = GetPart<L"get_Principal", IID_IPrincipal, &principalTable>,
-    .get_Actions = GetPart<L"get_Actions", IID_IActionCollection, &actionsTable>};
+using Definition = PART(ITaskDefinition);
+#define GET_PART(name, interfaceType, table)                                               \
+  .get_##name = [](ITaskDefinition* self, auto** part) STDMETHODCALLTYPE -> HRESULT {      \
+    return Give<PART(interfaceType)>(L"get_" #name, part, &(table), Definition::Of(self)); \
+  }
+ITaskDefinitionVtbl definitionTable{COM_BASICS(Definition),
+                                    GET_PART(RegistrationInfo, IRegistrationInfo, infoTable),
+                                    GET_PART(Triggers, ITriggerCollection, triggersTable),
+                                    GET_PART(Settings, ITaskSettings, settingsTable),
+                                    GET_PART(Principal, IPrincipal, principalTable),
+                                    GET_PART(Actions, IActionCollection, actionsTable)};
 
 HRESULT STDMETHODCALLTYPE GetTask(ITaskFolder* /*self*/, BSTR path, IRegisteredTask** task) {
   const bool found = AreaExists(TaskArea(TextOf(path)));
@@ -186,12 +138,10 @@ HRESULT STDMETHODCALLTYPE DeleteTask(ITaskFolder* /*self*/, BSTR path, LONG flag
   if (!AreaExists(TaskArea(name))) {
     return HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
   }
-  const DWORD error = Change<DWORD>(
-      "DeleteTask", [&] { return name; },
-      [&]() -> DWORD {
-        DeleteRegisteredTask(name);
-        return ERROR_SUCCESS;
-      });
+  const DWORD error = Change<DWORD>("DeleteTask", name, [&]() -> DWORD {
+    DeleteRegisteredTask(name);
+    return ERROR_SUCCESS;
+  });
   return HRESULT_FROM_WIN32(error);
 }
 
@@ -213,7 +163,7 @@ HRESULT STDMETHODCALLTYPE RegisterTask(ITaskFolder* /*self*/, BSTR path, ITaskDe
   if (const HRESULT result = Method(L"RegisterTaskDefinition " + name); FAILED(result)) {
     return result;
   }
-  TaskProperties properties = static_cast<Definition*>(definition)->properties;
+  TaskProperties properties = PropertiesOf(definition);
   if (name.empty() || !Complete(properties, password, sddl)) {
     Violation("RegisterTaskDefinition: no name, an incomplete definition, or a password for a service account");
     return E_INVALIDARG;
@@ -221,67 +171,57 @@ HRESULT STDMETHODCALLTYPE RegisterTask(ITaskFolder* /*self*/, BSTR path, ITaskDe
   properties[L"Flags"] = std::to_wstring(flags);
   properties[L"User"] = user.vt == VT_BSTR ? TextOf(user.bstrVal) : L"";
   properties[L"Logon"] = std::to_wstring(logon);
-  const DWORD error = Change<DWORD>(
-      "RegisterTaskDefinition", [&] { return name; },
-      [&]() -> DWORD {
-        ForgetArea(TaskArea(name));
-        for (const auto& [property, value] : properties) {
-          WriteText(TaskArea(name), property, value);
-        }
-        return ERROR_SUCCESS;
-      });
+  const DWORD error = Change<DWORD>("RegisterTaskDefinition", name, [&]() -> DWORD {
+    ForgetArea(TaskArea(name));
+    for (const auto& [property, value] : properties) {
+      WriteText(TaskArea(name), property, value);
+    }
+    return ERROR_SUCCESS;
+  });
   *task = error == ERROR_SUCCESS ? new Task(&taskTable) : nullptr;
   return HRESULT_FROM_WIN32(error);
 }
 
-using Folder = Object<ITaskFolder, IID_ITaskFolder>;
-ITaskFolderVtbl folderTable{BASICS(Folder), .GetTask = GetTask, .DeleteTask = DeleteTask,
+using Folder = Object<ITaskFolder, Stateless, IID_ITaskFolder>;
+ITaskFolderVtbl folderTable{COM_BASICS(Folder), .GetTask = GetTask, .DeleteTask = DeleteTask,
                             .RegisterTaskDefinition = RegisterTask};
 
-struct Service final : ComObject<Service, ITaskService> {
-  using ComObject<Service, ITaskService>::ComObject;
-  static bool Has(REFIID id) { return IsEqualIID(id, IID_ITaskService); }
-  bool connected = false;
-};
+using Service = Object<ITaskService, bool, IID_ITaskService>;  // connected
 
 HRESULT STDMETHODCALLTYPE Connect(ITaskService* self, VARIANT server, VARIANT user, VARIANT domain, VARIANT password) {
   if ((server.vt | user.vt | domain.vt | password.vt) != VT_EMPTY) {
     Violation("ITaskService::Connect: another computer or user");
   }
   const HRESULT result = Method(L"Connect");
-  static_cast<Service*>(self)->connected = SUCCEEDED(result);
+  Service::Of(self) = SUCCEEDED(result);
   return result;
 }
-
-// What only a connected service gives.
-template <typename Given, typename Table, typename Interface>
-HRESULT Give(ITaskService* self, const wchar_t* method, Table* table, Interface** object) {
-  if (!static_cast<Service*>(self)->connected) {
-    Violation("%s: not connected", Narrow(method).c_str());
-  }
-  const HRESULT result = Method(method);
-  *object = SUCCEEDED(result) ? new Given(table) : nullptr;
-  return result;
-}
-
 HRESULT STDMETHODCALLTYPE GetFolder(ITaskService* self, BSTR path, ITaskFolder** folder) {
-  if (TextOf(path) != L"\\") {
-    Violation("ITaskService::GetFolder: only the root folder is known here");
+  if (!Service::Of(self) || TextOf(path) != L"\\") {
+    Violation("ITaskService::GetFolder: not connected, or not the root folder");
   }
-  return Give<Folder>(self, L"GetFolder", &folderTable, folder);
+  return Give<Folder>(L"GetFolder", folder, &folderTable);
 }
 HRESULT STDMETHODCALLTYPE NewTask(ITaskService* self, DWORD /*flags*/, ITaskDefinition** definition) {
-  return Give<Definition>(self, L"NewTask", &definitionTable, definition);
+  if (!Service::Of(self)) {
+    Violation("ITaskService::NewTask: not connected");
+  }
+  const TaskProperties asNew{{L"Enabled", L"1"},
+                             {L"StartWhenAvailable", L"0"},
+                             {L"WakeToRun", L"0"},
+                             {L"DisallowStartIfOnBatteries", L"1"},
+                             {L"MultipleInstances", L"2"},
+                             {L"StopIfGoingOnBatteries", L"1"},
+                             {L"ExecutionTimeLimit", L"PT72H"}};
+  return Give<Definition>(L"NewTask", definition, &definitionTable, std::make_shared<TaskProperties>(asNew));
 }
+ITaskServiceVtbl serviceTable{COM_BASICS(Service), .GetFolder = GetFolder, .NewTask = NewTask, .Connect = Connect};
 
-ITaskServiceVtbl serviceTable{BASICS(Service), .GetFolder = GetFolder, .NewTask = NewTask, .Connect = Connect};
-
-HRESULT CreateService(REFIID id, void** object) {
-  const HRESULT result = Method(L"CoCreateInstance");
-  return SUCCEEDED(result) ? HandOut(new Service(&serviceTable), id, object) : result;
-}
-
-const bool registered = RegisterComClass({&CLSID_TaskScheduler, CreateService});
+const bool registered =
+    RegisterComClass({&CLSID_TaskScheduler, [](REFIID id, void** object) {
+                        const HRESULT result = Method(L"CoCreateInstance");
+                        return SUCCEEDED(result) ? HandOut(new Service(&serviceTable, false), id, object) : result;
+                      }});
 
 }  // namespace
 

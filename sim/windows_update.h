@@ -1,8 +1,7 @@
 // The Windows Update Agent of the simulated machine: area "WindowsUpdate", with an area "Updates\<number>" for each
 // update that is offered, and numbers that a test sets:
 //   "Fail <stage>"    an HRESULT for session, searcher, collection, searchBegin, search, downloader, downloadBegin,
-//   download,
-//                     installer, installBegin, install; the last of each three as the operation's result
+//                     download, installer, installBegin, install; the last of each three as the operation's result
 //   "Duration <stage>" milliseconds that search, download and install take; INFINITE: until they are aborted
 //   "Code search"     the OperationResultCode of a search that succeeds
 //   "Stubborn"        1: an abort is ignored

@@ -19,6 +19,8 @@ namespace {
 
 const std::string kName = sim::Narrow(sim::kFactoryAdapter);
 const std::wstring kAdapterArea = std::wstring(L"Adapters\\") + sim::kFactoryAdapter;
+const std::wstring kInterface =
+    std::wstring(L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters\\Interfaces\\") + sim::kFactoryAdapter;
 const std::string kStatic =
     R"("mode":"static","address":"10.1.2.3","prefixLength":24,"gateway":"10.1.2.1","dns":["9.9.9.9","8.8.8.8"])";
 const std::string kFailed = R"({"ok":false,"error":"failed"})";
@@ -32,10 +34,7 @@ void MakeMachine() {
   state::ProtectStateKey();
   sim::ForgetArea(L"Adapters");
   sim::AddAdapter(sim::kFactoryAdapter);
-  RegDeleteTreeW(
-      HKEY_LOCAL_MACHINE,
-      (std::wstring(L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters\\Interfaces\\") + sim::kFactoryAdapter)
-          .c_str());
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, kInterface.c_str());
 }
 
 // Two addresses, a gateway and a name server of the owner's.
@@ -43,10 +42,7 @@ void MakeItStatic() {
   sim::WriteNumber(kAdapterArea, L"Dhcp", 0);
   sim::WriteText(kAdapterArea, L"Addresses", L"172.16.0.9/16 172.16.0.10/16");
   sim::WriteText(kAdapterArea, L"Gateways", L"172.16.0.1");
-  test::SetString(
-      (std::wstring(L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters\\Interfaces\\") + sim::kFactoryAdapter)
-          .c_str(),
-      L"NameServer", L"172.16.0.2,172.16.0.3");
+  test::SetString(kInterface.c_str(), L"NameServer", L"172.16.0.2,172.16.0.3");
 }
 
 bool Recorded() { return state::ReadState(state::kPriorNetwork).has_value(); }
@@ -75,14 +71,11 @@ TEST_F(NetworkTest, StaticAndBackIsReadBackFromTheSystem) {
       Set(R"("mode":"static","address":"10.1.2.9","prefixLength":30,"dns":[])",
           "{4c2a9e10-7b5d-4e6f-8a01-9d3c5b7e1f20}"),
       R"({"ok":true,"adapter":")" + kName + R"(","mode":"static","address":"10.1.2.9","prefixLength":30,"dns":[]})");
-  EXPECT_EQ(
-      Set(R"("mode":"dhcp","dns":["1.1.1.1"])"),
+  const std::string dhcp =
       R"({"ok":true,"adapter":")" + kName +
-          R"(","mode":"dhcp","address":"192.168.7.20","prefixLength":24,"gateway":"192.168.7.1","dns":["1.1.1.1"]})");
-  EXPECT_EQ(
-      Set(R"("mode":"dhcp")"),
-      R"({"ok":true,"adapter":")" + kName +
-          R"(","mode":"dhcp","address":"192.168.7.20","prefixLength":24,"gateway":"192.168.7.1","dns":["192.168.7.2"]})");
+      R"(","mode":"dhcp","address":"192.168.7.20","prefixLength":24,"gateway":"192.168.7.1","dns":[")";
+  EXPECT_EQ(Set(R"("mode":"dhcp","dns":["1.1.1.1"])"), dhcp + R"(1.1.1.1"]})");
+  EXPECT_EQ(Set(R"("mode":"dhcp")"), dhcp + R"(192.168.7.2"]})");
   EXPECT_EQ(sim::DumpAdapters(), before);
   EXPECT_FALSE(Recorded());
   const sim::FaultPass pass;
@@ -161,27 +154,24 @@ TEST_F(NetworkTest, MethodThatNeverEndsIsGivenUpAfterAMinute) {
 // is what the answer said, if there was one.
 void EveryPoint(const wchar_t* name, void (*owners)()) {
   const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
-  sim::RunFaultScenario(
-      {.name = name,
-       .prepare =
-           [owners] {
-             MakeMachine();
-             owners();
-             const std::string before = sim::DumpAdapters();
-             sim::WriteText(L"Expected", L"Before", std::wstring(before.begin(), before.end()));
-             sim::ForgetValue(L"Expected", L"Answer");
-           },
-       .run = [] { sim::WriteText(L"Expected", L"Answer", Set(kStatic) == kFailed ? L"failed" : L"ok"); },
-       .later =
-           [] {
-             EXPECT_TRUE(PutBackUnfinishedChanges());
-             EXPECT_FALSE(Recorded());
-             const std::string now = sim::DumpAdapters();
-             const bool asIt = now == sim::Narrow(sim::ReadText(L"Expected", L"Before").value_or(L""));
-             const bool asAsked = now == kName + " static [10.1.2.3/24] [10.1.2.1] [9.9.9.9 8.8.8.8]\n";
-             const std::wstring answer = sim::ReadText(L"Expected", L"Answer").value_or(L"");
-             EXPECT_TRUE(answer == L"ok" ? asAsked : answer == L"failed" ? asIt : asIt || asAsked) << now;
-           }});
+  const auto prepare = [owners] {
+    MakeMachine();
+    owners();
+    const std::string before = sim::DumpAdapters();
+    sim::WriteText(L"Expected", L"Before", std::wstring(before.begin(), before.end()));
+    sim::ForgetValue(L"Expected", L"Answer");
+  };
+  const auto run = [] { sim::WriteText(L"Expected", L"Answer", Set(kStatic) == kFailed ? L"failed" : L"ok"); };
+  const auto later = [] {
+    EXPECT_TRUE(PutBackUnfinishedChanges());
+    EXPECT_FALSE(Recorded());
+    const std::string now = sim::DumpAdapters();
+    const bool asIt = now == sim::Narrow(sim::ReadText(L"Expected", L"Before").value_or(L""));
+    const bool asAsked = now == kName + " static [10.1.2.3/24] [10.1.2.1] [9.9.9.9 8.8.8.8]\n";
+    const std::wstring answer = sim::ReadText(L"Expected", L"Answer").value_or(L"");
+    EXPECT_TRUE(answer == L"ok" ? asAsked : answer == L"failed" ? asIt : asIt || asAsked) << now;
+  };
+  sim::RunFaultScenario({.name = name, .prepare = prepare, .run = run, .later = later});
 }
 
 TEST(NetworkFaults, FromDhcp) {

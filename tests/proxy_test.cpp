@@ -96,23 +96,20 @@ TEST_F(ProxyTest, OnlyWhatIsStillOursIsPutBack) {
 }
 
 TEST(ProxyFaults, OwnersSettingSurvivesThemAll) {
-  sim::RunFaultScenario({.name = L"proxy",
-                         .prepare =
-                             [] {
-                               MakeMachine();
-                               Set(R"({"mode":"manual","server":"first.test:1"})");
-                             },
-                         .run =
-                             [] {
-                               Set(kManual);
-                               RestoreProxy();
-                             },
-                         .later =
-                             [] {
-                               RestoreProxy();
-                               EXPECT_EQ(Now(), L"owner.test:3128 not for a.test");
-                               EXPECT_FALSE(Recorded());
-                             }});
+  const auto prepare = [] {
+    MakeMachine();
+    Set(R"({"mode":"manual","server":"first.test:1"})");
+  };
+  const auto run = [] {
+    Set(kManual);
+    RestoreProxy();
+  };
+  const auto later = [] {
+    RestoreProxy();
+    EXPECT_EQ(Now(), L"owner.test:3128 not for a.test");
+    EXPECT_FALSE(Recorded());
+  };
+  sim::RunFaultScenario({.name = L"proxy", .prepare = prepare, .run = run, .later = later});
 }
 
 }  // namespace

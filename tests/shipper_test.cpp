@@ -1,22 +1,15 @@
-// The central log shipper against a scripted endpoint, in virtual time, and its spool on Wine's files.
-#include "log/day_files.h"
+// The central log shipper against a scripted endpoint, in virtual time.
 #include "log/local_log.h"
-#include "log/shipper/spool.h"
 #include "sim/clock.h"
-#include "sim/fault_driver.h"
 #include "sim/http.h"
 #include "sim/machine.h"
-#include "tests/support/fixture.h"
+#include "tests/support/spool.h"
 #include "win32/wide_text.h"
 
 #include <nlohmann/json.hpp>
 
-#include <process.h>
-
 #include <algorithm>
 #include <functional>
-#include <iterator>
-#include <map>
 #include <mutex>
 #include <set>
 #include <sstream>
@@ -24,27 +17,11 @@
 namespace kiosk::log::shipper {
 namespace {
 
-using test::ListFolder;
 using test::SetDword;
 using test::SetString;
 using test::WriteWholeFile;
 
-const std::wstring kRoot = kLogRoot;
-const std::wstring kDrop = kRoot + L"\\Drop";
 constexpr wchar_t kSettings[] = L"SOFTWARE\\Norvane\\Tessaly\\Log";
-
-std::vector<std::wstring> Segments(const std::wstring& folder = kDrop) {
-  std::vector<std::wstring> names = ListFolder(folder);
-  names.erase(std::remove(names.begin(), names.end(), L"Taken"), names.end());
-  return names;
-}
-
-void MakeDropTree() {
-  std::wstring path = L"C:\\ProgramData";
-  for (const wchar_t* part : {L"\\Norvane", L"\\Tessaly", L"\\Logs", L"\\Drop", L"\\Taken"}) {
-    CreateDirectoryW((path += part).c_str(), nullptr);
-  }
-}
 
 class ShipperTest : public test::CleanMachine {
  protected:
@@ -83,13 +60,6 @@ class ShipperTest : public test::CleanMachine {
       Log(kNotice, kKiosk, "line %d", i);
     }
   }
-  void ExpectOnceEach(int count) const {
-    std::set<std::string> seen;
-    for (int i = 0; i < count; ++i) {
-      EXPECT_EQ(Count("line " + std::to_string(i)), 1) << i;
-    }
-  }
-
   void StopInFlight(DWORD grace);
 
   sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
@@ -115,7 +85,8 @@ TEST_F(ShipperTest, LinesArriveOneByOneAndNothingIsSentWithoutLines) {
   EXPECT_EQ(request.host + L" " + std::to_wstring(request.port), L"logs.example 8443");
   EXPECT_NE(request.flags & WINHTTP_FLAG_SECURE, 0U);
   EXPECT_EQ(request.options.count(WINHTTP_OPTION_SECURITY_FLAGS), 0U);  // the server's certificate is checked
-  EXPECT_EQ(request.Number(WINHTTP_OPTION_DISABLE_FEATURE, 0), DWORD{WINHTTP_DISABLE_COOKIES | WINHTTP_DISABLE_KEEP_ALIVE});
+  EXPECT_EQ(request.Number(WINHTTP_OPTION_DISABLE_FEATURE, 0),
+            DWORD{WINHTTP_DISABLE_COOKIES | WINHTTP_DISABLE_KEEP_ALIVE});
   clock_.RunFor(86'400'000);
   EXPECT_EQ(received_.size(), 4U);
   EXPECT_EQ(Segments(), std::vector<std::wstring>{});
@@ -135,8 +106,12 @@ TEST_F(ShipperTest, OutageOfADayLosesNothingAndIsLoggedOnce) {
   EXPECT_LT(times_.size(), 800U);
   answer_ = nullptr;
   clock_.RunFor(310'000);
-  ExpectOnceEach(240);
-  EXPECT_EQ(test::CountLogged("WARN central log: the endpoint does not take lines (WinHTTP error 12030); they are kept in the spool"), 1);
+  for (int i = 0; i < 240; ++i) {
+    EXPECT_EQ(Count("line " + std::to_string(i)), 1) << i;
+  }
+  EXPECT_EQ(test::CountLogged(
+                "WARN central log: the endpoint does not take lines (WinHTTP error 12030); they are kept in the spool"),
+            1);
   EXPECT_EQ(test::CountLogged("INFO central log: the endpoint takes lines again"), 1);
   EXPECT_EQ(Segments(), std::vector<std::wstring>{});
   EXPECT_EQ(Segments(kDrop + L"\\Taken"), std::vector<std::wstring>{});
@@ -147,10 +122,17 @@ TEST_F(ShipperTest, StatusesDecideWhatBecomesOfALine) {
     DWORD status;
     std::wstring retryAfter;
     std::uint64_t least, most;  // ms until it is sent again; 0 and 0: never
-  } const cases[] = {{500, L"", 0, 1000},          {503, L"7", 7000, 7001},     {429, L"Sat, 21 Nov 2026 09:10:00 GMT", 1, 600'000},
-                     {429, L"999999", 3'600'000, 3'600'001}, {408, L"x", 0, 1000}, {401, L"", 300'000, 300'001},
-                     {403, L"", 300'000, 300'001}, {404, L"", 300'000, 300'001}, {302, L"", 300'000, 300'001},
-                     {400, L"", 0, 0},             {413, L"", 0, 0}};
+  } const cases[] = {{500, L"", 0, 1000},
+                     {503, L"7", 7000, 7001},
+                     {429, L"Sat, 21 Nov 2026 09:10:00 GMT", 1, 600'000},
+                     {429, L"999999", 3'600'000, 3'600'001},
+                     {408, L"x", 0, 1000},
+                     {401, L"", 300'000, 300'001},
+                     {403, L"", 300'000, 300'001},
+                     {404, L"", 300'000, 300'001},
+                     {302, L"", 300'000, 300'001},
+                     {400, L"", 0, 0},
+                     {413, L"", 0, 0}};
   int line = 0;
   for (const auto& each : cases) {
     answer_ = [&](const sim::Request& request) {
@@ -190,21 +172,26 @@ TEST_F(ShipperTest, RemoteConfigurationSwitchesBatchesLevelsAndShippingItself) {
   clock_.RunFor(1000);
   bodies_.clear();
   answer_ = [](const sim::Request& request) {
-    return sim::Response{.status = request.body.size() > 40'000 || request.body.find("line 7\"") != std::string::npos ? 413U : 202U};
+    const bool tooLarge = request.body.size() > 40'000 || request.body.find("line 7\"") != std::string::npos;
+    return sim::Response{.status = tooLarge ? 413U : 202U};
   };
   Lines(0, 300);
   Log(kInfo, kKiosk, "chatty");
   clock_.RunFor(1000);
   EXPECT_EQ(received_.size(), 300U);  // "first" and all but line 7
   EXPECT_EQ(Count("line 7") + Count("chatty"), 0);
-  EXPECT_TRUE(std::all_of(bodies_.begin(), bodies_.end(), [](const std::string& body) { return body.size() <= 61'440; }));
+  EXPECT_TRUE(
+      std::all_of(bodies_.begin(), bodies_.end(), [](const std::string& body) { return body.size() <= 61'440; }));
   EXPECT_GT(bodies_.at(0).size(), 50'000U);
 
   // A bad one changes nothing and is logged once, the good one stays in the registry.
   config = R"({"batch":false,"enabled":0})";
   clock_.RunFor(4'000'000);
-  EXPECT_EQ(test::CountLogged("WARN central log: remote configuration is not used (\"enabled\" is neither true nor false)"), 1);
-  EXPECT_EQ(win32::ToNarrow(state::ReadString(kSettings, L"RemoteConfig").value_or(L"")), R"({"enabled":true,"minLevel":5,"batch":true})");
+  EXPECT_EQ(
+      test::CountLogged("WARN central log: remote configuration is not used (\"enabled\" is neither true nor false)"),
+      1);
+  EXPECT_EQ(win32::ToNarrow(state::ReadString(kSettings, L"RemoteConfig").value_or(L"")),
+            R"({"enabled":true,"minLevel":5,"batch":true})");
   config = R"({"enabled":false})";
   clock_.RunFor(1'000'000);
   Log(kError, kKiosk, "nobody hears");
@@ -224,7 +211,9 @@ TEST_F(ShipperTest, WithoutItsCertificateNothingIsSent) {
   Lines(0, 3);
   clock_.RunFor(3 * 86'400'000ULL - 1000);
   EXPECT_EQ(portal_.Requests().size(), 0U);
-  EXPECT_EQ(test::CountLogged("WARN central log: the client certificate is not in the computer's personal store; lines are kept in the spool"), 3);
+  EXPECT_EQ(test::CountLogged("WARN central log: the client certificate is not in the computer's personal store; lines "
+                              "are kept in the spool"),
+            3);
   StopBanner(kKiosk);
   ASSERT_EQ(Segments().size(), 1U);
   EXPECT_NE(test::ReadWholeFile(kDrop + L"\\" + Segments()[0]).find("line 2"), std::string::npos);
@@ -272,8 +261,9 @@ TEST_F(ShipperTest, StopLeavesAStuckRequestBehindAfterTwoSeconds) { StopInFlight
 
 TEST_F(ShipperTest, SegmentsOfOthersAndOfTheDeadAreSentAndTornLinesAreNot) {
   MakeDropTree();
-  WriteWholeFile(kDrop + L"\\other.gelf", "{\"short_message\":\"theirs\"}\r\n\n[1]\n{\"short_message\":\"nul" + std::string(1, '\0') + "\"}\n" +
-                                              "{\"" + std::string(100'000, 'x') + "\"}\n{\"short_message\":\"last\"}\n{\"short_message\":\"torn");
+  WriteWholeFile(kDrop + L"\\other.gelf", "{\"short_message\":\"theirs\"}\r\n\n[1]\n{\"short_message\":\"nul" +
+                                              std::string(1, '\0') + "\"}\n" + "{\"" + std::string(100'000, 'x') +
+                                              "\"}\n{\"short_message\":\"last\"}\n{\"short_message\":\"torn");
   WriteWholeFile(kDrop + L"\\Taken\\dead.gelf", "{\"short_message\":\"of the dead\"}\n");
   WriteWholeFile(kDrop + L"\\notes.txt", "{\"short_message\":\"no segment\"}\n");
   Lines(0, 1);
@@ -283,139 +273,6 @@ TEST_F(ShipperTest, SegmentsOfOthersAndOfTheDeadAreSentAndTornLinesAreNot) {
   EXPECT_EQ((std::multiset<std::string>(received_.begin(), received_.end())),
             (std::multiset<std::string>{"theirs", "last", "of the dead", "line 0", "late"}));
   EXPECT_EQ(Segments(), std::vector<std::wstring>{L"notes.txt"});
-}
-
-class SpoolTest : public test::CleanMachine {};
-
-std::string TextOf(int number, std::size_t size = 0) {
-  return "{\"n\":" + std::to_string(number) + ",\"x\":\"" + std::string(size, 'x') + "\"}\n";
-}
-
-// Sends all that can be had, noting the numbers.
-void SendAll(Spool& spool, std::map<int, int>& sent, int most = INT_MAX) {
-  for (std::optional<Segment> segment; most-- > 0 && (segment = spool.Claim());) {
-    for (std::string record; segment->Next(record);) {
-      ++sent[nlohmann::json::parse(record)["n"].get<int>()];
-    }
-    EXPECT_TRUE(segment->Delete());
-  }
-}
-
-TEST_F(SpoolTest, CapTakesTheOldest) {
-  MakeDropTree();
-  Spool spool(kDrop, 4 * kSegmentSize);
-  for (int i = 0; i < 10; ++i) {
-    ASSERT_TRUE(spool.Append(TextOf(i, kMaxRecord - 100)));
-    ASSERT_TRUE(spool.Append(TextOf(i, kMaxRecord - 100) + TextOf(i, kMaxRecord - 100) + TextOf(i, kMaxRecord - 100) + TextOf(i, kMaxRecord - 100)));
-    Sleep(20);
-  }
-  EXPECT_EQ(Segments().size(), 3U);  // 300 KB each
-  EXPECT_EQ(spool.TakeLost(), 35U);
-  std::map<int, int> sent;
-  SendAll(spool, sent);
-  EXPECT_EQ(sent, (std::map<int, int>{{7, 5}, {8, 5}, {9, 5}}));
-}
-
-void SendTogether(Spool& spool, std::map<int, int>& sent) {
-  while (!Segments().empty()) {
-    spool.ReturnDeadClaims();  // must leave the claims of the living alone
-    SendAll(spool, sent, 1);
-  }
-}
-
-// The second process is this test once more.
-TEST(SpoolProcesses, TwoShareTheWork) {
-  Spool spool(kDrop, 64 * kSegmentSize);
-  std::map<int, int> sent;
-  if (wcsstr(GetCommandLineW(), L"--second") != nullptr) {
-    SendTogether(spool, sent);
-    std::string text;
-    for (const auto& [number, times] : sent) {
-      text += std::to_string(number) + " " + std::to_string(times) + " ";
-    }
-    return WriteWholeFile(L"C:\\second.txt", text);
-  }
-  test::RemoveTree(L"C:\\ProgramData\\Norvane");
-  MakeDropTree();
-  for (int i = 0; i < 60; ++i) {
-    WriteWholeFile(kDrop + L"\\" + std::to_wstring(100 + i) + L".gelf", TextOf(i) + TextOf(i));
-  }
-  wchar_t self[MAX_PATH];
-  GetModuleFileNameW(nullptr, self, MAX_PATH);
-  const intptr_t child = _wspawnl(_P_NOWAIT, self, L"test", L"--gtest_filter=SpoolProcesses.*", L"--second", nullptr);
-  SendTogether(spool, sent);
-  int code = -1;
-  _cwait(&code, child, 0);
-  EXPECT_EQ(code, 0);
-  std::istringstream others(test::ReadWholeFile(L"C:\\second.txt"));
-  for (int number = 0, times = 0; others >> number >> times;) {
-    sent[number] += times;
-  }
-  DeleteFileW(L"C:\\second.txt");
-  EXPECT_EQ(sent.size(), 60U);
-  for (const auto& [number, times] : sent) {
-    EXPECT_EQ(times, 2) << number;
-  }
-}
-
-void Note(const wchar_t* file, int number) {
-  WriteWholeFile(file, test::ReadWholeFile(file) + std::to_string(number) + " ");
-}
-
-std::set<int> Noted(const wchar_t* file) {
-  std::istringstream text(test::ReadWholeFile(file));
-  return {std::istream_iterator<int>(text), {}};
-}
-
-// What Append took arrives at least once and whole, whichever call fails and whenever the process ends.
-TEST(SpoolFaults, EveryFaultLosesNothing) {
-  sim::RunFaultScenario(
-      {.name = L"life of a spool",
-       .prepare =
-           [] {
-             test::RemoveTree(L"C:\\ProgramData\\Norvane");
-             MakeDropTree();
-             DeleteFileW(L"C:\\kept.txt");
-             DeleteFileW(L"C:\\arrived.txt");
-           },
-       .run =
-           [] {
-             Spool spool(kDrop, 64 * kSegmentSize);
-             for (int i = 0; i < 4; ++i) {
-               for (int tries = 0; tries < 2 && Noted(L"C:\\kept.txt").count(i) == 0; ++tries) {
-                 if (spool.Append(TextOf(i, 3 * i))) {
-                   Note(L"C:\\kept.txt", i);
-                 }
-               }
-               if (i == 1) {
-                 spool.CloseSegment();
-               }
-             }
-             for (int rounds = 0; rounds < 2; ++rounds) {
-               if (std::optional<Segment> segment = spool.Claim()) {
-                 for (std::string record; segment->Next(record);) {
-                   Note(L"C:\\arrived.txt", nlohmann::json::parse(record)["n"].get<int>());
-                 }
-                 if (rounds == 0) {
-                   segment->Delete();
-                 } else {
-                   segment->Return(kDrop);
-                 }
-               }
-             }
-           },
-       .later =
-           [] {
-             Spool spool(kDrop, 64 * kSegmentSize);
-             spool.ReturnDeadClaims();
-             std::map<int, int> sent;
-             SendAll(spool, sent);
-             for (const int number : Noted(L"C:\\kept.txt")) {
-               EXPECT_TRUE(sent.count(number) != 0 || Noted(L"C:\\arrived.txt").count(number) != 0) << number;
-             }
-             EXPECT_EQ(Segments(kDrop + L"\\Taken"), std::vector<std::wstring>{});
-           },
-       .errors = {ERROR_DISK_FULL}});
 }
 
 }  // namespace

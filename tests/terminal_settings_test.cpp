@@ -24,7 +24,8 @@ class TerminalSettingsTest : public test::KioskTerminal {
 TEST_F(TerminalSettingsTest, OnlyTheUnlockedKioskSessionReachesThem) {
   const std::string token =
       "\"" + json::Member(account::Unlock("way out", test::kKioskSession), "unlockToken").text() + "\"";
-  for (const char* command : {"net.set", "proxy.set", "time.sync"}) {
+  for (const char* command :
+       {"net.set", "proxy.set", "time.sync", "power.get", "power.set", "os.updates", "os.install"}) {
     EXPECT_EQ(Send(command, token, false), R"({"ok":false,"error":"not_permitted"})") << command;
     for (const char* wrong : {"null", "\"\"", "\"00000000000000000000000000000000\"", "[]"}) {
       EXPECT_EQ(Send(command, wrong), R"({"ok":false,"error":"not_unlocked"})") << command << wrong;
@@ -33,8 +34,12 @@ TEST_F(TerminalSettingsTest, OnlyTheUnlockedKioskSessionReachesThem) {
                                 " refused: terminal settings are not unlocked for session 2"),
               4);
   }
-  EXPECT_EQ(Send("net.set", token), R"({"ok":false,"error":"invalid"})");
-  EXPECT_EQ(Send("proxy.set", token), R"({"ok":false,"error":"invalid"})");
+  for (const char* command : {"net.set", "proxy.set", "power.set"}) {
+    EXPECT_EQ(Send(command, token), R"({"ok":false,"error":"invalid"})");
+  }
+  for (const char* command : {"power.get", "os.updates"}) {
+    EXPECT_TRUE(Send(command, token).starts_with(R"({"ok":true,)")) << command;
+  }
   sim::WriteNumber(L"TimeService", L"NoService", 1);
   EXPECT_EQ(Send("time.sync", token), R"({"ok":false,"error":"sync_failed","server":"time.windows.com"})");
 }

@@ -5,7 +5,7 @@
 #include "tests/support/updates.h"
 #include "updates/presence.h"
 
-#include <algorithm>
+#include <functional>
 
 namespace kiosk::updates {
 namespace {
@@ -203,26 +203,18 @@ TEST_F(UpdateWindowTest, DaylightSavingAndAClockSetBack) {
 }
 
 TEST_F(UpdateWindowTest, GivesEverythingBackWithinAMinute) {
-  const auto set = [] { return state::ReadDword(test::kWindowsUpdateKey, L"SetActiveHours").has_value(); };
-  SetPolicy("02:00", "05:00", "[1]");
+  const std::function<void()> turns[] = {[] { SetPolicy("02:00", "05:00", "[1]", false); },
+                                         [] { SetString(state::kStateKey, L"UpdatesPolicy", L"{"); },
+                                         [] { state::DeleteStateValue(state::kDeviceToken); }};
   Start();
-  clock_.RunFor(2 * kMinute);
-  EXPECT_TRUE(set());
-  SetPolicy("02:00", "05:00", "[1]", false);
-  clock_.RunFor(kMinute + 1);
-  EXPECT_FALSE(set());
-  SetPolicy("02:00", "05:00", "[1]");
-  clock_.RunFor(kMinute + 1);
-  EXPECT_TRUE(set());
-  SetString(state::kStateKey, L"UpdatesPolicy", L"{");
-  clock_.RunFor(kMinute + 1);
-  EXPECT_FALSE(set());
-  SetPolicy("02:00", "05:00", "[1]");
-  clock_.RunFor(kMinute + 1);
-  EXPECT_TRUE(set());
-  state::DeleteStateValue(state::kDeviceToken);
-  clock_.RunFor(kMinute + 1);
-  EXPECT_FALSE(set());
+  for (const auto& turn : turns) {
+    SetPolicy("02:00", "05:00", "[1]");
+    clock_.RunFor(kMinute + 1);
+    EXPECT_TRUE(state::ReadDword(test::kWindowsUpdateKey, L"SetActiveHours"));
+    turn();
+    clock_.RunFor(kMinute + 1);
+    EXPECT_FALSE(state::ReadDword(test::kWindowsUpdateKey, L"SetActiveHours"));
+  }
 }
 
 TEST_F(UpdateWindowTest, ATerminalThatIsNoneAnyMoreGetsNoResultAndNoRestart) {

@@ -1,6 +1,7 @@
 // Records of the central log, read back by another JSON library.
 #include "log/shipper/gelf.h"
 #include "log/shipper/remote_config.h"
+#include "tests/support/words.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
@@ -23,6 +24,14 @@ std::string Record(std::string_view message, int level = 5, std::uint64_t droppe
   return out;
 }
 
+std::string Times(int count, const std::string& text = "\xEF\xBF\xBD") {
+  std::string all;
+  for (int i = 0; i < count; ++i) {
+    all += text;
+  }
+  return all;
+}
+
 TEST(Gelf, MembersOrderAndNumbers) {
   EXPECT_EQ(Record("up", 3, 7),
             R"({"version":"1.1","host":"LOBBY-PC","short_message":"up","timestamp":1792065661.040,"level":3,)"
@@ -40,11 +49,7 @@ TEST(Gelf, MembersOrderAndNumbers) {
 }
 
 TEST(Gelf, EveryMessageIsOneWholeRecord) {
-  const std::string bad = "\xEF\xBF\xBD";
-  std::string emoji;
-  for (int i = 0; i < 512; ++i) {
-    emoji += "\U0001F600";
-  }
+  const std::string emoji = Times(512, "\U0001F600");
   struct {
     std::string message, read;
   } const cases[] = {
@@ -54,9 +59,11 @@ TEST(Gelf, EveryMessageIsOneWholeRecord) {
       {"", "(blank)"},
       {" \t\r\n", "(blank)"},
       {emoji, emoji},
-      {emoji.substr(0, 2047), emoji.substr(0, 2044) + bad + bad + bad},
+      {emoji.substr(0, 2047), emoji.substr(0, 2044) + Times(3)},
       {"\u0080\u07FF\u0800\uFFFF\U00010000\U0010FFFF", "\u0080\u07FF\u0800\uFFFF\U00010000\U0010FFFF"},
-      {"\xC0\xAF|\xE0\x9F\x80|\xED\xA0\x80|\xF4\x90\x80\x80|\xFF|\x80|\xC3(", bad + bad + "|" + bad + bad + bad + "|" + bad + bad + bad + "|" + bad + bad + bad + bad + "|" + bad + "|" + bad + "|" + bad + "("},
+      {"\xC0\xAF|\xE0\x9F\x80|\xED\xA0\x80|\xF4\x90\x80\x80|\xFF|\x80|\xC3(",
+       Times(2) + "|" + Times(3) + "|" + Times(3) + "|" + Times(4) + "|" + Times(1) + "|" + Times(1) + "|" + Times(1) +
+           "("},
   };
   for (const auto& each : cases) {
     const std::string record = Record(each.message);
@@ -69,14 +76,17 @@ TEST(Gelf, EveryMessageIsOneWholeRecord) {
 
 TEST(RemoteConfig, IsTakenWholeOrNotAtAll) {
   std::string fault;
-  const auto config = ParseRemoteConfig(R"({"enabled":false,"minLevel":4,"batch":true,"endpoint":"https://h:1/x","LogConfigUrl":"https://evil/"})", fault);
+  const auto config = ParseRemoteConfig(
+      R"({"enabled":false,"minLevel":4,"batch":true,"endpoint":"https://h:1/x","LogConfigUrl":"https://evil/"})",
+      fault);
   ASSERT_TRUE(config);
   EXPECT_EQ(RemoteConfigText(*config), R"({"enabled":false,"minLevel":4,"batch":true,"endpoint":"https://h:1/x"})");
-  EXPECT_EQ(RemoteConfigText(ParseRemoteConfig(" {} ", fault).value_or(*config)), R"({"enabled":true,"minLevel":7,"batch":false})");
-  for (const char* text : {"", "[]", "{", R"({"enabled":1})", R"({"minLevel":2})", R"({"minLevel":8})", R"({"minLevel":"4"})",
-                           R"({"minLevel":4.5})", R"({"batch":"yes"})", R"({"endpoint":7})", R"({"endpoint":""})",
-                           R"({"endpoint":"http://h/"})", R"({"endpoint":"https:///x"})", R"({"endpoint":"https://a@h/"})",
-                           R"({"endpoint":"https://h/ x"})", R"({"batch":true,"minLevel":1})"}) {
+  EXPECT_EQ(RemoteConfigText(ParseRemoteConfig(" {} ", fault).value_or(*config)),
+            R"({"enabled":true,"minLevel":7,"batch":false})");
+  for (const std::string& text : test::Words(
+           R"(|[]|{|{"enabled":1}|{"minLevel":2}|{"minLevel":8}|{"minLevel":"4"}|{"minLevel":4.5}|{"batch":"yes"}|)"
+           R"({"endpoint":7}|{"endpoint":""}|{"endpoint":"http://h/"}|{"endpoint":"https:///x"}|)"
+           R"({"endpoint":"https://a@h/"}|{"endpoint":"https://h/ x"}|{"batch":true,"minLevel":1})")) {
     fault.clear();
     EXPECT_FALSE(ParseRemoteConfig(text, fault)) << text;
     EXPECT_FALSE(fault.empty()) << text;

@@ -3,19 +3,17 @@
 
 #include "json/parse.h"
 #include "json/serialise.h"
+#include "tests/support/words.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 namespace kiosk::power {
 namespace {
 
 constexpr char kSchedule[] = R"({"enabled":true,"sleepAt":"22:00","wakeAt":"07:00","days":[1]})";
-
-std::string Nested(int levels) {
-  return std::string(static_cast<std::size_t>(levels), '[') + std::string(static_cast<std::size_t>(levels), ']');
-}
 
 // The canonical form of what was sent; "refused" when it is no policy, and then the record is untouched.
 std::string Canonical(const std::string& text) {
@@ -51,14 +49,14 @@ TEST(PowerPolicy, DefaultsAndCanonicalForm) {
 }
 
 TEST(PowerPolicy, Minutes) {
-  for (const char* good : {"0", "-0", "1", "240", "2.4e2"}) {
-    EXPECT_NE(Canonical(WithMinutes(good, "0")), "refused") << good;
-    EXPECT_NE(Canonical(WithMinutes("0", good)), "refused") << good;
-  }
-  for (const char* bad : {"241", "-1", "2.5", "239.9999999", "\"15\"", "null", "true", "[15]", "{}", "1e308", "-1e308",
-                          "9007199254740993", "1e-300"}) {
-    EXPECT_EQ(Canonical(WithMinutes(bad, "0")), "refused") << bad;
-    EXPECT_EQ(Canonical(WithMinutes("0", bad)), "refused") << bad;
+  for (const auto& [accepted, list] :
+       {std::pair(true, "0|-0|1|240|2.4e2"), std::pair(false,
+                                                       "241|-1|2.5|239.9999999|\"15\"|null|true|[15]|{}|1e308|-1e308|"
+                                                       "9007199254740993|1e-300")}) {
+    for (const std::string& minutes : test::Words(list)) {
+      EXPECT_EQ(Canonical(WithMinutes(minutes, "0")) != "refused", accepted) << minutes;
+      EXPECT_EQ(Canonical(WithMinutes("0", minutes)) != "refused", accepted) << minutes;
+    }
   }
 }
 
@@ -71,13 +69,12 @@ TEST(PowerPolicy, ClockTimes) {
     EXPECT_EQ(ParseClockTime(*json::Parse(each.text)), each.minutes);
     EXPECT_EQ('"' + ClockTimeText(each.minutes) + '"', each.text);
   }
-  for (const char* bad : {"\"7:00\"", "\"24:00\"", "\"12:60\"", "\"12-30\"", "\"-1:30\"", "\" 1:30\"", "\"+1:30\"",
-                          "\"1a:30\"", "\"12:3/\"", "\"12:3:\"", "\"12:300\"", "\"\"", "\"12\\u000030\"", "\"１2:0\"",
-                          "1230", "null", "[\"12:30\"]"}) {
+  for (const std::string& bad :
+       test::Words(R"("7:00"|"24:00"|"12:60"|"12-30"|"-1:30"|" 1:30"|"+1:30"|"1a:30"|"12:3/"|"12:3:"|"12:300"|""|)"
+                   R"("12\u000030"|"１2:0"|1230|null|["12:30"])")) {
     EXPECT_FALSE(ParseClockTime(*json::Parse(bad))) << bad;
-    EXPECT_EQ(
-        Canonical(WithSchedule(std::string(R"({"enabled":false,"sleepAt":"01:00","days":[],"wakeAt":)") + bad + "}")),
-        "refused");
+    EXPECT_EQ(Canonical(WithSchedule(R"({"enabled":false,"sleepAt":"01:00","days":[],"wakeAt":)" + bad + "}")),
+              "refused");
   }
 }
 
@@ -95,9 +92,9 @@ TEST(PowerPolicy, Days) {
     EXPECT_EQ(ParseDays(*json::Parse(each.text)), each.mask) << each.text;
     EXPECT_EQ(json::Serialise(DaysToJson(each.mask)), each.canonical);
   }
-  for (const char* bad :
-       {"[1,1]", "[0,-0]", "[7]", "[-1]", "[1.5]", "[6.999999999]", "[\"1\"]", "[null]", "[true]", "[[1]]", "[1e308]",
-        "[9007199254740993]", "[0,1,2,3,4,5,6,7]", "[0,1,2,3,4,5,6,6]", "{}", "\"1\"", "null", "62"}) {
+  for (const std::string& bad :
+       test::Words(R"([1,1]|[0,-0]|[7]|[-1]|[1.5]|[6.999999999]|["1"]|[null]|[true]|[[1]]|[1e308]|[9007199254740993]|)"
+                   R"([0,1,2,3,4,5,6,7]|[0,1,2,3,4,5,6,6]|{}|"1"|null|62)")) {
     EXPECT_FALSE(ParseDays(*json::Parse(bad))) << bad;
   }
 }
@@ -106,20 +103,18 @@ TEST(PowerPolicy, Schedules) {
   for (const char* good : {kSchedule, R"({"enabled":false,"sleepAt":"00:00","wakeAt":"00:01","days":[]})"}) {
     EXPECT_EQ(Canonical(WithSchedule(good)), WithSchedule(good));
   }
-  const std::string deep = Nested(10);
-  for (const std::string& bad : {std::string("null"), std::string("[]"), std::string("\"x\""), std::string("{}"), deep,
-                                 std::string(R"({"enabled":true,"sleepAt":"22:00","wakeAt":"07:00","days":[]})"),
-                                 std::string(R"({"enabled":false,"sleepAt":"22:00","wakeAt":"22:00","days":[1]})"),
-                                 std::string(R"({"enabled":1,"sleepAt":"22:00","wakeAt":"07:00","days":[1]})"),
-                                 std::string(R"({"enabled":"true","sleepAt":"22:00","wakeAt":"07:00","days":[1]})"),
-                                 std::string(R"({"enabled":true,"sleepAt":"22:00","wakeAt":"07:00"})"),
-                                 std::string(R"({"enabled":true,"sleepAt":"22:00","days":[1]})"),
-                                 std::string(R"({"enabled":true,"wakeAt":"22:00","days":[1]})"),
-                                 std::string(R"({"sleepAt":"22:00","wakeAt":"07:00","days":[1]})"),
-                                 R"({"enabled":true,"sleepAt":"22:00","wakeAt":"07:00","days":)" + deep + "}"}) {
+  const std::string deep = std::string(10, '[') + std::string(10, ']');
+  for (const std::string& bad : test::Words(
+           R"(null|[]|"x"|{}|{"enabled":true,"sleepAt":"22:00","wakeAt":"07:00","days":[]}|)"
+           R"({"enabled":false,"sleepAt":"22:00","wakeAt":"22:00","days":[1]}|)"
+           R"({"enabled":1,"sleepAt":"22:00","wakeAt":"07:00","days":[1]}|)"
+           R"({"enabled":"true","sleepAt":"22:00","wakeAt":"07:00","days":[1]}|)"
+           R"({"enabled":true,"sleepAt":"22:00","wakeAt":"07:00"}|{"enabled":true,"sleepAt":"22:00","days":[1]}|)"
+           R"({"enabled":true,"wakeAt":"22:00","days":[1]}|{"sleepAt":"22:00","wakeAt":"07:00","days":[1]}|)" +
+           deep + R"(|{"enabled":true,"sleepAt":"22:00","wakeAt":"07:00","days":)" + deep + "}")) {
     EXPECT_EQ(Canonical(WithSchedule(bad)), "refused") << bad;
   }
-  for (const char* other : {"null", "[]", "7", "\"{}\"", "{}", R"({"screenOffMinutes":1,"sleepMinutes":2})"}) {
+  for (const std::string& other : test::Words(R"(null|[]|7|"{}"|{}|{"screenOffMinutes":1,"sleepMinutes":2})")) {
     EXPECT_EQ(Canonical(other), "refused") << other;
   }
 }

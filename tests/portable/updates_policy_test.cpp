@@ -3,10 +3,13 @@
 
 #include "json/parse.h"
 #include "json/serialise.h"
+#include "tests/support/words.h"
 #include "updates/window_key.h"
 
 #include <gtest/gtest.h>
 
+#include <array>
+#include <iterator>
 #include <string>
 
 namespace kiosk::updates {
@@ -40,42 +43,24 @@ TEST(UpdatesPolicyTest, OneTextForEachPolicy) {
 }
 
 TEST(UpdatesPolicyTest, OneWrongMemberRefusesAllOfIt) {
-  const std::string s = "\"02:00\"";
-  const std::string e = "\"05:00\"";
-  for (const std::string& text : {std::string("null"),
-                                  std::string("[]"),
-                                  std::string("\"x\""),
-                                  std::string("{}"),
-                                  std::string(R"({"automatic":true})"),
-                                  std::string(R"({"automatic":true,"window":[]})"),
-                                  std::string(R"({"automatic":true,"window":null})"),
-                                  std::string(R"({"window":{"start":"02:00","end":"05:00","days":[1]}})"),
-                                  With("1", s, e, "[1]"),
-                                  With("\"true\"", s, e, "[1]"),
-                                  With("null", s, e, "[1]"),
-                                  With("true", s, s, "[1]"),
-                                  With("true", "\"2:00\"", e, "[1]"),
-                                  With("true", "\"24:00\"", e, "[1]"),
-                                  With("true", s, "\"12:60\"", "[1]"),
-                                  With("true", "120", e, "[1]"),
-                                  With("true", s, "null", "[1]"),
-                                  With("true", "\"02:0\\u0000\"", e, "[1]"),
-                                  With("true", s, e, "[]"),
-                                  With("false", s, e, "[]"),
-                                  With("true", s, e, "[1,1]"),
-                                  With("true", s, e, "[7]"),
-                                  With("true", s, e, "[-1]"),
-                                  With("true", s, e, "[1.5]"),
-                                  With("true", s, e, "[\"1\"]"),
-                                  With("true", s, e, "[[1]]"),
-                                  With("true", s, e, "[9007199254740993]"),
-                                  With("true", s, e, "[1e308]"),
-                                  With("true", s, e, "{\"0\":1}"),
-                                  With("true", s, e, "\"1\""),
-                                  With("true", s, e, "[0,1,2,3,4,5,6,0]"),
-                                  With("true", s, e, "[[[[[[[[[[1]]]]]]]]]]")}) {
+  for (const std::string& text : test::Words(
+           R"(null|[]|"x"|{}|{"automatic":true}|{"automatic":true,"window":[]}|{"automatic":true,"window":null}|)"
+           R"({"window":{"start":"02:00","end":"05:00","days":[1]}})")) {
     EXPECT_EQ(Canonical(text), "refused") << text;
   }
+  // Each member alone, in the place of a good one.
+  const std::string good[] = {"true", R"("02:00")", R"("05:00")", "[1]"};
+  const char* const bad[] = {R"(1|"true"|null)", R"("05:00"|"2:00"|"24:00"|120|"02:0\u0000")", R"("12:60"|null)",
+                             (R"([]|[1,1]|[7]|[-1]|[1.5]|["1"]|[[1]]|[9007199254740993]|[1e308]|{"0":1}|"1"|)"
+                              R"([0,1,2,3,4,5,6,0]|[[[[[[[[[[1]]]]]]]]]])")};
+  for (std::size_t i = 0; i < std::size(bad); ++i) {
+    for (const std::string& wrong : test::Words(bad[i])) {
+      std::array<std::string, 4> parts = {good[0], good[1], good[2], good[3]};
+      parts[i] = wrong;
+      EXPECT_EQ(Canonical(With(parts[0], parts[1], parts[2], parts[3])), "refused") << wrong;
+    }
+  }
+  EXPECT_EQ(Canonical(With("false", good[1], good[2], "[]")), "refused");
 }
 
 TEST(WindowKeyTest, TheDateOnWhichItOpened) {
@@ -103,11 +88,9 @@ TEST(WindowKeyTest, TheDateOnWhichItOpened) {
       {night, {2100, 3, 1, 1, 59}, "2100-02-28"},
       {night, {2000, 3, 1, 1, 59}, "2000-02-29"},
       {night, {2027, 1, 1, 0, 30}, "2026-12-31"},
-      {night, {2026, 5, 1, 0, 30}, "2026-04-30"},
       {sundays, {2026, 11, 22, 3, 0}, "2026-11-22"},
       {sundays, {2026, 11, 23, 3, 0}, ""},
       {sundays, {2028, 2, 27, 3, 0}, "2028-02-27"},
-      {sundays, {2099, 12, 27, 3, 0}, "2099-12-27"},
       {minute, {2026, 11, 21, 23, 59}, "2026-11-21"},
       {minute, {2026, 11, 22, 0, 0}, ""},
   };

@@ -3,6 +3,7 @@
 
 #include "json/parse.h"
 #include "portal/device_token.h"
+#include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/com.h"
 #include "sim/machine.h"
@@ -29,10 +30,7 @@ class UpdatesTerminal : public CleanMachine {
     ASSERT_TRUE(win32::CreateStopEvent());
     ASSERT_EQ(state::ProtectStateKey().what, nullptr);
     ASSERT_TRUE(portal::StoreDeviceToken("tok"));
-    wchar_t computer[16];
-    DWORD size = 16;
-    GetComputerNameW(computer, &size);
-    sim::SetSession(kShellSession, L"NorvaneKiosk", computer);
+    sim::SetSession(kShellSession, L"NorvaneKiosk", sim::ComputerName());
   }
   static void SetAgent(const std::wstring& name, DWORD number) { sim::WriteNumber(sim::kUpdateArea, name, number); }
   static void SetPolicy(const char* start, const char* end, const std::string& days, bool automatic = true) {

@@ -1,0 +1,235 @@
+// The power policy's two tasks, and the terminal's own commands.
+#include "tests/support/power.h"
+
+#include "portal/check_in.h"
+#include "power/sleep_wake.h"
+#include "power/task_scheduler.h"
+
+namespace kiosk::power {
+namespace {
+
+using PowerTasksTest = PowerTest;
+
+TEST_F(PowerTasksTest, TasksAreRegisteredExactlyAndOnce) {
+  Receive(Policy(15, 0, "true"));
+  EXPECT_EQ(CountOf(Apply(), "RegisterTaskDefinition"), 2);
+  const std::wstring path = OwnExecutablePath();
+  const auto expected = [&path](const std::wstring& description, const std::wstring& time,
+                                const std::wstring& arguments, const std::wstring& wakes) {
+    return L"Action=0 Arguments=" + arguments + L" Author=Norvane DaysOfWeek=62 Description=" + description +
+           L" DisallowStartIfOnBatteries=0 Enabled=1 ExecutionTimeLimit=PT5M Flags=6 Logon=5 LogonType=5"
+           L" MultipleInstances=2 Path=\"" +
+           path + L"\" RunLevel=1 StartBoundary=2020-01-01T" + time +
+           L":00 StartWhenAvailable=0 StopIfGoingOnBatteries=0 Trigger=3 User=S-1-5-18 UserId=S-1-5-18 WakeToRun=" +
+           wakes + L" WeeksInterval=1 ";
+  };
+  const auto registered = [](const wchar_t* name) {
+    std::wstring text;
+    for (const auto& [property, value] : sim::RegisteredTask(name)) {
+      text += property + L"=" + value + L" ";
+    }
+    return text;
+  };
+  EXPECT_EQ(registered(kSleepName),
+            expected(L"Puts this kiosk terminal to sleep on its power schedule.", L"22:00", L"--sleep-now", L"0"));
+  EXPECT_EQ(registered(kWakeName),
+            expected(L"Wakes this kiosk terminal on its power schedule.", L"07:00", L"--wake-now", L"1"));
+  EXPECT_EQ(state::ReadStateString(state::kPowerScheduleApplied), L"22:00|07:00|62|" + path);
+  EXPECT_EQ(sim::SchemeIndexes({}), (Indexes{900, 900, 0, 0, 1, 1}));
+  EXPECT_EQ(CountLogged("INFO power: \"Norvane Kiosk Sleep\" at 22:00 on days 0x3e"), 1);
+  EXPECT_EQ(CountLogged("INFO power: \"Norvane Kiosk Wake\" at 07:00 on days 0x3e"), 1);
+  const std::size_t lines = test::LogTexts().size();
+  EXPECT_TRUE(Apply().empty());
+  EXPECT_EQ(test::LogTexts().size(), lines);
+
+  for (const wchar_t* name : {kSleepName, kWakeName}) {
+    sim::DeleteRegisteredTask(name);
+    EXPECT_EQ(CountOf(Apply(), "RegisterTaskDefinition"), 2);
+  }
+  SetString(state::kStateKey, L"PowerScheduleApplied", L"22:00|07:00|62|C:\\Elsewhere\\NorvaneKiosk.exe");
+  EXPECT_EQ(CountOf(Apply(), "RegisterTaskDefinition"), 2);
+  Receive(Policy(15, 0, "true", "21:05", "[0,6]"));
+  EXPECT_EQ(CountOf(Apply(), "RegisterTaskDefinition"), 2);
+  EXPECT_EQ(sim::RegisteredTask(kSleepName)[L"StartBoundary"], L"2020-01-01T21:05:00");
+  EXPECT_EQ(sim::RegisteredTask(kWakeName)[L"DaysOfWeek"], L"65");
+
+  Receive(Policy(15, 0));
+  EXPECT_EQ(Apply(), (std::vector<std::string>{"DeleteTask", "DeleteTask", "RegDeleteKeyValueW"}));
+  EXPECT_EQ(sim::TaskLines().size() + State(state::kPowerScheduleApplied).size(), 0U);
+  EXPECT_EQ(CountLogged("INFO power: removed the task \"Norvane Kiosk Sleep\""), 1);
+  EXPECT_TRUE(Apply().empty());
+}
+
+TEST_F(PowerTasksTest, WhatFailsInTaskSchedulerIsSaidAndTriedAgain) {
+  const std::string wake = "\"Norvane Kiosk Wake\"";
+  struct {
+    const wchar_t* method;
+    std::string line;  // without "ERROR power: " and " (0x80070005)"; empty: nothing fails by it
+    bool wakes;        // the wake task is registered all the same
+  } const cases[] = {{L"CoCreateInstance", "Task Scheduler unavailable", false},
+                     {L"Connect", "cannot connect to Task Scheduler", false},
+                     {L"GetFolder", "no Task Scheduler root folder", false},
+                     {L"NewTask", "cannot create " + wake, false},
+                     {L"get_RegistrationInfo", "", true},
+                     {L"put_RunLevel", "", true},
+                     {L"get_Settings", "no settings for " + wake, false},
+                     {L"put_Enabled", "", true},
+                     {L"put_WakeToRun", wake + " cannot wake the computer", false},
+                     {L"get_Triggers", "no weekly trigger for " + wake, false},
+                     {L"put_StartBoundary", "cannot schedule " + wake, false},
+                     {L"put_WeeksInterval", "cannot schedule " + wake, false},
+                     {L"get_Actions", "no action for " + wake, false},
+                     {L"put_Arguments", "cannot set the action of " + wake, false},
+                     {L"RegisterTaskDefinition Norvane Kiosk Wake", "cannot register " + wake, false},
+                     {L"RegisterTaskDefinition Norvane Kiosk Sleep", "cannot register \"Norvane Kiosk Sleep\"", true}};
+  for (const auto& each : cases) {
+    SetUp();
+    Receive(Policy(15, 0, "true"));
+    sim::FailTaskMethod(each.method);
+    NewTexts();
+    Apply();
+    const std::vector<std::string> texts = NewTexts();
+    EXPECT_EQ(State(state::kPowerError), each.wakes ? "" : "wake_unavailable") << each.method;
+    EXPECT_EQ(CountOf(texts, "WARN power: wake_unavailable"), each.wakes ? 0 : 1);
+    EXPECT_EQ(State(state::kPowerScheduleApplied).empty(), !each.line.empty()) << each.method;
+    EXPECT_EQ(CountOf(texts, "ERROR power: " + each.line + " (0x80070005)"), each.line.empty() ? 0 : 1) << each.method;
+    Apply();
+    EXPECT_EQ(CountOf(NewTexts(), "WARN power: wake_unavailable"), 0);  // said once
+    sim::FailTaskMethod(L"");
+    Apply();
+    EXPECT_EQ(State(state::kPowerError), "");
+    EXPECT_NE(State(state::kPowerScheduleApplied), "");
+    EXPECT_EQ(sim::RegisteredTask(kWakeName)[L"WakeToRun"], L"1");
+  }
+}
+
+TEST_F(PowerTasksTest, ComputersThatCannotWakeSaySo) {
+  struct {
+    bool unknown, alwaysConnected;
+    DWORD realTimeClockWake;
+    bool can;
+  } const cases[] = {{false, false, PowerSystemUnspecified, false},
+                     {false, true, PowerSystemUnspecified, true},
+                     {false, false, PowerSystemHibernate, true},
+                     {true, false, PowerSystemUnspecified, true}};
+  for (const auto& each : cases) {
+    SetUp();
+    sim::WriteNumber(L"Power", L"CapabilitiesUnknown", each.unknown);
+    sim::WriteNumber(L"Power", L"AlwaysConnected", each.alwaysConnected);
+    sim::WriteNumber(L"Power", L"RtcWake", each.realTimeClockWake);
+    Receive(Policy(15, 0, "true"));
+    NewTexts();
+    Apply();
+    EXPECT_EQ(State(state::kPowerError), each.can ? "" : "wake_unavailable");
+    EXPECT_EQ(CountOf(NewTexts(), "WARN power: this computer reports no wake timer support"), each.can ? 0 : 1);
+    EXPECT_FALSE(sim::RegisteredTask(kSleepName).empty() || sim::RegisteredTask(kWakeName).empty());
+    EXPECT_TRUE(Apply().empty());
+  }
+}
+
+TEST_F(PowerTasksTest, OverrideAtTheTerminal) {
+  const std::string defaults = Policy(15, 0);
+  EXPECT_EQ(json::Serialise(HandlePowerGet()), R"({"ok":true,"policy":)" + defaults +
+                                                   R"(,"source":"default","local":null,"effective":)" + defaults +
+                                                   R"(,"error":null})");
+  const std::string portal = Policy(20, 30, "false", "20:15", "[2]");
+  Receive(portal, "device");
+  const std::string local = Policy(240, 0, "false", "20:15", "[2]");
+  SetString(state::kStateKey, L"PowerError", L"old");
+  const std::string withLocal = R"({"ok":true,"policy":)" + portal + R"(,"source":"device","local":)" + local +
+                                R"(,"effective":)" + local + R"(,"error":null})";
+  EXPECT_EQ(Set(R"({"screenOffMinutes":240,"sleepMinutes":0,"local":true})"), withLocal);
+  EXPECT_EQ(sim::SchemeIndexes({}), (Indexes{14400, 14400, 0, 0, 2, 0}));
+  sim::SetSchemeIndexes(sim::kBalanced, kOwn);
+  EXPECT_EQ(Set(R"({"screenOffMinutes":240,"sleepMinutes":0,"schedule":null,"useOrganisation":false})"), withLocal);
+  EXPECT_EQ(sim::SchemeIndexes({})[0], 14400U);
+  EXPECT_EQ(CountLogged("INFO power: local override " + local), 1);
+  Receive(Policy(1, 1));
+  EXPECT_TRUE(Apply().empty());  // the override wins
+
+  const std::pair<const char*, const char*> refused[] = {
+      {"WARN power.set refused: minutes must be whole numbers from 0 to 240",
+       R"({"screenOffMinutes":241,"sleepMinutes":0}|{"screenOffMinutes":-1,"sleepMinutes":0}|)"
+       R"({"screenOffMinutes":1,"sleepMinutes":7.5}|{"screenOffMinutes":1}|{})"},
+      {"WARN power.set refused: invalid schedule",
+       R"({"screenOffMinutes":1,"sleepMinutes":2,"schedule":{"enabled":true}}|)"
+       R"({"screenOffMinutes":1,"sleepMinutes":2,"schedule":false})"},
+      {nullptr, R"({"screenOffMinutes":1,"sleepMinutes":2,"local":false}|{"useOrganisation":"yes"}|)"
+                R"({"screenOffMinutes":1,"sleepMinutes":2,"local":1}|{"useOrganisation":1})"}};
+  for (const auto& [line, requests] : refused) {
+    for (const std::string& request : test::Words(requests)) {
+      NewTexts();
+      const sim::FaultPass pass;
+      EXPECT_EQ(Set(request), R"({"ok":false,"error":"invalid"})") << request;
+      EXPECT_EQ(pass.Count(), 0) << request;
+      EXPECT_EQ(NewTexts(), line != nullptr ? std::vector<std::string>{line} : std::vector<std::string>()) << request;
+    }
+  }
+  sim::FailTaskMethod(L"Connect");
+  EXPECT_NE(Set(R"({"screenOffMinutes":5,"sleepMinutes":6,"schedule":)"
+                R"({"enabled":true,"sleepAt":"01:00","wakeAt":"02:00","days":[0]}})")
+                .find(R"("error":"wake_unavailable")"),
+            std::string::npos);
+  for (int twice = 0; twice < 2; ++twice) {
+    EXPECT_NE(Set(R"({"useOrganisation":true})").find(R"("local":null)"), std::string::npos);
+  }
+  EXPECT_EQ(CountLogged("INFO power: the local override is cleared; following the portal"), 1);
+  EXPECT_EQ(sim::SchemeIndexes({}), (Indexes{60, 60, 60, 60, 2, 0}));
+
+  state::DeleteStateValue(state::kDeviceToken);
+  const sim::FaultPass pass;
+  for (const char* request : {R"({"useOrganisation":true})", R"({"screenOffMinutes":1,"sleepMinutes":2})", "{}"}) {
+    EXPECT_EQ(Set(request), R"({"ok":false,"error":"not_enrolled"})");
+  }
+  EXPECT_EQ(pass.Count(), 0);
+}
+
+TEST_F(PowerTasksTest, SleepAndWakeRuns) {
+  EXPECT_EQ(SleepNow(), 0);
+  EXPECT_EQ(CountLogged("INFO power: scheduled sleep"), 1);
+  EXPECT_EQ(CountLogged("INFO Kiosk shutting down"), 1);
+  const win32::KernelHandle live(CreateEventW(nullptr, TRUE, FALSE, L"Global\\NorvaneStreamSessionActive"));
+  EXPECT_EQ(SleepNow(), 0);
+  EXPECT_EQ(sim::ReadNumber(L"Power", L"Suspends"), 2U);
+  SetEvent(live.Get());
+  EXPECT_EQ(SleepNow(), 0);
+  EXPECT_EQ(sim::ReadNumber(L"Power", L"Suspends"), 2U);
+  EXPECT_EQ(CountLogged("WARN power: scheduled sleep skipped, a stream session is live"), 1);
+  ResetEvent(live.Get());
+  sim::WriteNumber(L"Power", L"SuspendError", ERROR_NOT_SUPPORTED);
+  EXPECT_EQ(SleepNow(), 1);
+  EXPECT_EQ(CountLogged("ERROR power: SetSuspendState failed (50)"), 1);
+  const std::size_t lines = test::LogTexts().size();
+  EXPECT_EQ(WakeNow(), 0);
+  EXPECT_EQ(sim::ReadNumber(L"Power", L"ExecutionState"), DWORD{ES_SYSTEM_REQUIRED | ES_DISPLAY_REQUIRED});
+  EXPECT_EQ(test::LogTexts().size(), lines);
+}
+
+using PowerCheckIn = test::KioskTerminal;
+
+TEST_F(PowerCheckIn, CarriesTheOverrideAndTheError) {
+  const auto body = [this] {
+    EXPECT_EQ(portal::CheckIn("tok").error, "");
+    return portal_.Requests().back().body;
+  };
+  const std::string version = body();
+  answer_ = {.body = R"({"status":"enrolled","power":)" + Policy(5, 6) + R"(,"powerSource":"device"})"};
+  EXPECT_EQ(body(), version);
+  EXPECT_EQ(State(state::kPowerPolicy), Policy(5, 6));
+  {
+    const sim::FaultPass pass;
+    portal::CheckIn("tok");
+    for (const sim::ChangeCall& call : pass.Calls()) {
+      EXPECT_TRUE(call.object.ends_with(L"UnknownSince")) << call.Text();
+    }
+  }
+  SetString(state::kStateKey, L"PowerLocal", win32::ToWide(" " + Policy(7, 8)));
+  SetString(state::kStateKey, L"PowerError", L"wake_unavailable");
+  EXPECT_EQ(body(), version.substr(0, version.size() - 1) + ",\"powerLocal\":" + Policy(7, 8) +
+                        R"(,"powerError":"wake_unavailable"})");
+  SetString(state::kStateKey, L"PowerLocal", L"[]");
+  EXPECT_EQ(body(), version.substr(0, version.size() - 1) + R"(,"powerError":"wake_unavailable"})");
+}
+
+}  // namespace
+}  // namespace kiosk::power
