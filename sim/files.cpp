@@ -205,7 +205,7 @@ SIM(DWORD, GetSecurityInfo, HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMA
     PACL* dacl, PACL* sacl, PSECURITY_DESCRIPTOR* descriptor) {
   const std::wstring path = type == SE_FILE_OBJECT ? Plain(PathOf(object)) : L"";
   const bool known = ReadText(kOwners, path).has_value();
-  if ((parts & ~(OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION)) != 0 || !known) {
+  if ((parts & ~DWORD{OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION}) != 0 || !known) {
     return ::GetSecurityInfo(object, type, parts, owner, group, dacl, sacl, descriptor);
   }
   const std::wstring sddl =

@@ -73,14 +73,19 @@ TEST(PasswordTest, BytesThatWouldFavourACharacterAreDiscarded) {
 
 TEST(PasswordTest, GivesUpWithoutLeavingAnything) {
   // Bytes that give one kind of characters only; or, in the third attempt, no bytes.
-  for (const auto& [byte, failing, expected] : {std::tuple{60, 99, 16}, {199, 3, 3}}) {
+  struct {
+    int byte;
+    int failing;
+    int expected;
+  } const cases[] = {{60, 99, 16}, {199, 3, 3}};
+  for (const auto& each : cases) {
     int calls = 0;
     const sim::RandomScript script([&](unsigned char* buffer, std::size_t size) {
-      std::memset(buffer, byte, size);
-      return ++calls != failing;
+      std::memset(buffer, each.byte, size);
+      return ++calls != each.failing;
     });
     const Password none = GenerateKioskPassword();
-    EXPECT_EQ(calls, expected);
+    EXPECT_EQ(calls, each.expected);
     EXPECT_TRUE(none.Empty());
     EXPECT_EQ(none.Get()[0], L'\0');
   }

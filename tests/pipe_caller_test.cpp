@@ -201,7 +201,7 @@ TEST_F(Caller, StatusShowsWhatIsStoredToEverybody) {
   EXPECT_FALSE(kioskSession(2));  // not provisioned yet
   SetDword(state::kStateKey, L"Provisioned", 1);
   EXPECT_TRUE(kioskSession(2));
-  for (const DWORD other : {0, 3, 4, 99}) {
+  for (const DWORD other : {0U, 3U, 4U, 99U}) {
     EXPECT_FALSE(kioskSession(other)) << other;
   }
 

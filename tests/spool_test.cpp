@@ -113,7 +113,8 @@ TEST(SpoolFaults, EveryFaultLosesNothing) {
   const auto run = [] {
     Spool spool(kDrop, 64 * kSegmentSize);
     for (int i = 0; i < 4; ++i) {
-      if (spool.Append(TextOf(i, 3 * i)) || spool.Append(TextOf(i, 3 * i))) {
+      if (spool.Append(TextOf(i, std::size_t{3} * static_cast<std::size_t>(i))) ||
+          spool.Append(TextOf(i, std::size_t{3} * static_cast<std::size_t>(i)))) {
         Note(L"C:\\kept.txt", i);
       }
       if (i == 1) {

@@ -31,7 +31,7 @@ std::optional<Thumbprint> ParseThumbprint(const std::wstring& text) {
       return std::nullopt;
     }
     std::uint8_t& byte = thumbprint[digits++ / 2];
-    byte = static_cast<std::uint8_t>((byte << 4U) | static_cast<unsigned>(digit));
+    byte = static_cast<std::uint8_t>(unsigned{byte} << 4U | static_cast<unsigned>(digit));
   }
   return digits == 2 * thumbprint.size() ? std::optional(thumbprint) : std::nullopt;
 }
