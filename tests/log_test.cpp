@@ -98,6 +98,7 @@ TEST_F(LogTest, ComponentsHaveFilesOfTheirOwnBeyondTheTableToo) {
 
 TEST_F(LogTest, ThreadsNeverTearALine) {
   std::vector<win32::KernelHandle> threads;
+  threads.reserve(8);
   for (int thread = 0; thread < 8; ++thread) {
     threads.push_back(win32::StartThread([thread]() noexcept {
       for (int i = 0; i < 400; ++i) {

@@ -14,11 +14,11 @@ bool IsValidNow(const CERT_CONTEXT* certificate) noexcept {
 // The key stays with the certificate and is released with it.
 bool HasKey(const CERT_CONTEXT* certificate) noexcept {
   HCRYPTPROV_OR_NCRYPT_KEY_HANDLE key = 0;
-  DWORD spec = 0;
+  DWORD keyKind = 0;
   BOOL mustFree = FALSE;
   return CryptAcquireCertificatePrivateKey(
              certificate, CRYPT_ACQUIRE_CACHE_FLAG | CRYPT_ACQUIRE_SILENT_FLAG | CRYPT_ACQUIRE_ALLOW_NCRYPT_KEY_FLAG,
-             nullptr, &key, &spec, &mustFree) != 0;
+             nullptr, &key, &keyKind, &mustFree) != 0;
 }
 
 }  // namespace
