@@ -83,7 +83,13 @@ class Stage:
         return self.ask()
 
     def ask(self):
-        return json.loads(self.terminal.run("kioskctl.exe", "--json", "status")[1])
+        code, out, err = self.terminal.run("kioskctl.exe", "--json", "status")
+        if not out:  # Wine loses a process once in some thousand starts; whatever it was is shown
+            self.show(f"   kioskctl ended with {code} and no answer {err}; asked once more")
+            code, out, err = self.terminal.run("kioskctl.exe", "--json", "status")
+        if not out:
+            raise Failure(f"kioskctl gives no answer (exit code {code}): {err}")
+        return json.loads(out)
 
     def hurry(self):
         """The next check-in comes within 30 s by itself; a service that starts makes one at once."""
