@@ -49,7 +49,7 @@ class ShipperTest : public test::CleanMachine {
     }
     return response;
   }
-  static std::function<sim::Response(const sim::Request&)> Status(DWORD status, std::wstring retryAfter = L"") {
+  static std::function<sim::Response(const sim::Request&)> Status(DWORD status, const std::wstring& retryAfter = L"") {
     return [=](const sim::Request&) { return sim::Response{.status = status, .retryAfter = retryAfter}; };
   }
   [[nodiscard]] int Count(const std::string& message) const {
