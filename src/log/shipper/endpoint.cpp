@@ -30,7 +30,14 @@ std::uint64_t ParseRetryAfter(const std::wstring& text) noexcept {
     return 0;
   }
   if (text.find_first_not_of(L"0123456789") == std::wstring::npos) {
-    return text.size() > 9 ? kLongestRetryAfter : std::min<std::uint64_t>(std::stoul(text) * 1000ULL, kLongestRetryAfter);
+    return text.size() > 9 ? kLongestRetryAfter
+                           : std::min<std::uint64_t>(std::stoul(text) * 1000ULL, kLongestRetryAfter);
+  }
+  // "Sun, 06 Nov 1994 08:49:37 GMT", the one form that servers may send. Anything else is refused here: the call below
+  // may answer it with the present time.
+  constexpr std::size_t kDateLength = 29;
+  if (text.size() != kDateLength || text[3] != L',' || !text.ends_with(L" GMT")) {
+    return 0;
   }
   SYSTEMTIME parts{};
   FILETIME time{};
@@ -76,7 +83,8 @@ std::optional<std::string> Endpoint::Get(const win32::HttpTarget& target, const 
                                          .certificate = certificate,
                                          .maxBody = limit,
                                          .onBody = [&body](std::string_view chunk) { body.append(chunk); }});
-  return answer.failedAt == win32::HttpStep::kDone && answer.status == 200 ? std::optional(std::move(body)) : std::nullopt;
+  return answer.failedAt == win32::HttpStep::kDone && answer.status == 200 ? std::optional(std::move(body))
+                                                                           : std::nullopt;
 }
 
 std::uint64_t RandomUpTo(std::uint64_t most) noexcept {
