@@ -27,8 +27,8 @@ constexpr DWORD kAnswerTime = 500;  // real ms that a datagram may take to and f
 class UdpServer {
  public:
   using Bytes = std::vector<unsigned char>;
-  UdpServer(
-      Milliseconds time, std::function<Bytes(Bytes)> answer = [](Bytes good) { return good; }) {
+  explicit UdpServer(
+      Milliseconds time, std::function<Bytes(Bytes)> answer = [](const Bytes& good) { return good; }) {
     WSADATA data;
     EXPECT_EQ(WSAStartup(MAKEWORD(2, 2), &data), 0);
     socket_ = socket(AF_INET, SOCK_DGRAM, IPPROTO_UDP);
@@ -60,9 +60,8 @@ class UdpServer {
     reply[0] = 0x1C;
     reply[1] = 3;
     const std::uint64_t seconds = static_cast<std::uint64_t>(time / 1000) - 9'435'484'800;
-    for (int i = 0; i < 4; ++i) {
-      reply[static_cast<std::size_t>(32 + i)] = reply[static_cast<std::size_t>(40 + i)] =
-          static_cast<unsigned char>(seconds >> (24 - 8 * i));
+    for (std::size_t i = 0; i < 4; ++i) {
+      reply[32 + i] = reply[40 + i] = static_cast<unsigned char>(seconds >> (24 - 8 * i));
     }
     reply = answer(reply);
     if (!reply.empty()) {
@@ -246,7 +245,7 @@ TEST_F(TimeSyncTest, DISABLED_AgreesWithADaemon) {
   ASSERT_NE(port, nullptr);
   clock_.SetGrace(kAnswerTime);
   sim::WriteText(L"Hosts\\time.test", L"Address", L"127.0.0.1");
-  sim::WriteNumber(L"Hosts\\time.test", L"Port", static_cast<DWORD>(std::atoi(port)));
+  sim::WriteNumber(L"Hosts\\time.test", L"Port", static_cast<DWORD>(std::strtoul(port, nullptr, 10)));
   for (const std::int64_t ahead : {0, 3'600'000, -86'400'000}) {
     FILETIME now;  // the test's own, which is the real one
     GetSystemTimePreciseAsFileTime(&now);
