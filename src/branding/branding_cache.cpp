@@ -133,7 +133,7 @@ class Run {
         photo = std::move(seen);
       }
       if (digest == photo.digest || digest.empty()) {
-        return true;  // right, or there is no saying for now
+        return true;  // right; or Windows could not hash it: it stays, and the next run looks at it again
       }
       file.handle.Reset();
     }
