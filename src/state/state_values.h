@@ -98,8 +98,8 @@ inline constexpr StateValue kPriorWuActiveHoursEnd{L"PriorWuActiveHoursEnd", kTy
 inline constexpr StateValue kPriorWuActiveHoursMaxRange{L"PriorWuActiveHoursMaxRange", kTypeOfCopied, "updates",
                                                         kPriorMeaning};
 inline constexpr StateValue kPriorNetwork{L"PriorNetwork", REG_SZ, "network",
-                                          "adapters' settings from before a change that is under way, as JSON; absent "
-                                          "otherwise"};
+                                          "adapters' settings before and after a change that is under way or that the "
+                                          "portal has not answered over yet, as JSON; absent otherwise"};
 inline constexpr StateValue kPriorProxy{L"PriorProxy", REG_SZ, "proxy",
                                         "the computer's own default proxy, as JSON, while the service's is set"};
 inline constexpr StateValue kAppliedProxy{L"AppliedProxy", REG_SZ, "proxy",
