@@ -14,6 +14,8 @@
 #include <oleauto.h>
 #include <wbemcli.h>
 
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <map>
@@ -53,14 +55,47 @@ std::wstring Joined(const Texts& texts) {
   return joined;
 }
 
-std::wstring NameServers(const std::wstring& name) {
+// A list where Windows keeps it: a text with commas, or one text after the other.
+std::wstring Kept(const std::wstring& name, const wchar_t* value, DWORD type = REG_MULTI_SZ) {
   wchar_t text[512] = L"";
-  DWORD size = sizeof(text);
-  RegGetValueW(HKEY_LOCAL_MACHINE, (kInterfaces + name).c_str(), L"NameServer", RRF_RT_REG_SZ, nullptr, text, &size);
-  for (wchar_t* comma = text; (comma = std::wcschr(comma, L',')) != nullptr;) {
-    *comma = L' ';
+  DWORD size = sizeof(text) - sizeof(wchar_t);
+  RegGetValueW(HKEY_LOCAL_MACHINE, (kInterfaces + name).c_str(), value,
+               type == REG_SZ ? RRF_RT_REG_SZ : RRF_RT_REG_MULTI_SZ, nullptr, text, &size);
+  for (std::size_t i = 0; i + 1 < size / sizeof(wchar_t); ++i) {
+    text[i] = text[i] == L',' || text[i] == L'\0' ? L' ' : text[i];
   }
-  return text;
+  return Joined(Words(text));
+}
+void Keep(const std::wstring& name, const wchar_t* value, DWORD type, std::wstring texts) {
+  if (type == REG_MULTI_SZ) {
+    std::replace(texts.begin(), texts.end(), L' ', L'\0');
+    texts += texts.empty() ? L"" : std::wstring(1, L'\0');
+  }
+  RegSetKeyValueW(HKEY_LOCAL_MACHINE, (kInterfaces + name).c_str(), value, type, texts.c_str(),
+                  static_cast<DWORD>((texts.size() + 1) * sizeof(wchar_t)));
+}
+
+// The DHCP client notes beside the adapter's settings which gateways the network gave.
+void KeepLease(const std::wstring& name) {
+  const Texts lease = List(name, L"Lease");
+  Keep(name, L"DhcpDefaultGateway", REG_MULTI_SZ, lease.size() > 1 ? lease[1] : L"");
+}
+
+// The default routes of an adapter that is connected, by their gateways: those set by hand, those of the owner's, and
+// what the network gave.
+Texts DefaultRoutes(const std::wstring& name) {
+  if (Number(name, L"Cable", 1) == 0) {
+    return {};
+  }
+  Texts gateways = List(name, L"Gateways");
+  const Texts owners = List(name, L"OwnersRoutes");
+  gateways.insert(gateways.end(), owners.begin(), owners.end());
+  const Texts lease = List(name, L"Lease");
+  if (Number(name, L"Dhcp", 1) != 0 && lease.size() > 1 &&
+      std::count(gateways.begin(), gateways.end(), lease[1]) == 0) {
+    gateways.push_back(lease[1]);
+  }
+  return gateways;
 }
 
 Texts Adapters() {
@@ -139,9 +174,8 @@ IP_ADAPTER_ADDRESSES* Describe(Room& room, const std::wstring& name, ULONG64 num
                                                  : IpDadStateTentative;
     unicast = unicast->Next;
   }
-  const Texts leased = lease.size() > 1 ? Texts{lease[1]} : Texts();
-  entry->FirstGatewayAddress = room.Chain<IP_ADAPTER_GATEWAY_ADDRESS>(dhcp ? leased : List(name, L"Gateways"));
-  Texts servers = Words(NameServers(name));
+  entry->FirstGatewayAddress = room.Chain<IP_ADAPTER_GATEWAY_ADDRESS>(DefaultRoutes(name));
+  Texts servers = Words(Kept(name, L"NameServer", REG_SZ));
   if (servers.empty() && lease.size() > 2) {
     servers = {lease[2]};
   }
@@ -160,14 +194,17 @@ LONG Run(const std::wstring& name, const std::wstring& method, std::map<std::wst
   if (Number(name, L"Cable", 1) == 0) {
     return 84;  // IP is not enabled on the adapter
   }
+  LONG answer = 0;
   if (method == L"EnableDHCP") {
+    // Its page: gateways that were set stay. They also stay where they are found after a restart.
     WriteNumber(AreaOf(name), L"Dhcp", 1);
     ForgetValue(AreaOf(name), L"Addresses");
-    ForgetValue(AreaOf(name), L"Gateways");
+    KeepLease(name);
   } else if (method == L"EnableStatic") {
     if (addresses.empty() || addresses.size() != masks.size()) {
       return 68;
     }
+    answer = dhcp ? 0 : 81;  // its page: "cannot configure DHCP" for one that is static already, and yet it is done
     std::wstring joined;
     for (std::size_t i = 0; i < addresses.size(); ++i) {
       const int bits = __builtin_popcountl(AddressNumber(masks[i]));
@@ -176,17 +213,21 @@ LONG Run(const std::wstring& name, const std::wstring& method, std::map<std::wst
     WriteText(AreaOf(name), L"Addresses", joined);
     WriteNumber(AreaOf(name), L"Dhcp", 0);
   } else if (method == L"SetGateways") {
-    if (dhcp || arguments[L"DefaultIPGateway"].size() > 5) {
-      return dhcp ? 64 : 69;
+    // Its page: for static addresses alone, the argument is not optional, and the adapter's own address clears them.
+    const Texts& gateways = arguments[L"DefaultIPGateway"];
+    if (dhcp || gateways.empty() || gateways.size() > 5) {
+      return dhcp ? 64 : gateways.empty() ? 68 : 69;
     }
-    WriteText(AreaOf(name), L"Gateways", Joined(arguments[L"DefaultIPGateway"]));
+    const Texts own = List(name, L"Addresses");
+    const bool clears = std::any_of(own.begin(), own.end(),
+                                    [&](const std::wstring& each) { return each.starts_with(gateways[0] + L"/"); });
+    WriteText(AreaOf(name), L"Gateways", clears ? L"" : Joined(gateways));
+    Keep(name, L"DefaultGateway", REG_MULTI_SZ, clears ? L"" : Joined(gateways));
   } else {
-    const std::wstring servers = Joined(arguments[L"DNSServerSearchOrder"]);
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, (kInterfaces + name).c_str(), L"NameServer", REG_SZ, servers.c_str(),
-                    static_cast<DWORD>((servers.size() + 1) * sizeof(wchar_t)));
+    Keep(name, L"NameServer", REG_SZ, Joined(arguments[L"DNSServerSearchOrder"]));
   }
   WriteText(AreaOf(name), L"ChangedAt", std::to_wstring(ClockNow()));
-  return 0;
+  return answer;
 }
 
 // An instance, a method's signature, its arguments, or its answer.
@@ -335,14 +376,23 @@ void AddAdapter(const std::wstring& name, DWORD type, bool hardware) {
   WriteNumber(AreaOf(name), L"Hardware", hardware);
   WriteNumber(AreaOf(name), L"Dhcp", 1);
   WriteText(AreaOf(name), L"Lease", L"192.168.7.20/24 192.168.7.1 192.168.7.2");
+  KeepLease(name);
+}
+
+void SetGatewaysByHand(const std::wstring& name, const std::wstring& gateways) {
+  WriteText(AreaOf(name), L"Gateways", gateways);
+  Keep(name, L"DefaultGateway", REG_MULTI_SZ, gateways);
 }
 
 std::string DumpAdapters() {
   std::string text;
   for (const std::wstring& name : Adapters()) {
     const bool dhcp = Number(name, L"Dhcp", 1) != 0;
+    const std::wstring gateways = Joined(List(name, L"Gateways"));
+    const std::wstring kept = Kept(name, L"DefaultGateway");
     text += Narrow(name + (dhcp ? L" dhcp" : L" static") + L" [" + Joined(List(name, L"Addresses")) + L"] [" +
-                   Joined(List(name, L"Gateways")) + L"] [" + NameServers(name) + L"]\n");
+                   gateways + (kept != gateways ? L"; after a restart " + kept : L"") + L"] [" +
+                   Kept(name, L"NameServer", REG_SZ) + L"]\n");
   }
   return text;
 }
@@ -380,6 +430,97 @@ SIM(NETIO_STATUS, GetIfEntry2, PMIB_IF_ROW2 row) {
   row->InterfaceAndOperStatusFlags.HardwareInterface =
       Number(names[static_cast<std::size_t>(row->InterfaceLuid.Value - 1)], L"Hardware", 1) != 0;
   return NO_ERROR;
+}
+
+// The routes of all adapters: default ones, and one to a network of each.
+SIM(NETIO_STATUS, GetIpForwardTable2, ADDRESS_FAMILY family, PMIB_IPFORWARD_TABLE2* table) {
+  if (family != AF_INET) {
+    Violation("GetIpForwardTable2: family %d", family);
+  }
+  std::vector<MIB_IPFORWARD_ROW2> rows;
+  ULONG64 number = 0;
+  for (const std::wstring& name : Adapters()) {
+    ++number;
+    Texts gateways = DefaultRoutes(name);
+    gateways.emplace_back(L"0.0.0.0");
+    for (const std::wstring& gateway : gateways) {
+      const bool isDefault = gateway != L"0.0.0.0";
+      MIB_IPFORWARD_ROW2 row{};
+      row.InterfaceLuid.Value = number;
+      row.DestinationPrefix.Prefix.Ipv4 = {.sin_family = AF_INET, .sin_port = 0, .sin_addr = {}, .sin_zero = {}};
+      row.DestinationPrefix.PrefixLength = isDefault ? 0 : 8;
+      row.NextHop.Ipv4 = row.DestinationPrefix.Prefix.Ipv4;
+      row.NextHop.Ipv4.sin_addr.s_addr = AddressNumber(gateway);
+      row.Protocol = RouteProtocolNetMgmt;  // its page: of DHCP as well as of whoever sets a route
+      row.Origin = NlroManual;              // which "netsh interface ipv4 show route" shows for those of DHCP, too
+      rows.push_back(row);
+    }
+  }
+  const std::size_t bytes = rows.size() * sizeof(MIB_IPFORWARD_ROW2);
+  *table = static_cast<MIB_IPFORWARD_TABLE2*>(std::malloc(sizeof(MIB_IPFORWARD_TABLE2) + bytes));
+  (*table)->NumEntries = static_cast<ULONG>(rows.size());
+  std::memcpy(&(*table)->Table[0], rows.data(), bytes);
+  return NO_ERROR;
+}
+
+SIM(void, FreeMibTable, PVOID table) { std::free(table); }
+
+SIM(void, InitializeIpForwardEntry, PMIB_IPFORWARD_ROW2 row) {
+  *row = {};
+  row->ValidLifetime = row->PreferredLifetime = INFINITE;
+  row->Loopback = row->AutoconfigureAddress = row->Publish = row->Immortal = TRUE;
+  row->SitePrefixLength = 255;  // this and the next two: not valid as they stand
+  row->Metric = ~0UL;
+  std::memset(&row->Protocol, 0xFF, sizeof(row->Protocol));
+}
+
+namespace {
+
+// A default route by hand comes or goes. It lasts until a restart: only what stands in the registry comes back then.
+NETIO_STATUS ChangeRoute(const char* function, const MIB_IPFORWARD_ROW2& row, bool add) {
+  const ULONG number = ntohl(row.NextHop.Ipv4.sin_addr.s_addr);
+  const std::wstring gateway = std::to_wstring(number >> 24) + L"." + std::to_wstring(number >> 16 & 255) + L"." +
+                               std::to_wstring(number >> 8 & 255) + L"." + std::to_wstring(number & 255);
+  return Change<NETIO_STATUS>(function, gateway, [&]() -> NETIO_STATUS {
+    const Texts names = Adapters();
+    const ULONG64 luid = row.InterfaceLuid.Value;
+    if (row.DestinationPrefix.Prefix.si_family != AF_INET || row.DestinationPrefix.PrefixLength != 0 ||
+        row.NextHop.si_family != AF_INET || number == 0) {
+      Violation("%s: no default route of IPv4", function);
+      return ERROR_INVALID_PARAMETER;
+    }
+    if (luid == 0 || luid > names.size()) {
+      return ERROR_NOT_FOUND;
+    }
+    const std::wstring& name = names[static_cast<std::size_t>(luid - 1)];
+    const Texts routes = DefaultRoutes(name);
+    const bool there = std::count(routes.begin(), routes.end(), gateway) != 0;
+    Texts byHand = List(name, L"Gateways");
+    if (add) {
+      byHand.push_back(gateway);
+    } else if (there && std::erase(byHand, gateway) == 0) {
+      Violation("%s: the route over %s is the network's or the owner's", function, Narrow(gateway).c_str());
+    }
+    if (there == add) {
+      return add ? ERROR_OBJECT_ALREADY_EXISTS : ERROR_NOT_FOUND;
+    }
+    WriteText(AreaOf(name), L"Gateways", Joined(byHand));
+    return NO_ERROR;
+  });
+}
+
+}  // namespace
+
+SIM(NETIO_STATUS, CreateIpForwardEntry2, const MIB_IPFORWARD_ROW2* row) {
+  if (row->SitePrefixLength > 0 || row->PreferredLifetime > row->ValidLifetime || row->ValidLifetime == 0 ||
+      row->Protocol != RouteProtocolNetMgmt) {
+    return ERROR_INVALID_PARAMETER;
+  }
+  return ChangeRoute("CreateIpForwardEntry2", *row, true);
+}
+
+SIM(NETIO_STATUS, DeleteIpForwardEntry2, const MIB_IPFORWARD_ROW2* row) {
+  return ChangeRoute("DeleteIpForwardEntry2", *row, false);
 }
 
 SIM(HRESULT, CoSetProxyBlanket, IUnknown* proxy, DWORD authentication, DWORD, OLECHAR*, DWORD, DWORD impersonation,

@@ -46,6 +46,12 @@ SIM(ULONGLONG, GetTickCount64, ) {
   return now >= start ? now - start : now;
 }
 
+// Its page: in units of 100 ns, without the time in which the computer slept ("SleptSeconds" of the machine).
+SIM(WINBOOL, QueryUnbiasedInterruptTime, PULONGLONG time) {
+  *time = (RunningTicks() - ReadNumber(L"", L"SleptSeconds").value_or(0) * 1000ULL) * 10'000;
+  return TRUE;
+}
+
 SIM(void, GetSystemTimeAsFileTime, LPFILETIME time) {
   if (ClockIsVirtual()) {
     *time = ToFileTime(VirtualUtc());

@@ -36,13 +36,33 @@ std::wstring Now() {
   return text;
 }
 
+constexpr wchar_t kConnections[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Internet Settings\\Connections";
+constexpr wchar_t kSettings[] = L"WinHttpSettings";
+
+// What Windows keeps: after three numbers, of which the third is flags, the texts of proxy, bypass and script.
+std::string Kept() {
+  state::RawValue value;
+  return state::ReadValue(kConnections, kSettings, value) == ERROR_SUCCESS
+             ? std::string(value.bytes.begin(), value.bytes.end())
+             : "none";
+}
+bool HasScript() { return Kept().size() > 8 && (Kept()[8] & 4) != 0; }
+
+// As "netsh winhttp set advproxy" leaves it: a script alone, or beside a proxy.
+const std::string kScript("\x18\0\0\0\7\0\0\0\5\0\0\0\0\0\0\0\0\0\0\0\6\0\0\0http:/", 30);
+const std::string kScriptAndProxy("\x18\0\0\0\7\0\0\0\7\0\0\0\5\0\0\0o.t:1\0\0\0\0\6\0\0\0http:/", 35);
+void Keep(const std::string& bytes) { test::SetRaw(kConnections, kSettings, REG_BINARY, bytes.data(), bytes.size()); }
+
 void MakeMachine() {
   RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane");
   state::ProtectStateKey();
   SetOwners(L"owner.test:3128", L"a.test");
 }
 
-bool Recorded() { return state::ReadState(state::kPriorProxy) || state::ReadState(state::kAppliedProxy); }
+bool Recorded() {
+  return state::ReadState(state::kPriorWinHttpSettings) || state::ReadState(state::kPriorProxy) ||
+         state::ReadState(state::kAppliedProxy);
+}
 
 class ProxyTest : public test::CleanMachine {
  protected:
@@ -95,18 +115,55 @@ TEST_F(ProxyTest, OnlyWhatIsStillOursIsPutBack) {
   EXPECT_EQ(Now(), L"evenlater.test:2");
 }
 
+TEST_F(ProxyTest, TheOwnersSettingComesBackByteForByte) {
+  for (const std::string& owners : {kScript, kScriptAndProxy, std::string("none")}) {
+    Keep(owners);
+    if (owners == "none") {
+      RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kConnections, kSettings);
+    }
+    for (const std::string& request : {std::string(R"({"mode":"none"})"), kManual}) {
+      EXPECT_TRUE(Set(request).starts_with(R"({"ok":true)"));
+      EXPECT_EQ(Now(), request == kManual ? L"proxy.test:8080 not for *.intra.test;<local>" : L"direct");
+      EXPECT_FALSE(HasScript());
+    }
+    RestoreProxy();
+    EXPECT_EQ(Kept(), owners);
+    EXPECT_FALSE(Recorded());
+  }
+  Set(kManual);
+  Keep(kScriptAndProxy);  // somebody else's, later
+  RestoreProxy();
+  EXPECT_EQ(Kept(), kScriptAndProxy);
+  EXPECT_FALSE(Recorded());
+}
+
+TEST_F(ProxyTest, RecordOfAnOlderVersionCounts) {
+  SetOwners(L"set.test:1");
+  const auto record = [](const wchar_t* name, const std::wstring& text) {
+    test::SetString(state::kStateKey, name, text);
+  };
+  record(L"PriorProxy", LR"({"server":"owner.test:3128","bypass":"a.test"})");
+  record(L"AppliedProxy", LR"([{"server":"set.test:1","bypass":""}])");
+  Set(kManual);
+  RestoreProxy();
+  EXPECT_EQ(Now(), L"owner.test:3128 not for a.test");
+  EXPECT_FALSE(Recorded());
+}
+
 TEST(ProxyFaults, OwnersSettingSurvivesThemAll) {
   const auto prepare = [] {
     MakeMachine();
-    Set(R"({"mode":"manual","server":"first.test:1"})");
+    Keep(kScriptAndProxy);
+    Set(R"({"mode":"?"})");  // the log tree exists
   };
   const auto run = [] {
     Set(kManual);
+    Set(R"({"mode":"manual","server":"second.test:1"})");
     RestoreProxy();
   };
   const auto later = [] {
     RestoreProxy();
-    EXPECT_EQ(Now(), L"owner.test:3128 not for a.test");
+    EXPECT_EQ(Kept(), kScriptAndProxy);
     EXPECT_FALSE(Recorded());
   };
   sim::RunFaultScenario({.name = L"proxy", .prepare = prepare, .run = run, .later = later});

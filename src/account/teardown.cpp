@@ -124,7 +124,7 @@ void TearDown(bool deleteStateKey, const char* reason) {
   updates::RestoreWuRestartPolicy();
   updates::ForgetUpdates();
   proxy::RestoreProxy();
-  const bool networkWhole = network::PutBackUnfinishedChanges();
+  const bool networkWhole = network::EndChanges();
   const bool removed = RemoveAccount();
   if (!EraseEnrolment()) {
     log::Log(log::kError, log::kKiosk, "cannot delete the device token; removing kiosk mode again at the next check-in");

@@ -19,6 +19,7 @@ constexpr HRESULT kNothingFound = static_cast<HRESULT>(WBEM_E_NOT_FOUND);
 constexpr HRESULT kNoAnswer = static_cast<HRESULT>(WBEM_E_FAILED);
 constexpr LONG kDone = 0;
 constexpr LONG kDoneAfterRestart = 1;
+constexpr LONG kNoDhcpToSwitchOff = 81;
 
 class Variant {
  public:
@@ -80,7 +81,7 @@ std::vector<std::wstring> Texts(const std::vector<Address>& addresses) {
 
 bool AdapterConfiguration::Open() {
   const HRESULT result = Find();
-  if (FAILED(result)) {
+  if (FAILED(result) && tell_) {
     log::Log(log::kError, log::kKiosk, "net.set: cannot reach the configuration of %s (0x%08lx)",
              win32::ToNarrow(adapter_).c_str(), static_cast<unsigned long>(result));
   }
@@ -128,26 +129,36 @@ HRESULT AdapterConfiguration::Find() {
   return result;
 }
 
-bool AdapterConfiguration::Apply(const Settings& settings, bool dropGateways, bool insist) {
+bool AdapterConfiguration::Apply(const Settings& now, const Settings& wanted, bool insist) {
   bool done = true;
   const auto step = [&](const wchar_t* method, const std::vector<Argument>& arguments) {
     done = (done || insist) && Call(method, arguments) && done;
   };
-  if (settings.dhcp) {
+  // Gateways can be set beside fixed addresses alone, and stay when DHCP is switched on. The adapter's own address
+  // clears them.
+  const auto setGateways = [&](const Settings& addresses) {
+    if (!wanted.gateways.empty()) {
+      step(L"SetGateways", {{L"DefaultIPGateway", Texts(wanted.gateways)}});
+    } else if (!now.gateways.empty() && !addresses.addresses.empty()) {
+      step(L"SetGateways", {{L"DefaultIPGateway", Texts({addresses.addresses.front().address})}});
+    }
+  };
+  if (wanted.dhcp) {
+    if (!now.dhcp) {
+      setGateways(now);
+    }
     step(L"EnableDHCP", {});
   } else {
     std::vector<std::wstring> addresses;
     std::vector<std::wstring> masks;
-    for (const OwnAddress& each : settings.addresses) {
+    for (const OwnAddress& each : wanted.addresses) {
       addresses.push_back(win32::ToWide(AddressText(each.address)));
       masks.push_back(win32::ToWide(AddressText(MaskOf(each.prefixLength))));
     }
     step(L"EnableStatic", {{L"IPAddress", std::move(addresses)}, {L"SubnetMask", std::move(masks)}});
-    if (dropGateways || !settings.gateways.empty()) {
-      step(L"SetGateways", {{L"DefaultIPGateway", Texts(settings.gateways)}});
-    }
+    setGateways(wanted);
   }
-  step(L"SetDNSServerSearchOrder", {{L"DNSServerSearchOrder", Texts(settings.dns)}});
+  step(L"SetDNSServerSearchOrder", {{L"DNSServerSearchOrder", Texts(wanted.dns)}});
   return done;
 }
 
@@ -162,17 +173,23 @@ bool AdapterConfiguration::Call(const wchar_t* method, const std::vector<Argumen
   if (SUCCEEDED(result)) {
     result = answer ? answer->Get(L"ReturnValue", 0, value.Get(), nullptr, nullptr) : kNoAnswer;
   }
-  const std::string name = win32::ToNarrow(method);
-  if (FAILED(result) || value->vt != VT_I4) {
-    log::Log(log::kError, log::kKiosk, "net.set: %s failed (0x%08lx)", name.c_str(),
-             static_cast<unsigned long>(result));
-    return false;
+  const bool answered = SUCCEEDED(result) && value->vt == VT_I4;
+  const std::wstring_view name = method;
+  // EnableStatic has set the addresses of an adapter that was static before, and says so in this way.
+  if (answered && (value->lVal == kDone || value->lVal == kDoneAfterRestart ||
+                   (value->lVal == kNoDhcpToSwitchOff && name == L"EnableStatic"))) {
+    return true;
   }
-  if (value->lVal != kDone && value->lVal != kDoneAfterRestart) {
-    log::Log(log::kError, log::kKiosk, "net.set: %s gave %ld", name.c_str(), value->lVal);
-    return false;
+  if (tell_) {
+    const std::string text = win32::ToNarrow(name);
+    if (answered) {
+      log::Log(log::kError, log::kKiosk, "net.set: %s gave %ld", text.c_str(), value->lVal);
+    } else {
+      log::Log(log::kError, log::kKiosk, "net.set: %s failed (0x%08lx)", text.c_str(),
+               static_cast<unsigned long>(result));
+    }
   }
-  return true;
+  return false;
 }
 
 HRESULT AdapterConfiguration::Start(const wchar_t* method, const std::vector<Argument>& arguments,

@@ -11,29 +11,30 @@
 namespace kiosk::network {
 
 // The Win32_NetworkAdapterConfiguration of one adapter, on a thread that is in a COM apartment. Each method may take a
-// minute and ends early on a stop. What fails is logged with the method's name and its number.
+// minute and ends early on a stop. What fails is logged with the method's name and its number when `tell`.
 class AdapterConfiguration {
  public:
   // `adapter` as Windows spells it.
-  explicit AdapterConfiguration(std::wstring adapter) : adapter_(std::move(adapter)) {}
+  AdapterConfiguration(std::wstring adapter, bool tell) : adapter_(std::move(adapter)), tell_(tell) {}
 
   bool Open();
-  // Every step to these settings; `dropGateways` when those of before must go though there are no new ones. False at
-  // once when a step fails, or, with `insist`, after all the others were tried.
-  bool Apply(const Settings& settings, bool dropGateways, bool insist);
+  // Every step from `now` to `wanted`, but for gateways beside DHCP. False at once when a step fails, or, with
+  // `insist`, after all the others were tried.
+  bool Apply(const Settings& now, const Settings& wanted, bool insist);
 
  private:
   struct Argument {
     const wchar_t* name;
     std::vector<std::wstring> texts;
   };
-  // An argument without texts is left out, which Windows takes for "none".
+  // An argument without texts is left out, which Windows takes for "none" where the argument is optional.
   bool Call(const wchar_t* method, const std::vector<Argument>& arguments);
   HRESULT Start(const wchar_t* method, const std::vector<Argument>& arguments,
                 win32::ComPtr<IWbemCallResult>& call) const;
   HRESULT Find();
 
   std::wstring adapter_;
+  bool tell_;
   win32::ComPtr<IWbemServices> services_;
   win32::ComPtr<IWbemClassObject> class_;
   win32::Bstr path_;

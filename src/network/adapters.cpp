@@ -1,13 +1,10 @@
 #include "network/adapters.h"
 
+#include "network/gateways.h"
+#include "network/ip_helper.h"
 #include "state/registry.h"
 #include "win32/grow.h"
 #include "win32/wide_text.h"
-
-#include <winsock2.h>
-#include <ws2ipdef.h>
-
-#include <iphlpapi.h>  // wants the two above
 
 #include <algorithm>
 #include <utility>
@@ -16,7 +13,6 @@
 namespace kiosk::network {
 namespace {
 
-constexpr wchar_t kInterfacesKey[] = L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters\\Interfaces\\";
 constexpr ULONG kFlags = GAA_FLAG_INCLUDE_GATEWAYS | GAA_FLAG_SKIP_ANYCAST | GAA_FLAG_SKIP_MULTICAST;
 constexpr DWORD kFirstSize = 32'768;
 
@@ -49,8 +45,7 @@ bool IsHardware(const IP_ADAPTER_ADDRESSES& entry) {
 // The name servers that were set by hand; the IP helper does not tell them from those that the network gave.
 std::vector<Address> ServersSet(const std::wstring& name) {
   std::vector<Address> servers;
-  const std::string list =
-      win32::ToNarrow(state::ReadString((kInterfacesKey + name).c_str(), L"NameServer").value_or(L""));
+  const std::string list = win32::ToNarrow(state::ReadString(InterfaceKey(name).c_str(), L"NameServer").value_or(L""));
   for (std::size_t at = 0; at < list.size();) {
     const std::size_t end = std::min(list.find_first_of(", ", at), list.size());
     if (const std::optional<Address> server = ParseAddress(std::string_view(list).substr(at, end - at))) {
@@ -61,8 +56,10 @@ std::vector<Address> ServersSet(const std::wstring& name) {
   return servers;
 }
 
-Adapter Describe(const IP_ADAPTER_ADDRESSES& entry, std::wstring name) {
+Adapter DescribeAdapter(const IP_ADAPTER_ADDRESSES& entry, std::wstring name) {
   Adapter adapter;
+  adapter.luid = entry.Luid.Value;
+  adapter.linkUp = entry.OperStatus == IfOperStatusUp;
   adapter.settled = true;
   adapter.settings.dhcp = adapter.inUse.dhcp = (entry.Flags & IP_ADAPTER_DHCP_ENABLED) != 0;
   for (const auto* each = entry.FirstUnicastAddress; each != nullptr; each = each->Next) {
@@ -79,12 +76,19 @@ Adapter Describe(const IP_ADAPTER_ADDRESSES& entry, std::wstring name) {
   }
   adapter.inUse.gateways = ListOf(entry.FirstGatewayAddress);
   adapter.inUse.dns = ListOf(entry.FirstDnsServerAddress);
-  if (!adapter.settings.dhcp) {
-    adapter.settings.gateways = adapter.inUse.gateways;
-  }
   adapter.settings.dns = ServersSet(name);
   adapter.name = std::move(name);
   return adapter;
+}
+
+// The adapter's own address stands for no gateway: that is how Windows is told to clear them.
+DWORD ReadGateways(Adapter& adapter) {
+  std::vector<Address>& gateways = adapter.settings.gateways;
+  const DWORD error = ReadGatewaysByHand(adapter.name, adapter.luid, adapter.settings.dhcp, gateways);
+  for (const OwnAddress& own : adapter.inUse.addresses) {
+    std::erase(gateways, own.address);
+  }
+  return error;
 }
 
 }  // namespace
@@ -111,8 +115,8 @@ DWORD ReadAdapter(std::wstring_view name, Adapter& adapter) {
        entry = entry->Next) {
     std::wstring own = win32::ToWide(entry->AdapterName);
     if (win32::EqualIgnoringCase(own, name) && IsHardware(*entry)) {
-      adapter = Describe(*entry, std::move(own));
-      return ERROR_SUCCESS;
+      adapter = DescribeAdapter(*entry, std::move(own));
+      return ReadGateways(adapter);
     }
   }
   return ERROR_NOT_FOUND;

@@ -4,6 +4,7 @@
 #include "network/settings.h"
 #include "win32/winapi.h"
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -11,8 +12,10 @@ namespace kiosk::network {
 
 struct Adapter {
   std::wstring name;       // GUID text in braces, as Windows spells it
+  std::uint64_t luid = 0;  // by which the IP helper knows it
   Settings settings;       // what it is set to
   Settings inUse;          // what it works with: with DHCP, what the network gave
+  bool linkUp = false;     // the cable is in, or the wireless network is there; without it little of this shows
   bool settled = false;    // every address it is set to is in use
   bool duplicate = false;  // another computer has one of them
 };

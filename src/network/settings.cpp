@@ -70,6 +70,19 @@ const char* ReadStatic(const json::Value& request, Settings& settings) {
   return ReadServers(json::Member(request, "dns"), settings.dns) ? nullptr : "dns";
 }
 
+std::vector<Address> Sorted(std::vector<Address> addresses) {
+  std::sort(addresses.begin(), addresses.end());
+  return addresses;
+}
+
+bool SameAddresses(const Settings& left, const Settings& right) {
+  return std::is_permutation(left.addresses.begin(), left.addresses.end(), right.addresses.begin(),
+                             right.addresses.end());
+}
+bool SameGateways(const Settings& left, const Settings& right) {
+  return Sorted(left.gateways) == Sorted(right.gateways);
+}
+
 json::Value TextsOf(const std::vector<Address>& addresses) {
   json::Value list = json::Value::Array();
   for (const Address address : addresses) {
@@ -79,6 +92,30 @@ json::Value TextsOf(const std::vector<Address>& addresses) {
 }
 
 }  // namespace
+
+bool Same(const Settings& left, const Settings& right) {
+  return left.dhcp == right.dhcp && left.dns == right.dns && SameGateways(left, right) && SameAddresses(left, right);
+}
+
+bool IsBetween(const Settings& shown, const Settings& one, const Settings& other) {
+  return (shown.dhcp == one.dhcp || shown.dhcp == other.dhcp) && (shown.dns == one.dns || shown.dns == other.dns) &&
+         (SameGateways(shown, one) || SameGateways(shown, other)) &&
+         (SameAddresses(shown, one) || SameAddresses(shown, other));
+}
+
+std::string Describe(const Settings& settings) {
+  std::string text = settings.dhcp ? "DHCP" : "static";
+  for (const OwnAddress& each : settings.addresses) {
+    text += " " + AddressText(each.address) + "/" + std::to_string(each.prefixLength);
+  }
+  for (const Address gateway : settings.gateways) {
+    text += ", gateway " + AddressText(gateway);
+  }
+  for (const Address server : settings.dns) {
+    text += ", DNS " + AddressText(server);
+  }
+  return text;
+}
 
 Request ParseRequest(const json::Value& request) {
   Request parsed;
@@ -94,6 +131,11 @@ Request ParseRequest(const json::Value& request) {
   } else if (const json::Value& dns = json::Member(request, "dns");
              !dns.IsNull() && !ReadServers(dns, parsed.settings.dns)) {
     parsed.invalid = "dns";
+  }
+  const json::Value& keep = json::Member(request, "keep");
+  parsed.keep = keep.IsBool() && keep.boolean();
+  if (parsed.invalid == nullptr && !keep.IsNull() && !keep.IsBool()) {
+    parsed.invalid = "keep";
   }
   return parsed;
 }

@@ -17,8 +17,8 @@ struct OwnAddress {
   friend bool operator==(const OwnAddress&, const OwnAddress&) = default;
 };
 
-// With DHCP, addresses and gateways are the network's to give and are empty here; "dns" then holds name servers that
-// were set in spite of it. Several addresses and gateways occur on a computer that was set up by other means.
+// With DHCP, addresses are the network's to give and are empty here; gateways and name servers are those that were set
+// in spite of it. Several addresses and gateways occur on a computer that was set up by other means.
 struct Settings {
   bool dhcp = true;
   std::vector<OwnAddress> addresses;
@@ -28,15 +28,27 @@ struct Settings {
   friend bool operator==(const Settings&, const Settings&) = default;
 };
 
+// In force they are the same: Windows keeps the order of name servers alone.
+bool Same(const Settings& left, const Settings& right);
+
+// Whether mode, addresses, gateways and name servers are each those of one of the two, as in a change that was cut
+// short.
+bool IsBetween(const Settings& shown, const Settings& one, const Settings& other);
+
+// For the log: "static 10.1.2.3/24, gateway 10.1.2.1, DNS 9.9.9.9".
+std::string Describe(const Settings& settings);
+
 // A checked request: either `invalid` names the first member that is wrong, or the rest is good.
 struct Request {
   const char* invalid = nullptr;
   std::string adapter;
   Settings settings;
+  bool keep = false;
 };
 
 // "adapter": a text; "mode": "dhcp" or "static"; for "static" "address", "prefixLength" (1 to 30), "gateway" (or none)
 // and "dns" (0 to 4 name servers); for "dhcp" nothing more is needed, and "dns" replaces the network's name servers.
+// "keep" may be absent: true for settings that nothing has to prove.
 Request ParseRequest(const json::Value& request);
 
 // Settings as JSON and back; empty for what is none.

@@ -1,6 +1,7 @@
 #include "portal/auth_client.h"
 
 #include "log/log.h"
+#include "network/trial.h"
 #include "state/kiosk_state.h"
 #include "win32/http_call.h"
 #include "win32/stop.h"
@@ -46,6 +47,7 @@ AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std:
   if (win32::StopRequested()) {
     return FailedWith(ERROR_WINHTTP_OPERATION_CANCELLED);
   }
+  const unsigned networkChanges = network::ChangesMade();
   win32::HttpTarget target;
   if (!win32::CrackHttpUrl(BaseUrl() + win32::ToWide(path), target)) {
     return Failed("unparseable AuthBaseUrl");
@@ -73,6 +75,7 @@ AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std:
   }
   reply.answered = 1;
   reply.status = static_cast<std::int32_t>(answer.status);
+  network::NoteAnswer(networkChanges, reply.status);
   return reply;
 }
 

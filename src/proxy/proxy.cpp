@@ -12,8 +12,10 @@
 #include <winhttp.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace kiosk::proxy {
 namespace {
@@ -28,9 +30,29 @@ struct GlobalTextTraits {
 };
 using GlobalText = win32::Owner<GlobalTextTraits>;
 
+// Where WinHTTP keeps its default. Its functions know of a named proxy alone; "netsh winhttp set advproxy" also leaves
+// a script there, and finding one by itself, which they read as direct access.
+constexpr wchar_t kConnectionsKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Internet Settings\\Connections";
+constexpr wchar_t kSettingsValue[] = L"WinHttpSettings";
+constexpr std::size_t kFlagsAt = 8;  // in its bytes
+constexpr std::uint8_t kScriptFlags = 0x4 | 0x8;
+
+struct Setting {
+  Proxy proxy;
+  std::optional<state::RawValue> kept;  // none: Windows' own default, which is direct access
+
+  [[nodiscard]] bool HasScript() const {
+    return kept && kept->bytes.size() > kFlagsAt && (kept->bytes[kFlagsAt] & kScriptFlags) != 0;
+  }
+};
+
+bool SameBytes(const std::optional<state::RawValue>& left, const std::optional<state::RawValue>& right) {
+  return left.has_value() == right.has_value() && (!left || (left->type == right->type && left->bytes == right->bytes));
+}
+
 std::string TextOf(const GlobalText& text) { return text ? win32::ToNarrow(text.Get()) : std::string(); }
 
-bool ReadProxy(Proxy& proxy) {
+bool ReadSetting(Setting& setting) {
   WINHTTP_PROXY_INFO info{};
   if (!WinHttpGetDefaultProxyConfiguration(&info)) {
     log::Log(log::kError, log::kKiosk, "proxy: cannot read the default proxy (%lu)", GetLastError());
@@ -38,12 +60,39 @@ bool ReadProxy(Proxy& proxy) {
   }
   const GlobalText server(info.lpszProxy);
   const GlobalText bypass(info.lpszProxyBypass);
-  proxy = info.dwAccessType == WINHTTP_ACCESS_TYPE_NAMED_PROXY ? Proxy{TextOf(server), TextOf(bypass)} : Proxy{};
+  setting.proxy =
+      info.dwAccessType == WINHTTP_ACCESS_TYPE_NAMED_PROXY ? Proxy{TextOf(server), TextOf(bypass)} : Proxy{};
+  state::RawValue raw;
+  const LSTATUS error = state::ReadValue(kConnectionsKey, kSettingsValue, raw);
+  if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND) {
+    log::Log(log::kError, log::kKiosk, "proxy: cannot read the default proxy's value (%ld)", error);
+    return false;
+  }
+  setting.kept = error == ERROR_SUCCESS ? std::optional(std::move(raw)) : std::nullopt;
   return true;
 }
 
-// Writes the setting and makes sure that it reads so.
-bool WriteProxy(const Proxy& proxy) {
+// Makes the bytes those again, and makes sure that they are.
+bool WriteBytes(const std::optional<state::RawValue>& bytes) {
+  if (bytes) {
+    state::WriteValue(HKEY_LOCAL_MACHINE, kConnectionsKey, kSettingsValue, bytes->type, bytes->bytes.data(),
+                      static_cast<DWORD>(bytes->bytes.size()));
+  } else {
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kConnectionsKey, kSettingsValue);
+  }
+  Setting now;
+  const bool done = ReadSetting(now) && SameBytes(now.kept, bytes);
+  if (!done) {
+    log::Log(log::kError, log::kKiosk, "proxy: cannot put the default proxy back");
+  }
+  return done;
+}
+
+// Writes the setting, without a script, and makes sure that it reads so. `now` is what it is.
+bool WriteProxy(const Proxy& proxy, Setting& now) {
+  if (now.HasScript() && !WriteBytes(std::nullopt)) {
+    return false;
+  }
   std::wstring server = win32::ToWide(proxy.server);
   std::wstring bypass = win32::ToWide(proxy.bypass);
   WINHTTP_PROXY_INFO info{};
@@ -54,14 +103,14 @@ bool WriteProxy(const Proxy& proxy) {
     log::Log(log::kError, log::kKiosk, "proxy: cannot set the default proxy (%lu)", GetLastError());
     return false;
   }
-  Proxy now;
-  if (!ReadProxy(now)) {
+  if (!ReadSetting(now)) {
     return false;
   }
-  if (now != proxy) {
+  const bool done = now.proxy == proxy && !now.HasScript();
+  if (!done) {
     log::Log(log::kError, log::kKiosk, "proxy: the default proxy does not read as it was set");
   }
-  return now == proxy;
+  return done;
 }
 
 json::Value Recorded(const state::StateValue& value) {
@@ -73,38 +122,70 @@ bool Record(const state::StateValue& value, const json::Value& content) {
 }
 
 // Whether the setting is one that the service made.
-bool IsOurs(const Proxy& proxy) {
+bool IsOurs(const Setting& setting) {
   const json::Value applied = Recorded(state::kAppliedProxy);
-  return std::any_of(applied.items().begin(), applied.items().end(),
-                     [&](const json::Value& each) { return FromJson(each) == proxy; });
+  return !setting.HasScript() && std::any_of(applied.items().begin(), applied.items().end(),
+                                             [&](const json::Value& each) { return FromJson(each) == setting.proxy; });
+}
+
+// The computer's own setting, of which an older version of the service kept the proxy alone.
+struct Prior {
+  std::optional<state::RawValue> kept;
+  std::optional<Proxy> proxy;
+};
+
+std::optional<Prior> ReadPrior() {
+  if (std::optional<state::RawValue> copy = state::ReadState(state::kPriorWinHttpSettings)) {
+    const bool none = copy->type == REG_NONE && copy->bytes.empty();
+    return Prior{none ? std::nullopt : std::move(copy), std::nullopt};
+  }
+  if (std::optional<Proxy> proxy = FromJson(Recorded(state::kPriorProxy))) {
+    return Prior{std::nullopt, std::move(proxy)};
+  }
+  return std::nullopt;
+}
+
+bool IsPrior(const Setting& now, const Prior& prior) {
+  return prior.proxy ? now.proxy == *prior.proxy : SameBytes(now.kept, prior.kept);
+}
+
+bool CopyToState(const std::optional<state::RawValue>& kept) {
+  const state::RawValue& copy = kept ? *kept : state::RawValue{};
+  return state::WriteExisting(state::kStateKey, state::kPriorWinHttpSettings.name, copy.type, copy.bytes.data(),
+                              static_cast<DWORD>(copy.bytes.size())) == ERROR_SUCCESS &&
+         state::DeleteStateValue(state::kPriorProxy);
 }
 
 void ForgetPrior() {
-  // In this order: with the copy gone the other says nothing.
+  // In this order: the second overrules the first, and with both gone the third says nothing.
   state::DeleteStateValue(state::kPriorProxy);
+  state::DeleteStateValue(state::kPriorWinHttpSettings);
   state::DeleteStateValue(state::kAppliedProxy);
   state::FlushStateKey();
 }
 
-// Notes durably what is about to be replaced, and what by. Until the change is made either of the two settings is ours.
-bool SavePrior(const Proxy& now, const Proxy& wanted) {
+// Notes durably what is about to be replaced, and what by. Until the change is made each of these settings is ours.
+bool SavePrior(const Setting& now, const Proxy& wanted) {
   json::Value applied = json::Value::Array();
-  if (IsOurs(now) && FromJson(Recorded(state::kPriorProxy))) {
-    applied.Append(ToJson(now));
-  } else if (!Record(state::kPriorProxy, ToJson(now))) {
+  if (IsOurs(now) && ReadPrior()) {
+    applied.Append(ToJson(now.proxy));
+  } else if (!CopyToState(now.kept)) {
     return false;
   }
   applied.Append(ToJson(wanted));
+  if (now.HasScript()) {
+    applied.Append(ToJson(Proxy{}));  // a script is taken away first
+  }
   return Record(state::kAppliedProxy, applied) && state::FlushStateKey();
 }
 
 // The caller holds the lock.
 bool Apply(const Proxy& wanted) {
-  Proxy now;
-  if (!ReadProxy(now)) {
+  Setting now;
+  if (!ReadSetting(now)) {
     return false;
   }
-  if (now == wanted) {
+  if (now.proxy == wanted && !now.HasScript()) {
     return true;
   }
   if (state::FlagIsOn(state::kTeardownPending)) {
@@ -115,11 +196,12 @@ bool Apply(const Proxy& wanted) {
     log::Log(log::kError, log::kKiosk, "proxy: cannot save the computer's own proxy; nothing was changed");
     return false;
   }
-  if (!WriteProxy(wanted)) {
-    WriteProxy(now);
+  const std::optional<state::RawValue> before = now.kept;
+  if (!WriteProxy(wanted, now)) {
+    WriteBytes(before);
     return false;
   }
-  if (FromJson(Recorded(state::kPriorProxy)) == wanted) {
+  if (const std::optional<Prior> prior = ReadPrior(); prior && IsPrior(now, *prior)) {
     ForgetPrior();
   } else {
     json::Value applied = json::Value::Array();
@@ -155,21 +237,21 @@ json::Value ProxySet(const json::Value& request) {
 
 void RestoreProxy() {
   const win32::LockGuard guard(proxyLock);
-  const std::optional<Proxy> prior = FromJson(Recorded(state::kPriorProxy));
-  Proxy now;
+  const std::optional<Prior> prior = ReadPrior();
+  Setting now;
   if (!prior) {
     if (state::ReadState(state::kAppliedProxy)) {
       ForgetPrior();  // half of it was forgotten before
     }
     return;
   }
-  if (!ReadProxy(now)) {
+  if (!ReadSetting(now)) {
     return;
   }
-  if (now != *prior && !IsOurs(now)) {
+  if (!IsPrior(now, *prior) && !IsOurs(now)) {
     log::Log(log::kNotice, log::kKiosk, "proxy: somebody else has set another default proxy; left alone");
-  } else if (now != *prior) {
-    if (!WriteProxy(*prior)) {
+  } else if (!IsPrior(now, *prior)) {
+    if (!(prior->proxy ? WriteProxy(*prior->proxy, now) : WriteBytes(prior->kept))) {
       return;
     }
     log::Log(log::kNotice, log::kKiosk, "proxy: the computer's own default proxy is back");

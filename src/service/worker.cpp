@@ -42,11 +42,11 @@ class Worker {
   // One pass; returns how long to wait before the next.
   DWORD Pass() {
     account::FinishPendingRemoval();
-    const bool networkWhole = network::PutBackUnfinishedChanges();
+    const bool networkSettled = network::SettleChanges();
     const text::Secret token = portal::ReadDeviceToken();
     if (token.Empty()) {
       backOff_ = kInterval;
-      return !networkWhole || state::FlagIsOn(state::kTeardownPending) ? kInterval : INFINITE;
+      return !networkSettled || state::FlagIsOn(state::kTeardownPending) ? kInterval : INFINITE;
     }
     const portal::CheckInResult result = portal::CheckIn(token.Get());
     // Somebody else may have ended the enrolment, or begun another, while the answer was on its way: that one counts.
@@ -56,8 +56,12 @@ class Worker {
     if (!result.error.empty()) {
       // A call that the stop cut short says nothing about the portal.
       const DWORD wait = win32::StopRequested() ? kInterval : Unusable(result.error);
-      // A network that a change left half done may be why nothing comes: putting it back is not to wait that long.
-      return networkWhole ? wait : std::min(wait, kInterval);
+      if (networkSettled) {
+        return wait;
+      }
+      // A change of the network may be why nothing comes: proving it or putting it back is not to wait that long.
+      backOff_ = kInterval;
+      return kInterval;
     }
     if (failing_) {
       log::Log(log::kNotice, log::kKiosk, "check-in: AuthSystem reachable again");

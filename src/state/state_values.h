@@ -98,10 +98,13 @@ inline constexpr StateValue kPriorWuActiveHoursEnd{L"PriorWuActiveHoursEnd", kTy
 inline constexpr StateValue kPriorWuActiveHoursMaxRange{L"PriorWuActiveHoursMaxRange", kTypeOfCopied, "updates",
                                                         kPriorMeaning};
 inline constexpr StateValue kPriorNetwork{L"PriorNetwork", REG_SZ, "network",
-                                          "adapters' settings from before a change that is under way, as JSON; absent "
-                                          "otherwise"};
+                                          "adapters' settings before and after a change that is under way or that the "
+                                          "portal has not answered over yet, as JSON; absent otherwise"};
+inline constexpr StateValue kPriorWinHttpSettings{L"PriorWinHttpSettings", kTypeOfCopied, "proxy",
+                                                  "the computer's own default proxy while the service's is set: a copy "
+                                                  "of Windows' value, REG_NONE without bytes where there was none"};
 inline constexpr StateValue kPriorProxy{L"PriorProxy", REG_SZ, "proxy",
-                                        "the computer's own default proxy, as JSON, while the service's is set"};
+                                        "the same as JSON, as older versions kept it; only where the copy is missing"};
 inline constexpr StateValue kAppliedProxy{L"AppliedProxy", REG_SZ, "proxy",
                                           "the default proxies that the service set last or is setting, as JSON; any "
                                           "other is somebody else's"};
@@ -126,6 +129,7 @@ inline constexpr const StateValue* kStateValues[] = {
     &kMaintenanceLockedUntil,
     &kDevAllowUnsigned,
     &kPriorNetwork,
+    &kPriorWinHttpSettings,
     &kPriorProxy,
     &kAppliedProxy,
     &kAccountCreating,

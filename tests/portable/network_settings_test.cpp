@@ -30,7 +30,7 @@ TEST(NetworkRequest, EachWrongMemberIsNamed) {
   // What is added to it, the later member of a name counting, by the member that is then wrong.
   const std::pair<const char*, const char*> cases[] = {
       {nullptr, R"(|"gateway":null|"prefixLength":2.4e1,"more":[1]|"dns":["10.1.2.1","8.8.8.8","1.1.1.1","127.0.0.1"]|)"
-                R"("mode":"dhcp","address":"nonsense"|"mode":"dhcp","dns":["9.9.9.9"])"},
+                R"("mode":"dhcp","address":"nonsense"|"mode":"dhcp","dns":["9.9.9.9"]|"keep":null|"keep":false)"},
       {"adapter", R"("adapter":""|"adapter":7)"},
       {"mode", R"("mode":"Static"|"mode":null)"},
       {"address", R"("address":"10.1.2.0"|"address":"10.1.2.255"|"address":"10.1.2.03"|"address":167838211|)"
@@ -42,7 +42,8 @@ TEST(NetworkRequest, EachWrongMemberIsNamed) {
                   R"("gateway":""|"gateway":["10.1.2.1"])"},
       {"dns",
        R"("dns":null|"dns":"8.8.8.8"|"dns":["8.8.8.8","8.8.4.4","8.8.8.8"]|"dns":["8.8.8.8",8]|)"
-       R"("dns":["239.1.1.1"]|"dns":["1.1.1.1","1.1.1.2","1.1.1.3","1.1.1.4","1.1.1.5"]|"mode":"dhcp","dns":[""])"}};
+       R"("dns":["239.1.1.1"]|"dns":["1.1.1.1","1.1.1.2","1.1.1.3","1.1.1.4","1.1.1.5"]|"mode":"dhcp","dns":[""])"},
+      {"keep", R"("keep":1|"keep":"true"|"mode":"dhcp","keep":[])"}};
   for (const auto& [wrong, additions] : cases) {
     for (const std::string& more : test::Words(additions)) {
       const Request request = ParseRequest(*json::Parse("{" + good + (more.empty() ? "" : ",") + more + "}"));

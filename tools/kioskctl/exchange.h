@@ -14,6 +14,7 @@ enum ExitCode : int { kDone = 0, kServiceError = 1, kUsage = 2, kNoService = 3 }
 
 struct Options {
   bool json = false;  // replies as they came, a line each, for scripts
+  bool keep = false;  // "net-set": nothing has to prove the settings
 };
 
 kiosk::json::Value Request(const char* command);

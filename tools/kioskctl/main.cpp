@@ -45,9 +45,10 @@ constexpr char kHelp[] =
     "                              search, download and install now, and follow it\n"
     "  kioskctl [--json] time-sync UNLOCK-TOKEN\n"
     "                              set the clock by the computer's time server\n"
-    "  kioskctl [--json] net-set UNLOCK-TOKEN ADAPTER dhcp [DNS ...]\n"
-    "  kioskctl [--json] net-set UNLOCK-TOKEN ADAPTER ADDRESS/BITS GATEWAY|- [DNS ...]\n"
-    "                              set a network adapter, named by its GUID in braces\n"
+    "  kioskctl [--json] [--keep] net-set UNLOCK-TOKEN ADAPTER dhcp [DNS ...]\n"
+    "  kioskctl [--json] [--keep] net-set UNLOCK-TOKEN ADAPTER ADDRESS/BITS GATEWAY|- [DNS ...]\n"
+    "                              set a network adapter, named by its GUID in braces. What was set before comes\n"
+    "                              back unless the portal answers within 5 minutes; with --keep it does not\n"
     "  kioskctl [--json] proxy-set UNLOCK-TOKEN none | auto URL | manual SERVER:PORT [BYPASS]\n"
     "                              set the default proxy of Windows' services\n"
     "  kioskctl send JSON          send one request as it is and print the reply\n"
@@ -103,6 +104,9 @@ int Run(const Words& words, const Options& options) {
   if (words.size() - 1 < command->fewest || words.size() - 1 > command->most) {
     return kioskctl::WrongUsage("\"" + words.front() + "\" takes " + command->arguments);
   }
+  if (options.keep && command->name != "net-set") {
+    return kioskctl::WrongUsage("\"" + words.front() + "\" does not take --keep");
+  }
   return command->run(options, words);
 }
 
@@ -124,6 +128,8 @@ int wmain(int count, wchar_t** arguments) {
     }
     if (word == "--json") {
       options.json = true;
+    } else if (word == "--keep") {
+      options.keep = true;
     } else if (word.starts_with("--")) {
       return kioskctl::WrongUsage("unknown option \"" + word + "\"");
     } else {

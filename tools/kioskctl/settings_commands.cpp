@@ -172,6 +172,9 @@ int NetSet(const Options& options, const Words& words) {
     dns.Append(words[next]);
   }
   request.Set("dns", std::move(dns));
+  if (options.keep) {
+    request.Set("keep", true);
+  }
   return Run(options, std::move(request), AppliedText, kNetSetWait);
 }
 

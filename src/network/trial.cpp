@@ -1,0 +1,94 @@
+#include "network/trial.h"
+
+#include "log/log.h"
+#include "network/change_record.h"
+#include "network/turn.h"
+#include "portal/worker_wake.h"
+#include "win32/wide_text.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstdint>
+#include <vector>
+
+namespace kiosk::network {
+namespace {
+
+constexpr std::uint64_t kTrial = 5 * 60'000;
+constexpr std::uint64_t kUnitsInMillisecond = 10'000;
+constexpr int kProxyWantsAuthentication = 407;
+
+std::atomic<unsigned> changesMade{0};
+
+struct Trial {
+  std::wstring adapter;
+  std::uint64_t lookedAt;  // as RunningTime
+  bool linkWasUp;
+  std::uint64_t linkedFor;
+};
+
+// Only who has the turn comes here.
+std::vector<Trial>& Trials() {
+  static auto* const trials = new std::vector<Trial>();  // outlives every thread
+  return *trials;
+}
+
+// Milliseconds without those in which the computer slept.
+std::uint64_t RunningTime() {
+  ULONGLONG units = 0;
+  QueryUnbiasedInterruptTime(&units);
+  return units / kUnitsInMillisecond;
+}
+
+Trial& TrialOf(const std::wstring& adapter) {
+  std::vector<Trial>& trials = Trials();
+  const auto found =
+      std::find_if(trials.begin(), trials.end(), [&](const Trial& each) { return each.adapter == adapter; });
+  return found != trials.end() ? *found : trials.emplace_back(Trial{adapter, RunningTime(), true, 0});
+}
+
+}  // namespace
+
+unsigned ChangesMade() noexcept { return changesMade; }
+
+void NoteAnswer(unsigned madeBefore, int status) {
+  if (status == kProxyWantsAuthentication || !HasChangeRecords()) {
+    return;
+  }
+  // While somebody works on an adapter the answer says nothing of what comes of that.
+  const Turn turn(0);
+  if (!turn || madeBefore != changesMade) {
+    return;
+  }
+  for (const ChangeRecord& record : ReadChangeRecords()) {
+    if (!record.unproven) {
+      continue;
+    }
+    TrialOf(record.adapter).linkedFor = 0;
+    if (ForgetChange(record.adapter)) {
+      log::Log(log::kNotice, log::kKiosk, "net.set: the portal answers; %s stays as it is: %s",
+               win32::ToNarrow(record.adapter).c_str(), Describe(*record.wanted).c_str());
+    }
+  }
+}
+
+void BeginTrial(const std::wstring& adapter) {
+  TrialOf(adapter) = {adapter, RunningTime(), true, 0};
+  ++changesMade;
+  portal::WakeWorker();
+}
+
+bool TrialIsOver(const std::wstring& adapter, bool linkUp) {
+  Trial& trial = TrialOf(adapter);
+  const std::uint64_t now = RunningTime();
+  trial.linkedFor += linkUp && trial.linkWasUp ? now - trial.lookedAt : 0;
+  trial.lookedAt = now;
+  trial.linkWasUp = linkUp;
+  if (trial.linkedFor < kTrial) {
+    return false;
+  }
+  trial.linkedFor = 0;
+  return true;
+}
+
+}  // namespace kiosk::network
