@@ -22,6 +22,8 @@ void SignOut(DWORD session);
 void MakeStubborn(DWORD session, DWORD milliseconds);
 // Where the account (a SID) is signed in; 0: nowhere.
 DWORD SessionOf(const std::wstring& sid);
+// WTSEnumerateSessionsW fails with this error from now on; 0: it works.
+void FailSessionLists(DWORD error);
 void EndAllSessions();  // silently, as the computer stops; the next sign-in opens session 1
 
 // Buffers that WTSFreeMemory has not seen yet.

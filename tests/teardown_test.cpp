@@ -155,14 +155,17 @@ TEST_F(TeardownTest, SignOutsArePolledAndThenLeftForLater) {
     DWORD stays;
     std::uint64_t until;
     bool removed;
-  } const cases[] = {{3'000, 3'000, true}, {INFINITE, 15'000, false}};
+    DWORD listError = 0;
+  } const cases[] = {{3'000, 3'000, true}, {INFINITE, 15'000, false}, {INFINITE, 15'000, false, 1722}};
   for (const auto& each : cases) {
     CleanMachine::SetUp();
     ASSERT_EQ(state::ProtectStateKey().what, nullptr);
     RecordAccount();
     sim::MakeStubborn(sim::SignIn(L"NorvaneKiosk"), each.stays);
+    sim::FailSessionLists(each.listError);
     const std::uint64_t start = clock_.Elapsed();
     RemoveKioskMode(false, "because");
+    EXPECT_EQ(test::CountLogged("ERROR cannot list the sessions of this computer (1722)"), each.listError != 0 ? 1 : 0);
     EXPECT_GE(clock_.Elapsed() - start, each.until);
     EXPECT_LE(clock_.Elapsed() - start, each.until + 1'300);
     EXPECT_EQ(!sim::FindUser(L"NorvaneKiosk"), each.removed);

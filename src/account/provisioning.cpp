@@ -19,6 +19,7 @@
 #include <userenv.h>
 
 #include <array>
+#include <optional>
 #include <string_view>
 
 namespace kiosk::account {
@@ -152,8 +153,9 @@ Outcome FindAccount(FoundAccount& found) {
     }
     return kWell;
   }
-  if (!found.recorded.empty() || !CreationWasCutShort()) {
-    return {"account_exists"};
+  const std::optional<bool> ours = found.recorded.empty() ? CreationWasCutShort() : false;
+  if (ours != true) {
+    return {ours ? "account_exists" : "account_lookup_failed"};
   }
   return RecordAccount(found.sid) ? kWell : Outcome{"state_write_failed"};
 }

@@ -23,6 +23,8 @@
 
 #include <lm.h>
 
+#include <optional>
+
 namespace kiosk::account {
 namespace {
 
@@ -61,8 +63,9 @@ bool RemoveAccount() {
     if (found == AccountLookup::kFailed) {
       return false;
     }
-    if (found == AccountLookup::kPresent && !CreationWasCutShort()) {
-      return true;
+    const std::optional<bool> ours = found == AccountLookup::kPresent ? CreationWasCutShort() : true;
+    if (ours != true) {
+      return ours.has_value();  // somebody else's; or else nobody can tell yet
     }
   }
   return sid.empty() || DeleteKioskAccount(sid);
@@ -161,7 +164,7 @@ bool DeleteKioskAccount(const std::wstring& recordedSid) {
     log::Log(log::kWarn, log::kKiosk, "the local %s is not the recorded account %s; left alone", kKioskUserText,
              win32::ToNarrow(recordedSid).c_str());
   }
-  if (ours && LogOffKioskSessions(true) != 0) {
+  if (ours && !LogOffKioskSessions(true)) {
     return false;
   }
   const bool profileGone = DeleteKioskProfile(recordedSid);
