@@ -107,8 +107,8 @@ DWORD SignIn(const std::wstring& user, DWORD session) {
   const DWORD id = session != 0 ? session : next;
   WriteNumber(L"", L"NextSession", std::max(next, id + 1));
   MakeProfile(account->sid, account->name);
-  if (!HiveLoaded(account->sid)) {
-    LoadHive(account->sid, ProfileFolder(account->sid) + L"\\NTUSER.DAT");
+  if (!LoadUserHive(account->sid)) {
+    return 0;
   }
   account->lastLogon = UtcTime();
   ChangeUser(*account);

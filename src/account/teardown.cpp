@@ -129,6 +129,9 @@ void TearDown(bool deleteStateKey, const char* reason) {
   proxy::RestoreProxy();
   const bool networkWhole = network::PutBackUnfinishedChanges();
   const bool removed = RemoveAccount();
+  // With the record of an adapter that cannot be put back now, the next try would have nothing to go by.
+  const bool deleteKey = deleteStateKey && removed && networkWhole;
+  DeleteStaleProfiles(deleteKey);
   if (!EraseEnrolment()) {
     log::Log(log::kError, log::kKiosk, "cannot delete the device token; removing kiosk mode again at the next check-in");
     return;
@@ -140,9 +143,19 @@ void TearDown(bool deleteStateKey, const char* reason) {
     return;
   }
   ForgetRemovedAccount();
-  // With the record of an adapter that cannot be put back now, the next try would have nothing to go by.
-  if (deleteStateKey && networkWhole) {
+  if (deleteKey) {
     DeleteStateKey();
+  }
+}
+
+void RetryStaleProfiles() {
+  if (!StaleProfilesAreDue()) {
+    return;
+  }
+  const win32::LockGuard guard(AccountLock());
+  const CrossProcessGuard others;
+  if (others.MayGoOn()) {
+    DeleteStaleProfiles(false);
   }
 }
 
@@ -184,6 +197,7 @@ void RemoveKioskMode(bool deleteStateKey, const char* reason, const std::string*
 }
 
 void FinishPendingRemoval() {
+  RetryStaleProfiles();
   if (!state::ReadState(state::kTeardownPending)) {
     return;
   }
