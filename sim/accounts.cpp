@@ -124,6 +124,11 @@ NET_API_STATUS ForMembers(const char* function, LPCWSTR server, LPCWSTR name, DW
   });
 }
 
+// By its name alone: no call takes a SID for one.
+std::optional<User> FindNamed(const std::wstring& name) {
+  return ReadText(UserArea(name), L"Sid") ? FindUser(name) : std::nullopt;
+}
+
 void CheckFlags(const char* function, DWORD flags) {
   if ((flags & UF_SCRIPT) == 0) {
     Violation("%s: flags 0x%lx without UF_SCRIPT", function, flags);
@@ -139,7 +144,11 @@ std::wstring ComputerName() {
   return name;
 }
 
-std::vector<std::wstring> UserNames() { return AreaNames(L"Users"); }
+std::vector<std::wstring> UserNames() {
+  std::vector<std::wstring> names = AreaNames(L"Users");
+  std::erase_if(names, [](const std::wstring& name) { return !ReadText(UserArea(name), L"Sid"); });
+  return names;
+}
 
 std::optional<User> FindUser(const std::wstring& nameOrSid) {
   for (const std::wstring& name : UserNames()) {
@@ -170,13 +179,14 @@ std::wstring AddUser(const std::wstring& name, const std::wstring& password, DWO
   const DWORD number = ReadNumber(L"", L"NextUser").value_or(1001);
   WriteNumber(L"", L"NextUser", number + 1);
   std::wstring sid = kMachineSid + std::to_wstring(number);
-  WriteText(UserArea(name), L"Sid", sid);
   ChangeUser({name, sid, password, L"", flags | UF_NORMAL_ACCOUNT, UtcTime(), UtcTime(), 0});
+  WriteText(UserArea(name), L"Sid", sid);
   return sid;
 }
 
 void RemoveUser(const std::wstring& name) {
   const std::wstring sid = FindUser(name).value_or(User()).sid;
+  ForgetValue(UserArea(name), L"Sid");
   for (const Group& group : kGroups) {
     ForgetValue(GroupArea(group.sid), sid);
   }
@@ -191,7 +201,10 @@ void AddToGroup(const std::wstring& groupSid, const std::wstring& memberSid) {
 
 void SetGroupLanguage(const std::wstring& language) { WriteText(L"", L"GroupLanguage", language); }
 
-void FailAccountLookups(DWORD status) { WriteNumber(L"", L"LookupStatus", status); }
+void FailAccountLookups(DWORD status, DWORD level) {
+  WriteNumber(L"", L"LookupStatus", status);
+  WriteNumber(L"", L"LookupLevel", level);
+}
 
 int OpenNetBuffers() {
   const std::lock_guard guard(mutex);
@@ -208,10 +221,12 @@ SIM(NET_API_STATUS, NetUserGetInfo, LPCWSTR server, LPCWSTR name, DWORD level, L
     return ERROR_INVALID_LEVEL;
   }
   *result = nullptr;
-  if (const DWORD status = ReadNumber(L"", L"LookupStatus").value_or(NERR_Success); status != NERR_Success) {
+  const DWORD status = ReadNumber(L"", L"LookupStatus").value_or(NERR_Success);
+  const DWORD failing = ReadNumber(L"", L"LookupLevel").value_or(0);
+  if (status != NERR_Success && (failing == 0 || failing == level)) {
     return status;
   }
-  const std::optional<User> user = AreaExists(UserArea(name)) ? FindUser(name) : std::nullopt;
+  const std::optional<User> user = FindNamed(name);
   if (!user) {
     return NERR_UserNotFound;
   }
@@ -251,7 +266,7 @@ SIM(NET_API_STATUS, NetUserAdd, LPCWSTR server, DWORD level, LPBYTE data, LPDWOR
     return ERROR_INVALID_PARAMETER;
   }
   return Change<NET_API_STATUS>(__func__ + 4, info.usri1_name, [&]() -> NET_API_STATUS {
-    if (AreaExists(UserArea(info.usri1_name))) {
+    if (FindNamed(info.usri1_name)) {
       return NERR_UserExists;
     }
     AddUser(info.usri1_name, info.usri1_password != nullptr ? info.usri1_password : L"", info.usri1_flags);
@@ -268,7 +283,7 @@ SIM(NET_API_STATUS, NetUserSetInfo, LPCWSTR server, LPCWSTR name, DWORD level, L
     CheckFlags("NetUserSetInfo", reinterpret_cast<USER_INFO_1008*>(data)->usri1008_flags);
   }
   return Change<NET_API_STATUS>(__func__ + 4, name + (L" " + std::to_wstring(level)), [&]() -> NET_API_STATUS {
-    std::optional<User> user = AreaExists(UserArea(name)) ? FindUser(name) : std::nullopt;
+    std::optional<User> user = FindNamed(name);
     if (!user) {
       return NERR_UserNotFound;
     }
@@ -291,7 +306,7 @@ SIM(NET_API_STATUS, NetUserDel, LPCWSTR server, LPCWSTR name) {
     return ERROR_INVALID_PARAMETER;
   }
   return Change<NET_API_STATUS>(__func__ + 4, name, [&]() -> NET_API_STATUS {
-    if (!AreaExists(UserArea(name))) {
+    if (!FindNamed(name)) {
       return NERR_UserNotFound;
     }
     RemoveUser(name);

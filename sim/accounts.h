@@ -1,4 +1,6 @@
 // Local users and groups of the simulated machine: areas "Users\<name>" and "Groups\<SID>" (a value for each member).
+// Another process keeps them on Windows, so an account is there as a whole or not at all, whenever the caller ends: an
+// area without the value "Sid", which is written last and deleted first, is no user.
 // The built-in groups exist, Hyper-V Administrators only once somebody was added to it.
 #pragma once
 
@@ -36,8 +38,8 @@ std::vector<std::wstring> GroupMembers(const std::wstring& groupSid);  // SIDs
 void AddToGroup(const std::wstring& groupSid, const std::wstring& memberSid);
 void SetGroupLanguage(const std::wstring& language);  // L"de", or L"" for English
 
-// NetUserGetInfo answers with this status from now on; 0: as it should.
-void FailAccountLookups(DWORD status);
+// NetUserGetInfo answers with this status from now on, at this level (0: at all of them); status 0: as it should.
+void FailAccountLookups(DWORD status, DWORD level = 0);
 
 // Buffers that NetApiBufferFree has not seen yet.
 int OpenNetBuffers();

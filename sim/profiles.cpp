@@ -75,6 +75,41 @@ DWORD CheckHiveCall(const char* function, HKEY root, LPCWSTR name) {
                                                                                : ERROR_PRIVILEGE_NOT_HELD;
 }
 
+// The folder and its entry in the list.
+DWORD BeginProfile(const std::wstring& sid, const std::wstring& user) {
+  if (!FindUser(sid)) {
+    return ERROR_NONE_MAPPED;
+  }
+  if (!ProfileFolder(sid).empty()) {
+    return ERROR_ALREADY_EXISTS;
+  }
+  // A folder that somebody else left is not used again.
+  std::wstring name = user;
+  for (int tries = 0; !CreateDirectoryW((L"C:\\users\\" + name).c_str(), nullptr); ++tries) {
+    if (GetLastError() != ERROR_ALREADY_EXISTS || tries > 9) {
+      return GetLastError();
+    }
+    name = user + L"." + ComputerName() + (tries == 0 ? L"" : L".00" + std::to_wstring(tries));
+  }
+  const std::wstring path = L"%SystemDrive%\\users\\" + name;
+  return static_cast<DWORD>(RegSetKeyValueW(HKEY_LOCAL_MACHINE, KeyOf(sid).c_str(), L"ProfileImagePath", REG_EXPAND_SZ,
+                                            path.c_str(), static_cast<DWORD>((path.size() + 1) * sizeof(wchar_t))));
+}
+
+// A hive file with this key below its root, or with nothing.
+DWORD WriteHiveFile(const std::wstring& file, const std::wstring& key) {
+  constexpr wchar_t kModel[] = L"ModelHive";
+  AllowHives();
+  WriteText(kModel + key, L"", L"");
+  const DWORD error = Save(HKEY_LOCAL_MACHINE, std::wstring(kMachineKey) + L"\\" + kModel, file);
+  ForgetArea(kModel);
+  return error;
+}
+
+DWORD FillProfile(const std::wstring& sid) {
+  return WriteHiveFile(ProfileFolder(sid) + L"\\NTUSER.DAT", L"\\Environment");
+}
+
 }  // namespace
 
 bool HiveLoaded(const std::wstring& name) {
@@ -87,10 +122,10 @@ bool HiveLoaded(const std::wstring& name) {
 }
 
 DWORD LoadHive(const std::wstring& name, const std::wstring& file) {
-  AllowHives();
-  if (GetFileAttributesW(file.c_str()) == INVALID_FILE_ATTRIBUTES) {
-    return ERROR_FILE_NOT_FOUND;
+  if (GetFileAttributesW(file.c_str()) == INVALID_FILE_ATTRIBUTES && WriteHiveFile(file, L"") != ERROR_SUCCESS) {
+    return ERROR_PATH_NOT_FOUND;
   }
+  AllowHives();
   if (FileInUse(file)) {
     return ERROR_SHARING_VIOLATION;
   }
@@ -101,6 +136,16 @@ DWORD LoadHive(const std::wstring& name, const std::wstring& file) {
     ::RegUnLoadKeyW(HKEY_USERS, name.c_str());
   }
   return static_cast<DWORD>(error);
+}
+
+bool LoadUserHive(const std::wstring& sid) {
+  HKEY key = nullptr;
+  if ((!HiveLoaded(sid) && LoadHive(sid, ProfileFolder(sid) + L"\\NTUSER.DAT") != ERROR_SUCCESS) ||
+      RegOpenKeyExW(HKEY_USERS, (sid + L"\\Environment").c_str(), 0, KEY_READ, &key) != ERROR_SUCCESS) {
+    return false;
+  }
+  RegCloseKey(key);
+  return true;
 }
 
 // Windows writes a hive back as it is unloaded; Wine drops what changed.
@@ -136,29 +181,8 @@ std::wstring ProfileFolder(const std::wstring& sid) {
 }
 
 DWORD MakeProfile(const std::wstring& sid, const std::wstring& user) {
-  if (!FindUser(sid)) {
-    return ERROR_NONE_MAPPED;
-  }
-  if (!ProfileFolder(sid).empty()) {
-    return ERROR_ALREADY_EXISTS;
-  }
-  // A folder that somebody else left is not used again.
-  std::wstring name = user;
-  for (int tries = 0; !CreateDirectoryW((L"C:\\users\\" + name).c_str(), nullptr); ++tries) {
-    if (GetLastError() != ERROR_ALREADY_EXISTS || tries > 9) {
-      return GetLastError();
-    }
-    name = user + L"." + ComputerName() + (tries == 0 ? L"" : L".00" + std::to_wstring(tries));
-  }
-  AllowHives();
-  WriteText(L"EmptyHive", L"", L"");
-  const DWORD error =
-      Save(HKEY_LOCAL_MACHINE, std::wstring(kMachineKey) + L"\\EmptyHive", L"C:\\users\\" + name + L"\\NTUSER.DAT");
-  ForgetArea(L"EmptyHive");
-  const std::wstring path = L"%SystemDrive%\\users\\" + name;
-  RegSetKeyValueW(HKEY_LOCAL_MACHINE, KeyOf(sid).c_str(), L"ProfileImagePath", REG_EXPAND_SZ, path.c_str(),
-                  static_cast<DWORD>((path.size() + 1) * sizeof(wchar_t)));
-  return error;
+  const DWORD error = BeginProfile(sid, user);
+  return error == ERROR_SUCCESS ? FillProfile(sid) : error;
 }
 
 DWORD RemoveProfile(const std::wstring& sid) {
@@ -211,7 +235,10 @@ SIM(HRESULT, CreateProfile, LPCWSTR sid, LPCWSTR user, LPWSTR path, DWORD size) 
     Violation("CreateProfile: a pointer is null");
     return E_INVALIDARG;
   }
-  const DWORD error = Change<DWORD>(__func__ + 4, sid, [&] { return MakeProfile(sid, user); });
+  DWORD error = Change<DWORD>(__func__ + 4, sid, [&] { return BeginProfile(sid, user); });
+  if (error == ERROR_SUCCESS) {
+    error = Change<DWORD>(__func__ + 4, std::wstring(sid) + L" hive", [&] { return FillProfile(sid); });
+  }
   const std::wstring folder = ProfileFolder(sid);
   if (error == ERROR_SUCCESS && folder.size() >= size) {
     Violation("CreateProfile: no room for the path in %lu characters", size);

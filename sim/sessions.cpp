@@ -107,8 +107,8 @@ DWORD SignIn(const std::wstring& user, DWORD session) {
   const DWORD id = session != 0 ? session : next;
   WriteNumber(L"", L"NextSession", std::max(next, id + 1));
   MakeProfile(account->sid, account->name);
-  if (!HiveLoaded(account->sid)) {
-    LoadHive(account->sid, ProfileFolder(account->sid) + L"\\NTUSER.DAT");
+  if (!LoadUserHive(account->sid)) {
+    return 0;
   }
   account->lastLogon = UtcTime();
   ChangeUser(*account);
@@ -124,6 +124,8 @@ void SignOut(DWORD session) {
 }
 
 void MakeStubborn(DWORD session, DWORD milliseconds) { WriteNumber(AreaOf(session), L"StaysFor", milliseconds); }
+
+void FailSessionLists(DWORD error) { WriteNumber(L"", L"SessionListError", error); }
 
 void EndAllSessions() {
   for (const DWORD id : SessionIds()) {
@@ -146,6 +148,10 @@ SIM(WINBOOL, WTSEnumerateSessionsW, HANDLE server, DWORD reserved, DWORD version
   if (server != WTS_CURRENT_SERVER_HANDLE || reserved != 0 || version != 1 || result == nullptr || count == nullptr) {
     Violation("WTSEnumerateSessionsW: another server, version %lu, or a pointer is null", version);
     SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+  if (const DWORD error = ReadNumber(L"", L"SessionListError").value_or(0); error != 0) {
+    SetLastError(error);
     return FALSE;
   }
   std::set<DWORD> ids = SessionIds();

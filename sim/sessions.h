@@ -14,7 +14,8 @@ void SetSession(DWORD id, const std::wstring& user, const std::wstring& domain);
 void EndSession(DWORD id);
 
 // Signs a simulated account in: makes its profile where there is none, loads its hive, notes the time, tells the
-// service. `session` 0: the next one. Returns the session; 0 when there is no such account.
+// service. `session` 0: the next one. Returns the session; 0 when there is no such account, or no hive of its own to
+// load (Windows then signs in with a temporary profile and its own shell).
 DWORD SignIn(const std::wstring& user, DWORD session = 0);
 // Ends the session, unloads the hive with the account's last one, tells the service.
 void SignOut(DWORD session);
@@ -22,6 +23,8 @@ void SignOut(DWORD session);
 void MakeStubborn(DWORD session, DWORD milliseconds);
 // Where the account (a SID) is signed in; 0: nowhere.
 DWORD SessionOf(const std::wstring& sid);
+// WTSEnumerateSessionsW fails with this error from now on; 0: it works.
+void FailSessionLists(DWORD error);
 void EndAllSessions();  // silently, as the computer stops; the next sign-in opens session 1
 
 // Buffers that WTSFreeMemory has not seen yet.

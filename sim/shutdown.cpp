@@ -40,6 +40,8 @@ std::optional<ShutdownRequest> PendingShutdown() {
 
 void ForgetShutdown() { ForgetArea(kArea); }
 
+void KeepShutdownWaiting(DWORD calls) { WriteNumber(L"", L"ShutdownNotReady", calls); }
+
 }  // namespace sim
 
 using namespace sim;
@@ -66,6 +68,10 @@ SIM(WINBOOL, InitiateSystemShutdownExW, LPWSTR machine, LPWSTR message, DWORD ti
     DWORD error = PrivilegeEnabled(SE_SHUTDOWN_NAME) ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
     if (error == ERROR_SUCCESS && PendingShutdown()) {
       error = ERROR_SHUTDOWN_IN_PROGRESS;
+    }
+    if (const DWORD refusals = ReadNumber(L"", L"ShutdownNotReady").value_or(0); refusals != 0) {
+      KeepShutdownWaiting(refusals - 1);
+      error = ERROR_NOT_READY;
     }
     if (error != ERROR_SUCCESS) {
       SetLastError(error);

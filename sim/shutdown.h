@@ -19,6 +19,8 @@ struct ShutdownRequest {
 // The request that is under way. Another one fails until it is forgotten.
 std::optional<ShutdownRequest> PendingShutdown();
 void ForgetShutdown();
+// The next `calls` fail with ERROR_NOT_READY, as they may while nobody is signed in, or while somebody is signing in.
+void KeepShutdownWaiting(DWORD calls);
 
 // Whether this process has enabled the privilege (SE_..._NAME) through AdjustTokenPrivileges.
 bool PrivilegeEnabled(const wchar_t* name);

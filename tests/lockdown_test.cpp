@@ -1,6 +1,7 @@
 #include "lockdown/kiosk_policies.h"
 
 #include "sim/accounts.h"
+#include "sim/clock.h"
 #include "sim/faults.h"
 #include "sim/profiles.h"
 #include "tests/support/fixture.h"
@@ -129,6 +130,7 @@ class LockdownTest : public test::CleanMachine {
     sim::UnloadHive(kTemporary);
     sim::RemoveProfile(sid_);
   }
+  [[nodiscard]] PolicyResult Write(bool loadHive) const { return WriteKioskUserPolicies(sid_, kClient, loadHive); }
   // What stands in the profile's file.
   std::vector<std::string> Stored() {
     EXPECT_FALSE(sim::HiveLoaded(kTemporary)) << "left loaded";
@@ -138,70 +140,94 @@ class LockdownTest : public test::CleanMachine {
     return values;
   }
 
+  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
   std::wstring sid_;
   std::wstring file_;
 };
 
 TEST_F(LockdownTest, TheProfileHoldsExactlyTheseValues) {
   ASSERT_EQ(Expected().size(), 52U);
-  EXPECT_TRUE(WriteKioskUserPolicies(sid_, kClient, true));
+  EXPECT_EQ(Write(true), PolicyResult::kDone);
   EXPECT_EQ(Stored(), Expected());
   EXPECT_TRUE(test::LogTexts().empty());
   const sim::FaultPass pass;
-  EXPECT_TRUE(WriteKioskUserPolicies(sid_, kClient, true));
-  EXPECT_EQ(pass.Count(), 3) << "values were written again";
+  EXPECT_EQ(Write(true), PolicyResult::kDone);
+  EXPECT_EQ(pass.Count(), 2) << "values were written again";
 }
 
 TEST_F(LockdownTest, ASignedInUserIsChangedInPlace) {
-  EXPECT_TRUE(WriteKioskUserPolicies(sid_, kClient, false));
+  EXPECT_EQ(Write(false), PolicyResult::kDone);
   EXPECT_TRUE(Stored().empty()) << "written for a user who is not signed in";
   ASSERT_EQ(sim::LoadHive(sid_, file_), DWORD{ERROR_SUCCESS});
   // A value of the user's own, of another type.
   const std::wstring desktop = sid_ + L"\\Control Panel\\Desktop";
   const DWORD number = 7;
   RegSetKeyValueW(HKEY_USERS, desktop.c_str(), L"Wallpaper", REG_DWORD, &number, sizeof(number));
-  EXPECT_TRUE(WriteKioskUserPolicies(sid_, kClient, false));
+  EXPECT_EQ(Write(false), PolicyResult::kDone);
   EXPECT_EQ(Values(sid_), Expected());
   RegSetKeyValueW(HKEY_USERS, desktop.c_str(), L"Wallpaper", REG_SZ, L"x", 4);
   {
     const sim::FaultPass pass;
-    EXPECT_TRUE(WriteKioskUserPolicies(sid_, kClient, true));
+    EXPECT_EQ(Write(true), PolicyResult::kDone);
     EXPECT_EQ(pass.Count(), 1) << "more than the one value that differs was written, or a hive loaded";
   }
   EXPECT_EQ(Values(sid_), Expected());
 }
 
-TEST_F(LockdownTest, ALeftOverHiveIsUnloadedFirst) {
+TEST_F(LockdownTest, ALeftOverHiveIsUnloadedFirstAndWaitedFor) {
   ASSERT_EQ(sim::LoadHive(kTemporary, file_), DWORD{ERROR_SUCCESS});
-  EXPECT_TRUE(WriteKioskUserPolicies(sid_, kClient, true));
+  EXPECT_EQ(Write(true), PolicyResult::kDone);
   EXPECT_EQ(Stored(), Expected());
+  // Somebody holds a key of it for a while, and then for good.
+  ASSERT_EQ(sim::LoadHive(kTemporary, file_), DWORD{ERROR_SUCCESS});
+  win32::RegistryKey held;
+  const auto hold = [&held] { RegOpenKeyExW(HKEY_USERS, kTemporary, 0, KEY_READ, held.Put()); };
+  hold();
+  clock_.At(3'000, [&held] { held.Reset(); });
+  EXPECT_EQ(Write(true), PolicyResult::kDone);
+  EXPECT_EQ(clock_.Elapsed(), 3'000U);
+  ASSERT_EQ(sim::LoadHive(kTemporary, file_), DWORD{ERROR_SUCCESS});
+  hold();
+  EXPECT_EQ(Write(true), PolicyResult::kFailed);
+  EXPECT_EQ(clock_.Elapsed(), 8'000U);
+  EXPECT_EQ(Write(false), PolicyResult::kDone);
+  EXPECT_EQ(clock_.Elapsed(), 8'000U) << "a check-in waited";
+  held.Reset();
+  EXPECT_EQ(Write(false), PolicyResult::kDone);
+  EXPECT_FALSE(sim::HiveLoaded(kTemporary)) << "the user would get a temporary profile";
+  // The same after the values were written: load, unload.
+  {
+    const sim::FaultPass pass(sim::FaultKind::kFail, 2);
+    clock_.At(8'100, hold);
+    EXPECT_EQ(Write(true), PolicyResult::kDone);
+  }
+  EXPECT_EQ(clock_.Elapsed(), 13'000U);
+  EXPECT_EQ(test::LogTexts(), (std::vector<std::string>{"ERROR cannot load the kiosk hive (32)",
+                                                        "ERROR cannot unload the kiosk hive (5)"}));
+  held.Reset();
 }
 
 TEST_F(LockdownTest, FailuresAreToldAndStopWhereTheyShould) {
-  EXPECT_FALSE(WriteKioskUserPolicies(L"S-1-5-21-1-2-3-4", kClient, true));
-  // The calls are: unload, load, the shell and nine more, 42 policies, unload.
+  EXPECT_EQ(WriteKioskUserPolicies(L"S-1-5-21-1-2-3-4", kClient, true), PolicyResult::kFailed);
+  // The calls are: load, the shell and nine more, 42 policies, unload.
   struct {
     int failing;
     std::size_t written;
     const char* line;
-  } const cases[] = {{2, 0, "ERROR cannot load the kiosk hive (5)"},
-                     {7, 4, "ERROR cannot write the kiosk user's settings"},
-                     {14, 51, "ERROR cannot write the kiosk user's settings"},
-                     {55, 52, "ERROR cannot unload the kiosk hive (5)"}};
+  } const cases[] = {{1, 0, "ERROR cannot load the kiosk hive (5)"},
+                     {6, 4, "ERROR cannot write the kiosk user's settings"},
+                     {13, 51, "ERROR cannot write the kiosk user's settings"}};
   std::vector<std::string> logged = {"ERROR no profile path for S-1-5-21-1-2-3-4"};
   for (const auto& failure : cases) {
     {
       const sim::FaultPass pass(sim::FaultKind::kFail, failure.failing);
-      EXPECT_EQ(WriteKioskUserPolicies(sid_, kClient, true), failure.failing == 55) << failure.line;
+      EXPECT_EQ(Write(true), PolicyResult::kFailed) << failure.line;
     }
-    sim::UnloadHive(kTemporary);
     EXPECT_EQ(Stored().size(), failure.written) << failure.line;
     logged.emplace_back(failure.line);
     // Empty again for the next case.
-    if (failure.failing != 55) {
-      ASSERT_EQ(sim::RemoveProfile(sid_), DWORD{ERROR_SUCCESS});
-      ASSERT_EQ(sim::MakeProfile(sid_, L"NorvaneKiosk"), DWORD{ERROR_SUCCESS});
-    }
+    ASSERT_EQ(sim::RemoveProfile(sid_), DWORD{ERROR_SUCCESS});
+    ASSERT_EQ(sim::MakeProfile(sid_, L"NorvaneKiosk"), DWORD{ERROR_SUCCESS});
   }
   EXPECT_EQ(test::LogTexts(), logged);
 }

@@ -6,10 +6,12 @@
 #include "portal/device_token.h"
 #include "sim/accounts.h"
 #include "sim/clock.h"
+#include "sim/computer.h"
 #include "sim/faults.h"
 #include "sim/lsa.h"
 #include "sim/profiles.h"
 #include "sim/random.h"
+#include "sim/sessions.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 #include "tests/support/owned_computer.h"
@@ -36,6 +38,20 @@ void PrepareComputer() {
   test::Enrol("", false);
   SetString(kWinlogonKey, L"DefaultUserName", L"Operator");
   SetString(kWinlogonKey, L"AutoLogonCount", L"7");
+}
+
+// How many calls that change the machine `action` makes, up to the first that has this text.
+template <typename Action>
+int PointOf(const std::string& call, Action action) {
+  const sim::FaultPass pass;
+  action();
+  for (int point = 1; point <= pass.Count(); ++point) {
+    if (pass.Calls()[static_cast<std::size_t>(point) - 1].Text().find(call) != std::string::npos) {
+      return point;
+    }
+  }
+  ADD_FAILURE() << call << " was not called";
+  return 0;
 }
 
 class ProvisioningTest : public testing::Test {
@@ -119,34 +135,27 @@ TEST_F(ProvisioningTest, EachFailureHasItsCodeAndIsOverWhenItsCauseIs) {
       {"\\DefaultDomainName)", true, "winlogon_failed", 0},
       {"Winlogon\\AutoAdminLogon)", true, "winlogon_failed", 0},
       {"CreateProfile(", false, "profile_failed", 0x80070005},
+      {" hive)", false, "profile_failed", 0x80070005},
       {"RegLoadKeyW(", false, "hive_failed", 0},
       {"\\Kiosk\\Provisioned)", true, "state_write_failed", 0},
   };
   EXPECT_EQ(ProvisionKioskAccount({}), "");  // its first line makes the log's folders
   for (const auto& failure : cases) {
     SCOPED_TRACE(failure.call);
-    std::ptrdiff_t point = 0;
-    for (const bool counting : {true, false}) {
+    const auto prepare = [&failure] {
       PrepareComputer();
       if (failure.secondRun) {
         EXPECT_EQ(ProvisionKioskAccount({}), "");
       }
-      if (counting) {
-        const sim::FaultPass pass;
-        EXPECT_EQ(ProvisionKioskAccount({}), "");
-        const auto& calls = pass.Calls();
-        const auto found = std::find_if(calls.begin(), calls.end(), [&](const sim::ChangeCall& call) {
-          return call.Text().find(failure.call) != std::string::npos;
-        });
-        ASSERT_NE(found, calls.end());
-        point = found - calls.begin() + 1;
-      }
-    }
+    };
+    prepare();
+    const int point = PointOf(failure.call, [] { EXPECT_EQ(ProvisionKioskAccount({}), ""); });
+    prepare();
     const std::string line =
         std::string("ERROR provisioning failed: ") + failure.code + " (" + std::to_string(failure.number) + ")";
     const int logged = CountLogged(line);
     {
-      const sim::FaultPass pass(sim::FaultKind::kFail, static_cast<int>(point));
+      const sim::FaultPass pass(sim::FaultKind::kFail, point);
       EXPECT_EQ(ProvisionKioskAccount({}), failure.code);
     }
     EXPECT_EQ(CountLogged(line), logged + 1);
@@ -197,7 +206,11 @@ TEST_F(ProvisioningTest, AnAccountOfARunCutShortIsTheServicesOwn) {
       test::SetRaw(state::kStateKey, L"AccountCreating", REG_QWORD, &recorded, sizeof(recorded));
     }
     clock_.RunFor(30'000);
-    EXPECT_EQ(CreationWasCutShort(), found.adopted);
+    if (found.createdAfter != -1000) {
+      sim::FailAccountLookups(1722, 3);  // whose it is cannot be told now
+      EXPECT_EQ(ProvisionKioskAccount({}), "account_lookup_failed");
+      sim::FailAccountLookups(0);
+    }
     EXPECT_EQ(ProvisionKioskAccount({}), found.adopted ? "" : "account_exists");
     EXPECT_EQ(sim::AccountPassword(L"NorvaneKiosk") == L"before", !found.adopted);
     if (found.adopted) {
@@ -207,19 +220,109 @@ TEST_F(ProvisioningTest, AnAccountOfARunCutShortIsTheServicesOwn) {
   }
 }
 
-TEST_F(ProvisioningTest, AVanishedAccountIsReplacedAndItsProfileDeleted) {
-  EXPECT_EQ(ProvisionKioskAccount({}), "");
-  const std::wstring old = Sid();
-  sim::RemoveUser(L"NorvaneKiosk");
-  sim::KeepProfilesBusy(INFINITE);
-  EXPECT_EQ(ProvisionKioskAccount({}), "profile_failed");
-  EXPECT_EQ(state::ReadStateString(state::kAccountSid), old) << "its profile would never be found again";
-  sim::KeepProfilesBusy(3);
-  EXPECT_EQ(ProvisionKioskAccount({}), "");
-  EXPECT_EQ(CountLogged("WARN the recorded kiosk account is gone; creating a new one"), 2);
-  test::ExpectProvisioned();
-  EXPECT_NE(Sid(), old);
-  EXPECT_TRUE(sim::ProfileFolder(old).empty());
+TEST_F(ProvisioningTest, AVanishedAccountIsReplacedAndItsProfileGoesAtOnceOrLater) {
+  for (const bool busy : {false, true}) {
+    PrepareComputer();
+    EXPECT_EQ(ProvisionKioskAccount({}), "");
+    const std::wstring old = Sid();
+    const std::string folder = sim::Narrow(sim::ProfileFolder(old));
+    sim::RemoveUser(L"NorvaneKiosk");
+    sim::KeepProfilesBusy(busy ? INFINITE : 3);
+    const sim::FaultPass pass;
+    EXPECT_EQ(ProvisionKioskAccount({}), "");
+    EXPECT_EQ(CountLogged("WARN the recorded kiosk account is gone; creating a new one"), busy ? 2 : 1);
+    test::ExpectProvisioned();
+    EXPECT_NE(Sid(), old);
+    EXPECT_EQ(sim::ProfileFolder(old).empty(), !busy);
+    EXPECT_EQ(CountLogged("WARN the profile of an earlier kiosk account is left for later: " + folder), busy ? 1 : 0);
+    EXPECT_EQ(pass.Flushed(L"StaleProfileSids"), busy);
+    std::string order;  // of the changes to these two
+    for (const sim::ChangeCall& call : pass.Calls()) {
+      order += call.object.ends_with(L"\\StaleProfileSids") ? "noted " : "";
+      order += call.function == "RegDeleteKeyValueW" && call.object.ends_with(L"\\AccountSid") ? "dropped " : "";
+    }
+    EXPECT_EQ(order, busy ? "noted dropped " : "dropped ");
+  }
+}
+
+TEST_F(ProvisioningTest, NoProfileIsForgottenWhateverFailsWhileItsRecordIsDropped) {
+  std::wstring old;
+  const auto vanish = [&old] {
+    PrepareComputer();
+    EXPECT_EQ(ProvisionKioskAccount({}), "");
+    old = Sid();
+    sim::RemoveUser(L"NorvaneKiosk");
+    sim::KeepProfilesBusy(INFINITE);
+  };
+  vanish();
+  const int first = PointOf("\\StaleProfileSids)", [] { EXPECT_EQ(ProvisionKioskAccount({}), ""); });
+  for (int point = first; point < first + 5; ++point) {  // the note, its flush, the record, and the next account's note
+    vanish();
+    {
+      const sim::FaultPass pass(sim::FaultKind::kFail, point);
+      ProvisionKioskAccount({});
+    }
+    EXPECT_EQ(ProvisionKioskAccount({}), "");
+    const auto noted = state::ReadState(state::kStaleProfileSids);
+    ASSERT_TRUE(noted && noted->type == REG_MULTI_SZ) << point;
+    EXPECT_EQ(
+        std::wstring(reinterpret_cast<const wchar_t*>(noted->bytes.data()), noted->bytes.size() / sizeof(wchar_t)),
+        old + std::wstring(2, L'\0'));
+  }
+}
+
+TEST_F(ProvisioningTest, AProfileWithoutAUsableRegistryIsMadeAnewUnlessItMayBeInUse) {
+  constexpr char kAnew[] = "WARN the kiosk profile has no usable registry; making it anew";
+  struct {
+    const char* what;
+    bool healed;
+    void (*damage)(const std::wstring& folder);
+    DWORD loadError = 0;
+  } const cases[] = {
+      {"no file", true, [](const std::wstring& folder) { DeleteFileW((folder + L"\\NTUSER.DAT").c_str()); }},
+      {"no folder", true, [](const std::wstring& folder) { test::RemoveTree(folder); }},
+      {"no hive", true, [](const std::wstring& folder) { test::WriteWholeFile(folder + L"\\NTUSER.DAT", "junk"); }},
+      {"bad database", true, nullptr, ERROR_BADDB},
+      {"corrupt", true, nullptr, ERROR_REGISTRY_CORRUPT},
+      {"refused", false, nullptr, ERROR_ACCESS_DENIED},
+      {"somebody has it open", false, nullptr, ERROR_SHARING_VIOLATION},
+      {"the kiosk has a session", false,
+       [](const std::wstring& folder) {
+         DeleteFileW((folder + L"\\NTUSER.DAT").c_str());
+         sim::SetSession(3, L"NorvaneKiosk", sim::ComputerName());
+       }},
+      {"nobody tells", false,
+       [](const std::wstring& folder) {
+         DeleteFileW((folder + L"\\NTUSER.DAT").c_str());
+         sim::FailSessionLists(1722);
+       }},
+  };
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.what);
+    PrepareComputer();
+    EXPECT_EQ(ProvisionKioskAccount({}), "");
+    const std::wstring folder = sim::ProfileFolder(Sid());
+    test::WriteWholeFile(folder + L"\\mine.txt", "x");
+    const int point =
+        each.loadError == 0 ? 0 : PointOf("RegLoadKeyW(", [] { EXPECT_EQ(ProvisionKioskAccount({}), ""); });
+    if (each.damage != nullptr) {
+      each.damage(folder);
+    }
+    const int logged = CountLogged(kAnew);
+    {
+      const sim::FaultPass pass(point == 0 ? sim::FaultKind::kCount : sim::FaultKind::kFail, point, each.loadError);
+      EXPECT_EQ(ProvisionKioskAccount({}), each.healed ? "" : "hive_failed");
+    }
+    EXPECT_EQ(CountLogged(kAnew), logged + (each.healed ? 1 : 0));
+    EXPECT_EQ(GetFileAttributesW((folder + L"\\mine.txt").c_str()) == INVALID_FILE_ATTRIBUTES, each.healed);
+    EXPECT_NE(GetFileAttributesW((folder + L"\\NTUSER.DAT").c_str()) == INVALID_FILE_ATTRIBUTES,
+              each.healed || each.loadError != 0)
+        << "RegLoadKeyW makes a file that is missing";
+    if (each.healed) {
+      test::ExpectProvisioned();
+      EXPECT_EQ(sim::RestartComputer(), 1U) << "the kiosk does not sign in by itself";
+    }
+  }
 }
 
 TEST_F(ProvisioningTest, GroupsAreFoundInEveryLanguage) {

@@ -1,10 +1,14 @@
 // The simulated Windows where no test of the service would notice that it checks nothing: clock, ranks, violations,
 // faults.
+#include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/fault_driver.h"
 #include "sim/gtest_report.h"
+#include "sim/machine.h"
 #include "win32/lock.h"
 #include "win32/thread.h"
+
+#include <lm.h>
 
 #include <tuple>
 
@@ -126,6 +130,18 @@ TEST(SimFaults, EveryPointInEveryWayAndAWrongOrderIsFound) {
   }
   // Ended after the change; the flush failed, or was the last; the mark failed.
   EXPECT_EQ(failures.size(), 6);
+}
+
+// Windows keeps accounts in a process of its own: the end of a caller in the middle leaves none that is half made.
+TEST(SimAccounts, AnAccountIsThereAsAWholeOrNotAtAll) {
+  sim::ForgetMachine();
+  const std::wstring sid = sim::AddUser(L"Anna");
+  sim::ForgetValue(L"Users\\Anna", L"Sid");  // what a caller leaves who ends before the last write
+  BYTE* record = nullptr;
+  EXPECT_EQ(NetUserGetInfo(nullptr, L"Anna", 3, &record), static_cast<DWORD>(NERR_UserNotFound));
+  EXPECT_TRUE(sim::UserNames().empty());
+  EXPECT_NE(sim::AddUser(L"Anna"), sid);
+  EXPECT_EQ(sim::UserNames().size(), 1U);
 }
 
 TEST(SimFaults, CallsFailInTheirOwnWayAndFlushesAreSeen) {

@@ -5,6 +5,7 @@
 #include "account/account_lock.h"
 #include "account/enrolment.h"
 #include "account/kiosk_account.h"
+#include "account/kiosk_profile.h"
 #include "account/kiosk_restart.h"
 #include "account/provisioning.h"
 #include "account/unlock_token.h"
@@ -106,15 +107,15 @@ TEST_F(TeardownTest, WhatBecomesOfTheAccount) {
     bool userGone, profileGone;
     std::string lastLine;
     void (*prepare)(const std::wstring& sid) = nullptr;
-    int failing = 0;  // 1: unload a left-over hive, 2: delete the profile, 3: delete the user
+    int failing = 0;  // 1: delete the profile, 2: delete the user
     DWORD error = 0;
   } const cases[] = {
       {"no profile (2)", true, true, true, kDeleted, [](const std::wstring& sid) { sim::RemoveProfile(sid); }},
-      {"no profile (3)", true, true, false, kDeleted, nullptr, 2, ERROR_PATH_NOT_FOUND},
+      {"no profile (3)", true, true, false, kDeleted, nullptr, 1, ERROR_PATH_NOT_FOUND},
       {"profile busy nine times", true, true, true, kDeleted, [](const std::wstring&) { sim::KeepProfilesBusy(9); }},
       {"profile busy ten times", false, true, false, kDeleted, [](const std::wstring&) { sim::KeepProfilesBusy(10); }},
-      {"user gone meanwhile", true, false, true, kDeleted, nullptr, 3, NERR_UserNotFound},
-      {"user that stays", false, false, true, "ERROR cannot delete NorvaneKiosk (5)", nullptr, 3, ERROR_ACCESS_DENIED},
+      {"user gone meanwhile", true, false, true, kDeleted, nullptr, 2, NERR_UserNotFound},
+      {"user that stays", false, false, true, "ERROR cannot delete NorvaneKiosk (5)", nullptr, 2, ERROR_ACCESS_DENIED},
       {"user gone before", true, true, true, "", [](const std::wstring&) { sim::RemoveUser(L"NorvaneKiosk"); }},
       {"somebody else's", true, false, true, "WARN the local NorvaneKiosk is not the recorded account SID; left alone",
        [](const std::wstring&) {
@@ -155,14 +156,17 @@ TEST_F(TeardownTest, SignOutsArePolledAndThenLeftForLater) {
     DWORD stays;
     std::uint64_t until;
     bool removed;
-  } const cases[] = {{3'000, 3'000, true}, {INFINITE, 15'000, false}};
+    DWORD listError = 0;
+  } const cases[] = {{3'000, 3'000, true}, {INFINITE, 15'000, false}, {INFINITE, 15'000, false, 1722}};
   for (const auto& each : cases) {
     CleanMachine::SetUp();
     ASSERT_EQ(state::ProtectStateKey().what, nullptr);
     RecordAccount();
     sim::MakeStubborn(sim::SignIn(L"NorvaneKiosk"), each.stays);
+    sim::FailSessionLists(each.listError);
     const std::uint64_t start = clock_.Elapsed();
     RemoveKioskMode(false, "because");
+    EXPECT_EQ(test::CountLogged("ERROR cannot list the sessions of this computer (1722)"), each.listError != 0 ? 1 : 0);
     EXPECT_GE(clock_.Elapsed() - start, each.until);
     EXPECT_LE(clock_.Elapsed() - start, each.until + 1'300);
     EXPECT_EQ(!sim::FindUser(L"NorvaneKiosk"), each.removed);
@@ -222,9 +226,60 @@ TEST_F(TeardownTest, AMarkBesideATokenIsAnInterruptedOne) {
   EXPECT_EQ(test::CountLogged("WARN removing kiosk mode: an earlier removal was interrupted"), 1);
 }
 
-// The account is older than the note of a provisioning that was cut short: tests/kiosk_faults_test.cpp has the younger
-// one.
-TEST_F(TeardownTest, ANoteOfACreationMakesNoAccountOurs) {
+TEST_F(TeardownTest, ProfilesOfEarlierAccountsAreTriedAtStartEachHourAndAtTheEnd) {
+  // Of an account that is gone, and with a hive in the hands of another program.
+  const auto leave = [] {
+    const std::wstring sid = RecordAccount();
+    EXPECT_EQ(sim::LoadHive(L"Scanner", sim::ProfileFolder(sid) + L"\\NTUSER.DAT"), DWORD{ERROR_SUCCESS});
+    sim::RemoveUser(L"NorvaneKiosk");
+    return sid;
+  };
+  const auto tries = [](auto action) {
+    const sim::FaultPass pass;
+    action();
+    return std::count_if(pass.Calls().begin(), pass.Calls().end(),
+                         [](const sim::ChangeCall& call) { return call.function == "DeleteProfileW"; });
+  };
+  std::wstring sid = leave();
+  const std::string folder = sim::Narrow(sim::ProfileFolder(sid));
+  const std::wstring noted = sid + std::wstring(2, L'\0');
+  test::SetRaw(state::kStateKey, L"StaleProfileSids", REG_MULTI_SZ, noted.c_str(), noted.size() * sizeof(wchar_t));
+  FinishPendingRemoval();
+  EXPECT_FALSE(sim::ProfileFolder(sid).empty()) << "it is the recorded account's";
+  ASSERT_TRUE(state::DeleteStateValue(state::kAccountSid));
+  EXPECT_EQ(tries(FinishPendingRemoval), 0);
+  clock_.RunFor(3'600'000);
+  EXPECT_EQ(tries(FinishPendingRemoval), 1);
+  EXPECT_EQ(tries(FinishPendingRemoval), 0);
+  EXPECT_EQ(tries([] { RemoveKioskMode(false, "because"); }), 1);
+  EXPECT_EQ(test::LogTexts(), std::vector<std::string>{"WARN removing kiosk mode: because"});
+  sim::UnloadHive(L"Scanner");
+  clock_.RunFor(3'600'000);
+  FinishPendingRemoval();
+  EXPECT_TRUE(sim::ProfileFolder(sid).empty());
+  EXPECT_EQ(StateNames(), std::set<std::wstring>{});
+  EXPECT_EQ(test::LogTexts().back(), "INFO the profile of an earlier kiosk account is deleted: " + folder);
+
+  sid = leave();
+  ASSERT_TRUE(state::DeleteStateValue(state::kAccountSid) && NoteStaleProfile(sid) && NoteStaleProfile(sid));
+  EXPECT_EQ(tries([] { RemoveKioskMode(true, "uninstalled"); }), 1);
+  EXPECT_EQ(test::LogTexts().back(), "WARN the profile of an earlier kiosk account stays behind (32): " + folder);
+  win32::RegistryKey key;
+  EXPECT_EQ(RegOpenKeyW(HKEY_LOCAL_MACHINE, state::kStateKey, key.Put()), ERROR_FILE_NOT_FOUND);
+}
+
+// A provisioning that was cut short left its note: an account that is older is somebody else's, and one that nobody can
+// look at is not.
+TEST_F(TeardownTest, ANoteOfACreationMakesNoOlderAccountOurs) {
+  ASSERT_TRUE(state::WriteStateQword(state::kAccountCreating, clock_.SystemTime()));
+  sim::AddUser(L"NorvaneKiosk");
+  sim::FailAccountLookups(1722, 3);
+  RemoveKioskMode(false, "because");
+  EXPECT_EQ(StateNames(), (std::set<std::wstring>{L"AccountCreating", L"TeardownPending"}));
+  sim::FailAccountLookups(0);
+  FinishPendingRemoval();
+  EXPECT_FALSE(sim::FindUser(L"NorvaneKiosk"));
+
   sim::AddUser(L"NorvaneKiosk");
   clock_.RunFor(5'000);
   ASSERT_TRUE(state::WriteStateQword(state::kAccountCreating, clock_.SystemTime()));

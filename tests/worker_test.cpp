@@ -165,6 +165,25 @@ TEST_F(WorkerTest, RevocationEndsTheEnrolmentAndWhatIsPendingIsRetried) {
   EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
 }
 
+TEST_F(WorkerTest, AProfileThatCannotBeDeletedHoldsNothingUpAndGoesWithinTheHour) {
+  Enrol();
+  StartWorker();
+  clock_.RunUntil(1'000);
+  const std::wstring old = sim::FindUser(L"NorvaneKiosk")->sid;
+  ASSERT_EQ(sim::LoadHive(L"Scanner", sim::ProfileFolder(old) + L"\\NTUSER.DAT"), DWORD{ERROR_SUCCESS});
+  sim::RemoveUser(L"NorvaneKiosk");
+  clock_.RunUntil(45'000);
+  EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
+  EXPECT_NE(sim::FindUser(L"NorvaneKiosk").value_or(sim::User()).sid, L"");
+  status_ = 401;
+  answer_ = R"({"status":"revoked"})";
+  clock_.RunUntil(3'000'000);
+  EXPECT_FALSE(state::TokenIsStored() || state::FlagIsOn(state::kTeardownPending));
+  sim::UnloadHive(L"Scanner");
+  clock_.RunUntil(7'300'000);
+  EXPECT_TRUE(sim::ProfileFolder(old).empty()) << "the worker slept on without a token";
+}
+
 TEST_F(WorkerTest, BrandingAndPowerComeWithACheckInAndBrandingGoesWithTheEnrolment) {
   constexpr wchar_t kFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Kiosk";
   answer_ = R"({"status":"enrolled","branding":{"displayName":"N"},"power":{"screenOffMinutes":1,"sleepMinutes":2,)"

@@ -19,21 +19,27 @@ constexpr const wchar_t* kPrivilegedGroups[] = {L"S-1-5-32-544", L"S-1-5-32-547"
                                                 L"S-1-5-32-551", L"S-1-5-32-556", L"S-1-5-32-578"};
 constexpr DWORD kNameLength = 256;
 
+// What Windows knows of the kiosk's user, in the record of that level.
+NET_API_STATUS UserInfo(DWORD level, win32::NetBuffer& record) {
+  BYTE* raw = nullptr;
+  const NET_API_STATUS status = NetUserGetInfo(nullptr, kKioskUser, level, &raw);
+  record.Reset(raw);
+  if (status != NERR_Success && status != NERR_UserNotFound) {
+    log::Log(log::kError, log::kKiosk, "NetUserGetInfo(%s) failed (%lu)", kKioskUserText, status);
+  }
+  return status;
+}
+
 }  // namespace
 
 AccountLookup LookupKioskAccount(std::wstring& sid) {
   sid.clear();
-  BYTE* raw = nullptr;
-  const NET_API_STATUS status = NetUserGetInfo(nullptr, kKioskUser, 23, &raw);
-  const win32::NetBuffer owner(raw);
-  if (status == NERR_UserNotFound) {
-    return AccountLookup::kAbsent;
-  }
+  win32::NetBuffer record;
+  const NET_API_STATUS status = UserInfo(23, record);
   if (status != NERR_Success) {
-    log::Log(log::kError, log::kKiosk, "NetUserGetInfo(%s) failed (%lu)", win32::ToNarrow(kKioskUser).c_str(), status);
-    return AccountLookup::kFailed;
+    return status == NERR_UserNotFound ? AccountLookup::kAbsent : AccountLookup::kFailed;
   }
-  sid = win32::SidText(reinterpret_cast<const USER_INFO_23*>(raw)->usri23_user_sid);
+  sid = win32::SidText(reinterpret_cast<const USER_INFO_23*>(record.Get())->usri23_user_sid);
   return sid.empty() ? AccountLookup::kFailed : AccountLookup::kPresent;
 }
 
@@ -48,15 +54,17 @@ bool IsKioskProvisioned() {
   return state::FlagIsOn(state::kProvisioned) && RecordedAccountPresent(sid);
 }
 
-bool CreationWasCutShort() {
+std::optional<bool> CreationWasCutShort() {
   const auto raw = state::ReadState(state::kAccountCreating);
   const auto begun = raw ? raw->Qword() : std::nullopt;
-  BYTE* buffer = nullptr;
-  if (!begun || NetUserGetInfo(nullptr, kKioskUser, 3, &buffer) != NERR_Success) {
+  if (!begun) {
     return false;
   }
-  const win32::NetBuffer owner(buffer);
-  const auto& user = *reinterpret_cast<const USER_INFO_3*>(buffer);
+  win32::NetBuffer record;
+  if (UserInfo(3, record) != NERR_Success) {
+    return std::nullopt;
+  }
+  const auto& user = *reinterpret_cast<const USER_INFO_3*>(record.Get());
   // Windows does not tell when an account was made. Its password is at most as old as the account, and an account that
   // never signed in has had nobody who could have changed it but an administrator. The age is a difference of whole
   // seconds and may be one too many.

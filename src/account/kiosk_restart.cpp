@@ -10,11 +10,15 @@
 #include <algorithm>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 namespace kiosk::account {
 namespace {
 
 constexpr std::uint64_t kLongestWait = 250;  // a deadline that was moved or cancelled is seen after it
+// Windows may refuse for a moment, while somebody is just signing in for instance.
+constexpr int kAttempts = 3;
+constexpr std::uint64_t kNextAttempt = 5'000;
 constexpr DWORD kReason = SHTDN_REASON_FLAG_PLANNED | SHTDN_REASON_MAJOR_OPERATINGSYSTEM | SHTDN_REASON_MINOR_RECONFIG;
 constexpr wchar_t kMessage[] = L"Restarting to start kiosk mode.";
 
@@ -22,6 +26,8 @@ constexpr wchar_t kMessage[] = L"Restarting to start kiosk mode.";
 win32::Lock restartLock{win32::LockRank::kLeaf};
 std::uint64_t deadline = 0;  // as a tick count; 0: no restart is pending
 bool threadRuns = false;
+bool beingAsked = false;  // a thread is in the call that restarts Windows
+int attempts = 0;         // how often Windows was not ready for the pending restart
 
 // The deadline; once there is none, or at a stop, the thread counts as gone, so that whoever sets one starts another.
 std::uint64_t DeadlineOfThread(bool stop) noexcept {
@@ -36,11 +42,27 @@ void RunRestartThread() noexcept {
     const std::uint64_t now = win32::TickCount();
     if (now >= due) {
       RestartNow("enrolled");
-    } else {
-      const auto wait = static_cast<DWORD>(std::min(due - now, kLongestWait));
-      stop = win32::WaitOrStop(nullptr, wait) == win32::WaitResult::kStop;
     }
+    const auto wait = static_cast<DWORD>(now < due ? std::min(due - now, kLongestWait) : kLongestWait);
+    stop = win32::WaitOrStop(nullptr, wait) == win32::WaitResult::kStop;
   }
+}
+
+// Takes the pending restart for the calling thread; false when there is none, or another thread asks for it just now.
+bool TakeRestart() {
+  const win32::LockGuard guard(restartLock);
+  return deadline != 0 && !std::exchange(beingAsked, true);
+}
+
+// After Windows was asked. True when the restart stays pending, for another try by the restart thread, which lives on
+// as long as there is a deadline. One that was cancelled meanwhile does not.
+bool StaysPending(DWORD error) {
+  const win32::LockGuard guard(restartLock);
+  beingAsked = false;
+  const bool again = error == ERROR_NOT_READY && deadline != 0 && ++attempts < kAttempts;
+  deadline = again ? win32::TickCount() + kNextAttempt : 0;
+  attempts = again ? attempts : 0;
+  return again;
 }
 
 }  // namespace
@@ -48,6 +70,7 @@ void RunRestartThread() noexcept {
 void ScheduleKioskRestart() {
   const win32::LockGuard guard(restartLock);
   deadline = win32::TickCount() + std::uint64_t{kRestartDelaySeconds} * 1000;
+  attempts = 0;
   log::Log(log::kNotice, log::kKiosk, "enrolled: restarting into kiosk mode in %lld s",
            static_cast<long long>(kRestartDelaySeconds));
   if (threadRuns) {
@@ -71,18 +94,18 @@ void CancelKioskRestart() noexcept {
 }
 
 void RestartNow(const char* reason) {
-  {
-    const win32::LockGuard guard(restartLock);
-    if (deadline == 0) {
-      return;
-    }
-    deadline = 0;
+  if (!TakeRestart()) {
+    return;
   }
   log::Log(log::kNotice, log::kKiosk, "restarting into kiosk mode (%s)", reason);
   win32::EnablePrivilege(SE_SHUTDOWN_NAME);
   std::wstring message = kMessage;
-  if (InitiateSystemShutdownExW(nullptr, message.data(), 0, TRUE, TRUE, kReason) == 0) {
-    log::Log(log::kError, log::kKiosk, "the restart into kiosk mode could not be started (%lu)", GetLastError());
+  const BOOL accepted = InitiateSystemShutdownExW(nullptr, message.data(), 0, TRUE, TRUE, kReason);
+  const DWORD error = accepted != 0 ? ERROR_SUCCESS : GetLastError();
+  if (StaysPending(error)) {
+    log::Log(log::kWarn, log::kKiosk, "Windows is not ready to restart; trying again in %llu s", kNextAttempt / 1000);
+  } else if (error != ERROR_SUCCESS) {
+    log::Log(log::kError, log::kKiosk, "the restart into kiosk mode could not be started (%lu)", error);
   }
 }
 

@@ -26,13 +26,14 @@ std::wstring SessionText(DWORD sessionId, WTS_INFO_CLASS what) {
   return text;
 }
 
-// The sessions, that of the services aside, that `isWanted` picks.
+// The sessions, that of the services aside, that `isWanted` picks. Empty optional, with the last error, when Windows
+// does not tell: while the computer starts, for instance, the service that keeps them may not answer yet.
 template <typename Predicate>
-std::vector<DWORD> Sessions(Predicate isWanted) {
+std::optional<std::vector<DWORD>> Sessions(Predicate isWanted) {
   WTS_SESSION_INFOW* sessions = nullptr;
   DWORD count = 0;
   if (WTSEnumerateSessionsW(WTS_CURRENT_SERVER_HANDLE, 0, 1, &sessions, &count) == 0) {
-    return {};
+    return std::nullopt;
   }
   const win32::WtsMemory owner(sessions);
   std::vector<DWORD> ids;
@@ -44,7 +45,7 @@ std::vector<DWORD> Sessions(Predicate isWanted) {
   return ids;
 }
 
-std::vector<DWORD> KioskSessions() { return Sessions(IsKioskSession); }
+std::optional<std::vector<DWORD>> KioskSessions() { return Sessions(IsKioskSession); }
 
 }  // namespace
 
@@ -60,25 +61,34 @@ bool IsKioskSession(DWORD sessionId) {
          win32::EqualIgnoringCase(SessionText(sessionId, WTSDomainName), computer);
 }
 
-std::vector<DWORD> OtherUsersSessions() {
+std::optional<std::vector<DWORD>> OtherUsersSessions() {
   return Sessions([](DWORD id) { return !SessionText(id, WTSUserName).empty() && !IsKioskSession(id); });
 }
 
-int LogOffKioskSessions(bool wait) {
-  int left = 0;
-  for (const DWORD id : KioskSessions()) {
+bool KioskHasNoSession() {
+  const auto sessions = KioskSessions();
+  return sessions && sessions->empty();
+}
+
+bool LogOffKioskSessions(bool wait) {
+  const auto sessions = KioskSessions();
+  if (!sessions) {
+    log::Log(log::kError, log::kKiosk, "cannot list the sessions of this computer (%lu)", GetLastError());
+  }
+  bool gone = sessions.has_value();
+  for (const DWORD id : sessions.value_or(std::vector<DWORD>())) {
     if (WTSLogoffSession(WTS_CURRENT_SERVER_HANDLE, id, FALSE) != 0) {
       log::Log(log::kNotice, log::kKiosk, "logged off kiosk session %lu", id);
     } else {
       log::Log(log::kError, log::kKiosk, "cannot log off kiosk session %lu (%lu)", id, GetLastError());
-      ++left;
+      gone = false;
     }
   }
   const win32::Deadline deadline(kSignOutWait);
-  while (wait && (left = static_cast<int>(KioskSessions().size())) != 0 && !deadline.Passed() &&
+  while (wait && !(gone = KioskHasNoSession()) && !deadline.Passed() &&
          win32::WaitOrStop(nullptr, kSignOutPoll) != win32::WaitResult::kStop) {
   }
-  return left;
+  return gone;
 }
 
 }  // namespace kiosk::account

@@ -2,8 +2,8 @@
 
 #include "win32/winapi.h"
 
+#include <optional>
 #include <string>
-
 #include <vector>
 
 namespace kiosk::account {
@@ -19,12 +19,15 @@ std::wstring ThisComputer();
 // name. False as well when Windows does not know the session.
 bool IsKioskSession(DWORD sessionId);
 
-// The sessions in which somebody other than the kiosk account is signed in. Empty when Windows does not tell.
-std::vector<DWORD> OtherUsersSessions();
+// The sessions in which somebody other than the kiosk account is signed in. Empty optional when Windows does not tell.
+std::optional<std::vector<DWORD>> OtherUsersSessions();
 
-// Signs every session of the kiosk account out (each is logged). With `wait`, looks up to 15 s, and not beyond a stop, until
-// they are gone: Windows would wait in its own call without a limit. Returns how many of them are left, without `wait` how
-// many could not be signed out.
-int LogOffKioskSessions(bool wait);
+// True only when Windows tells that the kiosk account has no session.
+bool KioskHasNoSession();
+
+// Signs every session of the kiosk account out (each is logged). With `wait`, looks up to 15 s, and not beyond a stop,
+// until they are gone: Windows would wait in its own call without a limit. True when none is left, without `wait` when
+// all were asked to end; a list of sessions that cannot be read is logged and never counts as empty.
+bool LogOffKioskSessions(bool wait);
 
 }  // namespace kiosk::account

@@ -113,7 +113,7 @@ void RememberAdministratorSessions() {
   if (!state::FlagIsOn(state::kMaintenance)) {
     return;
   }
-  const std::vector<DWORD> sessions = OtherUsersSessions();
+  const std::vector<DWORD> sessions = OtherUsersSessions().value_or(std::vector<DWORD>());
   const win32::LockGuard guard(sessionsLock);
   AdministratorSessions().insert(sessions.begin(), sessions.end());
 }

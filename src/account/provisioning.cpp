@@ -19,6 +19,7 @@
 #include <userenv.h>
 
 #include <array>
+#include <optional>
 #include <string_view>
 
 namespace kiosk::account {
@@ -27,7 +28,6 @@ namespace {
 constexpr wchar_t kFullName[] = L"Norvane";
 constexpr DWORD kAccountFlags = UF_SCRIPT | UF_PASSWD_CANT_CHANGE | UF_DONT_EXPIRE_PASSWD;
 constexpr wchar_t kUsersGroup[] = L"S-1-5-32-545";
-constexpr wchar_t kProfileList[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList\\";
 constexpr wchar_t kHideFastUserSwitching[] = L"HideFastUserSwitching";
 constexpr DWORD kPathLength = 260;
 
@@ -109,10 +109,8 @@ Outcome CreateAccount(const Password& password, std::wstring& sid) {
 // The record of an account that is gone also names a profile, which nobody would find without it.
 Outcome DropRecordOfVanished(const std::wstring& recorded) {
   log::Log(log::kWarn, log::kKiosk, "the recorded kiosk account is gone; creating a new one");
-  if (!DeleteKioskProfile(recorded)) {
-    return {"profile_failed"};
-  }
-  return state::DeleteStateValue(state::kAccountSid) ? kWell : Outcome{"state_write_failed"};
+  const bool remembered = DeleteKioskProfile(recorded) || NoteStaleProfile(recorded);
+  return remembered && state::DeleteStateValue(state::kAccountSid) ? kWell : Outcome{"state_write_failed"};
 }
 
 Outcome RefreshAccount(const Password& password) {
@@ -152,8 +150,9 @@ Outcome FindAccount(FoundAccount& found) {
     }
     return kWell;
   }
-  if (!found.recorded.empty() || !CreationWasCutShort()) {
-    return {"account_exists"};
+  const std::optional<bool> ours = found.recorded.empty() ? CreationWasCutShort() : false;
+  if (ours != true) {
+    return {ours ? "account_exists" : "account_lookup_failed"};
   }
   return RecordAccount(found.sid) ? kWell : Outcome{"state_write_failed"};
 }
@@ -225,13 +224,27 @@ void HideFastUserSwitching() {
   }
 }
 
+// A profile without a usable registry (its making was cut short, or the file was damaged) would be signed in to with a
+// temporary one, whose shell is Windows' own. It is made anew, once, unless the kiosk may be using it.
 Outcome LockDown(const std::wstring& sid, const std::wstring& client) {
-  std::array<wchar_t, kPathLength> path{};
-  const HRESULT created = CreateProfile(sid.c_str(), kKioskUser, path.data(), kPathLength);
-  if (FAILED(created) && created != HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS)) {
-    return {"profile_failed", static_cast<DWORD>(created)};
+  for (bool again = false;; again = true) {
+    std::array<wchar_t, kPathLength> path{};
+    const HRESULT created = CreateProfile(sid.c_str(), kKioskUser, path.data(), kPathLength);
+    if (FAILED(created) && created != HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS)) {
+      return {"profile_failed", static_cast<DWORD>(created)};
+    }
+    const lockdown::PolicyResult result = lockdown::WriteKioskUserPolicies(sid, client, true);
+    if (result == lockdown::PolicyResult::kDone) {
+      return kWell;
+    }
+    if (result != lockdown::PolicyResult::kNoHive || again || !KioskHasNoSession()) {
+      return {"hive_failed"};
+    }
+    log::Log(log::kWarn, log::kKiosk, "the kiosk profile has no usable registry; making it anew");
+    if (!DeleteKioskProfile(sid)) {
+      return {"hive_failed"};
+    }
   }
-  return lockdown::WriteKioskUserPolicies(sid, client, true) ? kWell : Outcome{"hive_failed"};
 }
 
 // All steps under the locks, in order; the first failure ends them. What is done stays, and the next run does it again.

@@ -23,6 +23,8 @@
 
 #include <lm.h>
 
+#include <optional>
+
 namespace kiosk::account {
 namespace {
 
@@ -61,8 +63,9 @@ bool RemoveAccount() {
     if (found == AccountLookup::kFailed) {
       return false;
     }
-    if (found == AccountLookup::kPresent && !CreationWasCutShort()) {
-      return true;
+    const std::optional<bool> ours = found == AccountLookup::kPresent ? CreationWasCutShort() : true;
+    if (ours != true) {
+      return ours.has_value();  // somebody else's; or else nobody can tell yet
     }
   }
   return sid.empty() || DeleteKioskAccount(sid);
@@ -126,6 +129,9 @@ void TearDown(bool deleteStateKey, const char* reason) {
   proxy::RestoreProxy();
   const bool networkWhole = network::EndChanges();
   const bool removed = RemoveAccount();
+  // With the record of an adapter that cannot be put back now, the next try would have nothing to go by.
+  const bool deleteKey = deleteStateKey && removed && networkWhole;
+  DeleteStaleProfiles(deleteKey);
   if (!EraseEnrolment()) {
     log::Log(log::kError, log::kKiosk, "cannot delete the device token; removing kiosk mode again at the next check-in");
     return;
@@ -137,9 +143,19 @@ void TearDown(bool deleteStateKey, const char* reason) {
     return;
   }
   ForgetRemovedAccount();
-  // With the record of an adapter that cannot be put back now, the next try would have nothing to go by.
-  if (deleteStateKey && networkWhole) {
+  if (deleteKey) {
     DeleteStateKey();
+  }
+}
+
+void RetryStaleProfiles() {
+  if (!StaleProfilesAreDue()) {
+    return;
+  }
+  const win32::LockGuard guard(AccountLock());
+  const CrossProcessGuard others;
+  if (others.MayGoOn()) {
+    DeleteStaleProfiles(false);
   }
 }
 
@@ -161,7 +177,7 @@ bool DeleteKioskAccount(const std::wstring& recordedSid) {
     log::Log(log::kWarn, log::kKiosk, "the local %s is not the recorded account %s; left alone", kKioskUserText,
              win32::ToNarrow(recordedSid).c_str());
   }
-  if (ours && LogOffKioskSessions(true) != 0) {
+  if (ours && !LogOffKioskSessions(true)) {
     return false;
   }
   const bool profileGone = DeleteKioskProfile(recordedSid);
@@ -181,6 +197,7 @@ void RemoveKioskMode(bool deleteStateKey, const char* reason, const std::string*
 }
 
 void FinishPendingRemoval() {
+  RetryStaleProfiles();
   if (!state::ReadState(state::kTeardownPending)) {
     return;
   }

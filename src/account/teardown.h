@@ -18,7 +18,8 @@ void RemoveKioskMode(bool deleteStateKey, const char* reason, const std::string*
 // name. False when something of it is left; logged. The caller holds the account lock.
 bool DeleteKioskAccount(const std::wstring& recordedSid);
 
-// Completes a teardown that was interrupted or could not remove the account. Cheap when there is none.
+// Completes a teardown that was interrupted or could not remove the account, and tries the profiles of earlier accounts
+// that could not be deleted, at start and once an hour. Cheap when there is nothing of that.
 void FinishPendingRemoval();
 
 }  // namespace kiosk::account

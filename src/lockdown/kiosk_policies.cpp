@@ -3,8 +3,10 @@
 #include "lockdown/policy_tables.h"
 #include "log/log.h"
 #include "state/registry.h"
+#include "win32/clock.h"
 #include "win32/handle.h"
 #include "win32/privilege.h"
+#include "win32/stop.h"
 #include "win32/wide_text.h"
 
 #include <cstring>
@@ -14,6 +16,9 @@ namespace {
 
 constexpr wchar_t kProfileList[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList\\";
 constexpr wchar_t kLoadedHive[] = L"NorvaneKioskProvision";
+// Whoever watches the registry (a virus scanner, say) may hold a key of the hive for a moment.
+constexpr DWORD kUnloadWait = 5'000;
+constexpr DWORD kUnloadPoll = 250;
 
 bool IsAlreadyThere(const std::wstring& key, const wchar_t* name, DWORD type, const void* data, DWORD size) {
   win32::RegistryKey opened;
@@ -54,56 +59,82 @@ bool WriteAll(const std::wstring& hive, const std::wstring& clientInstallDir) {
   return all;
 }
 
-bool IsSignedIn(const std::wstring& sid) {
+// Below HKEY_USERS. The user's own hive stands there under the SID while they are signed in.
+bool IsLoaded(const wchar_t* hive) {
   win32::RegistryKey key;
-  return RegOpenKeyExW(HKEY_USERS, sid.c_str(), 0, KEY_READ, key.Put()) == ERROR_SUCCESS;
+  return RegOpenKeyExW(HKEY_USERS, hive, 0, KEY_READ, key.Put()) == ERROR_SUCCESS;
 }
 
-bool LoadHive(const std::wstring& file) {
-  UnloadLeftOverHive();
-  const LSTATUS status = RegLoadKeyW(HKEY_USERS, kLoadedHive, file.c_str());
-  if (status != ERROR_SUCCESS) {
-    log::Log(log::kError, log::kKiosk, "cannot load the kiosk hive (%ld)", status);
+void EnableHivePrivileges() {
+  win32::EnablePrivilege(L"SeBackupPrivilege");
+  win32::EnablePrivilege(L"SeRestorePrivilege");
+}
+
+LSTATUS UnloadHive(DWORD patience) {
+  const win32::Deadline deadline(patience);
+  LSTATUS status = ERROR_SUCCESS;
+  while ((status = RegUnLoadKeyW(HKEY_USERS, kLoadedHive)) != ERROR_SUCCESS && !deadline.Passed() &&
+         win32::WaitOrStop(nullptr, kUnloadPoll) != win32::WaitResult::kStop) {
   }
-  return status == ERROR_SUCCESS;
+  return status;
 }
 
-void UnloadHive() {
-  const LSTATUS status = RegUnLoadKeyW(HKEY_USERS, kLoadedHive);
-  if (status != ERROR_SUCCESS) {
+void UnloadLeftOver(DWORD patience) {
+  if (IsLoaded(kLoadedHive)) {
+    EnableHivePrivileges();
+    UnloadHive(patience);
+  }
+}
+
+// Looked for first: RegLoadKeyW makes a file that is missing, and the user would get settings without what Windows
+// gives everybody.
+LSTATUS LoadHive(const std::wstring& file) {
+  EnableHivePrivileges();
+  return GetFileAttributesW(file.c_str()) == INVALID_FILE_ATTRIBUTES
+             ? static_cast<LSTATUS>(GetLastError())
+             : RegLoadKeyW(HKEY_USERS, kLoadedHive, file.c_str());
+}
+
+bool IsMissingOrDamaged(LSTATUS status) {
+  return status == ERROR_FILE_NOT_FOUND || status == ERROR_PATH_NOT_FOUND || status == ERROR_BADDB ||
+         status == ERROR_REGISTRY_CORRUPT || status == ERROR_NOT_REGISTRY_FILE;
+}
+
+bool WriteIntoFile(const std::wstring& clientInstallDir) {
+  const bool written = WriteAll(kLoadedHive, clientInstallDir);
+  if (const LSTATUS status = UnloadHive(kUnloadWait); status != ERROR_SUCCESS) {
     log::Log(log::kError, log::kKiosk, "cannot unload the kiosk hive (%ld)", status);
-  }
-}
-
-}  // namespace
-
-bool WriteKioskUserPolicies(const std::wstring& sid, const std::wstring& clientInstallDir, bool loadHive) {
-  const std::wstring profile = state::ReadString((kProfileList + sid).c_str(), L"ProfileImagePath").value_or(L"");
-  if (profile.empty()) {
-    log::Log(log::kError, log::kKiosk, "no profile path for %s", win32::ToNarrow(sid).c_str());
-    return false;
-  }
-  bool written = false;
-  if (IsSignedIn(sid)) {
-    written = WriteAll(sid, clientInstallDir);
-  } else if (!loadHive) {
-    return true;
-  } else if (!LoadHive(profile + L"\\NTUSER.DAT")) {
-    return false;
-  } else {
-    written = WriteAll(kLoadedHive, clientInstallDir);
-    UnloadHive();
-  }
-  if (!written) {
-    log::Log(log::kError, log::kKiosk, "cannot write the kiosk user's settings");
   }
   return written;
 }
 
-void UnloadLeftOverHive() {
-  win32::EnablePrivilege(L"SeBackupPrivilege");
-  win32::EnablePrivilege(L"SeRestorePrivilege");
-  RegUnLoadKeyW(HKEY_USERS, kLoadedHive);
+}  // namespace
+
+PolicyResult WriteKioskUserPolicies(const std::wstring& sid, const std::wstring& clientInstallDir, bool loadHive) {
+  const std::wstring profile = state::ReadString((kProfileList + sid).c_str(), L"ProfileImagePath").value_or(L"");
+  if (profile.empty()) {
+    log::Log(log::kError, log::kKiosk, "no profile path for %s", win32::ToNarrow(sid).c_str());
+    return PolicyResult::kFailed;
+  }
+  // Each check-in comes by here, and is not held up by what cannot be unloaded now.
+  UnloadLeftOver(loadHive ? kUnloadWait : 0);
+  const bool signedIn = IsLoaded(sid.c_str());
+  if (!signedIn && !loadHive) {
+    return PolicyResult::kDone;
+  }
+  if (!signedIn) {
+    if (const LSTATUS status = LoadHive(profile + L"\\NTUSER.DAT"); status != ERROR_SUCCESS) {
+      log::Log(log::kError, log::kKiosk, "cannot load the kiosk hive (%ld)", status);
+      return IsMissingOrDamaged(status) ? PolicyResult::kNoHive : PolicyResult::kFailed;
+    }
+  }
+  const bool written = signedIn ? WriteAll(sid, clientInstallDir) : WriteIntoFile(clientInstallDir);
+  if (!written) {
+    log::Log(log::kError, log::kKiosk, "cannot write the kiosk user's settings");
+  }
+  return written ? PolicyResult::kDone : PolicyResult::kFailed;
 }
+
+void UnloadLeftOverHive() { UnloadLeftOver(kUnloadWait); }
 
 }  // namespace kiosk::lockdown

@@ -2,6 +2,7 @@
 
 #include "account/enrolment.h"
 #include "account/kiosk_account.h"
+#include "account/kiosk_profile.h"
 #include "account/provisioning.h"
 #include "account/teardown.h"
 #include "branding/branding_cache.h"
@@ -46,7 +47,7 @@ class Worker {
     const text::Secret token = portal::ReadDeviceToken();
     if (token.Empty()) {
       backOff_ = kInterval;
-      return !networkSettled || state::FlagIsOn(state::kTeardownPending) ? kInterval : INFINITE;
+      return !networkSettled || state::FlagIsOn(state::kTeardownPending) ? kInterval : account::StaleProfilesWait();
     }
     const portal::CheckInResult result = portal::CheckIn(token.Get());
     // Somebody else may have ended the enrolment, or begun another, while the answer was on its way: that one counts.

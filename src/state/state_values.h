@@ -44,6 +44,9 @@ inline constexpr StateValue kMaintenanceLockedUntil{L"MaintenanceLockedUntil", R
 inline constexpr StateValue kAccountCreating{L"AccountCreating", REG_QWORD, "account",
                                              "when the service began to create the kiosk account; gone once its SID is "
                                              "recorded"};
+inline constexpr StateValue kStaleProfileSids{L"StaleProfileSids", REG_MULTI_SZ, "account",
+                                              "SID texts of earlier kiosk accounts whose profiles could not be deleted "
+                                              "yet"};
 inline constexpr StateValue kOwnsAutoLogon{L"OwnsAutoLogon", REG_DWORD, "account",
                                            "1: the computer's own sign-in settings were saved and automatic sign-in is "
                                            "the service's; written before the first of them is changed"};
@@ -133,6 +136,7 @@ inline constexpr const StateValue* kStateValues[] = {
     &kPriorProxy,
     &kAppliedProxy,
     &kAccountCreating,
+    &kStaleProfileSids,
     &kOwnsAutoLogon,
     &kOwnsHideFastUserSwitching,
     &kPriorLsaSecret,
