@@ -7,6 +7,7 @@
 #include "win32/wts_memory.h"
 
 #include <array>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,32 +17,42 @@ namespace {
 constexpr DWORD kSignOutWait = 15'000;
 constexpr DWORD kSignOutPoll = 250;
 
-std::wstring SessionText(DWORD sessionId, WTS_INFO_CLASS what) {
+// Empty when Windows does not tell; one in which nobody is signed in has an empty text.
+std::optional<std::wstring> ReadSessionText(DWORD sessionId, WTS_INFO_CLASS what) {
   wchar_t* text = nullptr;
   DWORD bytes = 0;
   if (WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, sessionId, what, &text, &bytes) == 0 || text == nullptr) {
-    return {};
+    return std::nullopt;
   }
   const win32::WtsMemory owner(text);
   return text;
 }
 
-// The sessions, that of the services aside, that `isWanted` picks.
+std::wstring SessionText(DWORD sessionId, WTS_INFO_CLASS what) {
+  return ReadSessionText(sessionId, what).value_or(L"");
+}
+
+// The sessions, those of the services and of listeners aside, that `isWanted` picks. Empty when Windows does not list them.
 template <typename Predicate>
-std::vector<DWORD> Sessions(Predicate isWanted) {
+std::optional<std::vector<DWORD>> ListSessions(Predicate isWanted) {
   WTS_SESSION_INFOW* sessions = nullptr;
   DWORD count = 0;
   if (WTSEnumerateSessionsW(WTS_CURRENT_SERVER_HANDLE, 0, 1, &sessions, &count) == 0) {
-    return {};
+    return std::nullopt;
   }
   const win32::WtsMemory owner(sessions);
   std::vector<DWORD> ids;
   for (DWORD i = 0; i < count; ++i) {
-    if (sessions[i].SessionId != 0 && isWanted(sessions[i].SessionId)) {
+    if (sessions[i].SessionId != 0 && sessions[i].State != WTSListen && isWanted(sessions[i].SessionId)) {
       ids.push_back(sessions[i].SessionId);
     }
   }
   return ids;
+}
+
+template <typename Predicate>
+std::vector<DWORD> Sessions(Predicate isWanted) {
+  return ListSessions(isWanted).value_or(std::vector<DWORD>());
 }
 
 std::vector<DWORD> KioskSessions() { return Sessions(IsKioskSession); }
@@ -62,6 +73,11 @@ bool IsKioskSession(DWORD sessionId) {
 
 std::vector<DWORD> OtherUsersSessions() {
   return Sessions([](DWORD id) { return !SessionText(id, WTSUserName).empty() && !IsKioskSession(id); });
+}
+
+bool NobodyIsSignedIn() {
+  const auto taken = ListSessions([](DWORD id) { return ReadSessionText(id, WTSUserName) != L""; });
+  return taken && taken->empty();
 }
 
 int LogOffKioskSessions(bool wait) {

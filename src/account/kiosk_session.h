@@ -22,6 +22,9 @@ bool IsKioskSession(DWORD sessionId);
 // The sessions in which somebody other than the kiosk account is signed in. Empty when Windows does not tell.
 std::vector<DWORD> OtherUsersSessions();
 
+// True only when Windows tells of every session, and nobody is signed in to any.
+bool NobodyIsSignedIn();
+
 // Signs every session of the kiosk account out (each is logged). With `wait`, looks up to 15 s, and not beyond a stop, until
 // they are gone: Windows would wait in its own call without a limit. Returns how many of them are left, without `wait` how
 // many could not be signed out.

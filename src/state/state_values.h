@@ -47,6 +47,12 @@ inline constexpr StateValue kAccountCreating{L"AccountCreating", REG_QWORD, "acc
 inline constexpr StateValue kOwnsAutoLogon{L"OwnsAutoLogon", REG_DWORD, "account",
                                            "1: the computer's own sign-in settings were saved and automatic sign-in is "
                                            "the service's; written before the first of them is changed"};
+inline constexpr StateValue kAutoLogonDigest{L"AutoLogonDigest", REG_SZ, "account",
+                                             "SHA-256 digest of the sign-in secret that the service stored; two with a "
+                                             "blank between while it is being replaced"};
+inline constexpr StateValue kAutoLogonRestoring{L"AutoLogonRestoring", REG_DWORD, "account",
+                                                "1 once the computer's own sign-in settings are being put back; goes "
+                                                "with the mark"};
 inline constexpr StateValue kOwnsHideFastUserSwitching{L"OwnsHideFastUserSwitching", REG_DWORD, "account",
                                                        "1: the machine-wide HideFastUserSwitching policy is the "
                                                        "service's; written before the policy"};
@@ -130,6 +136,8 @@ inline constexpr const StateValue* kStateValues[] = {
     &kAppliedProxy,
     &kAccountCreating,
     &kOwnsAutoLogon,
+    &kAutoLogonDigest,
+    &kAutoLogonRestoring,
     &kOwnsHideFastUserSwitching,
     &kPriorLsaSecret,
     &kPriorAutoAdminLogon,
