@@ -6,6 +6,7 @@
 #include "account/winlogon.h"
 #include "log/log.h"
 #include "state/kiosk_state.h"
+#include "state/made_keys.h"
 #include "win32/wide_text.h"
 
 namespace kiosk::account {
@@ -92,6 +93,9 @@ bool SaveAll() {
     if (!Save(touched)) {
       return false;
     }
+  }
+  if (!state::NoteMissingKeys(state::kMadeSignInKeys, {kPasswordLessKey, kSystemPoliciesKey})) {
+    return false;
   }
   // Before the first change, and durably: a power cut must not leave changed settings without the copies.
   return state::WriteStateDword(state::kPriorLsaSecret, PresentSecretDigest().empty() ? 0 : 1) && Mark();

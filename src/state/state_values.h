@@ -56,6 +56,9 @@ inline constexpr StateValue kAutoLogonRestoring{L"AutoLogonRestoring", REG_DWORD
 inline constexpr StateValue kOwnsHideFastUserSwitching{L"OwnsHideFastUserSwitching", REG_DWORD, "account",
                                                        "1: the machine-wide HideFastUserSwitching policy is the "
                                                        "service's; written before the policy"};
+inline constexpr StateValue kMadeSignInKeys{L"MadeSignInKeys", REG_SZ, "account",
+                                            "keys of the computer's that were made for sign-in settings, with bars "
+                                            "between"};
 inline constexpr StateValue kPriorLsaSecret{L"PriorLsaSecret", REG_DWORD, "account",
                                             "1 when the computer had a secret for automatic sign-in of its own"};
 
@@ -95,6 +98,8 @@ inline constexpr StateValue kOsUpdatesReport{L"OsUpdatesReport", REG_SZ, "update
 inline constexpr StateValue kOwnsWuPolicy{L"OwnsWuPolicy", REG_DWORD, "updates",
                                           "1: the computer's own Windows Update restart policies were saved and are the "
                                           "service's; written before the first of them is changed"};
+inline constexpr StateValue kMadeWuKeys{L"MadeWuKeys", REG_SZ, "updates",
+                                        "keys of the computer's that were made for these policies, with bars between"};
 inline constexpr StateValue kPriorWuNoAutoReboot{L"PriorWuNoAutoRebootWithLoggedOnUsers", kTypeOfCopied, "updates",
                                                  kPriorMeaning};
 inline constexpr StateValue kPriorWuSetActiveHours{L"PriorWuSetActiveHours", kTypeOfCopied, "updates", kPriorMeaning};
@@ -139,6 +144,7 @@ inline constexpr const StateValue* kStateValues[] = {
     &kAutoLogonDigest,
     &kAutoLogonRestoring,
     &kOwnsHideFastUserSwitching,
+    &kMadeSignInKeys,
     &kPriorLsaSecret,
     &kPriorAutoAdminLogon,
     &kPriorDefaultUserName,
@@ -158,6 +164,7 @@ inline constexpr const StateValue* kStateValues[] = {
     &kOsUpdatesWindowDone,
     &kOsUpdatesReport,
     &kOwnsWuPolicy,
+    &kMadeWuKeys,
     &kPriorWuNoAutoReboot,
     &kPriorWuSetActiveHours,
     &kPriorWuActiveHoursStart,
