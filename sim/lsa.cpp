@@ -6,6 +6,7 @@
 #include <ntsecapi.h>
 
 #include <algorithm>
+#include <atomic>
 #include <map>
 #include <mutex>
 
@@ -16,6 +17,7 @@ constexpr wchar_t kArea[] = L"Secrets";
 
 std::mutex mutex;
 std::map<LSA_HANDLE, ACCESS_MASK> handles;
+std::atomic<int> questions{0};
 std::map<void*, std::size_t> buffers;  // and the size of their text, which begins right behind the counted string
 
 // The status whose LsaNtStatusToWinError is the error.
@@ -58,6 +60,10 @@ std::optional<std::wstring> Secret(const std::wstring& name) { return ReadText(k
 
 void SetSecret(const std::wstring& name, const std::wstring& text) { WriteText(kArea, name, text); }
 
+void FailLsa(DWORD error) { WriteNumber(L"Lsa", L"Error", error); }
+
+int LsaQuestions() { return questions; }
+
 int OpenLsaObjects() {
   const std::lock_guard guard(mutex);
   return static_cast<int>(handles.size() + buffers.size());
@@ -74,6 +80,10 @@ SIM(NTSTATUS, LsaOpenPolicy, PLSA_UNICODE_STRING system, PLSA_OBJECT_ATTRIBUTES 
       attributes->SecurityQualityOfService != nullptr) {
     Violation("LsaOpenPolicy: another machine, or attributes that are not zero");
     return StatusOf(ERROR_INVALID_PARAMETER);
+  }
+  ++questions;
+  if (const DWORD error = ReadNumber(L"Lsa", L"Error").value_or(ERROR_SUCCESS); error != ERROR_SUCCESS) {
+    return StatusOf(error);
   }
   const std::lock_guard guard(mutex);
   *handle = new ACCESS_MASK(access);

@@ -11,6 +11,10 @@ namespace sim {
 
 std::optional<std::wstring> Secret(const std::wstring& name);
 void SetSecret(const std::wstring& name, const std::wstring& text);
+// LsaOpenPolicy answers with this error from now on; 0: as it should.
+void FailLsa(DWORD error);
+// How often this process has opened it.
+int LsaQuestions();
 // Handles and buffers that were not closed or freed yet.
 int OpenLsaObjects();
 

@@ -15,6 +15,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <utility>
 
 namespace sim {
 namespace {
@@ -48,6 +49,17 @@ void UnloadWithLastSession(const std::wstring& user) {
   const std::wstring sid = account ? account->sid : L"";
   if (!sid.empty() && SessionOf(sid) == 0 && HiveLoaded(sid)) {
     UnloadHive(sid);
+  }
+}
+
+// A sign-in at the console changes the name that automatic sign-in goes by, whoever's that was ("Turn on automatic
+// logon in Windows", KB 324737: "AutoAdminLogon may fail"), and the domain with it.
+void NoteLastUser(const std::wstring& user) {
+  const std::pair<const wchar_t*, std::wstring> names[] = {{L"DefaultUserName", user},
+                                                           {L"DefaultDomainName", ComputerName()}};
+  for (const auto& [name, text] : names) {
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon", name, REG_SZ,
+                    text.c_str(), static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
   }
 }
 
@@ -113,6 +125,7 @@ DWORD SignIn(const std::wstring& user, DWORD session) {
   account->lastLogon = UtcTime();
   ChangeUser(*account);
   SetSession(id, account->name, ComputerName());
+  NoteLastUser(account->name);
   DeliverSessionChange(WTS_SESSION_LOGON, id);
   return id;
 }

@@ -2,15 +2,26 @@
 // computers that get their settings back.
 #include "account/auto_logon.h"
 
+#include "account/auto_logon_owner.h"
+#include "account/maintenance.h"
+#include "account/provisioning.h"
+#include "account/sign_in_secret.h"
+#include "account/unlock_token.h"
 #include "account/winlogon.h"
+#include "sim/clock.h"
 #include "sim/computer.h"
 #include "sim/faults.h"
+#include "sim/lsa.h"
+#include "sim/sessions.h"
+#include "sim/shutdown.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 #include "tests/support/owned_computer.h"
 
 namespace kiosk::account {
 namespace {
+
+std::wstring Winlogon(const wchar_t* name) { return state::ReadString(kWinlogonKey, name).value_or(L""); }
 
 class AutoLogonTest : public test::CleanMachine {
  protected:
@@ -20,15 +31,192 @@ class AutoLogonTest : public test::CleanMachine {
   }
 };
 
+// Somebody pointed it elsewhere by hand: with a password in the registry, with a secret, or at a terminal of which no
+// digest tells what its secret was.
 TEST_F(AutoLogonTest, AnotherUsersAutoSignInIsLeftAlone) {
-  test::Enrol();
-  test::SetString(kWinlogonKey, L"DefaultUserName", L"Łukasz");
-  const std::string before = sim::DumpMachine();
-  RestoreAutoLogon();
-  EXPECT_EQ(sim::DumpMachine(), before);
-  EXPECT_EQ(test::StateNames(),
-            (std::set<std::wstring>{L"AccountSid", L"DeviceToken", L"OwnsHideFastUserSwitching", L"Provisioned"}));
-  EXPECT_EQ(test::LogTexts().back(), "WARN auto sign-in now names 'Łukasz', not NorvaneKiosk; left as it is");
+  void (*const waysToSayElsewhere[])() = {
+      [] { test::SetString(kWinlogonKey, L"DefaultPassword", L""); },
+      [] { sim::SetSecret(L"DefaultPassword", L"theirs"); },
+      [] { RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, state::kStateKey, L"AutoLogonDigest"); },
+  };
+  for (const auto& sayElsewhere : waysToSayElsewhere) {
+    SCOPED_TRACE(&sayElsewhere - waysToSayElsewhere);
+    test::ResetComputer();
+    test::OwnComputer();
+    test::Enrol();
+    sayElsewhere();
+    test::SetString(kWinlogonKey, L"DefaultUserName", L"Łukasz");
+    const std::string before = sim::DumpMachine();
+    RepairAutoLogon();
+    KeepAutoLogon();
+    PrepareForShutdown();
+    EXPECT_EQ(sim::DumpMachine(), before);
+    // What the service switched off it switches on again, for whomever.
+    test::SetDword(state::kStateKey, L"Maintenance", 1);
+    test::SetString(kWinlogonKey, L"AutoAdminLogon", L"0");
+    EXPECT_TRUE(EndMaintenance("test"));
+    EXPECT_EQ(sim::DumpMachine(), before);
+    RestoreAutoLogon();
+    EXPECT_EQ(sim::DumpMachine(), before);
+    EXPECT_EQ(test::StateNames(),
+              (std::set<std::wstring>{L"AccountSid", L"DeviceToken", L"OwnsHideFastUserSwitching", L"Provisioned"}));
+    EXPECT_EQ(test::LogTexts().back(), "WARN auto sign-in now names 'Łukasz', not NorvaneKiosk; left as it is");
+  }
+}
+
+// What people do at a terminal, whom Windows then names for automatic sign-in, and that the kiosk is back after the
+// next start of Windows all the same.
+class Days : public AutoLogonTest {
+ protected:
+  void SetUp() override {
+    AutoLogonTest::SetUp();
+    test::Enrol();
+    ASSERT_EQ(sim::RestartComputer(), 1U);
+    clock_.RunFor(60'000);
+  }
+  static void EnterMaintenance() {
+    json::PostReplyAction after = nullptr;
+    const text::Secret token = NewUnlockToken(1);
+    account::EnterMaintenance("", token.Get(), 1, after);
+    ASSERT_NE(after, nullptr);
+    after();
+  }
+  // Until the end of the day, or with `signOut` back out again.
+  void AnnaSignsIn(bool signOut) {
+    const DWORD session = sim::SignIn(L"anna");
+    OnSessionChange(WTS_SESSION_LOGON, session);
+    ASSERT_EQ(Winlogon(L"DefaultUserName"), L"anna");
+    if (signOut) {
+      sim::SignOut(session);
+      OnSessionChange(WTS_SESSION_LOGOFF, session);
+      clock_.RunFor(1);
+    }
+  }
+  static void ExpectTheKioskBack() {
+    EXPECT_TRUE(AutoLogonNamesKiosk());
+    EXPECT_EQ(sim::RestartComputer(), 1U) << "the kiosk does not sign in by itself";
+  }
+  // The power goes during maintenance, and comes back.
+  void CutMaintenanceShort() {
+    EnterMaintenance();
+    clock_.RunFor(60'000);
+    EXPECT_EQ(sim::RestartComputer(), 0U);
+  }
+
+  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
+};
+
+TEST_F(Days, TheKioskIsBackWhoeverSignedIn) {
+  EnterMaintenance();
+  AnnaSignsIn(true);
+  ExpectTheKioskBack();
+
+  AnnaSignsIn(true);  // past the kiosk, with Shift
+  KeepAutoLogon();
+  ExpectTheKioskBack();
+
+  EnterMaintenance();
+  AnnaSignsIn(false);
+  PrepareForShutdown();
+  ExpectTheKioskBack();
+
+  AnnaSignsIn(true);  // while the service was not running
+  RepairAutoLogon();
+  ExpectTheKioskBack();
+
+  AnnaSignsIn(true);
+  sim::FailLsa(ERROR_NO_SYSTEM_RESOURCES);
+  KeepAutoLogon();
+  sim::FailLsa(0);
+  ExpectTheKioskBack();
+
+  test::SetString(kWinlogonKey, L"DefaultDomainName", L"OLD-NAME");  // which the computer had until now
+  RepairAutoLogon();
+  ExpectTheKioskBack();
+
+  RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, state::kStateKey, L"AutoLogonDigest");  // as an earlier version left it
+  RepairAutoLogon();
+  AnnaSignsIn(true);
+  KeepAutoLogon();
+  ExpectTheKioskBack();
+
+  AnnaSignsIn(true);
+  EXPECT_EQ(ProvisionKioskAccount({}), "");  // another secret
+  AnnaSignsIn(true);
+  KeepAutoLogon();
+  ExpectTheKioskBack();
+  EXPECT_EQ(test::CountLogged("INFO auto sign-in names NorvaneKiosk again"), 8);
+}
+
+TEST_F(Days, ASteadyCheckInWritesNothingAndAsksNothing) {
+  const auto keeps = [](int writes, int questions) {
+    const int before = sim::LsaQuestions();
+    const sim::FaultPass pass;
+    KeepAutoLogon();
+    EXPECT_EQ(pass.Count() == 0, writes == 0) << pass.Count();
+    EXPECT_EQ(sim::LsaQuestions() - before, questions);
+  };
+  keeps(0, 0);
+  AnnaSignsIn(true);
+  // Not while somebody else has the switch: maintenance, an administrator, a set-up that is not done.
+  for (const wchar_t* name : {L"Maintenance", L"Provisioned"}) {
+    const bool on = state::ReadDword(state::kStateKey, name) == DWORD{1};
+    test::SetDword(state::kStateKey, name, on ? 0 : 1);
+    keeps(0, 0);
+    test::SetDword(state::kStateKey, name, on ? 1 : 0);
+  }
+  test::SetString(kWinlogonKey, L"AutoAdminLogon", L"0");
+  keeps(0, 0);
+  test::SetString(kWinlogonKey, L"AutoAdminLogon", L"1");
+  keeps(1, 1);
+  keeps(0, 0);
+}
+
+TEST_F(Days, AMaintenanceThatWasCutShortEndsInARestart) {
+  CutMaintenanceShort();
+  EndMaintenanceOfEarlierBoot();
+  EXPECT_EQ(test::LogTexts().back(), "INFO maintenance was cut short: restarting into kiosk mode in 300 s");
+  clock_.RunFor(299'999);
+  EXPECT_FALSE(sim::PendingShutdown());
+  clock_.RunFor(251);
+  EXPECT_TRUE(sim::PendingShutdown());
+  EXPECT_EQ(test::LogTexts().back(), "INFO restarting into kiosk mode (maintenance was cut short)");
+  ExpectTheKioskBack();
+  EndMaintenanceOfEarlierBoot();
+  clock_.RunFor(600'000);
+  EXPECT_FALSE(sim::PendingShutdown()) << "once is enough";
+}
+
+TEST_F(Days, NobodyIsThrownOutForAMaintenanceThatWasCutShort) {
+  const struct {
+    const char* what;
+    void (*before)();  // the service starts
+    void (*after)();
+  } cases[] = {
+      {"somebody signs in", [] {}, [] { OnSessionChange(WTS_SESSION_LOGON, 1); }},
+      {"the service was not told of it", [] {}, [] { sim::SetSession(1, L"anna", L"HERE"); }},
+      {"somebody is there already", [] { sim::SignIn(L"anna"); }, [] {}},
+      {"nobody knows who is there", [] { sim::MakeStubborn(4, 1); }, [] {}},
+      {"the kiosk is not set up", [] { test::SetDword(state::kStateKey, L"Provisioned", 0); }, [] {}},
+      {"it is somebody else's",
+       [] {
+         sim::SetSecret(L"DefaultPassword", L"theirs");
+         test::SetString(kWinlogonKey, L"DefaultUserName", L"Bert");
+       },
+       [] {}},
+  };
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.what);
+    test::ResetComputer();
+    SetUp();
+    CutMaintenanceShort();
+    each.before();
+    EndMaintenanceOfEarlierBoot();
+    EXPECT_FALSE(state::FlagIsOn(state::kMaintenance));
+    each.after();
+    clock_.RunFor(600'000);
+    EXPECT_FALSE(sim::PendingShutdown());
+  }
 }
 
 TEST_F(AutoLogonTest, CopiesWithoutTheirMark) {

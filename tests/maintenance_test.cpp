@@ -1,13 +1,18 @@
 // The exit password and its lockout; maintenance in and out.
 #include "account/maintenance.h"
 
+#include "account/auto_logon.h"
+#include "account/auto_logon_owner.h"
 #include "account/exit_password.h"
 #include "account/unlock.h"
 #include "json/serialise.h"
 #include "sim/fault_driver.h"
+#include "sim/lsa.h"
 #include "tests/support/kiosk_terminal.h"
 #include "win32/clock.h"
+#include "win32/hash.h"
 #include "win32/thread.h"
+#include "win32/wide_text.h"
 
 namespace kiosk::account {
 namespace {
@@ -242,8 +247,10 @@ TEST_F(MaintenanceTest, AnAdministratorWhoSignsOutEndsIt) {
   EXPECT_TRUE(IsOn());
   OnSessionChange(WTS_SESSION_LOGON, 5);
   OnSessionChange(WTS_SESSION_LOCK, 5);
+  clock_.RunFor(1);
   EXPECT_TRUE(IsOn());
   OnSessionChange(WTS_SESSION_LOGOFF, 5);
+  clock_.RunFor(1);
   EXPECT_FALSE(state::ReadState(state::kMaintenance) || state::ReadState(state::kMaintenanceAt));
   EXPECT_EQ(AutoAdminLogon(), L"1");
   EXPECT_EQ(test::CountLogged(kOver), 1);
@@ -265,9 +272,11 @@ TEST_F(MaintenanceTest, AServiceThatStartsAgainKnowsWhoIsSignedIn) {
   RememberAdministratorSessions();
   for (const DWORD other : {DWORD{0}, DWORD{4}, kKioskSession}) {
     OnSessionChange(WTS_SESSION_LOGOFF, other);
+    clock_.RunFor(1);
     EXPECT_TRUE(IsOn()) << other;
   }
   OnSessionChange(WTS_SESSION_LOGOFF, kOtherSession);
+  clock_.RunFor(1);
   EXPECT_FALSE(IsOn());
 }
 
@@ -320,7 +329,8 @@ TEST(MaintenanceFaults, AnAttemptThatIsCutShortCounts) {
                          .later = later});
 }
 
-// Whatever fails and whenever the process ends: after the next start of Windows the kiosk signs in by itself again.
+// Whatever fails and whenever the process ends: after the next start of Windows the kiosk signs in by itself again,
+// whoever Windows names.
 TEST(MaintenanceFaults, AStartOfWindowsEndsEveryHalf) {
   const auto enter = [] {
     const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
@@ -331,16 +341,23 @@ TEST(MaintenanceFaults, AStartOfWindowsEndsEveryHalf) {
   for (const bool ending : {false, true}) {
     const auto prepare = [&] {
       test::MakeKioskTerminal();
+      const std::wstring secret = L"secret";
+      sim::SetSecret(L"DefaultPassword", secret);
+      SetString(state::kStateKey, L"AutoLogonDigest",
+                win32::ToWide(win32::Sha256Hex({reinterpret_cast<const char*>(secret.data()), secret.size() * 2})));
       if (ending) {
         enter();
+        SetString(test::kWinlogon, L"DefaultUserName", L"Anna");
       }
     };
-    const auto run = [&] { ending ? EndMaintenance("test") : enter(); };
+    const auto run = [&] { ending ? static_cast<void>(EndMaintenance("test")) : enter(); };
     const auto nextDay = [] {
       sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 22, 9));
+      RepairAutoLogon();
       EndMaintenanceOfEarlierBoot();
       EXPECT_FALSE(state::FlagIsOn(state::kMaintenance));
       EXPECT_EQ(AutoAdminLogon(), L"1");
+      EXPECT_TRUE(AutoLogonNamesKiosk());
     };
     sim::RunFaultScenario(
         {.name = ending ? L"end maintenance" : L"enter maintenance", .prepare = prepare, .run = run, .later = nextDay});

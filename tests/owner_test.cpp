@@ -6,9 +6,12 @@
 #include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/computer.h"
+#include "sim/fault_driver.h"
 #include "sim/lsa.h"
 #include "sim/profiles.h"
+#include "sim/sessions.h"
 #include "state/kiosk_state.h"
+#include "state/made_keys.h"
 #include "tests/support/fixture.h"
 #include "tests/support/owned_computer.h"
 
@@ -17,6 +20,7 @@ namespace {
 
 using test::SetString;
 
+constexpr wchar_t kPasswordLessParent[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\PasswordLess";
 constexpr char kInUse[] = "autologon_in_use";
 
 struct Life {
@@ -47,6 +51,13 @@ const Life kLives[] = {
        }
        RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kPasswordLessKey, L"DevicePasswordLessBuildVersion");
        RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kSystemPoliciesKey, L"EnableFirstLogonAnimation");
+     }},
+    {"keys that nobody made yet",
+     [] {
+       RegDeleteTreeW(HKEY_LOCAL_MACHINE, kPasswordLessParent);
+       RegDeleteKeyW(HKEY_LOCAL_MACHINE, kPasswordLessParent);
+       RegDeleteTreeW(HKEY_LOCAL_MACHINE, kSystemPoliciesKey);
+       RegDeleteKeyW(HKEY_LOCAL_MACHINE, kSystemPoliciesKey);
      }},
     {"another user signs in, password in the registry", [] { NameUser(L"anna", L"1"); }, kInUse},
     {"the same, password as a secret",
@@ -122,12 +133,39 @@ TEST(Owner, EveryComputerIsGivenBackWithTheLifeThatItHad) {
       life.asKiosk();
     } else if (*life.answer == '\0') {
       EXPECT_EQ(sim::RestartComputer(), 1U) << "the kiosk does not sign in by itself";
+      sim::SignOut(sim::SignIn(L"anna"));  // whose name Windows notes
     }
     RemoveKioskMode(false, "because");
     EXPECT_EQ(test::Differences(before), life.lost);
   }
   EXPECT_EQ(test::CountLogged("WARN an auto sign-in secret from before enrolment was replaced and cannot be put back"),
             1);
+}
+
+// Of the keys that were made for a value, those in which there is nothing else go, however often that is cut short.
+TEST(OwnerFaults, KeysThatWereMadeGoWithTheirValue) {
+  const std::wstring used = kPasswordLessParent + std::wstring(L"\\Used");
+  const std::wstring deepest = std::wstring(kPasswordLessKey) + L"\\A\\B";
+  const auto prepare = [&] {
+    test::ResetComputer();
+    test::Enrol("", false);
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, kPasswordLessParent);
+    RegDeleteKeyW(HKEY_LOCAL_MACHINE, kPasswordLessParent);
+    EXPECT_TRUE(state::NoteMissingKeys(state::kMadeSignInKeys, {used.c_str(), deepest.c_str()}));
+    SetString(used.c_str(), L"Name", L"somebody else's");
+    SetString(deepest.c_str(), L"Name", L"");
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, deepest.c_str(), L"Name");
+  };
+  const auto deleteThem = [] { state::DeleteMadeKeys(state::kMadeSignInKeys); };
+  const auto later = [&] {
+    deleteThem();
+    EXPECT_EQ(test::StateNames(), std::set<std::wstring>{});
+    HKEY key = nullptr;
+    const bool kept = sim::FailedCall().starts_with("RegDeleteKeyExW");
+    EXPECT_EQ(RegOpenKeyW(HKEY_LOCAL_MACHINE, kPasswordLessKey, &key), kept ? ERROR_SUCCESS : ERROR_FILE_NOT_FOUND);
+    EXPECT_TRUE(test::HasValue(used.c_str(), L"Name"));
+  };
+  sim::RunFaultScenario({.name = L"made keys", .prepare = prepare, .run = deleteThem, .later = later, .points = 4});
 }
 
 }  // namespace

@@ -40,6 +40,8 @@ TEST_F(RestartTest, ACancelledOneNeverComesTheNextOneDoesAndAStopEndsTheWait) {
   EXPECT_FALSE(sim::PendingShutdown());
   EXPECT_EQ(test::LogTexts().size(), 1U);
   ScheduleKioskRestart();
+  ScheduleRestartAfterMaintenance();  // comes to nothing beside it, and so does its end
+  CallOffRestartAfterMaintenance();
   clock_.RunUntil(70'250);
   EXPECT_TRUE(sim::PendingShutdown());
   sim::ForgetShutdown();

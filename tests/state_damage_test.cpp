@@ -85,7 +85,7 @@ const Effect kEffects[] = {
     // Nothing is touched without the mark, and the owner's settings stay in the state key.
     {L"OwnsAutoLogon",
      {kWinlogon, kPasswordLess, std::string(kPolicies) + "enablefirstlogonanimation", "secret defaultpassword",
-      R"(hklm\software\norvane\tessaly\kiosk\prior)"}},
+      R"(hklm\software\norvane\tessaly\kiosk\prior)", R"(hklm\software\norvane\tessaly\kiosk\autologondigest)"}},
     {L"OwnsHideFastUserSwitching", {std::string(kPolicies) + "hidefastuserswitching"}},
     // A copy is put back as it stands, and none as none.
     {L"PriorAutoAdminLogon", {std::string(kWinlogon) + "autoadminlogon"}},

@@ -39,7 +39,14 @@ void OwnPolicies() {
 constexpr char kOwn[] = "1:0 - 9 2 - ";
 constexpr UpdatesPolicy kEarly{true, 120, 300, 127};
 
+bool KeyExists() {
+  win32::RegistryKey key;
+  return RegOpenKeyW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey, key.Put()) == ERROR_SUCCESS;
+}
+
 TEST_F(UpdateRestartTest, WindowsMayNotRestartOnItsOwn) {
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey);
+  ASSERT_FALSE(KeyExists());
   ApplyWuRestartPolicy(kEarly);
   EXPECT_EQ(Policies(), "1 1 8 2 18 ");
   {
@@ -56,6 +63,7 @@ TEST_F(UpdateRestartTest, WindowsMayNotRestartOnItsOwn) {
   EXPECT_EQ(Policies(), "1 1 4 22 18 ");
   RestoreWuRestartPolicy();
   EXPECT_EQ(Policies(), "- - - - - ");
+  EXPECT_FALSE(KeyExists()) << "nobody had it before";
   RestoreWuRestartPolicy();
   EXPECT_EQ(test::CountLogged("INFO os updates: Windows Update restart settings are back as they were"), 1);
   OwnPolicies();

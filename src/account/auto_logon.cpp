@@ -1,10 +1,12 @@
 #include "account/auto_logon.h"
 
+#include "account/auto_logon_owner.h"
 #include "account/kiosk_session.h"
+#include "account/sign_in_secret.h"
 #include "account/winlogon.h"
 #include "log/log.h"
 #include "state/kiosk_state.h"
-#include "win32/lsa_handle.h"
+#include "state/made_keys.h"
 #include "win32/wide_text.h"
 
 namespace kiosk::account {
@@ -16,52 +18,20 @@ struct TouchedValue {
   const state::StateValue& prior;
 };
 
-// Every setting that automatic sign-in changes on the computer. The user's name is what tells a restore that the
-// settings still are the service's.
-constexpr TouchedValue kUserName{kWinlogonKey, L"DefaultUserName", state::kPriorDefaultUserName};
+// Every setting that automatic sign-in changes on the computer. The user's name is what tells a restore most surely
+// that the settings still are the service's.
+constexpr TouchedValue kUserName{kWinlogonKey, kDefaultUserName, state::kPriorDefaultUserName};
 constexpr TouchedValue kTouched[] = {
-    {kWinlogonKey, L"AutoAdminLogon", state::kPriorAutoAdminLogon},
+    {kWinlogonKey, kAutoAdminLogon, state::kPriorAutoAdminLogon},
     kUserName,
-    {kWinlogonKey, L"DefaultDomainName", state::kPriorDefaultDomainName},
-    {kWinlogonKey, L"DefaultPassword", state::kPriorDefaultPassword},
-    {kWinlogonKey, L"AutoLogonCount", state::kPriorAutoLogonCount},
+    {kWinlogonKey, kDefaultDomainName, state::kPriorDefaultDomainName},
+    {kWinlogonKey, kDefaultPassword, state::kPriorDefaultPassword},
+    {kWinlogonKey, kAutoLogonCount, state::kPriorAutoLogonCount},
     {kPasswordLessKey, L"DevicePasswordLessBuildVersion", state::kPriorPasswordLess},
     {kSystemPoliciesKey, L"EnableFirstLogonAnimation", state::kPriorFirstLogonAnimation},
 };
 
 win32::Lock autoLogonLock{win32::LockRank::kLeaf};
-
-LSA_UNICODE_STRING Counted(const wchar_t* text, std::size_t length) {
-  const auto bytes = static_cast<USHORT>(length * sizeof(wchar_t));
-  return {bytes, static_cast<USHORT>(bytes + sizeof(wchar_t)), const_cast<wchar_t*>(text)};
-}
-
-LSA_UNICODE_STRING SecretName() {
-  static constexpr std::wstring_view kName = L"DefaultPassword";
-  return Counted(kName.data(), kName.size());
-}
-
-NTSTATUS OpenPolicy(ACCESS_MASK access, win32::LsaHandle& policy) {
-  LSA_OBJECT_ATTRIBUTES attributes{};
-  attributes.Length = sizeof(attributes);
-  return LsaOpenPolicy(nullptr, &attributes, access, policy.Put());
-}
-
-// Whether the computer has a secret of its own. What it holds is not kept.
-bool SecretExists() {
-  win32::LsaHandle policy;
-  LSA_UNICODE_STRING name = SecretName();
-  LSA_UNICODE_STRING* data = nullptr;
-  if (OpenPolicy(POLICY_GET_PRIVATE_INFORMATION, policy) < 0 ||
-      LsaRetrievePrivateData(policy.Get(), &name, &data) < 0 || data == nullptr) {
-    return false;
-  }
-  const win32::LsaMemory owner(data);
-  if (data->Buffer != nullptr) {
-    SecureZeroMemory(data->Buffer, data->Length);
-  }
-  return true;
-}
 
 // A copied value may be a password in clear text.
 class CopiedValue : public state::RawValue {
@@ -103,18 +73,17 @@ void ForgetCopies() {
     state::DeleteStateValue(touched.prior);
   }
   state::DeleteStateValue(state::kPriorLsaSecret);
+  state::DeleteStateValue(state::kAutoLogonRestoring);
 }
 
-// The mark before the copies: with it and without them, the next restore or enrolment would take the computer to have
-// had no settings at all. As long as it cannot be deleted, both stay.
+// The digest first, since without the mark it would speak for nobody's secret. The mark before the copies: with it and
+// without them, the next restore or enrolment would take the computer to have had no settings at all. As long as it
+// cannot be deleted, both stay.
 void GiveUpOwnership() {
+  state::DeleteStateValue(state::kAutoLogonDigest);
   if (state::DeleteStateValue(state::kOwnsAutoLogon)) {
     ForgetCopies();
   }
-}
-
-bool NamesKioskUser() {
-  return win32::EqualIgnoringCase(state::ReadString(kUserName.key, kUserName.name).value_or(L""), kKioskUser);
 }
 
 bool Mark() { return state::WriteStateDword(state::kOwnsAutoLogon, 1) && state::FlushStateKey(); }
@@ -125,46 +94,85 @@ bool SaveAll() {
       return false;
     }
   }
+  if (!state::NoteMissingKeys(state::kMadeSignInKeys, {kPasswordLessKey, kSystemPoliciesKey})) {
+    return false;
+  }
   // Before the first change, and durably: a power cut must not leave changed settings without the copies.
-  return state::WriteStateDword(state::kPriorLsaSecret, SecretExists() ? 1 : 0) && Mark();
+  return state::WriteStateDword(state::kPriorLsaSecret, PresentSecretDigest().empty() ? 0 : 1) && Mark();
+}
+
+// Whether there is anything to put back. Once that is decided it stays so, however often the restore is cut short and
+// whoever signs in meanwhile.
+bool BeginRestore() {
+  if (state::FlagIsOn(state::kAutoLogonRestoring)) {
+    return true;
+  }
+  if (!AutoLogonIsOurs()) {
+    return false;
+  }
+  if (!AutoLogonNamesKiosk()) {
+    const win32::LockGuard guard(autoLogonLock);
+    WriteKioskNames();
+  }
+  state::WriteStateDword(state::kAutoLogonRestoring, 1);
+  state::FlushStateKey();
+  return true;
 }
 
 }  // namespace
 
 win32::Lock& AutoLogonLock() noexcept { return autoLogonLock; }
 
-bool StoreAutoLogonSecret(const wchar_t* password, std::size_t length) {
-  win32::LsaHandle policy;
-  const NTSTATUS opened = OpenPolicy(POLICY_CREATE_SECRET, policy);
-  if (opened < 0) {
-    log::Log(log::kError, log::kKiosk, "LsaOpenPolicy failed (%lu)", LsaNtStatusToWinError(opened));
-    return false;
-  }
-  LSA_UNICODE_STRING name = SecretName();
-  LSA_UNICODE_STRING data = Counted(password, length);
-  const NTSTATUS stored = LsaStorePrivateData(policy.Get(), &name, password != nullptr ? &data : nullptr);
-  const ULONG error = LsaNtStatusToWinError(stored);
-  if (error == ERROR_SUCCESS || (password == nullptr && error == ERROR_FILE_NOT_FOUND)) {
-    return true;
-  }
-  log::Log(log::kError, log::kKiosk, "LsaStorePrivateData failed (%lu)", error);
-  return false;
-}
-
 bool SetAutoAdminLogon(bool on) {
   const wchar_t* const text = on ? L"1" : L"0";
-  if (!state::WriteValue(HKEY_LOCAL_MACHINE, kWinlogonKey, L"AutoAdminLogon", REG_SZ, text, state::StringBytes(text))) {
+  if (!state::WriteValue(HKEY_LOCAL_MACHINE, kWinlogonKey, kAutoAdminLogon, REG_SZ, text, state::StringBytes(text))) {
     log::Log(log::kError, log::kKiosk, "cannot set AutoAdminLogon=%d", on ? 1 : 0);
     return false;
   }
   return true;
 }
 
+void PutKioskNamesBack() {
+  // A teardown that came in between has given the settings back.
+  if (!state::ReadState(state::kOwnsAutoLogon)) {
+    return;
+  }
+  if (WriteKioskNames()) {
+    log::Log(log::kNotice, log::kKiosk, "auto sign-in names %s again", kKioskUserText);
+  } else {
+    log::Log(log::kError, log::kKiosk, "cannot name %s for auto sign-in", kKioskUserText);
+  }
+}
+
+void ReclaimAutoLogon() {
+  if (KioskNamesAreDue()) {
+    const win32::LockGuard guard(AutoLogonLock());
+    PutKioskNamesBack();
+  }
+}
+
+void RepairAutoLogon() {
+  ReclaimAutoLogon();
+  if (state::ReadState(state::kOwnsAutoLogon) && !state::ReadState(state::kAutoLogonDigest) &&
+      state::FlagIsOn(state::kProvisioned) && AutoLogonNamesKiosk()) {
+    NoteSecretAsOurs();
+  }
+}
+
+void KeepAutoLogon() {
+  if (state::FlagIsOn(state::kProvisioned) && !state::FlagIsOn(state::kMaintenance) &&
+      state::ReadString(kWinlogonKey, kAutoAdminLogon) == L"1") {
+    ReclaimAutoLogon();
+  }
+}
+
 bool TakeOverAutoLogon() {
   state::RawValue mark;
   const LSTATUS status = state::ReadValue(state::kStateKey, state::kOwnsAutoLogon.name, mark);
   if (status == ERROR_SUCCESS && mark.Dword()) {
-    return true;
+    // A new enrolment called off a restore that was cut short: the next one is to ask whose the settings are.
+    return !state::ReadState(state::kAutoLogonRestoring) ||
+           (state::DeleteStateValue(state::kAutoLogonRestoring) && state::FlushStateKey());
   }
   // A mark that cannot be read may stand: saving now could keep the kiosk's own settings as the computer's.
   if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
@@ -172,7 +180,7 @@ bool TakeOverAutoLogon() {
   }
   // Somebody took the mark away under a kiosk: what there is to save now is its own, and the last of the copies tells
   // that they are all there.
-  if (NamesKioskUser() && state::ReadState(state::kPriorLsaSecret)) {
+  if (AutoLogonIsOurs() && state::ReadState(state::kPriorLsaSecret)) {
     return Mark();
   }
   if (SaveAll()) {
@@ -188,12 +196,13 @@ void RestoreAutoLogon() {
   if (status != ERROR_SUCCESS || !mark.Dword()) {
     // Copies without a mark are those of a take-over that was cut short before it changed anything, or of a restore
     // that was after it had put everything back. Beside the kiosk's settings they are all that is left of the owner's.
-    if (status == ERROR_FILE_NOT_FOUND && !NamesKioskUser()) {
+    if (status == ERROR_FILE_NOT_FOUND && !AutoLogonIsOurs()) {
+      state::DeleteStateValue(state::kAutoLogonDigest);
       ForgetCopies();
     }
     return;
   }
-  const bool ours = NamesKioskUser();
+  const bool ours = BeginRestore();
   if (ours) {
     StoreAutoLogonSecret(nullptr, 0);
     if (state::FlagIsOn(state::kPriorLsaSecret)) {
@@ -212,8 +221,7 @@ void RestoreAutoLogon() {
     log::Log(log::kNotice, log::kKiosk, "auto sign-in restored to what it was before enrolment");
   } else {
     log::Log(log::kWarn, log::kKiosk, "auto sign-in now names '%s', not %s; left as it is",
-             win32::ToNarrow(state::ReadString(kUserName.key, kUserName.name).value_or(L"")).c_str(),
-             win32::ToNarrow(kKioskUser).c_str());
+             win32::ToNarrow(state::ReadString(kUserName.key, kUserName.name).value_or(L"")).c_str(), kKioskUserText);
   }
   GiveUpOwnership();
 }

@@ -1,5 +1,6 @@
 #include "account/kiosk_restart.h"
 
+#include "account/kiosk_session.h"
 #include "log/log.h"
 #include "win32/clock.h"
 #include "win32/lock.h"
@@ -15,6 +16,7 @@
 namespace kiosk::account {
 namespace {
 
+constexpr int kDelayAfterMaintenance = 300;  // in seconds
 constexpr std::uint64_t kLongestWait = 250;  // a deadline that was moved or cancelled is seen after it
 // Windows may refuse for a moment, while somebody is just signing in for instance.
 constexpr int kAttempts = 3;
@@ -22,9 +24,11 @@ constexpr std::uint64_t kNextAttempt = 5'000;
 constexpr DWORD kReason = SHTDN_REASON_FLAG_PLANNED | SHTDN_REASON_MAJOR_OPERATINGSYSTEM | SHTDN_REASON_MINOR_RECONFIG;
 constexpr wchar_t kMessage[] = L"Restarting to start kiosk mode.";
 
-// Connection threads, the worker and the restart thread come here. Never held across the shutdown call or a wait.
+// Connection threads, the start, the control handler and the restart thread come here. Never held across the shutdown
+// call or a wait.
 win32::Lock restartLock{win32::LockRank::kLeaf};
-std::uint64_t deadline = 0;  // as a tick count; 0: no restart is pending
+std::uint64_t deadline = 0;     // as a tick count; 0: no restart is pending
+bool afterMaintenance = false;  // that is what the pending restart is for
 bool threadRuns = false;
 bool beingAsked = false;  // a thread is in the call that restarts Windows
 int attempts = 0;         // how often Windows was not ready for the pending restart
@@ -36,12 +40,25 @@ std::uint64_t DeadlineOfThread(bool stop) noexcept {
   return threadRuns ? deadline : 0;
 }
 
+// Nobody is thrown out for a maintenance that was cut short: who signed in before the service was told of sessions, or
+// in this moment, counts as well.
+void RestartWhenDue() {
+  win32::LockGuard guard(restartLock);
+  const bool maintenance = afterMaintenance;
+  guard.Unlock();
+  if (maintenance && !NobodyIsSignedIn()) {
+    CallOffRestartAfterMaintenance();
+  } else {
+    RestartNow(maintenance ? "maintenance was cut short" : "enrolled");
+  }
+}
+
 void RunRestartThread() noexcept {
   bool stop = false;
   while (const std::uint64_t due = DeadlineOfThread(stop)) {
     const std::uint64_t now = win32::TickCount();
     if (now >= due) {
-      RestartNow("enrolled");
+      RestartWhenDue();
     }
     const auto wait = static_cast<DWORD>(now < due ? std::min(due - now, kLongestWait) : kLongestWait);
     stop = win32::WaitOrStop(nullptr, wait) == win32::WaitResult::kStop;
@@ -65,14 +82,10 @@ bool StaysPending(DWORD error) {
   return again;
 }
 
-}  // namespace
-
-void ScheduleKioskRestart() {
-  const win32::LockGuard guard(restartLock);
-  deadline = win32::TickCount() + std::uint64_t{kRestartDelaySeconds} * 1000;
+// The caller holds restartLock.
+void SetDeadline(int seconds) {
+  deadline = win32::TickCount() + static_cast<std::uint64_t>(seconds) * 1000;
   attempts = 0;
-  log::Log(log::kNotice, log::kKiosk, "enrolled: restarting into kiosk mode in %lld s",
-           static_cast<long long>(kRestartDelaySeconds));
   if (threadRuns) {
     return;
   }
@@ -80,6 +93,35 @@ void ScheduleKioskRestart() {
   if (!win32::StartThread(RunRestartThread, win32::kSmallStack)) {
     log::Log(log::kError, log::kKiosk, "cannot start the restart thread (%lu)", GetLastError());
     log::EndProcess(1);
+  }
+}
+
+}  // namespace
+
+void ScheduleKioskRestart() {
+  const win32::LockGuard guard(restartLock);
+  afterMaintenance = false;
+  log::Log(log::kNotice, log::kKiosk, "enrolled: restarting into kiosk mode in %lld s",
+           static_cast<long long>(kRestartDelaySeconds));
+  SetDeadline(kRestartDelaySeconds);
+}
+
+void ScheduleRestartAfterMaintenance() {
+  const win32::LockGuard guard(restartLock);
+  if (deadline != 0) {
+    return;
+  }
+  afterMaintenance = true;
+  log::Log(log::kNotice, log::kKiosk, "maintenance was cut short: restarting into kiosk mode in %lld s",
+           static_cast<long long>(kDelayAfterMaintenance));
+  SetDeadline(kDelayAfterMaintenance);
+}
+
+void CallOffRestartAfterMaintenance() noexcept {
+  const win32::LockGuard guard(restartLock);
+  if (deadline != 0 && afterMaintenance) {
+    deadline = 0;
+    log::Log(log::kNotice, log::kKiosk, "maintenance was cut short: somebody signed in, no restart");
   }
 }
 

@@ -1,15 +1,22 @@
 // The restart of the computer into kiosk mode, 10 s after an enrolment that set the kiosk account up, or earlier on a
-// caller's wish.
+// caller's wish; and 5 minutes after a start that found the kiosk kept from signing in.
 #pragma once
 
 namespace kiosk::account {
 
 inline constexpr int kRestartDelaySeconds = 10;
 
-// Restarts the computer in 10 s, and sees to it on a thread of its own. Called again meanwhile, it counts the 10 s anew.
-// Logged.
+// Restarts the computer in 10 s, and sees to it on a thread of its own. Called again meanwhile, it counts the 10 s
+// anew. Logged.
 void ScheduleKioskRestart();
 
+// The same in 5 minutes, for a maintenance that was cut short. Nothing when a restart is pending.
+void ScheduleRestartAfterMaintenance();
+
+// Somebody signed in: the latter does not take place. Any other stays.
+void CallOffRestartAfterMaintenance() noexcept;
+
+// Either of them.
 [[nodiscard]] bool KioskRestartPending() noexcept;
 
 void CancelKioskRestart() noexcept;

@@ -7,6 +7,7 @@
 #include "win32/wts_memory.h"
 
 #include <array>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,18 +17,23 @@ namespace {
 constexpr DWORD kSignOutWait = 15'000;
 constexpr DWORD kSignOutPoll = 250;
 
-std::wstring SessionText(DWORD sessionId, WTS_INFO_CLASS what) {
+// Empty when Windows does not tell; one in which nobody is signed in has an empty text.
+std::optional<std::wstring> ReadSessionText(DWORD sessionId, WTS_INFO_CLASS what) {
   wchar_t* text = nullptr;
   DWORD bytes = 0;
   if (WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, sessionId, what, &text, &bytes) == 0 || text == nullptr) {
-    return {};
+    return std::nullopt;
   }
   const win32::WtsMemory owner(text);
   return text;
 }
 
-// The sessions, that of the services aside, that `isWanted` picks. Empty optional, with the last error, when Windows
-// does not tell: while the computer starts, for instance, the service that keeps them may not answer yet.
+std::wstring SessionText(DWORD sessionId, WTS_INFO_CLASS what) {
+  return ReadSessionText(sessionId, what).value_or(L"");
+}
+
+// The sessions, those of the services and of listeners aside, that `isWanted` picks. Empty optional, with the last error,
+// when Windows does not tell: while the computer starts, for instance, the service that keeps them may not answer yet.
 template <typename Predicate>
 std::optional<std::vector<DWORD>> Sessions(Predicate isWanted) {
   WTS_SESSION_INFOW* sessions = nullptr;
@@ -38,7 +44,7 @@ std::optional<std::vector<DWORD>> Sessions(Predicate isWanted) {
   const win32::WtsMemory owner(sessions);
   std::vector<DWORD> ids;
   for (DWORD i = 0; i < count; ++i) {
-    if (sessions[i].SessionId != 0 && isWanted(sessions[i].SessionId)) {
+    if (sessions[i].SessionId != 0 && sessions[i].State != WTSListen && isWanted(sessions[i].SessionId)) {
       ids.push_back(sessions[i].SessionId);
     }
   }
@@ -63,6 +69,11 @@ bool IsKioskSession(DWORD sessionId) {
 
 std::optional<std::vector<DWORD>> OtherUsersSessions() {
   return Sessions([](DWORD id) { return !SessionText(id, WTSUserName).empty() && !IsKioskSession(id); });
+}
+
+bool NobodyIsSignedIn() {
+  const auto taken = Sessions([](DWORD id) { return ReadSessionText(id, WTSUserName) != L""; });
+  return taken && taken->empty();
 }
 
 bool KioskHasNoSession() {

@@ -22,6 +22,9 @@ bool IsKioskSession(DWORD sessionId);
 // The sessions in which somebody other than the kiosk account is signed in. Empty optional when Windows does not tell.
 std::optional<std::vector<DWORD>> OtherUsersSessions();
 
+// True only when Windows tells of every session, and nobody is signed in to any.
+bool NobodyIsSignedIn();
+
 // True only when Windows tells that the kiosk account has no session.
 bool KioskHasNoSession();
 

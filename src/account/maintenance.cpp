@@ -3,8 +3,10 @@
 #include "account/account_lock.h"
 #include "account/auto_logon.h"
 #include "account/enrolment.h"
+#include "account/auto_logon_owner.h"
 #include "account/exit_password.h"
 #include "account/kiosk_account.h"
+#include "account/kiosk_restart.h"
 #include "account/kiosk_session.h"
 #include "account/unlock_token.h"
 #include "log/log.h"
@@ -13,8 +15,10 @@
 #include "text/secret.h"
 #include "win32/clock.h"
 #include "win32/lock.h"
+#include "win32/thread.h"
 
 #include <cstdint>
+#include <exception>
 #include <set>
 #include <vector>
 
@@ -67,6 +71,14 @@ void BeginMaintenance() {
            "maintenance: auto sign-in skipped until the administrator signs out or Windows restarts");
 }
 
+void EndAfterSignOut() noexcept {
+  try {
+    EndMaintenance("the administrator signed out");
+  } catch (const std::exception& problem) {
+    log::Log(log::kError, log::kKiosk, "maintenance could not be ended (%s)", problem.what());
+  }
+}
+
 }  // namespace
 
 json::Value EnterMaintenance(const std::string& password, const std::string& unlockToken, DWORD session,
@@ -86,27 +98,45 @@ json::Value EnterMaintenance(const std::string& password, const std::string& unl
   return json::OkReply();
 }
 
-void EndMaintenance(const char* reason) {
+bool EndMaintenance(const char* reason) {
+  if (!state::FlagIsOn(state::kMaintenance)) {
+    return false;
+  }
+  const bool namesAreDue = KioskNamesAreDue();
   const win32::LockGuard guard(AutoLogonLock());
   if (!state::FlagIsOn(state::kMaintenance)) {
-    return;
+    return false;
   }
   // First, so that a start of the service takes a half of this for the maintenance of an earlier boot and ends it.
   state::DeleteStateValue(state::kMaintenanceAt);
   // Without ownership the setting is the computer's own again: a teardown is on its way.
-  if (state::TokenIsStored() && state::ReadState(state::kOwnsAutoLogon) && !SetAutoAdminLogon(true)) {
-    return;
+  const bool ours = state::TokenIsStored() && state::ReadState(state::kOwnsAutoLogon);
+  if (ours && namesAreDue) {
+    PutKioskNamesBack();
   }
-  state::DeleteStateValue(state::kMaintenance);
+  if (ours && !SetAutoAdminLogon(true)) {
+    return false;
+  }
+  const bool over = state::DeleteStateValue(state::kMaintenance);
   log::Log(log::kNotice, log::kKiosk, "maintenance over (%s): kiosk sign-in restored", reason);
+  return ours && over;
 }
 
 void EndMaintenanceOfEarlierBoot() {
   const std::uint64_t booted = win32::FileTimeNow() - win32::TickCount() * kFileTimeMillisecond;
   const auto stored = state::ReadState(state::kMaintenanceAt);
-  if ((stored ? stored->Qword().value_or(0) : 0) < booted) {
-    EndMaintenance("Windows restarted");
+  if ((stored ? stored->Qword().value_or(0) : 0) >= booted || !EndMaintenance("Windows restarted")) {
+    return;
   }
+  // Durably over, or every start would end in a restart.
+  if (state::FlushStateKey() && state::FlagIsOn(state::kProvisioned) && AutoLogonNamesKiosk() && NobodyIsSignedIn()) {
+    ScheduleRestartAfterMaintenance();
+  }
+}
+
+void PrepareForShutdown() {
+  EndMaintenance("Windows is restarting");
+  ReclaimAutoLogon();
 }
 
 void RememberAdministratorSessions() {
@@ -121,6 +151,8 @@ void RememberAdministratorSessions() {
 void OnSessionChange(DWORD event, DWORD session) {
   if (event == WTS_SESSION_LOGOFF) {
     OnSessionSignedOut(session);
+  } else if (event == WTS_SESSION_LOGON && session != 0) {
+    CallOffRestartAfterMaintenance();
   }
   if (session == 0 || !state::FlagIsOn(state::kMaintenance)) {
     return;
@@ -132,8 +164,9 @@ void OnSessionChange(DWORD event, DWORD session) {
     win32::LockGuard guard(sessionsLock);
     const bool wasThere = AdministratorSessions().erase(session) != 0;
     guard.Unlock();
-    if (wasThere) {
-      EndMaintenance("the administrator signed out");
+    // The names are asked about on the way, for which the control handler has no time.
+    if (wasThere && !win32::StartThread(EndAfterSignOut, win32::kSmallStack)) {
+      EndAfterSignOut();
     }
   }
 }

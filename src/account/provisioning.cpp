@@ -2,11 +2,13 @@
 
 #include "account/account_lock.h"
 #include "account/auto_logon.h"
+#include "account/auto_logon_owner.h"
 #include "account/enrolment.h"
 #include "account/kiosk_account.h"
 #include "account/kiosk_profile.h"
 #include "account/kiosk_session.h"
 #include "account/password.h"
+#include "account/sign_in_secret.h"
 #include "account/winlogon.h"
 #include "lockdown/kiosk_policies.h"
 #include "log/log.h"
@@ -45,10 +47,6 @@ DWORD SetUserInfo(DWORD level, void* info) {
   return NetUserSetInfo(nullptr, kKioskUser, level, static_cast<BYTE*>(info), nullptr);
 }
 
-bool WriteMachineString(const wchar_t* key, const wchar_t* name, const std::wstring& text) {
-  return state::WriteValue(HKEY_LOCAL_MACHINE, key, name, REG_SZ, text.c_str(), state::StringBytes(text));
-}
-
 bool WriteMachineDword(const wchar_t* key, const wchar_t* name, DWORD number) {
   return state::WriteValue(HKEY_LOCAL_MACHINE, key, name, REG_DWORD, &number, sizeof(number));
 }
@@ -58,9 +56,9 @@ bool AutoLogonInUse() {
   if (state::FlagIsOn(state::kOwnsAutoLogon)) {
     return false;
   }
-  const auto text = state::ReadString(kWinlogonKey, L"AutoAdminLogon");
-  const bool on = text ? *text == L"1" : state::ReadDword(kWinlogonKey, L"AutoAdminLogon") == DWORD{1};
-  const std::wstring user = state::ReadString(kWinlogonKey, L"DefaultUserName").value_or(L"");
+  const auto text = state::ReadString(kWinlogonKey, kAutoAdminLogon);
+  const bool on = text ? *text == L"1" : state::ReadDword(kWinlogonKey, kAutoAdminLogon) == DWORD{1};
+  const std::wstring user = state::ReadString(kWinlogonKey, kDefaultUserName).value_or(L"");
   return on && !user.empty() && !win32::EqualIgnoringCase(user, kKioskUser);
 }
 
@@ -190,18 +188,20 @@ Outcome SetUpSignIn(const Password& password) {
   if (!TakeOverAutoLogon()) {
     return {"state_write_failed"};
   }
-  // The name before the secret: it is what tells a restore that the secret is the kiosk's and has to go.
-  if (!WriteMachineString(kWinlogonKey, L"DefaultUserName", kKioskUser)) {
+  // The names before the secret: they tell a restore that the secret is the kiosk's and has to go.
+  if (!WriteKioskNames()) {
     return {"winlogon_failed"};
   }
-  if (!StoreAutoLogonSecret(password.Get(), password.Size())) {
-    return {"lsa_failed"};
+  if (const char* const failure = StoreKioskSecret(password.Get(), password.Size()); failure != nullptr) {
+    return {failure};
   }
-  if (!WriteMachineString(kWinlogonKey, L"DefaultDomainName", ThisComputer())) {
+  // After the secret that takes its place, so that the owner has one of the two at any moment. It has to go: while it
+  // stands it says that automatic sign-in is somebody else's.
+  const LSTATUS deleted = RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kWinlogonKey, kDefaultPassword);
+  if (deleted != ERROR_SUCCESS && deleted != ERROR_FILE_NOT_FOUND) {
     return {"winlogon_failed"};
   }
-  RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kWinlogonKey, L"DefaultPassword");
-  RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kWinlogonKey, L"AutoLogonCount");
+  RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kWinlogonKey, kAutoLogonCount);
   WriteMachineDword(kPasswordLessKey, L"DevicePasswordLessBuildVersion", 0);
   WriteMachineDword(kSystemPoliciesKey, L"EnableFirstLogonAnimation", 0);
   return kWell;

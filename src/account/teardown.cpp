@@ -17,6 +17,7 @@
 #include "power/power_scheme.h"
 #include "proxy/proxy.h"
 #include "state/kiosk_state.h"
+#include "state/made_keys.h"
 #include "updates/report.h"
 #include "updates/restart_policy.h"
 #include "win32/wide_text.h"
@@ -122,6 +123,7 @@ void TearDown(bool deleteStateKey, const char* reason) {
   { const win32::LockGuard answersThatAreBeingWritten(ReplyLock()); }
   RestoreAutoLogon();
   RestoreFastUserSwitching();
+  state::DeleteMadeKeys(state::kMadeSignInKeys);  // the policy above is in one of them
   branding::RemoveBranding();
   power::RestorePowerSettings();
   updates::RestoreWuRestartPolicy();

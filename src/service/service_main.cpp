@@ -1,6 +1,7 @@
 #include "service/service_main.h"
 
 #include "account/account_lock.h"
+#include "account/auto_logon.h"
 #include "account/kiosk_account.h"
 #include "account/maintenance.h"
 #include "account/provisioning.h"
@@ -26,6 +27,7 @@
 #include <wtsapi32.h>
 
 #include <algorithm>
+#include <atomic>
 #include <exception>
 #include <string>
 
@@ -39,8 +41,7 @@ constexpr char kWorker[] = "worker thread";
 constexpr char kWindow[] = "window thread";
 constexpr char kAwake[] = "awake thread";
 
-// What a control may set off besides a change of the service's own state; nothing of it may keep the service from
-// stopping.
+// What a control sets off besides a change of the service's own state; nothing of it may keep the service from stopping.
 template <typename Action>
 void Guarded(Action action) noexcept {
   try {
@@ -50,11 +51,14 @@ void Guarded(Action action) noexcept {
   }
 }
 
+// Windows shuts down: the service thread is to see to it, first of all, that the kiosk signs in at the next start.
+std::atomic<bool> windowsShutsDown{false};
+
 // Runs on the dispatcher's thread; waits for nothing but short locks.
 DWORD WINAPI OnControl(DWORD control, DWORD eventType, void* eventData, void* /*context*/) noexcept {
   switch (control) {
     case SERVICE_CONTROL_SHUTDOWN:
-      Guarded([] { account::EndMaintenance("Windows is restarting"); });
+      windowsShutsDown = true;
       [[fallthrough]];
     case SERVICE_CONTROL_STOP:
       ReportStopPending();
@@ -116,6 +120,7 @@ void RepairKiosk() {
     const win32::LockGuard guard(account::AccountLock());
     branding::RemoveBranding();
   }
+  account::RepairAutoLogon();
   account::EndMaintenanceOfEarlierBoot();
   account::RememberAdministratorSessions();
   account::TrimPrivilegedGroups();
@@ -164,6 +169,9 @@ void RunService() {
   const win32::KernelHandle window = StartVital(kWindow, updates::UpdateWindowThread);
   const win32::KernelHandle awake = StartVital(kAwake, power::AwakeThread);
   pipe::RunPipeServer();
+  if (windowsShutsDown) {
+    Guarded(account::PrepareForShutdown);
+  }
   JoinThreads(worker.Get(), window.Get(), awake.Get());
   log::StopBanner(log::kKiosk);
   ReportStopped();

@@ -1,5 +1,6 @@
 #include "service/worker.h"
 
+#include "account/auto_logon.h"
 #include "account/enrolment.h"
 #include "account/kiosk_account.h"
 #include "account/kiosk_profile.h"
@@ -85,6 +86,7 @@ class Worker {
     account::TrimPrivilegedGroups();
     if (account::IsKioskProvisioned()) {
       account::ApplyKioskPolicies();
+      account::KeepAutoLogon();
     } else if (win32::TickCount() >= nextProvisioning_ && !account::ProvisionIfNeeded(token).empty()) {
       nextProvisioning_ = win32::TickCount() + kProvisioningInterval;
     }

@@ -50,9 +50,18 @@ inline constexpr StateValue kStaleProfileSids{L"StaleProfileSids", REG_MULTI_SZ,
 inline constexpr StateValue kOwnsAutoLogon{L"OwnsAutoLogon", REG_DWORD, "account",
                                            "1: the computer's own sign-in settings were saved and automatic sign-in is "
                                            "the service's; written before the first of them is changed"};
+inline constexpr StateValue kAutoLogonDigest{L"AutoLogonDigest", REG_SZ, "account",
+                                             "SHA-256 digest of the sign-in secret that the service stored; two with a "
+                                             "blank between while it is being replaced"};
+inline constexpr StateValue kAutoLogonRestoring{L"AutoLogonRestoring", REG_DWORD, "account",
+                                                "1 once the computer's own sign-in settings are being put back; goes "
+                                                "with the mark"};
 inline constexpr StateValue kOwnsHideFastUserSwitching{L"OwnsHideFastUserSwitching", REG_DWORD, "account",
                                                        "1: the machine-wide HideFastUserSwitching policy is the "
                                                        "service's; written before the policy"};
+inline constexpr StateValue kMadeSignInKeys{L"MadeSignInKeys", REG_SZ, "account",
+                                            "keys of the computer's that were made for sign-in settings, with bars "
+                                            "between"};
 inline constexpr StateValue kPriorLsaSecret{L"PriorLsaSecret", REG_DWORD, "account",
                                             "1 when the computer had a secret for automatic sign-in of its own"};
 
@@ -92,6 +101,8 @@ inline constexpr StateValue kOsUpdatesReport{L"OsUpdatesReport", REG_SZ, "update
 inline constexpr StateValue kOwnsWuPolicy{L"OwnsWuPolicy", REG_DWORD, "updates",
                                           "1: the computer's own Windows Update restart policies were saved and are the "
                                           "service's; written before the first of them is changed"};
+inline constexpr StateValue kMadeWuKeys{L"MadeWuKeys", REG_SZ, "updates",
+                                        "keys of the computer's that were made for these policies, with bars between"};
 inline constexpr StateValue kPriorWuNoAutoReboot{L"PriorWuNoAutoRebootWithLoggedOnUsers", kTypeOfCopied, "updates",
                                                  kPriorMeaning};
 inline constexpr StateValue kPriorWuSetActiveHours{L"PriorWuSetActiveHours", kTypeOfCopied, "updates", kPriorMeaning};
@@ -138,7 +149,10 @@ inline constexpr const StateValue* kStateValues[] = {
     &kAccountCreating,
     &kStaleProfileSids,
     &kOwnsAutoLogon,
+    &kAutoLogonDigest,
+    &kAutoLogonRestoring,
     &kOwnsHideFastUserSwitching,
+    &kMadeSignInKeys,
     &kPriorLsaSecret,
     &kPriorAutoAdminLogon,
     &kPriorDefaultUserName,
@@ -158,6 +172,7 @@ inline constexpr const StateValue* kStateValues[] = {
     &kOsUpdatesWindowDone,
     &kOsUpdatesReport,
     &kOwnsWuPolicy,
+    &kMadeWuKeys,
     &kPriorWuNoAutoReboot,
     &kPriorWuSetActiveHours,
     &kPriorWuActiveHoursStart,

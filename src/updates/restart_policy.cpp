@@ -3,6 +3,7 @@
 #include "account/enrolment.h"
 #include "log/log.h"
 #include "state/kiosk_state.h"
+#include "state/made_keys.h"
 #include "win32/lock.h"
 #include "win32/privilege.h"
 #include "win32/wide_text.h"
@@ -81,7 +82,8 @@ bool TakeOwnership() {
     }
   }
   // Before the first change, and durably: a power cut must not leave changed settings without the copies.
-  return state::WriteStateDword(state::kOwnsWuPolicy, 1) && state::FlushStateKey();
+  return state::NoteMissingKeys(state::kMadeWuKeys, {kUpdateKey, kAutomaticKey}) &&
+         state::WriteStateDword(state::kOwnsWuPolicy, 1) && state::FlushStateKey();
 }
 
 // A copy that is there but cannot be read must not be taken for one that is missing.
@@ -156,6 +158,7 @@ void RestoreWuRestartPolicy() {
                win32::ToNarrow(policy->name).c_str(), DescribeCopy(*policy).c_str());
     }
   }
+  state::DeleteMadeKeys(state::kMadeWuKeys);
   // The mark before the copies: with it, a missing copy means a value that was not there.
   if (!state::DeleteStateValue(state::kOwnsWuPolicy)) {
     return;

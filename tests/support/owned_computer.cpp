@@ -38,7 +38,7 @@ std::string Lower(std::string text) {
 
 void OwnComputer() {
   using account::kWinlogonKey;
-  sim::AddUser(L"anna", L"secret");
+  sim::MakeProfile(sim::AddUser(L"anna", L"secret"), L"anna");
   SetString(kWinlogonKey, L"AutoAdminLogon", L"0", REG_EXPAND_SZ);
   SetString(kWinlogonKey, L"DefaultUserName", L"anna");
   SetString(kWinlogonKey, L"DefaultDomainName", L"%COMPUTERNAME%", REG_EXPAND_SZ);

@@ -6,8 +6,8 @@
 
 namespace kiosk::test {
 
-// Every setting that kiosk mode touches has a value, of another type than usual where Windows takes that; somebody else
-// has an account, and nobody signs in by itself.
+// Every setting that kiosk mode touches has a value, of another type than usual where Windows takes that; "anna" has an
+// account and a profile, and nobody signs in by itself.
 void OwnComputer();
 
 // A protected state key, the client's folder and a token; with `provision` the kiosk account too.

@@ -58,8 +58,9 @@ def maintenance_in_and_out(stage):
     stage.check(reply["maintenance"], "the service says that this is maintenance", reply)
     stage.show(f"   {OWNER} signs out")
     terminal.machine("signout", str(session))
-    stage.check(not stage.ask()["maintenance"] and terminal.value("AutoAdminLogon", WINLOGON) == "1",
-                "maintenance is over, and automatic sign-in is back on")
+    stage.check_soon(lambda: not stage.ask()["maintenance"], "maintenance is over", 10)
+    stage.check((terminal.value("AutoAdminLogon", WINLOGON), terminal.value("DefaultUserName", WINLOGON)) ==
+                ("1", KIOSK_USER), f"automatic sign-in is back on, and names {KIOSK_USER} again")
     terminal.machine("signin", KIOSK_USER)
     terminal.machine("caller", KIOSK_USER)
     stage.check(stage.ask()["kioskSession"], "the kiosk is back")
