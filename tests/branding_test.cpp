@@ -5,10 +5,12 @@
 #include "branding/branding_folder.h"
 #include "json/parse.h"
 #include "portal/device_token.h"
+#include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/fault_driver.h"
 #include "sim/files.h"
 #include "sim/http.h"
+#include "sim/sessions.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 #include "win32/secure_folder.h"
@@ -381,6 +383,19 @@ TEST_F(BrandingTest, EndOfTheEnrolmentEndsTheRunAndWhatItMade) {
   Apply(kBranding);
   ExpectComplete();
   account::RemoveKioskMode(false, "because");
+  EXPECT_FALSE(Exists(kKioskFolder));
+}
+
+TEST_F(BrandingTest, WhatTheKioskHasOpenGoesOnceItIsSignedOut) {
+  Apply(kBranding);
+  test::SetString(state::kStateKey, L"AccountSid", sim::AddUser(L"NorvaneKiosk"));
+  sim::SetSession(2, L"NorvaneKiosk", sim::ComputerName());
+  sim::MakeStubborn(2, 5'000);
+  win32::FileHandle shown(
+      CreateFileW(kOneFile.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+  clock_.At(3'000, [&shown] { shown.Reset(); });
+  account::RemoveKioskMode(false, "because");
+  EXPECT_TRUE(Logged("WARN cannot remove " + sim::Narrow(kFolder) + " (32)"));
   EXPECT_FALSE(Exists(kKioskFolder));
 }
 

@@ -126,6 +126,7 @@ void TearDown(bool deleteStateKey, const char* reason) {
   proxy::RestoreProxy();
   const bool networkWhole = network::PutBackUnfinishedChanges();
   const bool removed = RemoveAccount();
+  branding::RemoveBranding();  // what the kiosk's programs had open until they were signed out
   if (!EraseEnrolment()) {
     log::Log(log::kError, log::kKiosk, "cannot delete the device token; removing kiosk mode again at the next check-in");
     return;
@@ -198,6 +199,7 @@ void FinishPendingRemoval() {
     if (interrupted) {
       TearDown(false, "an earlier removal was interrupted");
     } else if (RemoveAccount()) {
+      branding::RemoveBranding();
       ForgetRemovedAccount();
       log::Log(log::kNotice, log::kKiosk, "the pending removal of %s finished", kKioskUserText);
     }
