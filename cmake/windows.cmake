@@ -19,6 +19,8 @@ add_library(kiosk STATIC ${NORVANE_SOURCES})
 target_compile_definitions(kiosk PRIVATE NORVANE_AUTH_BASE_URL="${NORVANE_AUTH_BASE_URL}")
 set(NORVANE_SYSTEM_LIBRARIES advapi32 bcrypt crypt32 iphlpapi netapi32 ole32 oleaut32 powrprof taskschd user32 userenv wbemuuid wintrust
     winhttp wtsapi32 ws2_32 ssp)
+# ntdll has functions of the C library, too, which are not to come from there.
+list(APPEND NORVANE_SYSTEM_LIBRARIES mingwex msvcrt ntdll)
 target_link_libraries(kiosk PUBLIC ${NORVANE_SYSTEM_LIBRARIES})
 
 add_executable(NorvaneKiosk src/service/main.cpp src/service/kiosk.rc)
@@ -58,7 +60,7 @@ if(BUILD_TESTING)
     add_dependencies(${target} renamed)
     target_link_libraries(${target} PRIVATE
       -Wl,--whole-archive ${main} -Wl,--no-whole-archive
-      -Wl,--start-group ${renamed_kiosk} kiosk_simulation -Wl,--end-group ${NORVANE_SYSTEM_LIBRARIES} ntdll)
+      -Wl,--start-group ${renamed_kiosk} kiosk_simulation -Wl,--end-group ${NORVANE_SYSTEM_LIBRARIES})
   endfunction()
 
   add_executable(NorvaneKioskSim src/service/kiosk.rc)
@@ -80,7 +82,7 @@ if(BUILD_TESTING)
   add_executable(sim_machine tests/support/sim_machine/sim_machine.cpp)
   target_include_directories(sim_machine PRIVATE ${CMAKE_SOURCE_DIR})
   target_link_options(sim_machine PRIVATE -municode)
-  target_link_libraries(sim_machine PRIVATE kiosk_simulation ${NORVANE_SYSTEM_LIBRARIES} ntdll)
+  target_link_libraries(sim_machine PRIVATE kiosk_simulation ${NORVANE_SYSTEM_LIBRARIES})
 
   # Replaces the global allocation functions, so it is a program of its own.
   add_executable(json_wipe_test tests/portable/json_wipe_test.cpp)

@@ -1,11 +1,8 @@
 #include "sim/files.h"
 
 #include "log/day_files.h"
-#include "sim/faults.h"
-#include "sim/machine.h"
+#include "sim/files_internal.h"
 
-#include <aclapi.h>
-#include <sddl.h>
 #include <winternl.h>
 
 #include <algorithm>
@@ -13,19 +10,16 @@
 #include <mutex>
 
 namespace sim {
-namespace {
-
-constexpr wchar_t kLinks[] = L"Links";
-constexpr wchar_t kOwners[] = L"FileOwner";
-constexpr wchar_t kDacls[] = L"FileDacl";
-
-std::mutex mutex;
-std::map<HANDLE, std::wstring> searches;  // the folder that an open search goes through
 
 std::wstring Lower(std::wstring path) {
   CharLowerW(path.data());
   return path;
 }
+
+namespace {
+
+std::mutex mutex;
+std::map<HANDLE, std::wstring> searches;  // the folder that an open search goes through
 
 // Absolute and without the prefix for long paths.
 std::wstring Full(const std::wstring& path) {
@@ -35,19 +29,73 @@ std::wstring Full(const std::wstring& path) {
   return text.starts_with(L"\\\\?\\") ? text.substr(4) : text;
 }
 
-// The name of a path in the machine's areas.
+std::vector<std::wstring> PathsIn(const std::wstring& folder) {
+  std::vector<std::wstring> paths;
+  WIN32_FIND_DATAW data;
+  HANDLE search = ::FindFirstFileW((folder + L"\\*").c_str(), &data);
+  for (bool more = search != INVALID_HANDLE_VALUE; more; more = ::FindNextFileW(search, &data) != 0) {
+    if (wcscmp(data.cFileName, L".") != 0 && wcscmp(data.cFileName, L"..") != 0) {
+      paths.push_back(folder + L"\\" + data.cFileName);
+    }
+  }
+  ::FindClose(search);
+  return paths;
+}
+
+bool IsEmptyFolder(const std::wstring& path) {
+  const DWORD attributes = ::GetFileAttributesW(path.c_str());
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 && PathsIn(path).empty();
+}
+
+// Whether anything below the folder is open, as far as whoever opened it does not share all.
+bool HasOpenFiles(const std::wstring& folder) {
+  const std::vector<std::wstring> paths = PathsIn(folder);
+  return std::any_of(paths.begin(), paths.end(), [](const std::wstring& path) {
+    HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ | DELETE, 0, nullptr, OPEN_EXISTING,
+                                FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+    const bool open = file == INVALID_HANDLE_VALUE && GetLastError() == ERROR_SHARING_VIOLATION;
+    CloseHandle(file);
+    return open || HasOpenFiles(path);
+  });
+}
+
+}  // namespace
+
 std::wstring Plain(const std::wstring& path) { return Lower(Full(path)); }
 
 std::wstring PathOf(HANDLE file) {
   wchar_t path[1024];
   const DWORD length = GetFinalPathNameByHandleW(file, path, 1024, FILE_NAME_NORMALIZED);
-  return length == 0 || length >= 1024 ? L"" : Plain(path);
+  if (length != 0 && length < 1024) {
+    return Plain(path);
+  }
+  // Wine's function has no room for more than MAX_PATH.
+  struct {
+    FILE_NAME_INFO info;
+    wchar_t rest[1024];
+  } name{};
+  return GetFileInformationByHandleEx(file, FileNameInfo, &name, sizeof(name)) != 0
+             ? Lower(L"C:" + std::wstring(name.info.FileName, name.info.FileNameLength / sizeof(wchar_t)))
+             : L"";
 }
 
 bool IsLink(const std::wstring& plain) { return ReadText(kLinks, plain).has_value(); }
 
-// The path that Windows would reach: links in the middle are followed, a link at the end when `last`.
+void UseKeptHandles() {
+  for (const std::wstring& path : ValueNames(kKept)) {
+    if (!IsLink(path) && IsEmptyFolder(path)) {
+      WriteText(kLinks, path, ReadText(kKept, path).value_or(L""));
+    }
+  }
+}
+
+bool IsPending(const std::wstring& path) { return ReadText(kPending, Plain(path)).has_value(); }
+
 std::wstring Resolve(const wchar_t* given, bool last) {
+  UseKeptHandles();
+  if (given != nullptr && wcslen(given) >= MAX_PATH && !std::wstring_view(given).starts_with(L"\\\\?\\")) {
+    return L"C:\\longer than MAX_PATH\\x";  // ERROR_PATH_NOT_FOUND
+  }
   if (given == nullptr || std::wstring_view(given).starts_with(L"\\\\.\\") || !AreaExists(kLinks)) {
     return given != nullptr ? given : L"";
   }
@@ -70,72 +118,26 @@ std::wstring Resolve(const wchar_t* given, bool last) {
 
 void Forget(const std::wstring& path) {
   const std::wstring plain = Plain(path);
-  for (const wchar_t* area : {kLinks, kOwners, kDacls}) {
+  for (const wchar_t* area : {kLinks, kKept, kPending, kOwners, kDacls}) {
     ForgetValue(area, plain);
   }
 }
 
-std::wstring PartText(PSECURITY_DESCRIPTOR descriptor, SECURITY_INFORMATION parts) {
-  wchar_t* text = nullptr;
-  if (descriptor == nullptr ||
-      !ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, parts, &text, nullptr)) {
-    return L"";
-  }
-  std::wstring result = text;
-  LocalFree(text);
-  return result;
-}
-
-// The rights that a handle must carry for the parts that it sets.
-bool HandleAllows(HANDLE file, SECURITY_INFORMATION parts) {
+bool HandleAllows(HANDLE file, DWORD rights) {
   PUBLIC_OBJECT_BASIC_INFORMATION information{};
   NtQueryObject(file, ObjectBasicInformation, &information, sizeof(information), nullptr);
-  const DWORD needed = ((parts & OWNER_SECURITY_INFORMATION) != 0 ? WRITE_OWNER : 0U) |
-                       ((parts & DACL_SECURITY_INFORMATION) != 0 ? WRITE_DAC : 0U);
-  return (information.GrantedAccess & needed) == needed;
+  return (information.GrantedAccess & rights) == rights;
 }
 
-DWORD KeepSecurity(const std::wstring& plain, SECURITY_INFORMATION parts, PSID owner, PACL dacl) {
-  return Change<DWORD>("SetSecurityInfo", plain, [&]() -> DWORD {
-    SECURITY_DESCRIPTOR descriptor;
-    InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
-    if ((parts & OWNER_SECURITY_INFORMATION) != 0) {
-      SetSecurityDescriptorOwner(&descriptor, owner, FALSE);
-      WriteText(kOwners, plain, PartText(&descriptor, OWNER_SECURITY_INFORMATION));
-    }
-    if ((parts & DACL_SECURITY_INFORMATION) != 0) {
-      const bool isProtected = (parts & PROTECTED_DACL_SECURITY_INFORMATION) != 0;
-      SetSecurityDescriptorDacl(&descriptor, TRUE, dacl, FALSE);
-      SetSecurityDescriptorControl(
-          &descriptor, SE_DACL_PROTECTED | SE_DACL_AUTO_INHERITED,
-          static_cast<SECURITY_DESCRIPTOR_CONTROL>(SE_DACL_AUTO_INHERITED | (isProtected ? SE_DACL_PROTECTED : 0)));
-      WriteText(kDacls, plain, PartText(&descriptor, DACL_SECURITY_INFORMATION));
-    }
-    return ERROR_SUCCESS;
-  });
-}
-
-// A file of the log's spool.
 bool InSpool(const std::wstring& plain) {
   return plain.starts_with(Lower(kiosk::log::kLogRoot) + L"\\drop\\") && plain.ends_with(L".gelf");
 }
 
-// A numbered call on a path, files of the log excepted unless they are of its spool.
-template <typename Call>
-BOOL ChangeFile(const char* function, const std::wstring& path, Call call) {
-  const std::wstring plain = Plain(path);
-  if ((plain + L"\\").starts_with(Lower(kiosk::log::kLogRoot) + L"\\") && !InSpool(plain)) {
-    return call();
-  }
-  return Change<BOOL>(function, plain, call);
+bool Counts(const std::wstring& plain) {
+  return InSpool(plain) || !(plain + L"\\").starts_with(Lower(kiosk::log::kLogRoot) + L"\\");
 }
 
-// The same on an open file; pipes and the like do not count.
-template <typename Call>
-BOOL ChangeOpenFile(const char* function, HANDLE file, Call call) {
-  const std::wstring path = ChangePoint::Armed() ? PathOf(file) : L"";
-  return path.empty() ? call() : ChangeFile(function, path, call);
-}
+namespace {
 
 template <typename Call>
 BOOL ChangeAndForget(const char* function, const wchar_t* given, Call call) {
@@ -149,6 +151,28 @@ BOOL ChangeAndForget(const char* function, const wchar_t* given, Call call) {
   });
 }
 
+// What is known of a path and of all below it goes along with a rename, a handle that somebody keeps as well.
+void MoveRecords(const std::wstring& from, const std::wstring& to) {
+  const std::wstring old = Plain(from);
+  for (const wchar_t* area : {kLinks, kKept, kPending, kRunning, kOwners, kDacls}) {
+    for (const std::wstring& path : ValueNames(area)) {
+      if (path == old || path.starts_with(old + L"\\")) {
+        WriteText(area, Plain(to) + path.substr(old.size()), ReadText(area, path).value_or(L""));
+        ForgetValue(area, path);
+      }
+    }
+  }
+}
+
+// ERROR_ACCESS_DENIED is what STATUS_DELETE_PENDING becomes.
+bool Refused(const std::wstring& path) {
+  const bool pending = IsPending(path);
+  if (pending) {
+    SetLastError(ERROR_ACCESS_DENIED);
+  }
+  return pending;
+}
+
 void MarkLink(HANDLE search, WIN32_FIND_DATAW* data) {
   if (IsLink(searches[search] + L"\\" + Lower(data->cFileName))) {
     data->dwFileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
@@ -158,16 +182,6 @@ void MarkLink(HANDLE search, WIN32_FIND_DATAW* data) {
 
 }  // namespace
 
-std::wstring FileSecurity(const std::wstring& path) {
-  const std::wstring plain = Plain(path);
-  return ReadText(kOwners, plain).value_or(L"") + ReadText(kDacls, plain).value_or(L"");
-}
-
-void SetFileSecurity(const std::wstring& path, const std::wstring& owner, const std::wstring& dacl) {
-  WriteText(kOwners, Plain(path), owner);
-  WriteText(kDacls, Plain(path), dacl);
-}
-
 void MakeJunction(const std::wstring& path, const std::wstring& target) {
   if (!CreateDirectoryW(path.c_str(), nullptr)) {
     Violation("the junction %s cannot be made (%lu)", Narrow(path).c_str(), GetLastError());
@@ -175,71 +189,54 @@ void MakeJunction(const std::wstring& path, const std::wstring& target) {
   WriteText(kLinks, Plain(path), target);
 }
 
+void KeepHandle(const std::wstring& path, const std::wstring& target) { WriteText(kKept, Plain(path), target); }
+
+void RunProgram(const std::wstring& path) { WriteText(kRunning, Plain(path), L""); }
+
+void EndPrograms() { ForgetArea(kRunning); }
+
 void MakeSymbolicLink(const std::wstring& path, const std::wstring& target) {
   CloseHandle(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
   WriteText(kLinks, Plain(path), target);
-}
-
-std::wstring SddlText(PSECURITY_DESCRIPTOR descriptor) {
-  return PartText(descriptor, OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION);
 }
 
 }  // namespace sim
 
 using namespace sim;
 
-SIM(DWORD, SetSecurityInfo, HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID owner, PSID group,
-    PACL dacl, PACL sacl) {
-  if (type != SE_FILE_OBJECT) {
-    return ::SetSecurityInfo(object, type, parts, owner, group, dacl, sacl);
-  }
-  const std::wstring path = PathOf(object);
-  if (path.empty()) {
-    return ERROR_INVALID_HANDLE;
-  }
-  return HandleAllows(object, parts) ? KeepSecurity(path, parts, owner, dacl) : ERROR_ACCESS_DENIED;
-}
-
-// Owner and DACL: the simulated machine knows whom a path was given to; a path that nobody set is the program's own.
-SIM(DWORD, GetSecurityInfo, HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID* owner, PSID* group,
-    PACL* dacl, PACL* sacl, PSECURITY_DESCRIPTOR* descriptor) {
-  const std::wstring path = type == SE_FILE_OBJECT ? Plain(PathOf(object)) : L"";
-  const bool known = ReadText(kOwners, path).has_value();
-  if ((parts & ~DWORD{OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION}) != 0 || !known) {
-    return ::GetSecurityInfo(object, type, parts, owner, group, dacl, sacl, descriptor);
-  }
-  const std::wstring sddl =
-      ReadText(kOwners, path).value_or(L"") +
-      ((parts & DACL_SECURITY_INFORMATION) != 0 ? ReadText(kDacls, path).value_or(L"") : std::wstring());
-  BOOL defaulted = FALSE;
-  PSID found = nullptr;
-  if (!ConvertStringSecurityDescriptorToSecurityDescriptorW(sddl.c_str(), SDDL_REVISION_1, descriptor, nullptr) ||
-      !GetSecurityDescriptorOwner(*descriptor, &found, &defaulted)) {
-    return GetLastError();
-  }
-  if (owner != nullptr) {
-    *owner = found;
-  }
-  return ERROR_SUCCESS;
-}
-
 SIM(WINBOOL, CreateDirectoryW, LPCWSTR given, LPSECURITY_ATTRIBUTES security) {
   const std::wstring path = Resolve(given, false);
   return ChangeFile("CreateDirectoryW", path, [&]() -> BOOL {
+    if (Refused(path)) {
+      return FALSE;
+    }
     const BOOL done = ::CreateDirectoryW(path.c_str(), nullptr);
     const DWORD error = GetLastError();
     if (done && security != nullptr && security->lpSecurityDescriptor != nullptr) {
-      const PSECURITY_DESCRIPTOR descriptor = security->lpSecurityDescriptor;
-      SetFileSecurity(path, PartText(descriptor, OWNER_SECURITY_INFORMATION),
-                      PartText(descriptor, DACL_SECURITY_INFORMATION));
+      SetFileSecurity(path, security->lpSecurityDescriptor);
     }
     SetLastError(error);
     return done;
   });
 }
 
-SIM(WINBOOL, RemoveDirectoryW, LPCWSTR path) {
-  return ChangeAndForget("RemoveDirectoryW", path, [](const wchar_t* real) { return ::RemoveDirectoryW(real); });
+// "The directory is not removed until the last handle to the directory is closed."
+SIM(WINBOOL, RemoveDirectoryW, LPCWSTR given) {
+  const std::wstring path = Resolve(given, false);
+  return ChangeFile("RemoveDirectoryW", path, [&]() -> BOOL {
+    if (Refused(path)) {
+      return FALSE;
+    }
+    if (ReadText(kKept, Plain(path)) && (IsLink(Plain(path)) || IsEmptyFolder(path))) {
+      WriteText(kPending, Plain(path), L"");
+      return TRUE;
+    }
+    const BOOL done = ::RemoveDirectoryW(path.c_str());
+    if (done) {
+      Forget(path);
+    }
+    return done;
+  });
 }
 
 SIM(WINBOOL, DeleteFileW, LPCWSTR path) {
@@ -251,12 +248,18 @@ SIM(WINBOOL, SetFileAttributesW, LPCWSTR path, DWORD attributes) {
   return ChangeFile("SetFileAttributesW", real, [&] { return ::SetFileAttributesW(real.c_str(), attributes); });
 }
 
+// A folder with open files in it is not renamed ([MS-FSA] 2.1.5.15.11: STATUS_ACCESS_DENIED).
 SIM(WINBOOL, MoveFileExW, LPCWSTR from, LPCWSTR to, DWORD flags) {
   const std::wstring target = Resolve(to, false);
-  return ChangeAndForget("MoveFileExW", from, [&](const wchar_t* real) {
+  return ChangeAndForget("MoveFileExW", from, [&](const wchar_t* real) -> BOOL {
+    if (HasOpenFiles(real)) {
+      SetLastError(ERROR_ACCESS_DENIED);
+      return FALSE;
+    }
     const BOOL done = ::MoveFileExW(real, to != nullptr ? target.c_str() : nullptr, flags);
     if (done && to != nullptr) {
       Forget(target);
+      MoveRecords(real, target);
     }
     return done;
   });
@@ -273,6 +276,9 @@ SIM(HANDLE, CreateFileW, LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATT
   const std::wstring real = Resolve(path, (flags & FILE_FLAG_OPEN_REPARSE_POINT) == 0);
   HANDLE file = INVALID_HANDLE_VALUE;
   const auto open = [&]() -> BOOL {
+    if (Refused(real)) {
+      return FALSE;
+    }
     file = ::CreateFileW(real.c_str(), access, share, security, disposition, flags, model);
     return file != INVALID_HANDLE_VALUE;
   };
@@ -296,12 +302,6 @@ SIM(WINBOOL, WriteFile, HANDLE file, LPCVOID data, DWORD size, LPDWORD written, 
   return done;
 }
 
-SIM(WINBOOL, SetFileInformationByHandle, HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind, LPVOID data, DWORD size) {
-  const auto set = [&] { return ::SetFileInformationByHandle(file, kind, data, size); };
-  return ChangePoint::Armed() && InSpool(PathOf(file)) ? ChangeFile("SetFileInformationByHandle", PathOf(file), set)
-                                                       : set();
-}
-
 // As much room as the area "Disk" says; the development machine's own otherwise.
 SIM(WINBOOL, GetDiskFreeSpaceExW, LPCWSTR folder, PULARGE_INTEGER available, PULARGE_INTEGER total,
     PULARGE_INTEGER free) {
@@ -314,7 +314,7 @@ SIM(WINBOOL, GetDiskFreeSpaceExW, LPCWSTR folder, PULARGE_INTEGER available, PUL
 
 SIM(DWORD, GetFileAttributesW, LPCWSTR path) {
   const std::wstring real = Resolve(path, false);
-  const DWORD attributes = ::GetFileAttributesW(real.c_str());
+  const DWORD attributes = Refused(real) ? INVALID_FILE_ATTRIBUTES : ::GetFileAttributesW(real.c_str());
   return attributes != INVALID_FILE_ATTRIBUTES && IsLink(Plain(real)) ? attributes | FILE_ATTRIBUTE_REPARSE_POINT
                                                                       : attributes;
 }

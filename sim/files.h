@@ -19,6 +19,16 @@ void SetFileSecurity(const std::wstring& path, const std::wstring& owner, const 
 // Creates a junction at `path`, which must not exist. Its parents must.
 void MakeJunction(const std::wstring& path, const std::wstring& target);
 
+// Somebody keeps a handle to the folder that allows FILE_WRITE_ATTRIBUTES, which no sharing mode and no later access
+// list takes away. With it he makes the folder a junction to `target` as soon as it is empty (FSCTL_SET_REPARSE_POINT,
+// [MS-FSA] 2.1.5.10.37), and its name stays taken when it is deleted, unless that was done with
+// FILE_DISPOSITION_POSIX_SEMANTICS.
+void KeepHandle(const std::wstring& path, const std::wstring& target);
+
+// The file is the image of a running program: it cannot be deleted, and its folder can be renamed. Until EndPrograms.
+void RunProgram(const std::wstring& path);
+void EndPrograms();
+
 void MakeSymbolicLink(const std::wstring& path, const std::wstring& target);
 
 // Owner, group and DACL of a descriptor as SDDL; empty for null.

@@ -5,10 +5,12 @@
 #include "branding/branding_folder.h"
 #include "json/parse.h"
 #include "portal/device_token.h"
+#include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/fault_driver.h"
 #include "sim/files.h"
 #include "sim/http.h"
+#include "sim/sessions.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 #include "win32/secure_folder.h"
@@ -213,6 +215,86 @@ INSTANTIATE_TEST_SUITE_P(EveryLevel, BrandingTreeTest,
                                           testing::Values(Planted::kJunction, Planted::kFile, Planted::kReadOnlyFile,
                                                           Planted::kOfAStranger)));
 
+// One of the inner folders. Whoever made it keeps a handle, or uses what is in it.
+class StrangersFolder : public BrandingTest, public testing::WithParamInterface<int> {
+ protected:
+  void SetUp() override {
+    BrandingTest::SetUp();
+    for (const wchar_t* path : kTree) {
+      CreateDirectoryW(path, nullptr);
+    }
+    sim::SetFileSecurity(Kept(), kStranger, L"D:(A;OICI;FA;;;WD)");
+    CreateDirectoryW(kTrap, nullptr);
+    test::WriteWholeFile(std::wstring(kTrap) + L"\\mine", "mine");
+  }
+  [[nodiscard]] static std::wstring Kept() { return kTree[GetParam()]; }
+};
+INSTANTIATE_TEST_SUITE_P(KioskAndBranding, StrangersFolder, testing::Values(2, 3));
+
+TEST_P(StrangersFolder, IsNoLinkLaterWhoeverKeepsAHandle) {
+  sim::KeepHandle(Kept(), kTrap);
+  Apply(kBranding);
+  ExpectComplete();
+  Apply(R"({"photos":[]})");
+  EXPECT_EQ(test::ListFolder(kFolder), Names{L"branding.json"});
+  RemoveBranding();
+  EXPECT_FALSE(Exists(kKioskFolder));
+  EXPECT_EQ(test::ListFolder(kTrap), Names{L"mine"});
+}
+
+TEST_P(StrangersFolder, ThatCannotBeRemovedIsSetAsideOnceAndGoesWithKioskMode) {
+  const std::wstring program = Kept() + L"\\theirs.exe";
+  const auto setAside = [] {
+    int count = 0;
+    for (int level = 1; level < 3; ++level) {
+      for (const std::wstring& name : test::ListFolder(kTree[level])) {
+        count += name.find(win32::kSetAsideMark) != std::wstring::npos ? 1 : 0;
+      }
+    }
+    return count;
+  };
+  const auto plant = [&] {
+    test::WriteWholeFile(program, "x");
+    sim::SetFileSecurity(Kept(), kStranger, L"D:");
+    sim::RunProgram(program);
+  };
+  plant();
+  Apply(kBranding);
+  ExpectComplete();
+  EXPECT_EQ(setAside(), 1);
+  EXPECT_EQ(test::CountLogged("WARN branding: " + sim::Narrow(Kept()) + " belonged to somebody else and is set aside"),
+            1);
+  plant();
+  for (int hour = 0; hour < 2; ++hour, clock_.RunFor(3'600'000)) {
+    Apply(kBranding);
+    EXPECT_TRUE(sim::FileSecurity(Kept()).starts_with(kStranger)) << "taken for one's own by now";
+    EXPECT_EQ(setAside(), 1);
+  }
+  sim::EndPrograms();
+  RemoveBranding();
+  EXPECT_EQ(setAside(), 0);
+  EXPECT_FALSE(Exists(kKioskFolder));
+}
+
+TEST_P(StrangersFolder, ThatStaysIsToldOnceAndTriedEachHour) {
+  win32::FileHandle kept(CreateFileW(Kept().c_str(), FILE_LIST_DIRECTORY, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                     OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+  const std::string line =
+      "ERROR branding: somebody else's folder is in the way; trying again each hour: " + sim::Narrow(Kept()) + " (32)";
+  for (int minute = 0; minute < 150; ++minute) {
+    Apply(kBranding);
+    clock_.RunFor(60'000);
+  }
+  EXPECT_EQ(test::LogTexts(), std::vector<std::string>{line});
+  EXPECT_TRUE(portal_.Requests().empty());
+  kept.Reset();
+  Apply(kBranding);
+  EXPECT_FALSE(Exists(kRecord)) << "not before the hour is over";
+  clock_.RunFor(1'800'000);
+  Apply(kBranding);
+  ExpectComplete();
+}
+
 TEST_F(BrandingTest, NothingPlantedInTheFolderStays) {
   const auto file = [](const std::wstring& path, DWORD attributes = FILE_ATTRIBUTE_NORMAL) {
     test::WriteWholeFile(path, "x");
@@ -224,6 +306,14 @@ TEST_F(BrandingTest, NothingPlantedInTheFolderStays) {
     file(path + L"\\x");
     sim::MakeJunction(path + L"\\through", kTrap);
   };
+  const std::wstring exact = L"\\\\?\\" + kFolder + L"\\";
+  const auto longPath = [&] {
+    std::wstring path = exact + std::wstring(200, L'x');
+    for (int level = 0; level < 3; ++level, path += L"\\" + std::wstring(200, L'y')) {
+      CreateDirectoryW(path.c_str(), nullptr);
+    }
+    file(path);
+  };
   const auto noPhoto = [] { DeleteFileW(kOneFile.c_str()); };
   const std::wstring stray = kFolder + L"\\x";
   const std::function<void()> cases[] = {
@@ -231,6 +321,8 @@ TEST_F(BrandingTest, NothingPlantedInTheFolderStays) {
       [&] { file(stray, FILE_ATTRIBUTE_READONLY); },
       [&] { folder(stray); },
       [&] { sim::MakeJunction(stray, kTrap); },
+      [&] { file(exact + L"branding.json."); },
+      [&] { longPath(); },
       [&] { noPhoto(), file(kOneFile + L".tmp"); },
       [&] { noPhoto(), folder(kOneFile + L".tmp"); },
       [&] { noPhoto(), folder(kOneFile); },
@@ -291,6 +383,19 @@ TEST_F(BrandingTest, EndOfTheEnrolmentEndsTheRunAndWhatItMade) {
   Apply(kBranding);
   ExpectComplete();
   account::RemoveKioskMode(false, "because");
+  EXPECT_FALSE(Exists(kKioskFolder));
+}
+
+TEST_F(BrandingTest, WhatTheKioskHasOpenGoesOnceItIsSignedOut) {
+  Apply(kBranding);
+  test::SetString(state::kStateKey, L"AccountSid", sim::AddUser(L"NorvaneKiosk"));
+  sim::SetSession(2, L"NorvaneKiosk", sim::ComputerName());
+  sim::MakeStubborn(2, 5'000);
+  win32::FileHandle shown(
+      CreateFileW(kOneFile.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+  clock_.At(3'000, [&shown] { shown.Reset(); });
+  account::RemoveKioskMode(false, "because");
+  EXPECT_TRUE(Logged("WARN cannot remove " + sim::Narrow(kFolder) + " (32)"));
   EXPECT_FALSE(Exists(kKioskFolder));
 }
 

@@ -168,14 +168,30 @@ TEST_F(LogTest, JunctionInThePathIsReplacedNotFollowed) {
   }
 }
 
-TEST_F(LogTest, TreeThatCannotBeSecuredIsNotWritten) {
+TEST_F(LogTest, TreeThatCannotBeSecuredIsNotWrittenAndTriedAgainEachHour) {
+  sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 10));
+  clock.SetGrace(20);
   MakeLogTree();
   RemoveDirectoryW(kLogRoot);
   // Somebody holds a file where the log root should be, so it can be neither removed nor replaced.
-  const win32::FileHandle held(CreateFileW(kLogRoot, GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
+  win32::FileHandle held(CreateFileW(kLogRoot, GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
   ASSERT_TRUE(held);
   StartBanner(kKiosk);
+  const auto lineAfter = [&clock](std::uint64_t wait) {
+    clock.RunFor(wait);
+    Log(kNotice, kKiosk, "line");
+    clock.RunFor(1);
+  };
+  lineAfter(3'600'000);
   EXPECT_EQ(ListFolder(kParent), std::vector<std::wstring>{L"Logs"});
+  held.Reset();
+  lineAfter(3'500'000);
+  EXPECT_EQ(GetFileAttributesW(kLogRoot) & FILE_ATTRIBUTE_DIRECTORY, 0U);
+  lineAfter(100'000);
+  lineAfter(0);
+  EXPECT_EQ(LogTexts(), (std::vector<std::string>{"INFO log: C:\\ProgramData\\Norvane\\Tessaly\\Logs is secured now; "
+                                                  "lines are kept in files",
+                                                  "INFO line"}));
 }
 
 TEST_F(LogTest, LinkPlantedUnderTheNextNameIsNotWritten) {

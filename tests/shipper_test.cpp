@@ -117,6 +117,29 @@ TEST_F(ShipperTest, OutageOfADayLosesNothingAndIsLoggedOnce) {
   EXPECT_EQ(Segments(kDrop + L"\\Taken"), std::vector<std::wstring>{});
 }
 
+TEST_F(ShipperTest, TreeThatCannotBeSecuredIsNamedAndTheSpoolComesLater) {
+  clock_.SetGrace(20);
+  MakeDropTree();
+  test::RemoveTree(kDrop);
+  win32::FileHandle held(CreateFileW(kDrop.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
+  StartBanner(kKiosk);
+  clock_.RunFor(1000);
+  EXPECT_EQ(Count("Central logging: on | local files: off"), 1);
+  EXPECT_EQ(Count("log: cannot secure C:\\ProgramData\\Norvane\\Tessaly\\Logs\\Drop (32); "
+                  "no line is kept in files, trying again each hour"),
+            1);
+  held.Reset();
+  answer_ = Status(500);
+  clock_.RunFor(3'600'000);
+  Lines(0, 1);
+  clock_.RunFor(1000);
+  Lines(1, 2);
+  clock_.RunFor(600'000);
+  StopBanner(kKiosk);
+  EXPECT_NE(test::ReadWholeFile(kDrop + L"\\" + Segments().at(0)).find("line 0"), std::string::npos);
+  EXPECT_EQ(test::CountLogged("INFO line 1"), 1);
+}
+
 TEST_F(ShipperTest, StatusesDecideWhatBecomesOfALine) {
   struct {
     DWORD status;

@@ -3,6 +3,7 @@
 #include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/fault_driver.h"
+#include "sim/files.h"
 #include "sim/gtest_report.h"
 #include "sim/machine.h"
 #include "win32/lock.h"
@@ -76,6 +77,18 @@ TEST(SimLocks, RanksAreChecked) {
   leaf.Release();
   leaf.ReleaseShared();
   EXPECT_EQ(sentence(caught.Take()), "releases a lock of rank 100 that it does not hold\n");
+}
+
+TEST(SimFiles, AKeptHandleMakesALinkAndHoldsTheName) {
+  constexpr wchar_t kFolder[] = L"C:\\simtest";
+  CreateDirectoryW(kFolder, nullptr);
+  sim::KeepHandle(kFolder, L"C:\\elsewhere");
+  EXPECT_NE(GetFileAttributesW(kFolder) & FILE_ATTRIBUTE_REPARSE_POINT, 0U);
+  EXPECT_TRUE(RemoveDirectoryW(kFolder));
+  EXPECT_FALSE(CreateDirectoryW(kFolder, nullptr));
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_ACCESS_DENIED});
+  sim::ForgetMachine();
+  EXPECT_TRUE(RemoveDirectoryW(kFolder));
 }
 
 [[noreturn]] void ViolateAndExit() {

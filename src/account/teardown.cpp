@@ -131,6 +131,7 @@ void TearDown(bool deleteStateKey, const char* reason) {
   proxy::RestoreProxy();
   const bool networkWhole = network::EndChanges();
   const bool removed = RemoveAccount();
+  branding::RemoveBranding();  // what the kiosk's programs had open until they were signed out
   // With the record of an adapter that cannot be put back now, the next try would have nothing to go by.
   const bool deleteKey = deleteStateKey && removed && networkWhole;
   DeleteStaleProfiles(deleteKey);
@@ -217,6 +218,7 @@ void FinishPendingRemoval() {
     if (interrupted) {
       TearDown(false, "an earlier removal was interrupted");
     } else if (RemoveAccount()) {
+      branding::RemoveBranding();
       ForgetRemovedAccount();
       log::Log(log::kNotice, log::kKiosk, "the pending removal of %s finished", kKioskUserText);
     }

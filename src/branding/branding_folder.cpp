@@ -1,6 +1,7 @@
 #include "branding/branding_folder.h"
 
 #include "log/log.h"
+#include "win32/clock.h"
 #include "win32/secure_folder.h"
 #include "win32/wide_text.h"
 
@@ -10,21 +11,34 @@ namespace kiosk::branding {
 namespace {
 
 using win32::FolderStep;
+using win32::ForeignFolder;
 using State = CachedFile::State;
 
+constexpr wchar_t kTessalyFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly";
+
+// The outer two are shared with other programs of the maker, whose content stays.
 struct Folder {
   const wchar_t* path;
   const wchar_t* sddl;
+  ForeignFolder foreign;
 };
 constexpr Folder kFolders[] = {
-    {L"C:\\ProgramData\\Norvane", win32::kPrivateFolderSddl},
-    {L"C:\\ProgramData\\Norvane\\Tessaly", win32::kPrivateFolderSddl},
-    {kKioskFolder, win32::kReadableFolderSddl},
-    {kBrandingFolder, win32::kReadableFolderSddl},
+    {L"C:\\ProgramData\\Norvane", win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
+    {kTessalyFolder, win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
+    {kKioskFolder, win32::kReadableFolderSddl, ForeignFolder::kRemoveOrSetAside},
+    {kBrandingFolder, win32::kReadableFolderSddl, ForeignFolder::kRemoveOrSetAside},
 };
 constexpr std::size_t kAroundBranding = 3;
+constexpr std::uint64_t kHour = 3'600'000;
 
 win32::Lock folderLock{win32::LockRank::kBranding};
+
+// A stranger's folder in the way; guarded by folderLock.
+struct {
+  bool setAside = false;        // one was, in this process
+  bool told = false;            // that there is one that stays; until all folders could be had
+  std::uint64_t notBefore = 0;  // tick count of the next try
+} stranger;
 
 void LogWith(int level, const char* what, const std::wstring& path, DWORD error) {
   log::Log(level, log::kKiosk, "%s %s (%lu)", what, win32::ToNarrow(path).c_str(), error);
@@ -36,6 +50,16 @@ void LogFolder(const wchar_t* path, const win32::FolderResult& result) {
   }
   switch (result.failedAt) {
     case FolderStep::kDone:
+      if (result.setAside) {
+        log::Log(log::kWarn, log::kKiosk, "branding: %s belonged to somebody else and is set aside",
+                 win32::ToNarrow(path).c_str());
+      }
+      break;
+    case FolderStep::kDisplace:
+      if (!std::exchange(stranger.told, true)) {
+        LogWith(log::kError, "branding: somebody else's folder is in the way; trying again each hour:", path,
+                result.error);
+      }
       break;
     case FolderStep::kRemove:
       LogWith(log::kWarn, "cannot remove", path, result.error);
@@ -52,7 +76,23 @@ void LogFolder(const wchar_t* path, const win32::FolderResult& result) {
   }
 }
 
-bool Exists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
+// As Windows takes it literally, also with a dot or a blank at its end.
+std::wstring Exact(const std::wstring& path) { return L"\\\\?\\" + path; }
+
+bool Exists(const std::wstring& path) { return GetFileAttributesW(Exact(path).c_str()) != INVALID_FILE_ATTRIBUTES; }
+
+// The paths of what was set aside of `folder`.
+std::vector<std::wstring> SetAside(const std::wstring& around, const std::wstring& folder) {
+  const std::wstring start = folder + win32::kSetAsideMark;
+  std::vector<std::wstring> paths;
+  for (const std::wstring& name : win32::NamesIn(around)) {
+    std::wstring path = around + L"\\" + name;
+    if (win32::EqualIgnoringCase(path.substr(0, start.size()), start)) {
+      paths.push_back(std::move(path));
+    }
+  }
+  return paths;
+}
 
 bool IsOwnFile(const CachedFile& file) {
   constexpr DWORD kUnusual = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_READONLY;
@@ -75,11 +115,24 @@ DWORD WriteNew(HANDLE file, std::string_view bytes) noexcept {
 
 win32::Lock& FolderLock() noexcept { return folderLock; }
 
+bool HeldFolders::Hold() {
+  if (win32::TickCount() < stranger.notBefore || !Hold(kCount)) {
+    return false;
+  }
+  stranger.told = false;
+  return true;
+}
+
 bool HeldFolders::Hold(std::size_t count) {
   for (held_ = 0; held_ < count; ++held_) {
+    const Folder& folder = kFolders[held_];
+    // What is set aside stays until kiosk mode ends, so that happens once.
+    const bool removeOnly = folder.foreign == ForeignFolder::kRemoveOrSetAside && stranger.setAside;
     win32::FolderResult result =
-        win32::SecureFolder(kFolders[held_].path, kFolders[held_].sddl, win32::ForeignFolder::kTakeOver);
-    LogFolder(kFolders[held_].path, result);
+        win32::SecureFolder(folder.path, folder.sddl, removeOnly ? ForeignFolder::kRemove : folder.foreign);
+    stranger.setAside = stranger.setAside || result.setAside;
+    stranger.notBefore = result.failedAt == FolderStep::kDisplace ? win32::TickCount() + kHour : 0;
+    LogFolder(folder.path, result);
     if (!result) {
       return false;
     }
@@ -96,8 +149,8 @@ void HeldFolders::ReleaseInnermost() noexcept {
 
 CachedFile OpenCached(const std::wstring& path) {
   CachedFile file;
-  file.handle.Reset(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
-                                FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+  file.handle.Reset(CreateFileW(Exact(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
+                                OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
   if (!file.handle) {
     const DWORD error = GetLastError();
     file.state = error == ERROR_FILE_NOT_FOUND      ? State::kMissing
@@ -133,7 +186,7 @@ bool WriteCached(const std::wstring& path, std::string_view bytes) {
     return false;
   }
   win32::FileHandle file(
-      CreateFileW(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+      CreateFileW(Exact(temporary).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
   if (!file) {
     LogWith(log::kError, "cannot create", temporary, GetLastError());
     return false;
@@ -142,12 +195,13 @@ bool WriteCached(const std::wstring& path, std::string_view bytes) {
   file.Reset();
   if (error != ERROR_SUCCESS) {
     LogWith(log::kError, "cannot write", temporary, error);
-  } else if (MoveFileExW(temporary.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0) {
+  } else if (MoveFileExW(Exact(temporary).c_str(), Exact(path).c_str(),
+                         MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0) {
     return true;
   } else {
     LogWith(log::kError, "cannot replace", path, GetLastError());
   }
-  DeleteFileW(temporary.c_str());
+  DeleteFileW(Exact(temporary).c_str());
   return false;
 }
 
@@ -169,15 +223,24 @@ void RemoveAllBut(const std::vector<std::wstring>& names) {
 }
 
 bool RemoveCache() {
-  if (!Exists(kKioskFolder)) {
+  if (!Exists(kKioskFolder) && SetAside(kTessalyFolder, kKioskFolder).empty()) {
     return true;
   }
   HeldFolders around;
-  if (!around.Hold(kAroundBranding) || !RemoveCached(kBrandingFolder)) {
+  if (!around.Hold(kAroundBranding)) {
+    return false;
+  }
+  bool removed = RemoveCached(kBrandingFolder);
+  for (const auto& [outer, inner] : {std::pair{kKioskFolder, kBrandingFolder}, {kTessalyFolder, kKioskFolder}}) {
+    for (const std::wstring& path : SetAside(outer, inner)) {
+      removed = RemoveCached(path) && removed;
+    }
+  }
+  if (!removed) {
     return false;
   }
   around.ReleaseInnermost();
-  if (RemoveDirectoryW(kKioskFolder) == 0 && GetLastError() != ERROR_DIR_NOT_EMPTY) {
+  if (RemoveDirectoryW(Exact(kKioskFolder).c_str()) == 0 && GetLastError() != ERROR_DIR_NOT_EMPTY) {
     LogWith(log::kWarn, "cannot remove", kKioskFolder, GetLastError());
   }
   return true;

@@ -21,11 +21,15 @@ inline constexpr wchar_t kBrandingFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly
 win32::Lock& FolderLock() noexcept;
 
 // The four folders from C:\ProgramData\Norvane down to the branding's, made, secured and held open so that nobody can
-// swap one of them. The caller holds the lock for the life of this.
+// swap one of them. The inner two are made anew when they are a stranger's. The caller holds the lock for the life of
+// this.
 class HeldFolders {
  public:
-  // The outer `count` of them, outermost first. False when one cannot be had; logged.
-  bool Hold(std::size_t count = kCount);
+  // All of them, outermost first. False when one cannot be had; logged. A stranger's folder that Windows will neither
+  // remove nor rename is logged once, and looked at again after an hour.
+  bool Hold();
+  // The outer `count` of them, at any time.
+  bool Hold(std::size_t count);
   void ReleaseInnermost() noexcept;
 
  private:
@@ -61,8 +65,8 @@ bool RemoveCached(const std::wstring& path);
 // Removes everything in the folder but files of these names.
 void RemoveAllBut(const std::vector<std::wstring>& names);
 
-// Removes the folder with all that is in it, and the one around it when that is empty then. False when something of the
-// cache is left; logged.
+// Removes the folder with all that is in it, what was set aside, and the folder around it when that is empty then.
+// False when something of the cache is left; logged.
 bool RemoveCache();
 
 // RemoveCache under the lock, for the end of an enrolment. The caller may hold the account lock.

@@ -9,6 +9,7 @@
 #include "text/text.h"
 #include "win32/clock.h"
 #include "win32/secure_folder.h"
+#include "win32/wide_text.h"
 
 #include <algorithm>
 #include <array>
@@ -48,10 +49,20 @@ constexpr LogFolder kFolders[] = {
 
 enum class Ready { kNo, kRunning, kYes };
 
+// The folder of the tree that could not be secured, and why.
+struct Unsecured {
+  const wchar_t* folder = nullptr;  // null: all are
+  DWORD error = ERROR_SUCCESS;
+};
+
 // Written by the one thread that initialises, before `ready` says so; only read afterwards.
-bool secured = false;
-bool localFiles = false;
+Unsecured unsecuredAtStart;
 bool central = false;
+
+// The same, and later at most once from false to true, on the pool's thread.
+std::atomic<bool> secured{false};
+std::atomic<bool> localFiles{false};
+
 std::atomic<Ready> ready{Ready::kNo};
 std::atomic<std::uint64_t> nextPrune{0};
 
@@ -59,28 +70,42 @@ std::atomic<std::uint64_t> nextPrune{0};
 const Identity* identity = nullptr;
 
 // The handles stay open for the life of the process: nobody can then swap a folder on the way to the files.
-bool SecureLogTree() noexcept {
+Unsecured SecureLogTree() noexcept {
   CreateDirectoryW(L"C:\\ProgramData", nullptr);
-  return std::all_of(std::begin(kFolders), std::end(kFolders), [](const LogFolder& folder) {
-    win32::FolderResult result = win32::SecureFolder(folder.path, win32::kPrivateFolderSddl, folder.foreign);
-    static_cast<void>(result.folder.Release());
-    return static_cast<bool>(result);
-  });
+  std::array<win32::FileHandle, std::size(kFolders)> held;
+  for (std::size_t i = 0; i < held.size(); ++i) {
+    win32::FolderResult result =
+        win32::SecureFolder(kFolders[i].path, win32::kPrivateFolderSddl, kFolders[i].foreign);
+    if (!result) {
+      return {kFolders[i].path, result.error};
+    }
+    held[i] = std::move(result.folder);
+  }
+  for (win32::FileHandle& folder : held) {
+    static_cast<void>(folder.Release());
+  }
+  return {};
+}
+
+// Lines are written to the tree from now on.
+void UseLogTree() {
+  SYSTEMTIME today;
+  GetLocalTime(&today);
+  ArchiveOldFiles(today);
+  localFiles = ReadSettingNumber(L"LocalLogging").value_or(1) != 0;
+  secured = true;
 }
 
 void Initialise() {
   auto* mine = new Identity(ReadIdentity());
   identity = mine;
   // Without a secured tree nothing in it can be trusted: neither written, nor moved, nor pruned.
-  secured = SecureLogTree();
-  localFiles = secured && ReadSettingNumber(L"LocalLogging").value_or(1) != 0;
-  if (secured) {
-    SYSTEMTIME today;
-    GetLocalTime(&today);
-    ArchiveOldFiles(today);
+  unsecuredAtStart = SecureLogTree();
+  if (unsecuredAtStart.folder == nullptr) {
+    UseLogTree();
     mine->install = LoadOrCreateInstallId(kLogRoot);
   } else {
-    nextPrune = UINT64_MAX;
+    nextPrune = win32::TickCount() + kPruneInterval;
   }
   central = shipper::Start(*mine, secured);
 }
@@ -104,9 +129,22 @@ void EnsureReady() noexcept {
   }
 }
 
+// Whoever was in the way may have gone. The identifier of the installation is in the records from the next start on.
+bool SecureLogTreeLater() {
+  if (SecureLogTree().folder != nullptr) {
+    return false;
+  }
+  UseLogTree();
+  shipper::UseSpool();
+  Log(kNotice, kKiosk, "log: %s is secured now; lines are kept in files", win32::ToNarrow(kLogRoot).c_str());
+  return true;
+}
+
 DWORD WINAPI PruneItem(void* /*context*/) noexcept {
   try {
-    Prune();
+    if (secured || SecureLogTreeLater()) {
+      Prune();
+    }
   } catch (const std::exception& problem) {
     Log(kError, kKiosk, "log: prune ended early (%s)", problem.what());
   }
@@ -116,7 +154,7 @@ DWORD WINAPI PruneItem(void* /*context*/) noexcept {
 void PruneWhenDue(bool dayChanged) noexcept {
   const std::uint64_t now = win32::TickCount();
   std::uint64_t due = nextPrune.load();
-  if (due == UINT64_MAX || (!dayChanged && now < due)) {
+  if (!dayChanged && now < due) {
     return;
   }
   // Of all threads that see it due, the one that moves it on queues the work.
@@ -230,6 +268,10 @@ void StartBanner(const char* component) {
         identity->tenant.c_str(), identity->site.c_str(), identity->host.c_str());
   }
   Log(kNotice, component, "Central logging: %s | local files: %s", central ? "on" : "off", localFiles ? "on" : "off");
+  if (unsecuredAtStart.folder != nullptr) {
+    Log(kWarn, component, "log: cannot secure %s (%lu); no line is kept in files, trying again each hour",
+        win32::ToNarrow(unsecuredAtStart.folder).c_str(), unsecuredAtStart.error);
+  }
   if (*shipper::Problem() != '\0') {
     Log(kWarn, component, "central log: %s; nothing is shipped", shipper::Problem());
   }

@@ -1,7 +1,7 @@
 #include "win32/secure_folder.h"
 
 #include "win32/clock.h"
-#include "win32/privilege.h"
+#include "win32/open_folder.h"
 #include "win32/security.h"
 
 #include <aclapi.h>
@@ -10,41 +10,42 @@
 #include <cstddef>
 #include <cstring>
 #include <cwchar>
+#include <exception>
 #include <utility>
 
 namespace kiosk::win32 {
 namespace {
 
 constexpr int kMostLevels = 16;
+constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+// With a right that counts in sharing.
+constexpr DWORD kHold = FILE_LIST_DIRECTORY | READ_CONTROL | WRITE_DAC | WRITE_OWNER | FILE_READ_ATTRIBUTES;
+// Without one: nobody who keeps it open for himself alone is in the way.
+constexpr DWORD kLook = READ_CONTROL | FILE_READ_ATTRIBUTES;
 
-bool IsPlainFolder(DWORD attributes) noexcept {
-  return (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0;
-}
+// As Windows takes it literally: without a limit of 260 characters, and with the dots and blanks at the end of a name.
+using ExactPath = std::array<wchar_t, MAX_PATH>;
 
-// Without following links. Asks for a right that counts in sharing, so that it fails while anybody else holds the folder
-// open for renaming or deleting it, and keeps them from it afterwards.
-FileHandle OpenFolder(const wchar_t* path) noexcept {
-  return FileHandle(CreateFileW(path, FILE_LIST_DIRECTORY | READ_CONTROL | WRITE_DAC | WRITE_OWNER | FILE_READ_ATTRIBUTES,
-                                FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                                FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-}
-
-// Opens and looks again at what it is: between the first look and the opening somebody may have swapped it. A folder whose
-// own DACL shuts this account out is opened by the right of the privileges.
-DWORD HoldFolder(const wchar_t* path, FileHandle& folder) noexcept {
-  folder = OpenFolder(path);
-  if (!folder && GetLastError() == ERROR_ACCESS_DENIED) {
-    for (const wchar_t* privilege : {SE_BACKUP_NAME, SE_RESTORE_NAME, SE_TAKE_OWNERSHIP_NAME}) {
-      EnablePrivilege(privilege);
-    }
-    folder = OpenFolder(path);
+// Where a path leads: the open folder around it, and its name in there. `path` lives as long.
+struct Place {
+  explicit Place(const wchar_t* path) noexcept {
+    const std::wstring_view text(path);
+    const std::size_t slash = text.find_last_of(L'\\');
+    name = text.substr(slash + 1);
+    ExactPath around;
+    static_cast<void>(std::swprintf(around.data(), around.size(), L"\\\\?\\%.*ls", static_cast<int>(slash), path));
+    // What stands right below a drive is Windows' own, or an administrator's.
+    const bool followed = text.find_last_of(L'\\', slash - 1) == text.find(L'\\');
+    folder.Reset(CreateFileW(around.data(), FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES, kShareAll, nullptr,
+                             OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | (followed ? 0 : FILE_FLAG_OPEN_REPARSE_POINT),
+                             nullptr));
   }
-  BY_HANDLE_FILE_INFORMATION info;
-  if (!folder || GetFileInformationByHandle(folder.Get(), &info) == 0) {
-    return GetLastError();
-  }
-  return IsPlainFolder(info.dwFileAttributes) ? ERROR_SUCCESS : ERROR_DIRECTORY;
-}
+
+  FileHandle folder;
+  std::wstring_view name;
+};
+
+bool IsMissing(DWORD error) noexcept { return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND; }
 
 // This process's own account.
 bool IsOwnUser(PSID sid) noexcept {
@@ -112,55 +113,93 @@ DWORD SetOwnerAndDacl(HANDLE folder, const SecurityDescriptor& descriptor) noexc
   if (IsSecured(folder, wanted)) {
     return ERROR_SUCCESS;
   }
-  return SetSecurityInfo(
-      folder, SE_FILE_OBJECT,
-      OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, wanted.owner,
-      nullptr, wanted.dacl, nullptr);
+  return SetSecurityInfo(folder, SE_FILE_OBJECT,
+                         OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
+                         wanted.owner, nullptr, wanted.dacl, nullptr);
 }
 
-// A file, an empty folder, or a link.
-bool RemoveOne(const wchar_t* path, DWORD attributes) noexcept {
-  const auto remove = [&] {
-    return ((attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? RemoveDirectoryW(path) : DeleteFileW(path)) != 0;
-  };
-  if (remove()) {
-    return true;
+// Nobody but SYSTEM and Administrators can put anything into it from now on. The owner stays, as the sign of what the
+// folder is should it not go, and loses the right to change the list that Windows gives every owner (S-1-3-4, "OWNER
+// RIGHTS").
+DWORD ShutOut(HANDLE folder) noexcept {
+  const SecurityDescriptor descriptor(L"D:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;;RC;;;S-1-3-4)");
+  PACL dacl = nullptr;
+  BOOL present = FALSE;
+  BOOL defaulted = FALSE;
+  if (!descriptor || GetSecurityDescriptorDacl(descriptor.Get(), &present, &dacl, &defaulted) == 0) {
+    return GetLastError();
   }
-  return GetLastError() == ERROR_ACCESS_DENIED && (attributes & FILE_ATTRIBUTE_READONLY) != 0 &&
-         SetFileAttributesW(path, FILE_ATTRIBUTE_NORMAL) != 0 && remove();
+  return SetSecurityInfo(folder, SE_FILE_OBJECT, DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
+                         nullptr, nullptr, dacl, nullptr);
 }
 
-bool RemoveLevel(const std::wstring& path, int levelsLeft) {
-  const DWORD attributes = GetFileAttributesW(path.c_str());
-  if (attributes == INVALID_FILE_ATTRIBUTES) {
-    return GetLastError() == ERROR_FILE_NOT_FOUND || GetLastError() == ERROR_PATH_NOT_FOUND;
-  }
-  if (IsPlainFolder(attributes)) {
-    if (levelsLeft == 0) {
-      SetLastError(ERROR_DIR_NOT_EMPTY);
-      return false;
-    }
-    const FolderResult held = SecureFolder(path.c_str(), kPrivateFolderSddl, ForeignFolder::kTakeOver);
-    if (!held) {
-      SetLastError(held.error);
-      return false;
-    }
-    DWORD error = ERROR_SUCCESS;
-    for (const std::wstring& name : NamesIn(path)) {
-      error = RemoveLevel(path + L"\\" + name, levelsLeft - 1) ? error : GetLastError();
-    }
-    if (error != ERROR_SUCCESS) {
-      SetLastError(error);
-      return false;
+bool RemoveIn(HANDLE around, std::wstring_view name, int levelsLeft);
+
+// The last error is that of what is left.
+bool EmptyFolder(HANDLE folder, int levelsLeft) {
+  DWORD error = levelsLeft != 0 ? ShutOut(folder) : ERROR_DIR_NOT_EMPTY;
+  if (error == ERROR_SUCCESS) {
+    for (const std::wstring& name : NamesIn(folder)) {
+      error = RemoveIn(folder, name, levelsLeft - 1) ? error : GetLastError();
     }
   }
-  return RemoveOne(path.c_str(), attributes);
+  SetLastError(error);
+  return error == ERROR_SUCCESS;
 }
 
-bool SetAside(const wchar_t* path) noexcept {
-  std::array<wchar_t, MAX_PATH> aside;
-  const int length = std::swprintf(aside.data(), aside.size(), L"%ls.untrusted-%llu", path, FileTimeNow());
-  return length > 0 && MoveFileExW(path, aside.data(), 0) != 0;
+bool RemoveIn(HANDLE around, std::wstring_view name, int levelsLeft) {
+  const FileHandle doomed =
+      OpenAnywayIn(around, name, DELETE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES, kShareAll);
+  if (!doomed) {
+    return IsMissing(GetLastError());
+  }
+  if (IsPlainFolder(AttributesOf(doomed.Get()))) {
+    const FileHandle folder = OpenAnywayIn(around, name, kHold, kShareAll);
+    if (!folder || !EmptyFolder(folder.Get(), levelsLeft)) {
+      return false;
+    }
+  }
+  return Delete(doomed.Get());
+}
+
+DWORD Remove(const Place& place) noexcept {
+  try {
+    return RemoveIn(place.folder.Get(), place.name, kMostLevels) ? ERROR_SUCCESS : GetLastError();
+  } catch (const std::exception&) {
+    return ERROR_NOT_ENOUGH_MEMORY;
+  }
+}
+
+DWORD SetAside(const wchar_t* path) noexcept {
+  ExactPath from;
+  ExactPath to;
+  if (std::swprintf(from.data(), from.size(), L"\\\\?\\%ls", path) <= 0 ||
+      std::swprintf(to.data(), to.size(), L"\\\\?\\%ls%ls%llu", path, kSetAsideMark, FileTimeNow()) <= 0) {
+    return ERROR_FILENAME_EXCED_RANGE;
+  }
+  return MoveFileExW(from.data(), to.data(), 0) != 0 ? ERROR_SUCCESS : GetLastError();
+}
+
+// Takes a stranger's folder out of the way.
+DWORD Displace(const Place& place, const wchar_t* path, ForeignFolder foreign, bool& setAside) noexcept {
+  DWORD error = foreign != ForeignFolder::kSetAside ? Remove(place) : ERROR_SUCCESS;
+  if (foreign == ForeignFolder::kSetAside || (error != ERROR_SUCCESS && foreign == ForeignFolder::kRemoveOrSetAside)) {
+    error = SetAside(path);
+    setAside = error == ERROR_SUCCESS;
+  }
+  return error;
+}
+
+// Opens what stands there, and looks at the open folder: the one that was looked at before may be gone.
+DWORD HoldFolder(const Place& place, ForeignFolder foreign, FileHandle& folder) noexcept {
+  folder = OpenAnywayIn(place.folder.Get(), place.name, kHold, FILE_SHARE_READ | FILE_SHARE_WRITE);
+  if (!folder) {
+    return GetLastError();
+  }
+  if (!IsPlainFolder(AttributesOf(folder.Get()))) {
+    return ERROR_DIRECTORY;
+  }
+  return foreign == ForeignFolder::kTakeOver || HasTrustedOwner(folder.Get()) ? ERROR_SUCCESS : ERROR_INVALID_OWNER;
 }
 
 }  // namespace
@@ -173,31 +212,39 @@ FolderResult SecureFolder(const wchar_t* path, const wchar_t* sddl, ForeignFolde
     result.folder.Reset();
     return std::move(result);
   };
-  const DWORD attributes = GetFileAttributesW(path);
-  if (attributes != INVALID_FILE_ATTRIBUTES && !IsPlainFolder(attributes)) {
-    result.replaced = true;
-    if (!RemoveOne(path, attributes)) {
-      return failed(FolderStep::kRemove, GetLastError());
+  const Place place(path);
+  if (!place.folder) {
+    return failed(FolderStep::kCreate, GetLastError());
+  }
+  FileHandle found = OpenAnywayIn(place.folder.Get(), place.name, kLook, kShareAll);
+  const bool isFolder = found && IsPlainFolder(AttributesOf(found.Get()));
+  const bool isStrange = isFolder && foreign != ForeignFolder::kTakeOver && !HasTrustedOwner(found.Get());
+  result.replaced = found && !isFolder;
+  found.Reset();
+  if (result.replaced) {
+    if (const DWORD error = Remove(place); error != ERROR_SUCCESS) {
+      return failed(FolderStep::kRemove, error);
     }
   }
   const SecurityDescriptor descriptor(sddl);
   if (!descriptor) {
     return failed(FolderStep::kDescriptor, GetLastError());
   }
-  SECURITY_ATTRIBUTES security = descriptor.Attributes();
-  const bool stands = attributes != INVALID_FILE_ATTRIBUTES && IsPlainFolder(attributes);
-  const bool existed = stands || CreateDirectoryW(path, &security) == 0;
-  if (existed && !stands && GetLastError() != ERROR_ALREADY_EXISTS) {
-    return failed(FolderStep::kCreate, GetLastError());
-  }
-  DWORD error = HoldFolder(path, result.folder);
-  if (error == ERROR_SUCCESS && existed && foreign == ForeignFolder::kSetAside &&
-      !HasTrustedOwner(result.folder.Get())) {
-    result.folder.Reset();
-    if (!SetAside(path) || CreateDirectoryW(path, &security) == 0) {
-      return failed(FolderStep::kCreate, GetLastError());
+  if (isStrange) {
+    if (const DWORD error = Displace(place, path, foreign, result.setAside); error != ERROR_SUCCESS) {
+      return failed(FolderStep::kDisplace, error);
     }
-    error = HoldFolder(path, result.folder);
+  }
+  DWORD error = ERROR_ALREADY_EXISTS;
+  if (!isFolder || isStrange) {
+    result.folder =
+        CreateFolderIn(place.folder.Get(), place.name, kHold, FILE_SHARE_READ | FILE_SHARE_WRITE, descriptor.Get());
+    error = result.folder ? ERROR_SUCCESS : GetLastError();
+  }
+  if (error == ERROR_ALREADY_EXISTS) {
+    error = HoldFolder(place, foreign, result.folder);
+  } else if (error != ERROR_SUCCESS) {
+    return failed(isStrange ? FolderStep::kDisplace : FolderStep::kCreate, error);
   }
   if (error == ERROR_SUCCESS) {
     error = SetOwnerAndDacl(result.folder.Get(), descriptor);
@@ -208,8 +255,8 @@ FolderResult SecureFolder(const wchar_t* path, const wchar_t* sddl, ForeignFolde
 bool HasTrustedOwner(HANDLE file) noexcept {
   PSID owner = nullptr;
   PSECURITY_DESCRIPTOR descriptor = nullptr;
-  if (GetSecurityInfo(file, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr, nullptr, &descriptor) !=
-      ERROR_SUCCESS) {
+  if (GetSecurityInfo(file, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr, nullptr,
+                      &descriptor) != ERROR_SUCCESS) {
     return false;
   }
   const LocalMemory memory(descriptor);
@@ -218,18 +265,16 @@ bool HasTrustedOwner(HANDLE file) noexcept {
 }
 
 std::vector<std::wstring> NamesIn(const std::wstring& folder) {
-  std::vector<std::wstring> names;
-  WIN32_FIND_DATAW data;
-  const FindHandle search(FindFirstFileW((folder + L"\\*").c_str(), &data));
-  for (bool more = static_cast<bool>(search); more; more = FindNextFileW(search.Get(), &data) != 0) {
-    std::wstring name = data.cFileName;
-    if (name != L"." && name != L"..") {
-      names.push_back(std::move(name));
-    }
-  }
-  return names;
+  const FileHandle open(CreateFileW((L"\\\\?\\" + folder).c_str(), FILE_LIST_DIRECTORY, kShareAll, nullptr,
+                                    OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+  return open ? NamesIn(open.Get()) : std::vector<std::wstring>();
 }
 
-bool RemoveTree(const std::wstring& path) { return RemoveLevel(path, kMostLevels); }
+bool RemoveTree(const std::wstring& path) {
+  const Place place(path.c_str());
+  const DWORD error = place.folder ? Remove(place) : GetLastError();
+  SetLastError(error);
+  return error == ERROR_SUCCESS || IsMissing(error);
+}
 
 }  // namespace kiosk::win32

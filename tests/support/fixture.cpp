@@ -33,6 +33,9 @@ void ForgetKioskTraces() {
   }
 }
 
+// Names with a dot at their end, and paths of any length.
+std::wstring Exact(const std::wstring& path) { return L"\\\\?\\" + path; }
+
 }  // namespace
 
 void ResetComputer() {
@@ -121,7 +124,7 @@ void WriteWholeFile(const std::wstring& path, std::string_view content) {
 std::vector<std::wstring> ListFolder(const std::wstring& folder) {
   std::vector<std::wstring> names;
   WIN32_FIND_DATAW data;
-  const win32::FindHandle find(FindFirstFileW((folder + L"\\*").c_str(), &data));
+  const win32::FindHandle find(FindFirstFileW(Exact(folder + L"\\*").c_str(), &data));
   for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.Get(), &data) != 0) {
     const std::wstring name = data.cFileName;
     if (name != L"." && name != L"..") {
@@ -135,11 +138,11 @@ std::vector<std::wstring> ListFolder(const std::wstring& folder) {
 void RemoveTree(const std::wstring& folder) {
   for (const std::wstring& name : ListFolder(folder)) {
     const std::wstring path = folder + L"\\" + name;
-    if (DeleteFileW(path.c_str()) == 0) {
+    if (DeleteFileW(Exact(path).c_str()) == 0) {
       RemoveTree(path);
     }
   }
-  RemoveDirectoryW(folder.c_str());
+  RemoveDirectoryW(Exact(folder).c_str());
 }
 
 }  // namespace kiosk::test

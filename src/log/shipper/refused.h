@@ -9,8 +9,8 @@ namespace kiosk::log::shipper {
 
 class Refused {
  public:
-  // Empty `folder`: records are only counted.
-  explicit Refused(std::wstring folder) : folder_(std::move(folder)) {}
+  // Before it has a folder records are only counted.
+  void UseFolder(std::wstring folder) { folder_ = std::move(folder); }
 
   // Appends the record to the day's file "Refused_YYYYMMDD.log", up to 1 MiB a day, and says so in the local log at most
   // once an hour. `reason` is the answer.

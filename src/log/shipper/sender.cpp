@@ -41,21 +41,26 @@ std::string PopRecords(const Sender& sender, std::size_t limit, std::uint64_t lo
   return lines;
 }
 
-std::wstring Below(const std::wstring& root, const wchar_t* folder) { return root.empty() ? L"" : root + folder; }
+std::wstring DropBelow(const std::wstring& logRoot) { return logRoot + L"\\Drop"; }
 
 }  // namespace
 
-SenderThread::SenderThread(Settings settings, Sender sender, const std::wstring& logRoot, HANDLE wake, HANDLE stop)
+SenderThread::SenderThread(Settings settings, Sender sender, std::wstring logRoot, HANDLE wake, HANDLE stop)
     : settings_(std::move(settings)),
       sender_(std::move(sender)),
+      logRoot_(std::move(logRoot)),
       wake_(wake),
       stop_(stop),
       endpoint_(stop),
       remote_(settings_),
-      certificate_(settings_),
-      refused_(Below(logRoot, L"\\Archive")) {
-  if (!logRoot.empty()) {
-    spool_.emplace(Below(logRoot, L"\\Drop"), settings_.spoolCap);
+      certificate_(settings_) {}
+
+// As soon as it may be used.
+void SenderThread::OpenSpool() {
+  if (!spool_ && spoolUsable_) {
+    spool_.emplace(DropBelow(logRoot_), settings_.spoolCap);
+    refused_.UseFolder(logRoot_ + L"\\Archive");
+    tidyAt_ = 0;
   }
 }
 
@@ -90,6 +95,7 @@ void SenderThread::Run() noexcept {
 
 // One step: at most one request, and no wait of its own.
 SenderThread::Next SenderThread::Pass() {
+  OpenSpool();
   if (win32::TickCount() >= tidyAt_) {
     TidySpool();
   }
@@ -301,6 +307,7 @@ void SenderThread::SayDaily(const char* problem) {
 }
 
 void SenderThread::Finish() {
+  OpenSpool();
   if (claimed_) {
     claimed_->Return(spool_->Folder());
   }
@@ -312,10 +319,10 @@ void SenderThread::Finish() {
 }
 
 void SenderThread::Rescue() {
-  if (!spool_) {
+  if (!spoolUsable_) {
     return;
   }
-  Spool own(spool_->Folder(), settings_.spoolCap);
+  Spool own(DropBelow(logRoot_), settings_.spoolCap);
   std::string lines = flight_.TakeOver();
   do {
     if (!lines.empty() && !own.Append(lines)) {

@@ -10,6 +10,7 @@
 #include "log/shipper/settings.h"
 #include "log/shipper/spool.h"
 
+#include <atomic>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,14 +19,17 @@ namespace kiosk::log::shipper {
 
 class SenderThread {
  public:
-  // `wake` (auto reset) is set when there are lines, `stop` ends it all. `logRoot` empty: nothing is kept on the disk.
-  SenderThread(Settings settings, Sender sender, const std::wstring& logRoot, HANDLE wake, HANDLE stop);
+  // `wake` (auto reset) is set when there are lines, `stop` ends it all. Before UseSpool nothing is kept below `logRoot`.
+  SenderThread(Settings settings, Sender sender, std::wstring logRoot, HANDLE wake, HANDLE stop);
   SenderThread(const SenderThread&) = delete;
   SenderThread& operator=(const SenderThread&) = delete;
   ~SenderThread() = default;
 
   // Before Run, on the thread that starts it.
   void LoadKeptConfig() { remote_.LoadKept(); }
+
+  // Any thread, at any time.
+  void UseSpool() noexcept { spoolUsable_ = true; }
 
   // The body of the thread; returns soon after the stop, with everything unsent in the spool.
   void Run() noexcept;
@@ -39,6 +43,7 @@ class SenderThread {
 
   [[nodiscard]] bool Stopped() const noexcept;
   Next Pass();
+  void OpenSpool();
   bool Collect();
   Next KeepFlight();
   bool IdentityIsGood();
@@ -56,6 +61,8 @@ class SenderThread {
 
   const Settings settings_;
   const Sender sender_;
+  const std::wstring logRoot_;
+  std::atomic<bool> spoolUsable_{false};
   HANDLE wake_;
   HANDLE stop_;
   Endpoint endpoint_;

@@ -58,7 +58,10 @@ bool Start(const Identity& identity, bool spoolUsable) {
     problem = "there is not enough memory";
     return false;
   }
-  sender = new SenderThread(std::move(*settings), SenderOf(identity), spoolUsable ? kLogRoot : L"", wake, stopEvent);
+  sender = new SenderThread(std::move(*settings), SenderOf(identity), kLogRoot, wake, stopEvent);
+  if (spoolUsable) {
+    sender->UseSpool();
+  }
   sender->LoadKeptConfig();
   thread = win32::StartThread([]() noexcept { sender->Run(); }).Release();
   if (thread == nullptr) {
@@ -66,6 +69,12 @@ bool Start(const Identity& identity, bool spoolUsable) {
     problem = "its thread cannot be started";
   }
   return thread != nullptr;
+}
+
+void UseSpool() noexcept {
+  if (sender != nullptr) {
+    sender->UseSpool();
+  }
 }
 
 const char* Problem() noexcept { return problem; }

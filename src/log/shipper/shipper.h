@@ -14,6 +14,9 @@ namespace kiosk::log::shipper {
 // may be kept in it. True when lines will be shipped. Waits for nothing.
 bool Start(const Identity& identity, bool spoolUsable);
 
+// The log tree could be secured later: lines may be kept in it from now on. Any thread, once.
+void UseSpool() noexcept;
+
 // Why nothing is shipped although the settings name an endpoint; empty otherwise.
 const char* Problem() noexcept;
 
