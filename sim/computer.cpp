@@ -103,7 +103,7 @@ DWORD RestartComputer() {
     UnloadHive(name);
   }
   ForgetShutdown();
-  WriteNumber(kUpdateArea, L"RebootRequired", 0);
+  RestartAgent();
   TicksStartAnew();
   const std::optional<User> user = FindUser(WinlogonText(L"DefaultUserName"));
   const std::wstring domain = WinlogonText(L"DefaultDomainName");

@@ -39,7 +39,7 @@ void WorkOn(Outcome& outcome, bool installs) {
     if (installs && NumberOf(update, L"Downloaded") == 0) {
       Violation("an update is to be installed that was not downloaded");
     }
-    if (installs && NumberOf(update, L"Failure") != 0) {
+    if (NumberOf(update, installs ? L"Failure" : L"DownloadFailure") != 0) {
       ++failed;
       continue;
     }
@@ -71,9 +71,24 @@ std::wstring OfferUpdate(const OfferedUpdate& update) {
   WriteNumber(area, L"BrowseOnly", update.browseOnly);
   WriteNumber(area, L"AsksPerson", update.asksPerson);
   WriteNumber(area, L"TermsAccepted", update.termsAccepted);
+  WriteNumber(area, L"Impact", update.exclusive ? iiRequiresExclusiveHandling : iiNormal);
+  WriteNumber(area, L"NoBehaviour", update.noBehaviour);
+  WriteNumber(area, L"Feature", update.feature);
+  WriteNumber(area, L"DownloadFailure", update.downloadFailure);
   WriteNumber(area, L"Failure", update.failure);
   WriteNumber(area, L"TermsFailure", update.termsFailure);
   return id;
+}
+
+void RestartAgent() {
+  for (const std::wstring& name : AreaNames(kArea + L"\\Updates")) {
+    const std::wstring area = kArea + L"\\Updates\\" + name;
+    if (NumberOf(area, L"Feature") != 0 && Setting(L"Committed") == 0) {
+      WriteNumber(area, L"Installed", 0);
+    }
+  }
+  WriteNumber(kArea, L"Committed", 0);
+  WriteNumber(kArea, L"RebootRequired", 0);
 }
 
 std::string AgentWork() {

@@ -2,7 +2,7 @@
 #define CINTERFACE
 #include <initguid.h>
 
-#include "sim/update_catalogue.h"
+#include "sim/update_objects.h"
 
 #include "sim/clock.h"
 #include "sim/clock_internal.h"
@@ -12,6 +12,7 @@
 
 #include <oleauto.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cwchar>
@@ -19,8 +20,7 @@
 namespace sim {
 namespace {
 
-DEFINE_GUID(kIidUpdate2, 0x144fe9b0, 0xd23d, 0x4a8b, 0x86, 0x34, 0xfb, 0x44, 0x57, 0x53, 0x3b, 0x7a);
-DEFINE_GUID(kIidUpdate3, 0x112eda6b, 0x95b3, 0x476f, 0x9d, 0x90, 0xae, 0xe8, 0x2c, 0x6b, 0x81, 0x81);
+DEFINE_GUID(kIidInstaller4, 0xef8208ea, 0x2304, 0x492d, 0x91, 0x09, 0x23, 0x81, 0x3b, 0x09, 0x58, 0xe1);
 DEFINE_GUID(kCollectionClass, 0x13639463, 0x00db, 0x4646, 0x80, 0x3d, 0x52, 0x80, 0x26, 0x14, 0x0d, 0x88);
 DEFINE_GUID(kSearchDone, 0x88aee058, 0xd4b0, 0x4725, 0xa2, 0xf1, 0x81, 0x4a, 0x67, 0xae, 0x96, 0x4c);
 DEFINE_GUID(kDownloadDone, 0x77254866, 0x9f5b, 0x4c8e, 0xb9, 0xe2, 0xc7, 0x7a, 0x85, 0x30, 0xd6, 0x4b);
@@ -31,94 +31,46 @@ DEFINE_GUID(kInstallMoved, 0xe01402d5, 0xf8da, 0x43ba, 0xa0, 0x12, 0x38, 0x89, 0
 #define CALL STDMETHODCALLTYPE
 
 constexpr VARIANT_BOOL Flag(DWORD value) { return value != 0 ? VARIANT_TRUE : VARIANT_FALSE; }
-BSTR Text(const std::wstring& text) { return SysAllocStringLen(text.data(), static_cast<UINT>(text.size())); }
 
 std::atomic<int> liveOperations{0};
-
-using Identity = Object<IUpdateIdentity, std::wstring>;
-IUpdateIdentityVtbl identityTable = {COM_BASICS(Identity), .get_UpdateID = COM_GET(Text(Identity::Of(self)))};
-
-using Behaviour = Object<IInstallationBehavior, std::wstring>;  // the update's area
-IInstallationBehaviorVtbl behaviourTable = {
-    COM_BASICS(Behaviour), .get_CanRequestUserInput = COM_GET(Flag(NumberOf(Behaviour::Of(self), L"AsksPerson"))),
-    .get_RebootBehavior = COM_GET(static_cast<InstallationRebootBehavior>(NumberOf(Behaviour::Of(self), L"Reboot")))};
-
-using Update = Object<IUpdate, std::wstring, IID_IUpdate, kIidUpdate2, kIidUpdate3>;  // its area
-
-HRESULT CALL SizeOf(IUpdate* self, DECIMAL* out) {
-  const std::wstring size = ReadText(Update::Of(self), L"Size").value_or(L"none");
-  *out = {};
-  out->sign = size[0] == L'-' ? DECIMAL_NEG : 0;
-  out->Lo64 = std::wcstoull(size.c_str() + (size[0] == L'-' ? 1 : 0), nullptr, 10);
-  return size == L"none" ? E_FAIL : S_OK;
-}
-
-HRESULT CALL AcceptTerms(IUpdate* self) {
-  const std::wstring& area = Update::Of(self);
-  const DWORD error = Change<DWORD>("AcceptEula", area, [&]() -> DWORD {
-    if (NumberOf(area, L"TermsFailure") == 0) {
-      WriteNumber(area, L"TermsAccepted", 1);
-    }
-    return ERROR_SUCCESS;
-  });
-  return error != 0 ? HRESULT_FROM_WIN32(error) : static_cast<HRESULT>(NumberOf(area, L"TermsFailure"));
-}
-
-// The second and third version of the interface follow the first one's slots.
-struct UpdateTable {
-  IUpdateVtbl first;
-  void* second[4];
-  HRESULT(CALL* get_BrowseOnly)(IUpdate* self, VARIANT_BOOL* out);
-};
-static_assert(offsetof(UpdateTable, get_BrowseOnly) == 56 * sizeof(void*));
-UpdateTable updateTable = {
-    .first = {COM_BASICS(Update), .get_Title = COM_GET(Text(ReadText(Update::Of(self), L"Title").value_or(L""))),
-              .get_EulaAccepted = COM_GET(Flag(NumberOf(Update::Of(self), L"TermsAccepted"))),
-              .get_Identity = COM_GET(new Identity(&identityTable, ReadText(Update::Of(self), L"Id").value_or(L""))),
-              .get_InstallationBehavior = COM_GET(new Behaviour(&behaviourTable, Update::Of(self))),
-              .get_MaxDownloadSize = SizeOf, .AcceptEula = AcceptTerms},
-    .second = {},
-    .get_BrowseOnly = COM_GET(Flag(NumberOf(Update::Of(self), L"BrowseOnly")))};
-
-using Collection = Object<IUpdateCollection, Areas, IID_IUpdateCollection>;
-IUpdateCollectionVtbl collectionTable = {
-    COM_BASICS(Collection),
-    .get_Item = [](IUpdateCollection* self, LONG index, IUpdate** out) CALL -> HRESULT {
-      if (index < 0 || static_cast<std::size_t>(index) >= Collection::Of(self).size()) {
-        return static_cast<HRESULT>(0x80240007);  // no such index
-      }
-      *out = new Update(&updateTable.first, Collection::Of(self)[static_cast<std::size_t>(index)]);
-      return S_OK;
-    },
-    .get_Count = COM_GET(static_cast<LONG>(Collection::Of(self).size())),
-    .Add = [](IUpdateCollection* self, IUpdate* update, LONG* out) CALL -> HRESULT {
-      *out = static_cast<LONG>(Collection::Of(self).size());
-      Collection::Of(self).push_back(Update::Of(update));
-      return S_OK;
-    }};
 
 using SearchOutcome = Object<ISearchResult, Outcome>;
 ISearchResultVtbl searchResultTable = {
     COM_BASICS(SearchOutcome), .get_ResultCode = COM_GET(SearchOutcome::Of(self).code),
-    .get_Updates = COM_GET(new Collection(&collectionTable, SearchOutcome::Of(self).updates))};
+    .get_Updates = COM_GET(NewCollection(SearchOutcome::Of(self).updates))};
+using OneDownload = Object<IUpdateDownloadResult, Outcome>;
+IUpdateDownloadResultVtbl oneDownloadTable = {COM_BASICS(OneDownload),
+                                              .get_HResult = COM_GET(OneDownload::Of(self).failure),
+                                              .get_ResultCode = COM_GET(OneDownload::Of(self).code)};
+using OneInstallation = Object<IUpdateInstallationResult, Outcome>;
+IUpdateInstallationResultVtbl oneInstallationTable = {COM_BASICS(OneInstallation),
+                                                      .get_HResult = COM_GET(OneInstallation::Of(self).failure),
+                                                      .get_ResultCode = COM_GET(OneInstallation::Of(self).code)};
+// What became of one update of an operation.
+template <typename One, typename Interface, typename Table>
+HRESULT ResultAt(const Outcome& all, LONG index, Table* table, const wchar_t* done, const wchar_t* failure,
+                 Interface** out) {
+  const std::wstring& update = all.updates.at(static_cast<std::size_t>(index));
+  *out = new One(table, NumberOf(update, done) != 0 ? orcSucceeded : orcFailed,
+                 static_cast<HRESULT>(NumberOf(update, failure)));
+  return S_OK;
+}
 using DownloadOutcome = Object<IDownloadResult, Outcome>;
-IDownloadResultVtbl downloadResultTable = {COM_BASICS(DownloadOutcome),
-                                           .get_HResult = COM_GET(DownloadOutcome::Of(self).failure),
-                                           .get_ResultCode = COM_GET(DownloadOutcome::Of(self).code)};
-using OneOutcome = Object<IUpdateInstallationResult, Outcome>;
-IUpdateInstallationResultVtbl oneResultTable = {COM_BASICS(OneOutcome),
-                                                .get_HResult = COM_GET(OneOutcome::Of(self).failure),
-                                                .get_ResultCode = COM_GET(OneOutcome::Of(self).code)};
+IDownloadResultVtbl downloadResultTable = {
+    COM_BASICS(DownloadOutcome), .get_HResult = COM_GET(DownloadOutcome::Of(self).failure),
+    .get_ResultCode = COM_GET(DownloadOutcome::Of(self).code),
+    .GetUpdateResult = [](IDownloadResult* self, LONG index, IUpdateDownloadResult** out) CALL -> HRESULT {
+      return ResultAt<OneDownload>(DownloadOutcome::Of(self), index, &oneDownloadTable, L"Downloaded",
+                                   L"DownloadFailure", out);
+    }};
 using InstallOutcome = Object<IInstallationResult, Outcome>;
 IInstallationResultVtbl installResultTable = {
     COM_BASICS(InstallOutcome), .get_HResult = COM_GET(InstallOutcome::Of(self).failure),
     .get_RebootRequired = COM_GET(Flag(InstallOutcome::Of(self).reboot)),
     .get_ResultCode = COM_GET(InstallOutcome::Of(self).code),
     .GetUpdateResult = [](IInstallationResult* self, LONG index, IUpdateInstallationResult** out) CALL -> HRESULT {
-      const std::wstring& update = InstallOutcome::Of(self).updates.at(static_cast<std::size_t>(index));
-      *out = new OneOutcome(&oneResultTable, NumberOf(update, L"Installed") != 0 ? orcSucceeded : orcFailed,
-                            static_cast<HRESULT>(NumberOf(update, L"Failure")));
-      return S_OK;
+      return ResultAt<OneInstallation>(InstallOutcome::Of(self), index, &oneInstallationTable, L"Installed", L"Failure",
+                                       out);
     }};
 
 // What the product's callbacks look like from here.
@@ -275,6 +227,12 @@ HRESULT Begin(Kind kind, const Areas& updates, Callback* done, Callback* moved, 
       Violation("an update is to be worked on whose terms nobody accepted");
     }
   }
+  // The page of InstallationImpact: WU_E_EXCLUSIVE_INSTALL_CONFLICT, and no update is installed.
+  if (kind == Kind::kInstall && updates.size() > 1 && std::any_of(updates.begin(), updates.end(), [](const auto& each) {
+        return NumberOf(each, L"Impact") == iiRequiresExclusiveHandling;
+      })) {
+    return static_cast<HRESULT>(0x80240019);
+  }
   auto* const job =
       new JobObject(&(kind == Kind::kSearch ? searchJobTable : workJobTable).unknown, kind, updates, done, moved);
   if (const HRESULT failure = FailureOf(job->state.Stage() + L"Begin"); failure != S_OK) {
@@ -317,7 +275,7 @@ IUpdateSearcherVtbl searcherTable = {
 // A downloader or an installer: what it is to work on.
 #define PUT_UPDATES(type)                                                   \
   .put_Updates = [](auto* self, IUpdateCollection* value) CALL -> HRESULT { \
-    type::Of(self) = Collection::Of(value);                                 \
+    type::Of(self) = AreasOf(value);                                        \
     return S_OK;                                                            \
   }
 using Downloader = Object<IUpdateDownloader, Areas>;
@@ -330,24 +288,47 @@ IUpdateDownloaderVtbl downloaderTable = {
         },
     .EndDownload = [](IUpdateDownloader*, IDownloadJob* job, IDownloadResult** out)
                        CALL { return End<DownloadOutcome>(job, &downloadResultTable, out); }};
-using Installer = Object<IUpdateInstaller, Areas>;
-IUpdateInstallerVtbl installerTable = {
-    COM_BASICS(Installer),
-    PUT_UPDATES(Installer),
-    .BeginInstall =
-        [](IUpdateInstaller* self, IUnknown* moved, IUnknown* done, VARIANT, IInstallationJob** out) CALL {
-          return Begin(Kind::kInstall, Installer::Of(self), Accept(done, kInstallDone), Accept(moved, kInstallMoved),
-                       out);
-        },
-    .EndInstall = [](IUpdateInstaller*, IInstallationJob* job, IInstallationResult** out)
-                      CALL { return End<InstallOutcome>(job, &installResultTable, out); },
-    .get_IsBusy = COM_GET(Flag(Setting(L"InstallerBusy"))),
-    .put_AllowSourcePrompts = [](IUpdateInstaller*, VARIANT_BOOL allow) CALL -> HRESULT {
-      if (allow != VARIANT_FALSE) {
-        Violation("an installation may ask for a source, and nobody is there to answer");
-      }
-      return S_OK;
-    }};
+using Installer = Object<IUpdateInstaller, Areas, IID_IUpdateInstaller, kIidInstaller4>;
+
+// Its page: to be called once before a restart, and a second call may make the update fail.
+HRESULT CALL Commit(IUpdateInstaller*, DWORD flags) {
+  if (flags != 0 || Setting(L"Committed") != 0) {
+    Violation("updates are committed with flags, or twice before one restart");
+  }
+  sim_Sleep(Setting(L"Duration commit"));
+  const HRESULT failure = FailureOf(L"commit");
+  NoteWork("committed\n");
+  return failure != S_OK ? failure : HRESULT_FROM_WIN32(Change<DWORD>("Commit", L"", []() -> DWORD {
+    WriteNumber(kUpdateArea, L"Committed", 1);
+    return ERROR_SUCCESS;
+  }));
+}
+
+// Versions two to four of the interface follow the first one's slots.
+struct InstallerTable {
+  IUpdateInstallerVtbl first;
+  void* second[4];
+  HRESULT(CALL* Commit)(IUpdateInstaller* self, DWORD flags);
+};
+static_assert(offsetof(InstallerTable, Commit) == 32 * sizeof(void*));
+InstallerTable installerTable = {
+    .first = {COM_BASICS(Installer), PUT_UPDATES(Installer),
+              .BeginInstall =
+                  [](IUpdateInstaller* self, IUnknown* moved, IUnknown* done, VARIANT, IInstallationJob** out) CALL {
+                    return Begin(Kind::kInstall, Installer::Of(self), Accept(done, kInstallDone),
+                                 Accept(moved, kInstallMoved), out);
+                  },
+              .EndInstall = [](IUpdateInstaller*, IInstallationJob* job, IInstallationResult** out)
+                                CALL { return End<InstallOutcome>(job, &installResultTable, out); },
+              .get_IsBusy = COM_GET(Flag(Setting(L"InstallerBusy"))),
+              .put_AllowSourcePrompts = [](IUpdateInstaller*, VARIANT_BOOL allow) CALL -> HRESULT {
+                if (allow != VARIANT_FALSE) {
+                  Violation("an installation may ask for a source, and nobody is there to answer");
+                }
+                return S_OK;
+              }},
+    .second = {},
+    .Commit = Commit};
 
 // Makes an object for the product unless its stage is to fail.
 template <typename Made, typename Interface, typename Table>
@@ -369,7 +350,7 @@ IUpdateSessionVtbl sessionTable = {
     .CreateUpdateDownloader = [](IUpdateSession*, IUpdateDownloader** out)
                                   CALL { return Make<Downloader>(L"downloader", out, &downloaderTable); },
     .CreateUpdateInstaller = [](IUpdateSession*, IUpdateInstaller** out)
-                                 CALL { return Make<Installer>(L"installer", out, &installerTable); }};
+                                 CALL { return Make<Installer>(L"installer", out, &installerTable.first); }};
 
 using System = Object<ISystemInformation, Stateless, IID_ISystemInformation>;
 ISystemInformationVtbl systemTable = {COM_BASICS(System),
@@ -386,7 +367,13 @@ const bool registered =
                       [](REFIID id, void** out) { return Create<Session, &sessionTable>(L"session", id, out); }}) &&
     RegisterComClass(
         {&kCollectionClass,
-         [](REFIID id, void** out) { return Create<Collection, &collectionTable>(L"collection", id, out); }}) &&
+         [](REFIID id, void** out) {
+           const HRESULT failure = FailureOf(L"collection");
+           return failure != S_OK ? failure : CreateCollection(id, out);
+         }}) &&
+    RegisterComClass(
+        {&CLSID_UpdateInstaller,
+         [](REFIID id, void** out) { return Create<Installer, &installerTable.first>(L"installer", id, out); }}) &&
     RegisterComClass({&CLSID_SystemInformation,
                       [](REFIID id, void** out) { return Create<System, &systemTable>(L"system", id, out); }});
 

@@ -1,8 +1,9 @@
 // The Windows Update Agent of the simulated machine: area "WindowsUpdate", with an area "Updates\<number>" for each
 // update that is offered, and numbers that a test sets:
 //   "Fail <stage>"    an HRESULT for session, searcher, collection, searchBegin, search, downloader, downloadBegin,
-//                     download, installer, installBegin, install; the last of each three as the operation's result
-//   "Duration <stage>" milliseconds that search, download and install take; INFINITE: until they are aborted
+//                     download, installer, installBegin, install, commit, system; the last of each three as the
+//                     operation's result
+//   "Duration <stage>" milliseconds that search, download, install and commit take; INFINITE: until they are aborted
 //   "Code search"     the OperationResultCode of a search that succeeds
 //   "Stubborn"        1: an abort is ignored
 //   "InstallerBusy", "RebootRequired"
@@ -23,12 +24,18 @@ struct OfferedUpdate {
   bool browseOnly = false;
   bool asksPerson = false;
   bool termsAccepted = true;
+  bool exclusive = false;     // InstallationImpact 2: in a call with any other, nothing is installed
+  bool noBehaviour = false;   // it has no installation behaviour
+  bool feature = false;       // without a commit before the restart it is not installed
+  DWORD downloadFailure = 0;  // the HRESULT of its download
   DWORD failure = 0;       // the HRESULT of its installation
   DWORD termsFailure = 0;  // the HRESULT of accepting its terms
 };
 
 // Offers one more update and returns its id.
 std::wstring OfferUpdate(const OfferedUpdate& update);
+// What a restart of the computer does to the agent: what waited for it is complete, or lost.
+void RestartAgent();
 // "searched", "downloaded", "installed" with the number of updates, one a line, in order, of this process.
 std::string AgentWork();
 // The agent's operations that have not ended, in this process.

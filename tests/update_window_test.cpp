@@ -1,6 +1,7 @@
 // The window thread over simulated days and nights.
 #include "updates/window_thread.h"
 
+#include "sim/computer.h"
 #include "sim/shutdown.h"
 #include "tests/support/updates.h"
 #include "updates/presence.h"
@@ -135,6 +136,7 @@ TEST_F(UpdateWindowTest, TheRestartWaitsToo) {
   EXPECT_TRUE(asked->message == L"Restarting to finish installing updates." && asked->timeout == 60 &&
               asked->forceAppsClosed && asked->restart && asked->reason == 0x80020011);
   EXPECT_EQ(test::CountLogged("INFO os updates: restarting in 60 s to finish installing"), 1);
+  EXPECT_TRUE(sim::AgentWork().ends_with("installed 1\ncommitted\n")) << sim::AgentWork();
 
   // Windows refuses (a restart is under way): again in 15 minutes, in this window alone.
   GoTo(2, 2, 2);
@@ -159,6 +161,38 @@ TEST_F(UpdateWindowTest, TheRestartWaitsToo) {
   EXPECT_TRUE(Restarting());
 }
 
+// A feature update is lost in a restart without a commit, and a second commit spoils it.
+TEST_F(UpdateWindowTest, WhatIsInstalledIsCommittedOnceBeforeTheRestart) {
+  SetPolicy("02:00", "05:00", "[0,1,2,3,4,5,6]");
+  sim::OfferUpdate({.title = L"Feature", .reboot = 1, .feature = true});
+  SetAgent(L"Duration commit", 10 * 60'000);
+  Start();
+  GoTo(1, 2, 1);
+  EXPECT_FALSE(sim::PendingShutdown());
+  // Nobody at the terminal begins a run meanwhile.
+  EXPECT_FALSE(RunClaim::Take());
+  GoTo(1, 2, 3);
+  EXPECT_TRUE(Restarting());
+  EXPECT_EQ(test::CountLogged("WARN os updates: Windows did not commit them within 60 s"), 1);
+  GoTo(1, 2, 30);
+  EXPECT_EQ(sim::ReadNumber(sim::kUpdateArea, L"Committed"), 1U);
+
+  // The restart did not come, the service starts anew, another window: Windows is asked to restart, and that is all.
+  state::DeleteStateValue(state::kOsUpdatesWindowDone);
+  GoTo(2, 2, 30);
+  EXPECT_TRUE(Restarting());
+  EXPECT_EQ(sim::AgentWork().find("committed"), sim::AgentWork().rfind("committed"));
+
+  // After the restart there is another one; its failure keeps nothing.
+  sim::RestartComputer();
+  SetAgent(L"Duration commit", 0);
+  SetAgent(L"Fail commit", 0x80240fff);
+  sim::OfferUpdate({.title = L"Next", .reboot = 1});
+  GoTo(3, 2, 30);
+  EXPECT_TRUE(Restarting());
+  EXPECT_EQ(test::CountLogged("WARN os updates: cannot commit them before the restart (0x80240fff)"), 1);
+}
+
 TEST_F(UpdateWindowTest, AServiceThatStartsInADoneWindowDoesNothing) {
   SetPolicy("08:00", "12:00", "[6]");
   SetAgent(L"RebootRequired", 1);
@@ -171,14 +205,26 @@ TEST_F(UpdateWindowTest, AServiceThatStartsInADoneWindowDoesNothing) {
 
 TEST_F(UpdateWindowTest, ARunThatIsGoingIsLeftAlone) {
   SetPolicy("09:00", "12:00", "[6]");
-  auto claim = std::make_unique<std::optional<RunClaim>>(RunClaim::Take());
+  const auto take = [] { return std::make_unique<std::optional<RunClaim>>(RunClaim::Take()); };
+  auto claim = take();
   Start();
   clock_.RunFor(10 * kMinute);
   claim.reset();
   clock_.RunFor(5 * kMinute);
   EXPECT_EQ(Windows(), "");
+  sim::OfferUpdate({.title = L"One", .reboot = 1});
+  SetAgent(L"Duration install", static_cast<DWORD>(5 * kMinute));
   clock_.RunFor(2 * kMinute);
-  EXPECT_EQ(RunAt(), "2026-11-21T09:16");
+  Report(6, true);  // the run ends with somebody there, so the restart waits for the next quarter of an hour
+  clock_.RunFor(13 * kMinute);
+  EXPECT_EQ(RunAt(), "2026-11-21T09:21");
+  claim = take();  // and then for a run that the terminal began
+  clock_.RunFor(10 * kMinute);
+  claim.reset();
+  clock_.RunFor(10 * kMinute);
+  EXPECT_FALSE(Restarting());
+  clock_.RunFor(2 * kMinute);
+  EXPECT_TRUE(Restarting());
 }
 
 TEST_F(UpdateWindowTest, DaylightSavingAndAClockSetBack) {

@@ -42,7 +42,8 @@ TEST_F(UpdatesTest, InstallsWhatNeedsNoPerson) {
   sim::OfferUpdate({.title = L"Asks", .size = L"-1", .reboot = 2, .asksPerson = true});
   sim::OfferUpdate({.title = L"Fails", .size = L"none", .failure = 0x80070643});
   sim::OfferUpdate({.title = L"Terms", .termsAccepted = false, .termsFailure = 0x80240025});
-  sim::OfferUpdate({.title = L"Fine"});
+  sim::OfferUpdate({.title = L"Fine", .noBehaviour = true});
+  sim::OfferUpdate({.title = L"Does not come", .downloadFailure = 0x80246007});
   SetAgent(L"Duration search", 300);
   SetAgent(L"Duration download", 3000);
   SetAgent(L"Duration install", 3000);
@@ -54,7 +55,7 @@ TEST_F(UpdatesTest, InstallsWhatNeedsNoPerson) {
   clock_.At(1500, [&during] { during = Status(); });
   const RunResult result = Run(true);
   EXPECT_EQ(result.code, RunCode::kDone);
-  EXPECT_EQ(result.pending, 3);
+  EXPECT_EQ(result.pending, 4);
   EXPECT_EQ(result.restartRequired, true);
   EXPECT_EQ(progress, (std::vector<int>{0, 0, 25, 50, 50, 75}));
   EXPECT_TRUE(during.starts_with(R"({"ok":true,"checking":false,"installing":true,"progress":0,)")) << during;
@@ -64,13 +65,15 @@ TEST_F(UpdatesTest, InstallsWhatNeedsNoPerson) {
                       R"("lastChecked":"2026-11-21T09:00:00Z","error":null,"updates":[)"
                       R"({"id":"id-000002","title":"Asks","sizeBytes":0,"restartRequired":true},)"
                       R"({"id":"id-000003","title":"Fails","sizeBytes":0,"restartRequired":false},)"
-                      R"({"id":"id-000004","title":"Terms","sizeBytes":1048576,"restartRequired":false}]})");
+                      R"({"id":"id-000004","title":"Terms","sizeBytes":1048576,"restartRequired":false},)"
+                      R"({"id":"id-000006","title":"Does not come","sizeBytes":1048576,"restartRequired":false}]})");
   EXPECT_EQ(test::LogTexts(),
             (std::vector<std::string>{
                 "INFO os updates: searching", "WARN os updates: cannot accept the terms of \"Terms\" (0x80240025)",
-                "INFO os updates: 5 pending", "INFO os updates: downloading 3", "INFO os updates: installing 3",
+                "INFO os updates: 6 pending", "INFO os updates: downloading 4",
+                "WARN os updates: \"Does not come\" was not downloaded (0x80246007)", "INFO os updates: installing 3",
                 "WARN os updates: \"Fails\" was not installed (0x80070643)",
-                "INFO os updates: installed; 3 still pending, restart required"}));
+                "INFO os updates: installed; 4 still pending, restart required"}));
   EXPECT_EQ(sim::ReadText(sim::kUpdateArea, L"Client"), L"Norvane Kiosk");
   EXPECT_EQ(sim::LiveComObjects(), 0);
 }
@@ -87,6 +90,66 @@ TEST_F(UpdatesTest, WhenThereIsNothingToInstall) {
   EXPECT_EQ(Run(true).code, RunCode::kNothing);
   EXPECT_EQ(test::CountLogged("WARN os updates: none of the pending updates can install without a person"), 1);
   EXPECT_EQ(sim::AgentWork().find("downloaded"), std::string::npos);
+}
+
+TEST_F(UpdatesTest, AnUpdateThatInstallsAloneComesInAPassOfItsOwn) {
+  const auto isolated = [](const wchar_t* title, DWORD failure = 0) {
+    sim::OfferUpdate({.title = title, .exclusive = true, .failure = failure});
+  };
+  isolated(L"Alone");
+  EXPECT_EQ(Run(true).pending, 0);
+  EXPECT_EQ(sim::AgentWork(), "searched 1\ndownloaded 1\ninstalled 1\n");
+
+  // The first pass decides on the word; the progress stays below 100 until all are over.
+  isolated(L"Breaks", 0x80070643);
+  isolated(L"Works");
+  sim::OfferUpdate({.title = L"One"});
+  sim::OfferUpdate({.title = L"Two"});
+  SetAgent(L"Duration install", 3000);
+  std::vector<int> progress;
+  std::string during;
+  for (const std::uint64_t at : {2900U, 3100U, 5900U, 8900U}) {
+    clock_.At(clock_.Elapsed() + at, [&] {
+      progress.push_back(CurrentProgress());
+      during = Status();
+    });
+  }
+  RunResult result = Run(true);
+  EXPECT_TRUE(result.code == RunCode::kDone && result.pending == 1 && result.restartRequired == false);
+  EXPECT_EQ(result.error, "install_failed 0x80240022");
+  EXPECT_EQ(progress, (std::vector<int>{74, 99, 99, 99}));
+  EXPECT_NE(during.find(R"("installing":true,"progress":99,)"), std::string::npos) << during;
+  EXPECT_EQ(sim::AgentWork().substr(36), "searched 4\ndownloaded 2\ninstalled 2\ndownloaded 1\ninstalled 1\ndownloaded 1\n"
+                                         "installed 1\n");
+  EXPECT_EQ(test::LogTexts().back(), "INFO os updates: installed; 1 still pending");
+
+  // Nothing on top of what waits for a restart, or when the window has closed meanwhile.
+  SetAgent(L"Duration install", 0);
+  sim::OfferUpdate({.title = L"Three", .reboot = 1});
+  result = Run(true);
+  EXPECT_TRUE(result.code == RunCode::kDone && result.pending == 1 && result.restartRequired == true);
+  EXPECT_EQ(test::CountLogged("INFO os updates: 1 that Windows installs alone left for the next run"), 1);
+  sim::RestartAgent();
+  sim::OfferUpdate({.title = L"Four"});
+  {
+    const auto claim = RunClaim::Take();
+    result = RunUpdates(true, [] { return false; });
+  }
+  EXPECT_TRUE(result.code == RunCode::kDone && result.pending == 1 && result.error.empty());
+  EXPECT_EQ(test::CountLogged("INFO os updates: 1 that Windows installs alone left for the next run"), 2);
+  clock_.RunFor(1);
+}
+
+TEST_F(UpdatesTest, AFailedRunTellsWhetherARestartIsOwed) {
+  sim::OfferUpdate({.title = L"One", .failure = 0x80070643});
+  SetAgent(L"RebootRequired", 1);
+  EXPECT_EQ(Run(true).restartRequired, true);
+  EXPECT_NE(Status().find(R"("restartRequired":true)"), std::string::npos);
+  SetAgent(L"RebootRequired", 0);
+  SetAgent(L"Fail session", 0x80070005);
+  EXPECT_EQ(Run(true).restartRequired, false);
+  SetAgent(L"Fail system", 0x80070005);
+  EXPECT_EQ(Run(true).restartRequired, std::nullopt);
 }
 
 TEST_F(UpdatesTest, EveryStageThatFailsIsNamed) {

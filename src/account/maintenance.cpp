@@ -25,7 +25,6 @@
 namespace kiosk::account {
 namespace {
 
-constexpr std::uint64_t kFileTimeMillisecond = win32::kFileTimeSecond / 1000;
 
 // Sessions of people other than the kiosk account that were there during this maintenance. The control handler, connection
 // threads and the start come here.
@@ -123,9 +122,8 @@ bool EndMaintenance(const char* reason) {
 }
 
 void EndMaintenanceOfEarlierBoot() {
-  const std::uint64_t booted = win32::FileTimeNow() - win32::TickCount() * kFileTimeMillisecond;
   const auto stored = state::ReadState(state::kMaintenanceAt);
-  if ((stored ? stored->Qword().value_or(0) : 0) >= booted || !EndMaintenance("Windows restarted")) {
+  if ((stored ? stored->Qword().value_or(0) : 0) >= win32::WindowsStartedAt() || !EndMaintenance("Windows restarted")) {
     return;
   }
   // Durably over, or every start would end in a restart.

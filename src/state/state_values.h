@@ -98,6 +98,9 @@ inline constexpr StateValue kOsUpdatesWindowDone{L"OsUpdatesWindowDone", REG_SZ,
                                                  "the date on which the last window opened whose run was done"};
 inline constexpr StateValue kOsUpdatesReport{L"OsUpdatesReport", REG_SZ, "updates",
                                              "the last result of an update run, as JSON, sent with each check-in"};
+inline constexpr StateValue kOsUpdatesCommittedAt{
+    L"OsUpdatesCommittedAt", REG_QWORD, "updates",
+    "when the update agent was last asked to commit, right before a restart, as FILETIME"};
 inline constexpr StateValue kOwnsWuPolicy{L"OwnsWuPolicy", REG_DWORD, "updates",
                                           "1: the computer's own Windows Update restart policies were saved and are the "
                                           "service's; written before the first of them is changed"};
@@ -171,6 +174,7 @@ inline constexpr const StateValue* kStateValues[] = {
     &kUpdatesSource,
     &kOsUpdatesWindowDone,
     &kOsUpdatesReport,
+    &kOsUpdatesCommittedAt,
     &kOwnsWuPolicy,
     &kMadeWuKeys,
     &kPriorWuNoAutoReboot,

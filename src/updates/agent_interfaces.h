@@ -34,6 +34,30 @@ IUpdate3 : public IUpdate2 { virtual HRESULT STDMETHODCALLTYPE get_BrowseOnly(VA
 NORVANE_UUID(IUpdate3, 0x112eda6b, 0x95b3, 0x476f, 0x9d, 0x90, 0xae, 0xe8, 0x2c, 0x6b, 0x81, 0x81)
 #endif
 
+#ifndef __IUpdateInstaller2_INTERFACE_DEFINED__
+MIDL_INTERFACE("3442d4fe-224d-4cee-98cf-30e0c4d229e6")
+IUpdateInstaller2 : public IUpdateInstaller {
+  virtual HRESULT STDMETHODCALLTYPE get_ForceQuiet(VARIANT_BOOL * value) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_ForceQuiet(VARIANT_BOOL value) = 0;
+};
+NORVANE_UUID(IUpdateInstaller2, 0x3442d4fe, 0x224d, 0x4cee, 0x98, 0xcf, 0x30, 0xe0, 0xc4, 0xd2, 0x29, 0xe6)
+#endif
+
+#ifndef __IUpdateInstaller3_INTERFACE_DEFINED__
+MIDL_INTERFACE("16d11c35-099a-48d0-8338-5fae64047f8e")
+IUpdateInstaller3 : public IUpdateInstaller2 {
+  virtual HRESULT STDMETHODCALLTYPE get_AttemptCloseAppsIfNecessary(VARIANT_BOOL * value) = 0;
+  virtual HRESULT STDMETHODCALLTYPE put_AttemptCloseAppsIfNecessary(VARIANT_BOOL value) = 0;
+};
+NORVANE_UUID(IUpdateInstaller3, 0x16d11c35, 0x099a, 0x48d0, 0x83, 0x38, 0x5f, 0xae, 0x64, 0x04, 0x7f, 0x8e)
+#endif
+
+#ifndef __IUpdateInstaller4_INTERFACE_DEFINED__
+MIDL_INTERFACE("ef8208ea-2304-492d-9109-23813b0958e1")
+IUpdateInstaller4 : public IUpdateInstaller3 { virtual HRESULT STDMETHODCALLTYPE Commit(DWORD flags) = 0; };
+NORVANE_UUID(IUpdateInstaller4, 0xef8208ea, 0x2304, 0x492d, 0x91, 0x09, 0x23, 0x81, 0x3b, 0x09, 0x58, 0xe1)
+#endif
+
 // The arguments of a completion hold nothing.
 #ifndef __ISearchCompletedCallback_INTERFACE_DEFINED__
 MIDL_INTERFACE("a700a634-2850-4c47-938a-9e4b6e5af9a6")

@@ -20,34 +20,36 @@ std::uint64_t SizeOf(IUpdate* update) {
   return SUCCEEDED(update->get_MaxDownloadSize(&size)) && SUCCEEDED(VarUI8FromDec(&size, &bytes)) ? bytes : 0;
 }
 
-}  // namespace
-
-bool IsBrowseOnly(IUpdate* update) {
-  void* newer = nullptr;
-  if (FAILED(update->QueryInterface(__uuidof(IUpdate3), &newer))) {
-    return false;
-  }
-  const win32::ComPtr<IUpdate3> owner(static_cast<IUpdate3*>(newer));
-  VARIANT_BOOL browseOnly = VARIANT_FALSE;
-  return SUCCEEDED(owner->get_BrowseOnly(&browseOnly)) && browseOnly != VARIANT_FALSE;
-}
-
 std::string TitleOf(IUpdate* update) {
   win32::Bstr title;
   return SUCCEEDED(update->get_Title(title.Put())) ? win32::ToNarrow(win32::BstrText(title.Get())) : std::string();
 }
 
-PendingUpdate ReadUpdate(IUpdate* update) {
-  PendingUpdate entry{IdOf(update), TitleOf(update), SizeOf(update), true, true};
+}  // namespace
+
+bool IsBrowseOnly(const win32::ComPtr<IUpdate>& update) {
+  const auto newer = update.As<IUpdate3>(__uuidof(IUpdate3));
+  VARIANT_BOOL browseOnly = VARIANT_FALSE;
+  return newer && SUCCEEDED(newer->get_BrowseOnly(&browseOnly)) && browseOnly != VARIANT_FALSE;
+}
+
+FoundUpdate ReadUpdate(const win32::ComPtr<IUpdate>& update) {
+  FoundUpdate found{update, {IdOf(update.Get()), TitleOf(update.Get()), SizeOf(update.Get()), true, true}};
   win32::ComPtr<IInstallationBehavior> behaviour;
-  if (FAILED(update->get_InstallationBehavior(behaviour.Put())) || !behaviour) {
-    return entry;
+  if (FAILED(update->get_InstallationBehavior(behaviour.Put()))) {
+    return found;
+  }
+  if (!behaviour) {  // documented: there need not be one
+    found.entry.mayAsk = false;
+    return found;
   }
   InstallationRebootBehavior reboot = irbCanRequestReboot;
   VARIANT_BOOL asks = VARIANT_TRUE;
-  entry.mayRestart = FAILED(behaviour->get_RebootBehavior(&reboot)) || reboot != irbNeverReboots;
-  entry.mayAsk = FAILED(behaviour->get_CanRequestUserInput(&asks)) || asks != VARIANT_FALSE;
-  return entry;
+  InstallationImpact impact = iiNormal;
+  found.entry.mayRestart = FAILED(behaviour->get_RebootBehavior(&reboot)) || reboot != irbNeverReboots;
+  found.entry.mayAsk = FAILED(behaviour->get_CanRequestUserInput(&asks)) || asks != VARIANT_FALSE;
+  found.exclusive = SUCCEEDED(behaviour->get_Impact(&impact)) && impact == iiRequiresExclusiveHandling;
+  return found;
 }
 
 HRESULT AcceptTerms(IUpdate* update) {

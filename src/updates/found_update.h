@@ -3,17 +3,25 @@
 
 #include "updates/agent_interfaces.h"
 #include "updates/update_state.h"
+#include "win32/com.h"
 
 namespace kiosk::updates {
 
+struct FoundUpdate {
+  win32::ComPtr<IUpdate> update;
+  PendingUpdate entry;
+  // Windows installs it together with no other: such a call fails and installs nothing.
+  // https://learn.microsoft.com/windows/win32/api/wuapi/ne-wuapi-installationimpact
+  bool exclusive = false;
+  bool installed = false;  // by this run
+};
+
 // Offered to people who look for it, never to be installed by itself. An agent too old to know has none of these.
-bool IsBrowseOnly(IUpdate* update);
+bool IsBrowseOnly(const win32::ComPtr<IUpdate>& update);
 
-// What cannot be read is empty or 0; an update that does not tell whether it may ask a person something may.
-PendingUpdate ReadUpdate(IUpdate* update);
-
-// The title in UTF-8, for log lines.
-std::string TitleOf(IUpdate* update);
+// What cannot be read is empty or 0. An update without an installation behaviour asks nothing; one whose behaviour
+// cannot be read may.
+FoundUpdate ReadUpdate(const win32::ComPtr<IUpdate>& update);
 
 // Accepts the licence terms unless they are accepted already.
 HRESULT AcceptTerms(IUpdate* update);

@@ -91,7 +91,8 @@ void RememberOwedRestart() {
 void ForgetUpdates() {
   const LockedUpdateState nobodyWrites;
   for (const state::StateValue* value :
-       {&state::kUpdatesPolicy, &state::kUpdatesSource, &state::kOsUpdatesReport, &state::kOsUpdatesWindowDone}) {
+       {&state::kUpdatesPolicy, &state::kUpdatesSource, &state::kOsUpdatesReport, &state::kOsUpdatesWindowDone,
+        &state::kOsUpdatesCommittedAt}) {
     state::DeleteStateValue(*value);
   }
 }

@@ -4,6 +4,7 @@
 #include "log/log.h"
 #include "state/kiosk_state.h"
 #include "state/made_keys.h"
+#include "updates/commit.h"
 #include "win32/lock.h"
 #include "win32/privilege.h"
 #include "win32/wide_text.h"
@@ -172,6 +173,9 @@ void RestoreWuRestartPolicy() {
 
 bool RequestRestart() {
   win32::EnablePrivilege(SE_SHUTDOWN_NAME);
+  if (!CommitUpdates()) {
+    return false;
+  }
   std::wstring message = kMessage;
   if (InitiateSystemShutdownExW(nullptr, message.data(), kWarningSeconds, TRUE, TRUE, kReason) == 0) {
     log::Log(log::kError, log::kKiosk, "os updates: cannot restart (%lu)", GetLastError());

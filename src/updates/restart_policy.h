@@ -15,7 +15,8 @@ void ApplyWuRestartPolicy(const UpdatesPolicy& policy);
 // Comes from the window thread and from a teardown.
 void RestoreWuRestartPolicy();
 
-// Asks Windows to restart in 60 s. False when it refuses.
+// Commits what is installed, for at most 60 s, and asks Windows to restart in 60 s. False when Windows refuses or the
+// service stops. The caller holds the RunClaim.
 bool RequestRestart();
 
 }  // namespace kiosk::updates

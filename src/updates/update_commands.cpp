@@ -78,6 +78,7 @@ bool StartBackgroundRun(bool install) {
   if (!claim) {
     return false;
   }
+  LockedUpdateState()->checking = true;
   const win32::KernelHandle thread =
       win32::StartThread([held = std::move(*claim), install]() noexcept { RunAndRecord(install); });
   if (!thread) {

@@ -2,16 +2,18 @@
 
 #include "updates/update_state.h"
 
-#include <string>
+#include <functional>
 
 namespace kiosk::updates {
 
-// Searches for missing updates on the calling thread and, with `install`, downloads and installs those that need no
-// person. The caller holds the RunClaim. Takes minutes to hours; a stop of the service ends it within 10 s, with
-// kStopped and without any result. Every failure is logged and stands in the shared state as well.
-RunResult RunUpdates(bool install);
+// Asked between two installations of one run.
+using MayGoOn = std::function<bool()>;
 
-// Ends a run as failed: logged, kept as the last error, neither checking nor installing any more.
-void RunFailed(RunResult& result, const std::string& text);
+// Searches for missing updates on the calling thread and, with `install`, downloads and installs those that need no
+// person. An update that Windows installs together with no other is installed alone, after the others, if no restart is
+// owed by then and `mayGoOn` agrees; its failure leaves the code and shows in the error. The caller holds the RunClaim.
+// Takes minutes to hours; a stop of the service ends it within 10 s, with kStopped and without any result. Every failure
+// is logged and stands in the shared state as well. Whether a restart is owed is known after a failed installation too.
+RunResult RunUpdates(bool install, const MayGoOn& mayGoOn = [] { return true; });
 
 }  // namespace kiosk::updates

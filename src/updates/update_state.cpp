@@ -55,10 +55,7 @@ std::optional<RunClaim> RunClaim::Take() {
   if (busy.exchange(true)) {
     return std::nullopt;
   }
-  RunClaim claim;
-  const LockedUpdateState state;
-  state->checking = true;
-  return claim;
+  return RunClaim();
 }
 
 RunClaim::~RunClaim() {

@@ -46,10 +46,10 @@ ProgressStage BeginProgressStage(int percent) noexcept;
 void ReportProgress(ProgressStage stage, int percent) noexcept;
 int CurrentProgress() noexcept;
 
-// The right to run. While it lives no other run begins; with its end the state is neither checking nor installing.
+// The right to run. While it lives no run begins; with its end the state is neither checking nor installing.
 class RunClaim {
  public:
-  // Empty when a run is going already. Otherwise the state is checking from now on.
+  // Empty when a run is going already.
   static std::optional<RunClaim> Take();
   RunClaim(RunClaim&& other) noexcept : held_(other.held_) { other.held_ = false; }
   RunClaim(const RunClaim&) = delete;

@@ -32,6 +32,12 @@ std::string KeyNow(const UpdatesPolicy& policy) {
 
 bool InForce(UpdatesPolicy& policy) { return account::IsEnrolled() && LoadUpdatesPolicy(policy) && policy.automatic; }
 
+// Still, with the policy of this moment.
+bool IsOpen(const std::string& key) {
+  UpdatesPolicy policy;
+  return InForce(policy) && KeyNow(policy) == key;
+}
+
 class Window {
  public:
   void Evaluate() {
@@ -52,7 +58,7 @@ class Window {
     }
     if (done || RunOnce(key)) {
       // The run may have taken hours: the window, and who is at the terminal, are looked at anew.
-      AskForRestart(done || (InForce(policy) && KeyNow(policy) == key && DeferralReason().empty()));
+      AskForRestart(done || (IsOpen(key) && DeferralReason().empty()));
     }
   }
 
@@ -85,7 +91,7 @@ class Window {
         return false;
       }
       log::Log(log::kNotice, log::kKiosk, "os updates: the %s window is open", key.c_str());
-      result = RunUpdates(true);
+      result = RunUpdates(true, [&key] { return IsOpen(key); });
     }
     if (result.code == RunCode::kStopped) {
       return false;
@@ -100,8 +106,10 @@ class Window {
     return true;
   }
 
+  // Never under a run that the terminal began: the claim keeps them apart until Windows has been asked.
   void AskForRestart(bool now) {
-    if (now && RequestRestart()) {
+    const std::optional<RunClaim> claim = now ? RunClaim::Take() : std::nullopt;
+    if (claim && RequestRestart()) {
       restartKey_.clear();
     } else {
       TryLater();

@@ -31,6 +31,9 @@ inline std::uint64_t PreciseFileTimeNow() noexcept {
   return FileTimeValue(now);
 }
 
+// When Windows started, by the present system time: it moves with a clock that is set.
+inline std::uint64_t WindowsStartedAt() noexcept { return FileTimeNow() - TickCount() * (kFileTimeSecond / 1000); }
+
 // A moment by which a longer operation must be over.
 class Deadline {
  public:
