@@ -138,6 +138,9 @@ TEST(Owner, EveryComputerIsGivenBackWithTheLifeThatItHad) {
     RemoveKioskMode(false, "because");
     EXPECT_EQ(test::Differences(before), life.lost);
   }
+  sim::SignOut(sim::SignIn(L"anna"));
+  test::Enrol("tok-2");  // once more, with her name in the settings
+  test::ExpectProvisioned();
   EXPECT_EQ(test::CountLogged("WARN an auto sign-in secret from before enrolment was replaced and cannot be put back"),
             1);
 }

@@ -81,6 +81,7 @@ TEST_F(ServiceTest, StartRepairsAndShutdownEndsMaintenance) {
   test::SetDword(state::kStateKey, L"DevAllowUnsigned", 1);
   test::SetDword(state::kStateKey, L"Maintenance", 1);
   ASSERT_TRUE(state::WriteStateQword(state::kMaintenanceAt, 1));  // long before this boot
+  state::DeleteStateValue(state::kAutoLogonDigest);               // an earlier version knew none
   sim::AddToGroup(L"S-1-5-32-544", sim::FindUser(L"NorvaneKiosk")->sid);
   {
     const win32::KernelHandle service = win32::StartThread([]() noexcept { RunDispatcher(); });

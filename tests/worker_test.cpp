@@ -1,6 +1,7 @@
 // The worker's loop, in virtual time.
 #include "service/worker.h"
 
+#include "account/winlogon.h"
 #include "portal/device_token.h"
 #include "portal/worker_wake.h"
 #include "sim/accounts.h"
@@ -130,10 +131,12 @@ TEST_F(WorkerTest, ProvisionsAtTheFirstGoodAnswerAndAfterAFailureEveryTenMinutes
   EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
   EXPECT_EQ(state::ReadStateString(state::kLastError), L"");
   const std::wstring password = sim::AccountPassword(L"NorvaneKiosk");
+  SetString(account::kWinlogonKey, account::kDefaultUserName, L"anna");  // as Windows does when she signs in
   sim::AddToGroup(L"S-1-5-32-544", sim::FindUser(L"NorvaneKiosk")->sid);
   clock_.RunUntil(1'831'000);
   EXPECT_EQ(sim::AccountPassword(L"NorvaneKiosk"), password) << "provisioned twice";
   EXPECT_EQ(test::CountLogged("WARN removed NorvaneKiosk from Administrators"), 1);
+  EXPECT_EQ(state::ReadString(account::kWinlogonKey, account::kDefaultUserName), L"NorvaneKiosk");
 }
 
 TEST_F(WorkerTest, RevocationEndsTheEnrolmentAndWhatIsPendingIsRetried) {
