@@ -313,6 +313,11 @@ void VirtualClock::SetSystemTime(std::uint64_t utc) {
   wallTicks = ticks;
 }
 
+void StepSystemTime(std::int64_t milliseconds) {
+  const Guarded lock;
+  wallBase += static_cast<std::uint64_t>(milliseconds) * kPerMillisecond;
+}
+
 void VirtualClock::SetBias(int minutes) {
   const Guarded lock;
   bias = minutes;

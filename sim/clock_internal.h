@@ -18,6 +18,7 @@ bool ClockIsVirtual();
 std::uint64_t VirtualTicks();
 std::uint64_t VirtualUtc();
 int VirtualBias();
+void StepSystemTime(std::int64_t milliseconds);  // Windows sets the clock; nothing happens while time is real
 DWORD WaitMany(DWORD count, const HANDLE* objects, BOOL all, DWORD milliseconds);  // under either time
 void SleepVirtually(DWORD milliseconds);
 

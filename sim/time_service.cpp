@@ -4,9 +4,12 @@
 #include "sim/time_service.h"
 
 #include "sim/clock.h"
+#include "sim/clock_internal.h"
 #include "sim/faults.h"
 #include "sim/machine.h"
 
+#include <cstdint>
+#include <cstdlib>
 #include <cwchar>
 #include <string_view>
 
@@ -38,6 +41,25 @@ DWORD State() {
   return ClockNow() >= since + Setting(L"StartDelay") ? SERVICE_RUNNING : SERVICE_START_PENDING;
 }
 
+// The service attempts to synchronise.
+void Attempt() {
+  if (const DWORD empty = Setting(L"Empty"); empty != 0) {
+    WriteNumber(kArea, L"Empty", empty - 1);
+    return;
+  }
+  const auto behind = static_cast<std::int32_t>(Setting(L"Behind"));
+  DWORD gradual = 1;
+  DWORD size = sizeof(gradual);
+  RegGetValueW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Services\\W32Time\\Config", L"MaxAllowedPhaseOffset",
+               RRF_RT_REG_DWORD, nullptr, &gradual, &size);
+  if (std::abs(std::int64_t{behind}) > std::int64_t{gradual} * 1'000) {
+    StepSystemTime(behind);
+    WriteNumber(kArea, L"Behind", 0);
+  }
+}
+
+// [MS-W32T] 3.2.5.1: with a wait it returns when the attempt is over, "regardless of the status"; without
+// TimeSyncFlag_ReturnResult 0 is not the outcome.
 DWORD WINAPI SyncNow(const wchar_t* computer, DWORD wait, DWORD flags) {
   if (computer != nullptr || wait != 1 || flags != 1) {
     Violation("W32TimeSyncNow: another computer, wait %lu, flags %lu", wait, flags);
@@ -46,7 +68,13 @@ DWORD WINAPI SyncNow(const wchar_t* computer, DWORD wait, DWORD flags) {
   if (Setting(L"SyncHangs") != 0) {
     Wait(CreateEventW(nullptr, TRUE, FALSE, nullptr), INFINITE);
   }
-  return State() == SERVICE_RUNNING ? Setting(L"SyncResult") : ERROR_SERVICE_NOT_ACTIVE;
+  if (State() != SERVICE_RUNNING) {
+    return ERROR_SERVICE_NOT_ACTIVE;
+  }
+  if (Setting(L"SyncResult") == 0) {
+    Attempt();
+  }
+  return Setting(L"SyncResult");
 }
 
 }  // namespace
@@ -64,7 +92,9 @@ BOOL StartTimeService() {
   }
   WriteText(kArea, L"StartedAt", std::to_wstring(ClockNow()));
   WriteNumber(kArea, L"Running", 1);
-  return TRUE;
+  // StartServiceW: after 30 s it gives up with ERROR_SERVICE_REQUEST_TIMEOUT, though the process was started.
+  const DWORD givenUp = Setting(L"StartGivenUp");
+  return givenUp == 0 || Fail(givenUp);
 }
 
 BOOL ConfigureTimeService(DWORD start) {
@@ -147,6 +177,9 @@ SIM(WINBOOL, CreateProcessW, LPCWSTR program, LPWSTR commandLine, LPSECURITY_ATT
   const auto exitCode = ReadNumber(kArea, L"W32tm");
   if (!exitCode) {
     return Fail(ERROR_FILE_NOT_FOUND);
+  }
+  if (*exitCode == 0) {
+    Attempt();
   }
   // A program that ends with that code, or one that never begins.
   std::wstring stand = L"cmd.exe /c exit " + std::to_wstring(*exitCode);

@@ -21,9 +21,12 @@ namespace kiosk::timesync {
 namespace {
 
 constexpr wchar_t kParameters[] = L"SYSTEM\\CurrentControlSet\\Services\\W32Time\\Parameters";
+constexpr wchar_t kConfig[] = L"SYSTEM\\CurrentControlSet\\Services\\W32Time\\Config";
+constexpr wchar_t kPolicy[] = L"SOFTWARE\\Policies\\Microsoft\\W32Time\\Parameters";
 constexpr DWORD kAnswerTime = 500;  // real ms that a datagram may take to and fro
 
-// A UDP server on loopback in real time, which answers the first request with what `answer` makes of a good reply.
+// A UDP server on loopback whose clock reads `time` now and goes on with the virtual one. It answers each request with
+// what `answer` makes of a good reply.
 class UdpServer {
  public:
   using Bytes = std::vector<unsigned char>;
@@ -39,7 +42,10 @@ class UdpServer {
     EXPECT_EQ(getsockname(socket_, reinterpret_cast<sockaddr*>(&address_), &size), 0);
     sim::WriteText(L"Hosts\\time.test", L"Address", L"127.0.0.1");
     sim::WriteNumber(L"Hosts\\time.test", L"Port", ntohs(address_.sin_port));
-    thread_ = std::thread([this, time, answer = std::move(answer)] { Serve(time, answer); });
+    thread_ = std::thread([this, ahead = time - Milliseconds(sim::ClockNow()), answer = std::move(answer)] {
+      while (Serve(ahead, answer)) {
+      }
+    });
   }
   ~UdpServer() {
     sendto(socket_, "", 0, 0, reinterpret_cast<sockaddr*>(&address_), sizeof(address_));  // ends a server still waiting
@@ -48,26 +54,28 @@ class UdpServer {
   }
 
  private:
-  void Serve(Milliseconds time, const std::function<Bytes(Bytes)>& answer) const {
+  [[nodiscard]] bool Serve(Milliseconds ahead, const std::function<Bytes(Bytes)>& answer) const {
     unsigned char request[100];
     sockaddr_in from{};
     int size = sizeof(from);
     if (recvfrom(socket_, reinterpret_cast<char*>(request), sizeof(request), 0, reinterpret_cast<sockaddr*>(&from),
                  &size) != 48) {
-      return;
+      return false;
     }
     Bytes reply(48);
     reply[0] = 0x1C;
     reply[1] = 3;
-    const std::uint64_t seconds = static_cast<std::uint64_t>(time / 1000) - 9'435'484'800;
-    for (std::size_t i = 0; i < 4; ++i) {
-      reply[32 + i] = reply[40 + i] = static_cast<unsigned char>(seconds >> (24 - 8 * i));
+    const auto time = static_cast<std::uint64_t>(ahead) + sim::ClockNow();
+    const std::uint64_t stamp = (time / 1000 - 9'435'484'800) << 32 | (time % 1000 << 32) / 1000;
+    for (std::size_t i = 0; i < 8; ++i) {
+      reply[32 + i] = reply[40 + i] = static_cast<unsigned char>(stamp >> (56 - 8 * i));
     }
     reply = answer(reply);
     if (!reply.empty()) {
       sendto(socket_, reinterpret_cast<char*>(reply.data()), static_cast<int>(reply.size()), 0,
              reinterpret_cast<sockaddr*>(&from), size);
     }
+    return true;
   }
 
   SOCKET socket_;
@@ -79,10 +87,16 @@ class TimeSyncTest : public test::CleanMachine {
  protected:
   void SetUp() override {
     CleanMachine::SetUp();
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, kParameters);
+    ForgetSettings();
     test::SetString(kParameters, L"NtpServer", L" TIME.test,0x8 other.test,0x9 ");
   }
-  void TearDown() override { RegDeleteTreeW(HKEY_LOCAL_MACHINE, kParameters); }
+  void TearDown() override { ForgetSettings(); }
+
+  static void ForgetSettings() {
+    for (const wchar_t* key : {kParameters, kConfig, kPolicy}) {
+      RegDeleteTreeW(HKEY_LOCAL_MACHINE, key);
+    }
+  }
 
   static std::string Sync() { return json::Serialise(TimeSync()); }
   static void Service(const wchar_t* name, DWORD number) { sim::WriteNumber(L"TimeService", name, number); }
@@ -123,7 +137,8 @@ TEST_F(TimeSyncTest, ServerIsTheFirstOfTheSetting) {
 TEST_F(TimeSyncTest, DisabledServiceIsStartedAndTheOffsetMeasured) {
   Service(L"Start", SERVICE_DISABLED);
   Service(L"StartDelay", 14'950);
-  const UdpServer server(Now() + 15'000 + 4'000);  // the start is seen after 15 s
+  Service(L"Behind", 4'000);
+  const UdpServer server(Now() + 4'000);
   clock_.At(14'999, [this] { clock_.SetGrace(kAnswerTime); });
   EXPECT_EQ(Sync(), R"({"ok":true,"server":"time.test","offsetMs":4000})");
   EXPECT_EQ(Lines(), (std::vector<std::string>{"WARN time: the Windows Time service was disabled; set to manual start",
@@ -146,6 +161,74 @@ TEST_F(TimeSyncTest, ServiceThatDoesNotRunFailsTheCommand) {
   EXPECT_EQ(Lines(), (std::vector<std::string>{"ERROR time: cannot start the Windows Time service (1068)",
                                                "ERROR time: cannot open the Windows Time service (1060)"}));
   EXPECT_EQ(Seen(L"Syncs"), 0U);
+}
+
+TEST_F(TimeSyncTest, StartThatWindowsGaveUpMayComeToSomething) {
+  Service(L"StartGivenUp", ERROR_SERVICE_REQUEST_TIMEOUT);
+  Service(L"StartDelay", 10'000);
+  EXPECT_EQ(Sync(), R"({"ok":true,"server":"time.test"})");
+  EXPECT_EQ(Lines(), (std::vector<std::string>{"ERROR time: cannot start the Windows Time service (1053)",
+                                               "INFO time: started the Windows Time service",
+                                               "WARN time: no SNTP answer from time.test",
+                                               "INFO time: resynced with time.test, the clock was 0 ms out"}));
+}
+
+// W32TimeSyncNow says 0 whatever came of it.
+TEST_F(TimeSyncTest, TheClockIsMeasuredAgainBeforeItCountsAsSet) {
+  Service(L"Running", 1);
+  Service(L"W32tm", 0);
+  clock_.SetGrace(kAnswerTime);
+  const std::string done = "INFO time: resynced with time.test, the clock was ";
+  const std::string gradual = " ms out; Windows corrects it gradually";
+  struct {
+    int behind;       // ms, at first
+    DWORD empty;      // attempts without a sample
+    DWORD steppedBy;  // seconds until the clock is set though no attempt shows it; 0: never
+    DWORD w32tmRuns;
+    std::string last;
+  } const cases[] = {{90'000, 0, 0, 0, done + "90000 ms out"},
+                     {-90'000, 0, 0, 0, done + "-90000 ms out"},
+                     {90'000, 1, 4, 0, done + "90000 ms out"},
+                     {90'000, 1, 0, 1, done + "90000 ms out"},
+                     {90'000, 9, 0, 1, "ERROR time: the clock is still 90000 ms out"},
+                     {2'000, 9, 0, 0, done + "2000 ms out"},
+                     {300'000, 0, 0, 0, done + "300000" + gradual},
+                     {301'000, 0, 0, 0, done + "301000 ms out"}};
+  for (const auto& each : cases) {
+    if (each.behind == 300'000) {
+      test::SetDword(kConfig, L"MaxAllowedPhaseOffset", 300);
+    }
+    Service(L"Behind", static_cast<DWORD>(each.behind));
+    Service(L"Empty", each.empty);
+    Service(L"W32tmRuns", 0);
+    const Milliseconds right = Now() + each.behind;
+    const UdpServer server(right);
+    if (each.steppedBy != 0) {
+      const DWORD later = each.steppedBy * 1'000;
+      clock_.At(clock_.Elapsed() + later,
+                [&, later] { clock_.SetSystemTime(static_cast<std::uint64_t>(right + later) * 10'000); });
+    }
+    const std::uint64_t began = clock_.Elapsed();
+    const bool failed = each.last.starts_with("ERROR");
+    EXPECT_EQ(Sync(), failed ? R"({"ok":false,"error":"sync_failed","server":"time.test"})"
+                             : R"({"ok":true,"server":"time.test","offsetMs":)" + std::to_string(each.behind) + "}");
+    EXPECT_EQ(Lines().back(), each.last);
+    EXPECT_EQ(Seen(L"W32tmRuns"), each.w32tmRuns) << each.last;
+    EXPECT_LE(clock_.Elapsed() - began, 10'000U);
+  }
+  EXPECT_EQ(test::CountLogged("WARN time: the clock is still 90000 ms out; using w32tm"), 2);
+
+  // Whoever else names the source, that source is not the host which is measured here.
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, kConfig);
+  Service(L"Empty", 9);
+  const UdpServer server(Now() + 90'000);
+  test::SetString(kPolicy, L"NtpServer", L"time.corp.test,0x9");
+  EXPECT_EQ(Sync(), R"({"ok":true,"server":"time.test","offsetMs":90000})");
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, kPolicy);
+  for (const auto& [type, ok] : {std::pair(L"NT5DS", true), std::pair(L"AllSync", true), std::pair(L"NTP", false)}) {
+    test::SetString(kParameters, L"Type", type);
+    EXPECT_EQ(Sync().starts_with(R"({"ok":true)"), ok) << sim::Narrow(type);
+  }
 }
 
 TEST_F(TimeSyncTest, ChangeThatIsRefusedIsLogged) {

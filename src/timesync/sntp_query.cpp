@@ -8,6 +8,7 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
+#include <algorithm>
 #include <array>
 #include <memory>
 
@@ -75,12 +76,12 @@ void ResolveNow(Resolution& resolution) noexcept {
 }
 
 // Nothing ends a look-up in progress, so a thread makes it, which may be left behind with what it works on.
-std::optional<sockaddr_in> Resolve(const std::wstring& server) {
+std::optional<sockaddr_in> Resolve(const std::wstring& server, DWORD most) {
   const auto resolution = std::make_shared<Resolution>();
   resolution->server = server;
   const win32::KernelHandle thread =
       win32::StartThread([resolution]() noexcept { ResolveNow(*resolution); }, win32::kSmallStack);
-  if (!thread || win32::WaitOrStop(thread.Get(), kResolveTimeout) != win32::WaitResult::kSignaled ||
+  if (!thread || win32::WaitOrStop(thread.Get(), std::min(kResolveTimeout, most)) != win32::WaitResult::kSignaled ||
       !resolution->found) {
     return std::nullopt;
   }
@@ -91,9 +92,10 @@ Milliseconds Now() noexcept { return static_cast<Milliseconds>(win32::FileTimeNo
 
 }  // namespace
 
-std::optional<Milliseconds> QuerySntp(const std::wstring& server) {
+std::optional<Milliseconds> QuerySntp(const std::wstring& server, DWORD most) {
+  const win32::Deadline deadline(most);
   const Winsock winsock;
-  const std::optional<sockaddr_in> address = winsock ? Resolve(server) : std::nullopt;
+  const std::optional<sockaddr_in> address = winsock ? Resolve(server, most) : std::nullopt;
   if (!address) {
     return std::nullopt;
   }
@@ -109,7 +111,7 @@ std::optional<Milliseconds> QuerySntp(const std::wstring& server) {
   const Milliseconds sent = Now();
   if (send(socket.Get(), reinterpret_cast<const char*>(request.data()), static_cast<int>(request.size()), 0) !=
           static_cast<int>(request.size()) ||
-      win32::WaitOrStop(readable.Get(), kReceiveTimeout) != win32::WaitResult::kSignaled) {
+      win32::WaitOrStop(readable.Get(), std::min(kReceiveTimeout, deadline.Left())) != win32::WaitResult::kSignaled) {
     return std::nullopt;
   }
   // One byte more than a packet has, so that a longer datagram shows.

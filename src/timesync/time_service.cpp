@@ -19,8 +19,9 @@ constexpr DWORD kStartWait = 15'000;
 constexpr DWORD kStartPoll = 100;
 constexpr DWORD kSyncCallWait = 30'000;
 constexpr DWORD kProgramWait = 20'000;
-constexpr DWORD kSyncWait = 1;   // come back when it is done
-constexpr DWORD kSyncFlags = 1;  // look for the sources anew
+// The arguments of W32TimeSync in [MS-W32T]. Only with TimeSyncFlag_ReturnResult (2) would the result be the outcome.
+constexpr DWORD kSyncWait = 1;   // come back when the attempt is over, however it ended
+constexpr DWORD kSyncFlags = 1;  // TimeSyncFlag_HardResync: throw the time samples away and get new ones
 
 struct LibraryTraits {
   using Value = HMODULE;
@@ -57,8 +58,7 @@ void Enable(SC_HANDLE service) {
   }
 }
 
-bool WaitUntilItRuns(SC_HANDLE service) {
-  const win32::Deadline deadline(kStartWait);
+bool WaitUntilItRuns(SC_HANDLE service, const win32::Deadline& deadline) {
   while (StateOf(service) != SERVICE_RUNNING) {
     if (deadline.Passed() || win32::WaitOrStop(nullptr, kStartPoll) == win32::WaitResult::kStop) {
       return false;
@@ -68,9 +68,8 @@ bool WaitUntilItRuns(SC_HANDLE service) {
   return true;
 }
 
-// Asks the service through its library. The call has no time limit of its own, so a thread makes it, which may be left
-// behind with the library it runs in.
-DWORD CallSyncNow() {
+// The call has no time limit of its own, so a thread makes it, which may be left behind with the library it runs in.
+DWORD SyncNowResult() {
   auto library = std::make_shared<Library>(LoadLibraryExW(L"w32time.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
   using SyncNow = DWORD(WINAPI*)(const wchar_t* computer, DWORD wait, DWORD flags);
   const auto syncNow =
@@ -103,7 +102,43 @@ std::wstring SystemFolder() {
   return folder;
 }
 
-// Asks the service through its command-line program.
+}  // namespace
+
+bool RunTimeService() {
+  const win32::ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+  if (!manager) {
+    log::Log(log::kError, log::kKiosk, "time: cannot open the service manager (%lu)", GetLastError());
+    return false;
+  }
+  const win32::ServiceHandle service(
+      OpenServiceW(manager.Get(), kTimeService,
+                   SERVICE_QUERY_CONFIG | SERVICE_CHANGE_CONFIG | SERVICE_QUERY_STATUS | SERVICE_START));
+  if (!service) {
+    log::Log(log::kError, log::kKiosk, "time: cannot open the Windows Time service (%lu)", GetLastError());
+    return false;
+  }
+  if (StateOf(service.Get()) == SERVICE_RUNNING) {
+    return true;
+  }
+  if (IsDisabled(service.Get())) {
+    Enable(service.Get());
+  }
+  // The start may fail and the service come up all the same, when the service manager lost patience with it.
+  const win32::Deadline deadline(kStartWait);
+  if (!StartServiceW(service.Get(), 0, nullptr) && GetLastError() != ERROR_SERVICE_ALREADY_RUNNING) {
+    log::Log(log::kError, log::kKiosk, "time: cannot start the Windows Time service (%lu)", GetLastError());
+  }
+  return WaitUntilItRuns(service.Get(), deadline);
+}
+
+bool CallSyncNow() {
+  const DWORD result = SyncNowResult();
+  if (result != 0) {
+    log::Log(log::kWarn, log::kKiosk, "time: W32TimeSyncNow gave %lu; using w32tm", result);
+  }
+  return result == 0;
+}
+
 bool RunW32tm() {
   const std::wstring folder = SystemFolder();
   if (folder.empty()) {  // a bare name would be looked for in folders of others
@@ -132,43 +167,6 @@ bool RunW32tm() {
     log::Log(log::kError, log::kKiosk, "time: w32tm /resync exited %lu", exitCode);
   }
   return exitCode == 0;
-}
-
-}  // namespace
-
-bool RunTimeService() {
-  const win32::ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  if (!manager) {
-    log::Log(log::kError, log::kKiosk, "time: cannot open the service manager (%lu)", GetLastError());
-    return false;
-  }
-  const win32::ServiceHandle service(
-      OpenServiceW(manager.Get(), kTimeService,
-                   SERVICE_QUERY_CONFIG | SERVICE_CHANGE_CONFIG | SERVICE_QUERY_STATUS | SERVICE_START));
-  if (!service) {
-    log::Log(log::kError, log::kKiosk, "time: cannot open the Windows Time service (%lu)", GetLastError());
-    return false;
-  }
-  if (StateOf(service.Get()) == SERVICE_RUNNING) {
-    return true;
-  }
-  if (IsDisabled(service.Get())) {
-    Enable(service.Get());
-  }
-  if (!StartServiceW(service.Get(), 0, nullptr) && GetLastError() != ERROR_SERVICE_ALREADY_RUNNING) {
-    log::Log(log::kError, log::kKiosk, "time: cannot start the Windows Time service (%lu)", GetLastError());
-    return false;
-  }
-  return WaitUntilItRuns(service.Get());
-}
-
-bool Resynchronise() {
-  const DWORD result = CallSyncNow();
-  if (result == 0) {
-    return true;
-  }
-  log::Log(log::kWarn, log::kKiosk, "time: W32TimeSyncNow gave %lu; using w32tm", result);
-  return !win32::StopRequested() && RunW32tm();
 }
 
 }  // namespace kiosk::timesync

@@ -5,23 +5,104 @@
 #include "text/text.h"
 #include "timesync/sntp_query.h"
 #include "timesync/time_service.h"
+#include "win32/clock.h"
+#include "win32/stop.h"
 #include "win32/wide_text.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <optional>
 
 namespace kiosk::timesync {
 namespace {
 
 constexpr wchar_t kParametersKey[] = L"SYSTEM\\CurrentControlSet\\Services\\W32Time\\Parameters";
+constexpr wchar_t kConfigKey[] = L"SYSTEM\\CurrentControlSet\\Services\\W32Time\\Config";
+constexpr wchar_t kPolicyParametersKey[] = L"SOFTWARE\\Policies\\Microsoft\\W32Time\\Parameters";
+constexpr wchar_t kPolicyConfigKey[] = L"SOFTWARE\\Policies\\Microsoft\\W32Time\\Config";
 constexpr wchar_t kDefaultServer[] = L"time.windows.com";
 constexpr std::size_t kMaxHostName = 253;  // characters, RFC 1035
+constexpr Milliseconds kRight = 2'000;     // a clock that is out by no more counts as set
+constexpr DWORD kSettleTime = 10'000;      // how long the clock is measured again
+constexpr DWORD kBetweenQueries = 2'000;   // as far apart as the queries of a burst of NTP
 
 json::Value Failure(const char* code, const std::string& server) {
   json::Value reply = json::ErrorReply(code);
   reply.Set("server", server);
   return reply;
 }
+
+// A domain or a policy decides whom Windows asks for the time, and that is not the host which is measured here.
+bool SourceIsElsewhere() {
+  if (state::ReadString(kPolicyParametersKey, L"NtpServer") || state::ReadString(kPolicyParametersKey, L"Type")) {
+    return true;
+  }
+  const std::wstring type = state::ReadString(kParametersKey, L"Type").value_or(L"");
+  return type == L"NT5DS" || type == L"AllSync";
+}
+
+// Up to this error Windows leaves the clock as it is and lets it run faster or slower until it is right.
+Milliseconds LargestGradualError() {
+  const auto policy = state::ReadDword(kPolicyConfigKey, L"MaxAllowedPhaseOffset");
+  const auto seconds = policy ? policy : state::ReadDword(kConfigKey, L"MaxAllowedPhaseOffset");
+  return Milliseconds{seconds.value_or(1)} * 1'000;  // 1 is what a computer outside of a domain has
+}
+
+// Has Windows set the clock, and measures whether it did.
+class Synchronisation {
+ public:
+  // `offset`: how far the clock is behind, where that is known. Without it Windows has to be believed, and for a clock
+  // that is right already there is nothing to see.
+  Synchronisation(const std::wstring& host, std::optional<Milliseconds> offset)
+      : host_(host),
+        measures_(offset && std::abs(*offset) > kRight && !SourceIsElsewhere()),
+        tolerated_(std::max(kRight, LargestGradualError())) {}
+
+  bool Run() {
+    if (CallSyncNow()) {
+      if (!measures_) {
+        return true;
+      }
+      MeasureUntilRight();
+      if (!StillWrong()) {
+        return true;
+      }
+      log::Log(log::kWarn, log::kKiosk, "time: the clock is still %lld ms out; using w32tm",
+               static_cast<long long>(left_));
+    }
+    if (win32::StopRequested() || !RunW32tm()) {
+      return false;
+    }
+    left_ = measures_ ? QuerySntp(host_, kSettleTime).value_or(0) : 0;
+    if (StillWrong()) {
+      log::Log(log::kError, log::kKiosk, "time: the clock is still %lld ms out", static_cast<long long>(left_));
+    }
+    return !StillWrong();
+  }
+
+  // Windows took the time over and has not changed the clock by that much.
+  [[nodiscard]] bool IsGradual() const { return std::abs(left_) > kRight; }
+
+ private:
+  [[nodiscard]] bool StillWrong() const { return std::abs(left_) > tolerated_; }
+
+  void MeasureUntilRight() {
+    const win32::Deadline deadline(kSettleTime);
+    bool answered = false;
+    do {
+      if (const auto measured = QuerySntp(host_, deadline.Left()); measured) {
+        left_ = *measured;
+        answered = true;
+      }
+    } while ((!answered || StillWrong()) && deadline.Left() > kBetweenQueries &&
+             win32::WaitOrStop(nullptr, kBetweenQueries) != win32::WaitResult::kStop);
+  }
+
+  const std::wstring& host_;
+  const bool measures_;
+  const Milliseconds tolerated_;
+  Milliseconds left_ = 0;  // how far the clock is still behind, as far as is known
+};
 
 }  // namespace
 
@@ -44,11 +125,13 @@ json::Value TimeSync() {
   if (!offset) {
     log::Log(log::kWarn, log::kKiosk, "time: no SNTP answer from %s", server.c_str());
   }
-  if (!Resynchronise()) {
+  Synchronisation synchronisation(host, offset);
+  if (!synchronisation.Run()) {
     return Failure(offset ? "sync_failed" : "unreachable", server);
   }
-  log::Log(log::kNotice, log::kKiosk, "time: resynced with %s, the clock was %lld ms out", server.c_str(),
-           static_cast<long long>(offset.value_or(0)));
+  log::Log(log::kNotice, log::kKiosk, "time: resynced with %s, the clock was %lld ms out%s", server.c_str(),
+           static_cast<long long>(offset.value_or(0)),
+           synchronisation.IsGradual() ? "; Windows corrects it gradually" : "");
   json::Value reply = json::OkReply();
   reply.Set("server", server);
   if (offset) {
