@@ -7,11 +7,39 @@
 #include <objbase.h>
 #include <powrprof.h>
 
+#include <algorithm>
+
 namespace sim {
 namespace {
 
 constexpr wchar_t kArea[] = L"Power";
 constexpr wchar_t kSchemes[] = L"Power\\Schemes";
+
+// A power request of this process. It is an event with a name, which exists for as long as the handle: closing that is
+// the end of the request, as PowerCreateRequest's page has it.
+struct Request {
+  HANDLE handle;
+  std::wstring name;
+  bool set;
+  DWORD sleeps;  // how often the computer had gone to sleep when it was set
+};
+SRWLOCK requestsGuard = SRWLOCK_INIT;
+std::vector<Request> requests;
+
+DWORD Sleeps() { return ReadNumber(kArea, L"Suspends").value_or(0); }
+
+template <typename Action>
+auto WithRequests(Action action) {
+  ::AcquireSRWLockExclusive(&requestsGuard);
+  const auto result = action();
+  ::ReleaseSRWLockExclusive(&requestsGuard);
+  return result;
+}
+
+bool Exists(const Request& request) {
+  HANDLE event = OpenEventW(SYNCHRONIZE, FALSE, request.name.c_str());
+  return event != nullptr && CloseHandle(event);
+}
 
 // Windows' names of subgroup and setting.
 struct Setting {
@@ -111,6 +139,22 @@ void MakeSchemeActive(const std::wstring& scheme) {
   }
 }
 
+bool SystemIsRequired() {
+  return WithRequests([] {
+    std::erase_if(requests, [](const Request& request) { return !Exists(request); });
+    return std::any_of(requests.begin(), requests.end(),
+                       [](const Request& request) { return request.set && request.sleeps == Sleeps(); });
+  });
+}
+
+bool SleepAgainUnattended() {
+  const bool sleeps = !SystemIsRequired();
+  if (sleeps) {
+    WriteNumber(kArea, L"Suspends", Sleeps() + 1);
+  }
+  return sleeps;
+}
+
 std::vector<std::string> PowerLines() {
   MakeSchemes();
   std::vector<std::string> lines{"scheme " + Narrow(ReadText(kArea, L"ActiveScheme").value_or(L""))};
@@ -184,7 +228,7 @@ SIM(BOOLEAN, SetSuspendState, BOOLEAN hibernate, BOOLEAN force, BOOLEAN wakeUpEv
              SetLastError(error);
              return FALSE;
            }
-           WriteNumber(kArea, L"Suspends", ReadNumber(kArea, L"Suspends").value_or(0) + 1);
+           WriteNumber(kArea, L"Suspends", Sleeps() + 1);
            return TRUE;
          }) != FALSE;
 }
@@ -192,4 +236,39 @@ SIM(BOOLEAN, SetSuspendState, BOOLEAN hibernate, BOOLEAN force, BOOLEAN wakeUpEv
 SIM(EXECUTION_STATE, SetThreadExecutionState, EXECUTION_STATE flags) {
   WriteNumber(kArea, L"ExecutionState", flags);
   return ES_CONTINUOUS;
+}
+
+SIM(HANDLE, PowerCreateRequest, PREASON_CONTEXT context) {
+  if (context->Version != POWER_REQUEST_CONTEXT_VERSION || context->Flags != POWER_REQUEST_CONTEXT_SIMPLE_STRING ||
+      *context->Reason.SimpleReasonString == L'\0') {
+    Violation("PowerCreateRequest: the context has no reason in words");
+  }
+  if (const DWORD error = ReadNumber(kArea, L"RequestError").value_or(0); error != 0) {
+    SetLastError(error);
+    return INVALID_HANDLE_VALUE;
+  }
+  return WithRequests([]() -> HANDLE {
+    static DWORD count = 0;
+    const std::wstring name =
+        L"SimulatedRequest " + std::to_wstring(GetCurrentProcessId()) + L" " + std::to_wstring(++count);
+    HANDLE handle = CreateEventW(nullptr, TRUE, FALSE, name.c_str());
+    requests.push_back({handle, name, false, 0});
+    return handle;
+  });
+}
+
+// A service may not use PowerRequestExecutionRequired (PowerClearRequest's page), and has no display to ask for.
+SIM(WINBOOL, PowerSetRequest, HANDLE handle, POWER_REQUEST_TYPE type) {
+  return WithRequests([&]() -> WINBOOL {
+    const auto request = std::find_if(requests.begin(), requests.end(),
+                                      [&](const Request& each) { return each.handle == handle && Exists(each); });
+    if (request == requests.end() || type != PowerRequestSystemRequired) {
+      Violation("PowerSetRequest: no request, or of type %d", type);
+      SetLastError(ERROR_INVALID_PARAMETER);
+      return FALSE;
+    }
+    request->set = true;
+    request->sleeps = Sleeps();
+    return TRUE;
+  });
 }

@@ -1,8 +1,8 @@
 // Power schemes and sleep of the simulated machine (area "Power"). It begins with two schemes, the first one active.
 //
 // Numbers in the area that a test may write: "ReadError" (of every read of an index), "SuspendError", "RtcWake"
-// (default: PowerSystemSleeping3), "AlwaysConnected", "CapabilitiesUnknown"; and read: "Suspends" (a count),
-// "ExecutionState" (flags).
+// (default: PowerSystemSleeping3), "AlwaysConnected", "CapabilitiesUnknown", "RequestError" (of PowerCreateRequest);
+// and read: "Suspends" (how often it went to sleep), "ExecutionState" (flags).
 #pragma once
 
 #include "win32/winapi.h"
@@ -22,6 +22,13 @@ inline constexpr DWORD kNoIndex = 0xFFFFFFFE;
 Indexes SchemeIndexes(const std::wstring& scheme);
 void SetSchemeIndexes(const std::wstring& scheme, const Indexes& indexes);
 void MakeSchemeActive(const std::wstring& scheme);  // "": none is
+
+// Whether a power request of this process keeps the computer from sleeping when it is idle. Going to sleep ends every
+// request that is set (PowerSetRequest: sleep that somebody asks for terminates them; here all sleep does).
+bool SystemIsRequired();
+// A timer woke the computer and nobody has touched it: the unattended idle timer ends ("System Wake-up Events": after
+// two minutes), and it sleeps again unless the system is required. True when it does.
+bool SleepAgainUnattended();
 
 std::vector<std::string> PowerLines();  // for the dump
 

@@ -1,9 +1,16 @@
-// The power policy's two tasks, and the terminal's own commands.
+// The power policy's two tasks, what keeps a woken computer awake, and the terminal's own commands.
 #include "tests/support/power.h"
 
 #include "portal/check_in.h"
 #include "power/sleep_wake.h"
+#include "power/stay_awake.h"
 #include "power/task_scheduler.h"
+#include "sim/clock.h"
+#include "win32/privilege.h"
+#include "win32/stop.h"
+#include "win32/thread.h"
+
+#include <powrprof.h>
 
 namespace kiosk::power {
 namespace {
@@ -199,10 +206,72 @@ TEST_F(PowerTasksTest, SleepAndWakeRuns) {
   sim::WriteNumber(L"Power", L"SuspendError", ERROR_NOT_SUPPORTED);
   EXPECT_EQ(SleepNow(), 1);
   EXPECT_EQ(CountLogged("ERROR power: SetSuspendState failed (50)"), 1);
+  // Windows keeps tasks of services back while the battery saver is on ("Battery Saver"), and runs them when it ends.
+  Receive(Policy(15, 0, "true", "23:55"));
+  sim::WriteNumber(L"Power", L"SuspendError", 0);
+  const struct {
+    int hour, minute, second;
+    std::string minutesLate;
+  } runs[] = {{23, 55, 0, ""}, {0, 5, 0, ""}, {0, 5, 1, "10"}, {8, 0, 0, "485"}, {23, 54, 59, ""}, {23, 40, 0, "1425"}};
+  for (const auto& each : runs) {
+    const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 24, each.hour, each.minute, each.second));
+    const DWORD before = sim::ReadNumber(L"Power", L"Suspends").value_or(0);
+    EXPECT_EQ(SleepNow(), 0);
+    EXPECT_EQ(sim::ReadNumber(L"Power", L"Suspends"), before + (each.minutesLate.empty() ? 1 : 0)) << each.hour;
+    EXPECT_EQ(CountLogged("WARN power: scheduled sleep skipped, it comes " + each.minutesLate + " min late"),
+              each.minutesLate.empty() ? 0 : 1);
+  }
   const std::size_t lines = test::LogTexts().size();
   EXPECT_EQ(WakeNow(), 0);
   EXPECT_EQ(sim::ReadNumber(L"Power", L"ExecutionState"), DWORD{ES_SYSTEM_REQUIRED | ES_DISPLAY_REQUIRED});
   EXPECT_EQ(test::LogTexts().size(), lines);
+}
+
+// The week of a terminal whose schedule is Monday to Friday, 07:00 to 22:00 local time. Sleep is a jump of the wall
+// clock: waits stand still meanwhile.
+TEST_F(PowerTasksTest, AComputerThatATimerWokeStaysAwakeForAsLongAsTheScheduleWants) {
+  const auto local = [](int day, int hour, int minute) { return sim::FileTimeOf(2026, 11, day, hour - 1, minute); };
+  sim::VirtualClock clock(local(23, 21, 59), -60);  // a Monday
+  ASSERT_TRUE(win32::CreateStopEvent() && win32::EnablePrivilege(SE_SHUTDOWN_NAME));
+  Receive(Policy(15, 0, "true"));
+  const win32::KernelHandle thread = win32::StartThread([]() noexcept { AwakeThread(); });
+  // Puts the computer to sleep, has a timer wake it then, and tells whether it is asleep again two minutes later.
+  const auto sleepsAgain = [&](int day, int hour, int minute) {
+    EXPECT_TRUE(SetSuspendState(FALSE, FALSE, FALSE));
+    clock.SetSystemTime(local(day, hour, minute));
+    clock.RunFor(120'000);
+    return sim::SleepAgainUnattended();
+  };
+  clock.RunFor(0);
+  EXPECT_TRUE(sim::SystemIsRequired()) << "at once";
+  EXPECT_FALSE(sleepsAgain(24, 7, 0));
+  EXPECT_FALSE(sleepsAgain(24, 12, 30)) << "somebody had put it to sleep during the day";
+  clock.SetSystemTime(local(24, 22, 0));
+  clock.RunFor(60'000);
+  EXPECT_FALSE(sim::SystemIsRequired());
+  EXPECT_TRUE(sleepsAgain(25, 3, 0)) << "Windows' own maintenance";
+  EXPECT_TRUE(sleepsAgain(28, 7, 0)) << "on Saturday";
+  Receive(Policy(15, 30, "true"));
+  EXPECT_FALSE(sleepsAgain(30, 7, 0));
+  EXPECT_TRUE(sleepsAgain(30, 7, 29)) << "for as long as an idle computer stays awake";
+  Receive(Policy(15, 0, "true"));
+  sim::WriteNumber(L"Power", L"RequestError", ERROR_NOT_ENOUGH_MEMORY);
+  NewTexts();
+  EXPECT_TRUE(sleepsAgain(30, 12, 0));
+  sim::WriteNumber(L"Power", L"RequestError", 0);
+  EXPECT_FALSE(sleepsAgain(30, 13, 0));
+  EXPECT_EQ(NewTexts(), (std::vector<std::string>{"ERROR power: cannot keep the computer awake (8)",
+                                                  "INFO power: the schedule keeps the computer awake"}));
+  state::DeleteStateValue(state::kDeviceToken);
+  clock.RunFor(60'000);
+  EXPECT_FALSE(sim::SystemIsRequired());
+  EXPECT_EQ(NewTexts(), (std::vector<std::string>{"INFO power: the schedule no longer keeps the computer awake"}));
+  Enrol();
+  clock.RunFor(60'000);
+  EXPECT_TRUE(sim::SystemIsRequired());
+  win32::RequestStop();
+  EXPECT_EQ(WaitForSingleObject(thread.Get(), 1'000), WAIT_OBJECT_0);
+  EXPECT_FALSE(sim::SystemIsRequired());
 }
 
 using PowerCheckIn = test::KioskTerminal;

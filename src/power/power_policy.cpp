@@ -1,5 +1,6 @@
 #include "power/power_policy.h"
 
+#include <algorithm>
 #include <optional>
 #include <utility>
 
@@ -40,6 +41,19 @@ bool ParsePowerPolicy(const json::Value& value, PowerPolicy& policy) {
   }
   policy = parsed;
   return true;
+}
+
+bool WantsAwake(const PowerPolicy& policy, std::uint32_t day, std::uint32_t minuteOfDay) {
+  const PowerSchedule& schedule = policy.schedule;
+  const auto sinceWake = [&](std::uint32_t minute) {
+    return (minute + kMinutesOfDay - schedule.wakeAt) % kMinutesOfDay;
+  };
+  const std::uint32_t wokenOn = minuteOfDay >= schedule.wakeAt ? day : (day + 6) % 7;  // or the evening before
+  std::uint32_t length = sinceWake(schedule.sleepAt);
+  if (policy.sleepMinutes != 0) {
+    length = std::min(length, static_cast<std::uint32_t>(policy.sleepMinutes));
+  }
+  return schedule.enabled && (schedule.days >> wokenOn & 1U) != 0 && sinceWake(minuteOfDay) < length;
 }
 
 json::Value PowerPolicyToJson(const PowerPolicy& policy) {

@@ -39,6 +39,10 @@ bool ParsePowerSchedule(const json::Value& value, PowerSchedule& schedule);
 // An object with all of "screenOffMinutes", "sleepMinutes" and "schedule".
 bool ParsePowerPolicy(const json::Value& value, PowerPolicy& policy);
 
+// Whether the computer is to be awake at that local time, day 0 being Sunday: from the wake time of a day of the
+// schedule to the sleep time after it, or, when idleness puts it to sleep, for as long as that takes.
+bool WantsAwake(const PowerPolicy& policy, std::uint32_t day, std::uint32_t minuteOfDay);
+
 // The canonical form: equal records give equal text, and parsing it gives the record again.
 json::Value PowerPolicyToJson(const PowerPolicy& policy);
 

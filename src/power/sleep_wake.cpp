@@ -1,14 +1,36 @@
 #include "power/sleep_wake.h"
 
 #include "log/log.h"
+#include "power/policy_store.h"
 #include "power/stream_session.h"
 #include "win32/privilege.h"
 #include "win32/winapi.h"
 
 #include <powrprof.h>
 
+#include <cstdint>
+#include <optional>
+
 namespace kiosk::power {
 namespace {
+
+constexpr std::uint32_t kLatest = 10 * 60;  // seconds
+
+// How many seconds after the schedule's time to sleep it is, when that is too late. Windows keeps the tasks of services
+// back while the battery saver is on and runs them when it ends: in the morning, say, in front of people. On the
+// minutes before that time nothing is late, and without a schedule this was run by hand.
+std::optional<std::uint32_t> TooLate() {
+  PowerPolicy policy;
+  if (!LoadEffectivePowerPolicy(policy) || !policy.schedule.enabled) {
+    return std::nullopt;
+  }
+  constexpr std::uint32_t kDay = kMinutesOfDay * 60;
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  const std::uint32_t seconds = (std::uint32_t{now.wHour} * 60 + now.wMinute) * 60 + now.wSecond;
+  const std::uint32_t late = (seconds + kDay - policy.schedule.sleepAt * 60) % kDay;
+  return late > kLatest && late < kDay - kLatest ? std::optional(late) : std::nullopt;
+}
 
 // Sleep and not hibernation, applications are asked, wake timers stay on.
 bool Suspend() {
@@ -26,7 +48,10 @@ bool Suspend() {
 int SleepNow() {
   log::StartBanner(log::kKiosk);
   bool done = true;
-  if (StreamSessionIsLive()) {
+  if (const auto late = TooLate(); late) {
+    log::Log(log::kWarn, log::kKiosk, "power: scheduled sleep skipped, it comes %u min late",
+             static_cast<unsigned>(*late / 60));
+  } else if (StreamSessionIsLive()) {
     log::Log(log::kWarn, log::kKiosk, "power: scheduled sleep skipped, a stream session is live");
   } else {
     done = Suspend();

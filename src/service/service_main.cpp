@@ -10,6 +10,7 @@
 #include "pipe/server.h"
 #include "pipe/signature.h"
 #include "portal/worker_wake.h"
+#include "power/stay_awake.h"
 #include "service/install.h"
 #include "service/service_status.h"
 #include "service/worker.h"
@@ -36,6 +37,7 @@ constexpr DWORD kConnectionPoll = 100;
 
 constexpr char kWorker[] = "worker thread";
 constexpr char kWindow[] = "window thread";
+constexpr char kAwake[] = "awake thread";
 
 // What a control may set off besides a change of the service's own state; nothing of it may keep the service from
 // stopping.
@@ -140,9 +142,10 @@ void Join(const char* name, HANDLE thread) {
 }
 
 // All waits share the budget that counts from the stop request.
-void JoinThreads(HANDLE worker, HANDLE window) {
+void JoinThreads(HANDLE worker, HANDLE window, HANDLE awake) {
   Join(kWorker, worker);
   Join(kWindow, window);
+  Join(kAwake, awake);
   // A connection may have begun a run of the updates, which has a thread of its own.
   const win32::Deadline deadline(std::min(kConnectionWait, win32::StopBudgetLeft()));
   while ((pipe::LiveConnections() > 0 || updates::RunIsGoing()) && !deadline.Passed()) {
@@ -159,8 +162,9 @@ void RunService() {
   updates::RememberOwedRestart();
   const win32::KernelHandle worker = StartVital(kWorker, RunWorker);
   const win32::KernelHandle window = StartVital(kWindow, updates::UpdateWindowThread);
+  const win32::KernelHandle awake = StartVital(kAwake, power::AwakeThread);
   pipe::RunPipeServer();
-  JoinThreads(worker.Get(), window.Get());
+  JoinThreads(worker.Get(), window.Get(), awake.Get());
   log::StopBanner(log::kKiosk);
   ReportStopped();
 }

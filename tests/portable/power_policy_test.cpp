@@ -119,5 +119,36 @@ TEST(PowerPolicy, Schedules) {
   }
 }
 
+TEST(PowerPolicy, WhenTheScheduleWantsTheComputerAwake) {
+  struct {
+    const char *wakeAt, *sleepAt, *days;
+    std::int32_t sleepMinutes;
+    std::uint32_t day;
+    const char *awake, *not_;  // times of that day
+  } const cases[] = {{"07:00", "22:00", "[1,5]", 0, 1, "07:00|12:00|21:59", "00:00|06:59|22:00|23:59"},
+                     {"07:00", "22:00", "[1,5]", 0, 2, "", "00:00|07:00|12:00"},
+                     {"07:00", "22:00", "[1]", 30, 1, "07:00|07:29", "06:59|07:30|12:00"},
+                     {"07:00", "07:20", "[1]", 30, 1, "07:19", "07:20|07:29"},
+                     {"18:00", "02:00", "[6]", 0, 6, "18:00|23:59", "00:00|01:59|17:59"},
+                     {"18:00", "02:00", "[6]", 0, 0, "00:00|01:59", "02:00|18:00"},
+                     {"23:50", "02:00", "[0]", 20, 1, "00:09", "00:10"},
+                     {"00:00", "23:59", "[3]", 0, 3, "00:00|23:58", "23:59"}};
+  for (const auto& each : cases) {
+    PowerPolicy policy{1, each.sleepMinutes, {}};
+    ASSERT_TRUE(ParsePowerSchedule(*json::Parse(std::string(R"({"enabled":true,"sleepAt":")") + each.sleepAt +
+                                                R"(","wakeAt":")" + each.wakeAt + R"(","days":)" + each.days + "}"),
+                                   policy.schedule));
+    for (const bool awake : {true, false}) {
+      for (const std::string& time : test::Words(awake ? each.awake : each.not_)) {
+        const auto minute = ParseClockTime(json::Value(time));
+        EXPECT_TRUE(!minute || WantsAwake(policy, each.day, *minute) == awake) << each.wakeAt << " " << time;
+        policy.schedule.enabled = false;
+        EXPECT_FALSE(WantsAwake(policy, each.day, minute.value_or(0)));
+        policy.schedule.enabled = true;
+      }
+    }
+  }
+}
+
 }  // namespace
 }  // namespace kiosk::power

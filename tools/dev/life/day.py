@@ -11,11 +11,17 @@ import time
 from .account import unlocked
 from .stage import SIMULATED, WINDOWS_UPDATE
 
-POWER = {"screenOffMinutes": 15, "sleepMinutes": 0,
-         "schedule": {"enabled": True, "sleepAt": "22:00", "wakeAt": "06:30", "days": [1, 2, 3, 4, 5]}}
 UPDATES = ("2026-11 Cumulative Update (KB5050001)", "Security Intelligence Łódź (KB2267602)")
 TIME_SERVER = "time.windows.com"
 BEHIND = 90  # seconds that the simulated network's time server is ahead of this computer
+
+
+def power_policy():
+    """It is time to sleep now: a sleep that comes more than ten minutes late would be skipped."""
+    now = datetime.datetime.now()
+    return {"screenOffMinutes": 15, "sleepMinutes": 0,
+            "schedule": {"enabled": True, "sleepAt": f"{now:%H:%M}", "wakeAt": f"{now + datetime.timedelta(hours=8):%H:%M}",
+                         "days": [1, 2, 3, 4, 5]}}
 
 
 def updates_policy():
@@ -34,18 +40,20 @@ def the_computer_follows_the_portals_day(stage):
                 "the active power scheme turns the display off after 15 minutes and lets the computer be woken", changed)
     tasks = {name: dict(re.findall(rf"^task {name} (\S+) = (.*)$", "\n".join(now), re.M))
              for name in ("Norvane Kiosk Sleep", "Norvane Kiosk Wake")}
-    for name, start, argument, wakes in (("Norvane Kiosk Sleep", "T22:00:00", "--sleep-now", "0"),
-                                         ("Norvane Kiosk Wake", "T06:30:00", "--wake-now", "1")):
+    schedule = stage.portal.terminals()[-1]["settings"]["power"]["schedule"]
+    for name, start, argument, wakes in (("Norvane Kiosk Sleep", f"T{schedule['sleepAt']}:00", "--sleep-now", "0"),
+                                         ("Norvane Kiosk Wake", f"T{schedule['wakeAt']}:00", "--wake-now", "1")):
         task = tasks[name]
         stage.show(f"   {name}: " + ", ".join(f"{key} {task[key]}" for key in sorted(task)
                                               if key in ("Arguments", "DaysOfWeek", "Path", "StartBoundary", "WakeToRun")))
         stage.check(start in task.get("StartBoundary", "") and task.get("Arguments") == argument
                     and task.get("WakeToRun") == wakes, f'Task Scheduler has "{name}" at its time', task)
     asleep = int(stage.terminal.value("Suspends", SIMULATED + r"\Power") or "0x0", 16)
-    stage.check(stage.terminal.machine("due", "1", "22:00") == 0 and
+    stage.check(stage.terminal.machine("due", "1", schedule["sleepAt"]) == 0 and
                 int(stage.terminal.value("Suspends", SIMULATED + r"\Power"), 16) == asleep + 1,
-                "on Monday at 22:00 the computer goes to sleep")
-    stage.check(stage.terminal.machine("due", "2", "06:30") == 0, "on Tuesday at 06:30 the other one runs")
+                f"on Monday at {schedule['sleepAt']} the computer goes to sleep")
+    stage.check(stage.terminal.machine("due", "2", schedule["wakeAt"]) == 0,
+                f"on Tuesday at {schedule['wakeAt']} the other one runs")
     code, text = stage.kioskctl("updates", unlocked(stage), development=True)
     window = stage.portal.terminals()[-1]["settings"]["updates"]["window"]
     stage.check(code == 0 and f"maintenance window {window['start']} to {window['end']}, Sun Mon" in text,

@@ -22,7 +22,7 @@ def the_portal_decides(stage):
     stage.branding = {"displayName": "Stadtbücherei Łódź", "signInSubtitle": "Hall 4", "photos": [
         {"sha256": stage.portal.add_photo(photo), "contentType": "image/png", "credit": "Me"} for photo in PHOTOS]}
     stage.portal.set(stage.terminal_id, name="Hall 4", signIn=wanted, branding=stage.branding, tenantId="tenant-1",
-                     power=day.POWER, powerSource="tenant", updates=day.updates_policy(), updatesSource="device")
+                     power=day.power_policy(), powerSource="tenant", updates=day.updates_policy(), updatesSource="device")
     stage.hurry()
     stage.check_soon(lambda: stage.ask()["terminalName"] == "Hall 4", "the terminal has its new name", 45)
     reply = stage.status()
