@@ -183,6 +183,20 @@ TEST_F(PowerTasksTest, OverrideAtTheTerminal) {
   EXPECT_EQ(CountLogged("INFO power: the local override is cleared; following the portal"), 1);
   EXPECT_EQ(sim::SchemeIndexes({}), (Indexes{60, 60, 60, 60, 2, 0}));
 
+  // A portal that never decided: the computer gets its own settings back.
+  state::DeleteStateValue(state::kPowerPolicy);
+  sim::FailTaskMethod(L"");
+  sim::SetSchemeIndexes(sim::kBalanced, kOwn);
+  sim::MakeSchemeActive(sim::kBalanced);
+  SetString(state::kStateKey, L"PriorPower", L"");
+  Set(R"({"screenOffMinutes":5,"sleepMinutes":6,"schedule":)"
+      R"({"enabled":true,"sleepAt":"01:00","wakeAt":"02:00","days":[0]}})");
+  EXPECT_EQ(sim::SchemeIndexes({}), (Indexes{300, 300, 360, 360, 1, 1}));
+  EXPECT_NE(Set(R"({"useOrganisation":true})").find(R"("local":null)"), std::string::npos);
+  EXPECT_EQ(sim::SchemeIndexes({}), kOwn);
+  EXPECT_TRUE(sim::TaskLines().empty());
+  EXPECT_EQ(State(state::kPriorPower) + State(state::kPowerScheduleApplied), "");
+
   state::DeleteStateValue(state::kDeviceToken);
   const sim::FaultPass pass;
   for (const char* request : {R"({"useOrganisation":true})", R"({"screenOffMinutes":1,"sleepMinutes":2})", "{}"}) {

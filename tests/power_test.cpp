@@ -61,6 +61,22 @@ TEST_F(PowerTest, SchemeIsSavedOnceAndWrittenWhereItDiffers) {
   EXPECT_TRUE(Apply().empty());
 }
 
+TEST_F(PowerTest, ASchemeThatCannotBeActivatedIsSaidWhenTheErrorChanges) {
+  const auto refused = [](DWORD error) {
+    return "ERROR power: cannot re-apply the active scheme (" + std::to_string(error) + ")";
+  };
+  Receive(Policy(15, 0));
+  Apply();
+  sim::SetSchemeIndexes(sim::kBalanced, {900, 60, 0, 0, 2, 0});
+  NewTexts();
+  int at = 2;  // after the value, which is written once; the scheme is made active until that succeeds
+  for (const DWORD error : {5UL, 5UL, 1450UL, 1450UL, 5UL}) {
+    const sim::FaultPass pass(sim::FaultKind::kFail, std::exchange(at, 1), error);
+    ApplyEffectivePowerPolicy();
+  }
+  EXPECT_EQ(NewTexts(), (std::vector<std::string>{refused(5), refused(1450), refused(5)}));
+}
+
 TEST_F(PowerTest, WhatCannotBeSavedIsNotChanged) {
   Receive(Policy(15, 0, "true"));
   sim::SetSchemeIndexes(sim::kBalanced, {600, 300, sim::kNoIndex, 900, sim::kNoIndex, sim::kNoIndex});
@@ -172,6 +188,30 @@ TEST(PowerFaults, Apply) {
          EXPECT_TRUE(Apply().empty());
          EndKioskMode(false);
        }});
+}
+
+TEST(PowerFaults, ClearingAnOverrideWithoutAPolicyOfThePortal) {
+  const auto prepare = [] {
+    PrepareFault();
+    SetString(state::kStateKey, L"PowerLocal", win32::ToWide(State(state::kPowerPolicy)));
+    state::DeleteStateValue(state::kPowerPolicy);
+    state::DeleteStateValue(state::kPowerSource);
+    ApplyEffectivePowerPolicy();
+  };
+  const auto clear = [] { HandlePowerSet(Json(R"({"useOrganisation":true})")); };
+  const auto later = [clear] {
+    ApplyEffectivePowerPolicy();
+    clear();
+    EXPECT_EQ(State(state::kPowerLocal) + State(state::kPriorPower) + State(state::kPowerScheduleApplied), "");
+    EXPECT_EQ(sim::SchemeIndexes(sim::kBalanced), kOwn);
+    EXPECT_TRUE(sim::TaskLines().empty());
+    EndKioskMode(sim::ReadNumber(L"Power", kThrough).has_value());
+  };
+  const auto run = [clear] {
+    clear();
+    sim::WriteNumber(L"Power", kThrough, 1);
+  };
+  sim::RunFaultScenario({.name = L"clear the override", .prepare = prepare, .run = run, .later = later});
 }
 
 TEST(PowerFaults, Restore) {

@@ -24,6 +24,10 @@ std::string ClearOverride() {
     if (!account::IsEnrolled()) {
       return kNotEnrolled;
     }
+    // Before the override goes: until then it is in force, and what is cut short here is begun anew.
+    if (PowerPolicy portals; !LoadPowerPolicy(state::kPowerPolicy, portals)) {
+      UndoPowerPolicy();
+    }
     if (state::SetStateStringIfChanged(state::kPowerLocal, {})) {
       log::Log(log::kNotice, log::kKiosk, "power: the local override is cleared; following the portal");
     }

@@ -10,6 +10,7 @@
 #include "win32/com.h"
 #include "win32/wide_text.h"
 
+#include <initializer_list>
 #include <string>
 
 namespace kiosk::power {
@@ -21,6 +22,9 @@ win32::Lock powerLock{win32::LockRank::kPower};
 // process begins, an earlier one ended in between. Guarded by powerLock.
 bool activationOwed = true;
 
+// Of the last try to activate, which the log knows. Guarded by powerLock.
+DWORD activationError = ERROR_SUCCESS;
+
 constexpr DWORD kSecondsPerMinute = 60;
 
 DWORD Seconds(std::int32_t minutes) { return static_cast<DWORD>(minutes) * kSecondsPerMinute; }
@@ -29,14 +33,22 @@ DWORD Seconds(std::int32_t minutes) { return static_cast<DWORD>(minutes) * kSeco
 void Activate(const GUID& scheme, const PowerPolicy& policy, bool changed) {
   const DWORD error = PowerSetActiveScheme(nullptr, &scheme);
   activationOwed = error != ERROR_SUCCESS;
-  if (error == ERROR_SUCCESS && !changed) {
-    return;
-  }
-  if (error == ERROR_SUCCESS) {
+  if (error != ERROR_SUCCESS && error != activationError) {
+    log::Log(log::kError, log::kKiosk, "power: cannot re-apply the active scheme (%lu)", error);
+  } else if (error == ERROR_SUCCESS && changed) {
     log::Log(log::kNotice, log::kKiosk, "power: screen off %d min, sleep %d min (0 = never)", policy.screenOffMinutes,
              policy.sleepMinutes);
-  } else {
-    log::Log(log::kError, log::kKiosk, "power: cannot re-apply the active scheme (%lu)", error);
+  }
+  activationError = error;
+}
+
+// Takes all of it off the computer again, then deletes the values.
+void TakeBack(std::initializer_list<const state::StateValue*> values) {
+  const win32::ComApartment apartment;
+  RemovePowerTasks();
+  RestorePriorPower();
+  for (const state::StateValue* value : values) {
+    state::DeleteStateValue(*value);
   }
 }
 
@@ -75,16 +87,13 @@ void ApplyEffectivePowerPolicy() {
   }
 }
 
+void UndoPowerPolicy() { TakeBack({&state::kPowerError, &state::kPowerScheduleApplied, &state::kPriorPower}); }
+
 void RestorePowerSettings() {
   const win32::LockGuard guard(powerLock);
-  const win32::ComApartment apartment;
-  RemovePowerTasks();
-  RestorePriorPower();
   // The copies go last: until then a restore that was cut short is done again from them.
-  for (const state::StateValue* value : {&state::kPowerPolicy, &state::kPowerSource, &state::kPowerLocal,
-                                         &state::kPowerError, &state::kPowerScheduleApplied, &state::kPriorPower}) {
-    state::DeleteStateValue(*value);
-  }
+  TakeBack({&state::kPowerPolicy, &state::kPowerSource, &state::kPowerLocal, &state::kPowerError,
+            &state::kPowerScheduleApplied, &state::kPriorPower});
 }
 
 }  // namespace kiosk::power

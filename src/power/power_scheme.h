@@ -17,6 +17,10 @@ void ApplyPowerScheme(const PowerPolicy& policy);
 // Applies the policy in force, unless the terminal is no longer enrolled or never got a valid policy.
 void ApplyEffectivePowerPolicy();
 
+// For a terminal that no policy is left for: removes the tasks, puts the scheme back and deletes what was noted of
+// that. The caller holds the power lock.
+void UndoPowerPolicy();
+
 // For the end of kiosk mode: removes the tasks, puts the scheme back and deletes all values of this area. Takes the
 // power lock.
 void RestorePowerSettings();
