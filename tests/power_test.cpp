@@ -70,7 +70,7 @@ TEST_F(PowerTest, ASchemeThatCannotBeActivatedIsSaidWhenTheErrorChanges) {
   sim::SetSchemeIndexes(sim::kBalanced, {900, 60, 0, 0, 2, 0});
   NewTexts();
   int at = 2;  // after the value, which is written once; the scheme is made active until that succeeds
-  for (const DWORD error : {5, 5, 1450, 1450, 5}) {
+  for (const DWORD error : {5UL, 5UL, 1450UL, 1450UL, 5UL}) {
     const sim::FaultPass pass(sim::FaultKind::kFail, std::exchange(at, 1), error);
     ApplyEffectivePowerPolicy();
   }
