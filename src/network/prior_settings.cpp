@@ -31,7 +31,7 @@ bool HasPriorSettings() { return state::ReadState(state::kPriorNetwork).has_valu
 std::vector<PriorSettings> ReadPriorSettings() {
   std::vector<PriorSettings> records;
   const json::Value list =
-      json::Parse(win32::ToNarrow(state::ReadStateString(state::kPriorNetwork))).value_or(json::Value());
+      json::ParseStored(win32::ToNarrow(state::ReadStateString(state::kPriorNetwork))).value_or(json::Value());
   for (const json::Value& item : list.items()) {
     std::optional<Settings> settings = FromJson(json::Member(item, "settings"));
     if (settings) {
