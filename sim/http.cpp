@@ -1,40 +1,28 @@
 #include "sim/http.h"
 
 #include "sim/clock.h"
+#include "sim/http_operation.h"
 #include "sim/seam.h"
 
 #include <algorithm>
-#include <memory>
+#include <iterator>
 #include <mutex>
+#include <set>
+#include <utility>
 
 namespace sim {
 namespace {
 
-enum class Stage { kSession, kConnection, kOpened, kSent, kAnswered };
-
 constexpr DWORD kResponseTimeout = 90'000;  // WinHTTP's own for the wait for headers
-
-// Session, connection or request: each kind inherits what its parent had when it was made.
-struct Handle {
-  Stage stage = Stage::kSession;
-  Request request;
-  Response response;
-  std::size_t sent = 0;  // bytes of the body that were read
-  DWORD available = 0;
-  HANDLE closed = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-
-  Handle() = default;
-  Handle(const Handle&) = delete;
-  Handle& operator=(const Handle&) = delete;
-  ~Handle() { CloseHandle(closed); }
-};
-using HandlePtr = std::shared_ptr<Handle>;
+constexpr DWORD kConnectRetries = 5;        // its own number of addresses of a host to which it tries to connect
+constexpr DWORD kNumberSize = sizeof(DWORD);
 
 std::mutex mutex;  // guards what follows; never held while a handler or a wait runs
 bool scripted = false;
 std::map<std::pair<std::wstring, std::wstring>, ScriptedPortal::Handler> scripts;
 std::vector<Request> requests;
 std::map<HINTERNET, HandlePtr> handles;
+std::set<DWORD> refusedOptions;
 char tokens[65536];  // handles are addresses in here, used in turn
 std::size_t lastToken = 0;
 
@@ -49,9 +37,8 @@ HandlePtr Find(HINTERNET handle) {
 
 HINTERNET Register(HandlePtr handle) {
   const std::lock_guard guard(mutex);
-  HINTERNET token = &tokens[lastToken++ % std::size(tokens)];
-  handles.emplace(token, std::move(handle));
-  return token;
+  handle->token = &tokens[lastToken++ % std::size(tokens)];
+  return handles.emplace(handle->token, handle).first->first;
 }
 
 BOOL Finish(DWORD error) {
@@ -82,16 +69,10 @@ HandlePtr Child(const char* function, HINTERNET parent, Stage stage) {
   auto child = std::make_shared<Handle>();
   child->stage = static_cast<Stage>(static_cast<int>(stage) + 1);
   child->request = from->request;
+  child->async = from->async;
+  child->callback = from->callback;
+  child->notifications = from->notifications;
   return child;
-}
-
-// Lets the phase take its time, unless its time-out or the closing of the handle comes first. 0: over.
-DWORD Phase(const Handle& handle, DWORD delay, int timeout) {
-  const DWORD limit = timeout > 0 ? static_cast<DWORD>(timeout) : INFINITE;  // 0 and -1: none
-  if (Wait(handle.closed, std::min(delay, limit)) == WAIT_OBJECT_0) {
-    return ERROR_WINHTTP_OPERATION_CANCELLED;
-  }
-  return delay > limit ? ERROR_WINHTTP_TIMEOUT : 0;
 }
 
 Response Answer(const Request& request) {
@@ -108,6 +89,9 @@ Response Answer(const Request& request) {
 }
 
 DWORD SetOption(Handle& handle, DWORD option, const void* value, DWORD size) {
+  if (refusedOptions.contains(option)) {
+    return ERROR_WINHTTP_INTERNAL_ERROR;
+  }
   const bool certificate = option == WINHTTP_OPTION_CLIENT_CERT_CONTEXT;
   const bool ofRequest = certificate || option == WINHTTP_OPTION_DISABLE_FEATURE ||
                          option == WINHTTP_OPTION_ENABLE_FEATURE || option == WINHTTP_OPTION_SECURITY_FLAGS;
@@ -119,12 +103,21 @@ DWORD SetOption(Handle& handle, DWORD option, const void* value, DWORD size) {
     return ERROR_WINHTTP_INCORRECT_HANDLE_STATE;  // refused on a connection without TLS
   }
   // All others that the service may need are numbers.
-  if (!certificate && (value == nullptr || size != sizeof(DWORD))) {
+  const DWORD needed = option == WINHTTP_OPTION_CONTEXT_VALUE ? sizeof(DWORD_PTR) : sizeof(DWORD);
+  if (!certificate && (value == nullptr || size != needed)) {
     Violation("WinHttpSetOption: option %lu has %lu bytes", option, size);
     return ERROR_INSUFFICIENT_BUFFER;
   }
   handle.request.options[option].assign(static_cast<const char*>(value), value != nullptr ? size : 0);
   return ERROR_SUCCESS;
+}
+
+// Both answer through the callback alone when they are asynchronous: a place for the number that is gone when they
+// complete "can cause a memory fault".
+void CheckCount(const char* function, const Handle& handle, const DWORD* count) {
+  if ((count == nullptr) != handle.async) {
+    Violation("%s: the number is %s", function, handle.async ? "not null in asynchronous mode" : "null");
+  }
 }
 
 }  // namespace
@@ -144,11 +137,17 @@ ScriptedPortal::~ScriptedPortal() {
   scripted = false;
   scripts.clear();
   requests.clear();
+  refusedOptions.clear();
 }
 
 void ScriptedPortal::On(const std::wstring& method, const std::wstring& path, Handler handler) {
   const std::lock_guard guard(mutex);
   scripts[{method, path}] = std::move(handler);
+}
+
+void ScriptedPortal::RefuseOption(DWORD option) {
+  const std::lock_guard guard(mutex);
+  refusedOptions.insert(option);
 }
 
 std::vector<Request> ScriptedPortal::Requests() const {
@@ -179,12 +178,14 @@ SIM(HINTERNET, WinHttpOpen, LPCWSTR agent, DWORD access, LPCWSTR proxy, LPCWSTR 
   if (!scripted) {
     return ::WinHttpOpen(agent, access, proxy, bypass, flags);
   }
-  if (flags != 0 || (access != WINHTTP_ACCESS_TYPE_NAMED_PROXY && (proxy != nullptr || bypass != nullptr))) {
+  if ((flags & ~DWORD{WINHTTP_FLAG_ASYNC}) != 0 ||
+      (access != WINHTTP_ACCESS_TYPE_NAMED_PROXY && (proxy != nullptr || bypass != nullptr))) {
     Violation("WinHttpOpen: flags 0x%lx, or a proxy without WINHTTP_ACCESS_TYPE_NAMED_PROXY", flags);
   }
   auto session = std::make_shared<Handle>();
   session->request.userAgent = agent != nullptr ? agent : L"";
   session->request.accessType = access;
+  session->async = (flags & WINHTTP_FLAG_ASYNC) != 0;
   return Register(std::move(session));
 }
 
@@ -203,6 +204,19 @@ SIM(WINBOOL, WinHttpSetTimeouts, HINTERNET handle, int resolve, int connect, int
 SIM(WINBOOL, WinHttpSetOption, HINTERNET handle, DWORD option, LPVOID value, DWORD size) {
   FIND(WinHttpSetOption, handle, Stage::kSession, Stage::kAnswered, handle, option, value, size)
   return Finish(SetOption(*found, option, value, size));
+}
+
+SIM(WINHTTP_STATUS_CALLBACK, WinHttpSetStatusCallback, HINTERNET handle, WINHTTP_STATUS_CALLBACK callback,
+    DWORD notifications, DWORD_PTR reserved) {
+  if (!Ours(handle)) {
+    return ::WinHttpSetStatusCallback(handle, callback, notifications, reserved);
+  }
+  const HandlePtr found = Need("WinHttpSetStatusCallback", handle, Stage::kSession, Stage::kOpened);
+  if (!found) {
+    return WINHTTP_INVALID_STATUS_CALLBACK;
+  }
+  found->notifications = notifications;
+  return std::exchange(found->callback, callback);
 }
 
 SIM(HINTERNET, WinHttpConnect, HINTERNET session, LPCWSTR host, INTERNET_PORT port, DWORD reserved) {
@@ -245,20 +259,42 @@ SIM(WINBOOL, WinHttpSendRequest, HINTERNET handle, LPCWSTR headers, DWORD header
     request.headers = headersLength == static_cast<DWORD>(-1) ? headers : std::wstring(headers, headersLength);
   }
   request.body.assign(static_cast<const char*>(body), body != nullptr ? bodySize : 0);
+  // The context given here replaces what was set before, a null as well.
+  request.options[WINHTTP_OPTION_CONTEXT_VALUE].assign(reinterpret_cast<const char*>(&context), sizeof(context));
   request.at = ClockNow();
+  found->bodyAt = body != nullptr ? body : request.body.data();
   found->response = Answer(request);
-  const DWORD error = Phase(*found, found->response.connectDelay, request.connectTimeout);
-  found->stage = Stage::kSent;
-  return Finish(error != 0 ? error : found->response.sendError);
+  return BeginOperation({.function = "WinHttpSendRequest",
+                         .handle = found,
+                         .delay = found->response.connectDelay,
+                         .timeout = request.connectTimeout,
+                         .effect =
+                             [found] {
+                               const Response& response = found->response;
+                               found->stage = Stage::kSent;
+                               // WINHTTP_OPTION_CONNECT_RETRIES: so many addresses of the host are tried, each once.
+                               return response.deadAddresses <
+                                              found->request.Number(WINHTTP_OPTION_CONNECT_RETRIES, kConnectRetries)
+                                          ? response.sendError
+                                          : DWORD{ERROR_WINHTTP_CANNOT_CONNECT};
+                             },
+                         .completion = WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE});
 }
 
 SIM(WINBOOL, WinHttpReceiveResponse, HINTERNET handle, LPVOID reserved) {
   FIND(WinHttpReceiveResponse, handle, Stage::kSent, Stage::kSent, handle, reserved)
   const DWORD limit = found->request.Number(WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, kResponseTimeout);
-  DWORD error = Phase(*found, found->response.headersDelay, static_cast<int>(limit));
-  error = error != 0 ? error : found->response.receiveError;
-  found->stage = error == 0 ? Stage::kAnswered : found->stage;
-  return Finish(error);
+  return BeginOperation({.function = "WinHttpReceiveResponse",
+                         .handle = found,
+                         .delay = found->response.headersDelay,
+                         .timeout = static_cast<int>(limit),
+                         .effect =
+                             [found] {
+                               const DWORD error = found->response.receiveError;
+                               found->stage = error == 0 ? Stage::kAnswered : found->stage;
+                               return error;
+                             },
+                         .completion = WINHTTP_CALLBACK_STATUS_HEADERS_AVAILABLE});
 }
 
 SIM(WINBOOL, WinHttpQueryHeaders, HINTERNET handle, DWORD what, LPCWSTR name, LPVOID buffer, LPDWORD size,
@@ -288,30 +324,57 @@ SIM(WINBOOL, WinHttpQueryHeaders, HINTERNET handle, DWORD what, LPCWSTR name, LP
 
 SIM(WINBOOL, WinHttpQueryDataAvailable, HINTERNET handle, LPDWORD count) {
   FIND(WinHttpQueryDataAvailable, handle, Stage::kAnswered, Stage::kAnswered, handle, count)
-  DWORD error = 0;
-  if (found->available == 0) {
-    const Response& response = found->response;
-    const std::size_t left = response.body.size() - found->sent;
-    error = left != 0 ? Phase(*found, response.chunkDelay, found->request.receiveTimeout) : response.bodyError;
-    found->available = error == 0 ? static_cast<DWORD>(std::min(left, response.chunk)) : 0;
-  }
-  *count = found->available;
-  return Finish(error);
+  CheckCount("WinHttpQueryDataAvailable", *found, count);
+  const bool more = found->sent < found->response.body.size();
+  return BeginOperation({.function = "WinHttpQueryDataAvailable",
+                         .handle = found,
+                         .delay = found->available == 0 && more ? found->response.chunkDelay : 0,
+                         .timeout = found->request.receiveTimeout,
+                         .effect =
+                             [found, count] {
+                               const Response& response = found->response;
+                               const std::size_t left = response.body.size() - found->sent;
+                               if (found->available == 0) {
+                                 found->available = static_cast<DWORD>(std::min(left, response.chunk));
+                               }
+                               if (count != nullptr) {
+                                 *count = found->available;
+                               }
+                               return left == 0 ? response.bodyError : 0;
+                             },
+                         .completion = WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE,
+                         .information = &found->available,
+                         .length = &kNumberSize});
 }
 
 SIM(WINBOOL, WinHttpReadData, HINTERNET handle, LPVOID buffer, DWORD size, LPDWORD read) {
   FIND(WinHttpReadData, handle, Stage::kAnswered, Stage::kAnswered, handle, buffer, size, read)
-  DWORD available = 0;
-  *read = 0;
-  if (!sim_WinHttpQueryDataAvailable(handle, &available)) {
-    return FALSE;
+  CheckCount("WinHttpReadData", *found, read);
+  if (found->available < size) {
+    Violation("WinHttpReadData: waiting for more than is available is not simulated");
   }
-  const DWORD count = std::min(size, available);
-  std::copy_n(found->response.body.data() + found->sent, count, static_cast<char*>(buffer));
-  found->sent += count;
-  found->available -= count;
-  *read = count;
-  return Finish(ERROR_SUCCESS);
+  const DWORD count = std::min(size, found->available);
+  return BeginOperation({.function = "WinHttpReadData",
+                         .handle = found,
+                         .delay = found->response.readDelay,
+                         .timeout = found->request.receiveTimeout,
+                         .effect =
+                             [found, buffer, read, count] {
+                               std::copy_n(found->response.body.data() + found->sent, count,
+                                           static_cast<char*>(buffer));
+                               found->sent += count;
+                               found->available -= count;
+                               found->lastRead = count;
+                               if (read != nullptr) {
+                                 *read = count;
+                               }
+                               return DWORD{0};
+                             },
+                         .completion = WINHTTP_CALLBACK_STATUS_READ_COMPLETE,
+                         .information = buffer,
+                         .length = &found->lastRead,
+                         .buffer = buffer,
+                         .size = size});
 }
 
 SIM(WINBOOL, WinHttpCloseHandle, HINTERNET handle) {
@@ -327,6 +390,6 @@ SIM(WINBOOL, WinHttpCloseHandle, HINTERNET handle) {
     const std::lock_guard guard(mutex);
     handles.erase(handle);
   }
-  Signal(found->closed);
+  CloseUnderOperation(found);
   return Finish(ERROR_SUCCESS);
 }

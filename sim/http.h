@@ -1,6 +1,7 @@
 // A portal in script behind WinHTTP, for tests in virtual time. While a ScriptedPortal exists the WinHTTP calls of the
-// service are answered from it, without a network and with the contract of synchronous WinHTTP checked: order of calls,
-// kinds of handles, sizes of options, use after closing.
+// service are answered from it, without a network and with the contract of WinHTTP checked: order of calls, kinds of
+// handles, sizes of options, use after closing, a synchronous call whose handle is closed under it, one operation of an
+// asynchronous request at a time, what must stay as it is until the callback.
 #pragma once
 
 #include "win32/winapi.h"
@@ -33,9 +34,10 @@ struct Response {
   DWORD status = 200;
   std::string body = {};
   std::wstring retryAfter = {};  // that header; empty: none
-  std::size_t chunk = 8192;  // bytes that become available at a time
+  std::size_t chunk = 8192;      // bytes that become available at a time
   // Virtual milliseconds before the phase is over, INFINITE: it never is. The time-outs of the request apply (12002).
-  DWORD connectDelay = 0, headersDelay = 0, chunkDelay = 0;
+  DWORD connectDelay = 0, headersDelay = 0, chunkDelay = 0, readDelay = 0;
+  DWORD deadAddresses = 0;  // of the host's addresses, the first ones, to which nobody can connect
   // Windows errors at the end of the phase, 0 for none: WinHttpSendRequest, WinHttpReceiveResponse, and after the body.
   DWORD sendError = 0, receiveError = 0, bodyError = 0;
 };
@@ -52,6 +54,8 @@ class ScriptedPortal {
   // Answers a method and path (query aside); the latest script for both holds. Anything else gets 404. The handler
   // runs on the thread that sends.
   void On(const std::wstring& method, const std::wstring& path, Handler handler);
+  // WinHttpSetOption fails for this one from now on.
+  void RefuseOption(DWORD option);
   // All requests so far, those of failed connections included.
   [[nodiscard]] std::vector<Request> Requests() const;
 };

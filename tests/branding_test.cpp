@@ -375,7 +375,7 @@ TEST_F(BrandingTest, EndOfTheEnrolmentEndsTheRunAndWhatItMade) {
     EXPECT_FALSE(Exists(kKioskFolder));
   });
   Apply(kBranding);
-  EXPECT_EQ(clock_.Elapsed(), 4'000U);
+  EXPECT_EQ(clock_.Elapsed(), 3'500U);
   EXPECT_FALSE(Exists(kKioskFolder));
   EXPECT_EQ(test::LogTexts(), std::vector<std::string>{});
   state::DeleteStateValue(state::kTeardownPending);
@@ -402,7 +402,6 @@ TEST_F(BrandingTest, WhatTheKioskHasOpenGoesOnceItIsSignedOut) {
 TEST_F(BrandingTest, StopEndsADownloadAtOnce) {
   ASSERT_TRUE(win32::CreateStopEvent());
   Serve(kOne, {.headersDelay = INFINITE});
-  clock_.SetGrace(500);  // the call is ended from a thread of the real pool
   clock_.At(5'000, [] { win32::RequestStop(); });
   Apply(kBranding);
   EXPECT_EQ(clock_.Elapsed(), 5'000U);

@@ -50,7 +50,8 @@ TEST_F(Pairing, PairBeginAnswers) {
     sim::Response response;
     std::string reply;
   } const cases[] = {
-      {Reply(200, R"({"pairingCode":12345678})"), kServerError},
+      {Reply(200, R"({"pairingCode":[]})"), kServerError},
+      {Reply(200, R"({"pairingCode":12345678})"), R"({"ok":true,"code":"12345678","expiresInSeconds":900})"},
       {Reply(200, "<html>"), kServerError},
       {Reply(202, R"({"pairingCode":"ABCD1234"})"), kServerError},
       {Reply(302), kServerError},
@@ -64,15 +65,15 @@ TEST_F(Pairing, PairBeginAnswers) {
     EXPECT_EQ(HasValue(state::kStateKey, L"LastError"), each.reply.find("\"ok\":false") != std::string::npos)
         << each.reply;
   }
-  const std::pair<const char*, const char*> lifetimes[] = {{"600.9", "600"},   {"\"12.9\"", "12"}, {"true", "1"},
-                                                           {"null", "900"},    {"[5]", "900"},     {"\"inf\"", "900"},
-                                                           {"\"soon\"", "900"}};
+  const std::pair<const char*, const char*> lifetimes[] = {{"600.9", "600"},    {"\"12.9\"", "12"}, {"true", "1"},
+                                                           {"null", "900"},     {"[5]", "900"},     {"\"inf\"", "900"},
+                                                           {"\"soon\"", "900"}, {"1e999", "900"}};
   for (const auto& [sent, seconds] : lifetimes) {
     Answer(L"POST", kPairPath,
            Reply(200, std::string(R"({"pairingCode":"ABCD1234","expiresInSeconds":)") + sent + "}"));
     EXPECT_EQ(Begin(), std::string(R"({"ok":true,"code":"ABCD1234","expiresInSeconds":)") + seconds + "}");
   }
-  EXPECT_EQ(test::CountLogged("INFO pairing started"), 8);
+  EXPECT_EQ(test::CountLogged("INFO pairing started"), 10);
   EXPECT_EQ(test::CountLogged("WARN pairing: HTTP 302"), 1);
   EXPECT_EQ(test::CountLogged("WARN pairing: AuthSystem unreachable (WinHTTP error 12007)"), 1);
   const auto body = json::Parse(portal_.Requests().front().body);
@@ -102,6 +103,10 @@ TEST_F(Pairing, PairCheckAnswersAndWhatBecomesOfTheCode) {
       {Reply(409), error("claimed"), false},
       {Reply(200, "{}"), error("server_error"), false},
       {Reply(200, R"({"deviceToken":7})"), error("server_error"), false},
+      {Reply(200, R"({"deviceToken":"tok 9"})"), error("server_error"), false},
+      {Reply(200, R"({"deviceToken":"tok\r\nX: 9"})"), error("server_error"), false},
+      {Reply(200, R"({"deviceToken":"tök"})"), error("server_error"), false},
+      {Reply(200, R"({"deviceToken":")" + std::string(4097, '~') + "\"}"), error("server_error"), false},
   };
   Answer(L"POST", kPairPath, Reply(201, R"({"pairingCode":"ABCD1234"})"));
   for (const auto& each : cases) {
@@ -182,6 +187,15 @@ TEST_F(Pairing, WhatAClaimedCodeLeadsTo) {
     clock_.RunFor(11'000);
     EXPECT_EQ(sim::PendingShutdown().has_value(), each.account) << each.what;
   }
+}
+
+TEST_F(Pairing, LongestTokenIsStored) {
+  const std::string longest = "!" + std::string(4095, '~');
+  Answer(L"POST", kPairPath, Reply(201, R"({"pairingCode":"ABCD1234"})"));
+  Answer(L"GET", L"/api/kiosk/pair/ABCD1234", Reply(200, R"({"deviceToken":")" + longest + "\"}"));
+  Begin();
+  Check();
+  EXPECT_EQ(ReadDeviceToken().Get(), longest);
 }
 
 TEST_F(Pairing, TokenThatCannotBeStoredIsReported) {

@@ -12,6 +12,7 @@
 #include "sim/machine.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
+#include "win32/http_call.h"
 #include "win32/stop.h"
 
 #include <dpapi.h>
@@ -37,7 +38,7 @@ class PortalTest : public test::CleanMachine {
   void Answer(const wchar_t* method, const wchar_t* path, const sim::Response& response) {
     portal_.On(method, path, [response](const sim::Request&) { return response; });
   }
-  AuthReply Get() { return AuthRequest(L"GET", "/x", {}, "secret", kApiBodyLimit, kAcceptJson); }
+  static AuthReply Get() { return AuthRequest(L"GET", "/x", {}, "secret", kApiBodyLimit, kAcceptJson); }
 
   sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
   sim::ScriptedPortal portal_;
@@ -85,12 +86,18 @@ TEST_F(PortalTest, FailuresOfEachPhaseAreToldApart) {
   struct {
     sim::Response response;
     const char* error;
-    std::uint64_t atMost;  // virtual ms
+    std::uint64_t after;  // virtual ms
   } const cases[] = {
       {{.sendError = ERROR_WINHTTP_CANNOT_CONNECT}, "WinHTTP error 12029", 0},
+      {{.deadAddresses = 5}, "WinHTTP error 12029", 0},
+      {{.connectDelay = INFINITE}, "WinHTTP error 12002", 15'000},
       {{.headersDelay = INFINITE}, "WinHTTP error 12002", 15'000},
       {{.receiveError = ERROR_WINHTTP_INVALID_SERVER_RESPONSE}, "WinHTTP error 12152", 0},
-      {{.body = std::string(100, 'x'), .chunk = 1, .chunkDelay = 10'000}, "WinHTTP error 12002", 75'000},
+      // The whole call's deadline, in the middle of a phase.
+      {{.body = std::string(100, 'x'), .chunk = 1, .chunkDelay = 7'000}, "WinHTTP error 12002", 60'000},
+      {{.body = std::string(100, 'x'), .chunk = 1, .headersDelay = 14'000, .readDelay = 9'000},
+       "WinHTTP error 12002",
+       60'000},
   };
   for (const auto& each : cases) {
     Answer(L"GET", L"/x", each.response);
@@ -98,7 +105,7 @@ TEST_F(PortalTest, FailuresOfEachPhaseAreToldApart) {
     const AuthReply reply = Get();
     EXPECT_EQ(reply.error, each.error);
     EXPECT_TRUE(reply.answered == 0 && reply.body.Empty()) << each.error;
-    EXPECT_LE(clock_.Elapsed() - start, each.atMost) << each.error;
+    EXPECT_EQ(clock_.Elapsed() - start, each.after) << each.error;
   }
   for (const wchar_t* url : {L"not a url", L"ftp://portal.test", L"http://"}) {
     SetString(state::kStateKey, L"AuthBaseUrl", url);
@@ -108,14 +115,58 @@ TEST_F(PortalTest, FailuresOfEachPhaseAreToldApart) {
   EXPECT_EQ(sim::OpenHttpHandles(), 0);
 }
 
-TEST_F(PortalTest, StopEndsACallInFlightAndNoneBeginsAfterIt) {
+class StopInPhase : public PortalTest, public testing::WithParamInterface<std::string> {};
+
+TEST_P(StopInPhase, EndsTheCallAtOnceAndNoneBeginsAfterIt) {
   ASSERT_TRUE(win32::CreateStopEvent());
-  Answer(L"GET", L"/x", {.headersDelay = INFINITE});
+  const auto slow = [](const char* phase) { return GetParam() == phase ? DWORD{10'000} : 0; };
+  Answer(L"GET", L"/x",
+         {.body = "abc",
+          .connectDelay = slow("Connect"),
+          .headersDelay = slow("Headers"),
+          .chunkDelay = slow("Body"),
+          .readDelay = slow("Read")});
   clock_.At(4'000, [] { win32::RequestStop(); });
-  clock_.SetGrace(200);  // the call is ended from a thread of the real pool
   EXPECT_EQ(Get().error, "WinHTTP error 12017");
   EXPECT_EQ(clock_.Elapsed(), 4'000U);
   EXPECT_EQ(Get().error, "WinHTTP error 12017");
+  EXPECT_EQ(portal_.Requests().size(), 1U);
+  EXPECT_EQ(sim::OpenHttpHandles(), 0);
+  clock_.RunFor(10'000);  // what WinHTTP still does with the request, and its last callback
+}
+
+INSTANTIATE_TEST_SUITE_P(Phases, StopInPhase, testing::Values("Connect", "Headers", "Body", "Read"));
+
+// A token is handed out once: what has come whole counts, whatever happens then.
+TEST_F(PortalTest, WholeBodyIsKeptAtTheDeadlineAndAtAStop) {
+  ASSERT_TRUE(win32::CreateStopEvent());
+  Answer(L"GET", L"/x", {.body = "abcdef", .chunk = 2});
+  const win32::HttpHandle session = win32::OpenHttpSession(L"agent");
+  const win32::HttpTarget target{.host = L"portal.test", .path = L"/x", .port = 80};
+  const auto get = [&](void (*meanwhile)()) {
+    std::string body;
+    const win32::HttpAnswer answer = win32::CallHttp(
+        session.Get(),
+        {.target = &target, .stop = win32::StopEvent(), .maxBody = 100, .onBody = [&](std::string_view chunk) {
+           body += chunk;
+           meanwhile();
+         }});
+    return std::to_string(answer.error) + " " + body;
+  };
+  EXPECT_EQ(get([] { Sleep(30'000); }), "0 abcdef");
+  // What was not here yet when time was up is not waited for.
+  Answer(L"GET", L"/x", {.body = "abcdef", .chunk = 2, .chunkDelay = 1'000});
+  EXPECT_EQ(get([] { Sleep(60'000); }), "12002 ab");
+  Answer(L"GET", L"/x", {.body = "abcdef", .chunk = 2});
+  EXPECT_EQ(get([] { win32::RequestStop(); }), "0 abcdef");
+  EXPECT_EQ(get([] {}), "12017 ");
+}
+
+TEST_F(PortalTest, EveryAddressOfTheHostIsTriedAndNothingIsSentThatCouldBeRedirected) {
+  Answer(L"GET", L"/x", {.body = "ok", .deadAddresses = 1});
+  EXPECT_EQ(Get().body.Get(), "ok");
+  portal_.RefuseOption(WINHTTP_OPTION_REDIRECT_POLICY);
+  EXPECT_EQ(Get().error, "cannot open the request");
   EXPECT_EQ(portal_.Requests().size(), 1U);
   EXPECT_EQ(sim::OpenHttpHandles(), 0);
 }

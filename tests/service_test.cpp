@@ -111,6 +111,34 @@ TEST_F(ServiceTest, StartRepairsAndShutdownEndsMaintenance) {
   EXPECT_EQ(sim::RestartComputer(), 1U) << "the kiosk does not sign in by itself";
 }
 
+// Another process keeps its hands on the account, and the kiosk session does not want to end: "running" does not wait
+// for either, and what it did not wait for is done all the same.
+TEST_F(ServiceTest, RunningIsReportedInTimeWhateverTheRepairsWaitFor) {
+  test::Enrol();
+  sim::MakeStubborn(sim::SignIn(L"NorvaneKiosk"), 10'000);
+  state::DeleteStateValue(state::kDeviceToken);
+  test::SetDword(state::kStateKey, L"TeardownPending", 1);
+  const win32::KernelHandle others(CreateMutexW(nullptr, TRUE, L"Global\\NorvaneKioskAccount"));
+  sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  clock.SetGrace(20);
+  const sim::ScriptedPortal portal;
+  sim::ServiceHost host;
+  const win32::KernelHandle service = win32::StartThread([]() noexcept { RunDispatcher(); });
+  clock.RunUntil(19'999);
+  EXPECT_EQ(host.Reports().size(), 1U);
+  clock.RunUntil(20'100);
+  ASSERT_EQ(host.Reports().size(), 2U);
+  EXPECT_EQ(host.Reports().back().dwCurrentState, DWORD{SERVICE_RUNNING});
+  EXPECT_EQ(test::CountLogged("WARN start: the repairs are not done yet; they go on"), 1);
+  EXPECT_TRUE(sim::FindUser(L"NorvaneKiosk"));
+  clock.RunUntil(40'000);
+  EXPECT_FALSE(sim::FindUser(L"NorvaneKiosk"));
+  EXPECT_EQ(test::CountLogged("INFO the pending removal of NorvaneKiosk finished"), 1);
+  EXPECT_EQ(host.Deliver(SERVICE_CONTROL_STOP), DWORD{NO_ERROR});
+  EXPECT_EQ(WaitForSingleObject(service.Get(), 20'000), WAIT_OBJECT_0);
+  ReleaseMutex(others.Get());
+}
+
 TEST_F(ServiceTest, UninstallWithoutAServiceStillGivesTheComputerBack) {
   const std::string before = sim::DumpMachine();
   test::Enrol();
@@ -131,6 +159,7 @@ TEST(EnrolmentFaults, StoringTheTokenIsAllOrNothing) {
     const bool stored = state::TokenIsStored();
     account::FinishPendingRemoval();
     EXPECT_EQ(portal::ReadDeviceToken().Get(), stored ? "tok-1" : "") << "the old removal took it";
+    EXPECT_FALSE(stored && test::HasValue(state::kStateKey, L"UnknownSince")) << "of the token before";
     EXPECT_EQ(account::StillEnrolled("tok-1"), stored);
     EXPECT_TRUE(portal::StoreDeviceToken("tok-2"));
     EXPECT_EQ(portal::ReadDeviceToken().Get(), "tok-2");

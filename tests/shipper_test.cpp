@@ -60,7 +60,7 @@ class ShipperTest : public test::CleanMachine {
       Log(kNotice, kKiosk, "line %d", i);
     }
   }
-  void StopInFlight(DWORD grace);
+  void StopInFlight(const std::function<sim::Response()>& answer, std::uint64_t atMost);
 
   sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
   sim::ScriptedPortal portal_;
@@ -256,17 +256,15 @@ TEST_F(ShipperTest, FullRingAndFullDiskCountWhatIsLost) {
   EXPECT_EQ(received_.size() + dropped_, 3001U);
 }
 
-// Windows ends the request at once; or it does not, and the sender is left behind in it.
-void ShipperTest::StopInFlight(DWORD grace) {
-  answer_ = [](const sim::Request&) { return sim::Response{.status = 202, .headersDelay = 14'000}; };
+void ShipperTest::StopInFlight(const std::function<sim::Response()>& answer, std::uint64_t atMost) {
+  answer_ = [answer](const sim::Request&) { return answer(); };
   Lines(0, 20);
   clock_.RunFor(5000);
   ASSERT_EQ(portal_.Requests().size(), 1U);
   Lines(20, 40);
-  clock_.SetGrace(grace);
   const std::uint64_t before = clock_.Elapsed();
   StopBanner(kKiosk);
-  EXPECT_LE(clock_.Elapsed() - before, grace == 0 ? 2000U : 10U);
+  EXPECT_LE(clock_.Elapsed() - before, atMost);
   std::string spooled;
   for (const std::wstring& name : Segments()) {
     spooled += test::ReadWholeFile(kDrop + L"\\" + name);
@@ -279,8 +277,17 @@ void ShipperTest::StopInFlight(DWORD grace) {
   EXPECT_EQ(portal_.Requests().size(), 1U);
 }
 
-TEST_F(ShipperTest, StopEndsTheRequestAndSpoolsTheRest) { StopInFlight(50); }
-TEST_F(ShipperTest, StopLeavesAStuckRequestBehindAfterTwoSeconds) { StopInFlight(0); }
+TEST_F(ShipperTest, StopEndsTheRequestAndSpoolsTheRest) {
+  StopInFlight([] { return sim::Response{.status = 202, .headersDelay = 14'000}; }, 0);
+}
+// In a call that WinHTTP does not come back from, although it should.
+TEST_F(ShipperTest, StopLeavesAStuckRequestBehindAfterTwoSeconds) {
+  const auto stuck = [] {
+    Sleep(14'000);
+    return sim::Response{.status = 202};
+  };
+  StopInFlight(stuck, 2'000);
+}
 
 TEST_F(ShipperTest, SegmentsOfOthersAndOfTheDeadAreSentAndTornLinesAreNot) {
   MakeDropTree();

@@ -258,6 +258,15 @@ TEST_F(UpdatesTest, CallbacksOutliveTheRunAndBelongToNoApartment) {
 }
 
 TEST_F(UpdatesTest, TheReport) {
+  // Of a run before Windows started, ten minutes ago.
+  SetString(state::kStateKey, L"OsUpdatesReport",
+            LR"({"lastRunAt":"2026-11-21T08:49:59Z","restartRequired":true})");
+  RememberOwedRestart();
+  EXPECT_NE(Status().find(R"("restartRequired":false)"), std::string::npos);
+  SetString(state::kStateKey, L"OsUpdatesReport", L"{\"pending\":1e999}");
+  json::Value body = json::Value::Object();
+  AddUpdatesReport(body);
+  EXPECT_EQ(json::Serialise(body), "{}") << "JSON has no infinity";
   RunResult run{RunCode::kDone, 700, true, std::string(79, 'x') + "ü tail"};
   EXPECT_TRUE(WriteUpdatesReport("tok", "ok", &run));
   EXPECT_EQ(StoredReport(), R"({"lastRunAt":"2026-11-21T09:00:00Z","lastResult":"ok","error":")" +

@@ -9,11 +9,13 @@
 #include "sim/http.h"
 #include "sim/power.h"
 #include "sim/profiles.h"
+#include "sim/reads.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 #include "win32/stop.h"
 #include "win32/thread.h"
 
+#include <optional>
 #include <utility>
 
 namespace kiosk::service {
@@ -206,6 +208,43 @@ TEST_F(WorkerTest, BrandingAndPowerComeWithACheckInAndBrandingGoesWithTheEnrolme
   EXPECT_EQ(GetFileAttributesW(kFolder), INVALID_FILE_ATTRIBUTES);
 }
 
+TEST_F(WorkerTest, TokenThatCannotBeReadIsLookedAtAgain) {
+  Enrol();
+  const auto blob = state::ReadState(state::kDeviceToken);
+  ASSERT_TRUE(blob);
+  test::SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, "junk", 4);
+  StartWorker();
+  clock_.RunUntil(1'000'000);  // it looks after 30, 90, 210, 450 and 930 s
+  EXPECT_EQ(CheckIns(), Times{});
+  EXPECT_EQ(test::CountLogged("ERROR cannot unprotect the device token (13)"), 1);
+  test::SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, blob->bytes.data(), blob->bytes.size());
+  clock_.RunUntil(1'600'000);
+  EXPECT_EQ(CheckIns(), (Times{1530, 1560, 1590}));
+  {
+    const sim::FailingReads failing(L"DeviceToken", ERROR_NO_SYSTEM_RESOURCES);
+    clock_.RunUntil(1'700'000);
+  }
+  clock_.RunUntil(1'750'000);
+  EXPECT_EQ(CheckIns(), (Times{1530, 1560, 1590, 1710, 1740})) << "the waits begin at the bottom again";
+  EXPECT_EQ(test::CountLogged("ERROR cannot read the device token (1450)"), 1);
+  EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
+}
+
+// The token could not be read at the one moment when a good answer was to be taken over.
+TEST_F(WorkerTest, AnswerThatIsNotTakenOverIsNoOutage) {
+  Enrol();
+  std::optional<sim::FailingReads> failing;
+  portal_.On(L"POST", L"/api/kiosk/check-in", [&](const sim::Request& request) {
+    if (request.at == 930'000) {
+      failing.emplace(L"DeviceToken", ERROR_NO_SYSTEM_RESOURCES, 1);
+    }
+    return sim::Response{.status = request.at < 930'000 ? DWORD{503} : DWORD{200}, .body = answer_};
+  });
+  StartWorker();
+  clock_.RunUntil(1'000'000);
+  EXPECT_EQ(CheckIns(), (Times{0, 30, 90, 210, 450, 930, 960, 990}));
+}
+
 TEST_F(WorkerTest, StopEndsAWaitAtOnce) {
   Enrol();
   StartWorker();
@@ -219,7 +258,6 @@ TEST_F(WorkerTest, StopDuringACheckInIsNoOutage) {
   Enrol();
   portal_.On(L"POST", L"/api/kiosk/check-in",
              [](const sim::Request&) { return sim::Response{.headersDelay = 10'000}; });
-  clock_.SetGrace(200);  // the call is ended from a thread of the real pool
   StartWorker();
   clock_.At(5'000, [] { win32::RequestStop(); });
   clock_.RunUntil(20'000);

@@ -145,10 +145,11 @@ class Run {
 
   // Downloads and stores one photo, the lock given back for as long as the portal takes. False when the run is to end.
   bool Fetch(Known& photo) {
+    ResetEvent(DownloadEnd());
     Leave();
     const portal::AuthReply reply =
         portal::AuthRequest(L"GET", "/api/kiosk/branding/photos/" + photo.digest, {}, token_, kMaxPhotoSize,
-                            portal::kAcceptImage, kPhotoDeadline, [this] { return account::StillEnrolled(token_); });
+                            portal::kAcceptImage, kPhotoDeadline, DownloadEnd());
     if (!Enter() || !folders_.emplace().Hold()) {
       return false;
     }

@@ -246,8 +246,14 @@ bool RemoveCache() {
   return true;
 }
 
+HANDLE DownloadEnd() noexcept {
+  static const HANDLE event = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  return event;
+}
+
 void RemoveBranding() {
   const win32::LockGuard guard(folderLock);
+  SetEvent(DownloadEnd());
   RemoveCache();
 }
 

@@ -69,6 +69,10 @@ void RemoveAllBut(const std::vector<std::wstring>& names);
 // False when something of the cache is left; logged.
 bool RemoveCache();
 
+// Set by RemoveBranding, and reset under the lock by whoever finds the terminal enrolled and begins a download: ends
+// one that runs. Null when Windows has no event to give.
+HANDLE DownloadEnd() noexcept;
+
 // RemoveCache under the lock, for the end of an enrolment. The caller may hold the account lock.
 void RemoveBranding();
 

@@ -1,5 +1,6 @@
 #include "json/parse.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdint>
@@ -178,12 +179,8 @@ bool Parser::ParseNumber() {
   if (end == pos_) {
     return Fail("expected number");
   }
-  const double number = ConvertNumber(text_.substr(pos_, end - pos_));
-  if (!std::isfinite(number)) {
-    return Fail("number out of range");
-  }
+  values_.emplace_back(ConvertNumber(text_.substr(pos_, end - pos_)));
   pos_ = end;
-  values_.emplace_back(number);
   return true;
 }
 
@@ -339,8 +336,18 @@ bool Parser::ParseMembers() {
   return Take('}') || Fail(AtEnd() ? "unterminated object" : "expected ',' or '}'");
 }
 
+bool IsFinite(const Value& value) {
+  return std::isfinite(value.number()) && std::all_of(value.items().begin(), value.items().end(), IsFinite) &&
+         std::all_of(value.values().begin(), value.values().end(), IsFinite);
+}
+
 }  // namespace
 
 std::optional<Value> Parse(std::string_view text, std::string* error) { return Parser(text, error).Run(); }
+
+std::optional<Value> ParseStored(std::string_view text) {
+  std::optional<Value> value = Parse(text);
+  return value && IsFinite(*value) ? std::move(value) : std::nullopt;
+}
 
 }  // namespace kiosk::json

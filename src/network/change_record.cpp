@@ -38,7 +38,7 @@ bool HasChangeRecords() { return state::ReadState(state::kPriorNetwork).has_valu
 std::vector<ChangeRecord> ReadChangeRecords() {
   std::vector<ChangeRecord> records;
   const json::Value list =
-      json::Parse(win32::ToNarrow(state::ReadStateString(state::kPriorNetwork))).value_or(json::Value());
+      json::ParseStored(win32::ToNarrow(state::ReadStateString(state::kPriorNetwork))).value_or(json::Value());
   for (const json::Value& item : list.items()) {
     if (std::optional<Settings> before = FromJson(json::Member(item, "settings"))) {
       std::optional<Settings> wanted = FromJson(json::Member(item, "wanted"));

@@ -43,7 +43,7 @@ AuthReply FailedWith(DWORD error) { return Failed("WinHTTP error " + std::to_str
 
 AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std::string& body,
                       const std::string& bearerToken, std::size_t maxBody, const wchar_t* accept,
-                      std::uint32_t deadline, const std::function<bool()>& goOn) {
+                      std::uint32_t deadline, HANDLE end) {
   if (win32::StopRequested()) {
     return FailedWith(ERROR_WINHTTP_OPERATION_CANCELLED);
   }
@@ -65,7 +65,7 @@ AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std:
                       .headers = wide,
                       .body = body,
                       .stop = win32::StopEvent(),
-                      .goOn = &goOn,
+                      .end = end,
                       .deadline = deadline,
                       .maxBody = maxBody,
                       .onBody = [&reply](std::string_view chunk) { reply.body.Append(chunk); }});

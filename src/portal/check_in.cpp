@@ -23,7 +23,6 @@ namespace {
 constexpr std::size_t kMaxStatusText = 128;
 
 constexpr char kUnexpectedReply[] = "unexpected check-in reply";
-constexpr char kNoLongerEnrolled[] = "no longer enrolled";
 constexpr char kHttp[] = "HTTP ";
 
 std::string RequestBody() {

@@ -26,6 +26,9 @@ struct CheckInResult {
 // caller hands the result to the revocation rule.
 CheckInResult CheckIn(const std::string& token);
 
+// The error of a good answer that was not taken over, since the terminal is not enrolled with that token any more.
+inline constexpr char kNoLongerEnrolled[] = "no longer enrolled";
+
 // True for the texts that CheckInResult::error can hold, as opposed to the failure codes of other areas that "LastError"
 // may hold as well.
 bool IsCheckInError(std::string_view text);

@@ -7,10 +7,21 @@
 
 #include <dpapi.h>
 
+#include <atomic>
+
 namespace kiosk::portal {
 namespace {
 
 constexpr wchar_t kDescription[] = L"Norvane kiosk device token";
+
+// Whether the log knows that a token is there and cannot be read: one line for as long as that lasts, whoever asks.
+std::atomic<bool> unreadable{false};
+
+void LogUnreadable(const char* what, DWORD error) {
+  if (!unreadable.exchange(true)) {
+    log::Log(log::kError, log::kKiosk, "cannot %s the device token (%lu)", what, error);
+  }
+}
 
 // A removal of an earlier enrolment may be pending. Its mark beside a token means a teardown that was cut short and is
 // done again as a whole; so it is noted before that the token is the newer of the two.
@@ -20,20 +31,33 @@ bool AnnounceNewerToken() {
 
 }  // namespace
 
-text::Secret ReadDeviceToken() {
-  auto stored = state::ReadState(state::kDeviceToken);
-  if (!stored || stored->type != state::kDeviceToken.type || stored->bytes.empty()) {
-    return {};
+TokenRead ReadDeviceToken(text::Secret& token) {
+  state::RawValue stored;
+  const LSTATUS status = state::ReadValue(state::kStateKey, state::kDeviceToken.name, stored);
+  if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
+    LogUnreadable("read", static_cast<DWORD>(status));
+    return TokenRead::kUnreadable;
   }
-  DATA_BLOB blob{static_cast<DWORD>(stored->bytes.size()), stored->bytes.data()};
+  if (stored.type != state::kDeviceToken.type || stored.bytes.empty()) {
+    unreadable = false;
+    return TokenRead::kNone;
+  }
+  DATA_BLOB blob{static_cast<DWORD>(stored.bytes.size()), stored.bytes.data()};
   DATA_BLOB plain{};
   if (CryptUnprotectData(&blob, nullptr, nullptr, nullptr, nullptr, CRYPTPROTECT_UI_FORBIDDEN, &plain) == 0) {
-    log::Log(log::kError, log::kKiosk, "cannot unprotect the device token (%lu)", GetLastError());
-    return {};
+    LogUnreadable("unprotect", GetLastError());
+    return TokenRead::kUnreadable;
   }
   const win32::LocalMemory owner(plain.pbData);
-  text::Secret token(std::string(reinterpret_cast<const char*>(plain.pbData), plain.cbData));
+  token = text::Secret(std::string(reinterpret_cast<const char*>(plain.pbData), plain.cbData));
   SecureZeroMemory(plain.pbData, plain.cbData);
+  unreadable = false;
+  return TokenRead::kRead;
+}
+
+text::Secret ReadDeviceToken() {
+  text::Secret token;
+  ReadDeviceToken(token);
   return token;
 }
 
@@ -47,13 +71,13 @@ bool StoreDeviceToken(const std::string& token) {
   }
   const win32::LocalMemory owner(blob.pbData);
   // Any process of this machine can unprotect the blob, so only the key's own protection keeps it from others: that
-  // comes first.
+  // comes first. And no moment may know the new token with the time since when an earlier one was unknown.
   if (state::ProtectStateKey().what != nullptr || !AnnounceNewerToken() ||
+      !state::DeleteStateValue(state::kUnknownSince) ||
       state::WriteExisting(state::kStateKey, state::kDeviceToken.name, state::kDeviceToken.type, blob.pbData,
                            blob.cbData) != ERROR_SUCCESS) {
     return false;
   }
-  state::DeleteStateValue(state::kUnknownSince);
   const bool superseded = state::DeleteStateValue(state::kTeardownPending);
   if (superseded || state::DeleteStateValue(state::kDeviceToken)) {
     state::DeleteStateValue(state::kTeardownSuperseded);

@@ -8,7 +8,15 @@
 
 namespace kiosk::portal {
 
-// Empty when there is none or it cannot be unprotected (the latter is logged).
+enum class TokenRead {
+  kNone,
+  kRead,
+  kUnreadable,  // a token may be there, but the registry or DPAPI does not give it now; logged once for as long as that lasts
+};
+// `token` is set only for kRead.
+TokenRead ReadDeviceToken(text::Secret& token);
+
+// The same for whom it makes no difference: empty unless it was read.
 text::Secret ReadDeviceToken();
 
 // Protects the state key, stores the token, makes that durable, and ends what an earlier enrolment left open

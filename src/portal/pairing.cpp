@@ -29,6 +29,7 @@ namespace {
 
 constexpr double kDefaultLifetime = 900;  // seconds
 constexpr std::size_t kCodeLength = 8;
+constexpr std::size_t kLongestToken = 4096;
 
 std::string HostName() {
   std::array<wchar_t, 256> name{};
@@ -73,6 +74,12 @@ bool IsAnswerableCode(std::string_view code) {
   return code.size() == kCodeLength && std::all_of(code.begin(), code.end(), [](char c) {
            return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
          });
+}
+
+// What can stand in a header after "Bearer ". Anything else would be stored and never work.
+bool IsToken(std::string_view token) {
+  return !token.empty() && token.size() <= kLongestToken &&
+         std::all_of(token.begin(), token.end(), [](char c) { return c > 0x20 && c < 0x7F; });
 }
 
 json::Value StillWaiting(bool unreachable) {
@@ -133,7 +140,7 @@ std::string Claim(const AuthReply& answer, text::Secret& token) {
   if (body) {
     body->Wipe();
   }
-  if (token.Empty()) {
+  if (!IsToken(token.Get())) {
     return "server_error";
   }
   if (!Store(token)) {
@@ -160,7 +167,7 @@ json::Value PairBegin() {
     return json::ErrorReply("server_error");
   }
   const std::optional<json::Value> body = json::Parse(answer.body.Get());
-  const std::string code = body ? json::Member(*body, "pairingCode").text() : std::string();
+  const std::string code = body ? json::AsString(json::Member(*body, "pairingCode")) : std::string();
   if (code.empty()) {
     return json::ErrorReply("server_error");
   }

@@ -9,7 +9,8 @@ namespace kiosk::portal {
 
 json::Value LoadSignIn() {
   // Normalised once more: an administrator may have written there.
-  return NormaliseSignIn(json::Parse(win32::ToNarrow(state::ReadStateString(state::kSignIn))).value_or(json::Value()));
+  return NormaliseSignIn(
+      json::ParseStored(win32::ToNarrow(state::ReadStateString(state::kSignIn))).value_or(json::Value()));
 }
 
 }  // namespace kiosk::portal

@@ -11,7 +11,7 @@
 namespace kiosk::power {
 
 bool LoadPowerPolicy(const state::StateValue& value, PowerPolicy& policy) {
-  const std::optional<json::Value> stored = json::Parse(win32::ToNarrow(state::ReadStateString(value)));
+  const std::optional<json::Value> stored = json::ParseStored(win32::ToNarrow(state::ReadStateString(value)));
   return stored && ParsePowerPolicy(*stored, policy);
 }
 

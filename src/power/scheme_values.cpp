@@ -179,7 +179,8 @@ bool SetPowerValue(const GUID& scheme, SchemeSetting setting, DWORD value, bool&
 }
 
 void RestorePriorPower() {
-  const std::optional<json::Value> prior = json::Parse(win32::ToNarrow(state::ReadStateString(state::kPriorPower)));
+  const std::optional<json::Value> prior =
+      json::ParseStored(win32::ToNarrow(state::ReadStateString(state::kPriorPower)));
   const std::wstring text = prior ? win32::ToWide(json::Member(*prior, "scheme").text()) : std::wstring();
   GUID scheme{};
   if (text.empty() || FAILED(CLSIDFromString(text.c_str(), &scheme))) {

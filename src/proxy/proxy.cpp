@@ -114,7 +114,7 @@ bool WriteProxy(const Proxy& proxy, Setting& now) {
 }
 
 json::Value Recorded(const state::StateValue& value) {
-  return json::Parse(win32::ToNarrow(state::ReadStateString(value))).value_or(json::Value());
+  return json::ParseStored(win32::ToNarrow(state::ReadStateString(value))).value_or(json::Value());
 }
 
 bool Record(const state::StateValue& value, const json::Value& content) {

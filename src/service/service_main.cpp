@@ -36,10 +36,18 @@ namespace {
 
 constexpr DWORD kConnectionWait = 30'000;
 constexpr DWORD kConnectionPoll = 100;
+// By then "running" is reported, whatever the repairs wait for: a profile in use, a sign-out, another process, an
+// adapter. What is left of them goes on.
+constexpr DWORD kStartBudget = 20'000;
 
 constexpr char kWorker[] = "worker thread";
 constexpr char kWindow[] = "window thread";
 constexpr char kAwake[] = "awake thread";
+
+// Set when the worker is done with the repairs, and when "running" was reported. Created before the worker, which may
+// outlive the service thread, and never closed.
+HANDLE repaired = nullptr;
+HANDLE reportedRunning = nullptr;
 
 // What a control sets off besides a change of the service's own state; nothing of it may keep the service from stopping.
 template <typename Action>
@@ -127,17 +135,33 @@ void RepairKiosk() {
   account::ApplyKioskPolicies();
 }
 
-void Start() {
+// The worker's first act, which the service thread waits for; nothing of the worker's own begins before the service
+// runs.
+void RepairAndWork() {
+  RepairKiosk();
+  SetEvent(repaired);
+  static_cast<void>(win32::WaitOrStop(reportedRunning, INFINITE));
+  RunWorker();
+}
+
+// Returns the worker's thread.
+win32::KernelHandle Start(const win32::Deadline& deadline) {
   ProtectState();
   pipe::LearnServiceSigner();
   if (!pipe::ServiceIsSigned()) {
     log::Log(log::kWarn, log::kKiosk,
              "this service is not signed (a dev build): it admits callers only while DevAllowUnsigned=1");
   }
-  RepairKiosk();
+  win32::KernelHandle worker = StartVital(kWorker, RepairAndWork);
+  if (WaitForSingleObject(repaired, deadline.Left()) != WAIT_OBJECT_0) {
+    log::Log(log::kWarn, log::kKiosk, "start: the repairs are not done yet; they go on");
+  }
   log::Log(log::kNotice, log::kKiosk, "enrolled=%d provisioned=%d maintenance=%d", state::TokenIsStored() ? 1 : 0,
            account::IsKioskProvisioned() ? 1 : 0, state::FlagIsOn(state::kMaintenance) ? 1 : 0);
   ReportRunning();
+  updates::RememberOwedRestart();
+  SetEvent(reportedRunning);
+  return worker;
 }
 
 void Join(const char* name, HANDLE thread) {
@@ -159,13 +183,12 @@ void JoinThreads(HANDLE worker, HANDLE window, HANDLE awake) {
 }
 
 void RunService() {
+  const win32::Deadline deadline(kStartBudget);
   ReportStartPending();
   log::StartBanner(log::kKiosk);
   const win32::ComApartment apartment;
   SecureCom(apartment.Result());
-  Start();
-  updates::RememberOwedRestart();
-  const win32::KernelHandle worker = StartVital(kWorker, RunWorker);
+  const win32::KernelHandle worker = Start(deadline);
   const win32::KernelHandle window = StartVital(kWindow, updates::UpdateWindowThread);
   const win32::KernelHandle awake = StartVital(kAwake, power::AwakeThread);
   pipe::RunPipeServer();
@@ -177,12 +200,18 @@ void RunService() {
   ReportStopped();
 }
 
+bool CreateStartEvents() noexcept {
+  repaired = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  reportedRunning = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  return repaired != nullptr && reportedRunning != nullptr;
+}
+
 void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
   if (!RegisterControls(kServiceName, OnControl)) {
     return;
   }
   try {
-    if (!win32::CreateStopEvent() || !portal::CreateWorkerWake()) {
+    if (!win32::CreateStopEvent() || !portal::CreateWorkerWake() || !CreateStartEvents()) {
       log::Log(log::kError, log::kKiosk, "cannot create the service's events (%lu)", GetLastError());
       log::EndProcess(1);
     }

@@ -21,6 +21,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <utility>
 
 namespace kiosk::service {
 namespace {
@@ -45,14 +46,23 @@ class Worker {
   DWORD Pass() {
     account::FinishPendingRemoval();
     const bool networkSettled = network::SettleChanges();
-    const text::Secret token = portal::ReadDeviceToken();
+    text::Secret token;
+    const portal::TokenRead read = portal::ReadDeviceToken(token);
+    if (read != portal::TokenRead::kUnreadable) {
+      tokenWait_ = kInterval;
+    }
     if (token.Empty()) {
       backOff_ = kInterval;
-      return !networkSettled || state::FlagIsOn(state::kTeardownPending) ? kInterval : account::StaleProfilesWait();
+      if (!networkSettled || state::FlagIsOn(state::kTeardownPending)) {
+        return kInterval;
+      }
+      // What could not be read now may be read later: that ends no enrolment.
+      return read == portal::TokenRead::kUnreadable ? Longer(tokenWait_) : account::StaleProfilesWait();
     }
     const portal::CheckInResult result = portal::CheckIn(token.Get());
     // Somebody else may have ended the enrolment, or begun another, while the answer was on its way: that one counts.
-    if (portal::HandleDeviceStatus(result, token.Get()) || !account::StillEnrolled(token.Get())) {
+    if (portal::HandleDeviceStatus(result, token.Get()) || result.error == portal::kNoLongerEnrolled ||
+        !account::StillEnrolled(token.Get())) {
       return kInterval;
     }
     if (!result.error.empty()) {
@@ -103,15 +113,17 @@ class Worker {
         state::RecordLastError(error);
       }
     }
-    const DWORD wait = backOff_;
-    backOff_ = std::min(backOff_ * 2, kLongestBackOff);
-    return wait;
+    return Longer(backOff_);
   }
+
+  // The wait as it is; the next one is twice as long, up to ten minutes.
+  static DWORD Longer(DWORD& wait) { return std::exchange(wait, std::min(wait * 2, kLongestBackOff)); }
 
   static std::string RecordedError() { return win32::ToNarrow(state::ReadStateString(state::kLastError)); }
 
   bool failing_ = false;
   DWORD backOff_ = kInterval;           // the wait after the next failed check-in
+  DWORD tokenWait_ = kInterval;         // and after the next token that cannot be read
   std::uint64_t nextProvisioning_ = 0;  // as a tick count; not tried again before
 };
 

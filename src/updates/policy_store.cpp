@@ -11,7 +11,7 @@
 namespace kiosk::updates {
 
 bool LoadUpdatesPolicy(UpdatesPolicy& policy) {
-  const auto stored = json::Parse(win32::ToNarrow(state::ReadStateString(state::kUpdatesPolicy)));
+  const auto stored = json::ParseStored(win32::ToNarrow(state::ReadStateString(state::kUpdatesPolicy)));
   return stored && ParseUpdatesPolicy(*stored, policy);
 }
 

@@ -6,6 +6,7 @@
 #include "log/log.h"
 #include "state/kiosk_state.h"
 #include "text/text.h"
+#include "win32/clock.h"
 #include "win32/wide_text.h"
 
 #include <algorithm>
@@ -19,7 +20,7 @@ constexpr int kMostPending = 500;
 constexpr std::size_t kLongestError = 80;
 
 std::optional<json::Value> StoredReport() {
-  return json::Parse(win32::ToNarrow(state::ReadStateString(state::kOsUpdatesReport)));
+  return json::ParseStored(win32::ToNarrow(state::ReadStateString(state::kOsUpdatesReport)));
 }
 
 int PendingOf(const json::Value& report) {
@@ -82,7 +83,10 @@ void AddUpdatesReport(json::Value& body) {
 
 void RememberOwedRestart() {
   const std::optional<json::Value> report = StoredReport();
-  if (report && json::Member(*report, "restartRequired").boolean()) {
+  const std::uint64_t booted = win32::FileTimeNow() - win32::TickCount() * (win32::kFileTimeSecond / 1000);
+  // Windows has restarted since an older report. Both texts are of one form, so they compare as their times do.
+  if (report && json::Member(*report, "restartRequired").boolean() &&
+      json::Member(*report, "lastRunAt").text() >= UtcText(booted)) {
     const LockedUpdateState state;
     state->restartRequired = true;
   }

@@ -22,7 +22,8 @@ void MarkWindowDone(const std::string& token, const std::string& key);
 // Adds the stored report as "osUpdates" to the body of a check-in; nothing when there is none.
 void AddUpdatesReport(json::Value& body);
 
-// At the start of the service: a restart that the stored report still asks for is shown again.
+// At the start of the service: a restart that the stored report asks for is shown again, unless Windows has restarted
+// since.
 void RememberOwedRestart();
 
 // For a teardown that has marked itself: deletes policy, source, report and the window done. Nothing writes them

@@ -1,6 +1,6 @@
 #include "updates/update_state.h"
 
-#include "win32/winapi.h"
+#include "win32/clock.h"
 
 #include <algorithm>
 #include <atomic>
@@ -71,14 +71,17 @@ RunClaim::~RunClaim() {
 
 bool RunIsGoing() noexcept { return busy; }
 
-std::string UtcNowText() {
-  SYSTEMTIME now;
-  GetSystemTime(&now);
+std::string UtcText(std::uint64_t time) {
+  const FILETIME raw{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
+  SYSTEMTIME parts{};
+  FileTimeToSystemTime(&raw, &parts);
   char text[64];
-  static_cast<void>(std::snprintf(text, sizeof(text), "%04u-%02u-%02uT%02u:%02u:%02uZ", unsigned{now.wYear},
-                                  unsigned{now.wMonth}, unsigned{now.wDay}, unsigned{now.wHour}, unsigned{now.wMinute},
-                                  unsigned{now.wSecond}));
+  static_cast<void>(std::snprintf(text, sizeof(text), "%04u-%02u-%02uT%02u:%02u:%02uZ", unsigned{parts.wYear},
+                                  unsigned{parts.wMonth}, unsigned{parts.wDay}, unsigned{parts.wHour},
+                                  unsigned{parts.wMinute}, unsigned{parts.wSecond}));
   return text;
 }
+
+std::string UtcNowText() { return UtcText(win32::FileTimeNow()); }
 
 }  // namespace kiosk::updates

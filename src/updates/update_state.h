@@ -75,7 +75,8 @@ struct RunResult {
   std::string error;                    // "<stage> 0x<HRESULT>" or "busy"; empty: none
 };
 
-// The system time in UTC, "2026-11-21T02:10:00Z".
+// A FILETIME value (UTC) as "2026-11-21T02:10:00Z", and the system time so.
+std::string UtcText(std::uint64_t time);
 std::string UtcNowText();
 
 }  // namespace kiosk::updates

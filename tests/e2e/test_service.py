@@ -105,8 +105,7 @@ class Life(unittest.TestCase):
                 with terminal.start("kioskctl-dev.exe", "send", '{"cmd":"pair.begin"}') as waiting:
                     self.assertTrue(portal.wait(lambda: len(portal.requests) > seen, 20))
                     self.assertEqual(terminal.net("stop"), 0)
-                    # Here the system cannot end a wait for response headers, so the phase's own bound of 15 s holds.
-                    wait_for(lambda: terminal.service_process() is None, "the service to stop", 20)
+                    wait_for(lambda: terminal.service_process() is None, "the service to stop", 10)
                     waiting.communicate(timeout=10)
                 self.assertEqual(terminal.log()[-1], "INFO Kiosk shutting down")
                 terminal.start_service()

@@ -72,8 +72,6 @@ TEST(JsonParse, RefusesWithMessageAndOffset) {
       {"Infinity", "expected number at offset 0"},
       {"\xEF\xBB\xBF{}", "expected number at offset 0"},
       {"\f1", "expected number at offset 0"},
-      {"[-1e999]", "number out of range at offset 1"},
-      {std::string(400, '9'), "number out of range at offset 0"},
       {"[1", "unterminated array at offset 2"},
       {"[1, ", "unexpected end of input at offset 4"},
       {"[1 2]", "expected ',' or ']' at offset 3"},
@@ -139,8 +137,12 @@ TEST(JsonNumbers, ReadAndPrintAsTheCLibraryDoes) {
     }
     const double read = std::strtod(run.c_str(), nullptr);
     const std::optional<Value> value = Parse(run);
-    ASSERT_EQ(value.has_value(), std::isfinite(read)) << run;
-    ASSERT_EQ(value ? value->number() : 0.0, value ? read : 0.0) << run;
+    ASSERT_TRUE(value) << run;
+    ASSERT_EQ(value->number(), read) << run;
+    ASSERT_EQ(ParseStored(run).has_value(), std::isfinite(read)) << run;
+  }
+  for (const char* deep : {R"([{"a":[1,-1e999]}])", "{\"a\":1e999}", "[", ""}) {
+    EXPECT_FALSE(ParseStored(deep)) << deep;
   }
   EXPECT_EQ(AsString(std::numeric_limits<double>::infinity()), "inf");
   EXPECT_EQ(AsString(-std::numeric_limits<double>::infinity()), "-inf");
