@@ -3,6 +3,7 @@
 #include "log/day_files.h"
 #include "sim/faults.h"
 #include "sim/machine.h"
+#include "sim/program_files.h"
 
 #include <aclapi.h>
 #include <sddl.h>
@@ -273,6 +274,10 @@ SIM(HANDLE, CreateFileW, LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATT
   const std::wstring real = Resolve(path, (flags & FILE_FLAG_OPEN_REPARSE_POINT) == 0);
   HANDLE file = INVALID_HANDLE_VALUE;
   const auto open = [&]() -> BOOL {
+    if (const DWORD refused = AwaitOpening(real); refused != ERROR_SUCCESS) {
+      SetLastError(refused);
+      return FALSE;
+    }
     file = ::CreateFileW(real.c_str(), access, share, security, disposition, flags, model);
     return file != INVALID_HANDLE_VALUE;
   };

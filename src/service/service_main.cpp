@@ -8,7 +8,7 @@
 #include "branding/branding_folder.h"
 #include "log/log.h"
 #include "pipe/server.h"
-#include "pipe/signature.h"
+#include "pipe/service_signer.h"
 #include "portal/worker_wake.h"
 #include "service/install.h"
 #include "service/service_status.h"
@@ -123,10 +123,6 @@ void RepairKiosk() {
 void Start() {
   ProtectState();
   pipe::LearnServiceSigner();
-  if (!pipe::ServiceIsSigned()) {
-    log::Log(log::kWarn, log::kKiosk,
-             "this service is not signed (a dev build): it admits callers only while DevAllowUnsigned=1");
-  }
   RepairKiosk();
   log::Log(log::kNotice, log::kKiosk, "enrolled=%d provisioned=%d maintenance=%d", state::TokenIsStored() ? 1 : 0,
            account::IsKioskProvisioned() ? 1 : 0, state::FlagIsOn(state::kMaintenance) ? 1 : 0);
