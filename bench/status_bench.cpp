@@ -5,6 +5,7 @@
 //   status_bench once            serves and asks once in this process, for a trace of the Windows calls
 #include "bench/bench.h"
 #include "pipe/server.h"
+#include "pipe/service_signer.h"
 #include "pipe/signature.h"
 #include "win32/handle.h"
 #include "win32/stop.h"
@@ -79,6 +80,7 @@ void Measure(const wchar_t* signedFile) {
 
 int Once() {
   kiosk::win32::CreateStopEvent();
+  kiosk::pipe::LearnServiceSigner();
   const auto server = kiosk::win32::StartThread([]() noexcept { kiosk::pipe::RunPipeServer(); });
   RequireRoundTrip(kiosk::pipe::kPipeName);  // the first one also initialises
   OutputDebugStringA("trace begins");

@@ -2,6 +2,8 @@
 
 #include "log/day_files.h"
 #include "sim/files_internal.h"
+#include "sim/machine.h"
+#include "sim/program_files.h"
 
 #include <winternl.h>
 
@@ -277,6 +279,10 @@ SIM(HANDLE, CreateFileW, LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATT
   HANDLE file = INVALID_HANDLE_VALUE;
   const auto open = [&]() -> BOOL {
     if (Refused(real)) {
+      return FALSE;
+    }
+    if (const DWORD refused = AwaitOpening(real); refused != ERROR_SUCCESS) {
+      SetLastError(refused);
       return FALSE;
     }
     file = ::CreateFileW(real.c_str(), access, share, security, disposition, flags, model);

@@ -3,6 +3,7 @@
 #include "sim/files.h"
 #include "sim/seam.h"
 
+#include <atomic>
 #include <mutex>
 
 namespace sim {
@@ -10,6 +11,9 @@ namespace {
 
 std::mutex mutex;
 std::vector<PipeCreation> creations;
+std::atomic<DWORD> connectError{ERROR_SUCCESS};
+std::atomic<int> connects{0};
+std::atomic<int> reads{0};
 
 // An instance exists, free or busy, in any process.
 bool PipeExists(const wchar_t* name) { return WaitNamedPipeW(name, 1) || GetLastError() != ERROR_FILE_NOT_FOUND; }
@@ -21,9 +25,29 @@ std::vector<PipeCreation> PipeCreations() {
   return creations;
 }
 
+void FailPipeConnects(DWORD error) { connectError = error; }
+
+int PipeConnects() { return connects; }
+
+int OverlappedReads() { return reads; }
+
 }  // namespace sim
 
 using namespace sim;
+
+SIM(WINBOOL, ConnectNamedPipe, HANDLE pipe, LPOVERLAPPED overlapped) {
+  ++connects;
+  if (connectError != ERROR_SUCCESS) {
+    SetLastError(connectError);
+    return FALSE;
+  }
+  return ::ConnectNamedPipe(pipe, overlapped);
+}
+
+SIM(WINBOOL, ReadFile, HANDLE file, LPVOID buffer, DWORD size, LPDWORD read, LPOVERLAPPED overlapped) {
+  reads += overlapped != nullptr ? 1 : 0;
+  return ::ReadFile(file, buffer, size, read, overlapped);
+}
 
 SIM(HANDLE, CreateNamedPipeW, LPCWSTR name, DWORD openMode, DWORD pipeMode, DWORD instances, DWORD outSize,
     DWORD inSize, DWORD timeout, LPSECURITY_ATTRIBUTES security) {

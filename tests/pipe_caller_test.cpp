@@ -3,16 +3,22 @@
 #include "json/serialise.h"
 #include "pipe/caller.h"
 #include "pipe/dispatch.h"
+#include "pipe/service_signer.h"
 #include "portal/pairing_code.h"
 #include "sim/accounts.h"
 #include "sim/callers.h"
+#include "sim/clock.h"
 #include "sim/gtest_report.h"
 #include "sim/http.h"
+#include "sim/program_files.h"
 #include "sim/sessions.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 #include "win32/clock.h"
+#include "win32/local_path.h"
 #include "win32/security.h"
+#include "win32/thread.h"
+#include "win32/wide_text.h"
 
 #include <algorithm>
 #include <tuple>
@@ -43,6 +49,10 @@ class Caller : public test::CleanMachine {
   }
 
   [[nodiscard]] HANDLE Pipe() const { return server_.Get(); }
+  [[nodiscard]] std::string Check(HANDLE pipe) const {
+    return CheckCallerProcess(pipe, win32::PreciseFileTimeNow(), {15'000});
+  }
+  [[nodiscard]] std::string Check() const { return Check(Pipe()); }
   // `leaves`: whether the command leaves something to be done after the reply.
   [[nodiscard]] std::string Ask(const CallerRecord& caller, std::string_view request, bool leaves = false) const {
     json::PostReplyAction afterReply = nullptr;
@@ -56,14 +66,151 @@ class Caller : public test::CleanMachine {
   win32::FileHandle client_;
 };
 
+constexpr char kNotSigned[] =
+    "this service is not signed (a dev build): it admits callers only while DevAllowUnsigned=1";
+
 TEST_F(Caller, AnUnsignedServiceAdmitsOnlyWhileADeveloperSaysSo) {
+  LearnServiceSigner();
+  EXPECT_EQ(test::LogTexts(), std::vector<std::string>{"WARN " + std::string(kNotSigned)});
   SetDword(state::kStateKey, L"DevAllowUnsigned", 2);
-  EXPECT_EQ(CheckCallerProcess(Pipe(), 0), "this service is unsigned and DevAllowUnsigned is not set");
+  EXPECT_EQ(Check(), "this service is unsigned and DevAllowUnsigned is not set");
   SetString(state::kStateKey, L"DevAllowUnsigned", L"1");
-  EXPECT_EQ(CheckCallerProcess(Pipe(), 0), "this service is unsigned and DevAllowUnsigned is not set");
+  EXPECT_EQ(Check(), "this service is unsigned and DevAllowUnsigned is not set");
   SetDword(state::kStateKey, L"DevAllowUnsigned", 1);
-  EXPECT_EQ(CheckCallerProcess(Pipe(), 0), "");
-  EXPECT_EQ(CheckCallerProcess(nullptr, 0), "caller process unknown");
+  EXPECT_EQ(Check(), "");
+  EXPECT_EQ(Check(nullptr), "caller process unknown");
+}
+
+constexpr wchar_t kClient[] = L"C:\\client.exe";
+constexpr wchar_t kOther[] = L"C:\\other.exe";
+constexpr char kNotValid[] = " is not validly signed";
+constexpr char kUnreadable[] = "this service's own signature cannot be read";
+
+// The service is signed, and so are two programs, of which one is the caller's.
+class SignedService : public Caller {
+ protected:
+  void SetUp() override {
+    Caller::SetUp();
+    wchar_t own[MAX_PATH];
+    own_.assign(own, GetModuleFileNameW(nullptr, own, MAX_PATH));
+    for (const std::wstring& path : {own_, std::wstring(kClient), std::wstring(kOther)}) {
+      sim::SignFile(path, L"CN=Norvane");
+    }
+    test::WriteWholeFile(kClient, "x");
+    test::WriteWholeFile(kOther, "x");
+    sim::SetProcessImage(kClient);
+    SetDword(state::kStateKey, L"DevAllowUnsigned", 1);
+  }
+
+  std::wstring own_;
+};
+
+TEST_F(SignedService, WhoeverHoldsAProgramFileCostsHisOwnSessionAlone) {
+  LearnServiceSigner();
+  sim::VirtualClock clock(sim::FileTimeOf(2026, 10, 15));
+  sim::SetPipeClientSession(2);
+  EXPECT_EQ(Check(), "");
+  {
+    const sim::HeldFile held(kClient);
+    EXPECT_EQ(Check(), "C:\\client.exe" + std::string(kNotValid));
+    EXPECT_EQ(clock.Elapsed(), 15'000U);
+    sim::SetProcessImage(kOther);
+    EXPECT_EQ(Check(), "C:\\other.exe" + std::string(kNotValid));  // of the same session: at once
+    EXPECT_EQ(clock.Elapsed(), 15'000U);
+    EXPECT_EQ(held.Attempts(), 1);
+    sim::SetPipeClientSession(3);
+    EXPECT_EQ(Check(), "");
+    sim::SetPipeClientSession(2);
+  }
+  for (int i = 0; i < 100 && !Check().empty(); ++i) {
+    clock.RunFor(1);  // until the look that was left behind has ended
+  }
+  EXPECT_EQ(Check(), "");
+}
+
+TEST_F(SignedService, CallersOfOneSessionWaitForTheirTurn) {
+  LearnServiceSigner();
+  sim::VirtualClock clock(sim::FileTimeOf(2026, 10, 15));
+  std::string refusals[] = {"not asked", "not asked", "not asked"};
+  win32::KernelHandle callers[3];
+  {
+    const sim::HeldFile held(kClient);
+    for (int i = 0; i < 3; ++i) {
+      callers[i] = win32::StartThread([this, &refusal = refusals[i]]() noexcept { refusal = Check(); });
+    }
+    clock.RunFor(14'000);
+    EXPECT_EQ(held.Attempts(), 1) << "looks at the same time";
+  }
+  clock.RunFor(500);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(WaitForSingleObject(callers[i].Get(), 0), WAIT_OBJECT_0);
+    EXPECT_EQ(refusals[i], "");
+  }
+}
+
+TEST_F(SignedService, OnlyLocalFilesOfLimitedSizeAreLookedAt) {
+  LearnServiceSigner();
+  constexpr wchar_t kLarge[] = L"C:\\large.exe";
+  sim::SetDriveType(L"R:\\", DRIVE_REMOTE);
+  sim::SignFile(kLarge, L"CN=Norvane");
+  // To open one of the first three is a violation.
+  const std::pair<const wchar_t*, LONGLONG> cases[] = {
+      {L"\\\\server\\share\\client.exe", 0}, {L"R:\\client.exe", 0}, {kLarge, 512LL * 1024 * 1024 + 1}};
+  for (const auto& [path, size] : cases) {
+    sim::SetProcessImage(path);
+    if (size != 0) {
+      const win32::FileHandle file(CreateFileW(path, GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+      LARGE_INTEGER end{};
+      end.QuadPart = size;
+      ASSERT_TRUE(SetFilePointerEx(file.Get(), end, nullptr, FILE_BEGIN) && SetEndOfFile(file.Get()));
+    }
+    EXPECT_EQ(Check(), win32::ToNarrow(path) + kNotValid);
+  }
+  DeleteFileW(kLarge);
+  constexpr wchar_t kVolume[] = L"\\\\?\\Volume{00000000-0000-0000-0000-000000000001}\\";
+  const std::pair<UINT, bool> types[] = {{DRIVE_UNKNOWN, false}, {DRIVE_NO_ROOT_DIR, false}, {DRIVE_REMOVABLE, true},
+                                         {DRIVE_FIXED, true},    {DRIVE_REMOTE, false},      {DRIVE_CDROM, false},
+                                         {DRIVE_RAMDISK, true}};
+  for (const auto& [type, local] : types) {
+    sim::SetDriveType(L"R:\\", type);
+    sim::SetDriveType(kVolume, type);
+    EXPECT_EQ(win32::IsLocalPath(L"R:\\folder\\client.exe"), local) << type;
+    EXPECT_EQ(win32::IsLocalPath(std::wstring(kVolume) + L"client.exe"), local) << type;
+  }
+  for (const wchar_t* path : {L"", L"C:", L"C:client.exe", L"\\\\?\\UNC\\server\\share\\client.exe", L"\\\\.\\C:\\x"}) {
+    EXPECT_FALSE(win32::IsLocalPath(path)) << win32::ToNarrow(path);
+  }
+}
+
+TEST_F(SignedService, NobodyIsAdmittedWhileItsOwnFileIsHeld) {
+  sim::VirtualClock clock(sim::FileTimeOf(2026, 10, 15));
+  {
+    const sim::HeldFile held(own_);
+    LearnServiceSigner();
+    EXPECT_EQ(clock.Elapsed(), 6'000U);
+    EXPECT_EQ(Check(), kUnreadable);
+    clock.RunFor(60'000);
+    EXPECT_EQ(held.Attempts(), 1);
+  }
+  clock.RunFor(1);
+  EXPECT_EQ(Check(), "");
+  EXPECT_EQ(test::LogTexts(),
+            (std::vector<std::string>{"WARN " + std::string(kUnreadable) + ": it admits no callers until it can",
+                                      "INFO this service's own signature could be read: it admits callers now"}));
+}
+
+TEST_F(SignedService, ItsOwnFileIsLookedAtAgainEveryFiveSeconds) {
+  sim::VirtualClock clock(sim::FileTimeOf(2026, 10, 15));
+  {
+    const sim::HeldFile held(own_, ERROR_SHARING_VIOLATION);
+    LearnServiceSigner();
+    clock.RunUntil(29'999);
+    EXPECT_EQ(held.Attempts(), 6);
+    EXPECT_EQ(Check(), kUnreadable);
+  }
+  clock.RunUntil(30'000);
+  EXPECT_EQ(Check(), "");
+  EXPECT_EQ(test::CountLogged("WARN " + std::string(kNotSigned)), 0);
 }
 
 TEST_F(Caller, AProcessThatBeganAfterTheConnectionIsToldApart) {

@@ -2,6 +2,9 @@
 #include "sim/pipe.h"
 #include "account/kiosk_restart.h"
 #include "pipe/server.h"
+#include "pipe/service_signer.h"
+#include "pipe/unverified.h"
+#include "sim/callers.h"
 #include "sim/clock.h"
 #include "sim/gtest_report.h"
 #include "sim/shutdown.h"
@@ -12,6 +15,7 @@
 #include "win32/thread.h"
 
 #include <atomic>
+#include <list>
 #include <optional>
 #include <thread>
 
@@ -30,7 +34,11 @@ constexpr char kStatus[] =
     "\"signIn\":{\"microsoft\":true,\"email\":true,\"extraHosts\":[]}}\n";
 constexpr char kBadRequest[] = "{\"ok\":false,\"error\":\"bad_request\"}\n";
 constexpr char kUnknownCommand[] = "{\"ok\":false,\"error\":\"unknown_command\"}\n";
-constexpr char kListening[] = "INFO listening on \\\\.\\pipe\\NorvaneKiosk";
+constexpr char kRefused[] = "{\"ok\":false,\"error\":\"caller_refused\"}\n";
+// What a server logs that has nothing to tell.
+const std::vector<std::string> kQuiet = {
+    "WARN this service is not signed (a dev build): it admits callers only while DevAllowUnsigned=1",
+    "INFO listening on \\\\.\\pipe\\NorvaneKiosk"};
 
 class PipeServer : public test::CleanMachine {
  protected:
@@ -38,6 +46,7 @@ class PipeServer : public test::CleanMachine {
     CleanMachine::SetUp();
     test::SetDword(state::kStateKey, L"DevAllowUnsigned", 1);
     ASSERT_TRUE(win32::CreateStopEvent());
+    LearnServiceSigner();
   }
 
   void Serve() {
@@ -64,6 +73,12 @@ class PipeServer : public test::CleanMachine {
       SwitchToThread();
     }
     return LiveConnections() == 0;
+  }
+
+  static void AwaitLive(long count) {
+    while (LiveConnections() != count) {
+      SwitchToThread();
+    }
   }
 
   sim::VirtualClock& Clock() { return *clock_; }
@@ -104,7 +119,7 @@ TEST_F(PipeServer, AnswersEveryShapeOfRequest) {
     EXPECT_EQ(ReceiveLine(pipe.Get()), reply);
   }
   // Nothing of this is worth a line.
-  EXPECT_EQ(test::LogTexts(), std::vector<std::string>{kListening});
+  EXPECT_EQ(test::LogTexts(), kQuiet);
 }
 
 TEST_F(PipeServer, InstancesAreCreatedAsTheyMustBe) {
@@ -138,21 +153,22 @@ TEST_F(PipeServer, ManyAndRudeClientsLeaveNothingBehind) {
   }
   std::atomic<int> answered{0};
   std::vector<std::thread> clients;
-  clients.reserve(200);
-  for (int i = 0; i < 200; ++i) {
+  constexpr int kClients = 60;  // fewer than may be unverified at a time
+  clients.reserve(kClients);
+  for (int i = 0; i < kClients; ++i) {
     clients.emplace_back([&answered] { answered += Exchange("{\"cmd\":\"status\"}\n") == kStatus ? 1 : 0; });
   }
   for (std::thread& client : clients) {
     client.join();
   }
-  EXPECT_EQ(answered, 200);
+  EXPECT_EQ(answered, kClients);
 
   EXPECT_EQ(Exchange("{\"cmd\":\"status\"}"), kStatus);
   ASSERT_TRUE(BecomesIdle());
   DWORD after = 0;
   GetProcessHandleCount(GetCurrentProcess(), &after);
   EXPECT_EQ(after, before);
-  EXPECT_EQ(test::LogTexts(), std::vector<std::string>{kListening});
+  EXPECT_EQ(test::LogTexts(), kQuiet);
 }
 
 TEST_F(PipeServer, NobodyTakesTheNameBetweenTwoConnections) {
@@ -223,11 +239,93 @@ TEST_F(PipeServer, ExtraBytesDoNotProlongAConnection) {
   const FileHandle pipe = ConnectToService();
   ASSERT_TRUE(Send(pipe.Get(), "{}\n"));
   EXPECT_EQ(ReceiveLine(pipe.Get()), kUnknownCommand);
+  const int before = sim::OverlappedReads();
+  ASSERT_TRUE(Send(pipe.Get(), std::string(8000, ' ')));
   for (int i = 0; i < 6; ++i) {
-    Send(pipe.Get(), "more");
     Clock().RunFor(900);
+    Send(pipe.Get(), "more");
   }
   EXPECT_EQ(LiveConnections(), 0);
+  EXPECT_LT(sim::OverlappedReads() - before, 20) << "so many reads for a few kilobytes";
+}
+
+TEST(UnverifiedCallers, WhoConnectsTheMostMakesRoom) {
+  // Who goes: session and process of those who are there, in the order in which they came, and the place of the one.
+  const struct {
+    std::vector<std::pair<DWORD, DWORD>> groups;  // each as often as makes 64 in all with equal shares
+    DWORD session, process;                       // of who comes then
+    std::size_t goes;
+  } cases[] = {{{{1, 1}}, 2, 2, 0},
+               {{{1, 1}, {2, 2}}, 2, 2, 32},                  // the newcomer counts
+               {{{1, 1}, {2, 2}}, 3, 3, 0},                   // of equals the oldest
+               {{{1, 1}, {2, 2}, {2, 3}, {2, 3}}, 9, 9, 32},  // the session first, then its process
+               {{{7, 1}, {8, 1}, {8, 2}, {7, 1}}, 8, 2, 32}};
+  for (const auto& each : cases) {
+    std::list<Unverified> places;
+    const std::size_t share = 64 / each.groups.size();
+    for (const auto& [session, process] : each.groups) {
+      for (std::size_t i = 0; i < share; ++i) {
+        EXPECT_FALSE(places.emplace_back(session, process).Ended());
+      }
+    }
+    places.emplace_back(each.session, each.process);
+    std::size_t position = 0;
+    for (Unverified& place : places) {
+      EXPECT_EQ(place.Ended(), position == each.goes) << position;
+      EXPECT_EQ(place.Leave(), position++ != each.goes);
+    }
+  }
+}
+
+TEST_F(PipeServer, AFloodEndsItsOwnConnectionsAlone) {
+  ServeVirtually();  // so that nothing ends because the computer is slow
+  sim::SetPipeClientSession(1);
+  const FileHandle verified = ConnectToService();
+  ASSERT_TRUE(Send(verified.Get(), "{\"cmd\":\"status\"}\n"));
+  EXPECT_EQ(ReceiveLine(verified.Get()), kStatus);  // and stays
+  const FileHandle quiet = ConnectToService();
+  AwaitLive(2);
+  sim::SetPipeClientSession(2);
+  std::vector<FileHandle> flood;
+  for (int i = 0; i < 70; ++i) {
+    flood.push_back(ConnectToService());
+    ASSERT_TRUE(Send(flood.back().Get(), "{\"cmd\":"));
+  }
+  for (int i = 0; i < 7; ++i) {
+    EXPECT_EQ(ReceiveLine(flood[static_cast<std::size_t>(i)].Get()), "");  // ends without a reply
+  }
+  AwaitLive(65);
+  ASSERT_TRUE(Send(quiet.Get(), "{\"cmd\":\"status\"}\n"));
+  EXPECT_EQ(ReceiveLine(quiet.Get()), kStatus);
+  EXPECT_EQ(test::LogTexts().size(), kQuiet.size());
+}
+
+TEST_F(PipeServer, RefusalsDoNotFillTheLog) {
+  constexpr char kLine[] = "WARN caller refused: this service is unsigned and DevAllowUnsigned is not set";
+  test::SetDword(state::kStateKey, L"DevAllowUnsigned", 0);
+  ServeVirtually();
+  for (int i = 0; i < 15; ++i) {
+    EXPECT_EQ(Exchange("{}"), kRefused);
+  }
+  EXPECT_EQ(test::CountLogged(kLine), 10);
+  Clock().RunFor(120'000);
+  EXPECT_EQ(test::CountLogged(std::string(kLine) + " (5 more times within a minute)"), 1);
+  EXPECT_EQ(Exchange("{}"), kRefused);
+  EXPECT_EQ(test::CountLogged(kLine), 11);
+  Clock().RunFor(120'000);
+  EXPECT_EQ(test::LogTexts().size(), kQuiet.size() + 12);
+}
+
+TEST_F(PipeServer, ConnectingThatKeepsFailingIsToldOnceAndTriedSlowly) {
+  constexpr char kFailed[] = "ERROR cannot connect the pipe (8)";
+  sim::FailPipeConnects(ERROR_NOT_ENOUGH_MEMORY);
+  ServeVirtually();
+  Clock().RunFor(19'900);
+  EXPECT_EQ(sim::PipeConnects(), 11);
+  EXPECT_EQ(test::CountLogged(kFailed), 1);
+  sim::FailPipeConnects(ERROR_SUCCESS);
+  Clock().RunFor(2'000);
+  EXPECT_EQ(Exchange("{}"), kUnknownCommand);
 }
 
 TEST_F(PipeServer, AStopEndsEverythingAtOnce) {
@@ -237,9 +335,7 @@ TEST_F(PipeServer, AStopEndsEverythingAtOnce) {
   const FileHandle unread = ConnectToService();
   ASSERT_TRUE(Send(half.Get(), "{\"cmd\":\"sta"));
   ASSERT_TRUE(Send(unread.Get(), "{\"cmd\":\"status\"}"));
-  while (LiveConnections() != 3) {
-    SwitchToThread();
-  }
+  AwaitLive(3);
   const std::uint64_t start = win32::TickCount();
   win32::RequestStop();
   EXPECT_TRUE(BecomesIdle());

@@ -12,6 +12,7 @@
 #include "sim/computer.h"
 #include "sim/fault_driver.h"
 #include "sim/http.h"
+#include "sim/program_files.h"
 #include "sim/service_control.h"
 #include "sim/sessions.h"
 #include "state/kiosk_state.h"
@@ -70,6 +71,25 @@ TEST_F(ServiceTest, ReportsItsStatesAndAnswersControls) {
                 "WARN this service is not signed (a dev build): it admits callers only while DevAllowUnsigned=1",
                 "INFO enrolled=0 provisioned=0 maintenance=0", "INFO listening on \\\\.\\pipe\\NorvaneKiosk",
                 "INFO Kiosk shutting down"}));
+}
+
+// Anybody can keep a file from being opened for as long as he likes.
+TEST_F(ServiceTest, AStartDoesNotWaitForItsOwnFile) {
+  const sim::ScriptedPortal portal;
+  sim::ServiceHost host;
+  wchar_t own[MAX_PATH];
+  const std::wstring path(own, GetModuleFileNameW(nullptr, own, MAX_PATH));
+  const sim::HeldFile held(path);
+  sim::VirtualClock clock(sim::FileTimeOf(2026, 10, 15));
+  const win32::KernelHandle service = win32::StartThread([]() noexcept { RunDispatcher(); });
+  clock.RunUntil(10'000);
+  ASSERT_EQ(host.Reports().size(), 2U);
+  EXPECT_EQ(host.Reports().back().dwCurrentState, DWORD{SERVICE_RUNNING});
+  EXPECT_EQ(test::CountLogged("WARN this service's own signature cannot be read: it admits no callers until it can"),
+            1);
+  host.Deliver(SERVICE_CONTROL_STOP);
+  clock.RunFor(5'000);
+  EXPECT_EQ(WaitForSingleObject(service.Get(), 0), WAIT_OBJECT_0);
 }
 
 // What a start puts right before it reports that it runs, and what a shutdown ends before it stops.

@@ -1,7 +1,7 @@
 #include "pipe/caller.h"
 
 #include "log/log.h"
-#include "pipe/signature.h"
+#include "pipe/service_signer.h"
 #include "state/kiosk_state.h"
 #include "win32/clock.h"
 #include "win32/grow.h"
@@ -11,7 +11,7 @@
 
 #include <array>
 #include <cstddef>
-#include <optional>
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -21,43 +21,19 @@ namespace {
 using win32::KernelHandle;
 
 constexpr wchar_t kSystemSid[] = L"S-1-5-18";
-constexpr std::size_t kImagePathSize = 520;
 constexpr DWORD kUsualTokenSize = 2048;  // what is larger takes one more call
 
-// The process at the other end by its number: 0 when Windows does not tell.
-ULONG ClientProcess(HANDLE pipe) noexcept {
-  ULONG id = 0;
-  return GetNamedPipeClientProcessId(pipe, &id) != 0 ? id : 0;
-}
-
-// Empty when the process has no image any more.
-std::wstring ImagePath(HANDLE process) {
-  std::array<wchar_t, kImagePathSize> path{};
-  DWORD size = path.size();
-  return QueryFullProcessImageNameW(process, 0, path.data(), &size) != 0 ? std::wstring(path.data(), size)
-                                                                         : std::wstring();
-}
-
-// The image is held against writing, deleting and renaming until both of its signature reads are over, and it must
-// still be the image of that process once it is held.
-std::string CheckImage(HANDLE process) {
-  const std::wstring path = ImagePath(process);
-  if (path.empty()) {
+// The refusal for what a look at the caller's program file showed.
+std::string RefusalOf(const ImageLook& image) {
+  if (image.result == ImageLook::Result::kGone) {
     return "caller image unknown";
   }
-  const win32::FileHandle image = HoldImage(path.c_str());
-  if (image && ImagePath(process) != path) {
-    return "caller image unknown";
+  if (image.result == ImageLook::Result::kNotValid) {
+    return win32::ToNarrow(image.path) + " is not validly signed";
   }
-  const std::optional<std::wstring> publisher =
-      image ? TrustedPublisherOfFile(path.c_str(), image.Get()) : std::nullopt;
-  if (!publisher) {
-    return win32::ToNarrow(path) + " is not validly signed";
-  }
-  if (!IsServicePublisher(*publisher)) {
-    return win32::ToNarrow(path) + " is not signed by this service's publisher";
-  }
-  return {};
+  return IsServicePublisher(image.publisher)
+             ? std::string()
+             : win32::ToNarrow(image.path) + " is not signed by this service's publisher";
 }
 
 // The client's identity on this thread for a scope. The service never goes on under it.
@@ -128,6 +104,16 @@ bool HoldsInteractiveGroup(HANDLE token) {
 
 }  // namespace
 
+DWORD ClientSession(HANDLE pipe) noexcept {
+  ULONG session = 0;
+  return GetNamedPipeClientSessionId(pipe, &session) != 0 ? session : 0;
+}
+
+DWORD ClientProcess(HANDLE pipe) noexcept {
+  ULONG process = 0;
+  return GetNamedPipeClientProcessId(pipe, &process) != 0 ? process : 0;
+}
+
 bool BeganBetween(HANDLE process, std::uint64_t from, std::uint64_t to) noexcept {
   FILETIME created;
   FILETIME unused;
@@ -138,22 +124,29 @@ bool BeganBetween(HANDLE process, std::uint64_t from, std::uint64_t to) noexcept
   return began > from && began <= to;
 }
 
-std::string CheckCallerProcess(HANDLE pipe, std::uint64_t connectedAt) {
-  const ULONG processId = ClientProcess(pipe);
+std::string CheckCallerProcess(HANDLE pipe, std::uint64_t connectedAt, const Patience& patience) {
+  const DWORD processId = ClientProcess(pipe);
   if (processId == 0) {
     return "caller process unknown";
   }
-  if (!ServiceIsSigned()) {
-    return state::FlagIsOn(state::kDevAllowUnsigned) ? "" : "this service is unsigned and DevAllowUnsigned is not set";
+  switch (SignatureOfService()) {
+    case ServiceSignature::kUnknown:
+      return "this service's own signature cannot be read";
+    case ServiceSignature::kUnsigned:
+      return state::FlagIsOn(state::kDevAllowUnsigned) ? ""
+                                                       : "this service is unsigned and DevAllowUnsigned is not set";
+    case ServiceSignature::kSigned:
+      break;
   }
   // Held to the end, so that the number cannot pass on to another process during the check. A process that began after
   // the connection was given the number of the one that connected. One that seems to begin in the future began before
   // the clock was set back, as happens whenever the time is synchronised.
-  const KernelHandle process(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
-  if (!process || BeganBetween(process.Get(), connectedAt, win32::PreciseFileTimeNow())) {
+  const auto process =
+      std::make_shared<const KernelHandle>(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
+  if (!*process || BeganBetween(process->Get(), connectedAt, win32::PreciseFileTimeNow())) {
     return "caller process cannot be opened";
   }
-  std::string refusal = CheckImage(process.Get());
+  std::string refusal = RefusalOf(LookAtImage(process, ClientSession(pipe), patience));
   if (refusal.empty() && ClientProcess(pipe) != processId) {
     refusal = "caller process unknown";
   }

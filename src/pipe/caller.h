@@ -3,6 +3,7 @@
 // learns the reason.
 #pragma once
 
+#include "pipe/image_look.h"
 #include "win32/winapi.h"
 
 #include <cstdint>
@@ -18,9 +19,14 @@ struct CallerRecord {
 };
 
 // Admits a process whose program file is validly signed by the service's own publisher. A service that is itself
-// unsigned admits everybody while "DevAllowUnsigned" is 1, and nobody otherwise. `connectedAt` is the system time, in
-// 100 ns units since 1601, at which the client was there.
-std::string CheckCallerProcess(HANDLE pipe, std::uint64_t connectedAt);
+// unsigned admits everybody while "DevAllowUnsigned" is 1, and nobody otherwise; one that does not know its own
+// publisher yet admits nobody at all. `connectedAt` is the system time, in 100 ns units since 1601, at which the client
+// was there.
+std::string CheckCallerProcess(HANDLE pipe, std::uint64_t connectedAt, const Patience& patience);
+
+// The Windows session and the process at the other end; 0 when Windows does not tell.
+DWORD ClientSession(HANDLE pipe) noexcept;
+DWORD ClientProcess(HANDLE pipe) noexcept;
 
 // The process was created after `from` and not after `to`, both system times in 100 ns units since 1601; true as well
 // when Windows does not tell.

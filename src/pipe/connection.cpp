@@ -7,10 +7,13 @@
 #include "pipe/dispatch.h"
 #include "pipe/framing.h"
 #include "pipe/overlapped.h"
+#include "pipe/refusal_log.h"
 #include "text/secret.h"
 #include "win32/clock.h"
 #include "win32/stop.h"
 
+#include <algorithm>
+#include <array>
 #include <exception>
 #include <span>
 #include <string>
@@ -23,13 +26,20 @@ namespace {
 using log::kKiosk;
 
 constexpr std::uint64_t kRequestDeadline = 15'000;
+// For the look at the caller of a request that took its whole time.
+constexpr DWORD kShortestLook = 1000;
 constexpr DWORD kReplyDeadline = 5000;
 constexpr std::uint64_t kLeaveDeadline = 5000;
 
 class Connection {
  public:
-  Connection(win32::FileHandle pipe, std::uint64_t connectedAt, json::PostReplyAction& afterReply) noexcept
-      : pipe_(std::move(pipe)), connectedAt_(connectedAt), afterReply_(afterReply) {}
+  Connection(win32::FileHandle pipe, std::uint64_t connectedAt, Unverified& place,
+             json::PostReplyAction& afterReply) noexcept
+      : pipe_(std::move(pipe)),
+        connectedAt_(connectedAt),
+        place_(place),
+        afterReply_(afterReply),
+        io_(place.EndEvent()) {}
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
   ~Connection() { DisconnectNamedPipe(pipe_.Get()); }
@@ -42,29 +52,31 @@ class Connection {
     return io_.Finish(pipe_.Get(), started, milliseconds);
   }
   void ReadRequest(RequestBuffer& request);
+  std::string Verify(CallerRecord& caller);
   text::Secret Answer(std::string_view request);
   bool Write(std::string_view reply) noexcept;
   void AwaitLeave() noexcept;
 
   win32::FileHandle pipe_;
   std::uint64_t connectedAt_;
+  Unverified& place_;
   json::PostReplyAction& afterReply_;
   const win32::Deadline deadline_{kRequestDeadline};
   OverlappedIo io_;
 };
 
 void Connection::Run() {
-  if (!io_) {
+  if (!io_ || place_.EndEvent() == nullptr) {
     log::Log(log::kError, kKiosk, "pipe: cannot create a connection's event (%lu)", GetLastError());
     return;
   }
   RequestBuffer request;
   ReadRequest(request);
-  if (request.Request().empty()) {
+  if (request.Request().empty() || place_.Ended()) {
     return;
   }
   const text::Secret reply = Answer(request.Request());
-  if (Write(reply.Get())) {
+  if (!reply.Empty() && Write(reply.Get())) {
     AwaitLeave();
   }
 }
@@ -79,19 +91,28 @@ void Connection::ReadRequest(RequestBuffer& request) {
   }
 }
 
-// The reply line. The request is not looked at before its caller is verified.
+// The reason to refuse the caller; empty to admit.
+std::string Connection::Verify(CallerRecord& caller) {
+  std::string refusal =
+      CheckCallerProcess(pipe_.Get(), connectedAt_, {std::max(kShortestLook, deadline_.Left()), place_.EndEvent()});
+  return refusal.empty() ? IdentifyCaller(pipe_.Get(), caller) : refusal;
+}
+
+// The reply line; empty when the connection was ended meanwhile. The request is not looked at before its caller is
+// verified.
 text::Secret Connection::Answer(std::string_view request) {
   CallerRecord caller;
-  std::string refusal = CheckCallerProcess(pipe_.Get(), connectedAt_);
-  if (refusal.empty()) {
-    refusal = IdentifyCaller(pipe_.Get(), caller);
+  const std::string refusal = Verify(caller);
+  const bool ended = refusal.empty() ? !place_.Leave() : place_.Ended() || win32::StopRequested();
+  if (ended) {
+    return {};
   }
   json::Value reply;
   const text::WipeOnExit wipe(reply);
   if (refusal.empty()) {
     reply = Dispatch({pipe_.Get(), caller}, request, afterReply_);
   } else {
-    log::Log(log::kWarn, kKiosk, "caller refused: %s", refusal.c_str());
+    LogRefusal(refusal);
     reply = json::ErrorReply("caller_refused");
   }
   text::Secret line(json::Serialise(reply));
@@ -105,22 +126,23 @@ bool Connection::Write(std::string_view reply) noexcept {
 }
 
 // Disconnecting takes an unread reply away from the client, and flushing would wait for the reader without limit. So
-// the client is given time to close its end; what it still sends is thrown away.
+// the client is given time to close its end; what it still sends is thrown away, which costs the less the larger the
+// pieces are.
 void Connection::AwaitLeave() noexcept {
   const win32::Deadline deadline(kLeaveDeadline);
   IoResult read{IoEnd::kDone};
   while (read.end == IoEnd::kDone && !deadline.Passed() && !win32::StopRequested()) {
-    char unwanted = 0;
-    read = Read({&unwanted, 1}, deadline.Left());
+    std::array<char, kReadChunk> unwanted;
+    read = Read(unwanted, deadline.Left());
   }
 }
 
 }  // namespace
 
-void ServeConnection(win32::FileHandle pipe, std::uint64_t connectedAt) noexcept {
+void ServeConnection(win32::FileHandle pipe, std::uint64_t connectedAt, Unverified& place) noexcept {
   json::PostReplyAction afterReply = nullptr;
   try {
-    Connection(std::move(pipe), connectedAt, afterReply).Run();
+    Connection(std::move(pipe), connectedAt, place, afterReply).Run();
   } catch (const std::exception& problem) {
     log::Log(log::kError, kKiosk, "pipe: a connection ended early (%s)", problem.what());
   }

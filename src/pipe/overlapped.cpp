@@ -1,15 +1,19 @@
 #include "pipe/overlapped.h"
 
-#include "win32/stop.h"
-
 namespace kiosk::pipe {
 
-OverlappedIo::OverlappedIo() noexcept : event_(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {}
+using win32::WaitResult;
+
+OverlappedIo::OverlappedIo(HANDLE end) noexcept : event_(CreateEventW(nullptr, TRUE, FALSE, nullptr)), end_(end) {}
 
 OVERLAPPED* OverlappedIo::Begin() noexcept {
   operation_ = {};
   operation_.hEvent = event_.Get();
   return &operation_;
+}
+
+WaitResult OverlappedIo::Await(DWORD milliseconds) const noexcept {
+  return win32::WaitOrStop(event_.Get(), milliseconds, end_);
 }
 
 IoResult OverlappedIo::Finish(HANDLE file, BOOL started, DWORD milliseconds) noexcept {
@@ -18,11 +22,11 @@ IoResult OverlappedIo::Finish(HANDLE file, BOOL started, DWORD milliseconds) noe
     if (GetLastError() != ERROR_IO_PENDING) {
       return {IoEnd::kFailed};
     }
-    const win32::WaitResult waited = win32::WaitOrStop(event_.Get(), milliseconds);
-    if (waited != win32::WaitResult::kSignaled) {
+    const WaitResult waited = Await(milliseconds);
+    if (waited != WaitResult::kSignaled) {
       CancelIoEx(file, &operation_);
       GetOverlappedResult(file, &operation_, &bytes, TRUE);
-      return {waited == win32::WaitResult::kStop ? IoEnd::kStop : IoEnd::kTimeout};
+      return {waited == WaitResult::kStop ? IoEnd::kStop : IoEnd::kTimeout};
     }
   }
   if (GetOverlappedResult(file, &operation_, &bytes, FALSE) == 0) {

@@ -1,8 +1,11 @@
 #include "pipe/server.h"
 
 #include "log/log.h"
+#include "pipe/caller.h"
 #include "pipe/connection.h"
 #include "pipe/overlapped.h"
+#include "pipe/refusal_log.h"
+#include "pipe/unverified.h"
 #include "win32/clock.h"
 #include "win32/handle.h"
 #include "win32/security.h"
@@ -10,9 +13,11 @@
 #include "win32/thread.h"
 #include "win32/wide_text.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <exception>
+#include <memory>
 #include <utility>
 
 namespace kiosk::pipe {
@@ -25,7 +30,8 @@ using win32::FileHandle;
 // instances of the pipe. Nobody else, services and network logons included, may open it.
 constexpr wchar_t kPipeSddl[] = L"D:P(A;;GA;;;SY)(A;;0x12019b;;;IU)";
 constexpr DWORD kBufferSize = 8192;
-constexpr DWORD kCreateRetry = 2000;
+constexpr DWORD kRetry = 2000;
+constexpr DWORD kTellRefusals = 60'000;
 
 // Raised by the service thread, lowered by each connection's thread as its last act.
 std::atomic<long> liveConnections{0};
@@ -38,13 +44,35 @@ FileHandle CreateInstance(const win32::SecurityDescriptor& descriptor, bool firs
                                      PIPE_UNLIMITED_INSTANCES, kBufferSize, kBufferSize, 0, &attributes));
 }
 
-// Waits without time limit for a client. False when there is none: the connecting failed or the service is to stop.
-bool Connect(HANDLE instance, OverlappedIo& io) noexcept {
+// Waits without time limit for a client. ERROR_SUCCESS when one is there; when the service is to stop, whatever.
+DWORD Connect(HANDLE instance, OverlappedIo& io) noexcept {
   const BOOL started = ConnectNamedPipe(instance, io.Begin());
   if (started == 0 && GetLastError() == ERROR_PIPE_CONNECTED) {
-    return !win32::StopRequested();
+    return ERROR_SUCCESS;
   }
-  return io.Finish(instance, started, INFINITE).end == IoEnd::kDone;
+  if (started == 0 && GetLastError() == ERROR_IO_PENDING) {
+    while (io.Await(kTellRefusals) == win32::WaitResult::kTimeout) {
+      TellCountedRefusals();
+    }
+    SetLastError(ERROR_IO_PENDING);
+  }
+  return io.Finish(instance, started, INFINITE).end == IoEnd::kDone ? ERROR_SUCCESS : GetLastError();
+}
+
+// A client that came and went before anybody waited for it is none. What else fails twice in a row is told once and
+// tried again slowly.
+void AfterConnect(DWORD error, int& failures) noexcept {
+  if (error == ERROR_SUCCESS || error == ERROR_NO_DATA) {
+    failures = 0;
+    return;
+  }
+  failures = std::min(failures + 1, 3);
+  if (failures == 2) {
+    log::Log(log::kError, kKiosk, "cannot connect the pipe (%lu)", error);
+  }
+  if (failures >= 2) {
+    static_cast<void>(win32::WaitOrStop(nullptr, kRetry));
+  }
 }
 
 FileHandle Duplicate(HANDLE instance) noexcept {
@@ -54,11 +82,13 @@ FileHandle Duplicate(HANDLE instance) noexcept {
 }
 
 void StartConnection(FileHandle instance, std::uint64_t connectedAt) noexcept {
-  liveConnections.fetch_add(1);
   try {
+    auto place = std::make_unique<Unverified>(ClientSession(instance.Get()), ClientProcess(instance.Get()));
+    liveConnections.fetch_add(1);
     const win32::KernelHandle thread = win32::StartThread(
-        [pipe = std::move(instance), connectedAt]() mutable noexcept {
-          ServeConnection(std::move(pipe), connectedAt);
+        [pipe = std::move(instance), connectedAt, place = std::move(place)]() mutable noexcept {
+          ServeConnection(std::move(pipe), connectedAt, *place);
+          place.reset();
           liveConnections.fetch_sub(1);
         },
         win32::kSmallStack);
@@ -71,6 +101,45 @@ void StartConnection(FileHandle instance, std::uint64_t connectedAt) noexcept {
   }
   // A service that can start no thread is of no use to anybody, and the service manager starts a fresh one.
   log::EndProcess(1);
+}
+
+// Until the service is to stop.
+void AcceptClients(const win32::SecurityDescriptor& descriptor, OverlappedIo& io) {
+  bool first = true;
+  int failures = 0;
+  FileHandle instance;  // the one that waits for a client
+  // Without any instance left another process could take the name. So the next instance exists before the connected one is
+  // given away, and while it cannot be made a second handle keeps the connected one, whose connection may end at any time.
+  FileHandle keeper;
+  while (!win32::StopRequested()) {
+    TellCountedRefusals();
+    if (!instance) {
+      instance = CreateInstance(descriptor, first);
+    }
+    if (!instance) {
+      log::Log(log::kError, kKiosk, "cannot create the pipe (%lu)", GetLastError());
+      static_cast<void>(win32::WaitOrStop(nullptr, kRetry));
+      continue;
+    }
+    first = false;
+    keeper.Reset();
+    const DWORD error = Connect(instance.Get(), io);
+    if (win32::StopRequested()) {
+      return;
+    }
+    AfterConnect(error, failures);
+    if (error != ERROR_SUCCESS) {
+      keeper.Reset(instance.Release());
+      continue;
+    }
+    const std::uint64_t connectedAt = win32::PreciseFileTimeNow();
+    FileHandle next = CreateInstance(descriptor, first);
+    if (!next) {
+      keeper = Duplicate(instance.Get());
+    }
+    StartConnection(std::move(instance), connectedAt);
+    instance = std::move(next);
+  }
 }
 
 }  // namespace
@@ -89,35 +158,8 @@ void RunPipeServer() {
     return;
   }
   log::Log(log::kNotice, kKiosk, "listening on %s", win32::ToNarrow(kPipeName).c_str());
-
-  bool first = true;
-  FileHandle instance;  // the one that waits for a client
-  // Without any instance left another process could take the name. So the next instance exists before the connected one is
-  // given away, and while it cannot be made a second handle keeps the connected one, whose connection may end at any time.
-  FileHandle keeper;
-  while (!win32::StopRequested()) {
-    if (!instance) {
-      instance = CreateInstance(descriptor, first);
-    }
-    if (!instance) {
-      log::Log(log::kError, kKiosk, "cannot create the pipe (%lu)", GetLastError());
-      static_cast<void>(win32::WaitOrStop(nullptr, kCreateRetry));
-      continue;
-    }
-    first = false;
-    keeper.Reset();
-    if (!Connect(instance.Get(), io)) {
-      keeper.Reset(instance.Release());
-      continue;
-    }
-    const std::uint64_t connectedAt = win32::PreciseFileTimeNow();
-    FileHandle next = CreateInstance(descriptor, first);
-    if (!next) {
-      keeper = Duplicate(instance.Get());
-    }
-    StartConnection(std::move(instance), connectedAt);
-    instance = std::move(next);
-  }
+  AcceptClients(descriptor, io);
+  TellCountedRefusals(true);
 }
 
 long LiveConnections() noexcept { return liveConnections.load(); }

@@ -2,13 +2,13 @@
 
 #include "win32/crypt_handles.h"
 #include "win32/grow.h"
-#include "win32/stop.h"
 
 #include <softpub.h>
 #include <wintrust.h>
 
 #include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <span>
 #include <utility>
 #include <vector>
@@ -18,35 +18,6 @@ namespace {
 
 constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 constexpr DWORD kFirstSigner = 0;
-constexpr int kOwnImageAttempts = 10;
-constexpr DWORD kOwnImageWait = 500;
-
-struct ServiceSigner {
-  bool isSigned = false;
-  std::wstring publisher;
-};
-
-// Made by LearnServiceSigner before other threads exist, then only read. Never destroyed: connection threads may
-// outlive main.
-const ServiceSigner* serviceSigner = nullptr;
-
-// Empty when Windows does not tell.
-std::wstring OwnPath() {
-  std::vector<wchar_t> path;
-  const auto ask = [](wchar_t* buffer, DWORD* size) -> DWORD {
-    const DWORD length = GetModuleFileNameW(nullptr, buffer, *size);
-    if (length == 0) {
-      return GetLastError();
-    }
-    if (length == *size) {
-      return ERROR_INSUFFICIENT_BUFFER;  // cut
-    }
-    *size = length;
-    return ERROR_SUCCESS;
-  };
-  const DWORD error = win32::CallGrowing(path, ask, MAX_PATH);
-  return error == ERROR_SUCCESS ? std::wstring(path.data(), path.size()) : std::wstring();
-}
 
 std::wstring SubjectOf(const CERT_CONTEXT* certificate) {
   CERT_NAME_BLOB* subject = &certificate->pCertInfo->Subject;
@@ -75,9 +46,24 @@ EncodedCertificate SignerOf(HANDLE verification) {
   return {encoded.begin(), encoded.end()};
 }
 
-// The verdict of Windows on the file's embedded signature: no user interface, no revocation checks, no network. Empty when
-// it is not trusted, otherwise the signer's certificate.
-EncodedCertificate VerifiedSigner(const wchar_t* path, HANDLE file) {
+struct Verification {
+  Verdict verdict = Verdict::kNotTrusted;
+  EncodedCertificate signer;  // of a trusted file
+};
+
+// Of a file without a signature the last error says the same; with any other one the file could not be read. The rest
+// are no verdicts on a signature.
+bool CouldNotRead(LONG status, DWORD reason) noexcept {
+  if (status == TRUST_E_NOSIGNATURE) {
+    constexpr LONG kUnsigned[] = {TRUST_E_NOSIGNATURE, TRUST_E_SUBJECT_FORM_UNKNOWN, TRUST_E_PROVIDER_UNKNOWN};
+    return std::ranges::find(kUnsigned, static_cast<LONG>(reason)) == std::end(kUnsigned);
+  }
+  return status > 0 || HRESULT_FACILITY(status) == FACILITY_WIN32 || status == CRYPT_E_FILE_ERROR ||
+         status == TRUST_E_SYSTEM_ERROR;
+}
+
+// The verdict of Windows on the file's embedded signature: no user interface, no revocation checks, no network.
+Verification Verify(const wchar_t* path, HANDLE file) {
   WINTRUST_FILE_INFO subject{};
   subject.cbStruct = sizeof(subject);
   subject.pcwszFilePath = path;
@@ -92,11 +78,16 @@ EncodedCertificate VerifiedSigner(const wchar_t* path, HANDLE file) {
   question.dwProvFlags = WTD_CACHE_ONLY_URL_RETRIEVAL;
   GUID action = WINTRUST_ACTION_GENERIC_VERIFY_V2;
   const auto nobody = static_cast<HWND>(INVALID_HANDLE_VALUE);
-  const bool trusted = WinVerifyTrust(nobody, &action, &question) == ERROR_SUCCESS;
-  EncodedCertificate signer = trusted ? SignerOf(question.hWVTStateData) : EncodedCertificate();
+  const LONG status = WinVerifyTrust(nobody, &action, &question);
+  Verification result;
+  if (status != ERROR_SUCCESS) {
+    result.verdict = CouldNotRead(status, GetLastError()) ? Verdict::kUnreadable : Verdict::kNotTrusted;
+  } else if (result.signer = SignerOf(question.hWVTStateData); !result.signer.empty()) {
+    result.verdict = Verdict::kTrusted;
+  }
   question.dwStateAction = WTD_STATEACTION_CLOSE;
   WinVerifyTrust(nobody, &action, &question);
-  return signer;
+  return result;
 }
 
 // The Subject of the certificate that the file's first signature names. The bag of certificates in a signature is itself
@@ -126,27 +117,6 @@ std::optional<std::wstring> PublisherOfFile(const wchar_t* path, const EncodedCe
   return SubjectOf(certificate.Get());
 }
 
-// An updater or a scanner may have our own file open for a moment; the whole run depends on this one look.
-win32::FileHandle HoldOwnImage(const wchar_t* path) {
-  win32::FileHandle image = HoldImage(path);
-  for (int attempt = 1; !image && GetLastError() == ERROR_SHARING_VIOLATION && attempt < kOwnImageAttempts; ++attempt) {
-    static_cast<void>(win32::WaitOrStop(nullptr, kOwnImageWait));
-    image = HoldImage(path);
-  }
-  return image;
-}
-
-ServiceSigner ReadServiceSigner() {
-  const std::wstring path = OwnPath();
-  const win32::FileHandle image = HoldOwnImage(path.c_str());
-  ServiceSigner signer;
-  if (image) {
-    signer.publisher = TrustedPublisherOfFile(path.c_str(), image.Get()).value_or(L"");
-  }
-  signer.isSigned = !signer.publisher.empty();
-  return signer;
-}
-
 }  // namespace
 
 win32::FileHandle HoldImage(const wchar_t* path) noexcept {
@@ -154,17 +124,18 @@ win32::FileHandle HoldImage(const wchar_t* path) noexcept {
       CreateFileW(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
-std::optional<std::wstring> TrustedPublisherOfFile(const wchar_t* path, HANDLE file) {
-  const EncodedCertificate signer = VerifiedSigner(path, file);
-  return signer.empty() ? std::nullopt : PublisherOfFile(path, signer);
+FileSignature ReadSignature(const wchar_t* path, HANDLE file) {
+  Verification verification = Verify(path, file);
+  if (verification.verdict != Verdict::kTrusted) {
+    return {verification.verdict, {}};
+  }
+  std::optional<std::wstring> publisher = PublisherOfFile(path, verification.signer);
+  return publisher ? FileSignature{Verdict::kTrusted, std::move(*publisher)} : FileSignature{Verdict::kUnreadable, {}};
 }
 
-void LearnServiceSigner() { serviceSigner = new ServiceSigner(ReadServiceSigner()); }
-
-bool ServiceIsSigned() noexcept { return serviceSigner != nullptr && serviceSigner->isSigned; }
-
-bool IsServicePublisher(std::wstring_view publisher) noexcept {
-  return ServiceIsSigned() && publisher == serviceSigner->publisher;
+std::optional<std::wstring> TrustedPublisherOfFile(const wchar_t* path, HANDLE file) {
+  FileSignature signature = ReadSignature(path, file);
+  return signature.verdict == Verdict::kTrusted ? std::optional(std::move(signature.publisher)) : std::nullopt;
 }
 
 }  // namespace kiosk::pipe

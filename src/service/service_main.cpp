@@ -9,7 +9,7 @@
 #include "branding/branding_folder.h"
 #include "log/log.h"
 #include "pipe/server.h"
-#include "pipe/signature.h"
+#include "pipe/service_signer.h"
 #include "portal/worker_wake.h"
 #include "power/stay_awake.h"
 #include "service/install.h"
@@ -148,10 +148,6 @@ void RepairAndWork() {
 win32::KernelHandle Start(const win32::Deadline& deadline) {
   ProtectState();
   pipe::LearnServiceSigner();
-  if (!pipe::ServiceIsSigned()) {
-    log::Log(log::kWarn, log::kKiosk,
-             "this service is not signed (a dev build): it admits callers only while DevAllowUnsigned=1");
-  }
   win32::KernelHandle worker = StartVital(kWorker, RepairAndWork);
   if (WaitForSingleObject(repaired, deadline.Left()) != WAIT_OBJECT_0) {
     log::Log(log::kWarn, log::kKiosk, "start: the repairs are not done yet; they go on");

@@ -42,14 +42,13 @@ DWORD StopBudgetLeft() noexcept {
   return spent < kStopBudget ? static_cast<DWORD>(kStopBudget - spent) : 0;
 }
 
-WaitResult WaitOrStop(HANDLE object, DWORD milliseconds) noexcept {
-  HANDLE objects[2];
+WaitResult WaitOrStop(HANDLE object, DWORD milliseconds, HANDLE end) noexcept {
+  HANDLE objects[3];
   DWORD count = 0;
-  if (stopEvent != nullptr) {
-    objects[count++] = stopEvent;
-  }
-  if (object != nullptr) {
-    objects[count++] = object;
+  for (const HANDLE each : {stopEvent, end, object}) {
+    if (each != nullptr) {
+      objects[count++] = each;
+    }
   }
   if (count == 0) {
     Sleep(milliseconds);
@@ -57,7 +56,7 @@ WaitResult WaitOrStop(HANDLE object, DWORD milliseconds) noexcept {
   }
   const DWORD result = WaitForMultipleObjects(count, objects, FALSE, milliseconds);
   if (result < WAIT_OBJECT_0 + count) {
-    return objects[result - WAIT_OBJECT_0] == stopEvent ? WaitResult::kStop : WaitResult::kSignaled;
+    return objects[result - WAIT_OBJECT_0] == object ? WaitResult::kSignaled : WaitResult::kStop;
   }
   if (result != WAIT_TIMEOUT) {
     Sleep(std::min<DWORD>(milliseconds, 100));

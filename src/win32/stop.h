@@ -25,8 +25,9 @@ void RequestStop() noexcept;
 enum class WaitResult { kSignaled, kStop, kTimeout };
 
 // Waits for `object` (null: for time alone), the stop event or the time, whichever comes first. The stop wins over an
-// object that is signaled at the same moment. A wait that Windows refuses counts as a time-out after 100 ms at the
-// most, so that a loop around it cannot spin.
-[[nodiscard]] WaitResult WaitOrStop(HANDLE object, DWORD milliseconds) noexcept;
+// object that is signaled at the same moment. `end` is an event of the caller's that ends the wait as a stop does;
+// null: none. A wait that Windows refuses counts as a time-out after 100 ms at the most, so that a loop around it
+// cannot spin.
+[[nodiscard]] WaitResult WaitOrStop(HANDLE object, DWORD milliseconds, HANDLE end = nullptr) noexcept;
 
 }  // namespace kiosk::win32

@@ -1,0 +1,35 @@
+// The look at a caller's program file, on a thread that can be left behind. Whoever holds an opportunistic lock on a
+// file makes everybody else's opening of it wait until he gives the lock up, an ordinary user too and without a time
+// limit, and a large file takes long to be hashed.
+#pragma once
+
+#include "win32/handle.h"
+
+#include <memory>
+#include <string>
+
+namespace kiosk::pipe {
+
+// How long a connection waits for what is done for its caller.
+struct Patience {
+  DWORD milliseconds = 0;
+  HANDLE end = nullptr;  // an event that ends the wait as a stop does; null: none
+};
+
+struct ImageLook {
+  enum class Result {
+    kGone,      // the process has no program file, or another one than when the look began
+    kNotValid,  // no signature that Windows trusts, no local file, one that is too large, or no answer in time
+    kTrusted,   // `publisher` signed it
+  };
+  Result result = Result::kNotValid;
+  std::wstring path;
+  std::wstring publisher;
+};
+
+// Looks at the program file of a process of the Windows session. There is one look at a time in each session; others of
+// the session wait for their turn. A look that is left behind is the session's last one until it ends: nothing of the
+// session is looked at meanwhile, and the answer comes at once. Any thread.
+ImageLook LookAtImage(std::shared_ptr<const win32::KernelHandle> process, DWORD session, const Patience& patience);
+
+}  // namespace kiosk::pipe
