@@ -17,8 +17,8 @@ json::Value EnterMaintenance(const std::string& password, const std::string& unl
                              json::PostReplyAction& afterReply);
 
 // Nothing unless maintenance is on. `reason` goes into the log. Takes no lock but leaves; asks the local security authority,
-// so the control handler does not call it. True when the kiosk is to sign in by itself again. When auto sign-in could not be
-// switched on again, maintenance stays on and the next start of the service ends it.
+// so the control handler does not call it. True when automatic sign-in is on again. When it could not be switched on,
+// maintenance stays on and the next start of the service ends it.
 bool EndMaintenance(const char* reason);
 
 // At the start of the service, before other threads exist: maintenance does not survive a restart of Windows. One that a
