@@ -79,6 +79,19 @@ SIM(DWORD, SetSecurityInfo, HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMA
   return HandleAllows(object, needed) ? KeepSecurity(path, parts, owner, dacl) : ERROR_ACCESS_DENIED;
 }
 
+// As SetSecurityInfo, but for what is below, which the simulation never changes.
+SIM(WINBOOL, SetKernelObjectSecurity, HANDLE object, SECURITY_INFORMATION parts, PSECURITY_DESCRIPTOR descriptor) {
+  PACL dacl = nullptr;
+  BOOL present = FALSE;
+  BOOL defaulted = FALSE;
+  if ((parts & OWNER_SECURITY_INFORMATION) != 0 ||
+      !GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted)) {
+    Violation("SetKernelObjectSecurity: only the DACL is simulated");
+  }
+  SetLastError(sim_SetSecurityInfo(object, SE_FILE_OBJECT, parts, nullptr, nullptr, dacl, nullptr));
+  return GetLastError() == ERROR_SUCCESS;
+}
+
 // Owner and DACL: the simulated machine knows whom a path was given to; a path that nobody set is the program's own.
 SIM(DWORD, GetSecurityInfo, HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID* owner, PSID* group,
     PACL* dacl, PACL* sacl, PSECURITY_DESCRIPTOR* descriptor) {

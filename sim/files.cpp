@@ -31,27 +31,41 @@ std::wstring Full(const std::wstring& path) {
   return text.starts_with(L"\\\\?\\") ? text.substr(4) : text;
 }
 
-std::vector<std::wstring> PathsIn(const std::wstring& folder) {
+// Empty when it cannot be opened. Shares everything, as a search does not: whoever is about to delete the folder is not
+// in the way.
+std::optional<std::vector<std::wstring>> PathsIn(const std::wstring& folder) {
   std::vector<std::wstring> paths;
-  WIN32_FIND_DATAW data;
-  HANDLE search = ::FindFirstFileW((folder + L"\\*").c_str(), &data);
-  for (bool more = search != INVALID_HANDLE_VALUE; more; more = ::FindNextFileW(search, &data) != 0) {
-    if (wcscmp(data.cFileName, L".") != 0 && wcscmp(data.cFileName, L"..") != 0) {
-      paths.push_back(folder + L"\\" + data.cFileName);
+  HANDLE open = ::CreateFileW(folder.c_str(), FILE_LIST_DIRECTORY, 7, nullptr, OPEN_EXISTING,
+                              FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+  if (open == INVALID_HANDLE_VALUE) {
+    return std::nullopt;
+  }
+  alignas(8) char buffer[2048];
+  while (GetFileInformationByHandleEx(open, FileIdBothDirectoryInfo, buffer, sizeof(buffer))) {
+    const auto* entry = reinterpret_cast<const FILE_ID_BOTH_DIR_INFO*>(buffer);
+    for (DWORD next = 1; next != 0;
+         entry = reinterpret_cast<const FILE_ID_BOTH_DIR_INFO*>(reinterpret_cast<const char*>(entry) + next)) {
+      const std::wstring name(entry->FileName, entry->FileNameLength / sizeof(wchar_t));
+      if (name != L"." && name != L"..") {
+        paths.push_back(folder + L"\\" + name);
+      }
+      next = entry->NextEntryOffset;
     }
   }
-  ::FindClose(search);
+  CloseHandle(open);
   return paths;
 }
 
 bool IsEmptyFolder(const std::wstring& path) {
   const DWORD attributes = ::GetFileAttributesW(path.c_str());
-  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 && PathsIn(path).empty();
+  const auto paths = PathsIn(path);
+  return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 && paths &&
+         paths->empty();
 }
 
 // Whether anything below the folder is open, as far as whoever opened it does not share all.
 bool HasOpenFiles(const std::wstring& folder) {
-  const std::vector<std::wstring> paths = PathsIn(folder);
+  const std::vector<std::wstring> paths = PathsIn(folder).value_or(std::vector<std::wstring>());
   return std::any_of(paths.begin(), paths.end(), [](const std::wstring& path) {
     HANDLE file = ::CreateFileW(path.c_str(), GENERIC_READ | DELETE, 0, nullptr, OPEN_EXISTING,
                                 FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);

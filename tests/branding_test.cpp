@@ -238,7 +238,7 @@ TEST_P(StrangersFolder, IsNoLinkLaterWhoeverKeepsAHandle) {
   Apply(R"({"photos":[]})");
   EXPECT_EQ(test::ListFolder(kFolder), Names{L"branding.json"});
   RemoveBranding();
-  EXPECT_FALSE(Exists(kKioskFolder));
+  EXPECT_EQ(test::ListFolder(kTree[1]), Names{L"Logs"}) << "set aside, though it could be removed";
   EXPECT_EQ(test::ListFolder(kTrap), Names{L"mine"});
 }
 
@@ -441,8 +441,19 @@ TEST_F(BrandingFaults, WhateverWasCutShortTheNextRunIsWholeAndTheEndLeavesNothin
     Apply(kBranding);
     ExpectComplete();
   };
-  sim::RunFaultScenario({.name = L"branding comes and goes",
-                         .prepare = [this] { BrandingTest::SetUp(); },
+  sim::RunFaultScenario({.name = L"branding comes to a stranger's folder and goes",
+                         .prepare =
+                             [this] {
+                               BrandingTest::SetUp();
+                               for (const wchar_t* path : kTree) {
+                                 CreateDirectoryW(path, nullptr);
+                               }
+                               sim::SetFileSecurity(kFolder, kStranger, L"D:(A;OICI;FA;;;WD)");
+                               sim::KeepHandle(kFolder, kTrap);
+                               CreateDirectoryW((kFolder + L"\\theirs").c_str(), nullptr);
+                               CreateDirectoryW(kTrap, nullptr);
+                               test::WriteWholeFile(std::wstring(kTrap) + L"\\mine", "mine");
+                             },
                          .run = run,
                          .later = later,
                          .errors = {ERROR_DISK_FULL}});

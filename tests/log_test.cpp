@@ -194,6 +194,16 @@ TEST_F(LogTest, TreeThatCannotBeSecuredIsNotWrittenAndTriedAgainEachHour) {
                                                   "INFO line"}));
 }
 
+// As every user may.
+TEST_F(LogTest, SomebodyKeepsProgramDataOpenForHimselfAlone) {
+  MakeLogTree();
+  const win32::FileHandle held(CreateFileW(L"C:\\ProgramData", FILE_LIST_DIRECTORY, 0, nullptr, OPEN_EXISTING,
+                                           FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+  ASSERT_TRUE(held);
+  Log(kNotice, kKiosk, "line");
+  EXPECT_EQ(LogTexts(), std::vector<std::string>{"INFO line"});
+}
+
 TEST_F(LogTest, LinkPlantedUnderTheNextNameIsNotWritten) {
   sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 10));
   MakeLogTree();

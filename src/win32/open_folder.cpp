@@ -106,6 +106,13 @@ bool Delete(HANDLE file) noexcept {
   if (SetFileInformationByHandle(file, kDispositionEx, &posix, sizeof(posix)) != 0) {
     return true;
   }
+  // The plain way leaves the name taken while somebody else has the file open, so it is only for where there is no
+  // other.
+  const DWORD error = GetLastError();
+  if (error != ERROR_INVALID_PARAMETER && error != ERROR_INVALID_FUNCTION && error != ERROR_NOT_SUPPORTED &&
+      error != ERROR_CALL_NOT_IMPLEMENTED) {
+    return false;
+  }
   FILE_DISPOSITION_INFO plain{TRUE};
   return SetFileInformationByHandle(file, FileDispositionInfo, &plain, sizeof(plain)) != 0;
 }

@@ -34,11 +34,11 @@ struct Place {
     name = text.substr(slash + 1);
     ExactPath around;
     static_cast<void>(std::swprintf(around.data(), around.size(), L"\\\\?\\%.*ls", static_cast<int>(slash), path));
-    // What stands right below a drive is Windows' own, or an administrator's.
+    // What stands right below a drive is Windows' own, or an administrator's. No right is asked for that counts in
+    // sharing: anybody may keep C:\ProgramData open for himself alone.
     const bool followed = text.find_last_of(L'\\', slash - 1) == text.find(L'\\');
-    folder.Reset(CreateFileW(around.data(), FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES, kShareAll, nullptr,
-                             OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | (followed ? 0 : FILE_FLAG_OPEN_REPARSE_POINT),
-                             nullptr));
+    folder.Reset(CreateFileW(around.data(), FILE_READ_ATTRIBUTES, kShareAll, nullptr, OPEN_EXISTING,
+                             FILE_FLAG_BACKUP_SEMANTICS | (followed ? 0 : FILE_FLAG_OPEN_REPARSE_POINT), nullptr));
   }
 
   FileHandle folder;
@@ -120,17 +120,13 @@ DWORD SetOwnerAndDacl(HANDLE folder, const SecurityDescriptor& descriptor) noexc
 
 // Nobody but SYSTEM and Administrators can put anything into it from now on. The owner stays, as the sign of what the
 // folder is should it not go, and loses the right to change the list that Windows gives every owner (S-1-3-4, "OWNER
-// RIGHTS").
+// RIGHTS"). Only this folder is changed: what is below may lead anywhere.
 DWORD ShutOut(HANDLE folder) noexcept {
-  const SecurityDescriptor descriptor(L"D:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;;RC;;;S-1-3-4)");
-  PACL dacl = nullptr;
-  BOOL present = FALSE;
-  BOOL defaulted = FALSE;
-  if (!descriptor || GetSecurityDescriptorDacl(descriptor.Get(), &present, &dacl, &defaulted) == 0) {
-    return GetLastError();
-  }
-  return SetSecurityInfo(folder, SE_FILE_OBJECT, DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
-                         nullptr, nullptr, dacl, nullptr);
+  const SecurityDescriptor descriptor(L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;;RC;;;S-1-3-4)");
+  return descriptor && SetKernelObjectSecurity(folder, DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
+                                               descriptor.Get()) != 0
+             ? ERROR_SUCCESS
+             : GetLastError();
 }
 
 bool RemoveIn(HANDLE around, std::wstring_view name, int levelsLeft);
