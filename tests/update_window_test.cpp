@@ -167,7 +167,8 @@ TEST_F(UpdateWindowTest, WhatIsInstalledIsCommittedOnceBeforeTheRestart) {
   sim::OfferUpdate({.title = L"Feature", .reboot = 1, .feature = true});
   SetAgent(L"Duration commit", 10 * 60'000);
   Start();
-  GoTo(1, 2, 1);
+  GoTo(1, 2);
+  clock_.RunFor(30'000);
   EXPECT_FALSE(sim::PendingShutdown());
   // Nobody at the terminal begins a run meanwhile.
   EXPECT_FALSE(RunClaim::Take());
