@@ -32,7 +32,7 @@ std::wstring SessionText(DWORD sessionId, WTS_INFO_CLASS what) {
   return ReadSessionText(sessionId, what).value_or(L"");
 }
 
-// The sessions, those of the services and of listeners aside, that `isWanted` picks. Empty when Windows does not list them.
+// The sessions, those of the services and of listeners aside, that `isWanted` picks. Empty when Windows lists none.
 template <typename Predicate>
 std::optional<std::vector<DWORD>> ListSessions(Predicate isWanted) {
   WTS_SESSION_INFOW* sessions = nullptr;

@@ -39,7 +39,8 @@ constexpr DWORD kConnectionPoll = 100;
 constexpr char kWorker[] = "worker thread";
 constexpr char kWindow[] = "window thread";
 
-// What a control sets off besides a change of the service's own state; nothing of it may keep the service from stopping.
+// What a control sets off besides a change of the service's own state; nothing of it may keep the service from
+// stopping.
 template <typename Action>
 void Guarded(Action action) noexcept {
   try {
