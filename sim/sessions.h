@@ -13,10 +13,10 @@ namespace sim {
 void SetSession(DWORD id, const std::wstring& user, const std::wstring& domain);
 void EndSession(DWORD id);
 
-// Signs a simulated account in at the console: makes its profile where there is none, loads its hive, notes the time and,
-// as Windows does, the user in Winlogon's DefaultUserName and DefaultDomainName, tells the service. `session` 0: the next
-// one. Returns the session; 0 when there is no such account, or no hive of its own to load (Windows then signs in with a
-// temporary profile and its own shell).
+// Signs a simulated account in at the console: makes its profile where there is none, loads its hive, notes the time
+// and, as Windows does, the user in Winlogon's DefaultUserName and DefaultDomainName, tells the service. `session` 0:
+// the next one. Returns the session; 0 when there is no such account, or no hive of its own to load (Windows then signs
+// in with a temporary profile and its own shell).
 DWORD SignIn(const std::wstring& user, DWORD session = 0);
 // Ends the session, unloads the hive with the account's last one, tells the service.
 void SignOut(DWORD session);

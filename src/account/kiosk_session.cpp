@@ -32,8 +32,8 @@ std::wstring SessionText(DWORD sessionId, WTS_INFO_CLASS what) {
   return ReadSessionText(sessionId, what).value_or(L"");
 }
 
-// The sessions, those of the services and of listeners aside, that `isWanted` picks. Empty optional, with the last error,
-// when Windows does not tell: while the computer starts, for instance, the service that keeps them may not answer yet.
+// The sessions, those of the services and of listeners aside, that `isWanted` picks. Empty optional, with the last
+// error, when Windows lists none: while the computer starts, for instance, its session service may not answer yet.
 template <typename Predicate>
 std::optional<std::vector<DWORD>> Sessions(Predicate isWanted) {
   WTS_SESSION_INFOW* sessions = nullptr;

@@ -162,8 +162,8 @@ void OnSessionChange(DWORD event, DWORD session) {
     win32::LockGuard guard(sessionsLock);
     const bool wasThere = AdministratorSessions().erase(session) != 0;
     guard.Unlock();
-    // The local security authority is asked on the way, for which the control handler has no time. Better late than never
-    // where no thread can be had.
+    // The local security authority is asked on the way, for which the control handler has no time; it does so all the
+    // same where no thread can be had.
     if (wasThere && !win32::StartThread(EndAfterSignOut, win32::kSmallStack)) {
       EndAfterSignOut();
     }

@@ -16,14 +16,14 @@ namespace kiosk::account {
 json::Value EnterMaintenance(const std::string& password, const std::string& unlockToken, DWORD session,
                              json::PostReplyAction& afterReply);
 
-// Nothing unless maintenance is on. `reason` goes into the log. Takes no lock but leaves; asks the local security authority,
-// so the control handler does not call it. True when automatic sign-in is on again. When it could not be switched on,
-// maintenance stays on and the next start of the service ends it.
+// Nothing unless maintenance is on. `reason` goes into the log. Takes no lock but leaves; asks the local security
+// authority, so the control handler does not call it. True when automatic sign-in is on again. When it could not be
+// switched on, maintenance stays on and the next start of the service ends it.
 bool EndMaintenance(const char* reason);
 
-// At the start of the service, before other threads exist: maintenance does not survive a restart of Windows. One that a
-// power cut ended is over for the service but not for Windows, which has read by then that nobody signs in by itself: the
-// computer is restarted 5 minutes later, unless somebody uses it.
+// At the start of the service, before other threads exist: maintenance does not survive a restart of Windows. One that
+// a power cut ended is over for the service but not for Windows, which has read by then that nobody signs in by itself:
+// the computer is restarted 5 minutes later, unless somebody uses it.
 void EndMaintenanceOfEarlierBoot();
 
 // As Windows shuts down, on the service thread: from here on the kiosk signs in at the next start.
@@ -32,8 +32,8 @@ void PrepareForShutdown();
 // At the start of the service: an administrator who is signed in already ends maintenance by signing out, too.
 void RememberAdministratorSessions();
 
-// A sign-in (WTS_SESSION_LOGON) or sign-out (WTS_SESSION_LOGOFF), from the control handler; other events do nothing. Waits
-// for nothing but short locks: maintenance ends on a thread of its own.
+// A sign-in (WTS_SESSION_LOGON) or sign-out (WTS_SESSION_LOGOFF), from the control handler; other events do nothing.
+// Waits for nothing but short locks: maintenance ends on a thread of its own.
 void OnSessionChange(DWORD event, DWORD session);
 
 }  // namespace kiosk::account

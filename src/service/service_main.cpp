@@ -49,7 +49,8 @@ constexpr char kAwake[] = "awake thread";
 HANDLE repaired = nullptr;
 HANDLE reportedRunning = nullptr;
 
-// What a control sets off besides a change of the service's own state; nothing of it may keep the service from stopping.
+// What a control sets off besides a change of the service's own state; nothing of it may keep the service from
+// stopping.
 template <typename Action>
 void Guarded(Action action) noexcept {
   try {
