@@ -1,11 +1,13 @@
 // The simulated Windows where no test of the service would notice that it checks nothing: clock, ranks, violations,
-// faults.
+// faults, WinHTTP.
 #include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/fault_driver.h"
 #include "sim/files.h"
 #include "sim/gtest_report.h"
+#include "sim/http.h"
 #include "sim/machine.h"
+#include "win32/http_handle.h"
 #include "win32/lock.h"
 #include "win32/thread.h"
 
@@ -132,6 +134,52 @@ sim::FaultScenario Marking(const wchar_t* name, const wchar_t* first, const wcha
                 }
               },
           .points = 4};
+}
+
+class SimHttp : public testing::Test {
+ protected:
+  SimHttp() {
+    portal_.On(L"POST", L"/", [](const sim::Request&) { return sim::Response{.connectDelay = 5'000}; });
+  }
+  kiosk::win32::HttpHandle Request(DWORD mode) {
+    session_.Reset(WinHttpOpen(L"", WINHTTP_ACCESS_TYPE_NO_PROXY, nullptr, nullptr, mode));
+    connection_.Reset(WinHttpConnect(session_.Get(), L"portal.test", 80, 0));
+    return kiosk::win32::HttpHandle(WinHttpOpenRequest(connection_.Get(), L"POST", L"/", nullptr, nullptr, nullptr, 0));
+  }
+  BOOL Send(HINTERNET request) {
+    return WinHttpSendRequest(request, nullptr, 0, body_, sizeof(body_), sizeof(body_), 0);
+  }
+
+  sim::VirtualClock clock_{sim::FileTimeOf(2026, 3, 29)};
+  sim::ScriptedPortal portal_;
+  kiosk::win32::HttpHandle session_;
+  kiosk::win32::HttpHandle connection_;
+  char body_[4] = "abc";
+};
+
+TEST_F(SimHttp, SynchronousRequestClosedUnderItsCallIsFound) {
+  kiosk::win32::HttpHandle request = Request(0);
+  const KernelHandle thread = StartThread([&]() noexcept { Send(request.Get()); });
+  clock_.RunFor(1'000);
+  const sim::CatchViolations caught;
+  request.Reset();
+  EXPECT_EQ(caught.Take(), "WinHttpCloseHandle: a thread waits in a synchronous call on the handle\n");
+  WaitForSingleObject(thread.Get(), INFINITE);
+}
+
+TEST_F(SimHttp, AsynchronousRequestIsHeldToItsContract) {
+  kiosk::win32::HttpHandle request = Request(WINHTTP_FLAG_ASYNC);
+  const sim::CatchViolations caught;
+  EXPECT_TRUE(Send(request.Get()));
+  EXPECT_EQ(caught.Take(), "WinHttpSendRequest: without a callback nobody hears of its end\n");
+  Send(request.Get());
+  EXPECT_NE(caught.Take().find("another operation of the request is not over"), std::string::npos);
+  request.Reset();  // torn down a second later
+  body_[0] = 'x';
+  clock_.RunFor(500);
+  EXPECT_EQ(caught.Take(), "");
+  clock_.RunFor(1'000);
+  EXPECT_NE(caught.Take().find("the body was changed"), std::string::npos);
 }
 
 TEST(SimFaults, EveryPointInEveryWayAndAWrongOrderIsFound) {
