@@ -20,6 +20,7 @@ std::uint64_t VirtualUtc();
 int VirtualBias();
 DWORD WaitMany(DWORD count, const HANDLE* objects, BOOL all, DWORD milliseconds);  // under either time
 void SleepVirtually(DWORD milliseconds);
+bool TouchClock();  // as TouchFaults of sim/threads.h
 
 // A thread or work item of the service on its way to its own body. It counts as running from the moment of Starting.
 struct Participant;
