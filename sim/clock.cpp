@@ -257,6 +257,8 @@ void Leave(Participant* participant, HANDLE ended) {
 
 }  // namespace
 
+bool TouchClock() { return self == nullptr; }
+
 std::uint64_t FileTimeOf(int year, int month, int day, int hour, int minute, int second) {
   const SYSTEMTIME parts{
       static_cast<WORD>(year),   static_cast<WORD>(month),  0, static_cast<WORD>(day), static_cast<WORD>(hour),

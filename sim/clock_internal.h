@@ -21,6 +21,7 @@ int VirtualBias();
 void StepSystemTime(std::int64_t milliseconds);  // Windows sets the clock; nothing happens while time is real
 DWORD WaitMany(DWORD count, const HANDLE* objects, BOOL all, DWORD milliseconds);  // under either time
 void SleepVirtually(DWORD milliseconds);
+bool TouchClock();  // as TouchFaults of sim/threads.h
 
 // A thread or work item of the service on its way to its own body. It counts as running from the moment of Starting.
 struct Participant;

@@ -1,6 +1,7 @@
 #include "sim/faults.h"
 
 #include "sim/machine.h"
+#include "sim/threads.h"
 #include "sim/time_service.h"
 
 #include <wincrypt.h>
@@ -37,6 +38,8 @@ std::wstring KeyName(HKEY key) {
 }
 
 }  // namespace
+
+bool TouchFaults() { return armed == nullptr; }
 
 FaultPass::FaultPass(FaultKind kind, int at, DWORD error) : kind_(kind), at_(at), error_(error) { armed = this; }
 

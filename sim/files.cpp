@@ -8,10 +8,15 @@
 #include <winternl.h>
 
 #include <algorithm>
+#include <atomic>
 #include <map>
 #include <mutex>
 
 namespace sim {
+
+std::atomic<bool> shorten{false};
+std::wstring shortPath;
+DWORD shortSize = 0;
 
 std::wstring Lower(std::wstring path) {
   CharLowerW(path.data());
@@ -216,6 +221,12 @@ void MakeSymbolicLink(const std::wstring& path, const std::wstring& target) {
   WriteText(kLinks, Plain(path), target);
 }
 
+void ShortenNextWrite(const std::wstring& pathEnd, DWORD bytes) {
+  shortPath = Lower(pathEnd);
+  shortSize = bytes;
+  shorten = true;
+}
+
 }  // namespace sim
 
 using namespace sim;
@@ -306,8 +317,12 @@ SIM(HANDLE, CreateFileW, LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATT
   return file;
 }
 
-// In the spool a write is two changes, so that one can end in the middle.
+// In the spool a write is two changes, so that one can end in the middle. Success is no promise that all was taken: the page
+// has the number written for that, and names a case of its own where it is smaller.
 SIM(WINBOOL, WriteFile, HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED overlapped) {
+  if (shorten && overlapped == nullptr && PathOf(file).ends_with(shortPath) && shorten.exchange(false)) {
+    return ::WriteFile(file, data, std::min(size, shortSize), written, nullptr);
+  }
   if (!ChangePoint::Armed() || overlapped != nullptr || !InSpool(PathOf(file))) {
     return ChangeOpenFile("WriteFile", file, [&] { return ::WriteFile(file, data, size, written, overlapped); });
   }

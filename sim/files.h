@@ -31,6 +31,9 @@ void EndPrograms();
 
 void MakeSymbolicLink(const std::wstring& path, const std::wstring& target);
 
+// The next write into a file whose path ends so takes that many bytes of what it is given and reports success.
+void ShortenNextWrite(const std::wstring& pathEnd, DWORD bytes);
+
 // Owner, group and DACL of a descriptor as SDDL; empty for null.
 std::wstring SddlText(PSECURITY_DESCRIPTOR descriptor);
 

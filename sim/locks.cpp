@@ -2,6 +2,7 @@
 // kiosk::win32::Lock.
 #include "sim/clock.h"
 #include "sim/seam.h"
+#include "sim/threads.h"
 #include "win32/lock.h"
 
 #include <algorithm>
@@ -61,6 +62,8 @@ void Release(PSRWLOCK lock, bool shared) {
 }
 
 }  // namespace
+
+bool TouchLocks() { return heldCount == 0 && held[0].lock == nullptr; }
 }  // namespace sim
 
 SIM(void, AcquireSRWLockExclusive, PSRWLOCK lock) { sim::Acquire(lock, false); }

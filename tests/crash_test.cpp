@@ -2,8 +2,18 @@
 #include "service/crash.h"
 
 #include "log/day_files.h"
-#include "tests/support/fixture.h"
+#include "log/log.h"
+#include "log/settings.h"
+#include "log/shipper/shipper.h"
+#include "sim/threads.h"
+#include "tests/support/spool.h"
 #include "win32/handle.h"
+#include "win32/thread.h"
+#include "win32/wide_text.h"
+
+#include <process.h>
+
+#include <algorithm>
 
 namespace kiosk::service {
 namespace {
@@ -24,6 +34,7 @@ TEST_F(CrashTest, AFaultLeavesOneLineAndADump) {
   for (const std::wstring& old : Dumps()) {
     DeleteFileW(old.c_str());
   }
+  test::SetString(log::kSettingsKey, L"LogEndpoint", L"https://127.0.0.1:9/gelf");
   InstallCrashHandler();
   const LPTOP_LEVEL_EXCEPTION_FILTER filter = SetUnhandledExceptionFilter(nullptr);
   CONTEXT context{};
@@ -39,25 +50,122 @@ TEST_F(CrashTest, AFaultLeavesOneLineAndADump) {
   record.ExceptionCode = static_cast<DWORD>(EXCEPTION_ACCESS_VIOLATION);
   record.ExceptionAddress = reinterpret_cast<void*>(&InstallCrashHandler);
   EXPECT_EQ(filter(&details), EXCEPTION_EXECUTE_HANDLER);
-  const std::vector<std::string> lines = test::LogTexts();
-  ASSERT_FALSE(lines.empty());
-  EXPECT_TRUE(lines.back().starts_with("ERROR fault 0xc0000005 at program+0x")) << lines.back();
+  // The service would end after 10 s, whatever has been written by then; a busy machine needs longer for the whole of
+  // it. The last thing is the line for the central log, in the spool.
+  std::string spooled;
+  for (int i = 0; i < 600 && spooled.empty(); ++i) {
+    Sleep(100);
+    for (const std::wstring& name : log::shipper::Segments()) {
+      spooled += test::ReadWholeFile(log::shipper::kDrop + L"\\" + name);
+    }
+  }
+  EXPECT_NE(spooled.find("\"fault 0xc0000005 at program+0x"), std::string::npos) << spooled;
   const std::vector<std::wstring> dumps = Dumps();
   ASSERT_EQ(dumps.size(), 1U);
-  // The service would end after 10 s, whatever has been written by then; a busy machine needs longer for the whole of
-  // it.
-  std::string content;
-  for (int i = 0; i < 600 && content.size() <= 4096; ++i) {
-    Sleep(100);
-    content = test::ReadWholeFile(dumps.front());
-  }
+  const std::string content = test::ReadWholeFile(dumps.front());
   EXPECT_EQ(content.substr(0, 4), "MDMP");
   EXPECT_GT(content.size(), 4096U);
+  const std::vector<std::string> lines = test::LogTexts();
+  ASSERT_FALSE(lines.empty());
+  EXPECT_TRUE(lines[0].starts_with("ERROR fault 0xc0000005 at program+0x")) << lines[0];
+  EXPECT_EQ(test::CountLogged("ERROR fault: dump in " + win32::ToNarrow(dumps.front())), 1);
+  EXPECT_EQ(GetFileAttributesW((log::shipper::kRoot + L"\\NorvaneKiosk.dmp.part").c_str()), INVALID_FILE_ATTRIBUTES);
 
   // A second fault waits for the first one's report and adds nothing.
   EXPECT_EQ(filter(&details), EXCEPTION_EXECUTE_HANDLER);
   EXPECT_EQ(Dumps().size(), 1U);
   EXPECT_EQ(test::LogTexts().size(), lines.size());
+}
+
+TEST_F(CrashTest, WithoutItsEventsThereIsNoHandlerAndNoThreadOfIt) {
+  SetUnhandledExceptionFilter(nullptr);
+  const sim::NoEvents none;
+  InstallCrashHandler();
+  EXPECT_EQ(SetUnhandledExceptionFilter(nullptr), nullptr);
+  // A thread that waits for no event would report a fault at once that nobody has had, and end the process with it.
+  EXPECT_EQ(WaitForSingleObject(GetCurrentProcess(), 300), DWORD{WAIT_TIMEOUT});
+}
+
+// What ends the second process, by the name on its command line.
+[[gnu::noinline]] int FillStack(volatile int& depth) {
+  volatile char frame[512];
+  frame[0] = static_cast<char>(depth);
+  depth = depth + 1;
+  return depth < 0 ? 0 : FillStack(depth) + frame[0];
+}
+
+void OverflowStack() noexcept {
+  volatile int depth = 0;
+  FillStack(depth);
+}
+
+DWORD WINAPI OverflowPoolThread(void* /*context*/) noexcept {
+  OverflowStack();
+  return 0;
+}
+
+void TouchNothing() noexcept { *static_cast<volatile int*>(nullptr) = 1; }
+
+void FaultInTheHeap() noexcept {
+  HANDLE heaps[16];
+  for (DWORD i = GetProcessHeaps(std::size(heaps), heaps); i != 0; --i) {
+    HeapLock(heaps[i - 1]);
+  }
+  TouchNothing();
+}
+
+struct Fault {
+  const wchar_t* name;
+  void (*happen)();
+  DWORD code;
+  bool wait;  // for its end, which takes up to 10 s; the others are ended after their line
+};
+
+constexpr Fault kFaults[] = {
+    {L"--first-thread", OverflowStack, EXCEPTION_STACK_OVERFLOW, true},
+    {L"--small-thread", [] { win32::StartThread([]() noexcept { OverflowStack(); }, win32::kSmallStack); },
+     EXCEPTION_STACK_OVERFLOW, false},
+    {L"--pool-thread", [] { QueueUserWorkItem(OverflowPoolThread, nullptr, 0); }, EXCEPTION_STACK_OVERFLOW, false},
+    // With what the reporter would like to use held by the thread that is gone.
+    {L"--in-the-heap", FaultInTheHeap, EXCEPTION_ACCESS_VIOLATION, false},
+    {L"--in-the-central-log", [] { log::shipper::HandOff(log::kNotice, log::kKiosk, {static_cast<char*>(nullptr), 9}); },
+     EXCEPTION_ACCESS_VIOLATION, false},
+};
+
+// The second process is this test once more.
+TEST(CrashProcesses, EveryFaultLeavesItsLine) {
+  for (const Fault& fault : kFaults) {
+    if (wcsstr(GetCommandLineW(), fault.name) != nullptr) {
+      InstallCrashHandler();
+      log::Log(log::kNotice, log::kKiosk, "ready");
+      fault.happen();
+      Sleep(INFINITE);
+    }
+  }
+  wchar_t self[MAX_PATH];
+  GetModuleFileNameW(nullptr, self, MAX_PATH);
+  for (const Fault& fault : kFaults) {
+    const std::string name = win32::ToNarrow(fault.name);
+    test::ResetComputer();
+    test::SetString(log::kSettingsKey, L"LogEndpoint", L"https://127.0.0.1:9/gelf");
+    const win32::KernelHandle child(reinterpret_cast<HANDLE>(
+        _wspawnl(_P_NOWAIT, self, L"test", L"--gtest_filter=CrashProcesses.*", fault.name, nullptr)));
+    char line[64];
+    static_cast<void>(std::snprintf(line, std::size(line), "ERROR fault 0x%08lx at ", fault.code));
+    const auto told = [&line] {
+      const std::vector<std::string> texts = test::LogTexts();
+      return std::any_of(texts.begin(), texts.end(), [&](const std::string& text) { return text.starts_with(line); });
+    };
+    for (int i = 0; i < 400 && !told() && WaitForSingleObject(child.Get(), 50) == WAIT_TIMEOUT; ++i) {
+    }
+    EXPECT_TRUE(told()) << name;
+    DWORD code = 0;
+    WaitForSingleObject(child.Get(), fault.wait ? 30'000 : 0);
+    EXPECT_TRUE(GetExitCodeProcess(child.Get(), &code) != 0 && code == (fault.wait ? fault.code : DWORD{STILL_ACTIVE}))
+        << name << ": " << code;
+    TerminateProcess(child.Get(), 1);
+    WaitForSingleObject(child.Get(), INFINITE);
+  }
 }
 
 }  // namespace

@@ -77,6 +77,9 @@ TEST_F(LogTest, OneMessageIsOneWholeLine) {
   EXPECT_TRUE(std::regex_match(lines[0], std::regex("\\[\\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\] INFO name .*")));
   EXPECT_EQ(LogTexts()[0], "INFO name \"Łódź – Halle 3  [00:00:00.000] ERROR forged        end\"");
   EXPECT_EQ(LogTexts()[1], "INFO 18446744073709551615 -5 7");
+  // Whatever the portal sends: Latin-1, overlong forms, half a surrogate pair, beyond Unicode, and an end that is missing.
+  Log(kNotice, kKiosk, "Stra\xDF" "e %s", "\xC0\x80 \xED\xA0\x80 \xF5\x80\x80\x80 \xC2\n \xE2\x82");
+  EXPECT_EQ(LogTexts()[2], "INFO Stra?e ?? ??? ???? ?  ??");
   // Cut between characters: stamp, text and terminator share 2048 bytes, which leaves 2032 for the text.
   for (const std::size_t lead : {2029U, 2030U, 2032U}) {
     Log(kNotice, kKiosk, "%s%s", std::string(lead, 'x').c_str(), "€€");
@@ -131,7 +134,24 @@ TEST_F(LogTest, MidnightBeginsANewFolderAndFile) {
   clock.RunFor(15'000);
   Log(kNotice, kKiosk, "new year");
   EXPECT_EQ(ReadWholeFile(kRoot + L"\\2026-12-31\\Kiosk_235950.log"), "[23:59:50.000] INFO old year\n");
-  EXPECT_EQ(ReadWholeFile(kRoot + L"\\2027-01-01\\Kiosk_000005.log"), "[00:00:05.000] INFO new year\n");
+  clock.SetSystemTime(sim::FileTimeOf(2026, 12, 31, 22, 59, 55));  // the clock is put right
+  Log(kNotice, kKiosk, "the same night");
+  EXPECT_EQ(ReadWholeFile(kRoot + L"\\2027-01-01\\Kiosk_000005.log"),
+            "[00:00:05.000] INFO new year\n[23:59:55.000] INFO the same night\n");
+  clock.RunFor(60'000);
+  clock.SetSystemTime(sim::FileTimeOf(2026, 12, 31, 11));
+  Log(kNotice, kKiosk, "set back");
+  EXPECT_EQ(ReadWholeFile(kRoot + L"\\2026-12-31\\Kiosk_120000.log"), "[12:00:00.000] INFO set back\n");
+}
+
+TEST_F(LogTest, LineThatIsTakenInPartIsWrittenAgainOnALineOfItsOwn) {
+  sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 10));
+  Log(kNotice, kKiosk, "first");
+  sim::ShortenNextWrite(L"kiosk_100000.log", 20);
+  Log(kNotice, kKiosk, "second");
+  Log(kNotice, kKiosk, "third");
+  EXPECT_EQ(ReadWholeFile(kRoot + L"\\2026-11-21\\Kiosk_100000.log"),
+            "[10:00:00.000] INFO first\n[10:00:00.000] INFO \n[10:00:00.000] INFO second\n[10:00:00.000] INFO third\n");
 }
 
 TEST_F(LogTest, SettingsAreLookedUpInBothKeysAndSwitchLocalFilesOff) {

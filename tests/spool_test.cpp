@@ -121,6 +121,9 @@ TEST(SpoolFaults, EveryFaultLosesNothing) {
         spool.CloseSegment();
       }
     }
+    for (const std::wstring& name : Segments()) {
+      EXPECT_NE(test::ReadWholeFile(kDrop + L"\\" + name), "");
+    }
     for (const bool sent : {true, false}) {
       if (std::optional<Segment> segment = spool.Claim()) {
         for (std::string record; segment->Next(record);) {

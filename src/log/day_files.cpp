@@ -1,13 +1,16 @@
 #include "log/day_files.h"
 
+#include "win32/clock.h"
 #include "win32/handle.h"
 #include "win32/lock.h"
 #include "win32/secure_folder.h"
 
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <cwchar>
+#include <tuple>
 
 namespace kiosk::log {
 namespace {
@@ -16,6 +19,7 @@ using win32::FileHandle;
 
 constexpr std::size_t kMaxOpenFiles = 32;
 constexpr std::size_t kNameSize = 64;
+constexpr std::uint64_t kDayStands = 60'000;  // ms
 
 struct WriteLock {
   win32::Lock lock{win32::LockRank::kLogFile};
@@ -32,6 +36,7 @@ win32::Lock lock{win32::LockRank::kLog};
 std::array<OpenFile, kMaxOpenFiles> openFiles;
 std::size_t openCount = 0;
 WORD currentYear = 0;  // 0: no day chosen yet
+std::uint64_t chosenAt = 0;  // tick count
 WORD currentMonth = 0;
 WORD currentDay = 0;
 std::array<wchar_t, 96> dayFolder;
@@ -41,8 +46,15 @@ std::array<wchar_t, 8> dayStamp;
 // and writes there in one step.
 std::array<WriteLock, kMaxOpenFiles> writeLocks;
 
+// A write that came onto the disk in part left a file that ends within a line: what is written next begins a new one.
+std::atomic<bool> torn{false};
+
+// Also when its date is the earlier one and the day is new: a thread that took its time before midnight comes late, or the
+// clock is put right across it, and neither is to close all files and begin others twice.
 bool IsCurrentDay(const SYSTEMTIME& now) noexcept {
-  return now.wYear == currentYear && now.wMonth == currentMonth && now.wDay == currentDay;
+  const auto current = std::tie(currentYear, currentMonth, currentDay);
+  const auto wanted = std::tie(now.wYear, now.wMonth, now.wDay);
+  return wanted == current || (wanted < current && win32::TickCount() - chosenAt < kDayStands);
 }
 
 OpenFile* Find(const char* component) noexcept {
@@ -56,7 +68,12 @@ OpenFile* Find(const char* component) noexcept {
 
 bool WriteWhole(HANDLE file, std::string_view line) noexcept {
   DWORD written = 0;
-  return WriteFile(file, line.data(), static_cast<DWORD>(line.size()), &written, nullptr) != 0;
+  const bool whole = WriteFile(file, line.data(), static_cast<DWORD>(line.size()), &written, nullptr) != 0 &&
+                     written == line.size();
+  if (!whole && written != 0) {
+    torn = true;
+  }
+  return whole;
 }
 
 void CloseAll() noexcept {
@@ -108,27 +125,16 @@ FileHandle OpenComponentFile(const char* component) noexcept {
   return file;
 }
 
-// Writes to the open file, if there is one. A file that cannot be written any more is forgotten.
-bool AppendToOpen(const char* component, std::string_view line) noexcept {
-  {
-    const win32::SharedLockGuard guard(lock);
-    const OpenFile* entry = Find(component);
-    if (entry == nullptr) {
-      return false;
-    }
-    const win32::LockGuard write(writeLocks[static_cast<std::size_t>(entry - openFiles.data())].lock);
-    if (WriteWhole(entry->file, line)) {
-      return true;
-    }
+// Writes to the open file, if there is one; `failed` gets the one that did not take the line.
+bool AppendToOpen(const char* component, std::string_view line, HANDLE& failed) noexcept {
+  const win32::SharedLockGuard guard(lock);
+  const OpenFile* entry = Find(component);
+  if (entry == nullptr) {
+    return false;
   }
-  const win32::LockGuard guard(lock);
-  if (OpenFile* entry = Find(component)) {
-    if (WriteWhole(entry->file, line)) {
-      return true;
-    }
-    Remove(entry);
-  }
-  return false;
+  const win32::LockGuard write(writeLocks[static_cast<std::size_t>(entry - openFiles.data())].lock);
+  failed = entry->file;
+  return !torn && WriteWhole(entry->file, line);
 }
 
 }  // namespace
@@ -146,6 +152,7 @@ bool ChooseDay(const SYSTEMTIME& now) noexcept {
   }
   CloseAll();
   const bool replaced = currentYear != 0;
+  chosenAt = win32::TickCount();
   currentYear = now.wYear;
   currentMonth = now.wMonth;
   currentDay = now.wDay;
@@ -157,21 +164,24 @@ bool ChooseDay(const SYSTEMTIME& now) noexcept {
 }
 
 void AppendLine(const char* component, std::string_view line) noexcept {
-  if (AppendToOpen(component, line)) {
+  HANDLE failed = nullptr;
+  if (AppendToOpen(component, line, failed)) {
     return;
   }
   const win32::LockGuard guard(lock);
-  // Another thread may have opened it since.
-  if (const OpenFile* entry = Find(component)) {
-    WriteWhole(entry->file, line);
-    return;
+  if (OpenFile* entry = Find(component)) {
+    // Another thread may have opened it since.
+    if (entry->file != failed && WriteWhole(entry->file, line)) {
+      return;
+    }
+    Remove(entry);
   }
   FileHandle file = currentYear != 0 ? OpenComponentFile(component) : FileHandle();
-  if (!file) {
+  if (!file || (torn && !WriteWhole(file.Get(), "\n"))) {
     return;
   }
-  WriteWhole(file.Get(), line);
-  if (openCount < kMaxOpenFiles) {
+  torn = false;
+  if (WriteWhole(file.Get(), line) && openCount < kMaxOpenFiles) {
     OpenFile& entry = openFiles[openCount++];
     entry.component.fill('\0');
     std::strncpy(entry.component.data(), component, kNameSize - 1);

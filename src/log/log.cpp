@@ -163,6 +163,15 @@ void PruneWhenDue(bool dayChanged) noexcept {
   }
 }
 
+// The local time of a line that begins. Chooses the day and prunes when that is due.
+SYSTEMTIME BeginLine() noexcept {
+  EnsureReady();
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  PruneWhenDue(secured && ChooseDay(now));
+  return now;
+}
+
 bool HoldsFailureWord(std::string_view message) noexcept {
   std::array<char, kRaiseLength> lower;
   const std::size_t length = std::min(message.size(), lower.size());
@@ -192,12 +201,9 @@ struct Line {
 
   [[nodiscard]] std::string_view Message() const noexcept { return {text.data() + stamp, length}; }
 
-  // False when the format cannot be followed. Chooses the day and prunes when that is due.
-  NORVANE_PRINTF(3, 0) bool Format(int wantedLevel, const char* format, va_list arguments) noexcept {
-    EnsureReady();
-    SYSTEMTIME now;
-    GetLocalTime(&now);
-    PruneWhenDue(secured && ChooseDay(now));
+  // False when the format cannot be followed.
+  NORVANE_PRINTF(4, 0)
+  bool Format(const SYSTEMTIME& now, int wantedLevel, const char* format, va_list arguments) noexcept {
     stamp = static_cast<std::size_t>(std::snprintf(text.data(), text.size(), "[%02d:%02d:%02d.%03d] ", now.wHour,
                                                    now.wMinute, now.wSecond, now.wMilliseconds));
     const int wanted = std::vsnprintf(text.data() + stamp, text.size() - stamp, format, arguments);
@@ -240,7 +246,7 @@ void Log(int level, const char* component, const char* format, ...) {
   Line line;
   va_list arguments;
   va_start(arguments, format);
-  const bool formatted = line.Format(level, format, arguments);
+  const bool formatted = line.Format(BeginLine(), level, format, arguments);
   va_end(arguments);
   if (formatted) {
     shipper::HandOff(line.level, component, line.Message());
@@ -253,7 +259,25 @@ void LogLocal(int level, const char* format, ...) {
   Line line;
   va_list arguments;
   va_start(arguments, format);
-  const bool formatted = line.Format(level, format, arguments);
+  const bool formatted = line.Format(BeginLine(), level, format, arguments);
+  va_end(arguments);
+  if (formatted) {
+    line.WriteLocal(kKiosk);
+  }
+}
+
+// NOLINTNEXTLINE(cert-dcl50-cpp): as above
+void LogFault(const char* format, ...) {
+  SYSTEMTIME now;
+  if (ready.load(std::memory_order_acquire) == Ready::kYes) {
+    GetLocalTime(&now);
+  } else {
+    now = BeginLine();
+  }
+  Line line;
+  va_list arguments;
+  va_start(arguments, format);
+  const bool formatted = line.Format(now, kError, format, arguments);
   va_end(arguments);
   if (formatted) {
     line.WriteLocal(kKiosk);

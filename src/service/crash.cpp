@@ -1,7 +1,9 @@
 #include "service/crash.h"
 
 #include "log/day_files.h"
+#include "log/local_log.h"
 #include "log/log.h"
+#include "log/shipper/shipper.h"
 #include "win32/handle.h"
 #include "win32/secure_folder.h"
 #include "win32/security.h"
@@ -10,6 +12,7 @@
 
 #include <dbghelp.h>
 
+#include <array>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -22,6 +25,11 @@ namespace {
 
 constexpr DWORD kTimeToReport = 10'000;
 constexpr int kDumpsPerDay = 8;
+// A dump that is being written. One name for all: what a report that did not come to its end left goes with the next one.
+constexpr wchar_t kUnfinished[] = L"\\NorvaneKiosk.dmp.part";
+// What Windows itself and OnFault need after a stack overflow, and the smallest stack that can spare that.
+constexpr ULONG kStackForFaults = ULONG{48} * 1024;
+constexpr ULONG_PTR kLeastStack = win32::kSmallStack;
 // What this compiler's C++ exceptions travel as. One that reaches the filter found no handler; continuing lets the C++
 // library call std::terminate, which is where it then is reported.
 constexpr DWORD kCxxException = 0x20474343;
@@ -35,15 +43,32 @@ EXCEPTION_POINTERS* faultDetails = nullptr;
 DWORD faultThread = 0;
 LONG faults = 0;
 
-std::string Place(const void* address) {
+// A thread has nothing left for a handler once its stack is full, unless it asked for that before. Windows calls this on
+// every thread as it begins, those of its own pools and libraries too (".tls" of the PE format). With the loader's lock
+// held: nothing else belongs here.
+void NTAPI KeepStackForFaults(void* /*module*/, DWORD reason, void* /*reserved*/) noexcept {
+  ULONG_PTR low = 0;
+  ULONG_PTR high = 0;
+  if (reason == DLL_PROCESS_ATTACH || reason == DLL_THREAD_ATTACH) {
+    GetCurrentThreadStackLimits(&low, &high);
+    if (ULONG size = kStackForFaults; high - low >= kLeastStack) {
+      SetThreadStackGuarantee(&size);
+    }
+  }
+}
+
+// The linker makes the image's table of such functions of the sections with this name.
+[[gnu::section(".CRT$XLD"), gnu::used]] const PIMAGE_TLS_CALLBACK keepStackForFaults = KeepStackForFaults;
+
+std::array<char, 32> Place(const void* address) noexcept {
   const auto* base = reinterpret_cast<const BYTE*>(GetModuleHandleW(nullptr));
   const auto* headers =
       reinterpret_cast<const IMAGE_NT_HEADERS*>(base + reinterpret_cast<const IMAGE_DOS_HEADER*>(base)->e_lfanew);
   const auto from = reinterpret_cast<std::uintptr_t>(base);
   const auto at = reinterpret_cast<std::uintptr_t>(address);
   const bool ours = at >= from && at - from < headers->OptionalHeader.SizeOfImage;
-  char text[48];
-  static_cast<void>(std::snprintf(text, std::size(text), ours ? "program+0x%llx" : "0x%llx",
+  std::array<char, 32> text;
+  static_cast<void>(std::snprintf(text.data(), text.size(), ours ? "program+0x%llx" : "0x%llx",
                                   static_cast<unsigned long long>(ours ? at - from : at)));
   return text;
 }
@@ -59,8 +84,8 @@ int DumpsOf(const wchar_t* day) {
 }
 
 // The dump shows memory, and the log root is not sure to be private: where its folders could not be secured it may be
-// anybody's. So the file is private by itself.
-bool WriteDump(const std::wstring& path) {
+// anybody's. So the file is private by itself. False with the last error.
+bool FillDump(const std::wstring& path) {
   const win32::SecurityDescriptor descriptor(win32::kPrivateFolderSddl);
   SECURITY_ATTRIBUTES security = descriptor.Attributes();
   HMODULE library = LoadLibraryExW(L"dbghelp.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
@@ -69,35 +94,62 @@ bool WriteDump(const std::wstring& path) {
   }
   const auto writeDump = reinterpret_cast<decltype(&MiniDumpWriteDump)>(
       reinterpret_cast<void*>(GetProcAddress(library, "MiniDumpWriteDump")));
-  const win32::FileHandle file(
-      descriptor ? CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, &security, CREATE_NEW,
-                               FILE_ATTRIBUTE_NORMAL, nullptr)
-                 : INVALID_HANDLE_VALUE);
-  if (writeDump == nullptr || !file) {
+  if (writeDump == nullptr || !descriptor) {
     return false;
   }
+  const win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, 0, &security, CREATE_NEW,
+                                           FILE_ATTRIBUTE_NORMAL, nullptr));
   MINIDUMP_EXCEPTION_INFORMATION details{faultThread, faultDetails, FALSE};
-  return writeDump(GetCurrentProcess(), GetCurrentProcessId(), file.Get(), MiniDumpNormal, &details, nullptr,
-                   nullptr) != 0;
+  return file &&
+         writeDump(GetCurrentProcess(), GetCurrentProcessId(), file.Get(), MiniDumpNormal, &details, nullptr,
+                   nullptr) != 0 &&
+         FlushFileBuffers(file.Get()) != 0;
 }
 
-// The log line first: it needs nothing but the log's locks, while a dump may stumble over a broken heap.
-void Report() {
-  const EXCEPTION_RECORD& record = *faultDetails->ExceptionRecord;
+// Whoever finds a dump under its own name finds a whole one.
+bool WriteDump(const std::wstring& path) {
+  const std::wstring unfinished = std::wstring(log::kLogRoot) + kUnfinished;
+  DeleteFileW(unfinished.c_str());
+  if (FillDump(unfinished) && MoveFileExW(unfinished.c_str(), path.c_str(), MOVEFILE_WRITE_THROUGH) != 0) {
+    return true;
+  }
+  const DWORD error = GetLastError();
+  DeleteFileW(unfinished.c_str());
+  SetLastError(error);
+  return false;
+}
+
+void KeepDump() {
   SYSTEMTIME now;
   GetLocalTime(&now);
   wchar_t day[16];
   static_cast<void>(std::swprintf(day, std::size(day), L"%04d%02d%02d", now.wYear, now.wMonth, now.wDay));
+  if (DumpsOf(day) >= kDumpsPerDay) {
+    log::LogLocal(log::kError, "fault: no more dumps today");
+    return;
+  }
   wchar_t name[80];
   static_cast<void>(std::swprintf(name, std::size(name), L"\\NorvaneKiosk-%ls-%02d%02d%02d-%lu.dmp", day, now.wHour,
                                   now.wMinute, now.wSecond, GetCurrentProcessId()));
   const std::wstring path = std::wstring(log::kLogRoot) + name;
-  const bool dump = DumpsOf(day) < kDumpsPerDay;
-  log::Log(log::kError, log::kKiosk, "fault 0x%08lx at %s; the process ends (%s)", record.ExceptionCode,
-           Place(record.ExceptionAddress).c_str(), dump ? win32::ToNarrow(path).c_str() : "no more dumps today");
-  if (dump && !WriteDump(path)) {
-    DeleteFileW(path.c_str());
+  if (WriteDump(path)) {
+    log::LogLocal(log::kError, "fault: dump in %s", win32::ToNarrow(path).c_str());
+  } else {
+    log::LogLocal(log::kError, "fault: no dump (0x%08lx)", GetLastError());
   }
+}
+
+// The thread that is gone may hold the heap, the loader or any lock. So what needs least comes first: the line in the
+// local file, then the dump, and last the central log, whose spool the next run finds.
+void Report() {
+  const EXCEPTION_RECORD& record = *faultDetails->ExceptionRecord;
+  char text[80];
+  static_cast<void>(std::snprintf(text, std::size(text), "fault 0x%08lx at %s; the process ends", record.ExceptionCode,
+                                  Place(record.ExceptionAddress).data()));
+  log::LogFault("%s", text);
+  KeepDump();
+  log::shipper::HandOff(log::kError, log::kKiosk, text);
+  log::CloseCentral();
 }
 
 LONG WINAPI OnFault(EXCEPTION_POINTERS* details) noexcept {
@@ -126,17 +178,23 @@ LONG WINAPI OnFault(EXCEPTION_POINTERS* details) noexcept {
 void InstallCrashHandler() noexcept {
   faulted = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   reported = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+  if (faulted == nullptr || reported == nullptr) {
+    return;
+  }
   const win32::KernelHandle reporter = win32::StartThread(
       []() noexcept {
-        WaitForSingleObject(faulted, INFINITE);
+        static_cast<void>(Place(nullptr));  // the C library takes a thread's variables from the heap at their first use
+        if (WaitForSingleObject(faulted, INFINITE) != WAIT_OBJECT_0) {
+          return;
+        }
         try {
           Report();
-        } catch (const std::exception&) {  // no memory for a path: the process ends without a report
+        } catch (const std::exception&) {  // no memory for a path: the process ends without the rest of the report
         }
         SetEvent(reported);
       },
       win32::kSmallStack);
-  if (faulted == nullptr || reported == nullptr || !reporter) {
+  if (!reporter) {
     return;
   }
   SetUnhandledExceptionFilter(OnFault);

@@ -9,7 +9,7 @@ namespace {
 constexpr bool IsContinuation(char byte) noexcept { return (static_cast<unsigned char>(byte) & 0xC0U) == 0x80U; }
 
 // Length that a lead byte announces; 1 for anything else.
-constexpr std::size_t SequenceLength(char lead) noexcept {
+constexpr std::size_t AnnouncedLength(char lead) noexcept {
   const auto byte = static_cast<unsigned char>(lead);
   if (byte >= 0xF0U) {
     return byte < 0xF8U ? 4 : 1;
@@ -32,6 +32,30 @@ std::string_view TrimSpace(std::string_view text) noexcept {
   return text;
 }
 
+std::size_t SequenceLength(std::string_view text) noexcept {
+  const auto byte = [text](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+  const unsigned lead = byte(0);
+  if (lead < 0x80U) {
+    return 1;
+  }
+  const std::size_t length = lead >= 0xF0U ? 4 : lead >= 0xE0U ? 3 : 2;
+  if (lead < 0xC2U || lead > 0xF4U || text.size() < length) {
+    return 0;
+  }
+  // The second byte has a range of its own after four of the leads.
+  const unsigned low = lead == 0xE0U ? 0xA0U : lead == 0xF0U ? 0x90U : 0x80U;
+  const unsigned high = lead == 0xEDU ? 0x9FU : lead == 0xF4U ? 0x8FU : 0xBFU;
+  if (byte(1) < low || byte(1) > high) {
+    return 0;
+  }
+  for (std::size_t i = 2; i < length; ++i) {
+    if ((byte(i) & 0xC0U) != 0x80U) {
+      return 0;
+    }
+  }
+  return length;
+}
+
 std::size_t CutLength(std::string_view text, std::size_t limit) noexcept {
   if (text.size() <= limit) {
     return text.size();
@@ -40,28 +64,24 @@ std::size_t CutLength(std::string_view text, std::size_t limit) noexcept {
   for (std::size_t back = 1; back <= 3 && back <= limit; ++back) {
     const char byte = text[limit - back];
     if (!IsContinuation(byte)) {
-      return SequenceLength(byte) > back ? limit - back : limit;
+      return AnnouncedLength(byte) > back ? limit - back : limit;
     }
   }
   return limit;
 }
 
 void MakeSingleLine(char* text, std::size_t length) noexcept {
-  for (std::size_t i = 0; i < length; ++i) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    const auto next = [&](std::size_t ahead) {
-      return i + ahead < length ? static_cast<unsigned char>(text[i + ahead]) : 0U;
-    };
-    std::size_t replaced = 0;
-    if (byte < 0x20U || byte == 0x7FU) {
-      replaced = 1;
-    } else if (byte == 0xC2U && next(1) >= 0x80U && next(1) <= 0x9FU) {
-      replaced = 2;
-    } else if (byte == 0xE2U && next(1) == 0x80U && (next(2) == 0xA8U || next(2) == 0xA9U)) {
-      replaced = 3;
+  for (std::size_t i = 0; i < length;) {
+    const std::string_view rest(text + i, length - i);
+    const std::size_t size = SequenceLength(rest);
+    const std::string_view character = rest.substr(0, size);
+    if (size == 0) {
+      text[i] = '?';
+    } else if (character < " " || character == "\x7F" || (character >= "\u0080" && character <= "\u009F") ||
+               character == "\u2028" || character == "\u2029") {
+      std::fill_n(text + i, size, ' ');
     }
-    std::fill_n(text + i, replaced, ' ');
-    i += replaced > 0 ? replaced - 1 : 0;
+    i += std::max<std::size_t>(size, 1);
   }
 }
 

@@ -6,6 +6,7 @@
 #include "win32/wide_text.h"
 
 #include <algorithm>
+#include <span>
 
 namespace kiosk::log::shipper {
 namespace {
@@ -14,14 +15,22 @@ constexpr std::uint64_t kLongestRetryAfter = 3'600'000;
 constexpr std::wstring_view kPostHeaders = L"Content-Type: application/json\r\n";
 constexpr std::wstring_view kGetHeaders = L"Accept: application/json\r\n";
 
+// Of the 4xx only these are about something else than the request's content.
+constexpr DWORD kRetried[] = {408, 429};
+constexpr DWORD kWaitedFor[] = {401, 403, 404, 407, 421, 425, 451};
+
+bool IsOneOf(std::span<const DWORD> statuses, DWORD status) noexcept {
+  return std::find(statuses.begin(), statuses.end(), status) != statuses.end();
+}
+
 Verdict Judge(DWORD status) noexcept {
   if (status >= 200 && status < 300) {
     return Verdict::kSent;
   }
-  if (status == 408 || status == 429 || status >= 500) {
+  if (status >= 500 || IsOneOf(kRetried, status)) {
     return Verdict::kRetry;
   }
-  return status < 400 || status == 401 || status == 403 || status == 404 ? Verdict::kWait : Verdict::kRefused;
+  return status < 400 || IsOneOf(kWaitedFor, status) ? Verdict::kWait : Verdict::kRefused;
 }
 
 // Seconds, or a date (RFC 9110, 10.2.3); 0 for anything else.
@@ -49,9 +58,16 @@ std::uint64_t ParseRetryAfter(const std::wstring& text) noexcept {
   return until <= now ? 0 : std::min((until - now) / (win32::kFileTimeSecond / 1000), kLongestRetryAfter);
 }
 
+Outcome OutcomeOf(const win32::HttpAnswer& answer) {
+  if (answer.failedAt != win32::HttpStep::kDone) {
+    return {.error = answer.error};
+  }
+  return {.verdict = Judge(answer.status), .status = answer.status, .retryAfter = ParseRetryAfter(answer.retryAfter)};
+}
+
 }  // namespace
 
-std::string PostResult::Text() const {
+std::string Outcome::Text() const {
   return status == 0 ? "WinHTTP error " + std::to_string(error) : "HTTP status " + std::to_string(status);
 }
 
@@ -66,31 +82,27 @@ win32::HttpAnswer Endpoint::Call(win32::HttpCall call) {
   return win32::CallHttp(session_.Get(), call);
 }
 
-PostResult Endpoint::Post(const win32::HttpTarget& target, const CERT_CONTEXT* certificate, std::string_view records) {
-  const win32::HttpAnswer answer = Call(
-      {.method = L"POST", .target = &target, .headers = kPostHeaders, .body = records, .certificate = certificate});
-  if (answer.failedAt != win32::HttpStep::kDone) {
-    return {.error = answer.error};
-  }
-  return {.verdict = Judge(answer.status), .status = answer.status, .retryAfter = ParseRetryAfter(answer.retryAfter)};
+Outcome Endpoint::Post(const win32::HttpTarget& target, const CERT_CONTEXT* certificate, std::string_view records) {
+  return OutcomeOf(Call(
+      {.method = L"POST", .target = &target, .headers = kPostHeaders, .body = records, .certificate = certificate}));
 }
 
-std::optional<std::string> Endpoint::Get(const win32::HttpTarget& target, const CERT_CONTEXT* certificate,
-                                         std::size_t limit) {
-  std::string body;
+Outcome Endpoint::Get(const win32::HttpTarget& target, const CERT_CONTEXT* certificate, std::size_t limit,
+                      std::string& body) {
   const win32::HttpAnswer answer = Call({.target = &target,
                                          .headers = kGetHeaders,
                                          .certificate = certificate,
                                          .maxBody = limit,
                                          .onBody = [&body](std::string_view chunk) { body.append(chunk); }});
-  return answer.failedAt == win32::HttpStep::kDone && answer.status == 200 ? std::optional(std::move(body))
-                                                                           : std::nullopt;
+  return OutcomeOf(answer);
 }
 
 std::uint64_t RandomUpTo(std::uint64_t most) noexcept {
   std::uint64_t number = 0;
   return win32::FillRandom(&number, sizeof(number)) ? number % (most + 1) : most / 2;
 }
+
+std::uint64_t Spread(std::uint64_t wait) noexcept { return wait + RandomUpTo(wait / 4); }
 
 std::uint64_t Backoff::Next() noexcept {
   const std::uint64_t range = range_;

@@ -4,7 +4,6 @@
 #include "win32/http_call.h"
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <string_view>
 
@@ -13,11 +12,11 @@ namespace kiosk::log::shipper {
 enum class Verdict {
   kSent,
   kRetry,    // no answer, 408, 429, 5xx: again soon
-  kWait,     // 401, 403, 404, a redirect: somebody has to put something right first
+  kWait,     // 401, 403, 404, 407, 421, 425, 451, a redirect: not for what the records hold; somebody or time puts it right
   kRefused,  // any other 4xx: never again as it is
 };
 
-struct PostResult {
+struct Outcome {
   Verdict verdict = Verdict::kRetry;
   DWORD status = 0;               // 0: no answer
   DWORD error = 0;                // of a request without an answer
@@ -33,10 +32,10 @@ class Endpoint {
   explicit Endpoint(HANDLE stop) noexcept : stop_(stop) {}
 
   // Posts the records (JSON objects, separated by line feeds).
-  PostResult Post(const win32::HttpTarget& target, const CERT_CONTEXT* certificate, std::string_view records);
+  Outcome Post(const win32::HttpTarget& target, const CERT_CONTEXT* certificate, std::string_view records);
 
-  // The body of a 200, at most `limit` bytes and a chunk; empty for anything else.
-  std::optional<std::string> Get(const win32::HttpTarget& target, const CERT_CONTEXT* certificate, std::size_t limit);
+  // Status and error as for a post; `body` is that of a 200, at most `limit` bytes and a chunk, and empty for anything else.
+  Outcome Get(const win32::HttpTarget& target, const CERT_CONTEXT* certificate, std::size_t limit, std::string& body);
 
   // Closes the session; the next request opens another.
   void Close() noexcept { session_.Reset(); }
@@ -64,5 +63,8 @@ class Backoff {
 
 // Any number from 0 to `most`.
 std::uint64_t RandomUpTo(std::uint64_t most) noexcept;
+
+// Up to a quarter longer than `wait`: what tells many terminals the same time must not bring them all back at once.
+std::uint64_t Spread(std::uint64_t wait) noexcept;
 
 }  // namespace kiosk::log::shipper

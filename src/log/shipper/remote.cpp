@@ -7,6 +7,8 @@
 #include "win32/clock.h"
 #include "win32/wide_text.h"
 
+#include <algorithm>
+
 namespace kiosk::log::shipper {
 namespace {
 
@@ -15,6 +17,7 @@ constexpr wchar_t kValue[] = L"RemoteConfig";
 constexpr std::uint64_t kInterval = 900'000;
 constexpr std::uint64_t kSpread = 90'000;
 constexpr std::uint64_t kAgain = 60'000;  // after a fetch without an answer
+constexpr std::size_t kMostReasons = 16;  // a faulty one names the place in the text, so there may be any number
 
 }  // namespace
 
@@ -43,10 +46,10 @@ void Remote::LoadKept() {
 }
 
 // Always false: nothing changed.
-bool Remote::Refuse(const std::string& fault) {
-  if (fault != lastFault_) {
-    lastFault_ = fault;
-    LogLocal(kWarn, "central log: remote configuration is not used (%s)", fault.c_str());
+bool Remote::Complain(const char* what, const std::string& reason) {
+  if (told_.size() < kMostReasons && std::find(told_.begin(), told_.end(), reason) == told_.end()) {
+    told_.push_back(reason);
+    LogLocal(kWarn, "central log: remote configuration %s (%s)", what, reason.c_str());
   }
   return false;
 }
@@ -55,25 +58,27 @@ bool Remote::FetchWhenDue(Endpoint& endpoint, const CERT_CONTEXT* certificate) {
   if (!settings_.configUrl || DueIn() != 0) {
     return false;
   }
-  const std::optional<std::string> text = endpoint.Get(*settings_.configUrl, certificate, kMaxConfig);
-  due_ = win32::TickCount() + (text ? kInterval - kSpread + RandomUpTo(2 * kSpread) : kAgain + RandomUpTo(kAgain));
-  if (!text) {
-    return false;
+  std::string text;
+  const Outcome outcome = endpoint.Get(*settings_.configUrl, certificate, kMaxConfig, text);
+  const bool reached = outcome.status == HTTP_STATUS_OK;
+  due_ = win32::TickCount() + (reached ? kInterval - kSpread + RandomUpTo(2 * kSpread) : kAgain + RandomUpTo(kAgain));
+  if (!reached) {
+    return outcome.error != ERROR_WINHTTP_OPERATION_CANCELLED && Complain("cannot be fetched", outcome.Text());
   }
   std::string fault;
-  const std::optional<RemoteConfig> config = ParseRemoteConfig(*text, fault);
+  const std::optional<RemoteConfig> config = ParseRemoteConfig(text, fault);
   if (!config) {
-    return Refuse(fault);
+    return Complain("is not used", fault);
   }
   const std::string wanted = RemoteConfigText(*config);
   const bool changed = wanted != RemoteConfigText(config_);
   if (changed) {
     if (!Use(*config)) {
-      return Refuse("\"endpoint\" is no https URL");
+      return Complain("is not used", "\"endpoint\" is no https URL");
     }
     LogLocal(kNotice, "central log: remote configuration %s", wanted.c_str());
   }
-  lastFault_.clear();
+  told_.clear();
   const std::wstring wide = win32::ToWide(wanted);
   if (ReadSettingString(kValue).value_or(L"") != wide) {
     state::WriteValue(HKEY_LOCAL_MACHINE, kSettingsKey, kValue, REG_SZ, wide.c_str(), state::StringBytes(wide));

@@ -5,6 +5,9 @@
 #include "log/shipper/remote_config.h"
 #include "log/shipper/settings.h"
 
+#include <string>
+#include <vector>
+
 namespace kiosk::log::shipper {
 
 class Remote {
@@ -14,7 +17,8 @@ class Remote {
   // Takes over what was kept by an earlier run, without a word.
   void LoadKept();
 
-  // Fetches when it is time; a change is logged and kept. Does nothing without a "LogConfigUrl". True when it changed.
+  // Fetches when it is time; a change is logged and kept, and each reason why there is none once until there is one. Does
+  // nothing without a "LogConfigUrl". True when it changed.
   bool FetchWhenDue(Endpoint& endpoint, const CERT_CONTEXT* certificate);
 
   // Milliseconds until the next fetch; UINT64_MAX: never.
@@ -26,13 +30,13 @@ class Remote {
 
  private:
   bool Use(const RemoteConfig& config);
-  bool Refuse(const std::string& fault);
+  bool Complain(const char* what, const std::string& reason);
 
   const Settings& settings_;
   RemoteConfig config_;
   win32::HttpTarget target_;
   std::uint64_t due_ = 0;    // tick count
-  std::string lastFault_;    // already logged
+  std::vector<std::string> told_;  // reasons that were logged since the last good one
 };
 
 }  // namespace kiosk::log::shipper

@@ -222,7 +222,7 @@ std::size_t SenderThread::FrontSize(std::string_view lines) const noexcept {
 std::optional<std::size_t> SenderThread::SendFront(std::string_view lines) {
   const std::size_t size = FrontSize(lines);
   const std::string_view records = lines.substr(0, size - 1);
-  const PostResult result = endpoint_.Post(remote_.Target(), certificate_.Get(), records);
+  const Outcome result = endpoint_.Post(remote_.Target(), certificate_.Get(), records);
   if (result.error == ERROR_WINHTTP_OPERATION_CANCELLED && Stopped()) {
     return std::nullopt;
   }
@@ -237,7 +237,7 @@ std::optional<std::size_t> SenderThread::SendFront(std::string_view lines) {
     // A server may also say so to everybody, for instance to a terminal without the right certificate: then it is not the
     // records' fault, and only one now and then is set aside to find out.
     if (++refusals_ >= kRefusalsInARow) {
-      Pause(Backoff::kLongest, result);
+      Pause(Spread(Backoff::kLongest), result);
     }
   } else if (result.verdict != Verdict::kSent) {
     return std::nullopt;
@@ -248,7 +248,7 @@ std::optional<std::size_t> SenderThread::SendFront(std::string_view lines) {
 }
 
 // Draws the conclusions for the next request.
-void SenderThread::Answered(const PostResult& result) {
+void SenderThread::Answered(const Outcome& result) {
   if (result.verdict == Verdict::kSent || result.verdict == Verdict::kRefused) {
     backoff_.Reset();
     retryAt_ = 0;
@@ -257,11 +257,11 @@ void SenderThread::Answered(const PostResult& result) {
     }
     return;
   }
-  Pause(result.verdict == Verdict::kWait ? Backoff::kLongest : backoff_.Next(), result);
+  Pause(result.verdict == Verdict::kWait ? Spread(Backoff::kLongest) : backoff_.Next(), result);
 }
 
-void SenderThread::Pause(std::uint64_t wait, const PostResult& result) {
-  retryAt_ = win32::TickCount() + std::max({wait, result.retryAfter, std::uint64_t{1}});
+void SenderThread::Pause(std::uint64_t wait, const Outcome& result) {
+  retryAt_ = win32::TickCount() + std::max({wait, Spread(result.retryAfter), std::uint64_t{1}});
   if (!std::exchange(outage_, true)) {
     LogLocal(kWarn, "central log: the endpoint does not take lines (%s); they are kept in the spool",
              result.Text().c_str());

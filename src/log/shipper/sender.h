@@ -52,8 +52,8 @@ class SenderThread {
   bool FillChunk();
   std::optional<std::size_t> SendFront(std::string_view lines);
   [[nodiscard]] std::size_t FrontSize(std::string_view lines) const noexcept;
-  void Answered(const PostResult& result);
-  void Pause(std::uint64_t wait, const PostResult& result);
+  void Answered(const Outcome& result);
+  void Pause(std::uint64_t wait, const Outcome& result);
   void WaitForWork();
   void Finish();
   void TidySpool();

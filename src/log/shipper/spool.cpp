@@ -137,8 +137,8 @@ bool Spool::OpenSegment() {
   MakeRoom();
   openPath_ = NewTakenPath();
   openSize_ = 0;
-  open_.Reset(CreateFileW(openPath_.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL,
-                          nullptr));
+  open_.Reset(CreateFileW(openPath_.c_str(), GENERIC_WRITE | DELETE, FILE_SHARE_READ, nullptr, CREATE_NEW,
+                          FILE_ATTRIBUTE_NORMAL, nullptr));
   return static_cast<bool>(open_);
 }
 
@@ -162,6 +162,13 @@ bool Spool::Append(std::string_view lines) {
 
 void Spool::CloseSegment() {
   if (!open_) {
+    return;
+  }
+  // One that took no line is nothing to send; what came of the first onto the disk is the caller's still.
+  if (FILE_DISPOSITION_INFO disposition{TRUE};
+      openSize_ == 0 &&
+      SetFileInformationByHandle(open_.Get(), FileDispositionInfo, &disposition, sizeof(disposition)) != 0) {
+    open_.Reset();
     return;
   }
   FlushFileBuffers(open_.Get());

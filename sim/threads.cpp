@@ -1,0 +1,54 @@
+#include "sim/threads.h"
+
+#include "sim/clock_internal.h"
+#include "sim/seam.h"
+
+#include <atomic>
+
+namespace sim {
+namespace {
+
+std::atomic<bool> noEvents{false};
+
+void NTAPI OnThread(void* /*module*/, DWORD reason, void* /*reserved*/) {
+  if (reason == DLL_THREAD_ATTACH && !(TouchClock() && TouchFaults() && TouchLocks())) {
+    Violation("a thread begins with what another one left");
+  }
+}
+
+[[gnu::section(".CRT$XLE"), gnu::used]] const PIMAGE_TLS_CALLBACK onThread = OnThread;
+
+}  // namespace
+
+NoEvents::NoEvents() { noEvents = true; }
+NoEvents::~NoEvents() { noEvents = false; }
+
+}  // namespace sim
+
+using namespace sim;
+
+// Windows' pages stand guard where the guarantee begins; Wine's one page is moved there. When a thread begins Wine clears
+// its stack to 960 KB below the top, which a guarantee of more than 60 KB would run into.
+SIM(WINBOOL, SetThreadStackGuarantee, PULONG size) {
+  constexpr ULONG_PTR kPage = 4096;
+  const ULONG_PTR wanted = (*size + kPage - 1) / kPage * kPage;
+  ULONG_PTR low = 0;
+  ULONG_PTR high = 0;
+  GetCurrentThreadStackLimits(&low, &high);
+  if (wanted >= high - low) {
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return FALSE;
+  }
+  const BOOL done = ::SetThreadStackGuarantee(size);
+  DWORD before = 0;
+  return done && (wanted <= *size || VirtualProtect(reinterpret_cast<void*>(low + wanted), kPage,
+                                                    PAGE_READWRITE | PAGE_GUARD, &before));
+}
+
+SIM(HANDLE, CreateEventW, LPSECURITY_ATTRIBUTES security, WINBOOL manual, WINBOOL set, LPCWSTR name) {
+  if (noEvents) {
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return nullptr;
+  }
+  return ::CreateEventW(security, manual, set, name);
+}
