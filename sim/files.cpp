@@ -14,9 +14,13 @@
 
 namespace sim {
 
+namespace {
+
 std::atomic<bool> shorten{false};
 std::wstring shortPath;
 DWORD shortSize = 0;
+
+}  // namespace
 
 std::wstring Lower(std::wstring path) {
   CharLowerW(path.data());

@@ -1,4 +1,3 @@
-#define CINTERFACE
 #include <winsock2.h>
 #include <ws2ipdef.h>
 
@@ -7,35 +6,25 @@
 #include "sim/network.h"
 
 #include "sim/clock.h"
-#include "sim/com.h"
 #include "sim/faults.h"
 #include "sim/machine.h"
-
-#include <oleauto.h>
-#include <wbemcli.h>
+#include "sim/network_internal.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
-#include <map>
 #include <sstream>
+#include <utility>
 #include <vector>
 
 namespace sim {
 namespace {
 
-using Texts = std::vector<std::wstring>;
-
 constexpr wchar_t kArea[] = L"Adapters";
 constexpr wchar_t kInterfaces[] = L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters\\Interfaces\\";
-constexpr wchar_t kClassName[] = L"Win32_NetworkAdapterConfiguration";
 constexpr ULONG kNeededSize = 40'000;  // more than a caller begins with
 
-std::wstring AreaOf(const std::wstring& name) { return std::wstring(kArea) + L"\\" + name; }
-DWORD Number(const std::wstring& name, const wchar_t* value, DWORD fallback) {
-  return ReadNumber(AreaOf(name), value).value_or(fallback);
-}
 Texts Words(const std::wstring& text) {
   std::wistringstream stream(text);
   Texts words;
@@ -43,6 +32,13 @@ Texts Words(const std::wstring& text) {
     words.push_back(word);
   }
   return words;
+}
+
+}  // namespace
+
+std::wstring AreaOf(const std::wstring& name) { return std::wstring(kArea) + L"\\" + name; }
+DWORD Number(const std::wstring& name, const wchar_t* value, DWORD fallback) {
+  return ReadNumber(AreaOf(name), value).value_or(fallback);
 }
 Texts List(const std::wstring& name, const wchar_t* value) {
   return Words(ReadText(AreaOf(name), value).value_or(L""));
@@ -55,8 +51,7 @@ std::wstring Joined(const Texts& texts) {
   return joined;
 }
 
-// A list where Windows keeps it: a text with commas, or one text after the other.
-std::wstring Kept(const std::wstring& name, const wchar_t* value, DWORD type = REG_MULTI_SZ) {
+std::wstring Kept(const std::wstring& name, const wchar_t* value, DWORD type) {
   wchar_t text[512] = L"";
   DWORD size = sizeof(text) - sizeof(wchar_t);
   RegGetValueW(HKEY_LOCAL_MACHINE, (kInterfaces + name).c_str(), value,
@@ -75,11 +70,27 @@ void Keep(const std::wstring& name, const wchar_t* value, DWORD type, std::wstri
                   static_cast<DWORD>((texts.size() + 1) * sizeof(wchar_t)));
 }
 
-// The DHCP client notes beside the adapter's settings which gateways the network gave.
 void KeepLease(const std::wstring& name) {
   const Texts lease = List(name, L"Lease");
   Keep(name, L"DhcpDefaultGateway", REG_MULTI_SZ, lease.size() > 1 ? lease[1] : L"");
 }
+
+Texts Adapters() {
+  if (AreaNames(kArea).empty()) {
+    AddAdapter(kFactoryAdapter);
+  }
+  return AreaNames(kArea);
+}
+
+unsigned long AddressNumber(const std::wstring& text) {
+  unsigned parts[4] = {};
+  if (std::swscanf(text.c_str(), L"%u.%u.%u.%u", &parts[0], &parts[1], &parts[2], &parts[3]) != 4) {
+    return 0;
+  }
+  return htonl(parts[0] << 24 | parts[1] << 16 | parts[2] << 8 | parts[3]);
+}
+
+namespace {
 
 // The default routes of an adapter that is connected, by their gateways: those set by hand, those of the owner's, and
 // what the network gave.
@@ -98,24 +109,9 @@ Texts DefaultRoutes(const std::wstring& name) {
   return gateways;
 }
 
-Texts Adapters() {
-  if (AreaNames(kArea).empty()) {
-    AddAdapter(kFactoryAdapter);
-  }
-  return AreaNames(kArea);
-}
-
 bool Settled(const std::wstring& name) {
   const auto changed = std::wcstoull(ReadText(AreaOf(name), L"ChangedAt").value_or(L"0").c_str(), nullptr, 10);
   return ClockNow() >= changed + Number(name, L"Lag", 0);
-}
-
-unsigned long AddressNumber(const std::wstring& text) {
-  unsigned parts[4] = {};
-  if (std::swscanf(text.c_str(), L"%u.%u.%u.%u", &parts[0], &parts[1], &parts[2], &parts[3]) != 4) {
-    return 0;
-  }
-  return htonl(parts[0] << 24 | parts[1] << 16 | parts[2] << 8 | parts[3]);
 }
 
 // Hands out pieces of the caller's buffer.
@@ -182,192 +178,6 @@ IP_ADAPTER_ADDRESSES* Describe(Room& room, const std::wstring& name, ULONG64 num
   entry->FirstDnsServerAddress = room.Chain<IP_ADAPTER_DNS_SERVER_ADDRESS>(servers);
   return entry;
 }
-
-// What a method does, and the number that it answers.
-LONG Run(const std::wstring& name, const std::wstring& method, std::map<std::wstring, Texts>& arguments) {
-  const bool dhcp = Number(name, L"Dhcp", 1) != 0;
-  const Texts& addresses = arguments[L"IPAddress"];
-  const Texts& masks = arguments[L"SubnetMask"];
-  if (const auto answer = ReadNumber(AreaOf(name), method)) {
-    return static_cast<LONG>(*answer);
-  }
-  if (Number(name, L"Cable", 1) == 0) {
-    return 84;  // IP is not enabled on the adapter
-  }
-  LONG answer = 0;
-  if (method == L"EnableDHCP") {
-    // Its page: gateways that were set stay. They also stay where they are found after a restart.
-    WriteNumber(AreaOf(name), L"Dhcp", 1);
-    ForgetValue(AreaOf(name), L"Addresses");
-    KeepLease(name);
-  } else if (method == L"EnableStatic") {
-    if (addresses.empty() || addresses.size() != masks.size()) {
-      return 68;
-    }
-    answer = dhcp ? 0 : 81;  // its page: "cannot configure DHCP" for one that is static already, and yet it is done
-    std::wstring joined;
-    for (std::size_t i = 0; i < addresses.size(); ++i) {
-      const int bits = __builtin_popcountl(AddressNumber(masks[i]));
-      joined += (i == 0 ? L"" : L" ") + addresses[i] + L"/" + std::to_wstring(bits);
-    }
-    WriteText(AreaOf(name), L"Addresses", joined);
-    WriteNumber(AreaOf(name), L"Dhcp", 0);
-  } else if (method == L"SetGateways") {
-    // Its page: for static addresses alone, the argument is not optional, and the adapter's own address clears them.
-    const Texts& gateways = arguments[L"DefaultIPGateway"];
-    if (dhcp || gateways.empty() || gateways.size() > 5) {
-      return dhcp ? 64 : gateways.empty() ? 68 : 69;
-    }
-    const Texts own = List(name, L"Addresses");
-    const bool clears = std::any_of(own.begin(), own.end(),
-                                    [&](const std::wstring& each) { return each.starts_with(gateways[0] + L"/"); });
-    WriteText(AreaOf(name), L"Gateways", clears ? L"" : Joined(gateways));
-    Keep(name, L"DefaultGateway", REG_MULTI_SZ, clears ? L"" : Joined(gateways));
-  } else {
-    Keep(name, L"NameServer", REG_SZ, Joined(arguments[L"DNSServerSearchOrder"]));
-  }
-  WriteText(AreaOf(name), L"ChangedAt", std::to_wstring(ClockNow()));
-  return answer;
-}
-
-// An instance, a method's signature, its arguments, or its answer.
-struct Record {
-  std::wstring path;
-  LONG answer = 0;
-  std::map<std::wstring, Texts> values = {};
-};
-using Instance = Object<IWbemClassObject, Record, IID_IWbemClassObject>;
-
-HRESULT STDMETHODCALLTYPE Get(IWbemClassObject* self, LPCWSTR name, LONG, VARIANT* value, CIMTYPE*, LONG*) {
-  const Record& record = Instance::Of(self);
-  if (wcscmp(name, L"__RELPATH") == 0 && !record.path.empty()) {
-    value->vt = VT_BSTR;
-    value->bstrVal = SysAllocString(record.path.c_str());
-    return S_OK;
-  }
-  if (wcscmp(name, L"ReturnValue") != 0) {
-    return static_cast<HRESULT>(WBEM_E_NOT_FOUND);
-  }
-  value->vt = VT_I4;
-  value->lVal = record.answer;
-  return S_OK;
-}
-
-HRESULT STDMETHODCALLTYPE Put(IWbemClassObject* self, LPCWSTR name, LONG, VARIANT* value, CIMTYPE) {
-  if (value->vt != (VT_ARRAY | VT_BSTR)) {
-    Violation("IWbemClassObject::Put: %s is no array of texts", Narrow(name).c_str());
-    return static_cast<HRESULT>(WBEM_E_TYPE_MISMATCH);
-  }
-  LONG last = -1;
-  SafeArrayGetUBound(value->parray, 1, &last);
-  Texts& texts = Instance::Of(self).values[name];
-  for (LONG i = 0; i <= last; ++i) {
-    BSTR text = nullptr;
-    SafeArrayGetElement(value->parray, &i, &text);
-    texts.emplace_back(text);
-    SysFreeString(text);
-  }
-  return S_OK;
-}
-
-HRESULT STDMETHODCALLTYPE GetMethod(IWbemClassObject*, LPCWSTR name, LONG, IWbemClassObject** in, IWbemClassObject**);
-HRESULT STDMETHODCALLTYPE SpawnInstance(IWbemClassObject*, LONG, IWbemClassObject** instance);
-IWbemClassObjectVtbl instanceTable{COM_BASICS(Instance), .Get = Get, .Put = Put, .SpawnInstance = SpawnInstance,
-                                   .GetMethod = GetMethod};
-Instance* Make(const std::wstring& path = L"", LONG answer = 0) { return new Instance(&instanceTable, path, answer); }
-
-HRESULT STDMETHODCALLTYPE GetMethod(IWbemClassObject*, LPCWSTR name, LONG, IWbemClassObject** in, IWbemClassObject**) {
-  *in = wcscmp(name, L"EnableDHCP") == 0 ? nullptr : Make();
-  return S_OK;
-}
-HRESULT STDMETHODCALLTYPE SpawnInstance(IWbemClassObject*, LONG, IWbemClassObject** instance) {
-  *instance = Make();
-  return S_OK;
-}
-
-// A call under way: it is over when it is asked for the second time.
-struct Asked {
-  LONG answer;  // below 0: it never ends
-  int times = 0;
-};
-using Call = Object<IWbemCallResult, Asked, IID_IWbemCallResult>;
-IWbemCallResultVtbl callTable{
-    COM_BASICS(Call),
-    .GetResultObject = [](IWbemCallResult* self, LONG timeout, IWbemClassObject** object) STDMETHODCALLTYPE -> HRESULT {
-      Asked& call = Call::Of(self);
-      if (timeout != 0) {
-        Violation("IWbemCallResult::GetResultObject: a wait of %ld ms, which does not hear the stop", timeout);
-      }
-      if (call.times++ == 0 || call.answer < 0) {
-        return WBEM_S_TIMEDOUT;
-      }
-      *object = Make(L"", call.answer);
-      return S_OK;
-    }};
-
-using Found = Object<IEnumWbemClassObject, std::wstring, IID_IEnumWbemClassObject>;  // the path of the one found
-IEnumWbemClassObjectVtbl foundTable{COM_BASICS(Found),
-                                    .Next = [](IEnumWbemClassObject* self, LONG, ULONG, IWbemClassObject** object,
-                                               ULONG* count) STDMETHODCALLTYPE -> HRESULT {
-                                      const std::wstring path = std::exchange(Found::Of(self), L"");
-                                      *count = path.empty() ? 0 : 1;
-                                      *object = path.empty() ? nullptr : Make(path);
-                                      return path.empty() ? HRESULT{WBEM_S_FALSE} : S_OK;
-                                    }};
-
-using Services = Object<IWbemServices, Stateless, IID_IWbemServices>;
-
-HRESULT STDMETHODCALLTYPE GetClass(IWbemServices*, const BSTR name, LONG, IWbemContext*, IWbemClassObject** object,
-                                   IWbemCallResult**) {
-  if (wcscmp(name, kClassName) != 0) {
-    return static_cast<HRESULT>(WBEM_E_INVALID_CLASS);
-  }
-  *object = Make();
-  return S_OK;
-}
-
-HRESULT STDMETHODCALLTYPE ExecQuery(IWbemServices*, const BSTR, const BSTR query, LONG, IWbemContext*,
-                                    IEnumWbemClassObject** result) {
-  std::wstring path;
-  for (const std::wstring& name : Adapters()) {
-    if (query == std::wstring(L"SELECT * FROM ") + kClassName + L" WHERE SettingID = \"" + name + L"\"") {
-      path = std::wstring(kClassName) + L".Name=" + name;
-    }
-  }
-  *result = new Found(&foundTable, path);
-  return S_OK;
-}
-
-HRESULT STDMETHODCALLTYPE ExecMethod(IWbemServices*, const BSTR path, const BSTR method, LONG flags, IWbemContext*,
-                                     IWbemClassObject* in, IWbemClassObject**, IWbemCallResult** result) {
-  const std::wstring name = std::wstring(path).substr(std::wstring(path).find(L'=') + 1);
-  if (flags != WBEM_FLAG_RETURN_IMMEDIATELY || result == nullptr || *result != nullptr) {
-    Violation("IWbemServices::ExecMethod: flags 0x%lx, or no place for the call", flags);
-  }
-  std::map<std::wstring, Texts> arguments = in != nullptr ? Instance::Of(in).values : std::map<std::wstring, Texts>();
-  const LONG answer = ReadText(AreaOf(name), L"Hangs") == method
-                          ? -1
-                          : Change<LONG>("ExecMethod", method, [&] { return Run(name, method, arguments); });
-  *result = new Call(&callTable, answer);
-  return S_OK;
-}
-IWbemServicesVtbl servicesTable{COM_BASICS(Services), .GetObject = GetClass, .ExecQuery = ExecQuery,
-                                .ExecMethod = ExecMethod};
-
-using Locator = Object<IWbemLocator, Stateless, IID_IWbemLocator>;
-IWbemLocatorVtbl locatorTable{
-    COM_BASICS(Locator),
-    .ConnectServer = [](IWbemLocator*, const BSTR resource, const BSTR, const BSTR, const BSTR, LONG flags, const BSTR,
-                        IWbemContext*, IWbemServices** services) STDMETHODCALLTYPE -> HRESULT {
-      if (wcscmp(resource, L"ROOT\\CIMV2") != 0 || flags != WBEM_FLAG_CONNECT_USE_MAX_WAIT) {
-        Violation("IWbemLocator::ConnectServer: %s, flags 0x%lx", Narrow(resource).c_str(), flags);
-      }
-      *services = new Services(&servicesTable);
-      return S_OK;
-    }};
-
-const bool registered = RegisterComClass(
-    {&CLSID_WbemLocator, [](REFIID id, void** object) { return HandOut(new Locator(&locatorTable), id, object); }});
 
 }  // namespace
 
@@ -521,12 +331,4 @@ SIM(NETIO_STATUS, CreateIpForwardEntry2, const MIB_IPFORWARD_ROW2* row) {
 
 SIM(NETIO_STATUS, DeleteIpForwardEntry2, const MIB_IPFORWARD_ROW2* row) {
   return ChangeRoute("DeleteIpForwardEntry2", *row, false);
-}
-
-SIM(HRESULT, CoSetProxyBlanket, IUnknown* proxy, DWORD authentication, DWORD, OLECHAR*, DWORD, DWORD impersonation,
-    RPC_AUTH_IDENTITY_HANDLE, DWORD) {
-  if (proxy == nullptr || authentication != RPC_C_AUTHN_WINNT || impersonation != RPC_C_IMP_LEVEL_IMPERSONATE) {
-    Violation("CoSetProxyBlanket: authentication %lu, impersonation %lu", authentication, impersonation);
-  }
-  return S_OK;
 }

@@ -3,7 +3,6 @@
 #include "log/log.h"
 #include "network/ip_helper.h"
 #include "state/registry.h"
-#include "win32/grow.h"
 #include "win32/handle.h"
 #include "win32/wide_text.h"
 

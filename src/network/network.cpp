@@ -84,7 +84,8 @@ bool IsToBeUndone(ChangeRecord& record) {
     return true;
   }
   Adapter adapter;
-  if (ReadAdapter(record.adapter, adapter) != ERROR_SUCCESS || !TrialIsOver(record.adapter, adapter.linkUp)) {
+  const bool linkUp = ReadAdapter(record.adapter, adapter) == ERROR_SUCCESS && adapter.linkUp;
+  if (!TrialIsOver(record.adapter, linkUp)) {
     return false;
   }
   log::Log(log::kWarn, log::kKiosk,

@@ -28,8 +28,8 @@ inline constexpr std::uint32_t kApiDeadline = 60'000;
 // `bearerToken` is left out. Redirects are never followed, so the token goes to no other place. Reading stops after the
 // chunk that exceeds `maxBody` bytes.
 //
-// Never throws for a network failure and never logs one. Any answer proves the changes of network adapters from before the
-// request (network/trial.h). The error texts: "unparseable AuthBaseUrl", "WinHttpOpen failed",
+// Never throws for a network failure and never logs one. Any answer proves the changes of network adapters from before
+// the request (network/trial.h). The error texts: "unparseable AuthBaseUrl", "WinHttpOpen failed",
 // "cannot open the request", and "WinHTTP error N", where 12002 also stands for a call that used up `deadline` and 12017
 // for one that a service stop, or the event `end` (manual reset), ended; no call begins after a stop, and it ends one at
 // once. A reply that had come whole is never thrown away for the deadline or the events.
