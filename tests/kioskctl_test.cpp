@@ -121,7 +121,7 @@ TEST_F(KioskCtl, SaysThatAProgramOfAShareIsNotAdmitted) {
   service::ReportRunning();
   wchar_t own[MAX_PATH];
   const std::wstring drive = std::wstring(own, GetModuleFileNameW(nullptr, own, MAX_PATH)).substr(0, 3);
-  for (const UINT type : {DRIVE_FIXED, DRIVE_REMOTE}) {
+  for (const UINT type : {UINT{DRIVE_FIXED}, UINT{DRIVE_REMOTE}}) {
     FakeService service({{"{\"ok\":false,\"error\":\"caller_refused\"}\n"}});
     sim::SetDriveType(drive, type);
     {
