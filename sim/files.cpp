@@ -13,7 +13,6 @@
 #include <mutex>
 
 namespace sim {
-
 namespace {
 
 std::atomic<bool> shorten{false};

@@ -111,6 +111,11 @@ ServiceHost::~ServiceHost() {
   handler = nullptr;
 }
 
+SC_HANDLE OpenHosted(const wchar_t* name, DWORD access) {
+  const std::lock_guard guard(mutex);
+  return hosted && access == SERVICE_QUERY_STATUS && serviceName == name ? kHostedService : nullptr;
+}
+
 bool ServiceListens() { return ListensHere() || ListensElsewhere(); }
 
 void DeliverSessionChange(DWORD eventType, DWORD session) {
@@ -176,4 +181,23 @@ SIM(WINBOOL, SetServiceStatus, SERVICE_STATUS_HANDLE handle, LPSERVICE_STATUS st
   CheckReport(handle, *status);
   reports.push_back(*status);
   return hosted ? TRUE : ::SetServiceStatus(handle, status);
+}
+
+SIM(WINBOOL, QueryServiceStatusEx, SC_HANDLE service, SC_STATUS_TYPE level, LPBYTE buffer, DWORD size, LPDWORD needed) {
+  if (service != kHostedService) {
+    return ::QueryServiceStatusEx(service, level, buffer, size, needed);
+  }
+  const std::lock_guard guard(mutex);
+  const DWORD state = reports.empty() ? SERVICE_STOPPED : reports.back().dwCurrentState;
+  SERVICE_STATUS_PROCESS status{};
+  status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
+  status.dwCurrentState = state;
+  status.dwProcessId = state == SERVICE_STOPPED ? 0 : GetCurrentProcessId();
+  *needed = sizeof(status);
+  if (level != SC_STATUS_PROCESS_INFO || size < sizeof(status)) {
+    SetLastError(ERROR_INSUFFICIENT_BUFFER);
+    return FALSE;
+  }
+  *reinterpret_cast<SERVICE_STATUS_PROCESS*>(buffer) = status;
+  return TRUE;
 }

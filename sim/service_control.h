@@ -30,6 +30,12 @@ class ServiceHost {
   [[nodiscard]] std::wstring ServiceName() const;  // empty until the handler is registered
 };
 
+// While a ServiceHost exists, whoever may only ask for the state of its service gets this handle for the service's
+// name, and QueryServiceStatusEx answers with the last report, and with this process until that is "stopped". Null for
+// others.
+inline const SC_HANDLE kHostedService = reinterpret_cast<SC_HANDLE>(0x52);
+SC_HANDLE OpenHosted(const wchar_t* name, DWORD access);
+
 // A service of this process, or else one under the real service manager, is there to hear of sessions.
 bool ServiceListens();
 // Tells it, if there is one, and returns when its handler has.

@@ -7,6 +7,7 @@
 #include "sim/clock_internal.h"
 #include "sim/faults.h"
 #include "sim/machine.h"
+#include "sim/service_control.h"
 
 #include <cstdint>
 #include <cstdlib>
@@ -109,14 +110,15 @@ using namespace sim;
 
 SIM(SC_HANDLE, OpenServiceW, SC_HANDLE manager, LPCWSTR name, DWORD access) {
   if (_wcsicmp(name, L"W32Time") != 0) {
-    return ::OpenServiceW(manager, name, access);
+    const SC_HANDLE hosted = OpenHosted(name, access);
+    return hosted != nullptr ? hosted : ::OpenServiceW(manager, name, access);
   }
   granted = access;
   return Setting(L"NoService") == 0 ? kTimeServiceHandle : (Fail(ERROR_SERVICE_DOES_NOT_EXIST), nullptr);
 }
 
 SIM(WINBOOL, CloseServiceHandle, SC_HANDLE handle) {
-  return handle == kTimeServiceHandle ? TRUE : ::CloseServiceHandle(handle);
+  return handle == kTimeServiceHandle || handle == kHostedService ? TRUE : ::CloseServiceHandle(handle);
 }
 
 SIM(WINBOOL, QueryServiceStatus, SC_HANDLE service, LPSERVICE_STATUS status) {

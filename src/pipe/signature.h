@@ -22,12 +22,12 @@ struct FileSignature {
 };
 
 // Opens a program file for reading so that nobody can write to it, delete or rename it while the handle lives. Invalid
-// when it cannot be had that way; the last error says why. May last for as long as somebody holds an opportunistic lock on
-// the file.
+// when it cannot be had that way; the last error says why. May last for as long as somebody holds an opportunistic lock
+// on the file.
 win32::FileHandle HoldImage(const wchar_t* path) noexcept;
 
-// Asks Windows about the file's embedded signature: no user interface, no revocation checks, no network. `file` is open on
-// `path` for reading, and was so before and until the end of the call.
+// Asks Windows about the file's embedded signature: no user interface, no revocation checks, no network. `file` is open
+// on `path` for reading, and was so before and until the end of the call.
 FileSignature ReadSignature(const wchar_t* path, HANDLE file);
 
 // The publisher of a trusted file; an empty optional for any other.

@@ -130,7 +130,7 @@ int Poll(const std::string& code, std::uint64_t seconds, const Options& options)
     for (DWORD waited = 0; waited < kPollInterval; waited += kRedrawInterval) {
       Wait(expiry, countdown);
     }
-    const Answer answer = AskFor(request);
+    const Answer answer = AskFor(request, kPairWait);
     if (answer.outcome != Outcome::kReply) {
       return NoReply(answer);
     }
@@ -139,7 +139,7 @@ int Poll(const std::string& code, std::uint64_t seconds, const Options& options)
       PrintJson(answer.reply);
     }
     if (paired) {
-      return options.json ? static_cast<int>(kDone) : ReportPaired(answer.reply, countdown);
+      return options.json ? static_cast<int>(kDone) : ReportPaired(Shown(answer.reply), countdown);
     }
     if (!Ok(answer.reply)) {
       return options.json ? static_cast<int>(kServiceError) : ReportFailed(answer.reply, countdown);
@@ -162,7 +162,7 @@ int Restart(const Options& options, const Words& /*words*/) {
 }
 
 int Pair(const Options& options, const Words& /*words*/) {
-  const Answer answer = AskFor(Request("pair.begin"));
+  const Answer answer = AskFor(Request("pair.begin"), kPairWait);
   if (answer.outcome != Outcome::kReply) {
     return NoReply(answer);
   }
@@ -172,7 +172,7 @@ int Pair(const Options& options, const Words& /*words*/) {
   if (!Ok(answer.reply)) {
     return options.json ? static_cast<int>(kServiceError) : Refused(answer.reply);
   }
-  const std::string code = Member(answer.reply, "code").text();
+  const std::string code = Member(Shown(answer.reply), "code").text();
   const double lifetime = std::clamp(Member(answer.reply, "expiresInSeconds").number(), 0.0, 86'400.0);
   const auto seconds = static_cast<std::uint64_t>(lifetime);
   if (!options.json) {

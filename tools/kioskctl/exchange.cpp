@@ -4,6 +4,8 @@
 #include "state/kiosk_state.h"
 #include "text/text.h"
 #include "win32/console.h"
+#include "win32/local_path.h"
+#include "win32/winapi.h"
 
 #include <iterator>
 #include <utility>
@@ -81,7 +83,36 @@ const char* Sentence(const std::string& code, std::string_view command) {
   return found;
 }
 
+std::string OneLine(std::string text) {
+  kiosk::text::MakeSingleLine(text.data(), text.size());
+  return text;
+}
+
+// The service looks at no program on a share or on a network drive.
+bool StartedFromElsewhere() {
+  std::wstring path(32'768, L'\0');
+  path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
+  return !kiosk::win32::IsLocalPath(path);
+}
+
 }  // namespace
+
+Value Shown(const Value& reply) {
+  if (reply.IsString()) {
+    return OneLine(reply.text());
+  }
+  if (!reply.IsArray() && !reply.IsObject()) {
+    return reply;
+  }
+  Value shown = reply.IsArray() ? Value::Array() : Value::Object();
+  for (const Value& item : reply.items()) {
+    shown.Append(Shown(item));
+  }
+  for (std::size_t i = 0; i < reply.keys().size(); ++i) {
+    shown.Set(reply.keys()[i], Shown(reply.values()[i]));
+  }
+  return shown;
+}
 
 std::string Explain(const std::string& code, std::string_view command) {
   if (const char* sentence = Sentence(code, command); sentence != nullptr) {
@@ -118,12 +149,20 @@ int NoReply(const Answer& answer) {
   return kNoService;
 }
 
-void PrintJson(const Value& reply) { Print(kiosk::json::Serialise(reply) + "\n"); }
+void PrintJson(const Value& reply) {
+  // Serialising leaves the control characters beyond ASCII as they are: to a script, not to a console.
+  const std::string text = kiosk::json::Serialise(reply);
+  Print((kiosk::win32::OutputIsConsole() ? OneLine(text) : text) + "\n");
+}
 
 bool Ok(const Value& reply) { return Member(reply, "ok").boolean(); }
 
 int Refused(const Value& reply, std::string_view command) {
-  PrintError(Explain(Member(reply, "error").text(), command) + "\n");
+  const std::string code = OneLine(Member(reply, "error").text());
+  PrintError(Explain(code, command) + "\n");
+  if (code == "caller_refused" && StartedFromElsewhere()) {
+    PrintError("This program was not started from a disk of this computer: copy it to this computer first.\n");
+  }
   return kServiceError;
 }
 
@@ -139,16 +178,15 @@ Value Request(const char* command) {
 }
 
 Answer AskFor(Value request, unsigned long replyWait) {
-  std::string line = kiosk::json::Serialise(request);
+  kiosk::text::Secret line(kiosk::json::Serialise(request));
   request.Wipe();
-  Answer answer = Ask(line, replyWait);
-  kiosk::text::Wipe(line);
-  return answer;
+  return Ask(std::move(line), replyWait);
 }
 
 int Run(const Options& options, Value request, std::string (*success)(const Value& reply), unsigned long replyWait) {
   const std::string command = Member(request, "cmd").text();
-  const Answer answer = AskFor(std::move(request), replyWait);
+  Answer answer = AskFor(std::move(request), replyWait);
+  const kiosk::text::WipeOnExit wipe(answer.reply);
   if (answer.outcome != Outcome::kReply) {
     return NoReply(answer);
   }
@@ -157,7 +195,9 @@ int Run(const Options& options, Value request, std::string (*success)(const Valu
   } else if (!Ok(answer.reply)) {
     return Refused(answer.reply, command);
   } else {
-    Print(success(answer.reply));
+    Value shown = Shown(answer.reply);
+    const kiosk::text::WipeOnExit wipeShown(shown);
+    Print(success(shown));
   }
   return Ok(answer.reply) ? kDone : kServiceError;
 }

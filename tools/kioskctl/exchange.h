@@ -20,6 +20,10 @@ struct Options {
 kiosk::json::Value Request(const char* command);
 bool Ok(const kiosk::json::Value& reply);
 
+// A reply as a console may show it: each of its texts on one line, without the control bytes with which a name could
+// command the console.
+kiosk::json::Value Shown(const kiosk::json::Value& reply);
+
 // Sends a request, of which no copy is left in memory, and waits so many milliseconds for the reply.
 Answer AskFor(kiosk::json::Value request, unsigned long replyWait = kReplyWait);
 

@@ -4,11 +4,14 @@
 #include "win32/clock.h"
 #include "win32/handle.h"
 
-#include <array>
+#include <string>
+#include <string_view>
+#include <utility>
 
 namespace kioskctl {
 namespace {
 
+using kiosk::text::Secret;
 using kiosk::win32::Deadline;
 using kiosk::win32::FileHandle;
 using kiosk::win32::KernelHandle;
@@ -16,6 +19,7 @@ using kiosk::win32::ServiceHandle;
 
 constexpr wchar_t kPipe[] = L"\\\\.\\pipe\\NorvaneKiosk";
 constexpr DWORD kBusyWait = 5'000;
+constexpr DWORD kChunk = 4096;
 
 FileHandle Open() {
   const Deadline deadline(kBusyWait);
@@ -29,20 +33,24 @@ FileHandle Open() {
   }
 }
 
-// False only when the service manager names another process than the one that serves the pipe. What cannot be found out
-// counts as fine: a user without rights to ask must still be able to pair.
+// False when the service manager names another process than the one that serves the pipe, and when it says that the
+// service is not there or does not run: then the pipe is somebody else's. What cannot be found out counts as fine: a
+// user without rights to ask must still be able to pair.
 bool ServedByService(HANDLE pipe) {
   ULONG server = 0;
   const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  const ServiceHandle service(manager ? OpenServiceW(manager.Get(), L"NorvaneKiosk", SERVICE_QUERY_STATUS) : nullptr);
-  SERVICE_STATUS_PROCESS status{};
-  DWORD needed = 0;
-  if (!service || GetNamedPipeServerProcessId(pipe, &server) == 0 ||
-      QueryServiceStatusEx(service.Get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status),
-                           &needed) == 0) {
+  if (!manager || GetNamedPipeServerProcessId(pipe, &server) == 0) {
     return true;
   }
-  return status.dwProcessId == 0 || status.dwProcessId == server;
+  const ServiceHandle service(OpenServiceW(manager.Get(), L"NorvaneKiosk", SERVICE_QUERY_STATUS));
+  if (!service) {
+    return GetLastError() != ERROR_SERVICE_DOES_NOT_EXIST;
+  }
+  SERVICE_STATUS_PROCESS status{};
+  DWORD needed = 0;
+  return QueryServiceStatusEx(service.Get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status),
+                              &needed) == 0 ||
+         status.dwProcessId == server;  // 0 while it does not run
 }
 
 // One overlapped transfer, waited for until the deadline.
@@ -63,24 +71,28 @@ bool Transfer(HANDLE pipe, const Deadline& deadline, DWORD* moved, Start start) 
   return GetOverlappedResult(pipe, &overlapped, moved, FALSE) != 0;
 }
 
-bool ReadLine(HANDLE pipe, const Deadline& deadline, std::string& line) {
-  std::array<char, 4096> chunk{};
-  while (line.find('\n') == std::string::npos) {
+bool ReadLine(HANDLE pipe, const Deadline& deadline, Secret& line) {
+  std::string chunk(kChunk, '\0');
+  bool whole = false;
+  bool ok = true;
+  while (ok && !whole) {
     DWORD read = 0;
-    const bool ok = Transfer(pipe, deadline, &read, [&](OVERLAPPED* overlapped) {
-      return ReadFile(pipe, chunk.data(), chunk.size(), nullptr, overlapped);
-    });
-    if (!ok || read == 0) {
-      return false;
-    }
-    line.append(chunk.data(), read);
+    ok = Transfer(pipe, deadline, &read,
+                  [&](OVERLAPPED* overlapped) { return ReadFile(pipe, chunk.data(), kChunk, nullptr, overlapped); }) &&
+         read != 0;
+    const std::string_view piece(chunk.data(), read);
+    line.Append(piece);
+    whole = piece.find('\n') != std::string_view::npos;
   }
-  return true;
+  const DWORD error = GetLastError();
+  kiosk::text::Wipe(chunk);
+  SetLastError(error);
+  return whole;
 }
 
 }  // namespace
 
-Answer Ask(const std::string& request, DWORD replyWait) {
+Answer Ask(Secret request, DWORD replyWait) {
   const FileHandle pipe = Open();
   if (!pipe) {
     const DWORD error = GetLastError();
@@ -90,16 +102,17 @@ Answer Ask(const std::string& request, DWORD replyWait) {
     return {Outcome::kImpostor, {}, ERROR_SUCCESS};
   }
   const Deadline deadline(replyWait);
-  const std::string line = request + "\n";
+  request.Append("\n");
+  const std::string& line = request.Get();
   DWORD written = 0;
   const bool sent = Transfer(pipe.Get(), deadline, &written, [&](OVERLAPPED* overlapped) {
     return WriteFile(pipe.Get(), line.data(), static_cast<DWORD>(line.size()), nullptr, overlapped);
   });
-  std::string reply;
+  Secret reply;
   if (!sent || !ReadLine(pipe.Get(), deadline, reply)) {
     return {Outcome::kBroken, {}, GetLastError()};
   }
-  auto parsed = kiosk::json::Parse(reply);
+  auto parsed = kiosk::json::Parse(reply.Get());
   if (!parsed || !parsed->IsObject()) {
     return {Outcome::kBroken, {}, ERROR_INVALID_DATA};
   }

@@ -2,8 +2,7 @@
 #pragma once
 
 #include "json/value.h"
-
-#include <string>
+#include "text/secret.h"
 
 namespace kioskctl {
 
@@ -23,8 +22,12 @@ struct Answer {
 
 // Milliseconds that a reply may take: the service may be waiting for the portal.
 inline constexpr unsigned long kReplyWait = 150'000;
+// And while a pairing is being completed: two calls to the portal, the work of others on the kiosk account, what
+// Windows takes to make an account and a profile; all that twice, when another program asks at the same moment.
+inline constexpr unsigned long kPairWait = 600'000;
 
-// Sends one line and waits for the reply line. The service may learn who calls but not act as the caller.
-Answer Ask(const std::string& request, unsigned long replyWait = kReplyWait);
+// Sends one line, of which no copy is left in memory, and waits for the reply line. The service may learn who calls but
+// not act as the caller.
+Answer Ask(kiosk::text::Secret request, unsigned long replyWait = kReplyWait);
 
 }  // namespace kioskctl

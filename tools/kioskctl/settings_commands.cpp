@@ -88,7 +88,7 @@ std::string DayNames(const Value& days) {
 }
 
 int Send(const Options& /*options*/, const Words& words) {
-  const Answer answer = Ask(words[1]);
+  const Answer answer = Ask(kiosk::text::Secret(words[1]));
   if (answer.outcome != Outcome::kReply) {
     return NoReply(answer);
   }

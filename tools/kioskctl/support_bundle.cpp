@@ -23,7 +23,7 @@ constexpr DWORD kStatusWait = 5'000;
 constexpr std::size_t kLogBudget = std::size_t{20} * 1024 * 1024;
 
 std::string StatusAnswer() {
-  const Answer answer = Ask(R"({"cmd":"status"})", kStatusWait);
+  const Answer answer = Ask(kiosk::text::Secret(R"({"cmd":"status"})"), kStatusWait);
   if (answer.outcome == Outcome::kReply) {
     return kiosk::json::Serialise(answer.reply) + "\n";
   }

@@ -127,7 +127,7 @@ int Follow(const Options& options, Answer answer, const std::string& unlockToken
   }
   progress.End();
   if (!progress.Json()) {
-    Print(UpdatesText(answer.reply));
+    Print(UpdatesText(Shown(answer.reply)));
   }
   return began && !Member(answer.reply, "error").IsNull() ? kServiceError : kDone;
 }
