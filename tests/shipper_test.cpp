@@ -175,7 +175,8 @@ TEST_F(ShipperTest, StatusesDecideWhatBecomesOfALine) {
     ASSERT_EQ(times_.size(), each.most == 0 ? 1U : 2U) << each.status;
     EXPECT_EQ(Count("line " + std::to_string(line++)), each.most == 0 ? 0 : 1) << each.status;
     if (each.most != 0) {
-      EXPECT_NEAR(static_cast<double>(times_[1] - times_[0]), static_cast<double>(each.least + each.most) / 2, 10)
+      // A line may have waited 200 ms for others before it was sent.
+      EXPECT_NEAR(static_cast<double>(times_[1] - times_[0]), static_cast<double>(each.least + each.most) / 2, 250)
           << each.status;
     }
   }
