@@ -320,8 +320,8 @@ SIM(HANDLE, CreateFileW, LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATT
   return file;
 }
 
-// In the spool a write is two changes, so that one can end in the middle. Success is no promise that all was taken: the page
-// has the number written for that, and names a case of its own where it is smaller.
+// In the spool a write is two changes, so that one can end in the middle. Success is no promise that all was taken: the
+// page has the number written for that, and names a case of its own where it is smaller.
 SIM(WINBOOL, WriteFile, HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED overlapped) {
   if (shorten && overlapped == nullptr && PathOf(file).ends_with(shortPath) && shorten.exchange(false)) {
     return ::WriteFile(file, data, std::min(size, shortSize), written, nullptr);

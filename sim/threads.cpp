@@ -27,8 +27,8 @@ NoEvents::~NoEvents() { noEvents = false; }
 
 using namespace sim;
 
-// Windows' pages stand guard where the guarantee begins; Wine's one page is moved there. When a thread begins Wine clears
-// its stack to 960 KB below the top, which a guarantee of more than 60 KB would run into.
+// Windows' pages stand guard where the guarantee begins; Wine's one page is moved there. When a thread begins Wine
+// clears its stack to 960 KB below the top, which a guarantee of more than 60 KB would run into.
 SIM(WINBOOL, SetThreadStackGuarantee, PULONG size) {
   constexpr ULONG_PTR kPage = 4096;
   const ULONG_PTR wanted = (*size + kPage - 1) / kPage * kPage;
@@ -41,8 +41,8 @@ SIM(WINBOOL, SetThreadStackGuarantee, PULONG size) {
   }
   const BOOL done = ::SetThreadStackGuarantee(size);
   DWORD before = 0;
-  return done && (wanted <= *size || VirtualProtect(reinterpret_cast<void*>(low + wanted), kPage,
-                                                    PAGE_READWRITE | PAGE_GUARD, &before));
+  return done && (wanted <= *size ||
+                  VirtualProtect(reinterpret_cast<void*>(low + wanted), kPage, PAGE_READWRITE | PAGE_GUARD, &before));
 }
 
 SIM(HANDLE, CreateEventW, LPSECURITY_ATTRIBUTES security, WINBOOL manual, WINBOOL set, LPCWSTR name) {

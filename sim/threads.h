@@ -15,8 +15,8 @@ class NoEvents {
   ~NoEvents();
 };
 
-// The simulation's own variables of a thread, which the compiler takes from the heap when they are first used. They are used
-// as a thread begins, so that a test can see what the service does while the heap is locked.
+// The simulation's own variables of a thread, which the compiler takes from the heap when they are first used. They are
+// used as a thread begins, so that a test can see what the service does while the heap is locked.
 bool TouchFaults();
 bool TouchLocks();
 

@@ -373,7 +373,10 @@ const bool registered =
          }}) &&
     RegisterComClass(
         {&CLSID_UpdateInstaller,
-         [](REFIID id, void** out) { return Create<Installer, &installerTable.first>(L"installer", id, out); }}) &&
+         [](REFIID id, void** out) {
+           const HRESULT failure = FailureOf(L"installer");
+           return failure != S_OK ? failure : HandOut(new Installer(&installerTable.first), id, out);
+         }}) &&
     RegisterComClass({&CLSID_SystemInformation,
                       [](REFIID id, void** out) { return Create<System, &systemTable>(L"system", id, out); }});
 

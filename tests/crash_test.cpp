@@ -128,7 +128,10 @@ constexpr Fault kFaults[] = {
     {L"--pool-thread", [] { QueueUserWorkItem(OverflowPoolThread, nullptr, 0); }, EXCEPTION_STACK_OVERFLOW, false},
     // With what the reporter would like to use held by the thread that is gone.
     {L"--in-the-heap", FaultInTheHeap, EXCEPTION_ACCESS_VIOLATION, false},
-    {L"--in-the-central-log", [] { log::shipper::HandOff(log::kNotice, log::kKiosk, {static_cast<char*>(nullptr), 9}); },
+    {L"--in-the-central-log",
+     [] {
+       log::shipper::HandOff(log::kNotice, log::kKiosk, {static_cast<char*>(nullptr), 9});
+     },
      EXCEPTION_ACCESS_VIOLATION, false},
 };
 

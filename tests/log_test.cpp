@@ -77,8 +77,12 @@ TEST_F(LogTest, OneMessageIsOneWholeLine) {
   EXPECT_TRUE(std::regex_match(lines[0], std::regex("\\[\\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\] INFO name .*")));
   EXPECT_EQ(LogTexts()[0], "INFO name \"Łódź – Halle 3  [00:00:00.000] ERROR forged        end\"");
   EXPECT_EQ(LogTexts()[1], "INFO 18446744073709551615 -5 7");
-  // Whatever the portal sends: Latin-1, overlong forms, half a surrogate pair, beyond Unicode, and an end that is missing.
-  Log(kNotice, kKiosk, "Stra\xDF" "e %s", "\xC0\x80 \xED\xA0\x80 \xF5\x80\x80\x80 \xC2\n \xE2\x82");
+  // Whatever the portal sends: Latin-1, overlong forms, half a surrogate pair, beyond Unicode, and an end that is
+  // missing.
+  Log(kNotice, kKiosk,
+      "Stra\xDF"
+      "e %s",
+      "\xC0\x80 \xED\xA0\x80 \xF5\x80\x80\x80 \xC2\n \xE2\x82");
   EXPECT_EQ(LogTexts()[2], "INFO Stra?e ?? ??? ???? ?  ??");
   // Cut between characters: stamp, text and terminator share 2048 bytes, which leaves 2032 for the text.
   for (const std::size_t lead : {2029U, 2030U, 2032U}) {

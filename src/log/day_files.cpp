@@ -49,8 +49,8 @@ std::array<WriteLock, kMaxOpenFiles> writeLocks;
 // A write that came onto the disk in part left a file that ends within a line: what is written next begins a new one.
 std::atomic<bool> torn{false};
 
-// Also when its date is the earlier one and the day is new: a thread that took its time before midnight comes late, or the
-// clock is put right across it, and neither is to close all files and begin others twice.
+// Also when its date is the earlier one and the day is new: a thread that took its time before midnight comes late, or
+// the clock is put right across it, and neither is to close all files and begin others twice.
 bool IsCurrentDay(const SYSTEMTIME& now) noexcept {
   const auto current = std::tie(currentYear, currentMonth, currentDay);
   const auto wanted = std::tie(now.wYear, now.wMonth, now.wDay);

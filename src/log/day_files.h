@@ -10,12 +10,13 @@ namespace kiosk::log {
 
 inline constexpr wchar_t kLogRoot[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Logs";
 
-// Makes the folder of the given local day the current one; files of the day before are closed. For a minute after that an
-// earlier date changes nothing. True when another day was replaced (the caller then prunes).
+// Makes the folder of the given local day the current one; files of the day before are closed. For a minute after that
+// an earlier date changes nothing. True when another day was replaced (the caller then prunes).
 bool ChooseDay(const SYSTEMTIME& now) noexcept;
 
-// Appends a whole line (with its newline) to the component's file of the current day, in one write. A file that did not
-// take all of it is opened anew, once, and what a part of the line left there ends first; then the line is dropped silently.
+// Appends a whole line (with its newline) to the component's file of the current day, in one write. When the file does
+// not take all of it, it is opened anew and the line written again, after an end for the part that came onto the disk; a
+// second failure drops the line silently.
 void AppendLine(const char* component, std::string_view line) noexcept;
 
 }  // namespace kiosk::log

@@ -13,8 +13,8 @@ constexpr bool IsSpace(char byte) noexcept { return byte == ' ' || (byte >= '\t'
 // Without leading and trailing white space.
 std::string_view TrimSpace(std::string_view text) noexcept;
 
-// Length of the well-formed UTF-8 sequence that `text`, which is not empty, begins with (RFC 3629: no overlong forms, no
-// surrogates, nothing above U+10FFFF); 0 when there is none.
+// Length of the well-formed UTF-8 sequence that `text`, which is not empty, begins with (RFC 3629: no overlong forms,
+// no surrogates, nothing above U+10FFFF); 0 when there is none.
 std::size_t SequenceLength(std::string_view text) noexcept;
 
 // The longest length of at most `limit` bytes at which `text` can be cut without splitting a UTF-8 sequence. Bytes that

@@ -15,7 +15,7 @@ constexpr std::uint64_t kLongestRetryAfter = 3'600'000;
 constexpr std::wstring_view kPostHeaders = L"Content-Type: application/json\r\n";
 constexpr std::wstring_view kGetHeaders = L"Accept: application/json\r\n";
 
-// Of the 4xx only these are about something else than the request's content.
+// Of the 4xx only these say nothing about the records.
 constexpr DWORD kRetried[] = {408, 429};
 constexpr DWORD kWaitedFor[] = {401, 403, 404, 407, 421, 425, 451};
 

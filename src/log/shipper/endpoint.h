@@ -12,7 +12,7 @@ namespace kiosk::log::shipper {
 enum class Verdict {
   kSent,
   kRetry,    // no answer, 408, 429, 5xx: again soon
-  kWait,     // 401, 403, 404, 407, 421, 425, 451, a redirect: not for what the records hold; somebody or time puts it right
+  kWait,     // 401, 403, 404, 407, 421, 425, 451, a redirect: somebody has to put something right first
   kRefused,  // any other 4xx: never again as it is
 };
 
