@@ -35,9 +35,9 @@ constexpr VARIANT_BOOL Flag(DWORD value) { return value != 0 ? VARIANT_TRUE : VA
 std::atomic<int> liveOperations{0};
 
 using SearchOutcome = Object<ISearchResult, Outcome>;
-ISearchResultVtbl searchResultTable = {
-    COM_BASICS(SearchOutcome), .get_ResultCode = COM_GET(SearchOutcome::Of(self).code),
-    .get_Updates = COM_GET(NewCollection(SearchOutcome::Of(self).updates))};
+ISearchResultVtbl searchResultTable = {COM_BASICS(SearchOutcome),
+                                       .get_ResultCode = COM_GET(SearchOutcome::Of(self).code),
+                                       .get_Updates = COM_GET(NewCollection(SearchOutcome::Of(self).updates))};
 using OneDownload = Object<IUpdateDownloadResult, Outcome>;
 IUpdateDownloadResultVtbl oneDownloadTable = {COM_BASICS(OneDownload),
                                               .get_HResult = COM_GET(OneDownload::Of(self).failure),
@@ -356,29 +356,20 @@ using System = Object<ISystemInformation, Stateless, IID_ISystemInformation>;
 ISystemInformationVtbl systemTable = {COM_BASICS(System),
                                       .get_RebootRequired = COM_GET(Flag(Setting(L"RebootRequired")))};
 
-template <typename Made, auto* table>
-HRESULT Create(const wchar_t* stage, REFIID id, void** out) {
+// Hands an object out unless its stage is to fail.
+template <typename Hand>
+HRESULT Unless(const wchar_t* stage, Hand hand) {
   const HRESULT failure = FailureOf(stage);
-  return failure != S_OK ? failure : HandOut(new Made(table), id, out);
+  return failure != S_OK ? failure : hand();
 }
 
+#define CREATES(stage, expression) [](REFIID id, void** out) { return Unless(stage, [&] { return expression; }); }
 const bool registered =
-    RegisterComClass({&CLSID_UpdateSession,
-                      [](REFIID id, void** out) { return Create<Session, &sessionTable>(L"session", id, out); }}) &&
+    RegisterComClass({&CLSID_UpdateSession, CREATES(L"session", HandOut(new Session(&sessionTable), id, out))}) &&
+    RegisterComClass({&kCollectionClass, CREATES(L"collection", CreateCollection(id, out))}) &&
     RegisterComClass(
-        {&kCollectionClass,
-         [](REFIID id, void** out) {
-           const HRESULT failure = FailureOf(L"collection");
-           return failure != S_OK ? failure : CreateCollection(id, out);
-         }}) &&
-    RegisterComClass(
-        {&CLSID_UpdateInstaller,
-         [](REFIID id, void** out) {
-           const HRESULT failure = FailureOf(L"installer");
-           return failure != S_OK ? failure : HandOut(new Installer(&installerTable.first), id, out);
-         }}) &&
-    RegisterComClass({&CLSID_SystemInformation,
-                      [](REFIID id, void** out) { return Create<System, &systemTable>(L"system", id, out); }});
+        {&CLSID_UpdateInstaller, CREATES(L"installer", HandOut(new Installer(&installerTable.first), id, out))}) &&
+    RegisterComClass({&CLSID_SystemInformation, CREATES(L"system", HandOut(new System(&systemTable), id, out))});
 
 }  // namespace
 
