@@ -40,9 +40,9 @@ SIM(WINBOOL, SetThreadStackGuarantee, PULONG size) {
     return FALSE;
   }
   const BOOL done = ::SetThreadStackGuarantee(size);
+  auto* const guard = reinterpret_cast<void*>(low + wanted);  // NOLINT(performance-no-int-to-ptr): told as numbers
   DWORD before = 0;
-  return done && (wanted <= *size ||
-                  VirtualProtect(reinterpret_cast<void*>(low + wanted), kPage, PAGE_READWRITE | PAGE_GUARD, &before));
+  return done && (wanted <= *size || VirtualProtect(guard, kPage, PAGE_READWRITE | PAGE_GUARD, &before));
 }
 
 SIM(HANDLE, CreateEventW, LPSECURITY_ATTRIBUTES security, WINBOOL manual, WINBOOL set, LPCWSTR name) {
