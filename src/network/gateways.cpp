@@ -186,6 +186,7 @@ bool SetGatewaysBesideDhcp(const std::wstring& name, std::uint64_t luid, const s
   }
   if (kept != before) {
     std::vector<std::wstring> texts;
+    texts.reserve(kept.size());
     for (const Address gateway : kept) {
       texts.push_back(win32::ToWide(AddressText(gateway)));
     }

@@ -14,7 +14,7 @@
 namespace kiosk::network {
 namespace {
 
-constexpr std::uint64_t kTrial = 5 * 60'000;
+constexpr std::uint64_t kTrial = 300'000;
 constexpr std::uint64_t kUnitsInMillisecond = 10'000;
 constexpr int kProxyWantsAuthentication = 407;
 
