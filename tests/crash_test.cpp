@@ -104,6 +104,7 @@ DWORD WINAPI OverflowPoolThread(void* /*context*/) noexcept {
   return 0;
 }
 
+// NOLINTNEXTLINE(clang-analyzer-core.NullDereference): that is what it is for
 void TouchNothing() noexcept { *static_cast<volatile int*>(nullptr) = 1; }
 
 void FaultInTheHeap() noexcept {
@@ -151,6 +152,7 @@ TEST(CrashProcesses, EveryFaultLeavesItsLine) {
     const std::string name = win32::ToNarrow(fault.name);
     test::ResetComputer();
     test::SetString(log::kSettingsKey, L"LogEndpoint", L"https://127.0.0.1:9/gelf");
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the runtime gives the handle as a number
     const win32::KernelHandle child(reinterpret_cast<HANDLE>(
         _wspawnl(_P_NOWAIT, self, L"test", L"--gtest_filter=CrashProcesses.*", fault.name, nullptr)));
     char line[64];

@@ -43,7 +43,7 @@ using SharedPtr = std::shared_ptr<Shared>;
 // Runs on any thread, on the calling one too, inside the call that began the operation or closed the request.
 void CALLBACK OnStatus(HINTERNET /*request*/, DWORD_PTR context, DWORD status, void* information,
                        DWORD size) noexcept {
-  auto* const theirs = reinterpret_cast<SharedPtr*>(context);
+  auto* const theirs = reinterpret_cast<SharedPtr*>(context);  // NOLINT(performance-no-int-to-ptr): it is one
   if (theirs == nullptr) {
     return;
   }
