@@ -53,8 +53,12 @@ const std::string kScript("\x18\0\0\0\7\0\0\0\5\0\0\0\0\0\0\0\0\0\0\0\6\0\0\0htt
 const std::string kScriptAndProxy("\x18\0\0\0\7\0\0\0\7\0\0\0\5\0\0\0o.t:1\0\0\0\0\6\0\0\0http:/", 35);
 void Keep(const std::string& bytes) { test::SetRaw(kConnections, kSettings, REG_BINARY, bytes.data(), bytes.size()); }
 
+// As on a fresh Windows, without what the case before left.
+void ForgetSetting() { RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kConnections, kSettings); }
+
 void MakeMachine() {
   RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane");
+  ForgetSetting();
   state::ProtectStateKey();
   SetOwners(L"owner.test:3128", L"a.test");
 }
@@ -70,7 +74,7 @@ class ProxyTest : public test::CleanMachine {
     CleanMachine::SetUp();
     MakeMachine();
   }
-  void TearDown() override { SetOwners(L""); }
+  void TearDown() override { ForgetSetting(); }
 };
 
 TEST_F(ProxyTest, EachModeIsAppliedAndEchoed) {
@@ -167,6 +171,7 @@ TEST(ProxyFaults, OwnersSettingSurvivesThemAll) {
     EXPECT_FALSE(Recorded());
   };
   sim::RunFaultScenario({.name = L"proxy", .prepare = prepare, .run = run, .later = later});
+  ForgetSetting();
 }
 
 }  // namespace
