@@ -315,6 +315,7 @@ TEST(MaintenanceFaults, AnAttemptThatIsCutShortCounts) {
     return sim::Response{.body = R"({"status":"enrolled","exitPassword":"Way out"})"};
   });
   const auto prepare = [] {
+    test::ResetComputer();
     test::MakeKioskTerminal();
     SetDword(state::kStateKey, L"MaintenanceFailures", 4);
   };
@@ -340,6 +341,7 @@ TEST(MaintenanceFaults, AStartOfWindowsEndsEveryHalf) {
   };
   for (const bool ending : {false, true}) {
     const auto prepare = [&] {
+      test::ResetComputer();
       test::MakeKioskTerminal();
       const std::wstring secret = L"secret";
       sim::SetSecret(L"DefaultPassword", secret);
