@@ -84,9 +84,6 @@ class Stage:
 
     def ask(self):
         code, out, err = self.terminal.run("kioskctl.exe", "--json", "status")
-        if not out:  # Wine loses a process once in some thousand starts; whatever it was is shown
-            self.show(f"   kioskctl ended with {code} and no answer {err}; asked once more")
-            code, out, err = self.terminal.run("kioskctl.exe", "--json", "status")
         if not out:
             raise Failure(f"kioskctl gives no answer (exit code {code}): {err}")
         return json.loads(out)
