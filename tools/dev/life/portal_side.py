@@ -42,18 +42,19 @@ def the_branding_arrives(stage):
     stage.check(len(names) == 1 + len(PHOTOS), "there is nothing else in the folder", names)
 
 
-def all_lines_are_at_the_portal(stage):
+def newest_lines_are_at_the_portal(stage, count):
     """Returns the name under which the terminal is known there."""
     host = next(line for line in stage.terminal.log() if " host=" in line).rsplit("host=", 1)[1]
     local = [line.split(" ", 1)[1] for line in stage.terminal.log() if " central log: " not in line]
-    stage.check_soon(lambda: set(local[-100:]) <= {line["message"] for line in stage.portal.log_lines(host)},
-                     f"the last {len(local[-100:])} lines of {host} are on the portal's page", 20)
+    newest = local[-count:]
+    stage.check_soon(lambda: set(newest) <= {line["message"] for line in stage.portal.log_lines(host)},
+                     f"the last {len(newest)} lines of {host} are on the portal's page", 20)
     return host
 
 
 def log_lines_reach_the_portal(stage):
     """The log reaches the portal too, over HTTPS, from before and after the service was killed."""
-    host = all_lines_are_at_the_portal(stage)
+    host = newest_lines_are_at_the_portal(stage, 100)
     warnings = stage.portal.log_lines(host, level=4)
     stage.check(0 < len(warnings) < len(stage.portal.log_lines(host)) and {line["level"] for line in warnings} <= {3, 4},
                 "where they can be looked through by their level", warnings)
@@ -64,7 +65,7 @@ def a_killed_service_goes_on(stage):
     terminal = stage.terminal
     before = stage.ask()
     seen = check_ins(stage)
-    all_lines_are_at_the_portal(stage)  # what it has not sent yet a killed process takes along
+    newest_lines_are_at_the_portal(stage, 10)  # what it has not sent yet a killed process takes along
     os.kill(terminal.service_process(), signal.SIGKILL)
     stage.check(terminal.log_bytes().endswith(b"\n"), "the log ends in a whole line")
     wait_for(lambda: terminal.service_process() is None, "the killed service to be gone")
