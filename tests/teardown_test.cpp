@@ -229,7 +229,7 @@ TEST_F(TeardownTest, AMarkBesideATokenIsAnInterruptedOne) {
 TEST_F(TeardownTest, ProfilesOfEarlierAccountsAreTriedAtStartEachHourAndAtTheEnd) {
   // Of an account that is gone, and with a hive in the hands of another program.
   const auto leave = [] {
-    const std::wstring sid = RecordAccount();
+    std::wstring sid = RecordAccount();
     EXPECT_EQ(sim::LoadHive(L"Scanner", sim::ProfileFolder(sid) + L"\\NTUSER.DAT"), DWORD{ERROR_SUCCESS});
     sim::RemoveUser(L"NorvaneKiosk");
     return sid;
