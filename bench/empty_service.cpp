@@ -1,5 +1,5 @@
-// A service that does nothing, built as the product is and with the same system libraries in it: what the product's memory
-// is compared with, so that what remains is the product's own.
+// A service that does nothing, built as the product is and with the same system libraries in it: what the product's
+// memory is compared with, so that what remains is the product's own.
 #include "win32/com.h"
 
 #include <string>
@@ -24,8 +24,8 @@ DWORD WINAPI OnControl(DWORD control, DWORD /*type*/, void* /*data*/, void* /*co
 void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) {
   handle = RegisterServiceCtrlHandlerExW(L"NorvaneEmpty", OnControl, nullptr);
   const kiosk::win32::ComApartment apartment;
-  for (const wchar_t* library : {L"advapi32", L"bcrypt", L"crypt32", L"ole32", L"user32", L"wintrust", L"winhttp",
-                                 L"wtsapi32", L"ws2_32"}) {
+  for (const wchar_t* library :
+       {L"advapi32", L"bcrypt", L"crypt32", L"ole32", L"user32", L"wintrust", L"winhttp", L"wtsapi32", L"ws2_32"}) {
     LoadLibraryW(library);
   }
   Report(SERVICE_RUNNING);

@@ -1,6 +1,6 @@
-// The log call against the basic file sink of spdlog, both with every line written out at once; and the log call with central
-// shipping on against that with it off. Logging begins once in a process, so the program runs itself again for the second,
-// with an endpoint that nobody serves: lines then go to the spool, the dearest case.
+// The log call against the basic file sink of spdlog, both with every line written out at once; and the log call with
+// central shipping on against that with it off. Logging begins once in a process, so the program runs itself again for
+// the second, with an endpoint that nobody serves: lines then go to the spool, the dearest case.
 #define SPDLOG_HEADER_ONLY
 #define SPDLOG_FMT_EXTERNAL
 #define FMT_HEADER_ONLY
@@ -75,8 +75,8 @@ void CompareShipping() {
     off.push_back(MeasureInAnotherProcess(false));
     on.push_back(MeasureInAnotherProcess(true));
   }
-  kiosk::bench::Row("shipping on, 4 threads", kiosk::bench::Median(on), {"shipping off", kiosk::bench::Median(off)}, "us",
-                    kiosk::bench::TimesWorse(1.2));
+  kiosk::bench::Row("shipping on, 4 threads", kiosk::bench::Median(on), {"shipping off", kiosk::bench::Median(off)},
+                    "us", kiosk::bench::TimesWorse(1.2));
 }
 
 }  // namespace
@@ -94,7 +94,8 @@ int main(int count, char**) {
         9, 1,
         {[threads] { OnThreads(threads, OurLine); },
          [threads, &peer] {
-           OnThreads(threads, [&peer](int number) { peer->info("check-in {} of {} answered {}", number, "Hall 3", 200); });
+           OnThreads(threads,
+                     [&peer](int number) { peer->info("check-in {} of {} answered {}", number, "Hall 3", 200); });
          }});
     const double lines = static_cast<double>(threads) * kLinesPerThread;
     const std::string name = "log line, " + std::to_string(threads) + (threads == 1 ? " thread" : " threads");

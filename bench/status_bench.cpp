@@ -26,8 +26,8 @@ constexpr std::string_view kRequest = "{\"cmd\":\"status\"}\n";
 // What any pipe server does at the least for one connection.
 void ServeEcho() {
   while (true) {
-    const FileHandle pipe(CreateNamedPipeW(kEchoPipe, PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, PIPE_UNLIMITED_INSTANCES, 8192,
-                                           8192, 0, nullptr));
+    const FileHandle pipe(CreateNamedPipeW(kEchoPipe, PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, PIPE_UNLIMITED_INSTANCES,
+                                           8192, 8192, 0, nullptr));
     if (ConnectNamedPipe(pipe.Get(), nullptr) == 0 && GetLastError() != ERROR_PIPE_CONNECTED) {
       continue;
     }
@@ -66,14 +66,15 @@ void RequireRoundTrip(const wchar_t* name) {
 }
 
 void Measure(const wchar_t* signedFile) {
-  const auto times = kiosk::bench::MedianTimes(15, 40, {[] { RequireRoundTrip(kiosk::pipe::kPipeName); },
-                                                        [] { RequireRoundTrip(kEchoPipe); }});
+  const auto times = kiosk::bench::MedianTimes(
+      15, 40, {[] { RequireRoundTrip(kiosk::pipe::kPipeName); }, [] { RequireRoundTrip(kEchoPipe); }});
   kiosk::bench::Row("status over the pipe", times[0], {"echo pipe", times[1]}, "us", kiosk::bench::TimesWorse(4));
   bool trusted = false;
-  const auto check = kiosk::bench::MedianTimes(9, 5, {[signedFile, &trusted] {
-                                                 const FileHandle image = kiosk::pipe::HoldImage(signedFile);
-                                                 trusted = image && kiosk::pipe::TrustedPublisherOfFile(signedFile, image.Get());
-                                               }});
+  const auto check =
+      kiosk::bench::MedianTimes(9, 5, {[signedFile, &trusted] {
+                                  const FileHandle image = kiosk::pipe::HoldImage(signedFile);
+                                  trusted = image && kiosk::pipe::TrustedPublisherOfFile(signedFile, image.Get());
+                                }});
   std::printf("%-28s      %10.2f us  (%s)\n", "check of a caller's signature", check[0],
               trusted ? "a validly signed file" : "the file is NOT validly signed");
 }

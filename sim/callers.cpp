@@ -15,8 +15,8 @@ struct Identity {
   bool interactive;
 };
 
-// Whom this thread stood for last, and the token that it opened of that client. Without destructors: those of thread-local
-// objects do not run safely on threads that the C++ library did not start.
+// Whom this thread stood for last, and the token that it opened of that client. Without destructors: those of
+// thread-local objects do not run safely on threads that the C++ library did not start.
 thread_local Identity impersonated{};
 thread_local HANDLE tokenOpened = nullptr;
 

@@ -14,16 +14,15 @@ namespace sim {
 DWORD RestartComputer();
 
 // Accounts, groups, secrets, profiles, hives, power schemes, scheduled tasks, default proxy, network adapters and the
-// keys (below HKLM, with all that is below them) as text, a line for each thing, sorted: equal for equal computers. Leaves out what the service may keep, its
-// state and its logs, and when somebody signed in last.
+// keys (below HKLM, with all that is below them) as text, a line for each thing, sorted: equal for equal computers.
+// Leaves out what the service may keep, its state and its logs, and when somebody signed in last.
 std::string DumpMachine();
 std::string DumpMachine(const std::vector<std::wstring>& keys);
 
 // "signin NAME [SESSION]", "signout SESSION", "restart", "user NAME [PASSWORD]", "stubborn SESSION MILLISECONDS",
-// "caller NAME [SESSION]" (whom the pipe takes its clients for; without a name: for who they are), "due DAY HH:MM" (runs
-// the scheduled tasks of that time; day 0 is Sunday). Returns what the function returns, or 0.
-// "update TITLE" (one more is offered), "agent NUMBER SETTING" (see sim/windows_update.h).
-// Returns what the function returns, or 0.
+// "caller NAME [SESSION]" (whom the pipe takes its clients for; without a name: for who they are), "due DAY HH:MM"
+// (runs the scheduled tasks of that time; day 0 is Sunday). Returns what the function returns, or 0. "update TITLE"
+// (one more is offered), "agent NUMBER SETTING" (see sim/windows_update.h). Returns what the function returns, or 0.
 DWORD RunMachineCommand(const std::wstring& command);
 
 }  // namespace sim

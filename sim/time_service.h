@@ -11,7 +11,8 @@
 // to the clock's rate otherwise, as "Windows Time service tools and settings" has it. "Empty" (a count): attempts that
 // get no sample; W32TimeSyncNow does not tell.
 //
-// Area "Hosts\\<name>": "Address" (text) and "Port", in place of the port that was asked for. Other names are not found.
+// Area "Hosts\\<name>": "Address" (text) and "Port", in place of the port that was asked for. Other names are not
+// found.
 #pragma once
 
 #include "win32/winapi.h"

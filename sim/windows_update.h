@@ -28,8 +28,8 @@ struct OfferedUpdate {
   bool noBehaviour = false;   // it has no installation behaviour
   bool feature = false;       // without a commit before the restart it is not installed
   DWORD downloadFailure = 0;  // the HRESULT of its download
-  DWORD failure = 0;       // the HRESULT of its installation
-  DWORD termsFailure = 0;  // the HRESULT of accepting its terms
+  DWORD failure = 0;          // the HRESULT of its installation
+  DWORD termsFailure = 0;     // the HRESULT of accepting its terms
 };
 
 // Offers one more update and returns its id.

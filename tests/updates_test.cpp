@@ -119,8 +119,9 @@ TEST_F(UpdatesTest, AnUpdateThatInstallsAloneComesInAPassOfItsOwn) {
   EXPECT_EQ(result.error, "install_failed 0x80240022");
   EXPECT_EQ(progress, (std::vector<int>{74, 99, 99, 99}));
   EXPECT_NE(during.find(R"("installing":true,"progress":99,)"), std::string::npos) << during;
-  EXPECT_EQ(sim::AgentWork().substr(36), "searched 4\ndownloaded 2\ninstalled 2\ndownloaded 1\ninstalled 1\ndownloaded 1\n"
-                                         "installed 1\n");
+  EXPECT_EQ(sim::AgentWork().substr(36),
+            "searched 4\ndownloaded 2\ninstalled 2\ndownloaded 1\ninstalled 1\ndownloaded 1\n"
+            "installed 1\n");
   EXPECT_EQ(test::LogTexts().back(), "INFO os updates: installed; 1 still pending");
 
   // Nothing on top of what waits for a restart, or when the window has closed meanwhile.
@@ -259,8 +260,7 @@ TEST_F(UpdatesTest, CallbacksOutliveTheRunAndBelongToNoApartment) {
 
 TEST_F(UpdatesTest, TheReport) {
   // Of a run before Windows started, ten minutes ago.
-  SetString(state::kStateKey, L"OsUpdatesReport",
-            LR"({"lastRunAt":"2026-11-21T08:49:59Z","restartRequired":true})");
+  SetString(state::kStateKey, L"OsUpdatesReport", LR"({"lastRunAt":"2026-11-21T08:49:59Z","restartRequired":true})");
   RememberOwedRestart();
   EXPECT_NE(Status().find(R"("restartRequired":false)"), std::string::npos);
   SetString(state::kStateKey, L"OsUpdatesReport", L"{\"pending\":1e999}");

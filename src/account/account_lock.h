@@ -1,5 +1,5 @@
-// What keeps two that change the kiosk account, its sign-in or its lockdown from meeting: one lock among the threads of a
-// process, one named mutex among processes (an uninstall runs beside the service until that has stopped).
+// What keeps two that change the kiosk account, its sign-in or its lockdown from meeting: one lock among the threads of
+// a process, one named mutex among processes (an uninstall runs beside the service until that has stopped).
 #pragma once
 
 #include "win32/handle.h"
@@ -11,9 +11,10 @@ namespace kiosk::account {
 // storing of a device token. Not recursive.
 win32::Lock& AccountLock() noexcept;
 
-// Surrounds teardown and provisioning; taken by a thread that holds the account lock already, never before it. Waits up to
-// 20 s, and not beyond a stop, for another process to finish. A mutex that cannot be had in that time (or at all: another
-// program may sit on its name) is logged and then does without: nobody may keep a revoked terminal in kiosk mode that way.
+// Surrounds teardown and provisioning; taken by a thread that holds the account lock already, never before it. Waits up
+// to 20 s, and not beyond a stop, for another process to finish. A mutex that cannot be had in that time (or at all:
+// another program may sit on its name) is logged and then does without: nobody may keep a revoked terminal in kiosk
+// mode that way.
 class CrossProcessGuard {
  public:
   CrossProcessGuard() noexcept;

@@ -7,16 +7,16 @@
 
 namespace kiosk::account {
 
-// True while what was learnt with `tokenUsed` still counts: the stored token equals it and no teardown is marked. An empty
-// token never does. Whoever applies an answer of the portal asks this under the lock of what it changes, and once more
-// under the account lock before the account is touched.
+// True while what was learnt with `tokenUsed` still counts: the stored token equals it and no teardown is marked. An
+// empty token never does. Whoever applies an answer of the portal asks this under the lock of what it changes, and once
+// more under the account lock before the account is touched.
 bool StillEnrolled(const std::string& tokenUsed);
 
 // A token is stored and no teardown is marked: for what concerns the terminal as it is now, whoever enrolled it.
 bool IsEnrolled();
 
-// Guards the values that answers of the portal write ("UnknownSince", "SignIn", "TerminalName"); a leaf. A teardown takes
-// it once between its mark and its first deletion, so that no answer is written behind its back.
+// Guards the values that answers of the portal write ("UnknownSince", "SignIn", "TerminalName"); a leaf. A teardown
+// takes it once between its mark and its first deletion, so that no answer is written behind its back.
 win32::Lock& ReplyLock() noexcept;
 
 }  // namespace kiosk::account

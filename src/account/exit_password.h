@@ -1,16 +1,16 @@
-// The exit password: set in the portal, asked of the person at the terminal, and judged with what the portal says at that
-// very moment. Maintenance and the unlock of the terminal settings stand behind it.
+// The exit password: set in the portal, asked of the person at the terminal, and judged with what the portal says at
+// that very moment. Maintenance and the unlock of the terminal settings stand behind it.
 #pragma once
 
 #include <string>
 
 namespace kiosk::account {
 
-// Empty when `password` is the exit password; white space around it and letter case do not matter. Otherwise "locked" (five
-// attempts without the right one shut the check for 300 s), "busy" (another check is running), "not_enrolled",
+// Empty when `password` is the exit password; white space around it and letter case do not matter. Otherwise "locked"
+// (five attempts without the right one shut the check for 300 s), "busy" (another check is running), "not_enrolled",
 // "not_provisioned", "unreachable" or "wrong_password". Every attempt but "locked" and "busy" counts until a right one,
-// whatever becomes of it. Asks the portal, so it may take a minute, and a terminal that turns out to be revoked is torn down
-// on the way: to be called without any lock.
+// whatever becomes of it. Asks the portal, so it may take a minute, and a terminal that turns out to be revoked is torn
+// down on the way: to be called without any lock.
 std::string VerifyExitPassword(const std::string& password);
 
 }  // namespace kiosk::account

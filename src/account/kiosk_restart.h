@@ -22,8 +22,8 @@ void CallOffRestartAfterMaintenance() noexcept;
 void CancelKioskRestart() noexcept;
 
 // Restarts the computer now, with applications forced closed, if a restart is pending; does nothing otherwise.
-// A failure is logged and ends it, but for a Windows that is not ready: then it stays pending, and is tried three times in
-// all, 5 s apart. `reason` goes into the log.
+// A failure is logged and ends it, but for a Windows that is not ready: then it stays pending, and is tried three times
+// in all, 5 s apart. `reason` goes into the log.
 void RestartNow(const char* reason);
 
 }  // namespace kiosk::account

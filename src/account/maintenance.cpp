@@ -2,8 +2,8 @@
 
 #include "account/account_lock.h"
 #include "account/auto_logon.h"
-#include "account/enrolment.h"
 #include "account/auto_logon_owner.h"
+#include "account/enrolment.h"
 #include "account/exit_password.h"
 #include "account/kiosk_account.h"
 #include "account/kiosk_restart.h"
@@ -25,9 +25,8 @@
 namespace kiosk::account {
 namespace {
 
-
-// Sessions of people other than the kiosk account that were there during this maintenance. The control handler, connection
-// threads and the start come here.
+// Sessions of people other than the kiosk account that were there during this maintenance. The control handler,
+// connection threads and the start come here.
 win32::Lock sessionsLock{win32::LockRank::kLeaf};
 
 // The caller holds sessionsLock. Never destroyed: threads may outlive main.

@@ -10,9 +10,9 @@
 namespace kiosk::account {
 
 // The command "maintenance". `unlockToken` of the caller's own session opens it without a password; otherwise the exit
-// password does. Reply: {"ok": true}, with the sign-out of the kiosk account left in `afterReply`, or an error with a code of
-// VerifyExitPassword or "not_unlocked" (a token that is not valid, and no password). Ends the unlock of the terminal
-// settings. Called without any lock; takes the account lock.
+// password does. Reply: {"ok": true}, with the sign-out of the kiosk account left in `afterReply`, or an error with a
+// code of VerifyExitPassword or "not_unlocked" (a token that is not valid, and no password). Ends the unlock of the
+// terminal settings. Called without any lock; takes the account lock.
 json::Value EnterMaintenance(const std::string& password, const std::string& unlockToken, DWORD session,
                              json::PostReplyAction& afterReply);
 

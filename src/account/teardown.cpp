@@ -136,7 +136,8 @@ void TearDown(bool deleteStateKey, const char* reason) {
   const bool deleteKey = deleteStateKey && removed && networkWhole;
   DeleteStaleProfiles(deleteKey);
   if (!EraseEnrolment()) {
-    log::Log(log::kError, log::kKiosk, "cannot delete the device token; removing kiosk mode again at the next check-in");
+    log::Log(log::kError, log::kKiosk,
+             "cannot delete the device token; removing kiosk mode again at the next check-in");
     return;
   }
   if (!removed) {

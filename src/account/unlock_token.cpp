@@ -20,8 +20,8 @@ struct Unlocked {
   std::uint64_t expiry = 0;  // tick count
 };
 
-// Connection threads and the control handler come here. In place and without a destructor: nothing of a token is left on
-// the heap.
+// Connection threads and the control handler come here. In place and without a destructor: nothing of a token is left
+// on the heap.
 win32::Lock unlockLock{win32::LockRank::kLeaf};
 Unlocked unlocked;  // guarded by unlockLock
 

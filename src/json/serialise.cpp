@@ -131,8 +131,8 @@ void AppendValue(std::string& out, const Value& value) {
   }
 }
 
-// Room for the text of a value unless it holds many escapes: one allocation then serves, and no outgrown copy of a secret
-// stays behind in memory.
+// Room for the text of a value unless it holds many escapes: one allocation then serves, and no outgrown copy of a
+// secret stays behind in memory.
 std::size_t RoughSize(const Value& value) {
   constexpr std::size_t kScalar = 12;
   std::size_t size = kScalar;

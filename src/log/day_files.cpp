@@ -35,15 +35,15 @@ struct OpenFile {
 win32::Lock lock{win32::LockRank::kLog};
 std::array<OpenFile, kMaxOpenFiles> openFiles;
 std::size_t openCount = 0;
-WORD currentYear = 0;  // 0: no day chosen yet
+WORD currentYear = 0;        // 0: no day chosen yet
 std::uint64_t chosenAt = 0;  // tick count
 WORD currentMonth = 0;
 WORD currentDay = 0;
 std::array<wchar_t, 96> dayFolder;
 std::array<wchar_t, 8> dayStamp;
 
-// One for each place in the table, for whole lines while `lock` is shared: not every file system finds the end of the file
-// and writes there in one step.
+// One for each place in the table, for whole lines while `lock` is shared: not every file system finds the end of the
+// file and writes there in one step.
 std::array<WriteLock, kMaxOpenFiles> writeLocks;
 
 // A write that came onto the disk in part left a file that ends within a line: what is written next begins a new one.
@@ -68,8 +68,8 @@ OpenFile* Find(const char* component) noexcept {
 
 bool WriteWhole(HANDLE file, std::string_view line) noexcept {
   DWORD written = 0;
-  const bool whole = WriteFile(file, line.data(), static_cast<DWORD>(line.size()), &written, nullptr) != 0 &&
-                     written == line.size();
+  const bool whole =
+      WriteFile(file, line.data(), static_cast<DWORD>(line.size()), &written, nullptr) != 0 && written == line.size();
   if (!whole && written != 0) {
     torn = true;
   }
@@ -113,10 +113,10 @@ FileHandle OpenComponentFile(const char* component) noexcept {
     return {};
   }
   std::array<wchar_t, 192> path;
-  static_cast<void>(std::swprintf(path.data(), path.size(), L"%ls\\%ls_%ls.log", dayFolder.data(), name.data(), dayStamp.data()));
+  static_cast<void>(
+      std::swprintf(path.data(), path.size(), L"%ls\\%ls_%ls.log", dayFolder.data(), name.data(), dayStamp.data()));
   FileHandle file = OpenForAppend(path.data());
-  if (!file && GetLastError() == ERROR_PATH_NOT_FOUND &&
-      SecureDayFolder()) {
+  if (!file && GetLastError() == ERROR_PATH_NOT_FOUND && SecureDayFolder()) {
     file = OpenForAppend(path.data());
   }
   if (file && !IsPlainFile(file.Get())) {
@@ -156,8 +156,10 @@ bool ChooseDay(const SYSTEMTIME& now) noexcept {
   currentYear = now.wYear;
   currentMonth = now.wMonth;
   currentDay = now.wDay;
-  static_cast<void>(std::swprintf(dayFolder.data(), dayFolder.size(), L"%ls\\%04d-%02d-%02d", kLogRoot, now.wYear, now.wMonth, now.wDay));
-  static_cast<void>(std::swprintf(dayStamp.data(), dayStamp.size(), L"%02d%02d%02d", now.wHour, now.wMinute, now.wSecond));
+  static_cast<void>(std::swprintf(dayFolder.data(), dayFolder.size(), L"%ls\\%04d-%02d-%02d", kLogRoot, now.wYear,
+                                  now.wMonth, now.wDay));
+  static_cast<void>(
+      std::swprintf(dayStamp.data(), dayStamp.size(), L"%02d%02d%02d", now.wHour, now.wMinute, now.wSecond));
   // A folder that cannot be made shows again when a file in it is opened.
   static_cast<void>(SecureDayFolder());
   return replaced;

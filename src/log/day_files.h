@@ -15,8 +15,8 @@ inline constexpr wchar_t kLogRoot[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Logs"
 bool ChooseDay(const SYSTEMTIME& now) noexcept;
 
 // Appends a whole line (with its newline) to the component's file of the current day, in one write. When the file does
-// not take all of it, it is opened anew and the line written again, after an end for the part that came onto the disk; a
-// second failure drops the line silently.
+// not take all of it, it is opened anew and the line written again, after an end for the part that came onto the disk;
+// a second failure drops the line silently.
 void AppendLine(const char* component, std::string_view line) noexcept;
 
 }  // namespace kiosk::log

@@ -92,8 +92,7 @@ bool DeleteClosedFile(const std::wstring& path) {
   const win32::FileHandle file(
       CreateFileW(path.c_str(), DELETE, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
   FILE_DISPOSITION_INFO disposition{TRUE};
-  return file &&
-         SetFileInformationByHandle(file.Get(), FileDispositionInfo, &disposition, sizeof(disposition)) != 0;
+  return file && SetFileInformationByHandle(file.Get(), FileDispositionInfo, &disposition, sizeof(disposition)) != 0;
 }
 
 void DeleteOldest(std::vector<LogFile>& files, std::uint64_t cap) {

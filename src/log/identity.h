@@ -17,8 +17,8 @@ struct Identity {
 // Reads all but `install`.
 Identity ReadIdentity();
 
-// The identifier in `<root>\client_uuid.txt`, made anew (a random UUID) when it is missing or damaged. Empty when it can
-// be neither read nor written.
+// The identifier in `<root>\client_uuid.txt`, made anew (a random UUID) when it is missing or damaged. Empty when it
+// can be neither read nor written.
 std::string LoadOrCreateInstallId(const wchar_t* root);
 
 }  // namespace kiosk::log

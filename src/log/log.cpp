@@ -36,8 +36,8 @@ struct LogFolder {
   win32::ForeignFolder foreign;
 };
 
-// The tree, outermost first, so that each folder is made inside one that is already secured. The outer two are shared with
-// other programs of the maker, whose content stays.
+// The tree, outermost first, so that each folder is made inside one that is already secured. The outer two are shared
+// with other programs of the maker, whose content stays.
 constexpr LogFolder kFolders[] = {
     {L"C:\\ProgramData\\Norvane", win32::ForeignFolder::kTakeOver},
     {L"C:\\ProgramData\\Norvane\\Tessaly", win32::ForeignFolder::kTakeOver},
@@ -74,8 +74,7 @@ Unsecured SecureLogTree() noexcept {
   CreateDirectoryW(L"C:\\ProgramData", nullptr);
   std::array<win32::FileHandle, std::size(kFolders)> held;
   for (std::size_t i = 0; i < held.size(); ++i) {
-    win32::FolderResult result =
-        win32::SecureFolder(kFolders[i].path, win32::kPrivateFolderSddl, kFolders[i].foreign);
+    win32::FolderResult result = win32::SecureFolder(kFolders[i].path, win32::kPrivateFolderSddl, kFolders[i].foreign);
     if (!result) {
       return {kFolders[i].path, result.error};
     }
@@ -195,7 +194,7 @@ const char* Label(int level) noexcept {
 // One line on its way, on the stack of the thread that logs.
 struct Line {
   std::array<char, kTextSize> text;
-  std::size_t stamp = 0;  // length of the time stamp at the front
+  std::size_t stamp = 0;   // length of the time stamp at the front
   std::size_t length = 0;  // of the message behind it
   int level = 0;
 
@@ -288,8 +287,8 @@ void StartBanner(const char* component) {
   EnsureReady();
   Log(kNotice, component, "%s v%s starting", component, kVersion);
   if (identity != nullptr) {
-    Log(kNotice, component, "machine=%s tenant=%s site=%s host=%s", identity->machine.c_str(),
-        identity->tenant.c_str(), identity->site.c_str(), identity->host.c_str());
+    Log(kNotice, component, "machine=%s tenant=%s site=%s host=%s", identity->machine.c_str(), identity->tenant.c_str(),
+        identity->site.c_str(), identity->host.c_str());
   }
   Log(kNotice, component, "Central logging: %s | local files: %s", central ? "on" : "off", localFiles ? "on" : "off");
   if (unsecuredAtStart.folder != nullptr) {

@@ -1,8 +1,8 @@
 // The one log call of the program, and the banners around a run.
 //
 // Any thread may log at any time, while it holds any lock but the log's own; the first call initialises logging. A call
-// never fails its caller, allocates nothing (save when a file is opened) and makes one whole line of its message whatever
-// bytes the message holds.
+// never fails its caller, allocates nothing (save when a file is opened) and makes one whole line of its message
+// whatever bytes the message holds.
 #pragma once
 
 #include "version.h"
@@ -40,8 +40,8 @@ void StartBanner(const char* component);
 // Writes that the program is shutting down and stops central shipping (at most 2 s).
 void StopBanner(const char* component);
 
-// Ends central shipping without a word (at most 2 s): unsent lines go to the spool, later ones to local files alone. For the
-// end of a process that wrote no banner; does nothing a second time, or when nobody logged.
+// Ends central shipping without a word (at most 2 s): unsent lines go to the spool, later ones to local files alone.
+// For the end of a process that wrote no banner; does nothing a second time, or when nobody logged.
 void CloseCentral();
 
 // Ends the process at once with `exitCode`, without running anything of a caller or of a library on the way.

@@ -8,9 +8,9 @@
 
 namespace kiosk::pipe {
 
-// Serves the client of a connected instance, closes it, and then does what the command left to be done after its reply. The
-// body of the connection's own thread. `connectedAt` is the system time, in 100 ns units since 1601, at which the client was
-// there; `place` its place among those who are not verified yet.
+// Serves the client of a connected instance, closes it, and then does what the command left to be done after its reply.
+// The body of the connection's own thread. `connectedAt` is the system time, in 100 ns units since 1601, at which the
+// client was there; `place` its place among those who are not verified yet.
 void ServeConnection(win32::FileHandle pipe, std::uint64_t connectedAt, Unverified& place) noexcept;
 
 }  // namespace kiosk::pipe

@@ -108,8 +108,9 @@ void AcceptClients(const win32::SecurityDescriptor& descriptor, OverlappedIo& io
   bool first = true;
   int failures = 0;
   FileHandle instance;  // the one that waits for a client
-  // Without any instance left another process could take the name. So the next instance exists before the connected one is
-  // given away, and while it cannot be made a second handle keeps the connected one, whose connection may end at any time.
+  // Without any instance left another process could take the name. So the next instance exists before the connected one
+  // is given away, and while it cannot be made a second handle keeps the connected one, whose connection may end at any
+  // time.
   FileHandle keeper;
   while (!win32::StopRequested()) {
     TellCountedRefusals();

@@ -37,7 +37,8 @@ std::span<const std::byte> Encoded(const CERT_CONTEXT* certificate) {
 // The certificate on which the verdict of a verification rests.
 EncodedCertificate SignerOf(HANDLE verification) {
   CRYPT_PROVIDER_DATA* data = WTHelperProvDataFromStateData(verification);
-  CRYPT_PROVIDER_SGNR* signer = data != nullptr ? WTHelperGetProvSignerFromChain(data, kFirstSigner, FALSE, 0) : nullptr;
+  CRYPT_PROVIDER_SGNR* signer =
+      data != nullptr ? WTHelperGetProvSignerFromChain(data, kFirstSigner, FALSE, 0) : nullptr;
   const CRYPT_PROVIDER_CERT* leaf = signer != nullptr ? WTHelperGetProvCertFromChain(signer, 0) : nullptr;
   if (leaf == nullptr || leaf->pCert == nullptr) {
     return {};
@@ -90,8 +91,8 @@ Verification Verify(const wchar_t* path, HANDLE file) {
   return result;
 }
 
-// The Subject of the certificate that the file's first signature names. The bag of certificates in a signature is itself
-// unsigned, and one may be planted there under the name and number of the real signer's: it has to be that one.
+// The Subject of the certificate that the file's first signature names. The bag of certificates in a signature is
+// itself unsigned, and one may be planted there under the name and number of the real signer's: it has to be that one.
 std::optional<std::wstring> PublisherOfFile(const wchar_t* path, const EncodedCertificate& verified) {
   win32::CertStore store;
   win32::CryptMessage message;

@@ -59,16 +59,16 @@ AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std:
   const text::Secret headers = Headers(accept, bearerToken);
   std::wstring wide = win32::ToWide(headers.Get());
   AuthReply reply;
-  const win32::HttpAnswer answer = win32::CallHttp(
-      session.Get(), {.method = method,
-                      .target = &target,
-                      .headers = wide,
-                      .body = body,
-                      .stop = win32::StopEvent(),
-                      .end = end,
-                      .deadline = deadline,
-                      .maxBody = maxBody,
-                      .onBody = [&reply](std::string_view chunk) { reply.body.Append(chunk); }});
+  const win32::HttpAnswer answer =
+      win32::CallHttp(session.Get(), {.method = method,
+                                      .target = &target,
+                                      .headers = wide,
+                                      .body = body,
+                                      .stop = win32::StopEvent(),
+                                      .end = end,
+                                      .deadline = deadline,
+                                      .maxBody = maxBody,
+                                      .onBody = [&reply](std::string_view chunk) { reply.body.Append(chunk); }});
   SecureZeroMemory(wide.data(), wide.size() * sizeof(wchar_t));
   if (answer.failedAt != win32::HttpStep::kDone) {
     return answer.failedAt == win32::HttpStep::kOpen ? Failed("cannot open the request") : FailedWith(answer.error);

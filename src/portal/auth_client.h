@@ -30,9 +30,9 @@ inline constexpr std::uint32_t kApiDeadline = 60'000;
 //
 // Never throws for a network failure and never logs one. Any answer proves the changes of network adapters from before
 // the request (network/trial.h). The error texts: "unparseable AuthBaseUrl", "WinHttpOpen failed",
-// "cannot open the request", and "WinHTTP error N", where 12002 also stands for a call that used up `deadline` and 12017
-// for one that a service stop, or the event `end` (manual reset), ended; no call begins after a stop, and it ends one at
-// once. A reply that had come whole is never thrown away for the deadline or the events.
+// "cannot open the request", and "WinHTTP error N", where 12002 also stands for a call that used up `deadline` and
+// 12017 for one that a service stop, or the event `end` (manual reset), ended; no call begins after a stop, and it ends
+// one at once. A reply that had come whole is never thrown away for the deadline or the events.
 AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std::string& body,
                       const std::string& bearerToken, std::size_t maxBody, const wchar_t* accept,
                       std::uint32_t deadline = kApiDeadline, HANDLE end = nullptr);

@@ -100,8 +100,7 @@ void Apply(const json::Value& reply, const std::string& token, CheckInResult& re
 
 CheckInResult CheckIn(const std::string& token) {
   CheckInResult result;
-  const AuthReply reply =
-      AuthRequest(L"POST", "/api/kiosk/check-in", RequestBody(), token, kApiBodyLimit, kAcceptJson);
+  const AuthReply reply = AuthRequest(L"POST", "/api/kiosk/check-in", RequestBody(), token, kApiBodyLimit, kAcceptJson);
   if (reply.answered == 0) {
     result.error = reply.error;
     return result;

@@ -1,5 +1,5 @@
-// The bearer credential of this terminal, kept in the registry only as a DPAPI blob of this machine and unprotected each
-// time it is needed. Its presence is what makes the terminal enrolled.
+// The bearer credential of this terminal, kept in the registry only as a DPAPI blob of this machine and unprotected
+// each time it is needed. Its presence is what makes the terminal enrolled.
 #pragma once
 
 #include "text/secret.h"
@@ -11,7 +11,8 @@ namespace kiosk::portal {
 enum class TokenRead {
   kNone,
   kRead,
-  kUnreadable,  // a token may be there, but the registry or DPAPI does not give it now; logged once for as long as that lasts
+  kUnreadable,  // a token may be there, but the registry or DPAPI does not give it now; logged once for as long as that
+                // lasts
 };
 // `token` is set only for kRead.
 TokenRead ReadDeviceToken(text::Secret& token);
@@ -20,8 +21,8 @@ TokenRead ReadDeviceToken(text::Secret& token);
 text::Secret ReadDeviceToken();
 
 // Protects the state key, stores the token, makes that durable, and ends what an earlier enrolment left open
-// ("UnknownSince", "TeardownPending"). False when it could not be protected (logged) or stored. The caller holds the account
-// lock, so that no teardown is half way.
+// ("UnknownSince", "TeardownPending"). False when it could not be protected (logged) or stored. The caller holds the
+// account lock, so that no teardown is half way.
 bool StoreDeviceToken(const std::string& token);
 
 }  // namespace kiosk::portal

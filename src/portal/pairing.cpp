@@ -131,8 +131,8 @@ json::Value Enrolled(const text::Secret& token, const CheckInResult& checkIn) {
   return reply;
 }
 
-// Takes the token out of the portal's answer and stores it; returns the error code, empty on success. The caller holds the
-// pairing lock.
+// Takes the token out of the portal's answer and stores it; returns the error code, empty on success. The caller holds
+// the pairing lock.
 std::string Claim(const AuthReply& answer, text::Secret& token) {
   std::optional<json::Value> body = json::Parse(answer.body.Get());
   SetPendingPairingCode({});

@@ -9,8 +9,8 @@ namespace {
 
 win32::Lock pairingLock{win32::LockRank::kPairing};
 
-// Guarded by pairingLock. Plain memory, without a destructor: connection threads may outlive main. A longer code than fits
-// could never be answered, since only codes of 8 characters are.
+// Guarded by pairingLock. Plain memory, without a destructor: connection threads may outlive main. A longer code than
+// fits could never be answered, since only codes of 8 characters are.
 std::array<char, 64> pending{};
 std::size_t pendingLength = 0;
 

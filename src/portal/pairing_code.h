@@ -8,8 +8,8 @@
 
 namespace kiosk::portal {
 
-// Held by the pairing commands from their first look at the code to the end of the first check-in, so that two polls never
-// store two tokens.
+// Held by the pairing commands from their first look at the code to the end of the first check-in, so that two polls
+// never store two tokens.
 win32::Lock& PairingLock() noexcept;
 
 // The pending code; empty when none is. The caller holds the pairing lock.

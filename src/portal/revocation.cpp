@@ -13,8 +13,8 @@ namespace {
 
 constexpr std::uint64_t kToleratedUnknown = std::uint64_t{24} * 3600 * win32::kFileTimeSecond;
 
-// True when the token has been unknown for too long. The first time, and instead of a stamp that lies in the future because
-// the clock was set back, the moment is noted down.
+// True when the token has been unknown for too long. The first time, and instead of a stamp that lies in the future
+// because the clock was set back, the moment is noted down.
 bool UnknownForTooLong(const std::string& tokenUsed) {
   const win32::LockGuard guard(account::ReplyLock());
   if (!account::StillEnrolled(tokenUsed)) {
@@ -27,8 +27,9 @@ bool UnknownForTooLong(const std::string& tokenUsed) {
     return now - since >= kToleratedUnknown;
   }
   state::WriteStateQword(state::kUnknownSince, now);
-  log::Log(log::kWarn, log::kKiosk,
-           "check-in: AuthSystem does not recognise this terminal's token; kiosk mode stays unless that lasts 24 hours");
+  log::Log(
+      log::kWarn, log::kKiosk,
+      "check-in: AuthSystem does not recognise this terminal's token; kiosk mode stays unless that lasts 24 hours");
   return false;
 }
 

@@ -4,8 +4,8 @@
 
 namespace kiosk::portal {
 
-// The sign-in methods in force, as stored by the last check-in; the default (both on, no hosts) when nothing readable is
-// stored.
+// The sign-in methods in force, as stored by the last check-in; the default (both on, no hosts) when nothing readable
+// is stored.
 json::Value LoadSignIn();
 
 }  // namespace kiosk::portal

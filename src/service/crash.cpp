@@ -25,7 +25,8 @@ namespace {
 
 constexpr DWORD kTimeToReport = 10'000;
 constexpr int kDumpsPerDay = 8;
-// A dump that is being written. One name for all: what a report that did not come to its end left goes with the next one.
+// A dump that is being written. One name for all: what a report that did not come to its end left goes with the next
+// one.
 constexpr wchar_t kUnfinished[] = L"\\NorvaneKiosk.dmp.part";
 // What Windows itself and OnFault need after a stack overflow, and the smallest stack that can spare that.
 constexpr ULONG kStackForFaults = ULONG{48} * 1024;
@@ -43,9 +44,9 @@ EXCEPTION_POINTERS* faultDetails = nullptr;
 DWORD faultThread = 0;
 LONG faults = 0;
 
-// A thread has nothing left for a handler once its stack is full, unless it asked for that before. Windows calls this on
-// every thread as it begins, those of its own pools and libraries too (".tls" of the PE format). With the loader's lock
-// held: nothing else belongs here.
+// A thread has nothing left for a handler once its stack is full, unless it asked for that before. Windows calls this
+// on every thread as it begins, those of its own pools and libraries too (".tls" of the PE format). With the loader's
+// lock held: nothing else belongs here.
 void NTAPI KeepStackForFaults(void* /*module*/, DWORD reason, void* /*reserved*/) noexcept {
   ULONG_PTR low = 0;
   ULONG_PTR high = 0;

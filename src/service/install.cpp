@@ -58,7 +58,8 @@ void DescribeAndGuard(SC_HANDLE service) {
   SERVICE_DESCRIPTIONW description{text.data()};
   ChangeServiceConfig2W(service, SERVICE_CONFIG_DESCRIPTION, &description);
 
-  std::array<SC_ACTION, 3> actions{{{SC_ACTION_RESTART, 10'000}, {SC_ACTION_RESTART, 30'000}, {SC_ACTION_RESTART, 60'000}}};
+  std::array<SC_ACTION, 3> actions{
+      {{SC_ACTION_RESTART, 10'000}, {SC_ACTION_RESTART, 30'000}, {SC_ACTION_RESTART, 60'000}}};
   SERVICE_FAILURE_ACTIONSW failure{86'400, nullptr, nullptr, actions.size(), actions.data()};
   ChangeServiceConfig2W(service, SERVICE_CONFIG_FAILURE_ACTIONS, &failure);
 }

@@ -30,9 +30,8 @@ LSTATUS ReadFromOpenKey(const wchar_t* name, RawValue& raw) {
 void Reopen() {
   const win32::LockGuard guard(keyLock);
   win32::RegistryKey key(openKey);
-  openKey = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kStateKey, 0, KEY_QUERY_VALUE, key.Put()) == ERROR_SUCCESS
-                ? key.Release()
-                : nullptr;
+  openKey = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kStateKey, 0, KEY_QUERY_VALUE, key.Put()) == ERROR_SUCCESS ? key.Release()
+                                                                                                         : nullptr;
 }
 
 }  // namespace
@@ -55,20 +54,20 @@ ProtectResult ProtectStateKey() {
   // The parents first and with default security: keys that are missing on the way would get the descriptor as well, and
   // other programs keep their settings below them.
   win32::RegistryKey parent;
-  LSTATUS status = RegCreateKeyExW(HKEY_LOCAL_MACHINE, kParentKey, 0, nullptr, REG_OPTION_NON_VOLATILE,
-                                   KEY_QUERY_VALUE, nullptr, parent.Put(), nullptr);
+  LSTATUS status = RegCreateKeyExW(HKEY_LOCAL_MACHINE, kParentKey, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_QUERY_VALUE,
+                                   nullptr, parent.Put(), nullptr);
   if (status != ERROR_SUCCESS) {
     return {"cannot create the state key", static_cast<DWORD>(status)};
   }
   SECURITY_ATTRIBUTES attributes = descriptor.Attributes();
   win32::RegistryKey key;
   status = RegCreateKeyExW(HKEY_LOCAL_MACHINE, kStateKey, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS,
-                                   &attributes, key.Put(), nullptr);
+                           &attributes, key.Put(), nullptr);
   if (status != ERROR_SUCCESS) {
     return {"cannot create the state key", static_cast<DWORD>(status)};
   }
-  status = RegSetKeySecurity(key.Get(), DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
-                             descriptor.Get());
+  status =
+      RegSetKeySecurity(key.Get(), DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, descriptor.Get());
   if (status != ERROR_SUCCESS) {
     return {"cannot protect the state key", static_cast<DWORD>(status)};
   }

@@ -8,9 +8,9 @@ std::string OsVersionText() {
   using RtlGetVersionFunction = LONG(WINAPI*)(RTL_OSVERSIONINFOW*);
   const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
   const auto getVersion =
-      ntdll == nullptr ? nullptr
-                       : reinterpret_cast<RtlGetVersionFunction>(
-                             reinterpret_cast<void*>(GetProcAddress(ntdll, "RtlGetVersion")));
+      ntdll == nullptr
+          ? nullptr
+          : reinterpret_cast<RtlGetVersionFunction>(reinterpret_cast<void*>(GetProcAddress(ntdll, "RtlGetVersion")));
   RTL_OSVERSIONINFOW version{};
   version.dwOSVersionInfoSize = sizeof(version);
   if (getVersion == nullptr || getVersion(&version) != 0) {

@@ -31,8 +31,8 @@ LSTATUS ReadRaw(HKEY key, const wchar_t* name, RawValue& value);
 // that nobody knows what stands there.
 LSTATUS ReadValue(const wchar_t* subkey, const wchar_t* name, RawValue& value);
 
-// The text of a REG_SZ or REG_EXPAND_SZ value (environment variables expanded), cut at the first NUL. Empty optional for a
-// missing key or value, another type, or a failed expansion.
+// The text of a REG_SZ or REG_EXPAND_SZ value (environment variables expanded), cut at the first NUL. Empty optional
+// for a missing key or value, another type, or a failed expansion.
 std::optional<std::wstring> ReadString(const wchar_t* subkey, const wchar_t* name);
 
 // A REG_DWORD value; any other type counts as absent.
@@ -44,8 +44,8 @@ bool WriteValue(HKEY root, const wchar_t* subkey, const wchar_t* name, DWORD typ
 // Sets a value of an existing key and never creates one. ERROR_FILE_NOT_FOUND when the key is missing.
 LSTATUS WriteExisting(const wchar_t* subkey, const wchar_t* name, DWORD type, const void* data, DWORD size);
 
-// Copies a value with its type and bytes, whatever they are (an empty value as a zero-length one). False when the source
-// cannot be read or the destination cannot be written.
+// Copies a value with its type and bytes, whatever they are (an empty value as a zero-length one). False when the
+// source cannot be read or the destination cannot be written.
 bool CopyValue(const wchar_t* fromSubkey, const wchar_t* fromName, const wchar_t* toSubkey, const wchar_t* toName);
 
 // Bytes of a text as REG_SZ wants them counted: with the terminating NUL.

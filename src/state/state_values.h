@@ -33,8 +33,9 @@ inline constexpr StateValue kProvisioned{L"Provisioned", REG_DWORD, "account",
 inline constexpr StateValue kAccountSid{L"AccountSid", REG_SZ, "account", "SID text of the kiosk account"};
 inline constexpr StateValue kTeardownPending{L"TeardownPending", REG_DWORD, "account",
                                              "1 while a teardown must still be finished"};
-inline constexpr StateValue kTeardownSuperseded{L"TeardownSuperseded", REG_DWORD, "portal",
-                                                "1 while a token is stored over a pending teardown: the token is newer"};
+inline constexpr StateValue kTeardownSuperseded{
+    L"TeardownSuperseded", REG_DWORD, "portal",
+    "1 while a token is stored over a pending teardown: the token is newer"};
 inline constexpr StateValue kMaintenance{L"Maintenance", REG_DWORD, "account", "1 while maintenance mode is on"};
 inline constexpr StateValue kMaintenanceAt{L"MaintenanceAt", REG_QWORD, "account", "when maintenance mode began"};
 inline constexpr StateValue kMaintenanceFailures{L"MaintenanceFailures", REG_DWORD, "account",
@@ -82,8 +83,8 @@ inline constexpr StateValue kPowerPolicy{L"PowerPolicy", REG_SZ, "power",
                                          "the portal's last valid power policy, as canonical JSON"};
 inline constexpr StateValue kPowerSource{L"PowerSource", REG_SZ, "power",
                                          "where the portal has that policy from: device, tenant or default"};
-inline constexpr StateValue kPowerLocal{L"PowerLocal", REG_SZ, "power",
-                                        "the policy that an administrator at the terminal set instead, as canonical JSON"};
+inline constexpr StateValue kPowerLocal{
+    L"PowerLocal", REG_SZ, "power", "the policy that an administrator at the terminal set instead, as canonical JSON"};
 inline constexpr StateValue kPowerError{L"PowerError", REG_SZ, "power",
                                         "what is wrong with the schedule in force: wake_unavailable"};
 inline constexpr StateValue kPowerScheduleApplied{L"PowerScheduleApplied", REG_SZ, "power",
@@ -101,9 +102,10 @@ inline constexpr StateValue kOsUpdatesReport{L"OsUpdatesReport", REG_SZ, "update
 inline constexpr StateValue kOsUpdatesCommittedAt{
     L"OsUpdatesCommittedAt", REG_QWORD, "updates",
     "when the update agent was last asked to commit, right before a restart, as FILETIME"};
-inline constexpr StateValue kOwnsWuPolicy{L"OwnsWuPolicy", REG_DWORD, "updates",
-                                          "1: the computer's own Windows Update restart policies were saved and are the "
-                                          "service's; written before the first of them is changed"};
+inline constexpr StateValue kOwnsWuPolicy{
+    L"OwnsWuPolicy", REG_DWORD, "updates",
+    "1: the computer's own Windows Update restart policies were saved and are the "
+    "service's; written before the first of them is changed"};
 inline constexpr StateValue kMadeWuKeys{L"MadeWuKeys", REG_SZ, "updates",
                                         "keys of the computer's that were made for these policies, with bars between"};
 inline constexpr StateValue kPriorWuNoAutoReboot{L"PriorWuNoAutoRebootWithLoggedOnUsers", kTypeOfCopied, "updates",

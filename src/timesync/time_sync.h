@@ -11,8 +11,8 @@ namespace kiosk::timesync {
 // server when the setting names none.
 std::wstring TimeServer();
 
-// Makes Windows synchronise the clock, measures how far it was out and, since Windows does not tell, whether that came to
-// something. The reply, also when that fails, names the server. Runs on a connection's thread, any number of them at
+// Makes Windows synchronise the clock, measures how far it was out and, since Windows does not tell, whether that came
+// to something. The reply, also when that fails, names the server. Runs on a connection's thread, any number of them at
 // once; takes at most 105 s, unless the service manager needs longer for a start, and ends early on a stop.
 json::Value TimeSync();
 

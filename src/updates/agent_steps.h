@@ -1,5 +1,5 @@
-// What every step of a run with the update agent has in common: how it fails, how it waits for the agent, and how a stop
-// of the service ends it. A step returns false when the run is over, and then the run's result says why.
+// What every step of a run with the update agent has in common: how it fails, how it waits for the agent, and how a
+// stop of the service ends it. A step returns false when the run is over, and then the run's result says why.
 #pragma once
 
 #include "updates/agent_callbacks.h"

@@ -17,8 +17,8 @@ struct PassProgress {
 
 // Marks in `updates` what was installed; all of them are alive and without questions for a person, and an exclusive one
 // comes alone. `collection` is empty and belongs to the pass. `restartRequired` becomes true when the installation asks
-// for a restart. An update whose download or installation fails by itself is logged and stays as it was. False, as every
-// step, when the run is over.
+// for a restart. An update whose download or installation fails by itself is logged and stays as it was. False, as
+// every step, when the run is over.
 bool InstallTogether(AgentSteps& steps, IUpdateSession* session, const win32::ComPtr<IUpdateCollection>& collection,
                      std::vector<FoundUpdate*> updates, const PassProgress& progress, bool& restartRequired);
 

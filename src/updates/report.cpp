@@ -94,9 +94,8 @@ void RememberOwedRestart() {
 
 void ForgetUpdates() {
   const LockedUpdateState nobodyWrites;
-  for (const state::StateValue* value :
-       {&state::kUpdatesPolicy, &state::kUpdatesSource, &state::kOsUpdatesReport, &state::kOsUpdatesWindowDone,
-        &state::kOsUpdatesCommittedAt}) {
+  for (const state::StateValue* value : {&state::kUpdatesPolicy, &state::kUpdatesSource, &state::kOsUpdatesReport,
+                                         &state::kOsUpdatesWindowDone, &state::kOsUpdatesCommittedAt}) {
     state::DeleteStateValue(*value);
   }
 }

@@ -204,8 +204,8 @@ class Run {
     return false;
   }
 
-  // Every pass. The first decides whether the run failed; what becomes of a later one shows in the error text and in what
-  // is still pending.
+  // Every pass. The first decides whether the run failed; what becomes of a later one shows in the error text and in
+  // what is still pending.
   bool Install() {
     for (std::size_t pass = 0; pass < chosen_.size(); ++pass) {
       if (pass > 0 && !AnotherPass(chosen_.size() - pass)) {
@@ -214,8 +214,7 @@ class Run {
       const PassProgress progress = pass > 0             ? PassProgress{kNearlyDone, kNearlyDone, kNearlyDone}
                                     : chosen_.size() > 1 ? PassProgress{.end = kNearlyDone}
                                                          : PassProgress{};
-      const bool done =
-          InstallTogether(steps_, session_.Get(), collection_, chosen_[pass], progress, restartRequired_);
+      const bool done = InstallTogether(steps_, session_.Get(), collection_, chosen_[pass], progress, restartRequired_);
       if (result_.code == RunCode::kStopped) {
         return false;
       }

@@ -24,7 +24,8 @@ inline std::uint64_t FileTimeNow() noexcept {
   return FileTimeValue(now);
 }
 
-// The same, finer than a clock tick and never simulated: for comparison with the times that Windows gives its processes.
+// The same, finer than a clock tick and never simulated: for comparison with the times that Windows gives its
+// processes.
 inline std::uint64_t PreciseFileTimeNow() noexcept {
   FILETIME now;
   GetSystemTimePreciseAsFileTime(&now);

@@ -17,9 +17,9 @@ constexpr std::size_t kMaxChunk = 65536;
 // How long a body that is already here may take to be read when the call is to end.
 constexpr DWORD kLastLook = 100;
 
-// What the calling thread shares with WinHTTP, which reads and fills it from threads of its own and goes on for some time
-// after the request was closed (up to a phase's time-out). So it belongs to both: WinHTTP has a reference of its own as the
-// request's context, and gives it back with its last callback.
+// What the calling thread shares with WinHTTP, which reads and fills it from threads of its own and goes on for some
+// time after the request was closed (up to a phase's time-out). So it belongs to both: WinHTTP has a reference of its
+// own as the request's context, and gives it back with its last callback.
 struct Shared {
   explicit Shared(const HttpCall& call) : headers(call.headers), body(call.body) {}
   Shared(const Shared&) = delete;
@@ -41,8 +41,7 @@ struct Shared {
 using SharedPtr = std::shared_ptr<Shared>;
 
 // Runs on any thread, on the calling one too, inside the call that began the operation or closed the request.
-void CALLBACK OnStatus(HINTERNET /*request*/, DWORD_PTR context, DWORD status, void* information,
-                       DWORD size) noexcept {
+void CALLBACK OnStatus(HINTERNET /*request*/, DWORD_PTR context, DWORD status, void* information, DWORD size) noexcept {
   auto* const theirs = reinterpret_cast<SharedPtr*>(context);  // NOLINT(performance-no-int-to-ptr): it is one
   if (theirs == nullptr) {
     return;
@@ -198,8 +197,8 @@ class Exchange {
     return cutShort != ERROR_SUCCESS ? cutShort : error;
   }
 
-  // The end of the operation that was begun: its error, or that of a call that is to end before. An operation that is over
-  // at the same moment counts as over. With `lastLook` the call is to end already, and only that time is left.
+  // The end of the operation that was begun: its error, or that of a call that is to end before. An operation that is
+  // over at the same moment counts as over. With `lastLook` the call is to end already, and only that time is left.
   [[nodiscard]] DWORD End(BOOL begun, const std::optional<Deadline>& lastLook = std::nullopt) const noexcept {
     if (begun == 0) {
       return GetLastError();

@@ -27,7 +27,8 @@ KernelHandle StartThread(Body body, SIZE_T stackReserve = kDefaultStack) {
     (*mine)();
     return 0;
   };
-  KernelHandle thread(CreateThread(nullptr, stackReserve, entry, owned.get(), STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
+  KernelHandle thread(
+      CreateThread(nullptr, stackReserve, entry, owned.get(), STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
   if (thread) {
     static_cast<void>(owned.release());
   }

@@ -15,8 +15,8 @@ namespace kiosk::test {
 
 namespace {
 
-// What kiosk mode, or the computer's owner in an earlier test, left outside of the simulated machine's own state. Before that
-// is forgotten, which knows the users.
+// What kiosk mode, or the computer's owner in an earlier test, left outside of the simulated machine's own state.
+// Before that is forgotten, which knows the users.
 void ForgetKioskTraces() {
   sim::ForgetProfiles();  // the numbers at the ends of SIDs begin anew, and nobody may find the profile of a namesake
   RemoveTree(L"C:\\users\\NorvaneKiosk");
@@ -102,8 +102,9 @@ bool HasValue(const wchar_t* key, const wchar_t* name) {
 }
 
 std::string ReadWholeFile(const std::wstring& path) {
-  const win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                           nullptr, OPEN_EXISTING, 0, nullptr));
+  const win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_READ,
+                                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                           OPEN_EXISTING, 0, nullptr));
   std::string content;
   char chunk[4096];
   for (DWORD read = 0; file && ReadFile(file.Get(), chunk, sizeof(chunk), &read, nullptr) != 0 && read > 0;) {
@@ -117,7 +118,8 @@ void WriteWholeFile(const std::wstring& path, std::string_view content) {
   ASSERT_TRUE(file) << GetLastError();
   // Not by WriteFile, which a FaultPass counts: this is the test's own hand.
   const int descriptor = _open_osfhandle(reinterpret_cast<intptr_t>(file.Release()), _O_BINARY);
-  EXPECT_EQ(_write(descriptor, content.data(), static_cast<unsigned>(content.size())), static_cast<int>(content.size()));
+  EXPECT_EQ(_write(descriptor, content.data(), static_cast<unsigned>(content.size())),
+            static_cast<int>(content.size()));
   _close(descriptor);
 }
 

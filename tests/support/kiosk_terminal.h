@@ -20,8 +20,8 @@ inline constexpr DWORD kOtherSession = 3;
 
 inline std::wstring AutoAdminLogon() { return state::ReadString(kWinlogon, L"AutoAdminLogon").value_or(L"none"); }
 
-// Enrolled with the token "tok", provisioned, the kiosk account signed in by itself to kKioskSession and an administrator
-// to kOtherSession. The state key is new.
+// Enrolled with the token "tok", provisioned, the kiosk account signed in by itself to kKioskSession and an
+// administrator to kOtherSession. The state key is new.
 inline void MakeKioskTerminal() {
   RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane");
   ASSERT_EQ(state::ProtectStateKey().what, nullptr);

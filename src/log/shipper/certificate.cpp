@@ -27,13 +27,13 @@ const char* ClientCertificate::Find() noexcept {
   if (!thumbprint_) {
     return "\"ClientCertThumbprint\" is not 40 hexadecimal digits";
   }
-  const win32::CertStore store(CertOpenStore(
-      CERT_STORE_PROV_SYSTEM_W, 0, 0,
-      CERT_SYSTEM_STORE_LOCAL_MACHINE | CERT_STORE_READONLY_FLAG | CERT_STORE_OPEN_EXISTING_FLAG, L"MY"));
+  const win32::CertStore store(
+      CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0,
+                    CERT_SYSTEM_STORE_LOCAL_MACHINE | CERT_STORE_READONLY_FLAG | CERT_STORE_OPEN_EXISTING_FLAG, L"MY"));
   CRYPT_HASH_BLOB hash{static_cast<DWORD>(thumbprint_->size()), thumbprint_->data()};
-  win32::Certificate found(store ? CertFindCertificateInStore(store.Get(), X509_ASN_ENCODING, 0, CERT_FIND_SHA1_HASH,
-                                                              &hash, nullptr)
-                                 : nullptr);
+  win32::Certificate found(
+      store ? CertFindCertificateInStore(store.Get(), X509_ASN_ENCODING, 0, CERT_FIND_SHA1_HASH, &hash, nullptr)
+            : nullptr);
   if (!found) {
     return "the client certificate is not in the computer's personal store";
   }

@@ -18,9 +18,9 @@ enum class Verdict {
 
 struct Outcome {
   Verdict verdict = Verdict::kRetry;
-  DWORD status = 0;               // 0: no answer
-  DWORD error = 0;                // of a request without an answer
-  std::uint64_t retryAfter = 0;   // ms that the server asked for, at most an hour
+  DWORD status = 0;              // 0: no answer
+  DWORD error = 0;               // of a request without an answer
+  std::uint64_t retryAfter = 0;  // ms that the server asked for, at most an hour
 
   // "WinHTTP error 12029" or "HTTP status 503".
   [[nodiscard]] std::string Text() const;
@@ -34,7 +34,8 @@ class Endpoint {
   // Posts the records (JSON objects, separated by line feeds).
   Outcome Post(const win32::HttpTarget& target, const CERT_CONTEXT* certificate, std::string_view records);
 
-  // Status and error as for a post; `body` is that of a 200, at most `limit` bytes and a chunk, and empty for anything else.
+  // Status and error as for a post; `body` is that of a 200, at most `limit` bytes and a chunk, and empty for anything
+  // else.
   Outcome Get(const win32::HttpTarget& target, const CERT_CONTEXT* certificate, std::size_t limit, std::string& body);
 
   // Closes the session; the next request opens another.
@@ -47,8 +48,8 @@ class Endpoint {
   win32::HttpHandle session_;
 };
 
-// The waits between tries: up to 1 s, 2 s, 4 s ... 300 s, each drawn evenly from its whole range, so that terminals which an
-// outage brought into step fall out of it again.
+// The waits between tries: up to 1 s, 2 s, 4 s ... 300 s, each drawn evenly from its whole range, so that terminals
+// which an outage brought into step fall out of it again.
 class Backoff {
  public:
   static constexpr std::uint64_t kLongest = 300'000;

@@ -1,5 +1,5 @@
-// The records that left the ring and are neither sent nor in the spool yet. The sender's thread alone changes them; whoever
-// stops it while it is stuck in a request takes a copy, and from then on they are his.
+// The records that left the ring and are neither sent nor in the spool yet. The sender's thread alone changes them;
+// whoever stops it while it is stuck in a request takes a copy, and from then on they are his.
 #pragma once
 
 #include "win32/lock.h"

@@ -17,8 +17,8 @@ class Remote {
   // Takes over what was kept by an earlier run, without a word.
   void LoadKept();
 
-  // Fetches when it is time; a change is logged and kept, and each reason why there is none once until there is one. Does
-  // nothing without a "LogConfigUrl". True when it changed.
+  // Fetches when it is time; a change is logged and kept, and each reason why there is none once until there is one.
+  // Does nothing without a "LogConfigUrl". True when it changed.
   bool FetchWhenDue(Endpoint& endpoint, const CERT_CONTEXT* certificate);
 
   // Milliseconds until the next fetch; UINT64_MAX: never.
@@ -35,7 +35,7 @@ class Remote {
   const Settings& settings_;
   RemoteConfig config_;
   win32::HttpTarget target_;
-  std::uint64_t due_ = 0;    // tick count
+  std::uint64_t due_ = 0;          // tick count
   std::vector<std::string> told_;  // reasons that were logged since the last good one
 };
 

@@ -17,8 +17,8 @@ struct RemoteConfig {
 // The most bytes of a configuration.
 inline constexpr std::size_t kMaxConfig = 65536;
 
-// Reads a JSON object of these members. A missing member has the value above, others are ignored; one that is wrong makes
-// the whole text worth nothing, and `fault` then says which.
+// Reads a JSON object of these members. A missing member has the value above, others are ignored; one that is wrong
+// makes the whole text worth nothing, and `fault` then says which.
 std::optional<RemoteConfig> ParseRemoteConfig(std::string_view text, std::string& fault);
 
 // The same as compact JSON, every member in it.

@@ -29,9 +29,7 @@ Ring* ring = nullptr;
 HANDLE wakeEvent = nullptr;
 std::atomic<int> accepted{-1};
 
-void CopyLine(const Slot& from, Slot& to) noexcept {
-  std::memcpy(&to, &from, offsetof(Slot, message) + from.length);
-}
+void CopyLine(const Slot& from, Slot& to) noexcept { std::memcpy(&to, &from, offsetof(Slot, message) + from.length); }
 
 }  // namespace
 

@@ -1,5 +1,5 @@
-// Log lines between the threads that write them and the one that ships them: a ring of fixed size, under a leaf lock that is
-// held for a copy. All state is in ring.cpp.
+// Log lines between the threads that write them and the one that ships them: a ring of fixed size, under a leaf lock
+// that is held for a copy. All state is in ring.cpp.
 #pragma once
 
 #include "win32/winapi.h"
@@ -22,8 +22,8 @@ struct Slot {
   std::array<char, 2048> message;
 };
 
-// Makes the ring; `wake` (auto reset) is set when a line comes into the empty ring, and again when it is half full. False
-// when there is no memory. Before any other call of this file.
+// Makes the ring; `wake` (auto reset) is set when a line comes into the empty ring, and again when it is half full.
+// False when there is no memory. Before any other call of this file.
 bool MakeRing(HANDLE wake) noexcept;
 
 // Lines graver than or as grave as `level` are taken; -1: none.

@@ -234,8 +234,8 @@ std::optional<std::size_t> SenderThread::SendFront(std::string_view lines) {
       return 0;
     }
     refused_.SetAside(records, result.Text());
-    // A server may also say so to everybody, for instance to a terminal without the right certificate: then it is not the
-    // records' fault, and only one now and then is set aside to find out.
+    // A server may also say so to everybody, for instance to a terminal without the right certificate: then it is not
+    // the records' fault, and only one now and then is set aside to find out.
     if (++refusals_ >= kRefusalsInARow) {
       Pause(Spread(Backoff::kLongest), result);
     }
@@ -290,8 +290,9 @@ void SenderThread::WaitForWork() {
 // Segments of processes that died, and those of other programs, are found by looking.
 void SenderThread::TidySpool() {
   tidyAt_ = win32::TickCount() + kTidyInterval;
-  undeleted_.erase(std::remove_if(undeleted_.begin(), undeleted_.end(), [](Segment& segment) { return segment.Delete(); }),
-                   undeleted_.end());
+  undeleted_.erase(
+      std::remove_if(undeleted_.begin(), undeleted_.end(), [](Segment& segment) { return segment.Delete(); }),
+      undeleted_.end());
   if (spool_) {
     spool_->ReturnDeadClaims();
     backlog_ = backlog_ || spool_->HasSegments();
@@ -301,8 +302,7 @@ void SenderThread::TidySpool() {
 void SenderThread::SayDaily(const char* problem) {
   if (const std::uint64_t now = win32::TickCount(); now >= complainAt_) {
     complainAt_ = now + kDay;
-    LogLocal(kWarn, "central log: %s%s", problem,
-             settings_.certificateRequired ? "; lines are kept in the spool" : "");
+    LogLocal(kWarn, "central log: %s%s", problem, settings_.certificateRequired ? "; lines are kept in the spool" : "");
   }
 }
 

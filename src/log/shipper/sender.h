@@ -19,7 +19,8 @@ namespace kiosk::log::shipper {
 
 class SenderThread {
  public:
-  // `wake` (auto reset) is set when there are lines, `stop` ends it all. Before UseSpool nothing is kept below `logRoot`.
+  // `wake` (auto reset) is set when there are lines, `stop` ends it all. Before UseSpool nothing is kept below
+  // `logRoot`.
   SenderThread(Settings settings, Sender sender, std::wstring logRoot, HANDLE wake, HANDLE stop);
   SenderThread(const SenderThread&) = delete;
   SenderThread& operator=(const SenderThread&) = delete;
@@ -72,20 +73,20 @@ class SenderThread {
   std::optional<Spool> spool_;
   Flight flight_;
 
-  std::uint64_t lost_ = 0;            // lines that went for the spool's cap; the next record says so
-  bool backlog_ = false;              // the spool may hold something
-  std::optional<Segment> claimed_;    // being sent
-  std::string chunk_;                 // its next lines
-  std::vector<Segment> undeleted_;    // sent, but Windows would not delete them
+  std::uint64_t lost_ = 0;          // lines that went for the spool's cap; the next record says so
+  bool backlog_ = false;            // the spool may hold something
+  std::optional<Segment> claimed_;  // being sent
+  std::string chunk_;               // its next lines
+  std::vector<Segment> undeleted_;  // sent, but Windows would not delete them
   Backoff backoff_;
-  std::uint64_t retryAt_ = 0;         // tick count; nothing is sent before
-  unsigned refusals_ = 0;             // in a row
-  std::size_t singles_ = 0;           // records that go one by one, because their batch was refused
-  std::uint64_t tidyAt_ = 0;          // tick count of the next look at the spool
+  std::uint64_t retryAt_ = 0;  // tick count; nothing is sent before
+  unsigned refusals_ = 0;      // in a row
+  std::size_t singles_ = 0;    // records that go one by one, because their batch was refused
+  std::uint64_t tidyAt_ = 0;   // tick count of the next look at the spool
   const char* identityFault_ = nullptr;
-  std::uint64_t identityAt_ = 0;      // tick count of the next look at the certificate
-  std::uint64_t complainAt_ = 0;      // tick count of the next daily line
-  bool outage_ = false;               // logged
+  std::uint64_t identityAt_ = 0;  // tick count of the next look at the certificate
+  std::uint64_t complainAt_ = 0;  // tick count of the next daily line
+  bool outage_ = false;           // logged
 };
 
 }  // namespace kiosk::log::shipper

@@ -17,8 +17,8 @@ namespace {
 // Of the time for a stop: what is kept for writing down the lines of a sender that is stuck.
 constexpr unsigned kRescueTime = 500;
 
-// Written while logging is initialised, before anybody else comes here. Kept as long as the process: the thread may be left
-// behind in a request.
+// Written while logging is initialised, before anybody else comes here. Kept as long as the process: the thread may be
+// left behind in a request.
 SenderThread* sender = nullptr;
 HANDLE stopEvent = nullptr;
 HANDLE thread = nullptr;

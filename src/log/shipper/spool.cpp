@@ -29,8 +29,9 @@ std::uint64_t CountLines(const std::wstring& path) {
                                            OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
   std::vector<char> chunk(kChunk);
   std::uint64_t lines = 0;
-  for (DWORD read = 0;
-       file && ReadFile(file.Get(), chunk.data(), static_cast<DWORD>(chunk.size()), &read, nullptr) != 0 && read != 0;) {
+  for (DWORD read = 0; file &&
+                       ReadFile(file.Get(), chunk.data(), static_cast<DWORD>(chunk.size()), &read, nullptr) != 0 &&
+                       read != 0;) {
     lines += static_cast<std::uint64_t>(std::count(chunk.begin(), chunk.begin() + read, '\n'));
   }
   return lines;
@@ -176,8 +177,8 @@ void Spool::CloseSegment() {
   MoveFileExW(openPath_.c_str(), (folder_ + L"\\" + FileName(openPath_)).c_str(), 0);
 }
 
-// The file is renamed first and opened then. Should another process take it for a dead one's in between, it is back in the
-// folder, and the opening fails.
+// The file is renamed first and opened then. Should another process take it for a dead one's in between, it is back in
+// the folder, and the opening fails.
 std::optional<Segment> Spool::ClaimOldest() {
   for (const Entry& entry : List(folder_)) {
     const std::wstring path = NewTakenPath();

@@ -3,8 +3,9 @@
 //   <folder>\*.gelf         whole segments, anybody's to send (also those that another program left there)
 //   <folder>\Taken\*.gelf   the segment that is being written, and those being sent, of all processes
 //
-// A segment changes hands by being renamed. Who writes or sends one keeps it open without sharing its deletion, so nobody
-// else can rename it; a file in Taken that can be renamed belongs to a process that died, and goes back to the folder.
+// A segment changes hands by being renamed. Who writes or sends one keeps it open without sharing its deletion, so
+// nobody else can rename it; a file in Taken that can be renamed belongs to a process that died, and goes back to the
+// folder.
 #pragma once
 
 #include "win32/handle.h"

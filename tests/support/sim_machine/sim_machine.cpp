@@ -1,6 +1,6 @@
 // The hand on the simulated computer, for end-to-end tests and demonstrations: sim_machine COMMAND [ARGUMENT...], with
-// the commands of sim/computer.h, or "dump", or "import-certificate FILE": a PKCS #12 file with the password "test" into the
-// computer's personal store. Prints what the command returns. A service that runs hears of sessions.
+// the commands of sim/computer.h, or "dump", or "import-certificate FILE": a PKCS #12 file with the password "test"
+// into the computer's personal store. Prints what the command returns. A service that runs hears of sessions.
 #include "sim/computer.h"
 
 #include "win32/crypt_handles.h"
@@ -24,8 +24,7 @@ DWORD ImportCertificate(const wchar_t* path) {
   CRYPT_DATA_BLOB blob{static_cast<DWORD>(bytes.size()), bytes.data()};
   // A key of this user: Wine, where the service runs as the same, does not find those of the computer.
   const CertStore from(PFXImportCertStore(&blob, L"test", CRYPT_EXPORTABLE));
-  const CertStore to(
-      CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_LOCAL_MACHINE, L"MY"));
+  const CertStore to(CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_LOCAL_MACHINE, L"MY"));
   if (!from || !to) {
     return GetLastError();
   }
