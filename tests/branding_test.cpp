@@ -3,8 +3,8 @@
 
 #include "account/teardown.h"
 #include "branding/branding_folder.h"
+#include "enrolment/device_token.h"
 #include "json/parse.h"
-#include "portal/device_token.h"
 #include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/fault_driver.h"
@@ -41,10 +41,7 @@ const Names kComplete = {std::wstring(kTwo.begin(), kTwo.end()), std::wstring(kO
                          L"branding.json"};
 
 void Apply(const std::string& branding, const std::string& token = "tok") {
-  portal::CheckInResult checkIn;
-  checkIn.branding = json::Parse(branding).value_or(json::Value());
-  checkIn.tenantId = "t1";
-  ApplyBranding(checkIn, token);
+  ApplyBranding(json::Parse(branding).value_or(json::Value()), "t1", token);
 }
 
 std::string Listing(const std::vector<std::string>& digests) {
@@ -65,7 +62,7 @@ class BrandingTest : public test::CleanMachine {
     test::RemoveTree(kTrap);
     ASSERT_EQ(state::ProtectStateKey().what, nullptr);
     test::SetString(state::kStateKey, L"AuthBaseUrl", L"http://portal.test");
-    ASSERT_TRUE(portal::StoreDeviceToken("tok"));
+    ASSERT_TRUE(enrolment::StoreDeviceToken("tok"));
     Serve(kOne, {.body = "one"});
     Serve(kTwo, {.body = "two"});
   }

@@ -6,8 +6,8 @@
 #include "account/maintenance.h"
 #include "account/provisioning.h"
 #include "account/teardown.h"
+#include "enrolment/device_token.h"
 #include "json/serialise.h"
-#include "portal/device_token.h"
 #include "portal/pairing.h"
 #include "sim/accounts.h"
 #include "sim/clock.h"
@@ -161,7 +161,7 @@ void ComeToKioskModeAndLeaveIt() {
     test::ExpectProvisioned();
   }
   EXPECT_LE(sim::UserNames().size(), 2U);
-  if (const std::string token = portal::ReadDeviceToken().Get(); !token.empty()) {
+  if (const std::string token = enrolment::ReadDeviceToken().Get(); !token.empty()) {
     EXPECT_EQ(ProvisionIfNeeded(token), "");
   } else {
     EXPECT_EQ(Pair(), R"({"ok":true,"paired":true,"provisioned":true,"restarting":true,"restartInSeconds":10})");

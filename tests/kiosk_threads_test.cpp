@@ -7,8 +7,8 @@
 #include "account/teardown.h"
 #include "account/unlock.h"
 #include "account/winlogon.h"
+#include "enrolment/device_token.h"
 #include "portal/check_in.h"
-#include "portal/device_token.h"
 #include "portal/pairing.h"
 #include "portal/revocation.h"
 #include "service/install.h"
@@ -108,10 +108,10 @@ TEST_F(Crowd, EightThreadsNeitherBlockEachOtherNorLoseAnything) {
   constexpr Role kRoles[] = {
       kPair,
       kPair,
-      [](unsigned) { ProvisionIfNeeded(portal::ReadDeviceToken().Get()); },
+      [](unsigned) { ProvisionIfNeeded(enrolment::ReadDeviceToken().Get()); },
       [](unsigned) {
         FinishPendingRemoval();
-        const text::Secret token = portal::ReadDeviceToken();
+        const text::Secret token = enrolment::ReadDeviceToken();
         portal::HandleDeviceStatus(portal::CheckIn(token.Get()), token.Get());
         TrimPrivilegedGroups();
         ApplyKioskPolicies();
@@ -125,7 +125,7 @@ TEST_F(Crowd, EightThreadsNeitherBlockEachOtherNorLoseAnything) {
         }
       },
       [](unsigned random) {
-        const text::Secret token = portal::ReadDeviceToken();
+        const text::Secret token = enrolment::ReadDeviceToken();
         if (random % 4 == 0) {
           RemoveKioskMode(random % 8 == 0, "because", &token.Get());
           state::ProtectStateKey();

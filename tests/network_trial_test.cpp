@@ -2,14 +2,14 @@
 // the power goes.
 #include "network/trial.h"
 
-#include "portal/device_token.h"
-#include "portal/worker_wake.h"
+#include "enrolment/device_token.h"
 #include "service/worker.h"
 #include "sim/fault_driver.h"
 #include "sim/http.h"
 #include "tests/support/network_adapter.h"
 #include "win32/stop.h"
 #include "win32/thread.h"
+#include "win32/worker_wake.h"
 
 #include <algorithm>
 #include <string>
@@ -24,9 +24,9 @@ class NetworkTrialTest : public NetworkTest {
   void SetUp() override {
     NetworkTest::SetUp();
     test::SetString(state::kStateKey, L"AuthBaseUrl", L"http://portal.test");
-    ASSERT_TRUE(portal::StoreDeviceToken("tok"));
+    ASSERT_TRUE(enrolment::StoreDeviceToken("tok"));
     ASSERT_TRUE(win32::CreateStopEvent());
-    ASSERT_TRUE(portal::CreateWorkerWake());
+    ASSERT_TRUE(win32::CreateWorkerWake());
     portal_.On(L"POST", L"/api/kiosk/check-in", [this](const sim::Request&) { return answer_; });
     before_ = sim::DumpAdapters();
   }

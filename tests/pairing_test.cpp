@@ -3,9 +3,9 @@
 
 #include "account/kiosk_restart.h"
 #include "account/teardown.h"
+#include "enrolment/device_token.h"
 #include "json/parse.h"
 #include "json/serialise.h"
-#include "portal/device_token.h"
 #include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/faults.h"
@@ -172,7 +172,7 @@ TEST_F(Pairing, WhatAClaimedCodeLeadsTo) {
     Begin();
     EXPECT_EQ(Check(), each.reply) << each.what;
     clock_.RunFor(0);
-    EXPECT_EQ(ReadDeviceToken().Get(), each.tokenAfter ? "tok-9" : "") << each.what;
+    EXPECT_EQ(enrolment::ReadDeviceToken().Get(), each.tokenAfter ? "tok-9" : "") << each.what;
     EXPECT_NE(portal_.Requests().back().headers.find(L"Authorization: Bearer tok-9\r\n"), std::wstring::npos);
     EXPECT_EQ(state::FlagIsOn(state::kProvisioned), each.account) << each.what;
     EXPECT_EQ(sim::FindUser(L"NorvaneKiosk").has_value(), each.account) << each.what;
@@ -195,7 +195,7 @@ TEST_F(Pairing, LongestTokenIsStored) {
   Answer(L"GET", L"/api/kiosk/pair/ABCD1234", Reply(200, R"({"deviceToken":")" + longest + "\"}"));
   Begin();
   Check();
-  EXPECT_EQ(ReadDeviceToken().Get(), longest);
+  EXPECT_EQ(enrolment::ReadDeviceToken().Get(), longest);
 }
 
 TEST_F(Pairing, TokenThatCannotBeStoredIsReported) {

@@ -1,10 +1,10 @@
 // Who calls, and what each kind of caller may do.
 #include "account/kiosk_restart.h"
+#include "enrolment/pairing_code.h"
 #include "json/serialise.h"
 #include "pipe/caller.h"
 #include "pipe/dispatch.h"
 #include "pipe/service_signer.h"
-#include "portal/pairing_code.h"
 #include "sim/accounts.h"
 #include "sim/callers.h"
 #include "sim/clock.h"
@@ -304,7 +304,7 @@ TEST_F(Caller, AnInteractiveUserMayRestartWhileARestartIsPending) {
 
 TEST_F(Caller, OnlyAPersonWhoIsNotTheKioskAccountMayPair) {
   // An enrolled terminal answers both commands without a network, the second one only for the pending code.
-  portal::SetPendingPairingCode("ABCD1234");
+  enrolment::SetPendingPairingCode("ABCD1234");
   SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, "token", 5);
   for (const char* command : {"pair.begin", "pair.check"}) {
     const std::string name = command;
@@ -324,7 +324,7 @@ TEST_F(Caller, OnlyAPersonWhoIsNotTheKioskAccountMayPair) {
 TEST_F(Caller, ThePairingCodeIsTrimmedAndOnlyATextCounts) {
   sim::ScriptedPortal portal;
   portal.On(L"GET", L"/api/kiosk/pair/12345678", [](const sim::Request&) { return sim::Response{.status = 202}; });
-  portal::SetPendingPairingCode("12345678");
+  enrolment::SetPendingPairingCode("12345678");
   EXPECT_EQ(Ask(kPerson, "{\"cmd\":\"pair.check\",\"code\":\" \\t\\u000b12345678\\r\\n\"}"),
             "{\"ok\":true,\"paired\":false}");
   for (const char* other : {"12345678", "[\"12345678\"]", "null"}) {

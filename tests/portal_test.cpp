@@ -1,7 +1,7 @@
 // The portal client, the device token, the check-in and what it leads to, against a portal in script, in virtual time.
-#include "portal/auth_client.h"
+#include "enrolment/auth_client.h"
+#include "enrolment/device_token.h"
 #include "portal/check_in.h"
-#include "portal/device_token.h"
 #include "portal/revocation.h"
 
 #include "json/parse.h"
@@ -38,7 +38,9 @@ class PortalTest : public test::CleanMachine {
   void Answer(const wchar_t* method, const wchar_t* path, const sim::Response& response) {
     portal_.On(method, path, [response](const sim::Request&) { return response; });
   }
-  static AuthReply Get() { return AuthRequest(L"GET", "/x", {}, "secret", kApiBodyLimit, kAcceptJson); }
+  static enrolment::AuthReply Get() {
+    return enrolment::AuthRequest(L"GET", "/x", {}, "secret", enrolment::kApiBodyLimit, enrolment::kAcceptJson);
+  }
 
   sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
   sim::ScriptedPortal portal_;
@@ -48,9 +50,9 @@ sim::Response Reply(DWORD status, std::string body = {}) { return {.status = sta
 
 TEST_F(PortalTest, RequestsCarryExactlyWhatTheyShould) {
   Answer(L"POST", L"/api/x", Reply(200, "ok"));
-  AuthRequest(L"POST", "/api/x", "{}", "tok", kApiBodyLimit, kAcceptJson);
+  enrolment::AuthRequest(L"POST", "/api/x", "{}", "tok", enrolment::kApiBodyLimit, enrolment::kAcceptJson);
   SetString(state::kStateKey, L"AuthBaseUrl", L"https://portal.test/base/");
-  AuthRequest(L"GET", "/api/y?q=%20", {}, {}, kApiBodyLimit, L"image/*");
+  enrolment::AuthRequest(L"GET", "/api/y?q=%20", {}, {}, enrolment::kApiBodyLimit, L"image/*");
   const auto requests = portal_.Requests();
   ASSERT_EQ(requests.size(), 2U);
   EXPECT_EQ(requests[0].host + requests[0].path, L"portal.test/api/x");
@@ -102,7 +104,7 @@ TEST_F(PortalTest, FailuresOfEachPhaseAreToldApart) {
   for (const auto& each : cases) {
     Answer(L"GET", L"/x", each.response);
     const std::uint64_t start = clock_.Elapsed();
-    const AuthReply reply = Get();
+    const enrolment::AuthReply reply = Get();
     EXPECT_EQ(reply.error, each.error);
     EXPECT_TRUE(reply.answered == 0 && reply.body.Empty()) << each.error;
     EXPECT_EQ(clock_.Elapsed() - start, each.after) << each.error;
@@ -175,7 +177,7 @@ TEST_F(PortalTest, BodiesEndAtTheLimitOrWithTheConnection) {
   Answer(L"GET", L"/x", {.body = std::string(200'000, 'x'), .chunk = 1000});
   EXPECT_EQ(Get().body.Get().size(), 66'000U);  // the chunk that crossed the limit is the last
   Answer(L"GET", L"/x", {.body = std::string(5000, 'x'), .chunk = 1000, .bodyError = ERROR_WINHTTP_CONNECTION_ERROR});
-  const AuthReply cut = Get();
+  const enrolment::AuthReply cut = Get();
   EXPECT_EQ(cut.body.Get().size(), 5000U);
   EXPECT_EQ(cut.answered, 1);
   EXPECT_EQ(cut.error, "");
@@ -185,10 +187,10 @@ TEST_F(PortalTest, TokenIsProtectedAndEndsWhatWasLeftOpen) {
   SetDword(state::kStateKey, L"TeardownPending", 1);
   {
     const sim::FaultPass pass;
-    ASSERT_TRUE(StoreDeviceToken("tok-123"));
+    ASSERT_TRUE(enrolment::StoreDeviceToken("tok-123"));
     EXPECT_TRUE(pass.Flushed(L"DeviceToken"));
   }
-  EXPECT_EQ(ReadDeviceToken().Get(), "tok-123");
+  EXPECT_EQ(enrolment::ReadDeviceToken().Get(), "tok-123");
   EXPECT_EQ(sim::ReadNumber(L"DataProtection", L"Flags"), CRYPTPROTECT_UI_FORBIDDEN | CRYPTPROTECT_LOCAL_MACHINE);
   EXPECT_FALSE(HasValue(state::kStateKey, L"TeardownPending"));
   const auto blob = state::ReadState(state::kDeviceToken);
@@ -196,10 +198,10 @@ TEST_F(PortalTest, TokenIsProtectedAndEndsWhatWasLeftOpen) {
   EXPECT_EQ(std::string(blob->bytes.begin(), blob->bytes.end()).find("tok-123"), std::string::npos);
 
   test::SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, "junk", 4);
-  EXPECT_TRUE(ReadDeviceToken().Empty());
+  EXPECT_TRUE(enrolment::ReadDeviceToken().Empty());
   EXPECT_EQ(test::CountLogged("ERROR cannot unprotect the device token (13)"), 1);
   test::SetString(state::kStateKey, L"DeviceToken", L"text");
-  EXPECT_TRUE(ReadDeviceToken().Empty());
+  EXPECT_TRUE(enrolment::ReadDeviceToken().Empty());
 }
 
 TEST_F(PortalTest, CheckInAnswersThatApplyNothing) {
@@ -226,7 +228,7 @@ TEST_F(PortalTest, CheckInAnswersThatApplyNothing) {
        DeviceStatus::kNone},
       {{.receiveError = ERROR_WINHTTP_CONNECTION_ERROR}, "WinHTTP error 12030", DeviceStatus::kNone},
   };
-  ASSERT_TRUE(StoreDeviceToken("tok"));
+  ASSERT_TRUE(enrolment::StoreDeviceToken("tok"));
   SetString(state::kStateKey, L"TerminalName", L"before");
   SetString(state::kStateKey, L"SignIn", L"before");
   SetString(state::kStateKey, L"UnknownSince", L"before");
@@ -258,7 +260,7 @@ TEST_F(PortalTest, CheckInAnswersThatApplyNothing) {
 }
 
 TEST_F(PortalTest, GoodCheckInIsTakenOverOnceAndSteadyOnesWriteNothing) {
-  ASSERT_TRUE(StoreDeviceToken("tok"));
+  ASSERT_TRUE(enrolment::StoreDeviceToken("tok"));
   SetString(state::kStateKey, L"UnknownSince", L"x");
   Answer(L"POST", kCheckInPath,
          Reply(200,
@@ -307,7 +309,7 @@ class RevocationTest : public PortalTest {
  protected:
   void SetUp() override {
     PortalTest::SetUp();
-    ASSERT_TRUE(StoreDeviceToken("tok-1"));
+    ASSERT_TRUE(enrolment::StoreDeviceToken("tok-1"));
   }
   static bool Handle(DeviceStatus status) {
     CheckInResult result;
@@ -364,7 +366,7 @@ TEST_F(RevocationTest, StampsThatTellNothingAreReplacedByNow) {
 
 // The terminal was paired again while an answer to its old token was on its way.
 TEST_F(RevocationTest, AnswersToAnOldTokenTouchNothing) {
-  ASSERT_TRUE(StoreDeviceToken("tok-2"));
+  ASSERT_TRUE(enrolment::StoreDeviceToken("tok-2"));
   EXPECT_TRUE(Handle(DeviceStatus::kRevoked));  // the first line makes the log's folders
   for (const bool stamped : {false, true}) {
     if (stamped) {
@@ -375,7 +377,7 @@ TEST_F(RevocationTest, AnswersToAnOldTokenTouchNothing) {
     EXPECT_FALSE(Handle(DeviceStatus::kUnknown));
     EXPECT_FALSE(Handle(DeviceStatus::kNone));
     EXPECT_EQ(pass.Count(), 0);
-    EXPECT_EQ(ReadDeviceToken().Get(), "tok-2");
+    EXPECT_EQ(enrolment::ReadDeviceToken().Get(), "tok-2");
   }
 }
 

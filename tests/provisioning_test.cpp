@@ -3,7 +3,7 @@
 #include "account/auto_logon.h"
 #include "account/kiosk_account.h"
 #include "account/winlogon.h"
-#include "portal/device_token.h"
+#include "enrolment/device_token.h"
 #include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/computer.h"
@@ -354,7 +354,7 @@ TEST_F(ProvisioningTest, GroupsAreFoundInEveryLanguage) {
 }
 
 TEST_F(ProvisioningTest, OnlyForTheEnrolmentThatAskedForItAndOnlyWhenNeeded) {
-  ASSERT_TRUE(portal::StoreDeviceToken("new"));
+  ASSERT_TRUE(enrolment::StoreDeviceToken("new"));
   EXPECT_EQ(ProvisionKioskAccount("old"), kNoLongerEnrolled);
   EXPECT_TRUE(sim::UserNames().empty());
   EXPECT_EQ(ProvisionIfNeeded("new"), "");

@@ -1,11 +1,11 @@
 // The service's own life, with the test in the place of the service manager.
 #include "service/service_main.h"
 
-#include "account/enrolment.h"
 #include "account/provisioning.h"
 #include "account/teardown.h"
 #include "branding/branding_folder.h"
-#include "portal/device_token.h"
+#include "enrolment/device_token.h"
+#include "enrolment/enrolment.h"
 #include "service/install.h"
 #include "sim/accounts.h"
 #include "sim/clock.h"
@@ -178,16 +178,16 @@ TEST(EnrolmentFaults, StoringTheTokenIsAllOrNothing) {
   const auto later = [] {
     const bool stored = state::TokenIsStored();
     account::FinishPendingRemoval();
-    EXPECT_EQ(portal::ReadDeviceToken().Get(), stored ? "tok-1" : "") << "the old removal took it";
+    EXPECT_EQ(enrolment::ReadDeviceToken().Get(), stored ? "tok-1" : "") << "the old removal took it";
     EXPECT_FALSE(stored && test::HasValue(state::kStateKey, L"UnknownSince")) << "of the token before";
-    EXPECT_EQ(account::StillEnrolled("tok-1"), stored);
-    EXPECT_TRUE(portal::StoreDeviceToken("tok-2"));
-    EXPECT_EQ(portal::ReadDeviceToken().Get(), "tok-2");
+    EXPECT_EQ(enrolment::StillEnrolled("tok-1"), stored);
+    EXPECT_TRUE(enrolment::StoreDeviceToken("tok-2"));
+    EXPECT_EQ(enrolment::ReadDeviceToken().Get(), "tok-2");
     EXPECT_EQ(test::StateNames(), std::set<std::wstring>{L"DeviceToken"});
   };
   sim::RunFaultScenario({.name = L"store the token",
                          .prepare = prepare,
-                         .run = [] { portal::StoreDeviceToken("tok-1"); },
+                         .run = [] { enrolment::StoreDeviceToken("tok-1"); },
                          .later = later});
 }
 

@@ -5,10 +5,10 @@
 #include "account/provisioning.h"
 #include "account/teardown.h"
 #include "account/winlogon.h"
+#include "enrolment/device_token.h"
 #include "json/serialise.h"
 #include "pipe/status.h"
 #include "portal/check_in.h"
-#include "portal/device_token.h"
 #include "portal/revocation.h"
 #include "sim/clock.h"
 #include "sim/computer.h"
@@ -33,7 +33,7 @@ std::string StartAndCheckIn() {
   account::TrimPrivilegedGroups();
   account::ApplyKioskPolicies();
   std::string answer = state::FlagIsOn(state::kMaintenance) ? "in maintenance, " : "";
-  const text::Secret token = portal::ReadDeviceToken();
+  const text::Secret token = enrolment::ReadDeviceToken();
   if (token.Empty()) {
     return answer + "not enrolled";
   }

@@ -3,15 +3,15 @@
 #include "account/teardown.h"
 
 #include "account/account_lock.h"
-#include "account/enrolment.h"
 #include "account/kiosk_account.h"
 #include "account/kiosk_profile.h"
 #include "account/kiosk_restart.h"
 #include "account/provisioning.h"
 #include "account/unlock_token.h"
 #include "account/winlogon.h"
-#include "portal/device_token.h"
-#include "portal/pairing_code.h"
+#include "enrolment/device_token.h"
+#include "enrolment/enrolment.h"
+#include "enrolment/pairing_code.h"
 #include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/computer.h"
@@ -65,7 +65,7 @@ TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
   const DWORD session = sim::SignIn(L"NorvaneKiosk");
   const text::Secret unlock = NewUnlockToken(session);
   ScheduleKioskRestart();
-  portal::SetPendingPairingCode("ABCD1234");
+  enrolment::SetPendingPairingCode("ABCD1234");
   {
     const sim::FaultPass pass;
     RemoveKioskMode(false, "because");
@@ -90,7 +90,7 @@ TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
   EXPECT_EQ(StateNames(), (std::set<std::wstring>{L"MaintenanceFailures", L"MaintenanceLockedUntil"}));
   EXPECT_FALSE(CheckUnlockToken(unlock.Get(), session));
   EXPECT_FALSE(KioskRestartPending());
-  EXPECT_EQ(portal::PendingPairingCode(), "");
+  EXPECT_EQ(enrolment::PendingPairingCode(), "");
   EXPECT_EQ(sim::OpenSessionBuffers() + sim::OpenNetBuffers() + sim::OpenLsaObjects(), 0);
   const std::vector<std::string> texts = test::LogTexts();
   EXPECT_EQ(std::vector<std::string>(texts.end() - 4, texts.end()),
@@ -212,7 +212,7 @@ TEST_F(TeardownTest, AMarkBesideATokenIsAnInterruptedOne) {
   SetDword(state::kStateKey, L"TeardownPending", 1);
   SetDword(state::kStateKey, L"TeardownSuperseded", 1);
   FinishPendingRemoval();  // the mark is older than the token
-  EXPECT_TRUE(StillEnrolled("tok-1"));
+  EXPECT_TRUE(enrolment::StillEnrolled("tok-1"));
   SetDword(state::kStateKey, L"TeardownSuperseded", 1);  // left over; no teardown of this enrolment is called off by it
   {
     const sim::FaultPass pass;

@@ -112,7 +112,7 @@ void PrepareOwnersPolicies() {
   RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane");
   RegDeleteTreeW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey);
   ASSERT_EQ(state::ProtectStateKey().what, nullptr);
-  ASSERT_TRUE(portal::StoreDeviceToken("tok"));
+  ASSERT_TRUE(enrolment::StoreDeviceToken("tok"));
   SetDword(state::kStateKey, L"PriorWuSetActiveHours", 0);  // left over from an earlier time
   OwnPolicies();
 }

@@ -2,8 +2,7 @@
 #include "service/worker.h"
 
 #include "account/winlogon.h"
-#include "portal/device_token.h"
-#include "portal/worker_wake.h"
+#include "enrolment/device_token.h"
 #include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/http.h"
@@ -14,6 +13,7 @@
 #include "tests/support/fixture.h"
 #include "win32/stop.h"
 #include "win32/thread.h"
+#include "win32/worker_wake.h"
 
 #include <optional>
 #include <utility>
@@ -33,7 +33,7 @@ class WorkerTest : public test::CleanMachine {
     SetString(state::kStateKey, L"AuthBaseUrl", L"http://portal.test");
     SetString(kUpdateKey, L"ClientInstallDir", L"C:\\Client");
     ASSERT_TRUE(win32::CreateStopEvent());
-    ASSERT_TRUE(portal::CreateWorkerWake());
+    ASSERT_TRUE(win32::CreateWorkerWake());
     portal_.On(L"POST", L"/api/kiosk/check-in", [this](const sim::Request&) {
       return sim::Response{.status = reachable_ ? status_ : 503, .body = answer_};
     });
@@ -43,7 +43,7 @@ class WorkerTest : public test::CleanMachine {
     EXPECT_EQ(WaitForSingleObject(thread_.Get(), 10'000), WAIT_OBJECT_0);
   }
 
-  void Enrol() { ASSERT_TRUE(portal::StoreDeviceToken("tok")); }
+  void Enrol() { ASSERT_TRUE(enrolment::StoreDeviceToken("tok")); }
   void StartWorker() {
     thread_ = win32::StartThread([]() noexcept { RunWorker(); });
   }
@@ -93,7 +93,7 @@ TEST_F(WorkerTest, WakeDuringABackOffIsActedOnAtOnce) {
   StartWorker();
   clock_.At(1'000'000, [this] {
     reachable_ = true;
-    portal::WakeWorker();
+    win32::WakeWorker();
   });
   clock_.RunUntil(1'040'000);
   EXPECT_EQ(CheckIns(), (Times{0, 30, 90, 210, 450, 930, 1000, 1030}));
@@ -163,7 +163,7 @@ TEST_F(WorkerTest, RevocationEndsTheEnrolmentAndWhatIsPendingIsRetried) {
   answer_ = R"({"status":"enrolled"})";
   clock_.At(7'200'000, [this] {
     Enrol();
-    portal::WakeWorker();
+    win32::WakeWorker();
   });
   clock_.RunUntil(7'201'000);
   EXPECT_EQ(CheckIns().back(), 7200U);

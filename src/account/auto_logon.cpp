@@ -1,9 +1,9 @@
 #include "account/auto_logon.h"
 
 #include "account/auto_logon_owner.h"
-#include "account/kiosk_session.h"
 #include "account/sign_in_secret.h"
 #include "account/winlogon.h"
+#include "enrolment/kiosk_session.h"
 #include "log/log.h"
 #include "state/kiosk_state.h"
 #include "state/made_keys.h"
@@ -138,9 +138,9 @@ void PutKioskNamesBack() {
     return;
   }
   if (WriteKioskNames()) {
-    log::Log(log::kNotice, log::kKiosk, "auto sign-in names %s again", kKioskUserText);
+    log::Log(log::kNotice, log::kKiosk, "auto sign-in names %s again", enrolment::kKioskUserText);
   } else {
-    log::Log(log::kError, log::kKiosk, "cannot name %s for auto sign-in", kKioskUserText);
+    log::Log(log::kError, log::kKiosk, "cannot name %s for auto sign-in", enrolment::kKioskUserText);
   }
 }
 
@@ -221,7 +221,8 @@ void RestoreAutoLogon() {
     log::Log(log::kNotice, log::kKiosk, "auto sign-in restored to what it was before enrolment");
   } else {
     log::Log(log::kWarn, log::kKiosk, "auto sign-in now names '%s', not %s; left as it is",
-             win32::ToNarrow(state::ReadString(kUserName.key, kUserName.name).value_or(L"")).c_str(), kKioskUserText);
+             win32::ToNarrow(state::ReadString(kUserName.key, kUserName.name).value_or(L"")).c_str(),
+             enrolment::kKioskUserText);
   }
   GiveUpOwnership();
 }

@@ -1,8 +1,8 @@
 #include "account/auto_logon_owner.h"
 
-#include "account/kiosk_session.h"
 #include "account/sign_in_secret.h"
 #include "account/winlogon.h"
+#include "enrolment/kiosk_session.h"
 #include "state/kiosk_state.h"
 #include "win32/wide_text.h"
 
@@ -13,11 +13,11 @@ namespace {
 
 std::wstring WinlogonText(const wchar_t* name) { return state::ReadString(kWinlogonKey, name).value_or(L""); }
 
-bool NamesKioskUser() { return win32::EqualIgnoringCase(WinlogonText(kDefaultUserName), kKioskUser); }
+bool NamesKioskUser() { return win32::EqualIgnoringCase(WinlogonText(kDefaultUserName), enrolment::kKioskUser); }
 
 // A computer that does not tell its name has nothing to compare with.
 bool NamesThisComputer() {
-  const std::wstring computer = ThisComputer();
+  const std::wstring computer = enrolment::ThisComputer();
   return computer.empty() || win32::EqualIgnoringCase(WinlogonText(kDefaultDomainName), computer);
 }
 
@@ -53,7 +53,7 @@ bool KioskNamesAreDue() {
 }
 
 bool WriteKioskNames() {
-  return WriteName(kDefaultUserName, kKioskUser) && WriteName(kDefaultDomainName, ThisComputer());
+  return WriteName(kDefaultUserName, enrolment::kKioskUser) && WriteName(kDefaultDomainName, enrolment::ThisComputer());
 }
 
 }  // namespace kiosk::account

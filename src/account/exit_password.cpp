@@ -1,10 +1,10 @@
 #include "account/exit_password.h"
 
-#include "account/enrolment.h"
 #include "account/kiosk_account.h"
+#include "enrolment/device_token.h"
+#include "enrolment/enrolment.h"
 #include "log/log.h"
 #include "portal/check_in.h"
-#include "portal/device_token.h"
 #include "portal/revocation.h"
 #include "state/kiosk_state.h"
 #include "text/secret.h"
@@ -129,7 +129,7 @@ std::string VerifyExitPassword(const std::string& password) {
   if (attempt.Refusal() != nullptr) {
     return attempt.Refusal();
   }
-  const text::Secret token = portal::ReadDeviceToken();
+  const text::Secret token = enrolment::ReadDeviceToken();
   if (token.Empty()) {
     return "not_enrolled";
   }
@@ -138,7 +138,7 @@ std::string VerifyExitPassword(const std::string& password) {
   }
   const portal::CheckInResult result = portal::CheckIn(token.Get());
   // Somebody else may have torn the terminal down while the portal was asked.
-  if (portal::HandleDeviceStatus(result, token.Get()) || !StillEnrolled(token.Get())) {
+  if (portal::HandleDeviceStatus(result, token.Get()) || !enrolment::StillEnrolled(token.Get())) {
     return "not_enrolled";
   }
   if (!result.error.empty()) {

@@ -1,6 +1,6 @@
 #include "account/kiosk_account.h"
 
-#include "account/kiosk_session.h"
+#include "enrolment/kiosk_session.h"
 #include "log/log.h"
 #include "state/kiosk_state.h"
 #include "win32/clock.h"
@@ -22,10 +22,10 @@ constexpr DWORD kNameLength = 256;
 // What Windows knows of the kiosk's user, in the record of that level.
 NET_API_STATUS UserInfo(DWORD level, win32::NetBuffer& record) {
   BYTE* raw = nullptr;
-  const NET_API_STATUS status = NetUserGetInfo(nullptr, kKioskUser, level, &raw);
+  const NET_API_STATUS status = NetUserGetInfo(nullptr, enrolment::kKioskUser, level, &raw);
   record.Reset(raw);
   if (status != NERR_Success && status != NERR_UserNotFound) {
-    log::Log(log::kError, log::kKiosk, "NetUserGetInfo(%s) failed (%lu)", kKioskUserText, status);
+    log::Log(log::kError, log::kKiosk, "NetUserGetInfo(%s) failed (%lu)", enrolment::kKioskUserText, status);
   }
   return status;
 }
@@ -104,7 +104,7 @@ void TrimPrivilegedGroups() {
     const NET_API_STATUS status =
         NetLocalGroupDelMembers(nullptr, name.c_str(), 0, reinterpret_cast<BYTE*>(&member), 1);
     if (status == NERR_Success) {
-      log::Log(log::kWarn, log::kKiosk, "removed %s from %s", win32::ToNarrow(kKioskUser).c_str(),
+      log::Log(log::kWarn, log::kKiosk, "removed %s from %s", win32::ToNarrow(enrolment::kKioskUser).c_str(),
                win32::ToNarrow(name).c_str());
     } else if (status != ERROR_NO_SUCH_ALIAS && status != ERROR_MEMBER_NOT_IN_ALIAS && status != NERR_GroupNotFound) {
       log::Log(log::kError, log::kKiosk, "cannot check %s membership (%lu)", win32::ToNarrow(name).c_str(), status);

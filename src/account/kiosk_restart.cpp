@@ -1,6 +1,6 @@
 #include "account/kiosk_restart.h"
 
-#include "account/kiosk_session.h"
+#include "enrolment/kiosk_session.h"
 #include "log/log.h"
 #include "win32/clock.h"
 #include "win32/lock.h"
@@ -46,7 +46,7 @@ void RestartWhenDue() {
   win32::LockGuard guard(restartLock);
   const bool maintenance = afterMaintenance;
   guard.Unlock();
-  if (maintenance && !NobodyIsSignedIn()) {
+  if (maintenance && !enrolment::NobodyIsSignedIn()) {
     CallOffRestartAfterMaintenance();
   } else {
     RestartNow(maintenance ? "maintenance was cut short" : "enrolled");

@@ -3,14 +3,14 @@
 #include "account/account_lock.h"
 #include "account/auto_logon.h"
 #include "account/auto_logon_owner.h"
-#include "account/enrolment.h"
 #include "account/exit_password.h"
 #include "account/kiosk_account.h"
 #include "account/kiosk_restart.h"
-#include "account/kiosk_session.h"
 #include "account/unlock_token.h"
+#include "enrolment/device_token.h"
+#include "enrolment/enrolment.h"
+#include "enrolment/kiosk_session.h"
 #include "log/log.h"
-#include "portal/device_token.h"
 #include "state/kiosk_state.h"
 #include "text/secret.h"
 #include "win32/clock.h"
@@ -81,18 +81,18 @@ void EndAfterSignOut() noexcept {
 
 json::Value EnterMaintenance(const std::string& password, const std::string& unlockToken, DWORD session,
                              json::PostReplyAction& afterReply) {
-  const text::Secret token = portal::ReadDeviceToken();
+  const text::Secret token = enrolment::ReadDeviceToken();
   if (const std::string code = Admit(password, unlockToken, session); !code.empty()) {
     return json::ErrorReply(code);
   }
   DropUnlock();
   const win32::LockGuard guard(AccountLock());
   // While the portal was asked, or the lock was waited for, the terminal may have been torn down.
-  if (!StillEnrolled(token.Get())) {
+  if (!enrolment::StillEnrolled(token.Get())) {
     return json::ErrorReply("not_enrolled");
   }
   BeginMaintenance();
-  afterReply = [] { LogOffKioskSessions(false); };
+  afterReply = [] { enrolment::LogOffKioskSessions(false); };
   return json::OkReply();
 }
 
@@ -126,7 +126,8 @@ void EndMaintenanceOfEarlierBoot() {
     return;
   }
   // Durably over, or every start would end in a restart.
-  if (state::FlushStateKey() && state::FlagIsOn(state::kProvisioned) && AutoLogonNamesKiosk() && NobodyIsSignedIn()) {
+  if (state::FlushStateKey() && state::FlagIsOn(state::kProvisioned) && AutoLogonNamesKiosk() &&
+      enrolment::NobodyIsSignedIn()) {
     ScheduleRestartAfterMaintenance();
   }
 }
@@ -140,7 +141,7 @@ void RememberAdministratorSessions() {
   if (!state::FlagIsOn(state::kMaintenance)) {
     return;
   }
-  const std::vector<DWORD> sessions = OtherUsersSessions().value_or(std::vector<DWORD>());
+  const std::vector<DWORD> sessions = enrolment::OtherUsersSessions().value_or(std::vector<DWORD>());
   const win32::LockGuard guard(sessionsLock);
   AdministratorSessions().insert(sessions.begin(), sessions.end());
 }
@@ -154,7 +155,7 @@ void OnSessionChange(DWORD event, DWORD session) {
   if (session == 0 || !state::FlagIsOn(state::kMaintenance)) {
     return;
   }
-  if (event == WTS_SESSION_LOGON && !IsKioskSession(session)) {
+  if (event == WTS_SESSION_LOGON && !enrolment::IsKioskSession(session)) {
     const win32::LockGuard guard(sessionsLock);
     AdministratorSessions().insert(session);
   } else if (event == WTS_SESSION_LOGOFF) {

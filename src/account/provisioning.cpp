@@ -3,13 +3,13 @@
 #include "account/account_lock.h"
 #include "account/auto_logon.h"
 #include "account/auto_logon_owner.h"
-#include "account/enrolment.h"
 #include "account/kiosk_account.h"
 #include "account/kiosk_profile.h"
-#include "account/kiosk_session.h"
 #include "account/password.h"
 #include "account/sign_in_secret.h"
 #include "account/winlogon.h"
+#include "enrolment/enrolment.h"
+#include "enrolment/kiosk_session.h"
 #include "lockdown/kiosk_policies.h"
 #include "log/log.h"
 #include "state/kiosk_state.h"
@@ -44,7 +44,7 @@ constexpr Outcome kWell{};
 wchar_t* Unchanged(const wchar_t* text) { return const_cast<wchar_t*>(text); }
 
 DWORD SetUserInfo(DWORD level, void* info) {
-  return NetUserSetInfo(nullptr, kKioskUser, level, static_cast<BYTE*>(info), nullptr);
+  return NetUserSetInfo(nullptr, enrolment::kKioskUser, level, static_cast<BYTE*>(info), nullptr);
 }
 
 bool WriteMachineDword(const wchar_t* key, const wchar_t* name, DWORD number) {
@@ -59,7 +59,7 @@ bool AutoLogonInUse() {
   const auto text = state::ReadString(kWinlogonKey, kAutoAdminLogon);
   const bool on = text ? *text == L"1" : state::ReadDword(kWinlogonKey, kAutoAdminLogon) == DWORD{1};
   const std::wstring user = state::ReadString(kWinlogonKey, kDefaultUserName).value_or(L"");
-  return on && !user.empty() && !win32::EqualIgnoringCase(user, kKioskUser);
+  return on && !user.empty() && !win32::EqualIgnoringCase(user, enrolment::kKioskUser);
 }
 
 // From here on the account is this service's, whatever happens.
@@ -70,7 +70,7 @@ bool RecordAccount(const std::wstring& sid) {
 
 // An account that cannot be recorded would be a stranger's in the next run.
 void TakeAccountBack() {
-  const NET_API_STATUS status = NetUserDel(nullptr, kKioskUser);
+  const NET_API_STATUS status = NetUserDel(nullptr, enrolment::kKioskUser);
   if (status == NERR_Success || status == NERR_UserNotFound) {
     state::DeleteStateValue(state::kAccountSid);
     state::DeleteStateValue(state::kAccountCreating);
@@ -84,7 +84,7 @@ Outcome CreateAccount(const Password& password, std::wstring& sid) {
     return {"state_write_failed"};
   }
   USER_INFO_1 user{};
-  user.usri1_name = Unchanged(kKioskUser);
+  user.usri1_name = Unchanged(enrolment::kKioskUser);
   user.usri1_password = Unchanged(password.Get());
   user.usri1_priv = USER_PRIV_USER;
   user.usri1_flags = kAccountFlags;
@@ -100,7 +100,7 @@ Outcome CreateAccount(const Password& password, std::wstring& sid) {
     TakeAccountBack();
     return {"state_write_failed"};
   }
-  log::Log(log::kNotice, log::kKiosk, "created %s (%s)", kKioskUserText, win32::ToNarrow(sid).c_str());
+  log::Log(log::kNotice, log::kKiosk, "created %s (%s)", enrolment::kKioskUserText, win32::ToNarrow(sid).c_str());
   return kWell;
 }
 
@@ -180,7 +180,7 @@ bool JoinUsers(const std::wstring& sidText) {
   if (status == NERR_Success || status == ERROR_MEMBER_IN_ALIAS) {
     return true;
   }
-  log::Log(log::kError, log::kKiosk, "cannot add %s to Users (%lu)", kKioskUserText, status);
+  log::Log(log::kError, log::kKiosk, "cannot add %s to Users (%lu)", enrolment::kKioskUserText, status);
   return false;
 }
 
@@ -229,7 +229,7 @@ void HideFastUserSwitching() {
 Outcome LockDown(const std::wstring& sid, const std::wstring& client) {
   for (bool again = false;; again = true) {
     std::array<wchar_t, kPathLength> path{};
-    const HRESULT created = CreateProfile(sid.c_str(), kKioskUser, path.data(), kPathLength);
+    const HRESULT created = CreateProfile(sid.c_str(), enrolment::kKioskUser, path.data(), kPathLength);
     if (FAILED(created) && created != HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS)) {
       return {"profile_failed", static_cast<DWORD>(created)};
     }
@@ -237,7 +237,7 @@ Outcome LockDown(const std::wstring& sid, const std::wstring& client) {
     if (result == lockdown::PolicyResult::kDone) {
       return kWell;
     }
-    if (result != lockdown::PolicyResult::kNoHive || again || !KioskHasNoSession()) {
+    if (result != lockdown::PolicyResult::kNoHive || again || !enrolment::KioskHasNoSession()) {
       return {"hive_failed"};
     }
     log::Log(log::kWarn, log::kKiosk, "the kiosk profile has no usable registry; making it anew");
@@ -304,8 +304,8 @@ std::string Provision() {
     return outcome.code;
   }
   log::Log(log::kNotice, log::kKiosk,
-           "provisioned: %s signs in at startup into %s\\NorvaneTessalyClient.exe --kiosk-shell", kKioskUserText,
-           win32::ToNarrow(client).c_str());
+           "provisioned: %s signs in at startup into %s\\NorvaneTessalyClient.exe --kiosk-shell",
+           enrolment::kKioskUserText, win32::ToNarrow(client).c_str());
   return {};
 }
 
@@ -327,7 +327,7 @@ std::string ProvisionUnderLock(const std::string& tokenUsed, bool onlyIfNeeded) 
   if (!others.MayGoOn()) {
     return "state_write_failed";
   }
-  if (!tokenUsed.empty() && !StillEnrolled(tokenUsed)) {
+  if (!tokenUsed.empty() && !enrolment::StillEnrolled(tokenUsed)) {
     return kNoLongerEnrolled;
   }
   return onlyIfNeeded && IsProvisionedOrUnknown() ? std::string() : Provision();

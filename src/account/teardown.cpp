@@ -2,18 +2,18 @@
 
 #include "account/account_lock.h"
 #include "account/auto_logon.h"
-#include "account/enrolment.h"
 #include "account/kiosk_account.h"
 #include "account/kiosk_profile.h"
 #include "account/kiosk_restart.h"
-#include "account/kiosk_session.h"
 #include "account/unlock_token.h"
 #include "account/winlogon.h"
 #include "branding/branding_folder.h"
+#include "enrolment/device_token.h"
+#include "enrolment/enrolment.h"
+#include "enrolment/kiosk_session.h"
+#include "enrolment/pairing_code.h"
 #include "log/log.h"
 #include "network/network.h"
-#include "portal/device_token.h"
-#include "portal/pairing_code.h"
 #include "power/power_scheme.h"
 #include "proxy/proxy.h"
 #include "state/kiosk_state.h"
@@ -39,12 +39,12 @@ void MarkPending() {
 }
 
 bool DeleteKioskUser() {
-  const NET_API_STATUS status = NetUserDel(nullptr, kKioskUser);
+  const NET_API_STATUS status = NetUserDel(nullptr, enrolment::kKioskUser);
   if (status != NERR_Success && status != NERR_UserNotFound) {
-    log::Log(log::kError, log::kKiosk, "cannot delete %s (%lu)", kKioskUserText, status);
+    log::Log(log::kError, log::kKiosk, "cannot delete %s (%lu)", enrolment::kKioskUserText, status);
     return false;
   }
-  log::Log(log::kNotice, log::kKiosk, "deleted %s", kKioskUserText);
+  log::Log(log::kNotice, log::kKiosk, "deleted %s", enrolment::kKioskUserText);
   return true;
 }
 
@@ -120,7 +120,7 @@ void TearDown(bool deleteStateKey, const char* reason) {
   log::Log(log::kWarn, log::kKiosk, "removing kiosk mode: %s", reason);
   CancelKioskRestart();
   DropUnlock();
-  { const win32::LockGuard answersThatAreBeingWritten(ReplyLock()); }
+  { const win32::LockGuard answersThatAreBeingWritten(enrolment::ReplyLock()); }
   RestoreAutoLogon();
   RestoreFastUserSwitching();
   state::DeleteMadeKeys(state::kMadeSignInKeys);  // the policy above is in one of them
@@ -164,8 +164,8 @@ void RetryStaleProfiles() {
 }
 
 void ForgetPairing() {
-  const win32::LockGuard guard(portal::PairingLock());
-  portal::SetPendingPairingCode({});
+  const win32::LockGuard guard(enrolment::PairingLock());
+  enrolment::SetPendingPairingCode({});
 }
 
 }  // namespace
@@ -178,10 +178,10 @@ bool DeleteKioskAccount(const std::wstring& recordedSid) {
   }
   const bool ours = found == AccountLookup::kPresent && win32::EqualIgnoringCase(sid, recordedSid);
   if (found == AccountLookup::kPresent && !ours) {
-    log::Log(log::kWarn, log::kKiosk, "the local %s is not the recorded account %s; left alone", kKioskUserText,
-             win32::ToNarrow(recordedSid).c_str());
+    log::Log(log::kWarn, log::kKiosk, "the local %s is not the recorded account %s; left alone",
+             enrolment::kKioskUserText, win32::ToNarrow(recordedSid).c_str());
   }
-  if (ours && !LogOffKioskSessions(true)) {
+  if (ours && !enrolment::LogOffKioskSessions(true)) {
     return false;
   }
   const bool profileGone = DeleteKioskProfile(recordedSid);
@@ -192,7 +192,7 @@ void RemoveKioskMode(bool deleteStateKey, const char* reason, const std::string*
   {
     const win32::LockGuard guard(AccountLock());
     const CrossProcessGuard others;
-    if (!others.MayGoOn() || (onlyIfToken != nullptr && portal::ReadDeviceToken().Get() != *onlyIfToken)) {
+    if (!others.MayGoOn() || (onlyIfToken != nullptr && enrolment::ReadDeviceToken().Get() != *onlyIfToken)) {
       return;
     }
     TearDown(deleteStateKey, reason);
@@ -221,7 +221,7 @@ void FinishPendingRemoval() {
     } else if (RemoveAccount()) {
       branding::RemoveBranding();
       ForgetRemovedAccount();
-      log::Log(log::kNotice, log::kKiosk, "the pending removal of %s finished", kKioskUserText);
+      log::Log(log::kNotice, log::kKiosk, "the pending removal of %s finished", enrolment::kKioskUserText);
     }
   }
   if (interrupted) {

@@ -1,11 +1,11 @@
 #include "branding/branding_cache.h"
 
-#include "account/enrolment.h"
 #include "branding/branding_folder.h"
 #include "branding/branding_record.h"
+#include "enrolment/auth_client.h"
+#include "enrolment/enrolment.h"
 #include "json/serialise.h"
 #include "log/log.h"
-#include "portal/auth_client.h"
 #include "win32/clock.h"
 #include "win32/hash.h"
 #include "win32/stop.h"
@@ -80,7 +80,7 @@ class Run {
   // Nothing is changed unless the terminal is still what it was when it checked in.
   bool Enter() {
     lock_.emplace(FolderLock());
-    return !win32::StopRequested() && account::StillEnrolled(token_);
+    return !win32::StopRequested() && enrolment::StillEnrolled(token_);
   }
   void Leave() {
     folders_.reset();
@@ -147,9 +147,9 @@ class Run {
   bool Fetch(Known& photo) {
     ResetEvent(DownloadEnd());
     Leave();
-    const portal::AuthReply reply =
-        portal::AuthRequest(L"GET", "/api/kiosk/branding/photos/" + photo.digest, {}, token_, kMaxPhotoSize,
-                            portal::kAcceptImage, kPhotoDeadline, DownloadEnd());
+    const enrolment::AuthReply reply =
+        enrolment::AuthRequest(L"GET", "/api/kiosk/branding/photos/" + photo.digest, {}, token_, kMaxPhotoSize,
+                               enrolment::kAcceptImage, kPhotoDeadline, DownloadEnd());
     if (!Enter() || !folders_.emplace().Hold()) {
       return false;
     }
@@ -167,7 +167,7 @@ class Run {
     return true;
   }
 
-  static std::string ProblemOf(const portal::AuthReply& reply, const std::string& digest) {
+  static std::string ProblemOf(const enrolment::AuthReply& reply, const std::string& digest) {
     const std::string& bytes = reply.body.Get();
     if (reply.answered == 0) {
       return reply.error;
@@ -210,7 +210,7 @@ class Run {
         return;
       }
     }
-    if (account::StillEnrolled(token_) && WriteCached(path, text)) {
+    if (enrolment::StillEnrolled(token_) && WriteCached(path, text)) {
       log::Log(log::kNotice, log::kKiosk, "branding: \"%s\" with %zu photo(s)",
                json::Member(*branding_, "displayName").text().c_str(),
                json::Member(*branding_, "photos").items().size());
@@ -226,9 +226,9 @@ class Run {
 
 }  // namespace
 
-void ApplyBranding(const portal::CheckInResult& checkIn, const std::string& token) {
+void ApplyBranding(const json::Value& branding, const std::string& tenantId, const std::string& token) {
   const win32::LockGuard guard(runLock);
-  Run(NormaliseBranding(checkIn.branding, checkIn.tenantId), token).Go();
+  Run(NormaliseBranding(branding, tenantId), token).Go();
 }
 
 }  // namespace kiosk::branding

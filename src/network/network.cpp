@@ -6,9 +6,9 @@
 #include "network/change_record.h"
 #include "network/trial.h"
 #include "network/turn.h"
-#include "portal/worker_wake.h"
 #include "state/kiosk_state.h"
 #include "win32/wide_text.h"
+#include "win32/worker_wake.h"
 
 #include <atomic>
 
@@ -70,7 +70,7 @@ json::Value Set(Adapter& adapter, const Request& request) {
   if ((!done && !MakeChange(adapter, request.settings)) || !Conclude(record, request.keep)) {
     if (PutBack(record, true, true) != PutBackResult::kOver) {
       log::Log(log::kError, log::kKiosk, "net.set: %s is not as it was before; trying again until it is", name.c_str());
-      portal::WakeWorker();
+      win32::WakeWorker();
     }
     return json::ErrorReply("failed");
   }

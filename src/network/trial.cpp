@@ -3,8 +3,8 @@
 #include "log/log.h"
 #include "network/change_record.h"
 #include "network/turn.h"
-#include "portal/worker_wake.h"
 #include "win32/wide_text.h"
+#include "win32/worker_wake.h"
 
 #include <algorithm>
 #include <atomic>
@@ -75,7 +75,7 @@ void NoteAnswer(unsigned madeBefore, int status) {
 void BeginTrial(const std::wstring& adapter) {
   TrialOf(adapter) = {adapter, RunningTime(), true, 0};
   ++changesMade;
-  portal::WakeWorker();
+  win32::WakeWorker();
 }
 
 bool TrialIsOver(const std::wstring& adapter, bool linkUp) {

@@ -1,9 +1,9 @@
 #include "pipe/dispatch.h"
 
 #include "account/kiosk_restart.h"
-#include "account/kiosk_session.h"
 #include "account/maintenance.h"
 #include "account/unlock.h"
+#include "enrolment/kiosk_session.h"
 #include "json/parse.h"
 #include "log/log.h"
 #include "network/network.h"
@@ -40,7 +40,7 @@ constexpr CallerClass kInteractivePerson{
     "the caller is not an interactive user other than the kiosk account"};
 constexpr CallerClass kKioskSession{[](const CallerRecord& caller) {
                                       return caller.isKioskAccount && caller.sessionId != 0 &&
-                                             account::IsKioskSession(caller.sessionId);
+                                             enrolment::IsKioskSession(caller.sessionId);
                                     },
                                     "the caller is not the kiosk account in its own session"};
 

@@ -1,6 +1,6 @@
 #include "pipe/status.h"
 
-#include "account/kiosk_session.h"
+#include "enrolment/kiosk_session.h"
 #include "json/reply.h"
 #include "portal/sign_in_store.h"
 #include "state/kiosk_state.h"
@@ -14,7 +14,7 @@ namespace {
 
 bool ComesFromKioskSession(HANDLE pipe) {
   ULONG sessionId = 0;
-  return GetNamedPipeClientSessionId(pipe, &sessionId) != 0 && sessionId != 0 && account::IsKioskSession(sessionId);
+  return GetNamedPipeClientSessionId(pipe, &sessionId) != 0 && sessionId != 0 && enrolment::IsKioskSession(sessionId);
 }
 
 std::string StateText(const state::StateValue& value) { return win32::ToNarrow(state::ReadStateString(value)); }
@@ -28,7 +28,7 @@ json::Value StatusReport(HANDLE pipe) {
   reply.Set("provisioned", provisioned);
   reply.Set("kioskSession", provisioned && ComesFromKioskSession(pipe));
   reply.Set("maintenance", state::FlagIsOn(state::kMaintenance));
-  reply.Set("account", win32::ToNarrow(account::kKioskUser));
+  reply.Set("account", win32::ToNarrow(enrolment::kKioskUser));
   reply.Set("terminalName", StateText(state::kTerminalName));
   reply.Set("signIn", portal::LoadSignIn());
   std::string lastError = StateText(state::kLastError);

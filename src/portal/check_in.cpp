@@ -1,10 +1,10 @@
 #include "portal/check_in.h"
 
-#include "account/enrolment.h"
+#include "enrolment/auth_client.h"
+#include "enrolment/enrolment.h"
 #include "json/parse.h"
 #include "json/serialise.h"
 #include "log/log.h"
-#include "portal/auth_client.h"
 #include "portal/sign_in_methods.h"
 #include "power/policy_store.h"
 #include "state/kiosk_state.h"
@@ -38,7 +38,7 @@ std::string RequestBody() {
   return json::Serialise(body);
 }
 
-void ReadRefusal(const AuthReply& reply, CheckInResult& result) {
+void ReadRefusal(const enrolment::AuthReply& reply, CheckInResult& result) {
   const std::optional<json::Value> body = json::Parse(reply.body.Get());
   std::string status = body ? json::Member(*body, "status").text() : std::string();
   status.resize(text::CutLength(status, kMaxStatusText));
@@ -81,8 +81,8 @@ void ApplyName(const json::Value& reply) {
 
 void Apply(const json::Value& reply, const std::string& token, CheckInResult& result) {
   // Two check-ins may be on their way at once (a pairing's own and the worker's): each compares and writes as a whole.
-  const win32::LockGuard guard(account::ReplyLock());
-  if (!account::StillEnrolled(token)) {
+  const win32::LockGuard guard(enrolment::ReplyLock());
+  if (!enrolment::StillEnrolled(token)) {
     result.error = kNoLongerEnrolled;
     return;
   }
@@ -100,7 +100,8 @@ void Apply(const json::Value& reply, const std::string& token, CheckInResult& re
 
 CheckInResult CheckIn(const std::string& token) {
   CheckInResult result;
-  const AuthReply reply = AuthRequest(L"POST", "/api/kiosk/check-in", RequestBody(), token, kApiBodyLimit, kAcceptJson);
+  const enrolment::AuthReply reply = enrolment::AuthRequest(L"POST", "/api/kiosk/check-in", RequestBody(), token,
+                                                            enrolment::kApiBodyLimit, enrolment::kAcceptJson);
   if (reply.answered == 0) {
     result.error = reply.error;
     return result;

@@ -1,22 +1,22 @@
 #include "portal/pairing.h"
 
 #include "account/account_lock.h"
-#include "account/enrolment.h"
 #include "account/kiosk_restart.h"
 #include "account/provisioning.h"
+#include "enrolment/auth_client.h"
+#include "enrolment/device_token.h"
+#include "enrolment/enrolment.h"
+#include "enrolment/pairing_code.h"
 #include "json/parse.h"
 #include "json/reply.h"
 #include "json/serialise.h"
 #include "log/log.h"
-#include "portal/auth_client.h"
 #include "portal/check_in.h"
-#include "portal/device_token.h"
-#include "portal/pairing_code.h"
 #include "portal/revocation.h"
-#include "portal/worker_wake.h"
 #include "state/kiosk_state.h"
 #include "state/os_version.h"
 #include "win32/wide_text.h"
+#include "win32/worker_wake.h"
 
 #include <algorithm>
 #include <array>
@@ -93,13 +93,13 @@ json::Value StillWaiting(bool unreachable) {
 
 bool Store(const text::Secret& token) {
   const win32::LockGuard guard(account::AccountLock());
-  return StoreDeviceToken(token.Get());
+  return enrolment::StoreDeviceToken(token.Get());
 }
 
 // A teardown may have come at any moment since; under its lock there is no doubt, and it cancels what is scheduled.
 bool RestartIfStillEnrolled(const std::string& token) {
   const win32::LockGuard guard(account::AccountLock());
-  const bool enrolled = account::StillEnrolled(token);
+  const bool enrolled = enrolment::StillEnrolled(token);
   if (enrolled) {
     account::ScheduleKioskRestart();
   }
@@ -108,7 +108,7 @@ bool RestartIfStillEnrolled(const std::string& token) {
 
 // What becomes of the terminal that holds a fresh token, after its first check-in. The caller holds no lock.
 json::Value Enrolled(const text::Secret& token, const CheckInResult& checkIn) {
-  if (HandleDeviceStatus(checkIn, token.Get()) || !account::StillEnrolled(token.Get())) {
+  if (HandleDeviceStatus(checkIn, token.Get()) || !enrolment::StillEnrolled(token.Get())) {
     return json::ErrorReply("revoked");
   }
   json::Value reply = json::OkReply();
@@ -120,7 +120,7 @@ json::Value Enrolled(const text::Secret& token, const CheckInResult& checkIn) {
   }
   const std::string problem = account::ProvisionKioskAccount(token.Get());
   if (!problem.empty()) {
-    return json::ErrorReply(account::StillEnrolled(token.Get()) ? problem : "revoked");
+    return json::ErrorReply(enrolment::StillEnrolled(token.Get()) ? problem : "revoked");
   }
   if (!RestartIfStillEnrolled(token.Get())) {
     return json::ErrorReply("revoked");
@@ -133,9 +133,9 @@ json::Value Enrolled(const text::Secret& token, const CheckInResult& checkIn) {
 
 // Takes the token out of the portal's answer and stores it; returns the error code, empty on success. The caller holds
 // the pairing lock.
-std::string Claim(const AuthReply& answer, text::Secret& token) {
+std::string Claim(const enrolment::AuthReply& answer, text::Secret& token) {
   std::optional<json::Value> body = json::Parse(answer.body.Get());
-  SetPendingPairingCode({});
+  enrolment::SetPendingPairingCode({});
   token = text::Secret(body ? json::Member(*body, "deviceToken").text() : std::string());
   if (body) {
     body->Wipe();
@@ -147,7 +147,7 @@ std::string Claim(const AuthReply& answer, text::Secret& token) {
     return "token_store_failed";
   }
   log::Log(log::kNotice, log::kKiosk, "paired: device token held");
-  WakeWorker();
+  win32::WakeWorker();
   return {};
 }
 
@@ -157,7 +157,8 @@ json::Value PairBegin() {
   if (state::TokenIsStored()) {
     return json::ErrorReply("already_enrolled");
   }
-  const AuthReply answer = AuthRequest(L"POST", "/api/kiosk/pair", RequestBody(), {}, kApiBodyLimit, kAcceptJson);
+  const enrolment::AuthReply answer = enrolment::AuthRequest(L"POST", "/api/kiosk/pair", RequestBody(), {},
+                                                             enrolment::kApiBodyLimit, enrolment::kAcceptJson);
   if (answer.answered == 0) {
     log::Log(log::kWarn, log::kKiosk, "pairing: AuthSystem unreachable (%s)", answer.error.c_str());
     return json::ErrorReply("unreachable");
@@ -172,12 +173,12 @@ json::Value PairBegin() {
     return json::ErrorReply("server_error");
   }
   {
-    const win32::LockGuard guard(PairingLock());
+    const win32::LockGuard guard(enrolment::PairingLock());
     // Another connection may have completed a pairing while this one waited for its code.
     if (state::TokenIsStored()) {
       return json::ErrorReply("already_enrolled");
     }
-    SetPendingPairingCode(code);
+    enrolment::SetPendingPairingCode(code);
   }
   state::RecordLastError({});
   log::Log(log::kNotice, log::kKiosk, "pairing started");
@@ -189,14 +190,15 @@ json::Value PairBegin() {
 
 json::Value PairCheck(const std::string& code) {
   // Of many that wait here during a stop, none begins a request: the client itself sees to that.
-  win32::LockGuard guard(PairingLock());
-  if (!IsAnswerableCode(code) || PendingPairingCode() != code) {
+  win32::LockGuard guard(enrolment::PairingLock());
+  if (!IsAnswerableCode(code) || enrolment::PendingPairingCode() != code) {
     return json::ErrorReply("unknown_code");
   }
   if (state::TokenIsStored()) {
     return json::ErrorReply("already_enrolled");
   }
-  const AuthReply answer = AuthRequest(L"GET", "/api/kiosk/pair/" + code, {}, {}, kApiBodyLimit, kAcceptJson);
+  const enrolment::AuthReply answer = enrolment::AuthRequest(L"GET", "/api/kiosk/pair/" + code, {}, {},
+                                                             enrolment::kApiBodyLimit, enrolment::kAcceptJson);
   if (answer.answered == 0 || answer.status >= 500) {
     return StillWaiting(true);
   }
@@ -205,10 +207,10 @@ json::Value PairCheck(const std::string& code) {
       return StillWaiting(false);
     case 404:
     case 410:
-      SetPendingPairingCode({});
+      enrolment::SetPendingPairingCode({});
       return json::ErrorReply("expired");
     case 409:
-      SetPendingPairingCode({});
+      enrolment::SetPendingPairingCode({});
       return json::ErrorReply("claimed");
     case 200:
       break;

@@ -1,7 +1,7 @@
 #include "portal/revocation.h"
 
-#include "account/enrolment.h"
 #include "account/teardown.h"
+#include "enrolment/enrolment.h"
 #include "log/log.h"
 #include "state/kiosk_state.h"
 #include "win32/clock.h"
@@ -16,8 +16,8 @@ constexpr std::uint64_t kToleratedUnknown = std::uint64_t{24} * 3600 * win32::kF
 // True when the token has been unknown for too long. The first time, and instead of a stamp that lies in the future
 // because the clock was set back, the moment is noted down.
 bool UnknownForTooLong(const std::string& tokenUsed) {
-  const win32::LockGuard guard(account::ReplyLock());
-  if (!account::StillEnrolled(tokenUsed)) {
+  const win32::LockGuard guard(enrolment::ReplyLock());
+  if (!enrolment::StillEnrolled(tokenUsed)) {
     return false;
   }
   const std::uint64_t now = win32::FileTimeNow();

@@ -1,6 +1,6 @@
 #include "power/power_commands.h"
 
-#include "account/enrolment.h"
+#include "enrolment/enrolment.h"
 #include "json/reply.h"
 #include "log/log.h"
 #include "power/policy_store.h"
@@ -21,7 +21,7 @@ constexpr char kInvalid[] = "invalid";
 std::string ClearOverride() {
   {
     const win32::LockGuard guard(PowerLock());
-    if (!account::IsEnrolled()) {
+    if (!enrolment::IsEnrolled()) {
       return kNotEnrolled;
     }
     // Before the override goes: until then it is in force, and what is cut short here is begun anew.
@@ -54,7 +54,7 @@ std::string Change(const json::Value& request, PowerPolicy& policy) {
 // From the policy in force to the new one under one lock, or two requests at once would undo each other's schedule.
 std::string Override(const json::Value& request) {
   const win32::LockGuard guard(PowerLock());
-  if (!account::IsEnrolled()) {
+  if (!enrolment::IsEnrolled()) {
     return kNotEnrolled;
   }
   PowerPolicy policy;
@@ -71,7 +71,7 @@ std::string Override(const json::Value& request) {
 }
 
 std::string Set(const json::Value& request) {
-  if (!account::IsEnrolled()) {
+  if (!enrolment::IsEnrolled()) {
     return kNotEnrolled;
   }
   const json::Value& useOrganisation = json::Member(request, "useOrganisation");

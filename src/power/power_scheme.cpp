@@ -1,6 +1,6 @@
 #include "power/power_scheme.h"
 
-#include "account/enrolment.h"
+#include "enrolment/enrolment.h"
 #include "log/log.h"
 #include "power/active_scheme.h"
 #include "power/policy_store.h"
@@ -82,7 +82,7 @@ void ApplyPowerScheme(const PowerPolicy& policy) {
 void ApplyEffectivePowerPolicy() {
   const win32::LockGuard guard(powerLock);
   PowerPolicy policy;
-  if (account::IsEnrolled() && LoadEffectivePowerPolicy(policy)) {
+  if (enrolment::IsEnrolled() && LoadEffectivePowerPolicy(policy)) {
     ApplyPowerScheme(policy);
   }
 }

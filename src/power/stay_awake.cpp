@@ -1,6 +1,6 @@
 #include "power/stay_awake.h"
 
-#include "account/enrolment.h"
+#include "enrolment/enrolment.h"
 #include "log/log.h"
 #include "power/policy_store.h"
 #include "win32/handle.h"
@@ -32,7 +32,7 @@ win32::FileHandle RequireSystem() {
 
 bool ScheduleWantsItAwake() {
   PowerPolicy policy;
-  if (!account::IsEnrolled() || !LoadEffectivePowerPolicy(policy)) {
+  if (!enrolment::IsEnrolled() || !LoadEffectivePowerPolicy(policy)) {
     return false;
   }
   SYSTEMTIME now;

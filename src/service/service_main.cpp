@@ -10,7 +10,6 @@
 #include "log/log.h"
 #include "pipe/server.h"
 #include "pipe/service_signer.h"
-#include "portal/worker_wake.h"
 #include "power/stay_awake.h"
 #include "service/install.h"
 #include "service/service_status.h"
@@ -23,6 +22,7 @@
 #include "win32/com.h"
 #include "win32/stop.h"
 #include "win32/thread.h"
+#include "win32/worker_wake.h"
 
 #include <wtsapi32.h>
 
@@ -208,7 +208,7 @@ void WINAPI ServiceMain(DWORD /*count*/, LPWSTR* /*arguments*/) noexcept {
     return;
   }
   try {
-    if (!win32::CreateStopEvent() || !portal::CreateWorkerWake() || !CreateStartEvents()) {
+    if (!win32::CreateStopEvent() || !win32::CreateWorkerWake() || !CreateStartEvents()) {
       log::Log(log::kError, log::kKiosk, "cannot create the service's events (%lu)", GetLastError());
       log::EndProcess(1);
     }

@@ -1,23 +1,23 @@
 #include "service/worker.h"
 
 #include "account/auto_logon.h"
-#include "account/enrolment.h"
 #include "account/kiosk_account.h"
 #include "account/kiosk_profile.h"
 #include "account/provisioning.h"
 #include "account/teardown.h"
 #include "branding/branding_cache.h"
+#include "enrolment/device_token.h"
+#include "enrolment/enrolment.h"
 #include "log/log.h"
 #include "network/network.h"
 #include "portal/check_in.h"
-#include "portal/device_token.h"
 #include "portal/revocation.h"
-#include "portal/worker_wake.h"
 #include "power/power_scheme.h"
 #include "state/kiosk_state.h"
 #include "win32/clock.h"
 #include "win32/stop.h"
 #include "win32/wide_text.h"
+#include "win32/worker_wake.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -34,10 +34,10 @@ class Worker {
  public:
   void Run() {
     // A wake that was set before the first pass is answered by that pass.
-    if (win32::WaitOrStop(portal::WorkerWake(), 0) == win32::WaitResult::kStop) {
+    if (win32::WaitOrStop(win32::WorkerWake(), 0) == win32::WaitResult::kStop) {
       return;
     }
-    while (win32::WaitOrStop(portal::WorkerWake(), Pass()) != win32::WaitResult::kStop) {
+    while (win32::WaitOrStop(win32::WorkerWake(), Pass()) != win32::WaitResult::kStop) {
     }
   }
 
@@ -47,8 +47,8 @@ class Worker {
     account::FinishPendingRemoval();
     const bool networkSettled = network::SettleChanges();
     text::Secret token;
-    const portal::TokenRead read = portal::ReadDeviceToken(token);
-    if (read != portal::TokenRead::kUnreadable) {
+    const enrolment::TokenRead read = enrolment::ReadDeviceToken(token);
+    if (read != enrolment::TokenRead::kUnreadable) {
       tokenWait_ = kInterval;
     }
     if (token.Empty()) {
@@ -57,12 +57,12 @@ class Worker {
         return kInterval;
       }
       // What could not be read now may be read later: that ends no enrolment.
-      return read == portal::TokenRead::kUnreadable ? Longer(tokenWait_) : account::StaleProfilesWait();
+      return read == enrolment::TokenRead::kUnreadable ? Longer(tokenWait_) : account::StaleProfilesWait();
     }
     const portal::CheckInResult result = portal::CheckIn(token.Get());
     // Somebody else may have ended the enrolment, or begun another, while the answer was on its way: that one counts.
     if (portal::HandleDeviceStatus(result, token.Get()) || result.error == portal::kNoLongerEnrolled ||
-        !account::StillEnrolled(token.Get())) {
+        !enrolment::StillEnrolled(token.Get())) {
       return kInterval;
     }
     if (!result.error.empty()) {
@@ -84,8 +84,8 @@ class Worker {
       state::RecordLastError({});
     }
     KeepProvisioned(token.Get());
-    branding::ApplyBranding(result, token.Get());
-    if (account::StillEnrolled(token.Get())) {
+    branding::ApplyBranding(result.branding, result.tenantId, token.Get());
+    if (enrolment::StillEnrolled(token.Get())) {
       power::ApplyEffectivePowerPolicy();
     }
     backOff_ = kInterval;

@@ -1,6 +1,6 @@
 #include "updates/presence.h"
 
-#include "account/kiosk_session.h"
+#include "enrolment/kiosk_session.h"
 #include "json/reply.h"
 #include "log/log.h"
 #include "power/stream_session.h"
@@ -34,7 +34,7 @@ Presence LastReport() {
 // Asks Windows who is in the session, so no lock is held here.
 bool Counts(const Presence& report) {
   return report.reported && win32::TickCount() - report.at <= kReportCounts &&
-         account::IsKioskSession(report.sessionId);
+         enrolment::IsKioskSession(report.sessionId);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 #include "updates/report.h"
 
-#include "account/enrolment.h"
+#include "enrolment/enrolment.h"
 #include "json/parse.h"
 #include "json/serialise.h"
 #include "log/log.h"
@@ -33,7 +33,7 @@ int PendingOf(const json::Value& report) {
 
 bool WriteUpdatesReport(const std::string& token, const char* word, const RunResult* run) {
   const LockedUpdateState oneAtATime;
-  if (!account::StillEnrolled(token)) {
+  if (!enrolment::StillEnrolled(token)) {
     return false;
   }
   json::Value report = StoredReport().value_or(json::Value());
@@ -70,7 +70,7 @@ const char* ResultWord(RunCode code) noexcept {
 
 void MarkWindowDone(const std::string& token, const std::string& key) {
   const LockedUpdateState oneAtATime;
-  if (account::StillEnrolled(token)) {
+  if (enrolment::StillEnrolled(token)) {
     state::SetStateStringIfChanged(state::kOsUpdatesWindowDone, win32::ToWide(key));
   }
 }

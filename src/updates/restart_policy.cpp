@@ -1,6 +1,6 @@
 #include "updates/restart_policy.h"
 
-#include "account/enrolment.h"
+#include "enrolment/enrolment.h"
 #include "log/log.h"
 #include "state/kiosk_state.h"
 #include "state/made_keys.h"
@@ -126,7 +126,7 @@ std::string DescribeCopy(const ManagedPolicy& policy) {
 void ApplyWuRestartPolicy(const UpdatesPolicy& policy) {
   const win32::LockGuard guard(policyLock);
   // A teardown marks itself before it comes here to put everything back: after that nothing is taken any more.
-  if (!account::IsEnrolled() || !TakeOwnership()) {
+  if (!enrolment::IsEnrolled() || !TakeOwnership()) {
     return;
   }
   bool changed = SetPolicyDword(kNoAutoReboot, 1);

@@ -1,8 +1,8 @@
 #include "updates/update_commands.h"
 
+#include "enrolment/device_token.h"
 #include "json/reply.h"
 #include "log/log.h"
-#include "portal/device_token.h"
 #include "updates/policy_store.h"
 #include "updates/report.h"
 #include "updates/update_run.h"
@@ -19,7 +19,7 @@ namespace {
 
 void RunAndRecord(bool install) noexcept {
   try {
-    const text::Secret token = portal::ReadDeviceToken();
+    const text::Secret token = enrolment::ReadDeviceToken();
     const RunResult result = RunUpdates(install);
     if (result.code != RunCode::kStopped) {
       WriteUpdatesReport(token.Get(), ResultWord(result.code), &result);

@@ -1,8 +1,8 @@
 #include "updates/window_thread.h"
 
-#include "account/enrolment.h"
+#include "enrolment/device_token.h"
+#include "enrolment/enrolment.h"
 #include "log/log.h"
-#include "portal/device_token.h"
 #include "state/kiosk_state.h"
 #include "updates/policy_store.h"
 #include "updates/presence.h"
@@ -30,7 +30,7 @@ std::string KeyNow(const UpdatesPolicy& policy) {
   return WindowKey(policy, {now.wYear, now.wMonth, now.wDay, now.wHour, now.wMinute});
 }
 
-bool InForce(UpdatesPolicy& policy) { return account::IsEnrolled() && LoadUpdatesPolicy(policy) && policy.automatic; }
+bool InForce(UpdatesPolicy& policy) { return enrolment::IsEnrolled() && LoadUpdatesPolicy(policy) && policy.automatic; }
 
 // Still, with the policy of this moment.
 bool IsOpen(const std::string& key) {
@@ -74,7 +74,7 @@ class Window {
       waitingKey_ = key;
     }
     if (!done) {
-      WriteUpdatesReport(portal::ReadDeviceToken().Get(), "deferred", nullptr);
+      WriteUpdatesReport(enrolment::ReadDeviceToken().Get(), "deferred", nullptr);
     }
     TryLater();
     return true;
@@ -82,7 +82,7 @@ class Window {
 
   // True when a restart is owed for this window.
   bool RunOnce(const std::string& key) {
-    const text::Secret token = portal::ReadDeviceToken();
+    const text::Secret token = enrolment::ReadDeviceToken();
     RunResult result;
     {
       const std::optional<RunClaim> claim = RunClaim::Take();

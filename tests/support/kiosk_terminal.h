@@ -2,7 +2,7 @@
 #pragma once
 
 #include "account/account_lock.h"
-#include "portal/device_token.h"
+#include "enrolment/device_token.h"
 #include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/http.h"
@@ -28,7 +28,7 @@ inline void MakeKioskTerminal() {
   SetString(state::kStateKey, L"AuthBaseUrl", L"http://portal.test");
   {
     const win32::LockGuard guard(account::AccountLock());
-    ASSERT_TRUE(portal::StoreDeviceToken("tok"));
+    ASSERT_TRUE(enrolment::StoreDeviceToken("tok"));
   }
   sim::RemoveUser(L"NorvaneKiosk");
   SetString(state::kStateKey, L"AccountSid", sim::AddUser(L"NorvaneKiosk"));

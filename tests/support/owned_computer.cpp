@@ -2,7 +2,7 @@
 
 #include "account/provisioning.h"
 #include "account/winlogon.h"
-#include "portal/device_token.h"
+#include "enrolment/device_token.h"
 #include "sim/accounts.h"
 #include "sim/computer.h"
 #include "sim/lsa.h"
@@ -53,7 +53,7 @@ void Enrol(const std::string& token, bool provision) {
   SetString(state::kStateKey, L"AuthBaseUrl", L"http://portal.test");
   SetString(L"SOFTWARE\\Norvane\\Tessaly\\Update", L"ClientInstallDir", L"C:\\Program Files\\Łódź\\");
   if (!token.empty()) {
-    ASSERT_TRUE(portal::StoreDeviceToken(token));
+    ASSERT_TRUE(enrolment::StoreDeviceToken(token));
   }
   if (provision) {
     ASSERT_EQ(account::ProvisionKioskAccount(token), "");

@@ -1,8 +1,8 @@
 // A terminal whose updates are looked at, on virtual time.
 #pragma once
 
+#include "enrolment/device_token.h"
 #include "json/parse.h"
-#include "portal/device_token.h"
 #include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/com.h"
@@ -29,7 +29,7 @@ class UpdatesTerminal : public CleanMachine {
     CleanMachine::SetUp();
     ASSERT_TRUE(win32::CreateStopEvent());
     ASSERT_EQ(state::ProtectStateKey().what, nullptr);
-    ASSERT_TRUE(portal::StoreDeviceToken("tok"));
+    ASSERT_TRUE(enrolment::StoreDeviceToken("tok"));
     sim::SetSession(kShellSession, L"NorvaneKiosk", sim::ComputerName());
   }
   static void SetAgent(const std::wstring& name, DWORD number) { sim::WriteNumber(sim::kUpdateArea, name, number); }

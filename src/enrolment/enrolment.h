@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace kiosk::account {
+namespace kiosk::enrolment {
 
 // True while what was learnt with `tokenUsed` still counts: the stored token equals it and no teardown is marked. An
 // empty token never does. Whoever applies an answer of the portal asks this under the lock of what it changes, and once
@@ -19,4 +19,4 @@ bool IsEnrolled();
 // takes it once between its mark and its first deletion, so that no answer is written behind its back.
 win32::Lock& ReplyLock() noexcept;
 
-}  // namespace kiosk::account
+}  // namespace kiosk::enrolment

@@ -1,4 +1,4 @@
-#include "portal/device_token.h"
+#include "enrolment/device_token.h"
 
 #include "log/log.h"
 #include "state/kiosk_state.h"
@@ -9,7 +9,7 @@
 
 #include <atomic>
 
-namespace kiosk::portal {
+namespace kiosk::enrolment {
 namespace {
 
 constexpr wchar_t kDescription[] = L"Norvane kiosk device token";
@@ -86,4 +86,4 @@ bool StoreDeviceToken(const std::string& token) {
   return superseded;
 }
 
-}  // namespace kiosk::portal
+}  // namespace kiosk::enrolment

@@ -1,4 +1,4 @@
-#include "account/kiosk_session.h"
+#include "enrolment/kiosk_session.h"
 
 #include "log/log.h"
 #include "win32/clock.h"
@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-namespace kiosk::account {
+namespace kiosk::enrolment {
 namespace {
 
 constexpr DWORD kSignOutWait = 15'000;
@@ -102,4 +102,4 @@ bool LogOffKioskSessions(bool wait) {
   return gone;
 }
 
-}  // namespace kiosk::account
+}  // namespace kiosk::enrolment

@@ -1,4 +1,4 @@
-#include "portal/auth_client.h"
+#include "enrolment/auth_client.h"
 
 #include "log/log.h"
 #include "network/trial.h"
@@ -7,7 +7,7 @@
 #include "win32/stop.h"
 #include "win32/wide_text.h"
 
-namespace kiosk::portal {
+namespace kiosk::enrolment {
 namespace {
 
 std::wstring BaseUrl() {
@@ -79,4 +79,4 @@ AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std:
   return reply;
 }
 
-}  // namespace kiosk::portal
+}  // namespace kiosk::enrolment

@@ -6,7 +6,7 @@
 
 #include <string>
 
-namespace kiosk::portal {
+namespace kiosk::enrolment {
 
 enum class TokenRead {
   kNone,
@@ -25,4 +25,4 @@ text::Secret ReadDeviceToken();
 // account lock, so that no teardown is half way.
 bool StoreDeviceToken(const std::string& token);
 
-}  // namespace kiosk::portal
+}  // namespace kiosk::enrolment

@@ -3,7 +3,7 @@
 
 #include "win32/winapi.h"
 
-namespace kiosk::portal {
+namespace kiosk::win32 {
 
 // Creates it, auto reset and clear. Called once, before the worker exists. False when Windows refuses.
 bool CreateWorkerWake() noexcept;
@@ -13,4 +13,4 @@ bool CreateWorkerWake() noexcept;
 
 void WakeWorker() noexcept;
 
-}  // namespace kiosk::portal
+}  // namespace kiosk::win32

@@ -1,9 +1,9 @@
-#include "account/enrolment.h"
+#include "enrolment/enrolment.h"
 
-#include "portal/device_token.h"
+#include "enrolment/device_token.h"
 #include "state/kiosk_state.h"
 
-namespace kiosk::account {
+namespace kiosk::enrolment {
 namespace {
 
 win32::Lock replyLock{win32::LockRank::kLeaf};
@@ -11,12 +11,11 @@ win32::Lock replyLock{win32::LockRank::kLeaf};
 }  // namespace
 
 bool StillEnrolled(const std::string& tokenUsed) {
-  return !tokenUsed.empty() && !state::FlagIsOn(state::kTeardownPending) &&
-         portal::ReadDeviceToken().Get() == tokenUsed;
+  return !tokenUsed.empty() && !state::FlagIsOn(state::kTeardownPending) && ReadDeviceToken().Get() == tokenUsed;
 }
 
 bool IsEnrolled() { return !state::FlagIsOn(state::kTeardownPending) && state::TokenIsStored(); }
 
 win32::Lock& ReplyLock() noexcept { return replyLock; }
 
-}  // namespace kiosk::account
+}  // namespace kiosk::enrolment

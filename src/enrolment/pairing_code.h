@@ -6,7 +6,7 @@
 
 #include <string>
 
-namespace kiosk::portal {
+namespace kiosk::enrolment {
 
 // Held by the pairing commands from their first look at the code to the end of the first check-in, so that two polls
 // never store two tokens.
@@ -16,4 +16,4 @@ win32::Lock& PairingLock() noexcept;
 std::string PendingPairingCode();
 void SetPendingPairingCode(const std::string& code);
 
-}  // namespace kiosk::portal
+}  // namespace kiosk::enrolment

@@ -1,6 +1,6 @@
-#include "portal/worker_wake.h"
+#include "win32/worker_wake.h"
 
-namespace kiosk::portal {
+namespace kiosk::win32 {
 namespace {
 
 // Written before other threads exist, then only read.
@@ -21,4 +21,4 @@ void WakeWorker() noexcept {
   }
 }
 
-}  // namespace kiosk::portal
+}  // namespace kiosk::win32

@@ -1,10 +1,10 @@
-#include "portal/pairing_code.h"
+#include "enrolment/pairing_code.h"
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
 
-namespace kiosk::portal {
+namespace kiosk::enrolment {
 namespace {
 
 win32::Lock pairingLock{win32::LockRank::kPairing};
@@ -26,4 +26,4 @@ void SetPendingPairingCode(const std::string& code) {
   std::copy_n(code.begin(), pendingLength, pending.begin());
 }
 
-}  // namespace kiosk::portal
+}  // namespace kiosk::enrolment

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace kiosk::account {
+namespace kiosk::enrolment {
 
 // The kiosk account's user name; compared without regard to letter case everywhere.
 inline constexpr wchar_t kKioskUser[] = L"NorvaneKiosk";
@@ -33,4 +33,4 @@ bool KioskHasNoSession();
 // all were asked to end; a list of sessions that cannot be read is logged and never counts as empty.
 bool LogOffKioskSessions(bool wait);
 
-}  // namespace kiosk::account
+}  // namespace kiosk::enrolment

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string>
 
-namespace kiosk::portal {
+namespace kiosk::enrolment {
 
 struct AuthReply {
   std::int32_t answered = 0;  // 1 once a response with a status line arrived and the call was not cut short
@@ -37,4 +37,4 @@ AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std:
                       const std::string& bearerToken, std::size_t maxBody, const wchar_t* accept,
                       std::uint32_t deadline = kApiDeadline, HANDLE end = nullptr);
 
-}  // namespace kiosk::portal
+}  // namespace kiosk::enrolment
