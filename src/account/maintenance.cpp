@@ -29,8 +29,8 @@ namespace {
 // connection threads and the start come here.
 win32::Lock sessionsLock{win32::LockRank::kLeaf};
 
-// The caller holds sessionsLock. Never destroyed: threads may outlive main.
-std::set<DWORD>& AdministratorSessions() {
+// Never destroyed: threads may outlive main.
+std::set<DWORD>& AdministratorSessions() REQUIRES(sessionsLock) {
   static auto& sessions = *new std::set<DWORD>;
   return sessions;
 }
@@ -50,8 +50,7 @@ std::string Admit(const std::string& password, const std::string& unlockToken, D
   return unlockToken.empty() || !password.empty() ? VerifyExitPassword(password) : "not_unlocked";
 }
 
-// The caller holds the account lock.
-void BeginMaintenance() {
+void BeginMaintenance() REQUIRES(AccountLock()) {
   {
     // Before the mark is set: from then on the control handler adds to them.
     const win32::LockGuard guard(sessionsLock);
