@@ -1,5 +1,6 @@
 #include "account/kiosk_restart.h"
 
+#include "command/reply.h"
 #include "enrolment/kiosk_session.h"
 #include "log/log.h"
 #include "win32/clock.h"
@@ -49,7 +50,7 @@ void RestartWhenDue() {
   if (maintenance && !enrolment::NobodyIsSignedIn()) {
     CallOffRestartAfterMaintenance();
   } else {
-    RestartNow(maintenance ? "maintenance was cut short" : "enrolled");
+    RestartIfPending(maintenance ? "maintenance was cut short" : "enrolled");
   }
 }
 
@@ -134,7 +135,7 @@ void CancelKioskRestart() noexcept {
   deadline = 0;
 }
 
-void RestartNow(const char* reason) {
+void RestartIfPending(const char* reason) {
   if (!TakeRestart()) {
     return;
   }
@@ -148,6 +149,14 @@ void RestartNow(const char* reason) {
   } else if (error != ERROR_SUCCESS) {
     log::Log(log::kError, log::kKiosk, "the restart into kiosk mode could not be started (%lu)", error);
   }
+}
+
+json::Value RestartNow(const command::Request& request) {
+  if (!KioskRestartPending()) {
+    return command::ErrorReply("not_pending");
+  }
+  request.afterReply = [] { RestartIfPending("restart.now"); };
+  return command::OkReply();
 }
 
 }  // namespace kiosk::account
