@@ -12,7 +12,7 @@
 #include "sim/power.h"
 #include "sim/tasks.h"
 #include "tests/support/command.h"
-#include "tests/support/kiosk_terminal.h"
+#include "tests/support/terminal.h"
 #include "tests/support/words.h"
 #include "win32/wide_text.h"
 
