@@ -198,7 +198,7 @@ TEST(PowerFaults, ClearingAnOverrideWithoutAPolicyOfThePortal) {
     state::DeleteStateValue(state::kPowerSource);
     ApplyEffectivePowerPolicy();
   };
-  const auto clear = [] { HandlePowerSet(Json(R"({"useOrganisation":true})")); };
+  const auto clear = [] { test::Ask(PowerSet, R"({"useOrganisation":true})"); };
   const auto later = [clear] {
     ApplyEffectivePowerPolicy();
     clear();

@@ -7,6 +7,7 @@
 #include "sim/clock.h"
 #include "sim/faults.h"
 #include "sim/machine.h"
+#include "tests/support/command.h"
 #include "tests/support/fixture.h"
 #include "timesync/sntp_packet.h"
 #include "timesync/sntp_query.h"
@@ -98,7 +99,7 @@ class TimeSyncTest : public test::CleanMachine {
     }
   }
 
-  static std::string Sync() { return json::Serialise(TimeSync()); }
+  static std::string Sync() { return json::Serialise(test::Ask(TimeSync)); }
   static void Service(const wchar_t* name, DWORD number) { sim::WriteNumber(L"TimeService", name, number); }
   static DWORD Seen(const wchar_t* name) { return sim::ReadNumber(L"TimeService", name).value_or(0); }
   [[nodiscard]] Milliseconds Now() const { return static_cast<Milliseconds>(clock_.SystemTime() / 10'000); }

@@ -7,6 +7,7 @@
 #include "sim/faults.h"
 #include "sim/http.h"
 #include "sim/shutdown.h"
+#include "tests/support/command.h"
 #include "updates/agent_callbacks.h"
 #include "updates/report.h"
 #include "updates/stored_policy.h"
@@ -31,7 +32,7 @@ class UpdatesTest : public test::UpdatesTerminal {
     clock_.RunFor(1);  // the agent's thread lets go of what it holds
     return result;
   }
-  static std::string Status() { return json::Serialise(OsUpdates(json::Value::Object())); }
+  static std::string Status() { return json::Serialise(test::Ask(OsUpdates)); }
 };
 
 TEST_F(UpdatesTest, InstallsWhatNeedsNoPerson) {
@@ -307,8 +308,8 @@ TEST_F(UpdatesTest, TheTerminalsCommands) {
     caller.isKioskAccount = true;
     caller.isInteractive = true;
     caller.sessionId = session;
-    json::PostReplyAction after = nullptr;
-    return json::Serialise(pipe::Dispatch({nullptr, caller}, request, after));
+    command::PostReplyAction after = nullptr;
+    return json::Serialise(pipe::Dispatch(caller, request, after));
   };
   EXPECT_EQ(ask(R"({"cmd":"session.report","signedIn":true})"), R"({"ok":true})");
   EXPECT_EQ(ask(R"({"cmd":"session.report","signedIn":false,"live":null})"), R"({"ok":true})");

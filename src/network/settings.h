@@ -39,7 +39,7 @@ bool IsBetween(const Settings& shown, const Settings& one, const Settings& other
 std::string Describe(const Settings& settings);
 
 // A checked request: either `invalid` names the first member that is wrong, or the rest is good.
-struct Request {
+struct NetSetRequest {
   const char* invalid = nullptr;
   std::string adapter;
   Settings settings;
@@ -49,7 +49,7 @@ struct Request {
 // "adapter": a text; "mode": "dhcp" or "static"; for "static" "address", "prefixLength" (1 to 30), "gateway" (or none)
 // and "dns" (0 to 4 name servers); for "dhcp" nothing more is needed, and "dns" replaces the network's name servers.
 // "keep" may be absent: true for settings that nothing has to prove.
-Request ParseRequest(const json::Value& request);
+NetSetRequest ParseNetSet(const json::Value& request);
 
 // Settings as JSON and back; empty for what is none.
 json::Value ToJson(const Settings& settings);

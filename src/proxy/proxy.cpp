@@ -1,5 +1,6 @@
 #include "proxy/proxy.h"
 
+#include "command/reply.h"
 #include "log/log.h"
 #include "proxy/proxy_settings.h"
 #include "state/kiosk_state.h"
@@ -167,8 +168,7 @@ bool SavePrior(const Setting& now, const Proxy& wanted) {
   return state::StoreJson(state::kAppliedProxy, applied) && state::FlushStateKey();
 }
 
-// The caller holds the lock.
-bool Apply(const Proxy& wanted) {
+bool Apply(const Proxy& wanted) REQUIRES(proxyLock) {
   Setting now;
   if (!ReadSetting(now)) {
     return false;
@@ -201,19 +201,19 @@ bool Apply(const Proxy& wanted) {
 
 }  // namespace
 
-json::Value ProxySet(const json::Value& request) {
-  const Request parsed = ParseRequest(request);
+json::Value ProxySet(const command::Request& request) {
+  const ProxySetRequest parsed = ParseProxySet(request.members);
   if (parsed.invalid != nullptr) {
     log::Log(log::kWarn, log::kKiosk, "proxy.set refused: invalid %s", parsed.invalid);
-    return json::ErrorReply("invalid");
+    return command::ErrorReply("invalid");
   }
   const win32::LockGuard guard(proxyLock);
   if (!Apply(parsed.proxy)) {
-    return json::ErrorReply("failed");
+    return command::ErrorReply("failed");
   }
   log::Log(log::kNotice, log::kKiosk, "proxy: mode %s, %s", parsed.mode.c_str(),
            parsed.proxy.server.empty() ? "direct access" : parsed.proxy.server.c_str());
-  json::Value reply = json::OkReply();
+  json::Value reply = command::OkReply();
   reply.Set("mode", parsed.mode);
   if (parsed.mode == "manual") {
     reply.Set("server", parsed.proxy.server).Set("bypass", parsed.proxy.bypass);

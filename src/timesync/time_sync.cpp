@@ -1,5 +1,6 @@
 #include "timesync/time_sync.h"
 
+#include "command/reply.h"
 #include "log/log.h"
 #include "state/registry.h"
 #include "text/text.h"
@@ -27,7 +28,7 @@ constexpr DWORD kSettleTime = 10'000;      // how long the clock is measured aga
 constexpr DWORD kBetweenQueries = 2'000;   // as far apart as the queries of a burst of NTP
 
 json::Value Failure(const char* code, const std::string& server) {
-  json::Value reply = json::ErrorReply(code);
+  json::Value reply = command::ErrorReply(code);
   reply.Set("server", server);
   return reply;
 }
@@ -115,7 +116,7 @@ std::wstring TimeServer() {
   return first.empty() || first.size() > kMaxHostName ? kDefaultServer : first;
 }
 
-json::Value TimeSync() {
+json::Value TimeSync(const command::Request& /*request*/) {
   const std::wstring host = TimeServer();
   const std::string server = win32::ToNarrow(host);
   if (!RunTimeService()) {
@@ -132,7 +133,7 @@ json::Value TimeSync() {
   log::Log(log::kNotice, log::kKiosk, "time: resynced with %s, the clock was %lld ms out%s", server.c_str(),
            static_cast<long long>(offset.value_or(0)),
            synchronisation.IsGradual() ? "; Windows corrects it gradually" : "");
-  json::Value reply = json::OkReply();
+  json::Value reply = command::OkReply();
   reply.Set("server", server);
   if (offset) {
     reply.Set("offsetMs", *offset);

@@ -39,7 +39,7 @@ constexpr wchar_t kMessage[] = L"Restarting to finish installing updates.";
 // Saving, setting and putting back are each done as a whole. Window thread, and whoever tears kiosk mode down.
 win32::Lock policyLock{win32::LockRank::kUpdatesPolicy};
 
-bool SetPolicyDword(const BorrowedValue& policy, DWORD value) {
+bool SetPolicyDword(const BorrowedValue& policy, DWORD value) REQUIRES(policyLock) {
   if (state::ReadDword(policy.key, policy.name) == value) {
     return false;
   }
@@ -54,7 +54,7 @@ void LogNotSaved(const BorrowedValue& policy) {
            win32::ToNarrow(policy.name).c_str());
 }
 
-bool TakeOwnership() {
+bool TakeOwnership() REQUIRES(policyLock) {
   state::RawValue mark;
   const LSTATUS status = state::ReadState(kBorrowed.mark, mark);
   if (status == ERROR_SUCCESS && mark.Dword() == DWORD{1}) {

@@ -1,7 +1,7 @@
 #include "updates/update_commands.h"
 
+#include "command/reply.h"
 #include "enrolment/device_token.h"
-#include "json/reply.h"
 #include "log/log.h"
 #include "updates/report.h"
 #include "updates/stored_policy.h"
@@ -54,7 +54,7 @@ json::Value UpdateList(const std::vector<PendingUpdate>& pending) {
 json::Value StatusReply() {
   UpdatesPolicy policy;
   const bool known = LoadUpdatesPolicy(policy);
-  json::Value reply = json::OkReply();
+  json::Value reply = command::OkReply();
   {
     const LockedUpdateState state;
     reply.Set("checking", state->checking);
@@ -87,10 +87,10 @@ bool StartBackgroundRun(bool install) {
   return static_cast<bool>(thread);
 }
 
-json::Value OsUpdates(const json::Value& request) {
-  const json::Value& check = json::Member(request, "check");
+json::Value OsUpdates(const command::Request& request) {
+  const json::Value& check = json::Member(request.members, "check");
   if (!check.IsNull() && !check.IsBool()) {
-    return json::ErrorReply("invalid");
+    return command::ErrorReply("invalid");
   }
   if (check.boolean() && StartBackgroundRun(false)) {
     log::Log(log::kNotice, log::kKiosk, "os updates: check requested at the terminal");
@@ -98,9 +98,9 @@ json::Value OsUpdates(const json::Value& request) {
   return StatusReply();
 }
 
-json::Value OsInstall() {
+json::Value OsInstall(const command::Request& /*request*/) {
   if (!StartBackgroundRun(true)) {
-    return json::ErrorReply("busy");
+    return command::ErrorReply("busy");
   }
   log::Log(log::kNotice, log::kKiosk, "os updates: install requested at the terminal");
   return StatusReply();

@@ -2,7 +2,7 @@
 // one.
 #pragma once
 
-#include "json/value.h"
+#include "command/request.h"
 
 namespace kiosk::updates {
 
@@ -11,9 +11,9 @@ namespace kiosk::updates {
 bool StartBackgroundRun(bool install);
 
 // "os.updates"; with "check": true it starts a search unless a run is going.
-json::Value OsUpdates(const json::Value& request);
+json::Value OsUpdates(const command::Request& request);
 
 // "os.install"; "busy" while a run is going.
-json::Value OsInstall();
+json::Value OsInstall(const command::Request& request);
 
 }  // namespace kiosk::updates

@@ -46,13 +46,13 @@ TEST(NetworkRequest, EachWrongMemberIsNamed) {
       {"keep", R"("keep":1|"keep":"true"|"mode":"dhcp","keep":[])"}};
   for (const auto& [wrong, additions] : cases) {
     for (const std::string& more : test::Words(additions)) {
-      const Request request = ParseRequest(*json::Parse("{" + good + (more.empty() ? "" : ",") + more + "}"));
+      const NetSetRequest request = ParseNetSet(*json::Parse("{" + good + (more.empty() ? "" : ",") + more + "}"));
       EXPECT_STREQ(request.invalid, wrong) << more;
     }
   }
-  const Request edge =
-      ParseRequest(*json::Parse(R"({"adapter":"{A}","mode":"static","address":"10.0.0.6","prefixLength":30,)"
-                                R"("gateway":"10.0.0.5","dns":["10.0.0.5"]})"));
+  const NetSetRequest edge =
+      ParseNetSet(*json::Parse(R"({"adapter":"{A}","mode":"static","address":"10.0.0.6","prefixLength":30,)"
+                               R"("gateway":"10.0.0.5","dns":["10.0.0.5"]})"));
   EXPECT_EQ(edge.settings, (Settings{false, {{0x0A000006, 30}}, {0x0A000005}, {0x0A000005}}));
 }
 

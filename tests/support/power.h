@@ -12,6 +12,7 @@
 #include "sim/machine.h"
 #include "sim/power.h"
 #include "sim/tasks.h"
+#include "tests/support/command.h"
 #include "tests/support/kiosk_terminal.h"
 #include "tests/support/words.h"
 #include "win32/wide_text.h"
@@ -80,7 +81,7 @@ class PowerTest : public test::CleanMachine {
     texts.erase(texts.begin(), texts.begin() + static_cast<std::ptrdiff_t>(std::exchange(seen_, texts.size())));
     return texts;
   }
-  static std::string Set(const std::string& request) { return json::Serialise(HandlePowerSet(Json(request))); }
+  static std::string Set(const std::string& request) { return json::Serialise(test::Ask(PowerSet, request)); }
 
   std::size_t seen_ = 0;
 };
