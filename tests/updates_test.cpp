@@ -9,8 +9,8 @@
 #include "sim/shutdown.h"
 #include "tests/support/command.h"
 #include "updates/agent_callbacks.h"
-#include "updates/policy_store.h"
 #include "updates/report.h"
+#include "updates/stored_policy.h"
 #include "updates/update_commands.h"
 #include "updates/update_run.h"
 

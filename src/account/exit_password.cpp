@@ -37,8 +37,7 @@ void StartLockout() REQUIRES(checkLock) {
 }
 
 bool LockedOut() REQUIRES(checkLock) {
-  const auto stored = state::ReadState(state::kMaintenanceLockedUntil);
-  const std::uint64_t until = stored ? stored->Qword().value_or(0) : 0;
+  const std::uint64_t until = state::ReadStateQword(state::kMaintenanceLockedUntil);
   const std::uint64_t now = win32::FileTimeNow();
   if (now >= until) {
     return false;
@@ -88,8 +87,7 @@ class Attempt {
     if (checking) {
       return "busy";
     }
-    const auto stored = state::ReadState(state::kMaintenanceFailures);
-    const DWORD failures = stored ? stored->Dword().value_or(0) : 0;
+    const DWORD failures = state::ReadStateDword(state::kMaintenanceFailures);
     if (failures >= kMostFailures) {
       StartLockout();
       return "locked";

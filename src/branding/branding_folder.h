@@ -2,6 +2,7 @@
 // and Administrators may write, and nothing that somebody else put there is trusted or followed.
 #pragma once
 
+#include "state/folders.h"
 #include "win32/handle.h"
 #include "win32/lock.h"
 
@@ -14,8 +15,8 @@
 
 namespace kiosk::branding {
 
-inline constexpr wchar_t kKioskFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Kiosk";
-inline constexpr wchar_t kBrandingFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Kiosk\\Branding";
+using state::kBrandingFolder;
+using state::kKioskFolder;
 
 // Guards the folder and its content; held for work on files, never across a call to the portal.
 win32::Lock& FolderLock() noexcept;
