@@ -9,10 +9,10 @@
 #include "sim/shutdown.h"
 #include "tests/support/command.h"
 #include "updates/agent_callbacks.h"
-#include "updates/policy_store.h"
 #include "updates/report.h"
 #include "updates/update_commands.h"
 #include "updates/update_run.h"
+#include "updates/updates_policy_store.h"
 
 #include <map>
 
@@ -213,10 +213,10 @@ TEST_P(UpdatesStop, EndsInTimeAndLeavesNoResult) {
   SetAgent(std::wstring(L"Duration ") + stage, stubborn ? 60'000 : INFINITE);
   SetAgent(L"Stubborn", stubborn);
   clock_.At(5000, [] { win32::RequestStop(); });
-  ASSERT_TRUE(StartBackgroundRun(true));
+  ASSERT_TRUE(json::Member(test::Ask(OsInstall), "ok").boolean());
   clock_.RunUntil(stubborn ? 14'900 : 4999);
   EXPECT_TRUE(RunIsGoing());
-  EXPECT_FALSE(StartBackgroundRun(true));
+  EXPECT_EQ(json::Serialise(test::Ask(OsInstall)), R"({"ok":false,"error":"busy"})");
   clock_.RunUntil(stubborn ? 15'100 : 5100);
   EXPECT_FALSE(RunIsGoing());
   EXPECT_EQ(sim::LiveAgentOperations(), stubborn ? 1 : 0);

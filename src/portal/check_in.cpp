@@ -6,10 +6,10 @@
 #include "json/serialise.h"
 #include "log/log.h"
 #include "portal/sign_in_methods.h"
-#include "power/policy_store.h"
+#include "power/power_policy_store.h"
 #include "state/kiosk_state.h"
-#include "updates/policy_store.h"
 #include "updates/report.h"
+#include "updates/updates_policy_store.h"
 #include "win32/wide_text.h"
 
 #include <algorithm>

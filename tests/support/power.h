@@ -3,8 +3,8 @@
 
 #include "json/parse.h"
 #include "json/serialise.h"
-#include "power/policy_store.h"
 #include "power/power_commands.h"
+#include "power/power_policy_store.h"
 #include "power/power_scheme.h"
 #include "sim/com.h"
 #include "sim/faults.h"

@@ -1,4 +1,4 @@
-#include "power/policy_store.h"
+#include "power/power_policy_store.h"
 
 #include "json/parse.h"
 #include "json/serialise.h"

@@ -1,4 +1,4 @@
-#include "updates/policy_store.h"
+#include "updates/updates_policy_store.h"
 
 #include "json/parse.h"
 #include "json/serialise.h"
