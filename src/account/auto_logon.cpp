@@ -111,7 +111,7 @@ bool BeginRestore() {
     return false;
   }
   if (!AutoLogonNamesKiosk()) {
-    const win32::LockGuard guard(autoLogonLock);
+    const win32::LockGuard guard(AutoLogonLock());
     WriteKioskNames();
   }
   state::WriteStateDword(state::kAutoLogonRestoring, 1);

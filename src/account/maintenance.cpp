@@ -30,8 +30,8 @@ namespace {
 // connection threads and the start come here.
 win32::Lock sessionsLock{win32::LockRank::kLeaf};
 
-// The caller holds sessionsLock. Never destroyed: threads may outlive main.
-std::set<DWORD>& AdministratorSessions() {
+// Never destroyed: threads may outlive main.
+std::set<DWORD>& AdministratorSessions() REQUIRES(sessionsLock) {
   static auto& sessions = *new std::set<DWORD>;
   return sessions;
 }
@@ -53,8 +53,7 @@ std::string Admit(const command::Request& request) {
   return unlockToken.empty() || !password.empty() ? VerifyExitPassword(password) : "not_unlocked";
 }
 
-// The caller holds the account lock.
-void BeginMaintenance() {
+void BeginMaintenance() REQUIRES(AccountLock()) {
   {
     // Before the mark is set: from then on the control handler adds to them.
     const win32::LockGuard guard(sessionsLock);

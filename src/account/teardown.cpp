@@ -57,7 +57,7 @@ void RestoreFastUserSwitching() {
 }
 
 // The account on record; failing that, one that a provisioning made and could not record any more. Empty: none.
-bool RemoveAccount() {
+bool RemoveAccount() REQUIRES(AccountLock()) {
   std::wstring sid = state::ReadStateString(state::kAccountSid);
   if (sid.empty() && state::ReadState(state::kAccountCreating)) {
     const AccountLookup found = LookupKioskAccount(sid);
@@ -114,8 +114,8 @@ void DeleteStateKey() {
   RegDeleteKeyExW(HKEY_LOCAL_MACHINE, state::kStateKey, KEY_WOW64_64KEY, 0);
 }
 
-// The caller holds the account lock and has passed the guard between processes.
-void TearDown(bool deleteStateKey, const char* reason) {
+// The caller has passed the guard between processes.
+void TearDown(bool deleteStateKey, const char* reason) REQUIRES(AccountLock()) {
   MarkPending();
   log::Log(log::kWarn, log::kKiosk, "removing kiosk mode: %s", reason);
   CancelKioskRestart();

@@ -33,18 +33,18 @@ constexpr std::uint64_t kHour = 3'600'000;
 
 win32::Lock folderLock{win32::LockRank::kBranding};
 
-// A stranger's folder in the way; guarded by folderLock.
+// A stranger's folder in the way.
 struct {
   bool setAside = false;        // one was, in this process
   bool told = false;            // that there is one that stays; until all folders could be had
   std::uint64_t notBefore = 0;  // tick count of the next try
-} stranger;
+} stranger GUARDED_BY(FolderLock());
 
 void LogWith(int level, const char* what, const std::wstring& path, DWORD error) {
   log::Log(level, log::kKiosk, "%s %s (%lu)", what, win32::ToNarrow(path).c_str(), error);
 }
 
-void LogFolder(const wchar_t* path, const win32::FolderResult& result) {
+void LogFolder(const wchar_t* path, const win32::FolderResult& result) REQUIRES(FolderLock()) {
   if (result.replaced) {
     log::Log(log::kWarn, log::kKiosk, "removing %s: not a plain folder", win32::ToNarrow(path).c_str());
   }
@@ -252,7 +252,7 @@ HANDLE DownloadEnd() noexcept {
 }
 
 void RemoveBranding() {
-  const win32::LockGuard guard(folderLock);
+  const win32::LockGuard guard(FolderLock());
   SetEvent(DownloadEnd());
   RemoveCache();
 }

@@ -131,9 +131,8 @@ json::Value Enrolled(const text::Secret& token, const CheckInResult& checkIn) {
   return reply;
 }
 
-// Takes the token out of the portal's answer and stores it; returns the error code, empty on success. The caller holds
-// the pairing lock.
-std::string Claim(const enrolment::AuthReply& answer, text::Secret& token) {
+// Takes the token out of the portal's answer and stores it; returns the error code, empty on success.
+std::string Claim(const enrolment::AuthReply& answer, text::Secret& token) REQUIRES(enrolment::PairingLock()) {
   std::optional<json::Value> body = json::Parse(answer.body.Get());
   enrolment::SetPendingPairingCode({});
   token = text::Secret(body ? json::Member(*body, "deviceToken").text() : std::string());

@@ -180,8 +180,7 @@ bool SavePrior(const Setting& now, const Proxy& wanted) {
   return Record(state::kAppliedProxy, applied) && state::FlushStateKey();
 }
 
-// The caller holds the lock.
-bool Apply(const Proxy& wanted) {
+bool Apply(const Proxy& wanted) REQUIRES(proxyLock) {
   Setting now;
   if (!ReadSetting(now)) {
     return false;

@@ -18,7 +18,7 @@ constexpr wchar_t kUpdateKey[] = L"SOFTWARE\\Norvane\\Tessaly\\Update";
 // The key, opened once for all reads: a status alone makes eight of them. Values are never kept. Without a destructor,
 // since any thread may still read while the process ends.
 win32::Lock keyLock{win32::LockRank::kStateKey};
-HKEY openKey = nullptr;  // guarded by keyLock
+HKEY openKey GUARDED_BY(keyLock) = nullptr;
 
 // ERROR_KEY_DELETED also stands for a key that was not opened yet.
 LSTATUS ReadFromOpenKey(const wchar_t* name, RawValue& raw) {

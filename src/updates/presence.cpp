@@ -24,7 +24,7 @@ struct Presence {
   DWORD sessionId = 0;
 };
 win32::Lock presenceLock{win32::LockRank::kLeaf};
-Presence presence;  // guarded by presenceLock
+Presence presence GUARDED_BY(presenceLock);
 
 Presence LastReport() {
   const win32::LockGuard guard(presenceLock);

@@ -41,7 +41,7 @@ constexpr wchar_t kMessage[] = L"Restarting to finish installing updates.";
 // Saving, setting and putting back are each done as a whole. Window thread, and whoever tears kiosk mode down.
 win32::Lock policyLock{win32::LockRank::kUpdatesPolicy};
 
-bool SetPolicyDword(const ManagedPolicy& policy, DWORD value) {
+bool SetPolicyDword(const ManagedPolicy& policy, DWORD value) REQUIRES(policyLock) {
   if (state::ReadDword(policy.key, policy.name) == value) {
     return false;
   }
@@ -67,7 +67,7 @@ bool Save(const ManagedPolicy& policy) {
   return saved;
 }
 
-bool TakeOwnership() {
+bool TakeOwnership() REQUIRES(policyLock) {
   state::RawValue mark;
   const LSTATUS status = state::ReadValue(state::kStateKey, state::kOwnsWuPolicy.name, mark);
   if (status == ERROR_SUCCESS && mark.Dword() == DWORD{1}) {
