@@ -213,10 +213,10 @@ TEST_P(UpdatesStop, EndsInTimeAndLeavesNoResult) {
   SetAgent(std::wstring(L"Duration ") + stage, stubborn ? 60'000 : INFINITE);
   SetAgent(L"Stubborn", stubborn);
   clock_.At(5000, [] { win32::RequestStop(); });
-  ASSERT_TRUE(StartBackgroundRun(true));
+  ASSERT_TRUE(json::Member(test::Ask(OsInstall), "ok").boolean());
   clock_.RunUntil(stubborn ? 14'900 : 4999);
   EXPECT_TRUE(RunIsGoing());
-  EXPECT_FALSE(StartBackgroundRun(true));
+  EXPECT_EQ(json::Serialise(test::Ask(OsInstall)), R"({"ok":false,"error":"busy"})");
   clock_.RunUntil(stubborn ? 15'100 : 5100);
   EXPECT_FALSE(RunIsGoing());
   EXPECT_EQ(sim::LiveAgentOperations(), stubborn ? 1 : 0);

@@ -7,7 +7,7 @@
 #include "log/log.h"
 #include "portal/policies.h"
 #include "portal/sign_in_methods.h"
-#include "power/policy_store.h"
+#include "power/power_policy_store.h"
 #include "state/kiosk_state.h"
 #include "updates/report.h"
 #include "win32/wide_text.h"

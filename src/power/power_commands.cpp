@@ -3,7 +3,7 @@
 #include "command/reply.h"
 #include "enrolment/enrolment.h"
 #include "log/log.h"
-#include "power/policy_store.h"
+#include "power/power_policy_store.h"
 #include "power/power_scheme.h"
 #include "state/kiosk_state.h"
 #include "win32/wide_text.h"

@@ -3,7 +3,7 @@
 #include "enrolment/enrolment.h"
 #include "log/log.h"
 #include "power/active_scheme.h"
-#include "power/policy_store.h"
+#include "power/power_policy_store.h"
 #include "power/power_tasks.h"
 #include "power/scheme_values.h"
 #include "state/kiosk_state.h"

@@ -27,6 +27,17 @@ constexpr Milliseconds kRight = 2'000;     // a clock that is out by no more cou
 constexpr DWORD kSettleTime = 10'000;      // how long the clock is measured again
 constexpr DWORD kBetweenQueries = 2'000;   // as far apart as the queries of a burst of NTP
 
+// The host that Windows takes its time from: the first that its setting names, without flags; Windows' own public
+// server when the setting names none.
+std::wstring TimeServer() {
+  std::string list = win32::ToNarrow(state::ReadString(kParametersKey, L"NtpServer").value_or(L""));
+  list = text::TrimSpace(list);
+  std::transform(list.begin(), list.end(), list.begin(),
+                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+  const std::wstring first = win32::ToWide(std::string_view(list).substr(0, list.find_first_of(" ,")));
+  return first.empty() || first.size() > kMaxHostName ? kDefaultServer : first;
+}
+
 json::Value Failure(const char* code, const std::string& server) {
   json::Value reply = command::ErrorReply(code);
   reply.Set("server", server);
@@ -106,15 +117,6 @@ class Synchronisation {
 };
 
 }  // namespace
-
-std::wstring TimeServer() {
-  std::string list = win32::ToNarrow(state::ReadString(kParametersKey, L"NtpServer").value_or(L""));
-  list = text::TrimSpace(list);
-  std::transform(list.begin(), list.end(), list.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-  const std::wstring first = win32::ToWide(std::string_view(list).substr(0, list.find_first_of(" ,")));
-  return first.empty() || first.size() > kMaxHostName ? kDefaultServer : first;
-}
 
 json::Value TimeSync(const command::Request& /*request*/) {
   const std::wstring host = TimeServer();

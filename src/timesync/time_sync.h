@@ -3,13 +3,7 @@
 
 #include "command/request.h"
 
-#include <string>
-
 namespace kiosk::timesync {
-
-// The host that Windows takes its time from: the first that its setting names, without flags; Windows' own public
-// server when the setting names none.
-std::wstring TimeServer();
 
 // Makes Windows synchronise the clock, measures how far it was out and, since Windows does not tell, whether that came
 // to something. The reply, also when that fails, names the server. Takes at most 105 s, unless the service manager

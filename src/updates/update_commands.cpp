@@ -29,6 +29,22 @@ void RunAndRecord(bool install) noexcept {
   }
 }
 
+// False when a run is going already, or could not be started. Otherwise one searches (and installs) on a thread of its
+// own and records its result.
+bool StartBackgroundRun(bool install) {
+  std::optional<RunClaim> claim = RunClaim::Take();
+  if (!claim) {
+    return false;
+  }
+  LockedUpdateState()->checking = true;
+  const win32::KernelHandle thread =
+      win32::StartThread([held = std::move(*claim), install]() noexcept { RunAndRecord(install); });
+  if (!thread) {
+    log::Log(log::kError, log::kKiosk, "os updates: cannot start a run (%lu)", GetLastError());
+  }
+  return static_cast<bool>(thread);
+}
+
 void SetTextOrNull(json::Value& reply, const char* member, const std::string& text) {
   if (text.empty()) {
     reply.Set(member, json::Value());
@@ -72,20 +88,6 @@ json::Value StatusReply() {
 }
 
 }  // namespace
-
-bool StartBackgroundRun(bool install) {
-  std::optional<RunClaim> claim = RunClaim::Take();
-  if (!claim) {
-    return false;
-  }
-  LockedUpdateState()->checking = true;
-  const win32::KernelHandle thread =
-      win32::StartThread([held = std::move(*claim), install]() noexcept { RunAndRecord(install); });
-  if (!thread) {
-    log::Log(log::kError, log::kKiosk, "os updates: cannot start a run (%lu)", GetLastError());
-  }
-  return static_cast<bool>(thread);
-}
 
 json::Value OsUpdates(const command::Request& request) {
   const json::Value& check = json::Member(request.members, "check");

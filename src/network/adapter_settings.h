@@ -1,4 +1,4 @@
-// What an adapter's IPv4 can be set to: from a request, to a reply, and as text to be kept. Without Windows.
+// What an adapter's IPv4 can be set to: read from a request, told in the log, and kept as JSON. No Windows header.
 #pragma once
 
 #include "json/value.h"
@@ -28,7 +28,7 @@ struct Settings {
   friend bool operator==(const Settings&, const Settings&) = default;
 };
 
-// In force they are the same: Windows keeps the order of name servers alone.
+// Whether both have the same effect. Windows keeps the order of the name servers, and of nothing else.
 bool Same(const Settings& left, const Settings& right);
 
 // Whether mode, addresses, gateways and name servers are each those of one of the two, as in a change that was cut

@@ -1,4 +1,4 @@
-#include "power/policy_store.h"
+#include "power/power_policy_store.h"
 
 #include "json/serialise.h"
 #include "state/stored_json.h"

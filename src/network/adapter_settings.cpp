@@ -1,4 +1,4 @@
-#include "network/settings.h"
+#include "network/adapter_settings.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,7 +1,7 @@
 // What an adapter may be set to, and which member of a request is found wrong first.
+#include "network/adapter_settings.h"
 #include "json/parse.h"
 #include "json/serialise.h"
-#include "network/settings.h"
 #include "tests/support/words.h"
 
 #include <gtest/gtest.h>
