@@ -3,7 +3,7 @@
 
 #include "log/day_files.h"
 #include "log/log.h"
-#include "log/settings.h"
+#include "log/log_settings.h"
 #include "log/shipper/shipper.h"
 #include "sim/threads.h"
 #include "tests/support/spool.h"

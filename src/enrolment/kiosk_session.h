@@ -3,7 +3,6 @@
 #include "win32/winapi.h"
 
 #include <optional>
-#include <string>
 #include <vector>
 
 namespace kiosk::enrolment {
@@ -11,9 +10,6 @@ namespace kiosk::enrolment {
 // The kiosk account's user name; compared without regard to letter case everywhere.
 inline constexpr wchar_t kKioskUser[] = L"NorvaneKiosk";
 inline constexpr char kKioskUserText[] = "NorvaneKiosk";  // for log lines
-
-// The name of this computer, as accounts and sessions know it; empty when Windows does not tell.
-std::wstring ThisComputer();
 
 // True when the Windows session belongs to the kiosk account: its user is kKioskUser and its domain is this computer's
 // name. False as well when Windows does not know the session.

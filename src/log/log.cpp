@@ -4,7 +4,7 @@
 #include "log/housekeeping.h"
 #include "log/identity.h"
 #include "log/local_log.h"
-#include "log/settings.h"
+#include "log/log_settings.h"
 #include "log/shipper/shipper.h"
 #include "text/text.h"
 #include "win32/clock.h"
@@ -39,9 +39,12 @@ struct LogFolder {
 // The tree, outermost first, so that each folder is made inside one that is already secured. The outer two are shared
 // with other programs of the maker, whose content stays.
 constexpr LogFolder kFolders[] = {
-    {state::kMakerFolder, win32::ForeignFolder::kTakeOver}, {state::kProductFolder, win32::ForeignFolder::kTakeOver},
-    {state::kLogRoot, win32::ForeignFolder::kSetAside},     {state::kLogArchive, win32::ForeignFolder::kSetAside},
-    {state::kLogDrop, win32::ForeignFolder::kSetAside},     {state::kLogDropTaken, win32::ForeignFolder::kSetAside},
+    {win32::kMakerFolder, win32::ForeignFolder::kTakeOver},
+    {win32::kProductFolder, win32::ForeignFolder::kTakeOver},
+    {kLogRoot, win32::ForeignFolder::kSetAside},
+    {kArchiveFolder, win32::ForeignFolder::kSetAside},
+    {kDropFolder, win32::ForeignFolder::kSetAside},
+    {kTakenFolder, win32::ForeignFolder::kSetAside},
 };
 
 enum class Ready { kNo, kRunning, kYes };
@@ -172,7 +175,7 @@ bool HoldsFailureWord(std::string_view message) noexcept {
   std::array<char, kRaiseLength> lower;
   const std::size_t length = std::min(message.size(), lower.size());
   std::transform(message.begin(), message.begin() + static_cast<std::ptrdiff_t>(length), lower.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+                 text::AsciiLower<char>);
   const std::string_view text(lower.data(), length);
   return std::any_of(std::begin(kFailureWords), std::end(kFailureWords),
                      [text](const char* word) { return text.find(word) != std::string_view::npos; });

@@ -1,9 +1,10 @@
 #include "service/crash.h"
 
-#include "log/day_files.h"
 #include "log/local_log.h"
 #include "log/log.h"
+#include "log/log_folders.h"
 #include "log/shipper/shipper.h"
+#include "win32/folder_entries.h"
 #include "win32/handle.h"
 #include "win32/secure_folder.h"
 #include "win32/security.h"
@@ -24,7 +25,7 @@ namespace kiosk::service {
 namespace {
 
 constexpr DWORD kTimeToReport = 10'000;
-constexpr int kDumpsPerDay = 8;
+constexpr std::size_t kDumpsPerDay = 8;
 // A dump that is being written. One name for all: what a report that did not come to its end left goes with the next
 // one.
 constexpr wchar_t kUnfinished[] = L"\\NorvaneKiosk.dmp.part";
@@ -74,14 +75,8 @@ std::array<char, 32> Place(const void* address) noexcept {
   return text;
 }
 
-int DumpsOf(const wchar_t* day) {
-  WIN32_FIND_DATAW data;
-  const win32::FindHandle find(
-      FindFirstFileW((std::wstring(log::kLogRoot) + L"\\NorvaneKiosk-" + day + L"-*.dmp").c_str(), &data));
-  int count = 0;
-  while (find && (count++, FindNextFileW(find.Get(), &data) != 0)) {
-  }
-  return count;
+std::size_t DumpsOf(const std::wstring& day) {
+  return win32::EntriesOf(log::kLogRoot, (L"NorvaneKiosk-" + day + L"-*.dmp").c_str()).size();
 }
 
 // The dump shows memory, and the log root is not sure to be private: where its folders could not be secured it may be

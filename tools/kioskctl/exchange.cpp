@@ -5,7 +5,7 @@
 #include "text/text.h"
 #include "win32/console.h"
 #include "win32/local_path.h"
-#include "win32/winapi.h"
+#include "win32/program_path.h"
 
 #include <iterator>
 #include <utility>
@@ -89,11 +89,7 @@ std::string OneLine(std::string text) {
 }
 
 // The service looks at no program on a share or on a network drive.
-bool StartedFromElsewhere() {
-  std::wstring path(32'768, L'\0');
-  path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
-  return !kiosk::win32::IsLocalPath(path);
-}
+bool StartedFromElsewhere() { return !kiosk::win32::IsLocalPath(kiosk::win32::ProgramPath()); }
 
 }  // namespace
 

@@ -24,7 +24,6 @@ void AppendSeconds(std::string& out, std::uint64_t milliseconds) {
 }
 
 void AppendText(std::string& out, std::string_view rest) {
-  constexpr char kDigits[] = "0123456789abcdef";
   out += '"';
   while (!rest.empty()) {
     const std::size_t length = text::SequenceLength(rest);
@@ -36,8 +35,7 @@ void AppendText(std::string& out, std::string_view rest) {
       out += first;
     } else if (static_cast<unsigned char>(first) < 0x20U) {
       out += "\\u00";
-      out += first < 0x10 ? '0' : '1';
-      out += kDigits[static_cast<unsigned char>(first) & 0x0FU];
+      text::AppendHex(out, static_cast<unsigned char>(first));
     } else {
       out += rest.substr(0, length);
     }

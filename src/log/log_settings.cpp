@@ -1,4 +1,4 @@
-#include "log/settings.h"
+#include "log/log_settings.h"
 
 #include "state/registry.h"
 
