@@ -2,7 +2,6 @@
 // reader-writer lock: appending to an open file shares it, opening, closing and the change of day take it alone.
 #pragma once
 
-#include "log/log_folders.h"
 #include "win32/winapi.h"
 
 #include <string_view>

@@ -53,6 +53,7 @@ std::string NewUuid() {
   return uuid;
 }
 
+// Of a link in the file's place nothing is read.
 std::string ReadUuid(const std::wstring& path) {
   const win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                            FILE_FLAG_OPEN_REPARSE_POINT, nullptr));

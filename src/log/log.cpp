@@ -4,6 +4,7 @@
 #include "log/housekeeping.h"
 #include "log/identity.h"
 #include "log/local_log.h"
+#include "log/log_folders.h"
 #include "log/log_settings.h"
 #include "log/shipper/shipper.h"
 #include "text/text.h"
@@ -192,7 +193,7 @@ const char* Label(int level) noexcept {
 }
 
 // One line on its way, on the stack of the thread that logs.
-struct Line {
+struct LogLine {
   std::array<char, kTextSize> text;
   std::size_t stamp = 0;   // length of the time stamp at the front
   std::size_t length = 0;  // of the message behind it
@@ -238,31 +239,36 @@ struct Line {
   }
 };
 
-}  // namespace
+enum class Target { kEverywhere, kLocalFile };
 
-// NOLINTNEXTLINE(cert-dcl50-cpp): printf-style by contract, and checked as such at each call
-void Log(int level, const char* component, const char* format, ...) {
-  Line line;
-  va_list arguments;
-  va_start(arguments, format);
-  const bool formatted = line.Format(BeginLine(), level, format, arguments);
-  va_end(arguments);
-  if (formatted) {
-    shipper::HandOff(line.level, component, line.Message());
+NORVANE_PRINTF(5, 0)
+void Write(const SYSTEMTIME& now, int level, const char* component, Target target, const char* format,
+           va_list arguments) noexcept {
+  LogLine line;
+  if (line.Format(now, level, format, arguments)) {
+    if (target == Target::kEverywhere) {
+      shipper::HandOff(line.level, component, line.Message());
+    }
     line.WriteLocal(component);
   }
 }
 
-// NOLINTNEXTLINE(cert-dcl50-cpp): as above
-void LogLocal(int level, const char* format, ...) {
-  Line line;
+}  // namespace
+
+// NOLINTNEXTLINE(cert-dcl50-cpp): printf-style by contract, and checked as such at each call
+void Log(int level, const char* component, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const bool formatted = line.Format(BeginLine(), level, format, arguments);
+  Write(BeginLine(), level, component, Target::kEverywhere, format, arguments);
   va_end(arguments);
-  if (formatted) {
-    line.WriteLocal(kKiosk);
-  }
+}
+
+// NOLINTNEXTLINE(cert-dcl50-cpp): as above
+void LogLocal(int level, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  Write(BeginLine(), level, kKiosk, Target::kLocalFile, format, arguments);
+  va_end(arguments);
 }
 
 // NOLINTNEXTLINE(cert-dcl50-cpp): as above
@@ -273,14 +279,10 @@ void LogFault(const char* format, ...) {
   } else {
     now = BeginLine();
   }
-  Line line;
   va_list arguments;
   va_start(arguments, format);
-  const bool formatted = line.Format(now, kError, format, arguments);
+  Write(now, kError, kKiosk, Target::kLocalFile, format, arguments);
   va_end(arguments);
-  if (formatted) {
-    line.WriteLocal(kKiosk);
-  }
 }
 
 void StartBanner(const char* component) {

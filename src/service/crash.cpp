@@ -26,8 +26,7 @@ namespace {
 
 constexpr DWORD kTimeToReport = 10'000;
 constexpr std::size_t kDumpsPerDay = 8;
-// A dump that is being written. One name for all: what a report that did not come to its end left goes with the next
-// one.
+// A dump while it is being written. It always has this name, so the next report removes what an interrupted one left.
 constexpr wchar_t kUnfinished[] = L"\\NorvaneKiosk.dmp.part";
 // What Windows itself and OnFault need after a stack overflow, and the smallest stack that can spare that.
 constexpr ULONG kStackForFaults = ULONG{48} * 1024;

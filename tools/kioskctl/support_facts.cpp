@@ -1,11 +1,13 @@
 #include "support_facts.h"
 
+#include "account/winlogon.h"
 #include "branding/branding_folder.h"
 #include "log/log.h"
 #include "log/log_folders.h"
 #include "log/log_settings.h"
 #include "log/shipper/shipper_settings.h"
 #include "pipe/signature.h"
+#include "service/install.h"
 #include "state/kiosk_state.h"
 #include "state/os_version.h"
 #include "text/text.h"
@@ -115,19 +117,17 @@ struct NamedValue {
   const wchar_t* name;
 };
 
-constexpr wchar_t kWinlogon[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon";
-constexpr wchar_t kSystemPolicies[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Policies\\System";
 constexpr wchar_t kUpdatePolicies[] = L"SOFTWARE\\Policies\\Microsoft\\Windows\\WindowsUpdate";
 
 constexpr NamedValue kWindowsSettings[] = {
-    {kWinlogon, L"AutoAdminLogon"},
-    {kWinlogon, L"DefaultUserName"},
-    {kWinlogon, L"DefaultDomainName"},
-    {kWinlogon, L"DefaultPassword"},
-    {kWinlogon, L"AutoLogonCount"},
-    {L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\PasswordLess\\Device", L"DevicePasswordLessBuildVersion"},
-    {kSystemPolicies, L"EnableFirstLogonAnimation"},
-    {kSystemPolicies, L"HideFastUserSwitching"},
+    {kiosk::account::kWinlogonKey, kiosk::account::kAutoAdminLogon},
+    {kiosk::account::kWinlogonKey, kiosk::account::kDefaultUserName},
+    {kiosk::account::kWinlogonKey, kiosk::account::kDefaultDomainName},
+    {kiosk::account::kWinlogonKey, kiosk::account::kDefaultPassword},
+    {kiosk::account::kWinlogonKey, kiosk::account::kAutoLogonCount},
+    {kiosk::account::kPasswordLessKey, L"DevicePasswordLessBuildVersion"},
+    {kiosk::account::kSystemPoliciesKey, L"EnableFirstLogonAnimation"},
+    {kiosk::account::kSystemPoliciesKey, L"HideFastUserSwitching"},
     {kUpdatePolicies, L"SetActiveHours"},
     {kUpdatePolicies, L"ActiveHoursStart"},
     {kUpdatePolicies, L"ActiveHoursEnd"},
@@ -243,7 +243,8 @@ std::string ComputerFacts() {
 std::string ServiceFacts() {
   const kiosk::win32::ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
   const kiosk::win32::ServiceHandle service(
-      manager ? OpenServiceW(manager.Get(), L"NorvaneKiosk", SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG) : nullptr);
+      manager ? OpenServiceW(manager.Get(), kiosk::service::kServiceName, SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG)
+              : nullptr);
   if (!service) {
     return ErrorText("the service manager does not show the service", GetLastError());
   }
@@ -277,10 +278,10 @@ std::string StateFacts() { return WholeKey(kiosk::state::kStateKey); }
 
 std::string SettingsFacts() {
   std::string text;
-  for (const wchar_t* key :
-       {L"SOFTWARE\\Norvane\\Tessaly\\Log", L"SOFTWARE\\Norvane\\Stream\\Log", L"SOFTWARE\\Norvane\\Tessaly\\Update"}) {
+  for (const wchar_t* key : kiosk::log::kSettingsKeys) {
     text += WholeKey(key);
   }
+  text += WholeKey(L"SOFTWARE\\Norvane\\Tessaly\\Update");
   for (const NamedValue& setting : kWindowsSettings) {
     RawValue value;
     const LSTATUS status = kiosk::state::ReadValue(setting.subkey, setting.name, value);

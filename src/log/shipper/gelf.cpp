@@ -7,22 +7,13 @@
 namespace kiosk::log::shipper {
 namespace {
 
-void AppendNamed(std::string& out, std::string_view name, std::string_view text) {
-  out.append(",\"").append(name).append("\":");
-  AppendText(out, text);
-}
-
-void AppendNumber(std::string& out, std::string_view name, std::uint64_t number) {
-  out.append(",\"").append(name).append("\":").append(std::to_string(number));
-}
-
-}  // namespace
-
+// With exactly three decimals ("1792065600.007"): the JSON writer's six digits would ruin a time.
 void AppendSeconds(std::string& out, std::uint64_t milliseconds) {
   const std::string decimals = std::to_string(milliseconds % 1000);
   out.append(std::to_string(milliseconds / 1000)).append(1, '.').append(3 - decimals.size(), '0').append(decimals);
 }
 
+// A JSON string with its quotes. Control characters are escaped, so it holds no line end.
 void AppendText(std::string& out, std::string_view rest) {
   out += '"';
   while (!rest.empty()) {
@@ -43,6 +34,17 @@ void AppendText(std::string& out, std::string_view rest) {
   }
   out += '"';
 }
+
+void AppendNamed(std::string& out, std::string_view name, std::string_view text) {
+  out.append(",\"").append(name).append("\":");
+  AppendText(out, text);
+}
+
+void AppendNumber(std::string& out, std::string_view name, std::uint64_t number) {
+  out.append(",\"").append(name).append("\":").append(std::to_string(number));
+}
+
+}  // namespace
 
 void AppendRecord(std::string& out, const Sender& sender, const Line& line) {
   out += "{\"version\":\"1.1\"";

@@ -30,6 +30,7 @@ bool LooksWhole(std::string_view line) noexcept {
          line.find('\0') == std::string_view::npos;
 }
 
+// Others may claim or delete the segment meanwhile; a link is not followed.
 std::uint64_t CountLines(const std::wstring& path) {
   const win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
                                            OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
