@@ -27,7 +27,7 @@ HRESULT Commit() noexcept {
   return FAILED(created) ? created : installer->Commit(0);
 }
 
-// The value stands, flushed, before the call: one that was cut short is not repeated either.
+// The value is stored and flushed before the call: one that was cut short is not repeated either.
 bool IsFirstOfThisStart() {
   const auto stored = state::ReadState(state::kOsUpdatesCommittedAt);
   if (stored && stored->Qword().value_or(0) >= win32::WindowsStartedAt()) {
