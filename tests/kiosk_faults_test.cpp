@@ -19,7 +19,7 @@
 #include "state/kiosk_state.h"
 #include "tests/support/command.h"
 #include "tests/support/fixture.h"
-#include "tests/support/owned_computer.h"
+#include "tests/support/terminal.h"
 
 #include <algorithm>
 

@@ -20,7 +20,7 @@ TEST_F(PowerTest, ThePortalsPolicyIsKeptAsCanonicalText) {
   for (const char* ignored :
        {R"({"powerSource":"device"})", R"({"power":null,"powerSource":"device"})", R"({"power":{}})", "[]"}) {
     const sim::FaultPass pass;
-    ApplyPortalPowerPolicy(Json(ignored));
+    portal::StorePolicies(Json(ignored));
     EXPECT_EQ(pass.Count(), 0) << ignored;
   }
   for (const char* source : {"Tenant", "", "device "}) {

@@ -4,7 +4,7 @@
 #include "pipe/dispatch.h"
 #include "sim/machine.h"
 #include "tests/support/command.h"
-#include "tests/support/kiosk_terminal.h"
+#include "tests/support/terminal.h"
 
 namespace kiosk::pipe {
 namespace {

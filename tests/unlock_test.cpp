@@ -4,7 +4,7 @@
 #include "json/serialise.h"
 #include "sim/random.h"
 #include "tests/support/command.h"
-#include "tests/support/kiosk_terminal.h"
+#include "tests/support/terminal.h"
 
 #include <algorithm>
 

@@ -10,9 +10,9 @@
 #include "tests/support/command.h"
 #include "updates/agent_callbacks.h"
 #include "updates/report.h"
+#include "updates/stored_policy.h"
 #include "updates/update_commands.h"
 #include "updates/update_run.h"
-#include "updates/updates_policy_store.h"
 
 #include <map>
 

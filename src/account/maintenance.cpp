@@ -122,8 +122,8 @@ bool EndMaintenance(const char* reason) {
 }
 
 void EndMaintenanceOfEarlierBoot() {
-  const auto stored = state::ReadState(state::kMaintenanceAt);
-  if ((stored ? stored->Qword().value_or(0) : 0) >= win32::WindowsStartedAt() || !EndMaintenance("Windows restarted")) {
+  if (state::ReadStateQword(state::kMaintenanceAt) >= win32::WindowsStartedAt() ||
+      !EndMaintenance("Windows restarted")) {
     return;
   }
   // Durably over, or every start would end in a restart.

@@ -6,7 +6,7 @@
 #include "account/kiosk_profile.h"
 #include "account/kiosk_restart.h"
 #include "account/unlock_token.h"
-#include "account/winlogon.h"
+#include "account/user_switching.h"
 #include "branding/branding_folder.h"
 #include "enrolment/device_token.h"
 #include "enrolment/enrolment.h"
@@ -46,14 +46,6 @@ bool DeleteKioskUser() {
   }
   log::Log(log::kNotice, log::kKiosk, "deleted %s", enrolment::kKioskUserText);
   return true;
-}
-
-void RestoreFastUserSwitching() {
-  const auto owned = state::ReadState(state::kOwnsHideFastUserSwitching);
-  if (owned && owned->Dword().value_or(0) != 0) {
-    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kSystemPoliciesKey, L"HideFastUserSwitching");
-    state::DeleteStateValue(state::kOwnsHideFastUserSwitching);
-  }
 }
 
 // The account on record; failing that, one that a provisioning made and could not record any more. Empty: none.

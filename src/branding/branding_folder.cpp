@@ -14,8 +14,6 @@ using win32::FolderStep;
 using win32::ForeignFolder;
 using State = CachedFile::State;
 
-constexpr wchar_t kTessalyFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly";
-
 // The outer two are shared with other programs of the maker, whose content stays.
 struct Folder {
   const wchar_t* path;
@@ -23,8 +21,8 @@ struct Folder {
   ForeignFolder foreign;
 };
 constexpr Folder kFolders[] = {
-    {L"C:\\ProgramData\\Norvane", win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
-    {kTessalyFolder, win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
+    {win32::kMakerFolder, win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
+    {win32::kProductFolder, win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
     {kKioskFolder, win32::kReadableFolderSddl, ForeignFolder::kRemoveOrSetAside},
     {kBrandingFolder, win32::kReadableFolderSddl, ForeignFolder::kRemoveOrSetAside},
 };
@@ -223,7 +221,7 @@ void RemoveAllBut(const std::vector<std::wstring>& names) {
 }
 
 bool RemoveCache() {
-  if (!Exists(kKioskFolder) && SetAside(kTessalyFolder, kKioskFolder).empty()) {
+  if (!Exists(kKioskFolder) && SetAside(win32::kProductFolder, kKioskFolder).empty()) {
     return true;
   }
   HeldFolders around;
@@ -231,7 +229,7 @@ bool RemoveCache() {
     return false;
   }
   bool removed = RemoveCached(kBrandingFolder);
-  for (const auto& [outer, inner] : {std::pair{kKioskFolder, kBrandingFolder}, {kTessalyFolder, kKioskFolder}}) {
+  for (const auto& [outer, inner] : {std::pair{kKioskFolder, kBrandingFolder}, {win32::kProductFolder, kKioskFolder}}) {
     for (const std::wstring& path : SetAside(outer, inner)) {
       removed = RemoveCached(path) && removed;
     }

@@ -4,9 +4,9 @@
 #include "enrolment/device_token.h"
 #include "log/log.h"
 #include "updates/report.h"
+#include "updates/stored_policy.h"
 #include "updates/update_run.h"
 #include "updates/update_state.h"
-#include "updates/updates_policy_store.h"
 #include "win32/thread.h"
 
 #include <exception>

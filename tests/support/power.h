@@ -3,6 +3,7 @@
 
 #include "json/parse.h"
 #include "json/serialise.h"
+#include "portal/policies.h"
 #include "power/power_commands.h"
 #include "power/power_policy_store.h"
 #include "power/power_scheme.h"
@@ -12,7 +13,7 @@
 #include "sim/power.h"
 #include "sim/tasks.h"
 #include "tests/support/command.h"
-#include "tests/support/kiosk_terminal.h"
+#include "tests/support/terminal.h"
 #include "tests/support/words.h"
 #include "win32/wide_text.h"
 
@@ -41,7 +42,7 @@ inline std::string Policy(int screenOff, int sleep, const std::string& schedule 
 inline json::Value Json(const std::string& text) { return json::Parse(text).value_or(json::Value()); }
 
 inline void Receive(const std::string& policy, const std::string& source = "tenant") {
-  ApplyPortalPowerPolicy(Json("{\"power\":" + policy + ",\"powerSource\":\"" + source + "\"}"));
+  portal::StorePolicies(Json("{\"power\":" + policy + ",\"powerSource\":\"" + source + "\"}"));
 }
 
 inline std::string State(const state::StateValue& value) { return win32::ToNarrow(state::ReadStateString(value)); }
