@@ -18,18 +18,18 @@ namespace {
 
 win32::Lock powerLock{win32::LockRank::kPower};
 
-// Values were written and the scheme is not yet made active again: that failed, or, for all that is known when a
-// process begins, an earlier one ended in between.
+// Values were written, and the scheme was not made active again: that failed. When the process begins an earlier one
+// may have ended between the two.
 bool activationOwed GUARDED_BY(PowerLock()) = true;
 
-// Of the last try to activate, which the log knows.
+// Of the last try to activate. The same error is logged once.
 DWORD activationError GUARDED_BY(PowerLock()) = ERROR_SUCCESS;
 
 constexpr DWORD kSecondsPerMinute = 60;
 
 DWORD Seconds(std::int32_t minutes) { return static_cast<DWORD>(minutes) * kSecondsPerMinute; }
 
-// Changed values count only once the scheme is made the active one again.
+// Changed values take effect when the scheme is made the active one again.
 void Activate(const GUID& scheme, const PowerPolicy& policy, bool changed) REQUIRES(PowerLock()) {
   const DWORD error = PowerSetActiveScheme(nullptr, &scheme);
   activationOwed = error != ERROR_SUCCESS;
@@ -42,7 +42,7 @@ void Activate(const GUID& scheme, const PowerPolicy& policy, bool changed) REQUI
   activationError = error;
 }
 
-// Takes all of it off the computer again, then deletes the values.
+// Removes the tasks and puts the scheme back, then deletes `values` in that order.
 void TakeBack(std::initializer_list<const state::StateValue*> values) REQUIRES(PowerLock()) {
   const win32::ComApartment apartment;
   RemovePowerTasks();
@@ -68,7 +68,7 @@ void ApplyPowerScheme(const PowerPolicy& policy) {
   SetPowerValue(scheme, SchemeSetting::kScreenOff, Seconds(policy.screenOffMinutes), changed);
   SetPowerValue(scheme, SchemeSetting::kSleep, Seconds(policy.sleepMinutes), changed);
   const std::string error = ApplyPowerSchedule(scheme, policy.schedule, changed);
-  // Without copies no value was ever written.
+  // The copies are saved before the first value is written: while there are none, no activation can be owed.
   if (changed || (activationOwed && !state::ReadStateString(state::kPriorPower).empty())) {
     Activate(scheme, policy, changed);
   } else {
