@@ -16,7 +16,6 @@
 #include "win32/folder_entries.h"
 #include "win32/grow.h"
 #include "win32/owners.h"
-#include "win32/secure_folder.h"
 #include "win32/security.h"
 #include "win32/wide_text.h"
 
