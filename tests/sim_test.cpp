@@ -138,9 +138,7 @@ sim::FaultScenario Marking(const wchar_t* name, const wchar_t* first, const wcha
 
 class SimHttp : public testing::Test {
  protected:
-  SimHttp() {
-    portal_.On(L"POST", L"/", sim::Response{.connectDelay = 5'000});
-  }
+  SimHttp() { portal_.On(L"POST", L"/", sim::Response{.connectDelay = 5'000}); }
   kiosk::win32::HttpHandle Request(DWORD mode = WINHTTP_FLAG_ASYNC) {
     session_.Reset(WinHttpOpen(L"", WINHTTP_ACCESS_TYPE_NO_PROXY, nullptr, nullptr, mode));
     connection_.Reset(WinHttpConnect(session_.Get(), L"portal.test", 80, 0));
