@@ -12,6 +12,7 @@
 #include "sim/http.h"
 #include "sim/shutdown.h"
 #include "state/kiosk_state.h"
+#include "tests/support/command.h"
 #include "tests/support/fixture.h"
 #include "tests/support/terminal.h"
 #include "win32/thread.h"
@@ -41,8 +42,10 @@ class Pairing : public testing::Test {
 
 sim::Response Reply(DWORD status, std::string body = {}) { return {.status = status, .body = std::move(body)}; }
 
-std::string Begin() { return json::Serialise(PairBegin()); }
-std::string Check(const std::string& code = "ABCD1234") { return json::Serialise(PairCheck(code)); }
+std::string Begin() { return json::Serialise(test::Ask(PairBegin)); }
+std::string Check(const std::string& code = "ABCD1234") {
+  return json::Serialise(test::Ask(PairCheck, R"({"code":")" + code + "\"}"));
+}
 
 TEST_F(Pairing, PairBeginAnswers) {
   constexpr char kServerError[] = R"({"ok":false,"error":"server_error"})";

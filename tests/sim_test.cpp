@@ -7,8 +7,8 @@
 #include "sim/gtest_report.h"
 #include "sim/http.h"
 #include "sim/machine.h"
-#include "win32/http_handle.h"
 #include "win32/lock.h"
+#include "win32/owners.h"
 #include "win32/thread.h"
 
 #include <lm.h>

@@ -3,6 +3,7 @@
 #include "json/serialise.h"
 #include "pipe/dispatch.h"
 #include "sim/time_service.h"
+#include "tests/support/command.h"
 #include "tests/support/terminal.h"
 
 namespace kiosk::pipe {
@@ -15,15 +16,18 @@ class TerminalSettingsTest : public test::KioskTerminal {
     caller.isInteractive = true;
     caller.isKioskAccount = isKioskAccount;
     caller.sessionId = test::kKioskSession;
-    json::PostReplyAction after = nullptr;
+    command::PostReplyAction after = nullptr;
     const std::string request = R"({"cmd":")" + command + R"(","unlockToken":)" + token + "}";
-    return json::Serialise(Dispatch({nullptr, caller}, request, after));
+    return json::Serialise(Dispatch(caller, request, after));
   }
 };
 
 TEST_F(TerminalSettingsTest, OnlyTheUnlockedKioskSessionReachesThem) {
   const std::string token =
-      "\"" + json::Member(account::Unlock("way out", test::kKioskSession), "unlockToken").text() + "\"";
+      "\"" +
+      json::Member(test::Ask(account::Unlock, test::Credentials("way out"), test::kKioskSession), "unlockToken")
+          .text() +
+      "\"";
   for (const char* command :
        {"net.set", "proxy.set", "time.sync", "power.get", "power.set", "os.updates", "os.install"}) {
     EXPECT_EQ(Send(command, token, false), R"({"ok":false,"error":"not_permitted"})") << command;

@@ -7,9 +7,10 @@
 #include "sim/faults.h"
 #include "sim/http.h"
 #include "sim/shutdown.h"
+#include "tests/support/command.h"
 #include "updates/agent_callbacks.h"
-#include "updates/policy_store.h"
 #include "updates/report.h"
+#include "updates/stored_policy.h"
 #include "updates/update_commands.h"
 #include "updates/update_run.h"
 
@@ -31,7 +32,7 @@ class UpdatesTest : public test::UpdatesTerminal {
     clock_.RunFor(1);  // the agent's thread lets go of what it holds
     return result;
   }
-  static std::string Status() { return json::Serialise(OsUpdates(json::Value::Object())); }
+  static std::string Status() { return json::Serialise(test::Ask(OsUpdates)); }
 };
 
 TEST_F(UpdatesTest, InstallsWhatNeedsNoPerson) {
@@ -214,10 +215,10 @@ TEST_P(UpdatesStop, EndsInTimeAndLeavesNoResult) {
   sim::agent.duration[stage].Set(stubborn ? 60'000 : INFINITE);
   sim::agent.stubborn.Set(stubborn);
   clock_.At(5000, [] { win32::RequestStop(); });
-  ASSERT_TRUE(StartBackgroundRun(true));
+  ASSERT_TRUE(json::Member(test::Ask(OsInstall), "ok").boolean());
   clock_.RunUntil(stubborn ? 14'900 : 4999);
   EXPECT_TRUE(RunIsGoing());
-  EXPECT_FALSE(StartBackgroundRun(true));
+  EXPECT_EQ(json::Serialise(test::Ask(OsInstall)), R"({"ok":false,"error":"busy"})");
   clock_.RunUntil(stubborn ? 15'100 : 5100);
   EXPECT_FALSE(RunIsGoing());
   EXPECT_EQ(sim::LiveAgentOperations(), stubborn ? 1 : 0);
@@ -309,8 +310,8 @@ TEST_F(UpdatesTest, TheTerminalsCommands) {
     caller.isKioskAccount = true;
     caller.isInteractive = true;
     caller.sessionId = session;
-    json::PostReplyAction after = nullptr;
-    return json::Serialise(pipe::Dispatch({nullptr, caller}, request, after));
+    command::PostReplyAction after = nullptr;
+    return json::Serialise(pipe::Dispatch(caller, request, after));
   };
   EXPECT_EQ(ask(R"({"cmd":"session.report","signedIn":true})"), R"({"ok":true})");
   EXPECT_EQ(ask(R"({"cmd":"session.report","signedIn":false,"live":null})"), R"({"ok":true})");

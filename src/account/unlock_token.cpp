@@ -23,25 +23,13 @@ struct Unlocked {
 // Connection threads and the control handler come here. In place and without a destructor: nothing of a token is left
 // on the heap.
 win32::Lock unlockLock{win32::LockRank::kLeaf};
-Unlocked unlocked;  // guarded by unlockLock
+Unlocked unlocked GUARDED_BY(unlockLock);
 
-// The caller holds unlockLock.
-void Clear() noexcept {
+void Clear() noexcept REQUIRES(unlockLock) {
   SecureZeroMemory(unlocked.token.data(), unlocked.token.size());
   unlocked.valid = false;
   unlocked.session = 0;
   unlocked.expiry = 0;
-}
-
-std::string Hexadecimal(const std::array<std::uint8_t, kTokenBytes>& bytes) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  text.reserve(kTokenLength);
-  for (const unsigned byte : bytes) {
-    text += kDigits[byte >> 4U];
-    text += kDigits[byte & 0xFU];
-  }
-  return text;
 }
 
 }  // namespace
@@ -51,7 +39,7 @@ text::Secret NewUnlockToken(DWORD session) {
   if (!win32::FillRandom(bytes.data(), bytes.size())) {
     return {};
   }
-  text::Secret token(Hexadecimal(bytes));
+  text::Secret token(text::Hex(bytes));
   SecureZeroMemory(bytes.data(), bytes.size());
   const win32::LockGuard guard(unlockLock);
   Clear();

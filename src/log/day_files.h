@@ -8,8 +8,6 @@
 
 namespace kiosk::log {
 
-inline constexpr wchar_t kLogRoot[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Logs";
-
 // Makes the folder of the given local day the current one; files of the day before are closed. For a minute after that
 // an earlier date changes nothing. True when another day was replaced (the caller then prunes).
 bool ChooseDay(const SYSTEMTIME& now) noexcept;
