@@ -340,11 +340,11 @@ SIM(WINBOOL, WriteFile, HANDLE file, LPCVOID data, DWORD size, LPDWORD written, 
   return done;
 }
 
-// As much room as the area "Disk" says; the development machine's own otherwise.
+// As much room as freeDiskMegabytes says.
 SIM(WINBOOL, GetDiskFreeSpaceExW, LPCWSTR folder, PULARGE_INTEGER available, PULARGE_INTEGER total,
     PULARGE_INTEGER free) {
   const BOOL done = ::GetDiskFreeSpaceExW(folder, available, total, free);
-  if (const std::optional<DWORD> megabytes = ReadNumber(L"Disk", L"FreeMB"); done && megabytes) {
+  if (const std::optional<DWORD> megabytes = freeDiskMegabytes.Read(); done && megabytes) {
     available->QuadPart = std::uint64_t{*megabytes} * 1024 * 1024;
   }
   return done;

@@ -97,14 +97,14 @@ TEST_F(NetworkTrialTest, OnlyTimeWithALinkAndAwakeCounts) {
   StartWorker();
   SetWrong();
   clock_.RunFor(100'000);
-  for (const wchar_t* lost : {L"Hardware", L"Cable"}) {  // the adapter unplugged, and its cable
-    sim::WriteNumber(kAdapterArea, lost, 0);
+  for (const sim::Field<>* lost : {&kAdapter.hardware, &kAdapter.cable}) {  // the adapter unplugged, and its cable
+    lost->Set(0);
     clock_.RunFor(1'000'000);
-    sim::WriteNumber(kAdapterArea, lost, 1);
+    lost->Set(1);
     clock_.RunFor(40'000);
   }
   for (DWORD slept = 30; slept <= 600; slept += 30) {
-    sim::WriteNumber(L"", L"SleptSeconds", slept);
+    sim::sleptSeconds.Set(slept);
     clock_.RunFor(30'000);
   }
   EXPECT_TRUE(Recorded());
@@ -123,7 +123,7 @@ TEST_F(NetworkTrialTest, OfARowOfChangesTheSettingsBeforeTheFirstComeBack) {
   EXPECT_TRUE(IsBack());
   // And when somebody else has set it meanwhile, it is left alone.
   SetWrong();
-  sim::WriteText(kAdapterArea, L"Addresses", L"10.7.7.7/24");
+  kAdapter.addresses.Set(L"10.7.7.7/24");
   clock_.RunFor(310'000);
   EXPECT_FALSE(Recorded());
   EXPECT_NE(sim::DumpAdapters(), before_);
@@ -148,8 +148,8 @@ TEST_F(NetworkTrialTest, NothingIsProvenForAnotherNetworkOrAtTheEnd) {
 }
 
 TEST_F(NetworkTrialTest, AStartBeginsTheFiveMinutesAnew) {
-  sim::WriteNumber(kAdapterArea, L"Dhcp", 0);
-  sim::WriteText(kAdapterArea, L"Addresses", L"10.1.2.3/24");
+  kAdapter.dhcp.Set(0);
+  kAdapter.addresses.Set(L"10.1.2.3/24");
   sim::SetGatewaysByHand(sim::kFactoryAdapter, L"10.1.2.1");
   Record(std::string(kDhcpRecord) + kWantedRecord + R"(,"unproven":true)");
   StartWorker();

@@ -191,7 +191,7 @@ TEST_F(PortalTest, TokenIsProtectedAndEndsWhatWasLeftOpen) {
     EXPECT_TRUE(pass.Flushed(L"DeviceToken"));
   }
   EXPECT_EQ(enrolment::ReadDeviceToken().Get(), "tok-123");
-  EXPECT_EQ(sim::ReadNumber(L"DataProtection", L"Flags"), CRYPTPROTECT_UI_FORBIDDEN | CRYPTPROTECT_LOCAL_MACHINE);
+  EXPECT_EQ(sim::dataProtectionFlags.Get(), CRYPTPROTECT_UI_FORBIDDEN | CRYPTPROTECT_LOCAL_MACHINE);
   EXPECT_FALSE(HasValue(state::kStateKey, L"TeardownPending"));
   const auto blob = state::ReadState(state::kDeviceToken);
   ASSERT_TRUE(blob);

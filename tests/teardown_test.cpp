@@ -39,10 +39,10 @@ using test::StateNames;
 
 constexpr char kLater[] = "WARN the kiosk account could not be removed yet; retrying at every start and check-in";
 
-class TeardownTest : public test::CleanMachine {
+class TeardownTest : public test::VirtualComputer {
  protected:
   void SetUp() override {
-    CleanMachine::SetUp();
+    VirtualComputer::SetUp();
     ASSERT_EQ(state::ProtectStateKey().what, nullptr);
   }
   // An account as provisioning would have left it, without the rest.
@@ -52,7 +52,6 @@ class TeardownTest : public test::CleanMachine {
     EXPECT_EQ(sim::MakeProfile(sid, L"NorvaneKiosk"), DWORD{ERROR_SUCCESS});
     return sid;
   }
-  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
 };
 
 TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
@@ -70,10 +69,7 @@ TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
   {
     const sim::FaultPass pass;
     RemoveKioskMode(false, "because");
-    std::vector<std::string> calls;
-    for (const sim::ChangeCall& call : pass.Calls()) {
-      calls.push_back(call.Text());
-    }
+    const std::vector<std::string> calls = pass.Texts();
     const auto deleted = [&](const std::string& value) {
       return std::find(calls.begin(), calls.end(),
                        "RegDeleteKeyValueW(HKLM\\SOFTWARE\\Norvane\\Tessaly\\Kiosk\\" + value + ")");
@@ -128,8 +124,7 @@ TEST_F(TeardownTest, WhatBecomesOfTheAccount) {
     SCOPED_TRACE(each.what);
     const int failures = test::CountLogged("ERROR cannot delete the kiosk profile (32)");
     const std::size_t logged = test::LogTexts().size();
-    CleanMachine::SetUp();
-    ASSERT_EQ(state::ProtectStateKey().what, nullptr);
+    SetUp();
     const std::wstring sid = RecordAccount();
     if (each.prepare != nullptr) {
       each.prepare(sid);
@@ -160,8 +155,7 @@ TEST_F(TeardownTest, SignOutsArePolledAndThenLeftForLater) {
     DWORD listError = 0;
   } const cases[] = {{3'000, 3'000, true}, {INFINITE, 15'000, false}, {INFINITE, 15'000, false, 1722}};
   for (const auto& each : cases) {
-    CleanMachine::SetUp();
-    ASSERT_EQ(state::ProtectStateKey().what, nullptr);
+    SetUp();
     RecordAccount();
     sim::MakeStubborn(sim::SignIn(L"NorvaneKiosk"), each.stays);
     sim::FailSessionLists(each.listError);

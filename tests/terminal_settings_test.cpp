@@ -2,7 +2,7 @@
 #include "account/unlock.h"
 #include "json/serialise.h"
 #include "pipe/dispatch.h"
-#include "sim/machine.h"
+#include "sim/time_service.h"
 #include "tests/support/command.h"
 #include "tests/support/terminal.h"
 
@@ -44,7 +44,7 @@ TEST_F(TerminalSettingsTest, OnlyTheUnlockedKioskSessionReachesThem) {
   for (const char* command : {"power.get", "os.updates"}) {
     EXPECT_TRUE(Send(command, token).starts_with(R"({"ok":true,)")) << command;
   }
-  sim::WriteNumber(L"TimeService", L"NoService", 1);
+  sim::timeService.noService.Set(1);
   EXPECT_EQ(Send("time.sync", token), R"({"ok":false,"error":"sync_failed","server":"time.windows.com"})");
 }
 

@@ -123,7 +123,7 @@ TEST_F(UpdateWindowTest, WaitsForWhoeverIsAtTheTerminal) {
 TEST_F(UpdateWindowTest, TheRestartWaitsToo) {
   SetPolicy("02:00", "05:00", "[0,1,2,3,4,5,6]");
   sim::OfferUpdate({.title = L"One", .reboot = 1});
-  SetAgent(L"Duration install", static_cast<DWORD>(30 * kMinute));
+  sim::agent.duration[sim::kInstall].Set(static_cast<DWORD>(30 * kMinute));
   Start();
   GoTo(1, 2, 15);
   Report(30, true);  // to 02:45; the run ends at 02:30
@@ -153,7 +153,7 @@ TEST_F(UpdateWindowTest, TheRestartWaitsToo) {
   GoTo(3, 1, 59);
   Report(5, false);
   clock_.At(clock_.Elapsed() + kMinute + 1000, [this] { Report(240, true); });
-  SetAgent(L"Duration search", static_cast<DWORD>(5 * kMinute));
+  sim::agent.duration[sim::kSearch].Set(static_cast<DWORD>(5 * kMinute));
   GoTo(3, 23);
   EXPECT_EQ(Windows(), "11-22 11-23 11-24 ");
   EXPECT_FALSE(Restarting());
@@ -165,7 +165,7 @@ TEST_F(UpdateWindowTest, TheRestartWaitsToo) {
 TEST_F(UpdateWindowTest, WhatIsInstalledIsCommittedOnceBeforeTheRestart) {
   SetPolicy("02:00", "05:00", "[0,1,2,3,4,5,6]");
   sim::OfferUpdate({.title = L"Feature", .reboot = 1, .feature = true});
-  SetAgent(L"Duration commit", 10 * 60'000);
+  sim::agent.durationCommit.Set(10 * 60'000);
   Start();
   GoTo(1, 2);
   clock_.RunFor(30'000);
@@ -176,7 +176,7 @@ TEST_F(UpdateWindowTest, WhatIsInstalledIsCommittedOnceBeforeTheRestart) {
   EXPECT_TRUE(Restarting());
   EXPECT_EQ(test::CountLogged("WARN os updates: Windows did not commit them within 60 s"), 1);
   GoTo(1, 2, 30);
-  EXPECT_EQ(sim::ReadNumber(sim::kUpdateArea, L"Committed"), 1U);
+  EXPECT_EQ(sim::agent.committed.Get(), 1U);
 
   // The restart did not come, the service starts anew, another window: Windows is asked to restart, and that is all.
   state::DeleteStateValue(state::kOsUpdatesWindowDone);
@@ -186,8 +186,8 @@ TEST_F(UpdateWindowTest, WhatIsInstalledIsCommittedOnceBeforeTheRestart) {
 
   // After the restart there is another one; its failure keeps nothing.
   sim::RestartComputer();
-  SetAgent(L"Duration commit", 0);
-  SetAgent(L"Fail commit", 0x80240fff);
+  sim::agent.durationCommit.Set(0);
+  sim::agent.failCommit.Set(0x80240fff);
   sim::OfferUpdate({.title = L"Next", .reboot = 1});
   GoTo(3, 2, 30);
   EXPECT_TRUE(Restarting());
@@ -196,7 +196,7 @@ TEST_F(UpdateWindowTest, WhatIsInstalledIsCommittedOnceBeforeTheRestart) {
 
 TEST_F(UpdateWindowTest, AServiceThatStartsInADoneWindowDoesNothing) {
   SetPolicy("08:00", "12:00", "[6]");
-  SetAgent(L"RebootRequired", 1);
+  sim::agent.rebootRequired.Set(1);
   SetString(state::kStateKey, L"OsUpdatesWindowDone", L"2026-11-21");
   Start();
   clock_.RunFor(4 * kHour);
@@ -214,7 +214,7 @@ TEST_F(UpdateWindowTest, ARunThatIsGoingIsLeftAlone) {
   clock_.RunFor(5 * kMinute);
   EXPECT_EQ(Windows(), "");
   sim::OfferUpdate({.title = L"One", .reboot = 1});
-  SetAgent(L"Duration install", static_cast<DWORD>(5 * kMinute));
+  sim::agent.duration[sim::kInstall].Set(static_cast<DWORD>(5 * kMinute));
   clock_.RunFor(2 * kMinute);
   Report(6, true);  // the run ends with somebody there, so the restart waits for the next quarter of an hour
   clock_.RunFor(13 * kMinute);
@@ -267,7 +267,7 @@ TEST_F(UpdateWindowTest, GivesEverythingBackWithinAMinute) {
 TEST_F(UpdateWindowTest, ATerminalThatIsNoneAnyMoreGetsNoResultAndNoRestart) {
   SetPolicy("09:00", "12:00", "[6]");
   sim::OfferUpdate({.title = L"One", .reboot = 1});
-  SetAgent(L"Duration install", static_cast<DWORD>(10 * kMinute));
+  sim::agent.duration[sim::kInstall].Set(static_cast<DWORD>(10 * kMinute));
   Start();
   clock_.At(5 * kMinute, [] { state::WriteStateDword(state::kTeardownPending, 1); });
   clock_.RunFor(3 * kHour);
@@ -279,7 +279,7 @@ TEST_F(UpdateWindowTest, ATerminalThatIsNoneAnyMoreGetsNoResultAndNoRestart) {
 TEST_F(UpdateWindowTest, AStopLeavesTheWindowToTheNextStart) {
   SetPolicy("09:00", "12:00", "[6]");
   sim::OfferUpdate({.title = L"One"});
-  SetAgent(L"Duration download", INFINITE);
+  sim::agent.duration[sim::kDownload].Set(INFINITE);
   Start();
   clock_.At(5 * kMinute, [] { win32::RequestStop(); });
   clock_.RunFor(5 * kMinute);

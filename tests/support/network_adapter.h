@@ -17,7 +17,7 @@
 namespace kiosk::network {
 
 inline const std::string kName = sim::Narrow(sim::kFactoryAdapter);
-inline const std::wstring kAdapterArea = std::wstring(L"Adapters\\") + sim::kFactoryAdapter;
+inline const sim::Adapter kAdapter(sim::kFactoryAdapter);
 inline const std::wstring kInterface =
     std::wstring(L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters\\Interfaces\\") + sim::kFactoryAdapter;
 inline constexpr wchar_t kPersistentRoutes[] =
@@ -41,8 +41,8 @@ inline void MakeMachine() {
 
 // Two addresses, a gateway and a name server of the owner's.
 inline void MakeItStatic() {
-  sim::WriteNumber(kAdapterArea, L"Dhcp", 0);
-  sim::WriteText(kAdapterArea, L"Addresses", L"172.16.0.9/16 172.16.0.10/16");
+  kAdapter.dhcp.Set(0);
+  kAdapter.addresses.Set(L"172.16.0.9/16 172.16.0.10/16");
   sim::SetGatewaysByHand(sim::kFactoryAdapter, L"172.16.0.1");
   test::SetString(kInterface.c_str(), L"NameServer", L"172.16.0.2,172.16.0.3");
 }

@@ -32,7 +32,6 @@ class UpdatesTerminal : public CleanMachine {
     ASSERT_TRUE(enrolment::StoreDeviceToken("tok"));
     sim::SetSession(kShellSession, L"NorvaneKiosk", sim::ComputerName());
   }
-  static void SetAgent(const std::wstring& name, DWORD number) { sim::WriteNumber(sim::kUpdateArea, name, number); }
   static void SetPolicy(const char* start, const char* end, const std::string& days, bool automatic = true) {
     SetString(state::kStateKey, L"UpdatesPolicy",
               win32::ToWide(std::string(R"({"automatic":)") + (automatic ? "true" : "false") +
