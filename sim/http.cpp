@@ -155,6 +155,14 @@ std::vector<Request> ScriptedPortal::Requests() const {
   return requests;
 }
 
+std::vector<std::uint64_t> ScriptedPortal::Seconds() const {
+  std::vector<std::uint64_t> seconds;
+  for (const Request& request : Requests()) {
+    seconds.push_back(request.at / 1000);
+  }
+  return seconds;
+}
+
 int OpenHttpHandles() {
   const std::lock_guard guard(mutex);
   return static_cast<int>(handles.size());

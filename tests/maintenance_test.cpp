@@ -1,6 +1,7 @@
 // The exit password and its lockout; maintenance in and out.
 #include "account/maintenance.h"
 
+#include "account/account_lock.h"
 #include "account/auto_logon.h"
 #include "account/auto_logon_owner.h"
 #include "account/exit_password.h"
@@ -8,7 +9,7 @@
 #include "json/serialise.h"
 #include "sim/fault_driver.h"
 #include "sim/lsa.h"
-#include "tests/support/kiosk_terminal.h"
+#include "tests/support/terminal.h"
 #include "win32/clock.h"
 #include "win32/hash.h"
 #include "win32/thread.h"
@@ -17,11 +18,11 @@
 namespace kiosk::account {
 namespace {
 
-using test::AutoAdminLogon;
 using test::kKioskSession;
 using test::kOtherSession;
 using test::SetDword;
 using test::SetString;
+using test::Winlogon;
 
 constexpr char kLockoutLine[] = "WARN maintenance: 5 attempts without the right password; refusing for 300 s";
 constexpr char kEnteredLine[] =
@@ -172,7 +173,7 @@ TEST_F(MaintenanceTest, ThePasswordOpensAndTheSignOutIsLeftForLater) {
   Entered();
   EXPECT_TRUE(IsOn());
   EXPECT_EQ(Qword(state::kMaintenanceAt), clock_.SystemTime());
-  EXPECT_EQ(AutoAdminLogon(), L"0");
+  EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"0");
   EXPECT_EQ(test::CountLogged(kEnteredLine), 1);
   EXPECT_EQ(test::CountLogged("INFO logged off kiosk session 2"), 0);
   ASSERT_NE(after_, nullptr);
@@ -212,7 +213,7 @@ TEST_F(MaintenanceTest, ATokenOpensOnceAndBesideAPasswordCountsForNothing) {
   state::DeleteStateValue(state::kDeviceToken);
   EXPECT_EQ(Enter("", another), refused("not_enrolled"));
   EXPECT_FALSE(IsOn());
-  EXPECT_EQ(AutoAdminLogon(), L"1");
+  EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"1");
 }
 
 TEST_F(MaintenanceTest, ATeardownThatIsUnderWayWins) {
@@ -228,7 +229,7 @@ TEST_F(MaintenanceTest, ATeardownThatIsUnderWayWins) {
   clock_.RunFor(1000);
   EXPECT_EQ(reply, R"({"ok":false,"error":"not_enrolled"})");
   EXPECT_FALSE(IsOn());
-  EXPECT_EQ(AutoAdminLogon(), L"1");
+  EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"1");
   EXPECT_EQ(after_, nullptr);
 }
 
@@ -252,7 +253,7 @@ TEST_F(MaintenanceTest, AnAdministratorWhoSignsOutEndsIt) {
   OnSessionChange(WTS_SESSION_LOGOFF, 5);
   clock_.RunFor(1);
   EXPECT_FALSE(state::ReadState(state::kMaintenance) || state::ReadState(state::kMaintenanceAt));
-  EXPECT_EQ(AutoAdminLogon(), L"1");
+  EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"1");
   EXPECT_EQ(test::CountLogged(kOver), 1);
   EndMaintenance("twice");
   EXPECT_EQ(test::CountLogged("INFO maintenance over (twice): kiosk sign-in restored"), 0);
@@ -288,10 +289,10 @@ TEST_F(MaintenanceTest, ItDoesNotSurviveARestartOfWindows) {
   for (const auto& [at, stays] : cases) {
     SetDword(state::kStateKey, L"Maintenance", 1);
     SetQword(L"MaintenanceAt", at);
-    SetString(test::kWinlogon, L"AutoAdminLogon", L"0");
+    SetString(kWinlogonKey, L"AutoAdminLogon", L"0");
     EndMaintenanceOfEarlierBoot();
     EXPECT_EQ(IsOn(), stays) << at;
-    EXPECT_EQ(AutoAdminLogon(), stays ? L"0" : L"1");
+    EXPECT_EQ(Winlogon(L"AutoAdminLogon"), stays ? L"0" : L"1");
   }
   EXPECT_EQ(test::CountLogged("INFO maintenance over (Windows restarted): kiosk sign-in restored"), 2);
 }
@@ -303,7 +304,7 @@ TEST_F(MaintenanceTest, EndingLeavesASettingThatIsNotTheServicesAlone) {
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, state::kStateKey, gone);
     EndMaintenance("test");
     EXPECT_FALSE(IsOn());
-    EXPECT_EQ(AutoAdminLogon(), L"0");
+    EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"0");
   }
 }
 
@@ -349,7 +350,7 @@ TEST(MaintenanceFaults, AStartOfWindowsEndsEveryHalf) {
                 win32::ToWide(win32::Sha256Hex({reinterpret_cast<const char*>(secret.data()), secret.size() * 2})));
       if (ending) {
         enter();
-        SetString(test::kWinlogon, L"DefaultUserName", L"Anna");
+        SetString(kWinlogonKey, L"DefaultUserName", L"Anna");
       }
     };
     const auto run = [&] { ending ? static_cast<void>(EndMaintenance("test")) : enter(); };
@@ -358,7 +359,7 @@ TEST(MaintenanceFaults, AStartOfWindowsEndsEveryHalf) {
       RepairAutoLogon();
       EndMaintenanceOfEarlierBoot();
       EXPECT_FALSE(state::FlagIsOn(state::kMaintenance));
-      EXPECT_EQ(AutoAdminLogon(), L"1");
+      EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"1");
       EXPECT_TRUE(AutoLogonNamesKiosk());
     };
     sim::RunFaultScenario(

@@ -13,7 +13,7 @@
 #include "state/kiosk_state.h"
 #include "state/made_keys.h"
 #include "tests/support/fixture.h"
-#include "tests/support/owned_computer.h"
+#include "tests/support/terminal.h"
 
 namespace kiosk::account {
 namespace {

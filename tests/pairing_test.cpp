@@ -13,7 +13,7 @@
 #include "sim/shutdown.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
-#include "tests/support/owned_computer.h"
+#include "tests/support/terminal.h"
 #include "win32/thread.h"
 
 namespace kiosk::portal {

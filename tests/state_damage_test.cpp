@@ -17,7 +17,7 @@
 #include "sim/sessions.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
-#include "tests/support/owned_computer.h"
+#include "tests/support/terminal.h"
 
 #include <algorithm>
 #include <cstring>

@@ -3,7 +3,7 @@
 #include "json/serialise.h"
 #include "pipe/dispatch.h"
 #include "sim/machine.h"
-#include "tests/support/kiosk_terminal.h"
+#include "tests/support/terminal.h"
 
 namespace kiosk::pipe {
 namespace {

@@ -3,7 +3,7 @@
 
 #include "json/serialise.h"
 #include "sim/random.h"
-#include "tests/support/kiosk_terminal.h"
+#include "tests/support/terminal.h"
 
 #include <algorithm>
 

@@ -11,7 +11,7 @@
 #include "sim/machine.h"
 #include "sim/power.h"
 #include "sim/tasks.h"
-#include "tests/support/kiosk_terminal.h"
+#include "tests/support/terminal.h"
 #include "tests/support/words.h"
 #include "win32/wide_text.h"
 

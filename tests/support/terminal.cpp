@@ -1,15 +1,11 @@
-#include "tests/support/owned_computer.h"
+#include "tests/support/terminal.h"
 
 #include "account/provisioning.h"
-#include "account/winlogon.h"
 #include "enrolment/device_token.h"
-#include "sim/accounts.h"
 #include "sim/computer.h"
 #include "sim/lsa.h"
 #include "sim/profiles.h"
 #include "sim/seam.h"
-#include "state/kiosk_state.h"
-#include "tests/support/fixture.h"
 #include "win32/handle.h"
 
 #include <algorithm>
@@ -51,7 +47,7 @@ void OwnComputer() {
 void Enrol(const std::string& token, bool provision) {
   ASSERT_EQ(state::ProtectStateKey().what, nullptr);
   SetString(state::kStateKey, L"AuthBaseUrl", L"http://portal.test");
-  SetString(L"SOFTWARE\\Norvane\\Tessaly\\Update", L"ClientInstallDir", L"C:\\Program Files\\Łódź\\");
+  SetString(kUpdateKey, L"ClientInstallDir", L"C:\\Program Files\\Łódź\\");
   if (!token.empty()) {
     ASSERT_TRUE(enrolment::StoreDeviceToken(token));
   }
@@ -60,8 +56,20 @@ void Enrol(const std::string& token, bool provision) {
   }
 }
 
+void MakeKioskTerminal() {
+  RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane");
+  Enrol("tok", false);
+  sim::RemoveUser(L"NorvaneKiosk");
+  SetString(state::kStateKey, L"AccountSid", sim::AddUser(L"NorvaneKiosk"));
+  SetDword(state::kStateKey, L"Provisioned", 1);
+  SetDword(state::kStateKey, L"OwnsAutoLogon", 1);
+  SetString(account::kWinlogonKey, L"AutoAdminLogon", L"1");
+  SetString(account::kWinlogonKey, L"DefaultUserName", L"NorvaneKiosk");
+  sim::SetSession(kKioskSession, L"NorvaneKiosk", sim::ComputerName());
+  sim::SetSession(kOtherSession, L"Anna", sim::ComputerName());
+}
+
 void ExpectProvisioned() {
-  const auto text = [](const wchar_t* name) { return state::ReadString(account::kWinlogonKey, name).value_or(L""); };
   const auto user = sim::FindUser(L"NorvaneKiosk");
   ASSERT_TRUE(user);
   EXPECT_TRUE(state::FlagIsOn(state::kProvisioned) && state::FlagIsOn(state::kOwnsAutoLogon));
@@ -71,8 +79,8 @@ void ExpectProvisioned() {
   EXPECT_EQ(sim::Secret(L"DefaultPassword"), user->password);
   const auto users = sim::GroupMembers(L"S-1-5-32-545");
   EXPECT_EQ(std::count(users.begin(), users.end(), user->sid), 1);
-  EXPECT_EQ(text(L"DefaultUserName"), L"NorvaneKiosk");
-  EXPECT_EQ(text(L"DefaultDomainName"), sim::ComputerName());
+  EXPECT_EQ(Winlogon(L"DefaultUserName"), L"NorvaneKiosk");
+  EXPECT_EQ(Winlogon(L"DefaultDomainName"), sim::ComputerName());
   EXPECT_FALSE(HasValue(state::kStateKey, L"AccountCreating"));
   EXPECT_FALSE(sim::ProfileFolder(user->sid).empty());
 }
