@@ -10,8 +10,6 @@ import pathlib
 import sys
 import tempfile
 import unittest
-import urllib.error
-import urllib.request
 
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
@@ -20,40 +18,27 @@ from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support.wait import WebDriverWait
 
 REPOSITORY = pathlib.Path(__file__).resolve().parents[3]
-sys.path.insert(0, str(REPOSITORY / "tools" / "devportal"))
-from devportal import Portal  # noqa: E402
+sys.path.insert(0, str(REPOSITORY / "tests" / "e2e"))
+from test_devportal import FACTS, UPDATES, Portal, ask  # noqa: E402
 
 MARKUP = "<img src=x onerror=document.title=1>"
-UPDATES = {"automatic": True, "window": {"start": "02:00", "end": "05:00", "days": [0, 6]}}
 
 
 class Terminal:
     """A terminal made of plain requests."""
 
-    def __init__(self, portal, **facts):
-        self.portal = portal
-        self.token = None
-        self.code = self.ask("POST", "/api/kiosk/pair", {
-            "hostname": "LOBBY-PC", "platform": "Windows", "osVersion": "10.0.19045",
-            "appVersion": "2026-10-15-0001", "screenCount": 1, **facts})[1]["pairingCode"]
+    def __init__(self, portal, hostname="LOBBY-PC"):
+        self.portal, self.headers = portal, {}
+        self.code = self.ask("POST", "pair", FACTS | {"hostname": hostname})[1]["pairingCode"]
 
     def ask(self, method, path, body=None):
-        request = urllib.request.Request(self.portal.url + path, method=method,
-                                         data=None if body is None else json.dumps(body).encode())
-        if self.token:
-            request.add_header("Authorization", "Bearer " + self.token)
-        try:
-            with urllib.request.urlopen(request, timeout=5) as reply:
-                return reply.status, json.load(reply)
-        except urllib.error.HTTPError as error:
-            with error:
-                return error.code, json.load(error)
+        return ask(self.portal, method, "/api/kiosk/" + path, body, self.headers)[:2]
 
     def collect(self):
-        self.token = self.ask("GET", "/api/kiosk/pair/" + self.code)[1]["deviceToken"]
+        self.headers = {"Authorization": "Bearer " + self.ask("GET", "pair/" + self.code)[1]["deviceToken"]}
 
     def check_in(self, **report):
-        return self.ask("POST", "/api/kiosk/check-in", {"appVersion": "2026-10-15-0001", **report})
+        return self.ask("POST", "check-in", report)
 
 
 class PageTest(unittest.TestCase):
