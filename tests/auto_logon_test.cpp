@@ -15,6 +15,7 @@
 #include "sim/sessions.h"
 #include "sim/shutdown.h"
 #include "state/kiosk_state.h"
+#include "tests/support/command.h"
 #include "tests/support/fixture.h"
 #include "tests/support/terminal.h"
 
@@ -75,9 +76,9 @@ class Days : public AutoLogonTest {
     clock_.RunFor(60'000);
   }
   static void EnterMaintenance() {
-    json::PostReplyAction after = nullptr;
+    command::PostReplyAction after = nullptr;
     const text::Secret token = NewUnlockToken(1);
-    account::EnterMaintenance("", token.Get(), 1, after);
+    test::Ask(Maintenance, test::Credentials("", token.Get()), 1, &after);
     ASSERT_NE(after, nullptr);
     after();
   }

@@ -17,6 +17,7 @@
 #include "sim/profiles.h"
 #include "sim/sessions.h"
 #include "state/kiosk_state.h"
+#include "tests/support/command.h"
 #include "tests/support/fixture.h"
 #include "tests/support/terminal.h"
 
@@ -150,9 +151,11 @@ void EveryPointGivesTheComputerBack(const KioskScenario& scenario) {
                          .parts = scenario.parts});
 }
 
+constexpr char kCode[] = R"({"code":"ABCD1234"})";
+
 std::string Pair() {
-  portal::PairBegin();
-  return json::Serialise(portal::PairCheck("ABCD1234"));
+  test::Ask(portal::PairBegin);
+  return json::Serialise(test::Ask(portal::PairCheck, kCode));
 }
 
 // What the worker does when the portal knows the terminal; or else the person at the terminal pairs it once more.
@@ -186,14 +189,14 @@ TEST_P(PairingFaults, APairingComesToItsEnd) {
   answer(L"GET", L"/api/kiosk/pair/ABCD1234", R"({"deviceToken":"tok-1"})");
   answer(L"POST", L"/api/kiosk/check-in", R"({"status":"enrolled","name":"Hall"})");
   const auto prepare = [] {
-    portal::PairBegin();
+    test::Ask(portal::PairBegin);
     // What an earlier enrolment may have left.
     test::SetDword(state::kStateKey, L"TeardownPending", 1);
     test::SetString(state::kStateKey, L"UnknownSince", L"x");
   };
   EveryPointGivesTheComputerBack({.name = L"pairing",
                                   .prepare = prepare,
-                                  .run = [] { portal::PairCheck("ABCD1234"); },
+                                  .run = [] { test::Ask(portal::PairCheck, kCode); },
                                   .askAgain = ComeToKioskModeAndLeaveIt,
                                   .enrolled = false,
                                   .part = GetParam(),

@@ -20,6 +20,7 @@
 #include "sim/lsa.h"
 #include "sim/sessions.h"
 #include "state/kiosk_state.h"
+#include "tests/support/command.h"
 #include "tests/support/fixture.h"
 #include "tests/support/terminal.h"
 #include "win32/security.h"
@@ -102,8 +103,8 @@ TEST_F(Crowd, EightThreadsNeitherBlockEachOtherNorLoseAnything) {
   sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
   using Role = void (*)(unsigned);
   constexpr Role kPair = [](unsigned) {
-    portal::PairBegin();
-    portal::PairCheck("ABCD1234");
+    test::Ask(portal::PairBegin);
+    test::Ask(portal::PairCheck, R"({"code":"ABCD1234"})");
   };
   constexpr Role kRoles[] = {
       kPair,
@@ -117,9 +118,10 @@ TEST_F(Crowd, EightThreadsNeitherBlockEachOtherNorLoseAnything) {
         ApplyKioskPolicies();
       },
       [](unsigned random) {
-        json::PostReplyAction after = nullptr;
+        command::PostReplyAction after = nullptr;
         const text::Secret token = NewUnlockToken(2);
-        EnterMaintenance(random % 3 == 0 ? "way out" : "", random % 3 == 0 ? "" : token.Get(), 2, after);
+        test::Ask(Maintenance, random % 3 == 0 ? test::Credentials("way out") : test::Credentials("", token.Get()), 2,
+                  &after);
         if (after != nullptr) {
           after();
         }
@@ -142,7 +144,7 @@ TEST_F(Crowd, EightThreadsNeitherBlockEachOtherNorLoseAnything) {
         if (random % 3 == 0) {
           EndMaintenance("test");
         }
-        Unlock("Way out", 2);
+        test::Ask(Unlock, test::Credentials("Way out"), 2);
       },
   };
   std::vector<HANDLE> threads;

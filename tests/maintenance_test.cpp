@@ -9,6 +9,7 @@
 #include "json/serialise.h"
 #include "sim/fault_driver.h"
 #include "sim/lsa.h"
+#include "tests/support/command.h"
 #include "tests/support/terminal.h"
 #include "win32/clock.h"
 #include "win32/hash.h"
@@ -149,7 +150,8 @@ TEST_F(ExitPassword, OneCheckAtATime) {
   std::string first = "none";
   const win32::KernelHandle thread = win32::StartThread([&first]() noexcept { first = VerifyExitPassword("Way out"); });
   clock_.RunFor(1000);
-  EXPECT_EQ(json::Serialise(Unlock("Way out", kKioskSession)), R"({"ok":false,"error":"busy"})");
+  EXPECT_EQ(json::Serialise(test::Ask(Unlock, test::Credentials("Way out"), kKioskSession)),
+            R"({"ok":false,"error":"busy"})");
   EXPECT_EQ(Failures(), 1U);
   clock_.RunFor(5000);
   EXPECT_EQ(first, "");
@@ -162,11 +164,11 @@ class MaintenanceTest : public test::KioskTerminal {
   static bool IsOn() { return state::FlagIsOn(state::kMaintenance); }
   std::string Enter(const std::string& password, const std::string& token = {}) {
     after_ = nullptr;
-    return json::Serialise(EnterMaintenance(password, token, kKioskSession, after_));
+    return json::Serialise(test::Ask(Maintenance, test::Credentials(password, token), kKioskSession, &after_));
   }
   void Entered() { ASSERT_EQ(Enter("Way out"), R"({"ok":true})"); }
 
-  json::PostReplyAction after_ = nullptr;
+  command::PostReplyAction after_ = nullptr;
 };
 
 TEST_F(MaintenanceTest, ThePasswordOpensAndTheSignOutIsLeftForLater) {
@@ -185,7 +187,9 @@ TEST_F(MaintenanceTest, ThePasswordOpensAndTheSignOutIsLeftForLater) {
 }
 
 TEST_F(MaintenanceTest, ATokenOpensOnceAndBesideAPasswordCountsForNothing) {
-  const auto unlock = [] { return json::Member(Unlock("Way out", kKioskSession), "unlockToken").text(); };
+  const auto unlock = [] {
+    return json::Member(test::Ask(Unlock, test::Credentials("Way out"), kKioskSession), "unlockToken").text();
+  };
   const auto refused = [](const std::string& code) { return R"({"ok":false,"error":")" + code + "\"}"; };
   constexpr char kAccepted[] = "INFO maintenance: accepted with the terminal settings unlock";
   EXPECT_EQ(Enter("", "no token"), refused("not_unlocked"));
@@ -259,7 +263,8 @@ TEST_F(MaintenanceTest, AnAdministratorWhoSignsOutEndsIt) {
   EXPECT_EQ(test::CountLogged("INFO maintenance over (twice): kiosk sign-in restored"), 0);
 
   // The unlock of a session that signs out is over, in maintenance or not.
-  const std::string token = json::Member(Unlock("Way out", kKioskSession), "unlockToken").text();
+  const std::string token =
+      json::Member(test::Ask(Unlock, test::Credentials("Way out"), kKioskSession), "unlockToken").text();
   OnSessionChange(WTS_SESSION_LOGOFF, kKioskSession);
   EXPECT_FALSE(CheckUnlockToken(token, kKioskSession));
 }
@@ -336,9 +341,8 @@ TEST(MaintenanceFaults, AnAttemptThatIsCutShortCounts) {
 TEST(MaintenanceFaults, AStartOfWindowsEndsEveryHalf) {
   const auto enter = [] {
     const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
-    json::PostReplyAction after = nullptr;
     const text::Secret token = NewUnlockToken(kKioskSession);
-    EnterMaintenance("", token.Get(), kKioskSession, after);
+    test::Ask(Maintenance, test::Credentials("", token.Get()), kKioskSession);
   };
   for (const bool ending : {false, true}) {
     const auto prepare = [&] {

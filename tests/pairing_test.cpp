@@ -8,6 +8,7 @@
 #include "json/serialise.h"
 #include "sim/faults.h"
 #include "sim/shutdown.h"
+#include "tests/support/command.h"
 #include "tests/support/terminal.h"
 #include "win32/thread.h"
 
@@ -31,8 +32,10 @@ class Pairing : public test::VirtualComputer {
 
 sim::Response Reply(DWORD status, std::string body = {}) { return {.status = status, .body = std::move(body)}; }
 
-std::string Begin() { return json::Serialise(PairBegin()); }
-std::string Check(const std::string& code = "ABCD1234") { return json::Serialise(PairCheck(code)); }
+std::string Begin() { return json::Serialise(test::Ask(PairBegin)); }
+std::string Check(const std::string& code = "ABCD1234") {
+  return json::Serialise(test::Ask(PairCheck, R"({"code":")" + code + "\"}"));
+}
 
 TEST_F(Pairing, PairBeginAnswers) {
   constexpr char kServerError[] = R"({"ok":false,"error":"server_error"})";

@@ -55,9 +55,9 @@ class Caller : public test::CleanMachine {
   }
   [[nodiscard]] std::string Check() const { return Check(Pipe()); }
   // `leaves`: whether the command leaves something to be done after the reply.
-  [[nodiscard]] std::string Ask(const CallerRecord& caller, std::string_view request, bool leaves = false) const {
-    json::PostReplyAction afterReply = nullptr;
-    std::string reply = json::Serialise(Dispatch({Pipe(), caller}, request, afterReply));
+  static std::string Ask(const CallerRecord& caller, std::string_view request, bool leaves = false) {
+    command::PostReplyAction afterReply = nullptr;
+    std::string reply = json::Serialise(Dispatch(caller, request, afterReply));
     EXPECT_EQ(afterReply != nullptr, leaves) << request;
     return reply;
   }
@@ -360,8 +360,7 @@ TEST_F(Caller, StatusShowsWhatIsStoredToEverybody) {
   sim::SetSession(4, L"NorvaneKiosk", L"ELSEWHERE");
   sim::SetSession(0, L"NorvaneKiosk", computer);
   const auto kioskSession = [&](DWORD session) {
-    sim::SetPipeClientSession(session);
-    const std::string reply = Ask(kService, "{\"cmd\":\"status\"}");
+    const std::string reply = Ask({.sessionId = session}, "{\"cmd\":\"status\"}");
     EXPECT_NE(reply.find("\"kioskSession\":"), std::string::npos);
     return reply.find("\"kioskSession\":true") != std::string::npos;
   };
@@ -372,7 +371,6 @@ TEST_F(Caller, StatusShowsWhatIsStoredToEverybody) {
     EXPECT_FALSE(kioskSession(other)) << other;
   }
 
-  sim::SetPipeClientSession(2);
   SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, "token", 5);
   SetDword(state::kStateKey, L"Maintenance", 1);
   SetString(state::kStateKey, L"TerminalName", L"\u0141\u00f3d\u017a \u2013 Halle 3 \"A\"");
@@ -383,7 +381,8 @@ TEST_F(Caller, StatusShowsWhatIsStoredToEverybody) {
       "\"account\":\"NorvaneKiosk\",\"terminalName\":\"\u0141\u00f3d\u017a \u2013 Halle 3 \\\"A\\\"\","
       "\"signIn\":{\"microsoft\":false,\"email\":true,\"extraHosts\":[\"a.example\"]},\"error\":\"check-in: HTTP "
       "500\"}";
-  for (const CallerRecord& caller : {kPerson, kService, kSystemAtConsole, kKioskShell}) {
+  for (CallerRecord caller : {kPerson, kService, kSystemAtConsole, kKioskShell}) {
+    caller.sessionId = 2;
     EXPECT_EQ(Ask(caller, "{\"cmd\":\"status\"}"), kFull);
   }
 }

@@ -6,6 +6,7 @@
 #include "power/stay_awake.h"
 #include "power/task_scheduler.h"
 #include "sim/clock.h"
+#include "tests/support/command.h"
 #include "win32/privilege.h"
 #include "win32/stop.h"
 #include "win32/thread.h"
@@ -136,9 +137,9 @@ TEST_F(PowerTasksTest, ComputersThatCannotWakeSaySo) {
 
 TEST_F(PowerTasksTest, OverrideAtTheTerminal) {
   const std::string defaults = Policy(15, 0);
-  EXPECT_EQ(json::Serialise(HandlePowerGet()), R"({"ok":true,"policy":)" + defaults +
-                                                   R"(,"source":"default","local":null,"effective":)" + defaults +
-                                                   R"(,"error":null})");
+  EXPECT_EQ(json::Serialise(test::Ask(PowerGet)), R"({"ok":true,"policy":)" + defaults +
+                                                      R"(,"source":"default","local":null,"effective":)" + defaults +
+                                                      R"(,"error":null})");
   const std::string portal = Policy(20, 30, "false", "20:15", "[2]");
   Receive(portal, "device");
   const std::string local = Policy(240, 0, "false", "20:15", "[2]");

@@ -20,7 +20,7 @@ TEST_F(PowerTest, ThePortalsPolicyIsKeptAsCanonicalText) {
   for (const char* ignored :
        {R"({"powerSource":"device"})", R"({"power":null,"powerSource":"device"})", R"({"power":{}})", "[]"}) {
     const sim::FaultPass pass;
-    ApplyPortalPowerPolicy(Json(ignored));
+    portal::StorePolicies(Json(ignored));
     EXPECT_EQ(pass.Count(), 0) << ignored;
   }
   for (const char* source : {"Tenant", "", "device "}) {
@@ -198,7 +198,7 @@ TEST(PowerFaults, ClearingAnOverrideWithoutAPolicyOfThePortal) {
     state::DeleteStateValue(state::kPowerSource);
     ApplyEffectivePowerPolicy();
   };
-  const auto clear = [] { HandlePowerSet(Json(R"({"useOrganisation":true})")); };
+  const auto clear = [] { test::Ask(PowerSet, R"({"useOrganisation":true})"); };
   const auto later = [clear] {
     ApplyEffectivePowerPolicy();
     clear();

@@ -36,7 +36,7 @@ TEST_F(RestartTest, ACancelledOneNeverComesTheNextOneDoesAndAStopEndsTheWait) {
   ScheduleKioskRestart();
   clock_.At(9'000, CancelKioskRestart);
   clock_.RunUntil(60'000);
-  RestartNow("nobody asked");
+  RestartIfPending("nobody asked");
   EXPECT_FALSE(sim::PendingShutdown());
   EXPECT_EQ(test::LogTexts().size(), 1U);
   ScheduleKioskRestart();
@@ -80,7 +80,7 @@ TEST_F(RestartTest, AnEarlyOneComesOnceAndAFailureIsLogged) {
   ScheduleKioskRestart();
   {
     const sim::FaultPass pass(sim::FaultKind::kFail, 1, ERROR_ACCESS_DENIED);
-    RestartNow("on request");
+    RestartIfPending("on request");
   }
   EXPECT_FALSE(KioskRestartPending());
   clock_.RunUntil(20'000);

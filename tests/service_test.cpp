@@ -17,8 +17,8 @@
 #include "sim/sessions.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
-#include "tests/support/terminal.h"
 #include "tests/support/pipe_exchange.h"
+#include "tests/support/terminal.h"
 #include "win32/clock.h"
 #include "win32/thread.h"
 

@@ -16,6 +16,7 @@
 #include "sim/seam.h"
 #include "sim/sessions.h"
 #include "state/kiosk_state.h"
+#include "tests/support/command.h"
 #include "tests/support/fixture.h"
 #include "tests/support/terminal.h"
 
@@ -145,7 +146,7 @@ TEST(StateDamage, EveryValueMissingOrOfAnotherTypeGetsItsExactAnswer) {
       const std::string before = sim::DumpMachine();
       EnrolWithEveryValue(clock.SystemTime());
       Damage(*value, missing);
-      EXPECT_EQ(json::Serialise(pipe::StatusReport(nullptr)), status);
+      EXPECT_EQ(json::Serialise(test::Ask(pipe::Status)), status);
       EXPECT_EQ(StartAndCheckIn(), effect.answer);
       account::RemoveKioskMode(false, "because");
       ExpectLeft(test::Differences(before), effect, value->name);

@@ -3,6 +3,7 @@
 
 #include "sim/computer.h"
 #include "sim/shutdown.h"
+#include "tests/support/command.h"
 #include "tests/support/updates.h"
 #include "updates/presence.h"
 
@@ -34,11 +35,10 @@ class UpdateWindowTest : public test::UpdatesTerminal {
   }
   // Reports every minute of the span, as the kiosk shell does.
   void Report(std::uint64_t minutes, bool signedIn, bool live = false) {
-    json::Value request = json::Value::Object();
-    request.Set("signedIn", signedIn);
-    request.Set("live", live);
+    const std::string request = std::string(R"({"signedIn":)") + (signedIn ? "true" : "false") + R"(,"live":)" +
+                                (live ? "true" : "false") + "}";
     for (std::uint64_t i = 0; i < minutes; ++i) {
-      clock_.At(clock_.Elapsed() + i * kMinute, [request] { SessionReport(request, test::kKioskSession); });
+      clock_.At(clock_.Elapsed() + i * kMinute, [request] { test::Ask(SessionReport, request, test::kKioskSession); });
     }
   }
   // The windows that had a run, in order.

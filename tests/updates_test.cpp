@@ -6,9 +6,10 @@
 #include "portal/check_in.h"
 #include "sim/faults.h"
 #include "sim/shutdown.h"
+#include "tests/support/command.h"
 #include "updates/agent_callbacks.h"
-#include "updates/policy_store.h"
 #include "updates/report.h"
+#include "updates/stored_policy.h"
 #include "updates/update_commands.h"
 #include "updates/update_run.h"
 
@@ -30,7 +31,7 @@ class UpdatesTest : public test::UpdatesTerminal {
     clock_.RunFor(1);  // the agent's thread lets go of what it holds
     return result;
   }
-  static std::string Status() { return json::Serialise(OsUpdates(json::Value::Object())); }
+  static std::string Status() { return json::Serialise(test::Ask(OsUpdates)); }
 };
 
 TEST_F(UpdatesTest, InstallsWhatNeedsNoPerson) {
@@ -207,10 +208,10 @@ TEST_P(UpdatesStop, EndsInTimeAndLeavesNoResult) {
   SetAgent(std::wstring(L"Duration ") + stage, stubborn ? 60'000 : INFINITE);
   SetAgent(L"Stubborn", stubborn);
   clock_.At(5000, [] { win32::RequestStop(); });
-  ASSERT_TRUE(StartBackgroundRun(true));
+  ASSERT_TRUE(json::Member(test::Ask(OsInstall), "ok").boolean());
   clock_.RunUntil(stubborn ? 14'900 : 4999);
   EXPECT_TRUE(RunIsGoing());
-  EXPECT_FALSE(StartBackgroundRun(true));
+  EXPECT_EQ(json::Serialise(test::Ask(OsInstall)), R"({"ok":false,"error":"busy"})");
   clock_.RunUntil(stubborn ? 15'100 : 5100);
   EXPECT_FALSE(RunIsGoing());
   EXPECT_EQ(sim::LiveAgentOperations(), stubborn ? 1 : 0);
@@ -299,8 +300,8 @@ TEST_F(UpdatesTest, TheReport) {
 TEST_F(UpdatesTest, TheTerminalsCommands) {
   const auto ask = [](const std::string& request) {
     const pipe::CallerRecord caller{.isInteractive = true, .isKioskAccount = true, .sessionId = kKioskSession};
-    json::PostReplyAction after = nullptr;
-    return json::Serialise(pipe::Dispatch({nullptr, caller}, request, after));
+    command::PostReplyAction after = nullptr;
+    return json::Serialise(pipe::Dispatch(caller, request, after));
   };
   EXPECT_EQ(ask(R"({"cmd":"session.report","signedIn":true})"), R"({"ok":true})");
   EXPECT_EQ(ask(R"({"cmd":"session.report","signedIn":false,"live":null})"), R"({"ok":true})");

@@ -10,11 +10,11 @@ namespace kiosk::account {
 win32::Lock& AutoLogonLock() noexcept;
 
 // Switches automatic sign-in on or off. The caller holds AutoLogonLock(). A failure is logged.
-bool SetAutoAdminLogon(bool on);
+bool SetAutoAdminLogon(bool on) REQUIRES(AutoLogonLock());
 
 // Writes the kiosk account's names where KioskNamesAreDue() said so. The caller asked that before it took
 // AutoLogonLock(), which it holds. Logged.
-void PutKioskNamesBack();
+void PutKioskNamesBack() REQUIRES(AutoLogonLock());
 
 // Puts the kiosk account's names back where Windows, or a new name of the computer, took their place. Writes and asks
 // nothing otherwise. May ask the local security authority, so neither the control handler nor a holder of a leaf comes

@@ -21,10 +21,6 @@ bool NamesThisComputer() {
   return computer.empty() || win32::EqualIgnoringCase(WinlogonText(kDefaultDomainName), computer);
 }
 
-bool WriteName(const wchar_t* name, const std::wstring& text) {
-  return state::WriteValue(HKEY_LOCAL_MACHINE, kWinlogonKey, name, REG_SZ, text.c_str(), state::StringBytes(text));
-}
-
 // No secret, or no answer, is no sign of anybody.
 bool PointsElsewhere(const std::wstring& ourDigests) {
   if (RegGetValueW(HKEY_LOCAL_MACHINE, kWinlogonKey, kDefaultPassword, RRF_RT_ANY | RRF_NOEXPAND, nullptr, nullptr,
@@ -53,7 +49,8 @@ bool KioskNamesAreDue() {
 }
 
 bool WriteKioskNames() {
-  return WriteName(kDefaultUserName, enrolment::kKioskUser) && WriteName(kDefaultDomainName, enrolment::ThisComputer());
+  return state::WriteString(kWinlogonKey, kDefaultUserName, enrolment::kKioskUser) &&
+         state::WriteString(kWinlogonKey, kDefaultDomainName, enrolment::ThisComputer());
 }
 
 }  // namespace kiosk::account

@@ -24,9 +24,10 @@ constexpr std::uint64_t kLockout = kLockoutSeconds * win32::kFileTimeSecond;
 
 // Connection threads come here.
 win32::Lock checkLock{win32::LockRank::kLeaf};
-bool checking = false;  // guarded by checkLock, as are the two values of the state key
+// It guards the two values of the state key as well.
+bool checking GUARDED_BY(checkLock) = false;
 
-void StartLockout() {
+void StartLockout() REQUIRES(checkLock) {
   // Without the one the other stays: the next attempt then comes here again.
   if (state::WriteStateQword(state::kMaintenanceLockedUntil, win32::FileTimeNow() + kLockout)) {
     state::WriteStateDword(state::kMaintenanceFailures, 0);
@@ -35,9 +36,8 @@ void StartLockout() {
            static_cast<int>(kMostFailures), static_cast<unsigned long long>(kLockoutSeconds));
 }
 
-bool LockedOut() {
-  const auto stored = state::ReadState(state::kMaintenanceLockedUntil);
-  const std::uint64_t until = stored ? stored->Qword().value_or(0) : 0;
+bool LockedOut() REQUIRES(checkLock) {
+  const std::uint64_t until = state::ReadStateQword(state::kMaintenanceLockedUntil);
   const std::uint64_t now = win32::FileTimeNow();
   if (now >= until) {
     return false;
@@ -87,8 +87,7 @@ class Attempt {
     if (checking) {
       return "busy";
     }
-    const auto stored = state::ReadState(state::kMaintenanceFailures);
-    const DWORD failures = stored ? stored->Dword().value_or(0) : 0;
+    const DWORD failures = state::ReadStateDword(state::kMaintenanceFailures);
     if (failures >= kMostFailures) {
       StartLockout();
       return "locked";

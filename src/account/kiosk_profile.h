@@ -8,9 +8,6 @@
 
 namespace kiosk::account {
 
-// Below HKLM; a key for each SID.
-inline constexpr wchar_t kProfileList[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList\\";
-
 // Deletes the profile of that SID text, in up to 10 attempts a second apart that end early at a stop. True when it is
 // gone or there never was one; a failure is logged.
 bool DeleteKioskProfile(const std::wstring& sid);

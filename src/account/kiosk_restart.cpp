@@ -1,5 +1,6 @@
 #include "account/kiosk_restart.h"
 
+#include "command/reply.h"
 #include "enrolment/kiosk_session.h"
 #include "log/log.h"
 #include "win32/clock.h"
@@ -27,11 +28,11 @@ constexpr wchar_t kMessage[] = L"Restarting to start kiosk mode.";
 // Connection threads, the start, the control handler and the restart thread come here. Never held across the shutdown
 // call or a wait.
 win32::Lock restartLock{win32::LockRank::kLeaf};
-std::uint64_t deadline = 0;     // as a tick count; 0: no restart is pending
-bool afterMaintenance = false;  // that is what the pending restart is for
-bool threadRuns = false;
-bool beingAsked = false;  // a thread is in the call that restarts Windows
-int attempts = 0;         // how often Windows was not ready for the pending restart
+std::uint64_t deadline GUARDED_BY(restartLock) = 0;     // as a tick count; 0: no restart is pending
+bool afterMaintenance GUARDED_BY(restartLock) = false;  // that is what the pending restart is for
+bool threadRuns GUARDED_BY(restartLock) = false;
+bool beingAsked GUARDED_BY(restartLock) = false;  // a thread is in the call that restarts Windows
+int attempts GUARDED_BY(restartLock) = 0;         // how often Windows was not ready for the pending restart
 
 // The deadline; once there is none, or at a stop, the thread counts as gone, so that whoever sets one starts another.
 std::uint64_t DeadlineOfThread(bool stop) noexcept {
@@ -49,7 +50,7 @@ void RestartWhenDue() {
   if (maintenance && !enrolment::NobodyIsSignedIn()) {
     CallOffRestartAfterMaintenance();
   } else {
-    RestartNow(maintenance ? "maintenance was cut short" : "enrolled");
+    RestartIfPending(maintenance ? "maintenance was cut short" : "enrolled");
   }
 }
 
@@ -82,8 +83,7 @@ bool StaysPending(DWORD error) {
   return again;
 }
 
-// The caller holds restartLock.
-void SetDeadline(int seconds) {
+void SetDeadline(int seconds) REQUIRES(restartLock) {
   deadline = win32::TickCount() + static_cast<std::uint64_t>(seconds) * 1000;
   attempts = 0;
   if (threadRuns) {
@@ -135,7 +135,7 @@ void CancelKioskRestart() noexcept {
   deadline = 0;
 }
 
-void RestartNow(const char* reason) {
+void RestartIfPending(const char* reason) {
   if (!TakeRestart()) {
     return;
   }
@@ -149,6 +149,14 @@ void RestartNow(const char* reason) {
   } else if (error != ERROR_SUCCESS) {
     log::Log(log::kError, log::kKiosk, "the restart into kiosk mode could not be started (%lu)", error);
   }
+}
+
+json::Value RestartNow(const command::Request& request) {
+  if (!KioskRestartPending()) {
+    return command::ErrorReply("not_pending");
+  }
+  request.afterReply = [] { RestartIfPending("restart.now"); };
+  return command::OkReply();
 }
 
 }  // namespace kiosk::account

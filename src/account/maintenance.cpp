@@ -7,6 +7,7 @@
 #include "account/kiosk_account.h"
 #include "account/kiosk_restart.h"
 #include "account/unlock_token.h"
+#include "command/reply.h"
 #include "enrolment/device_token.h"
 #include "enrolment/enrolment.h"
 #include "enrolment/kiosk_session.h"
@@ -29,15 +30,17 @@ namespace {
 // connection threads and the start come here.
 win32::Lock sessionsLock{win32::LockRank::kLeaf};
 
-// The caller holds sessionsLock. Never destroyed: threads may outlive main.
-std::set<DWORD>& AdministratorSessions() {
+// Never destroyed: threads may outlive main.
+std::set<DWORD>& AdministratorSessions() REQUIRES(sessionsLock) {
   static auto& sessions = *new std::set<DWORD>;
   return sessions;
 }
 
 // Empty when the caller may enter.
-std::string Admit(const std::string& password, const std::string& unlockToken, DWORD session) {
-  if (!unlockToken.empty() && CheckUnlockToken(unlockToken, session)) {
+std::string Admit(const command::Request& request) {
+  const std::string& password = json::Member(request.members, "password").text();
+  const std::string& unlockToken = json::Member(request.members, "unlockToken").text();
+  if (!unlockToken.empty() && CheckUnlockToken(unlockToken, request.session)) {
     if (!state::TokenIsStored()) {
       return "not_enrolled";
     }
@@ -50,8 +53,7 @@ std::string Admit(const std::string& password, const std::string& unlockToken, D
   return unlockToken.empty() || !password.empty() ? VerifyExitPassword(password) : "not_unlocked";
 }
 
-// The caller holds the account lock.
-void BeginMaintenance() {
+void BeginMaintenance() REQUIRES(AccountLock()) {
   {
     // Before the mark is set: from then on the control handler adds to them.
     const win32::LockGuard guard(sessionsLock);
@@ -79,21 +81,20 @@ void EndAfterSignOut() noexcept {
 
 }  // namespace
 
-json::Value EnterMaintenance(const std::string& password, const std::string& unlockToken, DWORD session,
-                             json::PostReplyAction& afterReply) {
+json::Value Maintenance(const command::Request& request) {
   const text::Secret token = enrolment::ReadDeviceToken();
-  if (const std::string code = Admit(password, unlockToken, session); !code.empty()) {
-    return json::ErrorReply(code);
+  if (const std::string code = Admit(request); !code.empty()) {
+    return command::ErrorReply(code);
   }
   DropUnlock();
   const win32::LockGuard guard(AccountLock());
   // While the portal was asked, or the lock was waited for, the terminal may have been torn down.
   if (!enrolment::StillEnrolled(token.Get())) {
-    return json::ErrorReply("not_enrolled");
+    return command::ErrorReply("not_enrolled");
   }
   BeginMaintenance();
-  afterReply = [] { enrolment::LogOffKioskSessions(false); };
-  return json::OkReply();
+  request.afterReply = [] { enrolment::LogOffKioskSessions(false); };
+  return command::OkReply();
 }
 
 bool EndMaintenance(const char* reason) {
@@ -121,8 +122,8 @@ bool EndMaintenance(const char* reason) {
 }
 
 void EndMaintenanceOfEarlierBoot() {
-  const auto stored = state::ReadState(state::kMaintenanceAt);
-  if ((stored ? stored->Qword().value_or(0) : 0) >= win32::WindowsStartedAt() || !EndMaintenance("Windows restarted")) {
+  if (state::ReadStateQword(state::kMaintenanceAt) >= win32::WindowsStartedAt() ||
+      !EndMaintenance("Windows restarted")) {
     return;
   }
   // Durably over, or every start would end in a restart.

@@ -6,7 +6,7 @@
 #include "account/kiosk_profile.h"
 #include "account/kiosk_restart.h"
 #include "account/unlock_token.h"
-#include "account/winlogon.h"
+#include "account/user_switching.h"
 #include "branding/branding_folder.h"
 #include "enrolment/device_token.h"
 #include "enrolment/enrolment.h"
@@ -48,16 +48,8 @@ bool DeleteKioskUser() {
   return true;
 }
 
-void RestoreFastUserSwitching() {
-  const auto owned = state::ReadState(state::kOwnsHideFastUserSwitching);
-  if (owned && owned->Dword().value_or(0) != 0) {
-    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kSystemPoliciesKey, L"HideFastUserSwitching");
-    state::DeleteStateValue(state::kOwnsHideFastUserSwitching);
-  }
-}
-
 // The account on record; failing that, one that a provisioning made and could not record any more. Empty: none.
-bool RemoveAccount() {
+bool RemoveAccount() REQUIRES(AccountLock()) {
   std::wstring sid = state::ReadStateString(state::kAccountSid);
   if (sid.empty() && state::ReadState(state::kAccountCreating)) {
     const AccountLookup found = LookupKioskAccount(sid);
@@ -114,8 +106,8 @@ void DeleteStateKey() {
   RegDeleteKeyExW(HKEY_LOCAL_MACHINE, state::kStateKey, KEY_WOW64_64KEY, 0);
 }
 
-// The caller holds the account lock and has passed the guard between processes.
-void TearDown(bool deleteStateKey, const char* reason) {
+// The caller has passed the guard between processes.
+void TearDown(bool deleteStateKey, const char* reason) REQUIRES(AccountLock()) {
   MarkPending();
   log::Log(log::kWarn, log::kKiosk, "removing kiosk mode: %s", reason);
   CancelKioskRestart();

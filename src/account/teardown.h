@@ -1,6 +1,8 @@
 // Leaving kiosk mode: the computer is given back as it was before enrolment.
 #pragma once
 
+#include "account/account_lock.h"
+
 #include <string>
 
 namespace kiosk::account {
@@ -17,7 +19,7 @@ void RemoveKioskMode(bool deleteStateKey, const char* reason, const std::string*
 
 // Signs out and deletes the local user of that SID, and its profile even where the user is gone or another now bears
 // the name. False when something of it is left; logged. The caller holds the account lock.
-bool DeleteKioskAccount(const std::wstring& recordedSid);
+bool DeleteKioskAccount(const std::wstring& recordedSid) REQUIRES(AccountLock());
 
 // Completes a teardown that was interrupted or could not remove the account, and tries the profiles of earlier accounts
 // that could not be deleted, at start and once an hour. Cheap when there is nothing of that.

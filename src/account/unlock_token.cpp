@@ -23,10 +23,9 @@ struct Unlocked {
 // Connection threads and the control handler come here. In place and without a destructor: nothing of a token is left
 // on the heap.
 win32::Lock unlockLock{win32::LockRank::kLeaf};
-Unlocked unlocked;  // guarded by unlockLock
+Unlocked unlocked GUARDED_BY(unlockLock);
 
-// The caller holds unlockLock.
-void Clear() noexcept {
+void Clear() noexcept REQUIRES(unlockLock) {
   SecureZeroMemory(unlocked.token.data(), unlocked.token.size());
   unlocked.valid = false;
   unlocked.session = 0;

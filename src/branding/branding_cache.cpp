@@ -36,10 +36,10 @@ struct Known {
   std::uint64_t notBefore = 0;
 };
 
-// Serialises whole runs; the folder's own lock is taken and given back inside. Guards what follows.
+// Serialises whole runs; the folder's own lock is taken and given back inside.
 win32::Lock runLock{win32::LockRank::kBrandingRun};
 
-std::vector<Known>& KnownPhotos() {
+std::vector<Known>& KnownPhotos() REQUIRES(runLock) {
   static auto* const known = new std::vector<Known>;
   return *known;
 }
@@ -52,7 +52,8 @@ class Run {
  public:
   Run(std::optional<json::Value> branding, const std::string& token) : branding_(std::move(branding)), token_(token) {}
 
-  void Go() {
+  // The compiler's analysis loses sight of a lock in an optional: here and in Fetch it looks away.
+  void Go() REQUIRES(runLock) NO_THREAD_SAFETY_ANALYSIS {
     if (!Enter()) {
       return;
     }
@@ -87,14 +88,14 @@ class Run {
     lock_.reset();
   }
 
-  static void RemoveWhatIsCached() {
+  static void RemoveWhatIsCached() REQUIRES(FolderLock()) {
     if (GetFileAttributesW(kBrandingFolder) != INVALID_FILE_ATTRIBUTES && RemoveCache()) {
       log::Log(log::kNotice, log::kKiosk, "branding: the tenant has none; the cached branding is removed");
     }
   }
 
   // What is known of the listed photos, in their order; of others nothing is kept.
-  std::vector<Known>& ListedPhotos() {
+  std::vector<Known>& ListedPhotos() REQUIRES(runLock) {
     std::vector<Known>& known = KnownPhotos();
     std::vector<Known> listed;
     for (std::string& digest : PhotoDigests(*branding_)) {
@@ -107,7 +108,7 @@ class Run {
   }
 
   // Whether the photo needs no download. What stands in its place and is not the photo is removed.
-  static bool IsCached(Known& photo) {
+  static bool IsCached(Known& photo) REQUIRES(FolderLock()) {
     const std::wstring path = PathOf(win32::ToWide(photo.digest));
     CachedFile file = OpenCached(path);
     if (file.state == CachedFile::State::kMissing) {
@@ -144,7 +145,7 @@ class Run {
   }
 
   // Downloads and stores one photo, the lock given back for as long as the portal takes. False when the run is to end.
-  bool Fetch(Known& photo) {
+  bool Fetch(Known& photo) NO_THREAD_SAFETY_ANALYSIS {
     ResetEvent(DownloadEnd());
     Leave();
     const enrolment::AuthReply reply =
@@ -190,7 +191,7 @@ class Run {
     }
   }
 
-  void RemoveOthers() const {
+  void RemoveOthers() const REQUIRES(FolderLock()) {
     std::vector<std::wstring> names = {kRecordName};
     for (const std::string& digest : PhotoDigests(*branding_)) {
       names.push_back(win32::ToWide(digest));
@@ -198,7 +199,7 @@ class Run {
     RemoveAllBut(names);
   }
 
-  void WriteRecord() const {
+  void WriteRecord() const REQUIRES(FolderLock()) {
     // Repaired where the portal's text was no UTF-8, so that every reader takes it.
     const std::string text = win32::ToNarrow(win32::ToWide(json::Serialise(*branding_)));
     const std::wstring path = PathOf(kRecordName);

@@ -14,8 +14,6 @@ using win32::FolderStep;
 using win32::ForeignFolder;
 using State = CachedFile::State;
 
-constexpr wchar_t kTessalyFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly";
-
 // The outer two are shared with other programs of the maker, whose content stays.
 struct Folder {
   const wchar_t* path;
@@ -23,8 +21,8 @@ struct Folder {
   ForeignFolder foreign;
 };
 constexpr Folder kFolders[] = {
-    {L"C:\\ProgramData\\Norvane", win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
-    {kTessalyFolder, win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
+    {state::kMakerFolder, win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
+    {state::kProductFolder, win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
     {kKioskFolder, win32::kReadableFolderSddl, ForeignFolder::kRemoveOrSetAside},
     {kBrandingFolder, win32::kReadableFolderSddl, ForeignFolder::kRemoveOrSetAside},
 };
@@ -33,18 +31,18 @@ constexpr std::uint64_t kHour = 3'600'000;
 
 win32::Lock folderLock{win32::LockRank::kBranding};
 
-// A stranger's folder in the way; guarded by folderLock.
+// A stranger's folder in the way.
 struct {
   bool setAside = false;        // one was, in this process
   bool told = false;            // that there is one that stays; until all folders could be had
   std::uint64_t notBefore = 0;  // tick count of the next try
-} stranger;
+} stranger GUARDED_BY(FolderLock());
 
 void LogWith(int level, const char* what, const std::wstring& path, DWORD error) {
   log::Log(level, log::kKiosk, "%s %s (%lu)", what, win32::ToNarrow(path).c_str(), error);
 }
 
-void LogFolder(const wchar_t* path, const win32::FolderResult& result) {
+void LogFolder(const wchar_t* path, const win32::FolderResult& result) REQUIRES(FolderLock()) {
   if (result.replaced) {
     log::Log(log::kWarn, log::kKiosk, "removing %s: not a plain folder", win32::ToNarrow(path).c_str());
   }
@@ -223,7 +221,7 @@ void RemoveAllBut(const std::vector<std::wstring>& names) {
 }
 
 bool RemoveCache() {
-  if (!Exists(kKioskFolder) && SetAside(kTessalyFolder, kKioskFolder).empty()) {
+  if (!Exists(kKioskFolder) && SetAside(state::kProductFolder, kKioskFolder).empty()) {
     return true;
   }
   HeldFolders around;
@@ -231,7 +229,7 @@ bool RemoveCache() {
     return false;
   }
   bool removed = RemoveCached(kBrandingFolder);
-  for (const auto& [outer, inner] : {std::pair{kKioskFolder, kBrandingFolder}, {kTessalyFolder, kKioskFolder}}) {
+  for (const auto& [outer, inner] : {std::pair{kKioskFolder, kBrandingFolder}, {state::kProductFolder, kKioskFolder}}) {
     for (const std::wstring& path : SetAside(outer, inner)) {
       removed = RemoveCached(path) && removed;
     }
@@ -252,7 +250,7 @@ HANDLE DownloadEnd() noexcept {
 }
 
 void RemoveBranding() {
-  const win32::LockGuard guard(folderLock);
+  const win32::LockGuard guard(FolderLock());
   SetEvent(DownloadEnd());
   RemoveCache();
 }

@@ -2,6 +2,7 @@
 // and Administrators may write, and nothing that somebody else put there is trusted or followed.
 #pragma once
 
+#include "state/folders.h"
 #include "win32/handle.h"
 #include "win32/lock.h"
 
@@ -14,8 +15,8 @@
 
 namespace kiosk::branding {
 
-inline constexpr wchar_t kKioskFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Kiosk";
-inline constexpr wchar_t kBrandingFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Kiosk\\Branding";
+using state::kBrandingFolder;
+using state::kKioskFolder;
 
 // Guards the folder and its content; held for work on files, never across a call to the portal.
 win32::Lock& FolderLock() noexcept;
@@ -27,9 +28,9 @@ class HeldFolders {
  public:
   // All of them, outermost first. False when one cannot be had; logged. A stranger's folder that Windows will neither
   // remove nor rename is logged once, and looked at again after an hour.
-  bool Hold();
+  bool Hold() REQUIRES(FolderLock());
   // The outer `count` of them, at any time.
-  bool Hold(std::size_t count);
+  bool Hold(std::size_t count) REQUIRES(FolderLock());
   void ReleaseInnermost() noexcept;
 
  private:
@@ -51,23 +52,23 @@ struct CachedFile {
   win32::FileHandle handle;  // only for kOpen
   BY_HANDLE_FILE_INFORMATION info{};
 };
-CachedFile OpenCached(const std::wstring& path);
+CachedFile OpenCached(const std::wstring& path) REQUIRES(FolderLock());
 
 // The content of an open file of at most `limit` bytes; empty when it is longer or cannot be read.
 std::optional<std::string> ReadCached(const CachedFile& file, std::size_t limit);
 
 // Puts a file there whole or not at all, in place of whatever stood there. False when that failed; logged.
-bool WriteCached(const std::wstring& path, std::string_view bytes);
+bool WriteCached(const std::wstring& path, std::string_view bytes) REQUIRES(FolderLock());
 
 // Removes what stands at the path, whatever it is. False when something is left; logged.
-bool RemoveCached(const std::wstring& path);
+bool RemoveCached(const std::wstring& path) REQUIRES(FolderLock());
 
 // Removes everything in the folder but files of these names.
-void RemoveAllBut(const std::vector<std::wstring>& names);
+void RemoveAllBut(const std::vector<std::wstring>& names) REQUIRES(FolderLock());
 
 // Removes the folder with all that is in it, what was set aside, and the folder around it when that is empty then.
 // False when something of the cache is left; logged.
-bool RemoveCache();
+bool RemoveCache() REQUIRES(FolderLock());
 
 // Set by RemoveBranding, and reset under the lock by whoever finds the terminal enrolled and begins a download: ends
 // one that runs. Null when Windows has no event to give.

@@ -9,10 +9,10 @@ namespace {
 
 win32::Lock pairingLock{win32::LockRank::kPairing};
 
-// Guarded by pairingLock. Plain memory, without a destructor: connection threads may outlive main. A longer code than
+// Plain memory, without a destructor: connection threads may outlive main. A longer code than
 // fits could never be answered, since only codes of 8 characters are.
-std::array<char, 64> pending{};
-std::size_t pendingLength = 0;
+std::array<char, 64> pending GUARDED_BY(PairingLock()){};
+std::size_t pendingLength GUARDED_BY(PairingLock()) = 0;
 
 }  // namespace
 

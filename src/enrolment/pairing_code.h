@@ -13,7 +13,7 @@ namespace kiosk::enrolment {
 win32::Lock& PairingLock() noexcept;
 
 // The pending code; empty when none is. The caller holds the pairing lock.
-std::string PendingPairingCode();
-void SetPendingPairingCode(const std::string& code);
+std::string PendingPairingCode() REQUIRES(PairingLock());
+void SetPendingPairingCode(const std::string& code) REQUIRES(PairingLock());
 
 }  // namespace kiosk::enrolment

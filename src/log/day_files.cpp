@@ -30,17 +30,16 @@ struct OpenFile {
   HANDLE file;
 };
 
-// Everything below is guarded by `lock`. Nothing here has a destructor: threads may log until the process is gone, and
-// Windows closes the files then.
+// Nothing here has a destructor: threads may log until the process is gone, and Windows closes the files then.
 win32::Lock lock{win32::LockRank::kLog};
-std::array<OpenFile, kMaxOpenFiles> openFiles;
-std::size_t openCount = 0;
-WORD currentYear = 0;        // 0: no day chosen yet
-std::uint64_t chosenAt = 0;  // tick count
-WORD currentMonth = 0;
-WORD currentDay = 0;
-std::array<wchar_t, 96> dayFolder;
-std::array<wchar_t, 8> dayStamp;
+std::array<OpenFile, kMaxOpenFiles> openFiles GUARDED_BY(lock);
+std::size_t openCount GUARDED_BY(lock) = 0;
+WORD currentYear GUARDED_BY(lock) = 0;        // 0: no day chosen yet
+std::uint64_t chosenAt GUARDED_BY(lock) = 0;  // tick count
+WORD currentMonth GUARDED_BY(lock) = 0;
+WORD currentDay GUARDED_BY(lock) = 0;
+std::array<wchar_t, 96> dayFolder GUARDED_BY(lock);
+std::array<wchar_t, 8> dayStamp GUARDED_BY(lock);
 
 // One for each place in the table, for whole lines while `lock` is shared: not every file system finds the end of the
 // file and writes there in one step.
@@ -51,13 +50,13 @@ std::atomic<bool> torn{false};
 
 // Also when its date is the earlier one and the day is new: a thread that took its time before midnight comes late, or
 // the clock is put right across it, and neither is to close all files and begin others twice.
-bool IsCurrentDay(const SYSTEMTIME& now) noexcept {
+bool IsCurrentDay(const SYSTEMTIME& now) noexcept REQUIRES_SHARED(lock) {
   const auto current = std::tie(currentYear, currentMonth, currentDay);
   const auto wanted = std::tie(now.wYear, now.wMonth, now.wDay);
   return wanted == current || (wanted < current && win32::TickCount() - chosenAt < kDayStands);
 }
 
-OpenFile* Find(const char* component) noexcept {
+OpenFile* Find(const char* component) noexcept REQUIRES_SHARED(lock) {
   for (std::size_t i = 0; i < openCount; ++i) {
     if (std::strncmp(openFiles[i].component.data(), component, kNameSize - 1) == 0) {
       return &openFiles[i];
@@ -76,14 +75,14 @@ bool WriteWhole(HANDLE file, std::string_view line) noexcept {
   return whole;
 }
 
-void CloseAll() noexcept {
+void CloseAll() noexcept REQUIRES(lock) {
   for (std::size_t i = 0; i < openCount; ++i) {
     FileHandle(openFiles[i].file).Reset();
   }
   openCount = 0;
 }
 
-void Remove(OpenFile* entry) noexcept {
+void Remove(OpenFile* entry) noexcept REQUIRES(lock) {
   FileHandle(entry->file).Reset();
   *entry = openFiles[--openCount];
 }
@@ -96,7 +95,7 @@ bool IsPlainFile(HANDLE file) noexcept {
          (info.dwFileAttributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) == 0;
 }
 
-bool SecureDayFolder() noexcept {
+bool SecureDayFolder() noexcept REQUIRES(lock) {
   return static_cast<bool>(
       win32::SecureFolder(dayFolder.data(), win32::kPrivateFolderSddl, win32::ForeignFolder::kSetAside));
 }
@@ -106,8 +105,7 @@ FileHandle OpenForAppend(const wchar_t* path) noexcept {
                                 nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
 }
 
-// Caller holds the lock alone.
-FileHandle OpenComponentFile(const char* component) noexcept {
+FileHandle OpenComponentFile(const char* component) noexcept REQUIRES(lock) {
   std::array<wchar_t, kNameSize> name;
   if (MultiByteToWideChar(CP_UTF8, 0, component, -1, name.data(), static_cast<int>(name.size())) == 0) {
     return {};

@@ -45,7 +45,7 @@ void ForEach(const std::wstring& folder, const wchar_t* pattern, Visit visit) {
   } while (FindNextFileW(find.Get(), &data) != 0);
 }
 
-std::wstring ArchiveFolder() { return std::wstring(kLogRoot) + L"\\Archive"; }
+std::wstring ArchiveFolder() { return state::kLogArchive; }
 
 bool ArchiveIsPlain() {
   const DWORD attributes = GetFileAttributesW(ArchiveFolder().c_str());

@@ -39,12 +39,9 @@ struct LogFolder {
 // The tree, outermost first, so that each folder is made inside one that is already secured. The outer two are shared
 // with other programs of the maker, whose content stays.
 constexpr LogFolder kFolders[] = {
-    {L"C:\\ProgramData\\Norvane", win32::ForeignFolder::kTakeOver},
-    {L"C:\\ProgramData\\Norvane\\Tessaly", win32::ForeignFolder::kTakeOver},
-    {L"C:\\ProgramData\\Norvane\\Tessaly\\Logs", win32::ForeignFolder::kSetAside},
-    {L"C:\\ProgramData\\Norvane\\Tessaly\\Logs\\Archive", win32::ForeignFolder::kSetAside},
-    {L"C:\\ProgramData\\Norvane\\Tessaly\\Logs\\Drop", win32::ForeignFolder::kSetAside},
-    {L"C:\\ProgramData\\Norvane\\Tessaly\\Logs\\Drop\\Taken", win32::ForeignFolder::kSetAside},
+    {state::kMakerFolder, win32::ForeignFolder::kTakeOver}, {state::kProductFolder, win32::ForeignFolder::kTakeOver},
+    {state::kLogRoot, win32::ForeignFolder::kSetAside},     {state::kLogArchive, win32::ForeignFolder::kSetAside},
+    {state::kLogDrop, win32::ForeignFolder::kSetAside},     {state::kLogDropTaken, win32::ForeignFolder::kSetAside},
 };
 
 enum class Ready { kNo, kRunning, kYes };

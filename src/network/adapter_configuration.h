@@ -1,7 +1,7 @@
 // The changes to an adapter's IPv4 that Windows offers through its management instrumentation.
 #pragma once
 
-#include "network/settings.h"
+#include "network/adapter_settings.h"
 #include "win32/com.h"
 
 #include <wbemcli.h>

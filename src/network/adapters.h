@@ -1,7 +1,7 @@
 // The network adapters of this computer, as Windows' IP helper tells of them.
 #pragma once
 
-#include "network/settings.h"
+#include "network/adapter_settings.h"
 #include "win32/winapi.h"
 
 #include <cstdint>

@@ -1,7 +1,7 @@
 // The record of changes of an adapter that are not over: under way, cut short, or not proven yet.
 #pragma once
 
-#include "network/settings.h"
+#include "network/adapter_settings.h"
 
 #include <optional>
 #include <string>

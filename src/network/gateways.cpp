@@ -73,8 +73,7 @@ bool WriteList(const std::wstring& name, const wchar_t* value, const std::vector
   for (const std::wstring& text : texts) {
     list += text + L'\0';
   }
-  return state::WriteValue(HKEY_LOCAL_MACHINE, InterfaceKey(name).c_str(), value, REG_MULTI_SZ, list.c_str(),
-                           state::StringBytes(list));
+  return state::WriteString(InterfaceKey(name).c_str(), value, list, REG_MULTI_SZ);
 }
 
 // Gateways of the default routes among the values "DESTINATION,MASK,GATEWAY,METRIC".

@@ -1,5 +1,6 @@
 #include "network/network.h"
 
+#include "command/reply.h"
 #include "log/log.h"
 #include "network/adapters.h"
 #include "network/change.h"
@@ -27,7 +28,7 @@ json::Value Applied(const Adapter& adapter) {
   for (const Address server : shown.dns) {
     dns.Append(AddressText(server));
   }
-  json::Value reply = json::OkReply();
+  json::Value reply = command::OkReply();
   reply.Set("adapter", win32::ToNarrow(adapter.name)).Set("mode", shown.dhcp ? "dhcp" : "static");
   if (!shown.addresses.empty()) {
     reply.Set("address", AddressText(shown.addresses.front().address));
@@ -55,7 +56,7 @@ bool Conclude(ChangeRecord& record, bool keep) {
   return true;
 }
 
-json::Value Set(Adapter& adapter, const Request& request) {
+json::Value Set(Adapter& adapter, const NetSetRequest& request) {
   const std::string name = win32::ToNarrow(adapter.name);
   const std::optional<ChangeRecord> older = FindChangeRecord(adapter.name);
   ChangeRecord record{adapter.name, older ? older->before : adapter.settings, request.settings};
@@ -65,14 +66,14 @@ json::Value Set(Adapter& adapter, const Request& request) {
   }
   if (!done && !NoteChange(record)) {
     log::Log(log::kError, log::kKiosk, "net.set: cannot save the settings of %s; nothing was changed", name.c_str());
-    return json::ErrorReply("failed");
+    return command::ErrorReply("failed");
   }
   if ((!done && !MakeChange(adapter, request.settings)) || !Conclude(record, request.keep)) {
     if (PutBack(record, true, true) != PutBackResult::kOver) {
       log::Log(log::kError, log::kKiosk, "net.set: %s is not as it was before; trying again until it is", name.c_str());
       win32::WakeWorker();
     }
-    return json::ErrorReply("failed");
+    return command::ErrorReply("failed");
   }
   log::Log(log::kNotice, log::kKiosk, "net.set: %s set to %s", name.c_str(), Describe(request.settings).c_str());
   return Applied(adapter);
@@ -110,26 +111,26 @@ PutBackResult Undo(const ChangeRecord& record) {
 
 }  // namespace
 
-json::Value NetSet(const json::Value& request) {
-  const Request parsed = ParseRequest(request);
+json::Value NetSet(const command::Request& request) {
+  const NetSetRequest parsed = ParseNetSet(request.members);
   if (parsed.invalid != nullptr) {
     log::Log(log::kWarn, log::kKiosk, "net.set refused: invalid %s", parsed.invalid);
-    return json::ErrorReply("invalid");
+    return command::ErrorReply("invalid");
   }
   const Turn turn(kTurnWait);
   if (!turn) {
     log::Log(log::kError, log::kKiosk, "net.set: another change is still under way");
-    return json::ErrorReply("failed");
+    return command::ErrorReply("failed");
   }
   Adapter adapter;
   const DWORD error = ReadAdapter(win32::ToWide(parsed.adapter), adapter);
   if (error == ERROR_NOT_FOUND) {
     log::Log(log::kWarn, log::kKiosk, "net.set refused: no wired or Wi-Fi adapter %s", parsed.adapter.c_str());
-    return json::ErrorReply("unknown_adapter");
+    return command::ErrorReply("unknown_adapter");
   }
   if (error != ERROR_SUCCESS) {
     log::Log(log::kError, log::kKiosk, "net.set: cannot read the adapters (%lu)", error);
-    return json::ErrorReply("failed");
+    return command::ErrorReply("failed");
   }
   return Set(adapter, parsed);
 }

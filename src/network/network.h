@@ -2,16 +2,16 @@
 // be reached over it.
 #pragma once
 
-#include "json/reply.h"
+#include "command/request.h"
 
 namespace kiosk::network {
 
 // Sets one wired or Wi-Fi adapter as `request` says and answers what Windows then tells of it. The settings from before
 // are on record while the change is under way; they are put back when a step fails or the result does not show within
 // 10 s. Afterwards they stay on record until the portal has answered (network/trial.h), unless the request says "keep"
-// or the terminal is not enrolled. Runs on a connection's thread; a second one waits for the first. Ends early on a
+// or the terminal is not enrolled. A second one waits for the first. Ends early on a
 // stop, with the record left.
-json::Value NetSet(const json::Value& request);
+json::Value NetSet(const command::Request& request);
 
 // Puts back what a stop, a kill or a power cut left half done, and what the portal did not answer over for 5 minutes.
 // True when no record is left. At once when there is none or while a change is under way. The worker, at each pass.

@@ -38,8 +38,8 @@ struct SessionLook {
 };
 
 win32::Lock lock{win32::LockRank::kLeaf};
-// One for each session with a look that has not ended; under the lock. Never destroyed: a look may outlive main.
-std::vector<SessionLook>& SessionLooks() {
+// One for each session with a look that has not ended. Never destroyed: a look may outlive main.
+std::vector<SessionLook>& SessionLooks() REQUIRES(lock) {
   static auto* const looks = new std::vector<SessionLook>;
   return *looks;
 }

@@ -25,14 +25,13 @@ struct Refusal {
 };
 
 win32::Lock lock{win32::LockRank::kLeaf};
-// Of the present minute of each reason; under the lock. Never destroyed: connection threads may outlive main.
-std::vector<Refusal>& Refusals() {
+// Of the present minute of each reason. Never destroyed: connection threads may outlive main.
+std::vector<Refusal>& Refusals() REQUIRES(lock) {
   static auto* const refusals = new std::vector<Refusal>;
   return *refusals;
 }
 
-// Under the lock.
-void Tell(bool all) {
+void Tell(bool all) REQUIRES(lock) {
   const std::uint64_t now = win32::TickCount();
   std::erase_if(Refusals(), [&](const Refusal& each) {
     const bool over = all || now - each.since >= kMinute;

@@ -18,21 +18,20 @@ struct Place {
 };
 
 win32::Lock lock{win32::LockRank::kLeaf};
-// In the order in which they came; one more than there are places for the moment in which somebody has to go. Under the
-// lock, as is `taken`.
-std::array<Place, kPlaces + 1> places;
-std::size_t taken = 0;
+// In the order in which they came; one more than there are places for the moment in which somebody has to go.
+std::array<Place, kPlaces + 1> places GUARDED_BY(lock);
+std::size_t taken GUARDED_BY(lock) = 0;
 
-Place* End() noexcept { return places.data() + taken; }
+Place* End() noexcept REQUIRES(lock) { return places.data() + taken; }
 
-void Remove(Place* place) noexcept {
+void Remove(Place* place) noexcept REQUIRES(lock) {
   std::move(place + 1, End(), place);
   --taken;
 }
 
 // Who has the most: first by session, within one by process. Of equals the first, which is the oldest.
-Place* Greediest() noexcept {
-  const auto count = [](auto same) { return std::count_if(places.data(), End(), same); };
+Place* Greediest() noexcept REQUIRES(lock) {
+  const auto count = [first = places.data(), end = End()](auto same) { return std::count_if(first, end, same); };
   Place* greediest = places.data();
   std::ptrdiff_t mostOfSession = 0;
   std::ptrdiff_t mostOfProcess = 0;

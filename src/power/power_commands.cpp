@@ -1,9 +1,9 @@
 #include "power/power_commands.h"
 
+#include "command/reply.h"
 #include "enrolment/enrolment.h"
-#include "json/reply.h"
 #include "log/log.h"
-#include "power/policy_store.h"
+#include "power/power_policy_store.h"
 #include "power/power_scheme.h"
 #include "state/kiosk_state.h"
 #include "win32/wide_text.h"
@@ -90,14 +90,14 @@ std::string Set(const json::Value& request) {
 
 }  // namespace
 
-json::Value HandlePowerGet() {
+json::Value PowerGet(const command::Request& /*request*/) {
   PowerPolicy policy;
   PowerPolicy local;
   const bool hasPolicy = LoadPowerPolicy(state::kPowerPolicy, policy);
   const bool hasLocal = LoadPowerPolicy(state::kPowerLocal, local);
   const std::string source = win32::ToNarrow(state::ReadStateString(state::kPowerSource));
   const std::string error = win32::ToNarrow(state::ReadStateString(state::kPowerError));
-  json::Value reply = json::OkReply();
+  json::Value reply = command::OkReply();
   reply.Set("policy", PowerPolicyToJson(policy));
   reply.Set("source", hasPolicy && !source.empty() ? source : "default");
   reply.Set("local", hasLocal ? PowerPolicyToJson(local) : json::Value());
@@ -106,9 +106,9 @@ json::Value HandlePowerGet() {
   return reply;
 }
 
-json::Value HandlePowerSet(const json::Value& request) {
-  const std::string error = Set(request);
-  return error.empty() ? HandlePowerGet() : json::ErrorReply(error);
+json::Value PowerSet(const command::Request& request) {
+  const std::string error = Set(request.members);
+  return error.empty() ? PowerGet(request) : command::ErrorReply(error);
 }
 
 }  // namespace kiosk::power

@@ -2,15 +2,15 @@
 // On connection threads.
 #pragma once
 
-#include "json/value.h"
+#include "command/request.h"
 
 namespace kiosk::power {
 
 // The portal's policy, the override, which one is in force, and what is wrong with it.
-json::Value HandlePowerGet();
+json::Value PowerGet(const command::Request& request);
 
 // Stores and applies an override, or with "useOrganisation" true clears it. Errors: "not_enrolled", "invalid"; nothing
-// is changed then. Otherwise the reply of HandlePowerGet, in whose "error" failures to apply appear.
-json::Value HandlePowerSet(const json::Value& request);
+// is changed then. Otherwise the reply of PowerGet, in whose "error" failures to apply appear.
+json::Value PowerSet(const command::Request& request);
 
 }  // namespace kiosk::power

@@ -3,7 +3,7 @@
 #include "enrolment/enrolment.h"
 #include "log/log.h"
 #include "power/active_scheme.h"
-#include "power/policy_store.h"
+#include "power/power_policy_store.h"
 #include "power/power_tasks.h"
 #include "power/scheme_values.h"
 #include "state/kiosk_state.h"
@@ -19,18 +19,18 @@ namespace {
 win32::Lock powerLock{win32::LockRank::kPower};
 
 // Values were written and the scheme is not yet made active again: that failed, or, for all that is known when a
-// process begins, an earlier one ended in between. Guarded by powerLock.
-bool activationOwed = true;
+// process begins, an earlier one ended in between.
+bool activationOwed GUARDED_BY(PowerLock()) = true;
 
-// Of the last try to activate, which the log knows. Guarded by powerLock.
-DWORD activationError = ERROR_SUCCESS;
+// Of the last try to activate, which the log knows.
+DWORD activationError GUARDED_BY(PowerLock()) = ERROR_SUCCESS;
 
 constexpr DWORD kSecondsPerMinute = 60;
 
 DWORD Seconds(std::int32_t minutes) { return static_cast<DWORD>(minutes) * kSecondsPerMinute; }
 
 // Changed values count only once the scheme is made the active one again.
-void Activate(const GUID& scheme, const PowerPolicy& policy, bool changed) {
+void Activate(const GUID& scheme, const PowerPolicy& policy, bool changed) REQUIRES(PowerLock()) {
   const DWORD error = PowerSetActiveScheme(nullptr, &scheme);
   activationOwed = error != ERROR_SUCCESS;
   if (error != ERROR_SUCCESS && error != activationError) {
@@ -43,7 +43,7 @@ void Activate(const GUID& scheme, const PowerPolicy& policy, bool changed) {
 }
 
 // Takes all of it off the computer again, then deletes the values.
-void TakeBack(std::initializer_list<const state::StateValue*> values) {
+void TakeBack(std::initializer_list<const state::StateValue*> values) REQUIRES(PowerLock()) {
   const win32::ComApartment apartment;
   RemovePowerTasks();
   RestorePriorPower();
@@ -80,7 +80,7 @@ void ApplyPowerScheme(const PowerPolicy& policy) {
 }
 
 void ApplyEffectivePowerPolicy() {
-  const win32::LockGuard guard(powerLock);
+  const win32::LockGuard guard(PowerLock());
   PowerPolicy policy;
   if (enrolment::IsEnrolled() && LoadEffectivePowerPolicy(policy)) {
     ApplyPowerScheme(policy);
@@ -90,7 +90,7 @@ void ApplyEffectivePowerPolicy() {
 void UndoPowerPolicy() { TakeBack({&state::kPowerError, &state::kPowerScheduleApplied, &state::kPriorPower}); }
 
 void RestorePowerSettings() {
-  const win32::LockGuard guard(powerLock);
+  const win32::LockGuard guard(PowerLock());
   // The copies go last: until then a restore that was cut short is done again from them.
   TakeBack({&state::kPowerPolicy, &state::kPowerSource, &state::kPowerLocal, &state::kPowerError,
             &state::kPowerScheduleApplied, &state::kPriorPower});

@@ -12,14 +12,14 @@ win32::Lock& PowerLock() noexcept;
 // Sets the active scheme's time-outs and the schedule's tasks, and stores what is wrong as "PowerError". A policy that
 // is in force already is only compared. Failures are logged; one does not stop the rest. The caller holds the power
 // lock and has asked whether the terminal is enrolled since.
-void ApplyPowerScheme(const PowerPolicy& policy);
+void ApplyPowerScheme(const PowerPolicy& policy) REQUIRES(PowerLock());
 
 // Applies the policy in force, unless the terminal is no longer enrolled or never got a valid policy.
 void ApplyEffectivePowerPolicy();
 
 // For a terminal that no policy is left for: removes the tasks, puts the scheme back and deletes what was noted of
 // that. The caller holds the power lock.
-void UndoPowerPolicy();
+void UndoPowerPolicy() REQUIRES(PowerLock());
 
 // For the end of kiosk mode: removes the tasks, puts the scheme back and deletes all values of this area. Takes the
 // power lock.

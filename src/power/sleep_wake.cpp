@@ -1,7 +1,7 @@
 #include "power/sleep_wake.h"
 
 #include "log/log.h"
-#include "power/policy_store.h"
+#include "power/power_policy_store.h"
 #include "power/stream_session.h"
 #include "win32/privilege.h"
 #include "win32/winapi.h"

@@ -2,7 +2,7 @@
 
 #include "enrolment/enrolment.h"
 #include "log/log.h"
-#include "power/policy_store.h"
+#include "power/power_policy_store.h"
 #include "win32/handle.h"
 #include "win32/stop.h"
 

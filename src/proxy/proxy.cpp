@@ -1,10 +1,10 @@
 #include "proxy/proxy.h"
 
-#include "json/parse.h"
-#include "json/serialise.h"
+#include "command/reply.h"
 #include "log/log.h"
 #include "proxy/proxy_settings.h"
 #include "state/kiosk_state.h"
+#include "state/stored_json.h"
 #include "win32/handle.h"
 #include "win32/lock.h"
 #include "win32/wide_text.h"
@@ -75,8 +75,7 @@ bool ReadSetting(Setting& setting) {
 // Makes the bytes those again, and makes sure that they are.
 bool WriteBytes(const std::optional<state::RawValue>& bytes) {
   if (bytes) {
-    state::WriteValue(HKEY_LOCAL_MACHINE, kConnectionsKey, kSettingsValue, bytes->type, bytes->bytes.data(),
-                      static_cast<DWORD>(bytes->bytes.size()));
+    state::WriteValue(kConnectionsKey, kSettingsValue, *bytes);
   } else {
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kConnectionsKey, kSettingsValue);
   }
@@ -113,17 +112,9 @@ bool WriteProxy(const Proxy& proxy, Setting& now) {
   return done;
 }
 
-json::Value Recorded(const state::StateValue& value) {
-  return json::ParseStored(win32::ToNarrow(state::ReadStateString(value))).value_or(json::Value());
-}
-
-bool Record(const state::StateValue& value, const json::Value& content) {
-  return state::WriteStateString(value, win32::ToWide(json::Serialise(content)));
-}
-
 // Whether the setting is one that the service made.
 bool IsOurs(const Setting& setting) {
-  const json::Value applied = Recorded(state::kAppliedProxy);
+  const json::Value applied = state::LoadJson(state::kAppliedProxy);
   return !setting.HasScript() && std::any_of(applied.items().begin(), applied.items().end(),
                                              [&](const json::Value& each) { return FromJson(each) == setting.proxy; });
 }
@@ -139,7 +130,7 @@ std::optional<Prior> ReadPrior() {
     const bool none = copy->type == REG_NONE && copy->bytes.empty();
     return Prior{none ? std::nullopt : std::move(copy), std::nullopt};
   }
-  if (std::optional<Proxy> proxy = FromJson(Recorded(state::kPriorProxy))) {
+  if (std::optional<Proxy> proxy = FromJson(state::LoadJson(state::kPriorProxy))) {
     return Prior{std::nullopt, std::move(proxy)};
   }
   return std::nullopt;
@@ -150,9 +141,7 @@ bool IsPrior(const Setting& now, const Prior& prior) {
 }
 
 bool CopyToState(const std::optional<state::RawValue>& kept) {
-  const state::RawValue& copy = kept ? *kept : state::RawValue{};
-  return state::WriteExisting(state::kStateKey, state::kPriorWinHttpSettings.name, copy.type, copy.bytes.data(),
-                              static_cast<DWORD>(copy.bytes.size())) == ERROR_SUCCESS &&
+  return state::WriteState(state::kPriorWinHttpSettings, kept.value_or(state::RawValue{})) == ERROR_SUCCESS &&
          state::DeleteStateValue(state::kPriorProxy);
 }
 
@@ -176,11 +165,10 @@ bool SavePrior(const Setting& now, const Proxy& wanted) {
   if (now.HasScript()) {
     applied.Append(ToJson(Proxy{}));  // a script is taken away first
   }
-  return Record(state::kAppliedProxy, applied) && state::FlushStateKey();
+  return state::StoreJson(state::kAppliedProxy, applied) && state::FlushStateKey();
 }
 
-// The caller holds the lock.
-bool Apply(const Proxy& wanted) {
+bool Apply(const Proxy& wanted) REQUIRES(proxyLock) {
   Setting now;
   if (!ReadSetting(now)) {
     return false;
@@ -206,26 +194,26 @@ bool Apply(const Proxy& wanted) {
   } else {
     json::Value applied = json::Value::Array();
     applied.Append(ToJson(wanted));
-    Record(state::kAppliedProxy, applied);
+    state::StoreJson(state::kAppliedProxy, applied);
   }
   return true;
 }
 
 }  // namespace
 
-json::Value ProxySet(const json::Value& request) {
-  const Request parsed = ParseRequest(request);
+json::Value ProxySet(const command::Request& request) {
+  const ProxySetRequest parsed = ParseProxySet(request.members);
   if (parsed.invalid != nullptr) {
     log::Log(log::kWarn, log::kKiosk, "proxy.set refused: invalid %s", parsed.invalid);
-    return json::ErrorReply("invalid");
+    return command::ErrorReply("invalid");
   }
   const win32::LockGuard guard(proxyLock);
   if (!Apply(parsed.proxy)) {
-    return json::ErrorReply("failed");
+    return command::ErrorReply("failed");
   }
   log::Log(log::kNotice, log::kKiosk, "proxy: mode %s, %s", parsed.mode.c_str(),
            parsed.proxy.server.empty() ? "direct access" : parsed.proxy.server.c_str());
-  json::Value reply = json::OkReply();
+  json::Value reply = command::OkReply();
   reply.Set("mode", parsed.mode);
   if (parsed.mode == "manual") {
     reply.Set("server", parsed.proxy.server).Set("bypass", parsed.proxy.bypass);

@@ -9,10 +9,9 @@ constexpr DWORD kStartWait = 30'000;
 constexpr DWORD kStopWait = 45'000;
 
 win32::Lock lock{win32::LockRank::kLeaf};
-// Guarded by lock, except that the handle is written before the first report.
-SERVICE_STATUS_HANDLE handle = nullptr;
-SERVICE_STATUS status{SERVICE_WIN32_OWN_PROCESS, SERVICE_STOPPED, 0, NO_ERROR, 0, 0, 0};
-bool over = false;
+SERVICE_STATUS_HANDLE handle = nullptr;  // written before the first report
+SERVICE_STATUS status GUARDED_BY(lock){SERVICE_WIN32_OWN_PROCESS, SERVICE_STOPPED, 0, NO_ERROR, 0, 0, 0};
+bool over GUARDED_BY(lock) = false;
 
 void Report(DWORD state, DWORD controls, DWORD waitHint) noexcept {
   const win32::LockGuard guard(lock);

@@ -1,5 +1,6 @@
 #include "timesync/time_sync.h"
 
+#include "command/reply.h"
 #include "log/log.h"
 #include "state/registry.h"
 #include "text/text.h"
@@ -26,8 +27,19 @@ constexpr Milliseconds kRight = 2'000;     // a clock that is out by no more cou
 constexpr DWORD kSettleTime = 10'000;      // how long the clock is measured again
 constexpr DWORD kBetweenQueries = 2'000;   // as far apart as the queries of a burst of NTP
 
+// The host that Windows takes its time from: the first that its setting names, without flags; Windows' own public
+// server when the setting names none.
+std::wstring TimeServer() {
+  std::string list = win32::ToNarrow(state::ReadString(kParametersKey, L"NtpServer").value_or(L""));
+  list = text::TrimSpace(list);
+  std::transform(list.begin(), list.end(), list.begin(),
+                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+  const std::wstring first = win32::ToWide(std::string_view(list).substr(0, list.find_first_of(" ,")));
+  return first.empty() || first.size() > kMaxHostName ? kDefaultServer : first;
+}
+
 json::Value Failure(const char* code, const std::string& server) {
-  json::Value reply = json::ErrorReply(code);
+  json::Value reply = command::ErrorReply(code);
   reply.Set("server", server);
   return reply;
 }
@@ -106,16 +118,7 @@ class Synchronisation {
 
 }  // namespace
 
-std::wstring TimeServer() {
-  std::string list = win32::ToNarrow(state::ReadString(kParametersKey, L"NtpServer").value_or(L""));
-  list = text::TrimSpace(list);
-  std::transform(list.begin(), list.end(), list.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-  const std::wstring first = win32::ToWide(std::string_view(list).substr(0, list.find_first_of(" ,")));
-  return first.empty() || first.size() > kMaxHostName ? kDefaultServer : first;
-}
-
-json::Value TimeSync() {
+json::Value TimeSync(const command::Request& /*request*/) {
   const std::wstring host = TimeServer();
   const std::string server = win32::ToNarrow(host);
   if (!RunTimeService()) {
@@ -132,7 +135,7 @@ json::Value TimeSync() {
   log::Log(log::kNotice, log::kKiosk, "time: resynced with %s, the clock was %lld ms out%s", server.c_str(),
            static_cast<long long>(offset.value_or(0)),
            synchronisation.IsGradual() ? "; Windows corrects it gradually" : "");
-  json::Value reply = json::OkReply();
+  json::Value reply = command::OkReply();
   reply.Set("server", server);
   if (offset) {
     reply.Set("offsetMs", *offset);

@@ -29,8 +29,7 @@ HRESULT Commit() noexcept {
 
 // The value stands, flushed, before the call: one that was cut short is not repeated either.
 bool IsFirstOfThisStart() {
-  const auto stored = state::ReadState(state::kOsUpdatesCommittedAt);
-  if (stored && stored->Qword().value_or(0) >= win32::WindowsStartedAt()) {
+  if (state::ReadStateQword(state::kOsUpdatesCommittedAt) >= win32::WindowsStartedAt()) {
     return false;
   }
   if (state::WriteStateQword(state::kOsUpdatesCommittedAt, win32::FileTimeNow()) && state::FlushStateKey()) {

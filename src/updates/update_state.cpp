@@ -13,7 +13,7 @@ namespace {
 // held while the report is written, never across a wait or a call to the update agent.
 win32::Lock stateLock{win32::LockRank::kLeaf};
 
-// Guarded by stateLock; kept for ever, since a detached run may outlive main.
+// Kept for ever, since a detached run may outlive main.
 UpdateState& State() {
   static auto* const state = new UpdateState;
   return *state;

@@ -3,6 +3,7 @@
 // acquisition and release. Leaf locks are never held across a network, COM or session call.
 #pragma once
 
+#include "win32/thread_safety.h"
 #include "win32/winapi.h"
 
 namespace kiosk::win32 {
@@ -23,16 +24,16 @@ enum class LockRank : int {
 
 // An SRW lock: constant-initialised and without a destructor, so that it may be static while detached threads outlive
 // main. Not recursive.
-class Lock {
+class CAPABILITY("lock") Lock {
  public:
   constexpr explicit Lock(LockRank rank) noexcept : rank_(rank) {}
   Lock(const Lock&) = delete;
   Lock& operator=(const Lock&) = delete;
 
-  void Acquire() noexcept { AcquireSRWLockExclusive(&srw_); }
-  void Release() noexcept { ReleaseSRWLockExclusive(&srw_); }
-  void AcquireShared() noexcept { AcquireSRWLockShared(&srw_); }
-  void ReleaseShared() noexcept { ReleaseSRWLockShared(&srw_); }
+  void Acquire() noexcept ACQUIRE() { AcquireSRWLockExclusive(&srw_); }
+  void Release() noexcept RELEASE() { ReleaseSRWLockExclusive(&srw_); }
+  void AcquireShared() noexcept ACQUIRE_SHARED() { AcquireSRWLockShared(&srw_); }
+  void ReleaseShared() noexcept RELEASE() { ReleaseSRWLockShared(&srw_); }
 
   // The lock that embeds `srw`. Every SRW lock of this program is the first member of a Lock.
   static const Lock& Of(const SRWLOCK* srw) noexcept { return *reinterpret_cast<const Lock*>(srw); }
@@ -44,14 +45,15 @@ class Lock {
 };
 
 // Holds a lock for a scope; Unlock ends it earlier.
-class LockGuard {
+class SCOPED_CAPABILITY LockGuard {
  public:
-  explicit LockGuard(Lock& lock) noexcept : lock_(&lock) { lock.Acquire(); }
+  explicit LockGuard(Lock& lock) noexcept ACQUIRE(lock) : lock_(&lock) { lock.Acquire(); }
   LockGuard(const LockGuard&) = delete;
   LockGuard& operator=(const LockGuard&) = delete;
-  ~LockGuard() { Unlock(); }
+  ~LockGuard() RELEASE() { Unlock(); }
 
-  void Unlock() noexcept {
+  // Which of the two lets go is not known to the compiler's analysis.
+  void Unlock() noexcept RELEASE() NO_THREAD_SAFETY_ANALYSIS {
     if (lock_ != nullptr) {
       lock_->Release();
       lock_ = nullptr;
@@ -62,12 +64,12 @@ class LockGuard {
   Lock* lock_;
 };
 
-class SharedLockGuard {
+class SCOPED_CAPABILITY SharedLockGuard {
  public:
-  explicit SharedLockGuard(Lock& lock) noexcept : lock_(lock) { lock_.AcquireShared(); }
+  explicit SharedLockGuard(Lock& lock) noexcept ACQUIRE_SHARED(lock) : lock_(lock) { lock_.AcquireShared(); }
   SharedLockGuard(const SharedLockGuard&) = delete;
   SharedLockGuard& operator=(const SharedLockGuard&) = delete;
-  ~SharedLockGuard() { lock_.ReleaseShared(); }
+  ~SharedLockGuard() RELEASE() { lock_.ReleaseShared(); }
 
  private:
   Lock& lock_;

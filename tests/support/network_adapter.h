@@ -9,6 +9,7 @@
 #include "sim/machine.h"
 #include "sim/network.h"
 #include "state/kiosk_state.h"
+#include "tests/support/command.h"
 #include "tests/support/fixture.h"
 
 #include <string>
@@ -26,7 +27,7 @@ inline const std::string kStatic =
 inline const std::string kFailed = R"({"ok":false,"error":"failed"})";
 
 inline std::string Set(const std::string& members, const std::string& adapter = kName) {
-  return json::Serialise(NetSet(*json::Parse("{\"adapter\":\"" + adapter + "\"," + members + "}")));
+  return json::Serialise(test::Ask(NetSet, "{\"adapter\":\"" + adapter + "\"," + members + "}"));
 }
 
 inline void MakeMachine() {

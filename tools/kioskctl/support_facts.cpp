@@ -347,10 +347,9 @@ std::string CertificateFacts() { return SignatureText() + ClientCertificateText(
 
 std::string FolderFacts() {
   std::string text;
-  const std::wstring product = L"C:\\ProgramData\\Norvane\\Tessaly";
-  for (const std::wstring& folder :
-       {std::wstring(L"C:\\ProgramData\\Norvane"), product, std::wstring(kiosk::log::kLogRoot),
-        std::wstring(kiosk::log::kLogRoot) + L"\\Drop", product + L"\\Kiosk", product + L"\\Kiosk\\Branding"}) {
+  namespace state = kiosk::state;
+  for (const wchar_t* folder : {state::kMakerFolder, state::kProductFolder, state::kLogRoot, state::kLogDrop,
+                                state::kKioskFolder, state::kBrandingFolder}) {
     text += Descriptor(folder);
   }
   const std::wstring file = ServiceFile();

@@ -47,7 +47,7 @@ class Flight {
  private:
   win32::Lock lock_{win32::LockRank::kLogRing};
   std::string lines_;
-  bool taken_ = false;
+  bool taken_ GUARDED_BY(lock_) = false;
 };
 
 }  // namespace kiosk::log::shipper

@@ -81,7 +81,7 @@ bool Remote::FetchWhenDue(Endpoint& endpoint, const CERT_CONTEXT* certificate) {
   told_.clear();
   const std::wstring wide = win32::ToWide(wanted);
   if (ReadSettingString(kValue).value_or(L"") != wide) {
-    state::WriteValue(HKEY_LOCAL_MACHINE, kSettingsKey, kValue, REG_SZ, wide.c_str(), state::StringBytes(wide));
+    state::WriteString(kSettingsKey, kValue, wide);
   }
   return changed;
 }

@@ -25,7 +25,7 @@ struct Ring {
 // Guards the ring. Everybody who logs comes here, holding whatever he holds but a lock of this rank.
 win32::Lock lock{win32::LockRank::kLogRing};
 // Both written before other threads come here; kept as long as the process, which may log until it is gone.
-Ring* ring = nullptr;
+Ring* ring PT_GUARDED_BY(lock) = nullptr;
 HANDLE wakeEvent = nullptr;
 std::atomic<int> accepted{-1};
 

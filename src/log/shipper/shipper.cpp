@@ -1,6 +1,5 @@
 #include "log/shipper/shipper.h"
 
-#include "log/day_files.h"
 #include "log/log.h"
 #include "log/shipper/ring.h"
 #include "log/shipper/sender.h"
@@ -58,7 +57,7 @@ bool Start(const Identity& identity, bool spoolUsable) {
     problem = "there is not enough memory";
     return false;
   }
-  sender = new SenderThread(std::move(*settings), SenderOf(identity), kLogRoot, wake, stopEvent);
+  sender = new SenderThread(std::move(*settings), SenderOf(identity), wake, stopEvent);
   if (spoolUsable) {
     sender->UseSpool();
   }

@@ -5,15 +5,12 @@
 
 #include <string_view>
 
-namespace kiosk::json {
-
-// What a command leaves to be done once its reply has been sent and the connection is closed; null for nothing.
-using PostReplyAction = void (*)();
+namespace kiosk::command {
 
 // {"ok": true}, to which the command adds its members.
-Value OkReply();
+json::Value OkReply();
 
 // {"ok": false, "error": code}
-Value ErrorReply(std::string_view code);
+json::Value ErrorReply(std::string_view code);
 
-}  // namespace kiosk::json
+}  // namespace kiosk::command

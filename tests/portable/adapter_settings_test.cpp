@@ -1,7 +1,7 @@
 // What an adapter may be set to, and which member of a request is found wrong first.
+#include "network/adapter_settings.h"
 #include "json/parse.h"
 #include "json/serialise.h"
-#include "network/settings.h"
 #include "tests/support/words.h"
 
 #include <gtest/gtest.h>
@@ -33,13 +33,13 @@ TEST(NetworkRequest, EachWrongMemberIsNamed) {
       {"keep", R"("keep":1|"keep":"true"|"mode":"dhcp","keep":[])"}};
   for (const auto& [wrong, additions] : cases) {
     for (const std::string& more : test::Words(additions)) {
-      const Request request = ParseRequest(*json::Parse("{" + good + (more.empty() ? "" : ",") + more + "}"));
+      const NetSetRequest request = ParseNetSet(*json::Parse("{" + good + (more.empty() ? "" : ",") + more + "}"));
       EXPECT_STREQ(request.invalid, wrong) << more;
     }
   }
-  const Request edge =
-      ParseRequest(*json::Parse(R"({"adapter":"{A}","mode":"static","address":"10.0.0.6","prefixLength":30,)"
-                                R"("gateway":"10.0.0.5","dns":["10.0.0.5"]})"));
+  const NetSetRequest edge =
+      ParseNetSet(*json::Parse(R"({"adapter":"{A}","mode":"static","address":"10.0.0.6","prefixLength":30,)"
+                               R"("gateway":"10.0.0.5","dns":["10.0.0.5"]})"));
   EXPECT_EQ(edge.settings, (Settings{false, {{0x0A000006, 30}}, {0x0A000005}, {0x0A000005}}));
 }
 

@@ -1,4 +1,4 @@
-// What an adapter's IPv4 can be set to: from a request, to a reply, and as text to be kept. Without Windows.
+// What an adapter's IPv4 can be set to: read from a request, told in the log, and kept as JSON. No Windows header.
 #pragma once
 
 #include "json/value.h"
@@ -28,7 +28,7 @@ struct Settings {
   friend bool operator==(const Settings&, const Settings&) = default;
 };
 
-// In force they are the same: Windows keeps the order of name servers alone.
+// Whether both have the same effect. Windows keeps the order of the name servers, and of nothing else.
 bool Same(const Settings& left, const Settings& right);
 
 // Whether mode, addresses, gateways and name servers are each those of one of the two, as in a change that was cut
@@ -39,7 +39,7 @@ bool IsBetween(const Settings& shown, const Settings& one, const Settings& other
 std::string Describe(const Settings& settings);
 
 // A checked request: either `invalid` names the first member that is wrong, or the rest is good.
-struct Request {
+struct NetSetRequest {
   const char* invalid = nullptr;
   std::string adapter;
   Settings settings;
@@ -49,7 +49,7 @@ struct Request {
 // "adapter": a text; "mode": "dhcp" or "static"; for "static" "address", "prefixLength" (1 to 30), "gateway" (or none)
 // and "dns" (0 to 4 name servers); for "dhcp" nothing more is needed, and "dns" replaces the network's name servers.
 // "keep" may be absent: true for settings that nothing has to prove.
-Request ParseRequest(const json::Value& request);
+NetSetRequest ParseNetSet(const json::Value& request);
 
 // Settings as JSON and back; empty for what is none.
 json::Value ToJson(const Settings& settings);

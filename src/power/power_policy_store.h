@@ -19,8 +19,4 @@ bool LoadEffectivePowerPolicy(PowerPolicy& policy);
 // The canonical text of a policy, as it is stored and logged.
 std::string PowerPolicyText(const PowerPolicy& policy);
 
-// Takes "power" and "powerSource" of a check-in's reply over; without a valid "power" nothing is touched. It is applied
-// by whoever calls ApplyEffectivePowerPolicy next. The caller holds the lock of what replies write.
-void ApplyPortalPowerPolicy(const json::Value& reply);
-
 }  // namespace kiosk::power

@@ -1,4 +1,4 @@
-#include "network/settings.h"
+#include "network/adapter_settings.h"
 
 #include <algorithm>
 #include <utility>
@@ -117,8 +117,8 @@ std::string Describe(const Settings& settings) {
   return text;
 }
 
-Request ParseRequest(const json::Value& request) {
-  Request parsed;
+NetSetRequest ParseNetSet(const json::Value& request) {
+  NetSetRequest parsed;
   parsed.adapter = json::Member(request, "adapter").text();
   const std::string& mode = json::Member(request, "mode").text();
   if (parsed.adapter.empty()) {

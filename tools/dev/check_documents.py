@@ -1,0 +1,115 @@
+#!/usr/bin/env python3
+"""Holds what the documents name (state values, settings, commands, log lines, exit codes) against the code."""
+import pathlib
+import re
+import sys
+
+# What a log line has in place of a value, as the documents write it: N, CODE, "...", a number.
+PLACEHOLDER = re.compile(r"\.\.\.|\b[A-Z]+\b|\b0x\w+|\b\d+\b|\bNorvaneKiosk\b")
+# ... and as the code does.
+FORMAT = re.compile(r"%[-0-9.*]*(?:ll|l|z)?[a-zA-Z]")
+
+
+def read(path):
+    return pathlib.Path(path).read_text()
+
+
+def code_below(*folders):
+    return "\n".join(p.read_text() for f in folders for p in sorted(pathlib.Path(f).rglob("*.*")) if p.suffix in (".h", ".cpp"))
+
+
+def rows(path, heading):
+    """The cells of the table whose first line is `heading`."""
+    body = read(path).split(heading, 1)[1].split("\n\n", 1)[0]
+    return [[cell.strip() for cell in line.strip("|").split(" | ")] for line in body.splitlines()[2:]]
+
+
+def both_ways(what, documented, document, present, code):
+    for name in sorted(set(present) - set(documented)):
+        yield f"{what} {name} of {code} is missing in {document}: add it there"
+    for name in sorted(set(documented) - set(present)):
+        yield f"{document} names the {what} {name}, which {code} does not have: take it out, or mend the name"
+
+
+def state_values():
+    header = "src/state/state_values.h"
+    present = dict(re.findall(r'StateValue k\w+\{\s*L"(\w+)",\s*(\w+)', read(header)))
+    documented = {}
+    for cells in rows("docs/registry.md", "| value | type | written by | effect | for an administrator |"):
+        for name in re.findall(r"`(\w+)`", cells[0]):
+            documented[name] = cells[1].split(",")[0]
+    yield from both_ways("state value", documented, "docs/registry.md", present, header)
+    for name in sorted(documented.keys() & present.keys()):
+        if documented[name].startswith("REG_") and documented[name] != present[name]:
+            yield f"docs/registry.md: {name} is {documented[name]} there and {present[name]} in {header}"
+
+
+def settings():
+    code = code_below("src/log", "src/state")
+    for cells in rows("docs/registry.md", "| value | type | when read | effect | absent |"):
+        name = cells[0].strip("`")
+        if f'L"{name}"' not in code:
+            yield f"docs/registry.md: nothing in src/log reads the setting {name}"
+
+
+def commands():
+    table = read("src/pipe/dispatch.cpp").split("kCommands[] = {", 1)[1].split("};", 1)[0]
+    present = re.findall(r'\{"([\w.]+)",', table)
+    chapter = read("docs/pipe.md").split("\n## Commands\n", 1)[1].split("\n## ", 1)[0]
+    documented = re.findall(r"^### ([\w.]+)$", chapter, re.MULTILINE)
+    yield from both_ways("command", documented, "docs/pipe.md (Commands)", present, "src/pipe/dispatch.cpp")
+    timed = [name for cells in rows("docs/pipe.md", "| command | as a rule | longest |") for name in cells[0].split(", ")]
+    yield from both_ways("command", timed, "docs/pipe.md (How long a reply may take)", present, "src/pipe/dispatch.cpp")
+
+
+def log_lines():
+    literals = re.findall(r'"(?:[^"\\\n]|\\.)*"(?:\s+"(?:[^"\\\n]|\\.)*")*', code_below("src"))
+    texts = [FORMAT.sub("\0", re.sub(r'"\s+"|^"|"$', "", literal).replace('\\"', '"')) for literal in literals]
+    quoted = [(line, "docs/operations.md") for line in re.findall(r'^\| log: (.*?) \|', read("docs/operations.md"), re.MULTILINE)]
+    quoted = [(text, document) for line, document in quoted for text in re.findall(r'"([^"]+)"', line)]
+    for cells in rows("docs/pipe.md", "| log line (level WARN) | caused by |"):
+        quoted += [(text, "docs/pipe.md") for text in re.findall(r"`([^`]+)`", cells[0])]
+    for text, document in quoted:
+        for piece in map(str.strip, PLACEHOLDER.split(text)):
+            # A reason that is written elsewhere than the line it goes into.
+            line, _, reason = piece.partition(": ")
+            composed = any(f"{line}: \0" in each for each in texts) and any(each.startswith(reason) for each in texts)
+            if len(piece) > 3 and not composed and not any(piece in each for each in texts):
+                yield f'{document}: no log line has "{piece}", as in "{text}": quote the line as the code writes it'
+
+
+def returned(function, code):
+    """The digits that a function of the code returns, itself or through one that it calls for that."""
+    body = re.search(rf"^int {function}\(.*?\) (?:noexcept )?{{\n(.*?)^}}", code, re.MULTILINE | re.DOTALL)
+    results = re.findall(r"return ([^;]*);", body.group(1)) if body else []
+    return {digit for result in results for digit in
+            (returned(result.split("(")[0], code) if "(" in result else re.findall(r"\b\d\b", result))}
+
+
+def exit_codes():
+    document = "docs/operations.md"
+    service = code_below("src/service", "src/power")
+    present = set(re.findall(r'task, L"(--[\w-]+)"', read("src/service/main.cpp")))
+    documented = {}
+    for cells in rows(document, "| exit code | of | means | to be sure |"):
+        documented.setdefault(cells[1].strip("`"), set()).update(re.findall(r"\d", cells[0]))
+    yield from both_ways("option", [name for name in documented if name.startswith("--")], document, present,
+                         "src/service/main.cpp")
+    codes = {}
+    for option in present & documented.keys():
+        codes[option] = returned("".join(word.capitalize() for word in option[2:].split("-")), service)
+    enumerators = re.search(r"enum ExitCode : int \{(.*?)\}", code_below("tools/kioskctl"), re.DOTALL).group(1)
+    codes["kioskctl"] = set(re.findall(r"= (\d)", enumerators))
+    for option, found in sorted(codes.items()):
+        if found != documented[option]:
+            yield f"{document}: exit codes of {option} are {sorted(documented[option])} there and {sorted(found)} in the code"
+
+
+def main():
+    wrong = [each for check in (state_values, settings, commands, log_lines, exit_codes) for each in check()]
+    print("\n".join(wrong) or "documents: state values, settings, commands, log lines and exit codes are those of the code")
+    return bool(wrong)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
