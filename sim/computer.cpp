@@ -27,28 +27,19 @@ namespace {
 
 constexpr wchar_t kWinlogon[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon";
 
-std::wstring WinlogonText(const wchar_t* name) {
-  wchar_t text[512];
-  DWORD size = sizeof(text);
-  return RegGetValueW(HKEY_LOCAL_MACHINE, kWinlogon, name, RRF_RT_REG_SZ, nullptr, text, &size) == ERROR_SUCCESS ? text
-                                                                                                                 : L"";
-}
+std::wstring WinlogonText(const wchar_t* name) { return RegistryText(kWinlogon, name).value_or(L""); }
 
 // A count of automatic sign-ins goes down with each of them and ends them at 0.
 bool CountAllows() {
-  DWORD count = 0;
-  DWORD size = sizeof(count);
-  if (RegGetValueW(HKEY_LOCAL_MACHINE, kWinlogon, L"AutoLogonCount", RRF_RT_REG_DWORD, nullptr, &count, &size) != 0) {
-    return true;
-  }
-  if (count == 0) {
+  const std::optional<DWORD> count = RegistryNumber(kWinlogon, L"AutoLogonCount");
+  if (count == DWORD{0}) {
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kWinlogon, L"AutoLogonCount");
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kWinlogon, L"AutoAdminLogon", REG_SZ, L"0", 4);
-    return false;
+    SetRegistryText(kWinlogon, L"AutoAdminLogon", L"0");
+  } else if (count) {
+    const DWORD left = *count - 1;
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kWinlogon, L"AutoLogonCount", REG_DWORD, &left, sizeof(left));
   }
-  --count;
-  RegSetKeyValueW(HKEY_LOCAL_MACHINE, kWinlogon, L"AutoLogonCount", REG_DWORD, &count, sizeof(count));
-  return true;
+  return count != DWORD{0};
 }
 
 std::string Hex(const std::vector<BYTE>& bytes) {

@@ -26,6 +26,8 @@ class FaultPass {
  public:
   // `at` and `error` are of no matter for kCount; the error is reported in the way of the call that fails.
   explicit FaultPass(FaultKind kind = FaultKind::kCount, int at = 0, DWORD error = ERROR_ACCESS_DENIED);
+  // Fails the first call whose text contains `call`; that there was none is a violation.
+  FaultPass(const char* call, DWORD error) : FaultPass(FaultKind::kFail, 0, error) { wanted_ = call; }
   FaultPass(const FaultPass&) = delete;
   FaultPass& operator=(const FaultPass&) = delete;
   ~FaultPass();
@@ -40,6 +42,7 @@ class FaultPass {
   FaultKind kind_;
   int at_;
   DWORD error_;
+  std::string wanted_;
   std::vector<ChangeCall> calls_;
 };
 

@@ -1,6 +1,6 @@
 #include "sim/files.h"
 
-#include "log/day_files.h"
+#include "log/log_folders.h"
 #include "sim/files_internal.h"
 #include "sim/machine.h"
 #include "sim/program_files.h"

@@ -69,7 +69,6 @@ HandlePtr Child(const char* function, HINTERNET parent, Stage stage) {
   auto child = std::make_shared<Handle>();
   child->stage = static_cast<Stage>(static_cast<int>(stage) + 1);
   child->request = from->request;
-  child->async = from->async;
   child->callback = from->callback;
   child->notifications = from->notifications;
   return child;
@@ -112,11 +111,11 @@ DWORD SetOption(Handle& handle, DWORD option, const void* value, DWORD size) {
   return ERROR_SUCCESS;
 }
 
-// Both answer through the callback alone when they are asynchronous: a place for the number that is gone when they
-// complete "can cause a memory fault".
-void CheckCount(const char* function, const Handle& handle, const DWORD* count) {
-  if ((count == nullptr) != handle.async) {
-    Violation("%s: the number is %s", function, handle.async ? "not null in asynchronous mode" : "null");
+// Both answer through the callback alone: a place for the number that is gone when they complete "can cause a memory
+// fault".
+void CheckCount(const char* function, const DWORD* count) {
+  if (count != nullptr) {
+    Violation("%s: the number is not null in asynchronous mode", function);
   }
 }
 
@@ -186,14 +185,15 @@ SIM(HINTERNET, WinHttpOpen, LPCWSTR agent, DWORD access, LPCWSTR proxy, LPCWSTR 
   if (!scripted) {
     return ::WinHttpOpen(agent, access, proxy, bypass, flags);
   }
-  if ((flags & ~DWORD{WINHTTP_FLAG_ASYNC}) != 0 ||
+  // "Concurrency in WinHTTP": only an asynchronous request may be closed while something of it is not over, and the
+  // service could not stop before.
+  if (flags != WINHTTP_FLAG_ASYNC ||
       (access != WINHTTP_ACCESS_TYPE_NAMED_PROXY && (proxy != nullptr || bypass != nullptr))) {
     Violation("WinHttpOpen: flags 0x%lx, or a proxy without WINHTTP_ACCESS_TYPE_NAMED_PROXY", flags);
   }
   auto session = std::make_shared<Handle>();
   session->request.userAgent = agent != nullptr ? agent : L"";
   session->request.accessType = access;
-  session->async = (flags & WINHTTP_FLAG_ASYNC) != 0;
   return Register(std::move(session));
 }
 
@@ -332,21 +332,18 @@ SIM(WINBOOL, WinHttpQueryHeaders, HINTERNET handle, DWORD what, LPCWSTR name, LP
 
 SIM(WINBOOL, WinHttpQueryDataAvailable, HINTERNET handle, LPDWORD count) {
   FIND(WinHttpQueryDataAvailable, handle, Stage::kAnswered, Stage::kAnswered, handle, count)
-  CheckCount("WinHttpQueryDataAvailable", *found, count);
+  CheckCount("WinHttpQueryDataAvailable", count);
   const bool more = found->sent < found->response.body.size();
   return BeginOperation({.function = "WinHttpQueryDataAvailable",
                          .handle = found,
                          .delay = found->available == 0 && more ? found->response.chunkDelay : 0,
                          .timeout = found->request.receiveTimeout,
                          .effect =
-                             [found, count] {
+                             [found] {
                                const Response& response = found->response;
                                const std::size_t left = response.body.size() - found->sent;
                                if (found->available == 0) {
                                  found->available = static_cast<DWORD>(std::min(left, response.chunk));
-                               }
-                               if (count != nullptr) {
-                                 *count = found->available;
                                }
                                return left == 0 ? response.bodyError : 0;
                              },
@@ -357,7 +354,7 @@ SIM(WINBOOL, WinHttpQueryDataAvailable, HINTERNET handle, LPDWORD count) {
 
 SIM(WINBOOL, WinHttpReadData, HINTERNET handle, LPVOID buffer, DWORD size, LPDWORD read) {
   FIND(WinHttpReadData, handle, Stage::kAnswered, Stage::kAnswered, handle, buffer, size, read)
-  CheckCount("WinHttpReadData", *found, read);
+  CheckCount("WinHttpReadData", read);
   if (found->available < size) {
     Violation("WinHttpReadData: waiting for more than is available is not simulated");
   }
@@ -367,15 +364,12 @@ SIM(WINBOOL, WinHttpReadData, HINTERNET handle, LPVOID buffer, DWORD size, LPDWO
                          .delay = found->response.readDelay,
                          .timeout = found->request.receiveTimeout,
                          .effect =
-                             [found, buffer, read, count] {
+                             [found, buffer, count] {
                                std::copy_n(found->response.body.data() + found->sent, count,
                                            static_cast<char*>(buffer));
                                found->sent += count;
                                found->available -= count;
                                found->lastRead = count;
-                               if (read != nullptr) {
-                                 *read = count;
-                               }
                                return DWORD{0};
                              },
                          .completion = WINHTTP_CALLBACK_STATUS_READ_COMPLETE,

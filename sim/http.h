@@ -1,7 +1,7 @@
 // A portal in script behind WinHTTP, for tests in virtual time. While a ScriptedPortal exists the WinHTTP calls of the
 // service are answered from it, without a network and with the contract of WinHTTP checked: order of calls, kinds of
-// handles, sizes of options, use after closing, a synchronous call whose handle is closed under it, one operation of an
-// asynchronous request at a time, what must stay as it is until the callback.
+// handles, sizes of options, use after closing, one operation of a request at a time, what must stay as it is until the
+// callback. Synchronous use is a violation.
 #pragma once
 
 #include "win32/winapi.h"

@@ -22,7 +22,7 @@
 namespace kiosk::account {
 namespace {
 
-std::wstring Winlogon(const wchar_t* name) { return state::ReadString(kWinlogonKey, name).value_or(L""); }
+using test::Winlogon;
 
 class AutoLogonTest : public test::CleanMachine {
  protected:
@@ -104,7 +104,7 @@ class Days : public AutoLogonTest {
     EXPECT_EQ(sim::RestartComputer(), 0U);
   }
 
-  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
+  sim::VirtualClock clock_{test::kMorning};
 };
 
 TEST_F(Days, TheKioskIsBackWhoeverSignedIn) {
@@ -251,21 +251,19 @@ TEST_F(AutoLogonTest, CopiesWithoutTheirMark) {
 }
 
 TEST_F(AutoLogonTest, SecretAndSwitchTellTheirFailures) {
-  ASSERT_EQ(state::ProtectStateKey().what, nullptr);
   EXPECT_TRUE(StoreAutoLogonSecret(nullptr, 0)) << "there was none";
   {
     const sim::FaultPass pass(sim::FaultKind::kFail, 1);
     EXPECT_FALSE(StoreAutoLogonSecret(L"x", 1));
   }
-  for (const bool on : {true, false}) {
+  for (const wchar_t* text : {L"1", L"0"}) {
     const win32::LockGuard guard(AutoLogonLock());
-    SetAutoAdminLogon(on);
+    SetAutoAdminLogon(*text == L'1');
     state::RawValue value;
     EXPECT_EQ(state::ReadValue(kWinlogonKey, L"AutoAdminLogon", value), ERROR_SUCCESS);
-    EXPECT_EQ(value.type, DWORD{REG_SZ});
-    EXPECT_EQ(value.bytes, (std::vector<std::uint8_t>{static_cast<std::uint8_t>(on ? '1' : '0'), 0, 0, 0}));
+    EXPECT_TRUE(value.type == REG_SZ && value.Text() == text && value.bytes.size() == 4);
     const sim::FaultPass pass(sim::FaultKind::kFail, 1);
-    SetAutoAdminLogon(on);
+    SetAutoAdminLogon(*text == L'1');
   }
   EXPECT_EQ(test::LogTexts(),
             (std::vector<std::string>{"ERROR LsaStorePrivateData failed (5)", "ERROR cannot set AutoAdminLogon=1",

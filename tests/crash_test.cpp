@@ -1,9 +1,9 @@
 // What a fault leaves behind: a line in the log and a dump that a debugger opens.
 #include "service/crash.h"
 
-#include "log/day_files.h"
 #include "log/log.h"
-#include "log/settings.h"
+#include "log/log_folders.h"
+#include "log/log_settings.h"
 #include "log/shipper/shipper.h"
 #include "sim/threads.h"
 #include "tests/support/spool.h"

@@ -1,9 +1,9 @@
 // The log: what a line looks like, where it goes, and what the housekeeping keeps.
 #include "log/log.h"
 
-#include "log/day_files.h"
 #include "log/housekeeping.h"
 #include "log/identity.h"
+#include "log/log_folders.h"
 #include "sim/clock.h"
 #include "sim/files.h"
 #include "tests/support/fixture.h"

@@ -4,10 +4,10 @@
 #include "portal/check_in.h"
 #include "power/sleep_wake.h"
 #include "power/stay_awake.h"
-#include "power/task_scheduler.h"
 #include "sim/clock.h"
 #include "tests/support/command.h"
 #include "win32/privilege.h"
+#include "win32/program_path.h"
 #include "win32/stop.h"
 #include "win32/thread.h"
 
@@ -21,7 +21,7 @@ using PowerTasksTest = PowerTest;
 TEST_F(PowerTasksTest, TasksAreRegisteredExactlyAndOnce) {
   Receive(Policy(15, 0, "true"));
   EXPECT_EQ(CountOf(Apply(), "RegisterTaskDefinition"), 2);
-  const std::wstring path = OwnExecutablePath();
+  const std::wstring path = win32::StartablePath();
   const auto expected = [&path](const std::wstring& description, const std::wstring& time,
                                 const std::wstring& arguments, const std::wstring& wakes) {
     return L"Action=0 Arguments=" + arguments + L" Author=Norvane DaysOfWeek=62 Description=" + description +

@@ -13,6 +13,7 @@
 #include "enrolment/enrolment.h"
 #include "enrolment/pairing_code.h"
 #include "sim/accounts.h"
+#include "sim/buffers.h"
 #include "sim/clock.h"
 #include "sim/computer.h"
 #include "sim/faults.h"
@@ -91,7 +92,7 @@ TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
   EXPECT_FALSE(CheckUnlockToken(unlock.Get(), session));
   EXPECT_FALSE(KioskRestartPending());
   EXPECT_EQ(enrolment::PendingPairingCode(), "");
-  EXPECT_EQ(sim::OpenSessionBuffers() + sim::OpenNetBuffers() + sim::OpenLsaObjects(), 0);
+  EXPECT_EQ(sim::openBuffers, 0);
   const std::vector<std::string> texts = test::LogTexts();
   EXPECT_EQ(std::vector<std::string>(texts.end() - 4, texts.end()),
             (std::vector<std::string>{

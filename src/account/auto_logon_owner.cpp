@@ -4,6 +4,7 @@
 #include "account/winlogon.h"
 #include "enrolment/kiosk_session.h"
 #include "state/kiosk_state.h"
+#include "win32/computer_name.h"
 #include "win32/wide_text.h"
 
 #include <string>
@@ -17,7 +18,7 @@ bool NamesKioskUser() { return win32::EqualIgnoringCase(WinlogonText(kDefaultUse
 
 // A computer that does not tell its name has nothing to compare with.
 bool NamesThisComputer() {
-  const std::wstring computer = enrolment::ThisComputer();
+  const std::wstring computer = win32::ComputerName();
   return computer.empty() || win32::EqualIgnoringCase(WinlogonText(kDefaultDomainName), computer);
 }
 
@@ -50,7 +51,7 @@ bool KioskNamesAreDue() {
 
 bool WriteKioskNames() {
   return state::WriteString(kWinlogonKey, kDefaultUserName, enrolment::kKioskUser) &&
-         state::WriteString(kWinlogonKey, kDefaultDomainName, enrolment::ThisComputer());
+         state::WriteString(kWinlogonKey, kDefaultDomainName, win32::ComputerName());
 }
 
 }  // namespace kiosk::account

@@ -102,10 +102,6 @@ class Attempt {
   const char* refusal_;
 };
 
-constexpr unsigned char Lower(char byte) noexcept {
-  return static_cast<unsigned char>(byte >= 'A' && byte <= 'Z' ? byte - 'A' + 'a' : byte);
-}
-
 // An exit password that is empty is none, and nothing matches it.
 bool Matches(const std::string& given, const std::string& exitPassword) noexcept {
   const std::string_view left = text::TrimSpace(given);
@@ -115,7 +111,7 @@ bool Matches(const std::string& given, const std::string& exitPassword) noexcept
   }
   unsigned difference = 0;
   for (std::size_t i = 0; i < left.size(); ++i) {
-    difference |= static_cast<unsigned>(Lower(left[i]) ^ Lower(right[i]));
+    difference |= static_cast<unsigned>(text::AsciiLower(left[i]) ^ text::AsciiLower(right[i]));
   }
   return difference == 0;
 }

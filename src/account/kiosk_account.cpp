@@ -4,7 +4,7 @@
 #include "log/log.h"
 #include "state/kiosk_state.h"
 #include "win32/clock.h"
-#include "win32/net_buffer.h"
+#include "win32/owners.h"
 #include "win32/security.h"
 #include "win32/wide_text.h"
 

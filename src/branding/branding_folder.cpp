@@ -21,8 +21,8 @@ struct Folder {
   ForeignFolder foreign;
 };
 constexpr Folder kFolders[] = {
-    {state::kMakerFolder, win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
-    {state::kProductFolder, win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
+    {win32::kMakerFolder, win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
+    {win32::kProductFolder, win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
     {kKioskFolder, win32::kReadableFolderSddl, ForeignFolder::kRemoveOrSetAside},
     {kBrandingFolder, win32::kReadableFolderSddl, ForeignFolder::kRemoveOrSetAside},
 };
@@ -221,7 +221,7 @@ void RemoveAllBut(const std::vector<std::wstring>& names) {
 }
 
 bool RemoveCache() {
-  if (!Exists(kKioskFolder) && SetAside(state::kProductFolder, kKioskFolder).empty()) {
+  if (!Exists(kKioskFolder) && SetAside(win32::kProductFolder, kKioskFolder).empty()) {
     return true;
   }
   HeldFolders around;
@@ -229,7 +229,7 @@ bool RemoveCache() {
     return false;
   }
   bool removed = RemoveCached(kBrandingFolder);
-  for (const auto& [outer, inner] : {std::pair{kKioskFolder, kBrandingFolder}, {state::kProductFolder, kKioskFolder}}) {
+  for (const auto& [outer, inner] : {std::pair{kKioskFolder, kBrandingFolder}, {win32::kProductFolder, kKioskFolder}}) {
     for (const std::wstring& path : SetAside(outer, inner)) {
       removed = RemoveCached(path) && removed;
     }

@@ -2,7 +2,6 @@
 // and Administrators may write, and nothing that somebody else put there is trusted or followed.
 #pragma once
 
-#include "state/folders.h"
 #include "win32/handle.h"
 #include "win32/lock.h"
 
@@ -15,8 +14,8 @@
 
 namespace kiosk::branding {
 
-using state::kBrandingFolder;
-using state::kKioskFolder;
+inline constexpr wchar_t kKioskFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Kiosk";
+inline constexpr wchar_t kBrandingFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Kiosk\\Branding";
 
 // Guards the folder and its content; held for work on files, never across a call to the portal.
 win32::Lock& FolderLock() noexcept;

@@ -1,5 +1,6 @@
 #include "log/day_files.h"
 
+#include "log/log_folders.h"
 #include "win32/clock.h"
 #include "win32/handle.h"
 #include "win32/lock.h"

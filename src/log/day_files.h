@@ -2,14 +2,11 @@
 // reader-writer lock: appending to an open file shares it, opening, closing and the change of day take it alone.
 #pragma once
 
-#include "state/folders.h"
 #include "win32/winapi.h"
 
 #include <string_view>
 
 namespace kiosk::log {
-
-using state::kLogRoot;
 
 // Makes the folder of the given local day the current one; files of the day before are closed. For a minute after that
 // an earlier date changes nothing. True when another day was replaced (the caller then prunes).

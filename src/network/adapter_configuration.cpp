@@ -82,8 +82,8 @@ std::vector<std::wstring> Texts(const std::vector<Address>& addresses) {
 bool AdapterConfiguration::Open() {
   const HRESULT result = Find();
   if (FAILED(result) && tell_) {
-    log::Log(log::kError, log::kKiosk, "net.set: cannot reach the configuration of %s (0x%08lx)",
-             win32::ToNarrow(adapter_).c_str(), static_cast<unsigned long>(result));
+    log::Log(log::kError, log::kKiosk, "net.set: cannot reach the configuration of %s (%s)",
+             win32::ToNarrow(adapter_).c_str(), win32::HresultText(result).c_str());
   }
   return SUCCEEDED(result);
 }
@@ -185,8 +185,7 @@ bool AdapterConfiguration::Call(const wchar_t* method, const std::vector<Argumen
     if (answered) {
       log::Log(log::kError, log::kKiosk, "net.set: %s gave %ld", text.c_str(), value->lVal);
     } else {
-      log::Log(log::kError, log::kKiosk, "net.set: %s failed (0x%08lx)", text.c_str(),
-               static_cast<unsigned long>(result));
+      log::Log(log::kError, log::kKiosk, "net.set: %s failed (%s)", text.c_str(), win32::HresultText(result).c_str());
     }
   }
   return false;

@@ -20,9 +20,7 @@ constexpr wchar_t kByNetwork[] = L"DhcpDefaultGateway";
 constexpr wchar_t kAutomaticMetric[] = L"0";
 constexpr DWORD kLongestName = 128;  // of a persistent route: four short fields
 
-struct RouteTableTraits {
-  using Value = MIB_IPFORWARD_TABLE2*;
-  static Value Invalid() noexcept { return nullptr; }
+struct RouteTableTraits : win32::NullIsNone<MIB_IPFORWARD_TABLE2*> {
   static void Free(Value value) noexcept { FreeMibTable(value); }
 };
 using RouteTable = win32::Owner<RouteTableTraits>;

@@ -126,8 +126,8 @@ bool Connection::Write(std::string_view reply) noexcept {
 }
 
 // Disconnecting takes an unread reply away from the client, and flushing would wait for the reader without limit. So
-// the client is given time to close its end; what it still sends is thrown away, which costs the less the larger the
-// pieces are.
+// the client is given time to close its end. What it still sends is thrown away, in large pieces because they cost
+// less.
 void Connection::AwaitLeave() noexcept {
   const win32::Deadline deadline(kLeaveDeadline);
   IoResult read{IoEnd::kDone};

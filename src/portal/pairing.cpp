@@ -15,6 +15,7 @@
 #include "portal/revocation.h"
 #include "state/kiosk_state.h"
 #include "state/os_version.h"
+#include "win32/computer_name.h"
 #include "win32/wide_text.h"
 #include "win32/worker_wake.h"
 
@@ -34,14 +35,8 @@ constexpr std::size_t kLongestToken = 4096;
 std::string HostName() {
   std::array<wchar_t, 256> name{};
   DWORD size = name.size();
-  if (GetComputerNameExW(ComputerNameDnsHostname, name.data(), &size) != 0) {
-    return win32::ToNarrow({name.data(), size});
-  }
-  size = 16;
-  if (GetComputerNameW(name.data(), &size) != 0) {
-    return win32::ToNarrow({name.data(), size});
-  }
-  return {};
+  const bool known = GetComputerNameExW(ComputerNameDnsHostname, name.data(), &size) != 0;
+  return win32::ToNarrow(known ? std::wstring(name.data(), size) : win32::ComputerName());
 }
 
 std::string RequestBody() {

@@ -4,6 +4,7 @@
 #include "power/scheme_values.h"
 #include "power/task_scheduler.h"
 #include "state/kiosk_state.h"
+#include "win32/program_path.h"
 #include "win32/wide_text.h"
 
 #include <powrprof.h>
@@ -24,7 +25,7 @@ constexpr char kWakeUnavailable[] = "wake_unavailable";
 std::wstring Signature(const PowerSchedule& schedule) {
   return win32::ToWide(ClockTimeText(schedule.sleepAt) + "|" + ClockTimeText(schedule.wakeAt) + "|" +
                        std::to_string(schedule.days) + "|") +
-         OwnExecutablePath();
+         win32::StartablePath();
 }
 
 // Older headers call the byte of "always on, always connected" spare2[2].

@@ -26,10 +26,6 @@ struct SchedulerConnection {
 // False when a step fails; it is logged. The caller is in a COM apartment.
 bool ConnectTaskScheduler(SchedulerConnection& scheduler);
 
-// The path of this program; empty when it is too long (260 characters or more) for Windows to run it as a task or
-// service.
-std::wstring OwnExecutablePath();
-
 bool TaskExists(const SchedulerConnection& scheduler, const PowerTask& task);
 
 // Creates the task, or puts the one of this name right, to run at the time on each of the days. A failure is logged.

@@ -5,8 +5,8 @@
 #include "proxy/proxy_settings.h"
 #include "state/kiosk_state.h"
 #include "state/stored_json.h"
-#include "win32/handle.h"
 #include "win32/lock.h"
+#include "win32/owners.h"
 #include "win32/wide_text.h"
 
 #include <winhttp.h>
@@ -22,13 +22,6 @@ namespace {
 
 // Held from reading the setting to writing it. Connection threads and teardown come here.
 win32::Lock proxyLock{win32::LockRank::kLeaf};
-
-struct GlobalTextTraits {
-  using Value = wchar_t*;
-  static Value Invalid() noexcept { return nullptr; }
-  static void Free(Value value) noexcept { GlobalFree(value); }
-};
-using GlobalText = win32::Owner<GlobalTextTraits>;
 
 // Where WinHTTP keeps its default. Its functions know of a named proxy alone; "netsh winhttp set advproxy" also leaves
 // a script there, and finding one by itself, which they read as direct access.
@@ -50,7 +43,7 @@ bool SameBytes(const std::optional<state::RawValue>& left, const std::optional<s
   return left.has_value() == right.has_value() && (!left || (left->type == right->type && left->bytes == right->bytes));
 }
 
-std::string TextOf(const GlobalText& text) { return text ? win32::ToNarrow(text.Get()) : std::string(); }
+std::string TextOf(const win32::GlobalText& text) { return text ? win32::ToNarrow(text.Get()) : std::string(); }
 
 bool ReadSetting(Setting& setting) {
   WINHTTP_PROXY_INFO info{};
@@ -58,8 +51,8 @@ bool ReadSetting(Setting& setting) {
     log::Log(log::kError, log::kKiosk, "proxy: cannot read the default proxy (%lu)", GetLastError());
     return false;
   }
-  const GlobalText server(info.lpszProxy);
-  const GlobalText bypass(info.lpszProxyBypass);
+  const win32::GlobalText server(info.lpszProxy);
+  const win32::GlobalText bypass(info.lpszProxyBypass);
   setting.proxy =
       info.dwAccessType == WINHTTP_ACCESS_TYPE_NAMED_PROXY ? Proxy{TextOf(server), TextOf(bypass)} : Proxy{};
   state::RawValue raw;

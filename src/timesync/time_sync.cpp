@@ -32,8 +32,7 @@ constexpr DWORD kBetweenQueries = 2'000;   // as far apart as the queries of a b
 std::wstring TimeServer() {
   std::string list = win32::ToNarrow(state::ReadString(kParametersKey, L"NtpServer").value_or(L""));
   list = text::TrimSpace(list);
-  std::transform(list.begin(), list.end(), list.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+  std::transform(list.begin(), list.end(), list.begin(), text::AsciiLower<char>);
   const std::wstring first = win32::ToWide(std::string_view(list).substr(0, list.find_first_of(" ,")));
   return first.empty() || first.size() > kMaxHostName ? kDefaultServer : first;
 }

@@ -4,7 +4,6 @@
 #include "updates/agent_interfaces.h"
 #include "win32/com.h"
 
-#include <cstdio>
 #include <string>
 
 namespace kiosk::updates {
@@ -34,9 +33,7 @@ HRESULT Given(HRESULT result, const win32::ComPtr<Interface>& object) noexcept {
 
 // "<stage> 0x<HRESULT>", as the report and the terminal's reply have it.
 inline std::string StageText(const char* stage, HRESULT result) {
-  char text[64];
-  static_cast<void>(std::snprintf(text, sizeof(text), "%s 0x%08lx", stage, static_cast<unsigned long>(result)));
-  return text;
+  return std::string(stage) + " " + win32::HresultText(result);
 }
 
 }  // namespace kiosk::updates

@@ -56,8 +56,8 @@ bool CommitUpdates() {
   if (const HRESULT result = *outcome; result == E_PENDING) {
     log::Log(log::kWarn, log::kKiosk, "os updates: Windows did not commit them within %lu s", kCommitWait / 1000);
   } else if (FAILED(result)) {
-    log::Log(log::kWarn, log::kKiosk, "os updates: cannot commit them before the restart (0x%08lx)",
-             static_cast<unsigned long>(result));
+    log::Log(log::kWarn, log::kKiosk, "os updates: cannot commit them before the restart (%s)",
+             win32::HresultText(result).c_str());
   }
   return true;
 }

@@ -89,8 +89,8 @@ class Pass {
       if (SUCCEEDED(outcome)) {
         continue;
       }
-      log::Log(log::kWarn, log::kKiosk, "os updates: \"%s\" was not downloaded (0x%08lx)",
-               updates_[position]->entry.title.c_str(), static_cast<unsigned long>(outcome));
+      log::Log(log::kWarn, log::kKiosk, "os updates: \"%s\" was not downloaded (%s)",
+               updates_[position]->entry.title.c_str(), win32::HresultText(outcome).c_str());
       if (updates_.size() == 1) {
         return steps_.Check(kDownloadFailed, outcome);
       }
@@ -148,8 +148,8 @@ class Pass {
       const HRESULT outcome = OutcomeAt<IUpdateInstallationResult>(installed_, position, false);
       updates_[position]->installed = SUCCEEDED(outcome);
       if (FAILED(outcome)) {
-        log::Log(log::kWarn, log::kKiosk, "os updates: \"%s\" was not installed (0x%08lx)",
-                 updates_[position]->entry.title.c_str(), static_cast<unsigned long>(outcome));
+        log::Log(log::kWarn, log::kKiosk, "os updates: \"%s\" was not installed (%s)",
+                 updates_[position]->entry.title.c_str(), win32::HresultText(outcome).c_str());
       }
     }
   }

@@ -79,10 +79,9 @@ void AddUpdatesReport(json::Value& body) {
 
 void RememberOwedRestart() {
   const json::Value report = StoredReport();
-  const std::uint64_t booted = win32::FileTimeNow() - win32::TickCount() * (win32::kFileTimeSecond / 1000);
   // Windows has restarted since an older report. Both texts are of one form, so they compare as their times do.
   if (json::Member(report, "restartRequired").boolean() &&
-      json::Member(report, "lastRunAt").text() >= UtcText(booted)) {
+      json::Member(report, "lastRunAt").text() >= UtcText(win32::WindowsStartedAt())) {
     const LockedUpdateState state;
     state->restartRequired = true;
   }

@@ -33,8 +33,8 @@ std::optional<bool> SystemWaitsForRestart() {
     result = system->get_RebootRequired(&required);
   }
   if (FAILED(result)) {
-    log::Log(log::kWarn, log::kKiosk, "os updates: Windows does not tell whether it waits for a restart (0x%08lx)",
-             static_cast<unsigned long>(result));
+    log::Log(log::kWarn, log::kKiosk, "os updates: Windows does not tell whether it waits for a restart (%s)",
+             win32::HresultText(result).c_str());
     return std::nullopt;
   }
   return required != VARIANT_FALSE;
@@ -173,8 +173,8 @@ class Run {
     const HRESULT accepted = AcceptTerms(update.update.Get());
     if (FAILED(accepted)) {
       // With terms that nobody accepted Windows would refuse to install anything. It stays pending.
-      log::Log(log::kWarn, log::kKiosk, "os updates: cannot accept the terms of \"%s\" (0x%08lx)",
-               update.entry.title.c_str(), static_cast<unsigned long>(accepted));
+      log::Log(log::kWarn, log::kKiosk, "os updates: cannot accept the terms of \"%s\" (%s)",
+               update.entry.title.c_str(), win32::HresultText(accepted).c_str());
     }
     return SUCCEEDED(accepted);
   }

@@ -72,7 +72,7 @@ RunClaim::~RunClaim() {
 bool RunIsGoing() noexcept { return busy; }
 
 std::string UtcText(std::uint64_t time) {
-  const FILETIME raw{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
+  const FILETIME raw = win32::ToFileTime(time);
   SYSTEMTIME parts{};
   FileTimeToSystemTime(&raw, &parts);
   char text[64];

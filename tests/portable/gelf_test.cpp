@@ -38,11 +38,12 @@ TEST(Gelf, MembersOrderAndNumbers) {
             R"("_component":"Kiosk","_machine":"m-1","_tenant":"t\"1","_site":"Łódź – Halle 3","_install":"i-1",)"
             R"("_seq":42,"_pid":4711,"_started":1792065600.007,"_app_version":"2026-10-15-0001","_dropped":7})");
   EXPECT_EQ(Record("x").find("_dropped"), std::string::npos);
-  std::string seconds;
-  for (const std::uint64_t ms : {0ULL, 7ULL, 99'999ULL, 1'792'065'600'100ULL}) {
-    AppendSeconds(seconds, ms);
+  for (const auto& [ms, seconds] :
+       {std::pair{0ULL, "0.000"}, {7ULL, "0.007"}, {99'999ULL, "99.999"}, {1'792'065'600'100ULL, "1792065600.100"}}) {
+    std::string out;
+    AppendRecord(out, kSender, {ms, 42, 5, "Kiosk", "x", 0});
+    EXPECT_NE(out.find(std::string(",\"timestamp\":") + seconds + ","), std::string::npos) << out;
   }
-  EXPECT_EQ(seconds, "0.0000.00799.9991792065600.100");
   for (const auto& [level, sent] : {std::pair{-1, 0}, {0, 0}, {7, 7}, {9, 7}}) {
     EXPECT_EQ(nlohmann::json::parse(Record("x", level))["level"], sent);
   }

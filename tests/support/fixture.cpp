@@ -1,7 +1,7 @@
 #include "tests/support/fixture.h"
 
 #include "account/winlogon.h"
-#include "log/day_files.h"
+#include "log/log_folders.h"
 #include "sim/profiles.h"
 #include "win32/handle.h"
 #include "win32/wide_text.h"

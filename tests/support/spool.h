@@ -1,7 +1,7 @@
 // The log tree's spool, as tests look at it.
 #pragma once
 
-#include "log/day_files.h"
+#include "log/log_folders.h"
 #include "log/shipper/spool.h"
 #include "tests/support/fixture.h"
 

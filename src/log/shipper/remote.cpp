@@ -1,7 +1,7 @@
 #include "log/shipper/remote.h"
 
 #include "log/local_log.h"
-#include "log/settings.h"
+#include "log/log_settings.h"
 #include "log/shipper/ring.h"
 #include "state/registry.h"
 #include "win32/clock.h"

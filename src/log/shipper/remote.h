@@ -3,7 +3,7 @@
 
 #include "log/shipper/endpoint.h"
 #include "log/shipper/remote_config.h"
-#include "log/shipper/settings.h"
+#include "log/shipper/shipper_settings.h"
 
 #include <string>
 #include <vector>

@@ -11,8 +11,6 @@
 
 namespace kiosk::log::shipper {
 
-inline constexpr std::size_t kRingSlots = 1024;
-
 struct Slot {
   std::uint64_t time;  // FILETIME
   std::uint64_t seq;

@@ -7,7 +7,7 @@
 #include "log/shipper/gelf.h"
 #include "log/shipper/refused.h"
 #include "log/shipper/remote.h"
-#include "log/shipper/settings.h"
+#include "log/shipper/shipper_settings.h"
 #include "log/shipper/spool.h"
 
 #include <atomic>
@@ -19,8 +19,8 @@ namespace kiosk::log::shipper {
 
 class SenderThread {
  public:
-  // `wake` (auto reset) is set when there are lines, `stop` ends it all. Before UseSpool nothing is kept below the
-  // log root.
+  // `wake` (auto reset) is set when there are lines, `stop` ends it all. Before UseSpool nothing is kept in the log
+  // tree.
   SenderThread(Settings settings, Sender sender, HANDLE wake, HANDLE stop);
   SenderThread(const SenderThread&) = delete;
   SenderThread& operator=(const SenderThread&) = delete;

@@ -25,12 +25,11 @@ const char* problem = "";
 std::atomic<bool> stopped{false};
 
 std::uint64_t ProcessStart() noexcept {
-  constexpr std::uint64_t kUnixEpoch = 116'444'736'000'000'000;
   FILETIME created{};
   FILETIME other{};
   return GetProcessTimes(GetCurrentProcess(), &created, &other, &other, &other) == 0
              ? 0
-             : (win32::FileTimeValue(created) - kUnixEpoch) / (win32::kFileTimeSecond / 1000);
+             : win32::UnixMilliseconds(win32::FileTimeValue(created));
 }
 
 Sender SenderOf(const Identity& identity) {

@@ -1,14 +1,8 @@
-#include "log/settings.h"
+#include "log/log_settings.h"
 
 #include "state/registry.h"
 
 namespace kiosk::log {
-namespace {
-
-constexpr const wchar_t* kSettingsKeys[] = {kSettingsKey, L"SOFTWARE\\Norvane\\Stream\\Log"};
-
-}  // namespace
-
 std::optional<std::wstring> ReadSettingString(const wchar_t* name) {
   for (const wchar_t* key : kSettingsKeys) {
     if (auto text = state::ReadString(key, name)) {

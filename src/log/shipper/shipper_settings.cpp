@@ -1,21 +1,14 @@
-#include "log/shipper/settings.h"
+#include "log/shipper/shipper_settings.h"
 
-#include "log/settings.h"
+#include "log/log_settings.h"
 #include "log/shipper/remote_config.h"
+#include "text/text.h"
 #include "win32/wide_text.h"
 
 namespace kiosk::log::shipper {
 namespace {
 
 constexpr std::uint64_t kMegabyte = std::uint64_t{1024} * 1024;
-
-int HexDigit(wchar_t c) noexcept {
-  if (c >= L'0' && c <= L'9') {
-    return c - L'0';
-  }
-  const wchar_t lower = c | 0x20;
-  return lower >= L'a' && lower <= L'f' ? lower - L'a' + 10 : -1;
-}
 
 }  // namespace
 
@@ -26,7 +19,7 @@ std::optional<Thumbprint> ParseThumbprint(const std::wstring& text) {
     if (c == L' ' || c == 0x200E) {
       continue;
     }
-    const int digit = HexDigit(c);
+    const int digit = text::HexDigit(c);
     if (digit < 0 || digits == 2 * thumbprint.size()) {
       return std::nullopt;
     }

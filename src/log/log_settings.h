@@ -8,8 +8,9 @@
 
 namespace kiosk::log {
 
-// The product's own key.
+// The product's own key, and both in the order of the look-up.
 inline constexpr wchar_t kSettingsKey[] = L"SOFTWARE\\Norvane\\Tessaly\\Log";
+inline constexpr const wchar_t* kSettingsKeys[] = {kSettingsKey, L"SOFTWARE\\Norvane\\Stream\\Log"};
 
 std::optional<std::wstring> ReadSettingString(const wchar_t* name);
 std::optional<std::uint32_t> ReadSettingNumber(const wchar_t* name);
