@@ -13,6 +13,7 @@
 #include "sim/machine.h"
 #include "sim/program_files.h"
 #include "sim/sessions.h"
+#include "sim/time_service.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 #include "win32/clock.h"
@@ -330,7 +331,7 @@ TEST_F(Caller, EachCommandHasItsCallers) {
 
 TEST_F(Caller, TheUnlockedKioskSessionReachesTheTerminalsSettings) {
   sim::SetSession(2, L"NorvaneKiosk", sim::ComputerName());
-  sim::WriteNumber(L"TimeService", L"NoService", 1);
+  sim::timeService.noService.Set(1);
   const text::Secret unlock = account::NewUnlockToken(2);
   for (const auto& [command, answer] :
        std::map<std::string, std::string>{{"net.set", Error("invalid")},
