@@ -183,9 +183,13 @@ DWORD RunMachineCommand(const std::wstring& command) {
     std::getline(words >> std::ws, name);
     OfferUpdate({.title = name});
   } else if (verb == L"agent") {
-    words >> number;
-    std::getline(words >> std::ws, name);
-    WriteNumber(kUpdateArea, name, number);
+    words >> number >> name;
+    const wchar_t* const stages[] = {L"search", L"download", L"install"};
+    for (const AgentStage stage : {kSearch, kDownload, kInstall}) {
+      if (name == stages[stage]) {
+        agent.duration[stage].Set(number);
+      }
+    }
   } else if (verb == L"signout") {
     words >> number;
     SignOut(number);

@@ -50,6 +50,14 @@ FaultPass::~FaultPass() {
   }
 }
 
+std::vector<std::string> FaultPass::Texts() const {
+  std::vector<std::string> texts;
+  for (const ChangeCall& call : calls_) {
+    texts.push_back(call.Text());
+  }
+  return texts;
+}
+
 bool FaultPass::Flushed(const std::wstring& valueName) const {
   const std::wstring ending = L"\\" + valueName;
   bool flushed = false;
@@ -135,7 +143,7 @@ COUNT(WINBOOL, ControlService, L"", (service, control, status), SC_HANDLE servic
 
 SIM(WINBOOL, CryptProtectData, DATA_BLOB* in, LPCWSTR text, DATA_BLOB* entropy, PVOID reserved,
     CRYPTPROTECT_PROMPTSTRUCT* prompt, DWORD flags, DATA_BLOB* out) {
-  WriteNumber(L"DataProtection", L"Flags", flags);
+  dataProtectionFlags.Set(flags);
   return Change<BOOL>(__func__ + 4, text != nullptr ? text : L"",
                       [&] { return ::CryptProtectData(in, text, entropy, reserved, prompt, flags, out); });
 }

@@ -34,6 +34,7 @@ class FaultPass {
 
   [[nodiscard]] int Count() const { return static_cast<int>(calls_.size()); }
   [[nodiscard]] const std::vector<ChangeCall>& Calls() const { return calls_; }
+  [[nodiscard]] std::vector<std::string> Texts() const;
   // Whether after the last write (or deletion) of the value its key was flushed. False when it was not written.
   [[nodiscard]] bool Flushed(const std::wstring& valueName) const;
 

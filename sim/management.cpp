@@ -22,20 +22,20 @@ constexpr wchar_t kClassName[] = L"Win32_NetworkAdapterConfiguration";
 
 // What a method does, and the number that it answers.
 LONG Run(const std::wstring& name, const std::wstring& method, std::map<std::wstring, Texts>& arguments) {
-  const bool dhcp = Number(name, L"Dhcp", 1) != 0;
+  const bool dhcp = Adapter(name).dhcp.Get() != 0;
   const Texts& addresses = arguments[L"IPAddress"];
   const Texts& masks = arguments[L"SubnetMask"];
-  if (const auto answer = ReadNumber(AreaOf(name), method)) {
+  if (const auto answer = ReadNumber(Adapter(name).area, method)) {
     return static_cast<LONG>(*answer);
   }
-  if (Number(name, L"Cable", 1) == 0) {
+  if (Adapter(name).cable.Get() == 0) {
     return 84;  // IP is not enabled on the adapter
   }
   LONG answer = 0;
   if (method == L"EnableDHCP") {
     // Its page: gateways that were set stay. They also stay where they are found after a restart.
-    WriteNumber(AreaOf(name), L"Dhcp", 1);
-    ForgetValue(AreaOf(name), L"Addresses");
+    Adapter(name).dhcp.Set(1);
+    Adapter(name).addresses.Forget();
     KeepLease(name);
   } else if (method == L"EnableStatic") {
     if (addresses.empty() || addresses.size() != masks.size()) {
@@ -47,23 +47,23 @@ LONG Run(const std::wstring& name, const std::wstring& method, std::map<std::wst
       const int bits = __builtin_popcountl(AddressNumber(masks[i]));
       joined += (i == 0 ? L"" : L" ") + addresses[i] + L"/" + std::to_wstring(bits);
     }
-    WriteText(AreaOf(name), L"Addresses", joined);
-    WriteNumber(AreaOf(name), L"Dhcp", 0);
+    Adapter(name).addresses.Set(joined);
+    Adapter(name).dhcp.Set(0);
   } else if (method == L"SetGateways") {
     // Its page: for static addresses alone, the argument is not optional, and the adapter's own address clears them.
     const Texts& gateways = arguments[L"DefaultIPGateway"];
     if (dhcp || gateways.empty() || gateways.size() > 5) {
       return dhcp ? 64 : gateways.empty() ? 68 : 69;
     }
-    const Texts own = List(name, L"Addresses");
+    const Texts own = Words(Adapter(name).addresses.Get());
     const bool clears = std::any_of(own.begin(), own.end(),
                                     [&](const std::wstring& each) { return each.starts_with(gateways[0] + L"/"); });
-    WriteText(AreaOf(name), L"Gateways", clears ? L"" : Joined(gateways));
+    Adapter(name).gateways.Set(clears ? L"" : Joined(gateways));
     Keep(name, L"DefaultGateway", REG_MULTI_SZ, clears ? L"" : Joined(gateways));
   } else {
     Keep(name, L"NameServer", REG_SZ, Joined(arguments[L"DNSServerSearchOrder"]));
   }
-  WriteText(AreaOf(name), L"ChangedAt", std::to_wstring(ClockNow()));
+  Adapter(name).changedAt.Set(std::to_wstring(ClockNow()));
   return answer;
 }
 
@@ -182,7 +182,7 @@ HRESULT STDMETHODCALLTYPE ExecMethod(IWbemServices*, const BSTR path, const BSTR
     Violation("IWbemServices::ExecMethod: flags 0x%lx, or no place for the call", flags);
   }
   std::map<std::wstring, Texts> arguments = in != nullptr ? Instance::Of(in).values : std::map<std::wstring, Texts>();
-  const LONG answer = ReadText(AreaOf(name), L"Hangs") == method
+  const LONG answer = Adapter(name).hangs.Get() == method
                           ? -1
                           : Change<LONG>("ExecMethod", method, [&] { return Run(name, method, arguments); });
   *result = new Call(&callTable, answer);

@@ -2,10 +2,10 @@
 #include "service/crash.h"
 
 #include "log/log.h"
-#include "log/log_folders.h"
 #include "log/log_settings.h"
 #include "log/shipper/shipper.h"
 #include "sim/threads.h"
+#include "state/folders.h"
 #include "tests/support/spool.h"
 #include "win32/handle.h"
 #include "win32/thread.h"
@@ -23,9 +23,9 @@ class CrashTest : public test::CleanMachine {};
 std::vector<std::wstring> Dumps() {
   std::vector<std::wstring> names;
   WIN32_FIND_DATAW data;
-  const win32::FindHandle find(FindFirstFileW((std::wstring(log::kLogRoot) + L"\\*.dmp").c_str(), &data));
+  const win32::FindHandle find(FindFirstFileW((std::wstring(state::kLogRoot) + L"\\*.dmp").c_str(), &data));
   for (BOOL more = find ? TRUE : FALSE; more != 0; more = FindNextFileW(find.Get(), &data)) {
-    names.emplace_back(std::wstring(log::kLogRoot) + L"\\" + data.cFileName);
+    names.emplace_back(std::wstring(state::kLogRoot) + L"\\" + data.cFileName);
   }
   return names;
 }

@@ -114,7 +114,7 @@ struct KioskScenario {
 };
 
 void EveryPointGivesTheComputerBack(const KioskScenario& scenario) {
-  const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  const sim::VirtualClock clock(test::kMorning);
   const auto prepare = [&] {
     test::ResetComputer();
     test::OwnComputer();
@@ -182,12 +182,9 @@ INSTANTIATE_TEST_SUITE_P(Part, PairingFaults, testing::Range(0, kParts));
 
 TEST_P(PairingFaults, APairingComesToItsEnd) {
   sim::ScriptedPortal portal;
-  const auto answer = [&portal](const wchar_t* method, const wchar_t* path, const char* body) {
-    portal.On(method, path, [body](const sim::Request&) { return sim::Response{.body = body}; });
-  };
-  answer(L"POST", L"/api/kiosk/pair", R"({"pairingCode":"ABCD1234"})");
-  answer(L"GET", L"/api/kiosk/pair/ABCD1234", R"({"deviceToken":"tok-1"})");
-  answer(L"POST", L"/api/kiosk/check-in", R"({"status":"enrolled","name":"Hall"})");
+  portal.On(L"POST", test::kPairPath, test::kPairingBegins);
+  portal.On(L"GET", test::kClaimPath, sim::Response{.body = R"({"deviceToken":"tok-1"})"});
+  portal.On(L"POST", test::kCheckInPath, sim::Response{.body = R"({"status":"enrolled","name":"Hall"})"});
   const auto prepare = [] {
     test::Ask(portal::PairBegin);
     // What an earlier enrolment may have left.

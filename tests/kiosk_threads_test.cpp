@@ -78,13 +78,13 @@ class Crowd : public test::CleanMachine {
     test::OwnComputer();
     before_ = sim::DumpMachine();
     test::Enrol("", false);
-    portal_.On(L"POST", L"/api/kiosk/pair", [](const sim::Request&) {
+    portal_.On(L"POST", test::kPairPath, [](const sim::Request&) {
       return sim::Response{.body = R"({"pairingCode":"ABCD1234"})", .headersDelay = 20};
     });
-    portal_.On(L"GET", L"/api/kiosk/pair/ABCD1234", [this](const sim::Request&) {
+    portal_.On(L"GET", test::kClaimPath, [this](const sim::Request&) {
       return sim::Response{.body = R"({"deviceToken":"tok-)" + std::to_string(++tokens_) + "\"}"};
     });
-    portal_.On(L"POST", L"/api/kiosk/check-in", [this](const sim::Request&) {
+    portal_.On(L"POST", test::kCheckInPath, [this](const sim::Request&) {
       const int number = ++checkIns_;
       return number % 7 == 0 ? sim::Response{.status = 401, .body = R"({"status":"revoked"})", .headersDelay = 300}
                              : sim::Response{.body = R"({"status":"enrolled","exitPassword":"Way out","name":"Hall )" +
@@ -100,7 +100,7 @@ class Crowd : public test::CleanMachine {
 };
 
 TEST_F(Crowd, EightThreadsNeitherBlockEachOtherNorLoseAnything) {
-  sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  sim::VirtualClock clock(test::kMorning);
   using Role = void (*)(unsigned);
   constexpr Role kPair = [](unsigned) {
     test::Ask(portal::PairBegin);
@@ -179,7 +179,7 @@ TEST_F(Crowd, EightThreadsNeitherBlockEachOtherNorLoseAnything) {
 
 // A thread in the place of the other process: what a mutex lets nobody tell apart.
 TEST_F(Crowd, WhoWaitsForAnotherProcessGoesOnAfterTwentySecondsAndNotAfterAStop) {
-  sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  sim::VirtualClock clock(test::kMorning);
   ASSERT_TRUE(win32::CreateStopEvent());
   std::string outcome;
   const auto provision = [&]() noexcept { outcome = ProvisionKioskAccount({}); };
@@ -252,7 +252,7 @@ TEST(TwoProcesses, TheServiceWaitsForAnUninstallAndTakesOverFromADeadOne) {
     killed ? static_cast<void>(TerminateProcess(other.Get(), 1)) : sim::SignOut(session);
     ASSERT_EQ(WaitForSingleObject(thread.Get(), 10'000), WAIT_OBJECT_0);
     ASSERT_EQ(WaitForSingleObject(other.Get(), 10'000), WAIT_OBJECT_0);
-    EXPECT_EQ(outcome, kNoLongerEnrolled);
+    EXPECT_EQ(outcome, kEnrolmentOver);
     if (killed) {
       EXPECT_TRUE(state::FlagIsOn(state::kTeardownPending) && state::TokenIsStored());
       sim::SignOut(session);

@@ -1,10 +1,8 @@
 #include "lockdown/kiosk_policies.h"
 
-#include "sim/accounts.h"
-#include "sim/clock.h"
 #include "sim/faults.h"
 #include "sim/profiles.h"
-#include "tests/support/fixture.h"
+#include "tests/support/terminal.h"
 #include "win32/handle.h"
 #include "win32/hash.h"
 #include "win32/wide_text.h"
@@ -80,10 +78,10 @@ void ExpectAll(const std::vector<std::string>& values) {
   EXPECT_EQ(win32::Sha256Hex(all), kDigest) << all;
 }
 
-class LockdownTest : public test::CleanMachine {
+class LockdownTest : public test::VirtualComputer {
  protected:
   void SetUp() override {
-    CleanMachine::SetUp();
+    VirtualComputer::SetUp();
     sid_ = sim::AddUser(L"NorvaneKiosk");
     sim::RemoveProfile(sid_);
     ASSERT_EQ(sim::MakeProfile(sid_, L"NorvaneKiosk"), DWORD{ERROR_SUCCESS});
@@ -104,7 +102,6 @@ class LockdownTest : public test::CleanMachine {
     return values;
   }
 
-  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
   std::wstring sid_;
   std::wstring file_;
 };

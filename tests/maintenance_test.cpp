@@ -132,15 +132,14 @@ TEST_F(ExitPassword, EveryAttemptCountsWhateverBecomesOfIt) {
 }
 
 TEST_F(ExitPassword, AnEndedEnrolmentOpensNothing) {
-  portal_.On(L"POST", L"/api/kiosk/check-in", [this](const sim::Request&) {
+  portal_.On(L"POST", test::kCheckInPath, [this](const sim::Request&) {
     SetDword(state::kStateKey, L"TeardownPending", 1);
     return answer_;
   });
   EXPECT_EQ(VerifyExitPassword("Way out"), "not_enrolled");
   EXPECT_EQ(Failures(), 1U);
   test::MakeKioskTerminal();
-  portal_.On(L"POST", L"/api/kiosk/check-in",
-             [](const sim::Request&) { return sim::Response{.status = 401, .body = R"({"status":"revoked"})"}; });
+  portal_.On(L"POST", test::kCheckInPath, test::kRevoked);
   EXPECT_EQ(VerifyExitPassword("Way out"), "not_enrolled");
   EXPECT_FALSE(state::TokenIsStored() || sim::FindUser(L"NorvaneKiosk"));
 }
@@ -315,11 +314,9 @@ TEST_F(MaintenanceTest, EndingLeavesASettingThatIsNotTheServicesAlone) {
 
 // Attempts at the password until the check is shut; at most one more after a fifth that was cut short.
 TEST(MaintenanceFaults, AnAttemptThatIsCutShortCounts) {
-  const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  const sim::VirtualClock clock(test::kMorning);
   sim::ScriptedPortal portal;
-  portal.On(L"POST", L"/api/kiosk/check-in", [](const sim::Request&) {
-    return sim::Response{.body = R"({"status":"enrolled","exitPassword":"Way out"})"};
-  });
+  portal.On(L"POST", test::kCheckInPath, sim::Response{.body = R"({"status":"enrolled","exitPassword":"Way out"})"});
   const auto prepare = [] {
     test::ResetComputer();
     test::MakeKioskTerminal();
@@ -340,7 +337,7 @@ TEST(MaintenanceFaults, AnAttemptThatIsCutShortCounts) {
 // whoever Windows names.
 TEST(MaintenanceFaults, AStartOfWindowsEndsEveryHalf) {
   const auto enter = [] {
-    const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+    const sim::VirtualClock clock(test::kMorning);
     const text::Secret token = NewUnlockToken(kKioskSession);
     test::Ask(Maintenance, test::Credentials("", token.Get()), kKioskSession);
   };

@@ -80,13 +80,13 @@ TEST_F(PowerTest, ASchemeThatCannotBeActivatedIsSaidWhenTheErrorChanges) {
 TEST_F(PowerTest, WhatCannotBeSavedIsNotChanged) {
   Receive(Policy(15, 0, "true"));
   sim::SetSchemeIndexes(sim::kBalanced, {600, 300, sim::kNoIndex, 900, sim::kNoIndex, sim::kNoIndex});
-  sim::WriteNumber(L"Power", L"ReadError", ERROR_ACCESS_DENIED);
+  sim::power.readError.Set(ERROR_ACCESS_DENIED);
   const std::vector<std::string> calls = Apply();
   EXPECT_EQ(CountOf(calls, "PowerWriteACValueIndex") + CountOf(calls, "PowerWriteDCValueIndex"), 0);
   EXPECT_EQ(CountLogged("ERROR power: cannot save the computer's own power settings (5); nothing is changed"), 3);
   EXPECT_EQ(State(state::kPriorPower), "");
   EXPECT_EQ(State(state::kPowerError), "wake_unavailable");
-  sim::WriteNumber(L"Power", L"ReadError", 0);
+  sim::power.readError.Set(0);
   Apply();
   EXPECT_EQ(State(state::kPriorPower),
             std::string("{\"scheme\":\"") + kScheme + R"(","values":[600,300,null,900,null,null]})");

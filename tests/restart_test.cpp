@@ -1,19 +1,15 @@
 // The restart into kiosk mode, in virtual time.
 #include "account/kiosk_restart.h"
 
-#include "sim/clock.h"
 #include "sim/faults.h"
 #include "sim/shutdown.h"
-#include "tests/support/fixture.h"
+#include "tests/support/terminal.h"
 #include "win32/stop.h"
 
 namespace kiosk::account {
 namespace {
 
-class RestartTest : public test::CleanMachine {
- protected:
-  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
-};
+class RestartTest : public test::VirtualComputer {};
 
 TEST_F(RestartTest, TwoEnrolmentsRestartOnceTenSecondsAfterTheLater) {
   ScheduleKioskRestart();

@@ -95,14 +95,14 @@ TEST_F(ServiceTest, AStartDoesNotWaitForItsOwnFile) {
 // What a start puts right before it reports that it runs, and what a shutdown ends before it stops.
 TEST_F(ServiceTest, StartRepairsAndShutdownEndsMaintenance) {
   sim::ScriptedPortal portal;
-  portal.On(L"POST", L"/api/kiosk/check-in", [](const sim::Request&) { return sim::Response{.status = 503}; });
+  portal.On(L"POST", test::kCheckInPath, sim::Response{.status = 503});
   sim::ServiceHost host;
   test::Enrol();
   test::SetDword(state::kStateKey, L"DevAllowUnsigned", 1);
   test::SetDword(state::kStateKey, L"Maintenance", 1);
   ASSERT_TRUE(state::WriteStateQword(state::kMaintenanceAt, 1));  // long before this boot
   state::DeleteStateValue(state::kAutoLogonDigest);               // an earlier version knew none
-  sim::AddToGroup(L"S-1-5-32-544", sim::FindUser(L"NorvaneKiosk")->sid);
+  sim::AddToGroup(test::kAdministrators, test::Kiosk().sid);
   {
     const win32::KernelHandle service = win32::StartThread([]() noexcept { RunDispatcher(); });
     ASSERT_TRUE(test::ConnectToService());
@@ -139,7 +139,7 @@ TEST_F(ServiceTest, RunningIsReportedInTimeWhateverTheRepairsWaitFor) {
   state::DeleteStateValue(state::kDeviceToken);
   test::SetDword(state::kStateKey, L"TeardownPending", 1);
   const win32::KernelHandle others(CreateMutexW(nullptr, TRUE, L"Global\\NorvaneKioskAccount"));
-  sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  sim::VirtualClock clock(test::kMorning);
   clock.SetGrace(20);
   const sim::ScriptedPortal portal;
   sim::ServiceHost host;

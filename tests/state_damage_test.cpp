@@ -128,10 +128,9 @@ void ExpectLeft(const std::set<std::string>& differing, const Effect& effect, co
 }
 
 TEST(StateDamage, EveryValueMissingOrOfAnotherTypeGetsItsExactAnswer) {
-  const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  const sim::VirtualClock clock(test::kMorning);
   sim::ScriptedPortal portal;
-  portal.On(L"POST", L"/api/kiosk/check-in",
-            [](const sim::Request&) { return sim::Response{.body = R"({"status":"enrolled","name":"Hall"})"}; });
+  portal.On(L"POST", test::kCheckInPath, sim::Response{.body = R"({"status":"enrolled","name":"Hall"})"});
   for (const state::StateValue* value : state::kStateValues) {
     const auto* found = std::find_if(std::begin(kEffects), std::end(kEffects),
                                      [&](const Effect& each) { return std::wcscmp(each.name, value->name) == 0; });

@@ -43,13 +43,11 @@ void Activate(const GUID& scheme, const PowerPolicy& policy, bool changed) REQUI
 }
 
 // Removes the tasks and puts the scheme back, then deletes `values` in that order.
-void TakeBack(std::initializer_list<const state::StateValue*> values) REQUIRES(PowerLock()) {
+void TakeBack(std::initializer_list<state::StateValue> values) REQUIRES(PowerLock()) {
   const win32::ComApartment apartment;
   RemovePowerTasks();
   RestorePriorPower();
-  for (const state::StateValue* value : values) {
-    state::DeleteStateValue(*value);
-  }
+  state::DeleteStateValues(values);
 }
 
 }  // namespace
@@ -68,7 +66,7 @@ void ApplyPowerScheme(const PowerPolicy& policy) {
   SetPowerValue(scheme, SchemeSetting::kScreenOff, Seconds(policy.screenOffMinutes), changed);
   SetPowerValue(scheme, SchemeSetting::kSleep, Seconds(policy.sleepMinutes), changed);
   const std::string error = ApplyPowerSchedule(scheme, policy.schedule, changed);
-  // The copies are saved before the first value is written: while there are none, no activation can be owed.
+  // No value is written before the copies are: without these there is nothing to activate.
   if (changed || (activationOwed && !state::ReadStateString(state::kPriorPower).empty())) {
     Activate(scheme, policy, changed);
   } else {
@@ -87,13 +85,13 @@ void ApplyEffectivePowerPolicy() {
   }
 }
 
-void UndoPowerPolicy() { TakeBack({&state::kPowerError, &state::kPowerScheduleApplied, &state::kPriorPower}); }
+void UndoPowerPolicy() { TakeBack({state::kPowerError, state::kPowerScheduleApplied, state::kPriorPower}); }
 
 void RestorePowerSettings() {
   const win32::LockGuard guard(PowerLock());
   // The copies go last: until then a restore that was cut short is done again from them.
-  TakeBack({&state::kPowerPolicy, &state::kPowerSource, &state::kPowerLocal, &state::kPowerError,
-            &state::kPowerScheduleApplied, &state::kPriorPower});
+  TakeBack({state::kPowerPolicy, state::kPowerSource, state::kPowerLocal, state::kPowerError,
+            state::kPowerScheduleApplied, state::kPriorPower});
 }
 
 }  // namespace kiosk::power
