@@ -83,14 +83,6 @@ bool SameGateways(const Settings& left, const Settings& right) {
   return Sorted(left.gateways) == Sorted(right.gateways);
 }
 
-json::Value TextsOf(const std::vector<Address>& addresses) {
-  json::Value list = json::Value::Array();
-  for (const Address address : addresses) {
-    list.Append(AddressText(address));
-  }
-  return list;
-}
-
 }  // namespace
 
 bool Same(const Settings& left, const Settings& right) {
@@ -140,6 +132,14 @@ NetSetRequest ParseNetSet(const json::Value& request) {
   return parsed;
 }
 
+json::Value ToJson(const std::vector<Address>& addresses) {
+  json::Value list = json::Value::Array();
+  for (const Address address : addresses) {
+    list.Append(AddressText(address));
+  }
+  return list;
+}
+
 json::Value ToJson(const Settings& settings) {
   json::Value addresses = json::Value::Array();
   for (const OwnAddress& each : settings.addresses) {
@@ -149,7 +149,7 @@ json::Value ToJson(const Settings& settings) {
   }
   json::Value value = json::Value::Object();
   value.Set("dhcp", settings.dhcp).Set("addresses", std::move(addresses));
-  value.Set("gateways", TextsOf(settings.gateways)).Set("dns", TextsOf(settings.dns));
+  value.Set("gateways", ToJson(settings.gateways)).Set("dns", ToJson(settings.dns));
   return value;
 }
 

@@ -51,6 +51,9 @@ struct NetSetRequest {
 // "keep" may be absent: true for settings that nothing has to prove.
 NetSetRequest ParseNetSet(const json::Value& request);
 
+// An array of their texts.
+json::Value ToJson(const std::vector<Address>& addresses);
+
 // Settings as JSON and back; empty for what is none.
 json::Value ToJson(const Settings& settings);
 std::optional<Settings> FromJson(const json::Value& value);

@@ -24,10 +24,6 @@ std::atomic<bool> complained{false};
 
 json::Value Applied(const Adapter& adapter) {
   const Settings& shown = adapter.settings.dhcp ? adapter.inUse : adapter.settings;
-  json::Value dns = json::Value::Array();
-  for (const Address server : shown.dns) {
-    dns.Append(AddressText(server));
-  }
   json::Value reply = command::OkReply();
   reply.Set("adapter", win32::ToNarrow(adapter.name)).Set("mode", shown.dhcp ? "dhcp" : "static");
   if (!shown.addresses.empty()) {
@@ -37,7 +33,7 @@ json::Value Applied(const Adapter& adapter) {
   if (!shown.gateways.empty()) {
     reply.Set("gateway", AddressText(shown.gateways.front()));
   }
-  reply.Set("dns", std::move(dns));
+  reply.Set("dns", ToJson(shown.dns));
   return reply;
 }
 
