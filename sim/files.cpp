@@ -1,9 +1,9 @@
 #include "sim/files.h"
 
-#include "log/log_folders.h"
 #include "sim/files_internal.h"
 #include "sim/machine.h"
 #include "sim/program_files.h"
+#include "state/folders.h"
 
 #include <winternl.h>
 
@@ -154,11 +154,11 @@ bool HandleAllows(HANDLE file, DWORD rights) {
 }
 
 bool InSpool(const std::wstring& plain) {
-  return plain.starts_with(Lower(kiosk::log::kLogRoot) + L"\\drop\\") && plain.ends_with(L".gelf");
+  return plain.starts_with(Lower(kiosk::state::kLogRoot) + L"\\drop\\") && plain.ends_with(L".gelf");
 }
 
 bool Counts(const std::wstring& plain) {
-  return InSpool(plain) || !(plain + L"\\").starts_with(Lower(kiosk::log::kLogRoot) + L"\\");
+  return InSpool(plain) || !(plain + L"\\").starts_with(Lower(kiosk::state::kLogRoot) + L"\\");
 }
 
 namespace {

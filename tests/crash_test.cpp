@@ -2,10 +2,10 @@
 #include "service/crash.h"
 
 #include "log/log.h"
-#include "log/log_folders.h"
 #include "log/log_settings.h"
 #include "log/shipper/shipper.h"
 #include "sim/threads.h"
+#include "state/folders.h"
 #include "tests/support/spool.h"
 #include "win32/handle.h"
 #include "win32/thread.h"
@@ -20,7 +20,7 @@ class CrashTest : public test::CleanMachine {};
 
 std::vector<std::wstring> Dumps() {
   std::vector<std::wstring> paths;
-  for (const std::wstring& name : test::ListFolder(log::kLogRoot)) {
+  for (const std::wstring& name : test::ListFolder(state::kLogRoot)) {
     if (name.ends_with(L".dmp")) {
       paths.push_back(log::shipper::kRoot + L"\\" + name);
     }

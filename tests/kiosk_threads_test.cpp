@@ -231,7 +231,7 @@ TEST(TwoProcesses, TheServiceWaitsForAnUninstallAndTakesOverFromADeadOne) {
     killed ? static_cast<void>(TerminateProcess(other.Get(), 1)) : sim::SignOut(session);
     ASSERT_EQ(WaitForSingleObject(thread.Get(), 10'000), WAIT_OBJECT_0);
     ASSERT_EQ(WaitForSingleObject(other.Get(), 10'000), WAIT_OBJECT_0);
-    EXPECT_EQ(outcome, kNoLongerEnrolled);
+    EXPECT_EQ(outcome, kEnrolmentOver);
     if (killed) {
       EXPECT_TRUE(state::FlagIsOn(state::kTeardownPending) && state::TokenIsStored());
       sim::SignOut(session);

@@ -2,10 +2,8 @@
 // the power goes.
 #include "network/trial.h"
 
-#include "enrolment/device_token.h"
 #include "service/worker.h"
 #include "sim/fault_driver.h"
-#include "sim/http.h"
 #include "tests/support/network_adapter.h"
 #include "win32/stop.h"
 #include "win32/thread.h"
@@ -23,11 +21,10 @@ class NetworkTrialTest : public NetworkTest {
  protected:
   void SetUp() override {
     NetworkTest::SetUp();
-    test::SetString(state::kStateKey, L"AuthBaseUrl", L"http://portal.test");
-    ASSERT_TRUE(enrolment::StoreDeviceToken("tok"));
+    test::Enrol("tok", false);
+    answer_ = silence_;
     ASSERT_TRUE(win32::CreateStopEvent());
     ASSERT_TRUE(win32::CreateWorkerWake());
-    portal_.On(L"POST", L"/api/kiosk/check-in", [this](const sim::Request&) { return answer_; });
     before_ = sim::DumpAdapters();
   }
   void TearDown() override {
@@ -44,8 +41,6 @@ class NetworkTrialTest : public NetworkTest {
   bool IsBack() const { return sim::DumpAdapters() == before_ && !Recorded(); }
 
   const sim::Response silence_{.sendError = ERROR_WINHTTP_CANNOT_CONNECT};
-  sim::ScriptedPortal portal_;
-  sim::Response answer_ = silence_;  // read by the worker, written while it waits
   std::string before_;
   win32::KernelHandle worker_;
 };
@@ -82,7 +77,7 @@ TEST_F(NetworkTrialTest, AnAnswerToARequestThatBeganAfterTheChangeProvesIt) {
   clock_.RunFor(600'000);
   EXPECT_EQ(sim::DumpAdapters(), kName + " static [10.1.2.3/24] [10.1.2.1] [9.9.9.9 8.8.8.8]\n");
   // It is noted before the answer ends kiosk mode.
-  answer_ = {.status = 401, .body = R"({"status":"revoked"})"};
+  answer_ = test::kRevoked;
   EXPECT_TRUE(Set(R"("mode":"dhcp")").starts_with(R"({"ok":true)"));
   clock_.RunFor(1'000);
   const std::vector<std::string> log = test::LogTexts();

@@ -300,13 +300,6 @@ TEST_F(PowerCheckIn, CarriesTheOverrideAndTheError) {
   answer_ = {.body = R"({"status":"enrolled","power":)" + Policy(5, 6) + R"(,"powerSource":"device"})"};
   EXPECT_EQ(body(), version);
   EXPECT_EQ(State(state::kPowerPolicy), Policy(5, 6));
-  {
-    const sim::FaultPass pass;
-    portal::CheckIn("tok");
-    for (const sim::ChangeCall& call : pass.Calls()) {
-      EXPECT_TRUE(call.object.ends_with(L"UnknownSince")) << call.Text();
-    }
-  }
   SetString(state::kStateKey, L"PowerLocal", win32::ToWide(" " + Policy(7, 8)));
   SetString(state::kStateKey, L"PowerError", L"wake_unavailable");
   EXPECT_EQ(body(), version.substr(0, version.size() - 1) + ",\"powerLocal\":" + Policy(7, 8) +

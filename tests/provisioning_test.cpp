@@ -344,7 +344,7 @@ TEST_F(ProvisioningTest, GroupsAreFoundInEveryLanguage) {
 
 TEST_F(ProvisioningTest, OnlyForTheEnrolmentThatAskedForItAndOnlyWhenNeeded) {
   ASSERT_TRUE(enrolment::StoreDeviceToken("new"));
-  EXPECT_EQ(ProvisionKioskAccount("old"), kNoLongerEnrolled);
+  EXPECT_EQ(ProvisionKioskAccount("old"), kEnrolmentOver);
   EXPECT_TRUE(sim::UserNames().empty());
   EXPECT_EQ(ProvisionIfNeeded("new"), "");
   test::ExpectProvisioned();

@@ -288,26 +288,15 @@ TEST_F(TimeSyncTest, CallThatNeverReturnsIsLeftBehind) {
 TEST_F(TimeSyncTest, WrongAnswersAndSilenceAreNoMeasurement) {
   using Bytes = UdpServer::Bytes;
   clock_.SetGrace(kAnswerTime);
-  const std::function<Bytes(Bytes)> answers[] = {[](Bytes good) { return Bytes(good.begin(), good.end() - 1); },
-                                                 [](Bytes good) { return good.insert(good.end(), 20, 0), good; },
-                                                 [](Bytes good) { return good[0] = 0x1B, good; },
-                                                 [](Bytes good) { return good[1] = 0, good; }};
-  for (const auto& answer : answers) {
-    const UdpServer server(Now(), answer);
-    EXPECT_EQ(QuerySntp(L"time.test"), std::nullopt);
+  for (const std::size_t size : {47U, 68U}) {
+    const UdpServer server(Now(), [size](Bytes good) { return good.resize(size), good; });
+    EXPECT_EQ(QuerySntp(L"time.test"), std::nullopt) << size;
   }
   EXPECT_EQ(clock_.Elapsed(), 0U);
   const UdpServer silent(Now(), [](const Bytes&) { return Bytes(); });
   EXPECT_EQ(QuerySntp(L"time.test"), std::nullopt);
   EXPECT_EQ(clock_.Elapsed(), 5'000U);
   EXPECT_EQ(QuerySntp(L"unknown.test"), std::nullopt);
-}
-
-TEST_F(TimeSyncTest, ClocksOfTheNextEraAreTold) {
-  clock_.SetGrace(kAnswerTime);
-  const UdpServer server(static_cast<Milliseconds>(sim::FileTimeOf(2036, 2, 7, 6, 28, 16) / 10'000));
-  clock_.SetSystemTime(sim::FileTimeOf(2036, 2, 7, 6, 28, 6));
-  EXPECT_EQ(QuerySntp(L"time.test"), 10'000);
 }
 
 TEST_F(TimeSyncTest, StopEndsEachWait) {

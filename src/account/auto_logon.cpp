@@ -13,8 +13,8 @@
 namespace kiosk::account {
 namespace {
 
-// Every setting that automatic sign-in changes on the computer. The user's name is what tells a restore most surely
-// that the settings still are the service's.
+// Every setting of the computer's that automatic sign-in changes. Of these the user's name tells a restore most surely
+// that they are still the service's.
 constexpr state::BorrowedValue kUserName{kWinlogonKey, kDefaultUserName, &state::kPriorDefaultUserName};
 constexpr state::BorrowedValue kValues[] = {
     {kWinlogonKey, kAutoAdminLogon, &state::kPriorAutoAdminLogon},
@@ -116,16 +116,16 @@ bool TakeOverAutoLogon() {
   state::RawValue mark;
   const LSTATUS status = state::ReadState(kBorrowed.mark, mark);
   if (status == ERROR_SUCCESS && mark.Dword()) {
-    // A new enrolment called off a restore that was cut short: the next one is to ask whose the settings are.
+    // A new enrolment calls off a restore that was cut short: the next restore asks anew whose the settings are.
     return !state::ReadState(state::kAutoLogonRestoring) ||
            (state::DeleteStateValue(state::kAutoLogonRestoring) && state::FlushStateKey());
   }
-  // A mark that cannot be read may stand: saving now could keep the kiosk's own settings as the computer's.
+  // A mark that cannot be read may be there: saving now could take the kiosk's own settings for the computer's.
   if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
     return false;
   }
-  // Somebody took the mark away under a kiosk: what there is to save now is its own, and the last of the copies tells
-  // that they are all there.
+  // Somebody deleted the mark of a kiosk: what could be saved now are the kiosk's own settings. "PriorLsaSecret" is
+  // written last, so where it stands all copies do.
   if (AutoLogonIsOurs() && state::ReadState(state::kPriorLsaSecret)) {
     return kBorrowed.Mark();
   }
@@ -140,8 +140,9 @@ void RestoreAutoLogon() {
   state::RawValue mark;
   const LSTATUS status = state::ReadState(kBorrowed.mark, mark);
   if (status != ERROR_SUCCESS || !mark.Dword()) {
-    // Copies without a mark are those of a take-over that was cut short before it changed anything, or of a restore
-    // that was after it had put everything back. Beside the kiosk's settings they are all that is left of the owner's.
+    // Copies without a mark are left by a take-over that was cut short before it changed anything, or by a restore that
+    // was cut short after it had put everything back. But while the settings are still the kiosk's, the copies are all
+    // that is left of the owner's, and stay.
     if (status == ERROR_FILE_NOT_FOUND && !AutoLogonIsOurs()) {
       state::DeleteStateValue(state::kAutoLogonDigest);
       kBorrowed.ForgetCopies();

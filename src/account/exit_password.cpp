@@ -12,7 +12,6 @@
 #include "win32/lock.h"
 
 #include <cstdint>
-#include <optional>
 #include <string_view>
 
 namespace kiosk::account {
@@ -28,7 +27,7 @@ win32::Lock checkLock{win32::LockRank::kLeaf};
 bool checking GUARDED_BY(checkLock) = false;
 
 void StartLockout() REQUIRES(checkLock) {
-  // Without the one the other stays: the next attempt then comes here again.
+  // Where the end of the lock cannot be written the count stays, so that the next attempt comes here again.
   if (state::WriteStateQword(state::kMaintenanceLockedUntil, win32::FileTimeNow() + kLockout)) {
     state::WriteStateDword(state::kMaintenanceFailures, 0);
   }

@@ -101,8 +101,7 @@ void SetDeadline(int seconds) REQUIRES(restartLock) {
 void ScheduleKioskRestart() {
   const win32::LockGuard guard(restartLock);
   afterMaintenance = false;
-  log::Log(log::kNotice, log::kKiosk, "enrolled: restarting into kiosk mode in %lld s",
-           static_cast<long long>(kRestartDelaySeconds));
+  log::Log(log::kNotice, log::kKiosk, "enrolled: restarting into kiosk mode in %d s", kRestartDelaySeconds);
   SetDeadline(kRestartDelaySeconds);
 }
 
@@ -112,8 +111,8 @@ void ScheduleRestartAfterMaintenance() {
     return;
   }
   afterMaintenance = true;
-  log::Log(log::kNotice, log::kKiosk, "maintenance was cut short: restarting into kiosk mode in %lld s",
-           static_cast<long long>(kDelayAfterMaintenance));
+  log::Log(log::kNotice, log::kKiosk, "maintenance was cut short: restarting into kiosk mode in %d s",
+           kDelayAfterMaintenance);
   SetDeadline(kDelayAfterMaintenance);
 }
 

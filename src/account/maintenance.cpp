@@ -18,7 +18,6 @@
 #include "win32/lock.h"
 #include "win32/thread.h"
 
-#include <cstdint>
 #include <exception>
 #include <set>
 #include <vector>
@@ -61,7 +60,7 @@ void BeginMaintenance() REQUIRES(AccountLock()) {
   }
   const win32::LockGuard guard(AutoLogonLock());
   state::WriteStateQword(state::kMaintenanceAt, win32::FileTimeNow());
-  // The mark comes before what it undoes: without it nobody would ever switch auto sign-in on again.
+  // Before auto sign-in is switched off: without the mark nobody would ever switch it on again.
   if (!state::WriteStateDword(state::kMaintenance, 1)) {
     log::Log(log::kError, log::kKiosk, "maintenance: cannot be marked; auto sign-in stays on");
     return;

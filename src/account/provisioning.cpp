@@ -17,15 +17,14 @@
 #include "state/folders.h"
 #include "state/kiosk_state.h"
 #include "win32/clock.h"
-#include "win32/owners.h"
 #include "win32/security.h"
 #include "win32/wide_text.h"
 
+#include <lm.h>
 #include <userenv.h>
 
 #include <array>
 #include <optional>
-#include <string_view>
 
 namespace kiosk::account {
 namespace {
@@ -49,7 +48,7 @@ DWORD SetUserInfo(DWORD level, void* info) {
   return NetUserSetInfo(nullptr, enrolment::kKioskUser, level, static_cast<BYTE*>(info), nullptr);
 }
 
-// Whether Windows signs somebody else in by itself, whose choice it then is.
+// Whether Windows already signs somebody else in by itself, which is the owner's choice and stays.
 bool AutoLogonInUse() {
   if (state::FlagIsOn(state::kOwnsAutoLogon)) {
     return false;
@@ -230,8 +229,8 @@ Outcome LockDown(const std::wstring& sid, const std::wstring& client) {
 
 // All steps under the locks, in order; the first failure ends them. What is done stays, and the next run does it again.
 Outcome RunSteps(const std::wstring& client) {
-  // Durably: the account's password is another store than the registry, and with the old mark a power cut could leave a
-  // terminal that counts as set up and cannot sign in.
+  // Durably: Windows keeps passwords elsewhere than in the registry, so a power cut could bring the old mark back
+  // beside a new password, and the terminal would count as set up and could not sign in.
   if (!state::DeleteStateValue(state::kProvisioned) || !state::DeleteStateValue(state::kTeardownPending) ||
       !state::FlushStateKey()) {
     return {"state_write_failed"};
@@ -308,7 +307,7 @@ std::string ProvisionUnderLock(const std::string& tokenUsed, bool onlyIfNeeded) 
     return "state_write_failed";
   }
   if (!tokenUsed.empty() && !enrolment::StillEnrolled(tokenUsed)) {
-    return kNoLongerEnrolled;
+    return kEnrolmentOver;
   }
   return onlyIfNeeded && IsProvisionedOrUnknown() ? std::string() : Provision();
 }

@@ -1,7 +1,7 @@
 #include "log/housekeeping.h"
 
-#include "log/log_folders.h"
 #include "log/log_settings.h"
+#include "state/folders.h"
 #include "win32/clock.h"
 #include "win32/folder_entries.h"
 #include "win32/handle.h"
@@ -21,7 +21,7 @@ using win32::FolderEntry;
 constexpr std::uint64_t kArchiveLife = std::uint64_t{30} * 24 * 3600 * win32::kFileTimeSecond;
 constexpr std::uint32_t kDefaultCapMegabytes = 5120;
 
-bool ArchiveIsPlain() noexcept { return win32::IsPlainFolder(GetFileAttributesW(kArchiveFolder)); }
+bool ArchiveIsPlain() noexcept { return win32::IsPlainFolder(GetFileAttributesW(state::kLogArchive)); }
 
 // "YYYY-MM-DD", digits and dashes only.
 bool IsDayName(std::wstring_view name) noexcept {
@@ -38,7 +38,7 @@ bool IsDayName(std::wstring_view name) noexcept {
 }
 
 std::vector<FolderEntry> DayFolders() {
-  std::vector<FolderEntry> folders = win32::EntriesOf(kLogRoot);
+  std::vector<FolderEntry> folders = win32::EntriesOf(state::kLogRoot);
   std::erase_if(folders, [](const FolderEntry& each) {
     return !win32::IsPlainFolder(each.attributes) || !IsDayName(each.Name());
   });
@@ -89,9 +89,9 @@ void DeleteOldest(std::vector<FolderEntry>& files, std::uint64_t cap) {
 void PruneLocked() {
   const std::uint32_t configured = ReadSettingNumber(L"LogCapMB").value_or(0);
   const std::uint64_t cap = (configured != 0 ? configured : kDefaultCapMegabytes) * std::uint64_t{1048576};
-  std::vector<FolderEntry> files = FlatFilesOf(kLogRoot);
+  std::vector<FolderEntry> files = FlatFilesOf(state::kLogRoot);
   if (ArchiveIsPlain()) {
-    std::ranges::move(FilesOf(kArchiveFolder), std::back_inserter(files));
+    std::ranges::move(FilesOf(state::kLogArchive), std::back_inserter(files));
   }
   const std::vector<FolderEntry> days = DayFolders();
   for (const FolderEntry& day : days) {
@@ -115,16 +115,16 @@ void PruneLocked() {
 void ArchiveOldFiles(const SYSTEMTIME& today) {
   wchar_t date[16];
   static_cast<void>(std::swprintf(date, std::size(date), L"%04d%02d%02d", today.wYear, today.wMonth, today.wDay));
-  for (const FolderEntry& file : FlatFilesOf(kLogRoot)) {
+  for (const FolderEntry& file : FlatFilesOf(state::kLogRoot)) {
     if (file.Name().find(date) == std::wstring_view::npos) {
-      MoveFileW(file.path.c_str(), (std::wstring(kArchiveFolder) + L"\\").append(file.Name()).c_str());
+      MoveFileW(file.path.c_str(), (std::wstring(state::kLogArchive) + L"\\").append(file.Name()).c_str());
     }
   }
   if (!ArchiveIsPlain()) {
     return;
   }
   const std::uint64_t now = win32::FileTimeNow();
-  for (const FolderEntry& file : FlatFilesOf(kArchiveFolder)) {
+  for (const FolderEntry& file : FlatFilesOf(state::kLogArchive)) {
     if (file.lastWrite + kArchiveLife < now) {
       DeleteFileW(file.path.c_str());
     }

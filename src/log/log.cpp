@@ -4,9 +4,9 @@
 #include "log/housekeeping.h"
 #include "log/identity.h"
 #include "log/local_log.h"
-#include "log/log_folders.h"
 #include "log/log_settings.h"
 #include "log/shipper/shipper.h"
+#include "state/folders.h"
 #include "text/text.h"
 #include "win32/clock.h"
 #include "win32/secure_folder.h"
@@ -40,12 +40,9 @@ struct LogFolder {
 // The tree, outermost first, so that each folder is made inside one that is already secured. The outer two are shared
 // with other programs of the maker, whose content stays.
 constexpr LogFolder kFolders[] = {
-    {win32::kMakerFolder, win32::ForeignFolder::kTakeOver},
-    {win32::kProductFolder, win32::ForeignFolder::kTakeOver},
-    {kLogRoot, win32::ForeignFolder::kSetAside},
-    {kArchiveFolder, win32::ForeignFolder::kSetAside},
-    {kDropFolder, win32::ForeignFolder::kSetAside},
-    {kTakenFolder, win32::ForeignFolder::kSetAside},
+    {state::kMakerFolder, win32::ForeignFolder::kTakeOver}, {state::kProductFolder, win32::ForeignFolder::kTakeOver},
+    {state::kLogRoot, win32::ForeignFolder::kSetAside},     {state::kLogArchive, win32::ForeignFolder::kSetAside},
+    {state::kLogDrop, win32::ForeignFolder::kSetAside},     {state::kLogDropTaken, win32::ForeignFolder::kSetAside},
 };
 
 enum class Ready { kNo, kRunning, kYes };
@@ -103,7 +100,7 @@ void Initialise() {
   unsecuredAtStart = SecureLogTree();
   if (unsecuredAtStart.folder == nullptr) {
     UseLogTree();
-    mine->install = LoadOrCreateInstallId(kLogRoot);
+    mine->install = LoadOrCreateInstallId(state::kLogRoot);
   } else {
     nextPrune = win32::TickCount() + kPruneInterval;
   }
@@ -136,7 +133,7 @@ bool SecureLogTreeLater() {
   }
   UseLogTree();
   shipper::UseSpool();
-  Log(kNotice, kKiosk, "log: %s is secured now; lines are kept in files", win32::ToNarrow(kLogRoot).c_str());
+  Log(kNotice, kKiosk, "log: %s is secured now; lines are kept in files", win32::ToNarrow(state::kLogRoot).c_str());
   return true;
 }
 

@@ -6,7 +6,7 @@
 namespace kiosk::network {
 namespace {
 
-constexpr int kLongestPrefix = 30;  // two hosts and the two addresses that are none
+constexpr int kLongestPrefix = 30;  // leaves two hosts, beside the network and its broadcast
 constexpr std::size_t kMostServers = 4;
 
 std::optional<Address> AddressOf(const json::Value& value) {

@@ -127,7 +127,7 @@ DWORD ReadGatewaysByHand(const std::wstring& name, std::uint64_t luid, bool dhcp
     return error;
   }
   const std::vector<Address> kept = ReadList(name, kByHand);
-  // Windows tells a route of DHCP from one by hand nowhere but here.
+  // Nowhere but here does Windows tell a route that DHCP gave from one that was set by hand.
   const std::vector<Address> given = dhcp ? ReadList(name, kByNetwork) : std::vector<Address>();
   const std::vector<Address> owners = PersistentGateways();
   const auto add = [&](Address gateway) {

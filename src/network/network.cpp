@@ -19,7 +19,7 @@ namespace {
 constexpr std::uint64_t kTurnWait = 60'000;
 constexpr std::uint64_t kEndWait = 1'000;  // for a moment's look at the record; a change takes longer
 
-// Whether the log has been told of a change that cannot be undone yet, and why. Who has the turn comes here.
+// Whether the log has been told that, and why, a change cannot be undone yet. Only whoever has the turn comes here.
 std::atomic<bool> complained{false};
 
 json::Value Applied(const Adapter& adapter) {
@@ -41,7 +41,8 @@ json::Value Applied(const Adapter& adapter) {
   return reply;
 }
 
-// The wanted settings are in force. False when the record says otherwise: it would bring back those from before.
+// The wanted settings are in force: deletes the record, or begins the trial. False when the record could not be changed
+// and would bring back the settings from before.
 bool Conclude(ChangeRecord& record, bool keep) {
   const bool nothingToProve = keep || Same(*record.wanted, record.before) || !state::TokenIsStored();
   if (nothingToProve) {
@@ -79,7 +80,7 @@ json::Value Set(Adapter& adapter, const NetSetRequest& request) {
   return Applied(adapter);
 }
 
-// Whether the record may be acted on: its change is half done, or now counts as that.
+// The change is half done, or its trial is over. In the second case it is recorded as half done from now on.
 bool IsToBeUndone(ChangeRecord& record) {
   if (!record.unproven) {
     return true;

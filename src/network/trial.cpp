@@ -55,7 +55,7 @@ void NoteAnswer(unsigned madeBefore, int status) {
   if (status == kProxyWantsAuthentication || !HasChangeRecords()) {
     return;
   }
-  // While somebody works on an adapter the answer says nothing of what comes of that.
+  // While somebody works on an adapter, an answer does not prove what that work leads to.
   const Turn turn(0);
   if (!turn || madeBefore != changesMade) {
     return;

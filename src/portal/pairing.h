@@ -6,8 +6,8 @@
 
 namespace kiosk::portal {
 
-// Asks the portal for a code and keeps it as the pending one. Reply: {"ok": true, "code": text, "expiresInSeconds":
-// whole number}, or the error "already_enrolled", "unreachable" or "server_error".
+// Asks the portal for a code, keeps it as the pending one and deletes "LastError". Reply: {"ok": true, "code": text,
+// "expiresInSeconds": whole number}, or the error "already_enrolled", "unreachable" or "server_error".
 json::Value PairBegin(const command::Request& request);
 
 // Asks the portal whether the pending code was claimed; "code" must be that code (8 letters or digits; white space

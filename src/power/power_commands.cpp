@@ -24,7 +24,7 @@ std::string ClearOverride() {
     if (!enrolment::IsEnrolled()) {
       return kNotEnrolled;
     }
-    // Before the override goes: until then it is in force, and what is cut short here is begun anew.
+    // Before the override is deleted: until then it is in force, so what is cut short here is begun anew.
     if (PowerPolicy portals; !LoadPowerPolicy(state::kPowerPolicy, portals)) {
       UndoPowerPolicy();
     }
@@ -36,7 +36,7 @@ std::string ClearOverride() {
   return {};
 }
 
-// What the request changes of the policy in force; a member that it leaves out stays as it is, save the minutes.
+// Takes what the request says over into `policy`. Both minutes must be there; without "schedule" the schedule stays.
 std::string Change(const json::Value& request, PowerPolicy& policy) {
   if (!ParseMinutes(json::Member(request, "screenOffMinutes"), policy.screenOffMinutes) ||
       !ParseMinutes(json::Member(request, "sleepMinutes"), policy.sleepMinutes)) {
@@ -51,7 +51,8 @@ std::string Change(const json::Value& request, PowerPolicy& policy) {
   return {};
 }
 
-// From the policy in force to the new one under one lock, or two requests at once would undo each other's schedule.
+// One lock from reading the policy in force to applying the new one: otherwise two requests at once would undo each
+// other's schedule.
 std::string Override(const json::Value& request) {
   const win32::LockGuard guard(PowerLock());
   if (!enrolment::IsEnrolled()) {

@@ -1,5 +1,4 @@
 // "power.get" and "power.set": the administrator at the terminal looks at the power policy and overrides the portal's.
-// On connection threads.
 #pragma once
 
 #include "command/request.h"
@@ -9,8 +8,9 @@ namespace kiosk::power {
 // The portal's policy, the override, which one is in force, and what is wrong with it.
 json::Value PowerGet(const command::Request& request);
 
-// Stores and applies an override, or with "useOrganisation" true clears it. Errors: "not_enrolled", "invalid"; nothing
-// is changed then. Otherwise the reply of PowerGet, in whose "error" failures to apply appear.
+// Stores an override ("PowerLocal") and applies it. With "useOrganisation" true it deletes the override and applies the
+// portal's policy or, where there is none, gives the computer its own settings back. Errors, with nothing changed:
+// "not_enrolled", "invalid". Otherwise the reply is that of PowerGet, whose "error" says what could not be applied.
 json::Value PowerSet(const command::Request& request);
 
 }  // namespace kiosk::power

@@ -65,7 +65,7 @@ class Registration {
     return false;
   }
 
-  // What fails here shows in the task's properties only: it is registered as LocalSystem's in any case.
+  // A failure here shows in the task's properties alone: Register names LocalSystem once more.
   void DescribeAndChoosePrincipal() {
     ComPtr<IRegistrationInfo> info;
     if (SUCCEEDED(definition_->get_RegistrationInfo(info.Put())) && info) {
@@ -86,6 +86,8 @@ class Registration {
     if (FAILED(found) || !settings) {
       return Failed("no settings for \"", "\"", found);
     }
+    // A run that was missed is not made up for later, in front of people; one that hangs is ended. By default a task
+    // would neither begin nor go on without mains.
     settings->put_Enabled(VARIANT_TRUE);
     settings->put_StartWhenAvailable(VARIANT_FALSE);
     settings->put_DisallowStartIfOnBatteries(VARIANT_FALSE);

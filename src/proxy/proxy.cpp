@@ -23,8 +23,8 @@ namespace {
 // Held from reading the setting to writing it. Connection threads and teardown come here.
 win32::Lock proxyLock{win32::LockRank::kLeaf};
 
-// Where WinHTTP keeps its default. Its functions know of a named proxy alone; "netsh winhttp set advproxy" also leaves
-// a script there, and finding one by itself, which they read as direct access.
+// Where WinHTTP keeps its default proxy. Its functions know only a named one; "netsh winhttp set advproxy" can also set
+// a script, or that one is looked for, and the functions read that as direct access.
 constexpr wchar_t kConnectionsKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Internet Settings\\Connections";
 constexpr wchar_t kSettingsValue[] = L"WinHttpSettings";
 constexpr std::size_t kFlagsAt = 8;  // in its bytes
@@ -65,7 +65,7 @@ bool ReadSetting(Setting& setting) {
   return true;
 }
 
-// Makes the bytes those again, and makes sure that they are.
+// Writes the bytes back, and makes sure that they read so.
 bool WriteBytes(const std::optional<state::RawValue>& bytes) {
   if (bytes) {
     state::WriteValue(kConnectionsKey, kSettingsValue, *bytes);
@@ -80,7 +80,7 @@ bool WriteBytes(const std::optional<state::RawValue>& bytes) {
   return done;
 }
 
-// Writes the setting, without a script, and makes sure that it reads so. `now` is what it is.
+// Writes the setting, without a script, and makes sure that it reads so. `now` is what it was, and is read anew.
 bool WriteProxy(const Proxy& proxy, Setting& now) {
   if (now.HasScript() && !WriteBytes(std::nullopt)) {
     return false;

@@ -1,4 +1,4 @@
-// What the default proxy can be set to: from a request, and as text to be kept. Without Windows.
+// What the default proxy can be set to: read from a request, and kept as JSON. No Windows header.
 #pragma once
 
 #include "json/value.h"

@@ -2,8 +2,8 @@
 
 #include "log/local_log.h"
 #include "log/log.h"
-#include "log/log_folders.h"
 #include "log/shipper/shipper.h"
+#include "state/folders.h"
 #include "win32/folder_entries.h"
 #include "win32/handle.h"
 #include "win32/secure_folder.h"
@@ -75,7 +75,7 @@ std::array<char, 32> Place(const void* address) noexcept {
 }
 
 std::size_t DumpsOf(const std::wstring& day) {
-  return win32::EntriesOf(log::kLogRoot, (L"NorvaneKiosk-" + day + L"-*.dmp").c_str()).size();
+  return win32::EntriesOf(state::kLogRoot, (L"NorvaneKiosk-" + day + L"-*.dmp").c_str()).size();
 }
 
 // The dump shows memory, and the log root is not sure to be private: where its folders could not be secured it may be
@@ -103,7 +103,7 @@ bool FillDump(const std::wstring& path) {
 
 // Whoever finds a dump under its own name finds a whole one.
 bool WriteDump(const std::wstring& path) {
-  const std::wstring unfinished = std::wstring(log::kLogRoot) + kUnfinished;
+  const std::wstring unfinished = std::wstring(state::kLogRoot) + kUnfinished;
   DeleteFileW(unfinished.c_str());
   if (FillDump(unfinished) && MoveFileExW(unfinished.c_str(), path.c_str(), MOVEFILE_WRITE_THROUGH) != 0) {
     return true;
@@ -126,7 +126,7 @@ void KeepDump() {
   wchar_t name[80];
   static_cast<void>(std::swprintf(name, std::size(name), L"\\NorvaneKiosk-%ls-%02d%02d%02d-%lu.dmp", day, now.wHour,
                                   now.wMinute, now.wSecond, GetCurrentProcessId()));
-  const std::wstring path = std::wstring(log::kLogRoot) + name;
+  const std::wstring path = std::wstring(state::kLogRoot) + name;
   if (WriteDump(path)) {
     log::LogLocal(log::kError, "fault: dump in %s", win32::ToNarrow(path).c_str());
   } else {

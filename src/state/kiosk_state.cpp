@@ -14,7 +14,7 @@ namespace {
 constexpr wchar_t kStateKeySddl[] = L"D:P(A;CI;KA;;;SY)(A;CI;KA;;;BA)";
 constexpr wchar_t kParentKey[] = L"SOFTWARE\\Norvane\\Tessaly";
 
-// The key, opened once for all reads: a status alone makes eight of them. Values are never kept. Without a destructor,
+// One handle of the key serves all reads, of which a single status makes eight; no value is kept. It has no destructor,
 // since any thread may still read while the process ends.
 win32::Lock keyLock{win32::LockRank::kStateKey};
 HKEY openKey GUARDED_BY(keyLock) = nullptr;
@@ -140,6 +140,12 @@ bool SetStateStringIfChanged(const StateValue& value, std::wstring_view text) {
 bool DeleteStateValue(const StateValue& value) {
   const LSTATUS status = RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kStateKey, value.name);
   return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;
+}
+
+void DeleteStateValues(std::initializer_list<StateValue> values) {
+  for (const StateValue& value : values) {
+    DeleteStateValue(value);
+  }
 }
 
 bool FlushStateKey() {

@@ -6,6 +6,7 @@
 #include "state/state_values.h"
 
 #include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -55,6 +56,7 @@ bool SetStateStringIfChanged(const StateValue& value, std::wstring_view text);
 
 // Deleting what is absent is success.
 bool DeleteStateValue(const StateValue& value);
+void DeleteStateValues(std::initializer_list<StateValue> values);  // in this order; a failure does not end it
 
 // Makes the key's content durable. The registry writes lazily: without this a power cut undoes the last seconds.
 bool FlushStateKey();

@@ -43,7 +43,7 @@ json::Value Failure(const char* code, const std::string& server) {
   return reply;
 }
 
-// A domain or a policy decides whom Windows asks for the time, and that is not the host which is measured here.
+// Whether a domain or a policy decides whom Windows asks for the time: that is not the host that is measured here.
 bool SourceIsElsewhere() {
   if (state::ReadString(kPolicyParametersKey, L"NtpServer") || state::ReadString(kPolicyParametersKey, L"Type")) {
     return true;
@@ -52,18 +52,18 @@ bool SourceIsElsewhere() {
   return type == L"NT5DS" || type == L"AllSync";
 }
 
-// Up to this error Windows leaves the clock as it is and lets it run faster or slower until it is right.
+// Windows does not set a clock whose error is at most this; it lets it run faster or slower until it is right.
 Milliseconds LargestGradualError() {
   const auto policy = state::ReadDword(kPolicyConfigKey, L"MaxAllowedPhaseOffset");
   const auto seconds = policy ? policy : state::ReadDword(kConfigKey, L"MaxAllowedPhaseOffset");
   return Milliseconds{seconds.value_or(1)} * 1'000;  // 1 is what a computer outside of a domain has
 }
 
-// Has Windows set the clock, and measures whether it did.
+// Makes Windows set the clock, and measures whether it did.
 class Synchronisation {
  public:
-  // `offset`: how far the clock is behind, where that is known. Without it Windows has to be believed, and for a clock
-  // that is right already there is nothing to see.
+  // `offset`: how far the clock is behind, if that is known. If it is not, Windows has to be believed; and on a clock
+  // that is right already nothing could be seen.
   Synchronisation(const std::wstring& host, std::optional<Milliseconds> offset)
       : host_(host),
         measures_(offset && std::abs(*offset) > kRight && !SourceIsElsewhere()),
@@ -91,7 +91,7 @@ class Synchronisation {
     return !StillWrong();
   }
 
-  // Windows took the time over and has not changed the clock by that much.
+  // The clock is still out: Windows took the time over and corrects it little by little.
   [[nodiscard]] bool IsGradual() const { return std::abs(left_) > kRight; }
 
  private:

@@ -5,9 +5,9 @@
 
 namespace kiosk::timesync {
 
-// Makes Windows synchronise the clock, measures how far it was out and, since Windows does not tell, whether that came
-// to something. The reply, also when that fails, names the server. Takes at most 105 s, unless the service manager
-// needs longer for a start, and ends early on a stop.
+// Makes Windows synchronise the clock. Measures how far the clock was out and, since Windows does not tell, whether it
+// was set. Errors: "sync_failed", "unreachable"; these replies name the server, too. Takes at most 105 s, unless the
+// service manager needs longer for a start, and ends early on a stop.
 json::Value TimeSync(const command::Request& request);
 
 }  // namespace kiosk::timesync

@@ -27,7 +27,7 @@ HRESULT Commit() noexcept {
   return FAILED(created) ? created : installer->Commit(0);
 }
 
-// The value stands, flushed, before the call: one that was cut short is not repeated either.
+// The value is stored and flushed before the call: one that was cut short is not repeated either.
 bool IsFirstOfThisStart() {
   if (state::ReadStateQword(state::kOsUpdatesCommittedAt) >= win32::WindowsStartedAt()) {
     return false;

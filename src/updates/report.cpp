@@ -89,10 +89,8 @@ void RememberOwedRestart() {
 
 void ForgetUpdates() {
   const LockedUpdateState nobodyWrites;
-  for (const state::StateValue* value : {&state::kUpdatesPolicy, &state::kUpdatesSource, &state::kOsUpdatesReport,
-                                         &state::kOsUpdatesWindowDone, &state::kOsUpdatesCommittedAt}) {
-    state::DeleteStateValue(*value);
-  }
+  state::DeleteStateValues({state::kUpdatesPolicy, state::kUpdatesSource, state::kOsUpdatesReport,
+                            state::kOsUpdatesWindowDone, state::kOsUpdatesCommittedAt});
 }
 
 }  // namespace kiosk::updates

@@ -138,6 +138,7 @@ bool RequestRestart() {
     return false;
   }
   std::wstring message = kMessage;
+  // Applications are closed by force: nobody may be there to answer them.
   if (InitiateSystemShutdownExW(nullptr, message.data(), kWarningSeconds, TRUE, TRUE, kReason) == 0) {
     log::Log(log::kError, log::kKiosk, "os updates: cannot restart (%lu)", GetLastError());
     return false;

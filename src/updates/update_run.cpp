@@ -80,8 +80,7 @@ class Run {
       return false;
     }
     const win32::Bstr client = win32::MakeBstr(kClient);
-    const HRESULT named = session_->put_ClientApplicationID(client.Get());
-    if (!steps_.Check("session", named)) {
+    if (!steps_.Check("session", session_->put_ClientApplicationID(client.Get()))) {
       return false;
     }
     const HRESULT made = session_->CreateUpdateSearcher(searcher_.Put());
@@ -98,17 +97,13 @@ class Run {
     const win32::Bstr criteria = win32::MakeBstr(kCriteria);
     ComPtr<ISearchJob> job;
     const HRESULT begun = searcher_->BeginSearch(criteria.Get(), completed.Get(), VARIANT{}, job.Put());
-    if (!steps_.Check(kSearchFailed, Given(begun, job)) || !steps_.Await(job, *operation)) {
+    ComPtr<ISearchResult> found;
+    if (!steps_.Check(kSearchFailed, Given(begun, job)) ||
+        !steps_.Finish(kSearchFailed, *operation, job, searcher_, &IUpdateSearcher::EndSearch, found)) {
       return false;
     }
-    ComPtr<ISearchResult> found;
-    const HRESULT ended = searcher_->EndSearch(job.Get(), found.Put());
-    job->CleanUp();
     OperationResultCode code = orcFailed;
-    HRESULT outcome = Given(ended, found);
-    if (SUCCEEDED(outcome)) {
-      outcome = found->get_ResultCode(&code);
-    }
+    HRESULT outcome = found->get_ResultCode(&code);
     if (SUCCEEDED(outcome) && !Succeeded(code)) {
       outcome = code == orcAborted ? E_ABORT : E_FAIL;  // a search's result has no number of its own
     }
@@ -179,7 +174,7 @@ class Run {
     return SUCCEEDED(accepted);
   }
 
-  // Shows what is still missing, and whether the run installs.
+  // Puts what is still missing into the result and the shared state, and whether the run installs.
   void Publish(bool installing) {
     std::vector<PendingUpdate> pending;
     for (const FoundUpdate& update : listed_) {
@@ -204,8 +199,8 @@ class Run {
     return false;
   }
 
-  // Every pass. The first decides whether the run failed; what becomes of a later one shows in the error text and in
-  // what is still pending.
+  // Makes every pass. The first decides whether the run failed; the outcome of a later one shows in the error text and
+  // in what is still pending. False when the run is over, or failed.
   bool Install() {
     for (std::size_t pass = 0; pass < chosen_.size(); ++pass) {
       if (pass > 0 && !AnotherPass(chosen_.size() - pass)) {

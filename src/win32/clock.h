@@ -43,7 +43,7 @@ inline std::uint64_t PreciseFileTimeNow() noexcept {
   return FileTimeValue(now);
 }
 
-// When Windows started, by the present system time: it moves with a clock that is set.
+// When Windows started, counted back from the present system time: setting the clock moves it.
 inline std::uint64_t WindowsStartedAt() noexcept { return FileTimeNow() - TickCount() * kFileTimeMillisecond; }
 
 // A moment by which a longer operation must be over.

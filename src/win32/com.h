@@ -15,8 +15,8 @@ namespace kiosk::win32 {
 // "0x80070005".
 std::string HresultText(HRESULT result);
 
-// The multithreaded apartment for a scope. A thread that is already in it is counted once more; in any other case of
-// failure the destructor does nothing.
+// The multithreaded apartment for a scope. A thread that is in it already is counted once more. When the thread cannot
+// enter it, the destructor does nothing.
 class ComApartment {
  public:
   ComApartment() noexcept : result_(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) {}

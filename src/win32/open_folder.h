@@ -13,9 +13,9 @@ namespace kiosk::win32 {
 // All functions leave the reason of a failure as the last error.
 //
 // No link is followed: one that bears the name is opened itself, and in a folder that became a link since it was opened
-// nothing is found (ERROR_REPARSE_POINT_ENCOUNTERED). Nobody is waited for: a file whose opener would have to be asked
-// first (an oplock) counts as open for him alone (ERROR_SHARING_VIOLATION). What shuts this account out by its own
-// access list is opened by the right of the privileges.
+// nothing is found (ERROR_REPARSE_POINT_ENCOUNTERED). Waits for nobody: a file of which somebody else would first have
+// to give up a lock (an oplock) counts as open for him alone (ERROR_SHARING_VIOLATION). What shuts this account out by
+// its own access list is opened by the right of the privileges.
 FileHandle OpenIn(HANDLE folder, std::wstring_view name, DWORD access, DWORD share) noexcept;
 
 // Makes a folder with that security; fails with ERROR_ALREADY_EXISTS when the name is taken.

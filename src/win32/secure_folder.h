@@ -17,10 +17,6 @@
 
 namespace kiosk::win32 {
 
-// The outer folders of all that this product keeps there. Other programs of the maker share them.
-inline constexpr wchar_t kMakerFolder[] = L"C:\\ProgramData\\Norvane";
-inline constexpr wchar_t kProductFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly";
-
 // Owner Administrators; protected; full control for SYSTEM and Administrators alone, inherited by all content.
 inline constexpr wchar_t kPrivateFolderSddl[] = L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
 // The same, and Users may read and execute.

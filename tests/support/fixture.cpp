@@ -1,8 +1,8 @@
 #include "tests/support/fixture.h"
 
 #include "account/winlogon.h"
-#include "log/log_folders.h"
 #include "sim/profiles.h"
+#include "state/folders.h"
 #include "win32/handle.h"
 #include "win32/wide_text.h"
 
@@ -51,12 +51,12 @@ void ResetComputer() {
 std::vector<std::string> LogLines(std::string_view component) {
   std::vector<std::string> lines;
   const std::wstring prefix = win32::ToWide(component) + L"_";
-  for (const std::wstring& folder : ListFolder(log::kLogRoot)) {
-    for (const std::wstring& name : ListFolder(std::wstring(log::kLogRoot) + L"\\" + folder)) {
+  for (const std::wstring& folder : ListFolder(state::kLogRoot)) {
+    for (const std::wstring& name : ListFolder(std::wstring(state::kLogRoot) + L"\\" + folder)) {
       if (!name.starts_with(prefix)) {
         continue;
       }
-      const std::string content = ReadWholeFile(std::wstring(log::kLogRoot) + L"\\" + folder + L"\\" + name);
+      const std::string content = ReadWholeFile(std::wstring(state::kLogRoot) + L"\\" + folder + L"\\" + name);
       for (std::size_t at = 0; at < content.size();) {
         const std::size_t end = content.find('\n', at);
         lines.push_back(content.substr(at, end - at));

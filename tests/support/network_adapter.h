@@ -4,13 +4,11 @@
 #include "json/parse.h"
 #include "json/serialise.h"
 #include "network/network.h"
-#include "sim/clock.h"
 #include "sim/com.h"
 #include "sim/machine.h"
 #include "sim/network.h"
-#include "state/kiosk_state.h"
 #include "tests/support/command.h"
-#include "tests/support/fixture.h"
+#include "tests/support/terminal.h"
 
 #include <string>
 
@@ -64,15 +62,13 @@ inline constexpr char kDhcpRecord[] = R"("settings":{"dhcp":true,"addresses":[],
 inline constexpr char kWantedRecord[] =
     R"(,"wanted":{"dhcp":false,"addresses":[{"address":"10.1.2.3","prefixLength":24}],"gateways":["10.1.2.1"],"dns":[]})";
 
-class NetworkTest : public test::CleanMachine {
+class NetworkTest : public test::VirtualComputer {
  protected:
   void SetUp() override {
-    CleanMachine::SetUp();
+    VirtualComputer::SetUp();
     MakeMachine();
   }
   void TearDown() override { EXPECT_EQ(sim::LiveComObjects(), 0); }
-
-  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
 };
 
 }  // namespace kiosk::network

@@ -3,11 +3,11 @@
 #include "account/winlogon.h"
 #include "branding/branding_folder.h"
 #include "log/log.h"
-#include "log/log_folders.h"
 #include "log/log_settings.h"
 #include "log/shipper/shipper_settings.h"
 #include "pipe/signature.h"
 #include "service/install.h"
+#include "state/folders.h"
 #include "state/kiosk_state.h"
 #include "state/os_version.h"
 #include "text/text.h"
@@ -16,7 +16,6 @@
 #include "win32/folder_entries.h"
 #include "win32/grow.h"
 #include "win32/owners.h"
-#include "win32/secure_folder.h"
 #include "win32/security.h"
 #include "win32/wide_text.h"
 
@@ -327,9 +326,9 @@ std::string CertificateFacts() { return SignatureText() + ClientCertificateText(
 
 std::string FolderFacts() {
   std::string text;
-  for (const wchar_t* folder :
-       {kiosk::win32::kMakerFolder, kiosk::win32::kProductFolder, kiosk::log::kLogRoot, kiosk::log::kDropFolder,
-        kiosk::branding::kKioskFolder, kiosk::branding::kBrandingFolder}) {
+  namespace state = kiosk::state;
+  for (const wchar_t* folder : {state::kMakerFolder, state::kProductFolder, state::kLogRoot, state::kLogDrop,
+                                state::kKioskFolder, state::kBrandingFolder}) {
     text += Descriptor(folder);
   }
   const std::wstring file = ServiceFile();
@@ -350,8 +349,8 @@ std::string WithoutSids(const std::string& text) {
 
 std::vector<std::wstring> NewestLogs(unsigned long long budget) {
   std::vector<FolderEntry> logs;
-  CollectLogs(kiosk::log::kLogRoot, logs);
-  for (const FolderEntry& each : kiosk::win32::EntriesOf(kiosk::log::kLogRoot)) {
+  CollectLogs(kiosk::state::kLogRoot, logs);
+  for (const FolderEntry& each : kiosk::win32::EntriesOf(kiosk::state::kLogRoot)) {
     if (kiosk::win32::IsPlainFolder(each.attributes)) {
       CollectLogs(each.path, logs);
     }

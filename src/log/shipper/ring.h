@@ -5,7 +5,6 @@
 #include "win32/winapi.h"
 
 #include <array>
-#include <cstddef>
 #include <cstdint>
 #include <string_view>
 

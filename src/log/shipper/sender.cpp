@@ -1,8 +1,8 @@
 #include "log/shipper/sender.h"
 
 #include "log/local_log.h"
-#include "log/log_folders.h"
 #include "log/shipper/ring.h"
+#include "state/folders.h"
 #include "win32/clock.h"
 
 #include <algorithm>
@@ -53,8 +53,8 @@ SenderThread::SenderThread(Settings settings, Sender sender, HANDLE wake, HANDLE
 // As soon as it may be used.
 void SenderThread::OpenSpool() {
   if (!spool_ && spoolUsable_) {
-    spool_.emplace(kDropFolder, settings_.spoolCap);
-    refused_.UseFolder(kArchiveFolder);
+    spool_.emplace(state::kLogDrop, settings_.spoolCap);
+    refused_.UseFolder(state::kLogArchive);
     tidyAt_ = 0;
   }
 }
@@ -317,7 +317,7 @@ void SenderThread::Rescue() {
   if (!spoolUsable_) {
     return;
   }
-  Spool own(kDropFolder, settings_.spoolCap);
+  Spool own(state::kLogDrop, settings_.spoolCap);
   std::string lines = flight_.TakeOver();
   do {
     if (!lines.empty() && !own.Append(lines)) {

@@ -19,8 +19,8 @@ namespace kiosk::log::shipper {
 
 class SenderThread {
  public:
-  // `wake` (auto reset) is set when there are lines, `stop` ends it all. Before UseSpool nothing is kept in the log
-  // tree.
+  // `wake` (auto reset) is set when there are lines, `stop` ends it all. Before UseSpool nothing is kept below the
+  // log root.
   SenderThread(Settings settings, Sender sender, HANDLE wake, HANDLE stop);
   SenderThread(const SenderThread&) = delete;
   SenderThread& operator=(const SenderThread&) = delete;
