@@ -160,7 +160,6 @@ DWORD RunMachineCommand(const std::wstring& command) {
   std::wstring verb;
   std::wstring name;
   DWORD number = 0;
-  DWORD second = 0;
   words >> verb;
   if (verb == L"signin") {
     words >> name >> number;
@@ -174,11 +173,8 @@ DWORD RunMachineCommand(const std::wstring& command) {
     words >> name >> password;
     AddUser(name, password);
   } else if (verb == L"caller") {
-    if (!(words >> name)) {
-      ForgetPipeCallers();
-    } else {
-      SetPipeCaller({.user = name, .session = words >> number ? std::optional(number) : std::nullopt});
-    }
+    words >> name;
+    SetPipeCaller({.user = name, .session = words >> number ? std::optional(number) : std::nullopt});
   } else if (verb == L"update") {
     std::getline(words >> std::ws, name);
     OfferUpdate({.title = name});
@@ -196,9 +192,6 @@ DWORD RunMachineCommand(const std::wstring& command) {
   } else if (verb == L"due") {
     words >> number >> name;
     return RunDueTasks(number, name);
-  } else if (verb == L"stubborn") {
-    words >> number >> second;
-    MakeStubborn(number, second);
   } else {
     Violation("the machine does not know the command %s", Narrow(command).c_str());
   }

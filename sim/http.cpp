@@ -272,37 +272,26 @@ SIM(WINBOOL, WinHttpSendRequest, HINTERNET handle, LPCWSTR headers, DWORD header
   request.at = ClockNow();
   found->bodyAt = body != nullptr ? body : request.body.data();
   found->response = Answer(request);
-  return BeginOperation({.function = "WinHttpSendRequest",
-                         .handle = found,
-                         .delay = found->response.connectDelay,
-                         .timeout = request.connectTimeout,
-                         .effect =
-                             [found] {
-                               const Response& response = found->response;
-                               found->stage = Stage::kSent;
-                               // WINHTTP_OPTION_CONNECT_RETRIES: so many addresses of the host are tried, each once.
-                               return response.deadAddresses <
-                                              found->request.Number(WINHTTP_OPTION_CONNECT_RETRIES, kConnectRetries)
-                                          ? response.sendError
-                                          : DWORD{ERROR_WINHTTP_CANNOT_CONNECT};
-                             },
-                         .completion = WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE});
+  const auto effect = [found] {
+    found->stage = Stage::kSent;
+    // WINHTTP_OPTION_CONNECT_RETRIES: so many addresses of the host are tried, each once.
+    const DWORD tried = found->request.Number(WINHTTP_OPTION_CONNECT_RETRIES, kConnectRetries);
+    return found->response.deadAddresses < tried ? found->response.sendError : DWORD{ERROR_WINHTTP_CANNOT_CONNECT};
+  };
+  return BeginOperation({"WinHttpSendRequest", found, found->response.connectDelay, request.connectTimeout, effect,
+                         WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE});
 }
 
 SIM(WINBOOL, WinHttpReceiveResponse, HINTERNET handle, LPVOID reserved) {
   FIND(WinHttpReceiveResponse, handle, Stage::kSent, Stage::kSent, handle, reserved)
   const DWORD limit = found->request.Number(WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, kResponseTimeout);
-  return BeginOperation({.function = "WinHttpReceiveResponse",
-                         .handle = found,
-                         .delay = found->response.headersDelay,
-                         .timeout = static_cast<int>(limit),
-                         .effect =
-                             [found] {
-                               const DWORD error = found->response.receiveError;
-                               found->stage = error == 0 ? Stage::kAnswered : found->stage;
-                               return error;
-                             },
-                         .completion = WINHTTP_CALLBACK_STATUS_HEADERS_AVAILABLE});
+  const auto effect = [found] {
+    const DWORD error = found->response.receiveError;
+    found->stage = error == 0 ? Stage::kAnswered : found->stage;
+    return error;
+  };
+  return BeginOperation({"WinHttpReceiveResponse", found, found->response.headersDelay, static_cast<int>(limit), effect,
+                         WINHTTP_CALLBACK_STATUS_HEADERS_AVAILABLE});
 }
 
 SIM(WINBOOL, WinHttpQueryHeaders, HINTERNET handle, DWORD what, LPCWSTR name, LPVOID buffer, LPDWORD size,
@@ -334,22 +323,16 @@ SIM(WINBOOL, WinHttpQueryDataAvailable, HINTERNET handle, LPDWORD count) {
   FIND(WinHttpQueryDataAvailable, handle, Stage::kAnswered, Stage::kAnswered, handle, count)
   CheckCount("WinHttpQueryDataAvailable", count);
   const bool more = found->sent < found->response.body.size();
-  return BeginOperation({.function = "WinHttpQueryDataAvailable",
-                         .handle = found,
-                         .delay = found->available == 0 && more ? found->response.chunkDelay : 0,
-                         .timeout = found->request.receiveTimeout,
-                         .effect =
-                             [found] {
-                               const Response& response = found->response;
-                               const std::size_t left = response.body.size() - found->sent;
-                               if (found->available == 0) {
-                                 found->available = static_cast<DWORD>(std::min(left, response.chunk));
-                               }
-                               return left == 0 ? response.bodyError : 0;
-                             },
-                         .completion = WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE,
-                         .information = &found->available,
-                         .length = &kNumberSize});
+  const auto effect = [found] {
+    const std::size_t left = found->response.body.size() - found->sent;
+    if (found->available == 0) {
+      found->available = static_cast<DWORD>(std::min(left, found->response.chunk));
+    }
+    return left == 0 ? found->response.bodyError : 0;
+  };
+  return BeginOperation({"WinHttpQueryDataAvailable", found,
+                         found->available == 0 && more ? found->response.chunkDelay : 0, found->request.receiveTimeout,
+                         effect, WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE, &found->available, &kNumberSize});
 }
 
 SIM(WINBOOL, WinHttpReadData, HINTERNET handle, LPVOID buffer, DWORD size, LPDWORD read) {
@@ -359,24 +342,15 @@ SIM(WINBOOL, WinHttpReadData, HINTERNET handle, LPVOID buffer, DWORD size, LPDWO
     Violation("WinHttpReadData: waiting for more than is available is not simulated");
   }
   const DWORD count = std::min(size, found->available);
-  return BeginOperation({.function = "WinHttpReadData",
-                         .handle = found,
-                         .delay = found->response.readDelay,
-                         .timeout = found->request.receiveTimeout,
-                         .effect =
-                             [found, buffer, count] {
-                               std::copy_n(found->response.body.data() + found->sent, count,
-                                           static_cast<char*>(buffer));
-                               found->sent += count;
-                               found->available -= count;
-                               found->lastRead = count;
-                               return DWORD{0};
-                             },
-                         .completion = WINHTTP_CALLBACK_STATUS_READ_COMPLETE,
-                         .information = buffer,
-                         .length = &found->lastRead,
-                         .buffer = buffer,
-                         .size = size});
+  const auto effect = [found, buffer, count] {
+    std::copy_n(found->response.body.data() + found->sent, count, static_cast<char*>(buffer));
+    found->sent += count;
+    found->available -= count;
+    found->lastRead = count;
+    return DWORD{0};
+  };
+  return BeginOperation({"WinHttpReadData", found, found->response.readDelay, found->request.receiveTimeout, effect,
+                         WINHTTP_CALLBACK_STATUS_READ_COMPLETE, buffer, &found->lastRead, buffer, size});
 }
 
 SIM(WINBOOL, WinHttpCloseHandle, HINTERNET handle) {

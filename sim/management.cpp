@@ -75,7 +75,7 @@ struct Record {
 };
 using Instance = Object<IWbemClassObject, Record, IID_IWbemClassObject>;
 
-HRESULT STDMETHODCALLTYPE Get(IWbemClassObject* self, LPCWSTR name, LONG, VARIANT* value, CIMTYPE*, LONG*) {
+HRESULT CALL Get(IWbemClassObject* self, LPCWSTR name, LONG, VARIANT* value, CIMTYPE*, LONG*) {
   const Record& record = Instance::Of(self);
   if (wcscmp(name, L"__RELPATH") == 0 && !record.path.empty()) {
     value->vt = VT_BSTR;
@@ -90,7 +90,7 @@ HRESULT STDMETHODCALLTYPE Get(IWbemClassObject* self, LPCWSTR name, LONG, VARIAN
   return S_OK;
 }
 
-HRESULT STDMETHODCALLTYPE Put(IWbemClassObject* self, LPCWSTR name, LONG, VARIANT* value, CIMTYPE) {
+HRESULT CALL Put(IWbemClassObject* self, LPCWSTR name, LONG, VARIANT* value, CIMTYPE) {
   if (value->vt != (VT_ARRAY | VT_BSTR)) {
     Violation("IWbemClassObject::Put: %s is no array of texts", Narrow(name).c_str());
     return static_cast<HRESULT>(WBEM_E_TYPE_MISMATCH);
@@ -107,17 +107,17 @@ HRESULT STDMETHODCALLTYPE Put(IWbemClassObject* self, LPCWSTR name, LONG, VARIAN
   return S_OK;
 }
 
-HRESULT STDMETHODCALLTYPE GetMethod(IWbemClassObject*, LPCWSTR name, LONG, IWbemClassObject** in, IWbemClassObject**);
-HRESULT STDMETHODCALLTYPE SpawnInstance(IWbemClassObject*, LONG, IWbemClassObject** instance);
+HRESULT CALL GetMethod(IWbemClassObject*, LPCWSTR name, LONG, IWbemClassObject** in, IWbemClassObject**);
+HRESULT CALL SpawnInstance(IWbemClassObject*, LONG, IWbemClassObject** instance);
 IWbemClassObjectVtbl instanceTable{COM_BASICS(Instance), .Get = Get, .Put = Put, .SpawnInstance = SpawnInstance,
                                    .GetMethod = GetMethod};
 Instance* Make(const std::wstring& path = L"", LONG answer = 0) { return new Instance(&instanceTable, path, answer); }
 
-HRESULT STDMETHODCALLTYPE GetMethod(IWbemClassObject*, LPCWSTR name, LONG, IWbemClassObject** in, IWbemClassObject**) {
+HRESULT CALL GetMethod(IWbemClassObject*, LPCWSTR name, LONG, IWbemClassObject** in, IWbemClassObject**) {
   *in = wcscmp(name, L"EnableDHCP") == 0 ? nullptr : Make();
   return S_OK;
 }
-HRESULT STDMETHODCALLTYPE SpawnInstance(IWbemClassObject*, LONG, IWbemClassObject** instance) {
+HRESULT CALL SpawnInstance(IWbemClassObject*, LONG, IWbemClassObject** instance) {
   *instance = Make();
   return S_OK;
 }
@@ -130,7 +130,7 @@ struct Asked {
 using Call = Object<IWbemCallResult, Asked, IID_IWbemCallResult>;
 IWbemCallResultVtbl callTable{
     COM_BASICS(Call),
-    .GetResultObject = [](IWbemCallResult* self, LONG timeout, IWbemClassObject** object) STDMETHODCALLTYPE -> HRESULT {
+    .GetResultObject = [](IWbemCallResult* self, LONG timeout, IWbemClassObject** object) CALL -> HRESULT {
       Asked& call = Call::Of(self);
       if (timeout != 0) {
         Violation("IWbemCallResult::GetResultObject: a wait of %ld ms, which does not hear the stop", timeout);
@@ -143,19 +143,18 @@ IWbemCallResultVtbl callTable{
     }};
 
 using Found = Object<IEnumWbemClassObject, std::wstring, IID_IEnumWbemClassObject>;  // the path of the one found
-IEnumWbemClassObjectVtbl foundTable{COM_BASICS(Found),
-                                    .Next = [](IEnumWbemClassObject* self, LONG, ULONG, IWbemClassObject** object,
-                                               ULONG* count) STDMETHODCALLTYPE -> HRESULT {
-                                      const std::wstring path = std::exchange(Found::Of(self), L"");
-                                      *count = path.empty() ? 0 : 1;
-                                      *object = path.empty() ? nullptr : Make(path);
-                                      return path.empty() ? HRESULT{WBEM_S_FALSE} : S_OK;
-                                    }};
+HRESULT CALL Next(IEnumWbemClassObject* self, LONG, ULONG, IWbemClassObject** object, ULONG* count) {
+  const std::wstring path = std::exchange(Found::Of(self), L"");
+  *count = path.empty() ? 0 : 1;
+  *object = path.empty() ? nullptr : Make(path);
+  return path.empty() ? HRESULT{WBEM_S_FALSE} : S_OK;
+}
+IEnumWbemClassObjectVtbl foundTable{COM_BASICS(Found), .Next = Next};
 
 using Services = Object<IWbemServices, Stateless, IID_IWbemServices>;
 
-HRESULT STDMETHODCALLTYPE GetClass(IWbemServices*, const BSTR name, LONG, IWbemContext*, IWbemClassObject** object,
-                                   IWbemCallResult**) {
+HRESULT CALL GetClass(IWbemServices*, const BSTR name, LONG, IWbemContext*, IWbemClassObject** object,
+                      IWbemCallResult**) {
   if (wcscmp(name, kClassName) != 0) {
     return static_cast<HRESULT>(WBEM_E_INVALID_CLASS);
   }
@@ -163,8 +162,8 @@ HRESULT STDMETHODCALLTYPE GetClass(IWbemServices*, const BSTR name, LONG, IWbemC
   return S_OK;
 }
 
-HRESULT STDMETHODCALLTYPE ExecQuery(IWbemServices*, const BSTR, const BSTR query, LONG, IWbemContext*,
-                                    IEnumWbemClassObject** result) {
+HRESULT CALL ExecQuery(IWbemServices*, const BSTR, const BSTR query, LONG, IWbemContext*,
+                       IEnumWbemClassObject** result) {
   std::wstring path;
   for (const std::wstring& name : Adapters()) {
     if (query == std::wstring(L"SELECT * FROM ") + kClassName + L" WHERE SettingID = \"" + name + L"\"") {
@@ -175,8 +174,8 @@ HRESULT STDMETHODCALLTYPE ExecQuery(IWbemServices*, const BSTR, const BSTR query
   return S_OK;
 }
 
-HRESULT STDMETHODCALLTYPE ExecMethod(IWbemServices*, const BSTR path, const BSTR method, LONG flags, IWbemContext*,
-                                     IWbemClassObject* in, IWbemClassObject**, IWbemCallResult** result) {
+HRESULT CALL ExecMethod(IWbemServices*, const BSTR path, const BSTR method, LONG flags, IWbemContext*,
+                        IWbemClassObject* in, IWbemClassObject**, IWbemCallResult** result) {
   const std::wstring name = std::wstring(path).substr(std::wstring(path).find(L'=') + 1);
   if (flags != WBEM_FLAG_RETURN_IMMEDIATELY || result == nullptr || *result != nullptr) {
     Violation("IWbemServices::ExecMethod: flags 0x%lx, or no place for the call", flags);
@@ -195,7 +194,7 @@ using Locator = Object<IWbemLocator, Stateless, IID_IWbemLocator>;
 IWbemLocatorVtbl locatorTable{
     COM_BASICS(Locator),
     .ConnectServer = [](IWbemLocator*, const BSTR resource, const BSTR, const BSTR, const BSTR, LONG flags, const BSTR,
-                        IWbemContext*, IWbemServices** services) STDMETHODCALLTYPE -> HRESULT {
+                        IWbemContext*, IWbemServices** services) CALL -> HRESULT {
       if (wcscmp(resource, L"ROOT\\CIMV2") != 0 || flags != WBEM_FLAG_CONNECT_USE_MAX_WAIT) {
         Violation("IWbemLocator::ConnectServer: %s, flags 0x%lx", Narrow(resource).c_str(), flags);
       }

@@ -29,8 +29,6 @@
 
 #include <wtsapi32.h>
 
-#include <process.h>
-
 #include <algorithm>
 #include <atomic>
 #include <random>
@@ -205,23 +203,11 @@ TEST_F(Crowd, WhoWaitsForAnotherProcessGoesOnAfterTwentySecondsAndNotAfterAStop)
   EXPECT_EQ(sim::DumpMachine(), provisioned);
 }
 
-// Polls in real time, for what another process does.
-template <typename Condition>
-bool Becomes(Condition condition) {
-  for (int i = 0; i < 2'000; ++i) {
-    if (condition()) {
-      return true;
-    }
-    Sleep(5);
-  }
-  return false;
-}
-
 // The uninstalling program waits for a kiosk session that does not end; the service provisions meanwhile: not before
 // the other is done, or is gone.
 TEST(TwoProcesses, TheServiceWaitsForAnUninstallAndTakesOverFromADeadOne) {
   constexpr wchar_t kRole[] = L"as-the-uninstalling-program";
-  if (wcsstr(GetCommandLineW(), kRole) != nullptr) {
+  if (test::ThisTestIs(kRole)) {
     service::Uninstall();
     return;
   }
@@ -233,17 +219,10 @@ TEST(TwoProcesses, TheServiceWaitsForAnUninstallAndTakesOverFromADeadOne) {
     test::Enrol();
     const DWORD session = sim::SignIn(L"NorvaneKiosk");
     sim::MakeStubborn(session, INFINITE);
-    wchar_t self[MAX_PATH];
-    GetModuleFileNameW(nullptr, self, MAX_PATH);
-    const std::string filter =
-        std::string("--gtest_filter=*.") + testing::UnitTest::GetInstance()->current_test_info()->name();
     const std::string asked = "INFO logged off kiosk session " + std::to_string(session);
     const int loggedBefore = test::CountLogged(asked);
-    const win32::KernelHandle other(
-        reinterpret_cast<HANDLE>(  // NOLINT(performance-no-int-to-ptr): the library's own way
-            _wspawnl(_P_NOWAIT, self, L"test", L"--gtest_brief=1", std::wstring(filter.begin(), filter.end()).c_str(),
-                     kRole, nullptr)));
-    ASSERT_TRUE(Becomes([&] { return test::CountLogged(asked) > loggedBefore; }));
+    const win32::KernelHandle other = test::StartThisTestAs(kRole);
+    ASSERT_TRUE(test::Becomes([&] { return test::CountLogged(asked) > loggedBefore; }));
 
     std::string outcome;
     const win32::KernelHandle thread = win32::StartThread([&]() noexcept { outcome = ProvisionIfNeeded("tok-1"); });

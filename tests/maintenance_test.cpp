@@ -29,10 +29,6 @@ constexpr char kLockoutLine[] = "WARN maintenance: 5 attempts without the right 
 constexpr char kEnteredLine[] =
     "INFO maintenance: auto sign-in skipped until the administrator signs out or Windows restarts";
 
-void SetQword(const wchar_t* name, std::uint64_t number) {
-  test::SetRaw(state::kStateKey, name, REG_QWORD, &number, sizeof(number));
-}
-
 std::uint64_t Qword(const state::StateValue& value) {
   const auto stored = state::ReadState(value);
   return stored ? stored->Qword().value_or(1) : 0;
@@ -91,7 +87,7 @@ TEST_F(ExitPassword, FiveWrongOnesShutTheCheckForFiveMinutes) {
 TEST_F(ExitPassword, OddStoredValuesLockNobodyOutForLonger) {
   const std::uint64_t limit = clock_.SystemTime() + 3'000'000'000;
   for (const std::uint64_t until : {limit + 1, ~std::uint64_t{0}}) {  // the clock was set back
-    SetQword(L"MaintenanceLockedUntil", until);
+    state::WriteStateQword(state::kMaintenanceLockedUntil, until);
     EXPECT_EQ(VerifyExitPassword("Way out"), "locked");
     EXPECT_EQ(Qword(state::kMaintenanceLockedUntil), limit);
   }
@@ -292,7 +288,7 @@ TEST_F(MaintenanceTest, ItDoesNotSurviveARestartOfWindows) {
       {boot - 1, false}, {0, false}, {boot, true}, {boot + win32::kFileTimeSecond, true}};
   for (const auto& [at, stays] : cases) {
     SetDword(state::kStateKey, L"Maintenance", 1);
-    SetQword(L"MaintenanceAt", at);
+    state::WriteStateQword(state::kMaintenanceAt, at);
     SetString(kWinlogonKey, L"AutoAdminLogon", L"0");
     EndMaintenanceOfEarlierBoot();
     EXPECT_EQ(IsOn(), stays) << at;

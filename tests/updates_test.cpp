@@ -195,14 +195,15 @@ TEST_F(UpdatesTest, EveryStageThatFailsIsNamed) {
 
 // Whatever the run does then, and whether the agent gives it up or not.
 class UpdatesStop : public UpdatesTest, public testing::WithParamInterface<std::tuple<sim::AgentStage, bool>> {};
+std::string NameOf(const testing::TestParamInfo<UpdatesStop::ParamType>& each) {
+  const auto& [stage, stubborn] = each.param;
+  constexpr const char* kStages[] = {"search", "download", "install"};
+  return std::string(kStages[stage]) + (stubborn ? "Stubborn" : "");
+}
 INSTANTIATE_TEST_SUITE_P(Stages, UpdatesStop,
                          testing::Combine(testing::Values(sim::kSearch, sim::kDownload, sim::kInstall),
                                           testing::Bool()),
-                         [](const auto& each) {
-                           constexpr const char* kNames[] = {"search", "download", "install"};
-                           return std::string(kNames[std::get<0>(each.param)]) +
-                                  (std::get<1>(each.param) ? "Stubborn" : "");
-                         });
+                         NameOf);
 
 TEST_P(UpdatesStop, EndsInTimeAndLeavesNoResult) {
   const auto& [stage, stubborn] = GetParam();

@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <io.h>
+#include <process.h>
 
 #include <algorithm>
 
@@ -78,6 +79,17 @@ std::vector<std::string> LogTexts(std::string_view component) {
 int CountLogged(std::string_view text) {
   const std::vector<std::string> texts = LogTexts();
   return static_cast<int>(std::count(texts.begin(), texts.end(), text));
+}
+
+win32::KernelHandle StartThisTestAs(const wchar_t* role) {
+  wchar_t self[MAX_PATH];
+  GetModuleFileNameW(nullptr, self, MAX_PATH);
+  const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
+  const std::wstring filter =
+      L"--gtest_filter=" + win32::ToWide(test.test_suite_name()) + L"." + win32::ToWide(test.name());
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the runtime gives the handle as a number
+  return win32::KernelHandle(
+      reinterpret_cast<HANDLE>(_wspawnl(_P_NOWAIT, self, L"test", L"--gtest_brief=1", filter.c_str(), role, nullptr)));
 }
 
 void SetRaw(const wchar_t* key, const wchar_t* name, DWORD type, const void* data, std::size_t size) {
