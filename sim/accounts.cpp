@@ -3,7 +3,6 @@
 #include "sim/buffers.h"
 #include "sim/clock.h"
 #include "sim/faults.h"
-#include "sim/machine.h"
 
 #include <lm.h>
 #include <sddl.h>
@@ -37,8 +36,6 @@ Buffers buffers;
 
 std::wstring UserArea(const std::wstring& name) { return L"Users\\" + name; }
 std::wstring GroupArea(const std::wstring& sid) { return L"Groups\\" + sid; }
-
-bool German() { return ReadText(L"", L"GroupLanguage") == L"de"; }
 
 bool Exists(const Group& group) { return group.sid != kHyperV || AreaExists(GroupArea(kHyperV)); }
 
@@ -80,7 +77,7 @@ NET_API_STATUS ForMembers(const char* function, LPCWSTR server, LPCWSTR name, DW
   }
   return Change<NET_API_STATUS>(function, name, [&]() -> NET_API_STATUS {
     const auto* group = std::find_if(std::begin(kGroups), std::end(kGroups), [&](const Group& candidate) {
-      return Exists(candidate) && Same(German() ? candidate.german : candidate.english, name);
+      return Exists(candidate) && Same(germanGroups.Get() != 0 ? candidate.german : candidate.english, name);
     });
     if (group == std::end(kGroups)) {
       return NERR_GroupNotFound;
@@ -169,8 +166,6 @@ std::vector<std::wstring> GroupMembers(const std::wstring& groupSid) { return Va
 void AddToGroup(const std::wstring& groupSid, const std::wstring& memberSid) {
   WriteText(GroupArea(groupSid), memberSid, L"");
 }
-
-void SetGroupLanguage(const std::wstring& language) { WriteText(L"", L"GroupLanguage", language); }
 
 void FailAccountLookups(DWORD status, DWORD level) {
   WriteNumber(L"", L"LookupStatus", status);
@@ -321,8 +316,8 @@ SIM(WINBOOL, LookupAccountSidW, LPCWSTR server, PSID sid, LPWSTR name, LPDWORD n
     SetLastError(ERROR_NONE_MAPPED);
     return FALSE;
   }
-  const std::wstring found = user ? user->name : German() ? group->german : group->english;
-  const std::wstring home = user ? ComputerName() : German() ? L"VORDEFINIERT" : L"BUILTIN";
+  const std::wstring found = user ? user->name : germanGroups.Get() != 0 ? group->german : group->english;
+  const std::wstring home = user ? ComputerName() : germanGroups.Get() != 0 ? L"VORDEFINIERT" : L"BUILTIN";
   const bool nameFits = CopyOut(found, name, nameSize);
   if (!CopyOut(home, domain, domainSize) || !nameFits) {
     SetLastError(ERROR_INSUFFICIENT_BUFFER);

@@ -4,7 +4,7 @@
 // The built-in groups exist, Hyper-V Administrators only once somebody was added to it.
 #pragma once
 
-#include "win32/winapi.h"
+#include "sim/machine.h"
 
 #include <cstdint>
 #include <optional>
@@ -36,7 +36,7 @@ void RemoveUser(const std::wstring& name);  // and its memberships; the profile 
 
 std::vector<std::wstring> GroupMembers(const std::wstring& groupSid);  // SIDs
 void AddToGroup(const std::wstring& groupSid, const std::wstring& memberSid);
-void SetGroupLanguage(const std::wstring& language);  // L"de", or L"" for English
+inline const Field<> germanGroups{L"", L"GermanGroups"};  // their names are German, not English
 
 // NetUserGetInfo answers with this status from now on, at this level (0: at all of them); status 0: as it should.
 void FailAccountLookups(DWORD status, DWORD level = 0);

@@ -23,8 +23,7 @@ struct ComClass {
   HRESULT (*create)(REFIID interfaceId, void** object);
 };
 
-// For static objects: const bool registered = RegisterComClass({&CLSID_X, CreateX}); the file must also define
-// something that others use, or the linker leaves it out. Always true.
+// For static objects: const bool registered = RegisterComClass({&CLSID_X, CreateX}). Always true.
 bool RegisterComClass(const ComClass& comClass);
 
 // Simulated objects that were created and not released to the end, in this process.

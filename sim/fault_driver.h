@@ -17,6 +17,7 @@
 #include "sim/faults.h"
 #include "sim/gtest_report.h"
 #include "sim/machine.h"
+#include "win32/program_path.h"
 
 #include <process.h>
 
@@ -38,6 +39,14 @@ struct FaultScenario {
   int part = 0;
   int parts = 1;
 };
+
+// Starts the running test once more, in a process of its own with one more argument; what _wspawnl returns.
+inline intptr_t StartThisTest(int mode, const wchar_t* argument) {
+  const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
+  const std::string filter = std::string("--gtest_filter=") + test.test_suite_name() + "." + test.name();
+  return _wspawnl(mode, kiosk::win32::ProgramPath().c_str(), L"test", L"--gtest_brief=1",
+                  std::wstring(filter.begin(), filter.end()).c_str(), argument, nullptr);
+}
 
 namespace fault_driver {
 
@@ -100,10 +109,6 @@ inline std::string CallText(int at) {
 
 // Runs this test again in the role; the exit code.
 inline intptr_t RunChild(const FaultScenario& scenario, const wchar_t* phase, FaultKind kind, int at, DWORD error) {
-  wchar_t self[MAX_PATH];
-  GetModuleFileNameW(nullptr, self, MAX_PATH);
-  const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
-  const std::string filter = std::string("--gtest_filter=") + test.test_suite_name() + "." + test.name();
   const std::wstring role = L"\"" + std::wstring(kArgument) + phase + L" " + std::to_wstring(static_cast<int>(kind)) +
                             L" " + std::to_wstring(at) + L" " + std::to_wstring(error) + L" " + scenario.name + L"\"";
   static_cast<void>(std::fflush(stdout));
@@ -111,8 +116,7 @@ inline intptr_t RunChild(const FaultScenario& scenario, const wchar_t* phase, Fa
   intptr_t code = -1;
   for (int tries = 0; tries < 3; ++tries) {
     errno = 0;
-    code = _wspawnl(_P_WAIT, self, L"test", L"--gtest_brief=1", std::wstring(filter.begin(), filter.end()).c_str(),
-                    role.c_str(), nullptr);
+    code = StartThisTest(_P_WAIT, role.c_str());
     if (code != -1 || errno == 0) {
       break;
     }

@@ -6,6 +6,8 @@
 
 #include <wincrypt.h>
 
+#include <mutex>
+
 // Of ntdll; the headers leave it out. Class 3 is the name of the key, as a length in bytes and UTF-16.
 extern "C" NTSYSAPI LONG NTAPI NtQueryKey(HANDLE key, int informationClass, void* information, ULONG size, ULONG* used);
 
@@ -13,6 +15,11 @@ namespace sim {
 namespace {
 
 thread_local FaultPass* armed = nullptr;
+
+std::mutex readsMutex;  // guards the rest of what FailingReads says
+std::wstring failingName;
+LSTATUS failure = ERROR_SUCCESS;
+int failuresLeft = 0;
 
 [[noreturn]] void EndProcess() {
   TerminateProcess(GetCurrentProcess(), kFaultExitCode);
@@ -97,6 +104,18 @@ ChangePoint::~ChangePoint() {
   }
 }
 
+FailingReads::FailingReads(const wchar_t* valueName, LSTATUS error, int times) {
+  const std::lock_guard guard(readsMutex);
+  failingName = valueName;
+  failure = error;
+  failuresLeft = times;
+}
+
+FailingReads::~FailingReads() {
+  const std::lock_guard guard(readsMutex);
+  failuresLeft = 0;
+}
+
 std::wstring RegistryObject(HKEY key, const wchar_t* subkey, const wchar_t* value) {
   std::wstring name = KeyName(key);
   for (const wchar_t* part : {subkey, value}) {
@@ -110,6 +129,17 @@ std::wstring RegistryObject(HKEY key, const wchar_t* subkey, const wchar_t* valu
 }  // namespace sim
 
 using namespace sim;
+
+SIM(LSTATUS, RegQueryValueExW, HKEY key, LPCWSTR name, LPDWORD reserved, LPDWORD type, LPBYTE data, LPDWORD size) {
+  {
+    const std::lock_guard guard(readsMutex);
+    if (failuresLeft != 0 && name != nullptr && failingName == name) {
+      failuresLeft -= failuresLeft > 0 ? 1 : 0;
+      return failure;
+    }
+  }
+  return ::RegQueryValueExW(key, name, reserved, type, data, size);
+}
 
 // Puts a numbered call about `object` in the place of a function of Windows.
 #define COUNT(result, function, object, arguments, ...)                                             \

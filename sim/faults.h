@@ -86,6 +86,16 @@ Result Change(const char* function, const Object& object, Call call) {
   }
 }
 
+// Reads of the registry that fail, as they do when Windows is short of memory: those of the values of that name, in any
+// key, in its lifetime; the next `times`, by default all.
+class FailingReads {
+ public:
+  explicit FailingReads(const wchar_t* valueName, LSTATUS error, int times = -1);
+  FailingReads(const FailingReads&) = delete;
+  FailingReads& operator=(const FailingReads&) = delete;
+  ~FailingReads();
+};
+
 // The object text of a registry key, a value of it, or a key below it.
 std::wstring RegistryObject(HKEY key, const wchar_t* subkey, const wchar_t* value = nullptr);
 

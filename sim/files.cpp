@@ -18,16 +18,6 @@ namespace {
 std::atomic<bool> shorten{false};
 std::wstring shortPath;
 DWORD shortSize = 0;
-
-}  // namespace
-
-std::wstring Lower(std::wstring path) {
-  CharLowerW(path.data());
-  return path;
-}
-
-namespace {
-
 std::mutex mutex;
 std::map<HANDLE, std::wstring> searches;  // the folder that an open search goes through
 
@@ -84,6 +74,11 @@ bool HasOpenFiles(const std::wstring& folder) {
 }
 
 }  // namespace
+
+std::wstring Lower(std::wstring path) {
+  CharLowerW(path.data());
+  return path;
+}
 
 std::wstring Plain(const std::wstring& path) { return Lower(Full(path)); }
 
@@ -271,11 +266,6 @@ SIM(WINBOOL, RemoveDirectoryW, LPCWSTR given) {
 
 SIM(WINBOOL, DeleteFileW, LPCWSTR path) {
   return ChangeAndForget("DeleteFileW", path, [](const wchar_t* real) { return ::DeleteFileW(real); });
-}
-
-SIM(WINBOOL, SetFileAttributesW, LPCWSTR path, DWORD attributes) {
-  const std::wstring real = Resolve(path, false);
-  return ChangeFile("SetFileAttributesW", real, [&] { return ::SetFileAttributesW(real.c_str(), attributes); });
 }
 
 // A folder with open files in it is not renamed ([MS-FSA] 2.1.5.15.11: STATUS_ACCESS_DENIED).

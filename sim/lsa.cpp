@@ -2,7 +2,6 @@
 
 #include "sim/buffers.h"
 #include "sim/faults.h"
-#include "sim/machine.h"
 
 #include <ntsecapi.h>
 
@@ -57,8 +56,6 @@ std::optional<std::wstring> Secret(const std::wstring& name) { return ReadText(k
 
 void SetSecret(const std::wstring& name, const std::wstring& text) { WriteText(kArea, name, text); }
 
-void FailLsa(DWORD error) { WriteNumber(L"Lsa", L"Error", error); }
-
 int LsaQuestions() { return questions; }
 
 }  // namespace sim
@@ -74,7 +71,7 @@ SIM(NTSTATUS, LsaOpenPolicy, PLSA_UNICODE_STRING system, PLSA_OBJECT_ATTRIBUTES 
     return StatusOf(ERROR_INVALID_PARAMETER);
   }
   ++questions;
-  if (const DWORD error = ReadNumber(L"Lsa", L"Error").value_or(ERROR_SUCCESS); error != ERROR_SUCCESS) {
+  if (const DWORD error = lsaError.Get(); error != ERROR_SUCCESS) {
     return StatusOf(error);
   }
   *handle = handles.New(sizeof(access));

@@ -2,7 +2,7 @@
 // for and nothing else, and what was retrieved must be wiped before it is freed.
 #pragma once
 
-#include "win32/winapi.h"
+#include "sim/machine.h"
 
 #include <optional>
 #include <string>
@@ -11,8 +11,7 @@ namespace sim {
 
 std::optional<std::wstring> Secret(const std::wstring& name);
 void SetSecret(const std::wstring& name, const std::wstring& text);
-// LsaOpenPolicy answers with this error from now on; 0: as it should.
-void FailLsa(DWORD error);
+inline const Field<> lsaError{L"Lsa", L"Error"};  // of LsaOpenPolicy
 // How often this process has opened it.
 int LsaQuestions();
 

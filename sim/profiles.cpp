@@ -2,7 +2,6 @@
 
 #include "sim/accounts.h"
 #include "sim/faults.h"
-#include "sim/machine.h"
 #include "sim/sessions.h"
 #include "sim/shutdown.h"
 
@@ -184,9 +183,9 @@ DWORD RemoveProfile(const std::wstring& sid) {
   if (folder.empty()) {
     return ERROR_FILE_NOT_FOUND;
   }
-  const DWORD busy = ReadNumber(L"", L"ProfilesBusy").value_or(0);
+  const DWORD busy = profilesBusy.Get();
   if (busy != 0 && busy != INFINITE) {
-    KeepProfilesBusy(busy - 1);
+    profilesBusy.Set(busy - 1);
   }
   if (busy != 0 || HiveLoaded(sid) || FileInUse(folder + L"\\NTUSER.DAT") || SessionOf(sid) != 0) {
     return ERROR_SHARING_VIOLATION;
@@ -217,8 +216,6 @@ void ForgetProfiles() {
   }
   RegCloseKey(list);
 }
-
-void KeepProfilesBusy(DWORD calls) { WriteNumber(L"", L"ProfilesBusy", calls); }
 
 }  // namespace sim
 

@@ -4,7 +4,7 @@
 // "Environment" of the hive: a file that RegLoadKeyW makes lacks it, and nobody is signed in with that.
 #pragma once
 
-#include "win32/winapi.h"
+#include "sim/machine.h"
 
 #include <string>
 
@@ -20,8 +20,8 @@ DWORD MakeProfile(const std::wstring& sid, const std::wstring& user);
 DWORD RemoveProfile(const std::wstring& sid);
 // Unloads all hives and removes the profiles of all accounts that ever were: for the start of a test.
 void ForgetProfiles();
-// The next `calls` of DeleteProfileW fail with ERROR_SHARING_VIOLATION; INFINITE: all of them, 0: none.
-void KeepProfilesBusy(DWORD calls);
+// So many calls of DeleteProfileW fail with ERROR_SHARING_VIOLATION; INFINITE: all of them.
+inline const Field<> profilesBusy{L"", L"ProfilesBusy"};
 
 // Below HKEY_USERS: Windows errors. No privileges are asked for. As its page says, RegLoadKeyW makes a file that does
 // not exist.

@@ -1,6 +1,7 @@
 #include "sim/program_files.h"
 
 #include "sim/clock.h"
+#include "sim/files_internal.h"
 #include "sim/seam.h"
 
 #include <softpub.h>
@@ -36,11 +37,6 @@ std::map<std::wstring, UINT> drives;
 std::map<std::wstring, Hold> holds;
 std::map<std::wstring, const CERT_CONTEXT*> signers;
 std::map<HANDLE, std::unique_ptr<Verification>> verifications;
-
-std::wstring Lower(std::wstring text) {
-  CharLowerW(text.data());
-  return text;
-}
 
 const CERT_CONTEXT* SignerOf(const wchar_t* path) {
   const std::lock_guard guard(mutex);

@@ -13,13 +13,14 @@
 #include <vector>
 
 // Defines the simulated `name`; a signature that differs from the declaration in the Windows headers does not compile.
-#define SIM(ret, name, ...)                                                     \
-  extern "C" ret WINAPI sim_##name(__VA_ARGS__);                                \
-  static_assert(std::is_same_v<decltype(sim_##name), decltype(::name)>, #name); \
-  extern "C" {                                                                  \
-  extern decltype(&sim_##name) __imp_sim_##name;                                \
-  __attribute__((used)) decltype(&sim_##name) __imp_sim_##name = &sim_##name;   \
-  }                                                                             \
+#define SIM(ret, name, ...)                                                   \
+  extern "C" ret WINAPI sim_##name(__VA_ARGS__);                              \
+  static_assert(std::is_same_v<decltype(sim_##name), decltype(::name)>,       \
+                #name " is declared otherwise by the headers of Windows");    \
+  extern "C" {                                                                \
+  extern decltype(&sim_##name) __imp_sim_##name;                              \
+  __attribute__((used)) decltype(&sim_##name) __imp_sim_##name = &sim_##name; \
+  }                                                                           \
   extern "C" ret WINAPI sim_##name(__VA_ARGS__)
 
 namespace sim {

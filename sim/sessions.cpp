@@ -5,7 +5,6 @@
 #include "sim/clock.h"
 #include "sim/clock_internal.h"
 #include "sim/faults.h"
-#include "sim/machine.h"
 #include "sim/profiles.h"
 #include "sim/service_control.h"
 
@@ -126,8 +125,6 @@ void SignOut(DWORD session) {
 
 void MakeStubborn(DWORD session, DWORD milliseconds) { WriteNumber(AreaOf(session), L"StaysFor", milliseconds); }
 
-void FailSessionLists(DWORD error) { WriteNumber(L"", L"SessionListError", error); }
-
 void EndAllSessions() {
   for (const DWORD id : SessionIds()) {
     Close(id);
@@ -146,7 +143,7 @@ SIM(WINBOOL, WTSEnumerateSessionsW, HANDLE server, DWORD reserved, DWORD version
     SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;
   }
-  if (const DWORD error = ReadNumber(L"", L"SessionListError").value_or(0); error != 0) {
+  if (const DWORD error = sessionListError.Get(); error != 0) {
     SetLastError(error);
     return FALSE;
   }

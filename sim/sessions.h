@@ -3,7 +3,7 @@
 // handler, be it hosted by this process or running in another one.
 #pragma once
 
-#include "win32/winapi.h"
+#include "sim/machine.h"
 
 #include <string>
 
@@ -24,8 +24,7 @@ void SignOut(DWORD session);
 void MakeStubborn(DWORD session, DWORD milliseconds);
 // Where the account (a SID) is signed in; 0: nowhere.
 DWORD SessionOf(const std::wstring& sid);
-// WTSEnumerateSessionsW fails with this error from now on; 0: it works.
-void FailSessionLists(DWORD error);
+inline const Field<> sessionListError{L"", L"SessionListError"};  // of WTSEnumerateSessionsW
 void EndAllSessions();  // silently, as the computer stops; the next sign-in opens session 1
 
 }  // namespace sim

@@ -1,7 +1,6 @@
 #include "sim/shutdown.h"
 
 #include "sim/faults.h"
-#include "sim/machine.h"
 
 #include <atomic>
 #include <cstdint>
@@ -40,8 +39,6 @@ std::optional<ShutdownRequest> PendingShutdown() {
 
 void ForgetShutdown() { ForgetArea(kArea); }
 
-void KeepShutdownWaiting(DWORD calls) { WriteNumber(L"", L"ShutdownNotReady", calls); }
-
 }  // namespace sim
 
 using namespace sim;
@@ -69,8 +66,8 @@ SIM(WINBOOL, InitiateSystemShutdownExW, LPWSTR machine, LPWSTR message, DWORD ti
     if (error == ERROR_SUCCESS && PendingShutdown()) {
       error = ERROR_SHUTDOWN_IN_PROGRESS;
     }
-    if (const DWORD refusals = ReadNumber(L"", L"ShutdownNotReady").value_or(0); refusals != 0) {
-      KeepShutdownWaiting(refusals - 1);
+    if (const DWORD refusals = shutdownNotReady.Get(); refusals != 0) {
+      shutdownNotReady.Set(refusals - 1);
       error = ERROR_NOT_READY;
     }
     if (error != ERROR_SUCCESS) {

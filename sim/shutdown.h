@@ -1,7 +1,7 @@
 // Restarts of the simulated machine: nothing restarts, the request is kept (area "Shutdown").
 #pragma once
 
-#include "win32/winapi.h"
+#include "sim/machine.h"
 
 #include <optional>
 #include <string>
@@ -19,8 +19,8 @@ struct ShutdownRequest {
 // The request that is under way. Another one fails until it is forgotten.
 std::optional<ShutdownRequest> PendingShutdown();
 void ForgetShutdown();
-// The next `calls` fail with ERROR_NOT_READY, as they may while nobody is signed in, or while somebody is signing in.
-void KeepShutdownWaiting(DWORD calls);
+// So many requests fail with ERROR_NOT_READY, as they may while nobody is signed in, or while somebody is signing in.
+inline const Field<> shutdownNotReady{L"", L"ShutdownNotReady"};
 
 // Whether this process has enabled the privilege (SE_..._NAME) through AdjustTokenPrivileges.
 bool PrivilegeEnabled(const wchar_t* name);

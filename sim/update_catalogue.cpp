@@ -58,7 +58,6 @@ void NoteWork(const std::string& line) {
 }
 
 std::wstring OfferUpdate(const OfferedUpdate& update) {
-  static_cast<void>(LiveAgentOperations());  // or the linker leaves the agent out
   const std::wstring number = std::to_wstring(1'000'000 + AreaNames(kArea + L"\\Updates").size()).substr(1);
   const std::wstring area = kArea + L"\\Updates\\" + number;
   std::wstring id = L"id-" + number;

@@ -1,4 +1,5 @@
-// What the simulated update agent knows and does, without its objects. For files in C style, see sim/com.h.
+// What the simulated update agent knows and does, and the updates that it has found, as objects. For files in C style,
+// see sim/com.h.
 #pragma once
 
 #include "sim/windows_update.h"
@@ -23,5 +24,10 @@ struct Outcome {
 void FindUpdates(Outcome& outcome);
 void WorkOn(Outcome& outcome, bool installs);
 void NoteWork(const std::string& line);
+
+// A new object with one reference.
+IUpdateCollection* NewCollection(const Areas& updates);
+HRESULT CreateCollection(REFIID id, void** out);
+const Areas& AreasOf(IUpdateCollection* collection);
 
 }  // namespace sim

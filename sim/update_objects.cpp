@@ -2,7 +2,7 @@
 #define CINTERFACE
 #include <initguid.h>
 
-#include "sim/update_objects.h"
+#include "sim/update_catalogue.h"
 
 #include "sim/com.h"
 #include "sim/faults.h"

@@ -2,7 +2,7 @@
 #define CINTERFACE
 #include <initguid.h>
 
-#include "sim/update_objects.h"
+#include "sim/update_catalogue.h"
 
 #include "sim/clock.h"
 #include "sim/clock_internal.h"
@@ -368,9 +368,6 @@ const bool registered =
 
 }  // namespace
 
-int LiveAgentOperations() {
-  static_cast<void>(registered);
-  return liveOperations;
-}
+int LiveAgentOperations() { return liveOperations; }
 
 }  // namespace sim

@@ -7,16 +7,11 @@
 #include "account/provisioning.h"
 #include "account/sign_in_secret.h"
 #include "account/unlock_token.h"
-#include "account/winlogon.h"
-#include "sim/clock.h"
 #include "sim/computer.h"
 #include "sim/faults.h"
 #include "sim/lsa.h"
-#include "sim/sessions.h"
 #include "sim/shutdown.h"
-#include "state/kiosk_state.h"
 #include "tests/support/command.h"
-#include "tests/support/fixture.h"
 #include "tests/support/terminal.h"
 
 namespace kiosk::account {
@@ -126,9 +121,9 @@ TEST_F(Days, TheKioskIsBackWhoeverSignedIn) {
   ExpectTheKioskBack();
 
   AnnaSignsIn(true);
-  sim::FailLsa(ERROR_NO_SYSTEM_RESOURCES);
+  sim::lsaError.Set(ERROR_NO_SYSTEM_RESOURCES);
   KeepAutoLogon();
-  sim::FailLsa(0);
+  sim::lsaError.Set(0);
   ExpectTheKioskBack();
 
   test::SetString(kWinlogonKey, L"DefaultDomainName", L"OLD-NAME");  // which the computer had until now

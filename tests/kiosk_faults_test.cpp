@@ -1,6 +1,5 @@
 // No moment is a bad one to be cut short: whatever call of a pairing or a removal fails, whenever the process ends, the
 // next start and whoever asked for it asking again come to a good end, and a removal gives the computer back.
-#include "account/account_lock.h"
 #include "account/auto_logon.h"
 #include "account/kiosk_account.h"
 #include "account/maintenance.h"
@@ -9,19 +8,11 @@
 #include "enrolment/device_token.h"
 #include "json/serialise.h"
 #include "portal/pairing.h"
-#include "sim/accounts.h"
-#include "sim/clock.h"
 #include "sim/computer.h"
 #include "sim/fault_driver.h"
-#include "sim/http.h"
 #include "sim/profiles.h"
-#include "sim/sessions.h"
-#include "state/kiosk_state.h"
 #include "tests/support/command.h"
-#include "tests/support/fixture.h"
 #include "tests/support/terminal.h"
-
-#include <algorithm>
 
 namespace kiosk::account {
 namespace {
@@ -53,9 +44,7 @@ const struct {
 
 // The object of the failed call if it may differ now; empty: nothing may.
 std::string MayDiffer(bool uninstalled) {
-  std::string call = sim::FailedCall();
-  std::transform(call.begin(), call.end(), call.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+  const std::string call = test::Lower(sim::FailedCall());
   for (const auto& each : kCostsItsObject) {
     if (call.starts_with(each.call) && (each.uninstallToo || !uninstalled)) {
       if (each.why == nullptr) {
@@ -215,9 +204,9 @@ TEST(RemovalFaults, Revocation) {
 
 TEST(RemovalFaults, PendingRemoval) {
   const auto removeWhileBusy = [] {
-    sim::KeepProfilesBusy(INFINITE);
+    sim::profilesBusy.Set(INFINITE);
     RemoveKioskMode(false, "because");
-    sim::KeepProfilesBusy(0);
+    sim::profilesBusy.Set(0);
     EXPECT_TRUE(state::FlagIsOn(state::kTeardownPending));
   };
   EveryPointGivesTheComputerBack(

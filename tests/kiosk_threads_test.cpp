@@ -6,22 +6,15 @@
 #include "account/provisioning.h"
 #include "account/teardown.h"
 #include "account/unlock.h"
-#include "account/winlogon.h"
 #include "enrolment/device_token.h"
 #include "portal/check_in.h"
 #include "portal/pairing.h"
 #include "portal/revocation.h"
 #include "service/install.h"
-#include "sim/accounts.h"
-#include "sim/clock.h"
 #include "sim/computer.h"
 #include "sim/files.h"
-#include "sim/http.h"
 #include "sim/lsa.h"
-#include "sim/sessions.h"
-#include "state/kiosk_state.h"
 #include "tests/support/command.h"
-#include "tests/support/fixture.h"
 #include "tests/support/terminal.h"
 #include "win32/security.h"
 #include "win32/stop.h"
@@ -69,16 +62,14 @@ const char* BrokenInvariant() {
              : "maintenance and automatic sign-in do not fit together";
 }
 
-class Crowd : public test::CleanMachine {
+class Crowd : public test::VirtualComputer {
  protected:
   void SetUp() override {
-    CleanMachine::SetUp();
+    VirtualComputer::SetUp();
     test::OwnComputer();
     before_ = sim::DumpMachine();
     test::Enrol("", false);
-    portal_.On(L"POST", test::kPairPath, [](const sim::Request&) {
-      return sim::Response{.body = R"({"pairingCode":"ABCD1234"})", .headersDelay = 20};
-    });
+    portal_.On(L"POST", test::kPairPath, {.body = R"({"pairingCode":"ABCD1234"})", .headersDelay = 20});
     portal_.On(L"GET", test::kClaimPath, [this](const sim::Request&) {
       return sim::Response{.body = R"({"deviceToken":"tok-)" + std::to_string(++tokens_) + "\"}"};
     });
@@ -91,62 +82,58 @@ class Crowd : public test::CleanMachine {
     });
   }
 
-  sim::ScriptedPortal portal_;
   std::string before_;
   std::atomic<int> tokens_{0}, checkIns_{0};
   std::atomic<const char*> broken_{nullptr};
 };
 
+// What each of the threads does again and again; the number is a random one.
+void PairAgain(unsigned /*random*/) {
+  test::Ask(portal::PairBegin);
+  test::Ask(portal::PairCheck, R"({"code":"ABCD1234"})");
+}
+void SetUpAgain(unsigned /*random*/) { ProvisionIfNeeded(enrolment::ReadDeviceToken().Get()); }
+void DoWhatTheWorkerDoes(unsigned /*random*/) {
+  FinishPendingRemoval();
+  const text::Secret token = enrolment::ReadDeviceToken();
+  portal::HandleDeviceStatus(portal::CheckIn(token.Get()), token.Get());
+  TrimPrivilegedGroups();
+  ApplyKioskPolicies();
+}
+void EnterMaintenance(unsigned random) {
+  command::PostReplyAction after = nullptr;
+  const text::Secret token = NewUnlockToken(2);
+  test::Ask(Maintenance, random % 3 == 0 ? test::Credentials("way out") : test::Credentials("", token.Get()), 2,
+            &after);
+  if (after != nullptr) {
+    after();
+  }
+}
+void EndMaintenanceOrUnlock(unsigned random) {
+  if (random % 3 == 0) {
+    EndMaintenance("test");
+  }
+  test::Ask(Unlock, test::Credentials("Way out"), 2);
+}
+void RemoveSometimes(unsigned random) {
+  const text::Secret token = enrolment::ReadDeviceToken();
+  if (random % 4 == 0) {
+    RemoveKioskMode(random % 8 == 0, "because", &token.Get());
+    state::ProtectStateKey();
+  }
+}
+void SignInAndOut(unsigned random) {
+  sim::SetSession(2, L"NorvaneKiosk", sim::ComputerName());
+  sim::SetSession(3, L"anna", sim::ComputerName());
+  sim::MakeStubborn(2, 700);  // whoever waits for its end holds the account lock meanwhile
+  OnSessionChange(random % 2 == 0 ? WTS_SESSION_LOGON : WTS_SESSION_LOGOFF, 2 + random % 3 / 2);
+  RememberAdministratorSessions();
+}
+
 TEST_F(Crowd, EightThreadsNeitherBlockEachOtherNorLoseAnything) {
-  sim::VirtualClock clock(test::kMorning);
-  using Role = void (*)(unsigned);
-  constexpr Role kPair = [](unsigned) {
-    test::Ask(portal::PairBegin);
-    test::Ask(portal::PairCheck, R"({"code":"ABCD1234"})");
-  };
-  constexpr Role kRoles[] = {
-      kPair,
-      kPair,
-      [](unsigned) { ProvisionIfNeeded(enrolment::ReadDeviceToken().Get()); },
-      [](unsigned) {
-        FinishPendingRemoval();
-        const text::Secret token = enrolment::ReadDeviceToken();
-        portal::HandleDeviceStatus(portal::CheckIn(token.Get()), token.Get());
-        TrimPrivilegedGroups();
-        ApplyKioskPolicies();
-      },
-      [](unsigned random) {
-        command::PostReplyAction after = nullptr;
-        const text::Secret token = NewUnlockToken(2);
-        test::Ask(Maintenance, random % 3 == 0 ? test::Credentials("way out") : test::Credentials("", token.Get()), 2,
-                  &after);
-        if (after != nullptr) {
-          after();
-        }
-      },
-      [](unsigned random) {
-        const text::Secret token = enrolment::ReadDeviceToken();
-        if (random % 4 == 0) {
-          RemoveKioskMode(random % 8 == 0, "because", &token.Get());
-          state::ProtectStateKey();
-        }
-      },
-      [](unsigned random) {
-        sim::SetSession(2, L"NorvaneKiosk", sim::ComputerName());
-        sim::SetSession(3, L"anna", sim::ComputerName());
-        sim::MakeStubborn(2, 700);  // whoever waits for its end holds the account lock meanwhile
-        OnSessionChange(random % 2 == 0 ? WTS_SESSION_LOGON : WTS_SESSION_LOGOFF, 2 + random % 3 / 2);
-        RememberAdministratorSessions();
-      },
-      [](unsigned random) {
-        if (random % 3 == 0) {
-          EndMaintenance("test");
-        }
-        test::Ask(Unlock, test::Credentials("Way out"), 2);
-      },
-  };
   std::vector<HANDLE> threads;
-  for (const Role role : kRoles) {
+  for (const auto role : {PairAgain, PairAgain, SetUpAgain, DoWhatTheWorkerDoes, EnterMaintenance, RemoveSometimes,
+                          SignInAndOut, EndMaintenanceOrUnlock}) {
     const auto body = [this, role, seed = static_cast<unsigned>(threads.size() + 1)]() noexcept {
       std::minstd_rand random(seed);
       for (int i = 0; i < 40; ++i) {
@@ -177,7 +164,6 @@ TEST_F(Crowd, EightThreadsNeitherBlockEachOtherNorLoseAnything) {
 
 // A thread in the place of the other process: what a mutex lets nobody tell apart.
 TEST_F(Crowd, WhoWaitsForAnotherProcessGoesOnAfterTwentySecondsAndNotAfterAStop) {
-  sim::VirtualClock clock(test::kMorning);
   ASSERT_TRUE(win32::CreateStopEvent());
   std::string outcome;
   const auto provision = [&]() noexcept { outcome = ProvisionKioskAccount({}); };
@@ -188,17 +174,17 @@ TEST_F(Crowd, WhoWaitsForAnotherProcessGoesOnAfterTwentySecondsAndNotAfterAStop)
   ASSERT_NE(GetKernelObjectSecurity(mutex.Get(), DACL_SECURITY_INFORMATION, descriptor, size, &size), 0);
   EXPECT_EQ(sim::SddlText(descriptor), L"D:P(A;;GA;;;SY)(A;;GA;;;BA)");
   win32::KernelHandle thread = win32::StartThread(provision);
-  clock.RunFor(19'900);
+  clock_.RunFor(19'900);
   EXPECT_EQ(sim::UserNames().size(), 1U);
-  clock.RunFor(300);
+  clock_.RunFor(300);
   EXPECT_EQ(outcome, "");
   test::ExpectProvisioned();
   EXPECT_EQ(test::CountLogged("WARN kiosk account: going on without the lock between processes (258)"), 1);
   const std::string provisioned = sim::DumpMachine();
   thread = win32::StartThread(provision);
-  clock.RunFor(5'000);
+  clock_.RunFor(5'000);
   win32::RequestStop();
-  clock.RunFor(0);
+  clock_.RunFor(0);
   EXPECT_EQ(outcome, "state_write_failed");
   EXPECT_EQ(sim::DumpMachine(), provisioned);
 }
@@ -237,8 +223,7 @@ TEST(TwoProcesses, TheServiceWaitsForAnUninstallAndTakesOverFromADeadOne) {
       sim::SignOut(session);
       FinishPendingRemoval();
     } else {
-      HKEY key = nullptr;
-      EXPECT_EQ(RegOpenKeyW(HKEY_LOCAL_MACHINE, state::kStateKey, &key), ERROR_FILE_NOT_FOUND);
+      EXPECT_FALSE(test::HasKey(state::kStateKey));
     }
     EXPECT_EQ(test::Differences(before), std::set<std::string>{});
   }

@@ -9,6 +9,7 @@
 #include "sim/service_control.h"
 #include "tests/support/fixture.h"
 #include "tools/kioskctl/commands.h"
+#include "win32/program_path.h"
 #include "win32/thread.h"
 
 #include <array>
@@ -78,14 +79,20 @@ class FakeService {
 
 class KioskCtl : public test::CleanMachine {
  protected:
-  static void HostService(std::optional<sim::ServiceHost>& host) {
-    host.emplace();
+  void HostService() {
+    host_.emplace();
     service::RegisterControls(L"NorvaneKiosk", [](DWORD, DWORD, void*, void*) WINAPI -> DWORD { return NO_ERROR; });
   }
+  void RunService() {
+    HostService();
+    service::ReportRunning();
+  }
+
+ private:
+  std::optional<sim::ServiceHost> host_;
 };
 
 TEST_F(KioskCtl, SendsNothingToAPipeWhileTheServiceDoesNotRun) {
-  std::optional<sim::ServiceHost> host;
   const auto ask = [](std::string& received) {
     FakeService service({{"{\"ok\":true}\n"}});
     const Outcome outcome = kioskctl::Ask(text::Secret(R"({"cmd":"status"})")).outcome;
@@ -95,7 +102,7 @@ TEST_F(KioskCtl, SendsNothingToAPipeWhileTheServiceDoesNotRun) {
   std::string received;
   EXPECT_EQ(ask(received), Outcome::kImpostor) << "the service is not installed";
   EXPECT_EQ(received, "");
-  HostService(host);
+  HostService();
   EXPECT_EQ(ask(received), Outcome::kImpostor) << "the service is stopped";
   EXPECT_EQ(received, "");
   service::ReportRunning();
@@ -104,9 +111,7 @@ TEST_F(KioskCtl, SendsNothingToAPipeWhileTheServiceDoesNotRun) {
 }
 
 TEST_F(KioskCtl, PairWaitsForAPairingThatTakesMinutes) {
-  std::optional<sim::ServiceHost> host;
-  HostService(host);
-  service::ReportRunning();
+  RunService();
   sim::VirtualClock clock(sim::FileTimeOf(2026, 10, 15));
   clock.SetGrace(100);
   FakeService service({{"{\"ok\":true,\"code\":\"K7WQ2MZP\",\"expiresInSeconds\":900}\n", 100'000},
@@ -116,11 +121,8 @@ TEST_F(KioskCtl, PairWaitsForAPairingThatTakesMinutes) {
 }
 
 TEST_F(KioskCtl, SaysThatAProgramOfAShareIsNotAdmitted) {
-  std::optional<sim::ServiceHost> host;
-  HostService(host);
-  service::ReportRunning();
-  wchar_t own[MAX_PATH];
-  const std::wstring drive = std::wstring(own, GetModuleFileNameW(nullptr, own, MAX_PATH)).substr(0, 3);
+  RunService();
+  const std::wstring drive = win32::ProgramPath().substr(0, 3);
   for (const UINT type : {UINT{DRIVE_FIXED}, UINT{DRIVE_REMOTE}}) {
     FakeService service({{"{\"ok\":false,\"error\":\"caller_refused\"}\n"}});
     sim::SetDriveType(drive, type);

@@ -314,7 +314,7 @@ TEST_F(LogTest, FirstLineEachHourAndANewDayPrune) {
     clock.RunFor(wait);
     Log(kNotice, kKiosk, "line");
     clock.RunFor(1);
-    return GetFileAttributesW(old.c_str()) == INVALID_FILE_ATTRIBUTES;
+    return !test::Exists(old);
   };
   MakeLogTree();
   EXPECT_TRUE(prunedAfter(0));

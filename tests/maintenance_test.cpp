@@ -29,11 +29,6 @@ constexpr char kLockoutLine[] = "WARN maintenance: 5 attempts without the right 
 constexpr char kEnteredLine[] =
     "INFO maintenance: auto sign-in skipped until the administrator signs out or Windows restarts";
 
-std::uint64_t Qword(const state::StateValue& value) {
-  const auto stored = state::ReadState(value);
-  return stored ? stored->Qword().value_or(1) : 0;
-}
-
 class ExitPassword : public test::KioskTerminal {};
 
 TEST_F(ExitPassword, OnlyTheRightOneMatches) {
@@ -71,7 +66,7 @@ TEST_F(ExitPassword, FiveWrongOnesShutTheCheckForFiveMinutes) {
     EXPECT_EQ(VerifyExitPassword("wrong"), "wrong_password");
     EXPECT_EQ(Failures(), i % 5);
   }
-  EXPECT_EQ(Qword(state::kMaintenanceLockedUntil), clock_.SystemTime() + 3'000'000'000);
+  EXPECT_EQ(state::ReadStateQword(state::kMaintenanceLockedUntil), clock_.SystemTime() + 3'000'000'000);
   EXPECT_TRUE(state::ReadState(state::kMaintenanceFailures));
   clock_.RunFor(299'999);
   EXPECT_EQ(VerifyExitPassword("Way out"), "locked");
@@ -89,7 +84,7 @@ TEST_F(ExitPassword, OddStoredValuesLockNobodyOutForLonger) {
   for (const std::uint64_t until : {limit + 1, ~std::uint64_t{0}}) {  // the clock was set back
     state::WriteStateQword(state::kMaintenanceLockedUntil, until);
     EXPECT_EQ(VerifyExitPassword("Way out"), "locked");
-    EXPECT_EQ(Qword(state::kMaintenanceLockedUntil), limit);
+    EXPECT_EQ(state::ReadStateQword(state::kMaintenanceLockedUntil), limit);
   }
   clock_.RunFor(300'000);
   EXPECT_EQ(VerifyExitPassword("Way out"), "");
@@ -169,7 +164,7 @@ class MaintenanceTest : public test::KioskTerminal {
 TEST_F(MaintenanceTest, ThePasswordOpensAndTheSignOutIsLeftForLater) {
   Entered();
   EXPECT_TRUE(IsOn());
-  EXPECT_EQ(Qword(state::kMaintenanceAt), clock_.SystemTime());
+  EXPECT_EQ(state::ReadStateQword(state::kMaintenanceAt), clock_.SystemTime());
   EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"0");
   EXPECT_EQ(test::CountLogged(kEnteredLine), 1);
   EXPECT_EQ(test::CountLogged("INFO logged off kiosk session 2"), 0);

@@ -62,7 +62,6 @@ TEST_F(NetworkTrialTest, WithoutAnAnswerTheSettingsBeforeComeBackAfterFiveMinute
   EXPECT_EQ(test::CountLogged("WARN net.set: no answer from the portal in 5 minutes since " + kName +
                               " was set to static 10.1.2.3/24, gateway 10.1.2.1, DNS 9.9.9.9, DNS 8.8.8.8; going back"),
             2);
-  EXPECT_EQ(test::CountLogged("WARN net.set: put " + kName + " back to what it was before: DHCP"), 2);
 }
 
 TEST_F(NetworkTrialTest, AnAnswerToARequestThatBeganAfterTheChangeProvesIt) {
@@ -122,9 +121,6 @@ TEST_F(NetworkTrialTest, OfARowOfChangesTheSettingsBeforeTheFirstComeBack) {
   clock_.RunFor(310'000);
   EXPECT_FALSE(Recorded());
   EXPECT_NE(sim::DumpAdapters(), before_);
-  EXPECT_EQ(test::CountLogged("INFO net.set: left " + kName +
-                              " as it is: static 10.7.7.7/24, gateway 10.1.2.1, DNS 9.9.9.9, DNS 8.8.8.8"),
-            1);
 }
 
 TEST_F(NetworkTrialTest, NothingIsProvenForAnotherNetworkOrAtTheEnd) {
@@ -180,7 +176,9 @@ void EveryPoint(const wchar_t* name, void (*owners)(), const std::string& reques
 }
 
 TEST(NetworkFaults, FromDhcp) {
-  EveryPoint(L"dhcp to static", Enrol, kStatic, kName + " static [10.1.2.3/24] [10.1.2.1] [9.9.9.9 8.8.8.8]\n");
+  EveryPoint(
+      L"dhcp to static", [] { test::Enrol("tok", false); }, kStatic,
+      kName + " static [10.1.2.3/24] [10.1.2.1] [9.9.9.9 8.8.8.8]\n");
 }
 TEST(NetworkFaults, FromStatic) {
   EveryPoint(L"static to dhcp", MakeItStatic, R"("mode":"dhcp")", kName + " dhcp [] [] []\n");
@@ -197,7 +195,7 @@ TEST(NetworkFaults, WithoutAnAnswer) {
   const auto prepare = [] {
     MakeMachine();
     MakeItStatic();
-    Enrol();
+    test::Enrol("tok", false);
     const std::string before = sim::DumpAdapters();
     sim::WriteText(L"Expected", L"Before", std::wstring(before.begin(), before.end()));
     EXPECT_TRUE(Set(R"("mode":"dhcp")").starts_with(R"({"ok":true)"));

@@ -9,7 +9,6 @@
 #include "sim/accounts.h"
 #include "sim/callers.h"
 #include "sim/clock.h"
-#include "sim/gtest_report.h"
 #include "sim/machine.h"
 #include "sim/program_files.h"
 #include "sim/sessions.h"
@@ -18,6 +17,7 @@
 #include "tests/support/fixture.h"
 #include "win32/clock.h"
 #include "win32/local_path.h"
+#include "win32/program_path.h"
 #include "win32/security.h"
 #include "win32/thread.h"
 #include "win32/wide_text.h"
@@ -95,8 +95,6 @@ class SignedService : public Caller {
  protected:
   void SetUp() override {
     Caller::SetUp();
-    wchar_t own[MAX_PATH];
-    own_.assign(own, GetModuleFileNameW(nullptr, own, MAX_PATH));
     for (const std::wstring& path : {own_, std::wstring(kClient), std::wstring(kOther)}) {
       sim::SignFile(path, L"CN=Norvane");
     }
@@ -106,7 +104,7 @@ class SignedService : public Caller {
     SetDword(state::kStateKey, L"DevAllowUnsigned", 1);
   }
 
-  std::wstring own_;
+  const std::wstring own_ = win32::ProgramPath();
 };
 
 TEST_F(SignedService, WhoeverHoldsAProgramFileCostsHisOwnSessionAlone) {

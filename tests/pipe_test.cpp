@@ -6,7 +6,6 @@
 #include "pipe/unverified.h"
 #include "sim/callers.h"
 #include "sim/clock.h"
-#include "sim/gtest_report.h"
 #include "sim/shutdown.h"
 #include "tests/support/fixture.h"
 #include "tests/support/pipe_exchange.h"
@@ -68,13 +67,8 @@ class PipeServer : public test::CleanMachine {
   }
 
   static bool BecomesIdle() {
-    const std::uint64_t end = win32::TickCount() + 10'000;
-    while (LiveConnections() != 0 && win32::TickCount() < end) {
-      SwitchToThread();
-    }
-    return LiveConnections() == 0;
+    return test::Becomes([] { return LiveConnections() == 0; });
   }
-
   static void AwaitLive(long count) {
     while (LiveConnections() != count) {
       SwitchToThread();

@@ -135,6 +135,10 @@ TEST_F(PowerTasksTest, ComputersThatCannotWakeSaySo) {
   }
 }
 
+constexpr char kNightly[] =
+    R"({"screenOffMinutes":5,"sleepMinutes":6,"schedule":{"enabled":true,"sleepAt":"01:00","wakeAt":"02:00","days":[0]}})";
+constexpr char kCleared[] = R"({"useOrganisation":true})";
+
 TEST_F(PowerTasksTest, OverrideAtTheTerminal) {
   const std::string defaults = Policy(15, 0);
   EXPECT_EQ(json::Serialise(test::Ask(PowerGet)), R"({"ok":true,"policy":)" + defaults +
@@ -155,6 +159,27 @@ TEST_F(PowerTasksTest, OverrideAtTheTerminal) {
   Receive(Policy(1, 1));
   EXPECT_TRUE(Apply().empty());  // the override wins
 
+  // The portal's again, whatever Task Scheduler says.
+  sim::FailTaskMethod(L"Connect");
+  EXPECT_NE(Set(kNightly).find(R"("error":"wake_unavailable")"), std::string::npos);
+  for (int twice = 0; twice < 2; ++twice) {
+    EXPECT_NE(Set(kCleared).find(R"("local":null)"), std::string::npos);
+  }
+  EXPECT_EQ(CountLogged("INFO power: the local override is cleared; following the portal"), 1);
+  EXPECT_EQ(sim::SchemeIndexes({}), (Indexes{60, 60, 60, 60, 2, 0}));
+}
+
+TEST_F(PowerTasksTest, WithoutAPolicyOfThePortalAClearedOverrideGivesTheOwnersSettingsBack) {
+  Set(kNightly);
+  EXPECT_EQ(sim::SchemeIndexes({}), (Indexes{300, 300, 360, 360, 1, 1}));
+  EXPECT_NE(Set(kCleared).find(R"("local":null)"), std::string::npos);
+  EXPECT_EQ(sim::SchemeIndexes({}), kOwn);
+  EXPECT_TRUE(sim::TaskLines().empty());
+  EXPECT_EQ(State(state::kPriorPower) + State(state::kPowerScheduleApplied), "");
+}
+
+TEST_F(PowerTasksTest, RefusedOverridesChangeNothing) {
+  Receive(Policy(20, 30));  // its line makes the log's folders
   const std::pair<const char*, const char*> refused[] = {
       {"WARN power.set refused: minutes must be whole numbers from 0 to 240",
        R"({"screenOffMinutes":241,"sleepMinutes":0}|{"screenOffMinutes":-1,"sleepMinutes":0}|)"
@@ -173,34 +198,9 @@ TEST_F(PowerTasksTest, OverrideAtTheTerminal) {
       EXPECT_EQ(NewTexts(), line != nullptr ? std::vector<std::string>{line} : std::vector<std::string>()) << request;
     }
   }
-  sim::FailTaskMethod(L"Connect");
-  EXPECT_NE(Set(R"({"screenOffMinutes":5,"sleepMinutes":6,"schedule":)"
-                R"({"enabled":true,"sleepAt":"01:00","wakeAt":"02:00","days":[0]}})")
-                .find(R"("error":"wake_unavailable")"),
-            std::string::npos);
-  for (int twice = 0; twice < 2; ++twice) {
-    EXPECT_NE(Set(R"({"useOrganisation":true})").find(R"("local":null)"), std::string::npos);
-  }
-  EXPECT_EQ(CountLogged("INFO power: the local override is cleared; following the portal"), 1);
-  EXPECT_EQ(sim::SchemeIndexes({}), (Indexes{60, 60, 60, 60, 2, 0}));
-
-  // A portal that never decided: the computer gets its own settings back.
-  state::DeleteStateValue(state::kPowerPolicy);
-  sim::FailTaskMethod(L"");
-  sim::SetSchemeIndexes(sim::kBalanced, kOwn);
-  sim::MakeSchemeActive(sim::kBalanced);
-  SetString(state::kStateKey, L"PriorPower", L"");
-  Set(R"({"screenOffMinutes":5,"sleepMinutes":6,"schedule":)"
-      R"({"enabled":true,"sleepAt":"01:00","wakeAt":"02:00","days":[0]}})");
-  EXPECT_EQ(sim::SchemeIndexes({}), (Indexes{300, 300, 360, 360, 1, 1}));
-  EXPECT_NE(Set(R"({"useOrganisation":true})").find(R"("local":null)"), std::string::npos);
-  EXPECT_EQ(sim::SchemeIndexes({}), kOwn);
-  EXPECT_TRUE(sim::TaskLines().empty());
-  EXPECT_EQ(State(state::kPriorPower) + State(state::kPowerScheduleApplied), "");
-
   state::DeleteStateValue(state::kDeviceToken);
   const sim::FaultPass pass;
-  for (const char* request : {R"({"useOrganisation":true})", R"({"screenOffMinutes":1,"sleepMinutes":2})", "{}"}) {
+  for (const char* request : {kCleared, kNightly, "{}"}) {
     EXPECT_EQ(Set(request), R"({"ok":false,"error":"not_enrolled"})");
   }
   EXPECT_EQ(pass.Count(), 0);
@@ -281,7 +281,7 @@ TEST_F(PowerTasksTest, AComputerThatATimerWokeStaysAwakeForAsLongAsTheScheduleWa
   clock.RunFor(60'000);
   EXPECT_FALSE(sim::SystemIsRequired());
   EXPECT_EQ(NewTexts(), (std::vector<std::string>{"INFO power: the schedule no longer keeps the computer awake"}));
-  Enrol();
+  test::Enrol("tok", false);
   clock.RunFor(60'000);
   EXPECT_TRUE(sim::SystemIsRequired());
   win32::RequestStop();

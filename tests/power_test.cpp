@@ -141,7 +141,7 @@ TEST_F(PowerTest, TeardownGivesBackTheSchemeOfTheFirstChange) {
   EXPECT_NE(sim::DumpMachine(), before);
   account::RemoveKioskMode(false, "because");
   EXPECT_EQ(sim::DumpMachine(), before);
-  Enrol();
+  test::Enrol("tok", false);
   Receive(Policy(15, 0));
   Apply();
   sim::MakeSchemeActive(sim::kHighPerformance);
@@ -160,7 +160,7 @@ constexpr wchar_t kThrough[] = L"Through";
 void PrepareFault() {
   test::ResetComputer();
   test::WriteWholeFile(kDumpFile, sim::DumpMachine());
-  Enrol();
+  test::Enrol("tok", false);
   Receive(Policy(15, 0, "true"));
 }
 

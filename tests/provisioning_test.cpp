@@ -1,20 +1,13 @@
 #include "account/provisioning.h"
 
-#include "account/auto_logon.h"
 #include "account/kiosk_account.h"
-#include "account/winlogon.h"
 #include "enrolment/device_token.h"
-#include "sim/accounts.h"
 #include "sim/buffers.h"
-#include "sim/clock.h"
 #include "sim/computer.h"
 #include "sim/faults.h"
 #include "sim/lsa.h"
 #include "sim/profiles.h"
 #include "sim/random.h"
-#include "sim/sessions.h"
-#include "state/kiosk_state.h"
-#include "tests/support/fixture.h"
 #include "tests/support/terminal.h"
 
 #include <algorithm>
@@ -209,7 +202,7 @@ TEST_F(ProvisioningTest, AVanishedAccountIsReplacedAndItsProfileGoesAtOnceOrLate
     const std::wstring old = Sid();
     const std::string folder = sim::Narrow(sim::ProfileFolder(old));
     sim::RemoveUser(L"NorvaneKiosk");
-    sim::KeepProfilesBusy(busy ? INFINITE : 3);
+    sim::profilesBusy.Set(busy ? INFINITE : 3);
     const sim::FaultPass pass;
     EXPECT_EQ(Provision(), "");
     EXPECT_EQ(CountLogged("WARN the recorded kiosk account is gone; creating a new one"), busy ? 2 : 1);
@@ -234,7 +227,7 @@ TEST_F(ProvisioningTest, NoProfileIsForgottenWhateverFailsWhileItsRecordIsDroppe
     EXPECT_EQ(Provision(), "");
     old = Sid();
     sim::RemoveUser(L"NorvaneKiosk");
-    sim::KeepProfilesBusy(INFINITE);
+    sim::profilesBusy.Set(INFINITE);
   };
   vanish();
   int first = 0;
@@ -282,7 +275,7 @@ TEST_F(ProvisioningTest, AProfileWithoutAUsableRegistryIsMadeAnewUnlessItMayBeIn
       {"nobody tells", false,
        [](const std::wstring& folder) {
          DeleteFileW((folder + L"\\NTUSER.DAT").c_str());
-         sim::FailSessionLists(1722);
+         sim::sessionListError.Set(1722);
        }},
   };
   for (const auto& each : cases) {
@@ -303,9 +296,8 @@ TEST_F(ProvisioningTest, AProfileWithoutAUsableRegistryIsMadeAnewUnlessItMayBeIn
       EXPECT_EQ(Provision(), each.healed ? "" : "hive_failed");
     }
     EXPECT_EQ(CountLogged(kAnew), logged + (each.healed ? 1 : 0));
-    EXPECT_EQ(GetFileAttributesW((folder + L"\\mine.txt").c_str()) == INVALID_FILE_ATTRIBUTES, each.healed);
-    EXPECT_NE(GetFileAttributesW((folder + L"\\NTUSER.DAT").c_str()) == INVALID_FILE_ATTRIBUTES,
-              each.healed || each.loadError != 0)
+    EXPECT_EQ(test::Exists(folder + L"\\mine.txt"), !each.healed);
+    EXPECT_EQ(test::Exists(folder + L"\\NTUSER.DAT"), each.healed || each.loadError != 0)
         << "RegLoadKeyW makes a file that is missing";
     if (each.healed) {
       test::ExpectProvisioned();
@@ -315,7 +307,7 @@ TEST_F(ProvisioningTest, AProfileWithoutAUsableRegistryIsMadeAnewUnlessItMayBeIn
 }
 
 TEST_F(ProvisioningTest, GroupsAreFoundInEveryLanguage) {
-  sim::SetGroupLanguage(L"de");
+  sim::germanGroups.Set(1);
   EXPECT_EQ(Provision(), "");
   const wchar_t* const groups[] = {test::kAdministrators, L"S-1-5-32-547", L"S-1-5-32-555",
                                    L"S-1-5-32-551",       L"S-1-5-32-556", L"S-1-5-32-578"};

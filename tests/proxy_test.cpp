@@ -144,11 +144,8 @@ TEST_F(ProxyTest, TheOwnersSettingComesBackByteForByte) {
 
 TEST_F(ProxyTest, RecordOfAnOlderVersionCounts) {
   SetOwners(L"set.test:1");
-  const auto record = [](const wchar_t* name, const std::wstring& text) {
-    test::SetString(state::kStateKey, name, text);
-  };
-  record(L"PriorProxy", LR"({"server":"owner.test:3128","bypass":"a.test"})");
-  record(L"AppliedProxy", LR"([{"server":"set.test:1","bypass":""}])");
+  test::SetString(state::kStateKey, L"PriorProxy", LR"({"server":"owner.test:3128","bypass":"a.test"})");
+  test::SetString(state::kStateKey, L"AppliedProxy", LR"([{"server":"set.test:1","bypass":""}])");
   Set(kManual);
   RestoreProxy();
   EXPECT_EQ(Now(), L"owner.test:3128 not for a.test");

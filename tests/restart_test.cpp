@@ -50,7 +50,7 @@ TEST_F(RestartTest, ACancelledOneNeverComesTheNextOneDoesAndAStopEndsTheWait) {
 
 TEST_F(RestartTest, AWindowsThatIsNotReadyIsAskedThreeTimesFiveSecondsApart) {
   constexpr char kAgain[] = "WARN Windows is not ready to restart; trying again in 5 s";
-  sim::KeepShutdownWaiting(2);
+  sim::shutdownNotReady.Set(2);
   ScheduleKioskRestart();
   clock_.RunUntil(19'900);
   EXPECT_EQ(test::CountLogged(kAgain), 2);
@@ -60,12 +60,12 @@ TEST_F(RestartTest, AWindowsThatIsNotReadyIsAskedThreeTimesFiveSecondsApart) {
   EXPECT_TRUE(sim::PendingShutdown());
   EXPECT_FALSE(KioskRestartPending());
   sim::ForgetShutdown();
-  sim::KeepShutdownWaiting(3);
+  sim::shutdownNotReady.Set(3);
   ScheduleKioskRestart();
   clock_.RunFor(60'000);
   EXPECT_FALSE(sim::PendingShutdown() || KioskRestartPending());
   EXPECT_EQ(test::LogTexts().back(), "ERROR the restart into kiosk mode could not be started (21)");
-  sim::KeepShutdownWaiting(1);
+  sim::shutdownNotReady.Set(1);
   ScheduleKioskRestart();
   clock_.At(clock_.Elapsed() + 12'000, CancelKioskRestart);
   clock_.RunFor(60'000);

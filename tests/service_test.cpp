@@ -1,21 +1,13 @@
 // The service's own life, with the test in the place of the service manager.
 #include "service/service_main.h"
 
-#include "account/provisioning.h"
 #include "account/teardown.h"
 #include "branding/branding_folder.h"
 #include "enrolment/device_token.h"
 #include "enrolment/enrolment.h"
-#include "sim/accounts.h"
-#include "sim/clock.h"
 #include "sim/computer.h"
 #include "sim/fault_driver.h"
-#include "sim/http.h"
-#include "sim/program_files.h"
 #include "sim/service_control.h"
-#include "sim/sessions.h"
-#include "state/kiosk_state.h"
-#include "tests/support/fixture.h"
 #include "tests/support/pipe_exchange.h"
 #include "tests/support/terminal.h"
 #include "win32/clock.h"
@@ -43,7 +35,7 @@ TEST_F(ServiceTest, ReportsItsStatesAndAnswersControls) {
     const win32::KernelHandle service = win32::StartThread([&exitCode]() noexcept { exitCode = RunDispatcher(); });
     const win32::FileHandle client = test::ConnectToService();  // returns when the pipe is served
     ASSERT_TRUE(client);
-    EXPECT_EQ(GetFileAttributesW(branding::kKioskFolder), INVALID_FILE_ATTRIBUTES);
+    EXPECT_FALSE(test::Exists(branding::kKioskFolder));
     EXPECT_EQ(host.ServiceName(), L"NorvaneKiosk");
     EXPECT_EQ(host.Deliver(SERVICE_CONTROL_INTERROGATE), DWORD{NO_ERROR});
     EXPECT_EQ(host.Deliver(SERVICE_CONTROL_SESSIONCHANGE, WTS_SESSION_LOGON, 1), DWORD{NO_ERROR});
@@ -70,25 +62,6 @@ TEST_F(ServiceTest, ReportsItsStatesAndAnswersControls) {
                 "WARN this service is not signed (a dev build): it admits callers only while DevAllowUnsigned=1",
                 "INFO enrolled=0 provisioned=0 maintenance=0", "INFO listening on \\\\.\\pipe\\NorvaneKiosk",
                 "INFO Kiosk shutting down"}));
-}
-
-// Anybody can keep a file from being opened for as long as he likes.
-TEST_F(ServiceTest, AStartDoesNotWaitForItsOwnFile) {
-  const sim::ScriptedPortal portal;
-  sim::ServiceHost host;
-  wchar_t own[MAX_PATH];
-  const std::wstring path(own, GetModuleFileNameW(nullptr, own, MAX_PATH));
-  const sim::HeldFile held(path);
-  sim::VirtualClock clock(sim::FileTimeOf(2026, 10, 15));
-  const win32::KernelHandle service = win32::StartThread([]() noexcept { RunDispatcher(); });
-  clock.RunUntil(10'000);
-  ASSERT_EQ(host.Reports().size(), 2U);
-  EXPECT_EQ(host.Reports().back().dwCurrentState, DWORD{SERVICE_RUNNING});
-  EXPECT_EQ(test::CountLogged("WARN this service's own signature cannot be read: it admits no callers until it can"),
-            1);
-  host.Deliver(SERVICE_CONTROL_STOP);
-  clock.RunFor(5'000);
-  EXPECT_EQ(WaitForSingleObject(service.Get(), 0), WAIT_OBJECT_0);
 }
 
 // What a start puts right before it reports that it runs, and what a shutdown ends before it stops.

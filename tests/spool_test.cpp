@@ -5,8 +5,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <process.h>
-
 #include <climits>
 #include <iterator>
 #include <map>
@@ -62,7 +60,8 @@ void SendTogether(Spool& spool, std::map<int, int>& sent) {
 TEST(SpoolProcesses, TwoShareTheWork) {
   Spool spool(kDrop, 64 * kSegmentSize);
   std::map<int, int> sent;
-  if (wcsstr(GetCommandLineW(), L"--second") != nullptr) {
+  constexpr wchar_t kRole[] = L"--second";
+  if (test::ThisTestIs(kRole)) {
     SendTogether(spool, sent);
     std::string text;
     for (const auto& [number, times] : sent) {
@@ -75,13 +74,11 @@ TEST(SpoolProcesses, TwoShareTheWork) {
   for (int i = 0; i < 60; ++i) {
     WriteWholeFile(kDrop + L"\\" + std::to_wstring(100 + i) + L".gelf", TextOf(i) + TextOf(i));
   }
-  wchar_t self[MAX_PATH];
-  GetModuleFileNameW(nullptr, self, MAX_PATH);
-  const intptr_t child = _wspawnl(_P_NOWAIT, self, L"test", L"--gtest_filter=SpoolProcesses.*", L"--second", nullptr);
+  const win32::KernelHandle child = test::StartThisTestAs(kRole);
   SendTogether(spool, sent);
-  int code = -1;
-  _cwait(&code, child, 0);
-  EXPECT_EQ(code, 0);
+  DWORD code = 1;
+  WaitForSingleObject(child.Get(), INFINITE);
+  EXPECT_TRUE(GetExitCodeProcess(child.Get(), &code) != 0 && code == 0) << code;
   std::istringstream others(test::ReadWholeFile(L"C:\\second.txt"));
   for (int number = 0, times = 0; others >> number >> times;) {
     sent[number] += times;

@@ -4,20 +4,14 @@
 #include "account/maintenance.h"
 #include "account/provisioning.h"
 #include "account/teardown.h"
-#include "account/winlogon.h"
 #include "enrolment/device_token.h"
 #include "json/serialise.h"
 #include "pipe/status.h"
 #include "portal/check_in.h"
 #include "portal/revocation.h"
-#include "sim/clock.h"
 #include "sim/computer.h"
-#include "sim/http.h"
 #include "sim/seam.h"
-#include "sim/sessions.h"
-#include "state/kiosk_state.h"
 #include "tests/support/command.h"
-#include "tests/support/fixture.h"
 #include "tests/support/terminal.h"
 
 #include <algorithm>
@@ -111,8 +105,7 @@ void EnrolWithEveryValue(std::uint64_t now) {
 // Everything of `left` is there, and nothing that is not in it, the damaged value itself aside: a copy that was damaged
 // may be what the owner had by chance.
 void ExpectLeft(const std::set<std::string>& differing, const Effect& effect, const std::wstring& name) {
-  std::string self = "\\kiosk\\" + sim::Narrow(name);
-  CharLowerA(self.data());
+  const std::string self = test::Lower("\\kiosk\\" + sim::Narrow(name));
   std::set<std::string> found, surplus;
   for (const std::string& each : differing) {
     const auto begin = std::find_if(effect.left.begin(), effect.left.end(),

@@ -3,26 +3,21 @@
 #include "account/teardown.h"
 
 #include "account/account_lock.h"
-#include "account/kiosk_account.h"
 #include "account/kiosk_profile.h"
 #include "account/kiosk_restart.h"
-#include "account/provisioning.h"
 #include "account/unlock_token.h"
-#include "account/winlogon.h"
 #include "enrolment/device_token.h"
 #include "enrolment/enrolment.h"
 #include "enrolment/pairing_code.h"
-#include "sim/accounts.h"
+#include "proxy/proxy.h"
 #include "sim/buffers.h"
-#include "sim/clock.h"
 #include "sim/computer.h"
 #include "sim/faults.h"
 #include "sim/lsa.h"
 #include "sim/profiles.h"
-#include "sim/sessions.h"
-#include "state/kiosk_state.h"
-#include "tests/support/fixture.h"
+#include "tests/support/command.h"
 #include "tests/support/terminal.h"
+#include "updates/restart_policy.h"
 #include "win32/stop.h"
 
 #include <lm.h>
@@ -58,10 +53,16 @@ TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
   test::OwnComputer();
   const std::string before = sim::DumpMachine();
   test::Enrol();
-  for (const wchar_t* name : {L"TerminalName", L"SignIn", L"LastError", L"Maintenance", L"MaintenanceAt",
-                              L"UnknownSince", L"MaintenanceFailures", L"MaintenanceLockedUntil"}) {
-    SetDword(state::kStateKey, name, 1);
+  updates::ApplyWuRestartPolicy({true, 120, 300, 127});
+  test::Ask(proxy::ProxySet, R"({"mode":"manual","server":"p.test:1"})");
+  // Every value that there is, so that a new one that nobody deletes is found here.
+  for (const state::StateValue* value : state::kStateValues) {
+    if (value->type != state::kTypeOfCopied && !test::HasValue(state::kStateKey, value->name)) {
+      test::SetRaw(state::kStateKey, value->name, value->type, L"1\0\0", value->type == REG_QWORD ? 8 : 4);
+    }
   }
+  // But for those that have tests of their own.
+  state::DeleteStateValues({state::kTeardownSuperseded, state::kStaleProfileSids, state::kPriorNetwork});
   const DWORD session = sim::SignIn(L"NorvaneKiosk");
   const text::Secret unlock = NewUnlockToken(session);
   ScheduleKioskRestart();
@@ -90,9 +91,11 @@ TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
   EXPECT_EQ(enrolment::PendingPairingCode(), "");
   EXPECT_EQ(sim::openBuffers, 0);
   const std::vector<std::string> texts = test::LogTexts();
-  EXPECT_EQ(std::vector<std::string>(texts.end() - 4, texts.end()),
+  EXPECT_EQ(std::vector<std::string>(texts.end() - 6, texts.end()),
             (std::vector<std::string>{
                 "WARN removing kiosk mode: because", "INFO auto sign-in restored to what it was before enrolment",
+                "INFO os updates: Windows Update restart settings are back as they were",
+                "INFO proxy: the computer's own default proxy is back",
                 "INFO logged off kiosk session " + std::to_string(session), "INFO deleted NorvaneKiosk"}));
 }
 
@@ -109,8 +112,8 @@ TEST_F(TeardownTest, WhatBecomesOfTheAccount) {
   } const cases[] = {
       {"no profile (2)", true, true, true, kDeleted, [](const std::wstring& sid) { sim::RemoveProfile(sid); }},
       {"no profile (3)", true, true, false, kDeleted, nullptr, 1, ERROR_PATH_NOT_FOUND},
-      {"profile busy nine times", true, true, true, kDeleted, [](const std::wstring&) { sim::KeepProfilesBusy(9); }},
-      {"profile busy ten times", false, true, false, kDeleted, [](const std::wstring&) { sim::KeepProfilesBusy(10); }},
+      {"profile busy nine times", true, true, true, kDeleted, [](const std::wstring&) { sim::profilesBusy.Set(9); }},
+      {"profile busy ten times", false, true, false, kDeleted, [](const std::wstring&) { sim::profilesBusy.Set(10); }},
       {"user gone meanwhile", true, false, true, kDeleted, nullptr, 2, NERR_UserNotFound},
       {"user that stays", false, false, true, "ERROR cannot delete NorvaneKiosk (5)", nullptr, 2, ERROR_ACCESS_DENIED},
       {"user gone before", true, true, true, "", [](const std::wstring&) { sim::RemoveUser(L"NorvaneKiosk"); }},
@@ -164,7 +167,7 @@ TEST_F(TeardownTest, SignOutsArePolledAndThenLeftForLater) {
     SetUp();
     RecordAccount();
     sim::MakeStubborn(sim::SignIn(L"NorvaneKiosk"), each.stays);
-    sim::FailSessionLists(each.listError);
+    sim::sessionListError.Set(each.listError);
     const std::uint64_t start = clock_.Elapsed();
     RemoveKioskMode(false, "because");
     EXPECT_EQ(test::CountLogged("ERROR cannot list the sessions of this computer (1722)"), each.listError != 0 ? 1 : 0);
@@ -185,12 +188,12 @@ TEST_F(TeardownTest, APendingRemovalIsRetriedAlsoByAnUninstall) {
   for (const bool uninstall : {false, true}) {
     test::Enrol();
     const int later = test::CountLogged(kLater);
-    sim::KeepProfilesBusy(INFINITE);
+    sim::profilesBusy.Set(INFINITE);
     RemoveKioskMode(uninstall, "because");
     EXPECT_EQ(test::CountLogged(kLater), later + 1);
     FinishPendingRemoval();
     EXPECT_EQ(StateNames(), (std::set<std::wstring>{L"AccountSid", L"TeardownPending"}));
-    sim::KeepProfilesBusy(0);
+    sim::profilesBusy.Set(0);
     if (!uninstall) {
       FinishPendingRemoval();
       EXPECT_EQ(StateNames(), std::set<std::wstring>{});
@@ -204,8 +207,7 @@ TEST_F(TeardownTest, APendingRemovalIsRetriedAlsoByAnUninstall) {
   ASSERT_EQ(RegCreateKeyW(HKEY_LOCAL_MACHINE, (std::wstring(state::kStateKey) + L"\\Sub").c_str(), key.Put()), 0);
   key.Reset();
   RemoveKioskMode(true, "uninstalled");
-  EXPECT_EQ(RegOpenKeyW(HKEY_LOCAL_MACHINE, state::kStateKey, key.Put()), ERROR_FILE_NOT_FOUND);
-  EXPECT_EQ(RegOpenKeyW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\Tessaly\\Update", key.Put()), ERROR_SUCCESS);
+  EXPECT_TRUE(!test::HasKey(state::kStateKey) && test::HasKey(test::kUpdateKey));
 }
 
 TEST_F(TeardownTest, AMarkBesideATokenIsAnInterruptedOne) {
@@ -265,8 +267,7 @@ TEST_F(TeardownTest, ProfilesOfEarlierAccountsAreTriedAtStartEachHourAndAtTheEnd
   ASSERT_TRUE(state::DeleteStateValue(state::kAccountSid) && NoteStaleProfile(sid) && NoteStaleProfile(sid));
   EXPECT_EQ(tries([] { RemoveKioskMode(true, "uninstalled"); }), 1);
   EXPECT_EQ(test::LogTexts().back(), "WARN the profile of an earlier kiosk account stays behind (32): " + folder);
-  win32::RegistryKey key;
-  EXPECT_EQ(RegOpenKeyW(HKEY_LOCAL_MACHINE, state::kStateKey, key.Put()), ERROR_FILE_NOT_FOUND);
+  EXPECT_FALSE(test::HasKey(state::kStateKey));
 }
 
 // A provisioning that was cut short left its note: an account that is older is somebody else's, and one that nobody can

@@ -1,7 +1,6 @@
 // Windows may not restart on its own, and the owner's restart policies come back.
 #include "updates/restart_policy.h"
 
-#include "account/teardown.h"
 #include "sim/fault_driver.h"
 #include "tests/support/updates.h"
 
@@ -39,14 +38,9 @@ void OwnPolicies() {
 constexpr char kOwn[] = "1:0 - 9 2 - ";
 constexpr UpdatesPolicy kEarly{true, 120, 300, 127};
 
-bool KeyExists() {
-  win32::RegistryKey key;
-  return RegOpenKeyW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey, key.Put()) == ERROR_SUCCESS;
-}
-
 TEST_F(UpdateRestartTest, WindowsMayNotRestartOnItsOwn) {
   RegDeleteTreeW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey);
-  ASSERT_FALSE(KeyExists());
+  ASSERT_FALSE(test::HasKey(kWindowsUpdateKey));
   ApplyWuRestartPolicy(kEarly);
   EXPECT_EQ(Policies(), "1 1 8 2 18 ");
   {
@@ -63,7 +57,7 @@ TEST_F(UpdateRestartTest, WindowsMayNotRestartOnItsOwn) {
   EXPECT_EQ(Policies(), "1 1 4 22 18 ");
   RestoreWuRestartPolicy();
   EXPECT_EQ(Policies(), "- - - - - ");
-  EXPECT_FALSE(KeyExists()) << "nobody had it before";
+  EXPECT_FALSE(test::HasKey(kWindowsUpdateKey)) << "nobody had it before";
   RestoreWuRestartPolicy();
   EXPECT_EQ(test::CountLogged("INFO os updates: Windows Update restart settings are back as they were"), 1);
   OwnPolicies();
@@ -89,22 +83,6 @@ TEST_F(UpdateRestartTest, WindowsMayNotRestartOnItsOwn) {
   SetDword(state::kStateKey, L"TeardownPending", 1);
   ApplyWuRestartPolicy(kEarly);
   EXPECT_EQ(Policies(), "- - - - - ");
-}
-
-TEST_F(UpdateRestartTest, ATeardownGivesThePoliciesBack) {
-  OwnPolicies();
-  ApplyWuRestartPolicy(kEarly);
-  SetPolicy("02:00", "05:00", "[1]");
-  for (const wchar_t* name : {L"UpdatesSource", L"OsUpdatesReport", L"OsUpdatesWindowDone"}) {
-    SetString(state::kStateKey, name, L"x");
-  }
-  account::RemoveKioskMode(false, "because");
-  EXPECT_EQ(Policies(), kOwn);
-  for (const state::StateValue* value :
-       {&state::kUpdatesPolicy, &state::kUpdatesSource, &state::kOsUpdatesReport, &state::kOsUpdatesWindowDone,
-        &state::kOwnsWuPolicy, &state::kPriorWuNoAutoReboot}) {
-    EXPECT_FALSE(state::ReadState(*value)) << win32::ToNarrow(value->name);
-  }
 }
 
 // Whatever fails and whenever the power goes: the next minute sets everything, and the owner's values come back.

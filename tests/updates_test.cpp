@@ -345,29 +345,18 @@ TEST_F(UpdatesTest, TheTerminalsCommands) {
 }
 
 TEST_F(UpdatesTest, TakenOverFromTheCheckIn) {
-  const auto checkIn = [this](const std::string& members) {
-    answer_ = {.body = R"({"status":"enrolled",)" + members + "}"};
-    portal::CheckIn("tok");
-  };
-  const std::string sent = R"("updates":{"window":{"end":"05:00","start":"02:00","days":[6,0]},"automatic":true},)";
-  checkIn(sent + R"("updatesSource":"tenant")");
+  answer_ = {.body = R"({"status":"enrolled","updatesSource":"tenant","updates":)"
+                     R"({"window":{"end":"05:00","start":"02:00","days":[6,0]},"automatic":true}})"};
+  portal::CheckIn("tok");
   const std::wstring policy = LR"({"automatic":true,"window":{"start":"02:00","end":"05:00","days":[0,6]}})";
-  EXPECT_EQ(state::ReadState(state::kUpdatesPolicy)->type, DWORD{REG_SZ});
-  EXPECT_EQ(state::ReadStateString(state::kUpdatesPolicy), policy);
-  EXPECT_EQ(state::ReadStateString(state::kUpdatesSource), L"tenant");
-  const std::string line = "INFO os updates: the portal's policy is now " + win32::ToNarrow(policy);
-  EXPECT_EQ(test::CountLogged(line), 1);
-  WriteUpdatesReport("tok", "nothing", nullptr);
-  checkIn(sent + R"("updatesSource":"tenant")");
-  const std::string body = portal_.Requests().back().body;
-  EXPECT_TRUE(body.ends_with(R"(,"osUpdates":)" + StoredReport() + "}")) << body;
-  EXPECT_EQ(portal_.Requests().front().body.find("osUpdates"), std::string::npos);
-  checkIn(R"("updates":{"automatic":true},"updatesSource":"device")");
   EXPECT_EQ(state::ReadStateString(state::kUpdatesPolicy) + state::ReadStateString(state::kUpdatesSource),
             policy + L"tenant");
-  checkIn(sent + R"("updatesSource":"Tenant")");
-  EXPECT_FALSE(state::ReadState(state::kUpdatesSource));
-  EXPECT_EQ(test::CountLogged(line), 1);
+  EXPECT_EQ(test::CountLogged("INFO os updates: the portal's policy is now " + win32::ToNarrow(policy)), 1);
+  EXPECT_EQ(portal_.Requests().back().body.find("osUpdates"), std::string::npos);
+  WriteUpdatesReport("tok", "nothing", nullptr);
+  portal::CheckIn("tok");
+  const std::string body = portal_.Requests().back().body;
+  EXPECT_TRUE(body.ends_with(R"(,"osUpdates":)" + StoredReport() + "}")) << body;
 }
 
 }  // namespace

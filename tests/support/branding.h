@@ -10,6 +10,7 @@
 
 namespace kiosk::branding {
 
+using test::Exists;
 using Names = std::vector<std::wstring>;
 
 inline const std::wstring kFolder = kBrandingFolder;
@@ -40,7 +41,6 @@ inline std::string Listing(const std::vector<std::string>& digests) {
 }
 
 inline bool Logged(const std::string& text) { return test::CountLogged(text) > 0; }
-inline bool Exists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
 class BrandingTest : public test::EnrolledTerminal {
  protected:

@@ -1,6 +1,7 @@
 #include "tests/support/fixture.h"
 
 #include "account/winlogon.h"
+#include "sim/fault_driver.h"
 #include "sim/profiles.h"
 #include "state/folders.h"
 #include "win32/handle.h"
@@ -8,7 +9,6 @@
 
 #include <fcntl.h>
 #include <io.h>
-#include <process.h>
 
 #include <algorithm>
 
@@ -82,14 +82,8 @@ int CountLogged(std::string_view text) {
 }
 
 win32::KernelHandle StartThisTestAs(const wchar_t* role) {
-  wchar_t self[MAX_PATH];
-  GetModuleFileNameW(nullptr, self, MAX_PATH);
-  const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
-  const std::wstring filter =
-      L"--gtest_filter=" + win32::ToWide(test.test_suite_name()) + L"." + win32::ToWide(test.name());
-  const intptr_t process = _wspawnl(_P_NOWAIT, self, L"test", L"--gtest_brief=1", filter.c_str(), role, nullptr);
   // NOLINTNEXTLINE(performance-no-int-to-ptr): the runtime gives the handle as a number
-  return win32::KernelHandle(reinterpret_cast<HANDLE>(process));
+  return win32::KernelHandle(reinterpret_cast<HANDLE>(sim::StartThisTest(_P_NOWAIT, role)));
 }
 
 void SetRaw(const wchar_t* key, const wchar_t* name, DWORD type, const void* data, std::size_t size) {
@@ -106,6 +100,11 @@ void SetDword(const wchar_t* key, const wchar_t* name, DWORD number) {
 void SetString(const wchar_t* key, const wchar_t* name, std::wstring_view text, DWORD type) {
   const std::wstring terminated(text);
   SetRaw(key, name, type, terminated.c_str(), state::StringBytes(text));
+}
+
+bool HasKey(const wchar_t* key) {
+  win32::RegistryKey opened;
+  return RegOpenKeyW(HKEY_LOCAL_MACHINE, key, opened.Put()) == ERROR_SUCCESS;
 }
 
 bool HasValue(const wchar_t* key, const wchar_t* name) {

@@ -52,6 +52,7 @@ bool Becomes(Condition condition) {
 void SetRaw(const wchar_t* key, const wchar_t* name, DWORD type, const void* data, std::size_t size);
 void SetDword(const wchar_t* key, const wchar_t* name, DWORD number);
 void SetString(const wchar_t* key, const wchar_t* name, std::wstring_view text, DWORD type = REG_SZ);
+bool HasKey(const wchar_t* key);  // below HKLM
 bool HasValue(const wchar_t* key, const wchar_t* name);
 
 // Files and folders with plain Windows calls, below the real file system of the prefix.
@@ -59,5 +60,6 @@ std::string ReadWholeFile(const std::wstring& path);
 void WriteWholeFile(const std::wstring& path, std::string_view content);
 std::vector<std::wstring> ListFolder(const std::wstring& folder);  // names without "." and "..", sorted
 void RemoveTree(const std::wstring& folder);
+inline bool Exists(const std::wstring& path) { return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
 
 }  // namespace kiosk::test

@@ -45,11 +45,6 @@ inline void MakeItStatic() {
   test::SetString(kInterface.c_str(), L"NameServer", L"172.16.0.2,172.16.0.3");
 }
 
-inline void Enrol() {
-  const BYTE token = 1;
-  test::SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, &token, 1);
-}
-
 // What stands on record of the adapter, in the words of the registry.
 inline void Record(const std::string& members) {
   const std::string text = R"([{"adapter":")" + kName + "\"," + members + "}]";

@@ -47,11 +47,6 @@ inline void Receive(const std::string& policy, const std::string& source = "tena
 
 inline std::string State(const state::StateValue& value) { return win32::ToNarrow(state::ReadStateString(value)); }
 
-inline void Enrol() {
-  ASSERT_EQ(state::ProtectStateKey().what, nullptr);
-  test::SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, "x", 1);
-}
-
 // Applies the policy in force and returns which calls changed the machine.
 inline std::vector<std::string> Apply() {
   const sim::FaultPass pass;
@@ -71,7 +66,7 @@ class PowerTest : public test::CleanMachine {
  protected:
   void SetUp() override {
     CleanMachine::SetUp();
-    Enrol();
+    test::Enrol("tok", false);
   }
   void TearDown() override { EXPECT_EQ(sim::LiveComObjects(), 0); }
 

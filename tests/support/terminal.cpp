@@ -24,13 +24,13 @@ std::set<std::string> Lines(const std::string& dump) {
   return lines;
 }
 
+}  // namespace
+
 std::string Lower(std::string text) {
   std::transform(text.begin(), text.end(), text.begin(),
                  [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
   return text;
 }
-
-}  // namespace
 
 void OwnComputer() {
   using account::kWinlogonKey;
@@ -94,7 +94,8 @@ std::set<std::wstring> StateNames() {
        key && RegEnumValueW(key.Get(), i, name, &size, nullptr, nullptr, nullptr, nullptr) == 0; ++i, size = 256) {
     names.insert(name);
   }
-  names.erase(L"AuthBaseUrl");  // an administrator's
+  names.erase(L"AuthBaseUrl");  // an administrator's, as is the next
+  names.erase(L"DevAllowUnsigned");
   return names;
 }
 

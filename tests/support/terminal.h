@@ -1,4 +1,5 @@
-// The one way in which tests make a terminal, what a portal in script answers it, and what is left of it afterwards.
+// The one way in which tests make a terminal, what a portal in script answers it, and what is left of it afterwards. It
+// brings what such a test needs of the simulation along.
 #pragma once
 
 #include "account/winlogon.h"
@@ -50,8 +51,10 @@ inline std::wstring Winlogon(const wchar_t* name) {
 // hive.
 void ExpectProvisioned();
 
-// The names that stand in the state key; none without the key.
+// The names that stand in the state key, those of an administrator aside; none without the key.
 std::set<std::wstring> StateNames();
+
+std::string Lower(std::string text);  // letters of ASCII
 
 // The things in which the computer differs from a dump, and the values of the state key: each once and without its
 // content, in small letters.
@@ -92,10 +95,7 @@ class KioskTerminal : public VirtualComputer {
   void SetExitPassword(const std::string& json) {
     answer_ = {.body = R"({"status":"enrolled","exitPassword":)" + json + "}"};
   }
-  static DWORD Failures() {
-    const auto stored = state::ReadState(state::kMaintenanceFailures);
-    return stored ? stored->Dword().value_or(99) : 0;
-  }
+  static DWORD Failures() { return state::ReadStateDword(state::kMaintenanceFailures); }
 };
 
 }  // namespace kiosk::test
