@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Holds what the documents name (state values, settings, commands, policies, log lines, exit codes, the files of the
-simulation) against the code."""
+simulation) against the code, and commands and policies against the places that must know each of them."""
 import pathlib
 import re
 import sys
@@ -63,6 +63,9 @@ def commands():
     yield from both_ways("command", documented, "docs/pipe.md (Commands)", present, "src/pipe/dispatch.cpp")
     timed = [name for cells in rows("docs/pipe.md", "| command | as a rule | longest |") for name in cells[0].split(", ")]
     yield from both_ways("command", timed, "docs/pipe.md (How long a reply may take)", present, "src/pipe/dispatch.cpp")
+    test = "tests/pipe_caller_test.cpp"
+    asked = re.findall(r'^ +\{"([\w.]+)", .*\{.*\}\}', read(test).split("EachCommandHasItsCallers")[1].split("\n}\n")[0], re.MULTILINE)
+    yield from both_ways("command", asked, f"{test} (EachCommandHasItsCallers)", present, "src/pipe/dispatch.cpp")
 
 
 def policies():
@@ -73,8 +76,10 @@ def policies():
                       for path in re.findall(r"`([\w.]+)`", cells[0]) for name in path.split(".")]
         yield from both_ways(f"member of the policy {policy}", documented, document, present, source)
         for name in sorted(set(present)):
-            if f'"{name}"' not in read("tools/devportal/policy.py"):
-                yield f"tools/devportal/policy.py does not take {name}, a member of the policy {policy}: add it there"
+            for place in ("tools/devportal/policy.py", "tools/devportal/page.html", "docs/pipe.md",
+                          f"fuzz/seeds/{policy}-policies.txt"):
+                if not re.search(rf"\b{name}\b", read(place)):
+                    yield f"{place} does not know {name}, a member of the policy {policy}: add it there"
 
 
 def simulation():
