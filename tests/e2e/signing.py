@@ -41,25 +41,20 @@ class Authority:
         run("openssl", "req", "-new", "-newkey", "rsa:2048", "-nodes", "-keyout", self._folder / f"{name}.key",
             "-subj", subject, "-utf8", "-out", self._folder / f"{name}.csr")
 
-    def publisher(self, name, subject):
-        """Issues a code signing certificate, to be used under `name`."""
-        self._request(name, subject)
-        leaf = self._folder / f"{name}.pem"
-        # SHA-1 for this one signature: Wine skips the check of the chain when a leaf is signed with SHA-256.
-        run("openssl", "x509", "-req", "-in", self._folder / f"{name}.csr", "-CA", self.certificate, "-CAkey",
-            self._folder / "ca.key", "-CAcreateserial", "-days", 30, "-sha1", "-extfile", self._folder / "extensions",
-            "-extensions", "publisher", "-out", leaf)
-        (self._folder / f"{name}-chain.pem").write_text(leaf.read_text() + self.certificate.read_text())
-        return name
-
-    def issue(self, name, section, subject, days=30):
-        """Issues a TLS certificate ("server" or "client"); returns the files (certificate, key)."""
+    def issue(self, name, section, subject, days=30, digest="sha256"):
+        """Issues a certificate for "server", "client" or "publisher"; returns the files (certificate, key)."""
         self._request(name, subject)
         leaf = self._folder / f"{name}.pem"
         run("openssl", "x509", "-req", "-in", self._folder / f"{name}.csr", "-CA", self.certificate, "-CAkey",
-            self._folder / "ca.key", "-CAcreateserial", "-days", days, "-sha256", "-extfile",
+            self._folder / "ca.key", "-CAcreateserial", "-days", days, f"-{digest}", "-extfile",
             self._folder / "extensions", "-extensions", section, "-out", leaf)
         return leaf, self._folder / f"{name}.key"
+
+    def publisher(self, name, subject):
+        """Issues a code signing certificate, to be used under `name`."""
+        # SHA-1 for this one signature: Wine skips the check of the chain when a leaf is signed with SHA-256.
+        leaf, _ = self.issue(name, "publisher", subject, digest="sha1")
+        (self._folder / f"{name}-chain.pem").write_text(leaf.read_text() + self.certificate.read_text())
 
     def bundle(self, name):
         """The certificate and key issued under `name` as a PKCS #12 file with the password "test"."""

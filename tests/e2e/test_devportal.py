@@ -146,7 +146,3 @@ class Developer(unittest.TestCase):
                 process.terminate()
                 _, errors = process.communicate(timeout=5)
             self.assertEqual((process.returncode, errors), (0, ""))
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -61,17 +61,6 @@ class Installation(unittest.TestCase):
             "Description": "Enrols this computer as a Norvane kiosk terminal and manages its kiosk account.",
         }.items(), values.items())
 
-    def test_failure_actions_and_controls_on_the_simulated_windows(self):
-        with Terminal(service="NorvaneKioskSim.exe") as terminal:
-            terminal.install()
-            simulated = r"HKLM\SOFTWARE\SimulatedWindows"
-            self.assertIn("86400: 1 10000, 1 30000, 1 60000,",
-                          terminal.registry("query", simulated + r"\Services", "/v", "FailureActions")[1])
-            terminal.set_string("Request", "5", simulated + r"\ServiceControl")  # Windows shuts down
-            wait_for(lambda: terminal.service_process() is None, "the service to stop at a shutdown")
-            self.assertEqual(terminal.log()[-1], "INFO Kiosk shutting down")
-            self.assertFalse(terminal.has_value("1", simulated + r"\Violations"))
-
     def test_hardening_flags_of_the_built_programs(self):
         for program in ("NorvaneKiosk.exe", "kioskctl.exe", "kioskctl-dev.exe"):
             image = (BUILD / program).read_bytes()
@@ -207,7 +196,3 @@ class RealHttp(unittest.TestCase):
             terminal.wait_until_listening(2)
             pair(terminal, portal, name="TLS")
             self.assertEqual(terminal.ask(cmd="status")["terminalName"], "TLS")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -120,7 +120,3 @@ class Shipping(unittest.TestCase):
         # The stop, and the lines of a short-lived process, wait in the spool for the next start.
         self.assertEqual(self.terminal.run("NorvaneKiosk.exe", "--uninstall")[0], 0)
         self.assertTrue("Kiosk shutting down" in self.shipped()[0] or b"Kiosk shutting down" in self.spool())
-
-
-if __name__ == "__main__":
-    unittest.main()

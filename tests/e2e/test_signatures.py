@@ -84,7 +84,3 @@ class Signatures(unittest.TestCase):
                     out, _ = process.communicate("go\n", timeout=60)
                 self.assertEqual(json.loads(out), REFUSED)
                 self.check_refusal("running.exe", reason, before)
-
-
-if __name__ == "__main__":
-    unittest.main()

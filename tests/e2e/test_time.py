@@ -55,7 +55,3 @@ class TimeDaemon(unittest.TestCase):
             finally:
                 daemon.terminate()
                 daemon.communicate(timeout=10)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -184,7 +184,3 @@ class PageTest(unittest.TestCase):
         said = [entry["message"] for entry in self.browser.get_log("browser")]
         self.assertEqual([text for text in said if "status of 404 " not in text and "status of 422 " not in text], [])
         self.assertEqual(self.browser.title, "Development portal")
-
-
-if __name__ == "__main__":
-    unittest.main()

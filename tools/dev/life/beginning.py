@@ -3,7 +3,7 @@
 import re
 import threading
 
-from .stage import KIOSK_USER, LOG_KEY, OWNER, PASSWORDLESS, POLICIES, WINDOWS_UPDATE, WINLOGON
+from .stage import KIOSK_USER, LOG_KEY, OWNER, PASSWORDLESS, POLICIES, SIMULATED, WINDOWS_UPDATE, WINLOGON
 
 CLIENT = r"C:\Program Files\Norvane\Tessaly"
 EXIT_PASSWORD = "Open Sesame"
@@ -31,6 +31,9 @@ def a_computer_and_its_owner(stage):
     terminal.trust(stage.portal.ca_file)
     terminal.set_string("LogEndpoint", stage.portal.https_url + "/api/log", LOG_KEY)
     terminal.install(url=stage.portal.url + "/")
+    actions = terminal.registry("query", SIMULATED + r"\Services", "/v", "FailureActions")[1]
+    stage.check("86400: 1 10000, 1 30000, 1 60000," in actions, "a service that crashes comes back after 10, 30 and 60 s",
+                actions)
     reply = stage.status()
     stage.check(reply == {
         "ok": True, "enrolled": False, "provisioned": False, "kioskSession": False, "maintenance": False,
