@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstddef>
-#include <cwchar>
 
 namespace sim {
 namespace {
