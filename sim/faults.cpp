@@ -16,7 +16,7 @@ namespace {
 
 thread_local FaultPass* armed = nullptr;
 
-std::mutex readsMutex;  // guards the rest of what FailingReads says
+std::mutex readsMutex;  // guards the three below, which are what FailingReads asks for
 std::wstring failingName;
 LSTATUS failure = ERROR_SUCCESS;
 int failuresLeft = 0;
