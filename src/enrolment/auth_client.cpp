@@ -11,7 +11,10 @@ namespace kiosk::enrolment {
 namespace {
 
 std::wstring BaseUrl() {
-  std::wstring url = state::ReadStateString(state::kAuthBaseUrl);
+  std::wstring url = state::ReadString(state::kPolicyKey, state::kAuthBaseUrl.name).value_or(L"");
+  if (url.empty()) {
+    url = state::ReadStateString(state::kAuthBaseUrl);
+  }
   if (url.empty()) {
     url = win32::ToWide(NORVANE_AUTH_BASE_URL);
   }

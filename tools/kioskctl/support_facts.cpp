@@ -276,7 +276,7 @@ std::string ServiceFacts() {
 std::string StateFacts() { return WholeKey(kiosk::state::kStateKey); }
 
 std::string SettingsFacts() {
-  std::string text;
+  std::string text = WholeKey(kiosk::state::kPolicyKey);
   for (const wchar_t* key : kiosk::log::kSettingsKeys) {
     text += WholeKey(key);
   }
