@@ -148,8 +148,7 @@ class Support(unittest.TestCase):
         self.assertEqual((code, err), (1, ""))
         for each in findings:
             self.assertRegex(out.replace("\r", ""), each)
-        code, lines, _ = terminal.run("kioskctl.exe", "--json", "check")
-        found = [json.loads(line) for line in lines.splitlines()]
+        found = json.loads(terminal.run("kioskctl.exe", "--json", "check")[1])
         self.assertEqual([each["check"] for each in found],
                          [line[7:22].strip() for line in out.splitlines() if not line.startswith(" ")])
 

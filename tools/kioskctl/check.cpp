@@ -217,18 +217,17 @@ void PrintFindings(const std::vector<Finding>& findings) {
   }
 }
 
-// A line for each finding: what collectors of metrics take.
 void PrintFindingsAsJson(const std::vector<Finding>& findings) {
+  kiosk::json::Value list = kiosk::json::Value::Array();
   for (const Finding& each : findings) {
-    kiosk::json::Value line = kiosk::json::Value::Object();
-    line.Set("check", each.what);
-    line.Set("ok", each.good);
-    line.Set("told", each.told);
-    if (!each.good) {
-      line.Set("advice", each.advice);
-    }
-    Print(kiosk::json::Serialise(line) + "\n");
+    kiosk::json::Value finding = kiosk::json::Value::Object();
+    finding.Set("check", each.what);
+    finding.Set("ok", each.good);
+    finding.Set("told", each.told);
+    finding.Set("advice", each.advice);
+    list.Append(std::move(finding));
   }
+  Print(kiosk::json::Serialise(list) + "\n");
 }
 
 }  // namespace
