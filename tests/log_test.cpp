@@ -158,9 +158,14 @@ TEST_F(LogTest, LineThatIsTakenInPartIsWrittenAgainOnALineOfItsOwn) {
             "[10:00:00.000] INFO first\n[10:00:00.000] INFO \n[10:00:00.000] INFO second\n[10:00:00.000] INFO third\n");
 }
 
-TEST_F(LogTest, SettingsAreLookedUpInBothKeysAndSwitchLocalFilesOff) {
-  SetString(L"SOFTWARE\\Norvane\\Stream\\Log", L"TenantId", L"t-stream");
-  SetString(L"SOFTWARE\\Norvane\\Stream\\Log", L"Site", L"s-stream");
+TEST_F(LogTest, PolicyComesBeforeTheOwnKeyAndThatBeforeTheSharedOne) {
+  constexpr wchar_t kPolicy[] = L"SOFTWARE\\Policies\\Norvane\\Tessaly\\Log";
+  constexpr wchar_t kShared[] = L"SOFTWARE\\Norvane\\Stream\\Log";
+  for (const wchar_t* key : {kPolicy, kSettings, kShared}) {
+    SetDword(key, L"LocalLogging", key == kPolicy ? 1 : 0);
+  }
+  SetString(kShared, L"TenantId", L"t-stream");
+  SetString(kShared, L"Site", L"s-stream");
   SetString(kSettings, L"Site", L"s-own");
   StartBanner(kKiosk);
   StopBanner(kKiosk);

@@ -35,8 +35,14 @@ TEST_F(PortalTest, RequestsCarryExactlyWhatTheyShould) {
   enrolment::AuthRequest(L"POST", "/api/x", "{}", "tok", enrolment::kApiBodyLimit, enrolment::kAcceptJson);
   SetString(state::kStateKey, L"AuthBaseUrl", L"https://portal.test/base/");
   enrolment::AuthRequest(L"GET", "/api/y?q=%20", {}, {}, enrolment::kApiBodyLimit, L"image/*");
+  SetString(state::kPolicyKey, L"AuthBaseUrl", L"https://policy.test/");
+  enrolment::AuthRequest(L"GET", "/z", {}, {}, enrolment::kApiBodyLimit, enrolment::kAcceptJson);
+  SetString(state::kPolicyKey, L"AuthBaseUrl", L"");  // as absent
+  Get();
   const auto requests = portal_.Requests();
-  ASSERT_EQ(requests.size(), 2U);
+  ASSERT_EQ(requests.size(), 4U);
+  EXPECT_EQ(requests[2].host + requests[2].path, L"policy.test/z");
+  EXPECT_EQ(requests[3].host, L"portal.test");
   EXPECT_EQ(requests[0].host + requests[0].path, L"portal.test/api/x");
   EXPECT_EQ(requests[0].port, 8080);
   EXPECT_EQ(requests[0].flags, 0U);

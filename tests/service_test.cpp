@@ -5,6 +5,7 @@
 #include "branding/branding_folder.h"
 #include "enrolment/device_token.h"
 #include "enrolment/enrolment.h"
+#include "service/install.h"
 #include "sim/computer.h"
 #include "sim/fault_driver.h"
 #include "sim/service_control.h"
@@ -20,6 +21,15 @@ namespace kiosk::service {
 namespace {
 
 class ServiceTest : public test::CleanMachine {};
+
+TEST_F(ServiceTest, AnInstallationThatFailsLeavesALogLineUnlessItHadNoRights) {
+  for (const DWORD error : {DWORD{ERROR_ACCESS_DENIED}, DWORD{ERROR_SERVICE_MARKED_FOR_DELETE}}) {
+    EXPECT_TRUE(test::LogTexts().empty());
+    const sim::FaultPass fault("CreateServiceW", error);
+    EXPECT_EQ(Install(), 1);
+  }
+  EXPECT_EQ(test::LogTexts(), std::vector<std::string>{"ERROR --install: CreateService failed (1072)"});
+}
 
 TEST_F(ServiceTest, ReportsItsStatesAndAnswersControls) {
   const sim::ScriptedPortal portal;

@@ -10,17 +10,6 @@
 namespace kiosk::enrolment {
 namespace {
 
-std::wstring BaseUrl() {
-  std::wstring url = state::ReadStateString(state::kAuthBaseUrl);
-  if (url.empty()) {
-    url = win32::ToWide(NORVANE_AUTH_BASE_URL);
-  }
-  while (!url.empty() && url.back() == L'/') {
-    url.pop_back();
-  }
-  return url;
-}
-
 text::Secret Headers(const wchar_t* accept, const std::string& bearerToken) {
   text::Secret headers("Content-Type: application/json\r\nAccept: " + win32::ToNarrow(accept) + "\r\n");
   if (!bearerToken.empty()) {
@@ -41,6 +30,20 @@ AuthReply FailedWith(DWORD error) { return Failed("WinHTTP error " + std::to_str
 
 }  // namespace
 
+std::wstring PortalUrl() {
+  std::wstring url = state::ReadString(state::kPolicyKey, state::kAuthBaseUrl.name).value_or(L"");
+  if (url.empty()) {
+    url = state::ReadStateString(state::kAuthBaseUrl);
+  }
+  if (url.empty()) {
+    url = win32::ToWide(NORVANE_AUTH_BASE_URL);
+  }
+  while (!url.empty() && url.back() == L'/') {
+    url.pop_back();
+  }
+  return url;
+}
+
 AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std::string& body,
                       const std::string& bearerToken, std::size_t maxBody, const wchar_t* accept,
                       std::uint32_t deadline, HANDLE end) {
@@ -49,7 +52,7 @@ AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std:
   }
   const unsigned networkChanges = network::ChangesMade();
   win32::HttpTarget target;
-  if (!win32::CrackHttpUrl(BaseUrl() + win32::ToWide(path), target)) {
+  if (!win32::CrackHttpUrl(PortalUrl() + win32::ToWide(path), target)) {
     return Failed("unparseable AuthBaseUrl");
   }
   const win32::HttpHandle session = win32::OpenHttpSession(L"NorvaneKiosk/" + win32::ToWide(log::kVersion));

@@ -10,6 +10,10 @@
 
 namespace kiosk::enrolment {
 
+// The portal's base URL: that of group policy, of the state key, or the one that was built in. Without trailing
+// slashes.
+std::wstring PortalUrl();
+
 struct AuthReply {
   std::int32_t answered = 0;  // 1 once a response with a status line arrived and the call was not cut short
   std::int32_t status = 0;    // the HTTP status; 0 while not answered

@@ -1,5 +1,5 @@
-// The logging settings of an administrator: each value is looked up under the product's key first, then under the key
-// that other programs of the maker share.
+// The logging settings of an administrator: each value is looked up under the key of group policy first, then under the
+// product's own, then under the one that other programs of the maker share.
 #pragma once
 
 #include <cstdint>
@@ -8,9 +8,10 @@
 
 namespace kiosk::log {
 
-// The product's own key, and both in the order of the look-up.
+// The product's own key, and all of them in the order of the look-up.
 inline constexpr wchar_t kSettingsKey[] = L"SOFTWARE\\Norvane\\Tessaly\\Log";
-inline constexpr const wchar_t* kSettingsKeys[] = {kSettingsKey, L"SOFTWARE\\Norvane\\Stream\\Log"};
+inline constexpr const wchar_t* kSettingsKeys[] = {L"SOFTWARE\\Policies\\Norvane\\Tessaly\\Log", kSettingsKey,
+                                                   L"SOFTWARE\\Norvane\\Stream\\Log"};
 
 std::optional<std::wstring> ReadSettingString(const wchar_t* name);
 std::optional<std::uint32_t> ReadSettingNumber(const wchar_t* name);

@@ -20,8 +20,13 @@ constexpr wchar_t kDescription[] = L"Enrols this computer as a Norvane kiosk ter
 constexpr DWORD kStopWait = 60'000;
 constexpr DWORD kStopPoll = 250;
 
-int PrintFailure(const char* call, DWORD error) {
+// An installer that runs this program loses what it prints. Who has no right to install has none to the log either, and
+// would only make its folders his own.
+int TellFailure(const char* call, DWORD error) {
   win32::Print(std::string(call) + " failed (" + std::to_string(error) + ")\n");
+  if (error != ERROR_ACCESS_DENIED) {
+    log::Log(log::kError, log::kKiosk, "--install: %s failed (%lu)", call, error);
+  }
   return 1;
 }
 
@@ -68,15 +73,15 @@ void StopAndWait(SC_HANDLE service) {
 int Install() {
   const std::wstring path = win32::StartablePath();
   if (path.empty()) {
-    return PrintFailure("GetModuleFileName", GetLastError());
+    return TellFailure("GetModuleFileName", GetLastError());
   }
   const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE));
   if (!manager) {
-    return PrintFailure("OpenSCManager", GetLastError());
+    return TellFailure("OpenSCManager", GetLastError());
   }
   const ServiceHandle service = CreateOrReconfigure(manager.Get(), L"\"" + path + L"\"");
   if (!service) {
-    return PrintFailure("CreateService", GetLastError());
+    return TellFailure("CreateService", GetLastError());
   }
   DescribeAndGuard(service.Get());
   StartServiceW(service.Get(), 0, nullptr);

@@ -15,6 +15,8 @@ struct StateValue {
 };
 
 // Of an administrator or a developer.
+// Group policy's own AuthBaseUrl, which comes before that of the state key and outlasts it.
+inline constexpr wchar_t kPolicyKey[] = L"SOFTWARE\\Policies\\Norvane\\Tessaly\\Kiosk";
 inline constexpr StateValue kAuthBaseUrl{L"AuthBaseUrl", REG_SZ};
 inline constexpr StateValue kDevAllowUnsigned{L"DevAllowUnsigned", REG_DWORD};
 

@@ -1,12 +1,9 @@
 #include "timesync/sntp_query.h"
 
 #include "win32/clock.h"
-#include "win32/handle.h"
+#include "win32/socket.h"
 #include "win32/stop.h"
 #include "win32/thread.h"
-
-#include <winsock2.h>
-#include <ws2tcpip.h>
 
 #include <algorithm>
 #include <array>
@@ -19,35 +16,12 @@ constexpr wchar_t kPort[] = L"123";
 constexpr DWORD kResolveTimeout = 15'000;
 constexpr DWORD kReceiveTimeout = 5'000;
 
-struct SocketTraits {
-  using Value = SOCKET;
-  static Value Invalid() noexcept { return INVALID_SOCKET; }
-  static void Free(Value value) noexcept { closesocket(value); }
-};
-using Socket = win32::Owner<SocketTraits>;
-
 struct SocketEventTraits : win32::NullIsNone<WSAEVENT> {  // as WSA_INVALID_EVENT is
   static void Free(Value value) noexcept { WSACloseEvent(value); }
 };
 using SocketEvent = win32::Owner<SocketEventTraits>;
-
-// Winsock is counted: every scope that uses it has a reference of its own.
-class Winsock {
- public:
-  Winsock() noexcept : started_(WSAStartup(MAKEWORD(2, 2), &data_) == 0) {}
-  Winsock(const Winsock&) = delete;
-  Winsock& operator=(const Winsock&) = delete;
-  ~Winsock() {
-    if (started_) {
-      WSACleanup();
-    }
-  }
-  explicit operator bool() const noexcept { return started_; }
-
- private:
-  WSADATA data_{};
-  bool started_;
-};
+using win32::Socket;
+using win32::Winsock;
 
 struct Resolution {
   std::wstring server;
@@ -61,15 +35,12 @@ void ResolveNow(Resolution& resolution) noexcept {
   wanted.ai_family = AF_INET;
   wanted.ai_socktype = SOCK_DGRAM;
   wanted.ai_protocol = IPPROTO_UDP;
-  ADDRINFOW* results = nullptr;
-  if (!winsock || GetAddrInfoW(resolution.server.c_str(), kPort, &wanted, &results) != 0) {
-    return;
-  }
-  if (results != nullptr && results->ai_addrlen >= sizeof(sockaddr_in)) {
-    resolution.address = *reinterpret_cast<const sockaddr_in*>(results->ai_addr);
+  win32::AddressList results;
+  if (winsock && GetAddrInfoW(resolution.server.c_str(), kPort, &wanted, results.Put()) == 0 && results &&
+      results.Get()->ai_addrlen >= sizeof(sockaddr_in)) {
+    resolution.address = *reinterpret_cast<const sockaddr_in*>(results.Get()->ai_addr);
     resolution.found = true;
   }
-  FreeAddrInfoW(results);
 }
 
 // Nothing ends a look-up in progress, so a thread makes it, which may be left behind with what it works on.

@@ -41,7 +41,7 @@ std::wstring Exact(const std::wstring& path) { return L"\\\\?\\" + path; }
 
 void ResetComputer() {
   ForgetKioskTraces();
-  for (const wchar_t* key : {L"SOFTWARE\\Norvane", L"SOFTWARE\\SimulatedWindows"}) {
+  for (const wchar_t* key : {L"SOFTWARE\\Norvane", L"SOFTWARE\\Policies\\Norvane", L"SOFTWARE\\SimulatedWindows"}) {
     RegDeleteTreeW(HKEY_LOCAL_MACHINE, key);
     RegDeleteKeyW(HKEY_LOCAL_MACHINE, key);
   }

@@ -48,11 +48,16 @@ def state_values():
 
 
 def settings():
-    code = code_below("src/log", "src/state")
-    for cells in rows("docs/registry.md", "| value | type | when read | effect | absent |"):
-        name = cells[0].strip("`")
-        if f'L"{name}"' not in code:
-            yield f"docs/registry.md: nothing in src/log reads the setting {name}"
+    document = "docs/registry.md"
+    code = code_below("src/log")
+    types = {"String": "REG_SZ", "Number": "REG_DWORD"}
+    present = {name: types[kind] for kind, name in re.findall(r'ReadSetting(String|Number)\(L"(\w+)"\)', code)}
+    documented = {cells[0].strip("`"): cells[1] for cells in rows(document, "| value | type | when read | effect | absent |")}
+    del documented["RemoteConfig"]  # the service's own
+    yield from both_ways("setting", documented, document, present, "src/log")
+    for name in sorted(documented.keys() & present.keys()):
+        if documented[name] != present[name]:
+            yield f"{document}: {name} is {documented[name]} there and {present[name]} in src/log"
 
 
 def commands():

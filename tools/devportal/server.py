@@ -1,6 +1,7 @@
 """HTTP plumbing: one request per connection, body limits, outages, scripted replies. It knows no route."""
 
 import dataclasses
+import email.utils
 import http.server
 import json
 import socket
@@ -40,7 +41,8 @@ class Reply:
         """Returns (head, body) in bytes."""
         if self.raw is not None:
             return b"", self.raw
-        headers = {"Content-Type": "application/json", "Cache-Control": "no-store", "Connection": "close"}
+        headers = {"Content-Type": "application/json", "Cache-Control": "no-store", "Connection": "close",
+                   "Date": email.utils.formatdate(usegmt=True)}
         body = self.body
         if isinstance(body, str):
             body = body.encode("utf-8")

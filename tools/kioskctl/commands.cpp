@@ -152,7 +152,9 @@ int Poll(const std::string& code, std::uint64_t seconds, const Options& options)
 
 }  // namespace
 
-int Status(const Options& options, const Words& /*words*/) { return Run(options, Request("status"), StatusText); }
+int Status(const Options& options, const Words& /*words*/) {
+  return Run(options, Request("status"), StatusText, kStatusWait);
+}
 
 int Restart(const Options& options, const Words& /*words*/) {
   return Run(options, Request("restart.now"),

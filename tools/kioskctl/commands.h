@@ -15,6 +15,10 @@ int Status(const Options& options, const Words& words);
 int Pair(const Options& options, const Words& words);
 int Restart(const Options& options, const Words& words);
 
+// Looks at all that can be wrong with a terminal, a line each with what to do about it. kServiceError when something
+// is. Works without the service.
+int Check(const Options& options, const Words& words);
+
 // Writes a folder "NorvaneKiosk-support-<date>-<time>" into the one that is named (none: the current folder): what is
 // needed to find out why a terminal misbehaves, with no token and no password in it. Works without the service.
 int SupportBundle(const Options& options, const Words& words);

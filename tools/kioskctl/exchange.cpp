@@ -90,25 +90,41 @@ std::string OneLine(std::string text) {
 // The service looks at no program on a share or on a network drive.
 bool StartedFromElsewhere() { return !kiosk::win32::IsLocalPath(kiosk::win32::ProgramPath()); }
 
+std::string Number(unsigned long error) { return " (error " + std::to_string(error) + ")"; }
+
+// Why nobody serves the pipe, or answers on it, as far as the service manager knows.
+std::string WhyNoReply(unsigned long error) {
+  const ServiceState service = QueryService();
+  if (!service.known && service.error == ERROR_SERVICE_DOES_NOT_EXIST) {
+    return "The kiosk service is not installed on this computer" + Number(service.error) + "\n";
+  }
+  if (service.known && service.state != SERVICE_RUNNING) {
+    return "The kiosk service is installed on this computer and does not run" + Number(ERROR_SERVICE_NOT_ACTIVE) +
+           "\nStart it as an administrator: sc.exe start NorvaneKiosk\n";
+  }
+  if (service.known && (error == ERROR_PIPE_BUSY || error == ERROR_TIMEOUT)) {
+    return "The kiosk service runs and does not answer" + Number(error) +
+           "\nAs an administrator make a support bundle with \"kioskctl support-bundle\", then restart the service.\n";
+  }
+  return "The kiosk service does not answer on this computer" + Number(error) + "\n";
+}
+
 int NoReply(const Answer& answer) {
-  const std::string number = " (error " + std::to_string(answer.error) + ")\n";
   switch (answer.outcome) {
-    case Outcome::kNoService:
-      PrintError("The kiosk service is not running on this computer" + number);
-      if (RemovalPending()) {
-        PrintError(
-            "Kiosk mode was not removed completely: the kiosk account was in use. If the service was uninstalled,\n"
-            "restart the computer and run \"NorvaneKiosk.exe --uninstall\" once more; otherwise start the service.\n");
-      }
-      break;
     case Outcome::kNotAllowed:
-      PrintError("Windows does not let this user talk to the kiosk service: sign in at this computer" + number);
+      PrintError("Windows does not let this user talk to the kiosk service: sign in at this computer" +
+                 Number(answer.error) + "\n");
       break;
     case Outcome::kImpostor:
       PrintError("Another program has taken the kiosk service's place; nothing was sent to it.\n");
       break;
     default:
-      PrintError("The connection to the kiosk service ended without a reply" + number);
+      PrintError(WhyNoReply(answer.error));
+      if (RemovalPending()) {
+        PrintError(
+            "Kiosk mode was not removed completely: the kiosk account was in use. If the service was uninstalled,\n"
+            "restart the computer and run \"NorvaneKiosk.exe --uninstall\" once more; otherwise start the service.\n");
+      }
       break;
   }
   return kNoService;

@@ -19,6 +19,9 @@ constexpr char kHelp[] =
     "  kioskctl [--json] status    where this terminal stands and what to do next\n"
     "  kioskctl [--json] pair      show a pairing code and wait until it is entered in the portal\n"
     "  kioskctl [--json] restart   restart into kiosk mode now instead of 10 seconds after pairing\n"
+    "  kioskctl [--json] check     what is wrong with this terminal and what to do about it, a line for each thing; "
+    "run\n"
+    "                              it as an administrator; it works without the service too\n"
     "  kioskctl support-bundle [FOLDER]\n"
     "                              write what support needs into a new folder below FOLDER (or the current folder);\n"
     "                              run it as an administrator; it works without the service too\n"
@@ -73,6 +76,7 @@ constexpr Command kCommands[] = {
     {"status", 0, 0, "no arguments", kioskctl::Status},
     {"pair", 0, 0, "no arguments", kioskctl::Pair},
     {"restart", 0, 0, "no arguments", kioskctl::Restart},
+    {"check", 0, 0, "no arguments", kioskctl::Check},
     {"support-bundle", 0, 1, "at most one folder", kioskctl::SupportBundle},
 #ifdef NORVANE_DEVELOPMENT_COMMANDS
     {"send", 1, 1, "one JSON text", kioskctl::Send},

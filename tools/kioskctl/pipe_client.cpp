@@ -40,19 +40,11 @@ FileHandle Open() {
 // user without rights to ask must still be able to pair.
 bool ServedByService(HANDLE pipe) {
   ULONG server = 0;
-  const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  if (!manager || GetNamedPipeServerProcessId(pipe, &server) == 0) {
+  if (GetNamedPipeServerProcessId(pipe, &server) == 0) {
     return true;
   }
-  const ServiceHandle service(OpenServiceW(manager.Get(), kiosk::service::kServiceName, SERVICE_QUERY_STATUS));
-  if (!service) {
-    return GetLastError() != ERROR_SERVICE_DOES_NOT_EXIST;
-  }
-  SERVICE_STATUS_PROCESS status{};
-  DWORD needed = 0;
-  return QueryServiceStatusEx(service.Get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status),
-                              &needed) == 0 ||
-         status.dwProcessId == server;  // 0 while it does not run
+  const ServiceState service = QueryService();
+  return service.known ? service.process == server : service.error != ERROR_SERVICE_DOES_NOT_EXIST;
 }
 
 // One transfer, which `start` begins, waited for until the deadline. The number of bytes; 0, with the last error, when
@@ -89,6 +81,19 @@ bool ReadLine(HANDLE pipe, const Deadline& deadline, Secret& line) {
 }
 
 }  // namespace
+
+ServiceState QueryService() {
+  const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
+  const ServiceHandle service(manager ? OpenServiceW(manager.Get(), kiosk::service::kServiceName, SERVICE_QUERY_STATUS)
+                                      : nullptr);
+  SERVICE_STATUS_PROCESS status{};
+  DWORD needed = 0;
+  if (!service || QueryServiceStatusEx(service.Get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status),
+                                       sizeof(status), &needed) == 0) {
+    return {.error = GetLastError()};
+  }
+  return {true, status.dwCurrentState, status.dwProcessId, status.dwWin32ExitCode, ERROR_SUCCESS};
+}
 
 Answer Ask(Secret request, DWORD replyWait) {
   const FileHandle pipe = Open();

@@ -20,11 +20,24 @@ struct Answer {
   unsigned long error = 0;  // Windows error behind an outcome that is no reply
 };
 
+// What the service manager says of the service.
+struct ServiceState {
+  bool known = false;       // it says something; else `error` is why not (ERROR_SERVICE_DOES_NOT_EXIST: it is missing)
+  unsigned long state = 0;  // SERVICE_RUNNING and its like
+  unsigned long process = 0;   // 0 while it does not run
+  unsigned long exitCode = 0;  // of its last end
+  unsigned long error = 0;
+};
+ServiceState QueryService();
+
 // Milliseconds that a reply may take: the service may be waiting for the portal.
 inline constexpr unsigned long kReplyWait = 150'000;
 // And while a pairing is being completed: two calls to the portal, the work of others on the kiosk account, what
 // Windows takes to make an account and a profile; all that twice, when another program asks at the same moment.
 inline constexpr unsigned long kPairWait = 600'000;
+
+// And one that waits for nobody.
+inline constexpr unsigned long kStatusWait = 10'000;
 
 // Sends one line, of which no copy is left in memory, and waits for the reply line. The service may learn who calls but
 // not act as the caller.

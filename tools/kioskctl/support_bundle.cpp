@@ -16,7 +16,6 @@ namespace {
 using kiosk::win32::Print;
 using kiosk::win32::PrintError;
 
-constexpr DWORD kStatusWait = 5'000;
 constexpr std::size_t kLogBudget = std::size_t{20} * 1024 * 1024;
 
 std::string StatusAnswer() {

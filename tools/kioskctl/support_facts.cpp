@@ -1,5 +1,7 @@
 #include "support_facts.h"
 
+#include "check.h"
+
 #include "account/winlogon.h"
 #include "branding/branding_folder.h"
 #include "log/log.h"
@@ -135,28 +137,23 @@ constexpr NamedValue kWindowsSettings[] = {
     {L"SYSTEM\\CurrentControlSet\\Services\\W32Time\\Parameters", L"NtpServer"},
 };
 
-std::string TaskText(ITaskFolder* folder, const wchar_t* name) {
-  const kiosk::win32::Bstr wanted = kiosk::win32::MakeBstr(name);
-  kiosk::win32::ComPtr<IRegisteredTask> task;
-  kiosk::win32::Bstr xml;
-  HRESULT result = folder->GetTask(wanted.Get(), task.Put());
+constexpr const wchar_t* kTasks[] = {L"Norvane Kiosk Sleep", L"Norvane Kiosk Wake"};
+
+// The caller is in a COM apartment.
+HRESULT RootOfTasks(kiosk::win32::ComPtr<ITaskFolder>& root) {
+  kiosk::win32::ComPtr<ITaskService> service;
+  VARIANT none{};
+  HRESULT result = kiosk::win32::CreateInProcess(__uuidof(TaskScheduler), __uuidof(ITaskService), service);
   if (SUCCEEDED(result)) {
-    result = task->get_Xml(xml.Put());
+    result = service->Connect(none, none, none, none);
   }
-  return ToNarrow(name) + ": " +
-         (SUCCEEDED(result) ? "\n" + ToNarrow(kiosk::win32::BstrText(xml.Get())) + "\n"
-                            : "none (" + kiosk::win32::HresultText(result) + ")\n");
+  return FAILED(result) ? result : service->GetFolder(kiosk::win32::MakeBstr(L"\\").Get(), root.Put());
 }
 
-std::wstring ServiceFile() {
-  std::wstring path;
-  RawValue value;
-  if (kiosk::state::ReadValue(L"SYSTEM\\CurrentControlSet\\Services\\NorvaneKiosk", L"ImagePath", value) ==
-      ERROR_SUCCESS) {
-    path = value.Text().value_or(L"");
-  }
-  path.erase(std::remove(path.begin(), path.end(), L'"'), path.end());
-  return path;
+HRESULT ReadTask(ITaskFolder* folder, const wchar_t* name, kiosk::win32::Bstr& xml) {
+  kiosk::win32::ComPtr<IRegisteredTask> task;
+  const HRESULT result = folder->GetTask(kiosk::win32::MakeBstr(name).Get(), task.Put());
+  return FAILED(result) ? result : task->get_Xml(xml.Put());
 }
 
 std::string SignatureText() {
@@ -276,7 +273,7 @@ std::string ServiceFacts() {
 std::string StateFacts() { return WholeKey(kiosk::state::kStateKey); }
 
 std::string SettingsFacts() {
-  std::string text;
+  std::string text = WholeKey(kiosk::state::kPolicyKey);
   for (const wchar_t* key : kiosk::log::kSettingsKeys) {
     text += WholeKey(key);
   }
@@ -294,21 +291,28 @@ std::string SettingsFacts() {
 
 std::string TaskFacts() {
   const kiosk::win32::ComApartment apartment;
-  kiosk::win32::ComPtr<ITaskService> service;
   kiosk::win32::ComPtr<ITaskFolder> root;
-  const kiosk::win32::Bstr path = kiosk::win32::MakeBstr(L"\\");
-  VARIANT none{};
-  HRESULT result = kiosk::win32::CreateInProcess(__uuidof(TaskScheduler), __uuidof(ITaskService), service);
-  if (SUCCEEDED(result)) {
-    result = service->Connect(none, none, none, none);
-  }
-  if (SUCCEEDED(result)) {
-    result = service->GetFolder(path.Get(), root.Put());
-  }
-  if (FAILED(result)) {
+  if (const HRESULT result = RootOfTasks(root); FAILED(result)) {
     return ErrorText("Task Scheduler cannot be reached", static_cast<unsigned long>(result));
   }
-  return TaskText(root.Get(), L"Norvane Kiosk Sleep") + TaskText(root.Get(), L"Norvane Kiosk Wake");
+  std::string text;
+  for (const wchar_t* name : kTasks) {
+    kiosk::win32::Bstr xml;
+    const HRESULT result = ReadTask(root.Get(), name, xml);
+    text += ToNarrow(name) + ": " +
+            (SUCCEEDED(result) ? "\n" + ToNarrow(kiosk::win32::BstrText(xml.Get())) + "\n"
+                               : "none (" + kiosk::win32::HresultText(result) + ")\n");
+  }
+  return text;
+}
+
+bool TasksAreThere() {
+  const kiosk::win32::ComApartment apartment;
+  kiosk::win32::ComPtr<ITaskFolder> root;
+  return SUCCEEDED(RootOfTasks(root)) && std::ranges::all_of(kTasks, [&root](const wchar_t* name) {
+           kiosk::win32::Bstr xml;
+           return SUCCEEDED(ReadTask(root.Get(), name, xml));
+         });
 }
 
 std::string ProxyFacts() {
