@@ -1,5 +1,6 @@
-// Lines "r<JSON>" as requests for an adapter's settings and "s<JSON>" as stored settings: taken exactly when another
-// library's reading, with the C library's addresses, has every member right, and then as they stand there.
+// Lines "r<JSON>" as requests for an adapter's settings and others as stored settings and records of changes: taken
+// exactly when another library's reading, with the C library's addresses, has every member right, and then as they
+// stand there.
 #include "fuzz/peer.h"
 #include "json/parse.h"
 #include "json/serialise.h"
@@ -68,23 +69,25 @@ void CheckRequest(const Value& value, const Peer& sent) {
   }
 }
 
-void CheckStored(const Value& value, const Peer& sent) {
-  const std::optional<Settings> settings = kiosk::network::FromJson(value);
+bool AreSettings(const Peer& sent) {
   const auto isAddress = [](std::int64_t address) { return address >= 0; };
   const Peer own = MemberOf(sent, "addresses");
-  const bool right =
-      MemberOf(sent, "dhcp").is_boolean() && AreAddresses(MemberOf(sent, "gateways"), isAddress) &&
-      AreAddresses(MemberOf(sent, "dns"), isAddress) && own.is_array() &&
-      std::all_of(own.begin(), own.end(), [](const Peer& each) {
-        return Ipv4(TextOf(MemberOf(each, "address"))) >= 0 && WholeNumber(MemberOf(each, "prefixLength"), 32) >= 1;
-      });
-  Require(settings.has_value() == right);
+  return MemberOf(sent, "dhcp").is_boolean() && AreAddresses(MemberOf(sent, "gateways"), isAddress) &&
+         AreAddresses(MemberOf(sent, "dns"), isAddress) && own.is_array() &&
+         std::all_of(own.begin(), own.end(), [](const Peer& each) {
+           return Ipv4(TextOf(MemberOf(each, "address"))) >= 0 && WholeNumber(MemberOf(each, "prefixLength"), 32) >= 1;
+         });
+}
+
+void CheckSettings(const Value& value, const Peer& sent) {
+  const std::optional<Settings> settings = kiosk::network::FromJson(value);
+  Require(settings.has_value() == AreSettings(sent));
   if (settings) {
     const Peer printed = Printed(*settings);
     for (const char* name : {"dhcp", "gateways", "dns"}) {
       Require(printed[name] == sent[name]);
     }
-    const auto again = kiosk::json::Parse(kiosk::json::Serialise(kiosk::network::ToJson(*settings)));
+    const auto again = kiosk::json::Parse(printed.dump());
     Require(again && kiosk::network::FromJson(*again) == settings);
     Settings turned = *settings;
     std::reverse(turned.addresses.begin(), turned.addresses.end());
@@ -95,12 +98,32 @@ void CheckStored(const Value& value, const Peer& sent) {
   }
 }
 
+void CheckRecords(const Value& value, const Peer& sent) {
+  const auto records = kiosk::network::RecordsFromJson(value);
+  auto record = records.begin();
+  for (const Peer& each : sent.is_array() ? sent : Peer::array()) {
+    if (AreSettings(MemberOf(each, "settings"))) {
+      Require(record != records.end() && record->adapter == TextOf(MemberOf(each, "adapter")));
+      Require(record->wanted.has_value() == AreSettings(MemberOf(each, "wanted")));
+      Require(record->unproven == (record->wanted && MemberOf(each, "unproven") == true));
+      ++record;
+    }
+  }
+  const auto again = kiosk::json::Parse(kiosk::json::Serialise(kiosk::network::ToJson(records)));
+  Require(record == records.end() && again && kiosk::network::RecordsFromJson(*again) == records);
+}
+
 void Check(std::string_view line) {
   const std::string_view text = line.substr(std::min<std::size_t>(line.size(), 1));
   const auto value = kiosk::json::Parse(text);
   const Peer sent = PeerOf(text);
   if (value && !sent.is_discarded()) {
-    line[0] == 'r' ? CheckRequest(*value, sent) : CheckStored(*value, sent);
+    if (line[0] == 'r') {
+      CheckRequest(*value, sent);
+    } else {
+      CheckSettings(*value, sent);
+      CheckRecords(*value, sent);
+    }
   }
 }
 
