@@ -6,6 +6,10 @@
 
 #include <wincrypt.h>
 
+#include <algorithm>
+#include <map>
+#include <mutex>
+
 // Of ntdll; the headers leave it out. Class 3 is the name of the key, as a length in bytes and UTF-16.
 extern "C" NTSYSAPI LONG NTAPI NtQueryKey(HANDLE key, int informationClass, void* information, ULONG size, ULONG* used);
 
@@ -13,6 +17,7 @@ namespace sim {
 namespace {
 
 thread_local FaultPass* armed = nullptr;
+ChangeHook hook = nullptr;
 
 [[noreturn]] void EndProcess() {
   TerminateProcess(GetCurrentProcess(), kFaultExitCode);
@@ -73,9 +78,15 @@ bool FaultPass::Flushed(const std::wstring& valueName) const {
   return flushed;
 }
 
-bool ChangePoint::Armed() { return armed != nullptr; }
+void SetChangeHook(ChangeHook newHook) { hook = newHook; }
+
+bool ChangePoint::Armed() { return armed != nullptr || hook != nullptr; }
 
 ChangePoint::ChangePoint(const char* function, std::wstring object) {
+  if (armed == nullptr) {
+    error_ = hook({function, std::move(object)});
+    return;
+  }
   armed->calls_.push_back({function, std::move(object)});
   if (armed->at_ == 0 && !armed->wanted_.empty() &&
       armed->calls_.back().Text().find(armed->wanted_) != std::string::npos) {
@@ -146,6 +157,27 @@ SIM(WINBOOL, CryptProtectData, DATA_BLOB* in, LPCWSTR text, DATA_BLOB* entropy, 
   dataProtectionFlags.Set(flags);
   return Change<BOOL>(__func__ + 4, text != nullptr ? text : L"",
                       [&] { return ::CryptProtectData(in, text, entropy, reserved, prompt, flags, out); });
+}
+
+// Remembers in this process what opened: Wine loads its provider anew for each call, and that takes longer than all
+// else in a check-in.
+SIM(WINBOOL, CryptUnprotectData, DATA_BLOB* in, LPWSTR* text, DATA_BLOB* entropy, PVOID reserved,
+    CRYPTPROTECT_PROMPTSTRUCT* prompt, DWORD flags, DATA_BLOB* out) {
+  static std::mutex mutex;
+  static auto& opened = *new std::map<std::string, std::string>;
+  const std::string blob(reinterpret_cast<const char*>(in->pbData), in->cbData);
+  const std::lock_guard guard(mutex);
+  if (text == nullptr && opened.contains(blob)) {
+    const std::string& plain = opened[blob];
+    *out = {static_cast<DWORD>(plain.size()), static_cast<BYTE*>(LocalAlloc(LMEM_FIXED, plain.size()))};
+    std::copy(plain.begin(), plain.end(), out->pbData);
+    return TRUE;
+  }
+  const BOOL done = ::CryptUnprotectData(in, text, entropy, reserved, prompt, flags, out);
+  if (done && entropy == nullptr) {
+    opened[blob].assign(reinterpret_cast<const char*>(out->pbData), out->cbData);
+  }
+  return done;
 }
 
 SIM(WINBOOL, ChangeServiceConfigW, SC_HANDLE service, DWORD type, DWORD start, DWORD severity, LPCWSTR path,
