@@ -49,35 +49,18 @@ std::string Member(const std::string& reply, const char* name) {
   return parsed ? json::Member(*parsed, name).text() : std::string();
 }
 
-// What of Windows fails or hangs; 0 ends all of that.
+// What of Windows can be out of order, one at a time or none.
 void FailWindows(std::uint32_t number) {
-  const bool heal = number == 0;
-  world.windowsFails = !heal;
-  if (heal || number == 1) {
-    sim::FailLsa(heal ? 0 : ERROR_ACCESS_DENIED);
-    world.secretsFailed = world.secretsFailed || !heal;
-  }
-  if (heal || number == 2) {
-    sim::FailAccountLookups(heal ? 0 : RPC_S_SERVER_UNAVAILABLE);
-  }
-  if (heal || number == 3) {
-    sim::FailSessionLists(heal ? 0 : RPC_S_SERVER_UNAVAILABLE);
-  }
-  if (heal || number == 4) {
-    sim::KeepProfilesBusy(heal ? 0 : INFINITE);
-  }
-  if (heal || number == 5) {
-    sim::FailTaskMethod(heal ? L"" : L"Connect");
-  }
-  if (heal || number == 6) {
-    sim::power.readError.Set(heal ? 0 : ERROR_ACCESS_DENIED);
-  }
-  if (heal || number == 7) {
-    sim::agent.failSession.Set(heal ? 0 : 0x80240438);
-  }
-  if (heal || number == 8) {
-    sim::KeepShutdownWaiting(heal ? 0 : 2);
-  }
+  world.windowsFails = number != 0;
+  world.secretsFailed = world.secretsFailed || number == 1;
+  sim::FailLsa(number == 1 ? ERROR_ACCESS_DENIED : 0);
+  sim::FailAccountLookups(number == 2 ? RPC_S_SERVER_UNAVAILABLE : 0);
+  sim::FailSessionLists(number == 3 ? RPC_S_SERVER_UNAVAILABLE : 0);
+  sim::KeepProfilesBusy(number == 4 ? INFINITE : 0);
+  sim::FailTaskMethod(number == 5 ? L"Connect" : L"");
+  sim::power.readError.Set(number == 6 ? ERROR_ACCESS_DENIED : 0);
+  sim::agent.failSession.Set(number == 7 ? 0x80240438 : 0);
+  sim::KeepShutdownWaiting(number == 8 ? 2 : 0);
   if (const DWORD session = sim::SessionOf(test::Kiosk().sid); number == 9 && session != 0) {
     sim::MakeStubborn(session, 20'000);
   }
@@ -351,14 +334,14 @@ bool Life::Do(const Step& step) {
     case Kind::kRestart:
       return Restart(step.number);
     case Kind::kKill:
-      world.killIn = 1 + step.number % 60;
+      world.killIn = 1 + step.number % 120;
       world.killsPower = step.number >= 600;
       break;
     case Kind::kFail: {
       constexpr std::uint32_t kErrors[] = {ERROR_ACCESS_DENIED, ERROR_NOT_ENOUGH_MEMORY, ERROR_NO_SYSTEM_RESOURCES,
                                            ERROR_SHARING_VIOLATION};
-      world.failIn = 1 + step.number % 60;
-      world.failError = kErrors[step.number / 60 % std::size(kErrors)];
+      world.failIn = 1 + step.number % 120;
+      world.failError = kErrors[step.number / 120 % std::size(kErrors)];
       break;
     }
     case Kind::kDisk:

@@ -1,11 +1,14 @@
 // What must hold of a terminal, whatever happened to it.
 #include "account/kiosk_account.h"
 #include "account/winlogon.h"
+#include "branding/branding_folder.h"
 #include "enrolment/device_token.h"
 #include "lockdown/policy_tables.h"
+#include "power/power_policy_store.h"
 #include "sim/accounts.h"
 #include "sim/lsa.h"
 #include "sim/machine.h"
+#include "sim/power.h"
 #include "sim/profiles.h"
 #include "sim/sessions.h"
 #include "sim/tasks.h"
@@ -15,6 +18,7 @@
 #include "tests/soak/portal.h"
 #include "tests/soak/world.h"
 #include "tests/support/terminal.h"
+#include "updates/stored_policy.h"
 
 #include <algorithm>
 #include <map>
@@ -138,6 +142,28 @@ bool Healthy() {
 
 std::string HeldToken() { return enrolment::ReadDeviceToken().Get(); }
 
+// Power, updates and branding are as the portal or somebody at the terminal wants them, or wholly the owner's.
+void CheckPolicies() {
+  const sim::Indexes indexes = sim::SchemeIndexes(L"");
+  const auto seconds = [](std::int32_t minutes) { return static_cast<DWORD>(minutes) * 60; };
+  if (power::PowerPolicy policy; power::LoadEffectivePowerPolicy(policy)) {
+    Need(indexes[0] == seconds(policy.screenOffMinutes) && indexes[2] == seconds(policy.sleepMinutes),
+         "policies: the power scheme is not as it is to be");
+    Need(sim::AreaNames(L"Tasks").size() == (policy.schedule.enabled ? 2U : 0U),
+         "policies: tasks without a schedule, or none");
+  } else {
+    Need(indexes[0] == 600 && indexes[2] == 1800, "policies: without a power policy the scheme is not the owner's");
+  }
+  updates::UpdatesPolicy policy;
+  const bool automatic = updates::LoadUpdatesPolicy(policy) && policy.automatic;
+  const std::wstring key = std::wstring(test::kWindowsUpdateKey) + L"\\AU";
+  Need(automatic == state::FlagIsOn(state::kOwnsWuPolicy) &&
+           automatic == test::HasValue(key.c_str(), L"NoAutoRebootWithLoggedOnUsers"),
+       "policies: those of Windows Update do not fit the portal's");
+  Need(test::ListFolder(branding::kBrandingFolder).size() == BrandingFiles(),
+       "policies: the branding is not the portal's");
+}
+
 // A kiosk in every respect.
 void CheckKiosk() {
   const sim::User user = test::Kiosk();
@@ -147,6 +173,7 @@ void CheckKiosk() {
   Need(sim::Secret(L"DefaultPassword") == user.password, "sign-in: the secret is not the kiosk's password");
   Need(Winlogon(L"DefaultPassword") == L"none", "sign-in: a password of the owner's stands beside the secret");
   Need(sim::GroupMembers(test::kAdministrators).size() <= 1, "account: the kiosk is an administrator");
+  CheckPolicies();
   const bool maintenance = state::FlagIsOn(state::kMaintenance);
   // A kill between the mark of a maintenance and the switch leaves it on, until Windows restarts.
   Need(maintenance || Winlogon(L"AutoAdminLogon") == L"1", "sign-in: it is switched off");

@@ -146,6 +146,8 @@ std::string ExitPassword() {
   return Bits(8, 3) == 0 ? std::string() : kPasswordMark + std::to_string(Bits(8, 3)) + "!";
 }
 
+std::size_t BrandingFiles() { return Bits(6, 2); }
+
 void ScriptPortal(sim::ScriptedPortal& portal) {
   portal.On(L"POST", test::kCheckInPath, CheckIn);
   portal.On(L"POST", test::kPairPath, [](const sim::Request&) { return Through(test::kPairingBegins); });

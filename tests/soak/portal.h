@@ -22,5 +22,7 @@ bool CutOff();
 std::string Token(std::uint32_t number);
 // The one of the moment's policy; empty when that has none.
 std::string ExitPassword();
+// How many files the terminal keeps of its branding.
+std::size_t BrandingFiles();
 
 }  // namespace kiosk::soak

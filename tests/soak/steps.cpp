@@ -60,6 +60,21 @@ std::uint32_t DrawWait(Random& random) {
   return 1 + random.Below(kLimits[random.Below(std::size(kLimits))]);
 }
 
+const Row* DrawRow(Random& random) {
+  std::uint32_t ticket = random.Below(Weights());
+  const Row* row = kRows;
+  for (; ticket >= row->weight; ++row) {
+    ticket -= row->weight;
+  }
+  return row;
+}
+
+// What changes much, so that a change that is to fail or to be the last is soon found.
+constexpr Kind kBusy[] = {Kind::kPair,   Kind::kPair,        Kind::kPair,   Kind::kUninstall,
+                          Kind::kRevoke, Kind::kMaintenance, Kind::kSetting};
+
+const Row* RowOf(Kind kind) { return kRows + static_cast<std::size_t>(kind); }
+
 }  // namespace
 
 std::string TextOf(const Step& step) {
@@ -93,11 +108,9 @@ std::vector<Step> Draw(std::uint64_t seed, std::size_t count) {
   Random random(seed);
   std::vector<Step> steps;
   while (steps.size() < count) {
-    std::uint32_t ticket = random.Below(Weights());
-    const Row* row = kRows;
-    for (; ticket >= row->weight; ++row) {
-      ticket -= row->weight;
-    }
+    const bool armed = !steps.empty() && (steps.back().kind == Kind::kKill || steps.back().kind == Kind::kFail);
+    const Row* const row =
+        armed && random.Below(2) == 0 ? RowOf(kBusy[random.Below(std::size(kBusy))]) : DrawRow(random);
     steps.push_back({row->kind, row->kind == Kind::kWait ? DrawWait(random) : random.Below(row->limit)});
   }
   return steps;
