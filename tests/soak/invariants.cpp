@@ -184,13 +184,26 @@ void CheckKiosk() {
        "peace: a good terminal has a mark of its end");
 }
 
+// A call about this thing, or about a key above it.
+bool WasRefused(const std::string& name) {
+  const std::string refused = ReadNote(L"Refused");
+  for (std::size_t at = 0; at < refused.size(); at = refused.find('\n', at) + 1) {
+    const std::size_t object = refused.find('(', at) + 1;
+    const std::string text = refused.substr(object, refused.find(")\n", object) - object);
+    if (!text.empty() && name.starts_with(text)) {
+      return true;
+    }
+  }
+  return false;
+}
+
 // Whether a difference to the owner's computer is none of the product's doing, or what a removal does once and not
 // again and Windows refused (the table in tests/kiosk_faults_test.cpp has the reasons).
 bool IsNobodys(const std::string& name) {
   const bool lastUser = name.ends_with("defaultusername") || name.ends_with("defaultdomainname");
   return (lastUser && !Same(Winlogon(L"DefaultUserName"), kKiosk)) || name.ends_with("\\maintenancefailures") ||
          name.ends_with("\\maintenancelockeduntil") || name.starts_with("hive s-") || name.starts_with("adapter ") ||
-         (name == "secret defaultpassword" && SecretMayStay()) || ReadNote(L"Refused").find(name) != std::string::npos;
+         (name == "secret defaultpassword" && SecretMayStay()) || WasRefused(name);
 }
 
 // As before, but for what the documents name.
