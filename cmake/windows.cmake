@@ -55,18 +55,26 @@ if(BUILD_TESTING)
   add_library(kiosk_contract STATIC ${NORVANE_CONTRACT} tools/proof/main.cpp)
   target_include_directories(kiosk_contract PRIVATE ${CMAKE_SOURCE_DIR})
 
+  file(GLOB NORVANE_SOAK CONFIGURE_DEPENDS tests/soak/*.cpp)
+  add_library(kiosk_soak_parts STATIC ${NORVANE_SOAK} tests/support/fixture.cpp tests/support/terminal.cpp)
+  target_include_directories(kiosk_soak_parts PRIVATE ${CMAKE_SOURCE_DIR})
+  target_link_libraries(kiosk_soak_parts PRIVATE gtest)
+
   set(renamed_pairs)
-  foreach(library kiosk kiosk_entry kiosk_test_cases kiosk_contract)
+  set(renamed_archives)
+  set(renamed_libraries kiosk kiosk_entry kiosk_test_cases kiosk_contract kiosk_soak_parts)
+  foreach(library ${renamed_libraries})
     set(renamed_${library} ${CMAKE_BINARY_DIR}/lib${library}_sim.a)
     list(APPEND renamed_pairs $<TARGET_FILE:${library}> ${renamed_${library}})
+    list(APPEND renamed_archives ${renamed_${library}})
   endforeach()
   add_custom_command(
-    OUTPUT ${renamed_kiosk} ${renamed_kiosk_entry} ${renamed_kiosk_test_cases} ${renamed_kiosk_contract}
+    OUTPUT ${renamed_archives}
     COMMAND ${CMAKE_SOURCE_DIR}/tools/build/sim_symbols.sh ${NORVANE_NM} ${NORVANE_OBJCOPY}
             $<TARGET_FILE:kiosk_simulation> ${renamed_pairs}
-    DEPENDS kiosk kiosk_entry kiosk_test_cases kiosk_contract kiosk_simulation ${CMAKE_SOURCE_DIR}/tools/build/sim_symbols.sh
+    DEPENDS ${renamed_libraries} kiosk_simulation ${CMAKE_SOURCE_DIR}/tools/build/sim_symbols.sh
     VERBATIM)
-  add_custom_target(renamed DEPENDS ${renamed_kiosk} ${renamed_kiosk_entry} ${renamed_kiosk_test_cases} ${renamed_kiosk_contract})
+  add_custom_target(renamed DEPENDS ${renamed_archives})
 
   # Links `target` with the renamed archive `main` and with the simulation, both whole: COM classes and what hears of
   # sessions register themselves when the program starts, and nothing else may refer to them.
@@ -95,6 +103,12 @@ if(BUILD_TESTING)
   add_executable(kiosk_proof_sim tests/contract/hand_simulated.cpp)
   target_include_directories(kiosk_proof_sim PRIVATE ${CMAKE_SOURCE_DIR})
   link_simulated(kiosk_proof_sim ${renamed_kiosk_contract})
+
+  # Random months of a terminal on virtual time.
+  add_executable(kiosk_soak src/service/kiosk.rc)
+  set_target_properties(kiosk_soak PROPERTIES LINKER_LANGUAGE CXX)
+  link_simulated(kiosk_soak ${renamed_kiosk_soak_parts})
+  target_link_libraries(kiosk_soak PRIVATE gtest)  # behind those who use it
 
   # A caller of the pipe for the end-to-end tests, which sign it in many ways.
   add_executable(pipe_client tests/support/pipe_client/pipe_client.cpp)

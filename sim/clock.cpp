@@ -37,7 +37,6 @@ struct Participant {
 
 namespace {
 
-constexpr std::uint64_t kStartTicks = 600'000;  // Windows has been up for ten minutes
 constexpr std::uint64_t kPerMillisecond = 10'000;
 constexpr std::uint64_t kWatchdog = 20'000;  // of real time
 
@@ -54,8 +53,9 @@ struct Guarded {
 };
 
 std::atomic<bool> on{false};
-std::atomic<std::uint64_t> ticks{kStartTicks};
-std::uint64_t wallBase = 0;  // UTC at wallTicks
+std::atomic<std::uint64_t> ticks{0};
+std::uint64_t startTicks = 0;  // when virtual time began
+std::uint64_t wallBase = 0;    // UTC at wallTicks
 std::uint64_t wallTicks = 0;
 int bias = 0;
 std::multimap<std::uint64_t, std::function<void()>> actions;
@@ -64,6 +64,7 @@ std::vector<Waiter*> waiters;
 Participant* tester = nullptr;
 bool actionTurn = false;  // the tester is to run what is due
 DWORD grace = 0;
+bool serial = false;
 std::uint64_t lastMove = 0;      // real time
 std::uint64_t allWaitSince = 0;  // real time, 0: not all
 thread_local Participant* self = nullptr;
@@ -108,11 +109,12 @@ bool AllWait() {
   });
 }
 
-// Ends the waits whose time has come; those of RunUntil only when there is no other.
+// Ends the waits whose time has come, one of them when threads take turns; those of RunUntil only when there is no
+// other.
 bool Expire(bool settling) {
   bool any = false;
   for (Waiter* waiter : waiters) {
-    if (!waiter->done && waiter->settles == settling && waiter->deadline <= ticks) {
+    if (!waiter->done && waiter->settles == settling && waiter->deadline <= ticks && !(serial && any)) {
       Finish(*waiter, WAIT_TIMEOUT);
       any = true;
     }
@@ -120,14 +122,22 @@ bool Expire(bool settling) {
   return any;
 }
 
-// The heart of the clock, called under the guard whenever something may have changed.
-void Settle() {
-  Reap();
+// Ends the waits for what is there by now: all of them, or the oldest when threads take turns and nobody runs.
+void PollAll() {
   for (Waiter* waiter : waiters) {
+    if (serial && !AllWait()) {
+      return;
+    }
     if (!waiter->done) {
       Poll(*waiter);
     }
   }
+}
+
+// The heart of the clock, called under the guard whenever something may have changed.
+void Settle() {
+  Reap();
+  PollAll();
   if (!on || actionTurn || !AllWait()) {
     allWaitSince = 0;
     return;
@@ -201,13 +211,12 @@ void Watch(Waiter& waiter) {
     } else {
       who += wait->lock != nullptr ? " waits for a lock" : " waits for " + std::to_string(wait->count) + " objects";
       who += wait->deadline == kForever ? ", without limit"
-                                        : ", until " + std::to_string(wait->deadline - kStartTicks) + " ms";
+                                        : ", until " + std::to_string(wait->deadline - startTicks) + " ms";
     }
   }
   waiter.error = ERROR_TIMEOUT;
   Finish(waiter, WAIT_FAILED);
-  Violation("virtual time stands still at %llu ms%s", static_cast<unsigned long long>(ticks - kStartTicks),
-            who.c_str());
+  Violation("virtual time stands still at %llu ms%s", static_cast<unsigned long long>(ticks - startTicks), who.c_str());
 }
 
 // A wait that began under virtual time. Ends as the call of Windows would.
@@ -259,10 +268,10 @@ void Leave(Participant* participant, HANDLE ended) {
 
 bool TouchClock() { return self == nullptr; }
 
-VirtualClock::VirtualClock(std::uint64_t startUtc, int biasMinutes) {
+VirtualClock::VirtualClock(std::uint64_t startUtc, int biasMinutes, std::uint64_t upFor) {
   self = tester = Join();
   tester->id = GetCurrentThreadId();
-  ticks = wallTicks = kStartTicks;
+  ticks = wallTicks = startTicks = upFor;
   wallBase = startUtc;
   bias = biasMinutes;
   lastMove = ::GetTickCount64();
@@ -271,7 +280,7 @@ VirtualClock::VirtualClock(std::uint64_t startUtc, int biasMinutes) {
 
 VirtualClock::~VirtualClock() {
   const Guarded lock;
-  on = false;
+  on = serial = false;
   actions.clear();
   std::erase_if(participants, [](const auto& participant) { return participant.get() == tester; });
   self = tester = nullptr;
@@ -284,7 +293,7 @@ VirtualClock::~VirtualClock() {
 
 void VirtualClock::At(std::uint64_t milliseconds, std::function<void()> action) {
   const Guarded lock;
-  actions.emplace(kStartTicks + milliseconds, std::move(action));
+  actions.emplace(startTicks + milliseconds, std::move(action));
 }
 
 void VirtualClock::RunUntil(std::uint64_t milliseconds) {
@@ -294,7 +303,7 @@ void VirtualClock::RunUntil(std::uint64_t milliseconds) {
   WaitVirtually(waiter, milliseconds > elapsed ? milliseconds - elapsed : 0);
 }
 
-std::uint64_t VirtualClock::Elapsed() const { return ticks - kStartTicks; }
+std::uint64_t VirtualClock::Elapsed() const { return ticks - startTicks; }
 
 std::uint64_t VirtualClock::SystemTime() const { return UtcNow(); }
 
@@ -315,6 +324,8 @@ void VirtualClock::SetBias(int minutes) {
 }
 
 void VirtualClock::SetGrace(DWORD realMilliseconds) { grace = realMilliseconds; }
+
+void VirtualClock::Serialise() { serial = true; }
 
 bool ClockIsVirtual() { return on; }
 std::uint64_t VirtualTicks() { return ticks; }
@@ -378,6 +389,9 @@ DWORD WINAPI RunStarted(void* raw) {
   const std::unique_ptr<Start> start(static_cast<Start*>(raw));
   self = start->participant;
   self->id = GetCurrentThreadId();
+  if (serial) {
+    SleepVirtually(0);
+  }
   const DWORD code = start->body(start->argument);
   HANDLE ended = nullptr;
   if (start->ownThread) {
@@ -387,6 +401,6 @@ DWORD WINAPI RunStarted(void* raw) {
   return code;
 }
 
-std::uint64_t ClockNow() { return on ? ticks - kStartTicks : ::GetTickCount64(); }
+std::uint64_t ClockNow() { return on ? ticks - startTicks : ::GetTickCount64(); }
 
 }  // namespace sim

@@ -20,8 +20,9 @@ std::uint64_t FileTimeOf(int year, int month, int day, int hour = 0, int minute 
 // Virtual time for a scope; one at a time, on the thread of the test.
 class VirtualClock {
  public:
-  // `startUtc` as FileTimeOf; `biasMinutes` = UTC - local time (-60 in Warsaw in winter).
-  explicit VirtualClock(std::uint64_t startUtc, int biasMinutes = 0);
+  // `startUtc` as FileTimeOf; `biasMinutes` = UTC - local time (-60 in Warsaw in winter); `upFor` = ms since Windows
+  // started, at least 1.
+  explicit VirtualClock(std::uint64_t startUtc, int biasMinutes = 0, std::uint64_t upFor = 600'000);
   VirtualClock(const VirtualClock&) = delete;
   VirtualClock& operator=(const VirtualClock&) = delete;
   // Timed waits in progress end as timed out; others go on.
@@ -44,6 +45,9 @@ class VirtualClock {
   // For tests with real pipes or files in flight: the clock jumps only after all threads have waited for so long in
   // real time. 0 at first.
   void SetGrace(DWORD realMilliseconds);
+  // From now on one registered thread runs at a time: whose wait is over, or who begins, goes on when all others wait.
+  // In which order things happen then depends on nothing but what is done.
+  void Serialise();
 };
 
 // For the simulation's own functions: a wait, a signal and a blocking lock under either time.

@@ -96,6 +96,10 @@ DWORD RestartComputer() {
   ForgetShutdown();
   RestartAgent();
   TicksStartAnew();
+  return SignInAutomatically();
+}
+
+DWORD SignInAutomatically() {
   const std::optional<User> user = FindUser(WinlogonText(L"DefaultUserName"));
   const std::wstring domain = WinlogonText(L"DefaultDomainName");
   const bool here = domain.empty() || domain == L"." || _wcsicmp(domain.c_str(), ComputerName().c_str()) == 0;

@@ -12,6 +12,8 @@ namespace sim {
 // name, when that account exists, is enabled and has this password. Returns the session; 0: nobody is signed in. The
 // service's process is the test's to end before, and to start after.
 DWORD RestartComputer();
+// The last of that alone, as after a shutdown that kept the kernel and the services (Fast Startup).
+DWORD SignInAutomatically();
 
 // Accounts, groups, secrets, profiles, hives, power schemes, scheduled tasks, default proxy, network adapters and the
 // keys (below HKLM, with all that is below them) as text, a line for each thing, sorted: equal for equal computers.

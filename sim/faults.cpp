@@ -15,6 +15,7 @@ namespace sim {
 namespace {
 
 thread_local FaultPass* armed = nullptr;
+ChangeHook hook = nullptr;
 
 std::mutex readsMutex;  // guards the three below, which are what FailingReads asks for
 std::wstring failingName;
@@ -80,9 +81,15 @@ bool FaultPass::Flushed(const std::wstring& valueName) const {
   return flushed;
 }
 
-bool ChangePoint::Armed() { return armed != nullptr; }
+void SetChangeHook(ChangeHook newHook) { hook = newHook; }
+
+bool ChangePoint::Armed() { return armed != nullptr || hook != nullptr; }
 
 ChangePoint::ChangePoint(const char* function, std::wstring object) {
+  if (armed == nullptr) {
+    error_ = hook({function, std::move(object)});
+    return;
+  }
   armed->calls_.push_back({function, std::move(object)});
   if (armed->at_ == 0 && !armed->wanted_.empty() &&
       armed->calls_.back().Text().find(armed->wanted_) != std::string::npos) {

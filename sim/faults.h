@@ -47,6 +47,11 @@ class FaultPass {
   std::vector<ChangeCall> calls_;
 };
 
+// Goes by before every such call of a thread without a pass, on that thread; what it returns is reported instead of
+// making the call, and 0 makes it. Null: none. To be set while no other thread makes such calls.
+using ChangeHook = DWORD (*)(const ChangeCall& call);
+void SetChangeHook(ChangeHook hook);
+
 // For the simulation's own functions: one call that changes the machine.
 class ChangePoint {
  public:

@@ -39,6 +39,7 @@ TEST_F(AutoLogonTest, AnotherUsersAutoSignInIsLeftAlone) {
     SCOPED_TRACE(&sayElsewhere - waysToSayElsewhere);
     test::ResetComputer();
     test::OwnComputer();
+    test::SetDword(state::kStateKey, L"AutoLogonRestoring", 1);  // an earlier removal could not delete it
     test::Enrol();
     sayElsewhere();
     test::SetString(kWinlogonKey, L"DefaultUserName", L"Łukasz");

@@ -43,8 +43,10 @@ void GiveUpOwnership() {
   }
 }
 
+// A restore of an earlier enrolment that has ended may have left its mark, which would answer the next one's question.
 bool SaveAll() {
-  return kBorrowed.Save() && state::NoteMissingKeys(state::kMadeSignInKeys, {kPasswordLessKey, kSystemPoliciesKey}) &&
+  return state::DeleteStateValue(state::kAutoLogonRestoring) && kBorrowed.Save() &&
+         state::NoteMissingKeys(state::kMadeSignInKeys, {kPasswordLessKey, kSystemPoliciesKey}) &&
          state::WriteStateDword(state::kPriorLsaSecret, PresentSecretDigest().empty() ? 0 : 1) && kBorrowed.Mark();
 }
 
