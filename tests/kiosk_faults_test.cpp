@@ -30,8 +30,6 @@ const struct {
   bool uninstallToo = true;  // false: an uninstall deletes the whole key
 } kCostsItsObject[] = {
     {"lsastoreprivatedata(defaultpassword", "it opens no account any more, and the next enrolment replaces it"},
-    {R"(regcreatekeyexw(hklm\software\microsoft\)", kPutBackOnce},
-    {R"(regsetvalueexw(hklm\software\microsoft\)", kPutBackOnce},
     {R"(regdeletekeyvaluew(hklm\software\microsoft\windows\currentversion\policies\system\hidefastuserswitching)",
      kPutBackOnce},
     {R"(regdeletekeyvaluew(hklm\software\norvane\tessaly\kiosk\priorpower)", nullptr},

@@ -68,6 +68,13 @@ bool BeginRestore() {
   return true;
 }
 
+// Twice, since the copies go with the mark. The log does not say what it was: one of them is a password.
+void PutBackOrTell(const state::BorrowedValue& value) {
+  if (!state::PutBack(value) && !state::PutBack(value)) {
+    log::Log(log::kError, log::kKiosk, "auto sign-in: cannot put %s back", win32::ToNarrow(value.name).c_str());
+  }
+}
+
 }  // namespace
 
 win32::Lock& AutoLogonLock() noexcept { return autoLogonLock; }
@@ -164,10 +171,10 @@ void RestoreAutoLogon() {
   if (ours) {
     for (const state::BorrowedValue& value : kValues) {
       if (value.name != kUserName.name) {
-        state::PutBack(value);
+        PutBackOrTell(value);
       }
     }
-    state::PutBack(kUserName);  // last: while it names the kiosk account, a restore that was cut short is done again
+    PutBackOrTell(kUserName);  // last: while it names the kiosk account, a restore that was cut short is done again
     log::Log(log::kNotice, log::kKiosk, "auto sign-in restored to what it was before enrolment");
   } else {
     log::Log(log::kWarn, log::kKiosk, "auto sign-in now names '%s', not %s; left as it is",

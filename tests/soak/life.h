@@ -69,6 +69,6 @@ void CheckFiles();
 bool CheckSettled();  // false where there is no healthy kiosk
 void CheckPeace();
 void CheckUninstalled();
-inline constexpr std::uint64_t kSettled = 40 * 60'000;
+inline constexpr std::uint64_t kSettled = 2'400'000;  // ms
 
 }  // namespace kiosk::soak
