@@ -1,6 +1,7 @@
-// What the fuzz targets share: another JSON library to ask, and seeds with a case in each line.
+// What the fuzz targets share: another JSON library and the C library to ask, and seeds with a case in each line.
 #pragma once
 
+#include <algorithm>
 #include <cmath>
 #include <cstddef>
 #include <cstdint>
@@ -10,6 +11,7 @@
 #include <string>
 #include <string_view>
 
+#include <arpa/inet.h>
 #include <nlohmann/json.hpp>
 
 using Peer = nlohmann::ordered_json;
@@ -27,6 +29,11 @@ void EachLine(const std::uint8_t* data, std::size_t size, Check check) {
     end = std::min(text.find('\n'), text.size());
     check(text.substr(0, end));
   }
+}
+
+// The peer's reading; a discarded value is none that could be compared, as the peer takes a zero for the end of a text.
+inline Peer PeerOf(std::string_view text) {
+  return text.find('\0') == text.npos ? Peer::parse(text, nullptr, false) : Peer(Peer::value_t::discarded);
 }
 
 inline Peer MemberOf(const Peer& value, const char* name) {
@@ -58,4 +65,13 @@ inline std::int64_t Days(const Peer& value) {
     days |= 1 << day;
   }
   return days;
+}
+
+inline std::string TextOf(const Peer& value) { return value.is_string() ? value.get<std::string>() : std::string(); }
+
+// The C library's reading of an IPv4 address, in the order of the host; -1 is none.
+inline std::int64_t Ipv4(const std::string& text) {
+  in_addr address{};
+  const bool read = text.find('\0') == text.npos && inet_pton(AF_INET, text.c_str(), &address) == 1;
+  return read ? std::int64_t{ntohl(address.s_addr)} : -1;
 }

@@ -1,5 +1,6 @@
 #include "log/day_files.h"
 
+#include "log/day_name.h"
 #include "state/folders.h"
 #include "win32/clock.h"
 #include "win32/handle.h"
@@ -155,8 +156,8 @@ bool ChooseDay(const SYSTEMTIME& now) noexcept {
   currentYear = now.wYear;
   currentMonth = now.wMonth;
   currentDay = now.wDay;
-  static_cast<void>(std::swprintf(dayFolder.data(), dayFolder.size(), L"%ls\\%04d-%02d-%02d", state::kLogRoot,
-                                  now.wYear, now.wMonth, now.wDay));
+  static_cast<void>(std::swprintf(dayFolder.data(), dayFolder.size(), L"%ls\\%ls", state::kLogRoot,
+                                  DayName(now.wYear, now.wMonth, now.wDay).data()));
   static_cast<void>(
       std::swprintf(dayStamp.data(), dayStamp.size(), L"%02d%02d%02d", now.wHour, now.wMinute, now.wSecond));
   // A folder that cannot be made shows again when a file in it is opened.

@@ -1,5 +1,6 @@
 #include "log/housekeeping.h"
 
+#include "log/day_name.h"
 #include "log/log_settings.h"
 #include "state/folders.h"
 #include "win32/clock.h"
@@ -22,20 +23,6 @@ constexpr std::uint64_t kArchiveLife = std::uint64_t{30} * 24 * 3600 * win32::kF
 constexpr std::uint32_t kDefaultCapMegabytes = 5120;
 
 bool ArchiveIsPlain() noexcept { return win32::IsPlainFolder(GetFileAttributesW(state::kLogArchive)); }
-
-// "YYYY-MM-DD", digits and dashes only.
-bool IsDayName(std::wstring_view name) noexcept {
-  if (name.size() != 10) {
-    return false;
-  }
-  for (std::size_t i = 0; i < name.size(); ++i) {
-    const bool dash = i == 4 || i == 7;
-    if (dash ? name[i] != L'-' : (name[i] < L'0' || name[i] > L'9')) {
-      return false;
-    }
-  }
-  return true;
-}
 
 std::vector<FolderEntry> DayFolders() {
   std::vector<FolderEntry> folders = win32::EntriesOf(state::kLogRoot);
@@ -101,10 +88,9 @@ void PruneLocked() {
 
   SYSTEMTIME now;
   GetLocalTime(&now);
-  wchar_t today[16];
-  static_cast<void>(std::swprintf(today, std::size(today), L"%04d-%02d-%02d", now.wYear, now.wMonth, now.wDay));
+  const auto today = DayName(now.wYear, now.wMonth, now.wDay);
   for (const FolderEntry& day : days) {
-    if (day.Name() != today) {
+    if (day.Name() != today.data()) {
       RemoveDirectoryW(day.path.c_str());  // only an empty one goes
     }
   }

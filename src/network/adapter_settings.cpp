@@ -174,4 +174,29 @@ std::optional<Settings> FromJson(const json::Value& value) {
   return settings;
 }
 
+json::Value ToJson(const std::vector<ChangeRecord>& records) {
+  json::Value list = json::Value::Array();
+  for (const ChangeRecord& each : records) {
+    json::Value item = json::Value::Object();
+    item.Set("adapter", each.adapter).Set("settings", ToJson(each.before));
+    if (each.wanted) {
+      item.Set("wanted", ToJson(*each.wanted)).Set("unproven", each.unproven);
+    }
+    list.Append(std::move(item));
+  }
+  return list;
+}
+
+std::vector<ChangeRecord> RecordsFromJson(const json::Value& list) {
+  std::vector<ChangeRecord> records;
+  for (const json::Value& item : list.items()) {
+    if (std::optional<Settings> before = FromJson(json::Member(item, "settings"))) {
+      std::optional<Settings> wanted = FromJson(json::Member(item, "wanted"));
+      const bool unproven = wanted && json::Member(item, "unproven").boolean();
+      records.push_back({json::Member(item, "adapter").text(), std::move(*before), std::move(wanted), unproven});
+    }
+  }
+  return records;
+}
+
 }  // namespace kiosk::network

@@ -58,4 +58,18 @@ json::Value ToJson(const std::vector<Address>& addresses);
 json::Value ToJson(const Settings& settings);
 std::optional<Settings> FromJson(const json::Value& value);
 
+// A change of an adapter that is not over: under way, cut short, or not proven yet.
+struct ChangeRecord {
+  std::string adapter;
+  Settings before;                 // when several changes followed each other: before the first
+  std::optional<Settings> wanted;  // none in a record that an older version of the service left
+  bool unproven = false;           // made, and the portal has not answered since
+
+  friend bool operator==(const ChangeRecord&, const ChangeRecord&) = default;
+};
+
+// Records as JSON and back; one without whole settings from before is passed over.
+json::Value ToJson(const std::vector<ChangeRecord>& records);
+std::vector<ChangeRecord> RecordsFromJson(const json::Value& list);
+
 }  // namespace kiosk::network

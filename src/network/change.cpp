@@ -71,9 +71,8 @@ bool IsDone(const Adapter& adapter, const Settings& wanted) {
 bool MakeChange(Adapter& adapter, const Settings& wanted) { return Make(adapter, wanted, false, true); }
 
 PutBackResult PutBack(const ChangeRecord& record, bool evenIfStrange, bool tell) {
-  const std::string name = win32::ToNarrow(record.adapter);
   Adapter adapter;
-  const DWORD error = ReadAdapter(record.adapter, adapter);
+  const DWORD error = ReadAdapter(win32::ToWide(record.adapter), adapter);
   if (error != ERROR_SUCCESS) {
     return error == ERROR_NOT_FOUND ? PutBackResult::kGone : PutBackResult::kNotNow;
   }
@@ -86,7 +85,7 @@ PutBackResult PutBack(const ChangeRecord& record, bool evenIfStrange, bool tell)
   // A static adapter without an address cannot be set.
   if (strange || Same(adapter.settings, before) || (!before.dhcp && before.addresses.empty())) {
     ForgetChange(record.adapter);
-    log::Log(log::kNotice, log::kKiosk, "net.set: left %s as it is: %s", name.c_str(),
+    log::Log(log::kNotice, log::kKiosk, "net.set: left %s as it is: %s", record.adapter.c_str(),
              Describe(adapter.settings).c_str());
     return PutBackResult::kOver;
   }
@@ -94,7 +93,7 @@ PutBackResult PutBack(const ChangeRecord& record, bool evenIfStrange, bool tell)
     return PutBackResult::kNotNow;
   }
   ForgetChange(record.adapter);
-  log::Log(log::kWarn, log::kKiosk, "net.set: put %s back to what it was before: %s", name.c_str(),
+  log::Log(log::kWarn, log::kKiosk, "net.set: put %s back to what it was before: %s", record.adapter.c_str(),
            Describe(before).c_str());
   return PutBackResult::kOver;
 }

@@ -2,31 +2,16 @@
 
 #include "state/kiosk_state.h"
 #include "state/stored_json.h"
-#include "win32/wide_text.h"
-
-#include <algorithm>
-#include <utility>
 
 namespace kiosk::network {
 namespace {
 
 bool Store(const std::vector<ChangeRecord>& records) {
-  if (records.empty()) {
-    return state::DeleteStateValue(state::kPriorNetwork);
-  }
-  json::Value list = json::Value::Array();
-  for (const ChangeRecord& each : records) {
-    json::Value item = json::Value::Object();
-    item.Set("adapter", win32::ToNarrow(each.adapter)).Set("settings", ToJson(each.before));
-    if (each.wanted) {
-      item.Set("wanted", ToJson(*each.wanted)).Set("unproven", each.unproven);
-    }
-    list.Append(std::move(item));
-  }
-  return state::StoreJson(state::kPriorNetwork, list);
+  return records.empty() ? state::DeleteStateValue(state::kPriorNetwork)
+                         : state::StoreJson(state::kPriorNetwork, ToJson(records));
 }
 
-void Remove(std::vector<ChangeRecord>& records, const std::wstring& adapter) {
+void Remove(std::vector<ChangeRecord>& records, const std::string& adapter) {
   std::erase_if(records, [&](const ChangeRecord& each) { return each.adapter == adapter; });
 }
 
@@ -34,21 +19,9 @@ void Remove(std::vector<ChangeRecord>& records, const std::wstring& adapter) {
 
 bool HasChangeRecords() { return state::ReadState(state::kPriorNetwork).has_value(); }
 
-std::vector<ChangeRecord> ReadChangeRecords() {
-  std::vector<ChangeRecord> records;
-  const json::Value list = state::LoadJson(state::kPriorNetwork);
-  for (const json::Value& item : list.items()) {
-    if (std::optional<Settings> before = FromJson(json::Member(item, "settings"))) {
-      std::optional<Settings> wanted = FromJson(json::Member(item, "wanted"));
-      const bool unproven = wanted && json::Member(item, "unproven").boolean();
-      records.push_back(
-          {win32::ToWide(json::Member(item, "adapter").text()), std::move(*before), std::move(wanted), unproven});
-    }
-  }
-  return records;
-}
+std::vector<ChangeRecord> ReadChangeRecords() { return RecordsFromJson(state::LoadJson(state::kPriorNetwork)); }
 
-std::optional<ChangeRecord> FindChangeRecord(const std::wstring& adapter) {
+std::optional<ChangeRecord> FindChangeRecord(const std::string& adapter) {
   for (const ChangeRecord& each : ReadChangeRecords()) {
     if (each.adapter == adapter) {
       return each;
@@ -70,7 +43,7 @@ bool NoteChange(const ChangeRecord& record) {
   return false;
 }
 
-bool ForgetChange(const std::wstring& adapter) {
+bool ForgetChange(const std::string& adapter) {
   if (!HasChangeRecords()) {
     return true;
   }

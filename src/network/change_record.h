@@ -10,22 +10,15 @@
 
 namespace kiosk::network {
 
-struct ChangeRecord {
-  std::wstring adapter;
-  Settings before;                 // when several changes followed each other: before the first
-  std::optional<Settings> wanted;  // none in a record that an older version of the service left
-  bool unproven = false;           // made, and the portal has not answered since
-};
-
 bool HasChangeRecords();
 std::vector<ChangeRecord> ReadChangeRecords();
-std::optional<ChangeRecord> FindChangeRecord(const std::wstring& adapter);
+std::optional<ChangeRecord> FindChangeRecord(const std::string& adapter);
 
 // Notes it durably, in the place of an older one of that adapter. False when it is not certain to last; then the older
 // one stands again.
 bool NoteChange(const ChangeRecord& record);
 
 // False when the record is still there.
-bool ForgetChange(const std::wstring& adapter);
+bool ForgetChange(const std::string& adapter);
 
 }  // namespace kiosk::network

@@ -55,8 +55,8 @@ bool Conclude(ChangeRecord& record, bool keep) {
 
 json::Value Set(Adapter& adapter, const NetSetRequest& request) {
   const std::string name = win32::ToNarrow(adapter.name);
-  const std::optional<ChangeRecord> older = FindChangeRecord(adapter.name);
-  ChangeRecord record{adapter.name, older ? older->before : adapter.settings, request.settings};
+  const std::optional<ChangeRecord> older = FindChangeRecord(name);
+  ChangeRecord record{name, older ? older->before : adapter.settings, request.settings};
   const bool done = IsDone(adapter, request.settings);
   if (done && !older) {
     return Applied(adapter);
@@ -82,13 +82,13 @@ bool IsToBeUndone(ChangeRecord& record) {
     return true;
   }
   Adapter adapter;
-  const bool linkUp = ReadAdapter(record.adapter, adapter) == ERROR_SUCCESS && adapter.linkUp;
+  const bool linkUp = ReadAdapter(win32::ToWide(record.adapter), adapter) == ERROR_SUCCESS && adapter.linkUp;
   if (!TrialIsOver(record.adapter, linkUp)) {
     return false;
   }
   log::Log(log::kWarn, log::kKiosk,
-           "net.set: no answer from the portal in 5 minutes since %s was set to %s; going back",
-           win32::ToNarrow(record.adapter).c_str(), Describe(*record.wanted).c_str());
+           "net.set: no answer from the portal in 5 minutes since %s was set to %s; going back", record.adapter.c_str(),
+           Describe(*record.wanted).c_str());
   // An answer that comes while it is half put back proves nothing.
   record.unproven = false;
   NoteChange(record);
@@ -101,7 +101,7 @@ PutBackResult Undo(const ChangeRecord& record) {
     complained = false;
   } else if (!complained.exchange(true)) {
     log::Log(log::kError, log::kKiosk, "net.set: an unfinished change of %s cannot be undone yet; trying on",
-             win32::ToNarrow(record.adapter).c_str());
+             record.adapter.c_str());
   }
   return result;
 }

@@ -4,7 +4,6 @@
 #include "network/change_record.h"
 #include "network/turn.h"
 #include "win32/clock.h"
-#include "win32/wide_text.h"
 #include "win32/worker_wake.h"
 
 #include <algorithm>
@@ -21,7 +20,7 @@ constexpr int kProxyWantsAuthentication = 407;
 std::atomic<unsigned> changesMade{0};
 
 struct Trial {
-  std::wstring adapter;
+  std::string adapter;
   std::uint64_t lookedAt;  // as RunningTime
   bool linkWasUp;
   std::uint64_t linkedFor;
@@ -40,7 +39,7 @@ std::uint64_t RunningTime() {
   return units / win32::kFileTimeMillisecond;
 }
 
-Trial& TrialOf(const std::wstring& adapter) {
+Trial& TrialOf(const std::string& adapter) {
   std::vector<Trial>& trials = Trials();
   const auto found =
       std::find_if(trials.begin(), trials.end(), [&](const Trial& each) { return each.adapter == adapter; });
@@ -66,19 +65,19 @@ void NoteAnswer(unsigned madeBefore, int status) {
     }
     TrialOf(record.adapter).linkedFor = 0;
     if (ForgetChange(record.adapter)) {
-      log::Log(log::kNotice, log::kKiosk, "net.set: the portal answers; %s stays as it is: %s",
-               win32::ToNarrow(record.adapter).c_str(), Describe(*record.wanted).c_str());
+      log::Log(log::kNotice, log::kKiosk, "net.set: the portal answers; %s stays as it is: %s", record.adapter.c_str(),
+               Describe(*record.wanted).c_str());
     }
   }
 }
 
-void BeginTrial(const std::wstring& adapter) {
+void BeginTrial(const std::string& adapter) {
   TrialOf(adapter) = {adapter, RunningTime(), true, 0};
   ++changesMade;
   win32::WakeWorker();
 }
 
-bool TrialIsOver(const std::wstring& adapter, bool linkUp) {
+bool TrialIsOver(const std::string& adapter, bool linkUp) {
   Trial& trial = TrialOf(adapter);
   const std::uint64_t now = RunningTime();
   trial.linkedFor += linkUp && trial.linkWasUp ? now - trial.lookedAt : 0;

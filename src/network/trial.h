@@ -18,10 +18,10 @@ void NoteAnswer(unsigned madeBefore, int status);
 // The rest is for whoever has the turn.
 
 // A change of that adapter was made, shows, and is on record as unproven. Wakes the worker.
-void BeginTrial(const std::wstring& adapter);
+void BeginTrial(const std::string& adapter);
 
 // Asked at each pass of the worker. True when the adapter's link was up for 5 minutes since the change or the start of
 // the service; time in which the computer slept does not count. The 5 minutes then begin anew.
-bool TrialIsOver(const std::wstring& adapter, bool linkUp);
+bool TrialIsOver(const std::string& adapter, bool linkUp);
 
 }  // namespace kiosk::network

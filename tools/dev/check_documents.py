@@ -111,7 +111,7 @@ def policies():
         yield from both_ways(f"member of the policy {policy}", documented, document, present, source)
         for name in sorted(set(present)):
             for place in ("tools/devportal/policy.py", "tools/devportal/page.html", "docs/pipe.md",
-                          f"fuzz/seeds/{policy}-policies.txt"):
+                          f"fuzz/seeds/{policy}_policy_fuzz.txt"):
                 if not re.search(rf"\b{name}\b", read(place)):
                     yield f"{place} does not know {name}, a member of the policy {policy}: add it there"
 

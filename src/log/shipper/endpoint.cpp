@@ -1,6 +1,7 @@
 #include "log/shipper/endpoint.h"
 
 #include "log/log.h"
+#include "log/shipper/retry_after.h"
 #include "win32/clock.h"
 #include "win32/random.h"
 #include "win32/wide_text.h"
@@ -11,7 +12,6 @@
 namespace kiosk::log::shipper {
 namespace {
 
-constexpr std::uint64_t kLongestRetryAfter = 3'600'000;
 constexpr std::wstring_view kPostHeaders = L"Content-Type: application/json\r\n";
 constexpr std::wstring_view kGetHeaders = L"Accept: application/json\r\n";
 
@@ -33,36 +33,13 @@ Verdict Judge(DWORD status) noexcept {
   return status < 400 || IsOneOf(kWaitedFor, status) ? Verdict::kWait : Verdict::kRefused;
 }
 
-// Seconds, or a date (RFC 9110, 10.2.3); 0 for anything else.
-std::uint64_t ParseRetryAfter(const std::wstring& text) noexcept {
-  if (text.empty()) {
-    return 0;
-  }
-  if (text.find_first_not_of(L"0123456789") == std::wstring::npos) {
-    return text.size() > 9 ? kLongestRetryAfter
-                           : std::min<std::uint64_t>(std::stoul(text) * 1000ULL, kLongestRetryAfter);
-  }
-  // "Sun, 06 Nov 1994 08:49:37 GMT", the one form that servers may send. Anything else is refused here: the call below
-  // may answer it with the present time.
-  constexpr std::size_t kDateLength = 29;
-  if (text.size() != kDateLength || text[3] != L',' || !text.ends_with(L" GMT")) {
-    return 0;
-  }
-  SYSTEMTIME parts{};
-  FILETIME time{};
-  if (WinHttpTimeToSystemTime(text.c_str(), &parts) == 0 || SystemTimeToFileTime(&parts, &time) == 0) {
-    return 0;
-  }
-  const std::uint64_t until = win32::FileTimeValue(time);
-  const std::uint64_t now = win32::FileTimeNow();
-  return until <= now ? 0 : std::min((until - now) / win32::kFileTimeMillisecond, kLongestRetryAfter);
-}
-
 Outcome OutcomeOf(const win32::HttpAnswer& answer) {
   if (answer.failedAt != win32::HttpStep::kDone) {
     return {.error = answer.error};
   }
-  return {.verdict = Judge(answer.status), .status = answer.status, .retryAfter = ParseRetryAfter(answer.retryAfter)};
+  return {.verdict = Judge(answer.status),
+          .status = answer.status,
+          .retryAfter = ParseRetryAfter(answer.retryAfter, win32::UnixMilliseconds(win32::FileTimeNow()))};
 }
 
 }  // namespace

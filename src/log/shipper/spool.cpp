@@ -1,6 +1,5 @@
 #include "log/shipper/spool.h"
 
-#include "text/text.h"
 #include "win32/clock.h"
 
 #include <algorithm>
@@ -24,12 +23,6 @@ void MoveInto(const std::wstring& folder, const std::wstring& path) {
   MoveFileExW(path.c_str(), (folder + path.substr(path.find_last_of(L'\\'))).c_str(), 0);
 }
 
-// One record: an object on one line. A power cut may leave a file with zeros where text was to be.
-bool LooksWhole(std::string_view line) noexcept {
-  return line.size() >= 2 && line.size() <= kMaxRecord && line.front() == '{' && line.back() == '}' &&
-         line.find('\0') == std::string_view::npos;
-}
-
 // Others may claim or delete the segment meanwhile; a link is not followed.
 std::uint64_t CountLines(const std::wstring& path) {
   const win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
@@ -46,37 +39,16 @@ std::uint64_t CountLines(const std::wstring& path) {
 
 }  // namespace
 
-bool Segment::ReadMore() {
-  buffer_.erase(0, at_);
-  at_ = 0;
-  const std::size_t had = buffer_.size();
-  buffer_.resize(had + kChunk);
-  DWORD read = 0;
-  const bool ok = ReadFile(file_.Get(), buffer_.data() + had, static_cast<DWORD>(kChunk), &read, nullptr) != 0;
-  buffer_.resize(had + (ok ? read : 0));
-  return buffer_.size() > had;
-}
-
 bool Segment::Next(std::string& record) {
-  for (;;) {
-    const std::size_t end = buffer_.find('\n', at_);
-    if (end == std::string::npos) {
-      if (buffer_.size() - at_ > kMaxRecord) {
-        skipping_ = true;
-        at_ = buffer_.size();
-      }
-      if (!ReadMore()) {
-        return false;  // a last line without its end is torn
-      }
-      continue;
+  while (!records_.Next(record)) {
+    std::string chunk(kChunk, '\0');
+    DWORD read = 0;
+    if (ReadFile(file_.Get(), chunk.data(), static_cast<DWORD>(chunk.size()), &read, nullptr) == 0 || read == 0) {
+      return false;
     }
-    const std::string_view line = text::TrimSpace(std::string_view(buffer_).substr(at_, end - at_));
-    at_ = end + 1;
-    if (!std::exchange(skipping_, false) && LooksWhole(line)) {
-      record = line;
-      return true;
-    }
+    records_.Add({chunk.data(), read});
   }
+  return true;
 }
 
 bool Segment::Delete() noexcept {

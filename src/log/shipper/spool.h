@@ -8,6 +8,7 @@
 // folder.
 #pragma once
 
+#include "log/shipper/segment_records.h"
 #include "win32/folder_entries.h"
 #include "win32/handle.h"
 
@@ -20,16 +21,13 @@
 namespace kiosk::log::shipper {
 
 inline constexpr std::size_t kSegmentSize = std::size_t{256} * 1024;
-// Longer lines are not sent; nothing that this program writes comes near.
-inline constexpr std::size_t kMaxRecord = std::size_t{60} * 1024;
 
 // A claimed segment. Without Delete or Return it stays claimed until the process ends.
 class Segment {
  public:
   Segment(win32::FileHandle file, std::wstring path) : file_(std::move(file)), path_(std::move(path)) {}
 
-  // The next whole record, without its line end; false at the end. What is no record (a torn line, zeros after a power
-  // cut, blank or overlong lines) is passed over.
+  // The next whole record (SegmentRecords); false at the end.
   bool Next(std::string& record);
 
   // Deletes the file. On failure it stays claimed, so that nobody sends it again, and may be tried once more.
@@ -39,13 +37,9 @@ class Segment {
   void Return(const std::wstring& folder);
 
  private:
-  bool ReadMore();
-
   win32::FileHandle file_;
   std::wstring path_;
-  std::string buffer_;
-  std::size_t at_ = 0;
-  bool skipping_ = false;  // inside an overlong line
+  SegmentRecords records_;
 };
 
 // One thread's view of the spool; several, also of several processes, may be at work in the same folder.
