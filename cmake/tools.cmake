@@ -22,3 +22,8 @@ endforeach()
 add_executable(empty_service EXCLUDE_FROM_ALL bench/empty_service.cpp)
 target_link_libraries(empty_service PRIVATE kiosk)
 add_custom_target(benchmarks DEPENDS ${NORVANE_BENCHMARK_TARGETS} empty_service)
+
+# A client of the pipe for developers of a shell to copy from; it uses nothing of this tree but the sentences.
+add_executable(shell_example examples/shell/shell_example.cpp)
+target_link_libraries(shell_example PRIVATE advapi32 ssp)
+configure_file(docs/messages.json ${CMAKE_BINARY_DIR}/messages.json COPYONLY)

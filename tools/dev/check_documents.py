@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""Holds what the documents name (state values, settings, commands, policies, log lines, exit codes, the files of the
-simulation) against the code, and commands and policies against the places that must know each of them."""
+"""Holds what the documents name (state values, settings, commands, error codes, policies, log lines, exit codes, the files
+of the simulation) against the code, and commands and policies against the places that must know each of them."""
+import json
 import pathlib
 import re
 import sys
@@ -73,6 +74,34 @@ def commands():
     yield from both_ways("command", asked, f"{test} (EachCommandHasItsCallers)", present, "src/pipe/dispatch.cpp")
 
 
+def error_codes():
+    document, messages, ctl = "docs/pipe.md (Error codes)", "docs/messages.json", "tools/kioskctl/exchange.cpp"
+    names = re.findall(r"^### ([\w.]+)$", read("docs/pipe.md"), re.MULTILINE)
+    documented = {}  # code and command; "any" for each command
+    for cells in rows("docs/pipe.md", "| code | from, and when | again? |"):
+        patterns = re.findall(r"[a-z]+\.?[*a-z]*", cells[1].split(": ")[0])
+        commands = ["any"] if "any" in patterns else [
+            name for name in names if name in patterns or name.split(".")[0] + ".*" in patterns]
+        documented |= {f"{code} of {command}": code for code in re.findall(r"`(\w+)`", cells[0]) for command in commands}
+    said = [(each["code"], command) for each in json.loads(read(messages)) for command in each.get("commands", ["any"])]
+    yield from both_ways("error code", documented, document, [f"{code} of {command}" for code, command in said], messages)
+    for twice in sorted({each for each in said if said.count(each) > 1}):
+        yield f"{messages} has {twice} twice: take one out"
+    for each in json.loads(read(messages)):
+        again = each["again"]
+        explained = again is False or (type(again) is int and again > 0) or f'"{again}": ' in read("docs/pipe.md")
+        if not explained or not each["sentence"]:
+            yield f"{messages}: {each} lacks a sentence, or an \"again\" that docs/pipe.md explains"
+    # The forms in which a code gets into a reply; of functions that return one as text, those of two folders.
+    code, texts = code_below("src"), code_below("src/account", "src/portal")
+    present = set(re.findall(r'(?:ErrorReply|Failure)\((?:.* [?:] )?"([a-z_]+)"', code) +
+                  re.findall(r'Set\("error", "([a-z_]+)"', code) +
+                  re.findall(r'(?:return (?:\{\w+ \? )?|Outcome)\{?"([a-z_]+)"', texts))
+    present |= {each for each in documented.values() if f'"{each}"' in code}
+    yield from both_ways("error code", documented.values(), document, present, "src")
+    yield from both_ways("error code", re.findall(r'^    \{"(\w+)",', read(ctl), re.MULTILINE), ctl, documented.values(), document)
+
+
 def policies():
     document = "docs/portal-api.md"
     for policy, source in (("power", "src/power/power_policy.cpp"), ("updates", "src/updates/updates_policy.cpp")):
@@ -139,7 +168,7 @@ def exit_codes():
 
 
 def main():
-    wrong = [each for check in (state_values, settings, commands, policies, log_lines, exit_codes, simulation)
+    wrong = [each for check in (state_values, settings, commands, error_codes, policies, log_lines, exit_codes, simulation)
              for each in check()]
     print("\n".join(wrong) or "documents: what they name is what the code has")
     return bool(wrong)

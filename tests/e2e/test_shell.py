@@ -1,0 +1,61 @@
+"""The example of a kiosk shell: a terminal's first hour with it."""
+
+import pathlib
+import re
+import sys
+import tempfile
+import threading
+import unittest
+
+TOOLS = pathlib.Path(__file__).resolve().parents[2] / "tools"
+sys.path[:0] = [str(TOOLS / "devportal"), str(TOOLS / "dev")]
+from devportal import Portal  # noqa: E402
+from life import Stage, beginning  # noqa: E402
+from life.stage import PROGRAMS, SERVICE  # noqa: E402
+from terminal import BUILD, PROGRAM_FOLDER, Terminal  # noqa: E402
+
+
+class Shell(unittest.TestCase):
+    def test_pairs_a_terminal_then_unlocks_and_installs_updates(self):
+        with (tempfile.TemporaryDirectory() as folder, Portal(https_too=folder) as portal,
+              Terminal(programs=(*PROGRAMS, "shell_example.exe", "messages.json"), service=SERVICE) as terminal):
+            stage = Stage(portal, terminal, patient=False)
+            beginning.a_computer_and_its_owner(stage)
+            said = self.talk(terminal, lambda line, enter: self.pair(portal, line, enter))
+            self.assertIn("This terminal is paired.\n", said)
+            stage.check_soon(stage.restart_requested, "the shell has Windows restart at once", 6)
+            beginning.restart_into_the_kiosk(stage)
+
+            terminal.machine("update", "An update")
+            terminal.machine("agent", "3000", "install")
+            words = iter(["unlock", "wrong", "install", "unlock", beginning.EXIT_PASSWORD, "in", "install", "power 20 0", "quit"])
+            said = self.talk(terminal, lambda line, enter: line.endswith(("?", ":")) and enter(next(words)))
+            self.assertRegex(said, r"^Terminal Hall 3 – Łódź\n")
+            self.assertIn("That is not the exit password. It is set in the portal. [wrong_password]\n", said)
+            self.assertIn("The settings have been locked again. Enter the exit password. [not_unlocked]\n", said)
+            self.assertIn("The settings are open for 600 s.\n", said)
+            self.assertRegex(said, r"Installing: \d+ %\n(.*\n)*Nothing is going on.\n")
+            self.assertIn("effective.screenOffMinutes: 20\n", said)
+
+    def pair(self, portal, line, enter):
+        if code := re.search(r"portal: ([A-Z0-9]{8})$", line):
+            portal.claim(code[1], exitPassword=beginning.EXIT_PASSWORD, name="Hall 3 – Łódź")
+        if line.endswith("at once."):
+            enter("")
+
+    def talk(self, terminal, hear):
+        """Runs the shell to its end; `hear` gets each line and a function that enters one. Returns all that it said."""
+        with terminal.start("shell_example.exe", PROGRAM_FOLDER + r"\messages.json", stdin=-1, stderr=None) as shell:
+            patience = threading.Timer(60, shell.kill)
+            patience.start()
+            said = ""
+            for line in shell.stdout:
+                said += line
+
+                def enter(text):
+                    shell.stdin.write(text + "\n")
+                    shell.stdin.flush()
+                hear(line.rstrip(), enter)
+            patience.cancel()
+        self.assertEqual(shell.returncode, 0, said)
+        return said.replace("\r", "")
