@@ -70,7 +70,9 @@ bool BeginRestore() {
 
 // Twice, since the copies go with the mark. The log does not say what it was: one of them is a password.
 void PutBackOrTell(const state::BorrowedValue& value) {
-  if (!state::PutBack(value) && !state::PutBack(value)) {
+  bool back = state::PutBack(value);
+  back = back || state::PutBack(value);
+  if (!back) {
     log::Log(log::kError, log::kKiosk, "auto sign-in: cannot put %s back", win32::ToNarrow(value.name).c_str());
   }
 }
