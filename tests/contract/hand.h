@@ -1,0 +1,53 @@
+// What a case cannot do by a call that Windows documents for programs, and what the simulated Windows has in its own
+// way: two implementations, one for each link.
+#pragma once
+
+#include "win32/winapi.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace contract {
+
+bool IsSimulated() noexcept;
+
+// A local user "NorvaneProofUser" that is there while this lives; CannotRun where none can be made.
+class LocalUser {
+ public:
+  static constexpr wchar_t kName[] = L"NorvaneProofUser";
+  LocalUser();
+  LocalUser(const LocalUser&) = delete;
+  LocalUser& operator=(const LocalUser&) = delete;
+  ~LocalUser();
+  [[nodiscard]] const std::wstring& Sid() const noexcept { return sid_; }
+
+ private:
+  std::wstring sid_;
+};
+
+// Makes `path` a junction to the folder `target`; CannotRun where that cannot be done.
+void MakeJunction(const std::wstring& path, const std::wstring& target);
+
+// An HTTP server on this computer for one request.
+class HttpServer {
+ public:
+  enum class Behaviour {
+    kAnswers,       // 200 with the body "0123456789" and a header "Proof: yes"
+    kRedirects,     // 302 to /elsewhere
+    kSilent,        // takes the request and never answers
+    kHalfABody,     // announces 10 bytes, sends 5 and nothing more
+    kBreaksOff,     // announces 10 bytes, sends 5 and closes
+  };
+  explicit HttpServer(Behaviour behaviour);
+  HttpServer(const HttpServer&) = delete;
+  HttpServer& operator=(const HttpServer&) = delete;
+  ~HttpServer();
+  [[nodiscard]] std::uint16_t Port() const noexcept;
+
+ private:
+  struct Body;
+  std::unique_ptr<Body> body_;
+};
+
+}  // namespace contract

@@ -1,0 +1,114 @@
+// The hand over a real Windows, or Wine.
+#include <winsock2.h>
+
+#include <ws2tcpip.h>
+
+#include "tests/contract/contract.h"
+#include "tests/contract/hand.h"
+#include "win32/handle.h"
+
+#include <winioctl.h>
+
+#include <cstring>
+#include <thread>
+
+namespace contract {
+namespace {
+
+// As [MS-FSCC] 2.1.2.5 has it; the headers for programs leave it out.
+struct MountPoint {
+  DWORD tag;
+  WORD dataLength;
+  WORD reserved;
+  WORD substituteOffset;
+  WORD substituteLength;
+  WORD printOffset;
+  WORD printLength;
+  wchar_t names[1024];
+};
+constexpr WORD kFixedPart = offsetof(MountPoint, substituteOffset);
+
+const char* AnswerOf(HttpServer::Behaviour behaviour) {
+  switch (behaviour) {
+    case HttpServer::Behaviour::kAnswers:
+      return "HTTP/1.1 200 OK\r\nContent-Length: 10\r\nConnection: close\r\n\r\n0123456789";
+    case HttpServer::Behaviour::kRedirects:
+      return "HTTP/1.1 302 Found\r\nLocation: /elsewhere\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+    case HttpServer::Behaviour::kHalfABody:
+    case HttpServer::Behaviour::kBreaksOff:
+      return "HTTP/1.1 200 OK\r\nContent-Length: 10\r\nConnection: close\r\n\r\n01234";
+    case HttpServer::Behaviour::kSilent:
+      break;
+  }
+  return "";
+}
+
+}  // namespace
+
+bool IsSimulated() noexcept { return false; }
+
+void MakeJunction(const std::wstring& path, const std::wstring& target) {
+  CreateDirectoryW(path.c_str(), nullptr);
+  const kiosk::win32::FileHandle link(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+                                                  FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+  const std::wstring text = L"\\??\\" + target;
+  MountPoint point{};
+  point.tag = IO_REPARSE_TAG_MOUNT_POINT;
+  point.substituteLength = static_cast<WORD>(text.size() * sizeof(wchar_t));
+  point.printOffset = static_cast<WORD>(point.substituteLength + sizeof(wchar_t));
+  std::memcpy(point.names, text.c_str(), point.substituteLength);
+  // Both texts end with a zero, of which only the room is counted; the second text is empty.
+  point.dataLength = static_cast<WORD>(4 * sizeof(WORD) + point.substituteLength + 2 * sizeof(wchar_t));
+  DWORD returned = 0;
+  Asked::Needs(link && DeviceIoControl(link.Get(), FSCTL_SET_REPARSE_POINT, &point, point.dataLength + kFixedPart,
+                                       nullptr, 0, &returned, nullptr) != 0,
+               "a junction");
+}
+
+struct HttpServer::Body {
+  SOCKET listener = INVALID_SOCKET;
+  std::uint16_t port = 0;
+  kiosk::win32::KernelHandle end{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  std::thread thread;
+};
+
+HttpServer::HttpServer(Behaviour behaviour) : body_(std::make_unique<Body>()) {
+  WSADATA data;
+  WSAStartup(MAKEWORD(2, 2), &data);
+  body_->listener = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  int size = sizeof(address);
+  Asked::Needs(bind(body_->listener, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
+                   listen(body_->listener, 1) == 0 &&
+                   getsockname(body_->listener, reinterpret_cast<sockaddr*>(&address), &size) == 0,
+               "a server on this computer");
+  body_->port = ntohs(address.sin_port);
+  body_->thread = std::thread([behaviour, body = body_.get()] {
+    const SOCKET client = accept(body->listener, nullptr, nullptr);
+    if (client == INVALID_SOCKET) {
+      return;
+    }
+    char request[4096];
+    recv(client, request, sizeof(request), 0);
+    const char* const answer = AnswerOf(behaviour);
+    send(client, answer, static_cast<int>(std::strlen(answer)), 0);
+    if (behaviour == Behaviour::kSilent || behaviour == Behaviour::kHalfABody) {
+      WaitForSingleObject(body->end.Get(), INFINITE);
+    }
+    shutdown(client, SD_SEND);
+    closesocket(client);
+  });
+}
+
+HttpServer::~HttpServer() {
+  SetEvent(body_->end.Get());
+  closesocket(body_->listener);
+  body_->thread.join();
+  WSACleanup();
+}
+
+std::uint16_t HttpServer::Port() const noexcept { return body_->port; }
+
+}  // namespace contract
