@@ -50,7 +50,7 @@ int MeasureAlone() {
 double MeasureInAnotherProcess(bool shipping) {
   constexpr wchar_t kNowhere[] = L"https://localhost:9/";
   if (shipping) {
-    kiosk::state::WriteValue(HKEY_LOCAL_MACHINE, kSettings, L"LogEndpoint", REG_SZ, kNowhere, sizeof(kNowhere));
+    kiosk::state::WriteString(kSettings, L"LogEndpoint", kNowhere);
   }
   char self[MAX_PATH];
   GetModuleFileNameA(nullptr, self, MAX_PATH);

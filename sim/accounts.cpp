@@ -1,5 +1,6 @@
 #include "sim/accounts.h"
 
+#include "sim/buffers.h"
 #include "sim/clock.h"
 #include "sim/faults.h"
 #include "sim/machine.h"
@@ -9,8 +10,6 @@
 
 #include <algorithm>
 #include <cwchar>
-#include <mutex>
-#include <set>
 
 namespace sim {
 namespace {
@@ -34,8 +33,7 @@ constexpr Group kGroups[] = {
     {kHyperV, L"Hyper-V Administrators", L"Hyper-V-Administratoren"},
 };
 
-std::mutex mutex;
-std::set<void*> buffers;
+Buffers buffers;
 
 std::wstring UserArea(const std::wstring& name) { return L"Users\\" + name; }
 std::wstring GroupArea(const std::wstring& sid) { return L"Groups\\" + sid; }
@@ -59,33 +57,6 @@ std::wstring SidOf(PSID sid) {
   std::wstring copy = text;
   LocalFree(text);
   return copy;
-}
-
-// What NetUserGetInfo returns: the record, and behind it what it points to.
-struct Buffer {
-  alignas(16) std::byte bytes[4096] = {};
-  std::size_t used = 0;
-
-  void* Put(const void* data, std::size_t size) {
-    void* at = bytes + used;
-    std::copy_n(static_cast<const std::byte*>(data), size, bytes + used);
-    used += (size + 15) / 16 * 16;
-    return at;
-  }
-};
-
-// Of the records, what the service reads.
-void Fill(Buffer& buffer, const User& user, USER_INFO_23& info) {
-  PSID sid = nullptr;
-  ConvertStringSidToSidW(user.sid.c_str(), &sid);
-  info.usri23_user_sid = buffer.Put(sid, GetLengthSid(sid));
-  LocalFree(sid);
-}
-
-void Fill(Buffer&, const User& user, USER_INFO_3& info) {
-  info.usri3_password_age = static_cast<DWORD>((UtcTime() - user.passwordSet) / kPerSecond);
-  info.usri3_last_logon = user.lastLogon == 0 ? 0 : static_cast<DWORD>(user.lastLogon / kPerSecond - kUnixEpoch);
-  info.usri3_num_logons = user.lastLogon == 0 ? 0 : 1;
 }
 
 // Copies text out by the rule of LookupAccountSidW: sizes in characters, with the zero when there is no room.
@@ -206,11 +177,6 @@ void FailAccountLookups(DWORD status, DWORD level) {
   WriteNumber(L"", L"LookupLevel", level);
 }
 
-int OpenNetBuffers() {
-  const std::lock_guard guard(mutex);
-  return static_cast<int>(buffers.size());
-}
-
 }  // namespace sim
 
 using namespace sim;
@@ -230,27 +196,30 @@ SIM(NET_API_STATUS, NetUserGetInfo, LPCWSTR server, LPCWSTR name, DWORD level, L
   if (!user) {
     return NERR_UserNotFound;
   }
-  auto* buffer = new Buffer;
-  buffer->used = level == 3 ? sizeof(USER_INFO_3) + 16 : sizeof(USER_INFO_23) + 16;
-  buffer->used -= buffer->used % 16;
+  // Of the records, what the service reads.
   if (level == 3) {
-    Fill(*buffer, *user, reinterpret_cast<USER_INFO_3&>(buffer->bytes));
+    auto* const info = static_cast<USER_INFO_3*>(buffers.New(sizeof(USER_INFO_3)));
+    info->usri3_password_age = static_cast<DWORD>((UtcTime() - user->passwordSet) / kPerSecond);
+    info->usri3_last_logon = user->lastLogon == 0 ? 0 : static_cast<DWORD>(user->lastLogon / kPerSecond - kUnixEpoch);
+    info->usri3_num_logons = user->lastLogon == 0 ? 0 : 1;
+    *result = reinterpret_cast<LPBYTE>(info);
   } else {
-    Fill(*buffer, *user, reinterpret_cast<USER_INFO_23&>(buffer->bytes));
+    PSID sid = nullptr;
+    ConvertStringSidToSidW(user->sid.c_str(), &sid);
+    auto* const info = static_cast<USER_INFO_23*>(buffers.New(sizeof(USER_INFO_23) + GetLengthSid(sid)));
+    info->usri23_user_sid = info + 1;  // behind the record
+    CopySid(GetLengthSid(sid), info->usri23_user_sid, sid);
+    LocalFree(sid);
+    *result = reinterpret_cast<LPBYTE>(info);
   }
-  *result = reinterpret_cast<LPBYTE>(buffer->bytes);
-  const std::lock_guard guard(mutex);
-  buffers.insert(buffer);
   return NERR_Success;
 }
 
 SIM(NET_API_STATUS, NetApiBufferFree, LPVOID memory) {
-  const std::lock_guard guard(mutex);
-  if (memory != nullptr && buffers.erase(memory) == 0) {
+  if (memory != nullptr && !buffers.Free(memory)) {
     Violation("NetApiBufferFree: not a buffer that is in use");
     return ERROR_INVALID_PARAMETER;
   }
-  delete static_cast<Buffer*>(memory);
   return NERR_Success;
 }
 

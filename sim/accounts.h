@@ -41,9 +41,6 @@ void SetGroupLanguage(const std::wstring& language);  // L"de", or L"" for Engli
 // NetUserGetInfo answers with this status from now on, at this level (0: at all of them); status 0: as it should.
 void FailAccountLookups(DWORD status, DWORD level = 0);
 
-// Buffers that NetApiBufferFree has not seen yet.
-int OpenNetBuffers();
-
 // The computer's name, which is the domain of its users.
 std::wstring ComputerName();
 

@@ -51,8 +51,6 @@ void SetPipeCaller(const PipeCaller& caller, DWORD processId) {
   }
 }
 
-void ForgetPipeCallers() { ForgetArea(L"Callers"); }
-
 void SetPipeClientSession(DWORD session, DWORD processId) { WriteNumber(AreaOf(processId), L"Session", session); }
 
 }  // namespace sim

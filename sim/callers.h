@@ -20,7 +20,6 @@ struct PipeCaller {
 };
 
 void SetPipeCaller(const PipeCaller& caller, DWORD processId = 0);
-void ForgetPipeCallers();
 // The session alone.
 void SetPipeClientSession(DWORD session, DWORD processId = 0);
 

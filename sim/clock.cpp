@@ -39,6 +39,7 @@ namespace {
 
 constexpr std::uint64_t kStartTicks = 600'000;  // Windows has been up for ten minutes
 constexpr std::uint64_t kPerMillisecond = 10'000;
+constexpr std::uint64_t kWatchdog = 20'000;  // of real time
 
 // Waits that succeed and releases leave the last error alone, and callers rely on it.
 struct KeepLastError {
@@ -63,7 +64,6 @@ std::vector<Waiter*> waiters;
 Participant* tester = nullptr;
 bool actionTurn = false;  // the tester is to run what is due
 DWORD grace = 0;
-DWORD watchdog = 20'000;
 std::uint64_t lastMove = 0;      // real time
 std::uint64_t allWaitSince = 0;  // real time, 0: not all
 thread_local Participant* self = nullptr;
@@ -189,7 +189,7 @@ void RunDueAction(Waiter& waiter) {
 
 // The test's thread gives its wait up when nothing has moved for too long.
 void Watch(Waiter& waiter) {
-  if (::GetTickCount64() - lastMove < watchdog) {
+  if (::GetTickCount64() - lastMove < kWatchdog) {
     return;
   }
   std::string who;
@@ -259,17 +259,6 @@ void Leave(Participant* participant, HANDLE ended) {
 
 bool TouchClock() { return self == nullptr; }
 
-std::uint64_t FileTimeOf(int year, int month, int day, int hour, int minute, int second) {
-  const SYSTEMTIME parts{
-      static_cast<WORD>(year),   static_cast<WORD>(month),  0, static_cast<WORD>(day), static_cast<WORD>(hour),
-      static_cast<WORD>(minute), static_cast<WORD>(second), 0};
-  FILETIME time{};
-  if (!SystemTimeToFileTime(&parts, &time)) {
-    Violation("%d-%d-%d %d:%d:%d is no moment", year, month, day, hour, minute, second);
-  }
-  return (static_cast<std::uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
-}
-
 VirtualClock::VirtualClock(std::uint64_t startUtc, int biasMinutes) {
   self = tester = Join();
   tester->id = GetCurrentThreadId();
@@ -326,8 +315,6 @@ void VirtualClock::SetBias(int minutes) {
 }
 
 void VirtualClock::SetGrace(DWORD realMilliseconds) { grace = realMilliseconds; }
-
-void VirtualClock::SetWatchdog(DWORD realMilliseconds) { watchdog = realMilliseconds; }
 
 bool ClockIsVirtual() { return on; }
 std::uint64_t VirtualTicks() { return ticks; }

@@ -44,7 +44,6 @@ class VirtualClock {
   // For tests with real pipes or files in flight: the clock jumps only after all threads have waited for so long in
   // real time. 0 at first.
   void SetGrace(DWORD realMilliseconds);
-  void SetWatchdog(DWORD realMilliseconds);  // 20,000 at first
 };
 
 // For the simulation's own functions: a wait, a signal and a blocking lock under either time.

@@ -66,6 +66,7 @@ struct Object : Interface {
 };
 struct Stateless {};
 
+#define CALL STDMETHODCALLTYPE
 // For an interface's table: the methods that every object of the type has, and one that gives a value of `self`.
 #define COM_BASICS(type) .QueryInterface = type::Query, .AddRef = type::AddReference, .Release = type::Drop
 #define COM_GET(value)                                     \
@@ -75,6 +76,7 @@ struct Stateless {};
     return S_OK;                                           \
   }
 
+constexpr VARIANT_BOOL Flag(DWORD value) { return value != 0 ? VARIANT_TRUE : VARIANT_FALSE; }
 inline std::wstring TextOf(const wchar_t* text) { return text != nullptr ? text : L""; }
 
 // Hands a new object out and lets go of it, as a factory does.

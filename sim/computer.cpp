@@ -27,28 +27,19 @@ namespace {
 
 constexpr wchar_t kWinlogon[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon";
 
-std::wstring WinlogonText(const wchar_t* name) {
-  wchar_t text[512];
-  DWORD size = sizeof(text);
-  return RegGetValueW(HKEY_LOCAL_MACHINE, kWinlogon, name, RRF_RT_REG_SZ, nullptr, text, &size) == ERROR_SUCCESS ? text
-                                                                                                                 : L"";
-}
+std::wstring WinlogonText(const wchar_t* name) { return RegistryText(kWinlogon, name).value_or(L""); }
 
 // A count of automatic sign-ins goes down with each of them and ends them at 0.
 bool CountAllows() {
-  DWORD count = 0;
-  DWORD size = sizeof(count);
-  if (RegGetValueW(HKEY_LOCAL_MACHINE, kWinlogon, L"AutoLogonCount", RRF_RT_REG_DWORD, nullptr, &count, &size) != 0) {
-    return true;
-  }
-  if (count == 0) {
+  const std::optional<DWORD> count = RegistryNumber(kWinlogon, L"AutoLogonCount");
+  if (count == DWORD{0}) {
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kWinlogon, L"AutoLogonCount");
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kWinlogon, L"AutoAdminLogon", REG_SZ, L"0", 4);
-    return false;
+    SetRegistryText(kWinlogon, L"AutoAdminLogon", L"0");
+  } else if (count) {
+    const DWORD left = *count - 1;
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kWinlogon, L"AutoLogonCount", REG_DWORD, &left, sizeof(left));
   }
-  --count;
-  RegSetKeyValueW(HKEY_LOCAL_MACHINE, kWinlogon, L"AutoLogonCount", REG_DWORD, &count, sizeof(count));
-  return true;
+  return count != DWORD{0};
 }
 
 std::string Hex(const std::vector<BYTE>& bytes) {
@@ -169,7 +160,6 @@ DWORD RunMachineCommand(const std::wstring& command) {
   std::wstring verb;
   std::wstring name;
   DWORD number = 0;
-  DWORD second = 0;
   words >> verb;
   if (verb == L"signin") {
     words >> name >> number;
@@ -183,27 +173,25 @@ DWORD RunMachineCommand(const std::wstring& command) {
     words >> name >> password;
     AddUser(name, password);
   } else if (verb == L"caller") {
-    if (!(words >> name)) {
-      ForgetPipeCallers();
-    } else {
-      SetPipeCaller({.user = name, .session = words >> number ? std::optional(number) : std::nullopt});
-    }
+    words >> name;
+    SetPipeCaller({.user = name, .session = words >> number ? std::optional(number) : std::nullopt});
   } else if (verb == L"update") {
     std::getline(words >> std::ws, name);
     OfferUpdate({.title = name});
   } else if (verb == L"agent") {
-    words >> number;
-    std::getline(words >> std::ws, name);
-    WriteNumber(kUpdateArea, name, number);
+    words >> number >> name;
+    const wchar_t* const stages[] = {L"search", L"download", L"install"};
+    for (const AgentStage stage : {kSearch, kDownload, kInstall}) {
+      if (name == stages[stage]) {
+        agent.duration[stage].Set(number);
+      }
+    }
   } else if (verb == L"signout") {
     words >> number;
     SignOut(number);
   } else if (verb == L"due") {
     words >> number >> name;
     return RunDueTasks(number, name);
-  } else if (verb == L"stubborn") {
-    words >> number >> second;
-    MakeStubborn(number, second);
   } else {
     Violation("the machine does not know the command %s", Narrow(command).c_str());
   }

@@ -19,10 +19,10 @@ DWORD RestartComputer();
 std::string DumpMachine();
 std::string DumpMachine(const std::vector<std::wstring>& keys);
 
-// "signin NAME [SESSION]", "signout SESSION", "restart", "user NAME [PASSWORD]", "stubborn SESSION MILLISECONDS",
-// "caller NAME [SESSION]" (whom the pipe takes its clients for; without a name: for who they are), "due DAY HH:MM"
-// (runs the scheduled tasks of that time; day 0 is Sunday). Returns what the function returns, or 0. "update TITLE"
-// (one more is offered), "agent NUMBER SETTING" (see sim/windows_update.h). Returns what the function returns, or 0.
+// "signin NAME [SESSION]", "signout SESSION", "restart", "user NAME [PASSWORD]", "caller NAME [SESSION]" (whom the pipe
+// takes its clients for), "due DAY HH:MM" (runs the scheduled tasks of that time; day 0 is Sunday), "update TITLE" (one
+// more is offered), "agent MILLISECONDS STAGE" (how long "search", "download" or "install" takes). Returns what the
+// function returns, or 0.
 DWORD RunMachineCommand(const std::wstring& command);
 
 }  // namespace sim

@@ -43,7 +43,20 @@ bool TouchFaults() { return armed == nullptr; }
 
 FaultPass::FaultPass(FaultKind kind, int at, DWORD error) : kind_(kind), at_(at), error_(error) { armed = this; }
 
-FaultPass::~FaultPass() { armed = nullptr; }
+FaultPass::~FaultPass() {
+  armed = nullptr;
+  if (!wanted_.empty() && at_ == 0) {
+    Violation("the call that was to fail was not made: %s", wanted_.c_str());
+  }
+}
+
+std::vector<std::string> FaultPass::Texts() const {
+  std::vector<std::string> texts;
+  for (const ChangeCall& call : calls_) {
+    texts.push_back(call.Text());
+  }
+  return texts;
+}
 
 bool FaultPass::Flushed(const std::wstring& valueName) const {
   const std::wstring ending = L"\\" + valueName;
@@ -64,6 +77,10 @@ bool ChangePoint::Armed() { return armed != nullptr; }
 
 ChangePoint::ChangePoint(const char* function, std::wstring object) {
   armed->calls_.push_back({function, std::move(object)});
+  if (armed->at_ == 0 && !armed->wanted_.empty() &&
+      armed->calls_.back().Text().find(armed->wanted_) != std::string::npos) {
+    armed->at_ = armed->Count();
+  }
   if (armed->Count() != armed->at_) {
     return;
   }
@@ -94,60 +111,46 @@ std::wstring RegistryObject(HKEY key, const wchar_t* subkey, const wchar_t* valu
 
 using namespace sim;
 
-namespace {
-
-// A numbered registry call.
-template <typename Call>
-LSTATUS Registry(const char* function, HKEY key, const wchar_t* subkey, const wchar_t* value, Call call) {
-  return Change<LSTATUS>(
-      function, [&] { return RegistryObject(key, subkey, value); }, call);
-}
-
-template <typename Result, typename Call>
-Result Named(const char* function, const wchar_t* name, Call call) {
-  return Change<Result>(function, name != nullptr ? name : L"", call);
-}
-
-}  // namespace
-
-#define COUNT_REGISTRY(function, subkeyText, valueText, arguments, ...)                           \
-  SIM(LSTATUS, function, __VA_ARGS__) {                                                           \
-    return Registry(#function, key, subkeyText, valueText, [&] { return ::function arguments; }); \
+// Puts a numbered call about `object` in the place of a function of Windows.
+#define COUNT(result, function, object, arguments, ...)                                             \
+  SIM(result, function, __VA_ARGS__) {                                                              \
+    return Change<result>(                                                                          \
+        #function, [&]() -> std::wstring { return object; }, [&] { return ::function arguments; }); \
   }
-COUNT_REGISTRY(RegCreateKeyExW, subkey, nullptr,
-               (key, subkey, reserved, kind, options, access, security, result, disposition), HKEY key, LPCWSTR subkey,
-               DWORD reserved, LPWSTR kind, DWORD options, REGSAM access, LPSECURITY_ATTRIBUTES security, PHKEY result,
-               LPDWORD disposition)
-COUNT_REGISTRY(RegSetValueExW, nullptr, name, (key, name, reserved, type, data, size), HKEY key, LPCWSTR name,
-               DWORD reserved, DWORD type, const BYTE* data, DWORD size)
-COUNT_REGISTRY(RegSetKeyValueW, subkey, name, (key, subkey, name, type, data, size), HKEY key, LPCWSTR subkey,
-               LPCWSTR name, DWORD type, LPCVOID data, DWORD size)
-COUNT_REGISTRY(RegDeleteKeyValueW, subkey, name, (key, subkey, name), HKEY key, LPCWSTR subkey, LPCWSTR name)
-COUNT_REGISTRY(RegDeleteTreeW, subkey, nullptr, (key, subkey), HKEY key, LPCWSTR subkey)
-COUNT_REGISTRY(RegDeleteKeyExW, subkey, nullptr, (key, subkey, access, reserved), HKEY key, LPCWSTR subkey,
-               REGSAM access, DWORD reserved)
-COUNT_REGISTRY(RegSetKeySecurity, nullptr, nullptr, (key, parts, descriptor), HKEY key, SECURITY_INFORMATION parts,
-               PSECURITY_DESCRIPTOR descriptor)
-COUNT_REGISTRY(RegFlushKey, nullptr, nullptr, (key), HKEY key)
+COUNT(LSTATUS, RegCreateKeyExW, RegistryObject(key, subkey),
+      (key, subkey, reserved, kind, options, access, security, result, disposition), HKEY key, LPCWSTR subkey,
+      DWORD reserved, LPWSTR kind, DWORD options, REGSAM access, LPSECURITY_ATTRIBUTES security, PHKEY result,
+      LPDWORD disposition)
+COUNT(LSTATUS, RegSetValueExW, RegistryObject(key, name), (key, name, reserved, type, data, size), HKEY key,
+      LPCWSTR name, DWORD reserved, DWORD type, const BYTE* data, DWORD size)
+COUNT(LSTATUS, RegSetKeyValueW, RegistryObject(key, subkey, name), (key, subkey, name, type, data, size), HKEY key,
+      LPCWSTR subkey, LPCWSTR name, DWORD type, LPCVOID data, DWORD size)
+COUNT(LSTATUS, RegDeleteKeyValueW, RegistryObject(key, subkey, name), (key, subkey, name), HKEY key, LPCWSTR subkey,
+      LPCWSTR name)
+COUNT(LSTATUS, RegDeleteTreeW, RegistryObject(key, subkey), (key, subkey), HKEY key, LPCWSTR subkey)
+COUNT(LSTATUS, RegDeleteKeyExW, RegistryObject(key, subkey), (key, subkey, access, reserved), HKEY key, LPCWSTR subkey,
+      REGSAM access, DWORD reserved)
+COUNT(LSTATUS, RegSetKeySecurity, RegistryObject(key, nullptr), (key, parts, descriptor), HKEY key,
+      SECURITY_INFORMATION parts, PSECURITY_DESCRIPTOR descriptor)
+COUNT(LSTATUS, RegFlushKey, RegistryObject(key, nullptr), (key), HKEY key)
+COUNT(SC_HANDLE, CreateServiceW, name,
+      (manager, name, display, access, type, start, severity, path, group, tag, needs, account, password),
+      SC_HANDLE manager, LPCWSTR name, LPCWSTR display, DWORD access, DWORD type, DWORD start, DWORD severity,
+      LPCWSTR path, LPCWSTR group, LPDWORD tag, LPCWSTR needs, LPCWSTR account, LPCWSTR password)
+COUNT(WINBOOL, DeleteService, L"", (service), SC_HANDLE service)
+COUNT(WINBOOL, ControlService, L"", (service, control, status), SC_HANDLE service, DWORD control,
+      LPSERVICE_STATUS status)
 
 SIM(WINBOOL, CryptProtectData, DATA_BLOB* in, LPCWSTR text, DATA_BLOB* entropy, PVOID reserved,
     CRYPTPROTECT_PROMPTSTRUCT* prompt, DWORD flags, DATA_BLOB* out) {
-  WriteNumber(L"DataProtection", L"Flags", flags);
-  return Named<BOOL>(__func__ + 4, text,
-                     [&] { return ::CryptProtectData(in, text, entropy, reserved, prompt, flags, out); });
-}
-
-SIM(SC_HANDLE, CreateServiceW, SC_HANDLE manager, LPCWSTR name, LPCWSTR display, DWORD access, DWORD type, DWORD start,
-    DWORD severity, LPCWSTR path, LPCWSTR group, LPDWORD tag, LPCWSTR needs, LPCWSTR account, LPCWSTR password) {
-  return Named<SC_HANDLE>(__func__ + 4, name, [&] {
-    return ::CreateServiceW(manager, name, display, access, type, start, severity, path, group, tag, needs, account,
-                            password);
-  });
+  dataProtectionFlags.Set(flags);
+  return Change<BOOL>(__func__ + 4, text != nullptr ? text : L"",
+                      [&] { return ::CryptProtectData(in, text, entropy, reserved, prompt, flags, out); });
 }
 
 SIM(WINBOOL, ChangeServiceConfigW, SC_HANDLE service, DWORD type, DWORD start, DWORD severity, LPCWSTR path,
     LPCWSTR group, LPDWORD tag, LPCWSTR needs, LPCWSTR account, LPCWSTR password, LPCWSTR display) {
-  return Named<BOOL>(__func__ + 4, display, [&] {
+  return Change<BOOL>(__func__ + 4, display != nullptr ? display : L"", [&] {
     if (service == kTimeServiceHandle) {
       return ConfigureTimeService(start);
     }
@@ -167,19 +170,11 @@ SIM(WINBOOL, ChangeServiceConfig2W, SC_HANDLE service, DWORD level, LPVOID infor
     }
     WriteText(L"Services", L"FailureActions", text);
   }
-  return Named<BOOL>(__func__ + 4, nullptr, [&] { return ::ChangeServiceConfig2W(service, level, information); });
-}
-
-SIM(WINBOOL, DeleteService, SC_HANDLE service) {
-  return Named<BOOL>("DeleteService", nullptr, [&] { return ::DeleteService(service); });
+  return Change<BOOL>(__func__ + 4, L"", [&] { return ::ChangeServiceConfig2W(service, level, information); });
 }
 
 SIM(WINBOOL, StartServiceW, SC_HANDLE service, DWORD count, LPCWSTR* arguments) {
-  return Named<BOOL>(__func__ + 4, nullptr, [&] {
+  return Change<BOOL>(__func__ + 4, L"", [&] {
     return service == kTimeServiceHandle ? StartTimeService() : ::StartServiceW(service, count, arguments);
   });
-}
-
-SIM(WINBOOL, ControlService, SC_HANDLE service, DWORD control, LPSERVICE_STATUS status) {
-  return Named<BOOL>(__func__ + 4, nullptr, [&] { return ::ControlService(service, control, status); });
 }

@@ -26,12 +26,15 @@ class FaultPass {
  public:
   // `at` and `error` are of no matter for kCount; the error is reported in the way of the call that fails.
   explicit FaultPass(FaultKind kind = FaultKind::kCount, int at = 0, DWORD error = ERROR_ACCESS_DENIED);
+  // Fails the first call whose text contains `call`; that there was none is a violation.
+  FaultPass(const char* call, DWORD error) : FaultPass(FaultKind::kFail, 0, error) { wanted_ = call; }
   FaultPass(const FaultPass&) = delete;
   FaultPass& operator=(const FaultPass&) = delete;
   ~FaultPass();
 
   [[nodiscard]] int Count() const { return static_cast<int>(calls_.size()); }
   [[nodiscard]] const std::vector<ChangeCall>& Calls() const { return calls_; }
+  [[nodiscard]] std::vector<std::string> Texts() const;
   // Whether after the last write (or deletion) of the value its key was flushed. False when it was not written.
   [[nodiscard]] bool Flushed(const std::wstring& valueName) const;
 
@@ -40,6 +43,7 @@ class FaultPass {
   FaultKind kind_;
   int at_;
   DWORD error_;
+  std::string wanted_;
   std::vector<ChangeCall> calls_;
 };
 

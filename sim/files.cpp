@@ -1,9 +1,9 @@
 #include "sim/files.h"
 
-#include "log/day_files.h"
 #include "sim/files_internal.h"
 #include "sim/machine.h"
 #include "sim/program_files.h"
+#include "state/folders.h"
 
 #include <winternl.h>
 
@@ -154,11 +154,11 @@ bool HandleAllows(HANDLE file, DWORD rights) {
 }
 
 bool InSpool(const std::wstring& plain) {
-  return plain.starts_with(Lower(kiosk::log::kLogRoot) + L"\\drop\\") && plain.ends_with(L".gelf");
+  return plain.starts_with(Lower(kiosk::state::kLogRoot) + L"\\drop\\") && plain.ends_with(L".gelf");
 }
 
 bool Counts(const std::wstring& plain) {
-  return InSpool(plain) || !(plain + L"\\").starts_with(Lower(kiosk::log::kLogRoot) + L"\\");
+  return InSpool(plain) || !(plain + L"\\").starts_with(Lower(kiosk::state::kLogRoot) + L"\\");
 }
 
 namespace {
@@ -340,11 +340,11 @@ SIM(WINBOOL, WriteFile, HANDLE file, LPCVOID data, DWORD size, LPDWORD written, 
   return done;
 }
 
-// As much room as the area "Disk" says; the development machine's own otherwise.
+// As much room as freeDiskMegabytes says.
 SIM(WINBOOL, GetDiskFreeSpaceExW, LPCWSTR folder, PULARGE_INTEGER available, PULARGE_INTEGER total,
     PULARGE_INTEGER free) {
   const BOOL done = ::GetDiskFreeSpaceExW(folder, available, total, free);
-  if (const std::optional<DWORD> megabytes = ReadNumber(L"Disk", L"FreeMB"); done && megabytes) {
+  if (const std::optional<DWORD> megabytes = freeDiskMegabytes.Read(); done && megabytes) {
     available->QuadPart = std::uint64_t{*megabytes} * 1024 * 1024;
   }
   return done;

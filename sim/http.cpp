@@ -69,7 +69,6 @@ HandlePtr Child(const char* function, HINTERNET parent, Stage stage) {
   auto child = std::make_shared<Handle>();
   child->stage = static_cast<Stage>(static_cast<int>(stage) + 1);
   child->request = from->request;
-  child->async = from->async;
   child->callback = from->callback;
   child->notifications = from->notifications;
   return child;
@@ -112,11 +111,11 @@ DWORD SetOption(Handle& handle, DWORD option, const void* value, DWORD size) {
   return ERROR_SUCCESS;
 }
 
-// Both answer through the callback alone when they are asynchronous: a place for the number that is gone when they
-// complete "can cause a memory fault".
-void CheckCount(const char* function, const Handle& handle, const DWORD* count) {
-  if ((count == nullptr) != handle.async) {
-    Violation("%s: the number is %s", function, handle.async ? "not null in asynchronous mode" : "null");
+// Both answer through the callback alone: a place for the number that is gone when they complete "can cause a memory
+// fault".
+void CheckCount(const char* function, const DWORD* count) {
+  if (count != nullptr) {
+    Violation("%s: the number is not null in asynchronous mode", function);
   }
 }
 
@@ -155,6 +154,14 @@ std::vector<Request> ScriptedPortal::Requests() const {
   return requests;
 }
 
+std::vector<std::uint64_t> ScriptedPortal::Seconds() const {
+  std::vector<std::uint64_t> seconds;
+  for (const Request& request : Requests()) {
+    seconds.push_back(request.at / 1000);
+  }
+  return seconds;
+}
+
 int OpenHttpHandles() {
   const std::lock_guard guard(mutex);
   return static_cast<int>(handles.size());
@@ -178,14 +185,15 @@ SIM(HINTERNET, WinHttpOpen, LPCWSTR agent, DWORD access, LPCWSTR proxy, LPCWSTR 
   if (!scripted) {
     return ::WinHttpOpen(agent, access, proxy, bypass, flags);
   }
-  if ((flags & ~DWORD{WINHTTP_FLAG_ASYNC}) != 0 ||
+  // "Concurrency in WinHTTP": only an asynchronous request may be closed while something of it is not over, and the
+  // service could not stop before.
+  if (flags != WINHTTP_FLAG_ASYNC ||
       (access != WINHTTP_ACCESS_TYPE_NAMED_PROXY && (proxy != nullptr || bypass != nullptr))) {
     Violation("WinHttpOpen: flags 0x%lx, or a proxy without WINHTTP_ACCESS_TYPE_NAMED_PROXY", flags);
   }
   auto session = std::make_shared<Handle>();
   session->request.userAgent = agent != nullptr ? agent : L"";
   session->request.accessType = access;
-  session->async = (flags & WINHTTP_FLAG_ASYNC) != 0;
   return Register(std::move(session));
 }
 
@@ -264,37 +272,26 @@ SIM(WINBOOL, WinHttpSendRequest, HINTERNET handle, LPCWSTR headers, DWORD header
   request.at = ClockNow();
   found->bodyAt = body != nullptr ? body : request.body.data();
   found->response = Answer(request);
-  return BeginOperation({.function = "WinHttpSendRequest",
-                         .handle = found,
-                         .delay = found->response.connectDelay,
-                         .timeout = request.connectTimeout,
-                         .effect =
-                             [found] {
-                               const Response& response = found->response;
-                               found->stage = Stage::kSent;
-                               // WINHTTP_OPTION_CONNECT_RETRIES: so many addresses of the host are tried, each once.
-                               return response.deadAddresses <
-                                              found->request.Number(WINHTTP_OPTION_CONNECT_RETRIES, kConnectRetries)
-                                          ? response.sendError
-                                          : DWORD{ERROR_WINHTTP_CANNOT_CONNECT};
-                             },
-                         .completion = WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE});
+  const auto effect = [found] {
+    found->stage = Stage::kSent;
+    // WINHTTP_OPTION_CONNECT_RETRIES: so many addresses of the host are tried, each once.
+    const DWORD tried = found->request.Number(WINHTTP_OPTION_CONNECT_RETRIES, kConnectRetries);
+    return found->response.deadAddresses < tried ? found->response.sendError : DWORD{ERROR_WINHTTP_CANNOT_CONNECT};
+  };
+  return BeginOperation({"WinHttpSendRequest", found, found->response.connectDelay, request.connectTimeout, effect,
+                         WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE});
 }
 
 SIM(WINBOOL, WinHttpReceiveResponse, HINTERNET handle, LPVOID reserved) {
   FIND(WinHttpReceiveResponse, handle, Stage::kSent, Stage::kSent, handle, reserved)
   const DWORD limit = found->request.Number(WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, kResponseTimeout);
-  return BeginOperation({.function = "WinHttpReceiveResponse",
-                         .handle = found,
-                         .delay = found->response.headersDelay,
-                         .timeout = static_cast<int>(limit),
-                         .effect =
-                             [found] {
-                               const DWORD error = found->response.receiveError;
-                               found->stage = error == 0 ? Stage::kAnswered : found->stage;
-                               return error;
-                             },
-                         .completion = WINHTTP_CALLBACK_STATUS_HEADERS_AVAILABLE});
+  const auto effect = [found] {
+    const DWORD error = found->response.receiveError;
+    found->stage = error == 0 ? Stage::kAnswered : found->stage;
+    return error;
+  };
+  return BeginOperation({"WinHttpReceiveResponse", found, found->response.headersDelay, static_cast<int>(limit), effect,
+                         WINHTTP_CALLBACK_STATUS_HEADERS_AVAILABLE});
 }
 
 SIM(WINBOOL, WinHttpQueryHeaders, HINTERNET handle, DWORD what, LPCWSTR name, LPVOID buffer, LPDWORD size,
@@ -324,57 +321,36 @@ SIM(WINBOOL, WinHttpQueryHeaders, HINTERNET handle, DWORD what, LPCWSTR name, LP
 
 SIM(WINBOOL, WinHttpQueryDataAvailable, HINTERNET handle, LPDWORD count) {
   FIND(WinHttpQueryDataAvailable, handle, Stage::kAnswered, Stage::kAnswered, handle, count)
-  CheckCount("WinHttpQueryDataAvailable", *found, count);
+  CheckCount("WinHttpQueryDataAvailable", count);
   const bool more = found->sent < found->response.body.size();
-  return BeginOperation({.function = "WinHttpQueryDataAvailable",
-                         .handle = found,
-                         .delay = found->available == 0 && more ? found->response.chunkDelay : 0,
-                         .timeout = found->request.receiveTimeout,
-                         .effect =
-                             [found, count] {
-                               const Response& response = found->response;
-                               const std::size_t left = response.body.size() - found->sent;
-                               if (found->available == 0) {
-                                 found->available = static_cast<DWORD>(std::min(left, response.chunk));
-                               }
-                               if (count != nullptr) {
-                                 *count = found->available;
-                               }
-                               return left == 0 ? response.bodyError : 0;
-                             },
-                         .completion = WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE,
-                         .information = &found->available,
-                         .length = &kNumberSize});
+  const auto effect = [found] {
+    const std::size_t left = found->response.body.size() - found->sent;
+    if (found->available == 0) {
+      found->available = static_cast<DWORD>(std::min(left, found->response.chunk));
+    }
+    return left == 0 ? found->response.bodyError : 0;
+  };
+  return BeginOperation({"WinHttpQueryDataAvailable", found,
+                         found->available == 0 && more ? found->response.chunkDelay : 0, found->request.receiveTimeout,
+                         effect, WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE, &found->available, &kNumberSize});
 }
 
 SIM(WINBOOL, WinHttpReadData, HINTERNET handle, LPVOID buffer, DWORD size, LPDWORD read) {
   FIND(WinHttpReadData, handle, Stage::kAnswered, Stage::kAnswered, handle, buffer, size, read)
-  CheckCount("WinHttpReadData", *found, read);
+  CheckCount("WinHttpReadData", read);
   if (found->available < size) {
     Violation("WinHttpReadData: waiting for more than is available is not simulated");
   }
   const DWORD count = std::min(size, found->available);
-  return BeginOperation({.function = "WinHttpReadData",
-                         .handle = found,
-                         .delay = found->response.readDelay,
-                         .timeout = found->request.receiveTimeout,
-                         .effect =
-                             [found, buffer, read, count] {
-                               std::copy_n(found->response.body.data() + found->sent, count,
-                                           static_cast<char*>(buffer));
-                               found->sent += count;
-                               found->available -= count;
-                               found->lastRead = count;
-                               if (read != nullptr) {
-                                 *read = count;
-                               }
-                               return DWORD{0};
-                             },
-                         .completion = WINHTTP_CALLBACK_STATUS_READ_COMPLETE,
-                         .information = buffer,
-                         .length = &found->lastRead,
-                         .buffer = buffer,
-                         .size = size});
+  const auto effect = [found, buffer, count] {
+    std::copy_n(found->response.body.data() + found->sent, count, static_cast<char*>(buffer));
+    found->sent += count;
+    found->available -= count;
+    found->lastRead = count;
+    return DWORD{0};
+  };
+  return BeginOperation({"WinHttpReadData", found, found->response.readDelay, found->request.receiveTimeout, effect,
+                         WINHTTP_CALLBACK_STATUS_READ_COMPLETE, buffer, &found->lastRead, buffer, size});
 }
 
 SIM(WINBOOL, WinHttpCloseHandle, HINTERNET handle) {

@@ -1,7 +1,7 @@
 // A portal in script behind WinHTTP, for tests in virtual time. While a ScriptedPortal exists the WinHTTP calls of the
 // service are answered from it, without a network and with the contract of WinHTTP checked: order of calls, kinds of
-// handles, sizes of options, use after closing, a synchronous call whose handle is closed under it, one operation of an
-// asynchronous request at a time, what must stay as it is until the callback.
+// handles, sizes of options, use after closing, one operation of a request at a time, what must stay as it is until the
+// callback. Synchronous use is a violation.
 #pragma once
 
 #include "win32/winapi.h"
@@ -54,10 +54,15 @@ class ScriptedPortal {
   // Answers a method and path (query aside); the latest script for both holds. Anything else gets 404. The handler
   // runs on the thread that sends.
   void On(const std::wstring& method, const std::wstring& path, Handler handler);
+  void On(const std::wstring& method, const std::wstring& path, const Response& response) {
+    On(method, path, [response](const Request&) { return response; });
+  }
   // WinHttpSetOption fails for this one from now on.
   void RefuseOption(DWORD option);
   // All requests so far, those of failed connections included.
   [[nodiscard]] std::vector<Request> Requests() const;
+  // The seconds of virtual time at which they were sent.
+  [[nodiscard]] std::vector<std::uint64_t> Seconds() const;
 };
 
 // Scripted handles that are not closed yet.

@@ -41,7 +41,7 @@ DWORD Run(const Operation& operation) {
   DWORD error = operation.delay > limit ? ERROR_WINHTTP_TIMEOUT : 0;
   if (Wait(handle.closed, std::min(operation.delay, limit)) == WAIT_OBJECT_0) {
     // WinHttpCloseHandle returns before the handle is torn down, and what the operation uses must be valid until then.
-    sim_Sleep(handle.async ? kTeardown : 0);
+    sim_Sleep(kTeardown);
     if (operation.size != 0) {
       std::memset(operation.buffer, 0xDD, operation.size);
     }
@@ -56,7 +56,12 @@ DWORD Run(const Operation& operation) {
   return error != 0 ? error : operation.effect();
 }
 
-void Complete(const Operation& operation, DWORD error) {
+void RunAndComplete(const Operation& operation) {
+  const DWORD error = Run(operation);
+  {
+    const std::lock_guard guard(mutex);
+    operation.handle->pending = false;
+  }
   if (error == 0) {
     Call(*operation.handle, operation.completion, operation.information,
          operation.length != nullptr ? *operation.length : 0);
@@ -64,19 +69,7 @@ void Complete(const Operation& operation, DWORD error) {
     WINHTTP_ASYNC_RESULT result{0, error};
     Call(*operation.handle, WINHTTP_CALLBACK_STATUS_REQUEST_ERROR, &result, sizeof(result));
   }
-}
-
-DWORD RunAndComplete(const Operation& operation) {
-  const DWORD error = Run(operation);
-  {
-    const std::lock_guard guard(mutex);
-    operation.handle->pending = false;
-  }
-  if (operation.handle->async) {
-    Complete(operation, error);
-  }
   Leave(operation.handle);
-  return error;
 }
 
 DWORD WINAPI RunOnThread(void* raw) {
@@ -100,29 +93,19 @@ BOOL BeginOperation(Operation operation) {
     ++handle.uses;
   }
   constexpr DWORD kAll = WINHTTP_CALLBACK_FLAG_ALL_COMPLETIONS | WINHTTP_CALLBACK_FLAG_HANDLES;
-  if (handle.async && (handle.callback == nullptr || (handle.notifications & kAll) != kAll)) {
+  if (handle.callback == nullptr || (handle.notifications & kAll) != kAll) {
     Violation("%s: without a callback nobody hears of its end", operation.function);
   }
-  DWORD error = ERROR_SUCCESS;
-  if (!handle.async) {
-    error = RunAndComplete(operation);
-  } else if (operation.delay == 0) {
+  if (operation.delay == 0) {
     RunAndComplete(operation);
   } else {
     CloseHandle(sim_CreateThread(nullptr, 0, RunOnThread, new Operation(std::move(operation)), 0, nullptr));
   }
-  SetLastError(error);
-  return error == ERROR_SUCCESS;
+  SetLastError(ERROR_SUCCESS);
+  return TRUE;
 }
 
 void CloseUnderOperation(const HandlePtr& handle) {
-  {
-    const std::lock_guard guard(mutex);
-    if (handle->pending && !handle->async) {
-      // "Concurrency in WinHTTP": only an asynchronous request may be closed while something of it is not over.
-      Violation("WinHttpCloseHandle: a thread waits in a synchronous call on the handle");
-    }
-  }
   Signal(handle->closed);
   Leave(handle);
 }

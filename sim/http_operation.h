@@ -17,7 +17,6 @@ struct Handle {
   Response response;
   std::size_t sent = 0;  // bytes of the body that were read
   DWORD available = 0, lastRead = 0;
-  bool async = false;
   WINHTTP_STATUS_CALLBACK callback = nullptr;
   DWORD notifications = 0;
   const void* bodyAt = nullptr;  // the caller's, which WinHTTP reads until the response is there
@@ -33,8 +32,8 @@ struct Handle {
 };
 using HandlePtr = std::shared_ptr<Handle>;
 
-// It takes its time unless a time-out or the closing of the handle comes first, and then has its effect. Asynchronously
-// it is over when the callback was called.
+// It takes its time unless a time-out or the closing of the handle comes first, then has its effect, and is over when
+// the callback was called.
 struct Operation {
   const char* function;
   HandlePtr handle;
@@ -48,7 +47,7 @@ struct Operation {
   DWORD size = 0;
 };
 
-// As the function itself would answer: with the error of the operation when that is synchronous.
+// Always true, as the function itself answers.
 BOOL BeginOperation(Operation operation);
 
 // The handle was taken out of the table. Its last callback comes when nothing uses it any more.

@@ -1,5 +1,6 @@
 #include "sim/lsa.h"
 
+#include "sim/buffers.h"
 #include "sim/faults.h"
 #include "sim/machine.h"
 
@@ -7,18 +8,16 @@
 
 #include <algorithm>
 #include <atomic>
-#include <map>
-#include <mutex>
+#include <cstddef>
 
 namespace sim {
 namespace {
 
 constexpr wchar_t kArea[] = L"Secrets";
 
-std::mutex mutex;
-std::map<LSA_HANDLE, ACCESS_MASK> handles;
+Buffers handles;  // each holds the rights that it was opened with
+Buffers buffers;  // the text begins right behind the counted string
 std::atomic<int> questions{0};
-std::map<void*, std::size_t> buffers;  // and the size of their text, which begins right behind the counted string
 
 // The status whose LsaNtStatusToWinError is the error.
 NTSTATUS StatusOf(DWORD error) {
@@ -45,13 +44,11 @@ std::wstring TextOf(const LSA_UNICODE_STRING* text, const char* what) {
 }
 
 DWORD CheckHandle(LSA_HANDLE handle, ACCESS_MASK needed) {
-  const std::lock_guard guard(mutex);
-  const auto found = handles.find(handle);
-  if (found == handles.end()) {
+  if (handles.SizeOf(handle) == 0) {
     Violation("an LSA function is given a handle that is not open");
     return ERROR_INVALID_HANDLE;
   }
-  return (found->second & needed) == needed ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
+  return (*static_cast<ACCESS_MASK*>(handle) & needed) == needed ? ERROR_SUCCESS : ERROR_ACCESS_DENIED;
 }
 
 }  // namespace
@@ -63,11 +60,6 @@ void SetSecret(const std::wstring& name, const std::wstring& text) { WriteText(k
 void FailLsa(DWORD error) { WriteNumber(L"Lsa", L"Error", error); }
 
 int LsaQuestions() { return questions; }
-
-int OpenLsaObjects() {
-  const std::lock_guard guard(mutex);
-  return static_cast<int>(handles.size() + buffers.size());
-}
 
 }  // namespace sim
 
@@ -85,19 +77,16 @@ SIM(NTSTATUS, LsaOpenPolicy, PLSA_UNICODE_STRING system, PLSA_OBJECT_ATTRIBUTES 
   if (const DWORD error = ReadNumber(L"Lsa", L"Error").value_or(ERROR_SUCCESS); error != ERROR_SUCCESS) {
     return StatusOf(error);
   }
-  const std::lock_guard guard(mutex);
-  *handle = new ACCESS_MASK(access);
-  handles[*handle] = access;
+  *handle = handles.New(sizeof(access));
+  *static_cast<ACCESS_MASK*>(*handle) = access;
   return 0;
 }
 
 SIM(NTSTATUS, LsaClose, LSA_HANDLE handle) {
-  const std::lock_guard guard(mutex);
-  if (handles.erase(handle) == 0) {
+  if (!handles.Free(handle)) {
     Violation("LsaClose: the handle is not open");
     return StatusOf(ERROR_INVALID_HANDLE);
   }
-  delete static_cast<ACCESS_MASK*>(handle);
   return 0;
 }
 
@@ -130,27 +119,23 @@ SIM(NTSTATUS, LsaRetrievePrivateData, LSA_HANDLE handle, PLSA_UNICODE_STRING nam
     return StatusOf(ERROR_FILE_NOT_FOUND);
   }
   const std::size_t size = text->size() * sizeof(wchar_t);
-  auto* memory = new std::byte[sizeof(LSA_UNICODE_STRING) + size];
-  auto* characters = reinterpret_cast<wchar_t*>(memory + sizeof(LSA_UNICODE_STRING));
+  void* const memory = buffers.New(sizeof(LSA_UNICODE_STRING) + size);
+  auto* const characters = reinterpret_cast<wchar_t*>(static_cast<LSA_UNICODE_STRING*>(memory) + 1);
   std::copy_n(text->data(), text->size(), characters);
   *data = new (memory) LSA_UNICODE_STRING{static_cast<USHORT>(size), static_cast<USHORT>(size), characters};
-  const std::lock_guard guard(mutex);
-  buffers[memory] = size;
   return 0;
 }
 
 SIM(NTSTATUS, LsaFreeMemory, PVOID memory) {
-  const std::lock_guard guard(mutex);
-  const auto found = buffers.find(memory);
-  if (found == buffers.end()) {
+  const auto* const begin = static_cast<const std::byte*>(memory);
+  const auto* const end = begin + buffers.SizeOf(memory);
+  if (begin == end) {
     Violation("LsaFreeMemory: not a buffer that is in use");
     return StatusOf(ERROR_INVALID_PARAMETER);
   }
-  const auto* bytes = static_cast<std::byte*>(memory) + sizeof(LSA_UNICODE_STRING);
-  if (std::any_of(bytes, bytes + found->second, [](std::byte each) { return each != std::byte{}; })) {
+  if (std::any_of(begin + sizeof(LSA_UNICODE_STRING), end, [](std::byte each) { return each != std::byte{}; })) {
     Violation("LsaFreeMemory: the secret was not wiped");
   }
-  buffers.erase(found);
-  delete[] static_cast<std::byte*>(memory);
+  buffers.Free(memory);
   return 0;
 }

@@ -15,7 +15,5 @@ void SetSecret(const std::wstring& name, const std::wstring& text);
 void FailLsa(DWORD error);
 // How often this process has opened it.
 int LsaQuestions();
-// Handles and buffers that were not closed or freed yet.
-int OpenLsaObjects();
 
 }  // namespace sim

@@ -7,37 +7,56 @@ std::wstring KeyOf(const std::wstring& area) {
   return area.empty() ? std::wstring(kMachineKey) : std::wstring(kMachineKey) + L"\\" + area;
 }
 
-void Write(const std::wstring& area, const std::wstring& name, DWORD type, const void* data, std::size_t size) {
-  RegSetKeyValueW(HKEY_LOCAL_MACHINE, KeyOf(area).c_str(), name.c_str(), type, data, static_cast<DWORD>(size));
+// The names that `next` finds below the area's key, one after the other.
+template <typename Next>
+std::vector<std::wstring> Names(const std::wstring& area, Next next) {
+  std::vector<std::wstring> names;
+  HKEY key = nullptr;
+  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, KeyOf(area).c_str(), 0, KEY_READ, &key) == 0) {
+    wchar_t name[1024];
+    while (next(key, static_cast<DWORD>(names.size()), name, DWORD{1024}) == 0) {
+      names.emplace_back(name);
+    }
+    RegCloseKey(key);
+  }
+  return names;
 }
 
 }  // namespace
 
-std::optional<std::wstring> ReadText(const std::wstring& area, const std::wstring& name) {
+std::optional<std::wstring> RegistryText(const std::wstring& key, const wchar_t* name) {
   wchar_t text[2048];
   DWORD size = sizeof(text);
-  if (RegGetValueW(HKEY_LOCAL_MACHINE, KeyOf(area).c_str(), name.c_str(), RRF_RT_REG_SZ, nullptr, text, &size) != 0) {
-    return std::nullopt;
-  }
-  return text;
+  const LSTATUS error = RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, RRF_RT_REG_SZ, nullptr, text, &size);
+  return error == ERROR_SUCCESS ? std::optional<std::wstring>(text) : std::nullopt;
+}
+
+std::optional<DWORD> RegistryNumber(const std::wstring& key, const wchar_t* name) {
+  DWORD number = 0;
+  DWORD size = sizeof(number);
+  const LSTATUS error = RegGetValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, RRF_RT_REG_DWORD, nullptr, &number, &size);
+  return error == ERROR_SUCCESS ? std::optional(number) : std::nullopt;
+}
+
+void SetRegistryText(const std::wstring& key, const wchar_t* name, const std::wstring& text, DWORD type) {
+  RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), name, type, text.c_str(),
+                  static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
+}
+
+std::optional<std::wstring> ReadText(const std::wstring& area, const std::wstring& name) {
+  return RegistryText(KeyOf(area), name.c_str());
 }
 
 std::optional<DWORD> ReadNumber(const std::wstring& area, const std::wstring& name) {
-  DWORD number = 0;
-  DWORD size = sizeof(number);
-  if (RegGetValueW(HKEY_LOCAL_MACHINE, KeyOf(area).c_str(), name.c_str(), RRF_RT_REG_DWORD, nullptr, &number, &size) !=
-      0) {
-    return std::nullopt;
-  }
-  return number;
+  return RegistryNumber(KeyOf(area), name.c_str());
 }
 
 void WriteText(const std::wstring& area, const std::wstring& name, const std::wstring& text) {
-  Write(area, name, REG_SZ, text.c_str(), (text.size() + 1) * sizeof(wchar_t));
+  SetRegistryText(KeyOf(area), name.c_str(), text);
 }
 
 void WriteNumber(const std::wstring& area, const std::wstring& name, DWORD number) {
-  Write(area, name, REG_DWORD, &number, sizeof(number));
+  RegSetKeyValueW(HKEY_LOCAL_MACHINE, KeyOf(area).c_str(), name.c_str(), REG_DWORD, &number, sizeof(number));
 }
 
 void ForgetValue(const std::wstring& area, const std::wstring& name) {
@@ -46,44 +65,19 @@ void ForgetValue(const std::wstring& area, const std::wstring& name) {
 
 bool AreaExists(const std::wstring& area) {
   HKEY key = nullptr;
-  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, KeyOf(area).c_str(), 0, KEY_READ, &key) != 0) {
-    return false;
-  }
+  const bool exists = RegOpenKeyExW(HKEY_LOCAL_MACHINE, KeyOf(area).c_str(), 0, KEY_READ, &key) == ERROR_SUCCESS;
   RegCloseKey(key);
-  return true;
+  return exists;
 }
 
-std::vector<std::wstring> AreaNames(const std::wstring& area) {
-  std::vector<std::wstring> names;
-  HKEY key = nullptr;
-  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, KeyOf(area).c_str(), 0, KEY_READ, &key) == 0) {
-    wchar_t name[256];
-    while (RegEnumKeyW(key, static_cast<DWORD>(names.size()), name, 256) == 0) {
-      names.emplace_back(name);
-    }
-    RegCloseKey(key);
-  }
-  return names;
-}
+std::vector<std::wstring> AreaNames(const std::wstring& area) { return Names(area, RegEnumKeyW); }
 
 std::vector<std::wstring> ValueNames(const std::wstring& area) {
-  std::vector<std::wstring> names;
-  HKEY key = nullptr;
-  if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, KeyOf(area).c_str(), 0, KEY_READ, &key) == 0) {
-    wchar_t name[1024];
-    DWORD size = 1024;
-    while (RegEnumValueW(key, static_cast<DWORD>(names.size()), name, &size, nullptr, nullptr, nullptr, nullptr) == 0) {
-      names.emplace_back(name, size);
-      size = 1024;
-    }
-    RegCloseKey(key);
-  }
-  return names;
+  return Names(area, [](HKEY key, DWORD index, wchar_t* name, DWORD size) {
+    return RegEnumValueW(key, index, name, &size, nullptr, nullptr, nullptr, nullptr);
+  });
 }
 
-void ForgetArea(const std::wstring& area) {
-  const std::wstring path = KeyOf(area);
-  RegDeleteTreeW(HKEY_LOCAL_MACHINE, path.c_str());
-}
+void ForgetArea(const std::wstring& area) { RegDeleteTreeW(HKEY_LOCAL_MACHINE, KeyOf(area).c_str()); }
 
 }  // namespace sim

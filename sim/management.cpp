@@ -22,20 +22,20 @@ constexpr wchar_t kClassName[] = L"Win32_NetworkAdapterConfiguration";
 
 // What a method does, and the number that it answers.
 LONG Run(const std::wstring& name, const std::wstring& method, std::map<std::wstring, Texts>& arguments) {
-  const bool dhcp = Number(name, L"Dhcp", 1) != 0;
+  const bool dhcp = Adapter(name).dhcp.Get() != 0;
   const Texts& addresses = arguments[L"IPAddress"];
   const Texts& masks = arguments[L"SubnetMask"];
-  if (const auto answer = ReadNumber(AreaOf(name), method)) {
+  if (const auto answer = ReadNumber(Adapter(name).area, method)) {
     return static_cast<LONG>(*answer);
   }
-  if (Number(name, L"Cable", 1) == 0) {
+  if (Adapter(name).cable.Get() == 0) {
     return 84;  // IP is not enabled on the adapter
   }
   LONG answer = 0;
   if (method == L"EnableDHCP") {
     // Its page: gateways that were set stay. They also stay where they are found after a restart.
-    WriteNumber(AreaOf(name), L"Dhcp", 1);
-    ForgetValue(AreaOf(name), L"Addresses");
+    Adapter(name).dhcp.Set(1);
+    Adapter(name).addresses.Forget();
     KeepLease(name);
   } else if (method == L"EnableStatic") {
     if (addresses.empty() || addresses.size() != masks.size()) {
@@ -47,23 +47,23 @@ LONG Run(const std::wstring& name, const std::wstring& method, std::map<std::wst
       const int bits = __builtin_popcountl(AddressNumber(masks[i]));
       joined += (i == 0 ? L"" : L" ") + addresses[i] + L"/" + std::to_wstring(bits);
     }
-    WriteText(AreaOf(name), L"Addresses", joined);
-    WriteNumber(AreaOf(name), L"Dhcp", 0);
+    Adapter(name).addresses.Set(joined);
+    Adapter(name).dhcp.Set(0);
   } else if (method == L"SetGateways") {
     // Its page: for static addresses alone, the argument is not optional, and the adapter's own address clears them.
     const Texts& gateways = arguments[L"DefaultIPGateway"];
     if (dhcp || gateways.empty() || gateways.size() > 5) {
       return dhcp ? 64 : gateways.empty() ? 68 : 69;
     }
-    const Texts own = List(name, L"Addresses");
+    const Texts own = Words(Adapter(name).addresses.Get());
     const bool clears = std::any_of(own.begin(), own.end(),
                                     [&](const std::wstring& each) { return each.starts_with(gateways[0] + L"/"); });
-    WriteText(AreaOf(name), L"Gateways", clears ? L"" : Joined(gateways));
+    Adapter(name).gateways.Set(clears ? L"" : Joined(gateways));
     Keep(name, L"DefaultGateway", REG_MULTI_SZ, clears ? L"" : Joined(gateways));
   } else {
     Keep(name, L"NameServer", REG_SZ, Joined(arguments[L"DNSServerSearchOrder"]));
   }
-  WriteText(AreaOf(name), L"ChangedAt", std::to_wstring(ClockNow()));
+  Adapter(name).changedAt.Set(std::to_wstring(ClockNow()));
   return answer;
 }
 
@@ -75,7 +75,7 @@ struct Record {
 };
 using Instance = Object<IWbemClassObject, Record, IID_IWbemClassObject>;
 
-HRESULT STDMETHODCALLTYPE Get(IWbemClassObject* self, LPCWSTR name, LONG, VARIANT* value, CIMTYPE*, LONG*) {
+HRESULT CALL Get(IWbemClassObject* self, LPCWSTR name, LONG, VARIANT* value, CIMTYPE*, LONG*) {
   const Record& record = Instance::Of(self);
   if (wcscmp(name, L"__RELPATH") == 0 && !record.path.empty()) {
     value->vt = VT_BSTR;
@@ -90,7 +90,7 @@ HRESULT STDMETHODCALLTYPE Get(IWbemClassObject* self, LPCWSTR name, LONG, VARIAN
   return S_OK;
 }
 
-HRESULT STDMETHODCALLTYPE Put(IWbemClassObject* self, LPCWSTR name, LONG, VARIANT* value, CIMTYPE) {
+HRESULT CALL Put(IWbemClassObject* self, LPCWSTR name, LONG, VARIANT* value, CIMTYPE) {
   if (value->vt != (VT_ARRAY | VT_BSTR)) {
     Violation("IWbemClassObject::Put: %s is no array of texts", Narrow(name).c_str());
     return static_cast<HRESULT>(WBEM_E_TYPE_MISMATCH);
@@ -107,17 +107,17 @@ HRESULT STDMETHODCALLTYPE Put(IWbemClassObject* self, LPCWSTR name, LONG, VARIAN
   return S_OK;
 }
 
-HRESULT STDMETHODCALLTYPE GetMethod(IWbemClassObject*, LPCWSTR name, LONG, IWbemClassObject** in, IWbemClassObject**);
-HRESULT STDMETHODCALLTYPE SpawnInstance(IWbemClassObject*, LONG, IWbemClassObject** instance);
+HRESULT CALL GetMethod(IWbemClassObject*, LPCWSTR name, LONG, IWbemClassObject** in, IWbemClassObject**);
+HRESULT CALL SpawnInstance(IWbemClassObject*, LONG, IWbemClassObject** instance);
 IWbemClassObjectVtbl instanceTable{COM_BASICS(Instance), .Get = Get, .Put = Put, .SpawnInstance = SpawnInstance,
                                    .GetMethod = GetMethod};
 Instance* Make(const std::wstring& path = L"", LONG answer = 0) { return new Instance(&instanceTable, path, answer); }
 
-HRESULT STDMETHODCALLTYPE GetMethod(IWbemClassObject*, LPCWSTR name, LONG, IWbemClassObject** in, IWbemClassObject**) {
+HRESULT CALL GetMethod(IWbemClassObject*, LPCWSTR name, LONG, IWbemClassObject** in, IWbemClassObject**) {
   *in = wcscmp(name, L"EnableDHCP") == 0 ? nullptr : Make();
   return S_OK;
 }
-HRESULT STDMETHODCALLTYPE SpawnInstance(IWbemClassObject*, LONG, IWbemClassObject** instance) {
+HRESULT CALL SpawnInstance(IWbemClassObject*, LONG, IWbemClassObject** instance) {
   *instance = Make();
   return S_OK;
 }
@@ -130,7 +130,7 @@ struct Asked {
 using Call = Object<IWbemCallResult, Asked, IID_IWbemCallResult>;
 IWbemCallResultVtbl callTable{
     COM_BASICS(Call),
-    .GetResultObject = [](IWbemCallResult* self, LONG timeout, IWbemClassObject** object) STDMETHODCALLTYPE -> HRESULT {
+    .GetResultObject = [](IWbemCallResult* self, LONG timeout, IWbemClassObject** object) CALL -> HRESULT {
       Asked& call = Call::Of(self);
       if (timeout != 0) {
         Violation("IWbemCallResult::GetResultObject: a wait of %ld ms, which does not hear the stop", timeout);
@@ -143,19 +143,18 @@ IWbemCallResultVtbl callTable{
     }};
 
 using Found = Object<IEnumWbemClassObject, std::wstring, IID_IEnumWbemClassObject>;  // the path of the one found
-IEnumWbemClassObjectVtbl foundTable{COM_BASICS(Found),
-                                    .Next = [](IEnumWbemClassObject* self, LONG, ULONG, IWbemClassObject** object,
-                                               ULONG* count) STDMETHODCALLTYPE -> HRESULT {
-                                      const std::wstring path = std::exchange(Found::Of(self), L"");
-                                      *count = path.empty() ? 0 : 1;
-                                      *object = path.empty() ? nullptr : Make(path);
-                                      return path.empty() ? HRESULT{WBEM_S_FALSE} : S_OK;
-                                    }};
+HRESULT CALL Next(IEnumWbemClassObject* self, LONG, ULONG, IWbemClassObject** object, ULONG* count) {
+  const std::wstring path = std::exchange(Found::Of(self), L"");
+  *count = path.empty() ? 0 : 1;
+  *object = path.empty() ? nullptr : Make(path);
+  return path.empty() ? HRESULT{WBEM_S_FALSE} : S_OK;
+}
+IEnumWbemClassObjectVtbl foundTable{COM_BASICS(Found), .Next = Next};
 
 using Services = Object<IWbemServices, Stateless, IID_IWbemServices>;
 
-HRESULT STDMETHODCALLTYPE GetClass(IWbemServices*, const BSTR name, LONG, IWbemContext*, IWbemClassObject** object,
-                                   IWbemCallResult**) {
+HRESULT CALL GetClass(IWbemServices*, const BSTR name, LONG, IWbemContext*, IWbemClassObject** object,
+                      IWbemCallResult**) {
   if (wcscmp(name, kClassName) != 0) {
     return static_cast<HRESULT>(WBEM_E_INVALID_CLASS);
   }
@@ -163,8 +162,8 @@ HRESULT STDMETHODCALLTYPE GetClass(IWbemServices*, const BSTR name, LONG, IWbemC
   return S_OK;
 }
 
-HRESULT STDMETHODCALLTYPE ExecQuery(IWbemServices*, const BSTR, const BSTR query, LONG, IWbemContext*,
-                                    IEnumWbemClassObject** result) {
+HRESULT CALL ExecQuery(IWbemServices*, const BSTR, const BSTR query, LONG, IWbemContext*,
+                       IEnumWbemClassObject** result) {
   std::wstring path;
   for (const std::wstring& name : Adapters()) {
     if (query == std::wstring(L"SELECT * FROM ") + kClassName + L" WHERE SettingID = \"" + name + L"\"") {
@@ -175,14 +174,14 @@ HRESULT STDMETHODCALLTYPE ExecQuery(IWbemServices*, const BSTR, const BSTR query
   return S_OK;
 }
 
-HRESULT STDMETHODCALLTYPE ExecMethod(IWbemServices*, const BSTR path, const BSTR method, LONG flags, IWbemContext*,
-                                     IWbemClassObject* in, IWbemClassObject**, IWbemCallResult** result) {
+HRESULT CALL ExecMethod(IWbemServices*, const BSTR path, const BSTR method, LONG flags, IWbemContext*,
+                        IWbemClassObject* in, IWbemClassObject**, IWbemCallResult** result) {
   const std::wstring name = std::wstring(path).substr(std::wstring(path).find(L'=') + 1);
   if (flags != WBEM_FLAG_RETURN_IMMEDIATELY || result == nullptr || *result != nullptr) {
     Violation("IWbemServices::ExecMethod: flags 0x%lx, or no place for the call", flags);
   }
   std::map<std::wstring, Texts> arguments = in != nullptr ? Instance::Of(in).values : std::map<std::wstring, Texts>();
-  const LONG answer = ReadText(AreaOf(name), L"Hangs") == method
+  const LONG answer = Adapter(name).hangs.Get() == method
                           ? -1
                           : Change<LONG>("ExecMethod", method, [&] { return Run(name, method, arguments); });
   *result = new Call(&callTable, answer);
@@ -195,7 +194,7 @@ using Locator = Object<IWbemLocator, Stateless, IID_IWbemLocator>;
 IWbemLocatorVtbl locatorTable{
     COM_BASICS(Locator),
     .ConnectServer = [](IWbemLocator*, const BSTR resource, const BSTR, const BSTR, const BSTR, LONG flags, const BSTR,
-                        IWbemContext*, IWbemServices** services) STDMETHODCALLTYPE -> HRESULT {
+                        IWbemContext*, IWbemServices** services) CALL -> HRESULT {
       if (wcscmp(resource, L"ROOT\\CIMV2") != 0 || flags != WBEM_FLAG_CONNECT_USE_MAX_WAIT) {
         Violation("IWbemLocator::ConnectServer: %s, flags 0x%lx", Narrow(resource).c_str(), flags);
       }

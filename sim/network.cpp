@@ -25,6 +25,8 @@ constexpr wchar_t kArea[] = L"Adapters";
 constexpr wchar_t kInterfaces[] = L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters\\Interfaces\\";
 constexpr ULONG kNeededSize = 40'000;  // more than a caller begins with
 
+}  // namespace
+
 Texts Words(const std::wstring& text) {
   std::wistringstream stream(text);
   Texts words;
@@ -34,15 +36,6 @@ Texts Words(const std::wstring& text) {
   return words;
 }
 
-}  // namespace
-
-std::wstring AreaOf(const std::wstring& name) { return std::wstring(kArea) + L"\\" + name; }
-DWORD Number(const std::wstring& name, const wchar_t* value, DWORD fallback) {
-  return ReadNumber(AreaOf(name), value).value_or(fallback);
-}
-Texts List(const std::wstring& name, const wchar_t* value) {
-  return Words(ReadText(AreaOf(name), value).value_or(L""));
-}
 std::wstring Joined(const Texts& texts) {
   std::wstring joined;
   for (const std::wstring& text : texts) {
@@ -71,7 +64,7 @@ void Keep(const std::wstring& name, const wchar_t* value, DWORD type, std::wstri
 }
 
 void KeepLease(const std::wstring& name) {
-  const Texts lease = List(name, L"Lease");
+  const Texts lease = Words(Adapter(name).lease.Get());
   Keep(name, L"DhcpDefaultGateway", REG_MULTI_SZ, lease.size() > 1 ? lease[1] : L"");
 }
 
@@ -95,14 +88,14 @@ namespace {
 // The default routes of an adapter that is connected, by their gateways: those set by hand, those of the owner's, and
 // what the network gave.
 Texts DefaultRoutes(const std::wstring& name) {
-  if (Number(name, L"Cable", 1) == 0) {
+  if (Adapter(name).cable.Get() == 0) {
     return {};
   }
-  Texts gateways = List(name, L"Gateways");
-  const Texts owners = List(name, L"OwnersRoutes");
+  Texts gateways = Words(Adapter(name).gateways.Get());
+  const Texts owners = Words(Adapter(name).ownersRoutes.Get());
   gateways.insert(gateways.end(), owners.begin(), owners.end());
-  const Texts lease = List(name, L"Lease");
-  if (Number(name, L"Dhcp", 1) != 0 && lease.size() > 1 &&
+  const Texts lease = Words(Adapter(name).lease.Get());
+  if (Adapter(name).dhcp.Get() != 0 && lease.size() > 1 &&
       std::count(gateways.begin(), gateways.end(), lease[1]) == 0) {
     gateways.push_back(lease[1]);
   }
@@ -110,8 +103,8 @@ Texts DefaultRoutes(const std::wstring& name) {
 }
 
 bool Settled(const std::wstring& name) {
-  const auto changed = std::wcstoull(ReadText(AreaOf(name), L"ChangedAt").value_or(L"0").c_str(), nullptr, 10);
-  return ClockNow() >= changed + Number(name, L"Lag", 0);
+  const auto changed = std::wcstoull(Adapter(name).changedAt.Get().c_str(), nullptr, 10);
+  return ClockNow() >= changed + Adapter(name).lag.Get();
 }
 
 // Hands out pieces of the caller's buffer.
@@ -151,20 +144,20 @@ IP_ADAPTER_ADDRESSES* Describe(Room& room, const std::wstring& name, ULONG64 num
   using Name = char[64];
   entry->AdapterName = *room.New<Name>();
   std::strncpy(entry->AdapterName, Narrow(name).c_str(), sizeof(Name) - 1);
-  entry->IfType = Number(name, L"Type", IF_TYPE_ETHERNET_CSMACD);
+  entry->IfType = Adapter(name).type.Get();
   entry->Luid.Value = number;
-  const bool cable = Number(name, L"Cable", 1) != 0;
-  const bool dhcp = Number(name, L"Dhcp", 1) != 0;
-  const Texts lease = dhcp && cable ? List(name, L"Lease") : Texts();
+  const bool cable = Adapter(name).cable.Get() != 0;
+  const bool dhcp = Adapter(name).dhcp.Get() != 0;
+  const Texts lease = dhcp && cable ? Words(Adapter(name).lease.Get()) : Texts();
   entry->OperStatus = cable ? IfOperStatusUp : IfOperStatusDown;
   entry->Flags = dhcp ? IP_ADAPTER_DHCP_ENABLED : 0;
-  const Texts own = dhcp ? Texts(lease.begin(), lease.begin() + !lease.empty()) : List(name, L"Addresses");
+  const Texts own = dhcp ? Texts(lease.begin(), lease.begin() + !lease.empty()) : Words(Adapter(name).addresses.Get());
   entry->FirstUnicastAddress = room.Chain<IP_ADAPTER_UNICAST_ADDRESS>(own);
   auto* unicast = entry->FirstUnicastAddress;
   for (const std::wstring& text : own) {
     unicast->OnLinkPrefixLength = static_cast<UINT8>(std::wcstoul(text.c_str() + text.find(L'/') + 1, nullptr, 10));
     unicast->PrefixOrigin = dhcp ? IpPrefixOriginDhcp : IpPrefixOriginManual;
-    const bool duplicate = ReadText(AreaOf(name), L"Duplicate") == text.substr(0, text.find(L'/'));
+    const bool duplicate = Adapter(name).duplicate.Get() == text.substr(0, text.find(L'/'));
     unicast->DadState = duplicate                ? IpDadStateDuplicate
                         : Settled(name) && cable ? IpDadStatePreferred
                                                  : IpDadStateTentative;
@@ -182,26 +175,26 @@ IP_ADAPTER_ADDRESSES* Describe(Room& room, const std::wstring& name, ULONG64 num
 }  // namespace
 
 void AddAdapter(const std::wstring& name, DWORD type, bool hardware) {
-  WriteNumber(AreaOf(name), L"Type", type);
-  WriteNumber(AreaOf(name), L"Hardware", hardware);
-  WriteNumber(AreaOf(name), L"Dhcp", 1);
-  WriteText(AreaOf(name), L"Lease", L"192.168.7.20/24 192.168.7.1 192.168.7.2");
+  Adapter(name).type.Set(type);
+  Adapter(name).hardware.Set(hardware);
+  Adapter(name).dhcp.Set(1);
+  Adapter(name).lease.Set(L"192.168.7.20/24 192.168.7.1 192.168.7.2");
   KeepLease(name);
 }
 
 void SetGatewaysByHand(const std::wstring& name, const std::wstring& gateways) {
-  WriteText(AreaOf(name), L"Gateways", gateways);
+  Adapter(name).gateways.Set(gateways);
   Keep(name, L"DefaultGateway", REG_MULTI_SZ, gateways);
 }
 
 std::string DumpAdapters() {
   std::string text;
   for (const std::wstring& name : Adapters()) {
-    const bool dhcp = Number(name, L"Dhcp", 1) != 0;
-    const std::wstring gateways = Joined(List(name, L"Gateways"));
+    const bool dhcp = Adapter(name).dhcp.Get() != 0;
+    const std::wstring gateways = Joined(Words(Adapter(name).gateways.Get()));
     const std::wstring kept = Kept(name, L"DefaultGateway");
-    text += Narrow(name + (dhcp ? L" dhcp" : L" static") + L" [" + Joined(List(name, L"Addresses")) + L"] [" +
-                   gateways + (kept != gateways ? L"; after a restart " + kept : L"") + L"] [" +
+    text += Narrow(name + (dhcp ? L" dhcp" : L" static") + L" [" + Joined(Words(Adapter(name).addresses.Get())) +
+                   L"] [" + gateways + (kept != gateways ? L"; after a restart " + kept : L"") + L"] [" +
                    Kept(name, L"NameServer", REG_SZ) + L"]\n");
   }
   return text;
@@ -238,7 +231,7 @@ SIM(NETIO_STATUS, GetIfEntry2, PMIB_IF_ROW2 row) {
     return ERROR_FILE_NOT_FOUND;
   }
   row->InterfaceAndOperStatusFlags.HardwareInterface =
-      Number(names[static_cast<std::size_t>(row->InterfaceLuid.Value - 1)], L"Hardware", 1) != 0;
+      Adapter(names[static_cast<std::size_t>(row->InterfaceLuid.Value - 1)]).hardware.Get() != 0;
   return NO_ERROR;
 }
 
@@ -305,7 +298,7 @@ NETIO_STATUS ChangeRoute(const char* function, const MIB_IPFORWARD_ROW2& row, bo
     const std::wstring& name = names[static_cast<std::size_t>(luid - 1)];
     const Texts routes = DefaultRoutes(name);
     const bool there = std::count(routes.begin(), routes.end(), gateway) != 0;
-    Texts byHand = List(name, L"Gateways");
+    Texts byHand = Words(Adapter(name).gateways.Get());
     if (add) {
       byHand.push_back(gateway);
     } else if (there && std::erase(byHand, gateway) == 0) {
@@ -314,7 +307,7 @@ NETIO_STATUS ChangeRoute(const char* function, const MIB_IPFORWARD_ROW2& row, bo
     if (there == add) {
       return add ? ERROR_OBJECT_ALREADY_EXISTS : ERROR_NOT_FOUND;
     }
-    WriteText(AreaOf(name), L"Gateways", Joined(byHand));
+    Adapter(name).gateways.Set(Joined(byHand));
     return NO_ERROR;
   });
 }

@@ -1,7 +1,7 @@
 // What both sides of the simulated network adapters share: the IP helper's and that of management instrumentation.
 #pragma once
 
-#include "win32/winapi.h"
+#include "sim/network.h"
 
 #include <string>
 #include <vector>
@@ -13,10 +13,7 @@ std::wstring Joined(const Texts& texts);  // with blanks
 
 // All of them, by name.
 Texts Adapters();
-// Values of one adapter, in its area of the machine.
-std::wstring AreaOf(const std::wstring& name);
-DWORD Number(const std::wstring& name, const wchar_t* value, DWORD fallback);
-Texts List(const std::wstring& name, const wchar_t* value);
+Texts Words(const std::wstring& text);
 // Lists where Windows keeps them, joined by blanks: a text with commas (REG_SZ), or one text after the other.
 std::wstring Kept(const std::wstring& name, const wchar_t* value, DWORD type = REG_MULTI_SZ);
 void Keep(const std::wstring& name, const wchar_t* value, DWORD type, std::wstring texts);

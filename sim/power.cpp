@@ -26,8 +26,6 @@ struct Request {
 SRWLOCK requestsGuard = SRWLOCK_INIT;
 std::vector<Request> requests;
 
-DWORD Sleeps() { return ReadNumber(kArea, L"Suspends").value_or(0); }
-
 template <typename Action>
 auto WithRequests(Action action) {
   ::AcquireSRWLockExclusive(&requestsGuard);
@@ -91,7 +89,7 @@ std::wstring Identify(const char* function, HKEY root, const GUID* subgroup, con
 }
 
 DWORD ReadIndex(const GUID* scheme, const std::wstring& name, DWORD* index) {
-  if (const DWORD error = ReadNumber(kArea, L"ReadError").value_or(0); error != 0) {
+  if (const DWORD error = power.readError.Get(); error != 0) {
     return error;
   }
   const auto stored = ReadNumber(SchemeArea(GuidText(scheme)), name);
@@ -143,14 +141,14 @@ bool SystemIsRequired() {
   return WithRequests([] {
     std::erase_if(requests, [](const Request& request) { return !Exists(request); });
     return std::any_of(requests.begin(), requests.end(),
-                       [](const Request& request) { return request.set && request.sleeps == Sleeps(); });
+                       [](const Request& request) { return request.set && request.sleeps == power.suspends.Get(); });
   });
 }
 
 bool SleepAgainUnattended() {
   const bool sleeps = !SystemIsRequired();
   if (sleeps) {
-    WriteNumber(kArea, L"Suspends", Sleeps() + 1);
+    power.suspends.Increment();
   }
   return sleeps;
 }
@@ -212,9 +210,9 @@ INDEX(PowerWriteDCValueIndex, DWORD, false, WriteIndex("PowerWriteDCValueIndex",
 
 SIM(BOOLEAN, GetPwrCapabilities, PSYSTEM_POWER_CAPABILITIES capabilities) {
   *capabilities = {};
-  reinterpret_cast<BYTE*>(capabilities)[20] = static_cast<BYTE>(ReadNumber(kArea, L"AlwaysConnected").value_or(0));
-  capabilities->RtcWake = static_cast<SYSTEM_POWER_STATE>(ReadNumber(kArea, L"RtcWake").value_or(PowerSystemSleeping3));
-  return ReadNumber(kArea, L"CapabilitiesUnknown").value_or(0) == 0;
+  reinterpret_cast<BYTE*>(capabilities)[20] = static_cast<BYTE>(power.alwaysConnected.Get());
+  capabilities->RtcWake = static_cast<SYSTEM_POWER_STATE>(power.rtcWake.Get());
+  return power.capabilitiesUnknown.Get() == 0;
 }
 
 SIM(BOOLEAN, SetSuspendState, BOOLEAN hibernate, BOOLEAN force, BOOLEAN wakeUpEventsDisabled) {
@@ -222,19 +220,18 @@ SIM(BOOLEAN, SetSuspendState, BOOLEAN hibernate, BOOLEAN force, BOOLEAN wakeUpEv
            if (hibernate || force || wakeUpEventsDisabled) {
              Violation("SetSuspendState: the computer would not sleep in a way from which a timer wakes it");
            }
-           const DWORD error = PrivilegeEnabled(SE_SHUTDOWN_NAME) ? ReadNumber(kArea, L"SuspendError").value_or(0)
-                                                                  : ERROR_PRIVILEGE_NOT_HELD;
+           const DWORD error = PrivilegeEnabled(SE_SHUTDOWN_NAME) ? power.suspendError.Get() : ERROR_PRIVILEGE_NOT_HELD;
            if (error != ERROR_SUCCESS) {
              SetLastError(error);
              return FALSE;
            }
-           WriteNumber(kArea, L"Suspends", Sleeps() + 1);
+           power.suspends.Increment();
            return TRUE;
          }) != FALSE;
 }
 
 SIM(EXECUTION_STATE, SetThreadExecutionState, EXECUTION_STATE flags) {
-  WriteNumber(kArea, L"ExecutionState", flags);
+  power.executionState.Set(flags);
   return ES_CONTINUOUS;
 }
 
@@ -243,7 +240,7 @@ SIM(HANDLE, PowerCreateRequest, PREASON_CONTEXT context) {
       *context->Reason.SimpleReasonString == L'\0') {
     Violation("PowerCreateRequest: the context has no reason in words");
   }
-  if (const DWORD error = ReadNumber(kArea, L"RequestError").value_or(0); error != 0) {
+  if (const DWORD error = power.requestError.Get(); error != 0) {
     SetLastError(error);
     return INVALID_HANDLE_VALUE;
   }
@@ -268,7 +265,7 @@ SIM(WINBOOL, PowerSetRequest, HANDLE handle, POWER_REQUEST_TYPE type) {
       return FALSE;
     }
     request->set = true;
-    request->sleeps = Sleeps();
+    request->sleeps = power.suspends.Get();
     return TRUE;
   });
 }

@@ -1,16 +1,24 @@
 // Power schemes and sleep of the simulated machine (area "Power"). It begins with two schemes, the first one active.
-//
-// Numbers in the area that a test may write: "ReadError" (of every read of an index), "SuspendError", "RtcWake"
-// (default: PowerSystemSleeping3), "AlwaysConnected", "CapabilitiesUnknown", "RequestError" (of PowerCreateRequest);
-// and read: "Suspends" (how often it went to sleep), "ExecutionState" (flags).
 #pragma once
 
-#include "win32/winapi.h"
+#include "sim/machine.h"
 
 #include <string>
 #include <vector>
 
 namespace sim {
+
+struct Power {
+  Field<> readError{L"Power", L"ReadError"};  // of every read of an index
+  Field<> suspendError{L"Power", L"SuspendError"};
+  Field<> requestError{L"Power", L"RequestError"};  // of PowerCreateRequest
+  Field<> rtcWake{L"Power", L"RtcWake", PowerSystemSleeping3};
+  Field<> alwaysConnected{L"Power", L"AlwaysConnected"};
+  Field<> capabilitiesUnknown{L"Power", L"CapabilitiesUnknown"};
+  Field<> suspends{L"Power", L"Suspends"};  // how often it went to sleep
+  Field<> executionState{L"Power", L"ExecutionState"};
+};
+inline const Power power{};
 
 inline constexpr wchar_t kBalanced[] = L"{381B4222-F694-41F0-9685-FF5BB260DF2E}";
 inline constexpr wchar_t kHighPerformance[] = L"{8C5E7FDA-E8BF-4A96-9A85-A6E23A8C635C}";

@@ -91,9 +91,8 @@ DWORD BeginProfile(const std::wstring& sid, const std::wstring& user) {
     }
     name = user + L"." + ComputerName() + (tries == 0 ? L"" : L".00" + std::to_wstring(tries));
   }
-  const std::wstring path = L"%SystemDrive%\\users\\" + name;
-  return static_cast<DWORD>(RegSetKeyValueW(HKEY_LOCAL_MACHINE, KeyOf(sid).c_str(), L"ProfileImagePath", REG_EXPAND_SZ,
-                                            path.c_str(), static_cast<DWORD>((path.size() + 1) * sizeof(wchar_t))));
+  SetRegistryText(KeyOf(sid), L"ProfileImagePath", L"%SystemDrive%\\users\\" + name, REG_EXPAND_SZ);
+  return ERROR_SUCCESS;
 }
 
 // A hive file with this key below its root, or with nothing.
@@ -172,12 +171,7 @@ DWORD UnloadHive(const std::wstring& name) {
 }
 
 std::wstring ProfileFolder(const std::wstring& sid) {
-  wchar_t path[MAX_PATH];
-  DWORD size = sizeof(path);
-  return RegGetValueW(HKEY_LOCAL_MACHINE, KeyOf(sid).c_str(), L"ProfileImagePath", RRF_RT_REG_SZ, nullptr, path,
-                      &size) == ERROR_SUCCESS
-             ? path
-             : L"";
+  return RegistryText(KeyOf(sid), L"ProfileImagePath").value_or(L"");
 }
 
 DWORD MakeProfile(const std::wstring& sid, const std::wstring& user) {

@@ -1,7 +1,6 @@
 #include "sim/service_control.h"
 
 #include "sim/clock.h"
-#include "sim/computer.h"
 #include "sim/machine.h"
 #include "sim/seam.h"
 
@@ -72,8 +71,8 @@ DWORD WINAPI ServeRequests(void*) {
       continue;
     }
     ForgetValue(kArea, L"Request");
-    const bool isControl = std::swscanf(request.c_str(), L"%lu %lu %lu", &control, &eventType, &session) >= 1;
-    WriteNumber(kArea, L"Answer", isControl ? CallHandler(control, eventType, session) : RunMachineCommand(request));
+    std::swscanf(request.c_str(), L"%lu %lu %lu", &control, &eventType, &session);
+    WriteNumber(kArea, L"Answer", CallHandler(control, eventType, session));
   }
 }
 

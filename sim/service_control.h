@@ -4,8 +4,7 @@
 // manager serves, and any process delivers a control by writing the text "<control> <event type> <session>" into the
 // value "Request" of the area "ServiceControl", as in
 //   reg add HKLM\SOFTWARE\SimulatedWindows\ServiceControl /v Request /d "14 5 2" /f
-// "Request" is gone at once, and the handler's answer then stands in the number "Answer". A text that begins with a
-// word is a command for the machine (sim/computer.h), run in the service's process.
+// "Request" is gone at once, and the handler's answer then stands in the number "Answer".
 #pragma once
 
 #include "win32/winapi.h"

@@ -1,6 +1,7 @@
 #include "sim/sessions.h"
 
 #include "sim/accounts.h"
+#include "sim/buffers.h"
 #include "sim/clock.h"
 #include "sim/clock_internal.h"
 #include "sim/faults.h"
@@ -13,9 +14,7 @@
 #include <algorithm>
 #include <cwchar>
 #include <memory>
-#include <mutex>
 #include <set>
-#include <utility>
 
 namespace sim {
 namespace {
@@ -23,8 +22,7 @@ namespace {
 constexpr wchar_t kArea[] = L"Sessions";
 constexpr DWORD kListener = 65536;  // waits for remote desktop connections
 
-std::mutex mutex;
-std::set<void*> buffers;
+Buffers buffers;
 
 std::wstring AreaOf(DWORD id) { return std::wstring(kArea) + L"\\" + std::to_wstring(id); }
 
@@ -35,13 +33,6 @@ std::set<DWORD> SessionIds() {
     ids.insert(std::wcstoul(name.c_str(), nullptr, 10));
   }
   return ids;
-}
-
-wchar_t* NewBuffer(std::size_t bytes) {
-  auto* buffer = new wchar_t[bytes / sizeof(wchar_t) + 1]();
-  const std::lock_guard guard(mutex);
-  buffers.insert(buffer);
-  return buffer;
 }
 
 void UnloadWithLastSession(const std::wstring& user) {
@@ -55,12 +46,9 @@ void UnloadWithLastSession(const std::wstring& user) {
 // A sign-in at the console changes the name that automatic sign-in goes by, whoever's that was ("Turn on automatic
 // logon in Windows", KB 324737: "AutoAdminLogon may fail"), and the domain with it.
 void NoteLastUser(const std::wstring& user) {
-  const std::pair<const wchar_t*, std::wstring> names[] = {{L"DefaultUserName", user},
-                                                           {L"DefaultDomainName", ComputerName()}};
-  for (const auto& [name, text] : names) {
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon", name, REG_SZ,
-                    text.c_str(), static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
-  }
+  constexpr wchar_t kWinlogon[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon";
+  SetRegistryText(kWinlogon, L"DefaultUserName", user);
+  SetRegistryText(kWinlogon, L"DefaultDomainName", ComputerName());
 }
 
 // The session is over as far as anybody can see.
@@ -147,11 +135,6 @@ void EndAllSessions() {
   WriteNumber(L"", L"NextSession", 1);
 }
 
-int OpenSessionBuffers() {
-  const std::lock_guard guard(mutex);
-  return static_cast<int>(buffers.size());
-}
-
 }  // namespace sim
 
 using namespace sim;
@@ -173,8 +156,8 @@ SIM(WINBOOL, WTSEnumerateSessionsW, HANDLE server, DWORD reserved, DWORD version
     ids.insert(kListener);
   }
   constexpr std::size_t kNameLength = 16;
-  wchar_t* buffer = NewBuffer(ids.size() * (sizeof(WTS_SESSION_INFOW) + kNameLength * sizeof(wchar_t)));
-  *result = reinterpret_cast<PWTS_SESSION_INFOW>(buffer);
+  *result = static_cast<PWTS_SESSION_INFOW>(
+      buffers.New(ids.size() * (sizeof(WTS_SESSION_INFOW) + kNameLength * sizeof(wchar_t))));
   *count = 0;
   wchar_t* name = reinterpret_cast<wchar_t*>(*result + ids.size());
   for (const DWORD id : ids) {
@@ -206,7 +189,7 @@ SIM(WINBOOL, WTSQuerySessionInformationW, HANDLE server, DWORD id, WTS_INFO_CLAS
   }
   const std::wstring text = known.value_or(L"");
   *size = static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t));
-  *buffer = NewBuffer(*size);
+  *buffer = static_cast<wchar_t*>(buffers.New(*size));
   std::copy_n(text.c_str(), text.size(), *buffer);
   return TRUE;
 }
@@ -237,12 +220,7 @@ SIM(WINBOOL, WTSLogoffSession, HANDLE server, DWORD id, BOOL wait) {
 }
 
 SIM(void, WTSFreeMemory, PVOID memory) {
-  {
-    const std::lock_guard guard(mutex);
-    if (buffers.erase(memory) != 0) {
-      delete[] static_cast<wchar_t*>(memory);
-      return;
-    }
+  if (!buffers.Free(memory)) {
+    ::WTSFreeMemory(memory);
   }
-  ::WTSFreeMemory(memory);
 }

@@ -28,7 +28,4 @@ DWORD SessionOf(const std::wstring& sid);
 void FailSessionLists(DWORD error);
 void EndAllSessions();  // silently, as the computer stops; the next sign-in opens session 1
 
-// Buffers that WTSFreeMemory has not seen yet.
-int OpenSessionBuffers();
-
 }  // namespace sim

@@ -48,7 +48,7 @@ std::wstring AsText(Number value) {
   return std::to_wstring(value == -1 ? 1 : value);  // VARIANT_TRUE
 }
 // The implementation of "put_NAME"; the interface and the value's type follow from the slot.
-#define PUT(name) [](auto* self, auto value) STDMETHODCALLTYPE -> HRESULT { return Keep(self, name, AsText(value)); }
+#define PUT(name) [](auto* self, auto value) CALL -> HRESULT { return Keep(self, name, AsText(value)); }
 #define PART(interfaceType) Object<interfaceType, Properties, IID_##interfaceType>
 
 using Task = Object<IRegisteredTask, Stateless, IID_IRegisteredTask>;
@@ -69,19 +69,19 @@ ITaskSettingsVtbl settingsTable{COM_BASICS(PART(ITaskSettings)),
 using Action = Object<IAction, Properties, IID_IAction, IID_IExecAction>;
 struct ExecActionTable {
   IActionVtbl action;
-  HRESULT(STDMETHODCALLTYPE* getPath)(IAction*, BSTR*);
-  HRESULT(STDMETHODCALLTYPE* putPath)(IAction*, BSTR);
-  HRESULT(STDMETHODCALLTYPE* getArguments)(IAction*, BSTR*);
-  HRESULT(STDMETHODCALLTYPE* putArguments)(IAction*, BSTR);
+  HRESULT(CALL* getPath)(IAction*, BSTR*);
+  HRESULT(CALL* putPath)(IAction*, BSTR);
+  HRESULT(CALL* getArguments)(IAction*, BSTR*);
+  HRESULT(CALL* putArguments)(IAction*, BSTR);
 };
 ExecActionTable execTable{.action = {COM_BASICS(Action)}, .putPath = PUT(L"Path"), .putArguments = PUT(L"Arguments")};
 using Trigger = Object<ITrigger, Properties, IID_ITrigger, kWeeklyTrigger>;
 struct WeeklyTriggerTable {
   ITriggerVtbl trigger;
-  HRESULT(STDMETHODCALLTYPE* getDaysOfWeek)(ITrigger*, short*);
-  HRESULT(STDMETHODCALLTYPE* putDaysOfWeek)(ITrigger*, short);
-  HRESULT(STDMETHODCALLTYPE* getWeeksInterval)(ITrigger*, short*);
-  HRESULT(STDMETHODCALLTYPE* putWeeksInterval)(ITrigger*, short);
+  HRESULT(CALL* getDaysOfWeek)(ITrigger*, short*);
+  HRESULT(CALL* putDaysOfWeek)(ITrigger*, short);
+  HRESULT(CALL* getWeeksInterval)(ITrigger*, short*);
+  HRESULT(CALL* putWeeksInterval)(ITrigger*, short);
 };
 WeeklyTriggerTable triggerTable{.trigger = {COM_BASICS(Trigger), .put_StartBoundary = PUT(L"StartBoundary")},
                                 .putDaysOfWeek = PUT(L"DaysOfWeek"),
@@ -89,14 +89,14 @@ WeeklyTriggerTable triggerTable{.trigger = {COM_BASICS(Trigger), .put_StartBound
 
 ITriggerCollectionVtbl triggersTable{
     COM_BASICS(PART(ITriggerCollection)),
-    .Create = [](ITriggerCollection* self, TASK_TRIGGER_TYPE2 type, ITrigger** trigger) STDMETHODCALLTYPE -> HRESULT {
+    .Create = [](ITriggerCollection* self, TASK_TRIGGER_TYPE2 type, ITrigger** trigger) CALL -> HRESULT {
       PropertiesOf(self)[L"Trigger"] += std::to_wstring(type);
       *trigger = new Trigger(&triggerTable.trigger, PART(ITriggerCollection)::Of(self));
       return S_OK;
     }};
 IActionCollectionVtbl actionsTable{
     COM_BASICS(PART(IActionCollection)),
-    .Create = [](IActionCollection* self, TASK_ACTION_TYPE type, IAction** action) STDMETHODCALLTYPE -> HRESULT {
+    .Create = [](IActionCollection* self, TASK_ACTION_TYPE type, IAction** action) CALL -> HRESULT {
       PropertiesOf(self)[L"Action"] += std::to_wstring(type);
       *action = new Action(&execTable.action, PART(IActionCollection)::Of(self));
       return S_OK;
@@ -111,7 +111,7 @@ HRESULT Give(const wchar_t* method, Interface** object, Parts... parts) {
 }
 using Definition = PART(ITaskDefinition);
 #define GET_PART(name, interfaceType, table)                                               \
-  .get_##name = [](ITaskDefinition* self, auto** part) STDMETHODCALLTYPE -> HRESULT {      \
+  .get_##name = [](ITaskDefinition* self, auto** part) CALL -> HRESULT {                   \
     return Give<PART(interfaceType)>(L"get_" #name, part, &(table), Definition::Of(self)); \
   }
 ITaskDefinitionVtbl definitionTable{COM_BASICS(Definition),
@@ -121,13 +121,13 @@ ITaskDefinitionVtbl definitionTable{COM_BASICS(Definition),
                                     GET_PART(Principal, IPrincipal, principalTable),
                                     GET_PART(Actions, IActionCollection, actionsTable)};
 
-HRESULT STDMETHODCALLTYPE GetTask(ITaskFolder* /*self*/, BSTR path, IRegisteredTask** task) {
+HRESULT CALL GetTask(ITaskFolder* /*self*/, BSTR path, IRegisteredTask** task) {
   const bool found = AreaExists(TaskArea(TextOf(path)));
   *task = found ? new Task(&taskTable) : nullptr;
   return found ? S_OK : HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND);
 }
 
-HRESULT STDMETHODCALLTYPE DeleteTask(ITaskFolder* /*self*/, BSTR path, LONG flags) {
+HRESULT CALL DeleteTask(ITaskFolder* /*self*/, BSTR path, LONG flags) {
   std::wstring name = TextOf(path);
   if (flags != 0) {
     Violation("ITaskFolder::DeleteTask: flags are reserved");
@@ -155,9 +155,8 @@ bool Complete(TaskProperties& properties, const VARIANT& password, const VARIANT
          sddl.vt == VT_EMPTY;
 }
 
-HRESULT STDMETHODCALLTYPE RegisterTask(ITaskFolder* /*self*/, BSTR path, ITaskDefinition* definition, LONG flags,
-                                       VARIANT user, VARIANT password, TASK_LOGON_TYPE logon, VARIANT sddl,
-                                       IRegisteredTask** task) {
+HRESULT CALL RegisterTask(ITaskFolder* /*self*/, BSTR path, ITaskDefinition* definition, LONG flags, VARIANT user,
+                          VARIANT password, TASK_LOGON_TYPE logon, VARIANT sddl, IRegisteredTask** task) {
   std::wstring name = TextOf(path);
   *task = nullptr;
   if (const HRESULT result = Method(L"RegisterTaskDefinition " + name); FAILED(result)) {
@@ -188,7 +187,7 @@ ITaskFolderVtbl folderTable{COM_BASICS(Folder), .GetTask = GetTask, .DeleteTask 
 
 using Service = Object<ITaskService, bool, IID_ITaskService>;  // connected
 
-HRESULT STDMETHODCALLTYPE Connect(ITaskService* self, VARIANT server, VARIANT user, VARIANT domain, VARIANT password) {
+HRESULT CALL Connect(ITaskService* self, VARIANT server, VARIANT user, VARIANT domain, VARIANT password) {
   if ((server.vt | user.vt | domain.vt | password.vt) != VT_EMPTY) {
     Violation("ITaskService::Connect: another computer or user");
   }
@@ -196,13 +195,13 @@ HRESULT STDMETHODCALLTYPE Connect(ITaskService* self, VARIANT server, VARIANT us
   Service::Of(self) = SUCCEEDED(result);
   return result;
 }
-HRESULT STDMETHODCALLTYPE GetFolder(ITaskService* self, BSTR path, ITaskFolder** folder) {
+HRESULT CALL GetFolder(ITaskService* self, BSTR path, ITaskFolder** folder) {
   if (!Service::Of(self) || TextOf(path) != L"\\") {
     Violation("ITaskService::GetFolder: not connected, or not the root folder");
   }
   return Give<Folder>(L"GetFolder", folder, &folderTable);
 }
-HRESULT STDMETHODCALLTYPE NewTask(ITaskService* self, DWORD /*flags*/, ITaskDefinition** definition) {
+HRESULT CALL NewTask(ITaskService* self, DWORD /*flags*/, ITaskDefinition** definition) {
   if (!Service::Of(self)) {
     Violation("ITaskService::NewTask: not connected");
   }

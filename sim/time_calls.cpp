@@ -27,6 +27,17 @@ std::atomic<std::uint64_t>& TicksAtStart() {
 
 }  // namespace
 
+std::uint64_t sim::FileTimeOf(int year, int month, int day, int hour, int minute, int second) {
+  const SYSTEMTIME parts{
+      static_cast<WORD>(year),   static_cast<WORD>(month),  0, static_cast<WORD>(day), static_cast<WORD>(hour),
+      static_cast<WORD>(minute), static_cast<WORD>(second), 0};
+  FILETIME time{};
+  if (!SystemTimeToFileTime(&parts, &time)) {
+    Violation("%d-%d-%d %d:%d:%d is no moment", year, month, day, hour, minute, second);
+  }
+  return (static_cast<std::uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
+}
+
 void sim::TicksStartAnew() {
   TicksAtStart() = RunningTicks();
   if (!ClockIsVirtual()) {
@@ -46,9 +57,9 @@ SIM(ULONGLONG, GetTickCount64, ) {
   return now >= start ? now - start : now;
 }
 
-// Its page: in units of 100 ns, without the time in which the computer slept ("SleptSeconds" of the machine).
+// Its page: in units of 100 ns, without the time in which the computer slept (sleptSeconds).
 SIM(WINBOOL, QueryUnbiasedInterruptTime, PULONGLONG time) {
-  *time = (RunningTicks() - ReadNumber(L"", L"SleptSeconds").value_or(0) * 1000ULL) * 10'000;
+  *time = (RunningTicks() - sleptSeconds.Get() * 1000ULL) * 10'000;
   return TRUE;
 }
 

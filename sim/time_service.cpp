@@ -20,9 +20,6 @@ namespace {
 constexpr wchar_t kArea[] = L"TimeService";
 DWORD granted = 0;
 
-DWORD Setting(const wchar_t* name, DWORD fallback = 0) { return ReadNumber(kArea, name).value_or(fallback); }
-void Count(const wchar_t* name) { WriteNumber(kArea, name, Setting(name) + 1); }
-
 BOOL Fail(DWORD error) {
   SetLastError(error);
   return FALSE;
@@ -35,27 +32,25 @@ void NeedRight(DWORD right, const char* function) {
 }
 
 DWORD State() {
-  if (Setting(L"Running") == 0) {
+  if (timeService.running.Get() == 0) {
     return SERVICE_STOPPED;
   }
   const auto since = std::wcstoull(ReadText(kArea, L"StartedAt").value_or(L"0").c_str(), nullptr, 10);
-  return ClockNow() >= since + Setting(L"StartDelay") ? SERVICE_RUNNING : SERVICE_START_PENDING;
+  return ClockNow() >= since + timeService.startDelay.Get() ? SERVICE_RUNNING : SERVICE_START_PENDING;
 }
 
 // The service attempts to synchronise.
 void Attempt() {
-  if (const DWORD empty = Setting(L"Empty"); empty != 0) {
-    WriteNumber(kArea, L"Empty", empty - 1);
+  if (const DWORD empty = timeService.empty.Get(); empty != 0) {
+    timeService.empty.Set(empty - 1);
     return;
   }
-  const auto behind = static_cast<std::int32_t>(Setting(L"Behind"));
-  DWORD gradual = 1;
-  DWORD size = sizeof(gradual);
-  RegGetValueW(HKEY_LOCAL_MACHINE, L"SYSTEM\\CurrentControlSet\\Services\\W32Time\\Config", L"MaxAllowedPhaseOffset",
-               RRF_RT_REG_DWORD, nullptr, &gradual, &size);
+  const auto behind = static_cast<std::int32_t>(timeService.behind.Get());
+  const DWORD gradual =
+      RegistryNumber(L"SYSTEM\\CurrentControlSet\\Services\\W32Time\\Config", L"MaxAllowedPhaseOffset").value_or(1);
   if (std::abs(std::int64_t{behind}) > std::int64_t{gradual} * 1'000) {
     StepSystemTime(behind);
-    WriteNumber(kArea, L"Behind", 0);
+    timeService.behind.Set(0);
   }
 }
 
@@ -65,42 +60,47 @@ DWORD WINAPI SyncNow(const wchar_t* computer, DWORD wait, DWORD flags) {
   if (computer != nullptr || wait != 1 || flags != 1) {
     Violation("W32TimeSyncNow: another computer, wait %lu, flags %lu", wait, flags);
   }
-  Count(L"Syncs");
-  if (Setting(L"SyncHangs") != 0) {
+  timeService.syncs.Increment();
+  if (timeService.syncHangs.Get() != 0) {
     Wait(CreateEventW(nullptr, TRUE, FALSE, nullptr), INFINITE);
   }
   if (State() != SERVICE_RUNNING) {
     return ERROR_SERVICE_NOT_ACTIVE;
   }
-  if (Setting(L"SyncResult") == 0) {
+  if (timeService.syncResult.Get() == 0) {
     Attempt();
   }
-  return Setting(L"SyncResult");
+  return timeService.syncResult.Get();
 }
 
 }  // namespace
 
+void SetHost(const std::wstring& name, const std::wstring& address, DWORD port) {
+  WriteText(L"Hosts\\" + name, L"Address", address);
+  WriteNumber(L"Hosts\\" + name, L"Port", port);
+}
+
 BOOL StartTimeService() {
   NeedRight(SERVICE_START, "StartServiceW");
-  if (const DWORD error = Setting(L"StartError"); error != 0) {
+  if (const DWORD error = timeService.startError.Get(); error != 0) {
     return Fail(error);
   }
-  if (Setting(L"Start", SERVICE_DEMAND_START) == SERVICE_DISABLED) {
+  if (timeService.start.Get() == SERVICE_DISABLED) {
     return Fail(ERROR_SERVICE_DISABLED);
   }
   if (State() != SERVICE_STOPPED) {
     return Fail(ERROR_SERVICE_ALREADY_RUNNING);
   }
   WriteText(kArea, L"StartedAt", std::to_wstring(ClockNow()));
-  WriteNumber(kArea, L"Running", 1);
+  timeService.running.Set(1);
   // StartServiceW: after 30 s it gives up with ERROR_SERVICE_REQUEST_TIMEOUT, though the process was started.
-  const DWORD givenUp = Setting(L"StartGivenUp");
+  const DWORD givenUp = timeService.startGivenUp.Get();
   return givenUp == 0 || Fail(givenUp);
 }
 
 BOOL ConfigureTimeService(DWORD start) {
   NeedRight(SERVICE_CHANGE_CONFIG, "ChangeServiceConfigW");
-  WriteNumber(kArea, L"Start", start);
+  timeService.start.Set(start);
   return TRUE;
 }
 
@@ -114,7 +114,7 @@ SIM(SC_HANDLE, OpenServiceW, SC_HANDLE manager, LPCWSTR name, DWORD access) {
     return hosted != nullptr ? hosted : ::OpenServiceW(manager, name, access);
   }
   granted = access;
-  return Setting(L"NoService") == 0 ? kTimeServiceHandle : (Fail(ERROR_SERVICE_DOES_NOT_EXIST), nullptr);
+  return timeService.noService.Get() == 0 ? kTimeServiceHandle : (Fail(ERROR_SERVICE_DOES_NOT_EXIST), nullptr);
 }
 
 SIM(WINBOOL, CloseServiceHandle, SC_HANDLE handle) {
@@ -144,7 +144,7 @@ SIM(WINBOOL, QueryServiceConfigW, SC_HANDLE service, LPQUERY_SERVICE_CONFIGW con
   }
   *config = {};
   config->dwServiceType = SERVICE_WIN32_SHARE_PROCESS;
-  config->dwStartType = Setting(L"Start", SERVICE_DEMAND_START);
+  config->dwStartType = timeService.start.Get();
   *needed = 0;
   return TRUE;
 }
@@ -156,7 +156,7 @@ SIM(HMODULE, LoadLibraryExW, LPCWSTR name, HANDLE file, DWORD flags) {
   if (flags != LOAD_LIBRARY_SEARCH_SYSTEM32 || file != nullptr) {
     Violation("LoadLibraryExW: w32time.dll is looked for outside of the system directory (0x%lx)", flags);
   }
-  return Setting(L"NoLibrary") == 0 ? ::LoadLibraryW(L"kernel32.dll") : (Fail(ERROR_MOD_NOT_FOUND), nullptr);
+  return timeService.noLibrary.Get() == 0 ? ::LoadLibraryW(L"kernel32.dll") : (Fail(ERROR_MOD_NOT_FOUND), nullptr);
 }
 
 SIM(FARPROC, GetProcAddress, HMODULE library, LPCSTR name) {
@@ -175,8 +175,8 @@ SIM(WINBOOL, CreateProcessW, LPCWSTR program, LPWSTR commandLine, LPSECURITY_ATT
   if (commandLine != L"\"" + std::wstring(path) + L"\" /resync" || flags != CREATE_NO_WINDOW || inherit) {
     Violation("CreateProcessW: %s with flags 0x%lx", Narrow(commandLine).c_str(), flags);
   }
-  Count(L"W32tmRuns");
-  const auto exitCode = ReadNumber(kArea, L"W32tm");
+  timeService.w32tmRuns.Increment();
+  const auto exitCode = timeService.w32tm.Read();
   if (!exitCode) {
     return Fail(ERROR_FILE_NOT_FOUND);
   }

@@ -17,11 +17,9 @@ std::string work;
 }  // namespace
 
 DWORD NumberOf(const std::wstring& area, const wchar_t* name) { return ReadNumber(area, name).value_or(0); }
-DWORD Setting(const std::wstring& name) { return NumberOf(kArea, name.c_str()); }
-HRESULT FailureOf(const std::wstring& stage) { return static_cast<HRESULT>(Setting(L"Fail " + stage)); }
 
 void FindUpdates(Outcome& outcome) {
-  const DWORD code = Setting(L"Code search");
+  const DWORD code = agent.codeSearch.Get();
   outcome.code = code != 0 ? static_cast<OperationResultCode>(code) : orcSucceeded;
   Areas names = AreaNames(kArea + L"\\Updates");
   std::sort(names.begin(), names.end());
@@ -50,7 +48,7 @@ void WorkOn(Outcome& outcome, bool installs) {
   outcome.code = failed == 0 ? orcSucceeded : none ? orcFailed : orcSucceededWithErrors;
   outcome.failure = none ? static_cast<HRESULT>(0x80240022) : S_OK;  // all updates failed
   if (outcome.reboot) {
-    WriteNumber(kArea, L"RebootRequired", 1);
+    agent.rebootRequired.Set(1);
   }
 }
 
@@ -83,12 +81,12 @@ std::wstring OfferUpdate(const OfferedUpdate& update) {
 void RestartAgent() {
   for (const std::wstring& name : AreaNames(kArea + L"\\Updates")) {
     const std::wstring area = kArea + L"\\Updates\\" + name;
-    if (NumberOf(area, L"Feature") != 0 && Setting(L"Committed") == 0) {
+    if (NumberOf(area, L"Feature") != 0 && agent.committed.Get() == 0) {
       WriteNumber(area, L"Installed", 0);
     }
   }
-  WriteNumber(kArea, L"Committed", 0);
-  WriteNumber(kArea, L"RebootRequired", 0);
+  agent.committed.Set(0);
+  agent.rebootRequired.Set(0);
 }
 
 std::string AgentWork() {

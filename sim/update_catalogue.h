@@ -12,8 +12,6 @@ namespace sim {
 
 using Areas = std::vector<std::wstring>;  // of updates
 DWORD NumberOf(const std::wstring& area, const wchar_t* name);
-DWORD Setting(const std::wstring& name);
-HRESULT FailureOf(const std::wstring& stage);
 
 // How an operation ended.
 struct Outcome {

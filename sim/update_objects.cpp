@@ -19,9 +19,6 @@ namespace {
 DEFINE_GUID(kIidUpdate2, 0x144fe9b0, 0xd23d, 0x4a8b, 0x86, 0x34, 0xfb, 0x44, 0x57, 0x53, 0x3b, 0x7a);
 DEFINE_GUID(kIidUpdate3, 0x112eda6b, 0x95b3, 0x476f, 0x9d, 0x90, 0xae, 0xe8, 0x2c, 0x6b, 0x81, 0x81);
 
-#define CALL STDMETHODCALLTYPE
-
-constexpr VARIANT_BOOL Flag(DWORD value) { return value != 0 ? VARIANT_TRUE : VARIANT_FALSE; }
 BSTR Text(const std::wstring& text) { return SysAllocStringLen(text.data(), static_cast<UINT>(text.size())); }
 
 using Identity = Object<IUpdateIdentity, std::wstring>;

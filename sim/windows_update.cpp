@@ -28,10 +28,6 @@ DEFINE_GUID(kDownloadMoved, 0x8c3f1cdd, 0x6173, 0x4591, 0xae, 0xbd, 0xa5, 0x6a, 
 DEFINE_GUID(kInstallDone, 0x45f4f6f3, 0xd602, 0x4f98, 0x9a, 0x8a, 0x3e, 0xfa, 0x15, 0x2a, 0xd2, 0xd3);
 DEFINE_GUID(kInstallMoved, 0xe01402d5, 0xf8da, 0x43ba, 0xa0, 0x12, 0x38, 0x89, 0x4b, 0xd0, 0x48, 0xf1);
 
-#define CALL STDMETHODCALLTYPE
-
-constexpr VARIANT_BOOL Flag(DWORD value) { return value != 0 ? VARIANT_TRUE : VARIANT_FALSE; }
-
 std::atomic<int> liveOperations{0};
 
 using SearchOutcome = Object<ISearchResult, Outcome>;
@@ -103,8 +99,7 @@ using InstallPercent = Object<IInstallationProgress, LONG>;
 IInstallationProgressVtbl installProgressTable = {COM_BASICS(InstallPercent),
                                                   .get_PercentComplete = COM_GET(InstallPercent::Of(self))};
 
-enum class Kind { kSearch, kDownload, kInstall };
-constexpr const wchar_t* kStages[] = {L"search", L"download", L"install"};
+HRESULT FailureOf(const Field<>& field) { return static_cast<HRESULT>(field.Get()); }
 
 // The arguments of a progress: the methods of a dispatch object, then the progress.
 struct ProgressArgs {
@@ -112,11 +107,11 @@ struct ProgressArgs {
     void* dispatch[7];
     HRESULT(CALL* get_Progress)(ProgressArgs* self, void** out);
   } const* table;
-  Kind kind;
+  AgentStage kind;
   LONG percent;
 };
 constexpr ProgressArgs::Table kProgressArgs = {{}, [](ProgressArgs* self, void** out) CALL -> HRESULT {
-                                                 if (self->kind == Kind::kDownload) {
+                                                 if (self->kind == kDownload) {
                                                    *out = new DownloadPercent(&downloadProgressTable, self->percent);
                                                  } else {
                                                    *out = new InstallPercent(&installProgressTable, self->percent);
@@ -126,7 +121,7 @@ constexpr ProgressArgs::Table kProgressArgs = {{}, [](ProgressArgs* self, void**
 
 // One asynchronous operation: the state of its job object, whose tables differ in where two methods stand.
 struct Job {
-  Job(Kind what, Areas with, Callback* atEnd, Callback* onTheWay)
+  Job(AgentStage what, Areas with, Callback* atEnd, Callback* onTheWay)
       : kind(what), completed(atEnd), progress(onTheWay), outcome{.updates = std::move(with)} {}
   Job(const Job&) = delete;
   Job& operator=(const Job&) = delete;
@@ -138,11 +133,9 @@ struct Job {
       }
     }
   }
-  [[nodiscard]] std::wstring Stage() const { return kStages[static_cast<int>(kind)]; }
-
   // Waits in three parts, telling the progress in between (beyond both ends too); false when aborted.
   bool Pass(void* job) {
-    const DWORD duration = Setting(L"Duration " + Stage());
+    const DWORD duration = agent.duration[kind].Get();
     for (const LONG percent : {-5, 50, 150}) {
       if (Wait(abort, duration == INFINITE ? INFINITE : duration / 3) == WAIT_OBJECT_0) {
         return false;
@@ -156,22 +149,23 @@ struct Job {
   }
 
   void Work(void* job) {
-    outcome.failure = FailureOf(Stage());
+    outcome.failure = FailureOf(agent.fail[kind]);
     if (!Pass(job)) {
       outcome.code = orcAborted;
     } else if (outcome.failure != S_OK) {
       outcome.code = orcFailed;
-    } else if (kind == Kind::kSearch) {
+    } else if (kind == kSearch) {
       FindUpdates(outcome);
     } else {
-      WorkOn(outcome, kind == Kind::kInstall);
+      WorkOn(outcome, kind == kInstall);
     }
-    NoteWork(Narrow(Stage()) + "ed " + std::to_string(outcome.updates.size()) + "\n");
+    constexpr const char* kDone[] = {"searched ", "downloaded ", "installed "};
+    NoteWork(kDone[kind] + std::to_string(outcome.updates.size()) + "\n");
     finished = true;
     completed->table->Invoke(completed, job, nullptr);
   }
 
-  Kind kind;
+  AgentStage kind;
   HANDLE abort = CreateEventW(nullptr, TRUE, FALSE, nullptr);
   Callback* completed;
   Callback* progress;
@@ -191,7 +185,7 @@ HRESULT CALL CleanUp(IUnknown* self) {
   return S_OK;
 }
 HRESULT CALL RequestAbort(IUnknown* self) {
-  if (Setting(L"Stubborn") == 0) {
+  if (agent.stubborn.Get() == 0) {
     Signal(JobOf(self).abort);
   }
   return S_OK;
@@ -221,21 +215,21 @@ DWORD WINAPI RunJob(void* raw) {
 }
 
 template <typename Interface>
-HRESULT Begin(Kind kind, const Areas& updates, Callback* done, Callback* moved, Interface** out) {
+HRESULT Begin(AgentStage kind, const Areas& updates, Callback* done, Callback* moved, Interface** out) {
   for (const std::wstring& each : updates) {
     if (NumberOf(each, L"TermsAccepted") == 0) {
       Violation("an update is to be worked on whose terms nobody accepted");
     }
   }
   // The page of InstallationImpact: WU_E_EXCLUSIVE_INSTALL_CONFLICT, and no update is installed.
-  if (kind == Kind::kInstall && updates.size() > 1 && std::any_of(updates.begin(), updates.end(), [](const auto& each) {
+  if (kind == kInstall && updates.size() > 1 && std::any_of(updates.begin(), updates.end(), [](const auto& each) {
         return NumberOf(each, L"Impact") == iiRequiresExclusiveHandling;
       })) {
     return static_cast<HRESULT>(0x80240019);
   }
   auto* const job =
-      new JobObject(&(kind == Kind::kSearch ? searchJobTable : workJobTable).unknown, kind, updates, done, moved);
-  if (const HRESULT failure = FailureOf(job->state.Stage() + L"Begin"); failure != S_OK) {
+      new JobObject(&(kind == kSearch ? searchJobTable : workJobTable).unknown, kind, updates, done, moved);
+  if (const HRESULT failure = FailureOf(agent.failBegin[kind]); failure != S_OK) {
     JobObject::Drop(job);
     return failure;
   }
@@ -253,7 +247,7 @@ HRESULT End(JobInterface* raw, Table* table, Interface** out) {
     Violation("an operation of the update agent is ended before it is over: the call would wait");
     return E_FAIL;
   }
-  if (job.kind == Kind::kSearch && job.outcome.failure != S_OK) {
+  if (job.kind == kSearch && job.outcome.failure != S_OK) {
     return job.outcome.failure;
   }
   *out = new ResultType(table, job.outcome);
@@ -267,7 +261,7 @@ IUpdateSearcherVtbl searcherTable = {
       if (std::wstring(criteria) != L"IsInstalled=0 and IsHidden=0 and Type='Software'") {
         Violation("the search is not for missing software: %s", Narrow(criteria).c_str());
       }
-      return Begin(Kind::kSearch, {}, Accept(done, kSearchDone), nullptr, out);
+      return Begin(kSearch, {}, Accept(done, kSearchDone), nullptr, out);
     },
     .EndSearch = [](IUpdateSearcher*, ISearchJob* job, ISearchResult** out)
                      CALL { return End<SearchOutcome>(job, &searchResultTable, out); }};
@@ -283,8 +277,8 @@ IUpdateDownloaderVtbl downloaderTable = {
     COM_BASICS(Downloader), PUT_UPDATES(Downloader),
     .BeginDownload =
         [](IUpdateDownloader* self, IUnknown* moved, IUnknown* done, VARIANT, IDownloadJob** out) CALL {
-          return Begin(Kind::kDownload, Downloader::Of(self), Accept(done, kDownloadDone),
-                       Accept(moved, kDownloadMoved), out);
+          return Begin(kDownload, Downloader::Of(self), Accept(done, kDownloadDone), Accept(moved, kDownloadMoved),
+                       out);
         },
     .EndDownload = [](IUpdateDownloader*, IDownloadJob* job, IDownloadResult** out)
                        CALL { return End<DownloadOutcome>(job, &downloadResultTable, out); }};
@@ -292,14 +286,14 @@ using Installer = Object<IUpdateInstaller, Areas, IID_IUpdateInstaller, kIidInst
 
 // Its page: to be called once before a restart, and a second call may make the update fail.
 HRESULT CALL Commit(IUpdateInstaller*, DWORD flags) {
-  if (flags != 0 || Setting(L"Committed") != 0) {
+  if (flags != 0 || agent.committed.Get() != 0) {
     Violation("updates are committed with flags, or twice before one restart");
   }
-  sim_Sleep(Setting(L"Duration commit"));
-  const HRESULT failure = FailureOf(L"commit");
+  sim_Sleep(agent.durationCommit.Get());
+  const HRESULT failure = FailureOf(agent.failCommit);
   NoteWork("committed\n");
   return failure != S_OK ? failure : HRESULT_FROM_WIN32(Change<DWORD>("Commit", L"", []() -> DWORD {
-    WriteNumber(kUpdateArea, L"Committed", 1);
+    agent.committed.Set(1);
     return ERROR_SUCCESS;
   }));
 }
@@ -315,12 +309,12 @@ InstallerTable installerTable = {
     .first = {COM_BASICS(Installer), PUT_UPDATES(Installer),
               .BeginInstall =
                   [](IUpdateInstaller* self, IUnknown* moved, IUnknown* done, VARIANT, IInstallationJob** out) CALL {
-                    return Begin(Kind::kInstall, Installer::Of(self), Accept(done, kInstallDone),
+                    return Begin(kInstall, Installer::Of(self), Accept(done, kInstallDone),
                                  Accept(moved, kInstallMoved), out);
                   },
               .EndInstall = [](IUpdateInstaller*, IInstallationJob* job, IInstallationResult** out)
                                 CALL { return End<InstallOutcome>(job, &installResultTable, out); },
-              .get_IsBusy = COM_GET(Flag(Setting(L"InstallerBusy"))),
+              .get_IsBusy = COM_GET(Flag(agent.installerBusy.Get())),
               .put_AllowSourcePrompts = [](IUpdateInstaller*, VARIANT_BOOL allow) CALL -> HRESULT {
                 if (allow != VARIANT_FALSE) {
                   Violation("an installation may ask for a source, and nobody is there to answer");
@@ -332,7 +326,7 @@ InstallerTable installerTable = {
 
 // Makes an object for the product unless its stage is to fail.
 template <typename Made, typename Interface, typename Table>
-HRESULT Make(const wchar_t* stage, Interface** out, Table* table) {
+HRESULT Make(const Field<>& stage, Interface** out, Table* table) {
   const HRESULT failure = FailureOf(stage);
   *out = failure == S_OK ? new Made(table) : nullptr;
   return failure;
@@ -342,34 +336,35 @@ using Session = Object<IUpdateSession, Stateless, IID_IUpdateSession>;
 IUpdateSessionVtbl sessionTable = {
     COM_BASICS(Session),
     .put_ClientApplicationID = [](IUpdateSession*, BSTR name) CALL -> HRESULT {
-      WriteText(kUpdateArea, L"Client", name);
+      agent.client.Set(name);
       return S_OK;
     },
     .CreateUpdateSearcher = [](IUpdateSession*, IUpdateSearcher** out)
-                                CALL { return Make<Searcher>(L"searcher", out, &searcherTable); },
+                                CALL { return Make<Searcher>(agent.failSearcher, out, &searcherTable); },
     .CreateUpdateDownloader = [](IUpdateSession*, IUpdateDownloader** out)
-                                  CALL { return Make<Downloader>(L"downloader", out, &downloaderTable); },
+                                  CALL { return Make<Downloader>(agent.failDownloader, out, &downloaderTable); },
     .CreateUpdateInstaller = [](IUpdateSession*, IUpdateInstaller** out)
-                                 CALL { return Make<Installer>(L"installer", out, &installerTable.first); }};
+                                 CALL { return Make<Installer>(agent.failInstaller, out, &installerTable.first); }};
 
 using System = Object<ISystemInformation, Stateless, IID_ISystemInformation>;
 ISystemInformationVtbl systemTable = {COM_BASICS(System),
-                                      .get_RebootRequired = COM_GET(Flag(Setting(L"RebootRequired")))};
+                                      .get_RebootRequired = COM_GET(Flag(agent.rebootRequired.Get()))};
 
 // Hands an object out unless its stage is to fail.
 template <typename Hand>
-HRESULT Unless(const wchar_t* stage, Hand hand) {
+HRESULT Unless(const Field<>& stage, Hand hand) {
   const HRESULT failure = FailureOf(stage);
   return failure != S_OK ? failure : hand();
 }
 
 #define CREATES(stage, expression) [](REFIID id, void** out) { return Unless(stage, [&] { return expression; }); }
 const bool registered =
-    RegisterComClass({&CLSID_UpdateSession, CREATES(L"session", HandOut(new Session(&sessionTable), id, out))}) &&
-    RegisterComClass({&kCollectionClass, CREATES(L"collection", CreateCollection(id, out))}) &&
     RegisterComClass(
-        {&CLSID_UpdateInstaller, CREATES(L"installer", HandOut(new Installer(&installerTable.first), id, out))}) &&
-    RegisterComClass({&CLSID_SystemInformation, CREATES(L"system", HandOut(new System(&systemTable), id, out))});
+        {&CLSID_UpdateSession, CREATES(agent.failSession, HandOut(new Session(&sessionTable), id, out))}) &&
+    RegisterComClass({&kCollectionClass, CREATES(agent.failCollection, CreateCollection(id, out))}) &&
+    RegisterComClass({&CLSID_UpdateInstaller,
+                      CREATES(agent.failInstaller, HandOut(new Installer(&installerTable.first), id, out))}) &&
+    RegisterComClass({&CLSID_SystemInformation, CREATES(agent.failSystem, HandOut(new System(&systemTable), id, out))});
 
 }  // namespace
 

@@ -1,21 +1,34 @@
-// The Windows Update Agent of the simulated machine: area "WindowsUpdate", with an area "Updates\<number>" for each
-// update that is offered, and numbers that a test sets:
-//   "Fail <stage>"    an HRESULT for session, searcher, collection, searchBegin, search, downloader, downloadBegin,
-//                     download, installer, installBegin, install, commit, system; the last of each three as the
-//                     operation's result
-//   "Duration <stage>" milliseconds that search, download, install and commit take; INFINITE: until they are aborted
-//   "Code search"     the OperationResultCode of a search that succeeds
-//   "Stubborn"        1: an abort is ignored
-//   "InstallerBusy", "RebootRequired"
+// The Windows Update Agent of the simulated machine: area "WindowsUpdate", with an area "Updates\\<number>" for each
+// update that is offered.
 #pragma once
 
-#include "win32/winapi.h"
-
-#include <string>
+#include "sim/machine.h"
 
 namespace sim {
 
 inline constexpr wchar_t kUpdateArea[] = L"WindowsUpdate";
+
+enum AgentStage { kSearch, kDownload, kInstall };
+struct Agent {
+  // HRESULTs: of what makes an object, and by stage of its beginning and of the operation's result.
+  Field<> failSession{kUpdateArea, L"Fail session"}, failSearcher{kUpdateArea, L"Fail searcher"};
+  Field<> failCollection{kUpdateArea, L"Fail collection"}, failDownloader{kUpdateArea, L"Fail downloader"};
+  Field<> failInstaller{kUpdateArea, L"Fail installer"}, failSystem{kUpdateArea, L"Fail system"};
+  Field<> failCommit{kUpdateArea, L"Fail commit"};
+  Field<> failBegin[3] = {
+      {kUpdateArea, L"Fail searchBegin"}, {kUpdateArea, L"Fail downloadBegin"}, {kUpdateArea, L"Fail installBegin"}};
+  Field<> fail[3] = {{kUpdateArea, L"Fail search"}, {kUpdateArea, L"Fail download"}, {kUpdateArea, L"Fail install"}};
+  // Milliseconds; INFINITE: until they are aborted.
+  Field<> duration[3] = {
+      {kUpdateArea, L"Duration search"}, {kUpdateArea, L"Duration download"}, {kUpdateArea, L"Duration install"}};
+  Field<> durationCommit{kUpdateArea, L"Duration commit"};
+  Field<> codeSearch{kUpdateArea, L"Code search"};  // the OperationResultCode of a search that succeeds; 0: its own
+  Field<> stubborn{kUpdateArea, L"Stubborn"};       // an abort is ignored
+  Field<> installerBusy{kUpdateArea, L"InstallerBusy"}, rebootRequired{kUpdateArea, L"RebootRequired"};
+  Field<> committed{kUpdateArea, L"Committed"};  // since the last restart
+  Field<std::wstring> client{kUpdateArea, L"Client"};
+};
+inline const Agent agent{};
 
 struct OfferedUpdate {
   std::wstring title;

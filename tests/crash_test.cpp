@@ -1,17 +1,15 @@
 // What a fault leaves behind: a line in the log and a dump that a debugger opens.
 #include "service/crash.h"
 
-#include "log/day_files.h"
 #include "log/log.h"
-#include "log/settings.h"
+#include "log/log_settings.h"
 #include "log/shipper/shipper.h"
 #include "sim/threads.h"
+#include "state/folders.h"
 #include "tests/support/spool.h"
 #include "win32/handle.h"
 #include "win32/thread.h"
 #include "win32/wide_text.h"
-
-#include <process.h>
 
 #include <algorithm>
 
@@ -21,19 +19,16 @@ namespace {
 class CrashTest : public test::CleanMachine {};
 
 std::vector<std::wstring> Dumps() {
-  std::vector<std::wstring> names;
-  WIN32_FIND_DATAW data;
-  const win32::FindHandle find(FindFirstFileW((std::wstring(log::kLogRoot) + L"\\*.dmp").c_str(), &data));
-  for (BOOL more = find ? TRUE : FALSE; more != 0; more = FindNextFileW(find.Get(), &data)) {
-    names.emplace_back(std::wstring(log::kLogRoot) + L"\\" + data.cFileName);
+  std::vector<std::wstring> paths;
+  for (const std::wstring& name : test::ListFolder(state::kLogRoot)) {
+    if (name.ends_with(L".dmp")) {
+      paths.push_back(log::shipper::kRoot + L"\\" + name);
+    }
   }
-  return names;
+  return paths;
 }
 
 TEST_F(CrashTest, AFaultLeavesOneLineAndADump) {
-  for (const std::wstring& old : Dumps()) {
-    DeleteFileW(old.c_str());
-  }
   test::SetString(log::kSettingsKey, L"LogEndpoint", L"https://127.0.0.1:9/gelf");
   InstallCrashHandler();
   const LPTOP_LEVEL_EXCEPTION_FILTER filter = SetUnhandledExceptionFilter(nullptr);
@@ -139,22 +134,18 @@ constexpr Fault kFaults[] = {
 // The second process is this test once more.
 TEST(CrashProcesses, EveryFaultLeavesItsLine) {
   for (const Fault& fault : kFaults) {
-    if (wcsstr(GetCommandLineW(), fault.name) != nullptr) {
+    if (test::ThisTestIs(fault.name)) {
       InstallCrashHandler();
       log::Log(log::kNotice, log::kKiosk, "ready");
       fault.happen();
       Sleep(INFINITE);
     }
   }
-  wchar_t self[MAX_PATH];
-  GetModuleFileNameW(nullptr, self, MAX_PATH);
   for (const Fault& fault : kFaults) {
     const std::string name = win32::ToNarrow(fault.name);
     test::ResetComputer();
     test::SetString(log::kSettingsKey, L"LogEndpoint", L"https://127.0.0.1:9/gelf");
-    // NOLINTNEXTLINE(performance-no-int-to-ptr): the runtime gives the handle as a number
-    const win32::KernelHandle child(reinterpret_cast<HANDLE>(
-        _wspawnl(_P_NOWAIT, self, L"test", L"--gtest_filter=CrashProcesses.*", fault.name, nullptr)));
+    const win32::KernelHandle child = test::StartThisTestAs(fault.name);
     char line[64];
     static_cast<void>(std::snprintf(line, std::size(line), "ERROR fault 0x%08lx at ", fault.code));
     const auto told = [&line] {

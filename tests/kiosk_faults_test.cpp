@@ -17,8 +17,9 @@
 #include "sim/profiles.h"
 #include "sim/sessions.h"
 #include "state/kiosk_state.h"
+#include "tests/support/command.h"
 #include "tests/support/fixture.h"
-#include "tests/support/owned_computer.h"
+#include "tests/support/terminal.h"
 
 #include <algorithm>
 
@@ -113,7 +114,7 @@ struct KioskScenario {
 };
 
 void EveryPointGivesTheComputerBack(const KioskScenario& scenario) {
-  const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  const sim::VirtualClock clock(test::kMorning);
   const auto prepare = [&] {
     test::ResetComputer();
     test::OwnComputer();
@@ -150,9 +151,11 @@ void EveryPointGivesTheComputerBack(const KioskScenario& scenario) {
                          .parts = scenario.parts});
 }
 
+constexpr char kCode[] = R"({"code":"ABCD1234"})";
+
 std::string Pair() {
-  portal::PairBegin();
-  return json::Serialise(portal::PairCheck("ABCD1234"));
+  test::Ask(portal::PairBegin);
+  return json::Serialise(test::Ask(portal::PairCheck, kCode));
 }
 
 // What the worker does when the portal knows the terminal; or else the person at the terminal pairs it once more.
@@ -179,21 +182,18 @@ INSTANTIATE_TEST_SUITE_P(Part, PairingFaults, testing::Range(0, kParts));
 
 TEST_P(PairingFaults, APairingComesToItsEnd) {
   sim::ScriptedPortal portal;
-  const auto answer = [&portal](const wchar_t* method, const wchar_t* path, const char* body) {
-    portal.On(method, path, [body](const sim::Request&) { return sim::Response{.body = body}; });
-  };
-  answer(L"POST", L"/api/kiosk/pair", R"({"pairingCode":"ABCD1234"})");
-  answer(L"GET", L"/api/kiosk/pair/ABCD1234", R"({"deviceToken":"tok-1"})");
-  answer(L"POST", L"/api/kiosk/check-in", R"({"status":"enrolled","name":"Hall"})");
+  portal.On(L"POST", test::kPairPath, test::kPairingBegins);
+  portal.On(L"GET", test::kClaimPath, sim::Response{.body = R"({"deviceToken":"tok-1"})"});
+  portal.On(L"POST", test::kCheckInPath, sim::Response{.body = R"({"status":"enrolled","name":"Hall"})"});
   const auto prepare = [] {
-    portal::PairBegin();
+    test::Ask(portal::PairBegin);
     // What an earlier enrolment may have left.
     test::SetDword(state::kStateKey, L"TeardownPending", 1);
     test::SetString(state::kStateKey, L"UnknownSince", L"x");
   };
   EveryPointGivesTheComputerBack({.name = L"pairing",
                                   .prepare = prepare,
-                                  .run = [] { portal::PairCheck("ABCD1234"); },
+                                  .run = [] { test::Ask(portal::PairCheck, kCode); },
                                   .askAgain = ComeToKioskModeAndLeaveIt,
                                   .enrolled = false,
                                   .part = GetParam(),

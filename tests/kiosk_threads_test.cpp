@@ -20,15 +20,14 @@
 #include "sim/lsa.h"
 #include "sim/sessions.h"
 #include "state/kiosk_state.h"
+#include "tests/support/command.h"
 #include "tests/support/fixture.h"
-#include "tests/support/owned_computer.h"
+#include "tests/support/terminal.h"
 #include "win32/security.h"
 #include "win32/stop.h"
 #include "win32/thread.h"
 
 #include <wtsapi32.h>
-
-#include <process.h>
 
 #include <algorithm>
 #include <atomic>
@@ -77,13 +76,13 @@ class Crowd : public test::CleanMachine {
     test::OwnComputer();
     before_ = sim::DumpMachine();
     test::Enrol("", false);
-    portal_.On(L"POST", L"/api/kiosk/pair", [](const sim::Request&) {
+    portal_.On(L"POST", test::kPairPath, [](const sim::Request&) {
       return sim::Response{.body = R"({"pairingCode":"ABCD1234"})", .headersDelay = 20};
     });
-    portal_.On(L"GET", L"/api/kiosk/pair/ABCD1234", [this](const sim::Request&) {
+    portal_.On(L"GET", test::kClaimPath, [this](const sim::Request&) {
       return sim::Response{.body = R"({"deviceToken":"tok-)" + std::to_string(++tokens_) + "\"}"};
     });
-    portal_.On(L"POST", L"/api/kiosk/check-in", [this](const sim::Request&) {
+    portal_.On(L"POST", test::kCheckInPath, [this](const sim::Request&) {
       const int number = ++checkIns_;
       return number % 7 == 0 ? sim::Response{.status = 401, .body = R"({"status":"revoked"})", .headersDelay = 300}
                              : sim::Response{.body = R"({"status":"enrolled","exitPassword":"Way out","name":"Hall )" +
@@ -99,11 +98,11 @@ class Crowd : public test::CleanMachine {
 };
 
 TEST_F(Crowd, EightThreadsNeitherBlockEachOtherNorLoseAnything) {
-  sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  sim::VirtualClock clock(test::kMorning);
   using Role = void (*)(unsigned);
   constexpr Role kPair = [](unsigned) {
-    portal::PairBegin();
-    portal::PairCheck("ABCD1234");
+    test::Ask(portal::PairBegin);
+    test::Ask(portal::PairCheck, R"({"code":"ABCD1234"})");
   };
   constexpr Role kRoles[] = {
       kPair,
@@ -117,9 +116,10 @@ TEST_F(Crowd, EightThreadsNeitherBlockEachOtherNorLoseAnything) {
         ApplyKioskPolicies();
       },
       [](unsigned random) {
-        json::PostReplyAction after = nullptr;
+        command::PostReplyAction after = nullptr;
         const text::Secret token = NewUnlockToken(2);
-        EnterMaintenance(random % 3 == 0 ? "way out" : "", random % 3 == 0 ? "" : token.Get(), 2, after);
+        test::Ask(Maintenance, random % 3 == 0 ? test::Credentials("way out") : test::Credentials("", token.Get()), 2,
+                  &after);
         if (after != nullptr) {
           after();
         }
@@ -142,7 +142,7 @@ TEST_F(Crowd, EightThreadsNeitherBlockEachOtherNorLoseAnything) {
         if (random % 3 == 0) {
           EndMaintenance("test");
         }
-        Unlock("Way out", 2);
+        test::Ask(Unlock, test::Credentials("Way out"), 2);
       },
   };
   std::vector<HANDLE> threads;
@@ -177,7 +177,7 @@ TEST_F(Crowd, EightThreadsNeitherBlockEachOtherNorLoseAnything) {
 
 // A thread in the place of the other process: what a mutex lets nobody tell apart.
 TEST_F(Crowd, WhoWaitsForAnotherProcessGoesOnAfterTwentySecondsAndNotAfterAStop) {
-  sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  sim::VirtualClock clock(test::kMorning);
   ASSERT_TRUE(win32::CreateStopEvent());
   std::string outcome;
   const auto provision = [&]() noexcept { outcome = ProvisionKioskAccount({}); };
@@ -203,23 +203,11 @@ TEST_F(Crowd, WhoWaitsForAnotherProcessGoesOnAfterTwentySecondsAndNotAfterAStop)
   EXPECT_EQ(sim::DumpMachine(), provisioned);
 }
 
-// Polls in real time, for what another process does.
-template <typename Condition>
-bool Becomes(Condition condition) {
-  for (int i = 0; i < 2'000; ++i) {
-    if (condition()) {
-      return true;
-    }
-    Sleep(5);
-  }
-  return false;
-}
-
 // The uninstalling program waits for a kiosk session that does not end; the service provisions meanwhile: not before
 // the other is done, or is gone.
 TEST(TwoProcesses, TheServiceWaitsForAnUninstallAndTakesOverFromADeadOne) {
   constexpr wchar_t kRole[] = L"as-the-uninstalling-program";
-  if (wcsstr(GetCommandLineW(), kRole) != nullptr) {
+  if (test::ThisTestIs(kRole)) {
     service::Uninstall();
     return;
   }
@@ -231,17 +219,10 @@ TEST(TwoProcesses, TheServiceWaitsForAnUninstallAndTakesOverFromADeadOne) {
     test::Enrol();
     const DWORD session = sim::SignIn(L"NorvaneKiosk");
     sim::MakeStubborn(session, INFINITE);
-    wchar_t self[MAX_PATH];
-    GetModuleFileNameW(nullptr, self, MAX_PATH);
-    const std::string filter =
-        std::string("--gtest_filter=*.") + testing::UnitTest::GetInstance()->current_test_info()->name();
     const std::string asked = "INFO logged off kiosk session " + std::to_string(session);
     const int loggedBefore = test::CountLogged(asked);
-    const win32::KernelHandle other(
-        reinterpret_cast<HANDLE>(  // NOLINT(performance-no-int-to-ptr): the library's own way
-            _wspawnl(_P_NOWAIT, self, L"test", L"--gtest_brief=1", std::wstring(filter.begin(), filter.end()).c_str(),
-                     kRole, nullptr)));
-    ASSERT_TRUE(Becomes([&] { return test::CountLogged(asked) > loggedBefore; }));
+    const win32::KernelHandle other = test::StartThisTestAs(kRole);
+    ASSERT_TRUE(test::Becomes([&] { return test::CountLogged(asked) > loggedBefore; }));
 
     std::string outcome;
     const win32::KernelHandle thread = win32::StartThread([&]() noexcept { outcome = ProvisionIfNeeded("tok-1"); });
@@ -250,7 +231,7 @@ TEST(TwoProcesses, TheServiceWaitsForAnUninstallAndTakesOverFromADeadOne) {
     killed ? static_cast<void>(TerminateProcess(other.Get(), 1)) : sim::SignOut(session);
     ASSERT_EQ(WaitForSingleObject(thread.Get(), 10'000), WAIT_OBJECT_0);
     ASSERT_EQ(WaitForSingleObject(other.Get(), 10'000), WAIT_OBJECT_0);
-    EXPECT_EQ(outcome, kNoLongerEnrolled);
+    EXPECT_EQ(outcome, kEnrolmentOver);
     if (killed) {
       EXPECT_TRUE(state::FlagIsOn(state::kTeardownPending) && state::TokenIsStored());
       sim::SignOut(session);

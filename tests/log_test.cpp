@@ -1,11 +1,11 @@
 // The log: what a line looks like, where it goes, and what the housekeeping keeps.
 #include "log/log.h"
 
-#include "log/day_files.h"
 #include "log/housekeeping.h"
 #include "log/identity.h"
 #include "sim/clock.h"
 #include "sim/files.h"
+#include "state/folders.h"
 #include "tests/support/fixture.h"
 #include "win32/clock.h"
 #include "win32/handle.h"
@@ -28,14 +28,14 @@ using test::WriteWholeFile;
 
 class LogTest : public test::CleanMachine {};
 
-const std::wstring kRoot = kLogRoot;
+const std::wstring kRoot = state::kLogRoot;
 constexpr wchar_t kSettings[] = L"SOFTWARE\\Norvane\\Tessaly\\Log";
 
 const std::wstring kParent = L"C:\\ProgramData\\Norvane\\Tessaly";
 constexpr wchar_t kProtected[] = L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
 
 void MakeLogTree() {
-  for (const wchar_t* folder : {L"C:\\ProgramData", L"C:\\ProgramData\\Norvane", kParent.c_str(), kLogRoot}) {
+  for (const wchar_t* folder : {L"C:\\ProgramData", L"C:\\ProgramData\\Norvane", kParent.c_str(), state::kLogRoot}) {
     CreateDirectoryW(folder, nullptr);
   }
 }
@@ -180,7 +180,7 @@ TEST_F(LogTest, SwitchedOffWritesNoLine) {
 
 TEST_F(LogTest, JunctionInThePathIsReplacedNotFollowed) {
   MakeLogTree();
-  RemoveDirectoryW(kLogRoot);
+  RemoveDirectoryW(state::kLogRoot);
   CreateDirectoryW(L"C:\\elsewhere", nullptr);
   sim::MakeJunction(kRoot, L"C:\\elsewhere");
   Log(kNotice, kKiosk, "safe");
@@ -196,9 +196,9 @@ TEST_F(LogTest, TreeThatCannotBeSecuredIsNotWrittenAndTriedAgainEachHour) {
   sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 10));
   clock.SetGrace(20);
   MakeLogTree();
-  RemoveDirectoryW(kLogRoot);
+  RemoveDirectoryW(state::kLogRoot);
   // Somebody holds a file where the log root should be, so it can be neither removed nor replaced.
-  win32::FileHandle held(CreateFileW(kLogRoot, GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
+  win32::FileHandle held(CreateFileW(state::kLogRoot, GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
   ASSERT_TRUE(held);
   StartBanner(kKiosk);
   const auto lineAfter = [&clock](std::uint64_t wait) {
@@ -210,7 +210,7 @@ TEST_F(LogTest, TreeThatCannotBeSecuredIsNotWrittenAndTriedAgainEachHour) {
   EXPECT_EQ(ListFolder(kParent), std::vector<std::wstring>{L"Logs"});
   held.Reset();
   lineAfter(3'500'000);
-  EXPECT_EQ(GetFileAttributesW(kLogRoot) & FILE_ATTRIBUTE_DIRECTORY, 0U);
+  EXPECT_EQ(GetFileAttributesW(state::kLogRoot) & FILE_ATTRIBUTE_DIRECTORY, 0U);
   lineAfter(100'000);
   lineAfter(0);
   EXPECT_EQ(LogTexts(), (std::vector<std::string>{"INFO log: C:\\ProgramData\\Norvane\\Tessaly\\Logs is secured now; "
@@ -296,9 +296,9 @@ TEST_F(LogTest, InstallIdentifierIsKeptAndRemadeWhenDamaged) {
   for (const char* damaged :
        {"", "0123", "{0123456-0123-4123-8123-0123456789ab", "------------------------------------"}) {
     WriteWholeFile(kRoot + L"\\client_uuid.txt", damaged);
-    const std::string made = LoadOrCreateInstallId(kLogRoot);
+    const std::string made = LoadOrCreateInstallId(state::kLogRoot);
     EXPECT_TRUE(made != last && std::regex_match(made, shape)) << damaged;
-    EXPECT_EQ(LoadOrCreateInstallId(kLogRoot), made) << damaged;
+    EXPECT_EQ(LoadOrCreateInstallId(state::kLogRoot), made) << damaged;
     last = made;
   }
   EXPECT_EQ(ListFolder(kRoot), std::vector<std::wstring>{L"client_uuid.txt"});

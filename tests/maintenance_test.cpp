@@ -1,6 +1,7 @@
 // The exit password and its lockout; maintenance in and out.
 #include "account/maintenance.h"
 
+#include "account/account_lock.h"
 #include "account/auto_logon.h"
 #include "account/auto_logon_owner.h"
 #include "account/exit_password.h"
@@ -8,7 +9,8 @@
 #include "json/serialise.h"
 #include "sim/fault_driver.h"
 #include "sim/lsa.h"
-#include "tests/support/kiosk_terminal.h"
+#include "tests/support/command.h"
+#include "tests/support/terminal.h"
 #include "win32/clock.h"
 #include "win32/hash.h"
 #include "win32/thread.h"
@@ -17,19 +19,15 @@
 namespace kiosk::account {
 namespace {
 
-using test::AutoAdminLogon;
 using test::kKioskSession;
 using test::kOtherSession;
 using test::SetDword;
 using test::SetString;
+using test::Winlogon;
 
 constexpr char kLockoutLine[] = "WARN maintenance: 5 attempts without the right password; refusing for 300 s";
 constexpr char kEnteredLine[] =
     "INFO maintenance: auto sign-in skipped until the administrator signs out or Windows restarts";
-
-void SetQword(const wchar_t* name, std::uint64_t number) {
-  test::SetRaw(state::kStateKey, name, REG_QWORD, &number, sizeof(number));
-}
 
 std::uint64_t Qword(const state::StateValue& value) {
   const auto stored = state::ReadState(value);
@@ -89,7 +87,7 @@ TEST_F(ExitPassword, FiveWrongOnesShutTheCheckForFiveMinutes) {
 TEST_F(ExitPassword, OddStoredValuesLockNobodyOutForLonger) {
   const std::uint64_t limit = clock_.SystemTime() + 3'000'000'000;
   for (const std::uint64_t until : {limit + 1, ~std::uint64_t{0}}) {  // the clock was set back
-    SetQword(L"MaintenanceLockedUntil", until);
+    state::WriteStateQword(state::kMaintenanceLockedUntil, until);
     EXPECT_EQ(VerifyExitPassword("Way out"), "locked");
     EXPECT_EQ(Qword(state::kMaintenanceLockedUntil), limit);
   }
@@ -130,15 +128,14 @@ TEST_F(ExitPassword, EveryAttemptCountsWhateverBecomesOfIt) {
 }
 
 TEST_F(ExitPassword, AnEndedEnrolmentOpensNothing) {
-  portal_.On(L"POST", L"/api/kiosk/check-in", [this](const sim::Request&) {
+  portal_.On(L"POST", test::kCheckInPath, [this](const sim::Request&) {
     SetDword(state::kStateKey, L"TeardownPending", 1);
     return answer_;
   });
   EXPECT_EQ(VerifyExitPassword("Way out"), "not_enrolled");
   EXPECT_EQ(Failures(), 1U);
   test::MakeKioskTerminal();
-  portal_.On(L"POST", L"/api/kiosk/check-in",
-             [](const sim::Request&) { return sim::Response{.status = 401, .body = R"({"status":"revoked"})"}; });
+  portal_.On(L"POST", test::kCheckInPath, test::kRevoked);
   EXPECT_EQ(VerifyExitPassword("Way out"), "not_enrolled");
   EXPECT_FALSE(state::TokenIsStored() || sim::FindUser(L"NorvaneKiosk"));
 }
@@ -148,7 +145,8 @@ TEST_F(ExitPassword, OneCheckAtATime) {
   std::string first = "none";
   const win32::KernelHandle thread = win32::StartThread([&first]() noexcept { first = VerifyExitPassword("Way out"); });
   clock_.RunFor(1000);
-  EXPECT_EQ(json::Serialise(Unlock("Way out", kKioskSession)), R"({"ok":false,"error":"busy"})");
+  EXPECT_EQ(json::Serialise(test::Ask(Unlock, test::Credentials("Way out"), kKioskSession)),
+            R"({"ok":false,"error":"busy"})");
   EXPECT_EQ(Failures(), 1U);
   clock_.RunFor(5000);
   EXPECT_EQ(first, "");
@@ -161,18 +159,18 @@ class MaintenanceTest : public test::KioskTerminal {
   static bool IsOn() { return state::FlagIsOn(state::kMaintenance); }
   std::string Enter(const std::string& password, const std::string& token = {}) {
     after_ = nullptr;
-    return json::Serialise(EnterMaintenance(password, token, kKioskSession, after_));
+    return json::Serialise(test::Ask(Maintenance, test::Credentials(password, token), kKioskSession, &after_));
   }
   void Entered() { ASSERT_EQ(Enter("Way out"), R"({"ok":true})"); }
 
-  json::PostReplyAction after_ = nullptr;
+  command::PostReplyAction after_ = nullptr;
 };
 
 TEST_F(MaintenanceTest, ThePasswordOpensAndTheSignOutIsLeftForLater) {
   Entered();
   EXPECT_TRUE(IsOn());
   EXPECT_EQ(Qword(state::kMaintenanceAt), clock_.SystemTime());
-  EXPECT_EQ(AutoAdminLogon(), L"0");
+  EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"0");
   EXPECT_EQ(test::CountLogged(kEnteredLine), 1);
   EXPECT_EQ(test::CountLogged("INFO logged off kiosk session 2"), 0);
   ASSERT_NE(after_, nullptr);
@@ -184,7 +182,9 @@ TEST_F(MaintenanceTest, ThePasswordOpensAndTheSignOutIsLeftForLater) {
 }
 
 TEST_F(MaintenanceTest, ATokenOpensOnceAndBesideAPasswordCountsForNothing) {
-  const auto unlock = [] { return json::Member(Unlock("Way out", kKioskSession), "unlockToken").text(); };
+  const auto unlock = [] {
+    return json::Member(test::Ask(Unlock, test::Credentials("Way out"), kKioskSession), "unlockToken").text();
+  };
   const auto refused = [](const std::string& code) { return R"({"ok":false,"error":")" + code + "\"}"; };
   constexpr char kAccepted[] = "INFO maintenance: accepted with the terminal settings unlock";
   EXPECT_EQ(Enter("", "no token"), refused("not_unlocked"));
@@ -212,7 +212,7 @@ TEST_F(MaintenanceTest, ATokenOpensOnceAndBesideAPasswordCountsForNothing) {
   state::DeleteStateValue(state::kDeviceToken);
   EXPECT_EQ(Enter("", another), refused("not_enrolled"));
   EXPECT_FALSE(IsOn());
-  EXPECT_EQ(AutoAdminLogon(), L"1");
+  EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"1");
 }
 
 TEST_F(MaintenanceTest, ATeardownThatIsUnderWayWins) {
@@ -228,7 +228,7 @@ TEST_F(MaintenanceTest, ATeardownThatIsUnderWayWins) {
   clock_.RunFor(1000);
   EXPECT_EQ(reply, R"({"ok":false,"error":"not_enrolled"})");
   EXPECT_FALSE(IsOn());
-  EXPECT_EQ(AutoAdminLogon(), L"1");
+  EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"1");
   EXPECT_EQ(after_, nullptr);
 }
 
@@ -252,13 +252,14 @@ TEST_F(MaintenanceTest, AnAdministratorWhoSignsOutEndsIt) {
   OnSessionChange(WTS_SESSION_LOGOFF, 5);
   clock_.RunFor(1);
   EXPECT_FALSE(state::ReadState(state::kMaintenance) || state::ReadState(state::kMaintenanceAt));
-  EXPECT_EQ(AutoAdminLogon(), L"1");
+  EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"1");
   EXPECT_EQ(test::CountLogged(kOver), 1);
   EndMaintenance("twice");
   EXPECT_EQ(test::CountLogged("INFO maintenance over (twice): kiosk sign-in restored"), 0);
 
   // The unlock of a session that signs out is over, in maintenance or not.
-  const std::string token = json::Member(Unlock("Way out", kKioskSession), "unlockToken").text();
+  const std::string token =
+      json::Member(test::Ask(Unlock, test::Credentials("Way out"), kKioskSession), "unlockToken").text();
   OnSessionChange(WTS_SESSION_LOGOFF, kKioskSession);
   EXPECT_FALSE(CheckUnlockToken(token, kKioskSession));
 }
@@ -287,11 +288,11 @@ TEST_F(MaintenanceTest, ItDoesNotSurviveARestartOfWindows) {
       {boot - 1, false}, {0, false}, {boot, true}, {boot + win32::kFileTimeSecond, true}};
   for (const auto& [at, stays] : cases) {
     SetDword(state::kStateKey, L"Maintenance", 1);
-    SetQword(L"MaintenanceAt", at);
-    SetString(test::kWinlogon, L"AutoAdminLogon", L"0");
+    state::WriteStateQword(state::kMaintenanceAt, at);
+    SetString(kWinlogonKey, L"AutoAdminLogon", L"0");
     EndMaintenanceOfEarlierBoot();
     EXPECT_EQ(IsOn(), stays) << at;
-    EXPECT_EQ(AutoAdminLogon(), stays ? L"0" : L"1");
+    EXPECT_EQ(Winlogon(L"AutoAdminLogon"), stays ? L"0" : L"1");
   }
   EXPECT_EQ(test::CountLogged("INFO maintenance over (Windows restarted): kiosk sign-in restored"), 2);
 }
@@ -303,17 +304,15 @@ TEST_F(MaintenanceTest, EndingLeavesASettingThatIsNotTheServicesAlone) {
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, state::kStateKey, gone);
     EndMaintenance("test");
     EXPECT_FALSE(IsOn());
-    EXPECT_EQ(AutoAdminLogon(), L"0");
+    EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"0");
   }
 }
 
 // Attempts at the password until the check is shut; at most one more after a fifth that was cut short.
 TEST(MaintenanceFaults, AnAttemptThatIsCutShortCounts) {
-  const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  const sim::VirtualClock clock(test::kMorning);
   sim::ScriptedPortal portal;
-  portal.On(L"POST", L"/api/kiosk/check-in", [](const sim::Request&) {
-    return sim::Response{.body = R"({"status":"enrolled","exitPassword":"Way out"})"};
-  });
+  portal.On(L"POST", test::kCheckInPath, sim::Response{.body = R"({"status":"enrolled","exitPassword":"Way out"})"});
   const auto prepare = [] {
     test::ResetComputer();
     test::MakeKioskTerminal();
@@ -334,10 +333,9 @@ TEST(MaintenanceFaults, AnAttemptThatIsCutShortCounts) {
 // whoever Windows names.
 TEST(MaintenanceFaults, AStartOfWindowsEndsEveryHalf) {
   const auto enter = [] {
-    const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
-    json::PostReplyAction after = nullptr;
+    const sim::VirtualClock clock(test::kMorning);
     const text::Secret token = NewUnlockToken(kKioskSession);
-    EnterMaintenance("", token.Get(), kKioskSession, after);
+    test::Ask(Maintenance, test::Credentials("", token.Get()), kKioskSession);
   };
   for (const bool ending : {false, true}) {
     const auto prepare = [&] {
@@ -349,7 +347,7 @@ TEST(MaintenanceFaults, AStartOfWindowsEndsEveryHalf) {
                 win32::ToWide(win32::Sha256Hex({reinterpret_cast<const char*>(secret.data()), secret.size() * 2})));
       if (ending) {
         enter();
-        SetString(test::kWinlogon, L"DefaultUserName", L"Anna");
+        SetString(kWinlogonKey, L"DefaultUserName", L"Anna");
       }
     };
     const auto run = [&] { ending ? static_cast<void>(EndMaintenance("test")) : enter(); };
@@ -358,7 +356,7 @@ TEST(MaintenanceFaults, AStartOfWindowsEndsEveryHalf) {
       RepairAutoLogon();
       EndMaintenanceOfEarlierBoot();
       EXPECT_FALSE(state::FlagIsOn(state::kMaintenance));
-      EXPECT_EQ(AutoAdminLogon(), L"1");
+      EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"1");
       EXPECT_TRUE(AutoLogonNamesKiosk());
     };
     sim::RunFaultScenario(

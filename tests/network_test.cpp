@@ -10,7 +10,7 @@ namespace {
 
 TEST_F(NetworkTest, StaticAndBackIsReadBackFromTheSystem) {
   const std::string before = sim::DumpAdapters();
-  sim::WriteNumber(kAdapterArea, L"Lag", 3'000);
+  kAdapter.lag.Set(3'000);
   EXPECT_EQ(Set(kStatic), R"({"ok":true,"adapter":")" + kName +
                               R"(","mode":"static","address":"10.1.2.3","prefixLength":24,"gateway":"10.1.2.1",)"
                               R"("dns":["9.9.9.9","8.8.8.8"]})");
@@ -46,7 +46,7 @@ TEST_F(NetworkTest, RefusalsNameTheirReasonAndChangeNothing) {
   }
   EXPECT_EQ(Set(kStatic + R"(,"prefixLength":31)"), R"({"ok":false,"error":"invalid"})");
   EXPECT_EQ(test::CountLogged("WARN net.set refused: invalid prefixLength"), 1);
-  sim::WriteNumber(kAdapterArea, L"Cable", 0);
+  kAdapter.cable.Set(0);
   EXPECT_EQ(Set(kStatic), kFailed);
   EXPECT_EQ(test::CountLogged("ERROR net.set: EnableStatic gave 84"), 1);
   EXPECT_EQ(test::CountLogged("INFO net.set: left " + kName + " as it is: DHCP"), 1);
@@ -58,7 +58,7 @@ TEST_F(NetworkTest, RefusalsNameTheirReasonAndChangeNothing) {
 TEST_F(NetworkTest, WhatDoesNotShowIsPutBack) {
   MakeItStatic();
   const std::string before = sim::DumpAdapters();
-  sim::WriteText(kAdapterArea, L"Duplicate", L"10.1.2.3");
+  kAdapter.duplicate.Set(L"10.1.2.3");
   EXPECT_EQ(Set(kStatic), kFailed);
   EXPECT_EQ(test::CountLogged("ERROR net.set: another computer has the address on " + kName), 1);
   EXPECT_EQ(test::CountLogged("WARN net.set: put " + kName +
@@ -67,12 +67,12 @@ TEST_F(NetworkTest, WhatDoesNotShowIsPutBack) {
             1);
   EXPECT_EQ(sim::DumpAdapters(), before);
   EXPECT_TRUE(Set(R"("mode":"dhcp")").starts_with(R"({"ok":true)"));
-  sim::WriteNumber(kAdapterArea, L"EnableDHCP", 82);
+  kAdapter.enableDhcp.Set(82);
   EXPECT_EQ(Set(R"("mode":"dhcp","dns":["1.1.1.1"])"), kFailed);
-  sim::ForgetValue(kAdapterArea, L"EnableDHCP");
+  kAdapter.enableDhcp.Forget();
   MakeItStatic();
   EXPECT_EQ(sim::DumpAdapters(), before);
-  sim::WriteNumber(kAdapterArea, L"SetGateways", 71);
+  kAdapter.setGateways.Set(71);
   EXPECT_EQ(Set(kStatic), kFailed);  // nor can the gateway be put back: but it never changed
   EXPECT_FALSE(Recorded());
 }
@@ -80,7 +80,7 @@ TEST_F(NetworkTest, WhatDoesNotShowIsPutBack) {
 TEST_F(NetworkTest, StopLeavesTheRecordForTheNextStart) {
   ASSERT_TRUE(win32::CreateStopEvent());
   const std::string before = sim::DumpAdapters();
-  sim::WriteText(kAdapterArea, L"Hangs", L"SetGateways");
+  kAdapter.hangs.Set(L"SetGateways");
   clock_.At(5'000, [] { win32::RequestStop(); });
   EXPECT_EQ(Set(kStatic), kFailed);
   EXPECT_EQ(clock_.Elapsed(), 5'000U);
@@ -91,10 +91,10 @@ TEST_F(NetworkTest, StopLeavesTheRecordForTheNextStart) {
 
 TEST_F(NetworkTest, MethodThatNeverEndsIsGivenUpAfterAMinute) {
   const std::string before = sim::DumpAdapters();
-  sim::WriteText(kAdapterArea, L"Hangs", L"SetDNSServerSearchOrder");
+  kAdapter.hangs.Set(L"SetDNSServerSearchOrder");
   EXPECT_EQ(Set(kStatic), kFailed);
   EXPECT_TRUE(Recorded() || sim::DumpAdapters() == before);
-  sim::ForgetValue(kAdapterArea, L"Hangs");
+  kAdapter.hangs.Forget();
   EXPECT_TRUE(SettleChanges());
   EXPECT_EQ(sim::DumpAdapters(), before);
   EXPECT_FALSE(Recorded());
@@ -105,23 +105,23 @@ TEST_F(NetworkTest, GatewaysSetByHandBesideDhcp) {
   const std::string before = sim::DumpAdapters();
   sim::SetGatewaysByHand(sim::kFactoryAdapter, L"10.9.9.9");
   const std::string byHand = sim::DumpAdapters();
-  sim::WriteNumber(kAdapterArea, L"SetDNSServerSearchOrder", 70);
+  kAdapter.setNameServers.Set(70);
   EXPECT_EQ(Set(R"("mode":"dhcp")"), kFailed);
   EXPECT_EQ(Set(kStatic), kFailed);
   EXPECT_EQ(sim::DumpAdapters(), byHand);  // put back with what had been set by hand
   EXPECT_FALSE(Recorded());
-  sim::ForgetValue(kAdapterArea, L"SetDNSServerSearchOrder");
-  sim::WriteText(kAdapterArea, L"Gateways", L"");  // not in force until a restart
+  kAdapter.setNameServers.Forget();
+  kAdapter.gateways.Set(L"");  // not in force until a restart
   EXPECT_TRUE(Set(R"("mode":"dhcp")").starts_with(R"({"ok":true)"));
   EXPECT_EQ(sim::DumpAdapters(), before);
   // The network gives the same one: it stays in force, and goes where it had been set by hand.
   sim::SetGatewaysByHand(sim::kFactoryAdapter, L"192.168.7.1");
-  sim::WriteText(kAdapterArea, L"Gateways", L"");
+  kAdapter.gateways.Set(L"");
   EXPECT_TRUE(Set(R"("mode":"dhcp")").starts_with(R"({"ok":true)"));
   EXPECT_EQ(sim::DumpAdapters(), before);
   // What "route -p" made is the owner's.
   test::SetString(kPersistentRoutes, L"0.0.0.0,0.0.0.0,10.8.8.8,1", L"");
-  sim::WriteText(kAdapterArea, L"OwnersRoutes", L"10.8.8.8");
+  kAdapter.ownersRoutes.Set(L"10.8.8.8");
   EXPECT_TRUE(Set(kStatic).starts_with(R"({"ok":true)"));
   EXPECT_TRUE(Set(R"("mode":"dhcp")").starts_with(R"({"ok":true)"));
   EXPECT_EQ(sim::DumpAdapters(), before);
@@ -130,30 +130,30 @@ TEST_F(NetworkTest, GatewaysSetByHandBesideDhcp) {
 // Left by a kill between two steps, with the address set and nothing else.
 TEST_F(NetworkTest, UnfinishedChangeIsPutBackUnlessSomebodyElseHasSetTheAdapterSince) {
   const std::string before = sim::DumpAdapters();
-  sim::WriteNumber(kAdapterArea, L"Dhcp", 0);
-  sim::WriteText(kAdapterArea, L"Addresses", L"10.1.2.3/24");
+  kAdapter.dhcp.Set(0);
+  kAdapter.addresses.Set(L"10.1.2.3/24");
   Record(std::string(kDhcpRecord) + kWantedRecord);
   Set(R"("mode":"?")");  // the log tree exists
-  sim::WriteNumber(kAdapterArea, L"Cable", 0);
+  kAdapter.cable.Set(0);
   {
     const sim::FaultPass pass;
     EXPECT_FALSE(SettleChanges());
     EXPECT_FALSE(EndChanges());
     EXPECT_EQ(pass.Count(), 0);  // nothing is tried without a link
   }
-  sim::WriteNumber(kAdapterArea, L"Cable", 1);
-  sim::WriteNumber(kAdapterArea, L"Hardware", 0);  // as if it were unplugged: worth waiting for, not at the very end
+  kAdapter.cable.Set(1);
+  kAdapter.hardware.Set(0);  // as if it were unplugged: worth waiting for, not at the very end
   EXPECT_FALSE(SettleChanges());
   EXPECT_TRUE(EndChanges());
   EXPECT_TRUE(Recorded());
-  sim::WriteNumber(kAdapterArea, L"Hardware", 1);
-  sim::WriteNumber(kAdapterArea, L"EnableDHCP", 82);
+  kAdapter.hardware.Set(1);
+  kAdapter.enableDhcp.Set(82);
   EXPECT_FALSE(SettleChanges());
   EXPECT_FALSE(SettleChanges());
   EXPECT_EQ(test::CountLogged("ERROR net.set: EnableDHCP gave 82"), 0);  // only the first try of all tells its steps
   EXPECT_EQ(test::CountLogged("ERROR net.set: an unfinished change of " + kName + " cannot be undone yet; trying on"),
             1);
-  sim::ForgetValue(kAdapterArea, L"EnableDHCP");
+  kAdapter.enableDhcp.Forget();
   EXPECT_TRUE(SettleChanges());
   EXPECT_EQ(sim::DumpAdapters(), before);
 

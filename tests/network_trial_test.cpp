@@ -2,10 +2,8 @@
 // the power goes.
 #include "network/trial.h"
 
-#include "enrolment/device_token.h"
 #include "service/worker.h"
 #include "sim/fault_driver.h"
-#include "sim/http.h"
 #include "tests/support/network_adapter.h"
 #include "win32/stop.h"
 #include "win32/thread.h"
@@ -23,11 +21,10 @@ class NetworkTrialTest : public NetworkTest {
  protected:
   void SetUp() override {
     NetworkTest::SetUp();
-    test::SetString(state::kStateKey, L"AuthBaseUrl", L"http://portal.test");
-    ASSERT_TRUE(enrolment::StoreDeviceToken("tok"));
+    test::Enrol("tok", false);
+    answer_ = silence_;
     ASSERT_TRUE(win32::CreateStopEvent());
     ASSERT_TRUE(win32::CreateWorkerWake());
-    portal_.On(L"POST", L"/api/kiosk/check-in", [this](const sim::Request&) { return answer_; });
     before_ = sim::DumpAdapters();
   }
   void TearDown() override {
@@ -44,8 +41,6 @@ class NetworkTrialTest : public NetworkTest {
   bool IsBack() const { return sim::DumpAdapters() == before_ && !Recorded(); }
 
   const sim::Response silence_{.sendError = ERROR_WINHTTP_CANNOT_CONNECT};
-  sim::ScriptedPortal portal_;
-  sim::Response answer_ = silence_;  // read by the worker, written while it waits
   std::string before_;
   win32::KernelHandle worker_;
 };
@@ -82,7 +77,7 @@ TEST_F(NetworkTrialTest, AnAnswerToARequestThatBeganAfterTheChangeProvesIt) {
   clock_.RunFor(600'000);
   EXPECT_EQ(sim::DumpAdapters(), kName + " static [10.1.2.3/24] [10.1.2.1] [9.9.9.9 8.8.8.8]\n");
   // It is noted before the answer ends kiosk mode.
-  answer_ = {.status = 401, .body = R"({"status":"revoked"})"};
+  answer_ = test::kRevoked;
   EXPECT_TRUE(Set(R"("mode":"dhcp")").starts_with(R"({"ok":true)"));
   clock_.RunFor(1'000);
   const std::vector<std::string> log = test::LogTexts();
@@ -97,14 +92,14 @@ TEST_F(NetworkTrialTest, OnlyTimeWithALinkAndAwakeCounts) {
   StartWorker();
   SetWrong();
   clock_.RunFor(100'000);
-  for (const wchar_t* lost : {L"Hardware", L"Cable"}) {  // the adapter unplugged, and its cable
-    sim::WriteNumber(kAdapterArea, lost, 0);
+  for (const sim::Field<>* lost : {&kAdapter.hardware, &kAdapter.cable}) {  // the adapter unplugged, and its cable
+    lost->Set(0);
     clock_.RunFor(1'000'000);
-    sim::WriteNumber(kAdapterArea, lost, 1);
+    lost->Set(1);
     clock_.RunFor(40'000);
   }
   for (DWORD slept = 30; slept <= 600; slept += 30) {
-    sim::WriteNumber(L"", L"SleptSeconds", slept);
+    sim::sleptSeconds.Set(slept);
     clock_.RunFor(30'000);
   }
   EXPECT_TRUE(Recorded());
@@ -123,7 +118,7 @@ TEST_F(NetworkTrialTest, OfARowOfChangesTheSettingsBeforeTheFirstComeBack) {
   EXPECT_TRUE(IsBack());
   // And when somebody else has set it meanwhile, it is left alone.
   SetWrong();
-  sim::WriteText(kAdapterArea, L"Addresses", L"10.7.7.7/24");
+  kAdapter.addresses.Set(L"10.7.7.7/24");
   clock_.RunFor(310'000);
   EXPECT_FALSE(Recorded());
   EXPECT_NE(sim::DumpAdapters(), before_);
@@ -148,8 +143,8 @@ TEST_F(NetworkTrialTest, NothingIsProvenForAnotherNetworkOrAtTheEnd) {
 }
 
 TEST_F(NetworkTrialTest, AStartBeginsTheFiveMinutesAnew) {
-  sim::WriteNumber(kAdapterArea, L"Dhcp", 0);
-  sim::WriteText(kAdapterArea, L"Addresses", L"10.1.2.3/24");
+  kAdapter.dhcp.Set(0);
+  kAdapter.addresses.Set(L"10.1.2.3/24");
   sim::SetGatewaysByHand(sim::kFactoryAdapter, L"10.1.2.1");
   Record(std::string(kDhcpRecord) + kWantedRecord + R"(,"unproven":true)");
   StartWorker();

@@ -13,7 +13,7 @@
 #include "state/kiosk_state.h"
 #include "state/made_keys.h"
 #include "tests/support/fixture.h"
-#include "tests/support/owned_computer.h"
+#include "tests/support/terminal.h"
 
 namespace kiosk::account {
 namespace {
@@ -39,7 +39,7 @@ void NameUser(const wchar_t* user, const wchar_t* on, DWORD type = REG_SZ) {
 
 void SetFastUserSwitching(DWORD type) { test::SetRaw(kSystemPoliciesKey, L"HideFastUserSwitching", type, L"0", 4); }
 
-std::wstring KioskSid() { return sim::FindUser(L"NorvaneKiosk").value_or(sim::User()).sid; }
+std::wstring KioskSid() { return test::Kiosk().sid; }
 
 const Life kLives[] = {
     {"every setting of an unusual type"},
@@ -79,7 +79,7 @@ const Life kLives[] = {
      {"secret defaultpassword"}},
     {"somebody bears the name",
      [] {
-       sim::AddToGroup(L"S-1-5-32-544", sim::AddUser(L"norvanekiosk", L"theirs"));
+       sim::AddToGroup(test::kAdministrators, sim::AddUser(L"norvanekiosk", L"theirs"));
        sim::MakeProfile(KioskSid(), L"norvanekiosk");
      },
      "account_exists"},
@@ -109,7 +109,7 @@ const Life kLives[] = {
 };
 
 TEST(Owner, EveryComputerIsGivenBackWithTheLifeThatItHad) {
-  const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  const sim::VirtualClock clock(test::kMorning);
   for (const Life& life : kLives) {
     SCOPED_TRACE(life.what);
     test::ResetComputer();

@@ -6,14 +6,10 @@
 #include "enrolment/device_token.h"
 #include "json/parse.h"
 #include "json/serialise.h"
-#include "sim/accounts.h"
-#include "sim/clock.h"
 #include "sim/faults.h"
-#include "sim/http.h"
 #include "sim/shutdown.h"
-#include "state/kiosk_state.h"
-#include "tests/support/fixture.h"
-#include "tests/support/owned_computer.h"
+#include "tests/support/command.h"
+#include "tests/support/terminal.h"
 #include "win32/thread.h"
 
 namespace kiosk::portal {
@@ -22,27 +18,24 @@ namespace {
 using test::HasValue;
 using test::SetString;
 
-constexpr wchar_t kPairPath[] = L"/api/kiosk/pair";
-constexpr wchar_t kCheckInPath[] = L"/api/kiosk/check-in";
+using test::kClaimPath;
+using test::kPairPath;
 
-class Pairing : public testing::Test {
+class Pairing : public test::VirtualComputer {
  protected:
   void SetUp() override {
-    test::ResetComputer();
+    VirtualComputer::SetUp();
     test::Enrol("", false);
+    portal_.On(L"POST", kPairPath, test::kPairingBegins);
   }
-  void Answer(const wchar_t* method, const wchar_t* path, const sim::Response& response) {
-    portal_.On(method, path, [response](const sim::Request&) { return response; });
-  }
-
-  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
-  sim::ScriptedPortal portal_;
 };
 
 sim::Response Reply(DWORD status, std::string body = {}) { return {.status = status, .body = std::move(body)}; }
 
-std::string Begin() { return json::Serialise(PairBegin()); }
-std::string Check(const std::string& code = "ABCD1234") { return json::Serialise(PairCheck(code)); }
+std::string Begin() { return json::Serialise(test::Ask(PairBegin)); }
+std::string Check(const std::string& code = "ABCD1234") {
+  return json::Serialise(test::Ask(PairCheck, R"({"code":")" + code + "\"}"));
+}
 
 TEST_F(Pairing, PairBeginAnswers) {
   constexpr char kServerError[] = R"({"ok":false,"error":"server_error"})";
@@ -60,7 +53,7 @@ TEST_F(Pairing, PairBeginAnswers) {
   };
   for (const auto& each : cases) {
     SetString(state::kStateKey, L"LastError", L"old");
-    Answer(L"POST", kPairPath, each.response);
+    portal_.On(L"POST", kPairPath, each.response);
     EXPECT_EQ(Begin(), each.reply);
     EXPECT_EQ(HasValue(state::kStateKey, L"LastError"), each.reply.find("\"ok\":false") != std::string::npos)
         << each.reply;
@@ -69,8 +62,8 @@ TEST_F(Pairing, PairBeginAnswers) {
                                                            {"null", "900"},     {"[5]", "900"},     {"\"inf\"", "900"},
                                                            {"\"soon\"", "900"}, {"1e999", "900"}};
   for (const auto& [sent, seconds] : lifetimes) {
-    Answer(L"POST", kPairPath,
-           Reply(200, std::string(R"({"pairingCode":"ABCD1234","expiresInSeconds":)") + sent + "}"));
+    portal_.On(L"POST", kPairPath,
+               Reply(200, std::string(R"({"pairingCode":"ABCD1234","expiresInSeconds":)") + sent + "}"));
     EXPECT_EQ(Begin(), std::string(R"({"ok":true,"code":"ABCD1234","expiresInSeconds":)") + seconds + "}");
   }
   EXPECT_EQ(test::CountLogged("INFO pairing started"), 10);
@@ -108,12 +101,11 @@ TEST_F(Pairing, PairCheckAnswersAndWhatBecomesOfTheCode) {
       {Reply(200, R"({"deviceToken":"tök"})"), error("server_error"), false},
       {Reply(200, R"({"deviceToken":")" + std::string(4097, '~') + "\"}"), error("server_error"), false},
   };
-  Answer(L"POST", kPairPath, Reply(201, R"({"pairingCode":"ABCD1234"})"));
   for (const auto& each : cases) {
     Begin();
-    Answer(L"GET", L"/api/kiosk/pair/ABCD1234", each.response);
+    portal_.On(L"GET", kClaimPath, each.response);
     EXPECT_EQ(Check(), each.reply);
-    Answer(L"GET", L"/api/kiosk/pair/ABCD1234", Reply(202));
+    portal_.On(L"GET", kClaimPath, Reply(202));
     EXPECT_EQ(Check(), each.pendingAfter ? kWaiting : error("unknown_code")) << each.reply;
     EXPECT_FALSE(state::TokenIsStored());
   }
@@ -122,7 +114,7 @@ TEST_F(Pairing, PairCheckAnswersAndWhatBecomesOfTheCode) {
   for (const char* code : {"", "ABCD123", "ABCD12345", "abcd1234", "ABCD-234"}) {
     EXPECT_EQ(Check(code), error("unknown_code")) << code;
   }
-  Answer(L"POST", kPairPath, Reply(201, R"({"pairingCode":"AB-D1234"})"));
+  portal_.On(L"POST", kPairPath, Reply(201, R"({"pairingCode":"AB-D1234"})"));
   Begin();
   EXPECT_EQ(Check("AB-D1234"), error("unknown_code"));
   EXPECT_EQ(portal_.Requests().size(), before + 1);
@@ -159,9 +151,8 @@ TEST_F(Pairing, WhatAClaimedCodeLeadsTo) {
     if (!each.client) {
       RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane\\Tessaly\\Update", L"ClientInstallDir");
     }
-    Answer(L"POST", kPairPath, Reply(201, R"({"pairingCode":"ABCD1234"})"));
-    Answer(L"GET", L"/api/kiosk/pair/ABCD1234", Reply(200, R"({"deviceToken":"tok-9"})"));
-    portal_.On(L"POST", kCheckInPath, [&each, this](const sim::Request&) {
+    portal_.On(L"GET", kClaimPath, Reply(200, R"({"deviceToken":"tok-9"})"));
+    portal_.On(L"POST", test::kCheckInPath, [&each, this](const sim::Request&) {
       if (each.meanwhile != nullptr) {
         // On another thread, as it would be: this one holds the pairing lock.
         const win32::KernelHandle other = win32::StartThread([&each]() noexcept { each.meanwhile(); });
@@ -189,18 +180,9 @@ TEST_F(Pairing, WhatAClaimedCodeLeadsTo) {
   }
 }
 
-TEST_F(Pairing, LongestTokenIsStored) {
+TEST_F(Pairing, LongestTokenIsStoredOrTheFailureReported) {
   const std::string longest = "!" + std::string(4095, '~');
-  Answer(L"POST", kPairPath, Reply(201, R"({"pairingCode":"ABCD1234"})"));
-  Answer(L"GET", L"/api/kiosk/pair/ABCD1234", Reply(200, R"({"deviceToken":")" + longest + "\"}"));
-  Begin();
-  Check();
-  EXPECT_EQ(enrolment::ReadDeviceToken().Get(), longest);
-}
-
-TEST_F(Pairing, TokenThatCannotBeStoredIsReported) {
-  Answer(L"POST", kPairPath, Reply(201, R"({"pairingCode":"ABCD1234"})"));
-  Answer(L"GET", L"/api/kiosk/pair/ABCD1234", Reply(200, R"({"deviceToken":"tok-9"})"));
+  portal_.On(L"GET", kClaimPath, Reply(200, R"({"deviceToken":")" + longest + "\"}"));
   Begin();
   {
     const sim::FaultPass pass(sim::FaultKind::kFail, 1);
@@ -208,6 +190,9 @@ TEST_F(Pairing, TokenThatCannotBeStoredIsReported) {
   }
   EXPECT_FALSE(state::TokenIsStored());
   EXPECT_EQ(test::CountLogged("ERROR cannot protect the device token (5)"), 1);
+  Begin();
+  Check();
+  EXPECT_EQ(enrolment::ReadDeviceToken().Get(), longest);
 }
 
 }  // namespace

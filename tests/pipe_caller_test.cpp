@@ -1,5 +1,6 @@
 // Who calls, and what each kind of caller may do.
 #include "account/kiosk_restart.h"
+#include "account/unlock_token.h"
 #include "enrolment/pairing_code.h"
 #include "json/serialise.h"
 #include "pipe/caller.h"
@@ -9,9 +10,10 @@
 #include "sim/callers.h"
 #include "sim/clock.h"
 #include "sim/gtest_report.h"
-#include "sim/http.h"
+#include "sim/machine.h"
 #include "sim/program_files.h"
 #include "sim/sessions.h"
+#include "sim/time_service.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 #include "win32/clock.h"
@@ -20,7 +22,7 @@
 #include "win32/thread.h"
 #include "win32/wide_text.h"
 
-#include <algorithm>
+#include <map>
 #include <tuple>
 
 namespace kiosk::pipe {
@@ -54,9 +56,9 @@ class Caller : public test::CleanMachine {
   }
   [[nodiscard]] std::string Check() const { return Check(Pipe()); }
   // `leaves`: whether the command leaves something to be done after the reply.
-  [[nodiscard]] std::string Ask(const CallerRecord& caller, std::string_view request, bool leaves = false) const {
-    json::PostReplyAction afterReply = nullptr;
-    std::string reply = json::Serialise(Dispatch({Pipe(), caller}, request, afterReply));
+  static std::string Ask(const CallerRecord& caller, std::string_view request, bool leaves = false) {
+    command::PostReplyAction afterReply = nullptr;
+    std::string reply = json::Serialise(Dispatch(caller, request, afterReply));
     EXPECT_EQ(afterReply != nullptr, leaves) << request;
     return reply;
   }
@@ -65,6 +67,8 @@ class Caller : public test::CleanMachine {
   win32::FileHandle server_;
   win32::FileHandle client_;
 };
+
+std::string Error(const std::string& code) { return R"({"ok":false,"error":")" + code + "\"}"; }
 
 constexpr char kNotSigned[] =
     "this service is not signed (a dev build): it admits callers only while DevAllowUnsigned=1";
@@ -264,73 +268,90 @@ constexpr CallerRecord kService{.sessionId = 0};
 constexpr CallerRecord kSystemAtConsole{.isSystem = true, .isInteractive = true, .sessionId = 1};
 constexpr CallerRecord kKioskShell{.isInteractive = true, .isKioskAccount = true, .sessionId = 2};
 
-constexpr char kNotPermitted[] = "{\"ok\":false,\"error\":\"not_permitted\"}";
-
-TEST_F(Caller, OnlyTheKioskAccountInItsOwnSessionMayUnlockOrEnterMaintenance) {
+// Every command from every kind of caller: who may send it gets the command's own answer.
+TEST_F(Caller, EachCommandHasItsCallers) {
   sim::SetSession(2, L"NORVANEkiosk", sim::ComputerName());
   sim::SetSession(3, L"Anna", sim::ComputerName());
   sim::SetSession(0, L"NorvaneKiosk", sim::ComputerName());
-  constexpr CallerRecord kElsewhere{.isInteractive = true, .isKioskAccount = true, .sessionId = 3};
-  constexpr CallerRecord kInNoSession{.isInteractive = true, .isKioskAccount = true, .sessionId = 0};
-  constexpr CallerRecord kSomebodyInItsSession{.isInteractive = true, .sessionId = 2};
-  for (const char* command : {"unlock", "maintenance"}) {
-    const std::string name = command;
-    const std::string request = "{\"cmd\":\"" + name + "\",\"password\":\"x\",\"unlockToken\":7}";
-    for (const CallerRecord& caller :
-         {kPerson, kService, kSystemAtConsole, kElsewhere, kInNoSession, kSomebodyInItsSession}) {
-      EXPECT_EQ(Ask(caller, request), kNotPermitted);
+  const std::pair<char, CallerRecord> callers[] = {
+      {'k', kKioskShell},
+      {'p', kPerson},
+      {'i', {.isInteractive = true, .sessionId = 2}},  // in the kiosk's session
+      {'s', kSystemAtConsole},
+      {'-', kService},
+      {'-', {.isInteractive = true, .isKioskAccount = true, .sessionId = 3}},
+      {'-', {.isInteractive = true, .isKioskAccount = true, .sessionId = 0}}};
+  const std::string kiosk = "the caller is not the kiosk account in its own session";
+  const std::string person = "the caller is not an interactive user other than the kiosk account";
+  const std::string locked = "terminal settings are not unlocked for session 2";
+  const struct {
+    std::string command, members, may, answer;
+    std::vector<std::string> lines;  // for the kiosk shell, and for each caller who may not
+  } cases[] = {
+      {"status", "", "kpis-", "", {}},
+      {"restart.now", "", "pis", "not_pending", {}},
+      {"unlock", R"(,"password":"x")", "k", "not_enrolled", {kiosk}},
+      {"session.report", "", "k", "invalid", {kiosk}},
+      {"maintenance", R"(,"password":"x","unlockToken":7)", "k", "not_enrolled", {kiosk}},
+      {"maintenance", R"(,"password":1,"unlockToken":"x")", "k", "not_unlocked", {kiosk}},
+      {"net.set", "", "k", "not_unlocked", {locked, kiosk}},
+      {"time.sync", R"(,"unlockToken":null)", "k", "not_unlocked", {locked, kiosk}},
+      {"power.get", R"(,"unlockToken":"")", "k", "not_unlocked", {locked, kiosk}},
+      {"power.set", R"(,"unlockToken":[])", "k", "not_unlocked", {locked, kiosk}},
+      {"proxy.set", R"(,"unlockToken":"00000000000000000000000000000000")", "k", "not_unlocked", {locked, kiosk}},
+      {"os.updates", "", "k", "not_unlocked", {locked, kiosk}},
+      {"os.install", "", "k", "not_unlocked", {locked, kiosk}},
+      // An enrolled terminal answers both without a network, the second one only for the pending code, a trimmed text.
+      {"pair.begin", "", "pi", "already_enrolled", {person}},
+      {"pair.check", R"(,"code":" \t\u000b12345678\r\n")", "pi", "already_enrolled", {person}},
+      {"pair.check", R"(,"code":12345678)", "pi", "unknown_code", {person}},
+      {"pair.check", R"(,"code":["12345678"])", "pi", "unknown_code", {person}}};
+  const text::Secret unlock = account::NewUnlockToken(2);
+  enrolment::SetPendingPairingCode("12345678");
+  std::vector<std::string> lines;
+  for (const auto& each : cases) {
+    if (each.command.starts_with("pair")) {
+      SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, "token", 5);
     }
-    EXPECT_EQ(test::CountLogged("WARN " + name + " refused: the caller is not the kiosk account in its own session"),
-              6);
-    EXPECT_EQ(Ask(kKioskShell, request), "{\"ok\":false,\"error\":\"not_enrolled\"}");
+    for (const auto& [kind, caller] : callers) {
+      const bool may = each.may.find(kind) != std::string::npos;
+      const std::string reply = Ask(caller, R"({"cmd":")" + each.command + '"' + each.members + "}");
+      EXPECT_TRUE(may && each.answer.empty() ? reply.starts_with(R"({"ok":true)")
+                                             : reply == Error(may ? each.answer : "not_permitted"))
+          << each.command << kind << reply;
+      if (!each.lines.empty() && (!may || each.lines.size() > 1)) {
+        lines.push_back("WARN " + each.command + " refused: " + (may ? each.lines.front() : each.lines.back()));
+      }
+    }
   }
-  EXPECT_EQ(Ask(kKioskShell, "{\"cmd\":\"maintenance\",\"password\":1,\"unlockToken\":\"x\"}"),
-            "{\"ok\":false,\"error\":\"not_unlocked\"}");
+  std::vector<std::string> said = test::LogTexts();
+  std::erase_if(said, [](const std::string& line) { return line.ends_with("not_enrolled"); });  // the command's own
+  EXPECT_EQ(said, lines);
 }
 
-TEST_F(Caller, AnInteractiveUserMayRestartWhileARestartIsPending) {
-  constexpr char kRequest[] = "{\"cmd\":\"restart.now\"}";
-  constexpr char kNotPending[] = "{\"ok\":false,\"error\":\"not_pending\"}";
-  EXPECT_EQ(Ask(kPerson, kRequest), kNotPending);
+TEST_F(Caller, TheUnlockedKioskSessionReachesTheTerminalsSettings) {
+  sim::SetSession(2, L"NorvaneKiosk", sim::ComputerName());
+  sim::timeService.noService.Set(1);
+  const text::Secret unlock = account::NewUnlockToken(2);
+  for (const auto& [command, answer] :
+       std::map<std::string, std::string>{{"net.set", Error("invalid")},
+                                          {"proxy.set", Error("invalid")},
+                                          {"power.set", Error("not_enrolled")},
+                                          {"power.get", R"({"ok":true,)"},
+                                          {"os.updates", R"({"ok":true,)"},
+                                          {"time.sync", R"({"ok":false,"error":"sync_failed",)"}}) {
+    const std::string reply = Ask(kKioskShell, R"({"cmd":")" + command + R"(","unlockToken":")" + unlock.Get() + "\"}");
+    EXPECT_TRUE(reply.starts_with(answer)) << command << reply;
+  }
+}
+
+TEST_F(Caller, ARestartThatIsPendingComesAfterTheReply) {
   account::ScheduleKioskRestart();
-  EXPECT_EQ(Ask(kService, kRequest), kNotPermitted);
-  EXPECT_EQ(Ask(kKioskShell, kRequest), kNotPermitted);
-  EXPECT_EQ(Ask(kPerson, kRequest, true), "{\"ok\":true}");
-  EXPECT_EQ(Ask(kSystemAtConsole, kRequest, true), "{\"ok\":true}");
-  EXPECT_TRUE(account::KioskRestartPending());  // it comes after the reply
+  EXPECT_EQ(Ask(kService, R"({"cmd":"restart.now"})"), Error("not_permitted"));
+  EXPECT_EQ(Ask(kPerson, R"({"cmd":"restart.now"})", true), "{\"ok\":true}");
+  EXPECT_TRUE(account::KioskRestartPending());
   EXPECT_EQ(test::LogTexts().size(), 1U);
   account::CancelKioskRestart();
-}
-
-TEST_F(Caller, OnlyAPersonWhoIsNotTheKioskAccountMayPair) {
-  // An enrolled terminal answers both commands without a network, the second one only for the pending code.
-  enrolment::SetPendingPairingCode("ABCD1234");
-  SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, "token", 5);
-  for (const char* command : {"pair.begin", "pair.check"}) {
-    const std::string name = command;
-    const std::string request = "{\"cmd\":\"" + name + "\",\"code\":\"ABCD1234\"}";
-    for (const CallerRecord& caller : {kService, kSystemAtConsole, kKioskShell}) {
-      EXPECT_EQ(Ask(caller, request), kNotPermitted);
-    }
-    EXPECT_EQ(test::CountLogged("WARN " + name +
-                                " refused: the caller is not an interactive user other than the kiosk account"),
-              3);
-    EXPECT_EQ(Ask(kPerson, request), "{\"ok\":false,\"error\":\"already_enrolled\"}");
-    EXPECT_EQ(Ask(kPerson, "{\"cmd\":\"" + name + " \"}"), "{\"ok\":false,\"error\":\"unknown_command\"}");
-  }
-  EXPECT_EQ(test::LogTexts().size(), 6U);
-}
-
-TEST_F(Caller, ThePairingCodeIsTrimmedAndOnlyATextCounts) {
-  sim::ScriptedPortal portal;
-  portal.On(L"GET", L"/api/kiosk/pair/12345678", [](const sim::Request&) { return sim::Response{.status = 202}; });
-  enrolment::SetPendingPairingCode("12345678");
-  EXPECT_EQ(Ask(kPerson, "{\"cmd\":\"pair.check\",\"code\":\" \\t\\u000b12345678\\r\\n\"}"),
-            "{\"ok\":true,\"paired\":false}");
-  for (const char* other : {"12345678", "[\"12345678\"]", "null"}) {
-    EXPECT_EQ(Ask(kPerson, std::string("{\"cmd\":\"pair.check\",\"code\":") + other + "}"),
-              "{\"ok\":false,\"error\":\"unknown_code\"}");
-  }
 }
 
 TEST_F(Caller, StatusShowsWhatIsStoredToEverybody) {
@@ -340,8 +361,7 @@ TEST_F(Caller, StatusShowsWhatIsStoredToEverybody) {
   sim::SetSession(4, L"NorvaneKiosk", L"ELSEWHERE");
   sim::SetSession(0, L"NorvaneKiosk", computer);
   const auto kioskSession = [&](DWORD session) {
-    sim::SetPipeClientSession(session);
-    const std::string reply = Ask(kService, "{\"cmd\":\"status\"}");
+    const std::string reply = Ask({.sessionId = session}, "{\"cmd\":\"status\"}");
     EXPECT_NE(reply.find("\"kioskSession\":"), std::string::npos);
     return reply.find("\"kioskSession\":true") != std::string::npos;
   };
@@ -352,7 +372,6 @@ TEST_F(Caller, StatusShowsWhatIsStoredToEverybody) {
     EXPECT_FALSE(kioskSession(other)) << other;
   }
 
-  sim::SetPipeClientSession(2);
   SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, "token", 5);
   SetDword(state::kStateKey, L"Maintenance", 1);
   SetString(state::kStateKey, L"TerminalName", L"\u0141\u00f3d\u017a \u2013 Halle 3 \"A\"");
@@ -363,7 +382,8 @@ TEST_F(Caller, StatusShowsWhatIsStoredToEverybody) {
       "\"account\":\"NorvaneKiosk\",\"terminalName\":\"\u0141\u00f3d\u017a \u2013 Halle 3 \\\"A\\\"\","
       "\"signIn\":{\"microsoft\":false,\"email\":true,\"extraHosts\":[\"a.example\"]},\"error\":\"check-in: HTTP "
       "500\"}";
-  for (const CallerRecord& caller : {kPerson, kService, kSystemAtConsole, kKioskShell}) {
+  for (CallerRecord caller : {kPerson, kService, kSystemAtConsole, kKioskShell}) {
+    caller.sessionId = 2;
     EXPECT_EQ(Ask(caller, "{\"cmd\":\"status\"}"), kFull);
   }
 }

@@ -6,12 +6,9 @@
 
 #include "json/parse.h"
 #include "json/serialise.h"
-#include "sim/clock.h"
 #include "sim/faults.h"
-#include "sim/http.h"
 #include "sim/machine.h"
-#include "state/kiosk_state.h"
-#include "tests/support/fixture.h"
+#include "tests/support/terminal.h"
 #include "win32/http_call.h"
 #include "win32/stop.h"
 
@@ -24,32 +21,22 @@ using test::HasValue;
 using test::SetDword;
 using test::SetString;
 
-constexpr wchar_t kCheckInPath[] = L"/api/kiosk/check-in";
-
-class PortalTest : public test::CleanMachine {
+class PortalTest : public test::VirtualComputer {
  protected:
   void SetUp() override {
-    CleanMachine::SetUp();
+    VirtualComputer::SetUp();
     ASSERT_EQ(state::ProtectStateKey().what, nullptr);
     SetString(state::kStateKey, L"AuthBaseUrl", L"http://portal.test:8080//");
-  }
-
-  // The portal answers `path` with this from now on.
-  void Answer(const wchar_t* method, const wchar_t* path, const sim::Response& response) {
-    portal_.On(method, path, [response](const sim::Request&) { return response; });
   }
   static enrolment::AuthReply Get() {
     return enrolment::AuthRequest(L"GET", "/x", {}, "secret", enrolment::kApiBodyLimit, enrolment::kAcceptJson);
   }
-
-  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
-  sim::ScriptedPortal portal_;
 };
 
 sim::Response Reply(DWORD status, std::string body = {}) { return {.status = status, .body = std::move(body)}; }
 
 TEST_F(PortalTest, RequestsCarryExactlyWhatTheyShould) {
-  Answer(L"POST", L"/api/x", Reply(200, "ok"));
+  portal_.On(L"POST", L"/api/x", Reply(200, "ok"));
   enrolment::AuthRequest(L"POST", "/api/x", "{}", "tok", enrolment::kApiBodyLimit, enrolment::kAcceptJson);
   SetString(state::kStateKey, L"AuthBaseUrl", L"https://portal.test/base/");
   enrolment::AuthRequest(L"GET", "/api/y?q=%20", {}, {}, enrolment::kApiBodyLimit, L"image/*");
@@ -102,7 +89,7 @@ TEST_F(PortalTest, FailuresOfEachPhaseAreToldApart) {
        60'000},
   };
   for (const auto& each : cases) {
-    Answer(L"GET", L"/x", each.response);
+    portal_.On(L"GET", L"/x", each.response);
     const std::uint64_t start = clock_.Elapsed();
     const enrolment::AuthReply reply = Get();
     EXPECT_EQ(reply.error, each.error);
@@ -122,12 +109,12 @@ class StopInPhase : public PortalTest, public testing::WithParamInterface<std::s
 TEST_P(StopInPhase, EndsTheCallAtOnceAndNoneBeginsAfterIt) {
   ASSERT_TRUE(win32::CreateStopEvent());
   const auto slow = [](const char* phase) { return GetParam() == phase ? DWORD{10'000} : 0; };
-  Answer(L"GET", L"/x",
-         {.body = "abc",
-          .connectDelay = slow("Connect"),
-          .headersDelay = slow("Headers"),
-          .chunkDelay = slow("Body"),
-          .readDelay = slow("Read")});
+  portal_.On(L"GET", L"/x",
+             {.body = "abc",
+              .connectDelay = slow("Connect"),
+              .headersDelay = slow("Headers"),
+              .chunkDelay = slow("Body"),
+              .readDelay = slow("Read")});
   clock_.At(4'000, [] { win32::RequestStop(); });
   EXPECT_EQ(Get().error, "WinHTTP error 12017");
   EXPECT_EQ(clock_.Elapsed(), 4'000U);
@@ -142,7 +129,7 @@ INSTANTIATE_TEST_SUITE_P(Phases, StopInPhase, testing::Values("Connect", "Header
 // A token is handed out once: what has come whole counts, whatever happens then.
 TEST_F(PortalTest, WholeBodyIsKeptAtTheDeadlineAndAtAStop) {
   ASSERT_TRUE(win32::CreateStopEvent());
-  Answer(L"GET", L"/x", {.body = "abcdef", .chunk = 2});
+  portal_.On(L"GET", L"/x", {.body = "abcdef", .chunk = 2});
   const win32::HttpHandle session = win32::OpenHttpSession(L"agent");
   const win32::HttpTarget target{.host = L"portal.test", .path = L"/x", .port = 80};
   const auto get = [&](void (*meanwhile)()) {
@@ -157,15 +144,15 @@ TEST_F(PortalTest, WholeBodyIsKeptAtTheDeadlineAndAtAStop) {
   };
   EXPECT_EQ(get([] { Sleep(30'000); }), "0 abcdef");
   // What was not here yet when time was up is not waited for.
-  Answer(L"GET", L"/x", {.body = "abcdef", .chunk = 2, .chunkDelay = 1'000});
+  portal_.On(L"GET", L"/x", {.body = "abcdef", .chunk = 2, .chunkDelay = 1'000});
   EXPECT_EQ(get([] { Sleep(60'000); }), "12002 ab");
-  Answer(L"GET", L"/x", {.body = "abcdef", .chunk = 2});
+  portal_.On(L"GET", L"/x", {.body = "abcdef", .chunk = 2});
   EXPECT_EQ(get([] { win32::RequestStop(); }), "0 abcdef");
   EXPECT_EQ(get([] {}), "12017 ");
 }
 
 TEST_F(PortalTest, EveryAddressOfTheHostIsTriedAndNothingIsSentThatCouldBeRedirected) {
-  Answer(L"GET", L"/x", {.body = "ok", .deadAddresses = 1});
+  portal_.On(L"GET", L"/x", {.body = "ok", .deadAddresses = 1});
   EXPECT_EQ(Get().body.Get(), "ok");
   portal_.RefuseOption(WINHTTP_OPTION_REDIRECT_POLICY);
   EXPECT_EQ(Get().error, "cannot open the request");
@@ -174,9 +161,10 @@ TEST_F(PortalTest, EveryAddressOfTheHostIsTriedAndNothingIsSentThatCouldBeRedire
 }
 
 TEST_F(PortalTest, BodiesEndAtTheLimitOrWithTheConnection) {
-  Answer(L"GET", L"/x", {.body = std::string(200'000, 'x'), .chunk = 1000});
+  portal_.On(L"GET", L"/x", {.body = std::string(200'000, 'x'), .chunk = 1000});
   EXPECT_EQ(Get().body.Get().size(), 66'000U);  // the chunk that crossed the limit is the last
-  Answer(L"GET", L"/x", {.body = std::string(5000, 'x'), .chunk = 1000, .bodyError = ERROR_WINHTTP_CONNECTION_ERROR});
+  portal_.On(L"GET", L"/x",
+             {.body = std::string(5000, 'x'), .chunk = 1000, .bodyError = ERROR_WINHTTP_CONNECTION_ERROR});
   const enrolment::AuthReply cut = Get();
   EXPECT_EQ(cut.body.Get().size(), 5000U);
   EXPECT_EQ(cut.answered, 1);
@@ -191,7 +179,7 @@ TEST_F(PortalTest, TokenIsProtectedAndEndsWhatWasLeftOpen) {
     EXPECT_TRUE(pass.Flushed(L"DeviceToken"));
   }
   EXPECT_EQ(enrolment::ReadDeviceToken().Get(), "tok-123");
-  EXPECT_EQ(sim::ReadNumber(L"DataProtection", L"Flags"), CRYPTPROTECT_UI_FORBIDDEN | CRYPTPROTECT_LOCAL_MACHINE);
+  EXPECT_EQ(sim::dataProtectionFlags.Get(), CRYPTPROTECT_UI_FORBIDDEN | CRYPTPROTECT_LOCAL_MACHINE);
   EXPECT_FALSE(HasValue(state::kStateKey, L"TeardownPending"));
   const auto blob = state::ReadState(state::kDeviceToken);
   ASSERT_TRUE(blob);
@@ -233,7 +221,7 @@ TEST_F(PortalTest, CheckInAnswersThatApplyNothing) {
   SetString(state::kStateKey, L"SignIn", L"before");
   SetString(state::kStateKey, L"UnknownSince", L"before");
   for (const auto& each : cases) {
-    Answer(L"POST", kCheckInPath, each.response);
+    answer_ = each.response;
     const CheckInResult result = CheckIn("tok");
     EXPECT_EQ(result.error, each.error);
     EXPECT_EQ(result.deviceStatus, each.status) << each.error;
@@ -243,7 +231,7 @@ TEST_F(PortalTest, CheckInAnswersThatApplyNothing) {
     EXPECT_TRUE(HasValue(state::kStateKey, L"UnknownSince")) << each.error;
   }
   // Good answers that arrive too late: during a teardown, and after the terminal was paired anew.
-  Answer(L"POST", kCheckInPath, Reply(200, R"({"status":"enrolled","name":"late","exitPassword":"open"})"));
+  answer_ = Reply(200, R"({"status":"enrolled","name":"late","exitPassword":"open"})");
   for (const bool marked : {true, false}) {
     SetDword(state::kStateKey, L"TeardownPending", marked ? 1 : 0);
     const CheckInResult late = CheckIn(marked ? "tok" : "older");
@@ -262,38 +250,44 @@ TEST_F(PortalTest, CheckInAnswersThatApplyNothing) {
 TEST_F(PortalTest, GoodCheckInIsTakenOverOnceAndSteadyOnesWriteNothing) {
   ASSERT_TRUE(enrolment::StoreDeviceToken("tok"));
   SetString(state::kStateKey, L"UnknownSince", L"x");
-  Answer(L"POST", kCheckInPath,
-         Reply(200,
-               R"({"status":"enrolled","name":"  Łódź – Halle 3\n","signIn":{"email":"0","extraHosts":["a.example"]},)"
-               R"("exitPassword":"open","branding":{"displayName":"T"},"tenantId":"t1"})"));
-  {
-    const CheckInResult result = CheckIn("tok");
-    EXPECT_EQ(result.error, "");
-    EXPECT_EQ(result.exitPassword.Get(), "open");
-    EXPECT_EQ(json::Serialise(result.branding), R"({"displayName":"T"})");
-    EXPECT_EQ(result.tenantId, "t1");
-  }
+  answer_.body =
+      R"({"status":"enrolled","name":"  Łódź – Halle 3\n","signIn":{"email":"0","extraHosts":["a.example"]},)"
+      R"("power":{"screenOffMinutes":1,"sleepMinutes":2,"schedule":{"enabled":false,"sleepAt":"22:00",)"
+      R"("wakeAt":"07:00","days":[]}},"powerSource":"tenant","updates":{"automatic":true,"window":{"start":"02:00",)"
+      R"("end":"05:00","days":[0]}},"updatesSource":"device","exitPassword":"open","branding":{"displayName":"T"},)"
+      R"("tenantId":"t1"})";
+  const CheckInResult result = CheckIn("tok");
+  EXPECT_EQ(result.error, "");
+  EXPECT_EQ(result.exitPassword.Get(), "open");
+  EXPECT_EQ(json::Serialise(result.branding), R"({"displayName":"T"})");
+  EXPECT_EQ(result.tenantId, "t1");
   EXPECT_EQ(portal_.Requests().back().body, R"({"appVersion":"2026-10-15-0001"})");
   EXPECT_EQ(state::ReadStateString(state::kTerminalName), L"Łódź – Halle 3");
   EXPECT_EQ(state::ReadStateString(state::kSignIn), LR"({"microsoft":true,"email":false,"extraHosts":["a.example"]})");
-  EXPECT_FALSE(HasValue(state::kStateKey, L"UnknownSince"));
-  const std::vector<std::string> lines = {
-      R"(INFO kiosk sign-in methods now {"microsoft":true,"email":false,"extraHosts":["a.example"]})",
-      "INFO terminal name now \"Łódź – Halle 3\""};
-  EXPECT_EQ(test::LogTexts(), lines);
+  EXPECT_EQ(test::CountLogged(
+                R"(INFO kiosk sign-in methods now {"microsoft":true,"email":false,"extraHosts":["a.example"]})"),
+            1);
+  EXPECT_EQ(test::CountLogged("INFO terminal name now \"Łódź – Halle 3\""), 1);
+  const std::set<std::wstring> names = test::StateNames();
+  EXPECT_EQ(names, (std::set<std::wstring>{L"DeviceToken", L"PowerPolicy", L"PowerSource", L"SignIn", L"TerminalName",
+                                           L"UpdatesPolicy", L"UpdatesSource"}));
+  const std::vector<std::string> lines = test::LogTexts();
   {
-    sim::FaultPass pass;
-    CheckIn("tok");
-    for (const sim::ChangeCall& call : pass.Calls()) {
-      // Deleting a value that is not there is all that a steady check-in does.
-      EXPECT_EQ(call.Text(), "RegDeleteKeyValueW(HKLM\\SOFTWARE\\Norvane\\Tessaly\\Kiosk\\UnknownSince)");
-    }
+    // Deleting a value that is not there is all that a steady check-in does.
+    const sim::FaultPass pass;
+    EXPECT_EQ(CheckIn("tok").error, "");
+    ASSERT_EQ(pass.Count(), 1);
+    EXPECT_EQ(pass.Calls()[0].Text(), "RegDeleteKeyValueW(HKLM\\SOFTWARE\\Norvane\\Tessaly\\Kiosk\\UnknownSince)");
   }
+  EXPECT_EQ(CheckIns(), 2U);
   EXPECT_EQ(test::LogTexts(), lines);
-  // A text of NULs only, and a name of another type, count as no name.
+}
+
+TEST_F(PortalTest, ATextOfNulsOnlyAndANameOfAnotherTypeAreNoName) {
+  ASSERT_TRUE(enrolment::StoreDeviceToken("tok"));
   for (const char* name : {R"("\u0000x")", "7", "null"}) {
     SetString(state::kStateKey, L"TerminalName", L"old");
-    Answer(L"POST", kCheckInPath, Reply(200, std::string(R"({"status":"enrolled","name":)") + name + "}"));
+    answer_ = Reply(200, std::string(R"({"status":"enrolled","name":)") + name + "}");
     CheckIn("tok");
     EXPECT_FALSE(HasValue(state::kStateKey, L"TerminalName")) << name;
     EXPECT_EQ(test::LogTexts().back(), "INFO terminal name now \"\"");

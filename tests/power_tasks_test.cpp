@@ -4,9 +4,10 @@
 #include "portal/check_in.h"
 #include "power/sleep_wake.h"
 #include "power/stay_awake.h"
-#include "power/task_scheduler.h"
 #include "sim/clock.h"
+#include "tests/support/command.h"
 #include "win32/privilege.h"
+#include "win32/program_path.h"
 #include "win32/stop.h"
 #include "win32/thread.h"
 
@@ -20,7 +21,7 @@ using PowerTasksTest = PowerTest;
 TEST_F(PowerTasksTest, TasksAreRegisteredExactlyAndOnce) {
   Receive(Policy(15, 0, "true"));
   EXPECT_EQ(CountOf(Apply(), "RegisterTaskDefinition"), 2);
-  const std::wstring path = OwnExecutablePath();
+  const std::wstring path = win32::StartablePath();
   const auto expected = [&path](const std::wstring& description, const std::wstring& time,
                                 const std::wstring& arguments, const std::wstring& wakes) {
     return L"Action=0 Arguments=" + arguments + L" Author=Norvane DaysOfWeek=62 Description=" + description +
@@ -121,9 +122,9 @@ TEST_F(PowerTasksTest, ComputersThatCannotWakeSaySo) {
                      {true, false, PowerSystemUnspecified, true}};
   for (const auto& each : cases) {
     SetUp();
-    sim::WriteNumber(L"Power", L"CapabilitiesUnknown", each.unknown);
-    sim::WriteNumber(L"Power", L"AlwaysConnected", each.alwaysConnected);
-    sim::WriteNumber(L"Power", L"RtcWake", each.realTimeClockWake);
+    sim::power.capabilitiesUnknown.Set(each.unknown);
+    sim::power.alwaysConnected.Set(each.alwaysConnected);
+    sim::power.rtcWake.Set(each.realTimeClockWake);
     Receive(Policy(15, 0, "true"));
     NewTexts();
     Apply();
@@ -136,9 +137,9 @@ TEST_F(PowerTasksTest, ComputersThatCannotWakeSaySo) {
 
 TEST_F(PowerTasksTest, OverrideAtTheTerminal) {
   const std::string defaults = Policy(15, 0);
-  EXPECT_EQ(json::Serialise(HandlePowerGet()), R"({"ok":true,"policy":)" + defaults +
-                                                   R"(,"source":"default","local":null,"effective":)" + defaults +
-                                                   R"(,"error":null})");
+  EXPECT_EQ(json::Serialise(test::Ask(PowerGet)), R"({"ok":true,"policy":)" + defaults +
+                                                      R"(,"source":"default","local":null,"effective":)" + defaults +
+                                                      R"(,"error":null})");
   const std::string portal = Policy(20, 30, "false", "20:15", "[2]");
   Receive(portal, "device");
   const std::string local = Policy(240, 0, "false", "20:15", "[2]");
@@ -211,33 +212,33 @@ TEST_F(PowerTasksTest, SleepAndWakeRuns) {
   EXPECT_EQ(CountLogged("INFO Kiosk shutting down"), 1);
   const win32::KernelHandle live(CreateEventW(nullptr, TRUE, FALSE, L"Global\\NorvaneStreamSessionActive"));
   EXPECT_EQ(SleepNow(), 0);
-  EXPECT_EQ(sim::ReadNumber(L"Power", L"Suspends"), 2U);
+  EXPECT_EQ(sim::power.suspends.Get(), 2U);
   SetEvent(live.Get());
   EXPECT_EQ(SleepNow(), 0);
-  EXPECT_EQ(sim::ReadNumber(L"Power", L"Suspends"), 2U);
+  EXPECT_EQ(sim::power.suspends.Get(), 2U);
   EXPECT_EQ(CountLogged("WARN power: scheduled sleep skipped, a stream session is live"), 1);
   ResetEvent(live.Get());
-  sim::WriteNumber(L"Power", L"SuspendError", ERROR_NOT_SUPPORTED);
+  sim::power.suspendError.Set(ERROR_NOT_SUPPORTED);
   EXPECT_EQ(SleepNow(), 1);
   EXPECT_EQ(CountLogged("ERROR power: SetSuspendState failed (50)"), 1);
   // Windows keeps tasks of services back while the battery saver is on ("Battery Saver"), and runs them when it ends.
   Receive(Policy(15, 0, "true", "23:55"));
-  sim::WriteNumber(L"Power", L"SuspendError", 0);
+  sim::power.suspendError.Set(0);
   const struct {
     int hour, minute, second;
     std::string minutesLate;
   } runs[] = {{23, 55, 0, ""}, {0, 5, 0, ""}, {0, 5, 1, "10"}, {8, 0, 0, "485"}, {23, 54, 59, ""}, {23, 40, 0, "1425"}};
   for (const auto& each : runs) {
     const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 24, each.hour, each.minute, each.second));
-    const DWORD before = sim::ReadNumber(L"Power", L"Suspends").value_or(0);
+    const DWORD before = sim::power.suspends.Get();
     EXPECT_EQ(SleepNow(), 0);
-    EXPECT_EQ(sim::ReadNumber(L"Power", L"Suspends"), before + (each.minutesLate.empty() ? 1 : 0)) << each.hour;
+    EXPECT_EQ(sim::power.suspends.Get(), before + (each.minutesLate.empty() ? 1 : 0)) << each.hour;
     EXPECT_EQ(CountLogged("WARN power: scheduled sleep skipped, it comes " + each.minutesLate + " min late"),
               each.minutesLate.empty() ? 0 : 1);
   }
   const std::size_t lines = test::LogTexts().size();
   EXPECT_EQ(WakeNow(), 0);
-  EXPECT_EQ(sim::ReadNumber(L"Power", L"ExecutionState"), DWORD{ES_SYSTEM_REQUIRED | ES_DISPLAY_REQUIRED});
+  EXPECT_EQ(sim::power.executionState.Get(), DWORD{ES_SYSTEM_REQUIRED | ES_DISPLAY_REQUIRED});
   EXPECT_EQ(test::LogTexts().size(), lines);
 }
 
@@ -269,10 +270,10 @@ TEST_F(PowerTasksTest, AComputerThatATimerWokeStaysAwakeForAsLongAsTheScheduleWa
   EXPECT_FALSE(sleepsAgain(30, 7, 0));
   EXPECT_TRUE(sleepsAgain(30, 7, 29)) << "for as long as an idle computer stays awake";
   Receive(Policy(15, 0, "true"));
-  sim::WriteNumber(L"Power", L"RequestError", ERROR_NOT_ENOUGH_MEMORY);
+  sim::power.requestError.Set(ERROR_NOT_ENOUGH_MEMORY);
   NewTexts();
   EXPECT_TRUE(sleepsAgain(30, 12, 0));
-  sim::WriteNumber(L"Power", L"RequestError", 0);
+  sim::power.requestError.Set(0);
   EXPECT_FALSE(sleepsAgain(30, 13, 0));
   EXPECT_EQ(NewTexts(), (std::vector<std::string>{"ERROR power: cannot keep the computer awake (8)",
                                                   "INFO power: the schedule keeps the computer awake"}));
@@ -299,13 +300,6 @@ TEST_F(PowerCheckIn, CarriesTheOverrideAndTheError) {
   answer_ = {.body = R"({"status":"enrolled","power":)" + Policy(5, 6) + R"(,"powerSource":"device"})"};
   EXPECT_EQ(body(), version);
   EXPECT_EQ(State(state::kPowerPolicy), Policy(5, 6));
-  {
-    const sim::FaultPass pass;
-    portal::CheckIn("tok");
-    for (const sim::ChangeCall& call : pass.Calls()) {
-      EXPECT_TRUE(call.object.ends_with(L"UnknownSince")) << call.Text();
-    }
-  }
   SetString(state::kStateKey, L"PowerLocal", win32::ToWide(" " + Policy(7, 8)));
   SetString(state::kStateKey, L"PowerError", L"wake_unavailable");
   EXPECT_EQ(body(), version.substr(0, version.size() - 1) + ",\"powerLocal\":" + Policy(7, 8) +

@@ -20,7 +20,7 @@ TEST_F(PowerTest, ThePortalsPolicyIsKeptAsCanonicalText) {
   for (const char* ignored :
        {R"({"powerSource":"device"})", R"({"power":null,"powerSource":"device"})", R"({"power":{}})", "[]"}) {
     const sim::FaultPass pass;
-    ApplyPortalPowerPolicy(Json(ignored));
+    portal::StorePolicies(Json(ignored));
     EXPECT_EQ(pass.Count(), 0) << ignored;
   }
   for (const char* source : {"Tenant", "", "device "}) {
@@ -80,13 +80,13 @@ TEST_F(PowerTest, ASchemeThatCannotBeActivatedIsSaidWhenTheErrorChanges) {
 TEST_F(PowerTest, WhatCannotBeSavedIsNotChanged) {
   Receive(Policy(15, 0, "true"));
   sim::SetSchemeIndexes(sim::kBalanced, {600, 300, sim::kNoIndex, 900, sim::kNoIndex, sim::kNoIndex});
-  sim::WriteNumber(L"Power", L"ReadError", ERROR_ACCESS_DENIED);
+  sim::power.readError.Set(ERROR_ACCESS_DENIED);
   const std::vector<std::string> calls = Apply();
   EXPECT_EQ(CountOf(calls, "PowerWriteACValueIndex") + CountOf(calls, "PowerWriteDCValueIndex"), 0);
   EXPECT_EQ(CountLogged("ERROR power: cannot save the computer's own power settings (5); nothing is changed"), 3);
   EXPECT_EQ(State(state::kPriorPower), "");
   EXPECT_EQ(State(state::kPowerError), "wake_unavailable");
-  sim::WriteNumber(L"Power", L"ReadError", 0);
+  sim::power.readError.Set(0);
   Apply();
   EXPECT_EQ(State(state::kPriorPower),
             std::string("{\"scheme\":\"") + kScheme + R"(","values":[600,300,null,900,null,null]})");
@@ -198,7 +198,7 @@ TEST(PowerFaults, ClearingAnOverrideWithoutAPolicyOfThePortal) {
     state::DeleteStateValue(state::kPowerSource);
     ApplyEffectivePowerPolicy();
   };
-  const auto clear = [] { HandlePowerSet(Json(R"({"useOrganisation":true})")); };
+  const auto clear = [] { test::Ask(PowerSet, R"({"useOrganisation":true})"); };
   const auto later = [clear] {
     ApplyEffectivePowerPolicy();
     clear();

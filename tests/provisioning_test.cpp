@@ -5,6 +5,7 @@
 #include "account/winlogon.h"
 #include "enrolment/device_token.h"
 #include "sim/accounts.h"
+#include "sim/buffers.h"
 #include "sim/clock.h"
 #include "sim/computer.h"
 #include "sim/faults.h"
@@ -14,7 +15,7 @@
 #include "sim/sessions.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
-#include "tests/support/owned_computer.h"
+#include "tests/support/terminal.h"
 
 #include <algorithm>
 
@@ -23,14 +24,14 @@ namespace {
 
 using test::CountLogged;
 using test::HasValue;
+using test::Kiosk;
+using test::kUpdateKey;
 using test::SetDword;
 using test::SetString;
+using test::Winlogon;
 
-constexpr wchar_t kUpdateKey[] = L"SOFTWARE\\Norvane\\Tessaly\\Update";
-constexpr wchar_t kHide[] = L"HideFastUserSwitching";
-
-std::wstring Winlogon(const wchar_t* name) { return state::ReadString(kWinlogonKey, name).value_or(L"(none)"); }
-std::wstring Sid() { return sim::FindUser(L"NorvaneKiosk").value_or(sim::User()).sid; }
+std::wstring Sid() { return Kiosk().sid; }
+std::string Provision() { return ProvisionKioskAccount({}); }
 
 // An enrolled computer that nobody has used for automatic sign-in, but whose sign-in names its last user.
 void PrepareComputer() {
@@ -40,26 +41,12 @@ void PrepareComputer() {
   SetString(kWinlogonKey, L"AutoLogonCount", L"7");
 }
 
-// How many calls that change the machine `action` makes, up to the first that has this text.
-template <typename Action>
-int PointOf(const std::string& call, Action action) {
-  const sim::FaultPass pass;
-  action();
-  for (int point = 1; point <= pass.Count(); ++point) {
-    if (pass.Calls()[static_cast<std::size_t>(point) - 1].Text().find(call) != std::string::npos) {
-      return point;
-    }
-  }
-  ADD_FAILURE() << call << " was not called";
-  return 0;
-}
-
 class ProvisioningTest : public testing::Test {
  protected:
   void SetUp() override { PrepareComputer(); }
-  void TearDown() override { EXPECT_EQ(sim::OpenNetBuffers() + sim::OpenLsaObjects(), 0); }
+  void TearDown() override { EXPECT_EQ(sim::openBuffers, 0); }
 
-  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
+  sim::VirtualClock clock_{test::kMorning};
 };
 
 TEST_F(ProvisioningTest, SetsEverythingUpAndTwiceChangesNothingButThePassword) {
@@ -68,7 +55,7 @@ TEST_F(ProvisioningTest, SetsEverythingUpAndTwiceChangesNothingButThePassword) {
   SetString(kWinlogonKey, L"DefaultPassword", L"clear text");
   {
     const sim::FaultPass pass;
-    EXPECT_EQ(ProvisionKioskAccount({}), "");
+    EXPECT_EQ(Provision(), "");
     for (const wchar_t* name : {L"AccountSid", L"AccountCreating", L"OwnsAutoLogon", L"OwnsHideFastUserSwitching"}) {
       EXPECT_TRUE(pass.Flushed(name)) << sim::Narrow(name);
     }
@@ -97,7 +84,7 @@ TEST_F(ProvisioningTest, SetsEverythingUpAndTwiceChangesNothingButThePassword) {
   EXPECT_FALSE(HasValue(kWinlogonKey, L"DefaultPassword") || HasValue(kWinlogonKey, L"AutoLogonCount"));
   EXPECT_EQ(state::ReadDword(kPasswordLessKey, L"DevicePasswordLessBuildVersion"), DWORD{0});
   EXPECT_EQ(state::ReadDword(kSystemPoliciesKey, L"EnableFirstLogonAnimation"), DWORD{0});
-  EXPECT_EQ(state::ReadDword(kSystemPoliciesKey, kHide), DWORD{1});
+  EXPECT_EQ(state::ReadDword(kSystemPoliciesKey, L"HideFastUserSwitching"), DWORD{1});
   EXPECT_FALSE(HasValue(state::kStateKey, L"TeardownPending") || HasValue(state::kStateKey, L"LastError"));
   EXPECT_TRUE(IsKioskProvisioned());
   EXPECT_EQ(test::LogTexts(),
@@ -108,7 +95,7 @@ TEST_F(ProvisioningTest, SetsEverythingUpAndTwiceChangesNothingButThePassword) {
   SetString(kWinlogonKey, L"DefaultUserName", L"Operator");
   SetDword(state::kStateKey, L"Maintenance", 1);
   SetString(kWinlogonKey, L"AutoAdminLogon", L"0");
-  EXPECT_EQ(ProvisionKioskAccount({}), "");
+  EXPECT_EQ(Provision(), "");
   test::ExpectProvisioned();
   EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"0");
   EXPECT_EQ(Sid(), first.sid);
@@ -139,30 +126,25 @@ TEST_F(ProvisioningTest, EachFailureHasItsCodeAndIsOverWhenItsCauseIs) {
       {"RegLoadKeyW(", false, "hive_failed", 0},
       {"\\Kiosk\\Provisioned)", true, "state_write_failed", 0},
   };
-  EXPECT_EQ(ProvisionKioskAccount({}), "");  // its first line makes the log's folders
+  EXPECT_EQ(Provision(), "");  // its first line makes the log's folders
   for (const auto& failure : cases) {
     SCOPED_TRACE(failure.call);
-    const auto prepare = [&failure] {
-      PrepareComputer();
-      if (failure.secondRun) {
-        EXPECT_EQ(ProvisionKioskAccount({}), "");
-      }
-    };
-    prepare();
-    const int point = PointOf(failure.call, [] { EXPECT_EQ(ProvisionKioskAccount({}), ""); });
-    prepare();
+    PrepareComputer();
+    if (failure.secondRun) {
+      EXPECT_EQ(Provision(), "");
+    }
     const std::string line =
         std::string("ERROR provisioning failed: ") + failure.code + " (" + std::to_string(failure.number) + ")";
     const int logged = CountLogged(line);
     {
-      const sim::FaultPass pass(sim::FaultKind::kFail, point);
-      EXPECT_EQ(ProvisionKioskAccount({}), failure.code);
+      const sim::FaultPass pass(failure.call, ERROR_ACCESS_DENIED);
+      EXPECT_EQ(Provision(), failure.code);
     }
     EXPECT_EQ(CountLogged(line), logged + 1);
     EXPECT_EQ(sim::Narrow(state::ReadStateString(state::kLastError)), failure.code);
     EXPECT_EQ(state::FlagIsOn(state::kProvisioned),
               &failure == &cases[std::size(cases) - 1]);  // the mark itself was kept
-    EXPECT_EQ(ProvisionKioskAccount({}), "");
+    EXPECT_EQ(Provision(), "");
     test::ExpectProvisioned();
     EXPECT_FALSE(HasValue(state::kStateKey, L"LastError"));
   }
@@ -171,7 +153,7 @@ TEST_F(ProvisioningTest, EachFailureHasItsCodeAndIsOverWhenItsCauseIs) {
 // Other refusals: tests/owner_test.cpp.
 TEST_F(ProvisioningTest, RefusesWithoutTouchingAnything) {
   const auto expect = [](const char* code) {
-    EXPECT_EQ(ProvisionKioskAccount({}), code);
+    EXPECT_EQ(Provision(), code);
     EXPECT_EQ(test::StateNames(), std::set<std::wstring>{L"LastError"});
     EXPECT_EQ(CountLogged(std::string("ERROR provisioning failed: ") + code + " (0)"), 1);
     EXPECT_TRUE(sim::UserNames().empty());
@@ -208,10 +190,10 @@ TEST_F(ProvisioningTest, AnAccountOfARunCutShortIsTheServicesOwn) {
     clock_.RunFor(30'000);
     if (found.createdAfter != -1000) {
       sim::FailAccountLookups(1722, 3);  // whose it is cannot be told now
-      EXPECT_EQ(ProvisionKioskAccount({}), "account_lookup_failed");
+      EXPECT_EQ(Provision(), "account_lookup_failed");
       sim::FailAccountLookups(0);
     }
-    EXPECT_EQ(ProvisionKioskAccount({}), found.adopted ? "" : "account_exists");
+    EXPECT_EQ(Provision(), found.adopted ? "" : "account_exists");
     EXPECT_EQ(sim::AccountPassword(L"NorvaneKiosk") == L"before", !found.adopted);
     if (found.adopted) {
       test::ExpectProvisioned();
@@ -223,13 +205,13 @@ TEST_F(ProvisioningTest, AnAccountOfARunCutShortIsTheServicesOwn) {
 TEST_F(ProvisioningTest, AVanishedAccountIsReplacedAndItsProfileGoesAtOnceOrLater) {
   for (const bool busy : {false, true}) {
     PrepareComputer();
-    EXPECT_EQ(ProvisionKioskAccount({}), "");
+    EXPECT_EQ(Provision(), "");
     const std::wstring old = Sid();
     const std::string folder = sim::Narrow(sim::ProfileFolder(old));
     sim::RemoveUser(L"NorvaneKiosk");
     sim::KeepProfilesBusy(busy ? INFINITE : 3);
     const sim::FaultPass pass;
-    EXPECT_EQ(ProvisionKioskAccount({}), "");
+    EXPECT_EQ(Provision(), "");
     EXPECT_EQ(CountLogged("WARN the recorded kiosk account is gone; creating a new one"), busy ? 2 : 1);
     test::ExpectProvisioned();
     EXPECT_NE(Sid(), old);
@@ -249,20 +231,26 @@ TEST_F(ProvisioningTest, NoProfileIsForgottenWhateverFailsWhileItsRecordIsDroppe
   std::wstring old;
   const auto vanish = [&old] {
     PrepareComputer();
-    EXPECT_EQ(ProvisionKioskAccount({}), "");
+    EXPECT_EQ(Provision(), "");
     old = Sid();
     sim::RemoveUser(L"NorvaneKiosk");
     sim::KeepProfilesBusy(INFINITE);
   };
   vanish();
-  const int first = PointOf("\\StaleProfileSids)", [] { EXPECT_EQ(ProvisionKioskAccount({}), ""); });
+  int first = 0;
+  {
+    const sim::FaultPass pass;
+    EXPECT_EQ(Provision(), "");
+    while (!pass.Calls().at(static_cast<std::size_t>(first++)).object.ends_with(L"\\StaleProfileSids")) {
+    }
+  }
   for (int point = first; point < first + 5; ++point) {  // the note, its flush, the record, and the next account's note
     vanish();
     {
       const sim::FaultPass pass(sim::FaultKind::kFail, point);
-      ProvisionKioskAccount({});
+      Provision();
     }
-    EXPECT_EQ(ProvisionKioskAccount({}), "");
+    EXPECT_EQ(Provision(), "");
     const auto noted = state::ReadState(state::kStaleProfileSids);
     ASSERT_TRUE(noted && noted->type == REG_MULTI_SZ) << point;
     EXPECT_EQ(
@@ -300,18 +288,19 @@ TEST_F(ProvisioningTest, AProfileWithoutAUsableRegistryIsMadeAnewUnlessItMayBeIn
   for (const auto& each : cases) {
     SCOPED_TRACE(each.what);
     PrepareComputer();
-    EXPECT_EQ(ProvisionKioskAccount({}), "");
+    EXPECT_EQ(Provision(), "");
     const std::wstring folder = sim::ProfileFolder(Sid());
     test::WriteWholeFile(folder + L"\\mine.txt", "x");
-    const int point =
-        each.loadError == 0 ? 0 : PointOf("RegLoadKeyW(", [] { EXPECT_EQ(ProvisionKioskAccount({}), ""); });
     if (each.damage != nullptr) {
       each.damage(folder);
     }
     const int logged = CountLogged(kAnew);
     {
-      const sim::FaultPass pass(point == 0 ? sim::FaultKind::kCount : sim::FaultKind::kFail, point, each.loadError);
-      EXPECT_EQ(ProvisionKioskAccount({}), each.healed ? "" : "hive_failed");
+      std::optional<sim::FaultPass> fault;
+      if (each.loadError != 0) {
+        fault.emplace("RegLoadKeyW(", each.loadError);
+      }
+      EXPECT_EQ(Provision(), each.healed ? "" : "hive_failed");
     }
     EXPECT_EQ(CountLogged(kAnew), logged + (each.healed ? 1 : 0));
     EXPECT_EQ(GetFileAttributesW((folder + L"\\mine.txt").c_str()) == INVALID_FILE_ATTRIBUTES, each.healed);
@@ -327,9 +316,9 @@ TEST_F(ProvisioningTest, AProfileWithoutAUsableRegistryIsMadeAnewUnlessItMayBeIn
 
 TEST_F(ProvisioningTest, GroupsAreFoundInEveryLanguage) {
   sim::SetGroupLanguage(L"de");
-  EXPECT_EQ(ProvisionKioskAccount({}), "");
-  const wchar_t* const groups[] = {L"S-1-5-32-544", L"S-1-5-32-547", L"S-1-5-32-555",
-                                   L"S-1-5-32-551", L"S-1-5-32-556", L"S-1-5-32-578"};
+  EXPECT_EQ(Provision(), "");
+  const wchar_t* const groups[] = {test::kAdministrators, L"S-1-5-32-547", L"S-1-5-32-555",
+                                   L"S-1-5-32-551",       L"S-1-5-32-556", L"S-1-5-32-578"};
   const std::wstring other = sim::AddUser(L"Other");
   for (const wchar_t* group : groups) {
     sim::AddToGroup(group, Sid());
@@ -355,7 +344,7 @@ TEST_F(ProvisioningTest, GroupsAreFoundInEveryLanguage) {
 
 TEST_F(ProvisioningTest, OnlyForTheEnrolmentThatAskedForItAndOnlyWhenNeeded) {
   ASSERT_TRUE(enrolment::StoreDeviceToken("new"));
-  EXPECT_EQ(ProvisionKioskAccount("old"), kNoLongerEnrolled);
+  EXPECT_EQ(ProvisionKioskAccount("old"), kEnrolmentOver);
   EXPECT_TRUE(sim::UserNames().empty());
   EXPECT_EQ(ProvisionIfNeeded("new"), "");
   test::ExpectProvisioned();
@@ -369,7 +358,7 @@ TEST_F(ProvisioningTest, OnlyForTheEnrolmentThatAskedForItAndOnlyWhenNeeded) {
 }
 
 TEST_F(ProvisioningTest, PoliciesAreAppliedAgainOnlyWhileTheUserIsSignedIn) {
-  EXPECT_EQ(ProvisionKioskAccount({}), "");
+  EXPECT_EQ(Provision(), "");
   ApplyKioskPolicies();
   ASSERT_EQ(sim::LoadHive(Sid(), sim::ProfileFolder(Sid()) + L"\\NTUSER.DAT"), DWORD{ERROR_SUCCESS});
   RegDeleteKeyValueW(HKEY_USERS, (Sid() + L"\\Control Panel\\Colors").c_str(), L"Background");

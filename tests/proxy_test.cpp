@@ -6,6 +6,7 @@
 #include "proxy/proxy_settings.h"
 #include "sim/fault_driver.h"
 #include "state/kiosk_state.h"
+#include "tests/support/command.h"
 #include "tests/support/fixture.h"
 
 #include <winhttp.h>
@@ -15,7 +16,7 @@ namespace {
 
 const std::string kManual = R"({"mode":"manual","server":"proxy.test:8080","bypass":"*.intra.test;<local>"})";
 
-std::string Set(const std::string& request) { return json::Serialise(ProxySet(*json::Parse(request))); }
+std::string Set(const std::string& request) { return json::Serialise(test::Ask(ProxySet, request)); }
 
 // With plain Windows calls; an empty server is direct access.
 void SetOwners(std::wstring server, std::wstring bypass = L"") {

@@ -1,19 +1,15 @@
 // The restart into kiosk mode, in virtual time.
 #include "account/kiosk_restart.h"
 
-#include "sim/clock.h"
 #include "sim/faults.h"
 #include "sim/shutdown.h"
-#include "tests/support/fixture.h"
+#include "tests/support/terminal.h"
 #include "win32/stop.h"
 
 namespace kiosk::account {
 namespace {
 
-class RestartTest : public test::CleanMachine {
- protected:
-  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
-};
+class RestartTest : public test::VirtualComputer {};
 
 TEST_F(RestartTest, TwoEnrolmentsRestartOnceTenSecondsAfterTheLater) {
   ScheduleKioskRestart();
@@ -36,7 +32,7 @@ TEST_F(RestartTest, ACancelledOneNeverComesTheNextOneDoesAndAStopEndsTheWait) {
   ScheduleKioskRestart();
   clock_.At(9'000, CancelKioskRestart);
   clock_.RunUntil(60'000);
-  RestartNow("nobody asked");
+  RestartIfPending("nobody asked");
   EXPECT_FALSE(sim::PendingShutdown());
   EXPECT_EQ(test::LogTexts().size(), 1U);
   ScheduleKioskRestart();
@@ -80,7 +76,7 @@ TEST_F(RestartTest, AnEarlyOneComesOnceAndAFailureIsLogged) {
   ScheduleKioskRestart();
   {
     const sim::FaultPass pass(sim::FaultKind::kFail, 1, ERROR_ACCESS_DENIED);
-    RestartNow("on request");
+    RestartIfPending("on request");
   }
   EXPECT_FALSE(KioskRestartPending());
   clock_.RunUntil(20'000);

@@ -6,7 +6,6 @@
 #include "branding/branding_folder.h"
 #include "enrolment/device_token.h"
 #include "enrolment/enrolment.h"
-#include "service/install.h"
 #include "sim/accounts.h"
 #include "sim/clock.h"
 #include "sim/computer.h"
@@ -17,8 +16,8 @@
 #include "sim/sessions.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
-#include "tests/support/owned_computer.h"
 #include "tests/support/pipe_exchange.h"
+#include "tests/support/terminal.h"
 #include "win32/clock.h"
 #include "win32/thread.h"
 
@@ -95,14 +94,14 @@ TEST_F(ServiceTest, AStartDoesNotWaitForItsOwnFile) {
 // What a start puts right before it reports that it runs, and what a shutdown ends before it stops.
 TEST_F(ServiceTest, StartRepairsAndShutdownEndsMaintenance) {
   sim::ScriptedPortal portal;
-  portal.On(L"POST", L"/api/kiosk/check-in", [](const sim::Request&) { return sim::Response{.status = 503}; });
+  portal.On(L"POST", test::kCheckInPath, sim::Response{.status = 503});
   sim::ServiceHost host;
   test::Enrol();
   test::SetDword(state::kStateKey, L"DevAllowUnsigned", 1);
   test::SetDword(state::kStateKey, L"Maintenance", 1);
   ASSERT_TRUE(state::WriteStateQword(state::kMaintenanceAt, 1));  // long before this boot
   state::DeleteStateValue(state::kAutoLogonDigest);               // an earlier version knew none
-  sim::AddToGroup(L"S-1-5-32-544", sim::FindUser(L"NorvaneKiosk")->sid);
+  sim::AddToGroup(test::kAdministrators, test::Kiosk().sid);
   {
     const win32::KernelHandle service = win32::StartThread([]() noexcept { RunDispatcher(); });
     ASSERT_TRUE(test::ConnectToService());
@@ -116,10 +115,7 @@ TEST_F(ServiceTest, StartRepairsAndShutdownEndsMaintenance) {
     test::SetDword(state::kStateKey, L"Maintenance", 1);
     sim::AddUser(L"anna");
     sim::SignOut(sim::SignIn(L"anna"));
-    for (int i = 0; i < 2'000 && state::FlagIsOn(state::kMaintenance); ++i) {
-      Sleep(5);  // another thread ends it
-    }
-    EXPECT_FALSE(state::FlagIsOn(state::kMaintenance)) << "a sign-out was not heard of";
+    EXPECT_TRUE(test::Becomes([] { return !state::FlagIsOn(state::kMaintenance); })) << "a sign-out was not heard of";
     test::SetDword(state::kStateKey, L"Maintenance", 1);
     sim::SignIn(L"anna");
     EXPECT_EQ(host.Deliver(SERVICE_CONTROL_SHUTDOWN), DWORD{NO_ERROR});
@@ -139,7 +135,7 @@ TEST_F(ServiceTest, RunningIsReportedInTimeWhateverTheRepairsWaitFor) {
   state::DeleteStateValue(state::kDeviceToken);
   test::SetDword(state::kStateKey, L"TeardownPending", 1);
   const win32::KernelHandle others(CreateMutexW(nullptr, TRUE, L"Global\\NorvaneKioskAccount"));
-  sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  sim::VirtualClock clock(test::kMorning);
   clock.SetGrace(20);
   const sim::ScriptedPortal portal;
   sim::ServiceHost host;
@@ -157,14 +153,6 @@ TEST_F(ServiceTest, RunningIsReportedInTimeWhateverTheRepairsWaitFor) {
   EXPECT_EQ(host.Deliver(SERVICE_CONTROL_STOP), DWORD{NO_ERROR});
   EXPECT_EQ(WaitForSingleObject(service.Get(), 20'000), WAIT_OBJECT_0);
   ReleaseMutex(others.Get());
-}
-
-TEST_F(ServiceTest, UninstallWithoutAServiceStillGivesTheComputerBack) {
-  const std::string before = sim::DumpMachine();
-  test::Enrol();
-  EXPECT_EQ(Uninstall(), 0);
-  EXPECT_EQ(test::Differences(before), std::set<std::string>{});
-  EXPECT_FALSE(test::HasValue(state::kStateKey, L"AuthBaseUrl")) << "the key itself goes";
 }
 
 // Whatever fails while the token is stored, and whenever the process ends: either nothing is stored, or a token that

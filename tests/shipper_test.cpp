@@ -262,7 +262,7 @@ TEST_F(ShipperTest, WithoutItsCertificateNothingIsSent) {
 }
 
 TEST_F(ShipperTest, FullRingAndFullDiskCountWhatIsLost) {
-  sim::WriteNumber(L"Disk", L"FreeMB", 499);
+  sim::freeDiskMegabytes.Set(499);
   answer_ = Status(503, L"60");
   Lines(0, 1);
   clock_.RunFor(10'000);

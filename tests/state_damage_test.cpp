@@ -16,8 +16,9 @@
 #include "sim/seam.h"
 #include "sim/sessions.h"
 #include "state/kiosk_state.h"
+#include "tests/support/command.h"
 #include "tests/support/fixture.h"
-#include "tests/support/owned_computer.h"
+#include "tests/support/terminal.h"
 
 #include <algorithm>
 #include <cstring>
@@ -127,10 +128,9 @@ void ExpectLeft(const std::set<std::string>& differing, const Effect& effect, co
 }
 
 TEST(StateDamage, EveryValueMissingOrOfAnotherTypeGetsItsExactAnswer) {
-  const sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
+  const sim::VirtualClock clock(test::kMorning);
   sim::ScriptedPortal portal;
-  portal.On(L"POST", L"/api/kiosk/check-in",
-            [](const sim::Request&) { return sim::Response{.body = R"({"status":"enrolled","name":"Hall"})"}; });
+  portal.On(L"POST", test::kCheckInPath, sim::Response{.body = R"({"status":"enrolled","name":"Hall"})"});
   for (const state::StateValue* value : state::kStateValues) {
     const auto* found = std::find_if(std::begin(kEffects), std::end(kEffects),
                                      [&](const Effect& each) { return std::wcscmp(each.name, value->name) == 0; });
@@ -145,7 +145,7 @@ TEST(StateDamage, EveryValueMissingOrOfAnotherTypeGetsItsExactAnswer) {
       const std::string before = sim::DumpMachine();
       EnrolWithEveryValue(clock.SystemTime());
       Damage(*value, missing);
-      EXPECT_EQ(json::Serialise(pipe::StatusReport(nullptr)), status);
+      EXPECT_EQ(json::Serialise(test::Ask(pipe::Status)), status);
       EXPECT_EQ(StartAndCheckIn(), effect.answer);
       account::RemoveKioskMode(false, "because");
       ExpectLeft(test::Differences(before), effect, value->name);

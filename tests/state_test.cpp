@@ -1,5 +1,6 @@
 // The state key and the registry helpers, against the real registry.
 #include "sim/files.h"
+#include "state/folders.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 #include "win32/handle.h"

@@ -13,6 +13,7 @@
 #include "enrolment/enrolment.h"
 #include "enrolment/pairing_code.h"
 #include "sim/accounts.h"
+#include "sim/buffers.h"
 #include "sim/clock.h"
 #include "sim/computer.h"
 #include "sim/faults.h"
@@ -21,7 +22,7 @@
 #include "sim/sessions.h"
 #include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
-#include "tests/support/owned_computer.h"
+#include "tests/support/terminal.h"
 #include "win32/stop.h"
 
 #include <lm.h>
@@ -38,10 +39,10 @@ using test::StateNames;
 
 constexpr char kLater[] = "WARN the kiosk account could not be removed yet; retrying at every start and check-in";
 
-class TeardownTest : public test::CleanMachine {
+class TeardownTest : public test::VirtualComputer {
  protected:
   void SetUp() override {
-    CleanMachine::SetUp();
+    VirtualComputer::SetUp();
     ASSERT_EQ(state::ProtectStateKey().what, nullptr);
   }
   // An account as provisioning would have left it, without the rest.
@@ -51,7 +52,6 @@ class TeardownTest : public test::CleanMachine {
     EXPECT_EQ(sim::MakeProfile(sid, L"NorvaneKiosk"), DWORD{ERROR_SUCCESS});
     return sid;
   }
-  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
 };
 
 TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
@@ -69,10 +69,7 @@ TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
   {
     const sim::FaultPass pass;
     RemoveKioskMode(false, "because");
-    std::vector<std::string> calls;
-    for (const sim::ChangeCall& call : pass.Calls()) {
-      calls.push_back(call.Text());
-    }
+    const std::vector<std::string> calls = pass.Texts();
     const auto deleted = [&](const std::string& value) {
       return std::find(calls.begin(), calls.end(),
                        "RegDeleteKeyValueW(HKLM\\SOFTWARE\\Norvane\\Tessaly\\Kiosk\\" + value + ")");
@@ -91,7 +88,7 @@ TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
   EXPECT_FALSE(CheckUnlockToken(unlock.Get(), session));
   EXPECT_FALSE(KioskRestartPending());
   EXPECT_EQ(enrolment::PendingPairingCode(), "");
-  EXPECT_EQ(sim::OpenSessionBuffers() + sim::OpenNetBuffers() + sim::OpenLsaObjects(), 0);
+  EXPECT_EQ(sim::openBuffers, 0);
   const std::vector<std::string> texts = test::LogTexts();
   EXPECT_EQ(std::vector<std::string>(texts.end() - 4, texts.end()),
             (std::vector<std::string>{
@@ -127,24 +124,29 @@ TEST_F(TeardownTest, WhatBecomesOfTheAccount) {
     SCOPED_TRACE(each.what);
     const int failures = test::CountLogged("ERROR cannot delete the kiosk profile (32)");
     const std::size_t logged = test::LogTexts().size();
-    CleanMachine::SetUp();
-    ASSERT_EQ(state::ProtectStateKey().what, nullptr);
+    SetUp();
     const std::wstring sid = RecordAccount();
     if (each.prepare != nullptr) {
       each.prepare(sid);
     }
+    SetDword(state::kStateKey, L"TeardownPending", 1);
     {
       const sim::FaultPass pass(each.failing == 0 ? sim::FaultKind::kCount : sim::FaultKind::kFail, each.failing,
                                 each.error);
-      const win32::LockGuard guard(AccountLock());
-      EXPECT_EQ(DeleteKioskAccount(sid), each.deleted);
+      FinishPendingRemoval();
     }
+    EXPECT_EQ(!test::HasValue(state::kStateKey, L"TeardownPending"), each.deleted);
     EXPECT_EQ(!sim::FindUser(L"NorvaneKiosk"), each.userGone);
     EXPECT_EQ(sim::ProfileFolder(sid).empty(), each.profileGone);
     if (const std::size_t at = each.lastLine.find("SID"); at != std::string::npos) {
       each.lastLine.replace(at, 3, sim::Narrow(sid));
     }
-    EXPECT_EQ(test::LogTexts().size() == logged ? "" : test::LogTexts().back(), each.lastLine);
+    std::vector<std::string> texts = test::LogTexts();
+    if (each.deleted) {
+      EXPECT_EQ(texts.back(), "INFO the pending removal of NorvaneKiosk finished");
+      texts.pop_back();
+    }
+    EXPECT_EQ(texts.size() == logged ? "" : texts.back(), each.lastLine);
     EXPECT_EQ(test::CountLogged("ERROR cannot delete the kiosk profile (32)") - failures,
               each.what == std::string("profile busy ten times") ? 1 : 0);
   }
@@ -159,8 +161,7 @@ TEST_F(TeardownTest, SignOutsArePolledAndThenLeftForLater) {
     DWORD listError = 0;
   } const cases[] = {{3'000, 3'000, true}, {INFINITE, 15'000, false}, {INFINITE, 15'000, false, 1722}};
   for (const auto& each : cases) {
-    CleanMachine::SetUp();
-    ASSERT_EQ(state::ProtectStateKey().what, nullptr);
+    SetUp();
     RecordAccount();
     sim::MakeStubborn(sim::SignIn(L"NorvaneKiosk"), each.stays);
     sim::FailSessionLists(each.listError);

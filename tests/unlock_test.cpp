@@ -3,7 +3,8 @@
 
 #include "json/serialise.h"
 #include "sim/random.h"
-#include "tests/support/kiosk_terminal.h"
+#include "tests/support/command.h"
+#include "tests/support/terminal.h"
 
 #include <algorithm>
 
@@ -13,10 +14,13 @@ namespace {
 class UnlockTest : public test::KioskTerminal {
  protected:
   static std::string TokenFor(DWORD session) {
-    const json::Value reply = Unlock("way out", session);
+    const json::Value reply = test::Ask(Unlock, test::Credentials("way out"), session);
     EXPECT_EQ(reply.keys(), (std::vector<std::string>{"ok", "unlockToken", "expiresInSeconds"}));
     EXPECT_EQ(json::Member(reply, "expiresInSeconds").number(), 600);
     return json::Member(reply, "unlockToken").text();
+  }
+  static std::string Refusal(const std::string& password) {
+    return json::Serialise(test::Ask(Unlock, test::Credentials(password), 3));
   }
 };
 
@@ -69,11 +73,11 @@ TEST_F(UnlockTest, ItLastsTenMinutesAndItsEndIsLoggedOnce) {
 
 TEST_F(UnlockTest, RefusalsCarryTheCodeOfTheCheckAndLeaveAnEarlierUnlock) {
   const std::string token = TokenFor(2);
-  EXPECT_EQ(json::Serialise(Unlock("wrong", 3)), R"({"ok":false,"error":"wrong_password"})");
+  EXPECT_EQ(Refusal("wrong"), R"({"ok":false,"error":"wrong_password"})");
   answer_ = {.status = 503};
-  EXPECT_EQ(json::Serialise(Unlock("Way out", 3)), R"({"ok":false,"error":"unreachable"})");
+  EXPECT_EQ(Refusal("Way out"), R"({"ok":false,"error":"unreachable"})");
   test::SetDword(state::kStateKey, L"Provisioned", 0);
-  EXPECT_EQ(json::Serialise(Unlock("Way out", 3)), R"({"ok":false,"error":"not_provisioned"})");
+  EXPECT_EQ(Refusal("Way out"), R"({"ok":false,"error":"not_provisioned"})");
   for (const char* code : {"wrong_password", "unreachable", "not_provisioned"}) {
     EXPECT_EQ(test::CountLogged(std::string("WARN terminal settings unlock refused: ") + code), 1) << code;
   }
@@ -91,7 +95,7 @@ TEST_F(UnlockTest, TheTokenIsItsRandomBytesInHexadecimal) {
     EXPECT_EQ(TokenFor(2), "f0e1d2c3b4a5968778695a4b3c2d1e0f");
   }
   const sim::RandomScript none([](unsigned char*, std::size_t) { return false; });
-  EXPECT_EQ(json::Serialise(Unlock("way out", 3)), R"({"ok":false,"error":"failed"})");
+  EXPECT_EQ(Refusal("way out"), R"({"ok":false,"error":"failed"})");
 }
 
 }  // namespace

@@ -111,8 +111,7 @@ TEST_F(UpdateRestartTest, ATeardownGivesThePoliciesBack) {
 void PrepareOwnersPolicies() {
   RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Norvane");
   RegDeleteTreeW(HKEY_LOCAL_MACHINE, kWindowsUpdateKey);
-  ASSERT_EQ(state::ProtectStateKey().what, nullptr);
-  ASSERT_TRUE(enrolment::StoreDeviceToken("tok"));
+  test::Enrol("tok", false);
   SetDword(state::kStateKey, L"PriorWuSetActiveHours", 0);  // left over from an earlier time
   OwnPolicies();
 }

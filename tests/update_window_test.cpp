@@ -3,6 +3,7 @@
 
 #include "sim/computer.h"
 #include "sim/shutdown.h"
+#include "tests/support/command.h"
 #include "tests/support/updates.h"
 #include "updates/presence.h"
 
@@ -34,11 +35,10 @@ class UpdateWindowTest : public test::UpdatesTerminal {
   }
   // Reports every minute of the span, as the kiosk shell does.
   void Report(std::uint64_t minutes, bool signedIn, bool live = false) {
-    json::Value request = json::Value::Object();
-    request.Set("signedIn", signedIn);
-    request.Set("live", live);
+    const std::string request = std::string(R"({"signedIn":)") + (signedIn ? "true" : "false") + R"(,"live":)" +
+                                (live ? "true" : "false") + "}";
     for (std::uint64_t i = 0; i < minutes; ++i) {
-      clock_.At(clock_.Elapsed() + i * kMinute, [request] { SessionReport(request, test::kShellSession); });
+      clock_.At(clock_.Elapsed() + i * kMinute, [request] { test::Ask(SessionReport, request, test::kKioskSession); });
     }
   }
   // The windows that had a run, in order.
@@ -74,7 +74,6 @@ TEST_F(UpdateWindowTest, TwoWeeksOfFridayAndSundayNights) {
   EXPECT_EQ(WindowDone(), "2026-12-04");
   EXPECT_EQ(RunAt(), "2026-12-04T21:00");
   EXPECT_EQ(InReport("lastResult"), "nothing");
-  EXPECT_EQ(test::CountLogged("INFO os updates: Windows may not restart on its own; active hours 04:00-22:00"), 1);
 }
 
 TEST_F(UpdateWindowTest, WaitsForWhoeverIsAtTheTerminal) {
@@ -109,7 +108,7 @@ TEST_F(UpdateWindowTest, WaitsForWhoeverIsAtTheTerminal) {
   EXPECT_EQ(InReport("lastResult"), "nothing");
   GoTo(5, 1, 58);
   Report(1, true);
-  sim::SetSession(test::kShellSession, L"Anna", L"ELSEWHERE");
+  sim::SetSession(test::kKioskSession, L"Anna", L"ELSEWHERE");
   GoTo(5, 2, 2);
   EXPECT_EQ(RunAt(), "2026-11-26T02:00");
   const win32::KernelHandle stream(CreateEventW(nullptr, TRUE, TRUE, L"Global\\NorvaneStreamSessionActive"));
@@ -123,7 +122,7 @@ TEST_F(UpdateWindowTest, WaitsForWhoeverIsAtTheTerminal) {
 TEST_F(UpdateWindowTest, TheRestartWaitsToo) {
   SetPolicy("02:00", "05:00", "[0,1,2,3,4,5,6]");
   sim::OfferUpdate({.title = L"One", .reboot = 1});
-  SetAgent(L"Duration install", static_cast<DWORD>(30 * kMinute));
+  sim::agent.duration[sim::kInstall].Set(static_cast<DWORD>(30 * kMinute));
   Start();
   GoTo(1, 2, 15);
   Report(30, true);  // to 02:45; the run ends at 02:30
@@ -153,7 +152,7 @@ TEST_F(UpdateWindowTest, TheRestartWaitsToo) {
   GoTo(3, 1, 59);
   Report(5, false);
   clock_.At(clock_.Elapsed() + kMinute + 1000, [this] { Report(240, true); });
-  SetAgent(L"Duration search", static_cast<DWORD>(5 * kMinute));
+  sim::agent.duration[sim::kSearch].Set(static_cast<DWORD>(5 * kMinute));
   GoTo(3, 23);
   EXPECT_EQ(Windows(), "11-22 11-23 11-24 ");
   EXPECT_FALSE(Restarting());
@@ -165,7 +164,7 @@ TEST_F(UpdateWindowTest, TheRestartWaitsToo) {
 TEST_F(UpdateWindowTest, WhatIsInstalledIsCommittedOnceBeforeTheRestart) {
   SetPolicy("02:00", "05:00", "[0,1,2,3,4,5,6]");
   sim::OfferUpdate({.title = L"Feature", .reboot = 1, .feature = true});
-  SetAgent(L"Duration commit", 10 * 60'000);
+  sim::agent.durationCommit.Set(10 * 60'000);
   Start();
   GoTo(1, 2);
   clock_.RunFor(30'000);
@@ -176,7 +175,7 @@ TEST_F(UpdateWindowTest, WhatIsInstalledIsCommittedOnceBeforeTheRestart) {
   EXPECT_TRUE(Restarting());
   EXPECT_EQ(test::CountLogged("WARN os updates: Windows did not commit them within 60 s"), 1);
   GoTo(1, 2, 30);
-  EXPECT_EQ(sim::ReadNumber(sim::kUpdateArea, L"Committed"), 1U);
+  EXPECT_EQ(sim::agent.committed.Get(), 1U);
 
   // The restart did not come, the service starts anew, another window: Windows is asked to restart, and that is all.
   state::DeleteStateValue(state::kOsUpdatesWindowDone);
@@ -186,8 +185,8 @@ TEST_F(UpdateWindowTest, WhatIsInstalledIsCommittedOnceBeforeTheRestart) {
 
   // After the restart there is another one; its failure keeps nothing.
   sim::RestartComputer();
-  SetAgent(L"Duration commit", 0);
-  SetAgent(L"Fail commit", 0x80240fff);
+  sim::agent.durationCommit.Set(0);
+  sim::agent.failCommit.Set(0x80240fff);
   sim::OfferUpdate({.title = L"Next", .reboot = 1});
   GoTo(3, 2, 30);
   EXPECT_TRUE(Restarting());
@@ -196,7 +195,7 @@ TEST_F(UpdateWindowTest, WhatIsInstalledIsCommittedOnceBeforeTheRestart) {
 
 TEST_F(UpdateWindowTest, AServiceThatStartsInADoneWindowDoesNothing) {
   SetPolicy("08:00", "12:00", "[6]");
-  SetAgent(L"RebootRequired", 1);
+  sim::agent.rebootRequired.Set(1);
   SetString(state::kStateKey, L"OsUpdatesWindowDone", L"2026-11-21");
   Start();
   clock_.RunFor(4 * kHour);
@@ -214,7 +213,7 @@ TEST_F(UpdateWindowTest, ARunThatIsGoingIsLeftAlone) {
   clock_.RunFor(5 * kMinute);
   EXPECT_EQ(Windows(), "");
   sim::OfferUpdate({.title = L"One", .reboot = 1});
-  SetAgent(L"Duration install", static_cast<DWORD>(5 * kMinute));
+  sim::agent.duration[sim::kInstall].Set(static_cast<DWORD>(5 * kMinute));
   clock_.RunFor(2 * kMinute);
   Report(6, true);  // the run ends with somebody there, so the restart waits for the next quarter of an hour
   clock_.RunFor(13 * kMinute);
@@ -267,7 +266,7 @@ TEST_F(UpdateWindowTest, GivesEverythingBackWithinAMinute) {
 TEST_F(UpdateWindowTest, ATerminalThatIsNoneAnyMoreGetsNoResultAndNoRestart) {
   SetPolicy("09:00", "12:00", "[6]");
   sim::OfferUpdate({.title = L"One", .reboot = 1});
-  SetAgent(L"Duration install", static_cast<DWORD>(10 * kMinute));
+  sim::agent.duration[sim::kInstall].Set(static_cast<DWORD>(10 * kMinute));
   Start();
   clock_.At(5 * kMinute, [] { state::WriteStateDword(state::kTeardownPending, 1); });
   clock_.RunFor(3 * kHour);
@@ -279,7 +278,7 @@ TEST_F(UpdateWindowTest, ATerminalThatIsNoneAnyMoreGetsNoResultAndNoRestart) {
 TEST_F(UpdateWindowTest, AStopLeavesTheWindowToTheNextStart) {
   SetPolicy("09:00", "12:00", "[6]");
   sim::OfferUpdate({.title = L"One"});
-  SetAgent(L"Duration download", INFINITE);
+  sim::agent.duration[sim::kDownload].Set(INFINITE);
   Start();
   clock_.At(5 * kMinute, [] { win32::RequestStop(); });
   clock_.RunFor(5 * kMinute);

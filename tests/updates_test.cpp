@@ -5,11 +5,11 @@
 #include "pipe/dispatch.h"
 #include "portal/check_in.h"
 #include "sim/faults.h"
-#include "sim/http.h"
 #include "sim/shutdown.h"
+#include "tests/support/command.h"
 #include "updates/agent_callbacks.h"
-#include "updates/policy_store.h"
 #include "updates/report.h"
+#include "updates/stored_policy.h"
 #include "updates/update_commands.h"
 #include "updates/update_run.h"
 
@@ -18,7 +18,7 @@
 namespace kiosk::updates {
 namespace {
 
-using test::kShellSession;
+using test::kKioskSession;
 using test::SetDword;
 using test::SetString;
 
@@ -31,7 +31,7 @@ class UpdatesTest : public test::UpdatesTerminal {
     clock_.RunFor(1);  // the agent's thread lets go of what it holds
     return result;
   }
-  static std::string Status() { return json::Serialise(OsUpdates(json::Value::Object())); }
+  static std::string Status() { return json::Serialise(test::Ask(OsUpdates)); }
 };
 
 TEST_F(UpdatesTest, InstallsWhatNeedsNoPerson) {
@@ -44,9 +44,9 @@ TEST_F(UpdatesTest, InstallsWhatNeedsNoPerson) {
   sim::OfferUpdate({.title = L"Terms", .termsAccepted = false, .termsFailure = 0x80240025});
   sim::OfferUpdate({.title = L"Fine", .noBehaviour = true});
   sim::OfferUpdate({.title = L"Does not come", .downloadFailure = 0x80246007});
-  SetAgent(L"Duration search", 300);
-  SetAgent(L"Duration download", 3000);
-  SetAgent(L"Duration install", 3000);
+  sim::agent.duration[sim::kSearch].Set(300);
+  sim::agent.duration[sim::kDownload].Set(3000);
+  sim::agent.duration[sim::kInstall].Set(3000);
   std::vector<int> progress;
   for (const std::uint64_t at : {1200U, 1400U, 2500U, 3400U, 4400U, 5500U}) {
     clock_.At(at, [&progress] { progress.push_back(CurrentProgress()); });
@@ -74,7 +74,7 @@ TEST_F(UpdatesTest, InstallsWhatNeedsNoPerson) {
                 "WARN os updates: \"Does not come\" was not downloaded (0x80246007)", "INFO os updates: installing 3",
                 "WARN os updates: \"Fails\" was not installed (0x80070643)",
                 "INFO os updates: installed; 4 still pending, restart required"}));
-  EXPECT_EQ(sim::ReadText(sim::kUpdateArea, L"Client"), L"Norvane Kiosk");
+  EXPECT_EQ(sim::agent.client.Get(), L"Norvane Kiosk");
   EXPECT_EQ(sim::LiveComObjects(), 0);
 }
 
@@ -83,7 +83,7 @@ TEST_F(UpdatesTest, WhenThereIsNothingToInstall) {
   sim::OfferUpdate({.title = L"Preview", .browseOnly = true});
   EXPECT_EQ(Run(false).code, RunCode::kNothing);
   sim::OfferUpdate({.title = L"Asks", .asksPerson = true});
-  SetAgent(L"RebootRequired", 1);
+  sim::agent.rebootRequired.Set(1);
   const RunResult checked = Run(false);
   EXPECT_TRUE(checked.code == RunCode::kDone && checked.pending == 1 && checked.restartRequired == true);
   EXPECT_EQ(test::CountLogged("WARN os updates: none of the pending updates can install without a person"), 0);
@@ -105,7 +105,7 @@ TEST_F(UpdatesTest, AnUpdateThatInstallsAloneComesInAPassOfItsOwn) {
   isolated(L"Works");
   sim::OfferUpdate({.title = L"One"});
   sim::OfferUpdate({.title = L"Two"});
-  SetAgent(L"Duration install", 3000);
+  sim::agent.duration[sim::kInstall].Set(3000);
   std::vector<int> progress;
   std::string during;
   for (const std::uint64_t at : {2900U, 3100U, 5900U, 8900U}) {
@@ -125,7 +125,7 @@ TEST_F(UpdatesTest, AnUpdateThatInstallsAloneComesInAPassOfItsOwn) {
   EXPECT_EQ(test::LogTexts().back(), "INFO os updates: installed; 1 still pending");
 
   // Nothing on top of what waits for a restart, or when the window has closed meanwhile.
-  SetAgent(L"Duration install", 0);
+  sim::agent.duration[sim::kInstall].Set(0);
   sim::OfferUpdate({.title = L"Three", .reboot = 1});
   result = Run(true);
   EXPECT_TRUE(result.code == RunCode::kDone && result.pending == 1 && result.restartRequired == true);
@@ -143,47 +143,49 @@ TEST_F(UpdatesTest, AnUpdateThatInstallsAloneComesInAPassOfItsOwn) {
 
 TEST_F(UpdatesTest, AFailedRunTellsWhetherARestartIsOwed) {
   sim::OfferUpdate({.title = L"One", .failure = 0x80070643});
-  SetAgent(L"RebootRequired", 1);
-  EXPECT_EQ(Run(true).restartRequired, true);
+  sim::agent.rebootRequired.Set(1);
+  const RunResult failed = Run(true);
+  EXPECT_TRUE(failed.code == RunCode::kFailed && failed.error == "install_failed 0x80240022" && failed.pending == 1);
+  EXPECT_EQ(failed.restartRequired, true);
   EXPECT_NE(Status().find(R"("restartRequired":true)"), std::string::npos);
-  SetAgent(L"RebootRequired", 0);
-  SetAgent(L"Fail session", 0x80070005);
+  sim::agent.rebootRequired.Set(0);
+  sim::agent.failSession.Set(0x80070005);
   EXPECT_EQ(Run(true).restartRequired, false);
-  SetAgent(L"Fail system", 0x80070005);
+  sim::agent.failSystem.Set(0x80070005);
   EXPECT_EQ(Run(true).restartRequired, std::nullopt);
 }
 
 TEST_F(UpdatesTest, EveryStageThatFailsIsNamed) {
   sim::OfferUpdate({.title = L"Fine"});
   const struct {
-    const wchar_t* setting;
+    const sim::Field<>* setting;
     DWORD value;
     const char* error;
-  } cases[] = {{L"Fail session", 0x80070005, "session 0x80070005"},
-               {L"Fail searcher", 0x8024001E, "searcher 0x8024001e"},
-               {L"Fail searchBegin", 0x80240024, "search_failed 0x80240024"},
-               {L"Fail search", 0x8024402C, "search_failed 0x8024402c"},
-               {L"Code search", 4, "search_failed 0x80004005"},
-               {L"Code search", 5, "search_failed 0x80004004"},
-               {L"Fail collection", 0x80040154, "collection 0x80040154"},
-               {L"Fail downloader", 0x80070005, "downloader 0x80070005"},
-               {L"Fail downloadBegin", 0x80240024, "download_failed 0x80240024"},
-               {L"Fail download", 0x80246007, "download_failed 0x80246007"},
-               {L"Fail installer", 0x80070005, "installer 0x80070005"},
-               {L"InstallerBusy", 1, "busy"},
-               {L"Fail installBegin", 0x80240016, "install_failed 0x80240016"},
-               {L"Fail install", 0x80070643, "install_failed 0x80070643"}};
+  } cases[] = {{&sim::agent.failSession, 0x80070005, "session 0x80070005"},
+               {&sim::agent.failSearcher, 0x8024001E, "searcher 0x8024001e"},
+               {&sim::agent.failBegin[sim::kSearch], 0x80240024, "search_failed 0x80240024"},
+               {&sim::agent.fail[sim::kSearch], 0x8024402C, "search_failed 0x8024402c"},
+               {&sim::agent.codeSearch, 4, "search_failed 0x80004005"},
+               {&sim::agent.codeSearch, 5, "search_failed 0x80004004"},
+               {&sim::agent.failCollection, 0x80040154, "collection 0x80040154"},
+               {&sim::agent.failDownloader, 0x80070005, "downloader 0x80070005"},
+               {&sim::agent.failBegin[sim::kDownload], 0x80240024, "download_failed 0x80240024"},
+               {&sim::agent.fail[sim::kDownload], 0x80246007, "download_failed 0x80246007"},
+               {&sim::agent.failInstaller, 0x80070005, "installer 0x80070005"},
+               {&sim::agent.installerBusy, 1, "busy"},
+               {&sim::agent.failBegin[sim::kInstall], 0x80240016, "install_failed 0x80240016"},
+               {&sim::agent.fail[sim::kInstall], 0x80070643, "install_failed 0x80070643"}};
   for (const auto& each : cases) {
-    SetAgent(each.setting, each.value);
+    each.setting->Set(each.value);
     const RunResult result = Run(true);
-    SetAgent(each.setting, 0);
+    each.setting->Set(0);
     EXPECT_TRUE(result.code == RunCode::kFailed && result.error == each.error) << each.error << ": " << result.error;
     EXPECT_EQ(test::LogTexts().back(), std::string("ERROR os updates: ") + each.error);
     EXPECT_NE(Status().find(R"("checking":false,"installing":false,)"), std::string::npos);
     EXPECT_NE(Status().find(R"("error":")" + std::string(each.error) + R"(",)"), std::string::npos);
     EXPECT_EQ(sim::LiveComObjects() + sim::LiveAgentOperations(), 0) << each.error;
   }
-  SetAgent(L"Code search", 3);  // with errors, and yet it found something; none of the failures changed anything
+  sim::agent.codeSearch.Set(3);  // with errors, and yet it found something; none of the failures changed anything
   EXPECT_EQ(Run(true).pending, 0);
   EXPECT_NE(Status().find(R"("error":null)"), std::string::npos);
   ASSERT_EQ(CoInitializeEx(nullptr, COINIT_APARTMENTTHREADED), S_OK);
@@ -191,31 +193,28 @@ TEST_F(UpdatesTest, EveryStageThatFailsIsNamed) {
   CoUninitialize();
 }
 
-TEST_F(UpdatesTest, AllThatFailFailTheRunAndStayPending) {
-  sim::OfferUpdate({.title = L"One", .failure = 0x80070643});
-  const RunResult result = Run(true);
-  EXPECT_TRUE(result.code == RunCode::kFailed && result.error == "install_failed 0x80240022" && result.pending == 1);
-}
-
 // Whatever the run does then, and whether the agent gives it up or not.
-class UpdatesStop : public UpdatesTest, public testing::WithParamInterface<std::tuple<const wchar_t*, bool>> {};
+class UpdatesStop : public UpdatesTest, public testing::WithParamInterface<std::tuple<sim::AgentStage, bool>> {};
+std::string NameOf(const testing::TestParamInfo<UpdatesStop::ParamType>& each) {
+  const auto& [stage, stubborn] = each.param;
+  constexpr const char* kStages[] = {"search", "download", "install"};
+  return std::string(kStages[stage]) + (stubborn ? "Stubborn" : "");
+}
 INSTANTIATE_TEST_SUITE_P(Stages, UpdatesStop,
-                         testing::Combine(testing::Values(L"search", L"download", L"install"), testing::Bool()),
-                         [](const auto& each) {
-                           return win32::ToNarrow(std::get<0>(each.param)) +
-                                  (std::get<1>(each.param) ? "Stubborn" : "");
-                         });
+                         testing::Combine(testing::Values(sim::kSearch, sim::kDownload, sim::kInstall),
+                                          testing::Bool()),
+                         NameOf);
 
 TEST_P(UpdatesStop, EndsInTimeAndLeavesNoResult) {
   const auto& [stage, stubborn] = GetParam();
   sim::OfferUpdate({.title = L"Fine"});
-  SetAgent(std::wstring(L"Duration ") + stage, stubborn ? 60'000 : INFINITE);
-  SetAgent(L"Stubborn", stubborn);
+  sim::agent.duration[stage].Set(stubborn ? 60'000 : INFINITE);
+  sim::agent.stubborn.Set(stubborn);
   clock_.At(5000, [] { win32::RequestStop(); });
-  ASSERT_TRUE(StartBackgroundRun(true));
+  ASSERT_TRUE(json::Member(test::Ask(OsInstall), "ok").boolean());
   clock_.RunUntil(stubborn ? 14'900 : 4999);
   EXPECT_TRUE(RunIsGoing());
-  EXPECT_FALSE(StartBackgroundRun(true));
+  EXPECT_EQ(json::Serialise(test::Ask(OsInstall)), R"({"ok":false,"error":"busy"})");
   clock_.RunUntil(stubborn ? 15'100 : 5100);
   EXPECT_FALSE(RunIsGoing());
   EXPECT_EQ(sim::LiveAgentOperations(), stubborn ? 1 : 0);
@@ -302,13 +301,10 @@ TEST_F(UpdatesTest, TheReport) {
 }
 
 TEST_F(UpdatesTest, TheTerminalsCommands) {
-  const auto ask = [](const std::string& request, DWORD session = kShellSession) {
-    pipe::CallerRecord caller{};
-    caller.isKioskAccount = true;
-    caller.isInteractive = true;
-    caller.sessionId = session;
-    json::PostReplyAction after = nullptr;
-    return json::Serialise(pipe::Dispatch({nullptr, caller}, request, after));
+  const auto ask = [](const std::string& request) {
+    const pipe::CallerRecord caller{.isInteractive = true, .isKioskAccount = true, .sessionId = kKioskSession};
+    command::PostReplyAction after = nullptr;
+    return json::Serialise(pipe::Dispatch(caller, request, after));
   };
   EXPECT_EQ(ask(R"({"cmd":"session.report","signedIn":true})"), R"({"ok":true})");
   EXPECT_EQ(ask(R"({"cmd":"session.report","signedIn":false,"live":null})"), R"({"ok":true})");
@@ -317,9 +313,8 @@ TEST_F(UpdatesTest, TheTerminalsCommands) {
   for (const char* rest : {"", R"(,"signedIn":1)", R"(,"signedIn":null)", R"(,"signedIn":true,"live":"true")"}) {
     EXPECT_EQ(ask(std::string(R"({"cmd":"session.report")") + rest + "}"), R"({"ok":false,"error":"invalid"})");
   }
-  EXPECT_EQ(ask(R"({"cmd":"session.report","signedIn":true})", 7), R"({"ok":false,"error":"not_permitted"})");
 
-  const text::Secret unlock = account::NewUnlockToken(kShellSession);
+  const text::Secret unlock = account::NewUnlockToken(kKioskSession);
   const auto unlocked = [&](const std::string& rest) {
     return ask(R"({"unlockToken":")" + unlock.Get() + R"(","cmd":)" + rest + "}");
   };
@@ -332,7 +327,7 @@ TEST_F(UpdatesTest, TheTerminalsCommands) {
   EXPECT_EQ(unlocked(R"("os.updates","check":"yes")"), R"({"ok":false,"error":"invalid"})");
   EXPECT_FALSE(RunIsGoing());
   sim::OfferUpdate({.title = L"Fine"});
-  SetAgent(L"Duration search", 30'000);
+  sim::agent.duration[sim::kSearch].Set(30'000);
   EXPECT_TRUE(unlocked(R"("os.updates","check":true)").starts_with(R"({"ok":true,"checking":true,)"));
   clock_.RunFor(10'000);
   EXPECT_TRUE(unlocked(R"("os.updates","check":true)").starts_with(R"({"ok":true,"checking":true,)"));
@@ -350,14 +345,12 @@ TEST_F(UpdatesTest, TheTerminalsCommands) {
 }
 
 TEST_F(UpdatesTest, TakenOverFromTheCheckIn) {
-  sim::ScriptedPortal portal;
-  SetString(state::kStateKey, L"AuthBaseUrl", L"http://portal.test");
-  std::string members = R"("updates":{"window":{"end":"05:00","start":"02:00","days":[6,0]},"automatic":true},)"
-                        R"("updatesSource":"tenant")";
-  portal.On(L"POST", L"/api/kiosk/check-in", [&members](const sim::Request&) {
-    return sim::Response{.body = R"({"status":"enrolled",)" + members + "}"};
-  });
-  portal::CheckIn("tok");
+  const auto checkIn = [this](const std::string& members) {
+    answer_ = {.body = R"({"status":"enrolled",)" + members + "}"};
+    portal::CheckIn("tok");
+  };
+  const std::string sent = R"("updates":{"window":{"end":"05:00","start":"02:00","days":[6,0]},"automatic":true},)";
+  checkIn(sent + R"("updatesSource":"tenant")");
   const std::wstring policy = LR"({"automatic":true,"window":{"start":"02:00","end":"05:00","days":[0,6]}})";
   EXPECT_EQ(state::ReadState(state::kUpdatesPolicy)->type, DWORD{REG_SZ});
   EXPECT_EQ(state::ReadStateString(state::kUpdatesPolicy), policy);
@@ -365,23 +358,14 @@ TEST_F(UpdatesTest, TakenOverFromTheCheckIn) {
   const std::string line = "INFO os updates: the portal's policy is now " + win32::ToNarrow(policy);
   EXPECT_EQ(test::CountLogged(line), 1);
   WriteUpdatesReport("tok", "nothing", nullptr);
-  {
-    const sim::FaultPass pass;
-    portal::CheckIn("tok");
-    for (const sim::ChangeCall& call : pass.Calls()) {
-      EXPECT_TRUE(call.Text().find("UnknownSince") != std::string::npos) << call.Text();
-    }
-  }
-  const std::string body = portal.Requests().back().body;
+  checkIn(sent + R"("updatesSource":"tenant")");
+  const std::string body = portal_.Requests().back().body;
   EXPECT_TRUE(body.ends_with(R"(,"osUpdates":)" + StoredReport() + "}")) << body;
-  EXPECT_EQ(portal.Requests().front().body.find("osUpdates"), std::string::npos);
-  members = R"("updates":{"automatic":true},"updatesSource":"device")";
-  portal::CheckIn("tok");
+  EXPECT_EQ(portal_.Requests().front().body.find("osUpdates"), std::string::npos);
+  checkIn(R"("updates":{"automatic":true},"updatesSource":"device")");
   EXPECT_EQ(state::ReadStateString(state::kUpdatesPolicy) + state::ReadStateString(state::kUpdatesSource),
             policy + L"tenant");
-  members =
-      R"("updates":{"automatic":true,"window":{"start":"02:00","end":"05:00","days":[6,0]}},"updatesSource":"Tenant")";
-  portal::CheckIn("tok");
+  checkIn(sent + R"("updatesSource":"Tenant")");
   EXPECT_FALSE(state::ReadState(state::kUpdatesSource));
   EXPECT_EQ(test::CountLogged(line), 1);
 }

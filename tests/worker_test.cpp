@@ -1,16 +1,12 @@
 // The worker's loop, in virtual time.
 #include "service/worker.h"
 
-#include "account/winlogon.h"
 #include "enrolment/device_token.h"
-#include "sim/accounts.h"
-#include "sim/clock.h"
-#include "sim/http.h"
+#include "sim/faults.h"
 #include "sim/power.h"
 #include "sim/profiles.h"
 #include "sim/reads.h"
-#include "state/kiosk_state.h"
-#include "tests/support/fixture.h"
+#include "tests/support/terminal.h"
 #include "win32/stop.h"
 #include "win32/thread.h"
 #include "win32/worker_wake.h"
@@ -21,93 +17,70 @@
 namespace kiosk::service {
 namespace {
 
+using test::kRevoked;
+using test::kUpdateKey;
 using test::SetString;
 
-constexpr wchar_t kUpdateKey[] = L"SOFTWARE\\Norvane\\Tessaly\\Update";
-
-class WorkerTest : public test::CleanMachine {
+// Enrolled, and the worker with its events; an outage is an `answer_` like any other.
+class WorkerTest : public test::EnrolledTerminal {
  protected:
   void SetUp() override {
-    CleanMachine::SetUp();
-    ASSERT_EQ(state::ProtectStateKey().what, nullptr);
-    SetString(state::kStateKey, L"AuthBaseUrl", L"http://portal.test");
-    SetString(kUpdateKey, L"ClientInstallDir", L"C:\\Client");
+    EnrolledTerminal::SetUp();
     ASSERT_TRUE(win32::CreateStopEvent());
     ASSERT_TRUE(win32::CreateWorkerWake());
-    portal_.On(L"POST", L"/api/kiosk/check-in", [this](const sim::Request&) {
-      return sim::Response{.status = reachable_ ? status_ : 503, .body = answer_};
-    });
   }
   void TearDown() override {
     win32::RequestStop();
     EXPECT_EQ(WaitForSingleObject(thread_.Get(), 10'000), WAIT_OBJECT_0);
   }
-
-  void Enrol() { ASSERT_TRUE(enrolment::StoreDeviceToken("tok")); }
   void StartWorker() {
     thread_ = win32::StartThread([]() noexcept { RunWorker(); });
   }
-  // Seconds of virtual time at which check-ins were sent.
-  std::vector<std::uint64_t> CheckIns() {
-    std::vector<std::uint64_t> times;
-    for (const sim::Request& request : portal_.Requests()) {
-      times.push_back(request.at / 1000);
-    }
-    return times;
-  }
 
   using Times = std::vector<std::uint64_t>;
-  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
-  sim::ScriptedPortal portal_;
-  // Read by the worker, written while it waits.
-  bool reachable_ = true;
-  DWORD status_ = 200;
-  std::string answer_ = R"({"status":"enrolled","name":"Hall"})";
+  const sim::Response good_ = answer_;
+  const sim::Response outage_{.status = 503};
   win32::KernelHandle thread_;
 };
 
 TEST_F(WorkerTest, OutageBacksOffAndIsLoggedOnce) {
-  Enrol();
-  reachable_ = false;
+  answer_ = outage_;
   StartWorker();
   clock_.RunUntil(3'600'000);
-  EXPECT_EQ(CheckIns(), (Times{0, 30, 90, 210, 450, 930, 1530, 2130, 2730, 3330}));
+  EXPECT_EQ(portal_.Seconds(), (Times{0, 30, 90, 210, 450, 930, 1530, 2130, 2730, 3330}));
   EXPECT_EQ(state::ReadStateString(state::kLastError), L"HTTP 503");
-  reachable_ = true;
+  answer_ = good_;
   clock_.RunUntil(4'000'000);
-  EXPECT_EQ(CheckIns(), (Times{0, 30, 90, 210, 450, 930, 1530, 2130, 2730, 3330, 3930, 3960, 3990}));
+  EXPECT_EQ(portal_.Seconds(), (Times{0, 30, 90, 210, 450, 930, 1530, 2130, 2730, 3330, 3930, 3960, 3990}));
   EXPECT_EQ(state::ReadStateString(state::kLastError), L"");
-  EXPECT_EQ(test::LogTexts().front(), "WARN check-in: no usable answer from AuthSystem (HTTP 503); still enrolled");
   EXPECT_EQ(test::CountLogged("WARN check-in: no usable answer from AuthSystem (HTTP 503); still enrolled"), 1);
   EXPECT_EQ(test::CountLogged("INFO check-in: AuthSystem reachable again"), 1);
   // The next outage begins at the bottom again.
-  reachable_ = false;
+  answer_ = outage_;
   clock_.RunUntil(4'120'000);
-  EXPECT_EQ(CheckIns().back(), 4110U);
+  EXPECT_EQ(portal_.Seconds().back(), 4110U);
   EXPECT_EQ(test::CountLogged("WARN check-in: no usable answer from AuthSystem (HTTP 503); still enrolled"), 2);
 }
 
 TEST_F(WorkerTest, WakeDuringABackOffIsActedOnAtOnce) {
-  Enrol();
-  reachable_ = false;
+  answer_ = outage_;
   StartWorker();
   clock_.At(1'000'000, [this] {
-    reachable_ = true;
+    answer_ = good_;
     win32::WakeWorker();
   });
   clock_.RunUntil(1'040'000);
-  EXPECT_EQ(CheckIns(), (Times{0, 30, 90, 210, 450, 930, 1000, 1030}));
+  EXPECT_EQ(portal_.Seconds(), (Times{0, 30, 90, 210, 450, 930, 1000, 1030}));
 }
 
 TEST_F(WorkerTest, OtherErrorsOnRecordSurviveAnOutageAndThoseOfACheckInARestart) {
   RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kUpdateKey, L"ClientInstallDir");
-  Enrol();
-  reachable_ = false;
+  answer_ = outage_;
   state::RecordLastError("no_client");
   StartWorker();
   clock_.RunUntil(60'000);
   EXPECT_EQ(state::ReadStateString(state::kLastError), L"no_client");
-  reachable_ = true;
+  answer_ = good_;
   clock_.RunUntil(120'000);
   EXPECT_EQ(state::ReadStateString(state::kLastError), L"no_client");
   state::RecordLastError("WinHTTP error 12029");
@@ -117,7 +90,6 @@ TEST_F(WorkerTest, OtherErrorsOnRecordSurviveAnOutageAndThoseOfACheckInARestart)
 
 TEST_F(WorkerTest, ProvisionsAtTheFirstGoodAnswerAndAfterAFailureEveryTenMinutes) {
   RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kUpdateKey, L"ClientInstallDir");
-  Enrol();
   StartWorker();
   constexpr char kFailed[] = "ERROR provisioning failed: no_client (0)";
   const std::pair<std::uint64_t, int> moments[] = {{599'000, 1}, {629'000, 2}, {1'199'000, 2}, {1'229'000, 3}};
@@ -125,7 +97,7 @@ TEST_F(WorkerTest, ProvisionsAtTheFirstGoodAnswerAndAfterAFailureEveryTenMinutes
     clock_.RunUntil(until);
     EXPECT_EQ(test::CountLogged(kFailed), failures) << until;
   }
-  EXPECT_EQ(CheckIns().size(), 41U) << "check-ins go on meanwhile";
+  EXPECT_EQ(portal_.Seconds().size(), 41U) << "check-ins go on meanwhile";
   SetString(kUpdateKey, L"ClientInstallDir", L"C:\\Client");
   clock_.RunUntil(1'799'000);
   EXPECT_FALSE(state::FlagIsOn(state::kProvisioned));
@@ -134,7 +106,7 @@ TEST_F(WorkerTest, ProvisionsAtTheFirstGoodAnswerAndAfterAFailureEveryTenMinutes
   EXPECT_EQ(state::ReadStateString(state::kLastError), L"");
   const std::wstring password = sim::AccountPassword(L"NorvaneKiosk");
   SetString(account::kWinlogonKey, account::kDefaultUserName, L"anna");  // as Windows does when she signs in
-  sim::AddToGroup(L"S-1-5-32-544", sim::FindUser(L"NorvaneKiosk")->sid);
+  sim::AddToGroup(test::kAdministrators, test::Kiosk().sid);
   clock_.RunUntil(1'831'000);
   EXPECT_EQ(sim::AccountPassword(L"NorvaneKiosk"), password) << "provisioned twice";
   EXPECT_EQ(test::CountLogged("WARN removed NorvaneKiosk from Administrators"), 1);
@@ -142,46 +114,41 @@ TEST_F(WorkerTest, ProvisionsAtTheFirstGoodAnswerAndAfterAFailureEveryTenMinutes
 }
 
 TEST_F(WorkerTest, RevocationEndsTheEnrolmentAndWhatIsPendingIsRetried) {
-  Enrol();
   StartWorker();
   clock_.RunUntil(1'000);
   ASSERT_TRUE(state::FlagIsOn(state::kProvisioned));
   sim::KeepProfilesBusy(25);
-  status_ = 401;
-  answer_ = R"({"status":"revoked"})";
+  answer_ = kRevoked;
   clock_.RunUntil(45'000);
   EXPECT_FALSE(state::TokenIsStored());
   EXPECT_TRUE(state::FlagIsOn(state::kTeardownPending));
   clock_.RunUntil(3'600'000);
-  EXPECT_EQ(CheckIns(), (Times{0, 30})) << "nothing is asked without a token";
+  EXPECT_EQ(portal_.Seconds(), (Times{0, 30})) << "nothing is asked without a token";
   EXPECT_FALSE(test::HasValue(state::kStateKey, L"TeardownPending"));
   EXPECT_FALSE(test::HasValue(state::kStateKey, L"LastError"));
   EXPECT_EQ(test::CountLogged("ERROR cannot delete the kiosk profile (32)"), 2);
   EXPECT_EQ(test::LogTexts().back(), "INFO the pending removal of NorvaneKiosk finished");
   // The wait is without limit again, until a pairing.
-  status_ = 200;
-  answer_ = R"({"status":"enrolled"})";
-  clock_.At(7'200'000, [this] {
-    Enrol();
+  answer_ = good_;
+  clock_.At(7'200'000, [] {
+    enrolment::StoreDeviceToken("tok");
     win32::WakeWorker();
   });
   clock_.RunUntil(7'201'000);
-  EXPECT_EQ(CheckIns().back(), 7200U);
+  EXPECT_EQ(portal_.Seconds().back(), 7200U);
   EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
 }
 
 TEST_F(WorkerTest, AProfileThatCannotBeDeletedHoldsNothingUpAndGoesWithinTheHour) {
-  Enrol();
   StartWorker();
   clock_.RunUntil(1'000);
-  const std::wstring old = sim::FindUser(L"NorvaneKiosk")->sid;
+  const std::wstring old = test::Kiosk().sid;
   ASSERT_EQ(sim::LoadHive(L"Scanner", sim::ProfileFolder(old) + L"\\NTUSER.DAT"), DWORD{ERROR_SUCCESS});
   sim::RemoveUser(L"NorvaneKiosk");
   clock_.RunUntil(45'000);
   EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
-  EXPECT_NE(sim::FindUser(L"NorvaneKiosk").value_or(sim::User()).sid, L"");
-  status_ = 401;
-  answer_ = R"({"status":"revoked"})";
+  EXPECT_NE(test::Kiosk().sid, L"");
+  answer_ = kRevoked;
   clock_.RunUntil(3'000'000);
   EXPECT_FALSE(state::TokenIsStored() || state::FlagIsOn(state::kTeardownPending));
   sim::UnloadHive(L"Scanner");
@@ -191,9 +158,9 @@ TEST_F(WorkerTest, AProfileThatCannotBeDeletedHoldsNothingUpAndGoesWithinTheHour
 
 TEST_F(WorkerTest, BrandingAndPowerComeWithACheckInAndBrandingGoesWithTheEnrolment) {
   constexpr wchar_t kFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Kiosk";
-  answer_ = R"({"status":"enrolled","branding":{"displayName":"N"},"power":{"screenOffMinutes":1,"sleepMinutes":2,)"
-            R"("schedule":{"enabled":false,"sleepAt":"22:00","wakeAt":"07:00","days":[]}}})";
-  Enrol();
+  answer_.body =
+      R"({"status":"enrolled","branding":{"displayName":"N"},"power":{"screenOffMinutes":1,"sleepMinutes":2,)"
+      R"("schedule":{"enabled":false,"sleepAt":"22:00","wakeAt":"07:00","days":[]}}})";
   StartWorker();
   clock_.RunUntil(10'000);
   EXPECT_NE(GetFileAttributesW((std::wstring(kFolder) + L"\\Branding\\branding.json").c_str()),
@@ -202,62 +169,93 @@ TEST_F(WorkerTest, BrandingAndPowerComeWithACheckInAndBrandingGoesWithTheEnrolme
   sim::SetSchemeIndexes(sim::kBalanced, {60, 60, 120, 0, 2, 0});
   clock_.RunUntil(40'000);
   EXPECT_EQ(sim::SchemeIndexes({}), (sim::Indexes{60, 60, 120, 120, 2, 0}));
-  status_ = 401;
-  answer_ = R"({"status":"revoked"})";
+  answer_ = kRevoked;
   clock_.RunUntil(70'000);
   EXPECT_EQ(GetFileAttributesW(kFolder), INVALID_FILE_ATTRIBUTES);
 }
 
+// Counted on the worker's own thread, from one check-in to the next, with every kind of policy that the portal can
+// send.
+TEST_F(WorkerTest, ASteadyCheckInWritesNothing) {
+  answer_.body = R"({"status":"enrolled","name":"Hall","signIn":{"email":true},"branding":{"displayName":"N"},)"
+                 R"("power":{"screenOffMinutes":1,"sleepMinutes":2,"schedule":{"enabled":true,"sleepAt":"22:00",)"
+                 R"("wakeAt":"07:00","days":[1]}},"powerSource":"tenant","updatesSource":"tenant",)"
+                 R"("updates":{"automatic":true,"window":{"start":"02:00","end":"05:00","days":[6]}}})";
+  std::optional<sim::FaultPass> pass;
+  std::vector<std::string> changes;  // of each time between two check-ins
+  portal_.On(L"POST", test::kCheckInPath, [&](const sim::Request&) {
+    if (pass) {
+      std::string& all = changes.emplace_back();
+      for (const std::string& text : pass->Texts()) {
+        all += text + "\n";
+      }
+    }
+    pass.emplace();
+    return answer_;
+  });
+  StartWorker();
+  clock_.RunUntil(130'000);
+  ASSERT_EQ(changes.size(), 4U);
+  for (const char* once : {"NetUserAdd(", "\\Provisioned)", "\\UpdatesPolicy)", "\\PowerPolicy)", "\\SignIn)",
+                           "branding.json", "RegisterTaskDefinition("}) {
+    EXPECT_NE(changes[0].find(once), std::string::npos) << once;
+  }
+  // Attempts that find nothing to change, each without a look before it.
+  constexpr char kAttempts[] =
+      "RegDeleteKeyValueW(HKLM\\SOFTWARE\\Norvane\\Tessaly\\Kiosk\\UnknownSince)\n"
+      "NetLocalGroupDelMembers(Administrators)\nNetLocalGroupDelMembers(Power Users)\n"
+      "NetLocalGroupDelMembers(Remote Desktop Users)\nNetLocalGroupDelMembers(Backup Operators)\n"
+      "NetLocalGroupDelMembers(Network Configuration Operators)\n";
+  for (std::size_t i = 1; i < changes.size(); ++i) {
+    EXPECT_EQ(changes[i], kAttempts) << i;
+  }
+}
+
 TEST_F(WorkerTest, TokenThatCannotBeReadIsLookedAtAgain) {
-  Enrol();
   const auto blob = state::ReadState(state::kDeviceToken);
   ASSERT_TRUE(blob);
   test::SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, "junk", 4);
   StartWorker();
   clock_.RunUntil(1'000'000);  // it looks after 30, 90, 210, 450 and 930 s
-  EXPECT_EQ(CheckIns(), Times{});
+  EXPECT_EQ(portal_.Seconds(), Times{});
   EXPECT_EQ(test::CountLogged("ERROR cannot unprotect the device token (13)"), 1);
   test::SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, blob->bytes.data(), blob->bytes.size());
   clock_.RunUntil(1'600'000);
-  EXPECT_EQ(CheckIns(), (Times{1530, 1560, 1590}));
+  EXPECT_EQ(portal_.Seconds(), (Times{1530, 1560, 1590}));
   {
     const sim::FailingReads failing(L"DeviceToken", ERROR_NO_SYSTEM_RESOURCES);
     clock_.RunUntil(1'700'000);
   }
   clock_.RunUntil(1'750'000);
-  EXPECT_EQ(CheckIns(), (Times{1530, 1560, 1590, 1710, 1740})) << "the waits begin at the bottom again";
+  EXPECT_EQ(portal_.Seconds(), (Times{1530, 1560, 1590, 1710, 1740})) << "the waits begin at the bottom again";
   EXPECT_EQ(test::CountLogged("ERROR cannot read the device token (1450)"), 1);
   EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
 }
 
 // The token could not be read at the one moment when a good answer was to be taken over.
 TEST_F(WorkerTest, AnswerThatIsNotTakenOverIsNoOutage) {
-  Enrol();
   std::optional<sim::FailingReads> failing;
-  portal_.On(L"POST", L"/api/kiosk/check-in", [&](const sim::Request& request) {
+  portal_.On(L"POST", test::kCheckInPath, [&](const sim::Request& request) {
     if (request.at == 930'000) {
       failing.emplace(L"DeviceToken", ERROR_NO_SYSTEM_RESOURCES, 1);
     }
-    return sim::Response{.status = request.at < 930'000 ? DWORD{503} : DWORD{200}, .body = answer_};
+    return sim::Response{.status = request.at < 930'000 ? DWORD{503} : DWORD{200}, .body = good_.body};
   });
   StartWorker();
   clock_.RunUntil(1'000'000);
-  EXPECT_EQ(CheckIns(), (Times{0, 30, 90, 210, 450, 930, 960, 990}));
+  EXPECT_EQ(portal_.Seconds(), (Times{0, 30, 90, 210, 450, 930, 960, 990}));
 }
 
 TEST_F(WorkerTest, StopEndsAWaitAtOnce) {
-  Enrol();
   StartWorker();
   clock_.At(10'000, [] { win32::RequestStop(); });
   EXPECT_EQ(WaitForSingleObject(thread_.Get(), 29'000), WAIT_OBJECT_0);
   EXPECT_EQ(clock_.Elapsed(), 10'000U);
-  EXPECT_EQ(CheckIns(), Times{0});
+  EXPECT_EQ(portal_.Seconds(), Times{0});
 }
 
 TEST_F(WorkerTest, StopDuringACheckInIsNoOutage) {
-  Enrol();
-  portal_.On(L"POST", L"/api/kiosk/check-in",
-             [](const sim::Request&) { return sim::Response{.headersDelay = 10'000}; });
+  answer_.headersDelay = 10'000;
   StartWorker();
   clock_.At(5'000, [] { win32::RequestStop(); });
   clock_.RunUntil(20'000);

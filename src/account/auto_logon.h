@@ -12,8 +12,8 @@ win32::Lock& AutoLogonLock() noexcept;
 // Switches automatic sign-in on or off. The caller holds AutoLogonLock(). A failure is logged.
 bool SetAutoAdminLogon(bool on) REQUIRES(AutoLogonLock());
 
-// Writes the kiosk account's names where KioskNamesAreDue() said so. The caller asked that before it took
-// AutoLogonLock(), which it holds. Logged.
+// Writes the kiosk account's names. Logged. The caller has asked KioskNamesAreDue() before it took AutoLogonLock(),
+// which it holds.
 void PutKioskNamesBack() REQUIRES(AutoLogonLock());
 
 // Puts the kiosk account's names back where Windows, or a new name of the computer, took their place. Writes and asks
@@ -27,12 +27,16 @@ void RepairAutoLogon();
 // The same after a good check-in: only while the kiosk is to sign in by itself.
 void KeepAutoLogon();
 
-// Saves the computer's own settings and marks automatic sign-in as the service's, durably; nothing when it is marked
-// already. False when a setting could not be read or saved: then nothing is marked, and nobody may change the settings.
+// Copies the computer's own settings into the state key (the "Prior" values and "MadeSignInKeys") and marks automatic
+// sign-in as the service's ("OwnsAutoLogon"), durably. When it is marked already, only a restore that was cut short is
+// called off ("AutoLogonRestoring"). False when a setting could not be read or saved: then nothing is marked, and
+// nobody may change the settings.
 bool TakeOverAutoLogon();
 
 // Puts the computer's own settings back and deletes the secret, unless automatic sign-in is another user's by now: that
-// is somebody's choice and stays. Either way it is the service's no longer. Nothing without the mark.
+// is somebody's choice and stays. Either way the mark, the copies, "AutoLogonRestoring" and "AutoLogonDigest" go;
+// "MadeSignInKeys" stays for whoever deletes these keys. Without the mark no setting is touched, and copies that a
+// take-over or a restore left behind go. Logged, but for copies without a mark.
 void RestoreAutoLogon();
 
 }  // namespace kiosk::account

@@ -4,6 +4,7 @@
 #include "account/winlogon.h"
 #include "enrolment/kiosk_session.h"
 #include "state/kiosk_state.h"
+#include "win32/computer_name.h"
 #include "win32/wide_text.h"
 
 #include <string>
@@ -17,12 +18,8 @@ bool NamesKioskUser() { return win32::EqualIgnoringCase(WinlogonText(kDefaultUse
 
 // A computer that does not tell its name has nothing to compare with.
 bool NamesThisComputer() {
-  const std::wstring computer = enrolment::ThisComputer();
+  const std::wstring computer = win32::ComputerName();
   return computer.empty() || win32::EqualIgnoringCase(WinlogonText(kDefaultDomainName), computer);
-}
-
-bool WriteName(const wchar_t* name, const std::wstring& text) {
-  return state::WriteValue(HKEY_LOCAL_MACHINE, kWinlogonKey, name, REG_SZ, text.c_str(), state::StringBytes(text));
 }
 
 // No secret, or no answer, is no sign of anybody.
@@ -53,7 +50,8 @@ bool KioskNamesAreDue() {
 }
 
 bool WriteKioskNames() {
-  return WriteName(kDefaultUserName, enrolment::kKioskUser) && WriteName(kDefaultDomainName, enrolment::ThisComputer());
+  return state::WriteString(kWinlogonKey, kDefaultUserName, enrolment::kKioskUser) &&
+         state::WriteString(kWinlogonKey, kDefaultDomainName, win32::ComputerName());
 }
 
 }  // namespace kiosk::account

@@ -17,7 +17,7 @@ bool AutoLogonIsOurs();
 // differs. As above about locks; nothing is asked while no name differs.
 bool KioskNamesAreDue();
 
-// False when one of the names could not be written.
+// Writes the kiosk account's names into DefaultUserName and DefaultDomainName. False when one could not be written.
 bool WriteKioskNames();
 
 }  // namespace kiosk::account

@@ -12,7 +12,6 @@
 #include "win32/lock.h"
 
 #include <cstdint>
-#include <optional>
 #include <string_view>
 
 namespace kiosk::account {
@@ -28,7 +27,7 @@ win32::Lock checkLock{win32::LockRank::kLeaf};
 bool checking GUARDED_BY(checkLock) = false;
 
 void StartLockout() REQUIRES(checkLock) {
-  // Without the one the other stays: the next attempt then comes here again.
+  // Where the end of the lock cannot be written the count stays, so that the next attempt comes here again.
   if (state::WriteStateQword(state::kMaintenanceLockedUntil, win32::FileTimeNow() + kLockout)) {
     state::WriteStateDword(state::kMaintenanceFailures, 0);
   }
@@ -37,8 +36,7 @@ void StartLockout() REQUIRES(checkLock) {
 }
 
 bool LockedOut() REQUIRES(checkLock) {
-  const auto stored = state::ReadState(state::kMaintenanceLockedUntil);
-  const std::uint64_t until = stored ? stored->Qword().value_or(0) : 0;
+  const std::uint64_t until = state::ReadStateQword(state::kMaintenanceLockedUntil);
   const std::uint64_t now = win32::FileTimeNow();
   if (now >= until) {
     return false;
@@ -88,8 +86,7 @@ class Attempt {
     if (checking) {
       return "busy";
     }
-    const auto stored = state::ReadState(state::kMaintenanceFailures);
-    const DWORD failures = stored ? stored->Dword().value_or(0) : 0;
+    const DWORD failures = state::ReadStateDword(state::kMaintenanceFailures);
     if (failures >= kMostFailures) {
       StartLockout();
       return "locked";
@@ -105,10 +102,6 @@ class Attempt {
   const char* refusal_;
 };
 
-constexpr unsigned char Lower(char byte) noexcept {
-  return static_cast<unsigned char>(byte >= 'A' && byte <= 'Z' ? byte - 'A' + 'a' : byte);
-}
-
 // An exit password that is empty is none, and nothing matches it.
 bool Matches(const std::string& given, const std::string& exitPassword) noexcept {
   const std::string_view left = text::TrimSpace(given);
@@ -118,7 +111,7 @@ bool Matches(const std::string& given, const std::string& exitPassword) noexcept
   }
   unsigned difference = 0;
   for (std::size_t i = 0; i < left.size(); ++i) {
-    difference |= static_cast<unsigned>(Lower(left[i]) ^ Lower(right[i]));
+    difference |= static_cast<unsigned>(text::AsciiLower(left[i]) ^ text::AsciiLower(right[i]));
   }
   return difference == 0;
 }

@@ -4,7 +4,7 @@
 #include "log/log.h"
 #include "state/kiosk_state.h"
 #include "win32/clock.h"
-#include "win32/net_buffer.h"
+#include "win32/owners.h"
 #include "win32/security.h"
 #include "win32/wide_text.h"
 
@@ -104,8 +104,7 @@ void TrimPrivilegedGroups() {
     const NET_API_STATUS status =
         NetLocalGroupDelMembers(nullptr, name.c_str(), 0, reinterpret_cast<BYTE*>(&member), 1);
     if (status == NERR_Success) {
-      log::Log(log::kWarn, log::kKiosk, "removed %s from %s", win32::ToNarrow(enrolment::kKioskUser).c_str(),
-               win32::ToNarrow(name).c_str());
+      log::Log(log::kWarn, log::kKiosk, "removed %s from %s", enrolment::kKioskUserText, win32::ToNarrow(name).c_str());
     } else if (status != ERROR_NO_SUCH_ALIAS && status != ERROR_MEMBER_NOT_IN_ALIAS && status != NERR_GroupNotFound) {
       log::Log(log::kError, log::kKiosk, "cannot check %s membership (%lu)", win32::ToNarrow(name).c_str(), status);
     }

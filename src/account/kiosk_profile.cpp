@@ -2,6 +2,7 @@
 
 #include "lockdown/kiosk_policies.h"
 #include "log/log.h"
+#include "state/folders.h"
 #include "state/kiosk_state.h"
 #include "win32/clock.h"
 #include "win32/stop.h"
@@ -60,13 +61,11 @@ bool StoreStaleSids(const std::vector<std::wstring>& sids) {
     text.append(sid).push_back(L'\0');
   }
   // The terminator that StringBytes counts is the empty text at the end.
-  return state::WriteExisting(state::kStateKey, state::kStaleProfileSids.name, REG_MULTI_SZ, text.c_str(),
-                              state::StringBytes(text)) == ERROR_SUCCESS;
+  return state::WriteState(state::kStaleProfileSids, REG_MULTI_SZ, text.c_str(), state::StringBytes(text)) ==
+         ERROR_SUCCESS;
 }
 
-std::string FolderOf(const std::wstring& sid) {
-  return win32::ToNarrow(state::ReadString((kProfileList + sid).c_str(), L"ProfileImagePath").value_or(sid));
-}
+std::string FolderOf(const std::wstring& sid) { return win32::ToNarrow(state::ProfileFolder(sid).value_or(sid)); }
 
 }  // namespace
 

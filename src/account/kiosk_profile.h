@@ -8,19 +8,16 @@
 
 namespace kiosk::account {
 
-// Below HKLM; a key for each SID.
-inline constexpr wchar_t kProfileList[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList\\";
-
 // Deletes the profile of that SID text, in up to 10 attempts a second apart that end early at a stop. True when it is
 // gone or there never was one; a failure is logged.
 bool DeleteKioskProfile(const std::wstring& sid);
 
-// Notes down, durably, that the profile of an account that is gone is still to be deleted, and says so in the log:
-// nobody would find it any more once the account's SID is replaced. False when it cannot be noted.
+// Notes durably ("StaleProfileSids") that the profile of an account that is gone is still to be deleted, and says so in
+// the log: nobody would find it any more once the account's SID is replaced. False when it cannot be noted.
 bool NoteStaleProfile(const std::wstring& sid);
 
-// Tries once to delete each of these profiles. A success is logged; a failure only with `forTheLastTime`, with the
-// folder that stays behind.
+// Tries once to delete each of these profiles, and takes those that are gone off the note. A success is logged; a
+// failure only with `forTheLastTime`, with the folder that stays behind.
 void DeleteStaleProfiles(bool forTheLastTime);
 
 // True at the first question after the start of the service and from then on once an hour, while such a profile is

@@ -1,5 +1,6 @@
 #include "account/kiosk_restart.h"
 
+#include "command/reply.h"
 #include "enrolment/kiosk_session.h"
 #include "log/log.h"
 #include "win32/clock.h"
@@ -49,7 +50,7 @@ void RestartWhenDue() {
   if (maintenance && !enrolment::NobodyIsSignedIn()) {
     CallOffRestartAfterMaintenance();
   } else {
-    RestartNow(maintenance ? "maintenance was cut short" : "enrolled");
+    RestartIfPending(maintenance ? "maintenance was cut short" : "enrolled");
   }
 }
 
@@ -100,8 +101,7 @@ void SetDeadline(int seconds) REQUIRES(restartLock) {
 void ScheduleKioskRestart() {
   const win32::LockGuard guard(restartLock);
   afterMaintenance = false;
-  log::Log(log::kNotice, log::kKiosk, "enrolled: restarting into kiosk mode in %lld s",
-           static_cast<long long>(kRestartDelaySeconds));
+  log::Log(log::kNotice, log::kKiosk, "enrolled: restarting into kiosk mode in %d s", kRestartDelaySeconds);
   SetDeadline(kRestartDelaySeconds);
 }
 
@@ -111,8 +111,8 @@ void ScheduleRestartAfterMaintenance() {
     return;
   }
   afterMaintenance = true;
-  log::Log(log::kNotice, log::kKiosk, "maintenance was cut short: restarting into kiosk mode in %lld s",
-           static_cast<long long>(kDelayAfterMaintenance));
+  log::Log(log::kNotice, log::kKiosk, "maintenance was cut short: restarting into kiosk mode in %d s",
+           kDelayAfterMaintenance);
   SetDeadline(kDelayAfterMaintenance);
 }
 
@@ -134,7 +134,7 @@ void CancelKioskRestart() noexcept {
   deadline = 0;
 }
 
-void RestartNow(const char* reason) {
+void RestartIfPending(const char* reason) {
   if (!TakeRestart()) {
     return;
   }
@@ -148,6 +148,14 @@ void RestartNow(const char* reason) {
   } else if (error != ERROR_SUCCESS) {
     log::Log(log::kError, log::kKiosk, "the restart into kiosk mode could not be started (%lu)", error);
   }
+}
+
+json::Value RestartNow(const command::Request& request) {
+  if (!KioskRestartPending()) {
+    return command::ErrorReply("not_pending");
+  }
+  request.afterReply = [] { RestartIfPending("restart.now"); };
+  return command::OkReply();
 }
 
 }  // namespace kiosk::account

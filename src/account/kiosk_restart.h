@@ -2,6 +2,8 @@
 // caller's wish; and 5 minutes after a start that found the kiosk kept from signing in.
 #pragma once
 
+#include "command/request.h"
+
 namespace kiosk::account {
 
 inline constexpr int kRestartDelaySeconds = 10;
@@ -24,6 +26,10 @@ void CancelKioskRestart() noexcept;
 // Restarts the computer now, with applications forced closed, if a restart is pending; does nothing otherwise.
 // A failure is logged and ends it, but for a Windows that is not ready: then it stays pending, and is tried three times
 // in all, 5 s apart. `reason` goes into the log.
-void RestartNow(const char* reason);
+void RestartIfPending(const char* reason);
+
+// The command "restart.now": brings the pending restart forward to right after the reply; "not_pending" when there is
+// none.
+json::Value RestartNow(const command::Request& request);
 
 }  // namespace kiosk::account

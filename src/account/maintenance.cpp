@@ -7,6 +7,7 @@
 #include "account/kiosk_account.h"
 #include "account/kiosk_restart.h"
 #include "account/unlock_token.h"
+#include "command/reply.h"
 #include "enrolment/device_token.h"
 #include "enrolment/enrolment.h"
 #include "enrolment/kiosk_session.h"
@@ -17,7 +18,6 @@
 #include "win32/lock.h"
 #include "win32/thread.h"
 
-#include <cstdint>
 #include <exception>
 #include <set>
 #include <vector>
@@ -36,8 +36,10 @@ std::set<DWORD>& AdministratorSessions() REQUIRES(sessionsLock) {
 }
 
 // Empty when the caller may enter.
-std::string Admit(const std::string& password, const std::string& unlockToken, DWORD session) {
-  if (!unlockToken.empty() && CheckUnlockToken(unlockToken, session)) {
+std::string Admit(const command::Request& request) {
+  const std::string& password = json::Member(request.members, "password").text();
+  const std::string& unlockToken = json::Member(request.members, "unlockToken").text();
+  if (!unlockToken.empty() && CheckUnlockToken(unlockToken, request.session)) {
     if (!state::TokenIsStored()) {
       return "not_enrolled";
     }
@@ -58,7 +60,7 @@ void BeginMaintenance() REQUIRES(AccountLock()) {
   }
   const win32::LockGuard guard(AutoLogonLock());
   state::WriteStateQword(state::kMaintenanceAt, win32::FileTimeNow());
-  // The mark comes before what it undoes: without it nobody would ever switch auto sign-in on again.
+  // Before auto sign-in is switched off: without the mark nobody would ever switch it on again.
   if (!state::WriteStateDword(state::kMaintenance, 1)) {
     log::Log(log::kError, log::kKiosk, "maintenance: cannot be marked; auto sign-in stays on");
     return;
@@ -78,21 +80,20 @@ void EndAfterSignOut() noexcept {
 
 }  // namespace
 
-json::Value EnterMaintenance(const std::string& password, const std::string& unlockToken, DWORD session,
-                             json::PostReplyAction& afterReply) {
+json::Value Maintenance(const command::Request& request) {
   const text::Secret token = enrolment::ReadDeviceToken();
-  if (const std::string code = Admit(password, unlockToken, session); !code.empty()) {
-    return json::ErrorReply(code);
+  if (const std::string code = Admit(request); !code.empty()) {
+    return command::ErrorReply(code);
   }
   DropUnlock();
   const win32::LockGuard guard(AccountLock());
   // While the portal was asked, or the lock was waited for, the terminal may have been torn down.
   if (!enrolment::StillEnrolled(token.Get())) {
-    return json::ErrorReply("not_enrolled");
+    return command::ErrorReply("not_enrolled");
   }
   BeginMaintenance();
-  afterReply = [] { enrolment::LogOffKioskSessions(false); };
-  return json::OkReply();
+  request.afterReply = [] { enrolment::LogOffKioskSessions(false); };
+  return command::OkReply();
 }
 
 bool EndMaintenance(const char* reason) {
@@ -120,8 +121,8 @@ bool EndMaintenance(const char* reason) {
 }
 
 void EndMaintenanceOfEarlierBoot() {
-  const auto stored = state::ReadState(state::kMaintenanceAt);
-  if ((stored ? stored->Qword().value_or(0) : 0) >= win32::WindowsStartedAt() || !EndMaintenance("Windows restarted")) {
+  if (state::ReadStateQword(state::kMaintenanceAt) >= win32::WindowsStartedAt() ||
+      !EndMaintenance("Windows restarted")) {
     return;
   }
   // Durably over, or every start would end in a restart.

@@ -2,21 +2,20 @@
 // between signs out or Windows restarts.
 #pragma once
 
-#include "json/reply.h"
+#include "command/request.h"
 #include "win32/winapi.h"
-
-#include <string>
 
 namespace kiosk::account {
 
-// The command "maintenance". `unlockToken` of the caller's own session opens it without a password; otherwise the exit
-// password does. Reply: {"ok": true}, with the sign-out of the kiosk account left in `afterReply`, or an error with a
-// code of VerifyExitPassword or "not_unlocked" (a token that is not valid, and no password). Ends the unlock of the
-// terminal settings. Called without any lock; takes the account lock.
-json::Value EnterMaintenance(const std::string& password, const std::string& unlockToken, DWORD session,
-                             json::PostReplyAction& afterReply);
+// The command "maintenance". The "unlockToken" of the caller's own session opens it without a password; otherwise the
+// exit "password" does. Reply: {"ok": true}, with the sign-out of the kiosk account left to be done after it, or an
+// error with a code of VerifyExitPassword or "not_unlocked" (a token that is not valid, and no password). Writes
+// "MaintenanceAt" and "Maintenance", switches automatic sign-in off and ends the unlock of the terminal settings. Takes
+// the account lock.
+json::Value Maintenance(const command::Request& request);
 
-// Nothing unless maintenance is on. `reason` goes into the log. Takes no lock but leaves; asks the local security
+// Nothing unless maintenance is on. Deletes "MaintenanceAt", puts the names of automatic sign-in right and switches it
+// on, then deletes "Maintenance". `reason` goes into the log. Takes no lock but leaves; asks the local security
 // authority, so the control handler does not call it. True when automatic sign-in is on again. When it could not be
 // switched on, maintenance stays on and the next start of the service ends it.
 bool EndMaintenance(const char* reason);

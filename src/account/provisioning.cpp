@@ -7,22 +7,24 @@
 #include "account/kiosk_profile.h"
 #include "account/password.h"
 #include "account/sign_in_secret.h"
+#include "account/user_switching.h"
 #include "account/winlogon.h"
 #include "enrolment/enrolment.h"
 #include "enrolment/kiosk_session.h"
 #include "lockdown/kiosk_policies.h"
+#include "lockdown/policy_tables.h"
 #include "log/log.h"
+#include "state/folders.h"
 #include "state/kiosk_state.h"
 #include "win32/clock.h"
-#include "win32/net_buffer.h"
 #include "win32/security.h"
 #include "win32/wide_text.h"
 
+#include <lm.h>
 #include <userenv.h>
 
 #include <array>
 #include <optional>
-#include <string_view>
 
 namespace kiosk::account {
 namespace {
@@ -30,7 +32,6 @@ namespace {
 constexpr wchar_t kFullName[] = L"Norvane";
 constexpr DWORD kAccountFlags = UF_SCRIPT | UF_PASSWD_CANT_CHANGE | UF_DONT_EXPIRE_PASSWD;
 constexpr wchar_t kUsersGroup[] = L"S-1-5-32-545";
-constexpr wchar_t kHideFastUserSwitching[] = L"HideFastUserSwitching";
 constexpr DWORD kPathLength = 260;
 
 // A failed step: its code, null while all is well, and the number that tells more.
@@ -47,11 +48,7 @@ DWORD SetUserInfo(DWORD level, void* info) {
   return NetUserSetInfo(nullptr, enrolment::kKioskUser, level, static_cast<BYTE*>(info), nullptr);
 }
 
-bool WriteMachineDword(const wchar_t* key, const wchar_t* name, DWORD number) {
-  return state::WriteValue(HKEY_LOCAL_MACHINE, key, name, REG_DWORD, &number, sizeof(number));
-}
-
-// Whether Windows signs somebody else in by itself, whose choice it then is.
+// Whether Windows already signs somebody else in by itself, which is the owner's choice and stays.
 bool AutoLogonInUse() {
   if (state::FlagIsOn(state::kOwnsAutoLogon)) {
     return false;
@@ -202,26 +199,9 @@ Outcome SetUpSignIn(const Password& password) {
     return {"winlogon_failed"};
   }
   RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kWinlogonKey, kAutoLogonCount);
-  WriteMachineDword(kPasswordLessKey, L"DevicePasswordLessBuildVersion", 0);
-  WriteMachineDword(kSystemPoliciesKey, L"EnableFirstLogonAnimation", 0);
+  state::WriteDword(kPasswordLessKey, kPasswordLessVersion, 0);
+  state::WriteDword(kSystemPoliciesKey, kFirstLogonAnimation, 0);
   return kWell;
-}
-
-// A policy that stands there without the mark, whatever it says, is the administrator's.
-void HideFastUserSwitching() {
-  state::RawValue present;
-  const LSTATUS status = state::ReadValue(kSystemPoliciesKey, kHideFastUserSwitching, present);
-  const auto mark = state::ReadState(state::kOwnsHideFastUserSwitching);
-  const bool owned = mark && mark->Dword().value_or(0) != 0;
-  const bool absent = status == ERROR_FILE_NOT_FOUND;
-  if (!owned && !absent) {
-    return;
-  }
-  const bool marked = owned || (state::WriteStateDword(state::kOwnsHideFastUserSwitching, 1) && state::FlushStateKey());
-  const bool set = marked && WriteMachineDword(kSystemPoliciesKey, kHideFastUserSwitching, 1);
-  if (!set && absent) {
-    state::DeleteStateValue(state::kOwnsHideFastUserSwitching);
-  }
 }
 
 // A profile without a usable registry (its making was cut short, or the file was damaged) would be signed in to with a
@@ -249,8 +229,8 @@ Outcome LockDown(const std::wstring& sid, const std::wstring& client) {
 
 // All steps under the locks, in order; the first failure ends them. What is done stays, and the next run does it again.
 Outcome RunSteps(const std::wstring& client) {
-  // Durably: the account's password is another store than the registry, and with the old mark a power cut could leave a
-  // terminal that counts as set up and cannot sign in.
+  // Durably: Windows keeps passwords elsewhere than in the registry, so a power cut could bring the old mark back
+  // beside a new password, and the terminal would count as set up and could not sign in.
   if (!state::DeleteStateValue(state::kProvisioned) || !state::DeleteStateValue(state::kTeardownPending) ||
       !state::FlushStateKey()) {
     return {"state_write_failed"};
@@ -303,9 +283,8 @@ std::string Provision() {
     state::RecordLastError(outcome.code);
     return outcome.code;
   }
-  log::Log(log::kNotice, log::kKiosk,
-           "provisioned: %s signs in at startup into %s\\NorvaneTessalyClient.exe --kiosk-shell",
-           enrolment::kKioskUserText, win32::ToNarrow(client).c_str());
+  log::Log(log::kNotice, log::kKiosk, "provisioned: %s signs in at startup into %s", enrolment::kKioskUserText,
+           win32::ToNarrow(client + lockdown::kShellProgram + lockdown::kShellSwitch).c_str());
   return {};
 }
 
@@ -328,7 +307,7 @@ std::string ProvisionUnderLock(const std::string& tokenUsed, bool onlyIfNeeded) 
     return "state_write_failed";
   }
   if (!tokenUsed.empty() && !enrolment::StillEnrolled(tokenUsed)) {
-    return kNoLongerEnrolled;
+    return kEnrolmentOver;
   }
   return onlyIfNeeded && IsProvisionedOrUnknown() ? std::string() : Provision();
 }
@@ -346,7 +325,7 @@ void ApplyKioskPolicies() {
     return;
   }
   const std::wstring client = state::ClientInstallFolder();
-  if (!client.empty() && state::ReadString((kProfileList + sid).c_str(), L"ProfileImagePath")) {
+  if (!client.empty() && state::ProfileFolder(sid)) {
     lockdown::WriteKioskUserPolicies(sid, client, false);
   }
 }

@@ -5,20 +5,22 @@
 
 namespace kiosk::account {
 
-// The answer when the terminal is no longer enrolled with the token by the time the lock is had; neither logged nor
-// recorded, and nothing was changed.
-inline constexpr char kNoLongerEnrolled[] = "revoked";
+// The answer when the terminal is no longer enrolled with the token once the lock is taken: nothing is changed, logged
+// or recorded.
+inline constexpr char kEnrolmentOver[] = "revoked";
 
-// Makes the account, its groups, automatic sign-in, profile and lockdown. Empty on success; otherwise the failure's
-// code
-// ("no_client", "account_exists" ...), which is also logged and shown as the last error. Takes the account lock.
-// A stop of the service before another process is done with the account is "state_write_failed" without a log line.
-// `tokenUsed` is the token whose check-in led here; the enrolment is tested once more under the lock. Empty: not
-// tested.
+// Makes the account, its groups, automatic sign-in, profile and lockdown. Empty on success; otherwise the code of the
+// failure ("no_client", "account_exists" ...), which is logged and written as "LastError". "Provisioned" and
+// "TeardownPending" are deleted at the start; on the way "AccountSid", "AccountCreating", "StaleProfileSids",
+// "OwnsHideFastUserSwitching", "AutoLogonDigest" and what TakeOverAutoLogon writes; at the end "LastError" is deleted.
+//
+// `tokenUsed` is the token whose check-in led here: whether the terminal is still enrolled with it is asked once more
+// under the account lock, which this takes. An empty one is not asked about. When the service stops before another
+// process is done with the account, that is "state_write_failed" without a log line.
 std::string ProvisionKioskAccount(const std::string& tokenUsed);
 
-// The same for the worker: success without doing anything when the account turns out to be provisioned already, and
-// when it was and Windows cannot tell at the moment whether it still exists.
+// The same for the worker, which does nothing, successfully, when all is set up, or was and Windows cannot tell at the
+// moment whether the account still exists.
 std::string ProvisionIfNeeded(const std::string& tokenUsed);
 
 // Writes the lockdown into the kiosk user's settings again, where it differs, while that user is signed in. Takes the

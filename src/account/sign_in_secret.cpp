@@ -3,7 +3,7 @@
 #include "log/log.h"
 #include "state/kiosk_state.h"
 #include "win32/hash.h"
-#include "win32/lsa_handle.h"
+#include "win32/owners.h"
 #include "win32/wide_text.h"
 
 #include <string_view>

@@ -19,7 +19,7 @@ const char* StoreKioskSecret(const wchar_t* password, std::size_t length);
 // answer.
 std::string PresentSecretDigest();
 
-// For an enrolment that knows no digest: takes the present secret for the service's own.
+// For an enrolment that knows no digest: takes the present secret for the service's own ("AutoLogonDigest").
 void NoteSecretAsOurs();
 
 }  // namespace kiosk::account

@@ -6,7 +6,7 @@
 #include "account/kiosk_profile.h"
 #include "account/kiosk_restart.h"
 #include "account/unlock_token.h"
-#include "account/winlogon.h"
+#include "account/user_switching.h"
 #include "branding/branding_folder.h"
 #include "enrolment/device_token.h"
 #include "enrolment/enrolment.h"
@@ -30,7 +30,7 @@ namespace kiosk::account {
 namespace {
 
 void MarkPending() {
-  // Left of a pairing that ended right before it had cleaned up: it would call this teardown off.
+  // Left by a pairing that was cut short before it had cleaned up; it would call this teardown off.
   if (state::ReadState(state::kTeardownSuperseded)) {
     state::DeleteStateValue(state::kTeardownSuperseded);
   }
@@ -48,15 +48,28 @@ bool DeleteKioskUser() {
   return true;
 }
 
-void RestoreFastUserSwitching() {
-  const auto owned = state::ReadState(state::kOwnsHideFastUserSwitching);
-  if (owned && owned->Dword().value_or(0) != 0) {
-    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kSystemPoliciesKey, L"HideFastUserSwitching");
-    state::DeleteStateValue(state::kOwnsHideFastUserSwitching);
+// Signs out and deletes the local user of that SID, and its profile even where the user is gone or another now bears
+// the name. False when something of it is left; logged.
+bool DeleteKioskAccount(const std::wstring& recordedSid) {
+  std::wstring sid;
+  const AccountLookup found = LookupKioskAccount(sid);
+  if (found == AccountLookup::kFailed) {
+    return false;
   }
+  const bool ours = found == AccountLookup::kPresent && win32::EqualIgnoringCase(sid, recordedSid);
+  if (found == AccountLookup::kPresent && !ours) {
+    log::Log(log::kWarn, log::kKiosk, "the local %s is not the recorded account %s; left alone",
+             enrolment::kKioskUserText, win32::ToNarrow(recordedSid).c_str());
+  }
+  if (ours && !enrolment::LogOffKioskSessions(true)) {
+    return false;
+  }
+  const bool profileGone = DeleteKioskProfile(recordedSid);
+  return ours ? DeleteKioskUser() && profileGone : profileGone;
 }
 
-// The account on record; failing that, one that a provisioning made and could not record any more. Empty: none.
+// Removes the account on record; failing that, one that a provisioning made and could not record any more. True also
+// when there is none.
 bool RemoveAccount() REQUIRES(AccountLock()) {
   std::wstring sid = state::ReadStateString(state::kAccountSid);
   if (sid.empty() && state::ReadState(state::kAccountCreating)) {
@@ -76,24 +89,17 @@ bool RemoveAccount() REQUIRES(AccountLock()) {
 bool EraseEnrolment() {
   {
     const win32::LockGuard guard(AutoLogonLock());
-    for (const state::StateValue* value : {&state::kProvisioned, &state::kMaintenance, &state::kMaintenanceAt}) {
-      state::DeleteStateValue(*value);
-    }
+    state::DeleteStateValues({state::kProvisioned, state::kMaintenance, state::kMaintenanceAt});
   }
-  for (const state::StateValue* value :
-       {&state::kLastError, &state::kUnknownSince, &state::kSignIn, &state::kTerminalName}) {
-    state::DeleteStateValue(*value);
-  }
+  state::DeleteStateValues({state::kLastError, state::kUnknownSince, state::kSignIn, state::kTerminalName});
   const bool erased = state::DeleteStateValue(state::kDeviceToken);
   state::FlushStateKey();
   return erased;
 }
 
 void ForgetRemovedAccount() {
-  for (const state::StateValue* value :
-       {&state::kAccountSid, &state::kAccountCreating, &state::kTeardownPending, &state::kTeardownSuperseded}) {
-    state::DeleteStateValue(*value);
-  }
+  state::DeleteStateValues(
+      {state::kAccountSid, state::kAccountCreating, state::kTeardownPending, state::kTeardownSuperseded});
   state::FlushStateKey();
 }
 
@@ -132,7 +138,7 @@ void TearDown(bool deleteStateKey, const char* reason) REQUIRES(AccountLock()) {
   const bool networkWhole = network::EndChanges();
   const bool removed = RemoveAccount();
   branding::RemoveBranding();  // what the kiosk's programs had open until they were signed out
-  // With the record of an adapter that cannot be put back now, the next try would have nothing to go by.
+  // The record of an adapter that cannot be put back now is in the key, and the next try needs it.
   const bool deleteKey = deleteStateKey && removed && networkWhole;
   DeleteStaleProfiles(deleteKey);
   if (!EraseEnrolment()) {
@@ -169,24 +175,6 @@ void ForgetPairing() {
 }
 
 }  // namespace
-
-bool DeleteKioskAccount(const std::wstring& recordedSid) {
-  std::wstring sid;
-  const AccountLookup found = LookupKioskAccount(sid);
-  if (found == AccountLookup::kFailed) {
-    return false;
-  }
-  const bool ours = found == AccountLookup::kPresent && win32::EqualIgnoringCase(sid, recordedSid);
-  if (found == AccountLookup::kPresent && !ours) {
-    log::Log(log::kWarn, log::kKiosk, "the local %s is not the recorded account %s; left alone",
-             enrolment::kKioskUserText, win32::ToNarrow(recordedSid).c_str());
-  }
-  if (ours && !enrolment::LogOffKioskSessions(true)) {
-    return false;
-  }
-  const bool profileGone = DeleteKioskProfile(recordedSid);
-  return ours ? DeleteKioskUser() && profileGone : profileGone;
-}
 
 void RemoveKioskMode(bool deleteStateKey, const char* reason, const std::string* onlyIfToken) {
   {

@@ -1,23 +1,23 @@
 #include "account/unlock.h"
 
 #include "account/exit_password.h"
-#include "json/reply.h"
+#include "command/reply.h"
 #include "log/log.h"
 
 namespace kiosk::account {
 
-json::Value Unlock(const std::string& password, DWORD session) {
-  if (const std::string code = VerifyExitPassword(password); !code.empty()) {
+json::Value Unlock(const command::Request& request) {
+  if (const std::string code = VerifyExitPassword(json::Member(request.members, "password").text()); !code.empty()) {
     log::Log(log::kWarn, log::kKiosk, "terminal settings unlock refused: %s", code.c_str());
-    return json::ErrorReply(code);
+    return command::ErrorReply(code);
   }
-  const text::Secret token = NewUnlockToken(session);
+  const text::Secret token = NewUnlockToken(request.session);
   if (token.Empty()) {
-    return json::ErrorReply("failed");
+    return command::ErrorReply("failed");
   }
-  log::Log(log::kNotice, log::kKiosk, "terminal settings unlocked for session %lu, %llu s", session,
+  log::Log(log::kNotice, log::kKiosk, "terminal settings unlocked for session %lu, %llu s", request.session,
            static_cast<unsigned long long>(kUnlockSeconds));
-  json::Value reply = json::OkReply();
+  json::Value reply = command::OkReply();
   reply.Set("unlockToken", token.Get());
   reply.Set("expiresInSeconds", kUnlockSeconds);
   return reply;

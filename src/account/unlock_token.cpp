@@ -32,17 +32,6 @@ void Clear() noexcept REQUIRES(unlockLock) {
   unlocked.expiry = 0;
 }
 
-std::string Hexadecimal(const std::array<std::uint8_t, kTokenBytes>& bytes) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  text.reserve(kTokenLength);
-  for (const unsigned byte : bytes) {
-    text += kDigits[byte >> 4U];
-    text += kDigits[byte & 0xFU];
-  }
-  return text;
-}
-
 }  // namespace
 
 text::Secret NewUnlockToken(DWORD session) {
@@ -50,7 +39,7 @@ text::Secret NewUnlockToken(DWORD session) {
   if (!win32::FillRandom(bytes.data(), bytes.size())) {
     return {};
   }
-  text::Secret token(Hexadecimal(bytes));
+  text::Secret token(text::Hex(bytes));
   SecureZeroMemory(bytes.data(), bytes.size());
   const win32::LockGuard guard(unlockLock);
   Clear();

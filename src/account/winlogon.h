@@ -14,4 +14,8 @@ inline constexpr wchar_t kDefaultDomainName[] = L"DefaultDomainName";
 inline constexpr wchar_t kDefaultPassword[] = L"DefaultPassword";
 inline constexpr wchar_t kAutoLogonCount[] = L"AutoLogonCount";
 
+// In the other two: what Windows would show before it signs the kiosk in.
+inline constexpr wchar_t kPasswordLessVersion[] = L"DevicePasswordLessBuildVersion";
+inline constexpr wchar_t kFirstLogonAnimation[] = L"EnableFirstLogonAnimation";
+
 }  // namespace kiosk::account

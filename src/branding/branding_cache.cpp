@@ -94,7 +94,7 @@ class Run {
     }
   }
 
-  // What is known of the listed photos, in their order; of others nothing is kept.
+  // What is known of the listed photos, in their order. Nothing is kept about others.
   std::vector<Known>& ListedPhotos() REQUIRES(runLock) {
     std::vector<Known>& known = KnownPhotos();
     std::vector<Known> listed;
@@ -115,7 +115,7 @@ class Run {
       return false;
     }
     if (file.state == CachedFile::State::kBusy) {
-      return true;  // neither to be read nor to be replaced now
+      return true;  // can be neither read nor replaced now
     }
     if (file.state == CachedFile::State::kOpen) {
       const BY_HANDLE_FILE_INFORMATION& info = file.info;

@@ -14,8 +14,6 @@ using win32::FolderStep;
 using win32::ForeignFolder;
 using State = CachedFile::State;
 
-constexpr wchar_t kTessalyFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly";
-
 // The outer two are shared with other programs of the maker, whose content stays.
 struct Folder {
   const wchar_t* path;
@@ -23,8 +21,8 @@ struct Folder {
   ForeignFolder foreign;
 };
 constexpr Folder kFolders[] = {
-    {L"C:\\ProgramData\\Norvane", win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
-    {kTessalyFolder, win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
+    {state::kMakerFolder, win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
+    {state::kProductFolder, win32::kPrivateFolderSddl, ForeignFolder::kTakeOver},
     {kKioskFolder, win32::kReadableFolderSddl, ForeignFolder::kRemoveOrSetAside},
     {kBrandingFolder, win32::kReadableFolderSddl, ForeignFolder::kRemoveOrSetAside},
 };
@@ -35,8 +33,8 @@ win32::Lock folderLock{win32::LockRank::kBranding};
 
 // A stranger's folder in the way.
 struct {
-  bool setAside = false;        // one was, in this process
-  bool told = false;            // that there is one that stays; until all folders could be had
+  bool setAside = false;        // this process has set one aside
+  bool told = false;            // it is logged that one stays; false again once all folders could be had
   std::uint64_t notBefore = 0;  // tick count of the next try
 } stranger GUARDED_BY(FolderLock());
 
@@ -81,7 +79,7 @@ std::wstring Exact(const std::wstring& path) { return L"\\\\?\\" + path; }
 
 bool Exists(const std::wstring& path) { return GetFileAttributesW(Exact(path).c_str()) != INVALID_FILE_ATTRIBUTES; }
 
-// The paths of what was set aside of `folder`.
+// The paths of the folders that were renamed from `folder`.
 std::vector<std::wstring> SetAside(const std::wstring& around, const std::wstring& folder) {
   const std::wstring start = folder + win32::kSetAsideMark;
   std::vector<std::wstring> paths;
@@ -126,7 +124,7 @@ bool HeldFolders::Hold() {
 bool HeldFolders::Hold(std::size_t count) {
   for (held_ = 0; held_ < count; ++held_) {
     const Folder& folder = kFolders[held_];
-    // What is set aside stays until kiosk mode ends, so that happens once.
+    // What was set aside stays until kiosk mode ends, so it happens only once.
     const bool removeOnly = folder.foreign == ForeignFolder::kRemoveOrSetAside && stranger.setAside;
     win32::FolderResult result =
         win32::SecureFolder(folder.path, folder.sddl, removeOnly ? ForeignFolder::kRemove : folder.foreign);
@@ -223,7 +221,7 @@ void RemoveAllBut(const std::vector<std::wstring>& names) {
 }
 
 bool RemoveCache() {
-  if (!Exists(kKioskFolder) && SetAside(kTessalyFolder, kKioskFolder).empty()) {
+  if (!Exists(kKioskFolder) && SetAside(state::kProductFolder, kKioskFolder).empty()) {
     return true;
   }
   HeldFolders around;
@@ -231,7 +229,7 @@ bool RemoveCache() {
     return false;
   }
   bool removed = RemoveCached(kBrandingFolder);
-  for (const auto& [outer, inner] : {std::pair{kKioskFolder, kBrandingFolder}, {kTessalyFolder, kKioskFolder}}) {
+  for (const auto& [outer, inner] : {std::pair{kKioskFolder, kBrandingFolder}, {state::kProductFolder, kKioskFolder}}) {
     for (const std::wstring& path : SetAside(outer, inner)) {
       removed = RemoveCached(path) && removed;
     }

@@ -2,6 +2,7 @@
 // and Administrators may write, and nothing that somebody else put there is trusted or followed.
 #pragma once
 
+#include "state/folders.h"
 #include "win32/handle.h"
 #include "win32/lock.h"
 
@@ -14,8 +15,8 @@
 
 namespace kiosk::branding {
 
-inline constexpr wchar_t kKioskFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Kiosk";
-inline constexpr wchar_t kBrandingFolder[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Kiosk\\Branding";
+using state::kBrandingFolder;
+using state::kKioskFolder;
 
 // Guards the folder and its content; held for work on files, never across a call to the portal.
 win32::Lock& FolderLock() noexcept;
@@ -38,7 +39,7 @@ class HeldFolders {
   std::size_t held_ = 0;
 };
 
-// For the rest the caller holds the lock and, except for RemoveCache and RemoveBranding, the folders.
+// All below but RemoveBranding want the lock held, and all but RemoveCache and RemoveBranding the folders too.
 
 struct CachedFile {
   enum class State {
@@ -69,8 +70,8 @@ void RemoveAllBut(const std::vector<std::wstring>& names) REQUIRES(FolderLock())
 // False when something of the cache is left; logged.
 bool RemoveCache() REQUIRES(FolderLock());
 
-// Set by RemoveBranding, and reset under the lock by whoever finds the terminal enrolled and begins a download: ends
-// one that runs. Null when Windows has no event to give.
+// The event that ends a download. RemoveBranding sets it; whoever finds the terminal enrolled and begins a download
+// resets it, under the lock. Null when Windows has no event to give.
 HANDLE DownloadEnd() noexcept;
 
 // RemoveCache under the lock, for the end of an enrolment. The caller may hold the account lock.

@@ -13,8 +13,7 @@ namespace {
 constexpr std::size_t kDigestLength = 64;
 
 bool IsDigest(const std::string& text) {
-  return text.size() == kDigestLength &&
-         std::all_of(text.begin(), text.end(), [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+  return text.size() == kDigestLength && std::all_of(text.begin(), text.end(), text::IsLowerHexDigit);
 }
 
 void CopyText(const json::Value& from, const char* key, json::Value& to) {

@@ -2,7 +2,6 @@
 
 #include "log/log.h"
 #include "state/kiosk_state.h"
-#include "state/registry.h"
 #include "win32/handle.h"
 
 #include <dpapi.h>
@@ -33,7 +32,7 @@ bool AnnounceNewerToken() {
 
 TokenRead ReadDeviceToken(text::Secret& token) {
   state::RawValue stored;
-  const LSTATUS status = state::ReadValue(state::kStateKey, state::kDeviceToken.name, stored);
+  const LSTATUS status = state::ReadState(state::kDeviceToken, stored);
   if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
     LogUnreadable("read", static_cast<DWORD>(status));
     return TokenRead::kUnreadable;
@@ -74,8 +73,7 @@ bool StoreDeviceToken(const std::string& token) {
   // comes first. And no moment may know the new token with the time since when an earlier one was unknown.
   if (state::ProtectStateKey().what != nullptr || !AnnounceNewerToken() ||
       !state::DeleteStateValue(state::kUnknownSince) ||
-      state::WriteExisting(state::kStateKey, state::kDeviceToken.name, state::kDeviceToken.type, blob.pbData,
-                           blob.cbData) != ERROR_SUCCESS) {
+      state::WriteState(state::kDeviceToken, state::kDeviceToken.type, blob.pbData, blob.cbData) != ERROR_SUCCESS) {
     return false;
   }
   const bool superseded = state::DeleteStateValue(state::kTeardownPending);

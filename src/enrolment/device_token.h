@@ -20,9 +20,11 @@ TokenRead ReadDeviceToken(text::Secret& token);
 // The same for whom it makes no difference: empty unless it was read.
 text::Secret ReadDeviceToken();
 
-// Protects the state key, stores the token, makes that durable, and ends what an earlier enrolment left open
-// ("UnknownSince", "TeardownPending"). False when it could not be protected (logged) or stored. The caller holds the
-// account lock, so that no teardown is half way.
+// Protects the state key, stores "DeviceToken", and flushes the key. Ends what an earlier enrolment left open: deletes
+// "UnknownSince" and "TeardownPending"; while the latter is there, "TeardownSuperseded" says that the token is the
+// newer of the two, and goes with it. False when the token could not be protected (logged) or stored, or when
+// "TeardownPending" stays: then the token is deleted again. The caller holds the account lock, so that no teardown is
+// half way.
 bool StoreDeviceToken(const std::string& token);
 
 }  // namespace kiosk::enrolment

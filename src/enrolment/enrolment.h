@@ -15,8 +15,9 @@ bool StillEnrolled(const std::string& tokenUsed);
 // A token is stored and no teardown is marked: for what concerns the terminal as it is now, whoever enrolled it.
 bool IsEnrolled();
 
-// Guards the values that answers of the portal write ("UnknownSince", "SignIn", "TerminalName"); a leaf. A teardown
-// takes it once between its mark and its first deletion, so that no answer is written behind its back.
+// Guards the values that answers of the portal write ("UnknownSince", "SignIn", "TerminalName", the policies and their
+// sources); a leaf. A teardown takes it once between its mark and its first deletion, so that no answer is written
+// behind its back.
 win32::Lock& ReplyLock() noexcept;
 
 }  // namespace kiosk::enrolment

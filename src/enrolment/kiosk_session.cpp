@@ -2,11 +2,11 @@
 
 #include "log/log.h"
 #include "win32/clock.h"
+#include "win32/computer_name.h"
+#include "win32/owners.h"
 #include "win32/stop.h"
 #include "win32/wide_text.h"
-#include "win32/wts_memory.h"
 
-#include <array>
 #include <optional>
 #include <string>
 #include <vector>
@@ -55,14 +55,8 @@ std::optional<std::vector<DWORD>> KioskSessions() { return Sessions(IsKioskSessi
 
 }  // namespace
 
-std::wstring ThisComputer() {
-  std::array<wchar_t, 16> name{};
-  DWORD size = name.size();
-  return GetComputerNameW(name.data(), &size) != 0 ? std::wstring(name.data(), size) : std::wstring();
-}
-
 bool IsKioskSession(DWORD sessionId) {
-  const std::wstring computer = ThisComputer();
+  const std::wstring computer = win32::ComputerName();
   return !computer.empty() && win32::EqualIgnoringCase(SessionText(sessionId, WTSUserName), kKioskUser) &&
          win32::EqualIgnoringCase(SessionText(sessionId, WTSDomainName), computer);
 }

@@ -3,7 +3,6 @@
 #include "win32/winapi.h"
 
 #include <optional>
-#include <string>
 #include <vector>
 
 namespace kiosk::enrolment {
@@ -11,9 +10,6 @@ namespace kiosk::enrolment {
 // The kiosk account's user name; compared without regard to letter case everywhere.
 inline constexpr wchar_t kKioskUser[] = L"NorvaneKiosk";
 inline constexpr char kKioskUserText[] = "NorvaneKiosk";  // for log lines
-
-// The name of this computer, as accounts and sessions know it; empty when Windows does not tell.
-std::wstring ThisComputer();
 
 // True when the Windows session belongs to the kiosk account: its user is kKioskUser and its domain is this computer's
 // name. False as well when Windows does not know the session.
@@ -28,9 +24,9 @@ bool NobodyIsSignedIn();
 // True only when Windows tells that the kiosk account has no session.
 bool KioskHasNoSession();
 
-// Signs every session of the kiosk account out (each is logged). With `wait`, looks up to 15 s, and not beyond a stop,
-// until they are gone: Windows would wait in its own call without a limit. True when none is left, without `wait` when
-// all were asked to end; a list of sessions that cannot be read is logged and never counts as empty.
+// Signs every session of the kiosk account out; each is logged. Without `wait`, true when all were asked to end. With
+// it, looks until they are gone, for at most 15 s and not beyond a stop (Windows' own wait has no limit), and is true
+// when none is left. A list of sessions that cannot be read is logged and never counts as empty.
 bool LogOffKioskSessions(bool wait);
 
 }  // namespace kiosk::enrolment

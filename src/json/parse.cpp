@@ -14,17 +14,7 @@ namespace kiosk::json {
 namespace {
 
 bool IsNumberByte(char byte) {
-  return (byte >= '0' && byte <= '9') || byte == '+' || byte == '-' || byte == '.' || byte == 'e' || byte == 'E';
-}
-
-int HexDigit(char byte) {
-  if (byte >= '0' && byte <= '9') {
-    return byte - '0';
-  }
-  if (byte >= 'a' && byte <= 'f') {
-    return byte - 'a' + 10;
-  }
-  return byte >= 'A' && byte <= 'F' ? byte - 'A' + 10 : -1;
+  return text::IsDigit(byte) || byte == '+' || byte == '-' || byte == '.' || byte == 'e' || byte == 'E';
 }
 
 void AppendUtf8(std::string& out, std::uint32_t code) {
@@ -250,7 +240,7 @@ bool Parser::ParseCodeUnit(std::uint32_t& unit) {
   }
   unit = 0;
   for (const std::size_t end = pos_ + 4; pos_ < end; ++pos_) {
-    const int digit = HexDigit(text_[pos_]);
+    const int digit = text::HexDigit(text_[pos_]);
     if (digit < 0) {
       return Fail("bad hex digit");
     }

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "json/number_text.h"
+#include "text/text.h"
 
 namespace kiosk::json {
 namespace {
@@ -34,14 +35,12 @@ char ShortEscape(unsigned char byte) {
 }
 
 void AppendEscaped(std::string& out, unsigned char byte) {
-  constexpr char kHex[] = "0123456789abcdef";
   if (const char shortEscape = ShortEscape(byte); shortEscape != 0) {
     out += '\\';
     out += shortEscape;
   } else {
     out += "\\u00";
-    out += kHex[byte >> 4];
-    out += kHex[byte & 15];
+    text::AppendHex(out, byte);
   }
 }
 

@@ -2,6 +2,7 @@
 
 #include "lockdown/policy_tables.h"
 #include "log/log.h"
+#include "state/folders.h"
 #include "state/registry.h"
 #include "win32/clock.h"
 #include "win32/handle.h"
@@ -14,7 +15,6 @@
 namespace kiosk::lockdown {
 namespace {
 
-constexpr wchar_t kProfileList[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\ProfileList\\";
 constexpr wchar_t kLoadedHive[] = L"NorvaneKioskProvision";
 // Whoever watches the registry (a virus scanner, say) may hold a key of the hive for a moment.
 constexpr DWORD kUnloadWait = 5'000;
@@ -43,7 +43,7 @@ bool Put(const std::wstring& hive, const PolicyValue& policy) {
 
 // `hive` is the name below HKEY_USERS.
 bool WriteAll(const std::wstring& hive, const std::wstring& clientInstallDir) {
-  const std::wstring shell = L"\"" + clientInstallDir + L"\\NorvaneTessalyClient.exe\" --kiosk-shell";
+  const std::wstring shell = L"\"" + clientInstallDir + kShellProgram + L"\"" + kShellSwitch;
   if (!Put(hive, kShellKey, L"Shell", REG_SZ, shell.c_str(), state::StringBytes(shell))) {
     return false;
   }
@@ -111,7 +111,7 @@ bool WriteIntoFile(const std::wstring& clientInstallDir) {
 }  // namespace
 
 PolicyResult WriteKioskUserPolicies(const std::wstring& sid, const std::wstring& clientInstallDir, bool loadHive) {
-  const std::wstring profile = state::ReadString((kProfileList + sid).c_str(), L"ProfileImagePath").value_or(L"");
+  const std::wstring profile = state::ProfileFolder(sid).value_or(L"");
   if (profile.empty()) {
     log::Log(log::kError, log::kKiosk, "no profile path for %s", win32::ToNarrow(sid).c_str());
     return PolicyResult::kFailed;

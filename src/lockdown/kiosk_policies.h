@@ -12,8 +12,9 @@ enum class PolicyResult {
 };
 
 // Writes the lockdown for the user of that SID, where it differs from what stands there. Works on the user's settings
-// while they are signed in; otherwise, with `loadHive`, on the file of their profile, and without it does nothing and
-// succeeds. `clientInstallDir` is the client program's folder without a trailing slash. Failures are logged.
+// while they are signed in; otherwise, with `loadHive`, on the file of their profile, and without it writes nothing and
+// succeeds. A hive that was left loaded is unloaded first. `clientInstallDir` is the client program's folder without a
+// trailing slash. Failures are logged.
 PolicyResult WriteKioskUserPolicies(const std::wstring& sid, const std::wstring& clientInstallDir, bool loadHive);
 
 // Unloads a profile's settings that were left loaded: as long as they are, the profile cannot be deleted and its user

@@ -12,6 +12,10 @@ struct PolicyValue {
   const wchar_t* text = nullptr;  // of a REG_SZ
 };
 
+// The kiosk user's shell: this program in the client program's folder, with this switch.
+inline constexpr wchar_t kShellProgram[] = L"\\NorvaneTessalyClient.exe";
+inline constexpr wchar_t kShellSwitch[] = L" --kiosk-shell";
+
 inline constexpr wchar_t kShellKey[] = L"Software\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon";
 inline constexpr wchar_t kSystem[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Policies\\System";
 inline constexpr wchar_t kExplorer[] = L"Software\\Microsoft\\Windows\\CurrentVersion\\Policies\\Explorer";

@@ -1,5 +1,6 @@
 #include "log/day_files.h"
 
+#include "state/folders.h"
 #include "win32/clock.h"
 #include "win32/handle.h"
 #include "win32/lock.h"
@@ -154,8 +155,8 @@ bool ChooseDay(const SYSTEMTIME& now) noexcept {
   currentYear = now.wYear;
   currentMonth = now.wMonth;
   currentDay = now.wDay;
-  static_cast<void>(std::swprintf(dayFolder.data(), dayFolder.size(), L"%ls\\%04d-%02d-%02d", kLogRoot, now.wYear,
-                                  now.wMonth, now.wDay));
+  static_cast<void>(std::swprintf(dayFolder.data(), dayFolder.size(), L"%ls\\%04d-%02d-%02d", state::kLogRoot,
+                                  now.wYear, now.wMonth, now.wDay));
   static_cast<void>(
       std::swprintf(dayStamp.data(), dayStamp.size(), L"%02d%02d%02d", now.wHour, now.wMinute, now.wSecond));
   // A folder that cannot be made shows again when a file in it is opened.

@@ -8,15 +8,13 @@
 
 namespace kiosk::log {
 
-inline constexpr wchar_t kLogRoot[] = L"C:\\ProgramData\\Norvane\\Tessaly\\Logs";
-
 // Makes the folder of the given local day the current one; files of the day before are closed. For a minute after that
 // an earlier date changes nothing. True when another day was replaced (the caller then prunes).
 bool ChooseDay(const SYSTEMTIME& now) noexcept;
 
 // Appends a whole line (with its newline) to the component's file of the current day, in one write. When the file does
-// not take all of it, it is opened anew and the line written again, after an end for the part that came onto the disk;
-// a second failure drops the line silently.
+// not take all of it, the file is opened anew, a newline ends the part that came onto the disk, and the line is written
+// again; a second failure drops it silently.
 void AppendLine(const char* component, std::string_view line) noexcept;
 
 }  // namespace kiosk::log

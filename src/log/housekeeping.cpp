@@ -1,12 +1,14 @@
 #include "log/housekeeping.h"
 
-#include "log/day_files.h"
-#include "log/settings.h"
+#include "log/log_settings.h"
+#include "state/folders.h"
 #include "win32/clock.h"
+#include "win32/folder_entries.h"
 #include "win32/handle.h"
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,44 +16,12 @@
 namespace kiosk::log {
 namespace {
 
+using win32::FolderEntry;
+
 constexpr std::uint64_t kArchiveLife = std::uint64_t{30} * 24 * 3600 * win32::kFileTimeSecond;
 constexpr std::uint32_t kDefaultCapMegabytes = 5120;
-constexpr const wchar_t* kFlatPatterns[] = {L"*.log", L"*.dmp"};
 
-struct LogFile {
-  std::wstring path;
-  std::uint64_t size;
-  std::uint64_t lastWrite;
-};
-
-bool IsPlainFile(const WIN32_FIND_DATAW& data) noexcept {
-  return (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) == 0;
-}
-
-bool IsPlainFolder(const WIN32_FIND_DATAW& data) noexcept {
-  return (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) ==
-         FILE_ATTRIBUTE_DIRECTORY;
-}
-
-template <typename Visit>
-void ForEach(const std::wstring& folder, const wchar_t* pattern, Visit visit) {
-  WIN32_FIND_DATAW data;
-  const win32::FindHandle find(FindFirstFileW((folder + L"\\" + pattern).c_str(), &data));
-  if (!find) {
-    return;
-  }
-  do {
-    visit(data);
-  } while (FindNextFileW(find.Get(), &data) != 0);
-}
-
-std::wstring ArchiveFolder() { return std::wstring(kLogRoot) + L"\\Archive"; }
-
-bool ArchiveIsPlain() {
-  const DWORD attributes = GetFileAttributesW(ArchiveFolder().c_str());
-  return attributes != INVALID_FILE_ATTRIBUTES &&
-         (attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) == FILE_ATTRIBUTE_DIRECTORY;
-}
+bool ArchiveIsPlain() noexcept { return win32::IsPlainFolder(GetFileAttributesW(state::kLogArchive)); }
 
 // "YYYY-MM-DD", digits and dashes only.
 bool IsDayName(std::wstring_view name) noexcept {
@@ -67,24 +37,25 @@ bool IsDayName(std::wstring_view name) noexcept {
   return true;
 }
 
-std::vector<std::wstring> DayFolderNames() {
-  std::vector<std::wstring> names;
-  ForEach(kLogRoot, L"*", [&](const WIN32_FIND_DATAW& data) {
-    if (IsPlainFolder(data) && IsDayName(data.cFileName)) {
-      names.emplace_back(data.cFileName);
-    }
+std::vector<FolderEntry> DayFolders() {
+  std::vector<FolderEntry> folders = win32::EntriesOf(state::kLogRoot);
+  std::erase_if(folders, [](const FolderEntry& each) {
+    return !win32::IsPlainFolder(each.attributes) || !IsDayName(each.Name());
   });
-  return names;
+  return folders;
 }
 
-void Collect(const std::wstring& folder, const wchar_t* pattern, std::vector<LogFile>& files) {
-  ForEach(folder, pattern, [&](const WIN32_FIND_DATAW& data) {
-    if (IsPlainFile(data)) {
-      files.push_back({folder + L"\\" + data.cFileName,
-                       (static_cast<std::uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow,
-                       win32::FileTimeValue(data.ftLastWriteTime)});
-    }
-  });
+std::vector<FolderEntry> FilesOf(const std::wstring& folder, const wchar_t* pattern = L"*") {
+  std::vector<FolderEntry> files = win32::EntriesOf(folder, pattern);
+  std::erase_if(files, [](const FolderEntry& each) { return !win32::IsPlainFile(each.attributes); });
+  return files;
+}
+
+// Those in the folder itself that are named like a log or a dump.
+std::vector<FolderEntry> FlatFilesOf(const wchar_t* folder) {
+  std::vector<FolderEntry> files = FilesOf(folder, L"*.log");
+  std::ranges::move(FilesOf(folder, L"*.dmp"), std::back_inserter(files));
+  return files;
 }
 
 // By handle, without following links. A file that somebody has open stays.
@@ -95,17 +66,17 @@ bool DeleteClosedFile(const std::wstring& path) {
   return file && SetFileInformationByHandle(file.Get(), FileDispositionInfo, &disposition, sizeof(disposition)) != 0;
 }
 
-void DeleteOldest(std::vector<LogFile>& files, std::uint64_t cap) {
+void DeleteOldest(std::vector<FolderEntry>& files, std::uint64_t cap) {
   std::uint64_t total = 0;
-  for (const LogFile& file : files) {
+  for (const FolderEntry& file : files) {
     total += file.size;
   }
   if (total <= cap) {
     return;
   }
   std::stable_sort(files.begin(), files.end(),
-                   [](const LogFile& left, const LogFile& right) { return left.lastWrite < right.lastWrite; });
-  for (const LogFile& file : files) {
+                   [](const FolderEntry& left, const FolderEntry& right) { return left.lastWrite < right.lastWrite; });
+  for (const FolderEntry& file : files) {
     if (total <= cap) {
       return;
     }
@@ -118,17 +89,13 @@ void DeleteOldest(std::vector<LogFile>& files, std::uint64_t cap) {
 void PruneLocked() {
   const std::uint32_t configured = ReadSettingNumber(L"LogCapMB").value_or(0);
   const std::uint64_t cap = (configured != 0 ? configured : kDefaultCapMegabytes) * std::uint64_t{1048576};
-  std::vector<LogFile> files;
-  files.reserve(256);
-  for (const wchar_t* pattern : kFlatPatterns) {
-    Collect(kLogRoot, pattern, files);
-  }
+  std::vector<FolderEntry> files = FlatFilesOf(state::kLogRoot);
   if (ArchiveIsPlain()) {
-    Collect(ArchiveFolder(), L"*.*", files);
+    std::ranges::move(FilesOf(state::kLogArchive), std::back_inserter(files));
   }
-  const std::vector<std::wstring> days = DayFolderNames();
-  for (const std::wstring& day : days) {
-    Collect(std::wstring(kLogRoot) + L"\\" + day, L"*.*", files);
+  const std::vector<FolderEntry> days = DayFolders();
+  for (const FolderEntry& day : days) {
+    std::ranges::move(FilesOf(day.path), std::back_inserter(files));
   }
   DeleteOldest(files, cap);
 
@@ -136,9 +103,9 @@ void PruneLocked() {
   GetLocalTime(&now);
   wchar_t today[16];
   static_cast<void>(std::swprintf(today, std::size(today), L"%04d-%02d-%02d", now.wYear, now.wMonth, now.wDay));
-  for (const std::wstring& day : days) {
-    if (day != today) {
-      RemoveDirectoryW((std::wstring(kLogRoot) + L"\\" + day).c_str());  // only an empty one goes
+  for (const FolderEntry& day : days) {
+    if (day.Name() != today) {
+      RemoveDirectoryW(day.path.c_str());  // only an empty one goes
     }
   }
 }
@@ -148,24 +115,19 @@ void PruneLocked() {
 void ArchiveOldFiles(const SYSTEMTIME& today) {
   wchar_t date[16];
   static_cast<void>(std::swprintf(date, std::size(date), L"%04d%02d%02d", today.wYear, today.wMonth, today.wDay));
-  for (const wchar_t* pattern : kFlatPatterns) {
-    ForEach(kLogRoot, pattern, [&](const WIN32_FIND_DATAW& data) {
-      const std::wstring name = data.cFileName;
-      if (IsPlainFile(data) && name.find(date) == std::wstring::npos) {
-        MoveFileW((std::wstring(kLogRoot) + L"\\" + name).c_str(), (ArchiveFolder() + L"\\" + name).c_str());
-      }
-    });
+  for (const FolderEntry& file : FlatFilesOf(state::kLogRoot)) {
+    if (file.Name().find(date) == std::wstring_view::npos) {
+      MoveFileW(file.path.c_str(), (std::wstring(state::kLogArchive) + L"\\").append(file.Name()).c_str());
+    }
   }
   if (!ArchiveIsPlain()) {
     return;
   }
   const std::uint64_t now = win32::FileTimeNow();
-  for (const wchar_t* pattern : kFlatPatterns) {
-    ForEach(ArchiveFolder(), pattern, [&](const WIN32_FIND_DATAW& data) {
-      if (IsPlainFile(data) && win32::FileTimeValue(data.ftLastWriteTime) + kArchiveLife < now) {
-        DeleteFileW((ArchiveFolder() + L"\\" + data.cFileName).c_str());
-      }
-    });
+  for (const FolderEntry& file : FlatFilesOf(state::kLogArchive)) {
+    if (file.lastWrite + kArchiveLife < now) {
+      DeleteFileW(file.path.c_str());
+    }
   }
 }
 

@@ -1,8 +1,9 @@
 #include "log/identity.h"
 
-#include "log/settings.h"
+#include "log/log_settings.h"
 #include "state/registry.h"
 #include "text/text.h"
+#include "win32/computer_name.h"
 #include "win32/handle.h"
 #include "win32/random.h"
 #include "win32/wide_text.h"
@@ -16,6 +17,7 @@ namespace kiosk::log {
 namespace {
 
 constexpr std::size_t kUuidLength = 36;
+constexpr std::size_t kDashes[] = {8, 13, 18, 23};
 
 std::string OrUnknown(const std::optional<std::wstring>& text, std::size_t limit) {
   std::string narrow = win32::ToNarrow(text.value_or(L""));
@@ -23,24 +25,13 @@ std::string OrUnknown(const std::optional<std::wstring>& text, std::size_t limit
   return narrow.empty() ? "unknown" : narrow;
 }
 
-std::optional<std::wstring> ComputerName() {
-  std::array<wchar_t, 128> name{};
-  DWORD size = name.size();
-  if (GetComputerNameW(name.data(), &size) == 0) {
-    return std::nullopt;
-  }
-  return std::wstring(name.data(), size);
-}
-
 bool IsUuid(std::string_view text) {
   if (text.size() != kUuidLength) {
     return false;
   }
   for (std::size_t i = 0; i < text.size(); ++i) {
-    const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
-    const char c = text[i];
-    const bool hex = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
-    if (dash ? c != '-' : !hex) {
+    const bool dash = std::find(std::begin(kDashes), std::end(kDashes), i) != std::end(kDashes);
+    if (dash ? text[i] != '-' : !text::IsLowerHexDigit(text[i])) {
       return false;
     }
   }
@@ -55,18 +46,14 @@ std::string NewUuid() {
   }
   bytes[6] = static_cast<std::uint8_t>((bytes[6] & 0x0FU) | 0x40U);
   bytes[8] = static_cast<std::uint8_t>((bytes[8] & 0x3FU) | 0x80U);
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string uuid;
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
-    if (i == 4 || i == 6 || i == 8 || i == 10) {
-      uuid += '-';
-    }
-    uuid += kDigits[bytes[i] >> 4U];
-    uuid += kDigits[bytes[i] & 0x0FU];
+  std::string uuid = text::Hex(bytes);
+  for (const std::size_t dash : kDashes) {
+    uuid.insert(dash, 1, '-');
   }
   return uuid;
 }
 
+// Of a link in the file's place nothing is read.
 std::string ReadUuid(const std::wstring& path) {
   const win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                            FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
@@ -99,7 +86,7 @@ bool WriteUuid(const std::wstring& path, const std::string& uuid) {
 
 Identity ReadIdentity() {
   Identity identity;
-  identity.host = OrUnknown(ComputerName(), 128);
+  identity.host = OrUnknown(win32::ComputerName(), 128);
   identity.machine = OrUnknown(state::ReadString(L"SOFTWARE\\Microsoft\\Cryptography", L"MachineGuid"), 64);
   identity.tenant = OrUnknown(ReadSettingString(L"TenantId"), 64);
   identity.site = OrUnknown(ReadSettingString(L"Site"), 64);

@@ -9,8 +9,8 @@ namespace kiosk::log {
 // As Log, into the local file of this service only; nothing when local files are off.
 void LogLocal(int level, const char* format, ...) NORVANE_PRINTF(2, 3);
 
-// For the crash reporter: an error as above that needs no heap while the file is open, which any earlier line of this
-// process has seen to. The day is not looked at and nothing is pruned.
+// For the crash reporter: logs an error as above, and needs no heap if the file is open, as it is after any earlier
+// line of this process. Neither chooses the day nor prunes.
 void LogFault(const char* format, ...) NORVANE_PRINTF(1, 2);
 
 }  // namespace kiosk::log

@@ -4,8 +4,9 @@
 #include "log/housekeeping.h"
 #include "log/identity.h"
 #include "log/local_log.h"
-#include "log/settings.h"
+#include "log/log_settings.h"
 #include "log/shipper/shipper.h"
+#include "state/folders.h"
 #include "text/text.h"
 #include "win32/clock.h"
 #include "win32/secure_folder.h"
@@ -39,12 +40,9 @@ struct LogFolder {
 // The tree, outermost first, so that each folder is made inside one that is already secured. The outer two are shared
 // with other programs of the maker, whose content stays.
 constexpr LogFolder kFolders[] = {
-    {L"C:\\ProgramData\\Norvane", win32::ForeignFolder::kTakeOver},
-    {L"C:\\ProgramData\\Norvane\\Tessaly", win32::ForeignFolder::kTakeOver},
-    {L"C:\\ProgramData\\Norvane\\Tessaly\\Logs", win32::ForeignFolder::kSetAside},
-    {L"C:\\ProgramData\\Norvane\\Tessaly\\Logs\\Archive", win32::ForeignFolder::kSetAside},
-    {L"C:\\ProgramData\\Norvane\\Tessaly\\Logs\\Drop", win32::ForeignFolder::kSetAside},
-    {L"C:\\ProgramData\\Norvane\\Tessaly\\Logs\\Drop\\Taken", win32::ForeignFolder::kSetAside},
+    {state::kMakerFolder, win32::ForeignFolder::kTakeOver}, {state::kProductFolder, win32::ForeignFolder::kTakeOver},
+    {state::kLogRoot, win32::ForeignFolder::kSetAside},     {state::kLogArchive, win32::ForeignFolder::kSetAside},
+    {state::kLogDrop, win32::ForeignFolder::kSetAside},     {state::kLogDropTaken, win32::ForeignFolder::kSetAside},
 };
 
 enum class Ready { kNo, kRunning, kYes };
@@ -102,7 +100,7 @@ void Initialise() {
   unsecuredAtStart = SecureLogTree();
   if (unsecuredAtStart.folder == nullptr) {
     UseLogTree();
-    mine->install = LoadOrCreateInstallId(kLogRoot);
+    mine->install = LoadOrCreateInstallId(state::kLogRoot);
   } else {
     nextPrune = win32::TickCount() + kPruneInterval;
   }
@@ -135,7 +133,7 @@ bool SecureLogTreeLater() {
   }
   UseLogTree();
   shipper::UseSpool();
-  Log(kNotice, kKiosk, "log: %s is secured now; lines are kept in files", win32::ToNarrow(kLogRoot).c_str());
+  Log(kNotice, kKiosk, "log: %s is secured now; lines are kept in files", win32::ToNarrow(state::kLogRoot).c_str());
   return true;
 }
 
@@ -175,7 +173,7 @@ bool HoldsFailureWord(std::string_view message) noexcept {
   std::array<char, kRaiseLength> lower;
   const std::size_t length = std::min(message.size(), lower.size());
   std::transform(message.begin(), message.begin() + static_cast<std::ptrdiff_t>(length), lower.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
+                 text::AsciiLower<char>);
   const std::string_view text(lower.data(), length);
   return std::any_of(std::begin(kFailureWords), std::end(kFailureWords),
                      [text](const char* word) { return text.find(word) != std::string_view::npos; });
@@ -192,7 +190,7 @@ const char* Label(int level) noexcept {
 }
 
 // One line on its way, on the stack of the thread that logs.
-struct Line {
+struct LogLine {
   std::array<char, kTextSize> text;
   std::size_t stamp = 0;   // length of the time stamp at the front
   std::size_t length = 0;  // of the message behind it
@@ -238,31 +236,36 @@ struct Line {
   }
 };
 
-}  // namespace
+enum class Target { kEverywhere, kLocalFile };
 
-// NOLINTNEXTLINE(cert-dcl50-cpp): printf-style by contract, and checked as such at each call
-void Log(int level, const char* component, const char* format, ...) {
-  Line line;
-  va_list arguments;
-  va_start(arguments, format);
-  const bool formatted = line.Format(BeginLine(), level, format, arguments);
-  va_end(arguments);
-  if (formatted) {
-    shipper::HandOff(line.level, component, line.Message());
+NORVANE_PRINTF(5, 0)
+void Write(const SYSTEMTIME& now, int level, const char* component, Target target, const char* format,
+           va_list arguments) noexcept {
+  LogLine line;
+  if (line.Format(now, level, format, arguments)) {
+    if (target == Target::kEverywhere) {
+      shipper::HandOff(line.level, component, line.Message());
+    }
     line.WriteLocal(component);
   }
 }
 
-// NOLINTNEXTLINE(cert-dcl50-cpp): as above
-void LogLocal(int level, const char* format, ...) {
-  Line line;
+}  // namespace
+
+// NOLINTNEXTLINE(cert-dcl50-cpp): printf-style by contract, and checked as such at each call
+void Log(int level, const char* component, const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  const bool formatted = line.Format(BeginLine(), level, format, arguments);
+  Write(BeginLine(), level, component, Target::kEverywhere, format, arguments);
   va_end(arguments);
-  if (formatted) {
-    line.WriteLocal(kKiosk);
-  }
+}
+
+// NOLINTNEXTLINE(cert-dcl50-cpp): as above
+void LogLocal(int level, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  Write(BeginLine(), level, kKiosk, Target::kLocalFile, format, arguments);
+  va_end(arguments);
 }
 
 // NOLINTNEXTLINE(cert-dcl50-cpp): as above
@@ -273,14 +276,10 @@ void LogFault(const char* format, ...) {
   } else {
     now = BeginLine();
   }
-  Line line;
   va_list arguments;
   va_start(arguments, format);
-  const bool formatted = line.Format(now, kError, format, arguments);
+  Write(now, kError, kKiosk, Target::kLocalFile, format, arguments);
   va_end(arguments);
-  if (formatted) {
-    line.WriteLocal(kKiosk);
-  }
 }
 
 void StartBanner(const char* component) {

@@ -50,7 +50,14 @@ class Variant {
   VARIANT value_;
 };
 
-// Asks `step` until it has an answer, the time is over or the stop. Nothing in here waits where the stop is not heard.
+// Lets management instrumentation work with the rights of this service: what it calls to read and change an adapter
+// refuses a caller that it may not impersonate. One proxy does not pass its security on to the next.
+HRESULT LetImpersonate(IUnknown* proxy) {
+  return CoSetProxyBlanket(proxy, RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr, RPC_C_AUTHN_LEVEL_CALL,
+                           RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE);
+}
+
+// Asks `step` until it has an answer, the time is over or the service stops. No wait in here is deaf to the stop.
 template <typename Step>
 HRESULT Poll(std::uint64_t milliseconds, Step step) {
   const win32::Deadline deadline(milliseconds);
@@ -82,8 +89,8 @@ std::vector<std::wstring> Texts(const std::vector<Address>& addresses) {
 bool AdapterConfiguration::Open() {
   const HRESULT result = Find();
   if (FAILED(result) && tell_) {
-    log::Log(log::kError, log::kKiosk, "net.set: cannot reach the configuration of %s (0x%08lx)",
-             win32::ToNarrow(adapter_).c_str(), static_cast<unsigned long>(result));
+    log::Log(log::kError, log::kKiosk, "net.set: cannot reach the configuration of %s (%s)",
+             win32::ToNarrow(adapter_).c_str(), win32::HresultText(result).c_str());
   }
   return SUCCEEDED(result);
 }
@@ -96,8 +103,7 @@ HRESULT AdapterConfiguration::Find() {
                                     WBEM_FLAG_CONNECT_USE_MAX_WAIT, nullptr, nullptr, services_.Put());
   }
   if (SUCCEEDED(result)) {
-    result = CoSetProxyBlanket(services_.Get(), RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr, RPC_C_AUTHN_LEVEL_CALL,
-                               RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE);
+    result = LetImpersonate(services_.Get());
   }
   if (SUCCEEDED(result)) {
     result = services_->GetObject(MakeBstr(kClass).Get(), 0, nullptr, class_.Put(), nullptr);
@@ -111,9 +117,7 @@ HRESULT AdapterConfiguration::Find() {
   if (FAILED(result)) {
     return result;
   }
-  // The enumerator is a proxy of its own, with security of its own.
-  CoSetProxyBlanket(found.Get(), RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr, RPC_C_AUTHN_LEVEL_CALL,
-                    RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE);
+  LetImpersonate(found.Get());
   ComPtr<IWbemClassObject> instance;
   result = Poll(kQueryWait, [&] {
     ULONG count = 0;
@@ -134,8 +138,8 @@ bool AdapterConfiguration::Apply(const Settings& now, const Settings& wanted, bo
   const auto step = [&](const wchar_t* method, const std::vector<Argument>& arguments) {
     done = (done || insist) && Call(method, arguments) && done;
   };
-  // Gateways can be set beside fixed addresses alone, and stay when DHCP is switched on. The adapter's own address
-  // clears them.
+  // Gateways can be set only beside fixed addresses, and stay when DHCP is switched on. Setting the adapter's own
+  // address as the gateway clears them.
   const auto setGateways = [&](const Settings& addresses) {
     if (!wanted.gateways.empty()) {
       step(L"SetGateways", {{L"DefaultIPGateway", Texts(wanted.gateways)}});
@@ -175,7 +179,7 @@ bool AdapterConfiguration::Call(const wchar_t* method, const std::vector<Argumen
   }
   const bool answered = SUCCEEDED(result) && value->vt == VT_I4;
   const std::wstring_view name = method;
-  // EnableStatic has set the addresses of an adapter that was static before, and says so in this way.
+  // By kNoDhcpToSwitchOff EnableStatic says that the adapter was static before; it has set the addresses.
   if (answered && (value->lVal == kDone || value->lVal == kDoneAfterRestart ||
                    (value->lVal == kNoDhcpToSwitchOff && name == L"EnableStatic"))) {
     return true;
@@ -185,8 +189,7 @@ bool AdapterConfiguration::Call(const wchar_t* method, const std::vector<Argumen
     if (answered) {
       log::Log(log::kError, log::kKiosk, "net.set: %s gave %ld", text.c_str(), value->lVal);
     } else {
-      log::Log(log::kError, log::kKiosk, "net.set: %s failed (0x%08lx)", text.c_str(),
-               static_cast<unsigned long>(result));
+      log::Log(log::kError, log::kKiosk, "net.set: %s failed (%s)", text.c_str(), win32::HresultText(result).c_str());
     }
   }
   return false;
@@ -216,8 +219,7 @@ HRESULT AdapterConfiguration::Start(const wchar_t* method, const std::vector<Arg
   result = services_->ExecMethod(path_.Get(), MakeBstr(method).Get(), WBEM_FLAG_RETURN_IMMEDIATELY, nullptr,
                                  values.Get(), nullptr, call.Put());
   if (SUCCEEDED(result) && call) {
-    CoSetProxyBlanket(call.Get(), RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr, RPC_C_AUTHN_LEVEL_CALL,
-                      RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE);
+    LetImpersonate(call.Get());
   }
   return SUCCEEDED(result) && !call ? kNoAnswer : result;
 }

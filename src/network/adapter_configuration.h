@@ -1,25 +1,27 @@
 // The changes to an adapter's IPv4 that Windows offers through its management instrumentation.
 #pragma once
 
-#include "network/settings.h"
+#include "network/adapter_settings.h"
 #include "win32/com.h"
 
 #include <wbemcli.h>
 
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace kiosk::network {
 
-// The Win32_NetworkAdapterConfiguration of one adapter, on a thread that is in a COM apartment. Each method may take a
-// minute and ends early on a stop. What fails is logged with the method's name and its number when `tell`.
+// The Win32_NetworkAdapterConfiguration of one adapter, for a thread that is in a COM apartment. Each method may take a
+// minute and ends early on a stop. With `tell`, what fails is logged with the method's name and its number.
 class AdapterConfiguration {
  public:
   // `adapter` as Windows spells it.
   AdapterConfiguration(std::wstring adapter, bool tell) : adapter_(std::move(adapter)), tell_(tell) {}
 
   bool Open();
-  // Every step from `now` to `wanted`, but for gateways beside DHCP. False at once when a step fails, or, with
-  // `insist`, after all the others were tried.
+  // Takes every step from `now` to `wanted`, except gateways beside DHCP (see gateways.h). False when a step fails: at
+  // once, or with `insist` after all the others were tried.
   bool Apply(const Settings& now, const Settings& wanted, bool insist);
 
  private:

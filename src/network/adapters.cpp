@@ -81,7 +81,7 @@ Adapter DescribeAdapter(const IP_ADAPTER_ADDRESSES& entry, std::wstring name) {
   return adapter;
 }
 
-// The adapter's own address stands for no gateway: that is how Windows is told to clear them.
+// An adapter whose gateway is its own address has none: that is how Windows is told to clear them.
 DWORD ReadGateways(Adapter& adapter) {
   std::vector<Address>& gateways = adapter.settings.gateways;
   const DWORD error = ReadGatewaysByHand(adapter.name, adapter.luid, adapter.settings.dhcp, gateways);

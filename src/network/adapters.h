@@ -1,7 +1,7 @@
 // The network adapters of this computer, as Windows' IP helper tells of them.
 #pragma once
 
-#include "network/settings.h"
+#include "network/adapter_settings.h"
 #include "win32/winapi.h"
 
 #include <cstdint>
@@ -15,7 +15,7 @@ struct Adapter {
   std::uint64_t luid = 0;  // by which the IP helper knows it
   Settings settings;       // what it is set to
   Settings inUse;          // what it works with: with DHCP, what the network gave
-  bool linkUp = false;     // the cable is in, or the wireless network is there; without it little of this shows
+  bool linkUp = false;     // the cable is in, or the wireless network is there; without it little of the rest shows
   bool settled = false;    // every address it is set to is in use
   bool duplicate = false;  // another computer has one of them
 };

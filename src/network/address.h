@@ -1,4 +1,4 @@
-// IPv4 addresses as numbers and text, and which of them can serve as what. Without Windows.
+// IPv4 addresses as numbers and text, and which of them can serve as what. No Windows header.
 #pragma once
 
 #include <cstdint>

@@ -40,7 +40,7 @@ bool Shows(Adapter& adapter, const Settings& wanted, bool tell) {
   }
 }
 
-// What counts is what shows in the end. With `insist` a step may refuse what is so already.
+// What shows in the end decides. With `insist` a step that fails ends nothing: it may have refused what is so already.
 bool Make(Adapter& adapter, const Settings& wanted, bool insist, bool tell) {
   const win32::ComApartment apartment;
   AdapterConfiguration configuration(adapter.name, tell);
@@ -49,8 +49,8 @@ bool Make(Adapter& adapter, const Settings& wanted, bool insist, bool tell) {
     return false;
   }
   if (wanted.dhcp) {
-    // Cleared already, if the adapter was static: a route that is there by now may be the network's. What clearing may
-    // have left in the registry is the adapter's own address.
+    // An adapter that was static has had its gateways cleared, and a route that is there by now may be the network's.
+    // Clearing may have left the adapter's own address in the registry.
     std::vector<Address> gone = now.dhcp ? now.gateways : std::vector<Address>();
     for (const OwnAddress& own : now.addresses) {
       gone.push_back(own.address);
@@ -83,7 +83,7 @@ PutBackResult PutBack(const ChangeRecord& record, bool evenIfStrange, bool tell)
   }
   const bool strange =
       !evenIfStrange && adapter.linkUp && record.wanted && !IsBetween(adapter.settings, before, *record.wanted);
-  // A fixed address without an address is nothing that could be set.
+  // A static adapter without an address cannot be set.
   if (strange || Same(adapter.settings, before) || (!before.dhcp && before.addresses.empty())) {
     ForgetChange(record.adapter);
     log::Log(log::kNotice, log::kKiosk, "net.set: left %s as it is: %s", name.c_str(),

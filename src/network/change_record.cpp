@@ -1,8 +1,7 @@
 #include "network/change_record.h"
 
-#include "json/parse.h"
-#include "json/serialise.h"
 #include "state/kiosk_state.h"
+#include "state/stored_json.h"
 #include "win32/wide_text.h"
 
 #include <algorithm>
@@ -24,7 +23,7 @@ bool Store(const std::vector<ChangeRecord>& records) {
     }
     list.Append(std::move(item));
   }
-  return state::WriteStateString(state::kPriorNetwork, win32::ToWide(json::Serialise(list)));
+  return state::StoreJson(state::kPriorNetwork, list);
 }
 
 void Remove(std::vector<ChangeRecord>& records, const std::wstring& adapter) {
@@ -37,8 +36,7 @@ bool HasChangeRecords() { return state::ReadState(state::kPriorNetwork).has_valu
 
 std::vector<ChangeRecord> ReadChangeRecords() {
   std::vector<ChangeRecord> records;
-  const json::Value list =
-      json::ParseStored(win32::ToNarrow(state::ReadStateString(state::kPriorNetwork))).value_or(json::Value());
+  const json::Value list = state::LoadJson(state::kPriorNetwork);
   for (const json::Value& item : list.items()) {
     if (std::optional<Settings> before = FromJson(json::Member(item, "settings"))) {
       std::optional<Settings> wanted = FromJson(json::Member(item, "wanted"));

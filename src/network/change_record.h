@@ -1,7 +1,8 @@
-// The record of changes of an adapter that are not over: under way, cut short, or not proven yet.
+// The record of changes of an adapter that are not over: under way, cut short, or not proven yet. It is the value
+// "PriorNetwork" of the state key.
 #pragma once
 
-#include "network/settings.h"
+#include "network/adapter_settings.h"
 
 #include <optional>
 #include <string>
@@ -11,7 +12,7 @@ namespace kiosk::network {
 
 struct ChangeRecord {
   std::wstring adapter;
-  Settings before;                 // of a row of changes: before the first
+  Settings before;                 // when several changes followed each other: before the first
   std::optional<Settings> wanted;  // none in a record that an older version of the service left
   bool unproven = false;           // made, and the portal has not answered since
 };

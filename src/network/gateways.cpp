@@ -20,9 +20,7 @@ constexpr wchar_t kByNetwork[] = L"DhcpDefaultGateway";
 constexpr wchar_t kAutomaticMetric[] = L"0";
 constexpr DWORD kLongestName = 128;  // of a persistent route: four short fields
 
-struct RouteTableTraits {
-  using Value = MIB_IPFORWARD_TABLE2*;
-  static Value Invalid() noexcept { return nullptr; }
+struct RouteTableTraits : win32::NullIsNone<MIB_IPFORWARD_TABLE2*> {
   static void Free(Value value) noexcept { FreeMibTable(value); }
 };
 using RouteTable = win32::Owner<RouteTableTraits>;
@@ -73,8 +71,7 @@ bool WriteList(const std::wstring& name, const wchar_t* value, const std::vector
   for (const std::wstring& text : texts) {
     list += text + L'\0';
   }
-  return state::WriteValue(HKEY_LOCAL_MACHINE, InterfaceKey(name).c_str(), value, REG_MULTI_SZ, list.c_str(),
-                           state::StringBytes(list));
+  return state::WriteString(InterfaceKey(name).c_str(), value, list, REG_MULTI_SZ);
 }
 
 // Gateways of the default routes among the values "DESTINATION,MASK,GATEWAY,METRIC".
@@ -130,7 +127,7 @@ DWORD ReadGatewaysByHand(const std::wstring& name, std::uint64_t luid, bool dhcp
     return error;
   }
   const std::vector<Address> kept = ReadList(name, kByHand);
-  // Windows tells a route of DHCP from one by hand nowhere but here.
+  // Nowhere but here does Windows tell a route that DHCP gave from one that was set by hand.
   const std::vector<Address> given = dhcp ? ReadList(name, kByNetwork) : std::vector<Address>();
   const std::vector<Address> owners = PersistentGateways();
   const auto add = [&](Address gateway) {

@@ -14,13 +14,14 @@ namespace kiosk::network {
 // Below HKLM, where Windows keeps what the adapter is set to.
 std::wstring InterfaceKey(const std::wstring& name);
 
-// The gateways set by hand. Not among them: what the network gave, and a route that "route -p" keeps, which is the
-// owner's. With DHCP also those that stand in the registry and would overrule the network's after a restart.
+// Adds to `gateways` those that were set by hand. What the network gave is not among them, nor a route that "route -p"
+// keeps, which is the owner's. With DHCP they include those in the registry that would overrule the network's after a
+// restart. Returns a Windows error.
 DWORD ReadGatewaysByHand(const std::wstring& name, std::uint64_t luid, bool dhcp, std::vector<Address>& gateways);
 
-// For an adapter that uses DHCP, where Windows' management instrumentation refuses to change gateways: takes those of
-// `gone` away, as far as the network does not give them as well, and adds those of `wanted` that are missing. False
-// when a step failed, after the others; that is logged when `tell`.
+// For an adapter that uses DHCP, where Windows' management instrumentation refuses to change gateways: takes away those
+// of `gone` that the network does not give as well, and adds those of `wanted` that are missing, both among the routes
+// and in the registry. All steps are tried; false when one failed, which is logged with `tell`.
 bool SetGatewaysBesideDhcp(const std::wstring& name, std::uint64_t luid, const std::vector<Address>& gone,
                            const std::vector<Address>& wanted, bool tell);
 

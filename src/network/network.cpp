@@ -1,5 +1,6 @@
 #include "network/network.h"
 
+#include "command/reply.h"
 #include "log/log.h"
 #include "network/adapters.h"
 #include "network/change.h"
@@ -18,16 +19,12 @@ namespace {
 constexpr std::uint64_t kTurnWait = 60'000;
 constexpr std::uint64_t kEndWait = 1'000;  // for a moment's look at the record; a change takes longer
 
-// Whether the log has been told of a change that cannot be undone yet, and why. Who has the turn comes here.
+// Whether the log has been told that, and why, a change cannot be undone yet. Only whoever has the turn comes here.
 std::atomic<bool> complained{false};
 
 json::Value Applied(const Adapter& adapter) {
   const Settings& shown = adapter.settings.dhcp ? adapter.inUse : adapter.settings;
-  json::Value dns = json::Value::Array();
-  for (const Address server : shown.dns) {
-    dns.Append(AddressText(server));
-  }
-  json::Value reply = json::OkReply();
+  json::Value reply = command::OkReply();
   reply.Set("adapter", win32::ToNarrow(adapter.name)).Set("mode", shown.dhcp ? "dhcp" : "static");
   if (!shown.addresses.empty()) {
     reply.Set("address", AddressText(shown.addresses.front().address));
@@ -36,11 +33,12 @@ json::Value Applied(const Adapter& adapter) {
   if (!shown.gateways.empty()) {
     reply.Set("gateway", AddressText(shown.gateways.front()));
   }
-  reply.Set("dns", std::move(dns));
+  reply.Set("dns", ToJson(shown.dns));
   return reply;
 }
 
-// The wanted settings are in force. False when the record says otherwise: it would bring back those from before.
+// The wanted settings are in force: deletes the record, or begins the trial. False when the record could not be changed
+// and would bring back the settings from before.
 bool Conclude(ChangeRecord& record, bool keep) {
   const bool nothingToProve = keep || Same(*record.wanted, record.before) || !state::TokenIsStored();
   if (nothingToProve) {
@@ -55,7 +53,7 @@ bool Conclude(ChangeRecord& record, bool keep) {
   return true;
 }
 
-json::Value Set(Adapter& adapter, const Request& request) {
+json::Value Set(Adapter& adapter, const NetSetRequest& request) {
   const std::string name = win32::ToNarrow(adapter.name);
   const std::optional<ChangeRecord> older = FindChangeRecord(adapter.name);
   ChangeRecord record{adapter.name, older ? older->before : adapter.settings, request.settings};
@@ -65,20 +63,20 @@ json::Value Set(Adapter& adapter, const Request& request) {
   }
   if (!done && !NoteChange(record)) {
     log::Log(log::kError, log::kKiosk, "net.set: cannot save the settings of %s; nothing was changed", name.c_str());
-    return json::ErrorReply("failed");
+    return command::ErrorReply("failed");
   }
   if ((!done && !MakeChange(adapter, request.settings)) || !Conclude(record, request.keep)) {
     if (PutBack(record, true, true) != PutBackResult::kOver) {
       log::Log(log::kError, log::kKiosk, "net.set: %s is not as it was before; trying again until it is", name.c_str());
       win32::WakeWorker();
     }
-    return json::ErrorReply("failed");
+    return command::ErrorReply("failed");
   }
   log::Log(log::kNotice, log::kKiosk, "net.set: %s set to %s", name.c_str(), Describe(request.settings).c_str());
   return Applied(adapter);
 }
 
-// Whether the record may be acted on: its change is half done, or now counts as that.
+// The change is half done, or its trial is over. In the second case it is recorded as half done from now on.
 bool IsToBeUndone(ChangeRecord& record) {
   if (!record.unproven) {
     return true;
@@ -110,26 +108,26 @@ PutBackResult Undo(const ChangeRecord& record) {
 
 }  // namespace
 
-json::Value NetSet(const json::Value& request) {
-  const Request parsed = ParseRequest(request);
+json::Value NetSet(const command::Request& request) {
+  const NetSetRequest parsed = ParseNetSet(request.members);
   if (parsed.invalid != nullptr) {
     log::Log(log::kWarn, log::kKiosk, "net.set refused: invalid %s", parsed.invalid);
-    return json::ErrorReply("invalid");
+    return command::ErrorReply("invalid");
   }
   const Turn turn(kTurnWait);
   if (!turn) {
     log::Log(log::kError, log::kKiosk, "net.set: another change is still under way");
-    return json::ErrorReply("failed");
+    return command::ErrorReply("failed");
   }
   Adapter adapter;
   const DWORD error = ReadAdapter(win32::ToWide(parsed.adapter), adapter);
   if (error == ERROR_NOT_FOUND) {
     log::Log(log::kWarn, log::kKiosk, "net.set refused: no wired or Wi-Fi adapter %s", parsed.adapter.c_str());
-    return json::ErrorReply("unknown_adapter");
+    return command::ErrorReply("unknown_adapter");
   }
   if (error != ERROR_SUCCESS) {
     log::Log(log::kError, log::kKiosk, "net.set: cannot read the adapters (%lu)", error);
-    return json::ErrorReply("failed");
+    return command::ErrorReply("failed");
   }
   return Set(adapter, parsed);
 }

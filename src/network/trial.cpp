@@ -3,6 +3,7 @@
 #include "log/log.h"
 #include "network/change_record.h"
 #include "network/turn.h"
+#include "win32/clock.h"
 #include "win32/wide_text.h"
 #include "win32/worker_wake.h"
 
@@ -15,7 +16,6 @@ namespace kiosk::network {
 namespace {
 
 constexpr std::uint64_t kTrial = 300'000;
-constexpr std::uint64_t kUnitsInMillisecond = 10'000;
 constexpr int kProxyWantsAuthentication = 407;
 
 std::atomic<unsigned> changesMade{0};
@@ -37,7 +37,7 @@ std::vector<Trial>& Trials() {
 std::uint64_t RunningTime() {
   ULONGLONG units = 0;
   QueryUnbiasedInterruptTime(&units);
-  return units / kUnitsInMillisecond;
+  return units / win32::kFileTimeMillisecond;
 }
 
 Trial& TrialOf(const std::wstring& adapter) {
@@ -55,7 +55,7 @@ void NoteAnswer(unsigned madeBefore, int status) {
   if (status == kProxyWantsAuthentication || !HasChangeRecords()) {
     return;
   }
-  // While somebody works on an adapter the answer says nothing of what comes of that.
+  // While somebody works on an adapter, an answer does not prove what that work leads to.
   const Turn turn(0);
   if (!turn || madeBefore != changesMade) {
     return;

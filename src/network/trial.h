@@ -10,8 +10,9 @@ namespace kiosk::network {
 // How many changes were made since the service began. Whoever asks the portal remembers it from before the request.
 unsigned ChangesMade() noexcept;
 
-// The portal answered with this HTTP status. Changes that were made when the request began are proven by it; not by
-// 407, which is a proxy's. Called before the answer is acted on, by any thread; at once.
+// The portal answered with this HTTP status. That proves the changes that were made before the request began
+// (`madeBefore`: what ChangesMade said then), and their record is deleted; a 407 proves nothing, since a proxy sent it.
+// To be called before the answer is acted on. Any thread; returns at once.
 void NoteAnswer(unsigned madeBefore, int status);
 
 // The rest is for whoever has the turn.
@@ -19,8 +20,8 @@ void NoteAnswer(unsigned madeBefore, int status);
 // A change of that adapter was made, shows, and is on record as unproven. Wakes the worker.
 void BeginTrial(const std::wstring& adapter);
 
-// Asked at each pass of the worker, with whether the adapter's link is up: true when that was so for 5 minutes in which
-// the computer did not sleep, since the change or since the service began. Then it begins anew.
+// Asked at each pass of the worker. True when the adapter's link was up for 5 minutes since the change or the start of
+// the service; time in which the computer slept does not count. The 5 minutes then begin anew.
 bool TrialIsOver(const std::wstring& adapter, bool linkUp);
 
 }  // namespace kiosk::network

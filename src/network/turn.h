@@ -7,7 +7,7 @@ namespace kiosk::network {
 
 class Turn {
  public:
-  // Waits at most so many milliseconds, and not beyond a stop.
+  // Waits at most `wait` milliseconds, and not beyond a stop.
   explicit Turn(std::uint64_t wait);
   Turn(const Turn&) = delete;
   Turn& operator=(const Turn&) = delete;

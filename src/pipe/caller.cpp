@@ -12,7 +12,6 @@
 #include <array>
 #include <cstddef>
 #include <memory>
-#include <utility>
 #include <vector>
 
 namespace kiosk::pipe {

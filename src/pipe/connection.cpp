@@ -1,6 +1,6 @@
 #include "pipe/connection.h"
 
-#include "json/reply.h"
+#include "command/reply.h"
 #include "json/serialise.h"
 #include "log/log.h"
 #include "pipe/caller.h"
@@ -34,7 +34,7 @@ constexpr std::uint64_t kLeaveDeadline = 5000;
 class Connection {
  public:
   Connection(win32::FileHandle pipe, std::uint64_t connectedAt, Unverified& place,
-             json::PostReplyAction& afterReply) noexcept
+             command::PostReplyAction& afterReply) noexcept
       : pipe_(std::move(pipe)),
         connectedAt_(connectedAt),
         place_(place),
@@ -60,7 +60,7 @@ class Connection {
   win32::FileHandle pipe_;
   std::uint64_t connectedAt_;
   Unverified& place_;
-  json::PostReplyAction& afterReply_;
+  command::PostReplyAction& afterReply_;
   const win32::Deadline deadline_{kRequestDeadline};
   OverlappedIo io_;
 };
@@ -110,10 +110,10 @@ text::Secret Connection::Answer(std::string_view request) {
   json::Value reply;
   const text::WipeOnExit wipe(reply);
   if (refusal.empty()) {
-    reply = Dispatch({pipe_.Get(), caller}, request, afterReply_);
+    reply = Dispatch(caller, request, afterReply_);
   } else {
     LogRefusal(refusal);
-    reply = json::ErrorReply("caller_refused");
+    reply = command::ErrorReply("caller_refused");
   }
   text::Secret line(json::Serialise(reply));
   line.Append("\n");
@@ -126,8 +126,8 @@ bool Connection::Write(std::string_view reply) noexcept {
 }
 
 // Disconnecting takes an unread reply away from the client, and flushing would wait for the reader without limit. So
-// the client is given time to close its end; what it still sends is thrown away, which costs the less the larger the
-// pieces are.
+// the client is given time to close its end. What it still sends is thrown away, in large pieces because they cost
+// less.
 void Connection::AwaitLeave() noexcept {
   const win32::Deadline deadline(kLeaveDeadline);
   IoResult read{IoEnd::kDone};
@@ -140,7 +140,7 @@ void Connection::AwaitLeave() noexcept {
 }  // namespace
 
 void ServeConnection(win32::FileHandle pipe, std::uint64_t connectedAt, Unverified& place) noexcept {
-  json::PostReplyAction afterReply = nullptr;
+  command::PostReplyAction afterReply = nullptr;
   try {
     Connection(std::move(pipe), connectedAt, place, afterReply).Run();
   } catch (const std::exception& problem) {

@@ -28,8 +28,8 @@ struct ImageLook {
 };
 
 // Looks at the program file of a process of the Windows session. There is one look at a time in each session; others of
-// the session wait for their turn. A look that is left behind is the session's last one until it ends: nothing of the
-// session is looked at meanwhile, and the answer comes at once. Any thread.
+// the session wait for their turn. Once a look was left behind, nothing else of its session is looked at until it ends:
+// the answer is kNotValid at once. Any thread.
 ImageLook LookAtImage(std::shared_ptr<const win32::KernelHandle> process, DWORD session, const Patience& patience);
 
 }  // namespace kiosk::pipe

@@ -5,12 +5,12 @@
 
 namespace kiosk::pipe {
 
-// Logs "caller refused: ..." with the reason; from the eleventh of the same reason (which names the program) within a
-// minute on it is only counted. Any thread.
+// Logs "caller refused: ..." with the reason, which names the program. The same reason is logged ten times within a
+// minute and then only counted. Any thread.
 void LogRefusal(const std::string& reason);
 
-// One line for each reason that was counted in a minute that is over; in any minute with `all`. Called from time to
-// time by the service thread, and by it at the end.
+// Logs one line for each reason that was counted and whose minute is over; with `all`, for each that was counted. The
+// service thread calls it from time to time, and at the end with `all`.
 void TellCountedRefusals(bool all = false);
 
 }  // namespace kiosk::pipe

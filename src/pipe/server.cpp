@@ -36,6 +36,7 @@ constexpr DWORD kTellRefusals = 60'000;
 // Raised by the service thread, lowered by each connection's thread as its last act.
 std::atomic<long> liveConnections{0};
 
+// A stream of bytes, since a request may come in any pieces; nobody from another computer, whatever the list says.
 FileHandle CreateInstance(const win32::SecurityDescriptor& descriptor, bool first) noexcept {
   SECURITY_ATTRIBUTES attributes = descriptor.Attributes();
   const DWORD firstOnly = first ? FILE_FLAG_FIRST_PIPE_INSTANCE : 0;

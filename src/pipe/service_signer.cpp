@@ -2,7 +2,7 @@
 
 #include "log/log.h"
 #include "pipe/signature.h"
-#include "win32/grow.h"
+#include "win32/program_path.h"
 #include "win32/stop.h"
 #include "win32/thread.h"
 
@@ -10,7 +10,6 @@
 #include <exception>
 #include <string>
 #include <utility>
-#include <vector>
 
 namespace kiosk::pipe {
 namespace {
@@ -26,27 +25,9 @@ std::atomic<const std::wstring*> servicePublisher{nullptr};
 // The start did not wait for the answer.
 std::atomic<bool> late{false};
 
-// Empty when Windows does not tell.
-std::wstring OwnPath() {
-  std::vector<wchar_t> path;
-  const auto ask = [](wchar_t* buffer, DWORD* size) -> DWORD {
-    const DWORD length = GetModuleFileNameW(nullptr, buffer, *size);
-    if (length == 0) {
-      return GetLastError();
-    }
-    if (length == *size) {
-      return ERROR_INSUFFICIENT_BUFFER;  // cut
-    }
-    *size = length;
-    return ERROR_SUCCESS;
-  };
-  const DWORD error = win32::CallGrowing(path, ask, MAX_PATH);
-  return error == ERROR_SUCCESS ? std::wstring(path.data(), path.size()) : std::wstring();
-}
-
 // False when the file could not be read.
 bool LookOnce() {
-  const std::wstring path = OwnPath();
+  const std::wstring path = win32::ProgramPath();
   const win32::FileHandle image = HoldImage(path.c_str());
   FileSignature signature;
   if (image) {

@@ -11,9 +11,9 @@ enum class ServiceSignature {
   kSigned,
 };
 
-// Starts the one thread that looks at the service's own program file, every 5 s until it could be read, and gives it 6
-// s for an answer. Called once at start, before the pipe is served. Says in the log when the service is not signed, and
-// when it cannot be known yet.
+// Starts the one thread that looks at the service's own program file, every 5 s until it could be read, and waits for
+// its answer for at most 6 s. Called once at start, before the pipe is served. Logs that the service is not signed, or
+// that this cannot be known yet.
 void LearnServiceSigner();
 
 // Any thread, at any time. Once known it stays as it is.

@@ -1,7 +1,7 @@
 #include "pipe/signature.h"
 
-#include "win32/crypt_handles.h"
 #include "win32/grow.h"
+#include "win32/owners.h"
 
 #include <softpub.h>
 #include <wintrust.h>

@@ -1,7 +1,7 @@
 #include "pipe/status.h"
 
+#include "command/reply.h"
 #include "enrolment/kiosk_session.h"
-#include "json/reply.h"
 #include "portal/sign_in_store.h"
 #include "state/kiosk_state.h"
 #include "win32/wide_text.h"
@@ -12,21 +12,16 @@
 namespace kiosk::pipe {
 namespace {
 
-bool ComesFromKioskSession(HANDLE pipe) {
-  ULONG sessionId = 0;
-  return GetNamedPipeClientSessionId(pipe, &sessionId) != 0 && sessionId != 0 && enrolment::IsKioskSession(sessionId);
-}
-
 std::string StateText(const state::StateValue& value) { return win32::ToNarrow(state::ReadStateString(value)); }
 
 }  // namespace
 
-json::Value StatusReport(HANDLE pipe) {
+json::Value Status(const command::Request& request) {
   const bool provisioned = state::FlagIsOn(state::kProvisioned);
-  json::Value reply = json::OkReply();
+  json::Value reply = command::OkReply();
   reply.Set("enrolled", state::TokenIsStored());
   reply.Set("provisioned", provisioned);
-  reply.Set("kioskSession", provisioned && ComesFromKioskSession(pipe));
+  reply.Set("kioskSession", provisioned && request.session != 0 && enrolment::IsKioskSession(request.session));
   reply.Set("maintenance", state::FlagIsOn(state::kMaintenance));
   reply.Set("account", win32::ToNarrow(enrolment::kKioskUser));
   reply.Set("terminalName", StateText(state::kTerminalName));

@@ -1,12 +1,10 @@
 #pragma once
 
-#include "json/value.h"
-#include "win32/winapi.h"
+#include "command/request.h"
 
 namespace kiosk::pipe {
 
-// Where the terminal stands, as the reply to "status". What cannot be read shows as false or an empty text. `pipe`
-// tells the caller's session.
-json::Value StatusReport(HANDLE pipe);
+// The command "status": where the terminal stands. What cannot be read shows as false or an empty text.
+json::Value Status(const command::Request& request);
 
 }  // namespace kiosk::pipe

@@ -4,15 +4,13 @@
 
 #include "win32/handle.h"
 
-#include <cstdint>
-
 namespace kiosk::pipe {
 
-// A place in the table, from the connection until its caller is verified; of one who is refused, until its end.
+// A place in the table. A connection holds it until its caller is verified, or, if he is refused, until it ends.
 class Unverified {
  public:
-  // Takes a place for a client by its Windows session and process. When there is none left, the oldest connection is
-  // ended of the session that has the most, and of that session's processes the one that has the most. Service thread.
+  // Takes a place for a client of this Windows session and process. When there is none left, one connection is told to
+  // end: in the session with the most, of the process with the most, the oldest. Service thread.
   Unverified(DWORD session, DWORD process);
   Unverified(const Unverified&) = delete;
   Unverified& operator=(const Unverified&) = delete;

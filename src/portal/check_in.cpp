@@ -5,10 +5,10 @@
 #include "json/parse.h"
 #include "json/serialise.h"
 #include "log/log.h"
+#include "portal/policies.h"
 #include "portal/sign_in_methods.h"
-#include "power/policy_store.h"
+#include "power/power_policy_store.h"
 #include "state/kiosk_state.h"
-#include "updates/policy_store.h"
 #include "updates/report.h"
 #include "win32/wide_text.h"
 
@@ -89,8 +89,7 @@ void Apply(const json::Value& reply, const std::string& token, CheckInResult& re
   state::DeleteStateValue(state::kUnknownSince);
   ApplySignIn(reply);
   ApplyName(reply);
-  power::ApplyPortalPowerPolicy(reply);
-  updates::ApplyPortalUpdatesPolicy(reply);
+  StorePolicies(reply);
   result.exitPassword = text::Secret(json::Member(reply, "exitPassword").text());
   result.branding = json::Member(reply, "branding");
   result.tenantId = json::Member(reply, "tenantId").text();

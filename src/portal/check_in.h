@@ -20,10 +20,10 @@ struct CheckInResult {
   std::string tenantId;                             // empty when absent
 };
 
-// Posts a check-in with `token` as bearer and applies a good reply: "UnknownSince" is deleted, the sign-in methods and
-// the terminal name are stored where they differ, and so is a valid power policy. Any other answer applies nothing, nor
-// does a good one that arrives when the terminal is no longer enrolled with that token. Never throws for a failure: the
-// error text says what went wrong. The caller hands the result to the revocation rule.
+// Posts a check-in with `token` as bearer and takes a good reply over: "UnknownSince" is deleted; "SignIn",
+// "TerminalName" and the policies (portal/policies.h) are written where they differ, which is logged. Any other answer
+// changes nothing, nor does a good one that arrives when the terminal is no longer enrolled with that token. Never
+// throws for a failure: the error text says what went wrong. The caller hands the result to HandleDeviceStatus.
 CheckInResult CheckIn(const std::string& token);
 
 // The error of a good answer that was not taken over, since the terminal is not enrolled with that token any more.

@@ -3,18 +3,19 @@
 #include "account/account_lock.h"
 #include "account/kiosk_restart.h"
 #include "account/provisioning.h"
+#include "command/reply.h"
 #include "enrolment/auth_client.h"
 #include "enrolment/device_token.h"
 #include "enrolment/enrolment.h"
 #include "enrolment/pairing_code.h"
 #include "json/parse.h"
-#include "json/reply.h"
 #include "json/serialise.h"
 #include "log/log.h"
 #include "portal/check_in.h"
 #include "portal/revocation.h"
 #include "state/kiosk_state.h"
 #include "state/os_version.h"
+#include "win32/computer_name.h"
 #include "win32/wide_text.h"
 #include "win32/worker_wake.h"
 
@@ -34,14 +35,8 @@ constexpr std::size_t kLongestToken = 4096;
 std::string HostName() {
   std::array<wchar_t, 256> name{};
   DWORD size = name.size();
-  if (GetComputerNameExW(ComputerNameDnsHostname, name.data(), &size) != 0) {
-    return win32::ToNarrow({name.data(), size});
-  }
-  size = 16;
-  if (GetComputerNameW(name.data(), &size) != 0) {
-    return win32::ToNarrow({name.data(), size});
-  }
-  return {};
+  const bool known = GetComputerNameExW(ComputerNameDnsHostname, name.data(), &size) != 0;
+  return win32::ToNarrow(known ? std::wstring(name.data(), size) : win32::ComputerName());
 }
 
 std::string RequestBody() {
@@ -83,7 +78,7 @@ bool IsToken(std::string_view token) {
 }
 
 json::Value StillWaiting(bool unreachable) {
-  json::Value reply = json::OkReply();
+  json::Value reply = command::OkReply();
   reply.Set("paired", false);
   if (unreachable) {
     reply.Set("error", "unreachable");
@@ -109,9 +104,9 @@ bool RestartIfStillEnrolled(const std::string& token) {
 // What becomes of the terminal that holds a fresh token, after its first check-in. The caller holds no lock.
 json::Value Enrolled(const text::Secret& token, const CheckInResult& checkIn) {
   if (HandleDeviceStatus(checkIn, token.Get()) || !enrolment::StillEnrolled(token.Get())) {
-    return json::ErrorReply("revoked");
+    return command::ErrorReply("revoked");
   }
-  json::Value reply = json::OkReply();
+  json::Value reply = command::OkReply();
   reply.Set("paired", true);
   if (checkIn.deviceStatus == DeviceStatus::kUnknown) {
     reply.Set("provisioned", false);
@@ -120,10 +115,10 @@ json::Value Enrolled(const text::Secret& token, const CheckInResult& checkIn) {
   }
   const std::string problem = account::ProvisionKioskAccount(token.Get());
   if (!problem.empty()) {
-    return json::ErrorReply(enrolment::StillEnrolled(token.Get()) ? problem : "revoked");
+    return command::ErrorReply(enrolment::StillEnrolled(token.Get()) ? problem : "revoked");
   }
   if (!RestartIfStillEnrolled(token.Get())) {
-    return json::ErrorReply("revoked");
+    return command::ErrorReply("revoked");
   }
   reply.Set("provisioned", true);
   reply.Set("restarting", true);
@@ -152,49 +147,50 @@ std::string Claim(const enrolment::AuthReply& answer, text::Secret& token) REQUI
 
 }  // namespace
 
-json::Value PairBegin() {
+json::Value PairBegin(const command::Request& /*request*/) {
   if (state::TokenIsStored()) {
-    return json::ErrorReply("already_enrolled");
+    return command::ErrorReply("already_enrolled");
   }
   const enrolment::AuthReply answer = enrolment::AuthRequest(L"POST", "/api/kiosk/pair", RequestBody(), {},
                                                              enrolment::kApiBodyLimit, enrolment::kAcceptJson);
   if (answer.answered == 0) {
     log::Log(log::kWarn, log::kKiosk, "pairing: AuthSystem unreachable (%s)", answer.error.c_str());
-    return json::ErrorReply("unreachable");
+    return command::ErrorReply("unreachable");
   }
   if (answer.status != 200 && answer.status != 201) {
     log::Log(log::kWarn, log::kKiosk, "pairing: HTTP %d", static_cast<int>(answer.status));
-    return json::ErrorReply("server_error");
+    return command::ErrorReply("server_error");
   }
   const std::optional<json::Value> body = json::Parse(answer.body.Get());
   const std::string code = body ? json::AsString(json::Member(*body, "pairingCode")) : std::string();
   if (code.empty()) {
-    return json::ErrorReply("server_error");
+    return command::ErrorReply("server_error");
   }
   {
     const win32::LockGuard guard(enrolment::PairingLock());
     // Another connection may have completed a pairing while this one waited for its code.
     if (state::TokenIsStored()) {
-      return json::ErrorReply("already_enrolled");
+      return command::ErrorReply("already_enrolled");
     }
     enrolment::SetPendingPairingCode(code);
   }
   state::RecordLastError({});
   log::Log(log::kNotice, log::kKiosk, "pairing started");
-  json::Value reply = json::OkReply();
+  json::Value reply = command::OkReply();
   reply.Set("code", code);
   reply.Set("expiresInSeconds", Lifetime(json::Member(*body, "expiresInSeconds")));
   return reply;
 }
 
-json::Value PairCheck(const std::string& code) {
+json::Value PairCheck(const command::Request& request) {
+  const std::string code(text::TrimSpace(json::Member(request.members, "code").text()));
   // Of many that wait here during a stop, none begins a request: the client itself sees to that.
   win32::LockGuard guard(enrolment::PairingLock());
   if (!IsAnswerableCode(code) || enrolment::PendingPairingCode() != code) {
-    return json::ErrorReply("unknown_code");
+    return command::ErrorReply("unknown_code");
   }
   if (state::TokenIsStored()) {
-    return json::ErrorReply("already_enrolled");
+    return command::ErrorReply("already_enrolled");
   }
   const enrolment::AuthReply answer = enrolment::AuthRequest(L"GET", "/api/kiosk/pair/" + code, {}, {},
                                                              enrolment::kApiBodyLimit, enrolment::kAcceptJson);
@@ -207,18 +203,18 @@ json::Value PairCheck(const std::string& code) {
     case 404:
     case 410:
       enrolment::SetPendingPairingCode({});
-      return json::ErrorReply("expired");
+      return command::ErrorReply("expired");
     case 409:
       enrolment::SetPendingPairingCode({});
-      return json::ErrorReply("claimed");
+      return command::ErrorReply("claimed");
     case 200:
       break;
     default:
-      return json::ErrorReply("server_error");
+      return command::ErrorReply("server_error");
   }
   text::Secret token;
   if (const std::string problem = Claim(answer, token); !problem.empty()) {
-    return json::ErrorReply(problem);
+    return command::ErrorReply(problem);
   }
   const CheckInResult checkIn = CheckIn(token.Get());
   guard.Unlock();

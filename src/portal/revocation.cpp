@@ -21,8 +21,7 @@ bool UnknownForTooLong(const std::string& tokenUsed) {
     return false;
   }
   const std::uint64_t now = win32::FileTimeNow();
-  const auto stored = state::ReadState(state::kUnknownSince);
-  const std::uint64_t since = stored ? stored->Qword().value_or(0) : 0;
+  const std::uint64_t since = state::ReadStateQword(state::kUnknownSince);
   if (since != 0 && since <= now) {
     return now - since >= kToleratedUnknown;
   }

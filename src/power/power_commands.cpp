@@ -1,9 +1,9 @@
 #include "power/power_commands.h"
 
+#include "command/reply.h"
 #include "enrolment/enrolment.h"
-#include "json/reply.h"
 #include "log/log.h"
-#include "power/policy_store.h"
+#include "power/power_policy_store.h"
 #include "power/power_scheme.h"
 #include "state/kiosk_state.h"
 #include "win32/wide_text.h"
@@ -24,7 +24,7 @@ std::string ClearOverride() {
     if (!enrolment::IsEnrolled()) {
       return kNotEnrolled;
     }
-    // Before the override goes: until then it is in force, and what is cut short here is begun anew.
+    // Before the override is deleted: until then it is in force, so what is cut short here is begun anew.
     if (PowerPolicy portals; !LoadPowerPolicy(state::kPowerPolicy, portals)) {
       UndoPowerPolicy();
     }
@@ -36,7 +36,7 @@ std::string ClearOverride() {
   return {};
 }
 
-// What the request changes of the policy in force; a member that it leaves out stays as it is, save the minutes.
+// Takes what the request says over into `policy`. Both minutes must be there; without "schedule" the schedule stays.
 std::string Change(const json::Value& request, PowerPolicy& policy) {
   if (!ParseMinutes(json::Member(request, "screenOffMinutes"), policy.screenOffMinutes) ||
       !ParseMinutes(json::Member(request, "sleepMinutes"), policy.sleepMinutes)) {
@@ -51,7 +51,8 @@ std::string Change(const json::Value& request, PowerPolicy& policy) {
   return {};
 }
 
-// From the policy in force to the new one under one lock, or two requests at once would undo each other's schedule.
+// One lock from reading the policy in force to applying the new one: otherwise two requests at once would undo each
+// other's schedule.
 std::string Override(const json::Value& request) {
   const win32::LockGuard guard(PowerLock());
   if (!enrolment::IsEnrolled()) {
@@ -90,14 +91,14 @@ std::string Set(const json::Value& request) {
 
 }  // namespace
 
-json::Value HandlePowerGet() {
+json::Value PowerGet(const command::Request& /*request*/) {
   PowerPolicy policy;
   PowerPolicy local;
   const bool hasPolicy = LoadPowerPolicy(state::kPowerPolicy, policy);
   const bool hasLocal = LoadPowerPolicy(state::kPowerLocal, local);
   const std::string source = win32::ToNarrow(state::ReadStateString(state::kPowerSource));
   const std::string error = win32::ToNarrow(state::ReadStateString(state::kPowerError));
-  json::Value reply = json::OkReply();
+  json::Value reply = command::OkReply();
   reply.Set("policy", PowerPolicyToJson(policy));
   reply.Set("source", hasPolicy && !source.empty() ? source : "default");
   reply.Set("local", hasLocal ? PowerPolicyToJson(local) : json::Value());
@@ -106,9 +107,9 @@ json::Value HandlePowerGet() {
   return reply;
 }
 
-json::Value HandlePowerSet(const json::Value& request) {
-  const std::string error = Set(request);
-  return error.empty() ? HandlePowerGet() : json::ErrorReply(error);
+json::Value PowerSet(const command::Request& request) {
+  const std::string error = Set(request.members);
+  return error.empty() ? PowerGet(request) : command::ErrorReply(error);
 }
 
 }  // namespace kiosk::power

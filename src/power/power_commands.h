@@ -1,16 +1,16 @@
 // "power.get" and "power.set": the administrator at the terminal looks at the power policy and overrides the portal's.
-// On connection threads.
 #pragma once
 
-#include "json/value.h"
+#include "command/request.h"
 
 namespace kiosk::power {
 
 // The portal's policy, the override, which one is in force, and what is wrong with it.
-json::Value HandlePowerGet();
+json::Value PowerGet(const command::Request& request);
 
-// Stores and applies an override, or with "useOrganisation" true clears it. Errors: "not_enrolled", "invalid"; nothing
-// is changed then. Otherwise the reply of HandlePowerGet, in whose "error" failures to apply appear.
-json::Value HandlePowerSet(const json::Value& request);
+// Stores an override ("PowerLocal") and applies it. With "useOrganisation" true it deletes the override and applies the
+// portal's policy or, where there is none, gives the computer its own settings back. Errors, with nothing changed:
+// "not_enrolled", "invalid". Otherwise the reply is that of PowerGet, whose "error" says what could not be applied.
+json::Value PowerSet(const command::Request& request);
 
 }  // namespace kiosk::power

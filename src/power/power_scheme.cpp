@@ -3,7 +3,7 @@
 #include "enrolment/enrolment.h"
 #include "log/log.h"
 #include "power/active_scheme.h"
-#include "power/policy_store.h"
+#include "power/power_policy_store.h"
 #include "power/power_tasks.h"
 #include "power/scheme_values.h"
 #include "state/kiosk_state.h"
@@ -18,18 +18,18 @@ namespace {
 
 win32::Lock powerLock{win32::LockRank::kPower};
 
-// Values were written and the scheme is not yet made active again: that failed, or, for all that is known when a
-// process begins, an earlier one ended in between.
+// Values were written, and the scheme was not made active again: that failed. When the process begins an earlier one
+// may have ended between the two.
 bool activationOwed GUARDED_BY(PowerLock()) = true;
 
-// Of the last try to activate, which the log knows.
+// Of the last try to activate. The same error is logged once.
 DWORD activationError GUARDED_BY(PowerLock()) = ERROR_SUCCESS;
 
 constexpr DWORD kSecondsPerMinute = 60;
 
 DWORD Seconds(std::int32_t minutes) { return static_cast<DWORD>(minutes) * kSecondsPerMinute; }
 
-// Changed values count only once the scheme is made the active one again.
+// Changed values take effect when the scheme is made the active one again.
 void Activate(const GUID& scheme, const PowerPolicy& policy, bool changed) REQUIRES(PowerLock()) {
   const DWORD error = PowerSetActiveScheme(nullptr, &scheme);
   activationOwed = error != ERROR_SUCCESS;
@@ -42,14 +42,12 @@ void Activate(const GUID& scheme, const PowerPolicy& policy, bool changed) REQUI
   activationError = error;
 }
 
-// Takes all of it off the computer again, then deletes the values.
-void TakeBack(std::initializer_list<const state::StateValue*> values) REQUIRES(PowerLock()) {
+// Removes the tasks and puts the scheme back, then deletes `values` in that order.
+void TakeBack(std::initializer_list<state::StateValue> values) REQUIRES(PowerLock()) {
   const win32::ComApartment apartment;
   RemovePowerTasks();
   RestorePriorPower();
-  for (const state::StateValue* value : values) {
-    state::DeleteStateValue(*value);
-  }
+  state::DeleteStateValues(values);
 }
 
 }  // namespace
@@ -68,7 +66,7 @@ void ApplyPowerScheme(const PowerPolicy& policy) {
   SetPowerValue(scheme, SchemeSetting::kScreenOff, Seconds(policy.screenOffMinutes), changed);
   SetPowerValue(scheme, SchemeSetting::kSleep, Seconds(policy.sleepMinutes), changed);
   const std::string error = ApplyPowerSchedule(scheme, policy.schedule, changed);
-  // Without copies no value was ever written.
+  // No value is written before the copies are: without these there is nothing to activate.
   if (changed || (activationOwed && !state::ReadStateString(state::kPriorPower).empty())) {
     Activate(scheme, policy, changed);
   } else {
@@ -87,13 +85,13 @@ void ApplyEffectivePowerPolicy() {
   }
 }
 
-void UndoPowerPolicy() { TakeBack({&state::kPowerError, &state::kPowerScheduleApplied, &state::kPriorPower}); }
+void UndoPowerPolicy() { TakeBack({state::kPowerError, state::kPowerScheduleApplied, state::kPriorPower}); }
 
 void RestorePowerSettings() {
   const win32::LockGuard guard(PowerLock());
   // The copies go last: until then a restore that was cut short is done again from them.
-  TakeBack({&state::kPowerPolicy, &state::kPowerSource, &state::kPowerLocal, &state::kPowerError,
-            &state::kPowerScheduleApplied, &state::kPriorPower});
+  TakeBack({state::kPowerPolicy, state::kPowerSource, state::kPowerLocal, state::kPowerError,
+            state::kPowerScheduleApplied, state::kPriorPower});
 }
 
 }  // namespace kiosk::power

@@ -4,6 +4,7 @@
 #include "power/scheme_values.h"
 #include "power/task_scheduler.h"
 #include "state/kiosk_state.h"
+#include "win32/program_path.h"
 #include "win32/wide_text.h"
 
 #include <powrprof.h>
@@ -20,11 +21,12 @@ constexpr PowerTask kWakeTask{L"Norvane Kiosk Wake", L"Wakes this kiosk terminal
 
 constexpr char kWakeUnavailable[] = "wake_unavailable";
 
-// What the two tasks were registered for. It names the program, so that they follow it into another folder.
+// What the two tasks were registered for. The program's path is a part of it: a program that was moved registers them
+// anew.
 std::wstring Signature(const PowerSchedule& schedule) {
   return win32::ToWide(ClockTimeText(schedule.sleepAt) + "|" + ClockTimeText(schedule.wakeAt) + "|" +
                        std::to_string(schedule.days) + "|") +
-         OwnExecutablePath();
+         win32::StartablePath();
 }
 
 // Older headers call the byte of "always on, always connected" spare2[2].
@@ -57,7 +59,7 @@ bool RegisterWhereNeeded(const SchedulerConnection& scheduler, const PowerSchedu
       TaskExists(scheduler, kWakeTask)) {
     return true;
   }
-  // Gone before the first task changes: whatever cuts this short, the next application begins anew.
+  // Deleted before the first task changes: if this is cut short, the next application begins anew.
   if (!state::DeleteStateValue(state::kPowerScheduleApplied)) {
     log::Log(log::kError, log::kKiosk, "power: cannot note that the tasks are to be registered; they stay as they are");
     return false;

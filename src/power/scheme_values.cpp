@@ -1,10 +1,10 @@
 #include "power/scheme_values.h"
 
-#include "json/parse.h"
 #include "json/serialise.h"
 #include "log/log.h"
 #include "power/active_scheme.h"
 #include "state/kiosk_state.h"
+#include "state/stored_json.h"
 #include "win32/wide_text.h"
 
 #include <objbase.h>
@@ -89,7 +89,7 @@ DWORD ReadAll(const GUID& scheme, json::Value& values) {
 // True when the computer's own values are safe, from now or from an earlier change of this enrolment.
 bool SavePriorPower(const GUID& scheme) {
   state::RawValue saved;
-  DWORD error = static_cast<DWORD>(state::ReadValue(state::kStateKey, state::kPriorPower.name, saved));
+  DWORD error = static_cast<DWORD>(state::ReadState(state::kPriorPower, saved));
   if (error == ERROR_SUCCESS && !saved.Text().value_or(L"").empty()) {
     return true;
   }
@@ -103,8 +103,7 @@ bool SavePriorPower(const GUID& scheme) {
     prior.Set("scheme", GuidText(scheme));
     prior.Set("values", std::move(values));
     const std::wstring text = win32::ToWide(json::Serialise(prior));
-    error = static_cast<DWORD>(state::WriteExisting(state::kStateKey, state::kPriorPower.name, state::kPriorPower.type,
-                                                    text.c_str(), state::StringBytes(text)));
+    error = static_cast<DWORD>(state::WriteState(state::kPriorPower, REG_SZ, text.c_str(), state::StringBytes(text)));
   }
   if (error == ERROR_SUCCESS && !state::FlushStateKey()) {
     error = ERROR_WRITE_FAULT;
@@ -179,14 +178,13 @@ bool SetPowerValue(const GUID& scheme, SchemeSetting setting, DWORD value, bool&
 }
 
 void RestorePriorPower() {
-  const std::optional<json::Value> prior =
-      json::ParseStored(win32::ToNarrow(state::ReadStateString(state::kPriorPower)));
-  const std::wstring text = prior ? win32::ToWide(json::Member(*prior, "scheme").text()) : std::wstring();
+  const json::Value prior = state::LoadJson(state::kPriorPower);
+  const std::wstring text = win32::ToWide(json::Member(prior, "scheme").text());
   GUID scheme{};
   if (text.empty() || FAILED(CLSIDFromString(text.c_str(), &scheme))) {
     return;
   }
-  const bool restored = PutValuesBack(scheme, json::Member(*prior, "values").items());
+  const bool restored = PutValuesBack(scheme, json::Member(prior, "values").items());
   // Also when nothing differed: an earlier run may have been cut short right before this.
   const ActiveScheme active;
   if (active && IsEqualGUID(*active.Id(), scheme)) {

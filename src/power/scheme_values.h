@@ -4,7 +4,6 @@
 #include "win32/winapi.h"
 
 #include <cstddef>
-#include <cstdint>
 
 namespace kiosk::power {
 
@@ -12,9 +11,9 @@ namespace kiosk::power {
 enum class SchemeSetting : std::size_t { kScreenOff = 0, kSleep = 1, kWakeTimers = 2 };
 
 // Makes the setting read `value` (seconds, or 1 for wake timers) on mains and on battery; both are attempted. What is
-// right already is not written. Before the first change of an enrolment all settings are saved; while that fails
-// nothing is changed. `changed` is set by a write that succeeded. False when something could not be saved or written;
-// that is logged. The caller holds the power lock.
+// right already is not written. Before the first change of an enrolment all settings are saved as "PriorPower"; while
+// that fails nothing is changed. `changed` becomes true with a write that succeeded. False when something could not be
+// saved or written; that is logged. The caller holds the power lock.
 bool SetPowerValue(const GUID& scheme, SchemeSetting setting, DWORD value, bool& changed);
 
 // Puts the saved values back on the scheme they came from, where they differ, and makes them take effect when that

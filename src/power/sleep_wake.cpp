@@ -1,7 +1,7 @@
 #include "power/sleep_wake.h"
 
 #include "log/log.h"
-#include "power/policy_store.h"
+#include "power/power_policy_store.h"
 #include "power/stream_session.h"
 #include "win32/privilege.h"
 #include "win32/winapi.h"
@@ -16,9 +16,9 @@ namespace {
 
 constexpr std::uint32_t kLatest = 10 * 60;  // seconds
 
-// How many seconds after the schedule's time to sleep it is, when that is too late. Windows keeps the tasks of services
-// back while the battery saver is on and runs them when it ends: in the morning, say, in front of people. On the
-// minutes before that time nothing is late, and without a schedule this was run by hand.
+// How many seconds after the schedule's time to sleep it is, if that is too late to sleep. While the battery saver is
+// on Windows holds the tasks of services back, and when it ends, perhaps in the morning in front of people, it runs
+// them. The last minutes before that time are not late; without a schedule somebody runs this by hand.
 std::optional<std::uint32_t> TooLate() {
   PowerPolicy policy;
   if (!LoadEffectivePowerPolicy(policy) || !policy.schedule.enabled) {
@@ -32,7 +32,7 @@ std::optional<std::uint32_t> TooLate() {
   return late > kLatest && late < kDay - kLatest ? std::optional(late) : std::nullopt;
 }
 
-// Sleep and not hibernation, applications are asked, wake timers stay on.
+// Sleeps and does not hibernate; applications are asked first; wake timers stay on.
 bool Suspend() {
   win32::EnablePrivilege(SE_SHUTDOWN_NAME);
   log::Log(log::kNotice, log::kKiosk, "power: scheduled sleep");

@@ -2,7 +2,7 @@
 
 #include "enrolment/enrolment.h"
 #include "log/log.h"
-#include "power/policy_store.h"
+#include "power/power_policy_store.h"
 #include "win32/handle.h"
 #include "win32/stop.h"
 
@@ -12,11 +12,11 @@
 namespace kiosk::power {
 namespace {
 
-// Shorter than the unattended time-out. Waits stand still while the computer sleeps, so this is never over long after
-// a wake.
+// In ms; shorter than the unattended time-out. A wait stands still while the computer sleeps, so after a wake there is
+// at most this left of it.
 constexpr DWORD kEvery = 60'000;
 
-// A set request, which ends with its handle. Empty, with the last error, when Windows refuses.
+// A request that is set until its handle is closed. Empty, with the last error, when Windows refuses.
 win32::FileHandle RequireSystem() {
   std::wstring reason = L"The power schedule of this kiosk terminal keeps it awake.";
   REASON_CONTEXT context{};
@@ -51,8 +51,8 @@ class AwakeKeeper {
       error_ = ERROR_SUCCESS;
       return;
     }
-    // Anew each time, since Windows ends requests when somebody puts the computer to sleep. The one before goes after
-    // that, so that there is no moment without one.
+    // A new one each time, since Windows ends requests when somebody puts the computer to sleep. The old one is closed
+    // after that, so that there is no moment without one.
     win32::FileHandle request = RequireSystem();
     const DWORD error = request ? ERROR_SUCCESS : GetLastError();
     if (error != ERROR_SUCCESS && error != error_) {

@@ -2,10 +2,9 @@
 
 #include "log/log.h"
 #include "power/weekly_trigger.h"
+#include "win32/program_path.h"
 #include "win32/wide_text.h"
 
-#include <array>
-#include <cstdio>
 #include <initializer_list>
 #include <string_view>
 
@@ -14,6 +13,7 @@ namespace {
 
 using win32::Bstr;
 using win32::ComPtr;
+using win32::HresultText;
 using win32::MakeBstr;
 
 constexpr wchar_t kLocalSystem[] = L"S-1-5-18";
@@ -24,14 +24,6 @@ template <typename Interface>
 HRESULT PutText(Interface* object, HRESULT (STDMETHODCALLTYPE Interface::*put)(BSTR), std::wstring_view text) {
   const Bstr value = MakeBstr(text);
   return value ? (object->*put)(value.Get()) : E_OUTOFMEMORY;
-}
-
-template <typename To, typename From>
-HRESULT Query(const ComPtr<From>& object, REFIID interfaceId, ComPtr<To>& other) {
-  void* found = nullptr;
-  const HRESULT result = object->QueryInterface(interfaceId, &found);
-  other = ComPtr<To>(static_cast<To*>(found));
-  return result;
 }
 
 // The first failure, or S_OK. All of them have been tried by then.
@@ -52,12 +44,6 @@ VARIANT EmptyVariant() {
 
 VARIANT_BOOL VariantBool(bool value) { return value ? VARIANT_TRUE : VARIANT_FALSE; }
 
-std::string Hex(HRESULT result) {
-  char text[16];
-  static_cast<void>(std::snprintf(text, sizeof(text), "0x%08lx", static_cast<unsigned long>(result)));
-  return text;
-}
-
 // Builds one task. Each step returns false once it has logged why.
 class Registration {
  public:
@@ -75,11 +61,11 @@ class Registration {
 
  private:
   bool Failed(const char* before, const char* after, HRESULT result) const {
-    log::Log(log::kError, log::kKiosk, "power: %s%s%s (%s)", before, name_.c_str(), after, Hex(result).c_str());
+    log::Log(log::kError, log::kKiosk, "power: %s%s%s (%s)", before, name_.c_str(), after, HresultText(result).c_str());
     return false;
   }
 
-  // What fails here shows in the task's properties only: it is registered as LocalSystem's in any case.
+  // A failure here shows in the task's properties alone: Register names LocalSystem once more.
   void DescribeAndChoosePrincipal() {
     ComPtr<IRegistrationInfo> info;
     if (SUCCEEDED(definition_->get_RegistrationInfo(info.Put())) && info) {
@@ -100,6 +86,8 @@ class Registration {
     if (FAILED(found) || !settings) {
       return Failed("no settings for \"", "\"", found);
     }
+    // A run that was missed is not made up for later, in front of people; one that hangs is ended. By default a task
+    // would neither begin nor go on without mains.
     settings->put_Enabled(VARIANT_TRUE);
     settings->put_StartWhenAvailable(VARIANT_FALSE);
     settings->put_DisallowStartIfOnBatteries(VARIANT_FALSE);
@@ -119,7 +107,7 @@ class Registration {
       result = triggers->Create(TASK_TRIGGER_WEEKLY, trigger.Put());
     }
     if (SUCCEEDED(result) && trigger) {
-      result = Query(trigger, IID_IWeeklyTrigger, weekly);
+      result = trigger.As(IID_IWeeklyTrigger, weekly);
     }
     if (FAILED(result) || !weekly) {
       return Failed("no weekly trigger for \"", "\"", result);
@@ -140,7 +128,7 @@ class Registration {
       result = actions->Create(TASK_ACTION_EXEC, action.Put());
     }
     if (SUCCEEDED(result) && action) {
-      result = Query(action, IID_IExecAction, exec);
+      result = action.As(IID_IExecAction, exec);
     }
     if (FAILED(result) || !exec) {
       return Failed("no action for \"", "\"", result);
@@ -175,7 +163,7 @@ class Registration {
 
 bool ConnectTaskScheduler(SchedulerConnection& scheduler) {
   const auto failed = [](const char* what, HRESULT result) {
-    log::Log(log::kError, log::kKiosk, "power: %s (%s)", what, Hex(result).c_str());
+    log::Log(log::kError, log::kKiosk, "power: %s (%s)", what, HresultText(result).c_str());
     return false;
   };
   HRESULT result = win32::CreateInProcess(CLSID_TaskScheduler, IID_ITaskService, scheduler.service);
@@ -191,12 +179,6 @@ bool ConnectTaskScheduler(SchedulerConnection& scheduler) {
   return (SUCCEEDED(result) && scheduler.folder) || failed("no Task Scheduler root folder", result);
 }
 
-std::wstring OwnExecutablePath() {
-  std::array<wchar_t, MAX_PATH> path{};
-  const DWORD length = GetModuleFileNameW(nullptr, path.data(), path.size());
-  return length < path.size() ? std::wstring(path.data(), length) : std::wstring();
-}
-
 bool TaskExists(const SchedulerConnection& scheduler, const PowerTask& task) {
   const Bstr name = MakeBstr(task.name);
   ComPtr<IRegisteredTask> found;
@@ -205,7 +187,7 @@ bool TaskExists(const SchedulerConnection& scheduler, const PowerTask& task) {
 
 bool RegisterPowerTask(const SchedulerConnection& scheduler, const PowerTask& task, std::uint32_t minutesAfterMidnight,
                        DayMask days) {
-  const std::wstring program = OwnExecutablePath();
+  const std::wstring program = win32::StartablePath();
   if (program.empty() || !Registration(scheduler, task).Run(program, minutesAfterMidnight, days)) {
     return false;
   }
@@ -221,7 +203,7 @@ void RemovePowerTask(const SchedulerConnection& scheduler, const PowerTask& task
   if (SUCCEEDED(result)) {
     log::Log(log::kNotice, log::kKiosk, "power: removed the task \"%s\"", text.c_str());
   } else if (result != kNoSuchTask) {
-    log::Log(log::kError, log::kKiosk, "power: cannot remove \"%s\" (%s)", text.c_str(), Hex(result).c_str());
+    log::Log(log::kError, log::kKiosk, "power: cannot remove \"%s\" (%s)", text.c_str(), HresultText(result).c_str());
   }
 }
 

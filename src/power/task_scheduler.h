@@ -17,18 +17,14 @@ struct PowerTask {
   bool isWake;  // the task wakes the computer for its run
 };
 
-// Task Scheduler, connected, with its root folder. Its objects end before the caller's COM apartment does.
+// Task Scheduler, connected, with its root folder. To be destroyed before the caller leaves its COM apartment.
 struct SchedulerConnection {
   win32::ComPtr<ITaskService> service;
   win32::ComPtr<ITaskFolder> folder;
 };
 
-// False when a step fails; it is logged. The caller is in a COM apartment.
+// False when a step fails, which is logged. The caller is in a COM apartment.
 bool ConnectTaskScheduler(SchedulerConnection& scheduler);
-
-// The path of this program; empty when it is too long (260 characters or more) for Windows to run it as a task or
-// service.
-std::wstring OwnExecutablePath();
 
 bool TaskExists(const SchedulerConnection& scheduler, const PowerTask& task);
 

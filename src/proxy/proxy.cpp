@@ -1,12 +1,12 @@
 #include "proxy/proxy.h"
 
-#include "json/parse.h"
-#include "json/serialise.h"
+#include "command/reply.h"
 #include "log/log.h"
 #include "proxy/proxy_settings.h"
 #include "state/kiosk_state.h"
-#include "win32/handle.h"
+#include "state/stored_json.h"
 #include "win32/lock.h"
+#include "win32/owners.h"
 #include "win32/wide_text.h"
 
 #include <winhttp.h>
@@ -23,15 +23,8 @@ namespace {
 // Held from reading the setting to writing it. Connection threads and teardown come here.
 win32::Lock proxyLock{win32::LockRank::kLeaf};
 
-struct GlobalTextTraits {
-  using Value = wchar_t*;
-  static Value Invalid() noexcept { return nullptr; }
-  static void Free(Value value) noexcept { GlobalFree(value); }
-};
-using GlobalText = win32::Owner<GlobalTextTraits>;
-
-// Where WinHTTP keeps its default. Its functions know of a named proxy alone; "netsh winhttp set advproxy" also leaves
-// a script there, and finding one by itself, which they read as direct access.
+// Where WinHTTP keeps its default proxy. Its functions know only a named one; "netsh winhttp set advproxy" can also set
+// a script, or that one is looked for, and the functions read that as direct access.
 constexpr wchar_t kConnectionsKey[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Internet Settings\\Connections";
 constexpr wchar_t kSettingsValue[] = L"WinHttpSettings";
 constexpr std::size_t kFlagsAt = 8;  // in its bytes
@@ -50,7 +43,7 @@ bool SameBytes(const std::optional<state::RawValue>& left, const std::optional<s
   return left.has_value() == right.has_value() && (!left || (left->type == right->type && left->bytes == right->bytes));
 }
 
-std::string TextOf(const GlobalText& text) { return text ? win32::ToNarrow(text.Get()) : std::string(); }
+std::string TextOf(const win32::GlobalText& text) { return text ? win32::ToNarrow(text.Get()) : std::string(); }
 
 bool ReadSetting(Setting& setting) {
   WINHTTP_PROXY_INFO info{};
@@ -58,8 +51,8 @@ bool ReadSetting(Setting& setting) {
     log::Log(log::kError, log::kKiosk, "proxy: cannot read the default proxy (%lu)", GetLastError());
     return false;
   }
-  const GlobalText server(info.lpszProxy);
-  const GlobalText bypass(info.lpszProxyBypass);
+  const win32::GlobalText server(info.lpszProxy);
+  const win32::GlobalText bypass(info.lpszProxyBypass);
   setting.proxy =
       info.dwAccessType == WINHTTP_ACCESS_TYPE_NAMED_PROXY ? Proxy{TextOf(server), TextOf(bypass)} : Proxy{};
   state::RawValue raw;
@@ -72,11 +65,10 @@ bool ReadSetting(Setting& setting) {
   return true;
 }
 
-// Makes the bytes those again, and makes sure that they are.
+// Writes the bytes back, and makes sure that they read so.
 bool WriteBytes(const std::optional<state::RawValue>& bytes) {
   if (bytes) {
-    state::WriteValue(HKEY_LOCAL_MACHINE, kConnectionsKey, kSettingsValue, bytes->type, bytes->bytes.data(),
-                      static_cast<DWORD>(bytes->bytes.size()));
+    state::WriteValue(kConnectionsKey, kSettingsValue, *bytes);
   } else {
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kConnectionsKey, kSettingsValue);
   }
@@ -88,7 +80,7 @@ bool WriteBytes(const std::optional<state::RawValue>& bytes) {
   return done;
 }
 
-// Writes the setting, without a script, and makes sure that it reads so. `now` is what it is.
+// Writes the setting, without a script, and makes sure that it reads so. `now` is what it was, and is read anew.
 bool WriteProxy(const Proxy& proxy, Setting& now) {
   if (now.HasScript() && !WriteBytes(std::nullopt)) {
     return false;
@@ -113,17 +105,9 @@ bool WriteProxy(const Proxy& proxy, Setting& now) {
   return done;
 }
 
-json::Value Recorded(const state::StateValue& value) {
-  return json::ParseStored(win32::ToNarrow(state::ReadStateString(value))).value_or(json::Value());
-}
-
-bool Record(const state::StateValue& value, const json::Value& content) {
-  return state::WriteStateString(value, win32::ToWide(json::Serialise(content)));
-}
-
 // Whether the setting is one that the service made.
 bool IsOurs(const Setting& setting) {
-  const json::Value applied = Recorded(state::kAppliedProxy);
+  const json::Value applied = state::LoadJson(state::kAppliedProxy);
   return !setting.HasScript() && std::any_of(applied.items().begin(), applied.items().end(),
                                              [&](const json::Value& each) { return FromJson(each) == setting.proxy; });
 }
@@ -139,7 +123,7 @@ std::optional<Prior> ReadPrior() {
     const bool none = copy->type == REG_NONE && copy->bytes.empty();
     return Prior{none ? std::nullopt : std::move(copy), std::nullopt};
   }
-  if (std::optional<Proxy> proxy = FromJson(Recorded(state::kPriorProxy))) {
+  if (std::optional<Proxy> proxy = FromJson(state::LoadJson(state::kPriorProxy))) {
     return Prior{std::nullopt, std::move(proxy)};
   }
   return std::nullopt;
@@ -150,9 +134,7 @@ bool IsPrior(const Setting& now, const Prior& prior) {
 }
 
 bool CopyToState(const std::optional<state::RawValue>& kept) {
-  const state::RawValue& copy = kept ? *kept : state::RawValue{};
-  return state::WriteExisting(state::kStateKey, state::kPriorWinHttpSettings.name, copy.type, copy.bytes.data(),
-                              static_cast<DWORD>(copy.bytes.size())) == ERROR_SUCCESS &&
+  return state::WriteState(state::kPriorWinHttpSettings, kept.value_or(state::RawValue{})) == ERROR_SUCCESS &&
          state::DeleteStateValue(state::kPriorProxy);
 }
 
@@ -176,7 +158,7 @@ bool SavePrior(const Setting& now, const Proxy& wanted) {
   if (now.HasScript()) {
     applied.Append(ToJson(Proxy{}));  // a script is taken away first
   }
-  return Record(state::kAppliedProxy, applied) && state::FlushStateKey();
+  return state::StoreJson(state::kAppliedProxy, applied) && state::FlushStateKey();
 }
 
 bool Apply(const Proxy& wanted) REQUIRES(proxyLock) {
@@ -205,26 +187,26 @@ bool Apply(const Proxy& wanted) REQUIRES(proxyLock) {
   } else {
     json::Value applied = json::Value::Array();
     applied.Append(ToJson(wanted));
-    Record(state::kAppliedProxy, applied);
+    state::StoreJson(state::kAppliedProxy, applied);
   }
   return true;
 }
 
 }  // namespace
 
-json::Value ProxySet(const json::Value& request) {
-  const Request parsed = ParseRequest(request);
+json::Value ProxySet(const command::Request& request) {
+  const ProxySetRequest parsed = ParseProxySet(request.members);
   if (parsed.invalid != nullptr) {
     log::Log(log::kWarn, log::kKiosk, "proxy.set refused: invalid %s", parsed.invalid);
-    return json::ErrorReply("invalid");
+    return command::ErrorReply("invalid");
   }
   const win32::LockGuard guard(proxyLock);
   if (!Apply(parsed.proxy)) {
-    return json::ErrorReply("failed");
+    return command::ErrorReply("failed");
   }
   log::Log(log::kNotice, log::kKiosk, "proxy: mode %s, %s", parsed.mode.c_str(),
            parsed.proxy.server.empty() ? "direct access" : parsed.proxy.server.c_str());
-  json::Value reply = json::OkReply();
+  json::Value reply = command::OkReply();
   reply.Set("mode", parsed.mode);
   if (parsed.mode == "manual") {
     reply.Set("server", parsed.proxy.server).Set("bypass", parsed.proxy.bypass);

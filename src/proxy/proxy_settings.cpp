@@ -160,8 +160,8 @@ bool IsPacUrl(std::string_view url) {
 
 }  // namespace
 
-Request ParseRequest(const json::Value& request) {
-  Request parsed;
+ProxySetRequest ParseProxySet(const json::Value& request) {
+  ProxySetRequest parsed;
   parsed.mode = json::Member(request, "mode").text();
   if (parsed.mode == "auto") {
     parsed.pacUrl = json::Member(request, "pacUrl").text();

@@ -1,4 +1,4 @@
-// What the default proxy can be set to: from a request, and as text to be kept. Without Windows.
+// What the default proxy can be set to: read from a request, and kept as JSON. No Windows header.
 #pragma once
 
 #include "json/value.h"
@@ -18,7 +18,7 @@ struct Proxy {
 
 // A checked request: either `invalid` names the first member that is wrong, or the rest is good. `pacUrl` is for the
 // mode "auto" alone, where the proxy is direct access.
-struct Request {
+struct ProxySetRequest {
   const char* invalid = nullptr;
   std::string mode;
   std::string pacUrl;
@@ -29,7 +29,7 @@ struct Request {
 // characters. With "manual" "server": HOST:PORT, or one for each scheme as "http=HOST:PORT;https=HOST:PORT", where HOST
 // is a name, an IPv4 address or an IPv6 address in brackets; and "bypass", which may be absent: at most 2048 characters
 // of hosts (with "*" for any characters) and "<local>", separated by semicolons or blanks.
-Request ParseRequest(const json::Value& request);
+ProxySetRequest ParseProxySet(const json::Value& request);
 
 json::Value ToJson(const Proxy& proxy);
 std::optional<Proxy> FromJson(const json::Value& value);

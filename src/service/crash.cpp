@@ -1,9 +1,10 @@
 #include "service/crash.h"
 
-#include "log/day_files.h"
 #include "log/local_log.h"
 #include "log/log.h"
 #include "log/shipper/shipper.h"
+#include "state/folders.h"
+#include "win32/folder_entries.h"
 #include "win32/handle.h"
 #include "win32/secure_folder.h"
 #include "win32/security.h"
@@ -24,9 +25,8 @@ namespace kiosk::service {
 namespace {
 
 constexpr DWORD kTimeToReport = 10'000;
-constexpr int kDumpsPerDay = 8;
-// A dump that is being written. One name for all: what a report that did not come to its end left goes with the next
-// one.
+constexpr std::size_t kDumpsPerDay = 8;
+// A dump while it is being written. It always has this name, so the next report removes what an interrupted one left.
 constexpr wchar_t kUnfinished[] = L"\\NorvaneKiosk.dmp.part";
 // What Windows itself and OnFault need after a stack overflow, and the smallest stack that can spare that.
 constexpr ULONG kStackForFaults = ULONG{48} * 1024;
@@ -74,14 +74,8 @@ std::array<char, 32> Place(const void* address) noexcept {
   return text;
 }
 
-int DumpsOf(const wchar_t* day) {
-  WIN32_FIND_DATAW data;
-  const win32::FindHandle find(
-      FindFirstFileW((std::wstring(log::kLogRoot) + L"\\NorvaneKiosk-" + day + L"-*.dmp").c_str(), &data));
-  int count = 0;
-  while (find && (count++, FindNextFileW(find.Get(), &data) != 0)) {
-  }
-  return count;
+std::size_t DumpsOf(const std::wstring& day) {
+  return win32::EntriesOf(state::kLogRoot, (L"NorvaneKiosk-" + day + L"-*.dmp").c_str()).size();
 }
 
 // The dump shows memory, and the log root is not sure to be private: where its folders could not be secured it may be
@@ -109,7 +103,7 @@ bool FillDump(const std::wstring& path) {
 
 // Whoever finds a dump under its own name finds a whole one.
 bool WriteDump(const std::wstring& path) {
-  const std::wstring unfinished = std::wstring(log::kLogRoot) + kUnfinished;
+  const std::wstring unfinished = std::wstring(state::kLogRoot) + kUnfinished;
   DeleteFileW(unfinished.c_str());
   if (FillDump(unfinished) && MoveFileExW(unfinished.c_str(), path.c_str(), MOVEFILE_WRITE_THROUGH) != 0) {
     return true;
@@ -132,7 +126,7 @@ void KeepDump() {
   wchar_t name[80];
   static_cast<void>(std::swprintf(name, std::size(name), L"\\NorvaneKiosk-%ls-%02d%02d%02d-%lu.dmp", day, now.wHour,
                                   now.wMinute, now.wSecond, GetCurrentProcessId()));
-  const std::wstring path = std::wstring(log::kLogRoot) + name;
+  const std::wstring path = std::wstring(state::kLogRoot) + name;
   if (WriteDump(path)) {
     log::LogLocal(log::kError, "fault: dump in %s", win32::ToNarrow(path).c_str());
   } else {

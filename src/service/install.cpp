@@ -5,6 +5,7 @@
 #include "win32/clock.h"
 #include "win32/console.h"
 #include "win32/handle.h"
+#include "win32/program_path.h"
 
 #include <array>
 #include <string>
@@ -22,20 +23,6 @@ constexpr DWORD kStopPoll = 250;
 int PrintFailure(const char* call, DWORD error) {
   win32::Print(std::string(call) + " failed (" + std::to_string(error) + ")\n");
   return 1;
-}
-
-// The quoted path of this program; empty, with the last error set, when it is longer than a service's path may be.
-std::wstring BinaryPath() {
-  std::array<wchar_t, MAX_PATH> path{};
-  const DWORD length = GetModuleFileNameW(nullptr, path.data(), path.size());
-  if (length == 0) {
-    return {};
-  }
-  if (length >= path.size()) {
-    SetLastError(ERROR_INSUFFICIENT_BUFFER);  // Windows cut it; a cut path would name another program
-    return {};
-  }
-  return L"\"" + std::wstring(path.data(), length) + L"\"";
 }
 
 ServiceHandle CreateOrReconfigure(SC_HANDLE manager, const std::wstring& binary) {
@@ -79,15 +66,15 @@ void StopAndWait(SC_HANDLE service) {
 }  // namespace
 
 int Install() {
-  const std::wstring binary = BinaryPath();
-  if (binary.empty()) {
+  const std::wstring path = win32::StartablePath();
+  if (path.empty()) {
     return PrintFailure("GetModuleFileName", GetLastError());
   }
   const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE));
   if (!manager) {
     return PrintFailure("OpenSCManager", GetLastError());
   }
-  const ServiceHandle service = CreateOrReconfigure(manager.Get(), binary);
+  const ServiceHandle service = CreateOrReconfigure(manager.Get(), L"\"" + path + L"\"");
   if (!service) {
     return PrintFailure("CreateService", GetLastError());
   }

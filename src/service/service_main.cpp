@@ -85,6 +85,9 @@ DWORD WINAPI OnControl(DWORD control, DWORD eventType, void* eventData, void* /*
   }
 }
 
+// Task Scheduler and the management instrumentation act as this service while they do what it asks for: hence the right
+// to impersonate. There is no list of who may call: all that can be called are the callbacks that the update agent is
+// given, and who calls them from its process is Windows' own affair.
 void SecureCom(HRESULT initialised) {
   if (FAILED(initialised)) {
     return;
@@ -92,7 +95,7 @@ void SecureCom(HRESULT initialised) {
   const HRESULT result = CoInitializeSecurity(nullptr, -1, nullptr, nullptr, RPC_C_AUTHN_LEVEL_DEFAULT,
                                               RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE, nullptr);
   if (FAILED(result) && result != RPC_E_TOO_LATE) {
-    log::Log(log::kWarn, log::kKiosk, "CoInitializeSecurity failed (0x%08lx)", static_cast<unsigned long>(result));
+    log::Log(log::kWarn, log::kKiosk, "CoInitializeSecurity failed (%s)", win32::HresultText(result).c_str());
   }
 }
 

@@ -13,9 +13,8 @@ namespace {
 // Protected; full control for SYSTEM and for Administrators, inherited by subkeys; nobody else may even read.
 constexpr wchar_t kStateKeySddl[] = L"D:P(A;CI;KA;;;SY)(A;CI;KA;;;BA)";
 constexpr wchar_t kParentKey[] = L"SOFTWARE\\Norvane\\Tessaly";
-constexpr wchar_t kUpdateKey[] = L"SOFTWARE\\Norvane\\Tessaly\\Update";
 
-// The key, opened once for all reads: a status alone makes eight of them. Values are never kept. Without a destructor,
+// One handle of the key serves all reads, of which a single status makes eight; no value is kept. It has no destructor,
 // since any thread may still read while the process ends.
 win32::Lock keyLock{win32::LockRank::kStateKey};
 HKEY openKey GUARDED_BY(keyLock) = nullptr;
@@ -27,23 +26,28 @@ LSTATUS ReadFromOpenKey(const wchar_t* name, RawValue& raw) {
 }
 
 // An uninstall deletes the key and a later start makes it anew: a handle of the old one has to go.
-void Reopen() {
+LSTATUS Reopen() {
   const win32::LockGuard guard(keyLock);
   win32::RegistryKey key(openKey);
-  openKey = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kStateKey, 0, KEY_QUERY_VALUE, key.Put()) == ERROR_SUCCESS ? key.Release()
-                                                                                                         : nullptr;
+  const LSTATUS status = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kStateKey, 0, KEY_QUERY_VALUE, key.Put());
+  openKey = status == ERROR_SUCCESS ? key.Release() : nullptr;
+  return status;
 }
 
 }  // namespace
 
-std::optional<RawValue> ReadState(const StateValue& value) {
-  RawValue raw;
+LSTATUS ReadState(const StateValue& value, RawValue& raw) {
   LSTATUS status = ReadFromOpenKey(value.name, raw);
   if (status == ERROR_KEY_DELETED) {
-    Reopen();
-    status = ReadFromOpenKey(value.name, raw);
+    status = Reopen();
+    status = status == ERROR_SUCCESS ? ReadFromOpenKey(value.name, raw) : status;
   }
-  return status == ERROR_SUCCESS ? std::optional(std::move(raw)) : std::nullopt;
+  return status == ERROR_KEY_DELETED ? ERROR_FILE_NOT_FOUND : status;  // deleted once more in between
+}
+
+std::optional<RawValue> ReadState(const StateValue& value) {
+  RawValue raw;
+  return ReadState(value, raw) == ERROR_SUCCESS ? std::optional(std::move(raw)) : std::nullopt;
 }
 
 ProtectResult ProtectStateKey() {
@@ -79,10 +83,17 @@ std::wstring ReadStateString(const StateValue& value) {
   return raw ? raw->Text().value_or(L"") : std::wstring();
 }
 
-bool FlagIsOn(const StateValue& value) {
+DWORD ReadStateDword(const StateValue& value) {
   const std::optional<RawValue> raw = ReadState(value);
-  return raw && raw->Dword() == DWORD{1};
+  return raw ? raw->Dword().value_or(0) : 0;
 }
+
+std::uint64_t ReadStateQword(const StateValue& value) {
+  const std::optional<RawValue> raw = ReadState(value);
+  return raw ? raw->Qword().value_or(0) : 0;
+}
+
+bool FlagIsOn(const StateValue& value) { return ReadStateDword(value) == 1; }
 
 bool TokenIsStored() {
   const std::optional<RawValue> raw = ReadState(kDeviceToken);
@@ -91,15 +102,26 @@ bool TokenIsStored() {
 
 bool WriteStateString(const StateValue& value, std::wstring_view text) {
   const std::wstring terminated(text);
-  return WriteExisting(kStateKey, value.name, value.type, terminated.c_str(), StringBytes(text)) == ERROR_SUCCESS;
+  return WriteState(value, value.type, terminated.c_str(), StringBytes(text)) == ERROR_SUCCESS;
 }
 
 bool WriteStateDword(const StateValue& value, DWORD number) {
-  return WriteExisting(kStateKey, value.name, REG_DWORD, &number, sizeof(number)) == ERROR_SUCCESS;
+  return WriteState(value, REG_DWORD, &number, sizeof(number)) == ERROR_SUCCESS;
 }
 
 bool WriteStateQword(const StateValue& value, std::uint64_t number) {
-  return WriteExisting(kStateKey, value.name, REG_QWORD, &number, sizeof(number)) == ERROR_SUCCESS;
+  return WriteState(value, REG_QWORD, &number, sizeof(number)) == ERROR_SUCCESS;
+}
+
+LSTATUS WriteState(const StateValue& value, const RawValue& content) {
+  return WriteState(value, content.type, content.bytes.data(), content.Size());
+}
+
+LSTATUS WriteState(const StateValue& value, DWORD type, const void* data, DWORD size) {
+  win32::RegistryKey key;
+  const LSTATUS opened = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kStateKey, 0, KEY_SET_VALUE, key.Put());
+  return opened != ERROR_SUCCESS ? opened
+                                 : RegSetValueExW(key.Get(), value.name, 0, type, static_cast<const BYTE*>(data), size);
 }
 
 bool SetStateStringIfChanged(const StateValue& value, std::wstring_view text) {
@@ -120,6 +142,12 @@ bool DeleteStateValue(const StateValue& value) {
   return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;
 }
 
+void DeleteStateValues(std::initializer_list<StateValue> values) {
+  for (const StateValue& value : values) {
+    DeleteStateValue(value);
+  }
+}
+
 bool FlushStateKey() {
   win32::RegistryKey key;
   return RegOpenKeyExW(HKEY_LOCAL_MACHINE, kStateKey, 0, KEY_QUERY_VALUE, key.Put()) == ERROR_SUCCESS &&
@@ -132,14 +160,6 @@ void RecordLastError(std::string_view text) {
   } else {
     WriteStateString(kLastError, win32::ToWide(text));
   }
-}
-
-std::wstring ClientInstallFolder() {
-  std::wstring folder = ReadString(kUpdateKey, L"ClientInstallDir").value_or(L"");
-  while (!folder.empty() && (folder.back() == L'\\' || folder.back() == L'/')) {
-    folder.pop_back();
-  }
-  return folder;
 }
 
 }  // namespace kiosk::state

@@ -5,6 +5,8 @@
 #include "state/registry.h"
 #include "state/state_values.h"
 
+#include <cstdint>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,8 +24,14 @@ ProtectResult ProtectStateKey();
 // A value of the key, whatever its type; empty when it is absent or cannot be read.
 std::optional<RawValue> ReadState(const StateValue& value);
 
-// The text of a string value; empty when absent.
+// The same for whom that makes a difference. ERROR_FILE_NOT_FOUND when the key or the value is missing; anything else
+// but success means that nobody knows what stands there.
+LSTATUS ReadState(const StateValue& value, RawValue& raw);
+
+// For whom absence, or another type, means the same as an empty text or 0.
 std::wstring ReadStateString(const StateValue& value);
+DWORD ReadStateDword(const StateValue& value);
+std::uint64_t ReadStateQword(const StateValue& value);
 
 // True only for a REG_DWORD that reads exactly 1.
 bool FlagIsOn(const StateValue& value);
@@ -37,6 +45,10 @@ bool WriteStateString(const StateValue& value, std::wstring_view text);
 bool WriteStateDword(const StateValue& value, DWORD number);
 bool WriteStateQword(const StateValue& value, std::uint64_t number);
 
+// The same for content that comes with a type of its own. ERROR_FILE_NOT_FOUND when the key is missing.
+LSTATUS WriteState(const StateValue& value, const RawValue& content);
+LSTATUS WriteState(const StateValue& value, DWORD type, const void* data, DWORD size);
+
 // Makes the REG_SZ value read `text`; an empty text deletes it. False, and nothing is written, when it reads exactly so
 // already (a missing value reads empty). Otherwise true, also when the registry refused: the caller says that it
 // changed.
@@ -44,6 +56,7 @@ bool SetStateStringIfChanged(const StateValue& value, std::wstring_view text);
 
 // Deleting what is absent is success.
 bool DeleteStateValue(const StateValue& value);
+void DeleteStateValues(std::initializer_list<StateValue> values);  // in this order; a failure does not end it
 
 // Makes the key's content durable. The registry writes lazily: without this a power cut undoes the last seconds.
 bool FlushStateKey();
@@ -51,8 +64,5 @@ bool FlushStateKey();
 // Shows `text` (UTF-8) as the terminal's error until something clears it; an empty text clears it. Failures are
 // ignored.
 void RecordLastError(std::string_view text);
-
-// The folder in which the client program is installed, without trailing slashes; empty when the installer left none.
-std::wstring ClientInstallFolder();
 
 }  // namespace kiosk::state

@@ -49,6 +49,13 @@ std::optional<Number> NumberOf(const RawValue& value, DWORD type) {
   return number;
 }
 
+bool Write(const wchar_t* subkey, const wchar_t* name, DWORD type, const void* data, DWORD size) {
+  RegistryKey key;
+  return RegCreateKeyExW(HKEY_LOCAL_MACHINE, subkey, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_SET_VALUE, nullptr,
+                         key.Put(), nullptr) == ERROR_SUCCESS &&
+         RegSetValueExW(key.Get(), name, 0, type, static_cast<const BYTE*>(data), size) == ERROR_SUCCESS;
+}
+
 }  // namespace
 
 std::optional<std::wstring> RawValue::Text() const {
@@ -90,24 +97,17 @@ std::optional<DWORD> ReadDword(const wchar_t* subkey, const wchar_t* name) {
   return value ? value->Dword() : std::nullopt;
 }
 
-bool WriteValue(HKEY root, const wchar_t* subkey, const wchar_t* name, DWORD type, const void* data, DWORD size) {
-  RegistryKey key;
-  return RegCreateKeyExW(root, subkey, 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_SET_VALUE, nullptr, key.Put(),
-                         nullptr) == ERROR_SUCCESS &&
-         RegSetValueExW(key.Get(), name, 0, type, static_cast<const BYTE*>(data), size) == ERROR_SUCCESS;
+bool WriteValue(const wchar_t* subkey, const wchar_t* name, const RawValue& value) {
+  return Write(subkey, name, value.type, value.bytes.data(), value.Size());
 }
 
-LSTATUS WriteExisting(const wchar_t* subkey, const wchar_t* name, DWORD type, const void* data, DWORD size) {
-  RegistryKey key;
-  const LSTATUS opened = RegOpenKeyExW(HKEY_LOCAL_MACHINE, subkey, 0, KEY_SET_VALUE, key.Put());
-  return opened != ERROR_SUCCESS ? opened
-                                 : RegSetValueExW(key.Get(), name, 0, type, static_cast<const BYTE*>(data), size);
+bool WriteString(const wchar_t* subkey, const wchar_t* name, std::wstring_view text, DWORD type) {
+  const std::wstring terminated(text);
+  return Write(subkey, name, type, terminated.c_str(), StringBytes(text));
 }
 
-bool CopyValue(const wchar_t* fromSubkey, const wchar_t* fromName, const wchar_t* toSubkey, const wchar_t* toName) {
-  const std::optional<RawValue> value = ReadBelow(fromSubkey, fromName);
-  return value && WriteValue(HKEY_LOCAL_MACHINE, toSubkey, toName, value->type, value->bytes.data(),
-                             static_cast<DWORD>(value->bytes.size()));
+bool WriteDword(const wchar_t* subkey, const wchar_t* name, DWORD number) {
+  return Write(subkey, name, REG_DWORD, &number, sizeof(number));
 }
 
 }  // namespace kiosk::state

@@ -1,5 +1,5 @@
-// Small helpers over the registry. They work on HKLM unless told otherwise, hold no lock, never log and never throw for
-// a registry failure: expected absence is an empty optional, everything else is the result.
+// Small helpers over the registry. They work on HKLM unless they are given a key, hold no lock, never log and never
+// throw for a registry failure: expected absence is an empty optional, everything else is the result.
 #pragma once
 
 #include "win32/winapi.h"
@@ -16,6 +16,8 @@ namespace kiosk::state {
 struct RawValue {
   DWORD type = REG_NONE;
   std::vector<std::uint8_t> bytes;
+
+  [[nodiscard]] DWORD Size() const noexcept { return static_cast<DWORD>(bytes.size()); }
 
   // What the value means as one type; empty when it is of another type (or size, for numbers). A text of type REG_SZ or
   // REG_EXPAND_SZ ends at its first NUL; the latter is expanded, and is empty when that fails.
@@ -38,15 +40,10 @@ std::optional<std::wstring> ReadString(const wchar_t* subkey, const wchar_t* nam
 // A REG_DWORD value; any other type counts as absent.
 std::optional<DWORD> ReadDword(const wchar_t* subkey, const wchar_t* name);
 
-// Creates or opens the key (default security) and sets the value. True when both succeed.
-bool WriteValue(HKEY root, const wchar_t* subkey, const wchar_t* name, DWORD type, const void* data, DWORD size);
-
-// Sets a value of an existing key and never creates one. ERROR_FILE_NOT_FOUND when the key is missing.
-LSTATUS WriteExisting(const wchar_t* subkey, const wchar_t* name, DWORD type, const void* data, DWORD size);
-
-// Copies a value with its type and bytes, whatever they are (an empty value as a zero-length one). False when the
-// source cannot be read or the destination cannot be written.
-bool CopyValue(const wchar_t* fromSubkey, const wchar_t* fromName, const wchar_t* toSubkey, const wchar_t* toName);
+// These create or open the key (default security) and set the value. True when both succeed.
+bool WriteValue(const wchar_t* subkey, const wchar_t* name, const RawValue& value);
+bool WriteString(const wchar_t* subkey, const wchar_t* name, std::wstring_view text, DWORD type = REG_SZ);
+bool WriteDword(const wchar_t* subkey, const wchar_t* name, DWORD number);
 
 // Bytes of a text as REG_SZ wants them counted: with the terminating NUL.
 constexpr DWORD StringBytes(std::wstring_view text) noexcept {

@@ -22,6 +22,21 @@ constexpr std::size_t AnnouncedLength(char lead) noexcept {
 
 }  // namespace
 
+void AppendHex(std::string& out, unsigned char byte) {
+  constexpr char kDigits[] = "0123456789abcdef";
+  out += kDigits[byte >> 4U];
+  out += kDigits[byte & 0x0FU];
+}
+
+std::string Hex(std::span<const std::uint8_t> bytes) {
+  std::string text;
+  text.reserve(2 * bytes.size());
+  for (const std::uint8_t byte : bytes) {
+    AppendHex(text, byte);
+  }
+  return text;
+}
+
 std::string_view TrimSpace(std::string_view text) noexcept {
   while (!text.empty() && IsSpace(text.front())) {
     text.remove_prefix(1);

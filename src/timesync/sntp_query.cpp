@@ -18,7 +18,6 @@ namespace {
 constexpr wchar_t kPort[] = L"123";
 constexpr DWORD kResolveTimeout = 15'000;
 constexpr DWORD kReceiveTimeout = 5'000;
-constexpr std::uint64_t kFileTimePerMillisecond = 10'000;
 
 struct SocketTraits {
   using Value = SOCKET;
@@ -27,9 +26,7 @@ struct SocketTraits {
 };
 using Socket = win32::Owner<SocketTraits>;
 
-struct SocketEventTraits {
-  using Value = WSAEVENT;
-  static Value Invalid() noexcept { return nullptr; }  // WSA_INVALID_EVENT
+struct SocketEventTraits : win32::NullIsNone<WSAEVENT> {  // as WSA_INVALID_EVENT is
   static void Free(Value value) noexcept { WSACloseEvent(value); }
 };
 using SocketEvent = win32::Owner<SocketEventTraits>;
@@ -88,7 +85,7 @@ std::optional<sockaddr_in> Resolve(const std::wstring& server, DWORD most) {
   return resolution->address;
 }
 
-Milliseconds Now() noexcept { return static_cast<Milliseconds>(win32::FileTimeNow() / kFileTimePerMillisecond); }
+Milliseconds Now() noexcept { return static_cast<Milliseconds>(win32::FileTimeNow() / win32::kFileTimeMillisecond); }
 
 }  // namespace
 

@@ -8,7 +8,7 @@
 
 namespace kiosk::timesync {
 
-// What a query takes at most: 15 s for the name, 5 for the answer.
+// What a query takes at most, in ms: 15 s for the name, 5 s for the answer.
 inline constexpr DWORD kSntpQueryTime = 20'000;
 
 // Asks the server once, over IPv4 and UDP port 123 of the first address of its name, how far the local clock is behind.

@@ -3,7 +3,7 @@
 #include "log/log.h"
 #include "win32/clock.h"
 #include "win32/grow.h"
-#include "win32/handle.h"
+#include "win32/owners.h"
 #include "win32/stop.h"
 #include "win32/thread.h"
 
@@ -22,13 +22,6 @@ constexpr DWORD kProgramWait = 20'000;
 // The arguments of W32TimeSync in [MS-W32T]. Only with TimeSyncFlag_ReturnResult (2) would the result be the outcome.
 constexpr DWORD kSyncWait = 1;   // come back when the attempt is over, however it ended
 constexpr DWORD kSyncFlags = 1;  // TimeSyncFlag_HardResync: throw the time samples away and get new ones
-
-struct LibraryTraits {
-  using Value = HMODULE;
-  static Value Invalid() noexcept { return nullptr; }
-  static void Free(Value value) noexcept { FreeLibrary(value); }
-};
-using Library = win32::Owner<LibraryTraits>;
 
 DWORD StateOf(SC_HANDLE service) {
   SERVICE_STATUS status{};
@@ -70,7 +63,8 @@ bool WaitUntilItRuns(SC_HANDLE service, const win32::Deadline& deadline) {
 
 // The call has no time limit of its own, so a thread makes it, which may be left behind with the library it runs in.
 DWORD SyncNowResult() {
-  auto library = std::make_shared<Library>(LoadLibraryExW(L"w32time.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
+  auto library =
+      std::make_shared<win32::Library>(LoadLibraryExW(L"w32time.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
   using SyncNow = DWORD(WINAPI*)(const wchar_t* computer, DWORD wait, DWORD flags);
   const auto syncNow =
       *library ? reinterpret_cast<SyncNow>(reinterpret_cast<void*>(GetProcAddress(library->Get(), "W32TimeSyncNow")))

@@ -1,5 +1,6 @@
 #include "timesync/time_sync.h"
 
+#include "command/reply.h"
 #include "log/log.h"
 #include "state/registry.h"
 #include "text/text.h"
@@ -26,13 +27,23 @@ constexpr Milliseconds kRight = 2'000;     // a clock that is out by no more cou
 constexpr DWORD kSettleTime = 10'000;      // how long the clock is measured again
 constexpr DWORD kBetweenQueries = 2'000;   // as far apart as the queries of a burst of NTP
 
+// The host that Windows takes its time from: the first that its setting names, without flags; Windows' own public
+// server when the setting names none.
+std::wstring TimeServer() {
+  std::string list = win32::ToNarrow(state::ReadString(kParametersKey, L"NtpServer").value_or(L""));
+  list = text::TrimSpace(list);
+  std::transform(list.begin(), list.end(), list.begin(), text::AsciiLower<char>);
+  const std::wstring first = win32::ToWide(std::string_view(list).substr(0, list.find_first_of(" ,")));
+  return first.empty() || first.size() > kMaxHostName ? kDefaultServer : first;
+}
+
 json::Value Failure(const char* code, const std::string& server) {
-  json::Value reply = json::ErrorReply(code);
+  json::Value reply = command::ErrorReply(code);
   reply.Set("server", server);
   return reply;
 }
 
-// A domain or a policy decides whom Windows asks for the time, and that is not the host which is measured here.
+// Whether a domain or a policy decides whom Windows asks for the time: that is not the host that is measured here.
 bool SourceIsElsewhere() {
   if (state::ReadString(kPolicyParametersKey, L"NtpServer") || state::ReadString(kPolicyParametersKey, L"Type")) {
     return true;
@@ -41,18 +52,18 @@ bool SourceIsElsewhere() {
   return type == L"NT5DS" || type == L"AllSync";
 }
 
-// Up to this error Windows leaves the clock as it is and lets it run faster or slower until it is right.
+// Windows does not set a clock whose error is at most this; it lets it run faster or slower until it is right.
 Milliseconds LargestGradualError() {
   const auto policy = state::ReadDword(kPolicyConfigKey, L"MaxAllowedPhaseOffset");
   const auto seconds = policy ? policy : state::ReadDword(kConfigKey, L"MaxAllowedPhaseOffset");
   return Milliseconds{seconds.value_or(1)} * 1'000;  // 1 is what a computer outside of a domain has
 }
 
-// Has Windows set the clock, and measures whether it did.
+// Makes Windows set the clock, and measures whether it did.
 class Synchronisation {
  public:
-  // `offset`: how far the clock is behind, where that is known. Without it Windows has to be believed, and for a clock
-  // that is right already there is nothing to see.
+  // `offset`: how far the clock is behind, if that is known. If it is not, Windows has to be believed; and on a clock
+  // that is right already nothing could be seen.
   Synchronisation(const std::wstring& host, std::optional<Milliseconds> offset)
       : host_(host),
         measures_(offset && std::abs(*offset) > kRight && !SourceIsElsewhere()),
@@ -80,7 +91,7 @@ class Synchronisation {
     return !StillWrong();
   }
 
-  // Windows took the time over and has not changed the clock by that much.
+  // The clock is still out: Windows took the time over and corrects it little by little.
   [[nodiscard]] bool IsGradual() const { return std::abs(left_) > kRight; }
 
  private:
@@ -106,16 +117,7 @@ class Synchronisation {
 
 }  // namespace
 
-std::wstring TimeServer() {
-  std::string list = win32::ToNarrow(state::ReadString(kParametersKey, L"NtpServer").value_or(L""));
-  list = text::TrimSpace(list);
-  std::transform(list.begin(), list.end(), list.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-  const std::wstring first = win32::ToWide(std::string_view(list).substr(0, list.find_first_of(" ,")));
-  return first.empty() || first.size() > kMaxHostName ? kDefaultServer : first;
-}
-
-json::Value TimeSync() {
+json::Value TimeSync(const command::Request& /*request*/) {
   const std::wstring host = TimeServer();
   const std::string server = win32::ToNarrow(host);
   if (!RunTimeService()) {
@@ -132,7 +134,7 @@ json::Value TimeSync() {
   log::Log(log::kNotice, log::kKiosk, "time: resynced with %s, the clock was %lld ms out%s", server.c_str(),
            static_cast<long long>(offset.value_or(0)),
            synchronisation.IsGradual() ? "; Windows corrects it gradually" : "");
-  json::Value reply = json::OkReply();
+  json::Value reply = command::OkReply();
   reply.Set("server", server);
   if (offset) {
     reply.Set("offsetMs", *offset);

@@ -1,19 +1,13 @@
 // The command "time.sync".
 #pragma once
 
-#include "json/reply.h"
-
-#include <string>
+#include "command/request.h"
 
 namespace kiosk::timesync {
 
-// The host that Windows takes its time from: the first that its setting names, without flags; Windows' own public
-// server when the setting names none.
-std::wstring TimeServer();
-
-// Makes Windows synchronise the clock, measures how far it was out and, since Windows does not tell, whether that came
-// to something. The reply, also when that fails, names the server. Runs on a connection's thread, any number of them at
-// once; takes at most 105 s, unless the service manager needs longer for a start, and ends early on a stop.
-json::Value TimeSync();
+// Makes Windows synchronise the clock. Measures how far the clock was out and, since Windows does not tell, whether it
+// was set. Errors: "sync_failed", "unreachable"; these replies name the server, too. Takes at most 105 s, unless the
+// service manager needs longer for a start, and ends early on a stop.
+json::Value TimeSync(const command::Request& request);
 
 }  // namespace kiosk::timesync

@@ -1,6 +1,6 @@
-// What the update agent calls while it works for us: one object for each end and each progress of an operation.
+// What the update agent calls while it works for us: for each operation an object for its progress and one for its end.
 //
-// The agent calls from threads of its own, at any time up to its last release, also when the run has gone: so an object
+// The agent calls from threads of its own, until it has released the object, even after the run is over: so an object
 // holds nothing of the run but a counted share of the operation's record.
 #pragma once
 

@@ -4,7 +4,6 @@
 #include "updates/agent_interfaces.h"
 #include "win32/com.h"
 
-#include <cstdio>
 #include <string>
 
 namespace kiosk::updates {
@@ -13,8 +12,8 @@ constexpr bool Succeeded(OperationResultCode code) noexcept {
   return code == orcSucceeded || code == orcSucceededWithErrors;
 }
 
-// The failure that a download's or an installation's result stands for; S_OK when it is none. Windows does not always
-// name one.
+// The failure that a download's or an installation's result stands for; S_OK when it is none. E_ABORT or E_FAIL where
+// Windows does not name one.
 template <typename Result>
 HRESULT Outcome(Result* result) noexcept {
   OperationResultCode code = orcFailed;
@@ -26,7 +25,7 @@ HRESULT Outcome(Result* result) noexcept {
   return SUCCEEDED(result->get_HResult(&detail)) && FAILED(detail) ? detail : code == orcAborted ? E_ABORT : E_FAIL;
 }
 
-// What a call said, or that it gave no object although it said that all is well.
+// What a call returned; E_POINTER when it claimed success and gave no object.
 template <typename Interface>
 HRESULT Given(HRESULT result, const win32::ComPtr<Interface>& object) noexcept {
   return SUCCEEDED(result) && !object ? E_POINTER : result;
@@ -34,9 +33,7 @@ HRESULT Given(HRESULT result, const win32::ComPtr<Interface>& object) noexcept {
 
 // "<stage> 0x<HRESULT>", as the report and the terminal's reply have it.
 inline std::string StageText(const char* stage, HRESULT result) {
-  char text[64];
-  static_cast<void>(std::snprintf(text, sizeof(text), "%s 0x%08lx", stage, static_cast<unsigned long>(result)));
-  return text;
+  return std::string(stage) + " " + win32::HresultText(result);
 }
 
 }  // namespace kiosk::updates

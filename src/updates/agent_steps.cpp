@@ -1,7 +1,6 @@
 #include "updates/agent_steps.h"
 
 #include "log/log.h"
-#include "updates/agent_results.h"
 #include "win32/stop.h"
 
 #include <algorithm>

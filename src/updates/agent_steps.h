@@ -3,6 +3,7 @@
 #pragma once
 
 #include "updates/agent_callbacks.h"
+#include "updates/agent_results.h"
 #include "updates/update_state.h"
 #include "win32/com.h"
 
@@ -29,21 +30,26 @@ class AgentSteps {
   // False: the service stops, and the run leaves no result.
   bool Stopped();
 
-  // Something for the agent to signal. Begins a stage of the progress from `base` to `base + span`, unless the service
-  // is stopping.
+  // Makes something for the agent to signal, and begins a stage of the progress from `base` to `base + span`, unless
+  // the service is stopping.
   bool Begin(const char* stage, int base, int span, SharedOperation& operation);
 
-  // Waits, without a limit of its own, until the operation is over. A stop abandons it.
-  template <typename Job>
-  bool Await(const win32::ComPtr<Job>& job, const Operation& operation) {
-    if (EndedBeforeStop(operation)) {
-      return true;
+  // Waits, without a limit of its own, until the operation is over, and takes its result from the agent's object that
+  // began it. A stop abandons the operation.
+  template <typename Agent, typename Job, typename Result>
+  bool Finish(const char* stage, const Operation& operation, const win32::ComPtr<Job>& job,
+              const win32::ComPtr<Agent>& agent, HRESULT (STDMETHODCALLTYPE Agent::*end)(Job*, Result**),
+              win32::ComPtr<Result>& result) {
+    if (!EndedBeforeStop(operation)) {
+      job->RequestAbort();
+      if (EndedAfterAbort(operation)) {
+        job->CleanUp();
+      }
+      return Stopped();
     }
-    job->RequestAbort();
-    if (EndedAfterAbort(operation)) {
-      job->CleanUp();
-    }
-    return Stopped();
+    const HRESULT ended = (agent.Get()->*end)(job.Get(), result.Put());
+    job->CleanUp();
+    return Check(stage, Given(ended, result));
   }
 
  private:

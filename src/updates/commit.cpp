@@ -27,10 +27,9 @@ HRESULT Commit() noexcept {
   return FAILED(created) ? created : installer->Commit(0);
 }
 
-// The value stands, flushed, before the call: one that was cut short is not repeated either.
+// The value is stored and flushed before the call: one that was cut short is not repeated either.
 bool IsFirstOfThisStart() {
-  const auto stored = state::ReadState(state::kOsUpdatesCommittedAt);
-  if (stored && stored->Qword().value_or(0) >= win32::WindowsStartedAt()) {
+  if (state::ReadStateQword(state::kOsUpdatesCommittedAt) >= win32::WindowsStartedAt()) {
     return false;
   }
   if (state::WriteStateQword(state::kOsUpdatesCommittedAt, win32::FileTimeNow()) && state::FlushStateKey()) {
@@ -57,8 +56,8 @@ bool CommitUpdates() {
   if (const HRESULT result = *outcome; result == E_PENDING) {
     log::Log(log::kWarn, log::kKiosk, "os updates: Windows did not commit them within %lu s", kCommitWait / 1000);
   } else if (FAILED(result)) {
-    log::Log(log::kWarn, log::kKiosk, "os updates: cannot commit them before the restart (0x%08lx)",
-             static_cast<unsigned long>(result));
+    log::Log(log::kWarn, log::kKiosk, "os updates: cannot commit them before the restart (%s)",
+             win32::HresultText(result).c_str());
   }
   return true;
 }

@@ -28,9 +28,10 @@ std::string TitleOf(IUpdate* update) {
 }  // namespace
 
 bool IsBrowseOnly(const win32::ComPtr<IUpdate>& update) {
-  const auto newer = update.As<IUpdate3>(__uuidof(IUpdate3));
+  win32::ComPtr<IUpdate3> newer;
   VARIANT_BOOL browseOnly = VARIANT_FALSE;
-  return newer && SUCCEEDED(newer->get_BrowseOnly(&browseOnly)) && browseOnly != VARIANT_FALSE;
+  return SUCCEEDED(update.As(__uuidof(IUpdate3), newer)) && newer && SUCCEEDED(newer->get_BrowseOnly(&browseOnly)) &&
+         browseOnly != VARIANT_FALSE;
 }
 
 FoundUpdate ReadUpdate(const win32::ComPtr<IUpdate>& update) {

@@ -16,7 +16,7 @@ struct FoundUpdate {
   bool installed = false;  // by this run
 };
 
-// Offered to people who look for it, never to be installed by itself. An agent too old to know has none of these.
+// Offered to people who look for it, never to be installed by itself. False when the agent is too old to tell.
 bool IsBrowseOnly(const win32::ComPtr<IUpdate>& update);
 
 // What cannot be read is empty or 0. An update without an installation behaviour asks nothing; one whose behaviour

@@ -11,7 +11,7 @@ namespace {
 
 using win32::ComPtr;
 
-// How the result at `position` of a download or an installation reads; S_OK when that update is all right.
+// The failure of the update at `position` in the result of a download or an installation; S_OK when there is none.
 template <typename Each, typename Result>
 HRESULT OutcomeAt(const ComPtr<Result>& all, std::size_t position, bool withErrorsIsFine) {
   ComPtr<Each> result;
@@ -71,15 +71,10 @@ class Pass {
     const ComPtr<DownloadCompleted> completed(new DownloadCompleted(operation));
     ComPtr<IDownloadJob> job;
     const HRESULT begun = downloader->BeginDownload(progressed.Get(), completed.Get(), VARIANT{}, job.Put());
-    if (!steps_.Check(kDownloadFailed, Given(begun, job)) || !steps_.Await(job, *operation)) {
-      return false;
-    }
     ComPtr<IDownloadResult> result;
-    const HRESULT ended = downloader->EndDownload(job.Get(), result.Put());
-    job->CleanUp();
-    const HRESULT outcome = Given(ended, result);
-    return steps_.Check(kDownloadFailed, SUCCEEDED(outcome) ? Outcome(result.Get()) : outcome) &&
-           LeaveOutWhatDidNotCome(result);
+    return steps_.Check(kDownloadFailed, Given(begun, job)) &&
+           steps_.Finish(kDownloadFailed, *operation, job, downloader, &IUpdateDownloader::EndDownload, result) &&
+           steps_.Check(kDownloadFailed, Outcome(result.Get())) && LeaveOutWhatDidNotCome(result);
   }
 
   // Windows would refuse to install anything together with an update that is not there.
@@ -89,8 +84,8 @@ class Pass {
       if (SUCCEEDED(outcome)) {
         continue;
       }
-      log::Log(log::kWarn, log::kKiosk, "os updates: \"%s\" was not downloaded (0x%08lx)",
-               updates_[position]->entry.title.c_str(), static_cast<unsigned long>(outcome));
+      log::Log(log::kWarn, log::kKiosk, "os updates: \"%s\" was not downloaded (%s)",
+               updates_[position]->entry.title.c_str(), win32::HresultText(outcome).c_str());
       if (updates_.size() == 1) {
         return steps_.Check(kDownloadFailed, outcome);
       }
@@ -130,12 +125,8 @@ class Pass {
     const ComPtr<InstallationCompleted> completed(new InstallationCompleted(operation));
     ComPtr<IInstallationJob> job;
     const HRESULT begun = installer->BeginInstall(progressed.Get(), completed.Get(), VARIANT{}, job.Put());
-    if (!steps_.Check(kInstallFailed, Given(begun, job)) || !steps_.Await(job, *operation)) {
-      return false;
-    }
-    const HRESULT ended = installer->EndInstall(job.Get(), installed_.Put());
-    job->CleanUp();
-    if (!steps_.Check(kInstallFailed, Given(ended, installed_))) {
+    if (!steps_.Check(kInstallFailed, Given(begun, job)) ||
+        !steps_.Finish(kInstallFailed, *operation, job, installer, &IUpdateInstaller::EndInstall, installed_)) {
       return false;
     }
     MarkInstalled();
@@ -148,8 +139,8 @@ class Pass {
       const HRESULT outcome = OutcomeAt<IUpdateInstallationResult>(installed_, position, false);
       updates_[position]->installed = SUCCEEDED(outcome);
       if (FAILED(outcome)) {
-        log::Log(log::kWarn, log::kKiosk, "os updates: \"%s\" was not installed (0x%08lx)",
-                 updates_[position]->entry.title.c_str(), static_cast<unsigned long>(outcome));
+        log::Log(log::kWarn, log::kKiosk, "os updates: \"%s\" was not installed (%s)",
+                 updates_[position]->entry.title.c_str(), win32::HresultText(outcome).c_str());
       }
     }
   }

@@ -1,7 +1,7 @@
 #include "updates/presence.h"
 
+#include "command/reply.h"
 #include "enrolment/kiosk_session.h"
-#include "json/reply.h"
 #include "log/log.h"
 #include "power/stream_session.h"
 #include "win32/clock.h"
@@ -39,19 +39,19 @@ bool Counts(const Presence& report) {
 
 }  // namespace
 
-json::Value SessionReport(const json::Value& request, DWORD sessionId) {
-  const json::Value& signedIn = json::Member(request, "signedIn");
-  const json::Value& live = json::Member(request, "live");
+json::Value SessionReport(const command::Request& request) {
+  const json::Value& signedIn = json::Member(request.members, "signedIn");
+  const json::Value& live = json::Member(request.members, "live");
   if (!signedIn.IsBool() || !(live.IsBool() || live.IsNull())) {
-    return json::ErrorReply("invalid");
+    return command::ErrorReply("invalid");
   }
   const win32::LockGuard guard(presenceLock);
   if (signedIn.boolean() != presence.signedIn) {
     log::Log(log::kNotice, log::kKiosk, "a Norvane user is %s at the terminal",
              signedIn.boolean() ? "signed in" : "no longer signed in");
   }
-  presence = {signedIn.boolean(), live.boolean(), true, win32::TickCount(), sessionId};
-  return json::OkReply();
+  presence = {signedIn.boolean(), live.boolean(), true, win32::TickCount(), request.session};
+  return command::OkReply();
 }
 
 std::string DeferralReason() {

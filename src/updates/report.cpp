@@ -1,16 +1,14 @@
 #include "updates/report.h"
 
 #include "enrolment/enrolment.h"
-#include "json/parse.h"
-#include "json/serialise.h"
 #include "log/log.h"
 #include "state/kiosk_state.h"
+#include "state/stored_json.h"
 #include "text/text.h"
 #include "win32/clock.h"
 #include "win32/wide_text.h"
 
 #include <algorithm>
-#include <optional>
 #include <utility>
 
 namespace kiosk::updates {
@@ -19,9 +17,7 @@ namespace {
 constexpr int kMostPending = 500;
 constexpr std::size_t kLongestError = 80;
 
-std::optional<json::Value> StoredReport() {
-  return json::ParseStored(win32::ToNarrow(state::ReadStateString(state::kOsUpdatesReport)));
-}
+json::Value StoredReport() { return state::LoadJson(state::kOsUpdatesReport); }
 
 int PendingOf(const json::Value& report) {
   const double pending = json::Member(report, "pending").number();
@@ -36,7 +32,7 @@ bool WriteUpdatesReport(const std::string& token, const char* word, const RunRes
   if (!enrolment::StillEnrolled(token)) {
     return false;
   }
-  json::Value report = StoredReport().value_or(json::Value());
+  json::Value report = StoredReport();
   if (!report.IsObject()) {
     report = json::Value::Object();
   }
@@ -51,7 +47,7 @@ bool WriteUpdatesReport(const std::string& token, const char* word, const RunRes
   }
   report.Set("pending", pending);
   report.Set("restartRequired", restart);
-  if (!state::WriteStateString(state::kOsUpdatesReport, win32::ToWide(json::Serialise(report)))) {
+  if (!state::StoreJson(state::kOsUpdatesReport, report)) {
     log::Log(log::kError, log::kKiosk, "os updates: cannot store the report");
   }
   return true;
@@ -76,17 +72,16 @@ void MarkWindowDone(const std::string& token, const std::string& key) {
 }
 
 void AddUpdatesReport(json::Value& body) {
-  if (std::optional<json::Value> report = StoredReport()) {
-    body.Set("osUpdates", std::move(*report));
+  if (json::Value report = StoredReport(); !report.IsNull()) {
+    body.Set("osUpdates", std::move(report));
   }
 }
 
 void RememberOwedRestart() {
-  const std::optional<json::Value> report = StoredReport();
-  const std::uint64_t booted = win32::FileTimeNow() - win32::TickCount() * (win32::kFileTimeSecond / 1000);
+  const json::Value report = StoredReport();
   // Windows has restarted since an older report. Both texts are of one form, so they compare as their times do.
-  if (report && json::Member(*report, "restartRequired").boolean() &&
-      json::Member(*report, "lastRunAt").text() >= UtcText(booted)) {
+  if (json::Member(report, "restartRequired").boolean() &&
+      json::Member(report, "lastRunAt").text() >= UtcText(win32::WindowsStartedAt())) {
     const LockedUpdateState state;
     state->restartRequired = true;
   }
@@ -94,10 +89,8 @@ void RememberOwedRestart() {
 
 void ForgetUpdates() {
   const LockedUpdateState nobodyWrites;
-  for (const state::StateValue* value : {&state::kUpdatesPolicy, &state::kUpdatesSource, &state::kOsUpdatesReport,
-                                         &state::kOsUpdatesWindowDone, &state::kOsUpdatesCommittedAt}) {
-    state::DeleteStateValue(*value);
-  }
+  state::DeleteStateValues({state::kUpdatesPolicy, state::kUpdatesSource, state::kOsUpdatesReport,
+                            state::kOsUpdatesWindowDone, state::kOsUpdatesCommittedAt});
 }
 
 }  // namespace kiosk::updates

@@ -8,26 +8,28 @@
 
 namespace kiosk::updates {
 
-// Stores the result word ("ok", "nothing", "failed", "deferred") with the time and, with a run, its error, count and
-// need of a restart; what the run does not know, or a report without one, leaves as the report before said. False, and
-// nothing is written, when the enrolment with `token` has ended meanwhile.
+// Stores a report ("OsUpdatesReport"): the result word ("ok", "nothing", "failed", "deferred"), the time, and from
+// `run` its error, how many updates are pending and whether a restart is needed. `run` may be null; what it does not
+// know stays as in the report before, except the error, which is then null. False, and nothing is written, when the
+// enrolment with `token` has ended meanwhile.
 bool WriteUpdatesReport(const std::string& token, const char* word, const RunResult* run);
 
 // "ok", "nothing" or "failed".
 const char* ResultWord(RunCode code) noexcept;
 
-// The window of that key needs no run any more. Not written when the enrolment with `token` has ended.
+// Stores ("OsUpdatesWindowDone") that the window of that key needs no further run, unless the enrolment with `token`
+// has ended.
 void MarkWindowDone(const std::string& token, const std::string& key);
 
 // Adds the stored report as "osUpdates" to the body of a check-in; nothing when there is none.
 void AddUpdatesReport(json::Value& body);
 
-// At the start of the service: a restart that the stored report asks for is shown again, unless Windows has restarted
-// since.
+// At the start of the service: sets `restartRequired` of the shared state if the stored report asks for a restart and
+// Windows has not restarted since.
 void RememberOwedRestart();
 
-// For a teardown that has marked itself: deletes policy, source, report and the window done. Nothing writes them
-// afterwards.
+// For a teardown that has marked itself: deletes all values of this area but those of updates/restart_policy. Nothing
+// writes them afterwards.
 void ForgetUpdates();
 
 }  // namespace kiosk::updates

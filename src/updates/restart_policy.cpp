@@ -2,6 +2,7 @@
 
 #include "enrolment/enrolment.h"
 #include "log/log.h"
+#include "state/borrowed_settings.h"
 #include "state/kiosk_state.h"
 #include "state/made_keys.h"
 #include "updates/commit.h"
@@ -16,22 +17,19 @@
 namespace kiosk::updates {
 namespace {
 
+using state::BorrowedValue;
+
 constexpr wchar_t kUpdateKey[] = L"SOFTWARE\\Policies\\Microsoft\\Windows\\WindowsUpdate";
 constexpr wchar_t kAutomaticKey[] = L"SOFTWARE\\Policies\\Microsoft\\Windows\\WindowsUpdate\\AU";
 
-struct ManagedPolicy {
-  const wchar_t* key;
-  const wchar_t* name;
-  const state::StateValue& prior;
-};
-
-constexpr ManagedPolicy kNoAutoReboot{kAutomaticKey, L"NoAutoRebootWithLoggedOnUsers", state::kPriorWuNoAutoReboot};
-constexpr ManagedPolicy kSetActiveHours{kUpdateKey, L"SetActiveHours", state::kPriorWuSetActiveHours};
-constexpr ManagedPolicy kActiveHoursStart{kUpdateKey, L"ActiveHoursStart", state::kPriorWuActiveHoursStart};
-constexpr ManagedPolicy kActiveHoursEnd{kUpdateKey, L"ActiveHoursEnd", state::kPriorWuActiveHoursEnd};
-constexpr ManagedPolicy kActiveHoursMaxRange{kUpdateKey, L"ActiveHoursMaxRange", state::kPriorWuActiveHoursMaxRange};
-constexpr const ManagedPolicy* kManaged[] = {&kNoAutoReboot, &kSetActiveHours, &kActiveHoursStart, &kActiveHoursEnd,
-                                             &kActiveHoursMaxRange};
+constexpr BorrowedValue kNoAutoReboot{kAutomaticKey, L"NoAutoRebootWithLoggedOnUsers", &state::kPriorWuNoAutoReboot};
+constexpr BorrowedValue kSetActiveHours{kUpdateKey, L"SetActiveHours", &state::kPriorWuSetActiveHours};
+constexpr BorrowedValue kActiveHoursStart{kUpdateKey, L"ActiveHoursStart", &state::kPriorWuActiveHoursStart};
+constexpr BorrowedValue kActiveHoursEnd{kUpdateKey, L"ActiveHoursEnd", &state::kPriorWuActiveHoursEnd};
+constexpr BorrowedValue kActiveHoursMaxRange{kUpdateKey, L"ActiveHoursMaxRange", &state::kPriorWuActiveHoursMaxRange};
+constexpr BorrowedValue kPolicies[] = {kNoAutoReboot, kSetActiveHours, kActiveHoursStart, kActiveHoursEnd,
+                                       kActiveHoursMaxRange};
+constexpr state::BorrowedSettings kBorrowed{state::kOwnsWuPolicy, kPolicies};
 
 constexpr DWORD kLongestRange = 18;
 constexpr DWORD kWarningSeconds = 60;
@@ -41,35 +39,24 @@ constexpr wchar_t kMessage[] = L"Restarting to finish installing updates.";
 // Saving, setting and putting back are each done as a whole. Window thread, and whoever tears kiosk mode down.
 win32::Lock policyLock{win32::LockRank::kUpdatesPolicy};
 
-bool SetPolicyDword(const ManagedPolicy& policy, DWORD value) REQUIRES(policyLock) {
+bool SetPolicyDword(const BorrowedValue& policy, DWORD value) REQUIRES(policyLock) {
   if (state::ReadDword(policy.key, policy.name) == value) {
     return false;
   }
-  if (!state::WriteValue(HKEY_LOCAL_MACHINE, policy.key, policy.name, REG_DWORD, &value, sizeof(value))) {
+  if (!state::WriteDword(policy.key, policy.name, value)) {
     log::Log(log::kError, log::kKiosk, "os updates: cannot set %s", win32::ToNarrow(policy.name).c_str());
   }
   return true;
 }
 
-// Absence is saved as absence, so that no older copy comes back instead. A value that cannot be read is not absent.
-bool Save(const ManagedPolicy& policy) {
-  state::RawValue value;
-  const LSTATUS status = state::ReadValue(policy.key, policy.name, value);
-  const bool saved = status == ERROR_FILE_NOT_FOUND
-                         ? state::DeleteStateValue(policy.prior)
-                         : status == ERROR_SUCCESS &&
-                               state::WriteExisting(state::kStateKey, policy.prior.name, value.type, value.bytes.data(),
-                                                    static_cast<DWORD>(value.bytes.size())) == ERROR_SUCCESS;
-  if (!saved) {
-    log::Log(log::kError, log::kKiosk, "os updates: cannot save %s; it stays as it is",
-             win32::ToNarrow(policy.name).c_str());
-  }
-  return saved;
+void LogNotSaved(const BorrowedValue& policy) {
+  log::Log(log::kError, log::kKiosk, "os updates: cannot save %s; it stays as it is",
+           win32::ToNarrow(policy.name).c_str());
 }
 
 bool TakeOwnership() REQUIRES(policyLock) {
   state::RawValue mark;
-  const LSTATUS status = state::ReadValue(state::kStateKey, state::kOwnsWuPolicy.name, mark);
+  const LSTATUS status = state::ReadState(kBorrowed.mark, mark);
   if (status == ERROR_SUCCESS && mark.Dword() == DWORD{1}) {
     return true;
   }
@@ -77,32 +64,14 @@ bool TakeOwnership() REQUIRES(policyLock) {
   if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
     return false;
   }
-  for (const ManagedPolicy* policy : kManaged) {
-    if (!Save(*policy)) {
-      return false;
-    }
-  }
-  // Before the first change, and durably: a power cut must not leave changed settings without the copies.
-  return state::NoteMissingKeys(state::kMadeWuKeys, {kUpdateKey, kAutomaticKey}) &&
-         state::WriteStateDword(state::kOwnsWuPolicy, 1) && state::FlushStateKey();
-}
-
-// A copy that is there but cannot be read must not be taken for one that is missing.
-bool PutBack(const ManagedPolicy& policy) {
-  state::RawValue copy;
-  const LSTATUS status = state::ReadValue(state::kStateKey, policy.prior.name, copy);
-  if (status == ERROR_FILE_NOT_FOUND) {
-    const LSTATUS deleted = RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, policy.key, policy.name);
-    return deleted == ERROR_SUCCESS || deleted == ERROR_FILE_NOT_FOUND;
-  }
-  return status == ERROR_SUCCESS && state::WriteValue(HKEY_LOCAL_MACHINE, policy.key, policy.name, copy.type,
-                                                      copy.bytes.data(), static_cast<DWORD>(copy.bytes.size()));
+  return kBorrowed.Save(LogNotSaved) && state::NoteMissingKeys(state::kMadeWuKeys, {kUpdateKey, kAutomaticKey}) &&
+         kBorrowed.Mark();
 }
 
 // For whoever has to put the value back by hand: its number, its text, or its bytes.
-std::string DescribeCopy(const ManagedPolicy& policy) {
+std::string DescribeCopy(const state::StateValue& prior) {
   state::RawValue copy;
-  const LSTATUS status = state::ReadValue(state::kStateKey, policy.prior.name, copy);
+  const LSTATUS status = state::ReadState(prior, copy);
   if (status != ERROR_SUCCESS) {
     return status == ERROR_FILE_NOT_FOUND ? "not set" : "lost (" + std::to_string(status) + ")";
   }
@@ -145,27 +114,19 @@ void ApplyWuRestartPolicy(const UpdatesPolicy& policy) {
 
 void RestoreWuRestartPolicy() {
   const win32::LockGuard guard(policyLock);
-  if (!state::FlagIsOn(state::kOwnsWuPolicy)) {
+  if (!state::FlagIsOn(kBorrowed.mark)) {
     return;
   }
-  for (const ManagedPolicy* policy : kManaged) {
+  for (const BorrowedValue& policy : kPolicies) {
     // Twice, since the copy goes with the mark. Nothing waits longer for it: the terminal may be on its way out.
-    bool back = PutBack(*policy);
-    if (!back) {
-      back = PutBack(*policy);
-    }
-    if (!back) {
+    if (!state::PutBack(policy) && !state::PutBack(policy)) {
       log::Log(log::kError, log::kKiosk, "os updates: cannot put %s back; it was %s",
-               win32::ToNarrow(policy->name).c_str(), DescribeCopy(*policy).c_str());
+               win32::ToNarrow(policy.name).c_str(), DescribeCopy(*policy.prior).c_str());
     }
   }
   state::DeleteMadeKeys(state::kMadeWuKeys);
-  // The mark before the copies: with it, a missing copy means a value that was not there.
-  if (!state::DeleteStateValue(state::kOwnsWuPolicy)) {
+  if (!kBorrowed.Forget()) {
     return;
-  }
-  for (const ManagedPolicy* policy : kManaged) {
-    state::DeleteStateValue(policy->prior);
   }
   state::FlushStateKey();
   log::Log(log::kNotice, log::kKiosk, "os updates: Windows Update restart settings are back as they were");
@@ -177,6 +138,7 @@ bool RequestRestart() {
     return false;
   }
   std::wstring message = kMessage;
+  // Applications are closed by force: nobody may be there to answer them.
   if (InitiateSystemShutdownExW(nullptr, message.data(), kWarningSeconds, TRUE, TRUE, kReason) == 0) {
     log::Log(log::kError, log::kKiosk, "os updates: cannot restart (%lu)", GetLastError());
     return false;

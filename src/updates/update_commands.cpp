@@ -1,10 +1,10 @@
 #include "updates/update_commands.h"
 
+#include "command/reply.h"
 #include "enrolment/device_token.h"
-#include "json/reply.h"
 #include "log/log.h"
-#include "updates/policy_store.h"
 #include "updates/report.h"
+#include "updates/stored_policy.h"
 #include "updates/update_run.h"
 #include "updates/update_state.h"
 #include "win32/thread.h"
@@ -27,6 +27,22 @@ void RunAndRecord(bool install) noexcept {
   } catch (const std::exception& problem) {
     log::Log(log::kError, log::kKiosk, "os updates: a run ended early (%s)", problem.what());
   }
+}
+
+// False when a run is going already, or could not be started. Otherwise one searches (and installs) on a thread of its
+// own and records its result.
+bool StartBackgroundRun(bool install) {
+  std::optional<RunClaim> claim = RunClaim::Take();
+  if (!claim) {
+    return false;
+  }
+  LockedUpdateState()->checking = true;
+  const win32::KernelHandle thread =
+      win32::StartThread([held = std::move(*claim), install]() noexcept { RunAndRecord(install); });
+  if (!thread) {
+    log::Log(log::kError, log::kKiosk, "os updates: cannot start a run (%lu)", GetLastError());
+  }
+  return static_cast<bool>(thread);
 }
 
 void SetTextOrNull(json::Value& reply, const char* member, const std::string& text) {
@@ -54,7 +70,7 @@ json::Value UpdateList(const std::vector<PendingUpdate>& pending) {
 json::Value StatusReply() {
   UpdatesPolicy policy;
   const bool known = LoadUpdatesPolicy(policy);
-  json::Value reply = json::OkReply();
+  json::Value reply = command::OkReply();
   {
     const LockedUpdateState state;
     reply.Set("checking", state->checking);
@@ -73,24 +89,10 @@ json::Value StatusReply() {
 
 }  // namespace
 
-bool StartBackgroundRun(bool install) {
-  std::optional<RunClaim> claim = RunClaim::Take();
-  if (!claim) {
-    return false;
-  }
-  LockedUpdateState()->checking = true;
-  const win32::KernelHandle thread =
-      win32::StartThread([held = std::move(*claim), install]() noexcept { RunAndRecord(install); });
-  if (!thread) {
-    log::Log(log::kError, log::kKiosk, "os updates: cannot start a run (%lu)", GetLastError());
-  }
-  return static_cast<bool>(thread);
-}
-
-json::Value OsUpdates(const json::Value& request) {
-  const json::Value& check = json::Member(request, "check");
+json::Value OsUpdates(const command::Request& request) {
+  const json::Value& check = json::Member(request.members, "check");
   if (!check.IsNull() && !check.IsBool()) {
-    return json::ErrorReply("invalid");
+    return command::ErrorReply("invalid");
   }
   if (check.boolean() && StartBackgroundRun(false)) {
     log::Log(log::kNotice, log::kKiosk, "os updates: check requested at the terminal");
@@ -98,9 +100,9 @@ json::Value OsUpdates(const json::Value& request) {
   return StatusReply();
 }
 
-json::Value OsInstall() {
+json::Value OsInstall(const command::Request& /*request*/) {
   if (!StartBackgroundRun(true)) {
-    return json::ErrorReply("busy");
+    return command::ErrorReply("busy");
   }
   log::Log(log::kNotice, log::kKiosk, "os updates: install requested at the terminal");
   return StatusReply();

@@ -2,18 +2,15 @@
 // one.
 #pragma once
 
-#include "json/value.h"
+#include "command/request.h"
 
 namespace kiosk::updates {
 
-// False when a run is going already, or could not be started. Otherwise one searches (and installs) on a thread of its
-// own and records its result.
-bool StartBackgroundRun(bool install);
+// "os.updates": what is known of the updates, and the policy; with "check": true it starts a search unless a run is
+// going. "invalid" when "check" is neither absent nor a boolean.
+json::Value OsUpdates(const command::Request& request);
 
-// "os.updates"; with "check": true it starts a search unless a run is going.
-json::Value OsUpdates(const json::Value& request);
-
-// "os.install"; "busy" while a run is going.
-json::Value OsInstall();
+// "os.install": starts a run that searches and installs; "busy" while a run is going or when none can be started.
+json::Value OsInstall(const command::Request& request);
 
 }  // namespace kiosk::updates

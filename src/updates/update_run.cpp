@@ -33,8 +33,8 @@ std::optional<bool> SystemWaitsForRestart() {
     result = system->get_RebootRequired(&required);
   }
   if (FAILED(result)) {
-    log::Log(log::kWarn, log::kKiosk, "os updates: Windows does not tell whether it waits for a restart (0x%08lx)",
-             static_cast<unsigned long>(result));
+    log::Log(log::kWarn, log::kKiosk, "os updates: Windows does not tell whether it waits for a restart (%s)",
+             win32::HresultText(result).c_str());
     return std::nullopt;
   }
   return required != VARIANT_FALSE;
@@ -80,8 +80,7 @@ class Run {
       return false;
     }
     const win32::Bstr client = win32::MakeBstr(kClient);
-    const HRESULT named = session_->put_ClientApplicationID(client.Get());
-    if (!steps_.Check("session", named)) {
+    if (!steps_.Check("session", session_->put_ClientApplicationID(client.Get()))) {
       return false;
     }
     const HRESULT made = session_->CreateUpdateSearcher(searcher_.Put());
@@ -98,17 +97,13 @@ class Run {
     const win32::Bstr criteria = win32::MakeBstr(kCriteria);
     ComPtr<ISearchJob> job;
     const HRESULT begun = searcher_->BeginSearch(criteria.Get(), completed.Get(), VARIANT{}, job.Put());
-    if (!steps_.Check(kSearchFailed, Given(begun, job)) || !steps_.Await(job, *operation)) {
+    ComPtr<ISearchResult> found;
+    if (!steps_.Check(kSearchFailed, Given(begun, job)) ||
+        !steps_.Finish(kSearchFailed, *operation, job, searcher_, &IUpdateSearcher::EndSearch, found)) {
       return false;
     }
-    ComPtr<ISearchResult> found;
-    const HRESULT ended = searcher_->EndSearch(job.Get(), found.Put());
-    job->CleanUp();
     OperationResultCode code = orcFailed;
-    HRESULT outcome = Given(ended, found);
-    if (SUCCEEDED(outcome)) {
-      outcome = found->get_ResultCode(&code);
-    }
+    HRESULT outcome = found->get_ResultCode(&code);
     if (SUCCEEDED(outcome) && !Succeeded(code)) {
       outcome = code == orcAborted ? E_ABORT : E_FAIL;  // a search's result has no number of its own
     }
@@ -173,13 +168,13 @@ class Run {
     const HRESULT accepted = AcceptTerms(update.update.Get());
     if (FAILED(accepted)) {
       // With terms that nobody accepted Windows would refuse to install anything. It stays pending.
-      log::Log(log::kWarn, log::kKiosk, "os updates: cannot accept the terms of \"%s\" (0x%08lx)",
-               update.entry.title.c_str(), static_cast<unsigned long>(accepted));
+      log::Log(log::kWarn, log::kKiosk, "os updates: cannot accept the terms of \"%s\" (%s)",
+               update.entry.title.c_str(), win32::HresultText(accepted).c_str());
     }
     return SUCCEEDED(accepted);
   }
 
-  // Shows what is still missing, and whether the run installs.
+  // Puts what is still missing into the result and the shared state, and whether the run installs.
   void Publish(bool installing) {
     std::vector<PendingUpdate> pending;
     for (const FoundUpdate& update : listed_) {
@@ -204,8 +199,8 @@ class Run {
     return false;
   }
 
-  // Every pass. The first decides whether the run failed; what becomes of a later one shows in the error text and in
-  // what is still pending.
+  // Makes every pass. The first decides whether the run failed; the outcome of a later one shows in the error text and
+  // in what is still pending. False when the run is over, or failed.
   bool Install() {
     for (std::size_t pass = 0; pass < chosen_.size(); ++pass) {
       if (pass > 0 && !AnotherPass(chosen_.size() - pass)) {

@@ -37,7 +37,7 @@ LockedUpdateState::LockedUpdateState() noexcept : guard_(stateLock) {}
 UpdateState* LockedUpdateState::operator->() const noexcept { return &State(); }
 
 ProgressStage BeginProgressStage(int percent) noexcept {
-  // Only the one run that there is begins stages, so the number cannot change in between.
+  // Only a run begins stages, and there is one at most: the number cannot change in between.
   const ProgressStage stage = (progress.load() >> kPercentBits) + 1;
   progress.store(Packed(stage, percent));
   return stage & (UINT32_MAX >> kPercentBits);
@@ -72,7 +72,7 @@ RunClaim::~RunClaim() {
 bool RunIsGoing() noexcept { return busy; }
 
 std::string UtcText(std::uint64_t time) {
-  const FILETIME raw{static_cast<DWORD>(time), static_cast<DWORD>(time >> 32)};
+  const FILETIME raw = win32::ToFileTime(time);
   SYSTEMTIME parts{};
   FileTimeToSystemTime(&raw, &parts);
   char text[64];

@@ -75,7 +75,7 @@ struct RunResult {
   std::string error;                    // "<stage> 0x<HRESULT>" or "busy"; empty: none
 };
 
-// A FILETIME value (UTC) as "2026-11-21T02:10:00Z", and the system time so.
+// A FILETIME value (UTC) as "2026-11-21T02:10:00Z", and the system time in the same form.
 std::string UtcText(std::uint64_t time);
 std::string UtcNowText();
 

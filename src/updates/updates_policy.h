@@ -6,7 +6,6 @@
 #include "power/clock_time.h"
 
 #include <cstdint>
-#include <optional>
 
 namespace kiosk::updates {
 
@@ -16,10 +15,7 @@ struct UpdatesPolicy {
   std::uint32_t end = 300;     // the same, exclusive; before `start`: on the day after
   power::DayMask days = 0x7F;  // on which days the window opens
 
-  friend bool operator==(const UpdatesPolicy& left, const UpdatesPolicy& right) noexcept {
-    return left.automatic == right.automatic && left.start == right.start && left.end == right.end &&
-           left.days == right.days;
-  }
+  friend bool operator==(const UpdatesPolicy&, const UpdatesPolicy&) = default;
 };
 
 // True, and `policy` is set, only when every member is there and right: "automatic" a boolean, the window's ends clock
@@ -30,7 +26,7 @@ bool ParseUpdatesPolicy(const json::Value& value, UpdatesPolicy& policy);
 json::Value UpdatesPolicyToJson(const UpdatesPolicy& policy);
 
 // The hours in which Windows must not restart by itself: everything but the window, in whole hours, at most 18 of them.
-// They begin at `start` and end before `end`, each 0 to 23. Not `set`: the window leaves no whole hour out.
+// They begin at `start` and end before `end`, each 0 to 23. `set` is false when the window leaves no whole hour out.
 struct ActiveHours {
   std::uint32_t start;
   std::uint32_t end;

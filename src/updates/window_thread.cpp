@@ -4,10 +4,10 @@
 #include "enrolment/enrolment.h"
 #include "log/log.h"
 #include "state/kiosk_state.h"
-#include "updates/policy_store.h"
 #include "updates/presence.h"
 #include "updates/report.h"
 #include "updates/restart_policy.h"
+#include "updates/stored_policy.h"
 #include "updates/update_run.h"
 #include "updates/window_key.h"
 #include "win32/clock.h"
@@ -32,7 +32,7 @@ std::string KeyNow(const UpdatesPolicy& policy) {
 
 bool InForce(UpdatesPolicy& policy) { return enrolment::IsEnrolled() && LoadUpdatesPolicy(policy) && policy.automatic; }
 
-// Still, with the policy of this moment.
+// Whether that window is still open, by the policy of this moment.
 bool IsOpen(const std::string& key) {
   UpdatesPolicy policy;
   return InForce(policy) && KeyNow(policy) == key;
@@ -106,7 +106,7 @@ class Window {
     return true;
   }
 
-  // Never under a run that the terminal began: the claim keeps them apart until Windows has been asked.
+  // Never during a run that the terminal began: the claim is held until Windows has been asked.
   void AskForRestart(bool now) {
     const std::optional<RunClaim> claim = now ? RunClaim::Take() : std::nullopt;
     if (claim && RequestRestart()) {

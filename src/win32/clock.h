@@ -7,14 +7,25 @@
 
 namespace kiosk::win32 {
 
-// 100 ns units in one second, as FILETIME counts.
-inline constexpr std::uint64_t kFileTimeSecond = 10'000'000;
+// 100 ns units, as FILETIME and the unbiased interrupt time count.
+inline constexpr std::uint64_t kFileTimeMillisecond = 10'000;
+inline constexpr std::uint64_t kFileTimeSecond = 1000 * kFileTimeMillisecond;
 
 // Milliseconds since Windows started.
 inline std::uint64_t TickCount() noexcept { return GetTickCount64(); }
 
 inline std::uint64_t FileTimeValue(const FILETIME& time) noexcept {
   return (static_cast<std::uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
+}
+
+inline FILETIME ToFileTime(std::uint64_t value) noexcept {
+  return {static_cast<DWORD>(value), static_cast<DWORD>(value >> 32)};
+}
+
+// Milliseconds since 1970 (UTC) of a time in 100 ns units since 1601.
+constexpr std::uint64_t UnixMilliseconds(std::uint64_t fileTime) noexcept {
+  constexpr std::uint64_t kFrom1601To1970 = 11'644'473'600;  // s
+  return fileTime / kFileTimeMillisecond - 1000 * kFrom1601To1970;
 }
 
 // The system time (UTC) in 100 ns units since 1601.
@@ -32,8 +43,8 @@ inline std::uint64_t PreciseFileTimeNow() noexcept {
   return FileTimeValue(now);
 }
 
-// When Windows started, by the present system time: it moves with a clock that is set.
-inline std::uint64_t WindowsStartedAt() noexcept { return FileTimeNow() - TickCount() * (kFileTimeSecond / 1000); }
+// When Windows started, counted back from the present system time: setting the clock moves it.
+inline std::uint64_t WindowsStartedAt() noexcept { return FileTimeNow() - TickCount() * kFileTimeMillisecond; }
 
 // A moment by which a longer operation must be over.
 class Deadline {

@@ -6,13 +6,17 @@
 #include <objbase.h>
 #include <oleauto.h>
 
+#include <string>
 #include <string_view>
 #include <utility>
 
 namespace kiosk::win32 {
 
-// The multithreaded apartment for a scope. A thread that is already in it is counted once more; in any other case of
-// failure the destructor does nothing.
+// "0x80070005".
+std::string HresultText(HRESULT result);
+
+// The multithreaded apartment for a scope. A thread that is in it already is counted once more. When the thread cannot
+// enter it, the destructor does nothing.
 class ComApartment {
  public:
   ComApartment() noexcept : result_(CoInitializeEx(nullptr, COINIT_MULTITHREADED)) {}
@@ -63,13 +67,13 @@ class ComPtr {
     Reset();
     return &object_;
   }
-  // The object's interface `Other`; empty when it has none.
+  // Asks the object, which there must be, for its interface `Other`; `other` is empty afterwards when it has none.
   template <typename Other>
-  [[nodiscard]] ComPtr<Other> As(REFIID interfaceId) const noexcept {
-    void* other = nullptr;
-    return object_ != nullptr && SUCCEEDED(object_->QueryInterface(interfaceId, &other))
-               ? ComPtr<Other>(static_cast<Other*>(other))
-               : ComPtr<Other>();
+  HRESULT As(REFIID interfaceId, ComPtr<Other>& other) const noexcept {
+    void* found = nullptr;
+    const HRESULT result = object_->QueryInterface(interfaceId, &found);
+    other = ComPtr<Other>(static_cast<Other*>(found));
+    return result;
   }
 
  private:
@@ -85,9 +89,7 @@ HRESULT CreateInProcess(REFCLSID classId, REFIID interfaceId, ComPtr<Interface>&
   return result;
 }
 
-struct BstrTraits {
-  using Value = BSTR;
-  static Value Invalid() noexcept { return nullptr; }
+struct BstrTraits : NullIsNone<BSTR> {
   static void Free(Value value) noexcept { SysFreeString(value); }
 };
 using Bstr = Owner<BstrTraits>;

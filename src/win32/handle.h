@@ -54,9 +54,14 @@ class Owner {
   Value value_ = Traits::Invalid();
 };
 
-struct KernelHandleTraits {
-  using Value = HANDLE;
+// The start of the traits of a kind whose calls fail with null.
+template <typename Raw>
+struct NullIsNone {
+  using Value = Raw;
   static Value Invalid() noexcept { return nullptr; }
+};
+
+struct KernelHandleTraits : NullIsNone<HANDLE> {
   static void Free(Value value) noexcept { CloseHandle(value); }
 };
 // Files and pipes: their calls fail with INVALID_HANDLE_VALUE where all others fail with null.
@@ -66,19 +71,13 @@ struct FileHandleTraits : KernelHandleTraits {
 struct FindHandleTraits : FileHandleTraits {
   static void Free(Value value) noexcept { FindClose(value); }
 };
-struct RegistryKeyTraits {
-  using Value = HKEY;
-  static Value Invalid() noexcept { return nullptr; }
+struct RegistryKeyTraits : NullIsNone<HKEY> {
   static void Free(Value value) noexcept { RegCloseKey(value); }
 };
-struct LocalMemoryTraits {
-  using Value = void*;
-  static Value Invalid() noexcept { return nullptr; }
+struct LocalMemoryTraits : NullIsNone<void*> {
   static void Free(Value value) noexcept { LocalFree(value); }
 };
-struct ServiceHandleTraits {
-  using Value = SC_HANDLE;
-  static Value Invalid() noexcept { return nullptr; }
+struct ServiceHandleTraits : NullIsNone<SC_HANDLE> {
   static void Free(Value value) noexcept { CloseServiceHandle(value); }
 };
 

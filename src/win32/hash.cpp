@@ -1,5 +1,6 @@
 #include "win32/hash.h"
 
+#include "text/text.h"
 #include "win32/handle.h"
 
 #include <bcrypt.h>
@@ -9,9 +10,7 @@
 namespace kiosk::win32 {
 namespace {
 
-struct AlgorithmTraits {
-  using Value = BCRYPT_ALG_HANDLE;
-  static Value Invalid() noexcept { return nullptr; }
+struct AlgorithmTraits : NullIsNone<BCRYPT_ALG_HANDLE> {
   static void Free(Value value) noexcept { BCryptCloseAlgorithmProvider(value, 0); }
 };
 
@@ -25,13 +24,7 @@ std::string Sha256Hex(std::string_view bytes) {
       BCryptHash(sha256.Get(), nullptr, 0, data, static_cast<ULONG>(bytes.size()), digest.data(), digest.size()) < 0) {
     return {};
   }
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (const UCHAR byte : digest) {
-    text += kDigits[byte >> 4U];
-    text += kDigits[byte & 0x0FU];
-  }
-  return text;
+  return text::Hex(digest);
 }
 
 }  // namespace kiosk::win32

@@ -73,7 +73,8 @@ bool SetOption(HINTERNET handle, DWORD option, Option value) noexcept {
   return WinHttpSetOption(handle, option, &value, sizeof(value)) != 0;
 }
 
-// The request goes where it was sent, or not at all. False when that cannot be had.
+// No certificate but the given one, no sign-in with this computer's account, no cookies, no connection for another
+// call, no redirects: a token in the headers would go along. False when redirects cannot be ruled out.
 bool Restrict(HINTERNET request, const CERT_CONTEXT* certificate) noexcept {
   if (certificate != nullptr) {
     WinHttpSetOption(request, WINHTTP_OPTION_CLIENT_CERT_CONTEXT, const_cast<CERT_CONTEXT*>(certificate),

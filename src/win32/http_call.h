@@ -3,7 +3,7 @@
 // WinHTTP below it is asynchronous, since a synchronous request must not be closed under the call that waits on it.
 #pragma once
 
-#include "win32/http_handle.h"
+#include "win32/owners.h"
 
 #include <wincrypt.h>
 

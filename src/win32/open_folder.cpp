@@ -44,19 +44,19 @@ FileHandle Reach(HANDLE folder, std::wstring_view name, DWORD access, DWORD shar
   return opened;
 }
 
-}  // namespace
-
-FileHandle OpenIn(HANDLE folder, std::wstring_view name, DWORD access, DWORD share) noexcept {
+FileHandle OpenPlainly(HANDLE folder, std::wstring_view name, DWORD access, DWORD share) noexcept {
   return Reach(folder, name, access, share, FILE_OPEN, FILE_OPEN_REPARSE_POINT | FILE_COMPLETE_IF_OPLOCKED, nullptr);
 }
 
-FileHandle OpenAnywayIn(HANDLE folder, std::wstring_view name, DWORD access, DWORD share) noexcept {
-  FileHandle file = OpenIn(folder, name, access, share);
+}  // namespace
+
+FileHandle OpenIn(HANDLE folder, std::wstring_view name, DWORD access, DWORD share) noexcept {
+  FileHandle file = OpenPlainly(folder, name, access, share);
   if (!file && GetLastError() == ERROR_ACCESS_DENIED) {
     for (const wchar_t* privilege : {SE_BACKUP_NAME, SE_RESTORE_NAME, SE_TAKE_OWNERSHIP_NAME}) {
       EnablePrivilege(privilege);
     }
-    file = OpenIn(folder, name, access, share);
+    file = OpenPlainly(folder, name, access, share);
   }
   return file;
 }
@@ -69,11 +69,6 @@ FileHandle CreateFolderIn(HANDLE folder, std::wstring_view name, DWORD access, D
 DWORD AttributesOf(HANDLE file) noexcept {
   BY_HANDLE_FILE_INFORMATION info;
   return GetFileInformationByHandle(file, &info) != 0 ? info.dwFileAttributes : INVALID_FILE_ATTRIBUTES;
-}
-
-bool IsPlainFolder(DWORD attributes) noexcept {
-  return attributes != INVALID_FILE_ATTRIBUTES &&
-         (attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) == FILE_ATTRIBUTE_DIRECTORY;
 }
 
 std::vector<std::wstring> NamesIn(HANDLE folder) {

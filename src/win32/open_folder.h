@@ -13,12 +13,10 @@ namespace kiosk::win32 {
 // All functions leave the reason of a failure as the last error.
 //
 // No link is followed: one that bears the name is opened itself, and in a folder that became a link since it was opened
-// nothing is found (ERROR_REPARSE_POINT_ENCOUNTERED). Nobody is waited for: a file whose opener would have to be asked
-// first (an oplock) counts as open for him alone (ERROR_SHARING_VIOLATION).
+// nothing is found (ERROR_REPARSE_POINT_ENCOUNTERED). Waits for nobody: a file of which somebody else would first have
+// to give up a lock (an oplock) counts as open for him alone (ERROR_SHARING_VIOLATION). What shuts this account out by
+// its own access list is opened by the right of the privileges.
 FileHandle OpenIn(HANDLE folder, std::wstring_view name, DWORD access, DWORD share) noexcept;
-
-// The same; what shuts this account out by its own access list is opened by the right of the privileges.
-FileHandle OpenAnywayIn(HANDLE folder, std::wstring_view name, DWORD access, DWORD share) noexcept;
 
 // Makes a folder with that security; fails with ERROR_ALREADY_EXISTS when the name is taken.
 FileHandle CreateFolderIn(HANDLE folder, std::wstring_view name, DWORD access, DWORD share,
@@ -26,8 +24,6 @@ FileHandle CreateFolderIn(HANDLE folder, std::wstring_view name, DWORD access, D
 
 // INVALID_FILE_ATTRIBUTES when they cannot be had.
 DWORD AttributesOf(HANDLE file) noexcept;
-// A folder that is no link.
-bool IsPlainFolder(DWORD attributes) noexcept;
 
 // The names of what is in the folder (open with FILE_LIST_DIRECTORY), "." and ".." left out.
 std::vector<std::wstring> NamesIn(HANDLE folder);

@@ -1,6 +1,7 @@
 #include "win32/secure_folder.h"
 
 #include "win32/clock.h"
+#include "win32/folder_entries.h"
 #include "win32/open_folder.h"
 #include "win32/security.h"
 
@@ -144,13 +145,12 @@ bool EmptyFolder(HANDLE folder, int levelsLeft) {
 }
 
 bool RemoveIn(HANDLE around, std::wstring_view name, int levelsLeft) {
-  const FileHandle doomed =
-      OpenAnywayIn(around, name, DELETE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES, kShareAll);
+  const FileHandle doomed = OpenIn(around, name, DELETE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES, kShareAll);
   if (!doomed) {
     return IsMissing(GetLastError());
   }
   if (IsPlainFolder(AttributesOf(doomed.Get()))) {
-    const FileHandle folder = OpenAnywayIn(around, name, kHold, kShareAll);
+    const FileHandle folder = OpenIn(around, name, kHold, kShareAll);
     if (!folder || !EmptyFolder(folder.Get(), levelsLeft)) {
       return false;
     }
@@ -188,7 +188,7 @@ DWORD Displace(const Place& place, const wchar_t* path, ForeignFolder foreign, b
 
 // Opens what stands there, and looks at the open folder: the one that was looked at before may be gone.
 DWORD HoldFolder(const Place& place, ForeignFolder foreign, FileHandle& folder) noexcept {
-  folder = OpenAnywayIn(place.folder.Get(), place.name, kHold, FILE_SHARE_READ | FILE_SHARE_WRITE);
+  folder = OpenIn(place.folder.Get(), place.name, kHold, FILE_SHARE_READ | FILE_SHARE_WRITE);
   if (!folder) {
     return GetLastError();
   }
@@ -212,7 +212,7 @@ FolderResult SecureFolder(const wchar_t* path, const wchar_t* sddl, ForeignFolde
   if (!place.folder) {
     return failed(FolderStep::kCreate, GetLastError());
   }
-  FileHandle found = OpenAnywayIn(place.folder.Get(), place.name, kLook, kShareAll);
+  FileHandle found = OpenIn(place.folder.Get(), place.name, kLook, kShareAll);
   const bool isFolder = found && IsPlainFolder(AttributesOf(found.Get()));
   const bool isStrange = isFolder && foreign != ForeignFolder::kTakeOver && !HasTrustedOwner(found.Get());
   result.replaced = found && !isFolder;

@@ -3,7 +3,6 @@
 
 #include "win32/handle.h"
 
-#include <optional>
 #include <string>
 
 namespace kiosk::win32 {

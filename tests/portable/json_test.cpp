@@ -1,11 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <cfloat>
-#include <cmath>
-#include <cstdio>
-#include <cstring>
 #include <limits>
-#include <random>
 
 #include "json/parse.h"
 #include "json/serialise.h"
@@ -34,7 +29,7 @@ TEST(JsonParse, TakesAndWritesBack) {
       {R"({"a":1,"b":2,"a":3})", R"({"a":3,"b":2})"},
       {R"({"":{"":""}})", R"({"":{"":""}})"},
       {R"("\ud83d\ude00")", "\"\xF0\x9F\x98\x80\""},
-      {R"("\u0024\u00e9\u20AC\uffff")", "\"$\xC3\xA9\xE2\x82\xAC\xEF\xBF\xBF\""},
+      {R"("\u007F\u0080\u07ff\u0800\u20AC\uffff")", "\"\x7F\u0080\u07FF\u0800\u20AC\uFFFF\""},
       {R"("\ud83d")", "\"\xED\xA0\xBD\""},
       {R"("\ude00\ud83d")", "\"\xED\xB8\x80\xED\xA0\xBD\""},
       {R"("\ude00\ude00")", "\"\xED\xB8\x80\xED\xB8\x80\""},
@@ -47,6 +42,11 @@ TEST(JsonParse, TakesAndWritesBack) {
       {"[3.0,2.9,1.5,0.1234567,1e20,-0,-0.0,15,1E2,0.001]", "[3,2.9,1.5,0.123457,1e+20,0,0,15,100,0.001]"},
       {"[9007199254740993,9223372036854775807,-9223372036854775808,1e-400,5e-324]",
        "[9007199254740992,9.22337e+18,-9223372036854775808,0,4.94066e-324]"},
+      // Where printing changes its form; the fuzz target asks the C library about any number.
+      {"[1e20,1e-7,123456.5,999999.5,999998.9999999,0.00099999999,0.0099999999,1.0000005,2.5,0.1234565,12345.25,1."
+       "7976931348623157e308,2.2250738585072014e-308,9223372036854774784,-9223372036854775808,1000000.5]",
+       "[1e+20,1e-07,123456,1e+06,999999,0.001,0.01,1,2.5,0.123456,12345.2,1.79769e+308,2.22507e-308,"
+       "9223372036854774784,-9223372036854775808,1e+06]"},
       // Lenient numbers: the longest run counts, and strtod's reading of its front.
       {"[1-2,+5,-,.5,5.,01,1e,1e+,+-1,++1,e5,.,1.2.3,--1]", "[1,5,0,0.5,5,1,1,1,0,0,0,0,1.2,0]"},
       {Nested(64, '[', "7", ']'), Nested(64, '[', "7", ']')},
@@ -103,44 +103,7 @@ TEST(JsonParse, RefusesWithMessageAndOffset) {
   }
 }
 
-// The C library is the oracle, for numbers of every size and for runs that are no numbers.
-TEST(JsonNumbers, ReadAndPrintAsTheCLibraryDoes) {
-  std::mt19937_64 random(20261015);  // NOLINT(cert-msc32-c,cert-msc51-cpp): repeatable
-  char expected[40];
-  const auto check = [&](double number) {
-    (void)std::snprintf(expected, sizeof(expected), "%g", number);
-    const double whole = std::trunc(number);
-    if (whole == number && number >= -0x1p63 && number < 0x1p63) {
-      (void)std::snprintf(expected, sizeof(expected), "%lld", static_cast<long long>(number));
-    }
-    ASSERT_EQ(AsString(number), expected);
-  };
-  for (const double number : {1e20, 1e-7, 123456.5, 999999.5, 999998.9999999, 0.00099999999, 0.0099999999, 1.0000005,
-                              2.5, 0.1234565, 12345.25, DBL_MAX, DBL_MIN, 9223372036854774784.0, 0x1p63, 1e6 + 0.5}) {
-    check(number);
-    check(-number);
-    check(std::nextafter(number, 0));
-  }
-  for (int i = 0; i < 30000; ++i) {
-    double number = 0;
-    const std::uint64_t bits = random();
-    std::memcpy(&number, &bits, sizeof(number));
-    if (std::isfinite(number)) {
-      check(number);
-    }
-    const double digits = static_cast<double>(random() % 100'000'000);
-    check(digits / std::pow(10.0, static_cast<double>(random() % 13)));
-
-    std::string run(1 + random() % 12, '0');
-    for (char& byte : run) {
-      byte = "0123456789012345+-.eE"[random() % 21];
-    }
-    const double read = std::strtod(run.c_str(), nullptr);
-    const std::optional<Value> value = Parse(run);
-    ASSERT_TRUE(value) << run;
-    ASSERT_EQ(value->number(), read) << run;
-    ASSERT_EQ(ParseStored(run).has_value(), std::isfinite(read)) << run;
-  }
+TEST(JsonNumbers, WithoutAnEnd) {
   for (const char* deep : {R"([{"a":[1,-1e999]}])", "{\"a\":1e999}", "[", ""}) {
     EXPECT_FALSE(ParseStored(deep)) << deep;
   }

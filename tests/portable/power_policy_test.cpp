@@ -1,4 +1,4 @@
-// Power policies as the portal and the shell send them.
+// Power policies and the week they make. What is a policy, the fuzz target asks of any text.
 #include "power/power_policy.h"
 
 #include "json/parse.h"
@@ -13,110 +13,17 @@
 namespace kiosk::power {
 namespace {
 
-constexpr char kSchedule[] = R"({"enabled":true,"sleepAt":"22:00","wakeAt":"07:00","days":[1]})";
-
-// The canonical form of what was sent; "refused" when it is no policy, and then the record is untouched.
-std::string Canonical(const std::string& text) {
-  PowerPolicy policy{7, 8, {true, 9, 10, 11}};
-  const PowerPolicy before = policy;
-  const auto value = json::Parse(text);
-  if (!value) {
-    return "no JSON";
-  }
-  if (!ParsePowerPolicy(*value, policy)) {
-    return policy == before ? "refused" : "refused and changed";
-  }
-  return json::Serialise(PowerPolicyToJson(policy));
-}
-
-std::string WithMinutes(const std::string& screenOff, const std::string& sleep) {
-  return "{\"screenOffMinutes\":" + screenOff + ",\"sleepMinutes\":" + sleep + ",\"schedule\":" + kSchedule + "}";
-}
-
-std::string WithSchedule(const std::string& schedule) {
-  return R"({"screenOffMinutes":1,"sleepMinutes":2,"schedule":)" + schedule + "}";
-}
-
 TEST(PowerPolicy, DefaultsAndCanonicalForm) {
   constexpr char kDefaults[] =
       R"({"screenOffMinutes":15,"sleepMinutes":0,"schedule":{"enabled":false,"sleepAt":"22:00",)"
       R"("wakeAt":"07:00","days":[1,2,3,4,5]}})";
   EXPECT_EQ(json::Serialise(PowerPolicyToJson({})), kDefaults);
-  EXPECT_EQ(Canonical(kDefaults), kDefaults);
-  EXPECT_EQ(Canonical(R"( {"x":[1],"schedule":{"days":[5,3,1,2,4.0],"wakeAt":"07:00","y":{},"sleepAt":"22:00",)"
-                      R"("enabled":false},"sleepMinutes":-0,"screenOffMinutes":1.5e1} )"),
-            kDefaults);
-}
-
-TEST(PowerPolicy, Minutes) {
-  for (const auto& [accepted, list] :
-       {std::pair(true, "0|-0|1|240|2.4e2"), std::pair(false,
-                                                       "241|-1|2.5|239.9999999|\"15\"|null|true|[15]|{}|1e308|-1e308|"
-                                                       "9007199254740993|1e-300")}) {
-    for (const std::string& minutes : test::Words(list)) {
-      EXPECT_EQ(Canonical(WithMinutes(minutes, "0")) != "refused", accepted) << minutes;
-      EXPECT_EQ(Canonical(WithMinutes("0", minutes)) != "refused", accepted) << minutes;
-    }
-  }
-}
-
-TEST(PowerPolicy, ClockTimes) {
-  struct {
-    const char* text;
-    std::uint32_t minutes;
-  } const good[] = {{"\"00:00\"", 0}, {"\"23:59\"", 1439}, {"\"19:09\"", 1149}};
-  for (const auto& each : good) {
-    EXPECT_EQ(ParseClockTime(*json::Parse(each.text)), each.minutes);
-    EXPECT_EQ('"' + ClockTimeText(each.minutes) + '"', each.text);
-  }
-  for (const std::string& bad :
-       test::Words(R"("7:00"|"24:00"|"12:60"|"12-30"|"-1:30"|" 1:30"|"+1:30"|"1a:30"|"12:3/"|"12:3:"|"12:300"|""|)"
-                   R"("12\u000030"|"１2:0"|1230|null|["12:30"])")) {
-    EXPECT_FALSE(ParseClockTime(*json::Parse(bad))) << bad;
-    EXPECT_EQ(Canonical(WithSchedule(R"({"enabled":false,"sleepAt":"01:00","days":[],"wakeAt":)" + bad + "}")),
-              "refused");
-  }
-}
-
-TEST(PowerPolicy, Days) {
-  struct {
-    const char* text;
-    DayMask mask;
-    const char* canonical;
-  } const good[] = {{"[]", 0, "[]"},
-                    {"[6,0]", 65, "[0,6]"},
-                    {"[-0]", 1, "[0]"},
-                    {"[3.0]", 8, "[3]"},
-                    {"[6,5,4,3,2,1,0]", 127, "[0,1,2,3,4,5,6]"}};
-  for (const auto& each : good) {
-    EXPECT_EQ(ParseDays(*json::Parse(each.text)), each.mask) << each.text;
-    EXPECT_EQ(json::Serialise(DaysToJson(each.mask)), each.canonical);
-  }
-  for (const std::string& bad :
-       test::Words(R"([1,1]|[0,-0]|[7]|[-1]|[1.5]|[6.999999999]|["1"]|[null]|[true]|[[1]]|[1e308]|[9007199254740993]|)"
-                   R"([0,1,2,3,4,5,6,7]|[0,1,2,3,4,5,6,6]|{}|"1"|null|62)")) {
-    EXPECT_FALSE(ParseDays(*json::Parse(bad))) << bad;
-  }
-}
-
-TEST(PowerPolicy, Schedules) {
-  for (const char* good : {kSchedule, R"({"enabled":false,"sleepAt":"00:00","wakeAt":"00:01","days":[]})"}) {
-    EXPECT_EQ(Canonical(WithSchedule(good)), WithSchedule(good));
-  }
-  const std::string deep = std::string(10, '[') + std::string(10, ']');
-  for (const std::string& bad : test::Words(
-           R"(null|[]|"x"|{}|{"enabled":true,"sleepAt":"22:00","wakeAt":"07:00","days":[]}|)"
-           R"({"enabled":false,"sleepAt":"22:00","wakeAt":"22:00","days":[1]}|)"
-           R"({"enabled":1,"sleepAt":"22:00","wakeAt":"07:00","days":[1]}|)"
-           R"({"enabled":"true","sleepAt":"22:00","wakeAt":"07:00","days":[1]}|)"
-           R"({"enabled":true,"sleepAt":"22:00","wakeAt":"07:00"}|{"enabled":true,"sleepAt":"22:00","days":[1]}|)"
-           R"({"enabled":true,"wakeAt":"22:00","days":[1]}|{"sleepAt":"22:00","wakeAt":"07:00","days":[1]}|)" +
-           deep + R"(|{"enabled":true,"sleepAt":"22:00","wakeAt":"07:00","days":)" + deep + "}")) {
-    EXPECT_EQ(Canonical(WithSchedule(bad)), "refused") << bad;
-  }
-  for (const std::string& other : test::Words(R"(null|[]|7|"{}"|{}|{"screenOffMinutes":1,"sleepMinutes":2})")) {
-    EXPECT_EQ(Canonical(other), "refused") << other;
-  }
+  PowerPolicy policy{7, 8, {true, 9, 10, 11}};
+  EXPECT_TRUE(ParsePowerPolicy(
+      *json::Parse(R"( {"x":[1],"schedule":{"days":[5,3,1,2,4.0],"wakeAt":"07:00","y":{},"sleepAt":"22:00",)"
+                   R"("enabled":false},"sleepMinutes":-0,"screenOffMinutes":1.5e1} )"),
+      policy));
+  EXPECT_EQ(json::Serialise(PowerPolicyToJson(policy)), kDefaults);
 }
 
 TEST(PowerPolicy, WhenTheScheduleWantsTheComputerAwake) {

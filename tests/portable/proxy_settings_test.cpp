@@ -18,7 +18,7 @@ void ExpectAll(const char* member, const char* wrong, const std::vector<std::str
     request.Set("mode", std::string(member) == "pacUrl" ? "auto" : "manual")
         .Set("server", "p.test:8080")
         .Set(member, value);
-    EXPECT_STREQ(ParseRequest(request).invalid, wrong) << value;
+    EXPECT_STREQ(ParseProxySet(request).invalid, wrong) << value;
   }
 }
 
@@ -65,7 +65,7 @@ TEST(ProxyRequest, ModesAndTypes) {
                                                        {R"({"mode":"manual","server":"p:1","bypass":["a"]})", "bypass"},
                                                        {R"({"mode":"manual","server":"p:1","bypass":null})", nullptr}};
   for (const auto& [request, wrong] : cases) {
-    EXPECT_STREQ(ParseRequest(*json::Parse(request)).invalid, wrong) << request;
+    EXPECT_STREQ(ParseProxySet(*json::Parse(request)).invalid, wrong) << request;
   }
 }
 

@@ -32,23 +32,6 @@ TEST(SignIn, MethodsAreOnUnlessSwitchedOff) {
   }
 }
 
-TEST(SignIn, HostsAreFiltered) {
-  const std::string label63(63, 'a');
-  const std::string longest = label63 + "." + label63 + "." + label63 + "." + std::string(61, 'a');  // 253
-  const auto hosts = [](const std::string& name) { return Normalised("{\"extraHosts\":[\"" + name + "\"]}"); };
-  for (const std::string& kept :
-       {std::string("login.example.com"), std::string("a.b"), std::string("1-2.3-4"), longest}) {
-    EXPECT_EQ(hosts(kept), R"({"microsoft":true,"email":true,"extraHosts":[")" + kept + "\"]}");
-  }
-  for (const std::string& refused : {longest + "a", label63 + "a.b"}) {
-    EXPECT_EQ(hosts(refused), hosts("")) << refused;
-  }
-  for (const char* refused : {"localhost", ".", "a..b", ".a.b", "a.b.", "-a.b", "a-.b", "a.-b", "A.b", "a_b.c", "a.b/c",
-                              "a.b:80", "ä.de", " a.b", "*.a.b"}) {
-    EXPECT_EQ(hosts(refused), R"({"microsoft":true,"email":true,"extraHosts":[]})") << refused;
-  }
-}
-
 TEST(SignIn, TenDistinctHostsAtTheMost) {
   std::string sent = "\"h0.x\",\"h0.x\",7,null,\"BAD.x\"";
   std::string kept = "\"h0.x\"";

@@ -1,66 +1,27 @@
-// The update policy's text, its window as a date, and the hours around it.
+// The update policy's text, its window as a date, and the hours around it. What is a policy, the fuzz target asks of
+// any text.
 #include "updates/updates_policy.h"
 
 #include "json/parse.h"
 #include "json/serialise.h"
-#include "tests/support/words.h"
 #include "updates/window_key.h"
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <iterator>
 #include <string>
 
 namespace kiosk::updates {
 namespace {
 
-std::string Canonical(const std::string& text) {
-  const auto value = json::Parse(text);
-  UpdatesPolicy policy{true, 1, 2, 3};
-  if (!value || !ParseUpdatesPolicy(*value, policy)) {
-    return policy == UpdatesPolicy{true, 1, 2, 3} ? "refused" : "refused, but changed";
-  }
-  return json::Serialise(UpdatesPolicyToJson(policy));
-}
-
-std::string With(const std::string& automatic, const std::string& start, const std::string& end,
-                 const std::string& days) {
-  return R"({"automatic":)" + automatic + R"(,"window":{"start":)" + start + R"(,"end":)" + end + R"(,"days":)" + days +
-         "}}";
-}
-
 TEST(UpdatesPolicyTest, OneTextForEachPolicy) {
-  const std::string text = With("true", "\"22:00\"", "\"02:00\"", "[0,5,6]");
-  EXPECT_EQ(Canonical(text), text);
-  EXPECT_EQ(
-      Canonical(R"( {"extra":[],"window":{"days":[6,5,0],"x":1,"end":"02:00","start":"22:00"},"automatic":true})"),
-      text);
-  EXPECT_EQ(json::Serialise(UpdatesPolicyToJson({})), With("false", "\"02:00\"", "\"05:00\"", "[0,1,2,3,4,5,6]"));
-  const std::string manual = With("false", "\"00:00\"", "\"23:59\"", "[3]");
-  EXPECT_EQ(Canonical(With("false", "\"00:00\"", "\"23:59\"", "[-0]")), With("false", "\"00:00\"", "\"23:59\"", "[0]"));
-  EXPECT_EQ(Canonical(manual), manual);
-}
-
-TEST(UpdatesPolicyTest, OneWrongMemberRefusesAllOfIt) {
-  for (const std::string& text : test::Words(
-           R"(null|[]|"x"|{}|{"automatic":true}|{"automatic":true,"window":[]}|{"automatic":true,"window":null}|)"
-           R"({"window":{"start":"02:00","end":"05:00","days":[1]}})")) {
-    EXPECT_EQ(Canonical(text), "refused") << text;
-  }
-  // Each member alone, in the place of a good one.
-  const std::string good[] = {"true", R"("02:00")", R"("05:00")", "[1]"};
-  const char* const bad[] = {R"(1|"true"|null)", R"("05:00"|"2:00"|"24:00"|120|"02:0\u0000")", R"("12:60"|null)",
-                             (R"([]|[1,1]|[7]|[-1]|[1.5]|["1"]|[[1]]|[9007199254740993]|[1e308]|{"0":1}|"1"|)"
-                              R"([0,1,2,3,4,5,6,0]|[[[[[[[[[[1]]]]]]]]]])")};
-  for (std::size_t i = 0; i < std::size(bad); ++i) {
-    for (const std::string& wrong : test::Words(bad[i])) {
-      std::array<std::string, 4> parts = {good[0], good[1], good[2], good[3]};
-      parts[i] = wrong;
-      EXPECT_EQ(Canonical(With(parts[0], parts[1], parts[2], parts[3])), "refused") << wrong;
-    }
-  }
-  EXPECT_EQ(Canonical(With("false", good[1], good[2], "[]")), "refused");
+  EXPECT_EQ(json::Serialise(UpdatesPolicyToJson({})),
+            R"({"automatic":false,"window":{"start":"02:00","end":"05:00","days":[0,1,2,3,4,5,6]}})");
+  UpdatesPolicy policy;
+  EXPECT_TRUE(ParseUpdatesPolicy(
+      *json::Parse(R"( {"x":[],"window":{"days":[6,5,0],"x":1,"end":"02:00","start":"22:00"},"automatic":true})"),
+      policy));
+  EXPECT_EQ(json::Serialise(UpdatesPolicyToJson(policy)),
+            R"({"automatic":true,"window":{"start":"22:00","end":"02:00","days":[0,5,6]}})");
 }
 
 TEST(WindowKeyTest, TheDateOnWhichItOpened) {

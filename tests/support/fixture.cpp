@@ -1,13 +1,14 @@
 #include "tests/support/fixture.h"
 
 #include "account/winlogon.h"
-#include "log/day_files.h"
 #include "sim/profiles.h"
+#include "state/folders.h"
 #include "win32/handle.h"
 #include "win32/wide_text.h"
 
 #include <fcntl.h>
 #include <io.h>
+#include <process.h>
 
 #include <algorithm>
 
@@ -50,12 +51,12 @@ void ResetComputer() {
 std::vector<std::string> LogLines(std::string_view component) {
   std::vector<std::string> lines;
   const std::wstring prefix = win32::ToWide(component) + L"_";
-  for (const std::wstring& folder : ListFolder(log::kLogRoot)) {
-    for (const std::wstring& name : ListFolder(std::wstring(log::kLogRoot) + L"\\" + folder)) {
+  for (const std::wstring& folder : ListFolder(state::kLogRoot)) {
+    for (const std::wstring& name : ListFolder(std::wstring(state::kLogRoot) + L"\\" + folder)) {
       if (!name.starts_with(prefix)) {
         continue;
       }
-      const std::string content = ReadWholeFile(std::wstring(log::kLogRoot) + L"\\" + folder + L"\\" + name);
+      const std::string content = ReadWholeFile(std::wstring(state::kLogRoot) + L"\\" + folder + L"\\" + name);
       for (std::size_t at = 0; at < content.size();) {
         const std::size_t end = content.find('\n', at);
         lines.push_back(content.substr(at, end - at));
@@ -78,6 +79,17 @@ std::vector<std::string> LogTexts(std::string_view component) {
 int CountLogged(std::string_view text) {
   const std::vector<std::string> texts = LogTexts();
   return static_cast<int>(std::count(texts.begin(), texts.end(), text));
+}
+
+win32::KernelHandle StartThisTestAs(const wchar_t* role) {
+  wchar_t self[MAX_PATH];
+  GetModuleFileNameW(nullptr, self, MAX_PATH);
+  const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
+  const std::wstring filter =
+      L"--gtest_filter=" + win32::ToWide(test.test_suite_name()) + L"." + win32::ToWide(test.name());
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the runtime gives the handle as a number
+  return win32::KernelHandle(
+      reinterpret_cast<HANDLE>(_wspawnl(_P_NOWAIT, self, L"test", L"--gtest_brief=1", filter.c_str(), role, nullptr)));
 }
 
 void SetRaw(const wchar_t* key, const wchar_t* name, DWORD type, const void* data, std::size_t size) {

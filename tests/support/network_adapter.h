@@ -4,19 +4,18 @@
 #include "json/parse.h"
 #include "json/serialise.h"
 #include "network/network.h"
-#include "sim/clock.h"
 #include "sim/com.h"
 #include "sim/machine.h"
 #include "sim/network.h"
-#include "state/kiosk_state.h"
-#include "tests/support/fixture.h"
+#include "tests/support/command.h"
+#include "tests/support/terminal.h"
 
 #include <string>
 
 namespace kiosk::network {
 
 inline const std::string kName = sim::Narrow(sim::kFactoryAdapter);
-inline const std::wstring kAdapterArea = std::wstring(L"Adapters\\") + sim::kFactoryAdapter;
+inline const sim::Adapter kAdapter(sim::kFactoryAdapter);
 inline const std::wstring kInterface =
     std::wstring(L"SYSTEM\\CurrentControlSet\\Services\\Tcpip\\Parameters\\Interfaces\\") + sim::kFactoryAdapter;
 inline constexpr wchar_t kPersistentRoutes[] =
@@ -26,7 +25,7 @@ inline const std::string kStatic =
 inline const std::string kFailed = R"({"ok":false,"error":"failed"})";
 
 inline std::string Set(const std::string& members, const std::string& adapter = kName) {
-  return json::Serialise(NetSet(*json::Parse("{\"adapter\":\"" + adapter + "\"," + members + "}")));
+  return json::Serialise(test::Ask(NetSet, "{\"adapter\":\"" + adapter + "\"," + members + "}"));
 }
 
 inline void MakeMachine() {
@@ -40,8 +39,8 @@ inline void MakeMachine() {
 
 // Two addresses, a gateway and a name server of the owner's.
 inline void MakeItStatic() {
-  sim::WriteNumber(kAdapterArea, L"Dhcp", 0);
-  sim::WriteText(kAdapterArea, L"Addresses", L"172.16.0.9/16 172.16.0.10/16");
+  kAdapter.dhcp.Set(0);
+  kAdapter.addresses.Set(L"172.16.0.9/16 172.16.0.10/16");
   sim::SetGatewaysByHand(sim::kFactoryAdapter, L"172.16.0.1");
   test::SetString(kInterface.c_str(), L"NameServer", L"172.16.0.2,172.16.0.3");
 }
@@ -63,15 +62,13 @@ inline constexpr char kDhcpRecord[] = R"("settings":{"dhcp":true,"addresses":[],
 inline constexpr char kWantedRecord[] =
     R"(,"wanted":{"dhcp":false,"addresses":[{"address":"10.1.2.3","prefixLength":24}],"gateways":["10.1.2.1"],"dns":[]})";
 
-class NetworkTest : public test::CleanMachine {
+class NetworkTest : public test::VirtualComputer {
  protected:
   void SetUp() override {
-    CleanMachine::SetUp();
+    VirtualComputer::SetUp();
     MakeMachine();
   }
   void TearDown() override { EXPECT_EQ(sim::LiveComObjects(), 0); }
-
-  sim::VirtualClock clock_{sim::FileTimeOf(2026, 11, 21, 9)};
 };
 
 }  // namespace kiosk::network

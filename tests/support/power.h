@@ -3,15 +3,17 @@
 
 #include "json/parse.h"
 #include "json/serialise.h"
-#include "power/policy_store.h"
+#include "portal/policies.h"
 #include "power/power_commands.h"
+#include "power/power_policy_store.h"
 #include "power/power_scheme.h"
 #include "sim/com.h"
 #include "sim/faults.h"
 #include "sim/machine.h"
 #include "sim/power.h"
 #include "sim/tasks.h"
-#include "tests/support/kiosk_terminal.h"
+#include "tests/support/command.h"
+#include "tests/support/terminal.h"
 #include "tests/support/words.h"
 #include "win32/wide_text.h"
 
@@ -40,7 +42,7 @@ inline std::string Policy(int screenOff, int sleep, const std::string& schedule 
 inline json::Value Json(const std::string& text) { return json::Parse(text).value_or(json::Value()); }
 
 inline void Receive(const std::string& policy, const std::string& source = "tenant") {
-  ApplyPortalPowerPolicy(Json("{\"power\":" + policy + ",\"powerSource\":\"" + source + "\"}"));
+  portal::StorePolicies(Json("{\"power\":" + policy + ",\"powerSource\":\"" + source + "\"}"));
 }
 
 inline std::string State(const state::StateValue& value) { return win32::ToNarrow(state::ReadStateString(value)); }
@@ -79,7 +81,7 @@ class PowerTest : public test::CleanMachine {
     texts.erase(texts.begin(), texts.begin() + static_cast<std::ptrdiff_t>(std::exchange(seen_, texts.size())));
     return texts;
   }
-  static std::string Set(const std::string& request) { return json::Serialise(HandlePowerSet(Json(request))); }
+  static std::string Set(const std::string& request) { return json::Serialise(test::Ask(PowerSet, request)); }
 
   std::size_t seen_ = 0;
 };

@@ -1,15 +1,15 @@
 // The log tree's spool, as tests look at it.
 #pragma once
 
-#include "log/day_files.h"
 #include "log/shipper/spool.h"
+#include "state/folders.h"
 #include "tests/support/fixture.h"
 
 #include <algorithm>
 
 namespace kiosk::log::shipper {
 
-inline const std::wstring kRoot = kLogRoot;
+inline const std::wstring kRoot = state::kLogRoot;
 inline const std::wstring kDrop = kRoot + L"\\Drop";
 
 inline std::vector<std::wstring> Segments(const std::wstring& folder = kDrop) {

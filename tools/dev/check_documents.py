@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Holds what the documents name (state values, settings, commands, log lines, exit codes) against the code."""
+"""Holds what the documents name (state values, settings, commands, policies, log lines, exit codes, the files of the
+simulation) against the code."""
 import pathlib
 import re
 import sys
@@ -42,6 +43,8 @@ def state_values():
     for name in sorted(documented.keys() & present.keys()):
         if documented[name].startswith("REG_") and documented[name] != present[name]:
             yield f"docs/registry.md: {name} is {documented[name]} there and {present[name]} in {header}"
+    for name in sorted(set(re.findall(r"StateValue (k\w+)\{", read(header))) - set(re.findall(r"&(k\w+)", read(header)))):
+        yield f"{header}: {name} is not in kStateValues, which the test of a damaged state key goes through: add it there"
 
 
 def settings():
@@ -60,6 +63,26 @@ def commands():
     yield from both_ways("command", documented, "docs/pipe.md (Commands)", present, "src/pipe/dispatch.cpp")
     timed = [name for cells in rows("docs/pipe.md", "| command | as a rule | longest |") for name in cells[0].split(", ")]
     yield from both_ways("command", timed, "docs/pipe.md (How long a reply may take)", present, "src/pipe/dispatch.cpp")
+
+
+def policies():
+    document = "docs/portal-api.md"
+    for policy, source in (("power", "src/power/power_policy.cpp"), ("updates", "src/updates/updates_policy.cpp")):
+        present = re.findall(r'Member\(\w+, "(\w+)"\)', read(source))
+        documented = [name for cells in rows(document, f"**`{policy}`**, all members required:\n\n")
+                      for path in re.findall(r"`([\w.]+)`", cells[0]) for name in path.split(".")]
+        yield from both_ways(f"member of the policy {policy}", documented, document, present, source)
+        for name in sorted(set(present)):
+            if f'"{name}"' not in read("tools/devportal/policy.py"):
+                yield f"tools/devportal/policy.py does not take {name}, a member of the policy {policy}: add it there"
+
+
+def simulation():
+    document = "docs/architecture.md"
+    table = read(document).split("\n## The simulated Windows\n", 1)[1].split("\n## ", 1)[0]
+    for source in sorted(pathlib.Path("sim").glob("*.cpp")):
+        if f"`{source.stem}`" not in table:
+            yield f"{source} is missing in the table of {document}, \"The simulated Windows\": add it there"
 
 
 def log_lines():
@@ -106,8 +129,9 @@ def exit_codes():
 
 
 def main():
-    wrong = [each for check in (state_values, settings, commands, log_lines, exit_codes) for each in check()]
-    print("\n".join(wrong) or "documents: state values, settings, commands, log lines and exit codes are those of the code")
+    wrong = [each for check in (state_values, settings, commands, policies, log_lines, exit_codes, simulation)
+             for each in check()]
+    print("\n".join(wrong) or "documents: what they name is what the code has")
     return bool(wrong)
 
 

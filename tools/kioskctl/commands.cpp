@@ -110,9 +110,9 @@ int ReportPaired(const Value& reply, bool countdown) {
 }
 
 // A pairing that fails in its last step, in which the kiosk account is set up, leaves the terminal paired all the same.
-int ReportFailed(const Value& reply, bool countdown) {
+int ReportFailed(const Answer& answer, bool countdown) {
   Print(countdown ? "\n" : "");
-  const int code = Refused(reply);
+  const int code = Failed({}, answer);
   if (const Answer status = AskFor(Request("status")); Member(status.reply, "enrolled").boolean()) {
     Print(std::string(NextStep(status.reply)) + "\n");
   }
@@ -131,18 +131,16 @@ int Poll(const std::string& code, std::uint64_t seconds, const Options& options)
       Wait(expiry, countdown);
     }
     const Answer answer = AskFor(request, kPairWait);
-    if (answer.outcome != Outcome::kReply) {
-      return NoReply(answer);
-    }
     const bool paired = Member(answer.reply, "paired").boolean();
-    if (options.json && (paired || !Ok(answer.reply))) {
-      PrintJson(answer.reply);
+    if (options.json && (paired || !Ok(answer))) {
+      PrintJson(answer);
     }
     if (paired) {
       return options.json ? static_cast<int>(kDone) : ReportPaired(Shown(answer.reply), countdown);
     }
-    if (!Ok(answer.reply)) {
-      return options.json ? static_cast<int>(kServiceError) : ReportFailed(answer.reply, countdown);
+    if (!Ok(answer)) {
+      const bool explained = answer.outcome == Outcome::kReply && !options.json;
+      return explained ? ReportFailed(answer, countdown) : Failed(options, answer);
     }
     const bool unreachable = Member(answer.reply, "error").text() == "unreachable";
     if (unreachable && !warned && !options.json) {
@@ -163,14 +161,11 @@ int Restart(const Options& options, const Words& /*words*/) {
 
 int Pair(const Options& options, const Words& /*words*/) {
   const Answer answer = AskFor(Request("pair.begin"), kPairWait);
-  if (answer.outcome != Outcome::kReply) {
-    return NoReply(answer);
-  }
   if (options.json) {
-    PrintJson(answer.reply);
+    PrintJson(answer);
   }
-  if (!Ok(answer.reply)) {
-    return options.json ? static_cast<int>(kServiceError) : Refused(answer.reply);
+  if (!Ok(answer)) {
+    return Failed(options, answer);
   }
   const std::string code = Member(Shown(answer.reply), "code").text();
   const double lifetime = std::clamp(Member(answer.reply, "expiresInSeconds").number(), 0.0, 86'400.0);

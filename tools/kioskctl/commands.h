@@ -15,6 +15,10 @@ int Status(const Options& options, const Words& words);
 int Pair(const Options& options, const Words& words);
 int Restart(const Options& options, const Words& words);
 
+// Writes a folder "NorvaneKiosk-support-<date>-<time>" into the one that is named (none: the current folder): what is
+// needed to find out why a terminal misbehaves, with no token and no password in it. Works without the service.
+int SupportBundle(const Options& options, const Words& words);
+
 #ifdef NORVANE_DEVELOPMENT_COMMANDS
 int Send(const Options& options, const Words& words);
 int Unlock(const Options& options, const Words& words);

@@ -5,9 +5,8 @@
 #include "text/text.h"
 #include "win32/console.h"
 #include "win32/local_path.h"
-#include "win32/winapi.h"
+#include "win32/program_path.h"
 
-#include <iterator>
 #include <utility>
 
 namespace kioskctl {
@@ -89,10 +88,30 @@ std::string OneLine(std::string text) {
 }
 
 // The service looks at no program on a share or on a network drive.
-bool StartedFromElsewhere() {
-  std::wstring path(32'768, L'\0');
-  path.resize(GetModuleFileNameW(nullptr, path.data(), static_cast<DWORD>(path.size())));
-  return !kiosk::win32::IsLocalPath(path);
+bool StartedFromElsewhere() { return !kiosk::win32::IsLocalPath(kiosk::win32::ProgramPath()); }
+
+int NoReply(const Answer& answer) {
+  const std::string number = " (error " + std::to_string(answer.error) + ")\n";
+  switch (answer.outcome) {
+    case Outcome::kNoService:
+      PrintError("The kiosk service is not running on this computer" + number);
+      if (RemovalPending()) {
+        PrintError(
+            "Kiosk mode was not removed completely: the kiosk account was in use. If the service was uninstalled,\n"
+            "restart the computer and run \"NorvaneKiosk.exe --uninstall\" once more; otherwise start the service.\n");
+      }
+      break;
+    case Outcome::kNotAllowed:
+      PrintError("Windows does not let this user talk to the kiosk service: sign in at this computer" + number);
+      break;
+    case Outcome::kImpostor:
+      PrintError("Another program has taken the kiosk service's place; nothing was sent to it.\n");
+      break;
+    default:
+      PrintError("The connection to the kiosk service ended without a reply" + number);
+      break;
+  }
+  return kNoService;
 }
 
 }  // namespace
@@ -125,43 +144,26 @@ std::string Explain(const std::string& code, std::string_view command) {
 
 bool RemovalPending() { return kiosk::state::FlagIsOn(kiosk::state::kTeardownPending); }
 
-int NoReply(const Answer& answer) {
-  const std::string number = " (error " + std::to_string(answer.error) + ")\n";
-  switch (answer.outcome) {
-    case Outcome::kNoService:
-      PrintError("The kiosk service is not running on this computer" + number);
-      if (RemovalPending()) {
-        PrintError(
-            "Kiosk mode was not removed completely: the kiosk account was in use. If the service was uninstalled,\n"
-            "restart the computer and run \"NorvaneKiosk.exe --uninstall\" once more; otherwise start the service.\n");
-      }
-      break;
-    case Outcome::kNotAllowed:
-      PrintError("Windows does not let this user talk to the kiosk service: sign in at this computer" + number);
-      break;
-    case Outcome::kImpostor:
-      PrintError("Another program has taken the kiosk service's place; nothing was sent to it.\n");
-      break;
-    default:
-      PrintError("The connection to the kiosk service ended without a reply" + number);
-      break;
+bool Ok(const Answer& answer) { return answer.outcome == Outcome::kReply && Member(answer.reply, "ok").boolean(); }
+
+void PrintJson(const Answer& answer) {
+  if (answer.outcome == Outcome::kReply) {
+    // Serialising leaves the control characters beyond ASCII as they are: to a script, not to a console.
+    const std::string text = kiosk::json::Serialise(answer.reply);
+    Print((kiosk::win32::OutputIsConsole() ? OneLine(text) : text) + "\n");
   }
-  return kNoService;
 }
 
-void PrintJson(const Value& reply) {
-  // Serialising leaves the control characters beyond ASCII as they are: to a script, not to a console.
-  const std::string text = kiosk::json::Serialise(reply);
-  Print((kiosk::win32::OutputIsConsole() ? OneLine(text) : text) + "\n");
-}
-
-bool Ok(const Value& reply) { return Member(reply, "ok").boolean(); }
-
-int Refused(const Value& reply, std::string_view command) {
-  const std::string code = OneLine(Member(reply, "error").text());
-  PrintError(Explain(code, command) + "\n");
-  if (code == "caller_refused" && StartedFromElsewhere()) {
-    PrintError("This program was not started from a disk of this computer: copy it to this computer first.\n");
+int Failed(const Options& options, const Answer& answer, std::string_view command) {
+  if (answer.outcome != Outcome::kReply) {
+    return NoReply(answer);
+  }
+  if (!options.json) {
+    const std::string code = OneLine(Member(answer.reply, "error").text());
+    PrintError(Explain(code, command) + "\n");
+    if (code == "caller_refused" && StartedFromElsewhere()) {
+      PrintError("This program was not started from a disk of this computer: copy it to this computer first.\n");
+    }
   }
   return kServiceError;
 }
@@ -187,19 +189,18 @@ int Run(const Options& options, Value request, std::string (*success)(const Valu
   const std::string command = Member(request, "cmd").text();
   Answer answer = AskFor(std::move(request), replyWait);
   const kiosk::text::WipeOnExit wipe(answer.reply);
-  if (answer.outcome != Outcome::kReply) {
-    return NoReply(answer);
-  }
   if (options.json) {
-    PrintJson(answer.reply);
-  } else if (!Ok(answer.reply)) {
-    return Refused(answer.reply, command);
-  } else {
+    PrintJson(answer);
+  }
+  if (!Ok(answer)) {
+    return Failed(options, answer, command);
+  }
+  if (!options.json) {
     Value shown = Shown(answer.reply);
     const kiosk::text::WipeOnExit wipeShown(shown);
     Print(success(shown));
   }
-  return Ok(answer.reply) ? kDone : kServiceError;
+  return kDone;
 }
 
 }  // namespace kioskctl

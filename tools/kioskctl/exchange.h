@@ -18,7 +18,8 @@ struct Options {
 };
 
 kiosk::json::Value Request(const char* command);
-bool Ok(const kiosk::json::Value& reply);
+// There is a reply, and it is no error.
+bool Ok(const Answer& answer);
 
 // A reply as a console may show it: each of its texts on one line, without the control bytes with which a name could
 // command the console.
@@ -31,11 +32,11 @@ Answer AskFor(kiosk::json::Value request, unsigned long replyWait = kReplyWait);
 int Run(const Options& options, kiosk::json::Value request, std::string (*success)(const kiosk::json::Value& reply),
         unsigned long replyWait = kReplyWait);
 
-void PrintJson(const kiosk::json::Value& reply);
-// Each prints to standard error and returns the exit code: why there is no reply; the error of a reply to the command;
-// what is wrong with the command line.
-int NoReply(const Answer& answer);
-int Refused(const kiosk::json::Value& reply, std::string_view command = {});
+// The reply, if there is one.
+void PrintJson(const Answer& answer);
+// Each prints to standard error and returns the exit code: why there is no reply, or, unless replies are printed as
+// they are, what the error of a reply to the command means; what is wrong with the command line.
+int Failed(const Options& options, const Answer& answer, std::string_view command = {});
 int WrongUsage(const std::string& problem);
 
 // The sentence for an error code that answers the command (pipe's name, "os.install"); the code itself when there is no

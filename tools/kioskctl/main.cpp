@@ -1,7 +1,6 @@
 // kioskctl: talks to the kiosk service on this computer, for people and for scripts.
 #include "commands.h"
 #include "log/log.h"
-#include "support_bundle.h"
 #include "win32/console.h"
 #include "win32/wide_text.h"
 #include "win32/winapi.h"
@@ -70,15 +69,11 @@ struct Command {
   int (*run)(const Options& options, const Words& words);
 };
 
-int Bundle(const Options& /*options*/, const Words& words) {
-  return kioskctl::SupportBundle(words.size() > 1 ? words[1] : std::string());
-}
-
 constexpr Command kCommands[] = {
     {"status", 0, 0, "no arguments", kioskctl::Status},
     {"pair", 0, 0, "no arguments", kioskctl::Pair},
     {"restart", 0, 0, "no arguments", kioskctl::Restart},
-    {"support-bundle", 0, 1, "at most one folder", Bundle},
+    {"support-bundle", 0, 1, "at most one folder", kioskctl::SupportBundle},
 #ifdef NORVANE_DEVELOPMENT_COMMANDS
     {"send", 1, 1, "one JSON text", kioskctl::Send},
     {"unlock", 1, 1, "one password", kioskctl::Unlock},

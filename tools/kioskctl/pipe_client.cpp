@@ -1,6 +1,9 @@
 #include "pipe_client.h"
 
 #include "json/parse.h"
+#include "pipe/overlapped.h"
+#include "pipe/server.h"
+#include "service/install.h"
 #include "win32/clock.h"
 #include "win32/handle.h"
 
@@ -11,25 +14,24 @@
 namespace kioskctl {
 namespace {
 
+using kiosk::pipe::kPipeName;
 using kiosk::text::Secret;
 using kiosk::win32::Deadline;
 using kiosk::win32::FileHandle;
-using kiosk::win32::KernelHandle;
 using kiosk::win32::ServiceHandle;
 
-constexpr wchar_t kPipe[] = L"\\\\.\\pipe\\NorvaneKiosk";
 constexpr DWORD kBusyWait = 5'000;
 constexpr DWORD kChunk = 4096;
 
 FileHandle Open() {
   const Deadline deadline(kBusyWait);
   while (true) {
-    FileHandle pipe(CreateFileW(kPipe, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
+    FileHandle pipe(CreateFileW(kPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
                                 FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
     if (pipe || GetLastError() != ERROR_PIPE_BUSY || deadline.Passed()) {
       return pipe;
     }
-    WaitNamedPipeW(kPipe, deadline.Left());
+    WaitNamedPipeW(kPipeName, deadline.Left());
   }
 }
 
@@ -42,7 +44,7 @@ bool ServedByService(HANDLE pipe) {
   if (!manager || GetNamedPipeServerProcessId(pipe, &server) == 0) {
     return true;
   }
-  const ServiceHandle service(OpenServiceW(manager.Get(), L"NorvaneKiosk", SERVICE_QUERY_STATUS));
+  const ServiceHandle service(OpenServiceW(manager.Get(), kiosk::service::kServiceName, SERVICE_QUERY_STATUS));
   if (!service) {
     return GetLastError() != ERROR_SERVICE_DOES_NOT_EXIST;
   }
@@ -53,33 +55,29 @@ bool ServedByService(HANDLE pipe) {
          status.dwProcessId == server;  // 0 while it does not run
 }
 
-// One overlapped transfer, waited for until the deadline.
+// One transfer, which `start` begins, waited for until the deadline. The number of bytes; 0, with the last error, when
+// it failed.
 template <typename Start>
-bool Transfer(HANDLE pipe, const Deadline& deadline, DWORD* moved, Start start) {
-  const KernelHandle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  OVERLAPPED overlapped{};
-  overlapped.hEvent = event.Get();
-  if (start(&overlapped) == 0 && GetLastError() != ERROR_IO_PENDING) {
-    return false;
+DWORD Transfer(HANDLE pipe, const Deadline& deadline, Start start) {
+  kiosk::pipe::OverlappedIo io;
+  if (!io) {
+    return 0;
   }
-  if (WaitForSingleObject(event.Get(), deadline.Left()) != WAIT_OBJECT_0) {
-    CancelIoEx(pipe, &overlapped);
-    GetOverlappedResult(pipe, &overlapped, moved, TRUE);
+  const BOOL started = start(io.Begin());
+  const kiosk::pipe::IoResult result = io.Finish(pipe, started, deadline.Left());
+  if (result.end == kiosk::pipe::IoEnd::kTimeout) {
     SetLastError(ERROR_TIMEOUT);
-    return false;
   }
-  return GetOverlappedResult(pipe, &overlapped, moved, FALSE) != 0;
+  return result.bytes;
 }
 
 bool ReadLine(HANDLE pipe, const Deadline& deadline, Secret& line) {
   std::string chunk(kChunk, '\0');
   bool whole = false;
-  bool ok = true;
-  while (ok && !whole) {
-    DWORD read = 0;
-    ok = Transfer(pipe, deadline, &read,
-                  [&](OVERLAPPED* overlapped) { return ReadFile(pipe, chunk.data(), kChunk, nullptr, overlapped); }) &&
-         read != 0;
+  DWORD read = 1;
+  while (read != 0 && !whole) {
+    read = Transfer(pipe, deadline,
+                    [&](OVERLAPPED* overlapped) { return ReadFile(pipe, chunk.data(), kChunk, nullptr, overlapped); });
     const std::string_view piece(chunk.data(), read);
     line.Append(piece);
     whole = piece.find('\n') != std::string_view::npos;
@@ -104,12 +102,11 @@ Answer Ask(Secret request, DWORD replyWait) {
   const Deadline deadline(replyWait);
   request.Append("\n");
   const std::string& line = request.Get();
-  DWORD written = 0;
-  const bool sent = Transfer(pipe.Get(), deadline, &written, [&](OVERLAPPED* overlapped) {
+  const DWORD sent = Transfer(pipe.Get(), deadline, [&](OVERLAPPED* overlapped) {
     return WriteFile(pipe.Get(), line.data(), static_cast<DWORD>(line.size()), nullptr, overlapped);
   });
   Secret reply;
-  if (!sent || !ReadLine(pipe.Get(), deadline, reply)) {
+  if (sent == 0 || !ReadLine(pipe.Get(), deadline, reply)) {
     return {Outcome::kBroken, {}, GetLastError()};
   }
   auto parsed = kiosk::json::Parse(reply.Get());

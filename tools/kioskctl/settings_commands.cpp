@@ -89,11 +89,8 @@ std::string DayNames(const Value& days) {
 
 int Send(const Options& /*options*/, const Words& words) {
   const Answer answer = Ask(kiosk::text::Secret(words[1]));
-  if (answer.outcome != Outcome::kReply) {
-    return NoReply(answer);
-  }
-  PrintJson(answer.reply);
-  return Ok(answer.reply) ? kDone : kServiceError;
+  PrintJson(answer);
+  return Ok(answer) ? static_cast<int>(kDone) : Failed({.json = true}, answer);
 }
 
 int Unlock(const Options& options, const Words& words) {

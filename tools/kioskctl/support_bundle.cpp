@@ -1,8 +1,5 @@
-#include "support_bundle.h"
-
+#include "commands.h"
 #include "json/serialise.h"
-#include "log/log.h"
-#include "pipe_client.h"
 #include "support_facts.h"
 #include "win32/console.h"
 #include "win32/handle.h"
@@ -41,7 +38,9 @@ constexpr Section kSections[] = {
     {L"proxy.txt", ProxyFacts},       {L"certificates.txt", CertificateFacts}, {L"folders.txt", FolderFacts},
 };
 
-// The logs are for administrators alone, and so is their copy, wherever it is put: also for whoever made it.
+// Protected; full control for SYSTEM, Administrators and the owner ("OWNER RIGHTS", whoever makes the bundle),
+// inherited by all content. The logs are for administrators alone, and a copy must not be for others because of where
+// it is put.
 constexpr wchar_t kPrivate[] = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;FA;;;S-1-3-4)";
 
 bool MakeFolder(const std::wstring& path) {
@@ -66,7 +65,8 @@ std::wstring NewFolderName() {
   return name;
 }
 
-// The end of the file, at most `limit` bytes from the beginning of a line on.
+// The end of the file, at most `limit` bytes from the beginning of a line on. The service may write to the file, move
+// or delete it meanwhile; a link is not followed.
 bool ReadEnd(const std::wstring& path, std::size_t limit, std::string& text) {
   constexpr DWORD kAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
   const kiosk::win32::FileHandle file(
@@ -106,7 +106,7 @@ void CopyLogs(const std::wstring& folder) {
   }
 }
 
-int Failed(const std::wstring& path) {
+int CannotWrite(const std::wstring& path) {
   const DWORD error = GetLastError();
   PrintError("Cannot write " + kiosk::win32::ToNarrow(path) + " (error " + std::to_string(error) + ").\n");
   return kServiceError;
@@ -114,17 +114,17 @@ int Failed(const std::wstring& path) {
 
 }  // namespace
 
-int SupportBundle(const std::string& parent) {
-  std::wstring folder = parent.empty() ? L"." : kiosk::win32::ToWide(parent);
+int SupportBundle(const Options& /*options*/, const Words& words) {
+  std::wstring folder = kiosk::win32::ToWide(words.size() > 1 && !words[1].empty() ? words[1] : ".");
   folder += (folder.back() == L'\\' ? L"" : L"\\") + NewFolderName();
   const std::wstring logs = folder + L"\\logs";
   if (!MakeFolder(folder) || !MakeFolder(logs)) {
-    return Failed(folder);
+    return CannotWrite(folder);
   }
   for (const Section& section : kSections) {
     const std::wstring path = folder + L"\\" + section.file;
     if (!WriteText(path, WithoutSids(section.text()))) {
-      return Failed(path);
+      return CannotWrite(path);
     }
   }
   CopyLogs(logs);

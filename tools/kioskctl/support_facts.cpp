@@ -1,16 +1,21 @@
 #include "support_facts.h"
 
-#include "log/day_files.h"
+#include "account/winlogon.h"
+#include "branding/branding_folder.h"
 #include "log/log.h"
-#include "log/settings.h"
-#include "log/shipper/settings.h"
+#include "log/log_settings.h"
+#include "log/shipper/shipper_settings.h"
 #include "pipe/signature.h"
+#include "service/install.h"
+#include "state/folders.h"
 #include "state/kiosk_state.h"
 #include "state/os_version.h"
+#include "text/text.h"
 #include "win32/clock.h"
 #include "win32/com.h"
-#include "win32/crypt_handles.h"
+#include "win32/folder_entries.h"
 #include "win32/grow.h"
+#include "win32/owners.h"
 #include "win32/security.h"
 #include "win32/wide_text.h"
 
@@ -21,6 +26,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <functional>
 #include <iterator>
 #include <optional>
 #include <string_view>
@@ -29,6 +35,7 @@ namespace kioskctl {
 namespace {
 
 using kiosk::state::RawValue;
+using kiosk::win32::FolderEntry;
 using kiosk::win32::ToNarrow;
 
 std::string ErrorText(const char* what, unsigned long error) {
@@ -43,7 +50,7 @@ std::string TimeText(const SYSTEMTIME& time) {
 }
 
 std::string FileTimeText(std::uint64_t value) {
-  const FILETIME time{static_cast<DWORD>(value), static_cast<DWORD>(value >> 32)};
+  const FILETIME time = kiosk::win32::ToFileTime(value);
   SYSTEMTIME split;
   return FileTimeToSystemTime(&time, &split) != 0 ? TimeText(split) + " UTC" : std::to_string(value);
 }
@@ -52,8 +59,7 @@ std::string FileTimeText(std::uint64_t value) {
 bool IsSecret(const std::wstring& name) {
   constexpr std::wstring_view kSecrets[] = {L"token", L"password", L"secret", L"accountsid"};
   std::wstring lower = name;
-  std::transform(lower.begin(), lower.end(), lower.begin(),
-                 [](wchar_t c) { return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c | 0x20) : c; });
+  std::transform(lower.begin(), lower.end(), lower.begin(), kiosk::text::AsciiLower<wchar_t>);
   return std::any_of(std::begin(kSecrets), std::end(kSecrets),
                      [&](std::wstring_view each) { return lower.find(each) != std::wstring::npos; });
 }
@@ -70,9 +76,8 @@ std::string Content(const RawValue& value) {
   }
   std::string hex;
   for (std::size_t i = 0; i < std::min<std::size_t>(value.bytes.size(), 64); ++i) {
-    char pair[4];
-    static_cast<void>(std::snprintf(pair, std::size(pair), "%02x ", value.bytes[i]));
-    hex += pair;
+    kiosk::text::AppendHex(hex, value.bytes[i]);
+    hex += ' ';
   }
   return hex;
 }
@@ -111,19 +116,17 @@ struct NamedValue {
   const wchar_t* name;
 };
 
-constexpr wchar_t kWinlogon[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon";
-constexpr wchar_t kSystemPolicies[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Policies\\System";
 constexpr wchar_t kUpdatePolicies[] = L"SOFTWARE\\Policies\\Microsoft\\Windows\\WindowsUpdate";
 
 constexpr NamedValue kWindowsSettings[] = {
-    {kWinlogon, L"AutoAdminLogon"},
-    {kWinlogon, L"DefaultUserName"},
-    {kWinlogon, L"DefaultDomainName"},
-    {kWinlogon, L"DefaultPassword"},
-    {kWinlogon, L"AutoLogonCount"},
-    {L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\PasswordLess\\Device", L"DevicePasswordLessBuildVersion"},
-    {kSystemPolicies, L"EnableFirstLogonAnimation"},
-    {kSystemPolicies, L"HideFastUserSwitching"},
+    {kiosk::account::kWinlogonKey, kiosk::account::kAutoAdminLogon},
+    {kiosk::account::kWinlogonKey, kiosk::account::kDefaultUserName},
+    {kiosk::account::kWinlogonKey, kiosk::account::kDefaultDomainName},
+    {kiosk::account::kWinlogonKey, kiosk::account::kDefaultPassword},
+    {kiosk::account::kWinlogonKey, kiosk::account::kAutoLogonCount},
+    {kiosk::account::kPasswordLessKey, L"DevicePasswordLessBuildVersion"},
+    {kiosk::account::kSystemPoliciesKey, L"EnableFirstLogonAnimation"},
+    {kiosk::account::kSystemPoliciesKey, L"HideFastUserSwitching"},
     {kUpdatePolicies, L"SetActiveHours"},
     {kUpdatePolicies, L"ActiveHoursStart"},
     {kUpdatePolicies, L"ActiveHoursEnd"},
@@ -140,10 +143,9 @@ std::string TaskText(ITaskFolder* folder, const wchar_t* name) {
   if (SUCCEEDED(result)) {
     result = task->get_Xml(xml.Put());
   }
-  char text[32];
-  static_cast<void>(std::snprintf(text, std::size(text), "none (0x%08lx)\n", static_cast<unsigned long>(result)));
   return ToNarrow(name) + ": " +
-         (SUCCEEDED(result) ? "\n" + ToNarrow(kiosk::win32::BstrText(xml.Get())) + "\n" : std::string(text));
+         (SUCCEEDED(result) ? "\n" + ToNarrow(kiosk::win32::BstrText(xml.Get())) + "\n"
+                            : "none (" + kiosk::win32::HresultText(result) + ")\n");
 }
 
 std::wstring ServiceFile() {
@@ -215,31 +217,11 @@ std::string Descriptor(const std::wstring& path) {
   return ToNarrow(path) + "\n  " + ToNarrow(sddl) + "\n";
 }
 
-struct FoundLog {
-  std::wstring path;
-  std::uint64_t lastWrite;
-  std::uint64_t size;
-};
-
-template <typename Visit>
-void ForEachIn(const std::wstring& folder, Visit visit) {
-  WIN32_FIND_DATAW data;
-  const kiosk::win32::FindHandle find(FindFirstFileW((folder + L"\\*").c_str(), &data));
-  for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.Get(), &data) != 0) {
-    if ((data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0 && data.cFileName[0] != L'.') {
-      visit(data);
-    }
-  }
-}
-
-void CollectLogs(const std::wstring& folder, std::vector<FoundLog>& logs) {
-  ForEachIn(folder, [&](const WIN32_FIND_DATAW& data) {
-    const std::wstring_view name = data.cFileName;
-    if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0 && name.ends_with(L".log")) {
-      logs.push_back({folder + L"\\" + data.cFileName, kiosk::win32::FileTimeValue(data.ftLastWriteTime),
-                      (static_cast<std::uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow});
-    }
-  });
+void CollectLogs(const std::wstring& folder, std::vector<FolderEntry>& logs) {
+  std::ranges::copy_if(kiosk::win32::EntriesOf(folder, L"*.log"), std::back_inserter(logs),
+                       [](const FolderEntry& each) {
+                         return kiosk::win32::IsPlainFile(each.attributes) && each.path.ends_with(L".log");
+                       });
 }
 
 }  // namespace
@@ -260,7 +242,8 @@ std::string ComputerFacts() {
 std::string ServiceFacts() {
   const kiosk::win32::ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
   const kiosk::win32::ServiceHandle service(
-      manager ? OpenServiceW(manager.Get(), L"NorvaneKiosk", SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG) : nullptr);
+      manager ? OpenServiceW(manager.Get(), kiosk::service::kServiceName, SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG)
+              : nullptr);
   if (!service) {
     return ErrorText("the service manager does not show the service", GetLastError());
   }
@@ -294,10 +277,10 @@ std::string StateFacts() { return WholeKey(kiosk::state::kStateKey); }
 
 std::string SettingsFacts() {
   std::string text;
-  for (const wchar_t* key :
-       {L"SOFTWARE\\Norvane\\Tessaly\\Log", L"SOFTWARE\\Norvane\\Stream\\Log", L"SOFTWARE\\Norvane\\Tessaly\\Update"}) {
+  for (const wchar_t* key : kiosk::log::kSettingsKeys) {
     text += WholeKey(key);
   }
+  text += WholeKey(L"SOFTWARE\\Norvane\\Tessaly\\Update");
   for (const NamedValue& setting : kWindowsSettings) {
     RawValue value;
     const LSTATUS status = kiosk::state::ReadValue(setting.subkey, setting.name, value);
@@ -333,24 +316,19 @@ std::string ProxyFacts() {
   if (WinHttpGetDefaultProxyConfiguration(&info) == 0) {
     return ErrorText("the default proxy cannot be read", GetLastError());
   }
-  const auto take = [](wchar_t* text) {
-    std::string narrow = text == nullptr ? std::string("none") : ToNarrow(text);
-    GlobalFree(text);
-    return narrow;
-  };
-  const std::string proxy = take(info.lpszProxy);
-  return "access type " + std::to_string(info.dwAccessType) + " (1 direct, 3 named proxy)\nproxy " + proxy +
-         "\nbypass " + take(info.lpszProxyBypass) + "\n";
+  const kiosk::win32::GlobalText proxy(info.lpszProxy);
+  const kiosk::win32::GlobalText bypass(info.lpszProxyBypass);
+  return "access type " + std::to_string(info.dwAccessType) + " (1 direct, 3 named proxy)\nproxy " +
+         ToNarrow(proxy ? proxy.Get() : L"none") + "\nbypass " + ToNarrow(bypass ? bypass.Get() : L"none") + "\n";
 }
 
 std::string CertificateFacts() { return SignatureText() + ClientCertificateText(); }
 
 std::string FolderFacts() {
   std::string text;
-  const std::wstring product = L"C:\\ProgramData\\Norvane\\Tessaly";
-  for (const std::wstring& folder :
-       {std::wstring(L"C:\\ProgramData\\Norvane"), product, std::wstring(kiosk::log::kLogRoot),
-        std::wstring(kiosk::log::kLogRoot) + L"\\Drop", product + L"\\Kiosk", product + L"\\Kiosk\\Branding"}) {
+  namespace state = kiosk::state;
+  for (const wchar_t* folder : {state::kMakerFolder, state::kProductFolder, state::kLogRoot, state::kLogDrop,
+                                state::kKioskFolder, state::kBrandingFolder}) {
     text += Descriptor(folder);
   }
   const std::wstring file = ServiceFile();
@@ -370,18 +348,17 @@ std::string WithoutSids(const std::string& text) {
 }
 
 std::vector<std::wstring> NewestLogs(unsigned long long budget) {
-  std::vector<FoundLog> logs;
-  CollectLogs(kiosk::log::kLogRoot, logs);
-  ForEachIn(kiosk::log::kLogRoot, [&](const WIN32_FIND_DATAW& data) {
-    if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
-      CollectLogs(std::wstring(kiosk::log::kLogRoot) + L"\\" + data.cFileName, logs);
+  std::vector<FolderEntry> logs;
+  CollectLogs(kiosk::state::kLogRoot, logs);
+  for (const FolderEntry& each : kiosk::win32::EntriesOf(kiosk::state::kLogRoot)) {
+    if (kiosk::win32::IsPlainFolder(each.attributes)) {
+      CollectLogs(each.path, logs);
     }
-  });
-  std::sort(logs.begin(), logs.end(),
-            [](const FoundLog& left, const FoundLog& right) { return left.lastWrite > right.lastWrite; });
+  }
+  std::ranges::sort(logs, std::greater(), &FolderEntry::lastWrite);
   std::vector<std::wstring> paths;
   unsigned long long total = 0;
-  for (const FoundLog& log : logs) {
+  for (const FolderEntry& log : logs) {
     total += log.size;
     if (!paths.empty() && total > budget) {
       break;

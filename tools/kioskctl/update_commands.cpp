@@ -3,8 +3,8 @@
 #include "commands.h"
 
 #include "json/serialise.h"
-#include "win32/clock.h"
 #include "win32/console.h"
+#include "win32/winapi.h"
 
 #include <algorithm>
 #include <utility>
@@ -89,7 +89,6 @@ class Progress {
   }
   // To the beginning of a line.
   void End() const { Print(bar_ && !last_.empty() ? "\n" : ""); }
-  [[nodiscard]] bool Json() const { return json_; }
 
  private:
   bool json_;
@@ -97,36 +96,31 @@ class Progress {
   std::string last_;
 };
 
-// An unlock may end before an installation does.
-int Lost(const Value& reply) {
-  const int code = Refused(reply, "os.updates");
-  PrintError("The service goes on by itself.\n");
-  return code;
-}
-
 // Asks until nothing is going any more. `began`: what this program asked for itself counts for the exit code.
 int Follow(const Options& options, Answer answer, const std::string& unlockToken, bool began, const char* command) {
   Progress progress(options);
   for (bool first = true;; first = false) {
-    if (answer.outcome != Outcome::kReply) {
+    if (!Ok(answer)) {
+      const bool replied = answer.outcome == Outcome::kReply;
       progress.End();
-      return NoReply(answer);
+      if (replied && options.json) {
+        progress.Show(answer.reply);
+      }
+      const int code = Failed(options, answer, first ? command : "os.updates");
+      if (replied && !options.json && !first) {
+        PrintError("The service goes on by itself.\n");  // an unlock may end before an installation does
+      }
+      return code;
     }
-    const Value& reply = answer.reply;
-    if (!Ok(reply)) {
-      progress.End();
-      progress.Json() ? progress.Show(reply) : static_cast<void>(first ? Refused(reply, command) : Lost(reply));
-      return kServiceError;
-    }
-    progress.Show(reply);
-    if (!Going(reply)) {
+    progress.Show(answer.reply);
+    if (!Going(answer.reply)) {
       break;
     }
     Sleep(kPollInterval);
     answer = AskFor(UnlockedRequest("os.updates", unlockToken));
   }
   progress.End();
-  if (!progress.Json()) {
+  if (!options.json) {
     Print(UpdatesText(Shown(answer.reply)));
   }
   return began && !Member(answer.reply, "error").IsNull() ? kServiceError : kDone;

@@ -2,8 +2,8 @@
 // settings, with its key.
 #pragma once
 
-#include "log/shipper/settings.h"
-#include "win32/crypt_handles.h"
+#include "log/shipper/shipper_settings.h"
+#include "win32/owners.h"
 
 namespace kiosk::log::shipper {
 

@@ -55,7 +55,7 @@ std::uint64_t ParseRetryAfter(const std::wstring& text) noexcept {
   }
   const std::uint64_t until = win32::FileTimeValue(time);
   const std::uint64_t now = win32::FileTimeNow();
-  return until <= now ? 0 : std::min((until - now) / (win32::kFileTimeSecond / 1000), kLongestRetryAfter);
+  return until <= now ? 0 : std::min((until - now) / win32::kFileTimeMillisecond, kLongestRetryAfter);
 }
 
 Outcome OutcomeOf(const win32::HttpAnswer& answer) {

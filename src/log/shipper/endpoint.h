@@ -34,8 +34,8 @@ class Endpoint {
   // Posts the records (JSON objects, separated by line feeds).
   Outcome Post(const win32::HttpTarget& target, const CERT_CONTEXT* certificate, std::string_view records);
 
-  // Status and error as for a post; `body` is that of a 200, at most `limit` bytes and a chunk, and empty for anything
-  // else.
+  // Status and error as for a post. Appends the reply's body to `body`, whatever the status: at most `limit` bytes and
+  // a chunk.
   Outcome Get(const win32::HttpTarget& target, const CERT_CONTEXT* certificate, std::size_t limit, std::string& body);
 
   // Closes the session; the next request opens another.

@@ -7,24 +7,14 @@
 namespace kiosk::log::shipper {
 namespace {
 
-void AppendNamed(std::string& out, std::string_view name, std::string_view text) {
-  out.append(",\"").append(name).append("\":");
-  AppendText(out, text);
-}
-
-void AppendNumber(std::string& out, std::string_view name, std::uint64_t number) {
-  out.append(",\"").append(name).append("\":").append(std::to_string(number));
-}
-
-}  // namespace
-
+// With exactly three decimals ("1792065600.007"): the JSON writer's six digits would ruin a time.
 void AppendSeconds(std::string& out, std::uint64_t milliseconds) {
   const std::string decimals = std::to_string(milliseconds % 1000);
   out.append(std::to_string(milliseconds / 1000)).append(1, '.').append(3 - decimals.size(), '0').append(decimals);
 }
 
+// A JSON string with its quotes. Control characters are escaped, so it holds no line end.
 void AppendText(std::string& out, std::string_view rest) {
-  constexpr char kDigits[] = "0123456789abcdef";
   out += '"';
   while (!rest.empty()) {
     const std::size_t length = text::SequenceLength(rest);
@@ -36,8 +26,7 @@ void AppendText(std::string& out, std::string_view rest) {
       out += first;
     } else if (static_cast<unsigned char>(first) < 0x20U) {
       out += "\\u00";
-      out += first < 0x10 ? '0' : '1';
-      out += kDigits[static_cast<unsigned char>(first) & 0x0FU];
+      text::AppendHex(out, static_cast<unsigned char>(first));
     } else {
       out += rest.substr(0, length);
     }
@@ -45,6 +34,17 @@ void AppendText(std::string& out, std::string_view rest) {
   }
   out += '"';
 }
+
+void AppendNamed(std::string& out, std::string_view name, std::string_view text) {
+  out.append(",\"").append(name).append("\":");
+  AppendText(out, text);
+}
+
+void AppendNumber(std::string& out, std::string_view name, std::uint64_t number) {
+  out.append(",\"").append(name).append("\":").append(std::to_string(number));
+}
+
+}  // namespace
 
 void AppendRecord(std::string& out, const Sender& sender, const Line& line) {
   out += "{\"version\":\"1.1\"";

@@ -29,14 +29,8 @@ struct Line {
   std::uint64_t dropped = 0;  // lines that were lost since the last record that said so
 };
 
-// Appends seconds with exactly three decimals ("1792065600.007"). The JSON writer's six digits would ruin a time.
-void AppendSeconds(std::string& out, std::uint64_t milliseconds);
-
-// Appends a JSON string with its quotes. Bytes that are no UTF-8 become U+FFFD, one for each; control characters are
-// escaped, so the text holds no line end.
-void AppendText(std::string& out, std::string_view text);
-
-// Appends the record, without a line end. A message without anything to see is sent as "(blank)".
+// Appends the record, without a line end. A message without anything to see is sent as "(blank)"; bytes that are no
+// UTF-8 become U+FFFD, one for each.
 void AppendRecord(std::string& out, const Sender& sender, const Line& line);
 
 }  // namespace kiosk::log::shipper

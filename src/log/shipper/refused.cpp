@@ -20,6 +20,7 @@ void Refused::Keep(std::string_view record) const {
   wchar_t name[32];
   static_cast<void>(
       std::swprintf(name, std::size(name), L"\\Refused_%04d%02d%02d.log", now.wYear, now.wMonth, now.wDay));
+  // For appending alone, which lets several processes write to it; a link is not followed.
   const win32::FileHandle file(CreateFileW((folder_ + name).c_str(), FILE_APPEND_DATA | FILE_READ_ATTRIBUTES,
                                            FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr, OPEN_ALWAYS,
                                            FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));

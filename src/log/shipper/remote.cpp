@@ -1,7 +1,7 @@
 #include "log/shipper/remote.h"
 
 #include "log/local_log.h"
-#include "log/settings.h"
+#include "log/log_settings.h"
 #include "log/shipper/ring.h"
 #include "state/registry.h"
 #include "win32/clock.h"
@@ -81,7 +81,7 @@ bool Remote::FetchWhenDue(Endpoint& endpoint, const CERT_CONTEXT* certificate) {
   told_.clear();
   const std::wstring wide = win32::ToWide(wanted);
   if (ReadSettingString(kValue).value_or(L"") != wide) {
-    state::WriteValue(HKEY_LOCAL_MACHINE, kSettingsKey, kValue, REG_SZ, wide.c_str(), state::StringBytes(wide));
+    state::WriteString(kSettingsKey, kValue, wide);
   }
   return changed;
 }

@@ -3,7 +3,7 @@
 
 #include "log/shipper/endpoint.h"
 #include "log/shipper/remote_config.h"
-#include "log/shipper/settings.h"
+#include "log/shipper/shipper_settings.h"
 
 #include <string>
 #include <vector>
@@ -14,11 +14,11 @@ class Remote {
  public:
   explicit Remote(const Settings& settings) noexcept : settings_(settings), target_(settings.endpoint) {}
 
-  // Takes over what was kept by an earlier run, without a word.
+  // Puts in force what an earlier run kept in "RemoteConfig", or else the defaults. Logs nothing.
   void LoadKept();
 
-  // Fetches when it is time; a change is logged and kept, and each reason why there is none once until there is one.
-  // Does nothing without a "LogConfigUrl". True when it changed.
+  // Fetches when it is due. A change is put in force, logged and kept in "RemoteConfig". Each reason why there is no
+  // configuration is logged once, until a fetch succeeds. Does nothing without a "LogConfigUrl". True when it changed.
   bool FetchWhenDue(Endpoint& endpoint, const CERT_CONTEXT* certificate);
 
   // Milliseconds until the next fetch; UINT64_MAX: never.

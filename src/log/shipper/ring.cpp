@@ -12,6 +12,7 @@
 namespace kiosk::log::shipper {
 namespace {
 
+constexpr std::size_t kRingSlots = 1024;
 constexpr int kLowest = 7;  // what is less grave counts as that
 
 struct Ring {

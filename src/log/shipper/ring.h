@@ -5,13 +5,10 @@
 #include "win32/winapi.h"
 
 #include <array>
-#include <cstddef>
 #include <cstdint>
 #include <string_view>
 
 namespace kiosk::log::shipper {
-
-inline constexpr std::size_t kRingSlots = 1024;
 
 struct Slot {
   std::uint64_t time;  // FILETIME

@@ -2,6 +2,7 @@
 
 #include "log/local_log.h"
 #include "log/shipper/ring.h"
+#include "state/folders.h"
 #include "win32/clock.h"
 
 #include <algorithm>
@@ -21,16 +22,13 @@ constexpr unsigned kRefusalsInARow = 3;
 constexpr std::uint64_t kDay = 86'400'000;
 constexpr DWORD kAfterException = 1000;
 
-// FILETIME of 1970.
-constexpr std::uint64_t kUnixEpoch = 116'444'736'000'000'000;
-
 // Takes lines out of the ring as records, until `limit` bytes are there; the first carries the number of lost lines.
 std::string PopRecords(const Sender& sender, std::size_t limit, std::uint64_t lost) {
   const auto slot = std::make_unique<Slot>();
   std::string lines;
   for (std::uint64_t dropped = 0; lines.size() < limit && Pop(*slot, dropped); lost = 0) {
     AppendRecord(lines, sender,
-                 {.time = (slot->time - kUnixEpoch) / (win32::kFileTimeSecond / 1000),
+                 {.time = win32::UnixMilliseconds(slot->time),
                   .seq = slot->seq,
                   .level = slot->level,
                   .component = slot->component.data(),
@@ -41,14 +39,11 @@ std::string PopRecords(const Sender& sender, std::size_t limit, std::uint64_t lo
   return lines;
 }
 
-std::wstring DropBelow(const std::wstring& logRoot) { return logRoot + L"\\Drop"; }
-
 }  // namespace
 
-SenderThread::SenderThread(Settings settings, Sender sender, std::wstring logRoot, HANDLE wake, HANDLE stop)
+SenderThread::SenderThread(Settings settings, Sender sender, HANDLE wake, HANDLE stop)
     : settings_(std::move(settings)),
       sender_(std::move(sender)),
-      logRoot_(std::move(logRoot)),
       wake_(wake),
       stop_(stop),
       endpoint_(stop),
@@ -58,8 +53,8 @@ SenderThread::SenderThread(Settings settings, Sender sender, std::wstring logRoo
 // As soon as it may be used.
 void SenderThread::OpenSpool() {
   if (!spool_ && spoolUsable_) {
-    spool_.emplace(DropBelow(logRoot_), settings_.spoolCap);
-    refused_.UseFolder(logRoot_ + L"\\Archive");
+    spool_.emplace(state::kLogDrop, settings_.spoolCap);
+    refused_.UseFolder(state::kLogArchive);
     tidyAt_ = 0;
   }
 }
@@ -322,7 +317,7 @@ void SenderThread::Rescue() {
   if (!spoolUsable_) {
     return;
   }
-  Spool own(DropBelow(logRoot_), settings_.spoolCap);
+  Spool own(state::kLogDrop, settings_.spoolCap);
   std::string lines = flight_.TakeOver();
   do {
     if (!lines.empty() && !own.Append(lines)) {

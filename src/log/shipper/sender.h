@@ -7,7 +7,7 @@
 #include "log/shipper/gelf.h"
 #include "log/shipper/refused.h"
 #include "log/shipper/remote.h"
-#include "log/shipper/settings.h"
+#include "log/shipper/shipper_settings.h"
 #include "log/shipper/spool.h"
 
 #include <atomic>
@@ -19,9 +19,9 @@ namespace kiosk::log::shipper {
 
 class SenderThread {
  public:
-  // `wake` (auto reset) is set when there are lines, `stop` ends it all. Before UseSpool nothing is kept below
-  // `logRoot`.
-  SenderThread(Settings settings, Sender sender, std::wstring logRoot, HANDLE wake, HANDLE stop);
+  // `wake` (auto reset) is set when there are lines, `stop` ends it all. Before UseSpool nothing is kept below the
+  // log root.
+  SenderThread(Settings settings, Sender sender, HANDLE wake, HANDLE stop);
   SenderThread(const SenderThread&) = delete;
   SenderThread& operator=(const SenderThread&) = delete;
   ~SenderThread() = default;
@@ -62,7 +62,6 @@ class SenderThread {
 
   const Settings settings_;
   const Sender sender_;
-  const std::wstring logRoot_;
   std::atomic<bool> spoolUsable_{false};
   HANDLE wake_;
   HANDLE stop_;

@@ -1,6 +1,5 @@
 #include "log/shipper/shipper.h"
 
-#include "log/day_files.h"
 #include "log/log.h"
 #include "log/shipper/ring.h"
 #include "log/shipper/sender.h"
@@ -26,12 +25,11 @@ const char* problem = "";
 std::atomic<bool> stopped{false};
 
 std::uint64_t ProcessStart() noexcept {
-  constexpr std::uint64_t kUnixEpoch = 116'444'736'000'000'000;
   FILETIME created{};
   FILETIME other{};
   return GetProcessTimes(GetCurrentProcess(), &created, &other, &other, &other) == 0
              ? 0
-             : (win32::FileTimeValue(created) - kUnixEpoch) / (win32::kFileTimeSecond / 1000);
+             : win32::UnixMilliseconds(win32::FileTimeValue(created));
 }
 
 Sender SenderOf(const Identity& identity) {
@@ -58,7 +56,7 @@ bool Start(const Identity& identity, bool spoolUsable) {
     problem = "there is not enough memory";
     return false;
   }
-  sender = new SenderThread(std::move(*settings), SenderOf(identity), kLogRoot, wake, stopEvent);
+  sender = new SenderThread(std::move(*settings), SenderOf(identity), wake, stopEvent);
   if (spoolUsable) {
     sender->UseSpool();
   }

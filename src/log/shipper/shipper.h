@@ -1,6 +1,5 @@
 // The central log shipper, as the log sees it: sends every log line as a GELF record to the central endpoint, and keeps
-// in
-// `<log root>\Drop` what cannot be sent. Off unless the settings name an endpoint.
+// what cannot be sent in `<log root>\Drop`. Off unless the settings name an endpoint.
 //
 // The thread of sender.cpp does all the work. It never logs through the log call, only to local files.
 #pragma once

@@ -6,9 +6,12 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
+#include <tuple>
 
 namespace kiosk::log::shipper {
 namespace {
+
+using win32::FolderEntry;
 
 constexpr std::uint64_t kLeastFree = std::uint64_t{500} * 1024 * 1024;
 constexpr std::size_t kChunk = std::size_t{64} * 1024;
@@ -16,7 +19,10 @@ constexpr std::size_t kChunk = std::size_t{64} * 1024;
 // Makes names of segments differ within one tick of the clock, whichever thread makes them.
 std::atomic<unsigned> lastNumber{0};
 
-std::wstring FileName(const std::wstring& path) { return path.substr(path.find_last_of(L'\\') + 1); }
+// Under the same name.
+void MoveInto(const std::wstring& folder, const std::wstring& path) {
+  MoveFileExW(path.c_str(), (folder + path.substr(path.find_last_of(L'\\'))).c_str(), 0);
+}
 
 // One record: an object on one line. A power cut may leave a file with zeros where text was to be.
 bool LooksWhole(std::string_view line) noexcept {
@@ -24,6 +30,7 @@ bool LooksWhole(std::string_view line) noexcept {
          line.find('\0') == std::string_view::npos;
 }
 
+// Others may claim or delete the segment meanwhile; a link is not followed.
 std::uint64_t CountLines(const std::wstring& path) {
   const win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
                                            OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
@@ -83,21 +90,14 @@ bool Segment::Delete() noexcept {
 
 void Segment::Return(const std::wstring& folder) {
   file_.Reset();
-  MoveFileExW(path_.c_str(), (folder + L"\\" + FileName(path_)).c_str(), 0);
+  MoveInto(folder, path_);
 }
 
-std::vector<Spool::Entry> Spool::List(const std::wstring& folder) {
-  std::vector<Entry> entries;
-  WIN32_FIND_DATAW data;
-  const win32::FindHandle find(FindFirstFileW((folder + L"\\*.gelf").c_str(), &data));
-  for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.Get(), &data) != 0) {
-    if ((data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) == 0) {
-      entries.push_back({data.cFileName, (static_cast<std::uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow,
-                         win32::FileTimeValue(data.ftLastWriteTime)});
-    }
-  }
-  std::sort(entries.begin(), entries.end(), [](const Entry& left, const Entry& right) {
-    return left.lastWrite != right.lastWrite ? left.lastWrite < right.lastWrite : left.name < right.name;
+std::vector<FolderEntry> Spool::List(const std::wstring& folder) {
+  std::vector<FolderEntry> entries = win32::EntriesOf(folder, L"*.gelf");
+  std::erase_if(entries, [](const FolderEntry& each) { return !win32::IsPlainFile(each.attributes); });
+  std::sort(entries.begin(), entries.end(), [](const FolderEntry& left, const FolderEntry& right) {
+    return std::tie(left.lastWrite, left.path) < std::tie(right.lastWrite, right.path);
   });
   return entries;
 }
@@ -116,18 +116,17 @@ bool Spool::DiskHasRoom() const noexcept {
 }
 
 void Spool::MakeRoom() {
-  std::vector<Entry> entries = List(folder_);
+  const std::vector<FolderEntry> entries = List(folder_);
   std::uint64_t total = kSegmentSize;
-  for (const Entry& entry : entries) {
+  for (const FolderEntry& entry : entries) {
     total += entry.size;
   }
-  for (const Entry& entry : List(Taken())) {
+  for (const FolderEntry& entry : List(Taken())) {
     total += entry.size;
   }
   for (auto oldest = entries.begin(); oldest != entries.end() && total > cap_; ++oldest) {
-    const std::wstring path = folder_ + L"\\" + oldest->name;
-    const std::uint64_t lines = CountLines(path);
-    if (DeleteFileW(path.c_str()) != 0) {
+    const std::uint64_t lines = CountLines(oldest->path);
+    if (DeleteFileW(oldest->path.c_str()) != 0) {
       total -= std::min(total, oldest->size);
       lost_ += lines;
     }
@@ -174,15 +173,15 @@ void Spool::CloseSegment() {
   }
   FlushFileBuffers(open_.Get());
   open_.Reset();
-  MoveFileExW(openPath_.c_str(), (folder_ + L"\\" + FileName(openPath_)).c_str(), 0);
+  MoveInto(folder_, openPath_);
 }
 
 // The file is renamed first and opened then. Should another process take it for a dead one's in between, it is back in
 // the folder, and the opening fails.
 std::optional<Segment> Spool::ClaimOldest() {
-  for (const Entry& entry : List(folder_)) {
+  for (const FolderEntry& entry : List(folder_)) {
     const std::wstring path = NewTakenPath();
-    if (MoveFileExW((folder_ + L"\\" + entry.name).c_str(), path.c_str(), 0) == 0) {
+    if (MoveFileExW(entry.path.c_str(), path.c_str(), 0) == 0) {
       continue;  // somebody else was faster, or has it open
     }
     win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_READ | DELETE, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
@@ -204,9 +203,8 @@ std::optional<Segment> Spool::Claim() {
 }
 
 void Spool::ReturnDeadClaims() {
-  for (const Entry& entry : List(Taken())) {
-    // Fails while its owner lives, who shares no deletion.
-    MoveFileExW((Taken() + L"\\" + entry.name).c_str(), (folder_ + L"\\" + entry.name).c_str(), 0);
+  for (const FolderEntry& entry : List(Taken())) {
+    MoveInto(folder_, entry.path);  // fails while its owner lives, who shares no deletion
   }
 }
 

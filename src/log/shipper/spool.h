@@ -8,6 +8,7 @@
 // folder.
 #pragma once
 
+#include "win32/folder_entries.h"
 #include "win32/handle.h"
 
 #include <cstdint>
@@ -75,12 +76,8 @@ class Spool {
   [[nodiscard]] const std::wstring& Folder() const noexcept { return folder_; }
 
  private:
-  struct Entry {
-    std::wstring name;
-    std::uint64_t size;
-    std::uint64_t lastWrite;
-  };
-  [[nodiscard]] static std::vector<Entry> List(const std::wstring& folder);
+  // The segments, the oldest first.
+  [[nodiscard]] static std::vector<win32::FolderEntry> List(const std::wstring& folder);
   [[nodiscard]] std::wstring Taken() const { return folder_ + L"\\Taken"; }
   [[nodiscard]] std::wstring NewTakenPath() const;
   [[nodiscard]] bool DiskHasRoom() const noexcept;

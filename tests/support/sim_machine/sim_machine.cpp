@@ -3,7 +3,7 @@
 // into the computer's personal store. Prints what the command returns. A service that runs hears of sessions.
 #include "sim/computer.h"
 
-#include "win32/crypt_handles.h"
+#include "win32/owners.h"
 
 #include <cstdio>
 #include <iterator>

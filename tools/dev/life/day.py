@@ -83,7 +83,7 @@ def updates_are_installed(stage):
     for title in UPDATES:
         stage.terminal.machine("update", title)
     for milliseconds, what in ((600, "search"), (3000, "download"), (3000, "install")):
-        stage.terminal.machine("agent", str(milliseconds), f"Duration {what}")
+        stage.terminal.machine("agent", str(milliseconds), what)
     token = unlocked(stage)
     code, text = stage.kioskctl("updates", token, "check", development=True)
     stage.check(code == 0 and "searching" in text and all(title in text for title in UPDATES), "both updates are found", text)
