@@ -49,18 +49,24 @@ if(BUILD_TESTING)
   target_include_directories(kiosk_test_cases SYSTEM PRIVATE ${NORVANE_LIBRARY_HEADERS})
   target_link_libraries(kiosk_test_cases PRIVATE gtest)
 
+  # What Windows promises, asked of the simulation and, not renamed, of what is there.
+  file(GLOB NORVANE_CONTRACT CONFIGURE_DEPENDS tests/contract/*.cpp)
+  list(FILTER NORVANE_CONTRACT EXCLUDE REGEX hand_)
+  add_library(kiosk_contract STATIC ${NORVANE_CONTRACT} tools/proof/main.cpp)
+  target_include_directories(kiosk_contract PRIVATE ${CMAKE_SOURCE_DIR})
+
   set(renamed_pairs)
-  foreach(library kiosk kiosk_entry kiosk_test_cases)
+  foreach(library kiosk kiosk_entry kiosk_test_cases kiosk_contract)
     set(renamed_${library} ${CMAKE_BINARY_DIR}/lib${library}_sim.a)
     list(APPEND renamed_pairs $<TARGET_FILE:${library}> ${renamed_${library}})
   endforeach()
   add_custom_command(
-    OUTPUT ${renamed_kiosk} ${renamed_kiosk_entry} ${renamed_kiosk_test_cases}
+    OUTPUT ${renamed_kiosk} ${renamed_kiosk_entry} ${renamed_kiosk_test_cases} ${renamed_kiosk_contract}
     COMMAND ${CMAKE_SOURCE_DIR}/tools/build/sim_symbols.sh ${NORVANE_NM} ${NORVANE_OBJCOPY}
             $<TARGET_FILE:kiosk_simulation> ${renamed_pairs}
-    DEPENDS kiosk kiosk_entry kiosk_test_cases kiosk_simulation ${CMAKE_SOURCE_DIR}/tools/build/sim_symbols.sh
+    DEPENDS kiosk kiosk_entry kiosk_test_cases kiosk_contract kiosk_simulation ${CMAKE_SOURCE_DIR}/tools/build/sim_symbols.sh
     VERBATIM)
-  add_custom_target(renamed DEPENDS ${renamed_kiosk} ${renamed_kiosk_entry} ${renamed_kiosk_test_cases})
+  add_custom_target(renamed DEPENDS ${renamed_kiosk} ${renamed_kiosk_entry} ${renamed_kiosk_test_cases} ${renamed_kiosk_contract})
 
   # Links `target` with the renamed archive `main`, whole, and with the simulation.
   function(link_simulated target main)
@@ -79,6 +85,14 @@ if(BUILD_TESTING)
   target_link_libraries(kiosk_tests PRIVATE gtest)
   link_simulated(kiosk_tests ${renamed_kiosk_test_cases})
   gtest_discover_tests(kiosk_tests DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 600)
+
+  add_executable(kiosk_proof tests/contract/hand_windows.cpp)
+  target_include_directories(kiosk_proof PRIVATE ${CMAKE_SOURCE_DIR})
+  target_link_libraries(kiosk_proof PRIVATE -Wl,--whole-archive kiosk_contract -Wl,--no-whole-archive kiosk)
+
+  add_executable(kiosk_proof_sim tests/contract/hand_simulated.cpp)
+  target_include_directories(kiosk_proof_sim PRIVATE ${CMAKE_SOURCE_DIR})
+  link_simulated(kiosk_proof_sim ${renamed_kiosk_contract})
 
   # A caller of the pipe for the end-to-end tests, which sign it in many ways.
   add_executable(pipe_client tests/support/pipe_client/pipe_client.cpp)

@@ -93,18 +93,17 @@ Result Case::Run() const {
   if (asked.known_.empty()) {
     return {asked.broken_.empty() ? Verdict::kHeld : Verdict::kBroken, Joined(asked.broken_)};
   }
-  return asked.broken_.empty()
-             ? Result{Verdict::kBroken, "it holds: take the mark \"" + asked.known_ + "\" away"}
-             : Result{Verdict::kKnown, asked.known_ + ": " + Joined(asked.broken_)};
+  return asked.broken_.empty() ? Result{Verdict::kBroken, "it holds: take the mark \"" + asked.known_ + "\" away"}
+                               : Result{Verdict::kKnown, asked.known_ + ": " + Joined(asked.broken_)};
 }
 
 extern const Group kAccounts, kAdapters, kCrypto, kFiles, kHttp, kLsa, kPipe, kPower, kProfiles, kProxy, kServices,
     kSessions, kSignatures, kTasks, kThreads, kTime;
 
 std::span<const Group* const> Groups() noexcept {
-  static constexpr const Group* kGroups[] = {&kThreads, &kTime,  &kCrypto,   &kFiles,    &kPipe,   &kSignatures,
-                                             &kAccounts, &kLsa,  &kProfiles, &kSessions, &kPower,  &kTasks,
-                                             &kAdapters, &kProxy, &kHttp,    &kServices};
+  static constexpr const Group* kGroups[] = {&kThreads,  &kTime,  &kCrypto,   &kFiles,    &kPipe,  &kSignatures,
+                                             &kAccounts, &kLsa,   &kProfiles, &kSessions, &kPower, &kTasks,
+                                             &kAdapters, &kProxy, &kHttp,     &kServices};
   return kGroups;
 }
 

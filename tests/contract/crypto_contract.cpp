@@ -33,11 +33,13 @@ bool Protect(const char* text, DWORD flags, DATA_BLOB& result) {
 void RandomBytesDiffer(Asked& asked) {
   std::uint64_t first = 0;
   std::uint64_t second = 0;
-  asked.Same("first", static_cast<std::uint32_t>(BCryptGenRandom(nullptr, reinterpret_cast<PUCHAR>(&first),
-                                                                 sizeof(first), BCRYPT_USE_SYSTEM_PREFERRED_RNG)),
+  asked.Same("first",
+             static_cast<std::uint32_t>(BCryptGenRandom(nullptr, reinterpret_cast<PUCHAR>(&first), sizeof(first),
+                                                        BCRYPT_USE_SYSTEM_PREFERRED_RNG)),
              0);
-  asked.Same("second", static_cast<std::uint32_t>(BCryptGenRandom(nullptr, reinterpret_cast<PUCHAR>(&second),
-                                                                  sizeof(second), BCRYPT_USE_SYSTEM_PREFERRED_RNG)),
+  asked.Same("second",
+             static_cast<std::uint32_t>(BCryptGenRandom(nullptr, reinterpret_cast<PUCHAR>(&second), sizeof(second),
+                                                        BCRYPT_USE_SYSTEM_PREFERRED_RNG)),
              0);
   asked.True("they differ", first != second);
 }
@@ -45,14 +47,13 @@ void RandomBytesDiffer(Asked& asked) {
 void ProtectedDataComesBack(Asked& asked) {
   Blob hidden;
   asked.True("CryptProtectData", Protect("a device token", CRYPTPROTECT_LOCAL_MACHINE, hidden.blob));
-  asked.True("it is not readable as it stands",
-             std::string(reinterpret_cast<char*>(hidden.blob.pbData), hidden.blob.cbData).find("token") ==
-                 std::string::npos);
+  asked.True(
+      "it is not readable as it stands",
+      std::string(reinterpret_cast<char*>(hidden.blob.pbData), hidden.blob.cbData).find("token") == std::string::npos);
   Blob open;
   asked.True("CryptUnprotectData", CryptUnprotectData(&hidden.blob, nullptr, nullptr, nullptr, nullptr,
                                                       CRYPTPROTECT_UI_FORBIDDEN, &open.blob) != 0);
-  asked.True("the same bytes",
-             open.blob.cbData == 14 && std::memcmp(open.blob.pbData, "a device token", 14) == 0);
+  asked.True("the same bytes", open.blob.cbData == 14 && std::memcmp(open.blob.pbData, "a device token", 14) == 0);
 }
 
 void DamagedDataIsRefused(Asked& asked) {
@@ -70,8 +71,9 @@ void ValuesWantRoom(Asked& asked) {
                                key.Put(), nullptr) == ERROR_SUCCESS,
                "a key below HKLM");
   const AtEnd remove([] { RegDeleteKeyW(HKEY_LOCAL_MACHINE, kKey); });
-  asked.Same("RegSetValueExW", static_cast<std::uint64_t>(RegSetValueExW(
-                                   key.Get(), L"Text", 0, REG_SZ, reinterpret_cast<const BYTE*>(L"four"), 10)),
+  asked.Same("RegSetValueExW",
+             static_cast<std::uint64_t>(
+                 RegSetValueExW(key.Get(), L"Text", 0, REG_SZ, reinterpret_cast<const BYTE*>(L"four"), 10)),
              ERROR_SUCCESS);
   BYTE small[4];
   DWORD size = sizeof(small);
@@ -103,7 +105,8 @@ void DeletedKeysSaySo(Asked& asked) {
 
 constexpr Case kCases[] = {
     {"random", "the preferred generator gives other bytes each time", RandomBytesDiffer},
-    {"protect", "what is protected for the machine comes back, and is not readable as it stands", ProtectedDataComesBack},
+    {"protect", "what is protected for the machine comes back, and is not readable as it stands",
+     ProtectedDataComesBack},
     {"damaged", "a damaged blob is refused", DamagedDataIsRefused},
     {"value sizes", "a value that does not fit is told with its size", ValuesWantRoom},
     {"deleted key", "an open handle of a deleted key reads nothing and says so", DeletedKeysSaySo},

@@ -23,8 +23,7 @@ FileHandle Open(const std::wstring& path, DWORD access, DWORD share, DWORD dispo
 
 void MissingThings(Asked& asked) {
   const Folder folder;
-  asked.Fails("a file", static_cast<bool>(Open(folder.Path(L"none"), GENERIC_READ, kShareAll)),
-              {ERROR_FILE_NOT_FOUND});
+  asked.Fails("a file", static_cast<bool>(Open(folder.Path(L"none"), GENERIC_READ, kShareAll)), {ERROR_FILE_NOT_FOUND});
   asked.Fails("a folder on the way", static_cast<bool>(Open(folder.Path(L"none\\none"), GENERIC_READ, kShareAll)),
               {ERROR_PATH_NOT_FOUND});
   asked.Fails("attributes", GetFileAttributesW(folder.Path(L"none").c_str()) != INVALID_FILE_ATTRIBUTES,
@@ -77,7 +76,8 @@ void ReplacedWhole(Asked& asked) {
   const std::wstring old = folder.File(L"old", "old");
   const std::wstring fresh = folder.File(L"new", "new content");
   asked.Fails("without the flag", MoveFileExW(fresh.c_str(), old.c_str(), 0) != 0, {ERROR_ALREADY_EXISTS});
-  asked.True("with it", MoveFileExW(fresh.c_str(), old.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0);
+  asked.True("with it",
+             MoveFileExW(fresh.c_str(), old.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0);
   const FileHandle file = Open(old, GENERIC_READ, kShareAll);
   char text[32]{};
   DWORD read = 0;
@@ -156,18 +156,19 @@ void ListsCanBeReplaced(Asked& asked) {
   PSECURITY_DESCRIPTOR raw = nullptr;
   ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:P(A;;FA;;;SY)(A;;FA;;;BA)", SDDL_REVISION_1, &raw, nullptr);
   const LocalMemory descriptor(raw);
-  asked.True("SetKernelObjectSecurity",
-             SetKernelObjectSecurity(file.Get(), DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, raw) !=
-                 0);
+  asked.True(
+      "SetKernelObjectSecurity",
+      SetKernelObjectSecurity(file.Get(), DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, raw) != 0);
   asked.True("it reads so", Security(file.Get()).ends_with(L"(A;;FA;;;SY)(A;;FA;;;BA)"));
   BOOL present = FALSE;
   BOOL defaulted = FALSE;
   PACL list = nullptr;
   GetSecurityDescriptorDacl(raw, &present, &list, &defaulted);
-  asked.Same("SetSecurityInfo",
-             SetSecurityInfo(file.Get(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
-                             nullptr, nullptr, list, nullptr),
-             ERROR_SUCCESS);
+  asked.Same(
+      "SetSecurityInfo",
+      SetSecurityInfo(file.Get(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
+                      nullptr, nullptr, list, nullptr),
+      ERROR_SUCCESS);
 }
 
 void OpenFilesCanBeDeleted(Asked& asked) {
@@ -190,12 +191,10 @@ void JunctionsShow(Asked& asked) {
   const DWORD attributes = GetFileAttributesW(folder.Path(L"link").c_str());
   asked.True("a reparse point", (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0);
   static_cast<void>(folder.File(L"link\\through"));
-  asked.True("what is made through it is in its target",
-             DeleteFileW(folder.Path(L"target\\through").c_str()) != 0);
+  asked.True("what is made through it is in its target", DeleteFileW(folder.Path(L"target\\through").c_str()) != 0);
   BY_HANDLE_FILE_INFORMATION info{};
-  const FileHandle link =
-      Open(folder.Path(L"link"), FILE_READ_ATTRIBUTES, kShareAll, OPEN_EXISTING,
-           FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT);
+  const FileHandle link = Open(folder.Path(L"link"), FILE_READ_ATTRIBUTES, kShareAll, OPEN_EXISTING,
+                               FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT);
   asked.True("opened itself", GetFileInformationByHandle(link.Get(), &info) != 0 &&
                                   (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0);
 }
@@ -207,21 +206,22 @@ void RelativeOpens(Asked& asked) {
   const FileHandle root = Open(folder.Path(L"."), FILE_TRAVERSE | FILE_LIST_DIRECTORY, kShareAll);
   wchar_t name[] = L"file";
   UNICODE_STRING text{8, 8, name};
-  OBJECT_ATTRIBUTES attributes{sizeof(attributes), root.Get(), &text, OBJ_CASE_INSENSITIVE, nullptr, nullptr};
+  OBJECT_ATTRIBUTES attributes{};
+  InitializeObjectAttributes(&attributes, &text, OBJ_CASE_INSENSITIVE, root.Get(), nullptr);
   IO_STATUS_BLOCK status{};
   FileHandle file;
   HANDLE raw = nullptr;
   asked.Same("a file that is there",
-             static_cast<std::uint32_t>(NtCreateFile(&raw, FILE_READ_ATTRIBUTES | SYNCHRONIZE, &attributes, &status,
-                                                     nullptr, 0, kShareAll, FILE_OPEN,
-                                                     FILE_SYNCHRONOUS_IO_NONALERT | FILE_OPEN_REPARSE_POINT, nullptr, 0)),
+             static_cast<std::uint32_t>(
+                 NtCreateFile(&raw, FILE_READ_ATTRIBUTES | SYNCHRONIZE, &attributes, &status, nullptr, 0, kShareAll,
+                              FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT | FILE_OPEN_REPARSE_POINT, nullptr, 0)),
              0);
   file.Reset(raw != nullptr ? raw : INVALID_HANDLE_VALUE);
   name[0] = L'n';
   asked.Same("one that is not",
-             static_cast<std::uint32_t>(NtCreateFile(&raw, FILE_READ_ATTRIBUTES | SYNCHRONIZE, &attributes, &status,
-                                                     nullptr, 0, kShareAll, FILE_OPEN,
-                                                     FILE_SYNCHRONOUS_IO_NONALERT | FILE_OPEN_REPARSE_POINT, nullptr, 0)),
+             static_cast<std::uint32_t>(
+                 NtCreateFile(&raw, FILE_READ_ATTRIBUTES | SYNCHRONIZE, &attributes, &status, nullptr, 0, kShareAll,
+                              FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT | FILE_OPEN_REPARSE_POINT, nullptr, 0)),
              0xC0000034);
 }
 

@@ -33,11 +33,11 @@ void MakeJunction(const std::wstring& path, const std::wstring& target);
 class HttpServer {
  public:
   enum class Behaviour {
-    kAnswers,       // 200 with the body "0123456789" and a header "Proof: yes"
-    kRedirects,     // 302 to /elsewhere
-    kSilent,        // takes the request and never answers
-    kHalfABody,     // announces 10 bytes, sends 5 and nothing more
-    kBreaksOff,     // announces 10 bytes, sends 5 and closes
+    kAnswers,    // 200 with the body "0123456789" and a header "Proof: yes"
+    kRedirects,  // 302 to /elsewhere
+    kSilent,     // takes the request and never answers
+    kHalfABody,  // announces 10 bytes, sends 5 and nothing more
+    kBreaksOff,  // announces 10 bytes, sends 5 and closes
   };
   explicit HttpServer(Behaviour behaviour);
   HttpServer(const HttpServer&) = delete;

@@ -1,4 +1,5 @@
-// WinHTTP, asynchronous as the service uses it: what a request answers, and how it ends when it is closed in each phase.
+// WinHTTP, asynchronous as the service uses it: what a request answers, and how it ends when it is closed in each
+// phase.
 #include "tests/contract/contract.h"
 #include "tests/contract/hand.h"
 #include "win32/handle.h"
@@ -49,7 +50,8 @@ class Call {
     }
     return closing_;
   }
-  // The error of the operation that was begun last; ERROR_SUCCESS when it ended well, WAIT_TIMEOUT when it does not end.
+  // The error of the operation that was begun last; ERROR_SUCCESS when it ended well, WAIT_TIMEOUT when it does not
+  // end.
   DWORD Finish(bool begun) {
     if (!begun) {
       return GetLastError();
@@ -72,8 +74,8 @@ class Call {
     std::string body;
     while ((error = Finish(WinHttpQueryDataAvailable(request_, nullptr) != 0)) == ERROR_SUCCESS && available_ != 0) {
       const DWORD wanted = available_;
-      if ((error = Finish(WinHttpReadData(request_, buffer_, std::min<DWORD>(wanted, sizeof(buffer_)), nullptr) != 0)) !=
-          ERROR_SUCCESS) {
+      if ((error = Finish(WinHttpReadData(request_, buffer_, std::min<DWORD>(wanted, sizeof(buffer_)), nullptr) !=
+                          0)) != ERROR_SUCCESS) {
         break;
       }
       body.append(buffer_, read_);

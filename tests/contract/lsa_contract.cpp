@@ -1,7 +1,7 @@
 // Secrets of the local security authority.
-#include <ntsecapi.h>
-
 #include "tests/contract/contract.h"
+
+#include <ntsecapi.h>
 
 namespace contract {
 namespace {

@@ -64,7 +64,8 @@ void ConfigurationsWantRoom(Asked& asked) {
   asked.Fails("starting it now", StartServiceW(service.Get(), 0, nullptr) != 0, {ERROR_SERVICE_DISABLED});
   wchar_t text[] = L"description";
   SERVICE_DESCRIPTIONW description{text};
-  asked.True("ChangeServiceConfig2W", ChangeServiceConfig2W(service.Get(), SERVICE_CONFIG_DESCRIPTION, &description) != 0);
+  asked.True("ChangeServiceConfig2W",
+             ChangeServiceConfig2W(service.Get(), SERVICE_CONFIG_DESCRIPTION, &description) != 0);
 }
 
 void StoppedServicesTakeNoControls(Asked& asked) {
@@ -78,7 +79,8 @@ void StoppedServicesTakeNoControls(Asked& asked) {
                                                           reinterpret_cast<BYTE*>(&now), sizeof(now), &needed) != 0);
   asked.Same("its state", now.dwCurrentState, SERVICE_STOPPED);
   asked.Same("its process", now.dwProcessId, 0);
-  asked.Fails("no room for the status", QueryServiceStatusEx(service.Get(), SC_STATUS_PROCESS_INFO, nullptr, 0, &needed) != 0,
+  asked.Fails("no room for the status",
+              QueryServiceStatusEx(service.Get(), SC_STATUS_PROCESS_INFO, nullptr, 0, &needed) != 0,
               {ERROR_INSUFFICIENT_BUFFER});
 }
 

@@ -25,8 +25,7 @@ void UnknownSessionsAreErrors(Asked& asked) {
   wchar_t* text = nullptr;
   DWORD size = 0;
   constexpr DWORD kNone = 4711;
-  asked.Fails("its user",
-              WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, kNone, WTSUserName, &text, &size) != 0,
+  asked.Fails("its user", WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, kNone, WTSUserName, &text, &size) != 0,
               {ERROR_FILE_NOT_FOUND, ERROR_CTX_WINSTATION_NOT_FOUND});
   asked.Fails("signing it out", WTSLogoffSession(WTS_CURRENT_SERVER_HANDLE, kNone, FALSE) != 0,
               {ERROR_FILE_NOT_FOUND, ERROR_CTX_WINSTATION_NOT_FOUND});

@@ -43,9 +43,9 @@ void UnsignedHasNoMessage(Asked& asked) {
   const std::wstring path = OwnPath();
   HCERTSTORE store = nullptr;
   HCRYPTMSG message = nullptr;
-  const bool found = CryptQueryObject(CERT_QUERY_OBJECT_FILE, path.c_str(),
-                                      CERT_QUERY_CONTENT_FLAG_PKCS7_SIGNED_EMBED, CERT_QUERY_FORMAT_FLAG_BINARY, 0,
-                                      nullptr, nullptr, nullptr, &store, &message, nullptr) != 0;
+  const bool found =
+      CryptQueryObject(CERT_QUERY_OBJECT_FILE, path.c_str(), CERT_QUERY_CONTENT_FLAG_PKCS7_SIGNED_EMBED,
+                       CERT_QUERY_FORMAT_FLAG_BINARY, 0, nullptr, nullptr, nullptr, &store, &message, nullptr) != 0;
   asked.True("CryptQueryObject fails", !found);
   if (found) {
     CryptMsgClose(message);
@@ -57,8 +57,8 @@ void MessagesWantRoom(Asked& asked) {
   // A signed message without signers: what a file's signature is, at its smallest.
   CMSG_SIGNED_ENCODE_INFO info{};
   info.cbSize = sizeof(info);
-  HCRYPTMSG message = CryptMsgOpenToEncode(PKCS_7_ASN_ENCODING | X509_ASN_ENCODING, 0, CMSG_SIGNED, &info, nullptr,
-                                           nullptr);
+  HCRYPTMSG message =
+      CryptMsgOpenToEncode(PKCS_7_ASN_ENCODING | X509_ASN_ENCODING, 0, CMSG_SIGNED, &info, nullptr, nullptr);
   Asked::Needs(message != nullptr, "a message");
   const AtEnd close([&] { CryptMsgClose(message); });
   asked.True("CryptMsgUpdate", CryptMsgUpdate(message, reinterpret_cast<const BYTE*>("x"), 1, TRUE) != 0);

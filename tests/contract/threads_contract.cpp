@@ -2,7 +2,6 @@
 #include "tests/contract/contract.h"
 #include "win32/handle.h"
 
-#include <powerbase.h>
 
 #include <atomic>
 

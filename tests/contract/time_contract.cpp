@@ -6,7 +6,7 @@
 #include "tests/contract/contract.h"
 #include "win32/handle.h"
 
-#include <realtimeapiset.h>
+
 
 namespace contract {
 namespace {

@@ -18,8 +18,9 @@ constexpr DWORD kGroupLimit = 120'000;  // ms
 enum ExitCode : int { kNothingBroken = 0, kBroken = 1, kRefused = 2 };
 
 int List() {
-  std::printf("With --contract each of these is asked, and with --contract GROUP those of a group. What a case makes "
-              "(users, services, files, keys, a proxy) bears the name NorvaneProof or is put back at its end.\n");
+  std::printf(
+      "With --contract each of these is asked, and with --contract GROUP those of a group. What a case makes "
+      "(users, services, files, keys, a proxy) bears the name NorvaneProof or is put back at its end.\n");
   for (const contract::Group* group : contract::Groups()) {
     for (const contract::Case& each : group->cases) {
       std::printf("%s/%s: %s\n", group->name, each.name, each.promise);
