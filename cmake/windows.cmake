@@ -68,12 +68,13 @@ if(BUILD_TESTING)
     VERBATIM)
   add_custom_target(renamed DEPENDS ${renamed_kiosk} ${renamed_kiosk_entry} ${renamed_kiosk_test_cases} ${renamed_kiosk_contract})
 
-  # Links `target` with the renamed archive `main`, whole, and with the simulation.
+  # Links `target` with the renamed archive `main` and with the simulation, both whole: COM classes and what hears of
+  # sessions register themselves when the program starts, and nothing else may refer to them.
   function(link_simulated target main)
     add_dependencies(${target} renamed)
     target_link_libraries(${target} PRIVATE
-      -Wl,--whole-archive ${main} -Wl,--no-whole-archive
-      -Wl,--start-group ${renamed_kiosk} kiosk_simulation -Wl,--end-group ${NORVANE_SYSTEM_LIBRARIES})
+      -Wl,--whole-archive ${main} kiosk_simulation -Wl,--no-whole-archive
+      ${renamed_kiosk} ${NORVANE_SYSTEM_LIBRARIES})
   endfunction()
 
   add_executable(NorvaneKioskSim src/service/kiosk.rc)

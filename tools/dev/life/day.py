@@ -33,6 +33,9 @@ def updates_policy():
 
 def the_computer_follows_the_portals_day(stage):
     """Power and updates: the scheme, the two scheduled tasks and the update window are the portal's."""
+    # Applied right after the branding came, the active scheme last.
+    stage.check_soon(lambda: any("power: screen off 15 min" in line for line in stage.terminal.log()),
+                     "the power policy is in force", 30)
     before, now = stage.machine_lines("scheme values", "task ")
     changed = sorted(set(now) - set(before))
     # Display off and sleep in seconds, wake timers; each on mains and on battery.
