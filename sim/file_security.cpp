@@ -96,12 +96,12 @@ SIM(WINBOOL, SetKernelObjectSecurity, HANDLE object, SECURITY_INFORMATION parts,
 SIM(DWORD, GetSecurityInfo, HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID* owner, PSID* group,
     PACL* dacl, PACL* sacl, PSECURITY_DESCRIPTOR* descriptor) {
   const std::wstring path = type == SE_FILE_OBJECT ? Plain(PathOf(object)) : L"";
-  const bool known = ReadText(kOwners, path).has_value();
+  const bool known = ReadText(kOwners, path) || ReadText(kDacls, path);
   if ((parts & ~DWORD{OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION}) != 0 || !known) {
     return ::GetSecurityInfo(object, type, parts, owner, group, dacl, sacl, descriptor);
   }
   const std::wstring sddl =
-      ReadText(kOwners, path).value_or(L"") +
+      ReadText(kOwners, path).value_or(L"O:BA") +  // what an administrator makes belongs to that group
       ((parts & DACL_SECURITY_INFORMATION) != 0 ? ReadText(kDacls, path).value_or(L"") : std::wstring());
   BOOL defaulted = FALSE;
   PSID found = nullptr;

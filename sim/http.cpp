@@ -308,11 +308,13 @@ SIM(WINBOOL, WinHttpQueryHeaders, HINTERNET handle, DWORD what, LPCWSTR name, LP
     *size = needed - DWORD{sizeof(wchar_t)};
     return Finish(ERROR_SUCCESS);
   }
-  if (what != (WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER) || *size < sizeof(DWORD)) {
-    Violation(
-        "WinHttpQueryHeaders: only Retry-After and the status code as a number are simulated, not 0x%lx into %lu bytes",
-        what, *size);
+  if (what != (WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER)) {
+    Violation("WinHttpQueryHeaders: only Retry-After and the status code as a number are simulated, not 0x%lx", what);
     return Finish(ERROR_WINHTTP_HEADER_NOT_FOUND);
+  }
+  if (*size < sizeof(DWORD)) {
+    *size = sizeof(DWORD);
+    return Finish(ERROR_INSUFFICIENT_BUFFER);
   }
   *static_cast<DWORD*>(buffer) = found->response.status;
   *size = sizeof(DWORD);

@@ -144,6 +144,8 @@ IP_ADAPTER_ADDRESSES* Describe(Room& room, const std::wstring& name, ULONG64 num
   using Name = char[64];
   entry->AdapterName = *room.New<Name>();
   std::strncpy(entry->AdapterName, Narrow(name).c_str(), sizeof(Name) - 1);
+  static wchar_t friendlyName[] = L"Ethernet";
+  entry->FriendlyName = friendlyName;
   entry->IfType = Adapter(name).type.Get();
   entry->Luid.Value = number;
   const bool cable = Adapter(name).cable.Get() != 0;

@@ -193,6 +193,10 @@ SIM(WINBOOL, CreateProcessW, LPCWSTR program, LPWSTR commandLine, LPSECURITY_ATT
 SIM(int, GetAddrInfoW, PCWSTR name, PCWSTR service, const ADDRINFOW* hints, PADDRINFOW* results) {
   const std::wstring area = std::wstring(L"Hosts\\") + name;
   const auto address = ReadText(area, L"Address");
+  IN_ADDR digits;
+  if (!address && InetPtonW(AF_INET, name, &digits) == 1) {
+    return ::GetAddrInfoW(name, service, hints, results);
+  }
   if (!address) {
     return WSAHOST_NOT_FOUND;
   }

@@ -34,7 +34,6 @@ void ListsWantRoom(Asked& asked) {
 }
 
 void UnknownAdaptersAreErrors(Asked& asked) {
-  asked.KnownWrong(Platform::kWine, "Wine answers ERROR_NOT_ENOUGH_MEMORY or finds one");
   MIB_IF_ROW2 row{};
   row.InterfaceLuid.Value = 0x7FFFFFFF;
   asked.Same("GetIfEntry2", GetIfEntry2(&row), ERROR_FILE_NOT_FOUND);
@@ -58,8 +57,10 @@ void EntriesWantMore(Asked& asked) {
   InitializeIpForwardEntry(&row);
   asked.Same("its lifetime", row.ValidLifetime, INFINITE);
   asked.Same("CreateIpForwardEntry2", CreateIpForwardEntry2(&row), ERROR_INVALID_PARAMETER);
-  row.DestinationPrefix.Prefix.si_family = AF_INET;
-  row.NextHop.si_family = AF_INET;
+  row.DestinationPrefix.Prefix.Ipv4.sin_family = AF_INET;
+  row.DestinationPrefix.PrefixLength = 0;
+  row.NextHop.Ipv4.sin_family = AF_INET;
+  row.NextHop.Ipv4.sin_addr.s_addr = htonl(0xC0000201);  // of a network for documents (RFC 5737)
   row.InterfaceLuid.Value = 0x7FFFFFFF;
   asked.OneOf("DeleteIpForwardEntry2 of a route that is not there", DeleteIpForwardEntry2(&row),
               {ERROR_FILE_NOT_FOUND, ERROR_NOT_FOUND, ERROR_INVALID_PARAMETER});

@@ -132,11 +132,13 @@ void AnswersAreWhole(Asked& asked) {
   asked.Same("WinHttpSendRequest", call.Send(), ERROR_SUCCESS);
   asked.Same("WinHttpReceiveResponse", call.Receive(), ERROR_SUCCESS);
   asked.Same("the status", call.Status(), 200);
-  wchar_t text[2];
-  DWORD size = sizeof(text);
-  asked.Fails("a header that does not fit",
-              WinHttpQueryHeaders(call.Handle(), WINHTTP_QUERY_RAW_HEADERS_CRLF, nullptr, text, &size, nullptr) != 0,
+  wchar_t text[64];
+  DWORD size = 1;
+  asked.Fails("a number that does not fit",
+              WinHttpQueryHeaders(call.Handle(), WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER, nullptr,
+                                  text, &size, nullptr) != 0,
               {ERROR_INSUFFICIENT_BUFFER});
+  size = sizeof(text);
   asked.Fails("a header that is not there",
               WinHttpQueryHeaders(call.Handle(), WINHTTP_QUERY_RETRY_AFTER, nullptr, text, &size, nullptr) != 0,
               {ERROR_WINHTTP_HEADER_NOT_FOUND});

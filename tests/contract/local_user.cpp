@@ -8,6 +8,9 @@
 namespace contract {
 
 LocalUser::LocalUser() {
+  if (ThisPlatform() == Platform::kWine) {
+    Asked::CannotRun("Wine's users have no SID");
+  }
   std::wstring name = kName;
   std::wstring password = L"Pr00f-of-the-kiosk!";
   USER_INFO_1 info{};

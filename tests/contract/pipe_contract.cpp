@@ -26,6 +26,7 @@ FileHandle Client() {
 }
 
 void FirstInstanceIsFirst(Asked& asked) {
+  asked.KnownWrong(Platform::kWine, "Wine ignores the flag for the first instance");
   const FileHandle first = Server(FILE_FLAG_FIRST_PIPE_INSTANCE);
   asked.True("the first", static_cast<bool>(first));
   asked.Fails("another first", static_cast<bool>(Server(FILE_FLAG_FIRST_PIPE_INSTANCE)), {ERROR_ACCESS_DENIED});

@@ -51,6 +51,7 @@ void ValuesComeBack(Asked& asked) {
 }
 
 void RequestsAreHeld(Asked& asked) {
+  asked.KnownWrong(Platform::kWine, "Wine has no power requests");
   wchar_t reason[] = L"NorvaneProof";
   REASON_CONTEXT context{};
   context.Version = POWER_REQUEST_CONTEXT_VERSION;

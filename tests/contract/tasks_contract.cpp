@@ -3,6 +3,7 @@
 #include "win32/com.h"
 
 #include <taskschd.h>
+#include <wbemidl.h>
 
 namespace contract {
 namespace {
@@ -64,20 +65,28 @@ void MissingTasksAreErrors(Asked& asked) {
              AsNumber(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)));
 }
 
-// An object in this process is no proxy of another's.
-void ObjectsHereHaveNoBlanket(Asked& asked) {
+void ManagementTakesABlanket(Asked& asked) {
+  asked.KnownWrong(Platform::kWine, "Wine's management service runs in this process and is no proxy");
   const ComApartment apartment;
-  const ComPtr<ITaskFolder> folder = RootFolder();
-  asked.Same("CoSetProxyBlanket of what is no proxy",
-             AsNumber(CoSetProxyBlanket(nullptr, RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr, RPC_C_AUTHN_LEVEL_CALL,
-                                        RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE)),
-             AsNumber(E_INVALIDARG));
+  ComPtr<IWbemLocator> locator;
+  Asked::Needs(SUCCEEDED(CoCreateInstance(CLSID_WbemLocator, nullptr, CLSCTX_INPROC_SERVER, IID_IWbemLocator,
+                                          reinterpret_cast<void**>(locator.Put()))),
+               "management instrumentation");
+  const Text name(L"ROOT\\CIMV2");
+  ComPtr<IWbemServices> services;
+  asked.Same("ConnectServer", AsNumber(locator->ConnectServer(name.Get(), nullptr, nullptr, nullptr, 0, nullptr,
+                                                              nullptr, services.Put())),
+             AsNumber(S_OK));
+  asked.Same("CoSetProxyBlanket",
+             AsNumber(CoSetProxyBlanket(services.Get(), RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr,
+                                        RPC_C_AUTHN_LEVEL_CALL, RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE)),
+             AsNumber(S_OK));
 }
 
 constexpr Case kCases[] = {
     {"no class", "a class that is not registered is an error of its own", UnknownClassesAreErrors},
     {"missing", "a task that is not there is told by both calls alike", MissingTasksAreErrors},
-    {"no proxy", "without a proxy there is no blanket", ObjectsHereHaveNoBlanket},
+    {"management", "management instrumentation takes calls as the computer", ManagementTakesABlanket},
 };
 
 }  // namespace
