@@ -71,7 +71,9 @@ DWORD WINAPI ServeRequests(void*) {
       continue;
     }
     ForgetValue(kArea, L"Request");
-    std::swscanf(request.c_str(), L"%lu %lu %lu", &control, &eventType, &session);
+    if (std::swscanf(request.c_str(), L"%lu %lu %lu", &control, &eventType, &session) < 1) {
+      Violation("the service is sent \"%s\", which is no control", Narrow(request).c_str());
+    }
     WriteNumber(kArea, L"Answer", CallHandler(control, eventType, session));
   }
 }

@@ -119,7 +119,11 @@ void RestoreWuRestartPolicy() {
   }
   for (const BorrowedValue& policy : kPolicies) {
     // Twice, since the copy goes with the mark. Nothing waits longer for it: the terminal may be on its way out.
-    if (!state::PutBack(policy) && !state::PutBack(policy)) {
+    bool back = state::PutBack(policy);
+    if (!back) {
+      back = state::PutBack(policy);
+    }
+    if (!back) {
       log::Log(log::kError, log::kKiosk, "os updates: cannot put %s back; it was %s",
                win32::ToNarrow(policy.name).c_str(), DescribeCopy(*policy.prior).c_str());
     }

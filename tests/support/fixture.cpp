@@ -87,9 +87,9 @@ win32::KernelHandle StartThisTestAs(const wchar_t* role) {
   const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
   const std::wstring filter =
       L"--gtest_filter=" + win32::ToWide(test.test_suite_name()) + L"." + win32::ToWide(test.name());
+  const intptr_t process = _wspawnl(_P_NOWAIT, self, L"test", L"--gtest_brief=1", filter.c_str(), role, nullptr);
   // NOLINTNEXTLINE(performance-no-int-to-ptr): the runtime gives the handle as a number
-  return win32::KernelHandle(
-      reinterpret_cast<HANDLE>(_wspawnl(_P_NOWAIT, self, L"test", L"--gtest_brief=1", filter.c_str(), role, nullptr)));
+  return win32::KernelHandle(reinterpret_cast<HANDLE>(process));
 }
 
 void SetRaw(const wchar_t* key, const wchar_t* name, DWORD type, const void* data, std::size_t size) {

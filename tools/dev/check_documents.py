@@ -6,7 +6,7 @@ import re
 import sys
 
 # What a log line has in place of a value, as the documents write it: N, CODE, "...", a number.
-PLACEHOLDER = re.compile(r"\.\.\.|\b[A-Z]+\b|\b0x\w+|\b\d+\b|\bNorvaneKiosk\b")
+VARIABLE_PART = re.compile(r"\.\.\.|\b[A-Z]+\b|\b0x\w+|\b\d+\b|\bNorvaneKiosk\b")
 # ... and as the code does.
 FORMAT = re.compile(r"%[-0-9.*]*(?:ll|l|z)?[a-zA-Z]")
 
@@ -93,7 +93,7 @@ def log_lines():
     for cells in rows("docs/pipe.md", "| log line (level WARN) | caused by |"):
         quoted += [(text, "docs/pipe.md") for text in re.findall(r"`([^`]+)`", cells[0])]
     for text, document in quoted:
-        for piece in map(str.strip, PLACEHOLDER.split(text)):
+        for piece in map(str.strip, VARIABLE_PART.split(text)):
             # A reason that is written elsewhere than the line it goes into.
             line, _, reason = piece.partition(": ")
             composed = any(f"{line}: \0" in each for each in texts) and any(each.startswith(reason) for each in texts)

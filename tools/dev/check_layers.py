@@ -52,11 +52,11 @@ def circles(sources):
         graph.setdefault(unit, set()).update(header.removesuffix(".h") for header in includes(source))
     reach = {}
     for unit in graph:
-        seen, todo = set(), [unit]
-        while todo:
-            new = graph.get(todo.pop(), set()) - seen
+        seen, unvisited = set(), [unit]
+        while unvisited:
+            new = graph.get(unvisited.pop(), set()) - seen
             seen |= new
-            todo += new
+            unvisited += new
         reach[unit] = seen - {unit}
     for unit in sorted(graph):
         for other in sorted(reach[unit]):
