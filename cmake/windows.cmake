@@ -52,7 +52,10 @@ if(BUILD_TESTING)
   # What Windows promises, asked of the simulation and, not renamed, of what is there.
   file(GLOB NORVANE_CONTRACT CONFIGURE_DEPENDS tests/contract/*.cpp)
   list(FILTER NORVANE_CONTRACT EXCLUDE REGEX hand_)
-  add_library(kiosk_contract STATIC ${NORVANE_CONTRACT} tools/proof/main.cpp)
+  file(GLOB NORVANE_PROOF CONFIGURE_DEPENDS tools/proof/*.cpp)
+  # What has two implementations, and what must not be renamed.
+  list(FILTER NORVANE_PROOF EXCLUDE REGEX "hand_|agent_service")
+  add_library(kiosk_contract STATIC ${NORVANE_CONTRACT} ${NORVANE_PROOF} tools/kioskctl/pipe_client.cpp)
   target_include_directories(kiosk_contract PRIVATE ${CMAKE_SOURCE_DIR})
 
   set(renamed_pairs)
@@ -87,11 +90,14 @@ if(BUILD_TESTING)
   link_simulated(kiosk_tests ${renamed_kiosk_test_cases})
   gtest_discover_tests(kiosk_tests DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 600)
 
-  add_executable(kiosk_proof tests/contract/hand_windows.cpp)
+  add_executable(kiosk_proof tests/contract/hand_windows.cpp tools/proof/hand_windows.cpp tools/proof/agent_service.cpp)
+  target_link_options(kiosk_proof PRIVATE -municode)
   target_include_directories(kiosk_proof PRIVATE ${CMAKE_SOURCE_DIR})
   target_link_libraries(kiosk_proof PRIVATE -Wl,--whole-archive kiosk_contract -Wl,--no-whole-archive kiosk)
 
-  add_executable(kiosk_proof_sim tests/contract/hand_simulated.cpp)
+  add_executable(kiosk_proof_sim tests/contract/hand_simulated.cpp tools/proof/hand_simulated.cpp
+    tools/proof/agent_service.cpp)
+  target_link_options(kiosk_proof_sim PRIVATE -municode)
   target_include_directories(kiosk_proof_sim PRIVATE ${CMAKE_SOURCE_DIR})
   link_simulated(kiosk_proof_sim ${renamed_kiosk_contract})
 
