@@ -89,7 +89,8 @@ if(BUILD_TESTING)
 
   add_executable(kiosk_proof tests/contract/hand_windows.cpp)
   target_include_directories(kiosk_proof PRIVATE ${CMAKE_SOURCE_DIR})
-  target_link_libraries(kiosk_proof PRIVATE -Wl,--whole-archive kiosk_contract -Wl,--no-whole-archive kiosk)
+  target_link_libraries(kiosk_proof PRIVATE -Wl,--whole-archive kiosk_contract -Wl,--no-whole-archive kiosk
+    newdev setupapi)
 
   add_executable(kiosk_proof_sim tests/contract/hand_simulated.cpp)
   target_include_directories(kiosk_proof_sim PRIVATE ${CMAKE_SOURCE_DIR})

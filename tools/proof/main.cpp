@@ -82,13 +82,13 @@ int main(int count, char** arguments) {
   if (option.empty()) {
     return List();
   }
-  if (count > 3 || (count > 2 && group == nullptr) || (option != "--contract" && option != "--group") ||
-      (option == "--group" && group == nullptr)) {
-    std::fprintf(stderr, "kiosk_proof: unknown option or group; without an option it lists them\n");
+  const bool child = option == "--group" && group != nullptr;
+  if (count > 3 || (count > 2 && group == nullptr) || (option != "--contract" && !child)) {
+    static_cast<void>(std::fprintf(stderr, "kiosk_proof: unknown option or group; without an option it lists them\n"));
     return kRefused;
   }
-  if (option == "--group") {
-    return RunGroup(*group);
+  if (child) {
+    ExitProcess(static_cast<UINT>(RunGroup(*group)));
   }
   std::printf("asked of: %s\n", Name(contract::ThisPlatform()));
   int result = kNothingBroken;
