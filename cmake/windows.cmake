@@ -49,34 +49,39 @@ if(BUILD_TESTING)
   target_include_directories(kiosk_test_cases SYSTEM PRIVATE ${NORVANE_LIBRARY_HEADERS})
   target_link_libraries(kiosk_test_cases PRIVATE gtest)
 
-  # What Windows promises, asked of the simulation and, not renamed, of what is there.
+  # What Windows promises, asked of the simulation and, not renamed, of what is there; and the kit around the cases, without
+  # what has two implementations or must not be renamed.
   file(GLOB NORVANE_CONTRACT CONFIGURE_DEPENDS tests/contract/*.cpp)
-  list(FILTER NORVANE_CONTRACT EXCLUDE REGEX hand_)
   file(GLOB NORVANE_PROOF CONFIGURE_DEPENDS tools/proof/*.cpp)
-  # What has two implementations, and what must not be renamed.
+  list(FILTER NORVANE_CONTRACT EXCLUDE REGEX hand_)
   list(FILTER NORVANE_PROOF EXCLUDE REGEX "hand_|agent_service")
-  add_library(kiosk_contract STATIC ${NORVANE_CONTRACT} ${NORVANE_PROOF} tools/kioskctl/pipe_client.cpp)
+  add_library(kiosk_contract STATIC ${NORVANE_CONTRACT})
+  add_library(kiosk_proof_kit STATIC ${NORVANE_PROOF} tools/kioskctl/pipe_client.cpp)
   target_include_directories(kiosk_contract PRIVATE ${CMAKE_SOURCE_DIR})
+  target_include_directories(kiosk_proof_kit PRIVATE ${CMAKE_SOURCE_DIR})
 
   set(renamed_pairs)
-  foreach(library kiosk kiosk_entry kiosk_test_cases kiosk_contract)
+  set(renamed)
+  set(NORVANE_RENAMED kiosk kiosk_entry kiosk_test_cases kiosk_contract kiosk_proof_kit)
+  foreach(library ${NORVANE_RENAMED})
     set(renamed_${library} ${CMAKE_BINARY_DIR}/lib${library}_sim.a)
+    list(APPEND renamed ${renamed_${library}})
     list(APPEND renamed_pairs $<TARGET_FILE:${library}> ${renamed_${library}})
   endforeach()
   add_custom_command(
-    OUTPUT ${renamed_kiosk} ${renamed_kiosk_entry} ${renamed_kiosk_test_cases} ${renamed_kiosk_contract}
+    OUTPUT ${renamed}
     COMMAND ${CMAKE_SOURCE_DIR}/tools/build/sim_symbols.sh ${NORVANE_NM} ${NORVANE_OBJCOPY}
             $<TARGET_FILE:kiosk_simulation> ${renamed_pairs}
-    DEPENDS kiosk kiosk_entry kiosk_test_cases kiosk_contract kiosk_simulation ${CMAKE_SOURCE_DIR}/tools/build/sim_symbols.sh
+    DEPENDS ${NORVANE_RENAMED} kiosk_simulation ${CMAKE_SOURCE_DIR}/tools/build/sim_symbols.sh
     VERBATIM)
-  add_custom_target(renamed DEPENDS ${renamed_kiosk} ${renamed_kiosk_entry} ${renamed_kiosk_test_cases} ${renamed_kiosk_contract})
+  add_custom_target(renamed DEPENDS ${renamed})
 
-  # Links `target` with the renamed archive `main` and with the simulation, both whole: COM classes and what hears of
+  # Links `target` with renamed archives and with the simulation, all whole: COM classes and what hears of
   # sessions register themselves when the program starts, and nothing else may refer to them.
-  function(link_simulated target main)
+  function(link_simulated target)
     add_dependencies(${target} renamed)
     target_link_libraries(${target} PRIVATE
-      -Wl,--whole-archive ${main} kiosk_simulation -Wl,--no-whole-archive
+      -Wl,--whole-archive ${ARGN} kiosk_simulation -Wl,--no-whole-archive
       ${renamed_kiosk} ${NORVANE_SYSTEM_LIBRARIES})
   endfunction()
 
@@ -93,13 +98,14 @@ if(BUILD_TESTING)
   add_executable(kiosk_proof tests/contract/hand_windows.cpp tools/proof/hand_windows.cpp tools/proof/agent_service.cpp)
   target_link_options(kiosk_proof PRIVATE -municode)
   target_include_directories(kiosk_proof PRIVATE ${CMAKE_SOURCE_DIR})
-  target_link_libraries(kiosk_proof PRIVATE -Wl,--whole-archive kiosk_contract -Wl,--no-whole-archive kiosk)
+  target_link_libraries(kiosk_proof PRIVATE -Wl,--whole-archive kiosk_contract kiosk_proof_kit -Wl,--no-whole-archive kiosk
+    newdev setupapi)
 
   add_executable(kiosk_proof_sim tests/contract/hand_simulated.cpp tools/proof/hand_simulated.cpp
     tools/proof/agent_service.cpp)
   target_link_options(kiosk_proof_sim PRIVATE -municode)
   target_include_directories(kiosk_proof_sim PRIVATE ${CMAKE_SOURCE_DIR})
-  link_simulated(kiosk_proof_sim ${renamed_kiosk_contract})
+  link_simulated(kiosk_proof_sim ${renamed_kiosk_contract} ${renamed_kiosk_proof_kit})
 
   # A caller of the pipe for the end-to-end tests, which sign it in many ways.
   add_executable(pipe_client tests/support/pipe_client/pipe_client.cpp)

@@ -141,13 +141,6 @@ COUNT(WINBOOL, DeleteService, L"", (service), SC_HANDLE service)
 COUNT(WINBOOL, ControlService, L"", (service, control, status), SC_HANDLE service, DWORD control,
       LPSERVICE_STATUS status)
 
-SIM(WINBOOL, CryptProtectData, DATA_BLOB* in, LPCWSTR text, DATA_BLOB* entropy, PVOID reserved,
-    CRYPTPROTECT_PROMPTSTRUCT* prompt, DWORD flags, DATA_BLOB* out) {
-  dataProtectionFlags.Set(flags);
-  return Change<BOOL>(__func__ + 4, text != nullptr ? text : L"",
-                      [&] { return ::CryptProtectData(in, text, entropy, reserved, prompt, flags, out); });
-}
-
 SIM(WINBOOL, ChangeServiceConfigW, SC_HANDLE service, DWORD type, DWORD start, DWORD severity, LPCWSTR path,
     LPCWSTR group, LPDWORD tag, LPCWSTR needs, LPCWSTR account, LPCWSTR password, LPCWSTR display) {
   return Change<BOOL>(__func__ + 4, display != nullptr ? display : L"", [&] {

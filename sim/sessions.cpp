@@ -170,7 +170,9 @@ SIM(WINBOOL, WTSEnumerateSessionsW, HANDLE server, DWORD reserved, DWORD version
 }
 
 SIM(WINBOOL, WTSQuerySessionInformationW, HANDLE server, DWORD id, WTS_INFO_CLASS what, LPWSTR* buffer, DWORD* size) {
-  if (!AreaExists(kArea)) {
+  DWORD own = 0;
+  ProcessIdToSessionId(GetCurrentProcessId(), &own);
+  if (!AreaExists(kArea) && (id == own || id == WTS_CURRENT_SESSION)) {
     return ::WTSQuerySessionInformationW(server, id, what, buffer, size);
   }
   if (server != WTS_CURRENT_SERVER_HANDLE || (what != WTSUserName && what != WTSDomainName) || buffer == nullptr ||
@@ -179,9 +181,7 @@ SIM(WINBOOL, WTSQuerySessionInformationW, HANDLE server, DWORD id, WTS_INFO_CLAS
     SetLastError(ERROR_INVALID_PARAMETER);
     return FALSE;
   }
-  if (id == WTS_CURRENT_SESSION) {
-    ProcessIdToSessionId(GetCurrentProcessId(), &id);
-  }
+  id = id == WTS_CURRENT_SESSION ? own : id;
   const auto known = ReadText(AreaOf(id), what == WTSUserName ? L"User" : L"Domain");
   if (!known && id != 0 && id != kListener) {
     SetLastError(ERROR_CTX_WINSTATION_NOT_FOUND);

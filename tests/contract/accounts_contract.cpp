@@ -116,16 +116,16 @@ void DeletedUsersHaveNoName(Asked& asked) {
 
 void MembershipsAreTold(Asked& asked) {
   const LocalUser user;
-  const std::wstring guests = GroupName(L"S-1-5-32-546");
+  const std::wstring group = GroupName(L"S-1-5-32-555");
   PSID sid = nullptr;
   ConvertStringSidToSidW(user.Sid().c_str(), &sid);
   const LocalMemory owned(sid);
   LOCALGROUP_MEMBERS_INFO_0 member{sid};
   auto* const data = reinterpret_cast<BYTE*>(&member);
-  asked.Same("not a member", NetLocalGroupDelMembers(nullptr, guests.c_str(), 0, data, 1), ERROR_MEMBER_NOT_IN_ALIAS);
-  asked.Same("made one", NetLocalGroupAddMembers(nullptr, guests.c_str(), 0, data, 1), NERR_Success);
-  asked.Same("made one twice", NetLocalGroupAddMembers(nullptr, guests.c_str(), 0, data, 1), ERROR_MEMBER_IN_ALIAS);
-  asked.Same("no longer one", NetLocalGroupDelMembers(nullptr, guests.c_str(), 0, data, 1), NERR_Success);
+  asked.Same("not a member", NetLocalGroupDelMembers(nullptr, group.c_str(), 0, data, 1), ERROR_MEMBER_NOT_IN_ALIAS);
+  asked.Same("made one", NetLocalGroupAddMembers(nullptr, group.c_str(), 0, data, 1), NERR_Success);
+  asked.Same("made one twice", NetLocalGroupAddMembers(nullptr, group.c_str(), 0, data, 1), ERROR_MEMBER_IN_ALIAS);
+  asked.Same("no longer one", NetLocalGroupDelMembers(nullptr, group.c_str(), 0, data, 1), NERR_Success);
   asked.OneOf("a group that is not there", NetLocalGroupAddMembers(nullptr, L"NorvaneProofGroup", 0, data, 1),
               {NERR_GroupNotFound, ERROR_NO_SUCH_ALIAS});
 }

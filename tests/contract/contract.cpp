@@ -49,8 +49,6 @@ Platform ThisPlatform() noexcept {
                                                                                        : Platform::kWindows;
 }
 
-void Asked::Same(const char* what, std::uint64_t answer, std::uint64_t promise) { OneOf(what, answer, {promise}); }
-
 void Asked::Same(const char* what, const std::wstring& answer, const std::wstring& promise) {
   if (answer != promise) {
     broken_.push_back(std::string(what) + ": \"" + kiosk::win32::ToNarrow(answer) + "\" in place of \"" +
@@ -58,7 +56,7 @@ void Asked::Same(const char* what, const std::wstring& answer, const std::wstrin
   }
 }
 
-void Asked::OneOf(const char* what, std::uint64_t answer, std::initializer_list<std::uint64_t> promises) {
+void Asked::Judge(const char* what, std::uint64_t answer, std::initializer_list<std::uint64_t> promises) {
   if (std::find(promises.begin(), promises.end(), answer) != promises.end()) {
     return;
   }
@@ -67,6 +65,10 @@ void Asked::OneOf(const char* what, std::uint64_t answer, std::initializer_list<
     wanted += (wanted.empty() ? "" : " or ") + Number(promise);
   }
   broken_.push_back(std::string(what) + ": " + Number(answer) + " in place of " + wanted);
+}
+
+void Asked::Tells(const char* what, std::uint64_t answer) {
+  told_.push_back(std::string(what) + ": " + Number(answer));
 }
 
 void Asked::CannotRun(const std::string& why) { throw CannotRunHere{why}; }
@@ -91,19 +93,20 @@ Result Case::Run() const {
     return {Verdict::kCouldNotRun, reason.why};
   }
   if (asked.known_.empty()) {
-    return {asked.broken_.empty() ? Verdict::kHeld : Verdict::kBroken, Joined(asked.broken_)};
+    return asked.broken_.empty() ? Result{Verdict::kHeld, Joined(asked.told_)}
+                                 : Result{Verdict::kBroken, Joined(asked.broken_)};
   }
   return asked.broken_.empty() ? Result{Verdict::kBroken, "it holds: take the mark \"" + asked.known_ + "\" away"}
                                : Result{Verdict::kKnown, asked.known_ + ": " + Joined(asked.broken_)};
 }
 
-extern const Group kAccounts, kAdapters, kCrypto, kFiles, kHttp, kLsa, kPipe, kPower, kProfiles, kProxy, kServices,
-    kSessions, kSignatures, kTasks, kThreads, kTime;
+extern const Group kAccounts, kAdapters, kCrypto, kFiles, kHttp, kLsa, kPipe, kPower, kProfiles, kProxy, kRegistry,
+    kServices, kSessions, kSignatures, kTasks, kThreads, kTime;
 
 std::span<const Group* const> Groups() noexcept {
-  static constexpr const Group* kGroups[] = {&kThreads,  &kTime,  &kCrypto,   &kFiles,    &kPipe,  &kSignatures,
-                                             &kAccounts, &kLsa,   &kProfiles, &kSessions, &kPower, &kTasks,
-                                             &kAdapters, &kProxy, &kHttp,     &kServices};
+  static constexpr const Group* kGroups[] = {&kThreads,    &kTime,     &kCrypto, &kRegistry, &kFiles,    &kPipe,
+                                             &kSignatures, &kAccounts, &kLsa,    &kProfiles, &kSessions, &kPower,
+                                             &kTasks,      &kAdapters, &kProxy,  &kHttp,     &kServices};
   return kGroups;
 }
 
@@ -129,7 +132,7 @@ Folder::~Folder() {
 }
 
 std::wstring Folder::File(const wchar_t* name, const char* content) const {
-  const std::wstring path = Path(name);
+  std::wstring path = Path(name);
   const kiosk::win32::FileHandle file(
       CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
   DWORD written = 0;

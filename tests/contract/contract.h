@@ -5,11 +5,13 @@
 
 #include "win32/winapi.h"
 
+#include <concepts>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
 #include <span>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace contract {
@@ -29,15 +31,24 @@ const char* Name(Verdict verdict) noexcept;
 // The questions of one case and their answers.
 class Asked {
  public:
-  // The answer must be the promise; numbers are Windows errors for the most part.
-  void Same(const char* what, std::uint64_t answer, std::uint64_t promise);
+  // The answer must be the promise; numbers are Windows errors for the most part, and are compared by their bits.
+  template <std::integral Answer, std::integral Promise>
+  void Same(const char* what, Answer answer, Promise promise) {
+    Judge(what, Bits(answer), {Bits(promise)});
+  }
   void Same(const char* what, const std::wstring& answer, const std::wstring& promise);
-  void OneOf(const char* what, std::uint64_t answer, std::initializer_list<std::uint64_t> promises);
+  template <std::integral Answer>
+  void OneOf(const char* what, Answer answer, std::initializer_list<std::uint64_t> promises) {
+    Judge(what, Bits(answer), promises);
+  }
   // A call that is to fail with one of these errors.
   void Fails(const char* what, bool done, std::initializer_list<std::uint64_t> errors) {
     OneOf(what, done ? ERROR_SUCCESS : GetLastError(), errors);
   }
   void True(const char* what, bool answer) { Same(what, answer ? 1 : 0, 1); }
+  // An open question: no page answers it. The answer goes into the report, where that of another platform can be set
+  // beside it.
+  void Tells(const char* what, std::uint64_t answer);
 
   // Ends the case: this computer cannot show it.
   [[noreturn]] static void CannotRun(const std::string& why);
@@ -49,13 +60,19 @@ class Asked {
 
  private:
   friend struct Case;
+  template <std::integral Number>
+  static std::uint64_t Bits(Number number) {
+    return static_cast<std::make_unsigned_t<Number>>(number);
+  }
+  void Judge(const char* what, std::uint64_t answer, std::initializer_list<std::uint64_t> promises);
   std::vector<std::string> broken_;
+  std::vector<std::string> told_;
   std::string known_;
 };
 
 struct Result {
   Verdict verdict;
-  std::string why;  // what was asked and answered, or why it could not run; empty when it held
+  std::string why;  // what was asked and answered, or why it could not run; of one that held, answers to open questions
 };
 
 struct Case {

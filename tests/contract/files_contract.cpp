@@ -7,6 +7,8 @@
 #include <sddl.h>
 #include <winternl.h>
 
+#include <optional>
+
 namespace contract {
 namespace {
 
@@ -110,7 +112,7 @@ void ListsEndWithAnError(Asked& asked) {
     files += (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0 ? 1 : 0;
   }
   asked.Same("the end of a list", GetLastError(), ERROR_NO_MORE_FILES);
-  asked.Same("files", static_cast<std::uint64_t>(files), 1);
+  asked.Same("files", files, 1);
   asked.Fails("a pattern without a match", FindFirstFileW(folder.Path(L"none*").c_str(), &data) != INVALID_HANDLE_VALUE,
               {ERROR_FILE_NOT_FOUND});
 }
@@ -212,17 +214,40 @@ void RelativeOpens(Asked& asked) {
   FileHandle file;
   HANDLE raw = nullptr;
   asked.Same("a file that is there",
-             static_cast<std::uint32_t>(
-                 NtCreateFile(&raw, FILE_READ_ATTRIBUTES | SYNCHRONIZE, &attributes, &status, nullptr, 0, kShareAll,
-                              FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT | FILE_OPEN_REPARSE_POINT, nullptr, 0)),
+
+             NtCreateFile(&raw, FILE_READ_ATTRIBUTES | SYNCHRONIZE, &attributes, &status, nullptr, 0, kShareAll,
+                          FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT | FILE_OPEN_REPARSE_POINT, nullptr, 0),
              0);
   file.Reset(raw != nullptr ? raw : INVALID_HANDLE_VALUE);
   name[0] = L'n';
   asked.Same("one that is not",
-             static_cast<std::uint32_t>(
-                 NtCreateFile(&raw, FILE_READ_ATTRIBUTES | SYNCHRONIZE, &attributes, &status, nullptr, 0, kShareAll,
-                              FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT | FILE_OPEN_REPARSE_POINT, nullptr, 0)),
+
+             NtCreateFile(&raw, FILE_READ_ATTRIBUTES | SYNCHRONIZE, &attributes, &status, nullptr, 0, kShareAll,
+                          FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT | FILE_OPEN_REPARSE_POINT, nullptr, 0),
              0xC0000034);
+}
+
+struct Opening {
+  std::wstring path;
+  bool opened = false;
+};
+
+DWORD WINAPI OpenIt(void* data) {
+  auto* const opening = static_cast<Opening*>(data);
+  opening->opened = static_cast<bool>(Open(opening->path, GENERIC_READ, kShareAll));
+  return 0;
+}
+
+// "Breaking Opportunistic Locks": whoever opens the file waits until its holder is done.
+void LeasesHoldAnOpen(Asked& asked) {
+  const Folder folder;
+  Opening opening{folder.File(L"file")};
+  std::optional<FileLease> lease(opening.path);
+  const kiosk::win32::KernelHandle thread(CreateThread(nullptr, 0, OpenIt, &opening, 0, nullptr));
+  asked.Same("an open meanwhile", WaitForSingleObject(thread.Get(), 500), WAIT_TIMEOUT);
+  lease.reset();
+  asked.Same("the open then", WaitForSingleObject(thread.Get(), 10'000), WAIT_OBJECT_0);
+  asked.True("it has the file", opening.opened);
 }
 
 void DrivesAreTold(Asked& asked) {
@@ -248,6 +273,7 @@ constexpr Case kCases[] = {
     {"delete by handle", "a file that is deleted by its handle is gone with it", OpenFilesCanBeDeleted},
     {"junction", "a junction shows as one, leads to its target, and can be opened itself", JunctionsShow},
     {"relative", "a file is opened by its name below an open folder", RelativeOpens},
+    {"lease", "an exclusive opportunistic lock holds whoever opens the file", LeasesHoldAnOpen},
     {"drives", "drives have types and room", DrivesAreTold},
 };
 

@@ -26,6 +26,40 @@ class LocalUser {
   std::wstring sid_;
 };
 
+// Signs the user in at the console, where nobody is signed in then; CannotRun where that wants a person. Returns the
+// session, which is left by whoever signed in.
+DWORD SignInAtConsole(const wchar_t* user);
+
+// A wired network adapter that leads nowhere, with DHCP on, while this lives; CannotRun where none can be made.
+class SpareAdapter {
+ public:
+  SpareAdapter();
+  SpareAdapter(const SpareAdapter&) = delete;
+  SpareAdapter& operator=(const SpareAdapter&) = delete;
+  ~SpareAdapter();
+  // As Windows spells it: a GUID in braces.
+  [[nodiscard]] const std::wstring& Name() const noexcept { return name_; }
+
+ private:
+  struct Body;
+  std::unique_ptr<Body> body_;
+  std::wstring name_;
+};
+
+// Somebody who holds a batch opportunistic lock on a file, and lets it go when this ends; CannotRun where there are no
+// such locks.
+class FileLease {
+ public:
+  explicit FileLease(const std::wstring& path);
+  FileLease(const FileLease&) = delete;
+  FileLease& operator=(const FileLease&) = delete;
+  ~FileLease();
+
+ private:
+  struct Body;
+  std::unique_ptr<Body> body_;
+};
+
 // Makes `path` a junction to the folder `target`; CannotRun where that cannot be done.
 void MakeJunction(const std::wstring& path, const std::wstring& target);
 

@@ -1,6 +1,9 @@
 // The hand over the simulated Windows.
 #include "sim/files.h"
 #include "sim/http.h"
+#include "sim/network.h"
+#include "sim/program_files.h"
+#include "sim/sessions.h"
 #include "tests/contract/contract.h"
 #include "tests/contract/hand.h"
 
@@ -9,6 +12,19 @@ namespace contract {
 bool IsSimulated() noexcept { return true; }
 
 void MakeJunction(const std::wstring& path, const std::wstring& target) { sim::MakeJunction(path, target); }
+
+DWORD SignInAtConsole(const wchar_t* user) { return sim::SignIn(user); }
+
+struct SpareAdapter::Body {};
+SpareAdapter::SpareAdapter() : name_(L"{4E6F7276-616E-6550-726F-6F6600000003}") { sim::AddAdapter(name_); }
+SpareAdapter::~SpareAdapter() { sim::ForgetArea(sim::Adapter(name_).area); }
+
+struct FileLease::Body : sim::HeldFile {
+  using sim::HeldFile::HeldFile;
+};
+
+FileLease::FileLease(const std::wstring& path) : body_(std::make_unique<Body>(path)) {}
+FileLease::~FileLease() = default;
 
 struct HttpServer::Body {
   sim::ScriptedPortal portal;
@@ -26,8 +42,8 @@ HttpServer::HttpServer(Behaviour behaviour) : body_(std::make_unique<Body>()) {
       response.headersDelay = INFINITE;
       break;
     case Behaviour::kHalfABody:
-      response.body.resize(5);
-      response.chunkDelay = INFINITE;
+      response.chunk = 5;
+      response.readDelay = INFINITE;
       break;
     case Behaviour::kBreaksOff:
       response.body.resize(5);

@@ -7,6 +7,8 @@
 #include "tests/contract/hand.h"
 #include "win32/handle.h"
 
+#include <newdev.h>
+#include <setupapi.h>
 #include <winioctl.h>
 
 #include <cstring>
@@ -63,6 +65,81 @@ void MakeJunction(const std::wstring& path, const std::wstring& target) {
   Asked::Needs(link && DeviceIoControl(link.Get(), FSCTL_SET_REPARSE_POINT, &point, point.dataLength + kFixedPart,
                                        nullptr, 0, &returned, nullptr) != 0,
                "a junction");
+}
+
+DWORD SignInAtConsole(const wchar_t*) { Asked::CannotRun("signing in at the console wants a person"); }
+
+namespace {
+
+// The network class of devices.
+constexpr GUID kNet{0x4D36E972, 0xE325, 0x11CE, {0xBF, 0xC1, 0x08, 0x00, 0x2B, 0xE1, 0x03, 0x18}};
+// Windows' own adapter without hardware, of netloop.inf; the list of names ends with an empty one.
+constexpr wchar_t kLoopback[] = L"*msloop\0";
+
+}  // namespace
+
+struct SpareAdapter::Body {
+  HDEVINFO devices = SetupDiCreateDeviceInfoList(&kNet, nullptr);
+  SP_DEVINFO_DATA device{};
+  bool registered = false;
+
+  bool Call(DI_FUNCTION function) { return SetupDiCallClassInstaller(function, devices, &device) != 0; }
+  ~Body() {
+    if (registered) {
+      Call(DIF_REMOVE);
+    }
+    SetupDiDestroyDeviceInfoList(devices);
+  }
+};
+
+SpareAdapter::SpareAdapter() : body_(std::make_unique<Body>()) {
+  if (ThisPlatform() == Platform::kWine) {
+    Asked::CannotRun("Wine installs no devices");
+  }
+  HDEVINFO devices = body_->devices;
+  SP_DEVINFO_DATA* const device = &body_->device;
+  device->cbSize = sizeof(*device);
+  body_->registered =
+      SetupDiCreateDeviceInfoW(devices, L"NorvaneProof", &kNet, nullptr, nullptr, DICD_GENERATE_ID, device) != 0 &&
+      SetupDiSetDeviceRegistryPropertyW(devices, device, SPDRP_HARDWAREID, reinterpret_cast<const BYTE*>(kLoopback),
+                                        sizeof(kLoopback)) != 0 &&
+      body_->Call(DIF_REGISTERDEVICE);
+  BOOL restart = FALSE;
+  Asked::Needs(
+      body_->registered && UpdateDriverForPlugAndPlayDevicesW(nullptr, kLoopback, L"C:\\Windows\\INF\\netloop.inf",
+                                                              INSTALLFLAG_FORCE, &restart) != 0,
+      "an adapter without hardware");
+  const kiosk::win32::RegistryKey key(SetupDiOpenDevRegKey(devices, device, DICS_FLAG_GLOBAL, 0, DIREG_DRV, KEY_READ));
+  wchar_t name[64]{};
+  DWORD size = sizeof(name);
+  SetLastError(
+      static_cast<DWORD>(RegGetValueW(key.Get(), nullptr, L"NetCfgInstanceId", RRF_RT_REG_SZ, nullptr, name, &size)));
+  Asked::Needs(name[0] != L'\0', "the name of the adapter");
+  name_ = name;
+}
+
+SpareAdapter::~SpareAdapter() = default;
+
+struct FileLease::Body {
+  kiosk::win32::FileHandle file;
+  kiosk::win32::KernelHandle broken{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
+  OVERLAPPED lock{};
+};
+
+FileLease::FileLease(const std::wstring& path) : body_(std::make_unique<Body>()) {
+  body_->file.Reset(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
+  body_->lock.hEvent = body_->broken.Get();
+  // It lasts for as long as the request does.
+  const bool done = DeviceIoControl(body_->file.Get(), FSCTL_REQUEST_BATCH_OPLOCK, nullptr, 0, nullptr, 0, nullptr,
+                                    &body_->lock) != 0;
+  Asked::Needs(!done && GetLastError() == ERROR_IO_PENDING, "an opportunistic lock");
+}
+
+FileLease::~FileLease() {
+  body_->file.Reset();
+  // The request ends with the file, and writes into the body for the last time.
+  WaitForSingleObject(body_->broken.Get(), 10'000);
 }
 
 struct HttpServer::Body {

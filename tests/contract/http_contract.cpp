@@ -13,22 +13,25 @@ namespace {
 
 using kiosk::win32::KernelHandle;
 
-constexpr DWORD kPatience = 20'000;
+constexpr DWORD kPatience = 10'000;
+// Sending to this computer takes next to no time.
+constexpr DWORD kSending = 5'000;
 
 // A request with what its callbacks tell.
 class Call {
  public:
-  explicit Call(std::uint16_t port) : event_(CreateEventW(nullptr, FALSE, FALSE, nullptr)) {
-    session_ = WinHttpOpen(L"NorvaneProof", WINHTTP_ACCESS_TYPE_NO_PROXY, nullptr, nullptr, WINHTTP_FLAG_ASYNC);
+  explicit Call(std::uint16_t port, const wchar_t* host = L"127.0.0.1", DWORD access = WINHTTP_ACCESS_TYPE_NO_PROXY)
+      : event_(CreateEventW(nullptr, FALSE, FALSE, nullptr)) {
+    session_ = WinHttpOpen(L"NorvaneProof", access, nullptr, nullptr, WINHTTP_FLAG_ASYNC);
     Asked::Needs(session_ != nullptr, "a session of WinHTTP");
     WinHttpSetTimeouts(session_, 5000, 5000, 5000, 5000);
     WinHttpSetStatusCallback(session_, OnStatus, WINHTTP_CALLBACK_FLAG_ALL_NOTIFICATIONS, 0);
-    connection_ = WinHttpConnect(session_, L"127.0.0.1", port, 0);
+    connection_ = WinHttpConnect(session_, host, port, 0);
     request_ = WinHttpOpenRequest(connection_, L"GET", L"/proof", nullptr, nullptr, nullptr, 0);
     DWORD never = WINHTTP_OPTION_REDIRECT_POLICY_NEVER;
     WinHttpSetOption(request_, WINHTTP_OPTION_REDIRECT_POLICY, &never, sizeof(never));
-    auto* self = this;
-    WinHttpSetOption(request_, WINHTTP_OPTION_CONTEXT_VALUE, &self, sizeof(self));
+    auto context = reinterpret_cast<DWORD_PTR>(this);
+    WinHttpSetOption(request_, WINHTTP_OPTION_CONTEXT_VALUE, &context, sizeof(context));
   }
   Call(const Call&) = delete;
   Call& operator=(const Call&) = delete;
@@ -52,15 +55,16 @@ class Call {
   }
   // The error of the operation that was begun last; ERROR_SUCCESS when it ended well, WAIT_TIMEOUT when it does not
   // end.
-  DWORD Finish(bool begun) {
+  DWORD Finish(bool begun, DWORD patience = kPatience) {
     if (!begun) {
       return GetLastError();
     }
-    return WaitForSingleObject(event_.Get(), kPatience) == WAIT_OBJECT_0 ? error_.load() : DWORD{WAIT_TIMEOUT};
+    return WaitForSingleObject(event_.Get(), patience) == WAIT_OBJECT_0 ? error_.load() : DWORD{WAIT_TIMEOUT};
   }
-  DWORD Send() {
-    return Finish(WinHttpSendRequest(request_, nullptr, 0, nullptr, 0, 0, reinterpret_cast<DWORD_PTR>(this)) != 0);
+  bool Begin() {
+    return WinHttpSendRequest(request_, nullptr, 0, nullptr, 0, 0, reinterpret_cast<DWORD_PTR>(this)) != 0;
   }
+  DWORD Send() { return Finish(Begin(), kSending); }
   DWORD Receive() { return Finish(WinHttpReceiveResponse(request_, nullptr) != 0); }
   DWORD Status() {
     DWORD status = 0;
@@ -87,7 +91,7 @@ class Call {
 
  private:
   static void CALLBACK OnStatus(HINTERNET, DWORD_PTR context, DWORD status, void* information, DWORD size) {
-    auto* const call = reinterpret_cast<Call*>(context);
+    auto* const call = reinterpret_cast<Call*>(context);  // NOLINT(performance-no-int-to-ptr): it is one
     if (call == nullptr) {
       return;
     }
@@ -126,6 +130,8 @@ class Call {
   char buffer_[64];
 };
 
+constexpr char kSentWithTheAnswer[] = "Wine says that a request is sent when the answer begins";
+
 void AnswersAreWhole(Asked& asked) {
   const HttpServer server(HttpServer::Behaviour::kAnswers);
   Call call(server.Port());
@@ -135,8 +141,8 @@ void AnswersAreWhole(Asked& asked) {
   wchar_t text[64];
   DWORD size = 1;
   asked.Fails("a number that does not fit",
-              WinHttpQueryHeaders(call.Handle(), WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER, nullptr,
-                                  text, &size, nullptr) != 0,
+              WinHttpQueryHeaders(call.Handle(), WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER, nullptr, text,
+                                  &size, nullptr) != 0,
               {ERROR_INSUFFICIENT_BUFFER});
   size = sizeof(text);
   asked.Fails("a header that is not there",
@@ -167,15 +173,15 @@ void CutBodiesAreErrors(Asked& asked) {
   asked.True("an error, or the end", error == ERROR_SUCCESS || error >= WINHTTP_ERROR_BASE);
 }
 
-// An open question: what is told of an operation whose request is closed under it.
 void ClosedWhileReceiving(Asked& asked) {
+  asked.KnownWrong(Platform::kWine, kSentWithTheAnswer);
   const HttpServer server(HttpServer::Behaviour::kSilent);
   Call call(server.Port());
   asked.Same("WinHttpSendRequest", call.Send(), ERROR_SUCCESS);
   asked.True("WinHttpReceiveResponse is begun", WinHttpReceiveResponse(call.Handle(), nullptr) != 0);
   Sleep(100);
   asked.True("the last callback", call.Close());
-  asked.OneOf("what the operation was told", call.Cancelled(), {ERROR_SUCCESS, ERROR_WINHTTP_OPERATION_CANCELLED});
+  asked.Tells("the operation was told", call.Cancelled());
 }
 
 void ClosedWhileReading(Asked& asked) {
@@ -185,15 +191,44 @@ void ClosedWhileReading(Asked& asked) {
   asked.Same("WinHttpReceiveResponse", call.Receive(), ERROR_SUCCESS);
   asked.Same("the half that is there", call.Finish(WinHttpQueryDataAvailable(call.Handle(), nullptr) != 0),
              ERROR_SUCCESS);
+  // It may be read at once; then it is the wait for the other half that is closed.
+  char half[5];
+  if (call.Finish(WinHttpReadData(call.Handle(), half, sizeof(half), nullptr) != 0, 500) == ERROR_SUCCESS) {
+    asked.True("WinHttpQueryDataAvailable is begun", WinHttpQueryDataAvailable(call.Handle(), nullptr) != 0);
+  }
   asked.True("the last callback", call.Close());
 }
 
 void SilenceEndsInATimeOut(Asked& asked) {
+  asked.KnownWrong(Platform::kWine, kSentWithTheAnswer);
   const HttpServer server(HttpServer::Behaviour::kSilent);
   Call call(server.Port());
-  WinHttpSetTimeouts(call.Handle(), 1000, 1000, 1000, 1000);
+  DWORD limit = 1'000;
+  asked.True("the limit",
+             WinHttpSetOption(call.Handle(), WINHTTP_OPTION_RECEIVE_RESPONSE_TIMEOUT, &limit, sizeof(limit)) != 0);
   asked.Same("WinHttpSendRequest", call.Send(), ERROR_SUCCESS);
   asked.Same("WinHttpReceiveResponse", call.Receive(), ERROR_WINHTTP_TIMEOUT);
+}
+
+// An open question: whether a session with the automatic proxy, as the service opens it, goes by the computer's default
+// proxy. 0: it does, the server takes the request for a host that does not exist.
+void AutomaticProxy(Asked& asked) {
+  if (ThisPlatform() == Platform::kSimulation) {
+    Asked::CannotRun("the simulated portal answers for every host");
+  }
+  WINHTTP_PROXY_INFO before{};
+  Asked::Needs(WinHttpGetDefaultProxyConfiguration(&before) != 0, "the default proxy");
+  const AtEnd back([&] {
+    WinHttpSetDefaultProxyConfiguration(&before);
+    GlobalFree(before.lpszProxy);
+    GlobalFree(before.lpszProxyBypass);
+  });
+  const HttpServer server(HttpServer::Behaviour::kAnswers);
+  std::wstring name = L"127.0.0.1:" + std::to_wstring(server.Port());
+  WINHTTP_PROXY_INFO proxy{WINHTTP_ACCESS_TYPE_NAMED_PROXY, name.data(), nullptr};
+  Asked::Needs(WinHttpSetDefaultProxyConfiguration(&proxy) != 0, "a default proxy");
+  Call call(80, L"proof.invalid", WINHTTP_ACCESS_TYPE_AUTOMATIC_PROXY);
+  asked.Tells("a request for a host behind the default proxy", call.Finish(call.Begin()));
 }
 
 constexpr Case kCases[] = {
@@ -203,6 +238,7 @@ constexpr Case kCases[] = {
     {"closed receiving", "a request that is closed while it waits for an answer ends", ClosedWhileReceiving},
     {"closed reading", "a request that is closed within a body ends", ClosedWhileReading},
     {"time-out", "silence ends after the time that was set", SilenceEndsInATimeOut},
+    {"automatic proxy", "open: whether an automatic proxy goes by the computer's default proxy", AutomaticProxy},
 };
 
 }  // namespace

@@ -25,13 +25,13 @@ class Policy {
   Policy& operator=(const Policy&) = delete;
   ~Policy() { LsaClose(handle_); }
 
-  std::uint32_t Store(std::wstring* secret) {
+  NTSTATUS Store(std::wstring* secret) {
     std::wstring name = L"NorvaneProof";
     LSA_UNICODE_STRING key = Text(name);
     LSA_UNICODE_STRING data = secret != nullptr ? Text(*secret) : LSA_UNICODE_STRING{};
-    return static_cast<std::uint32_t>(LsaStorePrivateData(handle_, &key, secret != nullptr ? &data : nullptr));
+    return LsaStorePrivateData(handle_, &key, secret != nullptr ? &data : nullptr);
   }
-  std::uint32_t Retrieve(std::wstring& secret) {
+  NTSTATUS Retrieve(std::wstring& secret) {
     std::wstring name = L"NorvaneProof";
     LSA_UNICODE_STRING key = Text(name);
     LSA_UNICODE_STRING* data = nullptr;
@@ -41,7 +41,7 @@ class Policy {
       SecureZeroMemory(data->Buffer, data->Length);
       LsaFreeMemory(data);
     }
-    return static_cast<std::uint32_t>(status);
+    return status;
   }
 
  private:

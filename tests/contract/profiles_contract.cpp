@@ -24,10 +24,8 @@ void TakePrivileges() {
   }
 }
 
-std::uint64_t Load(const std::wstring& file) {
-  return static_cast<std::uint64_t>(RegLoadKeyW(HKEY_USERS, kHive, file.c_str()));
-}
-std::uint64_t Unload() { return static_cast<std::uint64_t>(RegUnLoadKeyW(HKEY_USERS, kHive)); }
+LSTATUS Load(const std::wstring& file) { return RegLoadKeyW(HKEY_USERS, kHive, file.c_str()); }
+LSTATUS Unload() { return RegUnLoadKeyW(HKEY_USERS, kHive); }
 
 // A user's profile that goes before he does.
 class Profile {
@@ -56,8 +54,8 @@ void ProfilesAreListed(Asked& asked) {
   wchar_t listed[MAX_PATH]{};
   DWORD size = sizeof(listed);
   asked.Same("the profile list",
-             static_cast<std::uint64_t>(RegGetValueW(HKEY_LOCAL_MACHINE, (kProfileList + profile.Sid()).c_str(),
-                                                     L"ProfileImagePath", RRF_RT_REG_SZ, nullptr, listed, &size)),
+             RegGetValueW(HKEY_LOCAL_MACHINE, (kProfileList + profile.Sid()).c_str(), L"ProfileImagePath",
+                          RRF_RT_REG_SZ, nullptr, listed, &size),
              ERROR_SUCCESS);
   asked.True("the folder in it", _wcsicmp(listed, profile.Path().c_str()) == 0);
 }
@@ -66,9 +64,8 @@ void ProfilesAreListed(Asked& asked) {
 void ProfilesAreMadeOnce(Asked& asked) {
   const Profile profile;
   wchar_t path[MAX_PATH];
-  asked.Same("a second time",
-             static_cast<std::uint32_t>(CreateProfile(profile.Sid().c_str(), LocalUser::kName, path, MAX_PATH)),
-             static_cast<std::uint32_t>(HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS)));
+  asked.Same("a second time", CreateProfile(profile.Sid().c_str(), LocalUser::kName, path, MAX_PATH),
+             HRESULT_FROM_WIN32(ERROR_ALREADY_EXISTS));
 }
 
 void DeletedProfilesAreGone(Asked& asked) {
@@ -78,14 +75,13 @@ void DeletedProfilesAreGone(Asked& asked) {
   asked.Fails("a second time", DeleteProfileW(profile.Sid().c_str(), nullptr, nullptr) != 0, {ERROR_FILE_NOT_FOUND});
 }
 
-// Which of the two it is stands on no page.
 void LoadedHivesKeepTheirProfile(Asked& asked) {
   TakePrivileges();
   const Profile profile;
   Asked::Needs(Load(profile.Path() + L"\\NTUSER.DAT") == ERROR_SUCCESS, "the profile's hive");
   const AtEnd unload([] { Unload(); });
-  asked.Fails("DeleteProfileW", DeleteProfileW(profile.Sid().c_str(), nullptr, nullptr) != 0,
-              {ERROR_SHARING_VIOLATION, ERROR_INVALID_PARAMETER, ERROR_DIR_NOT_EMPTY});
+  asked.True("DeleteProfileW fails", DeleteProfileW(profile.Sid().c_str(), nullptr, nullptr) == 0);
+  asked.Tells("with", GetLastError());
 }
 
 // "RegLoadKeyW function": a file that does not exist is made.
@@ -104,8 +100,7 @@ void OpenKeysKeepAHive(Asked& asked) {
   const Folder folder;
   Asked::Needs(Load(folder.Path(L"hive")) == ERROR_SUCCESS, "a hive");
   kiosk::win32::RegistryKey key;
-  asked.Same("a key of it", static_cast<std::uint64_t>(RegOpenKeyExW(HKEY_USERS, kHive, 0, KEY_READ, key.Put())),
-             ERROR_SUCCESS);
+  asked.Same("a key of it", RegOpenKeyExW(HKEY_USERS, kHive, 0, KEY_READ, key.Put()), ERROR_SUCCESS);
   asked.Same("RegUnLoadKeyW beside it", Unload(), ERROR_ACCESS_DENIED);
   key.Reset();
   asked.Same("RegUnLoadKeyW then", Unload(), ERROR_SUCCESS);

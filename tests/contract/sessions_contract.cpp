@@ -7,6 +7,8 @@
 namespace contract {
 namespace {
 
+constexpr wchar_t kWinlogon[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion\\Winlogon";
+
 void ListsAreTold(Asked& asked) {
   WTS_SESSION_INFOW* sessions = nullptr;
   DWORD count = 0;
@@ -31,9 +33,40 @@ void UnknownSessionsAreErrors(Asked& asked) {
               {ERROR_FILE_NOT_FOUND, ERROR_CTX_WINSTATION_NOT_FOUND});
 }
 
+std::wstring WinlogonText(const wchar_t* name) {
+  wchar_t text[256]{};
+  DWORD size = sizeof(text);
+  RegGetValueW(HKEY_LOCAL_MACHINE, kWinlogon, name, RRF_RT_REG_SZ, nullptr, text, &size);
+  return text;
+}
+
+// "Turn on automatic logon in Windows" (KB 324737): whoever signs in at the console becomes the default user.
+void ConsoleUsersAreNoted(Asked& asked) {
+  const LocalUser user;
+  const std::wstring name = WinlogonText(L"DefaultUserName");
+  const std::wstring domain = WinlogonText(L"DefaultDomainName");
+  const DWORD session = SignInAtConsole(LocalUser::kName);
+  const AtEnd back([&] {
+    WTSLogoffSession(WTS_CURRENT_SERVER_HANDLE, session, TRUE);
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kWinlogon, L"DefaultUserName", REG_SZ, name.c_str(),
+                    static_cast<DWORD>((name.size() + 1) * sizeof(wchar_t)));
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kWinlogon, L"DefaultDomainName", REG_SZ, domain.c_str(),
+                    static_cast<DWORD>((domain.size() + 1) * sizeof(wchar_t)));
+  });
+  asked.Same("DefaultUserName", WinlogonText(L"DefaultUserName"), LocalUser::kName);
+  wchar_t* text = nullptr;
+  DWORD size = 0;
+  asked.True("WTSQuerySessionInformationW",
+             WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, session, WTSUserName, &text, &size) != 0);
+  asked.Same("the session's user", text != nullptr ? text : L"", LocalUser::kName);
+  WTSFreeMemory(text);
+  asked.True("WTSLogoffSession", WTSLogoffSession(WTS_CURRENT_SERVER_HANDLE, session, FALSE) != 0);
+}
+
 constexpr Case kCases[] = {
     {"list", "the list of sessions has that of services", ListsAreTold},
     {"unknown", "a session that is not there is an error", UnknownSessionsAreErrors},
+    {"console", "who signs in at the console becomes the default user", ConsoleUsersAreNoted},
 };
 
 }  // namespace

@@ -34,10 +34,7 @@ std::wstring OwnPath() {
   return path;
 }
 
-void UnsignedIsNotTrusted(Asked& asked) {
-  asked.Same("this program", static_cast<std::uint32_t>(Verify(OwnPath())),
-             static_cast<std::uint32_t>(TRUST_E_NOSIGNATURE));
-}
+void UnsignedIsNotTrusted(Asked& asked) { asked.Same("this program", Verify(OwnPath()), TRUST_E_NOSIGNATURE); }
 
 void UnsignedHasNoMessage(Asked& asked) {
   const std::wstring path = OwnPath();

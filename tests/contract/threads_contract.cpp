@@ -2,7 +2,6 @@
 #include "tests/contract/contract.h"
 #include "win32/handle.h"
 
-
 #include <atomic>
 
 namespace contract {
@@ -84,7 +83,7 @@ void LocksShare(Asked& asked) {
   asked.Same("a reader beside a writer", WaitForSingleObject(waiting.Get(), 200), WAIT_TIMEOUT);
   ReleaseSRWLockExclusive(&shared.lock);
   asked.Same("the same when it has gone", WaitForSingleObject(waiting.Get(), 10'000), WAIT_OBJECT_0);
-  asked.Same("readers", static_cast<std::uint64_t>(shared.inside.load()), 2);
+  asked.Same("readers", shared.inside.load(), 2);
 }
 
 DWORD WINAPI Guarantee(void* data) {
@@ -98,7 +97,7 @@ DWORD WINAPI Guarantee(void* data) {
 // "SetThreadStackGuarantee function": the size is rounded up; 0 asks for the present one. At least as much is kept.
 void StackIsKept(Asked& asked) {
   bool kept = false;
-  const KernelHandle thread(CreateThread(nullptr, 512 * 1024, Guarantee, &kept, 0, nullptr));
+  const KernelHandle thread(CreateThread(nullptr, 524'288, Guarantee, &kept, 0, nullptr));
   WaitForSingleObject(thread.Get(), 10'000);
   asked.True("32 KB are kept", kept);
 }

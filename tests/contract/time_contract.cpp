@@ -6,8 +6,6 @@
 #include "tests/contract/contract.h"
 #include "win32/handle.h"
 
-
-
 namespace contract {
 namespace {
 
@@ -59,16 +57,16 @@ int Resolve(const wchar_t* host, PADDRINFOW* found) {
 
 void HostNames(Asked& asked) {
   WSADATA data;
-  asked.Same("WSAStartup", static_cast<std::uint64_t>(WSAStartup(MAKEWORD(2, 2), &data)), 0);
+  asked.Same("WSAStartup", WSAStartup(MAKEWORD(2, 2), &data), 0);
   const AtEnd cleanUp([] { WSACleanup(); });
   PADDRINFOW found = nullptr;
-  asked.Same("an address in digits", static_cast<std::uint64_t>(Resolve(L"127.0.0.1", &found)), 0);
+  asked.Same("an address in digits", Resolve(L"127.0.0.1", &found), 0);
   asked.True("its port", found != nullptr && reinterpret_cast<sockaddr_in*>(found->ai_addr)->sin_port == htons(123));
   if (found != nullptr) {
     FreeAddrInfoW(found);
   }
   // The top domain is reserved for names that do not exist (RFC 2606).
-  asked.OneOf("a name that does not exist", static_cast<std::uint64_t>(Resolve(L"proof.invalid", &found)),
+  asked.OneOf("a name that does not exist", Resolve(L"proof.invalid", &found),
               {WSAHOST_NOT_FOUND, WSATRY_AGAIN, WSANO_DATA, WSANO_RECOVERY});
 }
 
@@ -82,11 +80,22 @@ void TimeServiceIsThere(Asked& asked) {
   asked.True("QueryServiceStatus", QueryServiceStatus(service.Get(), &status) != 0);
 }
 
+// [MS-W32T] 3.2.5.1 and an open question: what it answers, and when, without a running service.
+void SynchronisationAnswers(Asked& asked) {
+  const HMODULE library = LoadLibraryExW(L"w32time.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
+  Asked::Needs(library != nullptr, "the library of the Windows Time service");
+  using SyncNow = DWORD(WINAPI*)(const wchar_t* computer, DWORD wait, DWORD flags);
+  auto* const syncNow = reinterpret_cast<SyncNow>(reinterpret_cast<void*>(GetProcAddress(library, "W32TimeSyncNow")));
+  Asked::Needs(syncNow != nullptr, "W32TimeSyncNow");
+  asked.Tells("W32TimeSyncNow", syncNow(nullptr, 1, 1));
+}
+
 constexpr Case kCases[] = {
     {"clocks", "system time and local time are the same moment", ClocksAgree},
     {"sleep", "a sleep takes its time, on both counts", SleepTakesItsTime},
     {"hosts", "an address needs no server, and a reserved name is found nowhere", HostNames},
     {"service", "the Windows Time service is installed", TimeServiceIsThere},
+    {"synchronisation", "open: what a synchronisation that is asked for answers", SynchronisationAnswers},
 };
 
 }  // namespace

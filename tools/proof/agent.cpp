@@ -12,6 +12,7 @@
 #include "win32/folder_entries.h"
 #include "win32/handle.h"
 #include "win32/program_path.h"
+#include "win32/security.h"
 
 #include <exception>
 
@@ -31,9 +32,10 @@ double Seconds(std::uint64_t fileTime) { return static_cast<double>(fileTime / k
 
 // Whom the service manager made of LocalSystem; Wine makes an ordinary account of it.
 const char* Caller() {
-  wchar_t name[256];
-  DWORD size = 256;
-  return GetUserNameW(name, &size) != 0 && std::wcscmp(name, L"SYSTEM") == 0 ? "LocalSystem" : "the agent's account";
+  const kiosk::win32::LocalMemory system = kiosk::win32::ParseSid(L"S-1-5-18");
+  BOOL member = FALSE;
+  return CheckTokenMembership(nullptr, system.Get(), &member) != 0 && member != 0 ? "LocalSystem"
+                                                                                  : "the agent's account";
 }
 
 void AddStep(const Step& step, const Result& answer) {

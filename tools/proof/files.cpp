@@ -56,7 +56,18 @@ bool ReplaceFileText(const std::wstring& path, const std::string& text) {
       return false;
     }
   }
-  return MoveFileExW(coming.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+  // Whoever reads the file just now is in the way for a moment.
+  constexpr int kTries = 20;
+  constexpr DWORD kPause = 50;  // ms
+  for (int tries = 1;; ++tries) {
+    if (MoveFileExW(coming.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0) {
+      return true;
+    }
+    if (tries == kTries || (GetLastError() != ERROR_ACCESS_DENIED && GetLastError() != ERROR_SHARING_VIOLATION)) {
+      return false;
+    }
+    Sleep(kPause);
+  }
 }
 
 bool AppendFileText(const std::wstring& path, const std::string& text) {

@@ -38,7 +38,7 @@ const contract::Group* FindGroup(const std::string& name) {
   return found != groups.end() ? *found : nullptr;
 }
 
-int AskGroup(const contract::Group& group) {
+void AskGroup(const contract::Group& group) {
   for (const contract::Case& each : group.cases) {
     const Result result = each.Run();
     Value line = Value::Object();
@@ -46,7 +46,6 @@ int AskGroup(const contract::Group& group) {
     line.Set("why", result.why);
     kiosk::win32::Print(kiosk::json::Serialise(line) + "\n");
   }
-  return 0;
 }
 
 void RunGroup(const contract::Group& group,

@@ -12,7 +12,7 @@ namespace proof {
 const contract::Group* FindGroup(const std::string& name);
 
 // In the child: asks each case of the group and prints a line, which RunGroup reads, before the next begins.
-int AskGroup(const contract::Group& group);
+void AskGroup(const contract::Group& group);
 
 // In the parent: the answers in their order. What the process did not come to could not run.
 void RunGroup(const contract::Group& group,

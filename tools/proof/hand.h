@@ -4,6 +4,7 @@
 #include "json/value.h"
 #include "tools/kioskctl/pipe_client.h"
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,6 +20,9 @@ kioskctl::Answer AskAsPerson(const kiosk::json::Value& request);
 
 // Asks as the kiosk account in its own session; whether the service answered "ok". Empty: it has no session.
 std::optional<bool> AskAsKiosk(const kiosk::json::Value& request);
+
+// Does it as a plain user of the kit's own, whose rights Windows judges. False when there is nobody who could.
+bool AsSecondUser(const std::function<void()>& action);
 
 // The computer restarts, because the product asked for it or because this does. True once Windows is up again; a real
 // Windows ends this process first, and the agent goes on by itself. False when no restart came.

@@ -7,6 +7,7 @@
 #include "account/sign_in_secret.h"
 #include "json/serialise.h"
 #include "power/active_scheme.h"
+#include "tests/contract/contract.h"
 #include "tools/proof/computer.h"
 #include "tools/proof/journal.h"
 #include "win32/com.h"
@@ -216,13 +217,23 @@ kioskctl::Answer AskAsPerson(const Value& request) {
   if (IsInteractive()) {
     return Ask(request);
   }
-  const KernelHandle token = PersonsToken();
-  if (!token || ImpersonateLoggedOnUser(token.Get()) == 0) {
-    return {.outcome = kioskctl::Outcome::kNotAllowed, .reply = {}, .error = GetLastError()};
-  }
-  kioskctl::Answer answer = Ask(request);
-  RevertToSelf();
+  kioskctl::Answer answer{.outcome = kioskctl::Outcome::kNotAllowed, .reply = {}};
+  AsSecondUser([&] { answer = Ask(request); });
   return answer;
+}
+
+bool AsSecondUser(const std::function<void()>& action) {
+  // Wine knows no other user.
+  if (contract::ThisPlatform() != contract::Platform::kWindows) {
+    return false;
+  }
+  static const HANDLE token = PersonsToken().Release();  // for the rest of this process
+  if (token == nullptr || ImpersonateLoggedOnUser(token) == 0) {
+    return false;
+  }
+  action();
+  RevertToSelf();
+  return true;
 }
 
 std::optional<bool> AskAsKiosk(const Value& request) {

@@ -92,6 +92,7 @@ void Hive(Asked& asked) {
 }
 
 void Branding(Asked& asked) {
+  NeedPaired();
   const std::wstring folder = std::wstring(kiosk::state::kBrandingFolder) + L"\\";
   const std::string digest = kiosk::win32::Sha256Hex(Photo());
   asked.True("its record is there", Within(kOneCheckIn, [&] { return IsThere(folder + L"branding.json"); }));
@@ -100,6 +101,7 @@ void Branding(Asked& asked) {
 }
 
 void Power(Asked& asked) {
+  NeedPaired();
   asked.KnownWrong(Platform::kWine, "Wine has no power schemes");
   constexpr GUID kVideo{0x7516B95F, 0xF776, 0x4464, {0x8C, 0x53, 0x06, 0x16, 0x7F, 0x40, 0xCC, 0x99}};
   constexpr GUID kVideoIdle{0x3C0BC021, 0xC8A8, 0x4E07, {0xA9, 0x73, 0x6B, 0x14, 0xCB, 0xCB, 0x2B, 0x7E}};
@@ -117,6 +119,7 @@ void Power(Asked& asked) {
 }
 
 void Tasks(Asked& asked) {
+  NeedPaired();
   asked.KnownWrong(Platform::kWine, "Wine's tasks cannot be registered");
   const DWORD patience = contract::ThisPlatform() == Platform::kWine ? 0 : kOneCheckIn;
   asked.True("the task that sends to sleep",
@@ -125,6 +128,7 @@ void Tasks(Asked& asked) {
 }
 
 void Updates(Asked& asked) {
+  NeedPaired();
   asked.True("Windows restarts nobody's session", Within(kOneMinute, [] {
                return kiosk::state::ReadDword(kAutomaticUpdates, L"NoAutoRebootWithLoggedOnUsers") ==
                       std::optional<DWORD>(1);
@@ -190,6 +194,12 @@ std::wstring NeedAccount() {
     Asked::CannotRun("there is no kiosk account");
   }
   return sid;
+}
+
+void NeedPaired() {
+  if (!kiosk::state::TokenIsStored()) {
+    Asked::CannotRun("the terminal is not paired");
+  }
 }
 
 std::vector<std::string> Beginning(const std::string& text) {

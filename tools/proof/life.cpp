@@ -97,7 +97,7 @@ void FailureActions(Asked& asked) {
   asked.Same("how many", failure->cActions, 3);
   for (DWORD i = 0; i < failure->cActions && i < 3; ++i) {
     constexpr DWORD kDelays[] = {10'000, 30'000, 60'000};
-    asked.Same("what it does", failure->lpsaActions[i].Type, SC_ACTION_RESTART);
+    asked.True("it is started anew", failure->lpsaActions[i].Type == SC_ACTION_RESTART);
     asked.Same("after", failure->lpsaActions[i].Delay, kDelays[i]);
   }
 }
@@ -110,8 +110,22 @@ void NotPaired(Asked& asked) {
   asked.Same("its error", Error(status), L"");
 }
 
+// Kiosk mode takes automatic sign-in over. A name that is there alone can be put aside; a password cannot be had back.
+void PutSignInAside() {
+  const std::vector<std::string> before = TheRun().Before();
+  if (std::find(before.begin(), before.end(), "secret DefaultPassword") != before.end()) {
+    Asked::CannotRun("Windows keeps a password for automatic sign-in, which a pairing would replace for good");
+  }
+  const wchar_t* const name = kiosk::account::kAutoAdminLogon;
+  if (kiosk::state::ReadString(kiosk::account::kWinlogonKey, name) == std::optional<std::wstring>(L"1")) {
+    Asked::Needs(TheRun().SetNote("signInAside", true) && SetValue(kiosk::account::kWinlogonKey, name, REG_SZ, L"0"),
+                 "automatic sign-in");
+  }
+}
+
 // Where Windows may not restart the client is missing at first: only a pairing that sets the kiosk up at once restarts.
 void Pair(Asked& asked) {
+  PutSignInAside();
   const bool restarts = TheRun().Options().restarts;
   Asked::Needs(SetValue(kUpdateKey, L"ClientInstallDir", REG_SZ, restarts ? kClientFolder : L""),
                "the client's folder");
@@ -140,6 +154,7 @@ void RestartIntoKiosk(Asked& asked) {
 }
 
 void Provision(Asked& asked) {
+  NeedPaired();
   asked.KnownWrong(Platform::kWine, "Wine makes no accounts");
   if (!TheRun().Options().restarts) {
     Asked::Needs(SetValue(kUpdateKey, L"ClientInstallDir", REG_SZ, kClientFolder), "the client's folder");
@@ -156,11 +171,13 @@ void SignedIn(Asked& asked) {
 }
 
 void CheckIn(Asked& asked) {
+  NeedPaired();
   asked.True("the terminal has its name",
              Within(kOneCheckIn, [] { return Member(AskProduct("status"), "terminalName").text() == kName; }));
 }
 
 void Stop(Asked& asked) {
+  NeedPaired();
   const DWORD most = contract::ThisPlatform() == Platform::kWindows ? kQuickStop : kStopUnderWine;
   const contract::AtEnd answers([] { ThePortal().SetMode(Portal::Mode::kAnswers); });
   for (const Portal::Mode mode : {Portal::Mode::kHangs, Portal::Mode::kDribbles, Portal::Mode::kCuts}) {
@@ -207,6 +224,7 @@ void BackFromMaintenance(Asked& asked) {
 }
 
 void Revoked(Asked& asked) {
+  NeedPaired();
   ThePortal().Revoke();
   // It hears of it at its next check-in, of which one comes with a start.
   if (TheRun().Options().quick) {
@@ -222,9 +240,11 @@ void Revoked(Asked& asked) {
 
 // But for the product's own keys and its service, which stay until it is uninstalled.
 void AsBefore(Asked& asked) {
-  const auto comparable = [](std::vector<std::string> lines) {
-    std::erase_if(lines, [](const std::string& line) {
-      return line.find("SOFTWARE\\Norvane") != std::string::npos || line == "service NorvaneKiosk";
+  const bool aside = TheRun().Note("signInAside").boolean();
+  const auto comparable = [aside](std::vector<std::string> lines) {
+    std::erase_if(lines, [aside](const std::string& line) {
+      return line.find("SOFTWARE\\Norvane") != std::string::npos || line == "service NorvaneKiosk" ||
+             (aside && line.find("\\AutoAdminLogon = ") != std::string::npos);
     });
     return lines;
   };

@@ -20,6 +20,9 @@ void PreparePortal(Portal& portal);
 // The SID of the kiosk account; without one the step ends.
 std::wstring NeedAccount();
 
+// Ends the step unless the terminal is paired.
+void NeedPaired();
+
 // What hand::WorldLines tells in lines that begin so.
 std::vector<std::string> Beginning(const std::string& text);
 

@@ -112,24 +112,6 @@ int List() {
   return kNothingBroken;
 }
 
-// Here and now, as whoever runs this, without a report: for the developer of a case.
-int AskContract(const std::string& only) {
-  Print(std::string("asked of: ") + contract::Name(contract::ThisPlatform()) + "\n");
-  int result = kNothingBroken;
-  for (const contract::Group* group : contract::Groups()) {
-    if (!std::string(group->name).starts_with(only)) {
-      continue;
-    }
-    RunGroup(*group, [&](const contract::Case& each, const contract::Result& answer) {
-      result = answer.verdict == Verdict::kBroken ? kBroken : result;
-      std::string verdict = Name(answer.verdict);
-      verdict.resize(13, ' ');
-      Print(verdict + " " + group->name + "/" + each.name + (answer.why.empty() ? "" : ": " + answer.why) + "\n");
-    });
-  }
-  return result;
-}
-
 std::wstring ReportFolder(const Options& options) {
   SYSTEMTIME now;
   GetLocalTime(&now);
@@ -140,6 +122,33 @@ std::wstring ReportFolder(const Options& options) {
   const DWORD length =
       GetFullPathNameW(options.report.empty() ? name : options.report.c_str(), MAX_PATH * 4, full, nullptr);
   return {full, length < MAX_PATH * 4 ? length : 0};
+}
+
+// Here and now, as whoever runs this: for the developer of a case.
+int AskContract(const Options& options) {
+  Print(std::string("asked of: ") + contract::Name(contract::ThisPlatform()) + "\n");
+  Report report(ReportFolder(options));
+  if (const std::string why = options.report.empty() ? "" : report.Begin(Head(ProductProgram())); !why.empty()) {
+    return Refuse(why);
+  }
+  int result = kNothingBroken;
+  for (const contract::Group* group : contract::Groups()) {
+    if (!std::string(group->name).starts_with(options.run.only)) {
+      continue;
+    }
+    RunGroup(*group, [&](const contract::Case& each, const contract::Result& answer) {
+      const std::string id = std::string(group->name) + "/" + each.name;
+      result = answer.verdict == Verdict::kBroken ? kBroken : result;
+      if (!options.report.empty()) {
+        report.Add({"contract/" + id, "administrator", each.promise, answer});
+        return;
+      }
+      std::string verdict = Name(answer.verdict);
+      verdict.resize(13, ' ');
+      Print(verdict + " " + id + (answer.why.empty() ? "" : ": " + answer.why) + "\n");
+    });
+  }
+  return result;
 }
 
 std::string WhyNotNow(const Options& options) {
@@ -234,12 +243,16 @@ int Main(const std::vector<std::wstring>& words) {
     case Options::Do::kRun:
       return RunAll(options);
     case Options::Do::kContract:
-      return AskContract(options.run.only);
+      return AskContract(options);
     case Options::Do::kUndo:
       return Undo();
     case Options::Do::kGroup: {
       const contract::Group* const group = FindGroup(options.argument);
-      return group != nullptr ? AskGroup(*group) : Refuse("there is no such group");
+      if (group == nullptr) {
+        return Refuse("there is no such group");
+      }
+      AskGroup(*group);
+      ExitProcess(kNothingBroken);  // with whatever threads a case has left behind
     }
     case Options::Do::kAgent:
       return ServeAsAgent() ? kNothingBroken : Refuse("only the service manager starts the agent");
