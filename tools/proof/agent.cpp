@@ -109,7 +109,6 @@ void Play() {
   const double now = Seconds(kiosk::win32::FileTimeNow());
   if (starts == 1) {
     run.SetNote("begun", now);
-    run.SetBefore(Snapshot());
     run.AskCases(Caller());
   }
   if (starts > kMostStarts || now > run.Note("begun").number() + kLongest) {

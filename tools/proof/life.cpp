@@ -15,8 +15,6 @@
 #include "win32/handle.h"
 #include "win32/wide_text.h"
 
-#include <algorithm>
-
 namespace proof {
 namespace {
 
@@ -112,8 +110,7 @@ void NotPaired(Asked& asked) {
 
 // Kiosk mode takes automatic sign-in over. A name that is there alone can be put aside; a password cannot be had back.
 void PutSignInAside() {
-  const std::vector<std::string> before = TheRun().Before();
-  if (std::find(before.begin(), before.end(), "secret DefaultPassword") != before.end()) {
+  if (!Beginning("secret DefaultPassword").empty()) {
     Asked::CannotRun("Windows keeps a password for automatic sign-in, which a pairing would replace for good");
   }
   const wchar_t* const name = kiosk::account::kAutoAdminLogon;

@@ -10,6 +10,7 @@
 #include "tools/proof/journal.h"
 #include "tools/proof/product.h"
 #include "tools/proof/run.h"
+#include "tools/proof/snapshot.h"
 #include "tools/proof/steps.h"
 #include "win32/computer_name.h"
 #include "win32/console.h"
@@ -197,7 +198,8 @@ int RunAll(const Options& options) {
     return Refuse(why);
   }
   constexpr wchar_t kConnections[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Internet Settings\\Connections";
-  if (!NoteContractCases() || !NoteValue(kConnections, L"WinHttpSettings") || !TheRun().SetNote("step", 0)) {
+  if (!NoteContractCases() || !NoteValue(kConnections, L"WinHttpSettings") || !TheRun().SetNote("step", 0) ||
+      !TheRun().SetBefore(Snapshot())) {
     static_cast<void>(UndoAll());
     return Refuse("the journal cannot be written");
   }
