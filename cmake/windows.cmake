@@ -49,11 +49,16 @@ if(BUILD_TESTING)
   target_include_directories(kiosk_test_cases SYSTEM PRIVATE ${NORVANE_LIBRARY_HEADERS})
   target_link_libraries(kiosk_test_cases PRIVATE gtest)
 
-  # What Windows promises, asked of the simulation and, not renamed, of what is there.
+  # What Windows promises, asked of the simulation and, not renamed, of what is there; and the kit around the cases, without
+  # what has two implementations or must not be renamed.
   file(GLOB NORVANE_CONTRACT CONFIGURE_DEPENDS tests/contract/*.cpp)
+  file(GLOB NORVANE_PROOF CONFIGURE_DEPENDS tools/proof/*.cpp)
   list(FILTER NORVANE_CONTRACT EXCLUDE REGEX hand_)
-  add_library(kiosk_contract STATIC ${NORVANE_CONTRACT} tools/proof/main.cpp)
+  list(FILTER NORVANE_PROOF EXCLUDE REGEX "hand_|agent_service")
+  add_library(kiosk_contract STATIC ${NORVANE_CONTRACT})
+  add_library(kiosk_proof_kit STATIC ${NORVANE_PROOF} tools/kioskctl/pipe_client.cpp)
   target_include_directories(kiosk_contract PRIVATE ${CMAKE_SOURCE_DIR})
+  target_include_directories(kiosk_proof_kit PRIVATE ${CMAKE_SOURCE_DIR})
 
   file(GLOB NORVANE_SOAK CONFIGURE_DEPENDS tests/soak/*.cpp)
   add_library(kiosk_soak_parts STATIC ${NORVANE_SOAK} tests/support/fixture.cpp tests/support/terminal.cpp)
@@ -61,27 +66,27 @@ if(BUILD_TESTING)
   target_link_libraries(kiosk_soak_parts PRIVATE gtest)
 
   set(renamed_pairs)
-  set(renamed_archives)
-  set(renamed_libraries kiosk kiosk_entry kiosk_test_cases kiosk_contract kiosk_soak_parts)
-  foreach(library ${renamed_libraries})
+  set(renamed)
+  set(NORVANE_RENAMED kiosk kiosk_entry kiosk_test_cases kiosk_contract kiosk_proof_kit kiosk_soak_parts)
+  foreach(library ${NORVANE_RENAMED})
     set(renamed_${library} ${CMAKE_BINARY_DIR}/lib${library}_sim.a)
+    list(APPEND renamed ${renamed_${library}})
     list(APPEND renamed_pairs $<TARGET_FILE:${library}> ${renamed_${library}})
-    list(APPEND renamed_archives ${renamed_${library}})
   endforeach()
   add_custom_command(
-    OUTPUT ${renamed_archives}
+    OUTPUT ${renamed}
     COMMAND ${CMAKE_SOURCE_DIR}/tools/build/sim_symbols.sh ${NORVANE_NM} ${NORVANE_OBJCOPY}
             $<TARGET_FILE:kiosk_simulation> ${renamed_pairs}
-    DEPENDS ${renamed_libraries} kiosk_simulation ${CMAKE_SOURCE_DIR}/tools/build/sim_symbols.sh
+    DEPENDS ${NORVANE_RENAMED} kiosk_simulation ${CMAKE_SOURCE_DIR}/tools/build/sim_symbols.sh
     VERBATIM)
-  add_custom_target(renamed DEPENDS ${renamed_archives})
+  add_custom_target(renamed DEPENDS ${renamed})
 
-  # Links `target` with the renamed archive `main` and with the simulation, both whole: COM classes and what hears of
+  # Links `target` with renamed archives and with the simulation, all whole: COM classes and what hears of
   # sessions register themselves when the program starts, and nothing else may refer to them.
-  function(link_simulated target main)
+  function(link_simulated target)
     add_dependencies(${target} renamed)
     target_link_libraries(${target} PRIVATE
-      -Wl,--whole-archive ${main} kiosk_simulation -Wl,--no-whole-archive
+      -Wl,--whole-archive ${ARGN} kiosk_simulation -Wl,--no-whole-archive
       ${renamed_kiosk} ${NORVANE_SYSTEM_LIBRARIES})
   endfunction()
 
@@ -95,14 +100,17 @@ if(BUILD_TESTING)
   link_simulated(kiosk_tests ${renamed_kiosk_test_cases})
   gtest_discover_tests(kiosk_tests DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 600)
 
-  add_executable(kiosk_proof tests/contract/hand_windows.cpp)
+  add_executable(kiosk_proof tests/contract/hand_windows.cpp tools/proof/hand_windows.cpp tools/proof/agent_service.cpp)
+  target_link_options(kiosk_proof PRIVATE -municode)
   target_include_directories(kiosk_proof PRIVATE ${CMAKE_SOURCE_DIR})
-  target_link_libraries(kiosk_proof PRIVATE -Wl,--whole-archive kiosk_contract -Wl,--no-whole-archive kiosk
+  target_link_libraries(kiosk_proof PRIVATE -Wl,--whole-archive kiosk_contract kiosk_proof_kit -Wl,--no-whole-archive kiosk
     newdev setupapi)
 
-  add_executable(kiosk_proof_sim tests/contract/hand_simulated.cpp)
+  add_executable(kiosk_proof_sim tests/contract/hand_simulated.cpp tools/proof/hand_simulated.cpp
+    tools/proof/agent_service.cpp)
+  target_link_options(kiosk_proof_sim PRIVATE -municode)
   target_include_directories(kiosk_proof_sim PRIVATE ${CMAKE_SOURCE_DIR})
-  link_simulated(kiosk_proof_sim ${renamed_kiosk_contract})
+  link_simulated(kiosk_proof_sim ${renamed_kiosk_contract} ${renamed_kiosk_proof_kit})
 
   # Random months of a terminal on virtual time.
   add_executable(kiosk_soak src/service/kiosk.rc)

@@ -131,6 +131,9 @@ class Terminal:
         found = re.search(rf"^ +{re.escape(name)} +REG_\w+ *(.*?)\r?$", text, re.M)
         return found[1] if code == 0 and found else None
 
+    def computer_name(self):
+        return self.value("ComputerName", r"HKLM\SYSTEM\CurrentControlSet\Control\ComputerName\ActiveComputerName")
+
     def has_value(self, name, key=STATE_KEY):
         return self.registry("query", key, "/v", name)[0] == 0
 

@@ -1,102 +1,270 @@
-// kiosk_proof: asks the Windows that it runs on what the tests promise of it. Without an option it changes nothing and
-// says what it would do.
-#include "tests/contract/contract.h"
-#include "win32/handle.h"
+// kiosk_proof: asks the Windows that it runs on what the tests promise of it, and plays a terminal's life on it.
+// Without
+// --run, --contract or --undo it changes nothing and says what it would do.
+#include "tools/kioskctl/pipe_client.h"
+#include "tools/proof/agent.h"
+#include "tools/proof/agent_service.h"
+#include "tools/proof/computer.h"
+#include "tools/proof/files.h"
+#include "tools/proof/groups.h"
+#include "tools/proof/journal.h"
+#include "tools/proof/product.h"
+#include "tools/proof/run.h"
+#include "tools/proof/snapshot.h"
+#include "tools/proof/steps.h"
+#include "win32/computer_name.h"
+#include "win32/console.h"
 #include "win32/wide_text.h"
 
-#include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <string>
+#include <vector>
 
+namespace proof {
 namespace {
 
 using contract::Verdict;
-using kiosk::win32::KernelHandle;
+using kiosk::win32::Print;
+using kiosk::win32::PrintError;
+using kiosk::win32::ToNarrow;
 
-constexpr DWORD kGroupLimit = 120'000;  // ms
 enum ExitCode : int { kNothingBroken = 0, kBroken = 1, kRefused = 2 };
 
+struct Options {
+  enum class Do { kList, kRun, kContract, kUndo, kGroup, kAgent, kAsk } what = Do::kList;
+  std::string argument;  // a group, a request
+  std::wstring report;
+  std::wstring computer;
+  RunOptions run;
+};
+
+int Refuse(const std::string& why) {
+  PrintError("kiosk_proof: " + why + "\n");
+  return kRefused;
+}
+
+// Empty, or what is wrong with the command line.
+std::string Read(const std::vector<std::wstring>& words, Options& options) {
+  struct Word {
+    const wchar_t* name;
+    bool wantsMore;
+    void (*take)(Options& options, const std::wstring& more);
+  };
+  constexpr Word kWords[] = {
+      {L"--run", false, [](Options& o, const std::wstring&) { o.what = Options::Do::kRun; }},
+      {L"--contract", false, [](Options& o, const std::wstring&) { o.what = Options::Do::kContract; }},
+      {L"--undo", false, [](Options& o, const std::wstring&) { o.what = Options::Do::kUndo; }},
+      {L"--restarts", false, [](Options& o, const std::wstring&) { o.run.restarts = true; }},
+      {L"--quick", false, [](Options& o, const std::wstring&) { o.run.quick = true; }},
+      {L"--only", true, [](Options& o, const std::wstring& more) { o.run.only = ToNarrow(more); }},
+      {L"--report", true, [](Options& o, const std::wstring& more) { o.report = more; }},
+      {L"--computer", true, [](Options& o, const std::wstring& more) { o.computer = more; }},
+      // By itself, of itself.
+      {L"--agent", false, [](Options& o, const std::wstring&) { o.what = Options::Do::kAgent; }},
+      {L"--group", true,
+       [](Options& o, const std::wstring& more) {
+         o.what = Options::Do::kGroup;
+         o.argument = ToNarrow(more);
+       }},
+      {L"--ask", true,
+       [](Options& o, const std::wstring& more) {
+         o.what = Options::Do::kAsk;
+         o.argument = ToNarrow(more);
+       }},
+  };
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    const Word* found = nullptr;
+    for (const Word& each : kWords) {
+      found = words[i] == each.name ? &each : found;
+    }
+    if (found == nullptr && options.what == Options::Do::kContract && !words[i].starts_with(L"--")) {
+      options.run.only = ToNarrow(words[i]);  // a group
+      continue;
+    }
+    if (found == nullptr || (found->wantsMore && i + 1 == words.size())) {
+      return (found == nullptr ? "unknown option " : "something is missing after ") + ToNarrow(words[i]);
+    }
+    found->take(options, found->wantsMore ? words[++i] : std::wstring());
+  }
+  return {};
+}
+
 int List() {
-  std::printf(
-      "With --contract each of these is asked, and with --contract GROUP those of a group. What a case makes "
-      "(users, services, files, keys, a proxy) bears the name NorvaneProof or is put back at its end.\n");
+  Print(
+      "Nothing was changed. With --run this computer is asked for what follows, as an administrator and as "
+      "LocalSystem;\n"
+      "--only BEGINNING for a part, --restarts lets Windows restart, --quick leaves out what takes a minute, --report\n"
+      "FOLDER says where the report goes. --undo puts everything back after a run that was cut short.\n\n"
+      "What a contract case makes (users, services, files, keys, a proxy) bears the name NorvaneProof or is put back "
+      "at\n"
+      "its end. The life installs the NorvaneKiosk.exe beside the kit, pairs it with a portal inside the kit, which "
+      "makes\n"
+      "a local user NorvaneKiosk and sets automatic sign-in, power, updates and two tasks, and takes all of it away "
+      "again.\n\n");
   for (const contract::Group* group : contract::Groups()) {
     for (const contract::Case& each : group->cases) {
-      std::printf("%s/%s: %s\n", group->name, each.name, each.promise);
+      Print("contract/" + std::string(group->name) + "/" + each.name + ": " + each.promise + "\n");
     }
+  }
+  for (const Step& step : Steps()) {
+    Print(std::string(step.what.name) + ": " + step.what.promise +
+          (step.kind == Step::kRestarts ? " (with --restarts)" : "") + "\n");
   }
   return kNothingBroken;
 }
 
-// One line for each case, flushed before the next begins, which may end the process.
-int RunGroup(const contract::Group& group) {
-  bool broken = false;
-  for (const contract::Case& each : group.cases) {
-    const contract::Result result = each.Run();
-    broken = broken || result.verdict == Verdict::kBroken;
-    std::printf("%-13s %s/%s%s%s\n", Name(result.verdict), group.name, each.name, result.why.empty() ? "" : ": ",
-                result.why.c_str());
-    static_cast<void>(std::fflush(stdout));
-  }
-  return broken ? kBroken : kNothingBroken;
+std::wstring ReportFolder(const Options& options) {
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  wchar_t name[64];
+  std::swprintf(name, 64, L"proof-report-%04u%02u%02u-%02u%02u%02u", now.wYear, now.wMonth, now.wDay, now.wHour,
+                now.wMinute, now.wSecond);
+  wchar_t full[MAX_PATH * 4];
+  const DWORD length =
+      GetFullPathNameW(options.report.empty() ? name : options.report.c_str(), MAX_PATH * 4, full, nullptr);
+  return {full, length < MAX_PATH * 4 ? length : 0};
 }
 
-// A group in a process of its own, so that a crash or a call that never ends costs no other group its answers.
-int RunInChild(const contract::Group& group) {
-  wchar_t self[1024];
-  GetModuleFileNameW(nullptr, self, 1024);
-  std::wstring command = L"\"" + std::wstring(self) + L"\" --group " + kiosk::win32::ToWide(group.name);
-  STARTUPINFOW startup{};
-  startup.cb = sizeof(startup);
-  PROCESS_INFORMATION process{};
-  if (CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &process) == 0) {
-    std::printf("could not run %s: no process for it (%lu)\n", group.name, GetLastError());
-    return kNothingBroken;
+// Here and now, as whoever runs this: for the developer of a case.
+int AskContract(const Options& options) {
+  Print(std::string("asked of: ") + contract::Name(contract::ThisPlatform()) + "\n");
+  Report report(ReportFolder(options));
+  if (const std::string why = options.report.empty() ? "" : report.Begin(Head(ProductProgram())); !why.empty()) {
+    return Refuse(why);
   }
-  const KernelHandle thread(process.hThread);
-  const KernelHandle child(process.hProcess);
-  DWORD code = kNothingBroken;
-  if (WaitForSingleObject(child.Get(), kGroupLimit) != WAIT_OBJECT_0) {
-    TerminateProcess(child.Get(), 1);
-    std::printf("could not run the rest of %s: it took longer than %lu s\n", group.name, kGroupLimit / 1000);
-  } else if (GetExitCodeProcess(child.Get(), &code) == 0 || code > kBroken) {
-    std::printf("could not run the rest of %s: its process ended with 0x%lX\n", group.name, code);
-    return kNothingBroken;
-  }
-  return code == kBroken ? kBroken : kNothingBroken;
-}
-
-const contract::Group* Find(const char* name) {
-  const auto groups = contract::Groups();
-  const auto found = std::find_if(groups.begin(), groups.end(),
-                                  [&](const contract::Group* each) { return std::strcmp(each->name, name) == 0; });
-  return found != groups.end() ? *found : nullptr;
-}
-
-}  // namespace
-
-int main(int count, char** arguments) {
-  const std::string option = count > 1 ? arguments[1] : "";
-  const contract::Group* group = count > 2 ? Find(arguments[2]) : nullptr;
-  if (option.empty()) {
-    return List();
-  }
-  const bool child = option == "--group" && group != nullptr;
-  if (count > 3 || (count > 2 && group == nullptr) || (option != "--contract" && !child)) {
-    static_cast<void>(std::fprintf(stderr, "kiosk_proof: unknown option or group; without an option it lists them\n"));
-    return kRefused;
-  }
-  if (child) {
-    ExitProcess(static_cast<UINT>(RunGroup(*group)));
-  }
-  std::printf("asked of: %s\n", Name(contract::ThisPlatform()));
   int result = kNothingBroken;
-  for (const contract::Group* each : contract::Groups()) {
-    if (group == nullptr || group == each) {
-      static_cast<void>(std::fflush(stdout));
-      result = std::max(result, RunInChild(*each));
+  for (const contract::Group* group : contract::Groups()) {
+    if (!std::string(group->name).starts_with(options.run.only)) {
+      continue;
     }
+    RunGroup(*group, [&](const contract::Case& each, const contract::Result& answer) {
+      const std::string id = std::string(group->name) + "/" + each.name;
+      result = answer.verdict == Verdict::kBroken ? kBroken : result;
+      if (!options.report.empty()) {
+        report.Add({"contract/" + id, "administrator", each.promise, answer});
+        return;
+      }
+      std::string verdict = Name(answer.verdict);
+      verdict.resize(13, ' ');
+      Print(verdict + " " + id + (answer.why.empty() ? "" : ": " + answer.why) + "\n");
+    });
   }
   return result;
 }
+
+std::string WhyNotNow(const Options& options) {
+  switch (LookAtJournal()) {
+    case JournalState::kThere:
+      return "a run was cut short here; kiosk_proof --undo puts everything back";
+    case JournalState::kDamaged:
+      return "the journal of a run that was cut short here is damaged: " + ToNarrow(kWorkFolder);
+    case JournalState::kNone:
+      break;
+  }
+  if (!options.computer.empty() && !kiosk::win32::EqualIgnoringCase(options.computer, kiosk::win32::ComputerName())) {
+    return "this computer is not called " + ToNarrow(options.computer);
+  }
+  return WhyNotHere(!options.computer.empty(), ProductProgram());
+}
+
+// Until the agent has done its part. A restart of Windows ends this process before.
+int Follow(HANDLE agent, const std::wstring& folder) {
+  constexpr DWORD kLook = 500;  // ms
+  std::size_t printed = static_cast<std::size_t>(TheRun().TheReport().Lines());
+  for (Report seen(folder); WaitForSingleObject(agent, kLook) == WAIT_TIMEOUT;) {
+    if (seen.GoOn()) {
+      seen.PrintFrom(printed);
+    }
+  }
+  Report report(folder);
+  if (!report.GoOn() || LookAtJournal() != JournalState::kNone) {
+    PrintError("kiosk_proof: the agent ended too early; kiosk_proof --undo puts everything back\n");
+    return kBroken;
+  }
+  report.PrintFrom(printed);
+  Print(report.Summary() + "; the report is in " + ToNarrow(folder) + "\n");
+  return report.Count(Verdict::kBroken) == 0 ? kNothingBroken : kBroken;
+}
+
+int RunAll(const Options& options) {
+  if (const std::string why = WhyNotNow(options); !why.empty()) {
+    return Refuse(why);
+  }
+  const std::wstring folder = ReportFolder(options);
+  if (const std::string why = TheRun().Begin(folder, options.run); !why.empty()) {
+    return Refuse(why);
+  }
+  if (const std::string why = BeginJournal(); !why.empty()) {
+    return Refuse(why);
+  }
+  constexpr wchar_t kConnections[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Internet Settings\\Connections";
+  if (!NoteContractCases() || !NoteValue(kConnections, L"WinHttpSettings") || !TheRun().SetNote("step", 0) ||
+      !TheRun().SetBefore(Snapshot())) {
+    static_cast<void>(UndoAll());
+    return Refuse("the journal cannot be written");
+  }
+  TheRun().AskCases("administrator");
+  const kiosk::win32::KernelHandle agent = StartAgent();
+  if (!agent) {
+    const std::string error = std::to_string(GetLastError());
+    static_cast<void>(UndoAll());
+    return Refuse("the agent cannot be started (" + error + ")");
+  }
+  return Follow(agent.Get(), folder);
+}
+
+int Undo() {
+  if (LookAtJournal() == JournalState::kNone) {
+    Print("There is nothing to undo.\n");
+    return kNothingBroken;
+  }
+  if (LookAtJournal() == JournalState::kDamaged) {
+    return Refuse("the journal is damaged: " + ToNarrow(kWorkFolder));
+  }
+  const std::string left = UndoAll();
+  Print(left.empty() ? "Everything is as before.\n" : left + "; restart the computer and repeat this\n");
+  return left.empty() ? kNothingBroken : kBroken;
+}
+
+// In the session of the user who is to ask: the exit code is the answer.
+int Ask(const std::string& request) {
+  const kioskctl::Answer answer = kioskctl::Ask(kiosk::text::Secret(request), kioskctl::kPairWait);
+  return answer.outcome == kioskctl::Outcome::kReply && kiosk::json::Member(answer.reply, "ok").boolean() ? 0 : 1;
+}
+
+int Main(const std::vector<std::wstring>& words) {
+  // No box for a person to close where nobody is.
+  SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX | SEM_NOOPENFILEERRORBOX);
+  Options options;
+  if (const std::string problem = Read(words, options); !problem.empty()) {
+    return Refuse(problem);
+  }
+  switch (options.what) {
+    case Options::Do::kList:
+      return List();
+    case Options::Do::kRun:
+      return RunAll(options);
+    case Options::Do::kContract:
+      return AskContract(options);
+    case Options::Do::kUndo:
+      return Undo();
+    case Options::Do::kGroup: {
+      const contract::Group* const group = FindGroup(options.argument);
+      if (group == nullptr) {
+        return Refuse("there is no such group");
+      }
+      AskGroup(*group);
+      ExitProcess(kNothingBroken);  // with whatever threads a case has left behind
+    }
+    case Options::Do::kAgent:
+      return ServeAsAgent() ? kNothingBroken : Refuse("only the service manager starts the agent");
+    case Options::Do::kAsk:
+      return Ask(options.argument);
+  }
+  return kRefused;
+}
+
+}  // namespace
+}  // namespace proof
+
+int wmain(int count, wchar_t** arguments) { return proof::Main({arguments + 1, arguments + count}); }

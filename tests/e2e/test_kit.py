@@ -1,0 +1,240 @@
+"""The proof kit, on the simulation with NorvaneKioskSim.exe and under Wine with the shipping program."""
+
+import contextlib
+import json
+import os
+import re
+import signal
+import subprocess
+import sys
+import tempfile
+import unittest
+
+from terminal import REPOSITORY, Terminal, wait_for
+
+JOURNAL_FOLDER = r"C:\ProgramData\NorvaneProof"
+REPORT = r"C:\report"
+WINLOGON = r"HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion\Winlogon"
+SIMULATED = r"HKLM\SOFTWARE\SimulatedWindows"
+OWNER = "Owner"
+
+
+class Kit:
+    """The kit on a computer of somebody's."""
+
+    def __init__(self, terminal, program):
+        self.terminal = terminal
+        self.program = program
+        self.reports = 0
+        self.computer = terminal.computer_name()
+
+    def run(self, *words, timeout=300):
+        return self.terminal.run(self.program, *words, timeout=timeout)
+
+    def start(self, *words):
+        """The arguments of a run with a report of its own, started; the report is then `self.report()`."""
+        self.reports += 1
+        return self.terminal.start(self.program, "--run", "--report", f"{REPORT}{self.reports}", "--computer", self.computer,
+                                   *words, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def whole(self, *words):
+        """Runs all of it; (exit code, report)."""
+        with self.start(*words) as process:
+            code = process.wait(600)
+        return code, self.report()
+
+    def report(self):
+        """None while there is none; what is written is always whole."""
+        with contextlib.suppress(FileNotFoundError):
+            return json.loads(self.terminal.path(f"{REPORT}{self.reports}\\report.json").read_text("utf-8"))
+
+    def has_come_to(self, step):
+        """A short step may be over before anybody looks."""
+        report = self.report() or {"lines": []}
+        return report.get("running") == step or any(line["id"] == step for line in report["lines"])
+
+    def kill(self):
+        """Ends every process of the kit, as a power cut would."""
+        while process := self.terminal.process(self.program):
+            os.kill(process, signal.SIGKILL)
+            wait_for(lambda: self.terminal.process(self.program) != process, "a killed process to be gone")
+
+    def undo(self):
+        return self.run("--undo")
+
+
+def verdicts(report, *wanted):
+    return [f"{line['verdict']} {line['id']} ({line['caller']}): {line['answered']}" for line in report["lines"]
+            if line["verdict"] in wanted]
+
+
+def simulated_terminal():
+    return Terminal(programs=("kiosk_proof_sim.exe", "kioskctl.exe", "sim_machine.exe"), service="NorvaneKioskSim.exe", unsigned=False)
+
+
+def furnish(terminal):
+    """A computer that has an owner with settings of their own."""
+    terminal.machine("user", OWNER, "secret")
+    for name, text in (("AutoAdminLogon", "0"), ("DefaultUserName", OWNER), ("DefaultDomainName", ".")):
+        terminal.set_string(name, text, WINLOGON)
+    terminal.machine("signout", str(terminal.machine("signin", OWNER)))
+
+
+class OnTheSimulation(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.terminal = cls.enterClassContext(simulated_terminal())
+        furnish(cls.terminal)
+        cls.before = cls.terminal.dump_machine()
+        cls.kit = Kit(cls.terminal, "kiosk_proof_sim.exe")
+
+    def check_as_before(self):
+        self.assertEqual(self.terminal.dump_machine(), self.before)
+        self.assertFalse(self.terminal.path(JOURNAL_FOLDER).exists())
+        self.assertFalse(self.terminal.path(r"C:\ProgramData\Norvane").exists())
+
+    def test_without_an_option_it_changes_nothing(self):
+        code, out, err = self.kit.run()
+        self.assertEqual((code, err), (0, ""))
+        self.assertTrue(out.startswith("Nothing was changed."), out[:200])
+        self.assertIn("life/pair: ", out)
+        self.assertIn("contract/files/", out)
+        self.check_as_before()
+
+    def test_contract_cases_are_asked_by_both_callers(self):
+        code, report = self.kit.whole("--only", "contract/lsa")
+        self.assertEqual((code, verdicts(report, "broken", "known", "could not run")), (0, []))
+        callers = {line["caller"] for line in report["lines"] if line["id"] == "contract/lsa/store"}
+        self.assertEqual(callers, {"administrator", "the agent's account"})
+        self.check_as_before()
+
+    def test_the_whole_life(self):
+        code, report = self.kit.whole("--restarts", "--only", "life")
+        self.assertEqual(verdicts(report, "broken"), [])
+        self.assertEqual(code, 0)
+        self.assertEqual(report["differences"], [])
+        self.assertGreater(len(report["lines"]), 25)
+        print(f"\n  simulation: {summary(report)}", file=sys.stderr)
+        self.check_as_before()
+        self.check_nothing_secret(self.terminal.path(f"{REPORT}{self.kit.reports}"))
+
+    def check_nothing_secret(self, folder):
+        for file in folder.iterdir():
+            text = file.read_text("utf-8")
+            self.assertNotIn("Open Sesame", text)
+            allowed = {json.loads((folder / "report.json").read_text("utf-8"))["head"]["product"]}
+            self.assertLessEqual(set(re.findall(r"\b[0-9a-f]{32,}\b", text)), allowed, file.name)
+
+    def test_killed_in_a_step_and_undone(self):
+        ids = ["life/pair", "life/hive", "life/stop", "life/revoked", "life/uninstall"]
+        for step in ids:
+            with self.subTest(step), self.kit.start("--restarts", "--quick", "--only", "life"):
+                wait_for(lambda: self.kit.has_come_to(step), f"the kit to come to {step}", 120)
+                secrets = self.secrets()
+                self.kit.kill()
+                code, _, err = self.kit.run("--run", "--computer", self.kit.computer)
+                self.assertEqual((code, err.strip()),
+                                 (2, "kiosk_proof: a run was cut short here; kiosk_proof --undo puts everything back"))
+                self.assertEqual(self.kit.undo()[:2], (0, "Everything is as before.\n"))
+                self.check_as_before()
+                for file in self.terminal.path(f"{REPORT}{self.kit.reports}").iterdir():
+                    for secret in secrets:
+                        self.assertNotIn(secret, file.read_text("utf-8"))
+
+    def secrets(self):
+        """Of the kiosk that is there now: its password, and the protected token."""
+        found = re.findall(r"^secret DefaultPassword (\S+)$", self.terminal.dump_machine(), re.M)
+        token = self.terminal.value("DeviceToken")
+        return found + ([token[:48]] if token else [])
+
+    def test_refusals_change_nothing(self):
+        key = r"HKLM\SOFTWARE\Microsoft\Windows\CurrentVersion\WindowsUpdate\Auto Update\RebootRequired"
+        named = ("--run", "--computer", self.kit.computer)
+
+        def refused(sentence, *words):
+            code, out, err = self.kit.run(*words)
+            self.assertEqual((code, out), (2, ""), (sentence, err))
+            self.assertIn(sentence, err)
+            self.assertEqual(err.count("\n"), 1, err)
+
+        refused("unknown option --everything", "--everything")
+        refused("something is missing after --report", "--report")
+        refused("this computer is not called ELSE", "--run", "--computer", "ELSE")
+        with self.value("x", "1", key):
+            refused("Windows waits for a restart", *named)
+        with self.value("DeviceToken", "00", r"HKLM\SOFTWARE\Norvane\Tessaly\Kiosk", "REG_BINARY"):
+            refused("this computer is paired", *named)
+        with self.value("FreeMB", "1", SIMULATED + r"\Disk", "REG_DWORD"):
+            refused("the disk is full", *named)
+        self.terminal.machine("user", "NorvaneKiosk", "x")
+        refused("there is a user NorvaneKiosk already", *named)
+        self.terminal.registry("delete", SIMULATED + r"\Users\NorvaneKiosk", "/f")
+        folder = self.terminal.path(JOURNAL_FOLDER)
+        folder.mkdir()
+        (folder / "journal.txt").write_text("what is this\n")
+        refused("is damaged", *named)
+        refused("the journal is damaged", "--undo")
+        (folder / "journal.txt").unlink()
+        folder.rmdir()
+        report = self.terminal.path(r"C:\old")
+        report.mkdir()
+        (report / "report.json").write_text("{}")
+        refused("there is a report in that folder already", *named, "--report", r"C:\old")
+
+    @contextlib.contextmanager
+    def value(self, name, text, key, type="REG_SZ"):
+        self.terminal.set_string(name, text, key, type)
+        yield
+        self.assertEqual(self.terminal.registry("delete", key, "/f")[0], 0)
+
+
+class UnderWine(unittest.TestCase):
+    def test_the_shipping_program(self):
+        with Terminal(programs=("kiosk_proof.exe", "kioskctl.exe"), unsigned=False) as terminal:
+            kit = Kit(terminal, "kiosk_proof.exe")
+            code, report = kit.whole("--quick", "--only", "life")
+            self.assertEqual(verdicts(report, "broken"), [])
+            self.assertEqual(code, 0)
+            print(f"\n  Wine: {summary(report)}", file=sys.stderr)
+            self.assertFalse(terminal.path(JOURNAL_FOLDER).exists())
+            self.assertIsNone(terminal.service_process())
+
+
+class Comparison(unittest.TestCase):
+    def compare(self, *texts):
+        with tempfile.TemporaryDirectory() as folder:
+            files = []
+            for text in texts:
+                files.append(os.path.join(folder, f"{len(files)}.json"))
+                with open(files[-1], "w", encoding="utf-8") as file:
+                    file.write(text)
+            done = subprocess.run([REPOSITORY / "tools/dev/proof-compare", *files], capture_output=True, text=True)
+            return done.returncode, done.stdout, done.stderr
+
+    def report(self, **answers):
+        return json.dumps({"lines": [{"id": f"contract/{name.replace('_', '/')}", "caller": "LocalSystem", "verdict": verdict,
+                                      "asked": "", "answered": "why" if verdict == "broken" else ""}
+                                     for name, verdict in answers.items()]})
+
+    def test_it_names_what_answers_otherwise(self):
+        code, out, _ = self.compare(self.report(lsa_store="held", lsa_delete="broken", http_cut="could not run"),
+                                    self.report(lsa_store="held", lsa_delete="held", http_cut="held"))
+        self.assertEqual(code, 1)
+        self.assertIn("contract/lsa/delete (agent): broken there, held here", out)
+        self.assertIn("LsaStorePrivateData", out)
+        self.assertIn("1 answer alike, 1 otherwise, 1 could not run on one side", out)
+        same = self.report(lsa_store="held")
+        self.assertEqual(self.compare(same, same)[0], 0)
+
+    def test_a_damaged_report_is_one_sentence(self):
+        for damaged in ("", "{", "[]", '{"lines": [{"id": 1}]}', '{"lines": 5}'):
+            code, out, err = self.compare(damaged, self.report(lsa_store="held"))
+            self.assertEqual((code, out, err.count("\n")), (2, "", 1), (damaged, err))
+
+
+def summary(report):
+    return ", ".join(f"{len(verdicts(report, verdict))} {verdict}" for verdict in ("held", "broken", "known", "could not run"))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,112 @@
+#include "tools/proof/files.h"
+
+#include "win32/handle.h"
+#include "win32/program_path.h"
+
+#include <vector>
+
+namespace proof {
+namespace {
+
+using kiosk::win32::FileHandle;
+using kiosk::win32::KernelHandle;
+
+bool Write(HANDLE file, const std::string& text) {
+  DWORD written = 0;
+  return WriteFile(file, text.data(), static_cast<DWORD>(text.size()), &written, nullptr) != 0 &&
+         written == text.size() && FlushFileBuffers(file) != 0;
+}
+
+// A file for what a program says, which goes with its handles. Not a pipe: a program's children would keep that open.
+FileHandle OutputFile() {
+  wchar_t folder[MAX_PATH];
+  wchar_t path[MAX_PATH];
+  if (GetTempPathW(MAX_PATH, folder) == 0 || GetTempFileNameW(folder, L"npk", 0, path) == 0) {
+    return FileHandle();
+  }
+  SECURITY_ATTRIBUTES inherited{sizeof(inherited), nullptr, TRUE};
+  return FileHandle(CreateFileW(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, &inherited,
+                                CREATE_ALWAYS, FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+}
+
+std::string Content(HANDLE file) {
+  std::string text;
+  char chunk[4096];
+  DWORD read = 0;
+  SetFilePointer(file, 0, nullptr, FILE_BEGIN);
+  while (ReadFile(file, chunk, sizeof(chunk), &read, nullptr) != 0 && read != 0) {
+    text.append(chunk, read);
+  }
+  return text;
+}
+
+}  // namespace
+
+std::optional<std::string> ReadFileText(const std::wstring& path) {
+  const FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                    nullptr, OPEN_EXISTING, 0, nullptr));
+  return file ? std::optional(Content(file.Get())) : std::nullopt;
+}
+
+bool ReplaceFileText(const std::wstring& path, const std::string& text) {
+  const std::wstring coming = path + L".new";
+  {
+    const FileHandle file(CreateFileW(coming.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    if (!file || !Write(file.Get(), text)) {
+      return false;
+    }
+  }
+  // Whoever reads the file just now is in the way for a moment.
+  constexpr int kTries = 20;
+  constexpr DWORD kPause = 50;  // ms
+  for (int tries = 1;; ++tries) {
+    if (MoveFileExW(coming.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0) {
+      return true;
+    }
+    if (tries == kTries || (GetLastError() != ERROR_ACCESS_DENIED && GetLastError() != ERROR_SHARING_VIOLATION)) {
+      return false;
+    }
+    Sleep(kPause);
+  }
+}
+
+bool AppendFileText(const std::wstring& path, const std::string& text) {
+  const FileHandle file(CreateFileW(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ, nullptr, OPEN_ALWAYS,
+                                    FILE_ATTRIBUTE_NORMAL, nullptr));
+  return file && Write(file.Get(), text);
+}
+
+std::wstring BesideKit(const std::wstring& name) {
+  const std::wstring path = kiosk::win32::ProgramPath();
+  return path.substr(0, path.find_last_of(L'\\') + 1) + name;
+}
+
+Ran RunProgram(std::wstring command, DWORD limit) {
+  const FileHandle output = OutputFile();
+  if (!output) {
+    return {.error = GetLastError(), .output = {}};
+  }
+  STARTUPINFOW startup{};
+  startup.cb = sizeof(startup);
+  startup.dwFlags = STARTF_USESTDHANDLES;
+  startup.hStdOutput = output.Get();
+  startup.hStdError = output.Get();
+  PROCESS_INFORMATION process{};
+  if (CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE, CREATE_NO_WINDOW, nullptr, nullptr, &startup,
+                     &process) == 0) {
+    return {.error = GetLastError(), .output = {}};
+  }
+  const KernelHandle thread(process.hThread);
+  const KernelHandle child(process.hProcess);
+  Ran ran{.output = {}};
+  if (WaitForSingleObject(child.Get(), limit) != WAIT_OBJECT_0) {
+    TerminateProcess(child.Get(), 1);
+    WaitForSingleObject(child.Get(), INFINITE);
+    ran.error = WAIT_TIMEOUT;
+  }
+  GetExitCodeProcess(child.Get(), &ran.exitCode);
+  ran.output = Content(output.Get());
+  return ran;
+}
+
+}  // namespace proof

@@ -1,0 +1,31 @@
+// What the kit does in one way on a real Windows and in another on the simulated one.
+#pragma once
+
+#include "json/value.h"
+#include "tools/kioskctl/pipe_client.h"
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace proof::hand {
+
+// A line for each user ("user NAME SID ..."), membership ("member GROUPSID SID"), name of a private secret of the local
+// security authority ("secret NAME"), task of the root folder, power scheme and adapter, and for each folder of a user.
+std::vector<std::string> WorldLines();
+
+// Asks the service as somebody who is signed in interactively and is not the kiosk account.
+kioskctl::Answer AskAsPerson(const kiosk::json::Value& request);
+
+// Asks as the kiosk account in its own session; whether the service answered "ok". Empty: it has no session.
+std::optional<bool> AskAsKiosk(const kiosk::json::Value& request);
+
+// Does it as a plain user of the kit's own, whose rights Windows judges. False when there is nobody who could.
+bool AsSecondUser(const std::function<void()>& action);
+
+// The computer restarts, because the product asked for it or because this does. True once Windows is up again; a real
+// Windows ends this process first, and the agent goes on by itself. False when no restart came.
+bool Restart(bool byProduct);
+
+}  // namespace proof::hand

@@ -1,0 +1,45 @@
+// The product under proof: its programs beside the kit, its service, its answers.
+#pragma once
+
+#include "json/value.h"
+#include "tools/proof/files.h"
+#include "win32/winapi.h"
+
+#include <string>
+
+namespace proof {
+
+inline constexpr DWORD kSoon = 60'000;  // ms within which the product does what it does by itself or at a start
+
+inline std::wstring ProductProgram() { return BesideKit(L"NorvaneKiosk.exe"); }
+
+// "--install", "--uninstall".
+Ran RunProduct(const wchar_t* option);
+
+// The service's reply to a person at the computer; null when there is none.
+kiosk::json::Value AskProduct(kiosk::json::Value request);
+kiosk::json::Value AskProduct(const char* command);
+
+// Stops the service and waits for its process to end. Milliseconds; INFINITE: it did not end in time.
+DWORD StopProduct();
+// Starts it and waits until it answers.
+bool StartProduct();
+bool RestartProduct();
+// The process of the running service; 0: it does not run.
+DWORD ProductProcess();
+
+// Polls, for what another process does and nobody announces.
+template <typename Condition>
+bool Within(DWORD milliseconds, Condition condition) {
+  constexpr DWORD kPoll = 100;
+  const ULONGLONG end = GetTickCount64() + milliseconds;
+  while (!condition()) {
+    if (GetTickCount64() > end) {
+      return false;
+    }
+    Sleep(kPoll);
+  }
+  return true;
+}
+
+}  // namespace proof

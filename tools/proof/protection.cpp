@@ -1,0 +1,215 @@
+// What keeps others out: who may read and write what the service has made, what was planted before it came, what a
+// crash and a support bundle leave behind.
+#include "state/folders.h"
+#include "state/kiosk_state.h"
+#include "tests/contract/hand.h"
+#include "tools/proof/hand.h"
+#include "tools/proof/journal.h"
+#include "tools/proof/life.h"
+#include "tools/proof/product.h"
+#include "win32/folder_entries.h"
+#include "win32/owners.h"
+#include "win32/secure_folder.h"
+#include "win32/wide_text.h"
+
+#include <aclapi.h>
+#include <sddl.h>
+
+namespace proof {
+namespace {
+
+using contract::Asked;
+using contract::Platform;
+using kiosk::win32::FileHandle;
+using kiosk::win32::KernelHandle;
+using kiosk::win32::LocalMemory;
+
+constexpr wchar_t kTrap[] = L"C:\\ProgramData\\NorvaneProofTrap";
+constexpr wchar_t kBundles[] = L"C:\\ProgramData\\NorvaneProofBundle";
+constexpr DWORD kBackAfterCrash = 40'000;  // ms: 10 s, and what Windows takes for the dump
+constexpr SECURITY_INFORMATION kOwnerAndList = OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION;
+
+// Without the mark that Windows itself sets on a list that could have inherited.
+std::wstring Text(PSECURITY_DESCRIPTOR descriptor, SECURITY_INFORMATION parts) {
+  wchar_t* text = nullptr;
+  if (ConvertSecurityDescriptorToStringSecurityDescriptorW(descriptor, SDDL_REVISION_1, parts, &text, nullptr) == 0) {
+    return L"(none)";
+  }
+  const LocalMemory owned(text);
+  std::wstring sddl = text;
+  if (const std::size_t mark = sddl.find(L"D:PAI("); mark != std::wstring::npos) {
+    sddl.erase(mark + 3, 2);
+  }
+  return sddl;
+}
+
+std::wstring FolderSecurity(const wchar_t* path) {
+  const FileHandle folder(CreateFileW(path, READ_CONTROL, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                      nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT,
+                                      nullptr));
+  PSECURITY_DESCRIPTOR descriptor = nullptr;
+  if (!folder || GetSecurityInfo(folder.Get(), SE_FILE_OBJECT, kOwnerAndList, nullptr, nullptr, nullptr, nullptr,
+                                 &descriptor) != ERROR_SUCCESS) {
+    return L"(none)";
+  }
+  const LocalMemory owned(descriptor);
+  return Text(descriptor, kOwnerAndList);
+}
+
+// Anybody may make folders and links below C:\ProgramData before the service is there.
+void Plant(Asked& asked) {
+  if (IsThere(kiosk::state::kMakerFolder)) {
+    Asked::CannotRun("C:\\ProgramData\\Norvane is there already");
+  }
+  Asked::Needs(NoteFolder(kTrap) && NoteFolder(kiosk::state::kMakerFolder) && CreateDirectoryW(kTrap, nullptr) != 0 &&
+                   ReplaceFileText(std::wstring(kTrap) + L"\\file", "content"),
+               "a folder of its own");
+  contract::MakeJunction(kiosk::state::kMakerFolder, kTrap);
+  asked.True("the trap is set", !kiosk::win32::IsPlainFolder(GetFileAttributesW(kiosk::state::kMakerFolder)));
+}
+
+void PlantedLink(Asked& asked) {
+  if (!IsThere(kTrap)) {
+    Asked::CannotRun("nothing could be planted");
+  }
+  asked.True("a plain folder has taken its place",
+             kiosk::win32::IsPlainFolder(GetFileAttributesW(kiosk::state::kMakerFolder)));
+  asked.Same("what is in the trap", kiosk::win32::EntriesOf(kTrap).size(), 1);
+}
+
+void StateKey(Asked& asked) {
+  kiosk::win32::RegistryKey key;
+  std::vector<BYTE> room(4096);
+  DWORD size = static_cast<DWORD>(room.size());
+  Asked::Needs(
+      RegOpenKeyExW(HKEY_LOCAL_MACHINE, kiosk::state::kStateKey, 0, READ_CONTROL, key.Put()) == ERROR_SUCCESS &&
+          RegGetKeySecurity(key.Get(), DACL_SECURITY_INFORMATION, room.data(), &size) == ERROR_SUCCESS,
+      "the state key");
+  asked.Same("its list", Text(room.data(), DACL_SECURITY_INFORMATION), L"D:P(A;CI;KA;;;SY)(A;CI;KA;;;BA)");
+}
+
+void Folders(Asked& asked) {
+  asked.KnownWrong(Platform::kWine, "Wine's files have no owner and no list of their own");
+  for (const wchar_t* const folder :
+       {kiosk::state::kMakerFolder, kiosk::state::kProductFolder, kiosk::state::kLogRoot}) {
+    asked.Same(kiosk::win32::ToNarrow(folder).c_str(), FolderSecurity(folder),
+               L"O:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)");
+  }
+  asked.Same("the branding", FolderSecurity(kiosk::state::kBrandingFolder),
+             L"O:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)");
+}
+
+// What a plain user is refused, and what he is not.
+void SecondUser(Asked& asked) {
+  struct {
+    LSTATUS state;
+    DWORD list, log, pipe, install, read, write;
+  } answers{};
+  const auto file = [](const std::wstring& path, DWORD access) {
+    const FileHandle opened(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                        nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    return opened ? ERROR_SUCCESS : GetLastError();
+  };
+  const std::wstring record = std::wstring(kiosk::state::kBrandingFolder) + L"\\branding.json";
+  const bool done = hand::AsSecondUser([&] {
+    kiosk::win32::RegistryKey key;
+    answers.state = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kiosk::state::kStateKey, 0, KEY_READ, key.Put());
+    answers.list = file(kiosk::state::kMakerFolder, FILE_LIST_DIRECTORY);
+    answers.log = file(kiosk::state::kLogRoot, FILE_LIST_DIRECTORY);
+    answers.read = file(record, GENERIC_READ);
+    answers.write = file(record, GENERIC_WRITE);
+    const FileHandle pipe(CreateNamedPipeW(L"\\\\.\\pipe\\NorvaneKiosk", PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE,
+                                           PIPE_UNLIMITED_INSTANCES, 0, 0, 0, nullptr));
+    answers.pipe = pipe ? ERROR_SUCCESS : GetLastError();
+    const kiosk::win32::ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE));
+    answers.install = manager ? ERROR_SUCCESS : GetLastError();
+  });
+  if (!done) {
+    Asked::CannotRun("there is no second user here whom Windows would judge");
+  }
+  asked.Same("the state key", answers.state, ERROR_ACCESS_DENIED);
+  asked.Same("the maker's folder", answers.list, ERROR_ACCESS_DENIED);
+  asked.Same("the logs", answers.log, ERROR_ACCESS_DENIED);
+  asked.Same("the service's pipe", answers.pipe, ERROR_ACCESS_DENIED);
+  asked.Same("making a service", answers.install, ERROR_ACCESS_DENIED);
+  asked.Same("reading the branding", answers.read, ERROR_SUCCESS);
+  asked.Same("writing it", answers.write, ERROR_ACCESS_DENIED);
+}
+
+std::string AllLogs() {
+  std::string text;
+  for (const kiosk::win32::FolderEntry& day : kiosk::win32::EntriesOf(kiosk::state::kLogRoot, L"*-*-*")) {
+    for (const kiosk::win32::FolderEntry& log : kiosk::win32::EntriesOf(day.path, L"*.log")) {
+      text += ReadFileText(log.path).value_or("");
+    }
+  }
+  return text;
+}
+
+// A thread at address 0 in the service: a fault that nobody handles.
+void Crash(Asked& asked) {
+  if (contract::ThisPlatform() != Platform::kWindows) {
+    Asked::CannotRun("Wine's service manager does not see that a service has crashed");
+  }
+  const DWORD before = ProductProcess();
+  const KernelHandle process(OpenProcess(PROCESS_ALL_ACCESS, FALSE, before));
+  Asked::Needs(static_cast<bool>(process), "the service's process");
+  const KernelHandle thread(CreateRemoteThread(process.Get(), nullptr, 0, nullptr, nullptr, 0, nullptr));
+  asked.True("it ends", WaitForSingleObject(process.Get(), kBackAfterCrash) == WAIT_OBJECT_0);
+  asked.True("it is back", Within(kBackAfterCrash, [&] {
+               const DWORD now = ProductProcess();
+               return now != 0 && now != before && AskProduct("status").IsObject();
+             }));
+  asked.True("its log says so", AllLogs().find("fault 0xc0000005") != std::string::npos);
+  bool dumped = false;
+  for (const kiosk::win32::FolderEntry& day : kiosk::win32::EntriesOf(kiosk::state::kLogRoot)) {
+    dumped = dumped || !kiosk::win32::EntriesOf(day.path, L"NorvaneKiosk-*.dmp").empty();
+  }
+  asked.True("there is a dump",
+             dumped || !kiosk::win32::EntriesOf(kiosk::state::kLogRoot, L"NorvaneKiosk-*.dmp").empty());
+}
+
+// Everything in the folder, its folders included.
+std::string ContentOf(const std::wstring& folder) {
+  std::string text;
+  for (const kiosk::win32::FolderEntry& each : kiosk::win32::EntriesOf(folder)) {
+    text += kiosk::win32::IsPlainFolder(each.attributes) ? ContentOf(each.path) : ReadFileText(each.path).value_or("");
+  }
+  return text;
+}
+
+void SupportBundle(Asked& asked) {
+  const std::wstring program = BesideKit(L"kioskctl.exe");
+  if (!IsThere(program)) {
+    Asked::CannotRun("there is no kioskctl.exe beside the kit");
+  }
+  Asked::Needs(NoteFolder(kBundles) && CreateDirectoryW(kBundles, nullptr) != 0, "a folder of its own");
+  const Ran ran = RunProgram(L"\"" + program + L"\" support-bundle " + kBundles, kSoon);
+  asked.Same("it ends with", ran.exitCode, 0);
+  const std::string content = ContentOf(kBundles);
+  asked.True("it has the status", content.find("\"enrolled\":true") != std::string::npos);
+  asked.True("it has the log", content.find("listening on") != std::string::npos);
+  const std::string sid = kiosk::win32::ToNarrow(kiosk::state::ReadStateString(kiosk::state::kAccountSid));
+  asked.True("it has no SID of the kiosk", sid.empty() || content.find(sid) == std::string::npos);
+  asked.True("it has no exit password", content.find(kExitPassword) == std::string::npos);
+}
+
+constexpr Step kPlanted[] = {
+    {{"life/plant", "a link that anybody may make before the service comes", Plant}},
+};
+constexpr Step kRows[] = {
+    {{"life/planted link", "it is replaced, and nothing is written where it led", PlantedLink}},
+    {{"life/state key", "SYSTEM and Administrators alone have the state", StateKey}},
+    {{"life/folders", "and the logs; everybody may read the branding", Folders}},
+    {{"life/second user", "a plain user is kept out, and takes no pipe in the service's place", SecondUser}},
+    {{"life/bundle", "a bundle tells of the terminal, and no secret", SupportBundle}},
+    {{"life/crash", "a crash leaves a line and a dump, and the service comes back", Crash}},
+};
+
+}  // namespace
+
+extern const std::span<const Step> kPlantedSteps, kProtectionSteps;
+const std::span<const Step> kPlantedSteps{kPlanted};
+const std::span<const Step> kProtectionSteps{kRows};
+
+}  // namespace proof

@@ -1,0 +1,136 @@
+#include "tools/proof/report.h"
+
+#include "json/parse.h"
+#include "json/serialise.h"
+#include "tools/proof/files.h"
+#include "win32/console.h"
+
+#include <algorithm>
+
+namespace proof {
+namespace {
+
+using contract::Verdict;
+using kiosk::json::Member;
+using kiosk::json::Value;
+
+constexpr Verdict kVerdicts[] = {Verdict::kHeld, Verdict::kBroken, Verdict::kKnown, Verdict::kCouldNotRun};
+
+// Lines of the product's log and reasons hold text from outside.
+std::string OneLine(std::string text) {
+  std::replace_if(
+      text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; }, ' ');
+  return text;
+}
+
+std::string TextOf(const Value& line) {
+  std::string verdict = Member(line, "verdict").text();
+  verdict.resize(std::max<std::size_t>(verdict.size(), 13), ' ');
+  const std::string& answered = Member(line, "answered").text();
+  return verdict + " " + Member(line, "id").text() + " (" + Member(line, "caller").text() + ")" +
+         (answered.empty() ? "" : ": " + answered) + "\n";
+}
+
+}  // namespace
+
+std::string Report::Begin(Value head) {
+  if (IsThere(folder_ + L"\\report.json")) {
+    return "there is a report in that folder already; name another one with --report";
+  }
+  if (CreateDirectoryW(folder_.c_str(), nullptr) == 0 && GetLastError() != ERROR_ALREADY_EXISTS) {
+    return "the folder of the report cannot be made (" + std::to_string(GetLastError()) + ")";
+  }
+  content_.Set("head", std::move(head));
+  content_.Set("lines", Value::Array());
+  return Save() ? std::string() : "the report cannot be written (" + std::to_string(GetLastError()) + ")";
+}
+
+bool Report::GoOn() {
+  const std::optional<std::string> text = ReadFileText(folder_ + L"\\report.json");
+  std::optional<Value> content = text ? kiosk::json::Parse(*text) : std::nullopt;
+  if (!content || !Member(*content, "lines").IsArray()) {
+    return false;
+  }
+  content_ = std::move(*content);
+  return true;
+}
+
+void Report::Add(const Line& line) {
+  Value added = Value::Object();
+  added.Set("id", line.id);
+  added.Set("caller", line.caller);
+  added.Set("verdict", Name(line.answer.verdict));
+  added.Set("asked", line.asked);
+  std::string answered = OneLine(line.answer.why);
+  for (const std::string& secret : secrets_) {
+    for (std::size_t at = 0; (at = answered.find(secret, at)) != std::string::npos;) {
+      answered.replace(at, secret.size(), "(withheld)");
+    }
+  }
+  added.Set("answered", answered);
+  kiosk::win32::Print(TextOf(added));
+  Value lines = Member(content_, "lines");
+  lines.Append(std::move(added));
+  Set("lines", std::move(lines));
+}
+
+void Report::Set(const char* member, Value value) {
+  content_.Set(member, std::move(value));
+  static_cast<void>(Save());
+}
+
+void Report::Conceal(const std::string& secret) {
+  if (!secret.empty()) {
+    secrets_.push_back(secret);
+  }
+}
+
+std::size_t Report::Lines() const { return Member(content_, "lines").items().size(); }
+
+int Report::Count(Verdict verdict) const {
+  const std::vector<Value>& lines = Member(content_, "lines").items();
+  return static_cast<int>(std::count_if(lines.begin(), lines.end(), [verdict](const Value& line) {
+    return Member(line, "verdict").text() == Name(verdict);
+  }));
+}
+
+std::string Report::Summary() const {
+  std::string text;
+  for (const Verdict verdict : kVerdicts) {
+    text += (text.empty() ? "" : ", ") + std::to_string(Count(verdict)) + " " + Name(verdict);
+  }
+  return text;
+}
+
+void Report::PrintFrom(std::size_t& printed) const {
+  const std::vector<Value>& lines = Member(content_, "lines").items();
+  for (; printed < lines.size(); ++printed) {
+    kiosk::win32::Print(TextOf(lines[printed]));
+  }
+}
+
+std::string Report::Text() const {
+  std::string text;
+  const Value& head = Member(content_, "head");
+  for (std::size_t i = 0; i < head.keys().size(); ++i) {
+    text += head.keys()[i] + ": " + kiosk::json::AsString(head.values()[i]) + "\n";
+  }
+  text += "\n";
+  for (const Value& line : Member(content_, "lines").items()) {
+    text += TextOf(line);
+  }
+  for (const char* const list : {"differences", "log"}) {
+    text += "\n" + std::string(list) + ":\n";
+    for (const Value& line : Member(content_, list).items()) {
+      text += line.text() + "\n";
+    }
+  }
+  return text + "\n" + Summary() + "\n";
+}
+
+bool Report::Save() const {
+  return ReplaceFileText(folder_ + L"\\report.json", kiosk::json::Serialise(content_) + "\n") &&
+         ReplaceFileText(folder_ + L"\\report.txt", Text());
+}
+
+}  // namespace proof

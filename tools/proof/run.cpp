@@ -1,0 +1,76 @@
+#include "tools/proof/run.h"
+
+#include "json/parse.h"
+#include "json/serialise.h"
+#include "tools/proof/computer.h"
+#include "tools/proof/files.h"
+#include "tools/proof/groups.h"
+#include "tools/proof/journal.h"
+#include "tools/proof/snapshot.h"
+#include "win32/wide_text.h"
+
+#include <utility>
+
+namespace proof {
+namespace {
+
+using kiosk::json::Value;
+
+const std::wstring kNotes = std::wstring(kWorkFolder) + L"\\run.json";
+const std::wstring kBefore = std::wstring(kWorkFolder) + L"\\before.txt";
+
+}  // namespace
+
+Run& TheRun() {
+  static Run* const run = new Run;
+  return *run;
+}
+
+std::string Run::Begin(const std::wstring& reportFolder, const RunOptions& options) {
+  options_ = options;
+  report_ = std::make_unique<Report>(reportFolder);
+  std::string problem = report_->Begin(Head(BesideKit(L"NorvaneKiosk.exe")));
+  notes_.Set("report", kiosk::win32::ToNarrow(reportFolder));
+  notes_.Set("restarts", options.restarts);
+  notes_.Set("quick", options.quick);
+  notes_.Set("only", options.only);
+  return problem;
+}
+
+bool Run::GoOn() {
+  const std::optional<std::string> text = ReadFileText(kNotes);
+  std::optional<Value> notes = text ? kiosk::json::Parse(*text) : std::nullopt;
+  if (!notes || !Member(*notes, "report").IsString()) {
+    return false;
+  }
+  notes_ = std::move(*notes);
+  options_ = {Note("restarts").boolean(), Note("quick").boolean(), Note("only").text()};
+  report_ = std::make_unique<Report>(kiosk::win32::ToWide(Note("report").text()));
+  portal_.KnowToken(Note("tokenDigest").text());
+  return report_->GoOn() && portal_.Start(static_cast<std::uint16_t>(Note("port").number())) &&
+         SetNote("port", portal_.Port());
+}
+
+void Run::AskCases(const char* caller) {
+  for (const contract::Group* group : contract::Groups()) {
+    const std::string begin = "contract/" + std::string(group->name) + "/";
+    if (!Wants(begin) && !options_.only.starts_with(begin)) {
+      continue;
+    }
+    RunGroup(*group, [&](const contract::Case& each, const contract::Result& answer) {
+      if (Wants(begin + each.name)) {
+        report_->Add({begin + each.name, caller, each.promise, answer});
+      }
+    });
+  }
+}
+
+bool Run::SetNote(const char* name, Value value) {
+  notes_.Set(name, std::move(value));
+  return ReplaceFileText(kNotes, kiosk::json::Serialise(notes_));
+}
+
+std::vector<std::string> Run::Before() const { return Split(ReadFileText(kBefore).value_or("")); }
+bool Run::SetBefore(const std::vector<std::string>& lines) { return ReplaceFileText(kBefore, Joined(lines)); }
+
+}  // namespace proof

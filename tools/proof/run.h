@@ -1,0 +1,53 @@
+// One run of the kit: what is left of it over a restart of the computer, its report, its portal.
+#pragma once
+
+#include "json/value.h"
+#include "tools/proof/portal.h"
+#include "tools/proof/report.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace proof {
+
+struct RunOptions {
+  bool restarts = false;  // Windows may restart
+  bool quick = false;     // nothing waits for a minute
+  std::string only;       // cases and steps whose id begins so
+};
+
+class Run {
+ public:
+  // An administrator's: begins the report and the notes for the agent. Empty, or why not.
+  std::string Begin(const std::wstring& reportFolder, const RunOptions& options);
+  // The agent's, at each of its starts. False when the notes or the report cannot be read.
+  bool GoOn();
+
+  [[nodiscard]] const RunOptions& Options() const noexcept { return options_; }
+  [[nodiscard]] bool Wants(const std::string& id) const { return id.starts_with(options_.only); }
+  Report& TheReport() noexcept { return *report_; }
+  Portal& ThePortal() noexcept { return portal_; }
+
+  // Asks the contract cases and adds the answers to the report.
+  void AskCases(const char* caller);
+
+  // Of what GoOn finds again: numbers and texts.
+  [[nodiscard]] const kiosk::json::Value& Note(const char* name) const { return Member(notes_, name); }
+  bool SetNote(const char* name, kiosk::json::Value value);
+
+  // The computer as it was before the first step.
+  [[nodiscard]] std::vector<std::string> Before() const;
+  bool SetBefore(const std::vector<std::string>& lines);
+
+ private:
+  kiosk::json::Value notes_ = kiosk::json::Value::Object();
+  RunOptions options_;
+  std::unique_ptr<Report> report_;
+  Portal portal_;
+};
+
+// The one of this process.
+Run& TheRun();
+
+}  // namespace proof
