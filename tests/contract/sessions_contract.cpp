@@ -2,6 +2,7 @@
 #include "tests/contract/contract.h"
 #include "tests/contract/hand.h"
 
+#include <userenv.h>
 #include <wtsapi32.h>
 
 namespace contract {
@@ -48,6 +49,7 @@ void ConsoleUsersAreNoted(Asked& asked) {
   const DWORD session = SignInAtConsole(LocalUser::kName);
   const AtEnd back([&] {
     WTSLogoffSession(WTS_CURRENT_SERVER_HANDLE, session, TRUE);
+    DeleteProfileW(user.Sid().c_str(), nullptr, nullptr);
     RegSetKeyValueW(HKEY_LOCAL_MACHINE, kWinlogon, L"DefaultUserName", REG_SZ, name.c_str(),
                     static_cast<DWORD>((name.size() + 1) * sizeof(wchar_t)));
     RegSetKeyValueW(HKEY_LOCAL_MACHINE, kWinlogon, L"DefaultDomainName", REG_SZ, domain.c_str(),

@@ -28,7 +28,9 @@ constexpr int kMostStarts = 13;      // 12 restarts
 constexpr double kLongest = 86'400;  // s
 constexpr double kSameStart = 60;    // s by which the time of Windows' start may seem to move
 
-double Seconds(std::uint64_t fileTime) { return static_cast<double>(fileTime / kiosk::win32::kFileTimeSecond); }
+double Seconds(std::uint64_t fileTime) {
+  return static_cast<double>(fileTime) / static_cast<double>(kiosk::win32::kFileTimeSecond);
+}
 
 // Whom the service manager made of LocalSystem; Wine makes an ordinary account of it.
 const char* Caller() {

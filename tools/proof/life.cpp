@@ -69,7 +69,7 @@ void Install(Asked& asked) {
 void Configuration(Asked& asked) {
   const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
   const ServiceHandle service(OpenServiceW(manager.Get(), kiosk::service::kServiceName, SERVICE_QUERY_CONFIG));
-  alignas(QUERY_SERVICE_CONFIGW) BYTE room[8192];
+  alignas(QUERY_SERVICE_CONFIGW) BYTE room[8192]{};
   DWORD needed = 0;
   auto* const config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(room);
   Asked::Needs(service && QueryServiceConfigW(service.Get(), config, sizeof(room), &needed) != 0, "its configuration");
@@ -85,7 +85,7 @@ void FailureActions(Asked& asked) {
   }
   const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
   const ServiceHandle service(OpenServiceW(manager.Get(), kiosk::service::kServiceName, SERVICE_QUERY_CONFIG));
-  alignas(SERVICE_FAILURE_ACTIONSW) BYTE room[1024];
+  alignas(SERVICE_FAILURE_ACTIONSW) BYTE room[1024]{};
   DWORD needed = 0;
   auto* const failure = reinterpret_cast<SERVICE_FAILURE_ACTIONSW*>(room);
   Asked::Needs(

@@ -117,8 +117,8 @@ std::wstring ReportFolder(const Options& options) {
   SYSTEMTIME now;
   GetLocalTime(&now);
   wchar_t name[64];
-  std::swprintf(name, 64, L"proof-report-%04u%02u%02u-%02u%02u%02u", now.wYear, now.wMonth, now.wDay, now.wHour,
-                now.wMinute, now.wSecond);
+  static_cast<void>(std::swprintf(name, 64, L"proof-report-%04u%02u%02u-%02u%02u%02u", now.wYear, now.wMonth, now.wDay,
+                                  now.wHour, now.wMinute, now.wSecond));
   wchar_t full[MAX_PATH * 4];
   const DWORD length =
       GetFullPathNameW(options.report.empty() ? name : options.report.c_str(), MAX_PATH * 4, full, nullptr);

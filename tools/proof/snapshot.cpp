@@ -79,7 +79,7 @@ void AddServices(std::vector<std::string>& lines) {
   DWORD needed = 0;
   DWORD count = 0;
   DWORD next = 0;
-  std::vector<BYTE> room(256 * 1024);  // more than the call ever fills
+  std::vector<BYTE> room(262'144);  // more than the call ever fills
   if (!manager ||
       EnumServicesStatusExW(manager.Get(), SC_ENUM_PROCESS_INFO, SERVICE_WIN32_OWN_PROCESS, SERVICE_STATE_ALL,
                             room.data(), static_cast<DWORD>(room.size()), &needed, &count, &next, nullptr) == 0) {
@@ -114,6 +114,7 @@ std::vector<std::string> Differences(const std::vector<std::string>& before, con
   std::set_difference(before.begin(), before.end(), after.begin(), after.end(), std::back_inserter(gone));
   std::set_difference(after.begin(), after.end(), before.begin(), before.end(), std::back_inserter(come));
   std::vector<std::string> lines;
+  lines.reserve(gone.size() + come.size());
   for (const std::string& line : gone) {
     lines.push_back("- " + line);
   }

@@ -16,6 +16,6 @@ struct Step {
   } kind = kStays;
 };
 
-std::span<const Step> Steps() noexcept;
+std::span<const Step> Steps();
 
 }  // namespace proof

@@ -21,7 +21,6 @@ namespace {
 
 using kiosk::json::Member;
 using kiosk::json::Value;
-using kiosk::win32::Deadline;
 using kiosk::win32::KernelHandle;
 using kiosk::win32::ServiceHandle;
 
