@@ -192,11 +192,11 @@ SIM(WINBOOL, ChangeServiceConfigW, SC_HANDLE service, DWORD type, DWORD start, D
 // "<reset seconds>: <action> <ms>, ...".
 SIM(WINBOOL, ChangeServiceConfig2W, SC_HANDLE service, DWORD level, LPVOID information) {
   if (level == SERVICE_CONFIG_FAILURE_ACTIONS) {
-    const auto& failure = *static_cast<const SERVICE_FAILURE_ACTIONSW*>(information);
-    std::wstring text = std::to_wstring(failure.dwResetPeriod) + L":";
-    for (DWORD i = 0; i < failure.cActions; ++i) {
-      text += L" " + std::to_wstring(failure.lpsaActions[i].Type) + L" " +
-              std::to_wstring(failure.lpsaActions[i].Delay) + L",";
+    const auto& actions = *static_cast<const SERVICE_FAILURE_ACTIONSW*>(information);
+    std::wstring text = std::to_wstring(actions.dwResetPeriod) + L":";
+    for (DWORD i = 0; i < actions.cActions; ++i) {
+      text += L" " + std::to_wstring(actions.lpsaActions[i].Type) + L" " +
+              std::to_wstring(actions.lpsaActions[i].Delay) + L",";
     }
     WriteText(L"Services", L"FailureActions", text);
   }

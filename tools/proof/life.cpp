@@ -75,8 +75,9 @@ void Configuration(Asked& asked) {
   Asked::Needs(service && QueryServiceConfigW(service.Get(), config, sizeof(room), &needed) != 0, "its configuration");
   asked.Same("when it starts", config->dwStartType, SERVICE_AUTO_START);
   asked.Same("its kind", config->dwServiceType, SERVICE_WIN32_OWN_PROCESS);
-  asked.Same("its account", config->lpServiceStartName, L"LocalSystem");
-  asked.Same("its program", config->lpBinaryPathName, L"\"" + ProductProgram() + L"\"");
+  const auto text = [](const wchar_t* each) { return std::wstring(each != nullptr ? each : L""); };
+  asked.Same("its account", text(config->lpServiceStartName), L"LocalSystem");
+  asked.Same("its program", text(config->lpBinaryPathName), L"\"" + ProductProgram() + L"\"");
 }
 
 void FailureActions(Asked& asked) {
