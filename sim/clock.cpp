@@ -109,8 +109,7 @@ bool AllWait() {
   });
 }
 
-// Ends the waits whose time has come, one of them when threads take turns; those of RunUntil only when there is no
-// other.
+// Ends the waits whose time has come (one of them when threads take turns), RunUntil's only when there is no other.
 bool Expire(bool settling) {
   bool any = false;
   for (Waiter* waiter : waiters) {
@@ -125,10 +124,7 @@ bool Expire(bool settling) {
 // Ends the waits for what is there by now: all of them, or the oldest when threads take turns and nobody runs.
 void PollAll() {
   for (Waiter* waiter : waiters) {
-    if (serial && !AllWait()) {
-      return;
-    }
-    if (!waiter->done) {
+    if (!waiter->done && (!serial || AllWait())) {
       Poll(*waiter);
     }
   }
@@ -378,9 +374,7 @@ void LockReleased() {
 }
 
 std::unique_ptr<Start> Starting(LPTHREAD_START_ROUTINE body, void* argument, bool ownThread) {
-  auto start = std::make_unique<Start>();
-  *start = {body, argument, Join(), ownThread};
-  return start;
+  return std::make_unique<Start>(Start{body, argument, Join(), ownThread});
 }
 
 void NotStarted(const Start& start) { Leave(start.participant, nullptr); }

@@ -1,16 +1,10 @@
-// What each step does.
+// What people do, and restarts; around.cpp has what happens around them.
 #include "json/parse.h"
 #include "sim/accounts.h"
 #include "sim/computer.h"
-#include "sim/lsa.h"
 #include "sim/machine.h"
 #include "sim/network.h"
-#include "sim/power.h"
-#include "sim/profiles.h"
 #include "sim/sessions.h"
-#include "sim/shutdown.h"
-#include "sim/tasks.h"
-#include "sim/windows_update.h"
 #include "state/kiosk_state.h"
 #include "tests/soak/life.h"
 #include "tests/soak/portal.h"
@@ -47,82 +41,6 @@ pipe::CallerRecord Shell() {
 std::string Member(const std::string& reply, const char* name) {
   const auto parsed = json::Parse(reply);
   return parsed ? json::Member(*parsed, name).text() : std::string();
-}
-
-// What of Windows can be out of order, one at a time or none.
-void FailWindows(std::uint32_t number) {
-  world.windowsFails = number != 0;
-  world.secretsFailed = world.secretsFailed || number == 1;
-  sim::lsaError.Set(number == 1 ? ERROR_ACCESS_DENIED : 0);
-  sim::FailAccountLookups(number == 2 ? RPC_S_SERVER_UNAVAILABLE : 0);
-  sim::sessionListError.Set(number == 3 ? RPC_S_SERVER_UNAVAILABLE : 0);
-  sim::profilesBusy.Set(number == 4 ? INFINITE : 0);
-  sim::FailTaskMethod(number == 5 ? L"Connect" : L"");
-  sim::power.readError.Set(number == 6 ? ERROR_ACCESS_DENIED : 0);
-  sim::agent.failSession.Set(number == 7 ? 0x80240438 : 0);
-  sim::shutdownNotReady.Set(number == 8 ? 2 : 0);
-  if (const DWORD session = sim::SessionOf(test::Kiosk().sid); number == 9 && session != 0) {
-    sim::MakeStubborn(session, 20'000);
-  }
-}
-
-void Heal() {
-  world.troubleAt = world.lived;
-  world.outage = world.logOutage = kNone;
-  world.disk = world.killIn = world.failIn = 0;
-  world.stateKeyRefused = false;
-  FailWindows(0);
-  const sim::Adapter adapter(sim::kFactoryAdapter);
-  adapter.cable.Set(1);
-  if (adapter.dhcp.Get() == 0 && !adapter.addresses.Get().starts_with(L"192.168.7.")) {
-    adapter.dhcp.Set(1);  // somebody comes and plugs it in where it belongs
-    adapter.addresses.Set(L"192.168.7.20/24");
-    sim::SetGatewaysByHand(sim::kFactoryAdapter, L"");
-  }
-  test::SetString(test::kUpdateKey, L"ClientInstallDir", L"C:\\Client");
-}
-
-// A catalogue of one more, and how long its stages take or fail.
-void OfferUpdate(std::uint32_t number) {
-  const auto bit = [number](int at) { return (number >> at & 1) != 0; };
-  constexpr DWORD kFailure = 0x80240022;
-  sim::OfferUpdate({.title = L"Update " + std::to_wstring(number),
-                    .reboot = bit(0) ? 1U : 0U,
-                    .asksPerson = bit(1) && bit(2),
-                    .termsAccepted = !bit(3),
-                    .exclusive = bit(4),
-                    .feature = bit(5) && bit(0),
-                    .downloadFailure = bit(6) && bit(7) ? kFailure : 0,
-                    .failure = bit(8) && bit(9) ? kFailure : 0});
-  constexpr DWORD kDurations[] = {0, 3'000, 600'000, 7'200'000};
-  for (const sim::AgentStage stage : {sim::kSearch, sim::kDownload, sim::kInstall}) {
-    sim::agent.duration[stage].Set(kDurations[number >> (10 + 2 * stage) & 3]);
-  }
-}
-
-// Somebody with the rights of an administrator does what he should not, or the registry loses something.
-void BeAStranger(std::uint32_t number) {
-  constexpr const wchar_t* kLost[] = {L"SignIn",
-                                      L"PowerPolicy",
-                                      L"UpdatesPolicy",
-                                      L"PowerSource",
-                                      L"OsUpdatesReport",
-                                      L"OsUpdatesWindowDone",
-
-                                      L"PowerScheduleApplied",
-                                      L"TerminalName",
-                                      L"PowerError",
-                                      L"MaintenanceAt",
-                                      L"UnknownSince",
-                                      L"MaintenanceFailures"};
-  const sim::User kiosk = test::Kiosk();
-  if (number == 0 && !kiosk.sid.empty()) {
-    sim::RemoveUser(kiosk.name);
-  } else if (number == 1 && !kiosk.sid.empty()) {
-    sim::AddToGroup(test::kAdministrators, kiosk.sid);
-  } else if (number >= 6 && test::HasValue(state::kStateKey, kLost[number % std::size(kLost)])) {
-    test::SetString(state::kStateKey, kLost[number % std::size(kLost)], L"{\"no\":");
-  }
 }
 
 // What the shell asks for with the settings unlocked; each begins behind the token.
@@ -307,17 +225,8 @@ bool Life::Do(const Step& step) {
     case Kind::kWait:
       Wait(step.number);
       break;
-    case Kind::kPortal:
-      world.outage = step.number % kOutages;
-      break;
-    case Kind::kRevoke:
-      world.valid = 0;
-      break;
     case Kind::kPair:
       Pair(step.number);
-      break;
-    case Kind::kPolicy:
-      world.policy = step.number;
       break;
     case Kind::kSignIn:
       SignIn(step.number);
@@ -331,52 +240,14 @@ bool Life::Do(const Step& step) {
     case Kind::kMaintenance:
       Maintenance(step.number);
       break;
-    case Kind::kRestart:
-      return Restart(step.number);
-    case Kind::kKill:
-      world.killIn = 1 + step.number % 120;
-      world.killsPower = step.number >= 600;
-      break;
-    case Kind::kFail: {
-      constexpr std::uint32_t kErrors[] = {ERROR_ACCESS_DENIED, ERROR_NOT_ENOUGH_MEMORY, ERROR_NO_SYSTEM_RESOURCES,
-                                           ERROR_SHARING_VIOLATION};
-      world.failIn = 1 + step.number % 120;
-      world.failError = kErrors[step.number / 120 % std::size(kErrors)];
-      break;
-    }
-    case Kind::kDisk:
-      world.disk = step.number;
-      break;
-    case Kind::kStateKey:
-      world.stateKeyRefused = step.number != 0;
-      break;
-    case Kind::kHeal:
-      Heal();
-      break;
     case Kind::kClock:
       MoveClock(step.number);
       break;
     case Kind::kSetting:
       Setting(step.number);
       break;
-    case Kind::kWindows:
-      FailWindows(step.number);
-      break;
-    case Kind::kUpdates:
-      OfferUpdate(step.number);
-      break;
-    case Kind::kLogCentre:
-      world.logOutage = step.number;
-      break;
-    case Kind::kNetwork:
-      sim::Adapter(sim::kFactoryAdapter).cable.Set(step.number != 0 ? 1 : 0);
-      break;
-    case Kind::kClient:
-      test::SetString(test::kUpdateKey, L"ClientInstallDir", step.number != 0 ? L"C:\\Client" : L"");
-      break;
-    case Kind::kStranger:
-      BeAStranger(step.number);
-      break;
+    case Kind::kRestart:
+      return Restart(step.number);
     case Kind::kUpgrade:
       return Upgrade();
     case Kind::kUninstall:
@@ -385,8 +256,8 @@ bool Life::Do(const Step& step) {
       return Install();
     case Kind::kPeace:
       return Peace();
-    case Kind::kCount:
-      break;
+    default:
+      Happen(step);
   }
   return true;
 }

@@ -62,6 +62,10 @@ class Life {
   std::string unlock_;
 };
 
+// around.cpp: a step that nobody in a session does; and the end of all that was wrong.
+void Happen(const Step& step);
+void Heal();
+
 // invariants.cpp: what must hold. Always; always, of what lies on the disk; when nothing was wrong for so long; at the
 // end of an hour's peace; and after an uninstall that nothing hindered.
 void CheckAlways();

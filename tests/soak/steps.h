@@ -9,8 +9,8 @@
 
 namespace kiosk::soak {
 
-// What the number of each means is said where it is played (hand.cpp). A step that does not fit the moment (a sign-out
-// while nobody is signed in) does nothing, so that any part of a list is a list.
+// What the number of each means is said where it is played (hand.cpp, around.cpp). A step that does not fit the moment
+// (a sign-out while nobody is signed in) does nothing, so that any part of a list is a list.
 enum class Kind : std::uint32_t {
   kWait,
   kPortal,
