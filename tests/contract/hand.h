@@ -26,8 +26,8 @@ class LocalUser {
   std::wstring sid_;
 };
 
-// Signs the user in at the console, where nobody is signed in then; CannotRun where that wants a person. Returns the
-// session, which is left by whoever signed in.
+// Signs the user in at the console; CannotRun where that wants a person. Returns the session, which is the caller's to
+// sign out.
 DWORD SignInAtConsole(const wchar_t* user);
 
 // A wired network adapter that leads nowhere, with DHCP on, while this lives; CannotRun where none can be made.

@@ -109,7 +109,9 @@ SpareAdapter::SpareAdapter() : body_(std::make_unique<Body>()) {
       body_->registered && UpdateDriverForPlugAndPlayDevicesW(nullptr, kLoopback, L"C:\\Windows\\INF\\netloop.inf",
                                                               INSTALLFLAG_FORCE, &restart) != 0,
       "an adapter without hardware");
-  const kiosk::win32::RegistryKey key(SetupDiOpenDevRegKey(devices, device, DICS_FLAG_GLOBAL, 0, DIREG_DRV, KEY_READ));
+  const HKEY opened = SetupDiOpenDevRegKey(devices, device, DICS_FLAG_GLOBAL, 0, DIREG_DRV, KEY_READ);
+  Asked::Needs(opened != INVALID_HANDLE_VALUE, "the key of the adapter");  // its page: not null
+  const kiosk::win32::RegistryKey key(opened);
   wchar_t name[64]{};
   DWORD size = sizeof(name);
   SetLastError(

@@ -72,7 +72,7 @@ Finding CheckService() {
   }
 }
 
-Finding CheckVersion() {
+Finding CheckProgram() {
   const std::wstring path = ServiceFile();
   const kiosk::win32::FileHandle file =
       path.empty() ? kiosk::win32::FileHandle() : kiosk::pipe::HoldImage(path.c_str());
@@ -191,7 +191,7 @@ Finding CheckDisk() {
 
 std::vector<Finding> CheckAll() {
   const StateKey key = ReadStateKey();
-  std::vector<Finding> findings{CheckService(), CheckVersion()};
+  std::vector<Finding> findings{CheckService(), CheckProgram()};
   for (Finding& each : CheckPortal()) {
     findings.push_back(std::move(each));
   }
