@@ -109,8 +109,8 @@ def main():
             show(terminal, program)
         authority = Authority(pathlib.Path(folder) / "authority", "Benchmark Authority")
         terminal.trust(authority.certificate)
-        signed = authority.sign(authority.publisher("norvane", "/O=Norvane"), build / "kioskctl.exe",
-                                pathlib.Path(folder) / "signed.exe")
+        authority.publisher("norvane", "/O=Norvane")
+        signed = authority.sign("norvane", build / "kioskctl.exe", pathlib.Path(folder) / "signed.exe")
         terminal.put(build / "status_bench.exe")
         terminal.put(signed)
         terminal.install(url="http://127.0.0.1:9")
