@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Prints one table of what the product costs, each line against a peer measured in the same run.
 
-Usage: bench/run.py BUILD_FOLDER (of the Windows build, with the target "benchmarks" built). A missed aim is shown and
-fails nothing: the machine is shared. What cannot be measured at all is a failure.
+Usage: bench/run.py BUILD_FOLDER [LOG_FILES] (of the Windows build, with the target "benchmarks" built; a log folder of so
+many files, 5,000 unless told). A missed aim is shown and fails nothing: the machine is shared. What cannot be measured
+at all is a failure.
 """
 
 import collections
@@ -45,12 +46,16 @@ def wakes(process):
             for status in pathlib.Path(f"/proc/{process}/task").glob("*/status")}
 
 
-def start_empty_service(terminal, build):
+def install_empty_service(terminal, build):
     path = terminal.put(build / "empty_service.exe")
     key = r"HKLM\SYSTEM\CurrentControlSet\Services\NorvaneEmpty"
     subprocess.run(["wine", "sc", "create", "NorvaneEmpty", "binPath=", path], env=terminal.environment,
                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=True)
     assert terminal.registry("query", key)[0] == 0
+
+
+def start_empty_service(terminal, build):
+    install_empty_service(terminal, build)
     subprocess.run(["wine", "net", "start", "NorvaneEmpty"], env=terminal.environment, stdout=subprocess.DEVNULL,
                    stderr=subprocess.DEVNULL, check=True)
     return wait_for(lambda: terminal.process("empty_service"), "the empty service")
@@ -75,6 +80,8 @@ def idle_service(terminal, build):
               "(the worker alone has one each 30 s)")
         empty = start_empty_service(terminal, build)
         row("memory above empty service", private_megabytes(service) - private_megabytes(empty), "MB", "aim <=", 3)
+        terminal.put(build / "checkin_bench.exe")
+        show(terminal, "checkin_bench.exe")
 
 
 def windows_calls(build):
@@ -82,7 +89,7 @@ def windows_calls(build):
     with Terminal(programs=(), service=None) as terminal:
         terminal.set_string("TerminalName", "Hall 3")
         environment = terminal.environment | {"WINEDEBUG": "+relay"}
-        trace = subprocess.run(["wine", build / "status_bench.exe", "once"], env=environment, stderr=subprocess.PIPE,
+        trace = subprocess.run(["wine", build / "service_bench.exe", "once"], env=environment, stderr=subprocess.PIPE,
                                stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, check=True).stderr.decode("latin-1")
     client = re.search(r'^(\w+):Call .*"trace begins"', trace, re.M)[1]
     inside = trace[trace.index("trace begins"):trace.index("trace ends")]
@@ -111,14 +118,20 @@ def main():
         terminal.trust(authority.certificate)
         authority.publisher("norvane", "/O=Norvane")
         signed = authority.sign("norvane", build / "kioskctl.exe", pathlib.Path(folder) / "signed.exe")
-        terminal.put(build / "status_bench.exe")
+        terminal.put(build / "service_bench.exe")
         terminal.put(signed)
         terminal.install(url="http://127.0.0.1:9")
-        with terminal.start("status_bench.exe", "echo") as echo:
+        with terminal.start("service_bench.exe", "echo") as echo:
             try:
-                show(terminal, "status_bench.exe", "measure", PROGRAM_FOLDER + r"\signed.exe")
+                show(terminal, "service_bench.exe", "measure", PROGRAM_FOLDER + r"\signed.exe")
             finally:
                 echo.kill()
+        assert terminal.net("stop") == 0
+        install_empty_service(terminal, build)
+        show(terminal, "service_bench.exe", "life")
+    with Terminal(programs=(), service=None) as terminal:
+        terminal.put(build / "prune_bench.exe")
+        show(terminal, "prune_bench.exe", sys.argv[2] if len(sys.argv) > 2 else "5000")
     with Terminal() as terminal:
         idle_service(terminal, build)
     windows_calls(build)

@@ -15,7 +15,7 @@ foreach(source ${NORVANE_BENCHMARKS})
   target_include_directories(${name} PRIVATE ${CMAKE_SOURCE_DIR})
   target_include_directories(${name} SYSTEM PRIVATE ${NORVANE_LIBRARY_HEADERS})
   target_link_libraries(${name} PRIVATE kiosk)
-  target_link_options(${name} PRIVATE $<$<STREQUAL:${name},status_bench>:-municode>)
+  target_link_options(${name} PRIVATE $<$<STREQUAL:${name},service_bench>:-municode>)
   list(APPEND NORVANE_BENCHMARK_TARGETS ${name})
 endforeach()
 # Built like the product, so that its memory can be compared with it.

@@ -1,8 +1,10 @@
-// The round trip of "status" against that of a bare echo pipe, and what the check of a caller's signature costs.
+// The round trip of "status" against that of a bare echo pipe, what the check of a caller's signature costs, and how
+// long the service takes to begin and to end beside one that does nothing.
 //
-//   status_bench echo            serves the echo pipe until it is ended
-//   status_bench measure FILE    measures against the service and the echo server, both running
-//   status_bench once            serves and asks once in this process, for a trace of the Windows calls
+//   service_bench echo            serves the echo pipe until it is ended
+//   service_bench measure FILE    measures against the service and the echo server, both running
+//   service_bench once            serves and asks once in this process, for a trace of the Windows calls
+//   service_bench life            starts and stops the service and NorvaneEmpty in turns, both installed and stopped
 #include "bench/bench.h"
 #include "pipe/server.h"
 #include "pipe/service_signer.h"
@@ -95,6 +97,56 @@ int Once() {
   return 0;
 }
 
+SC_HANDLE Open(SC_HANDLE manager, const wchar_t* name) {
+  const SC_HANDLE service = OpenServiceW(manager, name, SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS);
+  if (service == nullptr) {
+    (void)std::printf("cannot open %ls (%lu)\n", name, GetLastError());
+    std::exit(1);
+  }
+  return service;
+}
+
+void WaitFor(SC_HANDLE service, DWORD state) {
+  SERVICE_STATUS status{};
+  for (int i = 0; QueryServiceStatus(service, &status) != 0 && status.dwCurrentState != state; ++i) {
+    if (i == 30'000) {
+      std::puts("a service does not get where it should");
+      std::exit(1);
+    }
+    Sleep(1);
+  }
+}
+
+void Start(SC_HANDLE service) {
+  if (StartServiceW(service, 0, nullptr) == 0) {
+    (void)std::printf("a service does not start (%lu)\n", GetLastError());
+    std::exit(1);
+  }
+  WaitFor(service, SERVICE_RUNNING);
+}
+
+void Stop(SC_HANDLE service) {
+  SERVICE_STATUS status{};
+  ControlService(service, SERVICE_CONTROL_STOP, &status);
+  WaitFor(service, SERVICE_STOPPED);
+}
+
+void MeasureLife() {
+  const SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);  // open until the end, as the others
+  const SC_HANDLE ours = Open(manager, L"NorvaneKiosk");
+  const SC_HANDLE empty = Open(manager, L"NorvaneEmpty");
+  const auto times =
+      kiosk::bench::MedianTimes(9, 1,
+                                {[ours] {
+                                   Start(ours);
+                                   RequireRoundTrip(kiosk::pipe::kPipeName);
+                                 },
+                                 [ours] { Stop(ours); }, [empty] { Start(empty); }, [empty] { Stop(empty); }});
+  kiosk::bench::Row("start to the first answer", times[0] / 1000, {"empty service", times[2] / 1000}, "ms",
+                    kiosk::bench::TimesWorse(1.5));
+  kiosk::bench::Row("stop", times[1] / 1000, {"empty service", times[3] / 1000}, "ms", kiosk::bench::TimesWorse(1.5));
+}
+
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
@@ -103,6 +155,9 @@ int wmain(int count, wchar_t** arguments) {
     ServeEcho();
   } else if (mode == L"once") {
     return Once();
+  } else if (mode == L"life") {
+    MeasureLife();
+    return 0;
   } else if (mode == L"measure" && count > 2) {
     Measure(arguments[2]);
     return 0;
