@@ -25,8 +25,13 @@ int Removed(const Options& options, const Words& words);
 // The sentence about the first thing that is still there, or of which nobody knows; empty when all is gone.
 std::string WhatIsLeft(const ServiceState& service);
 
-// Writes a folder "NorvaneKiosk-support-<date>-<time>" into the one that is named (none: the current folder): what is
-// needed to find out why a terminal misbehaves, with no token and no password in it. Works without the service.
+// Shows the service's log lines of the last day on which it wrote; with options.follow each new one too, until nobody
+// reads them any more. Works without the service.
+int ShowLog(const Options& options, const Words& words);
+
+// Writes "NorvaneKiosk-support-<date>-<time>.zip" into the folder that is named (none: the current one): what is needed
+// to find out why a terminal misbehaves, with no token, no password and no user's name in it. Works without the
+// service.
 int SupportBundle(const Options& options, const Words& words);
 
 #ifdef NORVANE_DEVELOPMENT_COMMANDS
