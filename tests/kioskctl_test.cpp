@@ -5,10 +5,15 @@
 #include "pipe/server.h"
 #include "service/service_status.h"
 #include "sim/clock.h"
+#include "sim/faults.h"
 #include "sim/program_files.h"
 #include "sim/service_control.h"
+#include "state/folders.h"
+#include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 #include "tools/kioskctl/commands.h"
+#include "tools/kioskctl/log_files.h"
+#include "tools/kioskctl/redact.h"
 #include "win32/program_path.h"
 #include "win32/thread.h"
 
@@ -77,6 +82,20 @@ class FakeService {
   win32::KernelHandle thread_;
 };
 
+// What `act` prints to standard output or standard error.
+template <typename Act>
+std::string Printed(DWORD stream, Act act) {
+  constexpr wchar_t kFile[] = L"C:\\printed.txt";
+  {
+    const FileHandle file(CreateFileW(kFile, GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    const HANDLE before = GetStdHandle(stream);
+    SetStdHandle(stream, file.Get());
+    act();
+    SetStdHandle(stream, before);
+  }
+  return test::ReadWholeFile(kFile);
+}
+
 class KioskCtl : public test::CleanMachine {
  protected:
   void HostService() {
@@ -126,17 +145,32 @@ TEST_F(KioskCtl, SaysThatAProgramOfAShareIsNotAdmitted) {
   for (const UINT type : {UINT{DRIVE_FIXED}, UINT{DRIVE_REMOTE}}) {
     FakeService service({{"{\"ok\":false,\"error\":\"caller_refused\"}\n"}});
     sim::SetDriveType(drive, type);
-    {
-      const FileHandle errors(CreateFileW(L"C:\\errors.txt", GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
-      const HANDLE before = GetStdHandle(STD_ERROR_HANDLE);
-      SetStdHandle(STD_ERROR_HANDLE, errors.Get());
-      EXPECT_EQ(kioskctl::Status({}, {"status"}), kioskctl::kServiceError);
-      SetStdHandle(STD_ERROR_HANDLE, before);
-    }
-    const bool told =
-        test::ReadWholeFile(L"C:\\errors.txt").find("copy it to this computer first") != std::string::npos;
-    EXPECT_EQ(told, type == DRIVE_REMOTE);
+    const std::string errors =
+        Printed(STD_ERROR_HANDLE, [] { EXPECT_EQ(kioskctl::Status({}, {"status"}), kioskctl::kServiceError); });
+    EXPECT_EQ(errors.find("copy it to this computer first") != std::string::npos, type == DRIVE_REMOTE);
   }
+}
+
+TEST_F(KioskCtl, RemovedMeansThatNothingIsLeftForCertain) {
+  const kioskctl::ServiceState gone{.error = ERROR_SERVICE_DOES_NOT_EXIST};
+  EXPECT_EQ(kioskctl::WhatIsLeft(gone), "") << "never installed";
+  EXPECT_EQ(kioskctl::Removed({}, {"removed"}), kioskctl::kDone);
+  ASSERT_FALSE(state::ProtectStateKey().what);
+  state::WriteStateString(state::kAuthBaseUrl, L"http://portal.test");
+  EXPECT_EQ(kioskctl::WhatIsLeft(gone), "") << "what an administrator set may stay";
+  for (const state::StateValue* value : {&state::kAccountSid, &state::kTeardownPending}) {
+    test::SetDword(state::kStateKey, value->name, 0);  // whatever it says
+    EXPECT_NE(kioskctl::WhatIsLeft(gone).find("account is still there"), std::string::npos);
+    EXPECT_EQ(kioskctl::Removed({}, {"removed"}), kioskctl::kServiceError);
+    state::DeleteStateValue(*value);
+    const sim::FailingReads failing(value->name, ERROR_NO_SYSTEM_RESOURCES);
+    EXPECT_NE(kioskctl::WhatIsLeft(gone).find("(error 1450)"), std::string::npos);
+  }
+  for (const DWORD reported : {DWORD{SERVICE_STOPPED}, DWORD{SERVICE_RUNNING}}) {
+    EXPECT_NE(kioskctl::WhatIsLeft({.known = true, .state = reported}).find("still there"), std::string::npos);
+  }
+  EXPECT_NE(kioskctl::WhatIsLeft({.error = ERROR_ACCESS_DENIED}).find("(error 5)"), std::string::npos);
+  EXPECT_EQ(kioskctl::WhatIsLeft(gone), "");
 }
 
 TEST_F(KioskCtl, NamesShowWithoutWhatCommandsAConsole) {
@@ -146,6 +180,86 @@ TEST_F(KioskCtl, NamesShowWithoutWhatCommandsAConsole) {
   ASSERT_TRUE(reply);
   EXPECT_EQ(json::Serialise(kioskctl::Shown(*reply)),
             "{\"ok\":true,\"size\":7,\"none\":null,\"terminalName\":\"a [2J   b\",\"list\":[\" \",{\"x\":\" \"}]}");
+}
+
+TEST_F(KioskCtl, JsonIsAsciiSoThatNoCodePageSpoilsIt) {
+  json::Value value = json::Value::Object();
+  value.Set("name", "Łódź \xf0\x9f\x98\x80\x7f\n").Set("ascii", "a~\\");
+  EXPECT_EQ(Printed(STD_OUTPUT_HANDLE, [&] { kioskctl::PrintJson(value); }),
+            "{\"name\":\"\\u0141\\u00f3d\\u017a \\ud83d\\ude00\\u007f\\n\",\"ascii\":\"a~\\\\\"}\n");
+}
+
+const std::wstring kLogs = state::kLogRoot;
+
+void WriteLog(const std::wstring& day, const std::wstring& name, std::string_view content) {
+  std::wstring path = L"C:\\ProgramData";
+  for (const std::wstring& part : {std::wstring(L"Norvane"), std::wstring(L"Tessaly"), std::wstring(L"Logs"), day}) {
+    CreateDirectoryW((path += L"\\" + part).c_str(), nullptr);
+  }
+  test::WriteWholeFile(path + L"\\" + name, content);
+}
+
+TEST_F(KioskCtl, LogFollowsDaysAndFilesThatBeginLater) {
+  kioskctl::LogReader none;
+  EXPECT_EQ(none.NewLines(), "");
+  WriteLog(L"2026-11-20", L"Kiosk_080000.log", "[08:00:00.000] INFO yesterday\n");
+  WriteLog(L"2026-11-21", L"Kiosk_080000.log", "[08:00:00.000] one\n[08:00:05.000] four\n[07:00:00.000] five\n[08:0");
+  WriteLog(L"2026-11-21", L"Kiosk_080001.log", "[08:00:01.000] two\n[08:00:02.000] three\n");
+  WriteLog(L"2026-11-21", L"Other_080000.log", "[08:00:00.000] another program's\n");
+  WriteLog(L"Archive", L"Kiosk_090000.log", "[09:00:00.000] archived\n");
+  kioskctl::LogReader reader;
+  EXPECT_EQ(reader.NewLines(),
+            "[08:00:00.000] one\n[08:00:01.000] two\n[08:00:02.000] three\n[08:00:05.000] four\n[07:00:00.000] five\n")
+      << "of the last day, those of two files by their times, those of one file in their order";
+  EXPECT_EQ(reader.NewLines(), "");
+  WriteLog(L"2026-11-21", L"Kiosk_080000.log",
+           "[08:00:00.000] one\n[08:00:05.000] four\n[07:00:00.000] five\n[08:00:06.000] six\n");
+  EXPECT_EQ(reader.NewLines(), "[08:00:06.000] six\n") << "whole, once its end is there";
+  WriteLog(L"2026-11-21", L"Kiosk_081000.log", "[08:10:00.000] a new start\n");
+  EXPECT_EQ(reader.NewLines(), "[08:10:00.000] a new start\n");
+  WriteLog(L"2026-11-22", L"Kiosk_000000.log", "[00:00:00.000] midnight\n");
+  WriteLog(L"2026-11-20", L"Kiosk_235959.log", "[23:59:59.000] too old\n");
+  EXPECT_EQ(reader.NewLines(), "[00:00:00.000] midnight\n");
+  test::RemoveTree(kLogs);
+  EXPECT_EQ(reader.NewLines(), "");
+}
+
+TEST_F(KioskCtl, LogsOfABundleAreCutAtALine) {
+  WriteLog(L"2026-11-21", L"Kiosk_080000.log", "first line\nsecond line\nthird");
+  const std::wstring path = kLogs + L"\\2026-11-21\\Kiosk_080000.log";
+  std::string text;
+  std::uint64_t offset = 0;
+  ASSERT_TRUE(kioskctl::ReadLog(path, offset, 16, text));
+  EXPECT_EQ(text, "third");
+  EXPECT_EQ(offset, 28U);
+  EXPECT_FALSE(kioskctl::ReadLog(path + L"x", offset, 20, text));
+  EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_NOT_FOUND});
+}
+
+TEST_F(KioskCtl, RedactedTextNamesNobody) {
+  const std::vector<std::wstring> names{L"Łukasz Nowak", L"anna-b", L"nowak"};
+  const struct {
+    const char* text;
+    const char* expected;
+  } cases[] = {
+      {"session of PC\\ANNA-B, Nowak's, nowaks", "session of PC\\[user2], [user3]'s, nowaks"},
+      {"łukasz nowak was here\nand nowak\n", "[user1] was here\nand [user3]\n"},
+      {"anna-b2 panna-b anna-b", "anna-b2 panna-b [user2]"},
+      {"C:\\Users\\dora\\x.txt", "C:\\Users\\[user]\\x.txt"},
+      {"\"C:\\\\users\\\\Dora D.\\\\x\" c:\\Users\\dora, and", "\"C:\\\\users\\\\[user]\\\\x\" c:\\Users\\[user], and"},
+      {"C:\\Users\\NorvaneKiosk.PC\\a C:\\Users\\Public\\b", "C:\\Users\\NorvaneKiosk.PC\\a C:\\Users\\Public\\b"},
+      {"https://u:p@portal.test:8443/a/b?token=x&y=z done", "https://[user]@portal.test:8443/a/b?... done"},
+      {"C:\\Users\\dora\nhttp://a.test/?q\nemil\n@b", "C:\\Users\\[user]\nhttp://a.test/?...\nemil\n@b"},
+      {"http=bob:pw@proxy:8080 mail emil@x.test", "http=[user]@proxy:8080 mail [user]@x.test"},
+      {"is it? <?xml version?> \"https://a.test/?q\" \\\\?\\C:\\x",
+       "is it? <?xml version?> \"https://a.test/?...\" \\\\?\\C:\\x"},
+      {"owner S-1-5-21-1-22-333-1001, S-1-5-18, s-1-12-1-5", "owner S-1-5-21-..., S-1-5-18, s-1-12-1-..."},
+      {"@ a @ b", "@ a @ b"},
+      {"", ""},
+  };
+  for (const auto& each : cases) {
+    EXPECT_EQ(kioskctl::Redacted(each.text, names), each.expected) << each.text;
+  }
 }
 
 }  // namespace

@@ -30,6 +30,13 @@ int TellFailure(const char* call, DWORD error) {
   return 1;
 }
 
+// What takes long is announced to whoever watches; a script reads nothing but the last line.
+void Announce(const char* text) {
+  if (win32::OutputIsConsole()) {
+    win32::Print(text);
+  }
+}
+
 ServiceHandle CreateOrReconfigure(SC_HANDLE manager, const std::wstring& binary) {
   ServiceHandle service(CreateServiceW(manager, kServiceName, kDisplayName, SERVICE_ALL_ACCESS,
                                        SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL,
@@ -96,8 +103,10 @@ int Uninstall() {
     const ServiceHandle service(
         manager ? OpenServiceW(manager.Get(), kServiceName, DELETE | SERVICE_STOP | SERVICE_QUERY_STATUS) : nullptr);
     if (service) {
+      Announce("Stopping the service, for at most a minute ...\n");
       StopAndWait(service.Get());
     }
+    Announce("Giving the computer back, which takes up to a minute when the kiosk is signed in ...\n");
     // Also without a service: an earlier uninstall may have deleted it and left the rest.
     account::RemoveKioskMode(true, "uninstalled");
     if (service) {

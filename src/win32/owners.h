@@ -39,6 +39,9 @@ struct CertificateTraits : NullIsNone<const CERT_CONTEXT*> {
 struct HttpHandleTraits : NullIsNone<HINTERNET> {
   static void Free(Value value) noexcept { WinHttpCloseHandle(value); }
 };
+struct EventLogTraits : NullIsNone<HANDLE> {
+  static void Free(Value value) noexcept { CloseEventLog(value); }
+};
 // A text that WinHTTP's proxy calls allocate.
 struct GlobalTextTraits : NullIsNone<wchar_t*> {
   static void Free(Value value) noexcept { GlobalFree(value); }
@@ -55,6 +58,7 @@ using CertStore = Owner<CertStoreTraits>;
 using CryptMessage = Owner<CryptMessageTraits>;
 using Certificate = Owner<CertificateTraits>;
 using HttpHandle = Owner<HttpHandleTraits>;
+using EventLog = Owner<EventLogTraits>;
 using GlobalText = Owner<GlobalTextTraits>;
 using Library = Owner<LibraryTraits>;
 

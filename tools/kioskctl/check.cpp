@@ -2,7 +2,7 @@
 
 #include "account/winlogon.h"
 #include "commands.h"
-#include "json/serialise.h"
+#include "file_version.h"
 #include "pipe/signature.h"
 #include "power/power_policy_store.h"
 #include "state/folders.h"
@@ -30,7 +30,6 @@ constexpr ULONGLONG kMegabyte = 1'048'576;
 constexpr ULONGLONG kLeastRoom = 500 * kMegabyte;  // below this log lines are no longer kept for sending
 
 std::string Megabytes(ULONGLONG bytes) { return std::to_string(bytes / kMegabyte) + " MB"; }
-std::string ErrorText(DWORD error) { return " (error " + std::to_string(error) + ")"; }
 
 struct StateKey {
   bool readable = false;
@@ -82,9 +81,10 @@ Finding CheckProgram() {
   }
   const auto publisher = kiosk::pipe::TrustedPublisherOfFile(path.c_str(), file.Get());
   const bool development = state::FlagIsOn(state::kDevAllowUnsigned);
+  const std::string program = ToNarrow(path) + ", version " + FileVersion(path);
   return publisher || development
-             ? Good("program", ToNarrow(path) + (publisher ? ", signed by " + ToNarrow(*publisher) : ", not signed"))
-             : Bad("program", ToNarrow(path) + " has no signature that Windows trusts",
+             ? Good("program", program + (publisher ? ", signed by " + ToNarrow(*publisher) : ", not signed"))
+             : Bad("program", program + ", has no signature that Windows trusts",
                    "Install a signed release: an unsigned service admits no program.");
 }
 
@@ -93,7 +93,7 @@ Finding CheckEnrolment(const StateKey& key) {
     return Bad("pairing", "kiosk mode is being removed, and the kiosk account is in use", "Restart the computer.");
   }
   if (!key.enrolled) {
-    return Bad("pairing", "not paired with a portal", "Run \"kioskctl pair\".");
+    return Bad("pairing", "not paired with a portal", "Run " + CommandLine("pair") + ".");
   }
   const std::string error = ToNarrow(state::ReadStateString(state::kLastError));
   return error.empty() ? Good("pairing", "paired, without an error")
@@ -189,6 +189,8 @@ Finding CheckDisk() {
   return room.QuadPart >= kLeastRoom ? Good("disk", told) : Bad("disk", told, "Make room.");
 }
 
+}  // namespace
+
 std::vector<Finding> CheckAll() {
   const StateKey key = ReadStateKey();
   std::vector<Finding> findings{CheckService(), CheckProgram()};
@@ -209,15 +211,19 @@ std::vector<Finding> CheckAll() {
   return findings;
 }
 
-void PrintFindings(const std::vector<Finding>& findings) {
+std::string FindingsText(const std::vector<Finding>& findings) {
+  std::string text;
   for (const Finding& each : findings) {
     std::string line = (each.good ? "ok     " : "WRONG  ") + each.what;
     line.resize(std::max<std::size_t>(line.size() + 1, 22), ' ');
-    Print(line + each.told + "\n" + (each.good ? "" : std::string(22, ' ') + "-> " + each.advice + "\n"));
+    text += line + each.told + "\n" + (each.good ? "" : std::string(22, ' ') + "-> " + each.advice + "\n");
   }
+  return text;
 }
 
-void PrintFindingsAsJson(const std::vector<Finding>& findings) {
+namespace {
+
+kiosk::json::Value FindingsAsJson(const std::vector<Finding>& findings) {
   kiosk::json::Value list = kiosk::json::Value::Array();
   for (const Finding& each : findings) {
     kiosk::json::Value finding = kiosk::json::Value::Object();
@@ -227,7 +233,7 @@ void PrintFindingsAsJson(const std::vector<Finding>& findings) {
     finding.Set("advice", each.advice);
     list.Append(std::move(finding));
   }
-  Print(kiosk::json::Serialise(list) + "\n");
+  return list;
 }
 
 }  // namespace
@@ -241,7 +247,11 @@ std::wstring ServiceFile() {
 
 int Check(const Options& options, const Words& /*words*/) {
   const std::vector<Finding> findings = CheckAll();
-  options.json ? PrintFindingsAsJson(findings) : PrintFindings(findings);
+  if (options.json) {
+    PrintJson(FindingsAsJson(findings));
+  } else {
+    Print(FindingsText(findings));
+  }
   const bool good = std::all_of(findings.begin(), findings.end(), [](const Finding& each) { return each.good; });
   return good ? kDone : kServiceError;
 }

@@ -19,6 +19,12 @@ inline Finding Bad(std::string what, std::string told, std::string advice) {
   return {std::move(what), false, std::move(told), std::move(advice)};
 }
 
+// All that is looked at, in the order in which it is told.
+std::vector<Finding> CheckAll();
+
+// As a person reads it: a line for each, and one with the advice.
+std::string FindingsText(const std::vector<Finding>& findings);
+
 // The way to the portal, step by step, up to the first that fails: proxy, address, name, TCP, TLS and HTTP, clock.
 std::vector<Finding> CheckPortal();
 

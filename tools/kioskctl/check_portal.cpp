@@ -1,7 +1,7 @@
-#include "win32/socket.h"
-
+#include "address_text.h"
 #include "check.h"
 #include "enrolment/auth_client.h"
+#include "exchange.h"
 #include "log/log.h"
 #include "win32/clock.h"
 #include "win32/http_call.h"
@@ -23,11 +23,7 @@ using kiosk::win32::ToWide;
 constexpr int kPatience = 10'000;        // ms for each step
 constexpr std::int64_t kMostSkew = 120;  // seconds; certificates and sign-ins of the client go wrong with more
 
-std::string AddressOf(const ADDRINFOW& address) {
-  wchar_t text[64]{};
-  GetNameInfoW(address.ai_addr, static_cast<int>(address.ai_addrlen), text, 64, nullptr, 0, NI_NUMERICHOST);
-  return ToNarrow(text);
-}
+std::string AddressOf(const ADDRINFOW& address) { return AddressText(address.ai_addr, address.ai_addrlen); }
 
 // The Winsock error of a connection to this address; 0 when there is one.
 int Connect(const ADDRINFOW& address) {
@@ -83,9 +79,8 @@ bool CheckConnection(const HttpTarget& target, std::vector<Finding>& findings) {
 std::string HttpAdvice(DWORD error) {
   switch (error) {
     case ERROR_WINHTTP_SECURE_FAILURE:
-      return "Windows does not trust the portal's certificate: is its authority among the computer's trusted roots, "
-             "does"
-             " it name this host, is the clock right?";
+      return "Windows does not trust the portal's certificate: is its authority among the computer's trusted roots,"
+             " does it name this host, is the clock right?";
     case ERROR_WINHTTP_TIMEOUT:
       return "The portal takes connections and does not answer: look at the portal, or at what inspects the traffic.";
     case ERROR_WINHTTP_NAME_NOT_RESOLVED:
@@ -106,7 +101,7 @@ std::int64_t SecondsAhead(const SYSTEMTIME& portal) {
 }
 
 void CheckHttp(const HttpTarget& target, std::vector<Finding>& findings) {
-  const HttpHandle session(WinHttpOpen(ToWide(std::string("kioskctl/") + kiosk::log::kVersion).c_str(),
+  const HttpHandle session(WinHttpOpen(ToWide(std::string(kProgram) + "/" + kiosk::log::kVersion).c_str(),
                                        WINHTTP_ACCESS_TYPE_AUTOMATIC_PROXY, nullptr, nullptr, 0));
   WinHttpSetTimeouts(session.Get(), kPatience, kPatience, kPatience, kPatience);
   const HttpHandle connection(session ? WinHttpConnect(session.Get(), target.host.c_str(), target.port, 0) : nullptr);

@@ -24,7 +24,7 @@ std::string Hosts(const Value& signIn) {
   return hosts.empty() ? "none" : hosts;
 }
 
-const char* NextStep(const Value& reply) {
+std::string NextStep(const Value& reply) {
   const bool enrolled = Member(reply, "enrolled").boolean();
   const bool provisioned = Member(reply, "provisioned").boolean();
   if (RemovalPending()) {
@@ -34,10 +34,10 @@ const char* NextStep(const Value& reply) {
                       "terminal again takes the account over instead.";
   }
   if (!enrolled) {
-    return provisioned
-               ? "Not paired with a portal, but the kiosk account is still set up. Run \"kioskctl pair\" and enter\n"
-                 "the code in the portal, or \"NorvaneKiosk.exe --uninstall\" to give the computer back."
-               : "Not paired with a portal. Run \"kioskctl pair\" and enter the code in the portal.";
+    return provisioned ? "Not paired with a portal, but the kiosk account is still set up. Run " + CommandLine("pair") +
+                             " and enter\nthe code in the portal, or \"NorvaneKiosk.exe --uninstall\" to give the "
+                             "computer back."
+                       : "Not paired with a portal. Run " + CommandLine("pair") + " and enter the code in the portal.";
   }
   if (!provisioned) {
     return "Paired, but the kiosk account is not set up yet. The service tries again by itself, every ten minutes at\n"
@@ -59,7 +59,7 @@ std::string StatusText(const Value& reply) {
   const Value& signIn = Member(reply, "signIn");
   const auto yesNo = [](const Value& flag) { return flag.boolean() ? "yes\n" : "no\n"; };
   const std::string& name = Member(reply, "terminalName").text();
-  std::string text = std::string(NextStep(reply)) + "\n\n";
+  std::string text = NextStep(reply) + "\n\n";
   text += "  Name          " + (name.empty() ? std::string("none") : name) + "\n";
   text += std::string("  Paired        ") + yesNo(Member(reply, "enrolled"));
   text += "  Account       " + Member(reply, "account").text() +
@@ -101,10 +101,8 @@ int ReportPaired(const Value& reply, bool countdown) {
     Print("The computer restarts into kiosk mode in " + kiosk::json::AsString(Member(reply, "restartInSeconds")) +
           " seconds.\n");
   } else {
-    Print(
-        "The portal does not know it yet; the service sets up the kiosk account as soon as it does. \"kioskctl "
-        "status\"\n"
-        "tells when to restart the computer.\n");
+    Print("The portal does not know it yet; the service sets up the kiosk account as soon as it does.\n" +
+          CommandLine("status") + " tells when to restart the computer.\n");
   }
   return kDone;
 }
@@ -114,7 +112,7 @@ int ReportFailed(const Answer& answer, bool countdown) {
   Print(countdown ? "\n" : "");
   const int code = Failed({}, answer);
   if (const Answer status = AskFor(Request("status")); Member(status.reply, "enrolled").boolean()) {
-    Print(std::string(NextStep(status.reply)) + "\n");
+    Print(NextStep(status.reply) + "\n");
   }
   return code;
 }
@@ -133,7 +131,7 @@ int Poll(const std::string& code, std::uint64_t seconds, const Options& options)
     const Answer answer = AskFor(request, kPairWait);
     const bool paired = Member(answer.reply, "paired").boolean();
     if (options.json && (paired || !Ok(answer))) {
-      PrintJson(answer);
+      PrintReply(answer);
     }
     if (paired) {
       return options.json ? static_cast<int>(kDone) : ReportPaired(Shown(answer.reply), countdown);
@@ -164,7 +162,7 @@ int Restart(const Options& options, const Words& /*words*/) {
 int Pair(const Options& options, const Words& /*words*/) {
   const Answer answer = AskFor(Request("pair.begin"), kPairWait);
   if (options.json) {
-    PrintJson(answer);
+    PrintReply(answer);
   }
   if (!Ok(answer)) {
     return Failed(options, answer);

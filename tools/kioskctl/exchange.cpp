@@ -6,6 +6,8 @@
 #include "win32/console.h"
 #include "win32/local_path.h"
 #include "win32/program_path.h"
+#include "win32/thread.h"
+#include "win32/wide_text.h"
 
 #include <utility>
 
@@ -90,30 +92,29 @@ std::string OneLine(std::string text) {
 // The service looks at no program on a share or on a network drive.
 bool StartedFromElsewhere() { return !kiosk::win32::IsLocalPath(kiosk::win32::ProgramPath()); }
 
-std::string Number(unsigned long error) { return " (error " + std::to_string(error) + ")"; }
-
 // Why nobody serves the pipe, or answers on it, as far as the service manager knows.
 std::string WhyNoReply(unsigned long error) {
   const ServiceState service = QueryService();
   if (!service.known && service.error == ERROR_SERVICE_DOES_NOT_EXIST) {
-    return "The kiosk service is not installed on this computer" + Number(service.error) + "\n";
+    return "The kiosk service is not installed on this computer" + ErrorText(service.error) + "\n";
   }
   if (service.known && service.state != SERVICE_RUNNING) {
-    return "The kiosk service is installed on this computer and does not run" + Number(ERROR_SERVICE_NOT_ACTIVE) +
+    return "The kiosk service is installed on this computer and does not run" + ErrorText(ERROR_SERVICE_NOT_ACTIVE) +
            "\nStart it as an administrator: sc.exe start NorvaneKiosk\n";
   }
   if (service.known && (error == ERROR_PIPE_BUSY || error == ERROR_TIMEOUT)) {
-    return "The kiosk service runs and does not answer" + Number(error) +
-           "\nAs an administrator make a support bundle with \"kioskctl support-bundle\", then restart the service.\n";
+    return "The kiosk service runs and does not answer" + ErrorText(error) +
+           "\nAs an administrator make a support bundle with " + CommandLine("support-bundle") +
+           ", then restart the service.\n";
   }
-  return "The kiosk service does not answer on this computer" + Number(error) + "\n";
+  return "The kiosk service does not answer on this computer" + ErrorText(error) + "\n";
 }
 
 int NoReply(const Answer& answer) {
   switch (answer.outcome) {
     case Outcome::kNotAllowed:
       PrintError("Windows does not let this user talk to the kiosk service: sign in at this computer" +
-                 Number(answer.error) + "\n");
+                 ErrorText(answer.error) + "\n");
       break;
     case Outcome::kImpostor:
       PrintError("Another program has taken the kiosk service's place; nothing was sent to it.\n");
@@ -130,7 +131,31 @@ int NoReply(const Answer& answer) {
   return kNoService;
 }
 
+// As AskFor; a person at a console sees for how long it has been going.
+Answer AskAndShow(Value request, unsigned long replyWait) {
+  const kiosk::win32::KernelHandle done(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+  kiosk::win32::KernelHandle ticker;
+  if (done && kiosk::win32::OutputIsConsole()) {
+    ticker = kiosk::win32::StartThread([&done]() noexcept {
+      for (int seconds = 1; WaitForSingleObject(done.Get(), 1'000) == WAIT_TIMEOUT; ++seconds) {
+        Print("\r  waiting for the service, " + std::to_string(seconds) + " s ");
+      }
+    });
+  }
+  Answer answer = AskFor(std::move(request), replyWait);
+  if (ticker) {
+    SetEvent(done.Get());
+    WaitForSingleObject(ticker.Get(), INFINITE);
+    Print("\r" + std::string(40, ' ') + "\r");
+  }
+  return answer;
+}
+
 }  // namespace
+
+std::string CommandLine(const char* command) { return "\"" + std::string(kProgram) + " " + command + "\""; }
+
+std::string ErrorText(unsigned long error) { return " (error " + std::to_string(error) + ")"; }
 
 Value Shown(const Value& reply) {
   if (reply.IsString()) {
@@ -162,11 +187,23 @@ bool RemovalPending() { return kiosk::state::FlagIsOn(kiosk::state::kTeardownPen
 
 bool Ok(const Answer& answer) { return answer.outcome == Outcome::kReply && Member(answer.reply, "ok").boolean(); }
 
-void PrintJson(const Answer& answer) {
+void PrintJson(const Value& value) {
+  std::string text;
+  for (const wchar_t unit : kiosk::win32::ToWide(kiosk::json::Serialise(value))) {
+    if (unit < 0x7f) {
+      text += static_cast<char>(unit);
+    } else {
+      text += "\\u";
+      kiosk::text::AppendHex(text, static_cast<unsigned char>(unit >> 8));
+      kiosk::text::AppendHex(text, static_cast<unsigned char>(unit & 0xff));
+    }
+  }
+  Print(text + "\n");
+}
+
+void PrintReply(const Answer& answer) {
   if (answer.outcome == Outcome::kReply) {
-    // Serialising leaves the control characters beyond ASCII as they are: to a script, not to a console.
-    const std::string text = kiosk::json::Serialise(answer.reply);
-    Print((kiosk::win32::OutputIsConsole() ? OneLine(text) : text) + "\n");
+    PrintJson(answer.reply);
   }
 }
 
@@ -185,7 +222,7 @@ int Failed(const Options& options, const Answer& answer, std::string_view comman
 }
 
 int WrongUsage(const std::string& problem) {
-  PrintError("kioskctl: " + problem + "\nSee \"kioskctl --help\".\n");
+  PrintError(std::string(kProgram) + ": " + problem + "\nSee " + CommandLine("--help") + ".\n");
   return kUsage;
 }
 
@@ -203,10 +240,10 @@ Answer AskFor(Value request, unsigned long replyWait) {
 
 int Run(const Options& options, Value request, std::string (*success)(const Value& reply), unsigned long replyWait) {
   const std::string command = Member(request, "cmd").text();
-  Answer answer = AskFor(std::move(request), replyWait);
+  Answer answer = options.json ? AskFor(std::move(request), replyWait) : AskAndShow(std::move(request), replyWait);
   const kiosk::text::WipeOnExit wipe(answer.reply);
   if (options.json) {
-    PrintJson(answer);
+    PrintReply(answer);
   }
   if (!Ok(answer)) {
     return Failed(options, answer, command);

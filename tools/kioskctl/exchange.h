@@ -12,10 +12,24 @@ namespace kioskctl {
 // What the program ends with.
 enum ExitCode : int { kDone = 0, kServiceError = 1, kUsage = 2, kNoService = 3 };
 
+// As which this program speaks of itself.
+#ifdef NORVANE_DEVELOPMENT_COMMANDS
+inline constexpr char kProgram[] = "kioskctl-dev";
+#else
+inline constexpr char kProgram[] = "kioskctl";
+#endif
+
 struct Options {
-  bool json = false;  // replies as they came, a line each, for scripts
-  bool keep = false;  // "net-set": nothing has to prove the settings
+  bool json = false;    // JSON, a line each, for scripts
+  bool keep = false;    // "net-set": nothing has to prove the settings
+  bool follow = false;  // "log": goes on with what comes
 };
+
+// A command of this program in quotes, as a person types it.
+std::string CommandLine(const char* command);
+
+// " (error 5)"
+std::string ErrorText(unsigned long error);
 
 kiosk::json::Value Request(const char* command);
 // There is a reply, and it is no error.
@@ -32,8 +46,11 @@ Answer AskFor(kiosk::json::Value request, unsigned long replyWait = kReplyWait);
 int Run(const Options& options, kiosk::json::Value request, std::string (*success)(const kiosk::json::Value& reply),
         unsigned long replyWait = kReplyWait);
 
+// A value on one line, everything beyond ASCII written as \uXXXX: a script may read it in any code page, and nothing in
+// it commands a console.
+void PrintJson(const kiosk::json::Value& value);
 // The reply, if there is one.
-void PrintJson(const Answer& answer);
+void PrintReply(const Answer& answer);
 // Each prints to standard error and returns the exit code: why there is no reply, or, unless replies are printed as
 // they are, what the error of a reply to the command means; what is wrong with the command line.
 int Failed(const Options& options, const Answer& answer, std::string_view command = {});

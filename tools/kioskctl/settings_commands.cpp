@@ -3,10 +3,14 @@
 #include "commands.h"
 
 #include "json/parse.h"
+#include "win32/console.h"
+#include "win32/handle.h"
+#include "win32/wide_text.h"
 
 #include <algorithm>
 #include <charconv>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 namespace kioskctl {
@@ -31,6 +35,43 @@ std::string AppliedText(const Value& reply) {
     text += key == "ok" ? "Applied:\n" : "  " + key + gap + shown + "\n";
   }
   return text;
+}
+
+// The request that "-" (standard input) or "@FILE" stands for, on one line. A program of Windows may have written it as
+// UTF-16, or with a byte order mark. Returns a Windows error.
+DWORD ReadRequest(const std::string& word, kiosk::text::Secret& request) {
+  kiosk::win32::FileHandle file;
+  HANDLE input = GetStdHandle(STD_INPUT_HANDLE);
+  if (word != "-") {
+    file.Reset(CreateFileW(kiosk::win32::ToWide(word.substr(1)).c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr,
+                           OPEN_EXISTING, 0, nullptr));
+    if (!file) {
+      return GetLastError();
+    }
+    input = file.Get();
+  }
+  std::string text;
+  char piece[4096];
+  DWORD read = 1;
+  while (read != 0) {
+    if (ReadFile(input, piece, sizeof(piece), &read, nullptr) == 0) {
+      if (GetLastError() != ERROR_BROKEN_PIPE) {  // how a pipe ends
+        return GetLastError();
+      }
+      read = 0;
+    }
+    text.append(piece, read);
+  }
+  if (text.starts_with("\xff\xfe")) {
+    text = kiosk::win32::ToNarrow(
+        std::wstring_view(reinterpret_cast<const wchar_t*>(text.data()), text.size() / sizeof(wchar_t)));
+  }
+  text.erase(0, text.starts_with("\xef\xbb\xbf") ? 3 : 0);
+  // A line end would end the request.
+  std::replace_if(
+      text.begin(), text.end(), [](char byte) { return byte == '\n' || byte == '\r'; }, ' ');
+  request = kiosk::text::Secret(std::move(text));
+  return ERROR_SUCCESS;
 }
 
 // A number in digits. Whether the service takes it is the service's to say.
@@ -88,8 +129,15 @@ std::string DayNames(const Value& days) {
 }
 
 int Send(const Options& /*options*/, const Words& words) {
-  const Answer answer = Ask(kiosk::text::Secret(words[1]));
-  PrintJson(answer);
+  kiosk::text::Secret request(words[1]);
+  if (words[1] == "-" || words[1].starts_with('@')) {
+    const DWORD error = ReadRequest(words[1], request);
+    if (error != ERROR_SUCCESS) {
+      return WrongUsage("cannot read the request" + ErrorText(error));
+    }
+  }
+  const Answer answer = Ask(std::move(request));
+  PrintReply(answer);
   return Ok(answer) ? static_cast<int>(kDone) : Failed({.json = true}, answer);
 }
 
@@ -171,6 +219,9 @@ int NetSet(const Options& options, const Words& words) {
   request.Set("dns", std::move(dns));
   if (options.keep) {
     request.Set("keep", true);
+  }
+  if (!options.json) {
+    kiosk::win32::Print("Windows changes the adapter now. That may take some minutes, more when it has to go back.\n");
   }
   return Run(options, std::move(request), AppliedText, kNetSetWait);
 }

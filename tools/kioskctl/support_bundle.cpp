@@ -1,135 +1,184 @@
+#include "check.h"
 #include "commands.h"
 #include "json/serialise.h"
+#include "log_files.h"
+#include "redact.h"
 #include "support_facts.h"
+#include "win32/clock.h"
 #include "win32/console.h"
+#include "win32/grow.h"
 #include "win32/handle.h"
 #include "win32/security.h"
+#include "win32/thread.h"
 #include "win32/wide_text.h"
+#include "zip_archive.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <iterator>
+#include <memory>
+#include <utility>
 
 namespace kioskctl {
 namespace {
 
+using kiosk::win32::FileHandle;
 using kiosk::win32::Print;
 using kiosk::win32::PrintError;
 
 constexpr std::size_t kLogBudget = std::size_t{20} * 1024 * 1024;
+constexpr DWORD kPatience = 60'000;  // ms, for all sections together: no part of Windows that hangs keeps the rest back
+
+std::string CheckFacts() { return FindingsText(CheckAll()); }
 
 std::string StatusAnswer() {
   const Answer answer = Ask(kiosk::text::Secret(R"({"cmd":"status"})"), kStatusWait);
-  if (answer.outcome == Outcome::kReply) {
-    return kiosk::json::Serialise(answer.reply) + "\n";
-  }
-  return "no answer (error " + std::to_string(answer.error) + ")\n";
+  return answer.outcome == Outcome::kReply ? kiosk::json::Serialise(answer.reply) + "\n"
+                                           : "no answer" + ErrorText(answer.error) + "\n";
 }
 
 struct Section {
-  const wchar_t* file;
+  const char* file;
   std::string (*text)();
 };
 
 constexpr Section kSections[] = {
-    {L"computer.txt", ComputerFacts}, {L"service.txt", ServiceFacts},          {L"status.txt", StatusAnswer},
-    {L"state.txt", StateFacts},       {L"settings.txt", SettingsFacts},        {L"tasks.txt", TaskFacts},
-    {L"proxy.txt", ProxyFacts},       {L"certificates.txt", CertificateFacts}, {L"folders.txt", FolderFacts},
+    {"check.txt", CheckFacts},
+    {"computer.txt", ComputerFacts},
+    {"service.txt", ServiceFacts},
+    {"status.txt", StatusAnswer},
+    {"events.txt", EventFacts},
+    {"sessions.txt", SessionFacts},
+    {"state.txt", StateFacts},
+    {"settings.txt", SettingsFacts},
+    {"network.txt", NetworkFacts},
+    {"tasks.txt", TaskFacts},
+    {"certificates.txt", CertificateFacts},
+    {"folders.txt", FolderFacts},
+    {"files.txt", FileFacts},
 };
 
-// Protected; full control for SYSTEM, Administrators and the owner ("OWNER RIGHTS", whoever makes the bundle),
-// inherited by all content. The logs are for administrators alone, and a copy must not be for others because of where
-// it is put.
-constexpr wchar_t kPrivate[] = L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;FA;;;S-1-3-4)";
+// A section on its way. Its thread may hang in Windows for ever: then it is left behind, with its share of the text.
+struct Asked {
+  std::shared_ptr<std::string> text = std::make_shared<std::string>();
+  kiosk::win32::KernelHandle thread;
 
-bool MakeFolder(const std::wstring& path) {
+  explicit Asked(const Section& section)
+      : thread(kiosk::win32::StartThread([out = text, ask = section.text]() noexcept { *out = ask(); })) {}
+};
+
+// Full control for SYSTEM, Administrators and the owner ("OWNER RIGHTS", whoever makes the bundle), for nobody else.
+// The logs are for administrators alone, and a copy must not be for others because of where it is put.
+constexpr wchar_t kPrivate[] = L"D:P(A;;FA;;;SY)(A;;FA;;;BA)(A;;FA;;;S-1-3-4)";
+
+std::wstring FullPath(const std::wstring& folder) {
+  std::vector<wchar_t> buffer;
+  kiosk::win32::CallGrowing(buffer, [&folder](wchar_t* out, DWORD* size) -> DWORD {
+    *size = GetFullPathNameW(folder.c_str(), *size, out, nullptr);
+    return *size != 0 ? DWORD{ERROR_SUCCESS} : GetLastError();
+  });
+  return buffer.empty() ? folder : std::wstring(buffer.begin(), buffer.end());
+}
+
+// A file that was not there, with `path` its full path; several in one second get a number each. Invalid, with the last
+// error, when none can be made.
+FileHandle MakeFile(const std::wstring& folder, const SYSTEMTIME& now, std::wstring& path) {
   const kiosk::win32::SecurityDescriptor descriptor(kPrivate);
   SECURITY_ATTRIBUTES security = descriptor.Attributes();
-  return descriptor && CreateDirectoryW(path.c_str(), &security) != 0;
-}
-
-bool WriteText(const std::wstring& path, const std::string& text) {
-  const kiosk::win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
-  DWORD written = 0;
-  return file && WriteFile(file.Get(), text.data(), static_cast<DWORD>(text.size()), &written, nullptr) != 0 &&
-         written == text.size();
-}
-
-std::wstring NewFolderName() {
-  SYSTEMTIME now;
-  GetLocalTime(&now);
-  wchar_t name[64];
-  static_cast<void>(std::swprintf(name, std::size(name), L"NorvaneKiosk-support-%04d%02d%02d-%02d%02d%02d", now.wYear,
-                                  now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond));
-  return name;
-}
-
-// The end of the file, at most `limit` bytes from the beginning of a line on. The service may write to the file, move
-// or delete it meanwhile; a link is not followed.
-bool ReadEnd(const std::wstring& path, std::size_t limit, std::string& text) {
-  constexpr DWORD kAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-  const kiosk::win32::FileHandle file(
-      CreateFileW(path.c_str(), GENERIC_READ, kAll, nullptr, OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-  LARGE_INTEGER size{};
-  if (!file || GetFileSizeEx(file.Get(), &size) == 0) {
-    return false;
+  const std::wstring full = FullPath(folder);
+  FileHandle file;
+  for (int number = 1; descriptor && !file && number < 100; ++number) {
+    wchar_t name[64];
+    static_cast<void>(std::swprintf(name, std::size(name), L"NorvaneKiosk-support-%04d%02d%02d-%02d%02d%02d", now.wYear,
+                                    now.wMonth, now.wDay, now.wHour, now.wMinute, now.wSecond));
+    path = full + (full.ends_with(L'\\') ? L"" : L"\\") + name +
+           (number > 1 ? L"-" + std::to_wstring(number) : std::wstring()) + L".zip";
+    file.Reset(CreateFileW(path.c_str(), GENERIC_WRITE | DELETE, 0, &security, CREATE_NEW, 0, nullptr));
+    if (!file && GetLastError() != ERROR_FILE_EXISTS) {
+      break;
+    }
   }
-  const LONGLONG wanted = std::min(size.QuadPart, static_cast<LONGLONG>(limit));
-  const LARGE_INTEGER from{.QuadPart = size.QuadPart - wanted};
-  text.resize(static_cast<std::size_t>(wanted));
-  DWORD read = 0;
-  if (SetFilePointerEx(file.Get(), from, nullptr, FILE_BEGIN) == 0 ||
-      ReadFile(file.Get(), text.data(), static_cast<DWORD>(wanted), &read, nullptr) == 0) {
-    return false;
-  }
-  text.resize(read);
-  if (from.QuadPart != 0) {
-    text.erase(0, text.find('\n') + 1);
-  }
-  return true;
+  return file;
 }
 
-// The day's folder becomes a part of the copy's name: files of different days have the same names.
-void CopyLogs(const std::wstring& folder) {
-  int failed = 0;
+void AddLogs(ZipArchive& archive, const std::vector<std::wstring>& names) {
   for (const std::wstring& path : NewestLogs(kLogBudget)) {
+    // The day's folder becomes a part of the copy's name: files of different days have the same names.
     const std::size_t nameAt = path.rfind(L'\\');
     const std::size_t parentAt = path.rfind(L'\\', nameAt - 1);
     const std::wstring name = path.substr(parentAt + 1, nameAt - parentAt - 1) + L"-" + path.substr(nameAt + 1);
     std::string text;
-    const bool copied = ReadEnd(path, kLogBudget, text) && WriteText(folder + L"\\" + name, WithoutSids(text));
-    failed += copied ? 0 : 1;
-  }
-  if (failed != 0) {
-    PrintError(std::to_string(failed) + " log file(s) could not be copied.\n");
+    std::uint64_t offset = 0;
+    if (!ReadLog(path, offset, kLogBudget, text)) {
+      text = "cannot be read" + ErrorText(GetLastError()) + "\n";
+    }
+    archive.Add("logs/" + kiosk::win32::ToNarrow(name), Redacted(text, names));
   }
 }
 
-int CannotWrite(const std::wstring& path) {
+// The whole zip file. Prints the name of each member that is done, for a person who waits.
+std::string Collect(const Options& options, const SYSTEMTIME& now) {
+  const kiosk::win32::Deadline deadline(kPatience);
+  std::vector<Asked> asked;
+  for (const Section& section : kSections) {
+    asked.emplace_back(section);
+  }
+  FILETIME time{};
+  WORD date = 0;
+  WORD timeOfDay = 0;
+  if (SystemTimeToFileTime(&now, &time) != 0) {
+    FileTimeToDosDateTime(&time, &date, &timeOfDay);
+  }
+  const auto tell = [&options](const char* what) { Print(options.json ? "" : std::string("  ") + what + "\n"); };
+  ZipArchive archive(date, timeOfDay);
+  const std::vector<std::wstring> names = NamesOfUsers();
+  for (std::size_t i = 0; i < asked.size(); ++i) {
+    const HANDLE thread = asked[i].thread.Get();
+    const bool done = thread != nullptr && WaitForSingleObject(thread, deadline.Left()) == WAIT_OBJECT_0;
+    archive.Add(kSections[i].file, done ? Redacted(*asked[i].text, names) : "no answer within a minute\n");
+    tell(kSections[i].file);
+  }
+  AddLogs(archive, names);
+  tell("logs");
+  return archive.Finish();
+}
+
+// Returns a Windows error, after which the file goes when it is closed.
+DWORD WriteWhole(HANDLE file, const std::string& bytes) {
+  DWORD written = 0;
+  if (WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) != 0) {
+    return ERROR_SUCCESS;
+  }
   const DWORD error = GetLastError();
-  PrintError("Cannot write " + kiosk::win32::ToNarrow(path) + " (error " + std::to_string(error) + ").\n");
-  return kServiceError;
+  FILE_DISPOSITION_INFO gone{TRUE};
+  SetFileInformationByHandle(file, FileDispositionInfo, &gone, sizeof(gone));
+  return error;
 }
 
 }  // namespace
 
-int SupportBundle(const Options& /*options*/, const Words& words) {
-  std::wstring folder = kiosk::win32::ToWide(words.size() > 1 && !words[1].empty() ? words[1] : ".");
-  folder += (folder.back() == L'\\' ? L"" : L"\\") + NewFolderName();
-  const std::wstring logs = folder + L"\\logs";
-  if (!MakeFolder(folder) || !MakeFolder(logs)) {
-    return CannotWrite(folder);
+int SupportBundle(const Options& options, const Words& words) {
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  std::wstring path;
+  const std::wstring folder = kiosk::win32::ToWide(words.size() > 1 && !words[1].empty() ? words[1] : ".");
+  const FileHandle file = MakeFile(folder, now, path);
+  DWORD error = file ? DWORD{ERROR_SUCCESS} : GetLastError();
+  if (file) {
+    Print(options.json ? "" : "Collecting, which takes a minute at most:\n");
+    error = WriteWhole(file.Get(), Collect(options, now));
   }
-  for (const Section& section : kSections) {
-    const std::wstring path = folder + L"\\" + section.file;
-    if (!WriteText(path, WithoutSids(section.text()))) {
-      return CannotWrite(path);
-    }
+  const std::string shown = kiosk::win32::ToNarrow(path);
+  if (error != ERROR_SUCCESS) {
+    PrintError("Cannot write " + shown + ErrorText(error) + ".\n");
+    return kServiceError;
   }
-  CopyLogs(logs);
-  Print("Support bundle: " + kiosk::win32::ToNarrow(folder) +
-        "\nIt holds neither the terminal's token nor a password. It does name this computer, its users and addresses:\n"
-        "look through it before you hand it on. Only administrators and you can open it.\n");
+  if (options.json) {
+    PrintJson(kiosk::json::Value::Object().Set("bundle", shown));
+  } else {
+    Print("Support bundle: " + shown +
+          "\nIt holds no token, no password and no user's name, but names and addresses of this computer, its network\n"
+          "and the portal: look through it before you hand it on. Only administrators and you can open it.\n");
+  }
   return kDone;
 }
 

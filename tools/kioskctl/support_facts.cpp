@@ -1,6 +1,8 @@
 #include "support_facts.h"
 
 #include "check.h"
+#include "exchange.h"
+#include "file_version.h"
 
 #include "account/winlogon.h"
 #include "branding/branding_folder.h"
@@ -15,7 +17,6 @@
 #include "text/text.h"
 #include "win32/clock.h"
 #include "win32/com.h"
-#include "win32/folder_entries.h"
 #include "win32/grow.h"
 #include "win32/owners.h"
 #include "win32/security.h"
@@ -24,11 +25,9 @@
 #include <aclapi.h>
 #include <sddl.h>
 #include <taskschd.h>
-#include <winhttp.h>
 
 #include <algorithm>
 #include <cstdio>
-#include <functional>
 #include <iterator>
 #include <optional>
 #include <string_view>
@@ -37,12 +36,7 @@ namespace kioskctl {
 namespace {
 
 using kiosk::state::RawValue;
-using kiosk::win32::FolderEntry;
 using kiosk::win32::ToNarrow;
-
-std::string ErrorText(const char* what, unsigned long error) {
-  return std::string(what) + " (error " + std::to_string(error) + ")\n";
-}
 
 std::string TimeText(const SYSTEMTIME& time) {
   char text[40];
@@ -51,21 +45,16 @@ std::string TimeText(const SYSTEMTIME& time) {
   return text;
 }
 
-std::string FileTimeText(std::uint64_t value) {
-  const FILETIME time = kiosk::win32::ToFileTime(value);
-  SYSTEMTIME split;
-  return FileTimeToSystemTime(&time, &split) != 0 ? TimeText(split) + " UTC" : std::to_string(value);
-}
-
 // Values that are, or may be, a secret of the terminal or of its owner. Other programs keep values in some of the keys.
 bool IsSecret(const std::wstring& name) {
-  constexpr std::wstring_view kSecrets[] = {L"token", L"password", L"secret", L"accountsid"};
+  constexpr std::wstring_view kSecrets[] = {L"token", L"password", L"secret", L"digest", L"accountsid"};
   std::wstring lower = name;
   std::transform(lower.begin(), lower.end(), lower.begin(), kiosk::text::AsciiLower<wchar_t>);
   return std::any_of(std::begin(kSecrets), std::end(kSecrets),
                      [&](std::wstring_view each) { return lower.find(each) != std::wstring::npos; });
 }
 
+// Bytes may hold anything, names of users too, in a form in which nothing finds them.
 std::string Content(const RawValue& value) {
   if (const auto text = value.Text()) {
     return "\"" + ToNarrow(*text) + "\"";
@@ -76,12 +65,7 @@ std::string Content(const RawValue& value) {
   if (const auto number = value.Qword()) {
     return std::to_string(*number) + " = " + FileTimeText(*number);
   }
-  std::string hex;
-  for (std::size_t i = 0; i < std::min<std::size_t>(value.bytes.size(), 64); ++i) {
-    kiosk::text::AppendHex(hex, value.bytes[i]);
-    hex += ' ';
-  }
-  return hex;
+  return "not shown";
 }
 
 std::string ValueLine(const std::wstring& name, const RawValue& value) {
@@ -97,7 +81,8 @@ std::string WholeKey(const wchar_t* subkey) {
     return text + "  does not exist\n";
   }
   if (opened != ERROR_SUCCESS) {
-    return text + ErrorText("  cannot be read; run this as an administrator", static_cast<unsigned long>(opened));
+    return text + "  cannot be read; run this as an administrator" + ErrorText(static_cast<unsigned long>(opened)) +
+           "\n";
   }
   std::wstring name(16384, L'\0');
   for (DWORD index = 0;; ++index) {
@@ -134,6 +119,7 @@ constexpr NamedValue kWindowsSettings[] = {
     {kUpdatePolicies, L"ActiveHoursEnd"},
     {kUpdatePolicies, L"ActiveHoursMaxRange"},
     {L"SOFTWARE\\Policies\\Microsoft\\Windows\\WindowsUpdate\\AU", L"NoAutoRebootWithLoggedOnUsers"},
+    {L"SYSTEM\\CurrentControlSet\\Control\\Session Manager\\Power", L"HiberbootEnabled"},
     {L"SYSTEM\\CurrentControlSet\\Services\\W32Time\\Parameters", L"NtpServer"},
 };
 
@@ -188,7 +174,7 @@ std::string ClientCertificateText() {
       store ? CertFindCertificateInStore(store.Get(), X509_ASN_ENCODING, 0, CERT_FIND_SHA1_HASH, &wanted, nullptr)
             : nullptr);
   if (!found) {
-    return text + ErrorText("not in the computer's personal store", GetLastError());
+    return text + "not in the computer's personal store" + ErrorText(GetLastError()) + "\n";
   }
   DWORD needed = 0;
   const bool hasKey = CertGetCertificateContextProperty(found.Get(), CERT_KEY_PROV_INFO_PROP_ID, nullptr, &needed) != 0;
@@ -203,25 +189,37 @@ std::string Descriptor(const std::wstring& path) {
                             nullptr, nullptr, nullptr, nullptr, &descriptor);
   const kiosk::win32::LocalMemory owner(descriptor);
   if (error != ERROR_SUCCESS) {
-    return ToNarrow(path) + ErrorText(": cannot be read", error);
+    return ToNarrow(path) + ": cannot be read" + ErrorText(error) + "\n";
   }
   wchar_t* sddl = nullptr;
   if (ConvertSecurityDescriptorToStringSecurityDescriptorW(
           descriptor, SDDL_REVISION_1, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, &sddl, nullptr) == 0) {
-    return ToNarrow(path) + ErrorText(": no text for its permissions", GetLastError());
+    return ToNarrow(path) + ": no text for its permissions" + ErrorText(GetLastError()) + "\n";
   }
   const kiosk::win32::LocalMemory text(sddl);
   return ToNarrow(path) + "\n  " + ToNarrow(sddl) + "\n";
 }
 
-void CollectLogs(const std::wstring& folder, std::vector<FolderEntry>& logs) {
-  std::ranges::copy_if(kiosk::win32::EntriesOf(folder, L"*.log"), std::back_inserter(logs),
-                       [](const FolderEntry& each) {
-                         return kiosk::win32::IsPlainFile(each.attributes) && each.path.ends_with(L".log");
-                       });
+// As Windows names itself, in values that "winver" shows too.
+std::string EditionText() {
+  constexpr wchar_t kWindows[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion";
+  std::string text;
+  for (const wchar_t* name : {L"ProductName", L"EditionID", L"DisplayVersion", L"CurrentBuild", L"UBR"}) {
+    RawValue value;
+    if (kiosk::state::ReadValue(kWindows, name, value) == ERROR_SUCCESS) {
+      text += "  " + ToNarrow(name) + " " + Content(value) + "\n";
+    }
+  }
+  return text;
 }
 
 }  // namespace
+
+std::string FileTimeText(std::uint64_t value) {
+  const FILETIME time = kiosk::win32::ToFileTime(value);
+  SYSTEMTIME split;
+  return FileTimeToSystemTime(&time, &split) != 0 ? TimeText(split) + " UTC" : std::to_string(value);
+}
 
 std::string ComputerFacts() {
   SYSTEMTIME utc;
@@ -230,9 +228,10 @@ std::string ComputerFacts() {
   GetLocalTime(&local);
   ULARGE_INTEGER room{};
   const bool known = GetDiskFreeSpaceExW(L"C:\\", &room, nullptr, nullptr) != 0;
-  return std::string("kioskctl ") + kiosk::log::kVersion + "\nWindows " + kiosk::state::OsVersionText() + "\ntime " +
-         TimeText(utc) + " UTC, " + TimeText(local) + " local\nrunning for " +
-         std::to_string(kiosk::win32::TickCount() / 60'000) +
+  return std::string(kProgram) + " " + kiosk::log::kVersion + "\nservice " + FileVersion(ServiceFile()) + "\nclient " +
+         FileVersion(kiosk::state::ClientInstallFolder() + L"\\NorvaneTessalyClient.exe") + "\nWindows " +
+         kiosk::state::OsVersionText() + "\n" + EditionText() + "time " + TimeText(utc) + " UTC, " + TimeText(local) +
+         " local\nrunning for " + std::to_string(kiosk::win32::TickCount() / 60'000) +
          " min\nfree on C: " + (known ? std::to_string(room.QuadPart / 1'048'576) + " MB\n" : "unknown\n");
 }
 
@@ -242,7 +241,7 @@ std::string ServiceFacts() {
       manager ? OpenServiceW(manager.Get(), kiosk::service::kServiceName, SERVICE_QUERY_STATUS | SERVICE_QUERY_CONFIG)
               : nullptr);
   if (!service) {
-    return ErrorText("the service manager does not show the service", GetLastError());
+    return "the service manager does not show the service" + ErrorText(GetLastError()) + "\n";
   }
   SERVICE_STATUS_PROCESS status{};
   DWORD needed = 0;
@@ -263,7 +262,7 @@ std::string ServiceFacts() {
     return ERROR_SUCCESS;
   });
   if (error != ERROR_SUCCESS) {
-    return text + ErrorText("its configuration cannot be read", error);
+    return text + "its configuration cannot be read" + ErrorText(error) + "\n";
   }
   const auto* config = reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(buffer.data());
   return text + "start type " + std::to_string(config->dwStartType) + " (2 automatic, 3 manual, 4 disabled)\nprogram " +
@@ -281,10 +280,11 @@ std::string SettingsFacts() {
   for (const NamedValue& setting : kWindowsSettings) {
     RawValue value;
     const LSTATUS status = kiosk::state::ReadValue(setting.subkey, setting.name, value);
-    text += ToNarrow(setting.subkey) + "\n" +
-            (status == ERROR_SUCCESS          ? ValueLine(setting.name, value)
-             : status == ERROR_FILE_NOT_FOUND ? "  " + ToNarrow(setting.name) + " not set\n"
-                                              : ErrorText("  cannot be read", static_cast<unsigned long>(status)));
+    text +=
+        ToNarrow(setting.subkey) + "\n" +
+        (status == ERROR_SUCCESS          ? ValueLine(setting.name, value)
+         : status == ERROR_FILE_NOT_FOUND ? "  " + ToNarrow(setting.name) + " not set\n"
+                                          : "  cannot be read" + ErrorText(static_cast<unsigned long>(status)) + "\n");
   }
   return text;
 }
@@ -293,7 +293,7 @@ std::string TaskFacts() {
   const kiosk::win32::ComApartment apartment;
   kiosk::win32::ComPtr<ITaskFolder> root;
   if (const HRESULT result = RootOfTasks(root); FAILED(result)) {
-    return ErrorText("Task Scheduler cannot be reached", static_cast<unsigned long>(result));
+    return "Task Scheduler cannot be reached" + ErrorText(static_cast<unsigned long>(result)) + "\n";
   }
   std::string text;
   for (const wchar_t* name : kTasks) {
@@ -310,20 +310,9 @@ bool TasksAreThere() {
   const kiosk::win32::ComApartment apartment;
   kiosk::win32::ComPtr<ITaskFolder> root;
   return SUCCEEDED(RootOfTasks(root)) && std::ranges::all_of(kTasks, [&root](const wchar_t* name) {
-           kiosk::win32::Bstr xml;
-           return SUCCEEDED(ReadTask(root.Get(), name, xml));
+           kiosk::win32::ComPtr<IRegisteredTask> task;
+           return SUCCEEDED(root->GetTask(kiosk::win32::MakeBstr(name).Get(), task.Put()));
          });
-}
-
-std::string ProxyFacts() {
-  WINHTTP_PROXY_INFO info{};
-  if (WinHttpGetDefaultProxyConfiguration(&info) == 0) {
-    return ErrorText("the default proxy cannot be read", GetLastError());
-  }
-  const kiosk::win32::GlobalText proxy(info.lpszProxy);
-  const kiosk::win32::GlobalText bypass(info.lpszProxyBypass);
-  return "access type " + std::to_string(info.dwAccessType) + " (1 direct, 3 named proxy)\nproxy " +
-         ToNarrow(proxy ? proxy.Get() : L"none") + "\nbypass " + ToNarrow(bypass ? bypass.Get() : L"none") + "\n";
 }
 
 std::string CertificateFacts() { return SignatureText() + ClientCertificateText(); }
@@ -337,39 +326,6 @@ std::string FolderFacts() {
   }
   const std::wstring file = ServiceFile();
   return file.empty() ? text : text + Descriptor(file.substr(0, file.rfind(L'\\'))) + Descriptor(file);
-}
-
-std::string WithoutSids(const std::string& text) {
-  std::string result = text;
-  for (const std::string_view kind : {"S-1-5-21-", "S-1-12-1-"}) {  // of computers and domains; of the cloud
-    for (std::size_t at = result.find(kind); at != std::string::npos; at = result.find(kind, at)) {
-      at += kind.size();
-      const std::size_t end = std::min(result.find_first_not_of("0123456789-", at), result.size());
-      result.replace(at, end - at, "...");
-    }
-  }
-  return result;
-}
-
-std::vector<std::wstring> NewestLogs(unsigned long long budget) {
-  std::vector<FolderEntry> logs;
-  CollectLogs(kiosk::state::kLogRoot, logs);
-  for (const FolderEntry& each : kiosk::win32::EntriesOf(kiosk::state::kLogRoot)) {
-    if (kiosk::win32::IsPlainFolder(each.attributes)) {
-      CollectLogs(each.path, logs);
-    }
-  }
-  std::ranges::sort(logs, std::greater(), &FolderEntry::lastWrite);
-  std::vector<std::wstring> paths;
-  unsigned long long total = 0;
-  for (const FolderEntry& log : logs) {
-    total += log.size;
-    if (!paths.empty() && total > budget) {
-      break;
-    }
-    paths.push_back(log.path);
-  }
-  return paths;
 }
 
 }  // namespace kioskctl
