@@ -12,6 +12,26 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   add_link_options($<$<CONFIG:Release>:-s>)
 endif()
 
+# The texts of the entries in Windows' event log: their numbers for the compiler, and a library without code. Whoever shows
+# entries keeps the library open for long, so its name changes with the texts, and with nothing else.
+set(NORVANE_EVENTS ${CMAKE_SOURCE_DIR}/src/log/event_messages.mc)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${NORVANE_EVENTS})
+file(SHA256 ${NORVANE_EVENTS} digest)
+string(SUBSTRING ${digest} 0 8 digest)
+set(NORVANE_EVENT_LIBRARY NorvaneKioskEvents-${digest}.dll)
+set(made ${CMAKE_BINARY_DIR}/events)
+file(MAKE_DIRECTORY ${made})
+add_custom_command(
+  OUTPUT ${made}/event_messages.h ${CMAKE_BINARY_DIR}/${NORVANE_EVENT_LIBRARY}
+  COMMAND ${NORVANE_WINDMC} ${NORVANE_EVENTS}
+  COMMAND ${CMAKE_RC_COMPILER} event_messages.rc event_messages.o
+  COMMAND ${NORVANE_LD} -s --dll --entry=0 --no-insert-timestamp -o ${CMAKE_BINARY_DIR}/${NORVANE_EVENT_LIBRARY} event_messages.o
+  DEPENDS ${NORVANE_EVENTS}
+  WORKING_DIRECTORY ${made}
+  VERBATIM)
+add_custom_target(NorvaneKioskEvents ALL DEPENDS ${made}/event_messages.h ${CMAKE_BINARY_DIR}/${NORVANE_EVENT_LIBRARY})
+include_directories(SYSTEM ${made})
+
 # Everything but main: what the tests link is what ships.
 file(GLOB_RECURSE NORVANE_SOURCES CONFIGURE_DEPENDS src/*.cpp)
 list(REMOVE_ITEM NORVANE_SOURCES ${CMAKE_SOURCE_DIR}/src/service/main.cpp)
@@ -20,7 +40,9 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   # Which variable needs which lock (win32/thread_safety.h). The tests reach behind the locks.
   target_compile_options(kiosk PRIVATE -Wthread-safety)
 endif()
-target_compile_definitions(kiosk PRIVATE NORVANE_AUTH_BASE_URL="${NORVANE_AUTH_BASE_URL}")
+target_compile_definitions(kiosk PRIVATE NORVANE_AUTH_BASE_URL="${NORVANE_AUTH_BASE_URL}"
+  NORVANE_EVENT_LIBRARY="${NORVANE_EVENT_LIBRARY}")
+add_dependencies(kiosk NorvaneKioskEvents)
 set(NORVANE_SYSTEM_LIBRARIES advapi32 bcrypt crypt32 iphlpapi netapi32 ole32 oleaut32 powrprof taskschd user32 userenv wbemuuid wintrust
     winhttp wtsapi32 ws2_32 ssp)
 # ntdll has functions of the C library, too, which are not to come from there.
@@ -61,6 +83,7 @@ if(BUILD_TESTING)
   target_include_directories(kiosk_test_cases PRIVATE ${CMAKE_SOURCE_DIR})
   target_include_directories(kiosk_test_cases SYSTEM PRIVATE ${NORVANE_LIBRARY_HEADERS})
   target_link_libraries(kiosk_test_cases PRIVATE gtest)
+  add_dependencies(kiosk_test_cases NorvaneKioskEvents)
 
   # What Windows promises, asked of the simulation and, not renamed, of what is there; and the kit around the cases, without
   # what has two implementations or must not be renamed.

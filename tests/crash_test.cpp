@@ -4,6 +4,7 @@
 #include "log/log.h"
 #include "log/log_settings.h"
 #include "log/shipper/shipper.h"
+#include "sim/event_log.h"
 #include "sim/threads.h"
 #include "state/folders.h"
 #include "tests/support/spool.h"
@@ -28,7 +29,7 @@ std::vector<std::wstring> Dumps() {
   return paths;
 }
 
-TEST_F(CrashTest, AFaultLeavesOneLineAndADump) {
+TEST_F(CrashTest, AFaultLeavesOneLineADumpAndAnEntry) {
   test::SetString(log::kSettingsKey, L"LogEndpoint", L"https://127.0.0.1:9/gelf");
   InstallCrashHandler();
   const LPTOP_LEVEL_EXCEPTION_FILTER filter = SetUnhandledExceptionFilter(nullptr);
@@ -46,13 +47,17 @@ TEST_F(CrashTest, AFaultLeavesOneLineAndADump) {
   record.ExceptionAddress = reinterpret_cast<void*>(&InstallCrashHandler);
   EXPECT_EQ(filter(&details), EXCEPTION_EXECUTE_HANDLER);
   // The service would end after 10 s, whatever has been written by then; a busy machine needs longer for the whole of
-  // it. The last thing is the line for the central log, in the spool.
-  std::string spooled;
-  for (int i = 0; i < 600 && spooled.empty(); ++i) {
+  // it. The last thing is the entry in the event log.
+  std::vector<std::string> entries;
+  for (int i = 0; i < 600 && entries.empty(); ++i) {
     Sleep(100);
-    for (const std::wstring& name : log::shipper::Segments()) {
-      spooled += test::ReadWholeFile(log::shipper::kDrop + L"\\" + name);
-    }
+    entries = sim::EventLogEntries();
+  }
+  ASSERT_EQ(entries.size(), 1U);
+  EXPECT_TRUE(entries[0].starts_with("NorvaneKiosk error 102 [0xc0000005] [program+0x")) << entries[0];
+  std::string spooled;
+  for (const std::wstring& name : log::shipper::Segments()) {
+    spooled += test::ReadWholeFile(log::shipper::kDrop + L"\\" + name);
   }
   EXPECT_NE(spooled.find("\"fault 0xc0000005 at program+0x"), std::string::npos) << spooled;
   const std::vector<std::wstring> dumps = Dumps();

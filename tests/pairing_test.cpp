@@ -6,6 +6,7 @@
 #include "enrolment/device_token.h"
 #include "json/parse.h"
 #include "json/serialise.h"
+#include "sim/event_log.h"
 #include "sim/faults.h"
 #include "sim/shutdown.h"
 #include "tests/support/command.h"
@@ -134,15 +135,17 @@ TEST_F(Pairing, WhatAClaimedCodeLeadsTo) {
     std::string reply;
     bool tokenAfter;
     bool account;
+    const char* events;
   } const cases[] = {
-      {"provisioned", good, nullptr, true, kProvisioned, true, true},
-      {"portal out of reach", Reply(503), nullptr, true, kProvisioned, true, true},
-      {"nonsense", Reply(200, "<html>"), nullptr, true, kProvisioned, true, true},
+      {"provisioned", good, nullptr, true, kProvisioned, true, true, "200 201"},
+      {"portal out of reach", Reply(503), nullptr, true, kProvisioned, true, true, "200 201"},
+      {"nonsense", Reply(200, "<html>"), nullptr, true, kProvisioned, true, true, "200 201"},
       {"not known yet", Reply(401, R"({"status":"unknown"})"), nullptr, true,
-       R"({"ok":true,"paired":true,"provisioned":false,"error":"unreachable"})", true, false},
-      {"revoked", Reply(401, R"({"status":"revoked"})"), nullptr, true, kRevoked, false, false},
-      {"torn down meanwhile", good, [] { account::RemoveKioskMode(false, "because"); }, true, kRevoked, false, false},
-      {"no client", good, nullptr, false, R"({"ok":false,"error":"no_client"})", true, false},
+       R"({"ok":true,"paired":true,"provisioned":false,"error":"unreachable"})", true, false, "200"},
+      {"revoked", Reply(401, R"({"status":"revoked"})"), nullptr, true, kRevoked, false, false, "200 203"},
+      {"torn down meanwhile", good, [] { account::RemoveKioskMode(false, "because"); }, true, kRevoked, false, false,
+       "200 203"},
+      {"no client", good, nullptr, false, R"({"ok":false,"error":"no_client"})", true, false, "200 202"},
   };
   int paired = 0;
   for (const auto& each : cases) {
@@ -169,6 +172,7 @@ TEST_F(Pairing, WhatAClaimedCodeLeadsTo) {
     EXPECT_EQ(sim::FindUser(L"NorvaneKiosk").has_value(), each.account) << each.what;
     EXPECT_EQ(account::KioskRestartPending(), each.account) << each.what;
     EXPECT_EQ(test::CountLogged("INFO paired: device token held"), ++paired);
+    EXPECT_EQ(sim::EventLogNumbers(), each.events) << each.what;
     const std::size_t before = portal_.Requests().size();
     EXPECT_EQ(Check(), R"({"ok":false,"error":"unknown_code"})");
     if (each.tokenAfter) {

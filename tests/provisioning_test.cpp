@@ -4,6 +4,7 @@
 #include "enrolment/device_token.h"
 #include "sim/buffers.h"
 #include "sim/computer.h"
+#include "sim/event_log.h"
 #include "sim/faults.h"
 #include "sim/lsa.h"
 #include "sim/profiles.h"
@@ -147,7 +148,8 @@ TEST_F(ProvisioningTest, EachFailureHasItsCodeAndIsOverWhenItsCauseIs) {
 TEST_F(ProvisioningTest, RefusesWithoutTouchingAnything) {
   const auto expect = [](const char* code) {
     EXPECT_EQ(Provision(), code);
-    EXPECT_EQ(test::StateNames(), std::set<std::wstring>{L"LastError"});
+    EXPECT_EQ(test::StateNames(), (std::set<std::wstring>{L"LastError", L"ToldTroubles"}));
+    EXPECT_EQ(sim::EventLogEntries(), std::vector<std::string>{"NorvaneKiosk error 202 [no_client] [0]"});
     EXPECT_EQ(CountLogged(std::string("ERROR provisioning failed: ") + code + " (0)"), 1);
     EXPECT_TRUE(sim::UserNames().empty());
   };

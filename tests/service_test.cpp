@@ -7,6 +7,7 @@
 #include "enrolment/enrolment.h"
 #include "service/install.h"
 #include "sim/computer.h"
+#include "sim/event_log.h"
 #include "sim/fault_driver.h"
 #include "sim/service_control.h"
 #include "tests/support/pipe_exchange.h"
@@ -56,6 +57,7 @@ TEST_F(ServiceTest, ReportsItsStatesAndAnswersControls) {
     ASSERT_EQ(WaitForSingleObject(service.Get(), 20'000), WAIT_OBJECT_0);
   }
   EXPECT_EQ(exitCode, 0);
+  EXPECT_EQ(sim::EventLogNumbers(), "100 101");
   using Report = std::array<DWORD, 5>;  // type, state, controls, wait hint, check point
   std::vector<Report> reports;
   for (const SERVICE_STATUS& each : host.Reports()) {

@@ -12,6 +12,7 @@
 #include "proxy/proxy.h"
 #include "sim/buffers.h"
 #include "sim/computer.h"
+#include "sim/event_log.h"
 #include "sim/faults.h"
 #include "sim/lsa.h"
 #include "sim/profiles.h"
@@ -85,7 +86,9 @@ TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
     EXPECT_TRUE(pass.Flushed(L"DeviceToken") && pass.Flushed(L"TeardownPending"));
   }
   EXPECT_EQ(sim::DumpMachine(), before);
-  EXPECT_EQ(StateNames(), (std::set<std::wstring>{L"MaintenanceFailures", L"MaintenanceLockedUntil"}));
+  EXPECT_EQ(StateNames(), (std::set<std::wstring>{L"MaintenanceFailures", L"MaintenanceLockedUntil", L"ToldTroubles"}))
+      << "troubles of the computer outlast the kiosk";
+  EXPECT_EQ(sim::EventLogEntries().back(), "NorvaneKiosk warning 203 [because]");
   EXPECT_FALSE(CheckUnlockToken(unlock.Get(), session));
   EXPECT_FALSE(KioskRestartPending());
   EXPECT_EQ(enrolment::PendingPairingCode(), "");
@@ -207,6 +210,7 @@ TEST_F(TeardownTest, APendingRemovalIsRetriedAlsoByAnUninstall) {
   ASSERT_EQ(RegCreateKeyW(HKEY_LOCAL_MACHINE, (std::wstring(state::kStateKey) + L"\\Sub").c_str(), key.Put()), 0);
   key.Reset();
   RemoveKioskMode(true, "uninstalled");
+  EXPECT_EQ(sim::EventLogNumbers(), "201 203 201 203");
   EXPECT_TRUE(!test::HasKey(state::kStateKey) && test::HasKey(test::kUpdateKey));
 }
 
@@ -227,6 +231,7 @@ TEST_F(TeardownTest, AMarkBesideATokenIsAnInterruptedOne) {
   FinishPendingRemoval();
   EXPECT_EQ(StateNames(), std::set<std::wstring>{});
   EXPECT_EQ(test::CountLogged("WARN removing kiosk mode: an earlier removal was interrupted"), 1);
+  EXPECT_EQ(sim::EventLogNumbers(), "201 203 201") << "one that was interrupted was told of when it began";
 }
 
 TEST_F(TeardownTest, ProfilesOfEarlierAccountsAreTriedAtStartEachHourAndAtTheEnd) {

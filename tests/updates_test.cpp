@@ -4,6 +4,7 @@
 #include "json/serialise.h"
 #include "pipe/dispatch.h"
 #include "portal/check_in.h"
+#include "sim/event_log.h"
 #include "sim/faults.h"
 #include "sim/shutdown.h"
 #include "tests/support/command.h"
@@ -289,7 +290,11 @@ TEST_F(UpdatesTest, TheReport) {
   // A run that failed before it knew tells nothing about what is missing.
   SetString(state::kStateKey, L"OsUpdatesReport", L"{\"pending\":7,\"restartRequired\":true}");
   run = {RunCode::kFailed, {}, {}, "busy"};
-  EXPECT_TRUE(WriteUpdatesReport("tok", ResultWord(run.code), &run));
+  RecordRun("tok", run);
+  RecordRun("tok", run);
+  RecordRun("of before", {RunCode::kNothing, {}, {}, {}});
+  RecordRun("tok", run);
+  EXPECT_EQ(sim::EventLogEntries(), std::vector<std::string>{"NorvaneKiosk warning 220 [busy]"});
   EXPECT_EQ(InReport("pending") + InReport("restartRequired") + InReport("error") + InReport("lastResult"),
             "7truebusyfailed");
   const std::string before = StoredReport();

@@ -2,10 +2,16 @@
 #include "service/worker.h"
 
 #include "enrolment/device_token.h"
+#include "log/event_log.h"
+#include "log/log.h"
+#include "sim/event_log.h"
 #include "sim/faults.h"
 #include "sim/power.h"
 #include "sim/profiles.h"
+#include "state/folders.h"
 #include "tests/support/terminal.h"
+#include "version.h"
+#include "win32/clock.h"
 #include "win32/stop.h"
 #include "win32/thread.h"
 #include "win32/worker_wake.h"
@@ -37,6 +43,7 @@ class WorkerTest : public test::EnrolledTerminal {
   }
 
   using Times = std::vector<std::uint64_t>;
+  using Texts = std::vector<std::string>;
   const sim::Response good_ = answer_;
   const sim::Response outage_{.status = 503};
   win32::KernelHandle thread_;
@@ -59,6 +66,57 @@ TEST_F(WorkerTest, OutageBacksOffAndIsLoggedOnce) {
   clock_.RunUntil(4'120'000);
   EXPECT_EQ(portal_.Seconds().back(), 4110U);
   EXPECT_EQ(test::CountLogged("WARN check-in: no usable answer from AuthSystem (HTTP 503); still enrolled"), 2);
+}
+
+constexpr char kAway[] = "NorvaneKiosk warning 210 [HTTP 503]";
+constexpr char kBack[] = "NorvaneKiosk information 211";
+constexpr char kSetUp[] = "NorvaneKiosk information 201";
+
+// An hour in which the computer was awake.
+TEST_F(WorkerTest, AnHourWithoutThePortalIsInTheEventLogOnceAndSoIsItsReturn) {
+  answer_ = outage_;
+  StartWorker();
+  clock_.At(1'000'000, [] { sim::sleptSeconds.Set(500); });
+  clock_.RunUntil(4'100'000);
+  EXPECT_EQ(sim::EventLogEntries(), Texts{});
+  clock_.RunUntil(9'000'000);
+  EXPECT_EQ(sim::EventLogEntries(), Texts{kAway});
+  answer_ = good_;
+  clock_.RunUntil(10'000'000);
+  EXPECT_EQ(sim::EventLogEntries(), (Texts{kAway, kBack, kSetUp}));
+}
+
+TEST_F(WorkerTest, ARestartDuringAnOutageTellsTheEventLogNothingAgain) {
+  test::SetDword(state::kStateKey, L"ToldTroubles", log::kPortalAway);
+  answer_ = outage_;
+  StartWorker();
+  clock_.RunUntil(7'200'000);
+  EXPECT_EQ(sim::EventLogEntries(), Texts{});
+  answer_ = good_;
+  clock_.RunUntil(8'000'000);
+  EXPECT_EQ(sim::EventLogEntries(), (Texts{kBack, kSetUp}));
+  EXPECT_FALSE(test::HasValue(state::kStateKey, L"ToldTroubles"));
+}
+
+TEST_F(WorkerTest, WhatIsWrongWithTheComputerIsInTheEventLogOnce) {
+  constexpr int kMade[] = {NORVANE_VERSION_NUMBERS};
+  clock_.SetSystemTime(sim::FileTimeOf(kMade[0], kMade[1], kMade[2]) - 24 * 3600 * win32::kFileTimeSecond - 1);
+  CreateDirectoryW(L"C:\\ProgramData\\Norvane", nullptr);
+  CreateDirectoryW(state::kProductFolder, nullptr);
+  win32::FileHandle inTheWay(CreateFileW(state::kLogRoot, GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
+  ASSERT_TRUE(inTheWay);
+  log::StartBanner(log::kKiosk);
+  StartWorker();
+  clock_.RunUntil(100'000);
+  const std::string folder = "NorvaneKiosk error 111 [" + sim::Narrow(state::kLogRoot) + "] [32]";
+  EXPECT_EQ(sim::EventLogEntries(), (Texts{"NorvaneKiosk warning 110", folder, kSetUp}));
+  clock_.SetSystemTime(test::kMorning);
+  inTheWay.Reset();
+  clock_.RunUntil(3'600'000);
+  log::Log(log::kNotice, log::kKiosk, "the first line after an hour");
+  clock_.RunUntil(3'700'000);
+  EXPECT_EQ(sim::EventLogEntries().size(), 3U);
+  EXPECT_FALSE(test::HasValue(state::kStateKey, L"ToldTroubles"));
 }
 
 TEST_F(WorkerTest, WakeDuringABackOffIsActedOnAtOnce) {

@@ -13,6 +13,7 @@
 #include "enrolment/kiosk_session.h"
 #include "lockdown/kiosk_policies.h"
 #include "lockdown/policy_tables.h"
+#include "log/event_log.h"
 #include "log/log.h"
 #include "state/folders.h"
 #include "state/kiosk_state.h"
@@ -281,10 +282,13 @@ std::string Provision() {
   if (outcome.code != nullptr) {
     log::Log(log::kError, log::kKiosk, "provisioning failed: %s (%lu)", outcome.code, outcome.number);
     state::RecordLastError(outcome.code);
+    log::TellTrouble(log::kSetUpFails, ENTRY_KIOSK_NOT_SET_UP, {outcome.code, std::to_string(outcome.number)});
     return outcome.code;
   }
   log::Log(log::kNotice, log::kKiosk, "provisioned: %s signs in at startup into %s", enrolment::kKioskUserText,
            win32::ToNarrow(client + lockdown::kShellProgram + lockdown::kShellSwitch).c_str());
+  log::TroubleIsOver(log::kSetUpFails);
+  log::WriteEvent(ENTRY_KIOSK_SET_UP);
   return {};
 }
 

@@ -12,6 +12,7 @@
 #include "enrolment/enrolment.h"
 #include "enrolment/kiosk_session.h"
 #include "enrolment/pairing_code.h"
+#include "log/event_log.h"
 #include "log/log.h"
 #include "network/network.h"
 #include "power/power_scheme.h"
@@ -28,6 +29,12 @@
 
 namespace kiosk::account {
 namespace {
+
+// Whether there is a kiosk to be removed, and this is no removal that was begun before and told of then.
+bool IsNewRemoval() {
+  return (state::TokenIsStored() || state::FlagIsOn(state::kProvisioned)) &&
+         (!state::FlagIsOn(state::kTeardownPending) || state::FlagIsOn(state::kTeardownSuperseded));
+}
 
 void MarkPending() {
   // Left by a pairing that was cut short before it had cleaned up; it would call this teardown off.
@@ -92,6 +99,7 @@ bool EraseEnrolment() {
     state::DeleteStateValues({state::kProvisioned, state::kMaintenance, state::kMaintenanceAt});
   }
   state::DeleteStateValues({state::kLastError, state::kUnknownSince, state::kSignIn, state::kTerminalName});
+  log::TroubleIsOver(log::kTroublesOfEnrolment);
   const bool erased = state::DeleteStateValue(state::kDeviceToken);
   state::FlushStateKey();
   return erased;
@@ -122,8 +130,12 @@ void DeleteStateKey() {
 
 // The caller has passed the guard between processes.
 void TearDown(bool deleteStateKey, const char* reason) REQUIRES(AccountLock()) {
+  const bool isNew = IsNewRemoval();
   MarkPending();
   log::Log(log::kWarn, log::kKiosk, "removing kiosk mode: %s", reason);
+  if (isNew) {
+    log::WriteEvent(ENTRY_KIOSK_REMOVED, {reason});
+  }
   CancelKioskRestart();
   DropUnlock();
   { const win32::LockGuard answersThatAreBeingWritten(enrolment::ReplyLock()); }

@@ -47,14 +47,8 @@ constexpr LogFolder kFolders[] = {
 
 enum class Ready { kNo, kRunning, kYes };
 
-// The folder of the tree that could not be secured, and why.
-struct Unsecured {
-  const wchar_t* folder = nullptr;  // null: all are
-  DWORD error = ERROR_SUCCESS;
-};
-
 // Written by the one thread that initialises, before `ready` says so; only read afterwards.
-Unsecured unsecuredAtStart;
+UnsecuredFolder unsecuredAtStart;
 bool central = false;
 
 // The same, and later at most once from false to true, on the pool's thread.
@@ -68,7 +62,7 @@ std::atomic<std::uint64_t> nextPrune{0};
 const Identity* identity = nullptr;
 
 // The handles stay open for the life of the process: nobody can then swap a folder on the way to the files.
-Unsecured SecureLogTree() noexcept {
+UnsecuredFolder SecureLogTree() noexcept {
   CreateDirectoryW(L"C:\\ProgramData", nullptr);
   std::array<win32::FileHandle, std::size(kFolders)> held;
   for (std::size_t i = 0; i < held.size(); ++i) {
@@ -98,7 +92,7 @@ void Initialise() {
   identity = mine;
   // Without a secured tree nothing in it can be trusted: neither written, nor moved, nor pruned.
   unsecuredAtStart = SecureLogTree();
-  if (unsecuredAtStart.folder == nullptr) {
+  if (unsecuredAtStart.path == nullptr) {
     UseLogTree();
     mine->install = LoadOrCreateInstallId(state::kLogRoot);
   } else {
@@ -128,7 +122,7 @@ void EnsureReady() noexcept {
 
 // Whoever was in the way may have gone. The identifier of the installation is in the records from the next start on.
 bool SecureLogTreeLater() {
-  if (SecureLogTree().folder != nullptr) {
+  if (SecureLogTree().path != nullptr) {
     return false;
   }
   UseLogTree();
@@ -290,14 +284,16 @@ void StartBanner(const char* component) {
         identity->site.c_str(), identity->host.c_str());
   }
   Log(kNotice, component, "Central logging: %s | local files: %s", central ? "on" : "off", localFiles ? "on" : "off");
-  if (unsecuredAtStart.folder != nullptr) {
+  if (unsecuredAtStart.path != nullptr) {
     Log(kWarn, component, "log: cannot secure %s (%lu); no line is kept in files, trying again each hour",
-        win32::ToNarrow(unsecuredAtStart.folder).c_str(), unsecuredAtStart.error);
+        win32::ToNarrow(unsecuredAtStart.path).c_str(), unsecuredAtStart.error);
   }
   if (*shipper::Problem() != '\0') {
     Log(kWarn, component, "central log: %s; nothing is shipped", shipper::Problem());
   }
 }
+
+UnsecuredFolder LogTreeProblem() noexcept { return secured ? UnsecuredFolder{} : unsecuredAtStart; }
 
 void StopBanner(const char* component) {
   Log(kNotice, component, "%s shutting down", component);

@@ -37,6 +37,13 @@ void Log(int level, const char* component, const char* format, ...) NORVANE_PRIN
 // Initialises logging, chooses today's folder, and writes who and what is starting.
 void StartBanner(const char* component);
 
+// A folder of the log tree that could not be secured, so that no line is kept in files, and Windows' error.
+struct UnsecuredFolder {
+  const wchar_t* path = nullptr;  // null: all of them are secured
+  unsigned long error = 0;
+};
+UnsecuredFolder LogTreeProblem() noexcept;
+
 // Writes that the program is shutting down and stops central shipping (at most 2 s).
 void StopBanner(const char* component);
 

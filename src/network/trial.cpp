@@ -21,7 +21,7 @@ std::atomic<unsigned> changesMade{0};
 
 struct Trial {
   std::string adapter;
-  std::uint64_t lookedAt;  // as RunningTime
+  std::uint64_t lookedAt;  // as AwakeMilliseconds
   bool linkWasUp;
   std::uint64_t linkedFor;
 };
@@ -32,18 +32,11 @@ std::vector<Trial>& Trials() {
   return *trials;
 }
 
-// Milliseconds without those in which the computer slept.
-std::uint64_t RunningTime() {
-  ULONGLONG units = 0;
-  QueryUnbiasedInterruptTime(&units);
-  return units / win32::kFileTimeMillisecond;
-}
-
 Trial& TrialOf(const std::string& adapter) {
   std::vector<Trial>& trials = Trials();
   const auto found =
       std::find_if(trials.begin(), trials.end(), [&](const Trial& each) { return each.adapter == adapter; });
-  return found != trials.end() ? *found : trials.emplace_back(Trial{adapter, RunningTime(), true, 0});
+  return found != trials.end() ? *found : trials.emplace_back(Trial{adapter, win32::AwakeMilliseconds(), true, 0});
 }
 
 }  // namespace
@@ -72,14 +65,14 @@ void NoteAnswer(unsigned madeBefore, int status) {
 }
 
 void BeginTrial(const std::string& adapter) {
-  TrialOf(adapter) = {adapter, RunningTime(), true, 0};
+  TrialOf(adapter) = {adapter, win32::AwakeMilliseconds(), true, 0};
   ++changesMade;
   win32::WakeWorker();
 }
 
 bool TrialIsOver(const std::string& adapter, bool linkUp) {
   Trial& trial = TrialOf(adapter);
-  const std::uint64_t now = RunningTime();
+  const std::uint64_t now = win32::AwakeMilliseconds();
   trial.linkedFor += linkUp && trial.linkWasUp ? now - trial.lookedAt : 0;
   trial.lookedAt = now;
   trial.linkWasUp = linkUp;

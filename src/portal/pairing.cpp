@@ -10,6 +10,7 @@
 #include "enrolment/pairing_code.h"
 #include "json/parse.h"
 #include "json/serialise.h"
+#include "log/event_log.h"
 #include "log/log.h"
 #include "portal/check_in.h"
 #include "portal/revocation.h"
@@ -141,6 +142,7 @@ std::string Claim(const enrolment::AuthReply& answer, text::Secret& token) REQUI
     return "token_store_failed";
   }
   log::Log(log::kNotice, log::kKiosk, "paired: device token held");
+  log::WriteEvent(ENTRY_PAIRED);
   win32::WakeWorker();
   return {};
 }

@@ -1,5 +1,6 @@
 #include "service/crash.h"
 
+#include "log/event_log.h"
 #include "log/local_log.h"
 #include "log/log.h"
 #include "log/shipper/shipper.h"
@@ -135,16 +136,21 @@ void KeepDump() {
 }
 
 // The thread that is gone may hold the heap, the loader or any lock. So what needs least comes first: the line in the
-// local file, then the dump, and last the central log, whose spool the next run finds.
+// local file, then the dump, then the central log, whose spool the next run finds, and last the event log, which is
+// another process's.
 void Report() {
   const EXCEPTION_RECORD& record = *faultDetails->ExceptionRecord;
+  const auto place = Place(record.ExceptionAddress);
   char text[80];
   static_cast<void>(std::snprintf(text, std::size(text), "fault 0x%08lx at %s; the process ends", record.ExceptionCode,
-                                  Place(record.ExceptionAddress).data()));
+                                  place.data()));
   log::LogFault("%s", text);
   KeepDump();
   log::shipper::HandOff(log::kError, log::kKiosk, text);
   log::CloseCentral();
+  char code[16];
+  static_cast<void>(std::snprintf(code, std::size(code), "0x%08lx", record.ExceptionCode));
+  log::WriteEventHere(ENTRY_CRASHED, {code, place.data()});
 }
 
 LONG WINAPI OnFault(EXCEPTION_POINTERS* details) noexcept {

@@ -2,6 +2,7 @@
 
 #include "account/teardown.h"
 #include "log/log.h"
+#include "service/event_source.h"
 #include "win32/clock.h"
 #include "win32/console.h"
 #include "win32/handle.h"
@@ -91,6 +92,7 @@ int Install() {
     return TellFailure("CreateService", GetLastError());
   }
   DescribeAndGuard(service.Get());
+  AddEventSource(path);
   StartServiceW(service.Get(), 0, nullptr);
   win32::Print("NorvaneKiosk installed\n");
   return 0;
@@ -112,6 +114,7 @@ int Uninstall() {
     if (service) {
       DeleteService(service.Get());
     }
+    RemoveEventSource(win32::ProgramPath());
   }
   log::StopBanner(log::kKiosk);
   win32::Print("NorvaneKiosk removed\n");

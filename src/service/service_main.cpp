@@ -7,6 +7,7 @@
 #include "account/provisioning.h"
 #include "account/teardown.h"
 #include "branding/branding_folder.h"
+#include "log/event_log.h"
 #include "log/log.h"
 #include "pipe/server.h"
 #include "pipe/service_signer.h"
@@ -161,6 +162,7 @@ win32::KernelHandle Start(const win32::Deadline& deadline) {
   ReportRunning();
   updates::RememberOwedRestart();
   SetEvent(reportedRunning);
+  log::WriteEvent(ENTRY_STARTED, {log::kVersion});
   return worker;
 }
 
@@ -196,6 +198,7 @@ void RunService() {
     Guarded(account::PrepareForShutdown);
   }
   JoinThreads(worker.Get(), window.Get(), awake.Get());
+  log::WriteEvent(ENTRY_STOPPED);
   log::StopBanner(log::kKiosk);
   ReportStopped();
 }

@@ -8,6 +8,7 @@
 #include "branding/branding_cache.h"
 #include "enrolment/device_token.h"
 #include "enrolment/enrolment.h"
+#include "log/event_log.h"
 #include "log/log.h"
 #include "network/network.h"
 #include "portal/check_in.h"
@@ -29,6 +30,34 @@ namespace {
 constexpr DWORD kInterval = 30'000;
 constexpr DWORD kLongestBackOff = 600'000;
 constexpr std::uint64_t kProvisioningInterval = 600'000;
+constexpr std::uint64_t kToldAfter = 3'600'000;
+
+// The day before the version's, which may be a day ahead of UTC, as a FILETIME value.
+std::uint64_t MadeAt() {
+  constexpr WORD kVersion[] = {NORVANE_VERSION_NUMBERS};
+  SYSTEMTIME day{};
+  day.wYear = kVersion[0];
+  day.wMonth = kVersion[1];
+  day.wDay = kVersion[2];
+  FILETIME time{};
+  SystemTimeToFileTime(&day, &time);
+  return win32::FileTimeValue(time) - 24 * 3600 * win32::kFileTimeSecond;
+}
+
+void TellOfTheComputer() {
+  // As after the end of the battery that keeps the time: no certificate is valid yet then.
+  if (win32::FileTimeNow() < MadeAt()) {
+    log::TellTrouble(log::kClockWrong, ENTRY_CLOCK_WRONG);
+  } else {
+    log::TroubleIsOver(log::kClockWrong);
+  }
+  if (const log::UnsecuredFolder problem = log::LogTreeProblem(); problem.path != nullptr) {
+    log::TellTrouble(log::kLogFolderUnusable, ENTRY_LOG_FOLDER_UNUSABLE,
+                     {win32::ToNarrow(problem.path), std::to_string(problem.error)});
+  } else {
+    log::TroubleIsOver(log::kLogFolderUnusable);
+  }
+}
 
 class Worker {
  public:
@@ -44,6 +73,7 @@ class Worker {
  private:
   // One pass; returns how long to wait before the next.
   DWORD Pass() {
+    TellOfTheComputer();
     account::FinishPendingRemoval();
     const bool networkSettled = network::SettleChanges();
     text::Secret token;
@@ -79,6 +109,9 @@ class Worker {
       log::Log(log::kNotice, log::kKiosk, "check-in: AuthSystem reachable again");
       failing_ = false;
     }
+    if (log::TroubleIsOver(log::kPortalAway)) {
+      log::WriteEvent(ENTRY_PORTAL_BACK);
+    }
     // One from before a restart of the service is over as well.
     if (portal::IsCheckInError(RecordedError())) {
       state::RecordLastError({});
@@ -107,11 +140,16 @@ class Worker {
       log::Log(log::kWarn, log::kKiosk, "check-in: no usable answer from AuthSystem (%s); still enrolled",
                error.c_str());
       failing_ = true;
+      failingSince_ = win32::AwakeMilliseconds();
       // What another area recorded matters more to the person at the terminal.
       const std::string recorded = RecordedError();
       if (recorded.empty() || portal::IsCheckInError(recorded)) {
         state::RecordLastError(error);
       }
+    }
+    // While it sleeps a computer misses nobody.
+    if (win32::AwakeMilliseconds() - failingSince_ >= kToldAfter) {
+      log::TellTrouble(log::kPortalAway, ENTRY_PORTAL_AWAY, {error});
     }
     return Longer(backOff_);
   }
@@ -122,6 +160,7 @@ class Worker {
   static std::string RecordedError() { return win32::ToNarrow(state::ReadStateString(state::kLastError)); }
 
   bool failing_ = false;
+  std::uint64_t failingSince_ = 0;      // as AwakeMilliseconds
   DWORD backOff_ = kInterval;           // the wait after the next failed check-in
   DWORD tokenWait_ = kInterval;         // and after the next token that cannot be read
   std::uint64_t nextProvisioning_ = 0;  // as a tick count; not tried again before

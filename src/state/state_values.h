@@ -26,6 +26,7 @@ inline constexpr StateValue kTerminalName{L"TerminalName", REG_SZ};
 inline constexpr StateValue kSignIn{L"SignIn", REG_SZ};
 inline constexpr StateValue kUnknownSince{L"UnknownSince", REG_QWORD};
 inline constexpr StateValue kLastError{L"LastError", REG_SZ};
+inline constexpr StateValue kToldTroubles{L"ToldTroubles", REG_DWORD};
 inline constexpr StateValue kTeardownPending{L"TeardownPending", REG_DWORD};
 inline constexpr StateValue kTeardownSuperseded{L"TeardownSuperseded", REG_DWORD};
 
@@ -87,7 +88,7 @@ inline constexpr StateValue kAppliedProxy{L"AppliedProxy", REG_SZ};
 // clang-format off
 inline constexpr const StateValue* kStateValues[] = {
     &kAuthBaseUrl, &kDevAllowUnsigned, &kDeviceToken, &kTerminalName, &kSignIn, &kUnknownSince, &kLastError,
-    &kTeardownPending, &kTeardownSuperseded, &kProvisioned, &kAccountSid, &kAccountCreating, &kStaleProfileSids,
+    &kToldTroubles, &kTeardownPending, &kTeardownSuperseded, &kProvisioned, &kAccountSid, &kAccountCreating, &kStaleProfileSids,
     &kMaintenance, &kMaintenanceAt, &kMaintenanceFailures, &kMaintenanceLockedUntil, &kOwnsAutoLogon,
     &kAutoLogonDigest, &kAutoLogonRestoring, &kOwnsHideFastUserSwitching, &kMadeSignInKeys, &kPriorLsaSecret,
     &kPriorAutoAdminLogon, &kPriorDefaultUserName, &kPriorDefaultDomainName, &kPriorDefaultPassword,

@@ -1,6 +1,7 @@
 #include "updates/report.h"
 
 #include "enrolment/enrolment.h"
+#include "log/event_log.h"
 #include "log/log.h"
 #include "state/kiosk_state.h"
 #include "state/stored_json.h"
@@ -18,6 +19,17 @@ constexpr int kMostPending = 500;
 constexpr std::size_t kLongestError = 80;
 
 json::Value StoredReport() { return state::LoadJson(state::kOsUpdatesReport); }
+
+const char* ResultWord(RunCode code) noexcept {
+  switch (code) {
+    case RunCode::kDone:
+      return "ok";
+    case RunCode::kNothing:
+      return "nothing";
+    default:
+      return "failed";
+  }
+}
 
 int PendingOf(const json::Value& report) {
   const double pending = json::Member(report, "pending").number();
@@ -53,14 +65,14 @@ bool WriteUpdatesReport(const std::string& token, const char* word, const RunRes
   return true;
 }
 
-const char* ResultWord(RunCode code) noexcept {
-  switch (code) {
-    case RunCode::kDone:
-      return "ok";
-    case RunCode::kNothing:
-      return "nothing";
-    default:
-      return "failed";
+void RecordRun(const std::string& token, const RunResult& run) {
+  if (!WriteUpdatesReport(token, ResultWord(run.code), &run)) {
+    return;
+  }
+  if (run.code == RunCode::kFailed) {
+    log::TellTrouble(log::kUpdatesFail, ENTRY_UPDATES_FAILED, {run.error});
+  } else {
+    log::TroubleIsOver(log::kUpdatesFail);
   }
 }
 

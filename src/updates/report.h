@@ -14,8 +14,8 @@ namespace kiosk::updates {
 // enrolment with `token` has ended meanwhile.
 bool WriteUpdatesReport(const std::string& token, const char* word, const RunResult* run);
 
-// "ok", "nothing" or "failed".
-const char* ResultWord(RunCode code) noexcept;
+// The same for a run that is over and was not stopped, and in the event log the first that failed until one does not.
+void RecordRun(const std::string& token, const RunResult& run);
 
 // Stores ("OsUpdatesWindowDone") that the window of that key needs no further run, unless the enrolment with `token`
 // has ended.

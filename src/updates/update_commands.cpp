@@ -22,7 +22,7 @@ void RunAndRecord(bool install) noexcept {
     const text::Secret token = enrolment::ReadDeviceToken();
     const RunResult result = RunUpdates(install);
     if (result.code != RunCode::kStopped) {
-      WriteUpdatesReport(token.Get(), ResultWord(result.code), &result);
+      RecordRun(token.Get(), result);
     }
   } catch (const std::exception& problem) {
     log::Log(log::kError, log::kKiosk, "os updates: a run ended early (%s)", problem.what());

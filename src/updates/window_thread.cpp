@@ -96,7 +96,7 @@ class Window {
     if (result.code == RunCode::kStopped) {
       return false;
     }
-    WriteUpdatesReport(token.Get(), ResultWord(result.code), &result);
+    RecordRun(token.Get(), result);
     MarkWindowDone(token.Get(), key);
     doneKey_ = key;
     if (!result.restartRequired.value_or(false)) {

@@ -14,6 +14,13 @@ inline constexpr std::uint64_t kFileTimeSecond = 1000 * kFileTimeMillisecond;
 // Milliseconds since Windows started.
 inline std::uint64_t TickCount() noexcept { return GetTickCount64(); }
 
+// Milliseconds since Windows started without those in which the computer slept.
+inline std::uint64_t AwakeMilliseconds() noexcept {
+  ULONGLONG units = 0;
+  QueryUnbiasedInterruptTime(&units);
+  return units / kFileTimeMillisecond;
+}
+
 inline std::uint64_t FileTimeValue(const FILETIME& time) noexcept {
   return (static_cast<std::uint64_t>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
 }

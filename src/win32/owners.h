@@ -49,6 +49,10 @@ struct GlobalTextTraits : NullIsNone<wchar_t*> {
 struct LibraryTraits : NullIsNone<HMODULE> {
   static void Free(Value value) noexcept { FreeLibrary(value); }
 };
+// To whom entries of the event log are given.
+struct EventSourceTraits : NullIsNone<HANDLE> {
+  static void Free(Value value) noexcept { DeregisterEventSource(value); }
+};
 
 using NetBuffer = Owner<NetBufferTraits>;
 using WtsMemory = Owner<WtsMemoryTraits>;
@@ -61,5 +65,6 @@ using HttpHandle = Owner<HttpHandleTraits>;
 using EventLog = Owner<EventLogTraits>;
 using GlobalText = Owner<GlobalTextTraits>;
 using Library = Owner<LibraryTraits>;
+using EventSource = Owner<EventSourceTraits>;
 
 }  // namespace kiosk::win32

@@ -100,13 +100,13 @@ Result Case::Run() const {
                                : Result{Verdict::kKnown, asked.known_ + ": " + Joined(asked.broken_)};
 }
 
-extern const Group kAccounts, kAdapters, kCrypto, kFiles, kHttp, kLsa, kPipe, kPower, kProfiles, kProxy, kRegistry,
-    kServices, kSessions, kSignatures, kTasks, kThreads, kTime;
+extern const Group kAccounts, kAdapters, kCrypto, kEventLog, kFiles, kHttp, kLsa, kPipe, kPower, kProfiles, kProxy,
+    kRegistry, kServices, kSessions, kSignatures, kTasks, kThreads, kTime;
 
 std::span<const Group* const> Groups() noexcept {
   static constexpr const Group* kGroups[] = {&kThreads,    &kTime,     &kCrypto, &kRegistry, &kFiles,    &kPipe,
                                              &kSignatures, &kAccounts, &kLsa,    &kProfiles, &kSessions, &kPower,
-                                             &kTasks,      &kAdapters, &kProxy,  &kHttp,     &kServices};
+                                             &kTasks,      &kAdapters, &kProxy,  &kHttp,     &kServices, &kEventLog};
   return kGroups;
 }
 

@@ -56,6 +56,8 @@ class Terminal:
             self.put(BUILD / program)
         if self._service:
             self.put(BUILD / self._service, "NorvaneKiosk.exe")
+            for library in BUILD.glob("NorvaneKioskEvents-*.dll"):
+                self.put(library)
         if self._unsigned:
             self.set_dword("DevAllowUnsigned", 1)
         return self

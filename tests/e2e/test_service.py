@@ -21,6 +21,7 @@ from life.stage import PROGRAMS, SERVICE  # noqa: E402
 from terminal import BUILD, PROGRAM_FOLDER, Terminal, wait_for  # noqa: E402
 
 SERVICE_KEY = r"HKLM\SYSTEM\CurrentControlSet\Services\NorvaneKiosk"
+EVENT_SOURCE_KEY = r"HKLM\SYSTEM\CurrentControlSet\Services\EventLog\Application\NorvaneKiosk"
 
 
 def pair(terminal, portal, **settings):
@@ -50,6 +51,7 @@ class Installation(unittest.TestCase):
             self.assertEqual(terminal.run("NorvaneKiosk.exe", "--uninstall")[:2], (0, "NorvaneKiosk removed\n"))
             self.assertLess(time.monotonic() - started, 10)
             self.assertNotEqual(terminal.registry("query", SERVICE_KEY)[0], 0)
+            self.assertNotEqual(terminal.registry("query", EVENT_SOURCE_KEY)[0], 0)
             self.assertIsNone(terminal.service_process())
             self.assertEqual(terminal.run("kioskctl.exe", "status")[0], 3)
             self.assertEqual(terminal.log()[-1], "INFO Kiosk shutting down")
@@ -62,6 +64,8 @@ class Installation(unittest.TestCase):
             "ObjectName": "LocalSystem", "DisplayName": "Norvane (Tessaly) Kiosk",
             "Description": "Enrols this computer as a Norvane kiosk terminal and manages its kiosk account.",
         }.items(), values.items())
+        source = terminal.registry("query", EVENT_SOURCE_KEY, "/v", "EventMessageFile")[1]
+        self.assertRegex(source, r"REG_EXPAND_SZ +" + re.escape(PROGRAM_FOLDER) + r"\\NorvaneKioskEvents-[0-9a-f]{8}\.dll")
 
     def test_hardening_flags_of_the_built_programs(self):
         for program in ("NorvaneKiosk.exe", "kioskctl.exe", "kioskctl-dev.exe"):

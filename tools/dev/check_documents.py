@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Holds what the documents name (state values, settings, commands, error codes, policies, log lines, exit codes, the files
-of the simulation) against the code, and commands and policies against the places that must know each of them."""
+"""Holds what the documents name (state values, settings, commands, error codes, policies, log lines, entries of the event log,
+exit codes, the files of the simulation) against the code, and commands and policies against the places that must know each of them."""
 import json
 import pathlib
 import re
@@ -140,6 +140,14 @@ def log_lines():
                 yield f'{document}: no log line has "{piece}", as in "{text}": quote the line as the code writes it'
 
 
+def events():
+    document, source = "docs/operations.md", "src/log/event_messages.mc"
+    entries = re.findall(r"MessageId=(\d+)\nSeverity=(\w+)\n(?:\w+=.*\n)*Language=English\n(.*)\n\.\n", read(source))
+    present = {f"{number} ({severity.lower()}: {re.sub('%[0-9]', '...', text)})" for number, severity, text in entries}
+    documented = {f"{cells[0]} ({cells[1]}: {cells[2]})" for cells in rows(document, "| number | type | text | what to do |")}
+    yield from both_ways("entry of the event log", documented, document, present, source)
+
+
 def returned(function, code):
     """The digits that a function of the code returns, itself or through one that it calls for that."""
     body = re.search(rf"^int {function}\(.*?\) (?:noexcept )?{{\n(.*?)^}}", code, re.MULTILINE | re.DOTALL)
@@ -168,7 +176,7 @@ def exit_codes():
 
 
 def main():
-    wrong = [each for check in (state_values, settings, commands, error_codes, policies, log_lines, exit_codes, simulation)
+    wrong = [each for check in (state_values, settings, commands, error_codes, policies, log_lines, events, exit_codes, simulation)
              for each in check()]
     print("\n".join(wrong) or "documents: what they name is what the code has")
     return bool(wrong)
