@@ -62,7 +62,7 @@ if(BUILD_TESTING)
   file(GLOB NORVANE_TESTS CONFIGURE_DEPENDS tests/*_test.cpp tests/portable/*_test.cpp tests/support/*.cpp)
   list(FILTER NORVANE_TESTS EXCLUDE REGEX json_wipe_test)
   # Of kioskctl what the shipped build has, without its entry.
-  set(NORVANE_CTL_TESTED pipe_client.cpp exchange.cpp commands.cpp large_text.cpp)
+  set(NORVANE_CTL_TESTED pipe_client.cpp exchange.cpp commands.cpp removed.cpp large_text.cpp)
   list(TRANSFORM NORVANE_CTL_TESTED PREPEND ${CMAKE_SOURCE_DIR}/tools/kioskctl/)
   add_library(kiosk_test_cases STATIC ${NORVANE_TESTS} ${NORVANE_CTL_TESTED})
   target_include_directories(kiosk_test_cases PRIVATE ${CMAKE_SOURCE_DIR})

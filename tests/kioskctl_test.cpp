@@ -5,8 +5,10 @@
 #include "pipe/server.h"
 #include "service/service_status.h"
 #include "sim/clock.h"
+#include "sim/faults.h"
 #include "sim/program_files.h"
 #include "sim/service_control.h"
+#include "state/kiosk_state.h"
 #include "tests/support/fixture.h"
 #include "tools/kioskctl/commands.h"
 #include "win32/program_path.h"
@@ -137,6 +139,28 @@ TEST_F(KioskCtl, SaysThatAProgramOfAShareIsNotAdmitted) {
         test::ReadWholeFile(L"C:\\errors.txt").find("copy it to this computer first") != std::string::npos;
     EXPECT_EQ(told, type == DRIVE_REMOTE);
   }
+}
+
+TEST_F(KioskCtl, RemovedMeansThatNothingIsLeftForCertain) {
+  const kioskctl::ServiceState gone{.error = ERROR_SERVICE_DOES_NOT_EXIST};
+  EXPECT_EQ(kioskctl::WhatIsLeft(gone), "") << "never installed";
+  EXPECT_EQ(kioskctl::Removed({}, {"removed"}), kioskctl::kDone);
+  ASSERT_FALSE(state::ProtectStateKey().what);
+  state::WriteStateString(state::kAuthBaseUrl, L"http://portal.test");
+  EXPECT_EQ(kioskctl::WhatIsLeft(gone), "") << "what an administrator set may stay";
+  for (const state::StateValue* value : {&state::kAccountSid, &state::kTeardownPending}) {
+    test::SetDword(state::kStateKey, value->name, 0);  // whatever it says
+    EXPECT_NE(kioskctl::WhatIsLeft(gone).find("account is still there"), std::string::npos);
+    EXPECT_EQ(kioskctl::Removed({}, {"removed"}), kioskctl::kServiceError);
+    state::DeleteStateValue(*value);
+    const sim::FailingReads failing(value->name, ERROR_NO_SYSTEM_RESOURCES);
+    EXPECT_NE(kioskctl::WhatIsLeft(gone).find("(error 1450)"), std::string::npos);
+  }
+  for (const DWORD reported : {DWORD{SERVICE_STOPPED}, DWORD{SERVICE_RUNNING}}) {
+    EXPECT_NE(kioskctl::WhatIsLeft({.known = true, .state = reported}).find("still there"), std::string::npos);
+  }
+  EXPECT_NE(kioskctl::WhatIsLeft({.error = ERROR_ACCESS_DENIED}).find("(error 5)"), std::string::npos);
+  EXPECT_EQ(kioskctl::WhatIsLeft(gone), "");
 }
 
 TEST_F(KioskCtl, NamesShowWithoutWhatCommandsAConsole) {

@@ -30,7 +30,6 @@ constexpr ULONGLONG kMegabyte = 1'048'576;
 constexpr ULONGLONG kLeastRoom = 500 * kMegabyte;  // below this log lines are no longer kept for sending
 
 std::string Megabytes(ULONGLONG bytes) { return std::to_string(bytes / kMegabyte) + " MB"; }
-std::string ErrorText(DWORD error) { return " (error " + std::to_string(error) + ")"; }
 
 struct StateKey {
   bool readable = false;

@@ -19,6 +19,12 @@ int Restart(const Options& options, const Words& words);
 // is. Works without the service.
 int Check(const Options& options, const Words& words);
 
+// Says whether an uninstall has removed everything, for whoever ran it and is about to delete the program: 0 when the
+// service and the kiosk account are gone for certain, otherwise kServiceError. Works without the service.
+int Removed(const Options& options, const Words& words);
+// The sentence about the first thing that is still there, or of which nobody knows; empty when all is gone.
+std::string WhatIsLeft(const ServiceState& service);
+
 // Writes a folder "NorvaneKiosk-support-<date>-<time>" into the one that is named (none: the current folder): what is
 // needed to find out why a terminal misbehaves, with no token and no password in it. Works without the service.
 int SupportBundle(const Options& options, const Words& words);

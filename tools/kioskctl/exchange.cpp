@@ -90,30 +90,28 @@ std::string OneLine(std::string text) {
 // The service looks at no program on a share or on a network drive.
 bool StartedFromElsewhere() { return !kiosk::win32::IsLocalPath(kiosk::win32::ProgramPath()); }
 
-std::string Number(unsigned long error) { return " (error " + std::to_string(error) + ")"; }
-
 // Why nobody serves the pipe, or answers on it, as far as the service manager knows.
 std::string WhyNoReply(unsigned long error) {
   const ServiceState service = QueryService();
   if (!service.known && service.error == ERROR_SERVICE_DOES_NOT_EXIST) {
-    return "The kiosk service is not installed on this computer" + Number(service.error) + "\n";
+    return "The kiosk service is not installed on this computer" + ErrorText(service.error) + "\n";
   }
   if (service.known && service.state != SERVICE_RUNNING) {
-    return "The kiosk service is installed on this computer and does not run" + Number(ERROR_SERVICE_NOT_ACTIVE) +
+    return "The kiosk service is installed on this computer and does not run" + ErrorText(ERROR_SERVICE_NOT_ACTIVE) +
            "\nStart it as an administrator: sc.exe start NorvaneKiosk\n";
   }
   if (service.known && (error == ERROR_PIPE_BUSY || error == ERROR_TIMEOUT)) {
-    return "The kiosk service runs and does not answer" + Number(error) +
+    return "The kiosk service runs and does not answer" + ErrorText(error) +
            "\nAs an administrator make a support bundle with \"kioskctl support-bundle\", then restart the service.\n";
   }
-  return "The kiosk service does not answer on this computer" + Number(error) + "\n";
+  return "The kiosk service does not answer on this computer" + ErrorText(error) + "\n";
 }
 
 int NoReply(const Answer& answer) {
   switch (answer.outcome) {
     case Outcome::kNotAllowed:
       PrintError("Windows does not let this user talk to the kiosk service: sign in at this computer" +
-                 Number(answer.error) + "\n");
+                 ErrorText(answer.error) + "\n");
       break;
     case Outcome::kImpostor:
       PrintError("Another program has taken the kiosk service's place; nothing was sent to it.\n");
@@ -131,6 +129,8 @@ int NoReply(const Answer& answer) {
 }
 
 }  // namespace
+
+std::string ErrorText(unsigned long error) { return " (error " + std::to_string(error) + ")"; }
 
 Value Shown(const Value& reply) {
   if (reply.IsString()) {

@@ -17,6 +17,9 @@ struct Options {
   bool keep = false;  // "net-set": nothing has to prove the settings
 };
 
+// " (error 5)"
+std::string ErrorText(unsigned long error);
+
 kiosk::json::Value Request(const char* command);
 // There is a reply, and it is no error.
 bool Ok(const Answer& answer);

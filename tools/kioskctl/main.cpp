@@ -22,6 +22,9 @@ constexpr char kHelp[] =
     "  kioskctl [--json] check     what is wrong with this terminal and what to do about it, a line for each thing; "
     "run\n"
     "                              it as an administrator; it works without the service too\n"
+    "  kioskctl removed            whether an uninstall has left nothing behind: 0 when the service and the kiosk "
+    "account\n"
+    "                              are gone, otherwise 1 and a sentence\n"
     "  kioskctl support-bundle [FOLDER]\n"
     "                              write what support needs into a new folder below FOLDER (or the current folder);\n"
     "                              run it as an administrator; it works without the service too\n"
@@ -59,8 +62,8 @@ constexpr char kHelp[] =
     "\n"
     "  --json   print the service's replies as they are, one line each; of those that follow something, each new one\n"
     "\n"
-    "Exit codes: 0 done, 1 the service answered with an error, what it began failed, or a file could not be written,\n"
-    "2 wrong usage, 3 no service to talk to.\n";
+    "Exit codes: 0 done, 1 the service answered with an error, what it began failed, a file could not be written, or\n"
+    "\"check\" or \"removed\" found something, 2 wrong usage, 3 no service to talk to.\n";
 
 using kioskctl::Options;
 using kioskctl::Words;
@@ -77,6 +80,7 @@ constexpr Command kCommands[] = {
     {"pair", 0, 0, "no arguments", kioskctl::Pair},
     {"restart", 0, 0, "no arguments", kioskctl::Restart},
     {"check", 0, 0, "no arguments", kioskctl::Check},
+    {"removed", 0, 0, "no arguments", kioskctl::Removed},
     {"support-bundle", 0, 1, "at most one folder", kioskctl::SupportBundle},
 #ifdef NORVANE_DEVELOPMENT_COMMANDS
     {"send", 1, 1, "one JSON text", kioskctl::Send},

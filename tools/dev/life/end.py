@@ -25,10 +25,12 @@ def revoked_in_the_portal(stage):
 
 def uninstalled(stage):
     """The service is uninstalled while the kiosk runs: the same, and its state goes too."""
+    stage.check(stage.kioskctl("removed")[0] == 1, "\"removed\" says that the service is still there")
     code, out, err = stage.terminal.run("NorvaneKiosk.exe", "--uninstall", timeout=120)
     stage.show(f"   > NorvaneKiosk --uninstall\n     {out.rstrip()}")
     stage.check((code, out) == (0, "NorvaneKiosk removed\n"), "it says that the service is removed", (code, out, err))
     stage.check(stage.state_values() is None, "the state key is gone")
+    stage.check(stage.kioskctl("removed")[0] == 0, "so says \"removed\", which an installer asks")
     stage.check(stage.user_of_session(1) is None, f"{KIOSK_USER} is signed out")
     stage.check_computer_is_as_before()
     code, text = stage.kioskctl("status")
