@@ -7,6 +7,7 @@ foreach(build kioskctl kioskctl-dev)
 endforeach()
 # The development build carries requests of anybody who runs it, so it is never signed with the product's key.
 target_compile_definitions(kioskctl-dev PRIVATE NORVANE_DEVELOPMENT_COMMANDS)
+program_that_ships(kioskctl)
 
 file(GLOB NORVANE_BENCHMARKS CONFIGURE_DEPENDS bench/*_bench.cpp)
 foreach(source ${NORVANE_BENCHMARKS})

@@ -9,7 +9,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   link_libraries(pthread)
 endif()
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  add_link_options($<$<CONFIG:Release>:-s>)
+  add_link_options($<$<AND:$<CONFIG:Release>,$<NOT:$<BOOL:$<TARGET_PROPERTY:SHIPS>>>>:-s>)
 endif()
 
 # The texts of the entries in Windows' event log: their numbers for the compiler, and a library without code. Whoever shows
@@ -32,6 +32,22 @@ add_custom_command(
 add_custom_target(NorvaneKioskEvents ALL DEPENDS ${made}/event_messages.h ${CMAKE_BINARY_DIR}/${NORVANE_EVENT_LIBRARY})
 include_directories(SYSTEM ${made})
 
+# A program that ships. Its symbols go into a file beside it, which has the same build id: with them a dump of the stripped
+# program becomes functions and lines (tools/release/stack), in DWARF 4, the newest that the debugger reads from there. The
+# linker's map tells what of others is in it (tools/release/bill.py).
+function(program_that_ships target)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    set_target_properties(${target} PROPERTIES SHIPS TRUE)
+    target_compile_options(${target} PRIVATE ${NORVANE_SYMBOLS})
+    target_link_options(${target} PRIVATE -Wl,--build-id -Wl,-Map=$<TARGET_FILE:${target}>.map)
+    add_custom_command(TARGET ${target} POST_BUILD
+      COMMAND ${NORVANE_OBJCOPY} --only-keep-debug $<TARGET_FILE:${target}> $<TARGET_FILE:${target}>.debug
+      COMMAND ${NORVANE_OBJCOPY} --strip-all $<TARGET_FILE:${target}>
+      VERBATIM)
+  endif()
+endfunction()
+set(NORVANE_SYMBOLS -g -gdwarf-4 -ffile-prefix-map=${CMAKE_SOURCE_DIR}=/norvane)
+
 # Everything but main: what the tests link is what ships.
 file(GLOB_RECURSE NORVANE_SOURCES CONFIGURE_DEPENDS src/*.cpp)
 list(REMOVE_ITEM NORVANE_SOURCES ${CMAKE_SOURCE_DIR}/src/service/main.cpp)
@@ -39,6 +55,9 @@ add_library(kiosk STATIC ${NORVANE_SOURCES})
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   # Which variable needs which lock (win32/thread_safety.h). The tests reach behind the locks.
   target_compile_options(kiosk PRIVATE -Wthread-safety)
+endif()
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  target_compile_options(kiosk PRIVATE ${NORVANE_SYMBOLS})
 endif()
 target_compile_definitions(kiosk PRIVATE NORVANE_AUTH_BASE_URL="${NORVANE_AUTH_BASE_URL}"
   NORVANE_EVENT_LIBRARY="${NORVANE_EVENT_LIBRARY}")
@@ -52,6 +71,7 @@ target_link_libraries(kiosk PUBLIC ${NORVANE_SYSTEM_LIBRARIES})
 add_executable(NorvaneKiosk src/service/main.cpp src/service/kiosk.rc)
 target_link_libraries(NorvaneKiosk PRIVATE kiosk)
 target_link_options(NorvaneKiosk PRIVATE -municode)
+program_that_ships(NorvaneKiosk)
 
 # The simulated Windows: copies of the library, the tests and main whose calls into Windows are renamed to those of sim/.
 # Headers have inline functions that call Windows, so whoever includes them is renamed as well.
