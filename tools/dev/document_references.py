@@ -128,4 +128,17 @@ def typed():
                             yield f'{name}: {source} does not know {option}, as in "{piece}"'
 
 
-CHECKS = (links, files, cases, targets, typed)
+def json_blocks():
+    """Blocks that begin with a brace: one value after the other, in which {...} stands for what was said before."""
+    for name in documents():
+        for block in re.findall(r"(?:^ {4}.*\n)+", text_of(name), re.MULTILINE):
+            text = re.sub(r"^ {4}", "", block, flags=re.MULTILINE).replace("{...}", "{}").strip()
+            while text.startswith("{"):
+                try:
+                    text = text[json.JSONDecoder().raw_decode(text)[1]:].strip()
+                except json.JSONDecodeError as error:
+                    yield f"{name}: this is no JSON ({error.msg}): {text[error.pos:error.pos + 40]!r}"
+                    break
+
+
+CHECKS = (links, files, cases, targets, typed, json_blocks)
