@@ -15,6 +15,9 @@ import tempfile
 import time
 
 REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
+sys.path.insert(0, str(REPOSITORY / "tools" / "devportal"))
+import schemas  # noqa: E402
+
 BUILD = pathlib.Path(os.environ.get("NORVANE_BUILD", REPOSITORY / "build" / "windows"))
 STATE_KEY = r"HKLM\SOFTWARE\Norvane\Tessaly\Kiosk"
 PROGRAM_FOLDER = r"C:\Program Files\Norvane"
@@ -30,6 +33,14 @@ def wait_for(condition, what, seconds=30):
         if time.monotonic() > end:
             raise AssertionError(f"waited {seconds} s in vain for {what}")
         time.sleep(0.05)
+
+
+def held(request, reply):
+    """The reply, once it and its request are what docs/schemas says of the command."""
+    faults = [fault for part, value in (("requests", request), ("replies", reply))
+              for fault in schemas.faults(f"pipe-{part}.json#/$defs/{request['cmd']}", value)]
+    assert not faults, faults
+    return reply
 
 
 class Terminal:
@@ -107,11 +118,11 @@ class Terminal:
             return process.returncode, *(file.read().decode("utf-8", "replace") for file in (out, err))
 
     def ask(self, **request):
-        """Sends one request to the service; returns its reply."""
+        """Sends one request to the service; returns its reply. Both are held against docs/schemas."""
         code, out, err = self.run("kioskctl-dev.exe", "send", json.dumps(request), timeout=200)
         if code > 1:
             raise AssertionError(f"no reply: {code} {out} {err}")
-        return json.loads(out)
+        return held(request, json.loads(out))
 
     # -- registry ---------------------------------------------------------------------------------------------------
 

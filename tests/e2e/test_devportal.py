@@ -44,7 +44,7 @@ def enrol(portal, **settings):
 
 
 def check_in(portal, token, body=None):
-    return ask(portal, "POST", "/api/kiosk/check-in", body or {}, {"Authorization": f"Bearer {token}"})[:2]
+    return ask(portal, "POST", "/api/kiosk/check-in", body or {"appVersion": "1"}, {"Authorization": f"Bearer {token}"})[:2]
 
 
 class Developer(unittest.TestCase):

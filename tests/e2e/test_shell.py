@@ -11,6 +11,7 @@ TOOLS = pathlib.Path(__file__).resolve().parents[2] / "tools"
 sys.path[:0] = [str(TOOLS / "devportal"), str(TOOLS / "dev")]
 from devportal import Portal  # noqa: E402
 from life import Stage, beginning  # noqa: E402
+from life.settings import ADAPTER  # noqa: E402
 from life.stage import PROGRAMS, SERVICE  # noqa: E402
 from terminal import BUILD, PROGRAM_FOLDER, Terminal  # noqa: E402
 
@@ -36,6 +37,20 @@ class Shell(unittest.TestCase):
             self.assertIn("The settings are open for 600 s.\n", said)
             self.assertRegex(said, r"Installing: \d+ %\n(.*\n)*Nothing is going on.\n")
             self.assertIn("effective.screenOffMinutes: 20\n", said)
+            self.replies_are_as_written(terminal)
+
+    def replies_are_as_written(self, terminal):
+        """ask() holds each against docs/schemas."""
+        self.assertTrue(terminal.ask(cmd="session.report", signedIn=False)["ok"])
+        token = terminal.ask(cmd="unlock", password=beginning.EXIT_PASSWORD)["unlockToken"]
+        self.assertEqual(terminal.ask(cmd="net.set", unlockToken=token, adapter=ADAPTER, mode="static", address="10.1.2.3",
+                                      prefixLength=24, dns=[])["address"], "10.1.2.3")
+        for request in ({"cmd": "net.set", "adapter": ADAPTER, "mode": "dhcp"}, {"cmd": "power.get"}, {"cmd": "os.updates"},
+                        {"cmd": "power.set", "useOrganisation": True}, {"cmd": "proxy.set", "mode": "none"},
+                        {"cmd": "proxy.set", "mode": "manual", "server": "proxy.test:8080"},
+                        {"cmd": "proxy.set", "mode": "auto", "pacUrl": "http://proxy.test/pac"},
+                        {"cmd": "maintenance"}):
+            self.assertTrue(terminal.ask(unlockToken=token, **request)["ok"], request)
 
     def pair(self, portal, line, enter):
         if code := re.search(r"portal: ([A-Z0-9]{8})$", line):

@@ -2,6 +2,7 @@
 
 import contextlib
 import hashlib
+import json
 import pathlib
 import socket
 import ssl
@@ -13,11 +14,12 @@ import unittest
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tools" / "devportal"))
 from devportal import Portal  # noqa: E402
 from signing import Authority  # noqa: E402
-from terminal import BUILD, Terminal, wait_for  # noqa: E402
+from terminal import REPOSITORY, Terminal, wait_for  # noqa: E402
 
 LOG_KEY = r"HKLM\SOFTWARE\Norvane\Tessaly\Log"
 DROP = r"C:\ProgramData\Norvane\Tessaly\Logs\Drop"
 
+# Around the configuration that docs/log-pipelines.md shows.
 NGINX = """\
 daemon off; master_process off; pid {folder}/pid; error_log {folder}/error.log;
 events {{}}
@@ -25,15 +27,19 @@ http {{
   access_log {folder}/access.log;
   client_body_temp_path {folder}/t1; proxy_temp_path {folder}/t2; fastcgi_temp_path {folder}/t3;
   uwsgi_temp_path {folder}/t4; scgi_temp_path {folder}/t5;
-  server {{
-    listen 127.0.0.1:{port} ssl; listen [::1]:{port} ssl; server_name localhost;
-    ssl_certificate {certificate}; ssl_certificate_key {key};
-    ssl_client_certificate {authority}; ssl_verify_client on; error_page 495 496 =403 /refused;
-    location = /refused {{ return 403; }}
-    location / {{ proxy_pass {portal}; proxy_set_header X-Subject $ssl_client_s_dn; }}
-  }}
+  {documented}
 }}
 """
+
+
+def documented(replacements):
+    """The configuration in the document, with what is this test's own."""
+    text = (REPOSITORY / "docs/log-pipelines.md").read_text("utf-8")
+    text = text.split("# /etc/nginx/conf.d/kiosk-logs.conf\n", 1)[1].split("```")[0]
+    for theirs, ours in replacements.items():
+        assert text.count(theirs) == 1, theirs
+        text = text.replace(theirs, str(ours))
+    return text
 
 
 def thumbprint(certificate):
@@ -47,7 +53,7 @@ class Shipping(unittest.TestCase):
         self.authority = Authority(self.folder / "ours", "Ours")
         self.terminal = self.enterContext(Terminal(programs=("kioskctl-dev.exe", "sim_machine.exe")))
         self.url = self.serve()
-        self.terminal.set_string("LogEndpoint", self.url + "/api/log", LOG_KEY)
+        self.terminal.set_string("LogEndpoint", self.url + "/gelf", LOG_KEY)
         self.terminal.set_string("TenantId", "tenant Łódź", LOG_KEY)
 
     def serve(self):
@@ -56,8 +62,13 @@ class Shipping(unittest.TestCase):
             port = probe.getsockname()[1]
         certificate, key = self.authority.issue("server", "server", "/CN=localhost")
         config = self.folder / "nginx.conf"
-        config.write_text(NGINX.format(folder=self.folder, port=port, certificate=certificate, key=key,
-                                       authority=self.authority.certificate, portal=self.portal.url))
+        config.write_text(NGINX.format(folder=self.folder, documented=documented({
+            "/etc/nginx/kiosk/server.pem": certificate, "/etc/nginx/kiosk/server.key": key,
+            "/etc/nginx/kiosk/terminals-ca.pem": self.authority.certificate, "/var/log/nginx": self.folder,
+            "listen 8443 ssl": f"listen 127.0.0.1:{port} ssl; listen [::1]:{port} ssl", "logs.example.com": "localhost",
+            # In place of its own second server the portal, which says yes as well.
+            "listen 127.0.0.1:8001": f"listen unix:{self.folder}/unused",
+            "http://127.0.0.1:8001": self.portal.url + "/api/log"})))
         nginx = subprocess.Popen(["/usr/sbin/nginx", "-c", config, "-p", self.folder, "-e", self.folder / "error.log"])
         self.addCleanup(nginx.wait)
         self.addCleanup(nginx.terminate)
@@ -104,8 +115,7 @@ class Shipping(unittest.TestCase):
         self.assertGreater(kept, 12)
 
         self.identity(self.authority, "terminal-7")
-        self.portal.set_log_config(batch=True)
-        self.terminal.set_string("LogConfigUrl", self.url + "/api/log/config", LOG_KEY)
+        self.terminal.set_string("LogConfigUrl", self.url + "/config", LOG_KEY)
         self.assertEqual(self.terminal.net("start"), 0)
         self.portal.wait(lambda: len(self.portal.log_lines()) >= kept + 4, 30)
         # What the last process had in its hands while it ended comes back at the next look, a minute later.
@@ -116,6 +126,8 @@ class Shipping(unittest.TestCase):
         record = self.portal.log_lines()[0]["record"]
         self.assertEqual((record["_tenant"], record["_component"]), ("tenant Łódź", "Kiosk"))
         self.assertFalse([text for text in self.shipped() if "central log:" in text])
+        written = (self.folder / "kiosk-gelf.json").read_text("utf-8").splitlines()
+        self.assertEqual({json.loads(line)["short_message"] for line in written}, set(self.shipped()))
 
         # The stop, and the lines of a short-lived process, wait in the spool for the next start.
         self.assertEqual(self.terminal.run("NorvaneKiosk.exe", "--uninstall")[0], 0)

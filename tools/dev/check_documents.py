@@ -1,10 +1,13 @@
 #!/usr/bin/env python3
-"""Holds what the documents name (state values, settings, commands, error codes, policies, log lines, entries of the event log,
-exit codes, the files of the simulation) against the code, and commands and policies against the places that must know each of them."""
+"""Holds what the documents name (state values, settings, commands, error codes, policies, log lines, entries of the event
+log, exit codes, the files of the simulation, links, files, tests, what people are told to type) against the tree, and
+commands and policies against the places that must know each of them."""
 import json
 import pathlib
 import re
 import sys
+
+import document_references
 
 # What a log line has in place of a value, as the documents write it: N, CODE, "...", a number.
 VARIABLE_PART = re.compile(r"\.\.\.|\b[A-Z]+\b|\b0x\w+|\b\d+\b|\bNorvaneKiosk\b")
@@ -176,8 +179,8 @@ def exit_codes():
 
 
 def main():
-    wrong = [each for check in (state_values, settings, commands, error_codes, policies, log_lines, events, exit_codes, simulation)
-             for each in check()]
+    checks = (state_values, settings, commands, error_codes, policies, log_lines, events, exit_codes, simulation)
+    wrong = [each for check in checks + document_references.CHECKS for each in check()]
     print("\n".join(wrong) or "documents: what they name is what the code has")
     return bool(wrong)
 

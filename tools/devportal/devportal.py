@@ -10,6 +10,7 @@ It serves loopback only. Tests use it in-process:
 """
 
 import argparse
+import contextlib
 import ipaddress
 import signal
 import sqlite3
@@ -17,6 +18,7 @@ import sys
 import threading
 
 import policy
+import schemas
 import tls as tls_files
 from routes import PHOTO_PATH, Routes, TERMINAL_PREFIX
 from server import Reply, Request, Server
@@ -40,8 +42,10 @@ class Portal:
         context, self.ca_file = tls_files.make_context(tls or https_too) if tls or https_too else (None, None)
         self._store = Store(database)
         self._servers = []
+        self.schema_faults = []  # what came or went that docs/schemas does not have; leaving the context raises it
+        self._unchecked = False
         try:
-            self._routes = Routes(self._store, code_lifetime)
+            self._routes = Routes(self._store, code_lifetime, self._hold)
             self._server = self._serve(address, port, context if tls else None, verbose, keep_requests)
             second = self._serve(address, 0, context, verbose, 0) if https_too else None
         except BaseException:
@@ -66,24 +70,35 @@ class Portal:
     def __enter__(self):
         return self
 
-    def __exit__(self, *unused):
+    def __exit__(self, kind, *unused):
         self.close()
+        if kind is None and self.schema_faults:
+            raise AssertionError("\n".join(self.schema_faults))
 
-    def claim(self, code, **settings):
-        """Claims a pairing code, as a person does; returns the terminal's id."""
-        return self._store.claim(code, settings)
+    def _hold(self, name, value):
+        """Holds against a schema what a terminal sent, or what it gets."""
+        faults = [] if self._unchecked and name.endswith("/enrolled") else schemas.faults(name, value)
+        for fault in faults:
+            print(f"devportal: {fault}", file=sys.stderr)
+        self.schema_faults += faults
+
+    def claim(self, code, unchecked=False, **settings):
+        """Claims a pairing code, as a person does; returns the terminal's id. `unchecked` as for set()."""
+        return self._store.claim(code, self._checked(settings, unchecked))
 
     def terminals(self):
         return self._store.terminals()
 
     def set(self, terminal, unchecked=False, **changes):
         """Changes members of the check-in reply; None takes one away. `unchecked` sends what no portal should."""
-        faults = {}
-        if not unchecked:
-            changes, faults = policy.check_settings(changes)
+        return self._store.change(terminal, self._checked(changes, unchecked))
+
+    def _checked(self, changes, unchecked):
+        self._unchecked |= unchecked
+        checked, faults = (changes, {}) if unchecked else policy.check_settings(changes)
         if faults:
             raise PortalError(422, str(faults), faults)
-        return self._store.change(terminal, changes)
+        return checked
 
     def add_photo(self, content, content_type="image/png"):
         """Keeps a photo for the brandings that list it; returns its digest."""
@@ -148,10 +163,12 @@ def main():
     except (OSError, RuntimeError, ValueError, sqlite3.Error) as error:
         print(f"devportal: cannot start: {error}", file=sys.stderr)
         return 1
-    with portal:
+    with contextlib.closing(portal):
         print(f"listening on {portal.url}/", flush=True)
         if portal.ca_file:
             print(f"CA certificate: {portal.ca_file}", flush=True)
+        if not schemas.AVAILABLE:
+            print("Without python3-jsonschema nothing that comes or goes is held against docs/schemas.", flush=True)
         stop.wait()
     return 0
 

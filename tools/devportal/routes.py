@@ -22,11 +22,14 @@ PAGE_FILE = pathlib.Path(__file__).with_name("page.html")
 
 
 class Routes:
-    """Maps requests to replies. `outage` is an object with an attribute of that name: the server."""
+    """Maps requests to replies. `outage` is an object with an attribute of that name: the server. `hold` takes the name of a
+    schema and a value, and says what is wrong with it to whoever wants to know.
+    """
 
-    def __init__(self, store, code_lifetime):
+    def __init__(self, store, code_lifetime, hold):
         self.store = store
         self.code_lifetime = code_lifetime
+        self.hold = hold
         self.outage = None
         self._page = _load_page()
         self._terminal_table = [
@@ -65,19 +68,28 @@ class Routes:
     # Terminals.
 
     def _pair(self, request):
-        code = self.store.begin_pairing(_object(request), self.code_lifetime)
-        return Reply(201, {"pairingCode": code, "expiresInSeconds": self.code_lifetime})
+        facts = _object(request)
+        self.hold("pairing.json#/$defs/request", facts)
+        code = self.store.begin_pairing(facts, self.code_lifetime)
+        return self._held("pairing.json#/$defs/begun", {"pairingCode": code, "expiresInSeconds": self.code_lifetime}, 201)
 
     def _pair_state(self, request, code):
         token = self.store.collect(code)
-        return Reply(202, {"status": "pending"}) if token is None else Reply(200, {"deviceToken": token})
+        if token is None:
+            return Reply(202, {"status": "pending"})
+        return self._held("pairing.json#/$defs/claimed", {"deviceToken": token})
 
     def _check_in(self, request):
         report = _object(request)
+        self.hold("check-in.json#/$defs/request", report)
         status, settings = self.store.check_in(_bearer(request), report)
         if status != "enrolled":
             return Reply(401, {"status": status}, {"WWW-Authenticate": "Bearer"})
-        return Reply(200, check_in_reply(settings))
+        return self._held("check-in.json#/$defs/enrolled", check_in_reply(settings))
+
+    def _held(self, schema, body, status=200):
+        self.hold(schema, body)
+        return Reply(status, body)
 
     def _log(self, request):
         """One GELF record, or several with line feeds between them; all of them are taken or none."""
@@ -85,8 +97,11 @@ class Routes:
             lines = [policy.check_log_record(policy.parse_json(line)) for line in request.body.split(b"\n") if line.strip()]
         except (ValueError, policy.Invalid) as error:
             raise PortalError(400, str(error)) from None
+        for line in lines:
+            self.hold("log.json#/$defs/record", line)
         self.store.add_lines(lines)
         return Reply(202, {})
+
     def _photo(self, request, digest):
         status, settings, kind, content = self.store.photo(_bearer(request), digest)
         if status != "enrolled":

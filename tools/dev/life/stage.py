@@ -4,7 +4,7 @@ import difflib
 import json
 import time
 
-from terminal import STATE_KEY, wait_for
+from terminal import STATE_KEY, held, wait_for
 
 WINLOGON = r"HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion\Winlogon"
 PASSWORDLESS = r"HKLM\SOFTWARE\Microsoft\Windows NT\CurrentVersion\PasswordLess\Device"
@@ -86,7 +86,7 @@ class Stage:
         code, out, err = self.terminal.run("kioskctl.exe", "--json", "status")
         if not out:
             raise Failure(f"kioskctl gives no answer (exit code {code}): {err}")
-        return json.loads(out)
+        return held({"cmd": "status"}, json.loads(out))
 
     def hurry(self):
         """The next check-in comes within 30 s by itself; a service that starts makes one at once."""
