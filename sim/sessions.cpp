@@ -34,12 +34,12 @@ std::set<DWORD> SessionIds() {
   return ids;
 }
 
-void UnloadWithLastSession(const std::wstring& user) {
-  const std::optional<User> account = FindUser(user);
-  const std::wstring sid = account ? account->sid : L"";
-  if (!sid.empty() && SessionOf(sid) == 0 && HiveLoaded(sid)) {
-    UnloadHive(sid);
-  }
+// Whose the session is, though the account may be gone by now: noted at the sign-in, or else found by its name.
+std::wstring SidOf(DWORD id) {
+  const std::wstring area = AreaOf(id);
+  const bool local = ReadText(area, L"Domain") == ComputerName();
+  const std::wstring user = ReadText(area, L"User").value_or(L"");
+  return ReadText(area, L"Sid").value_or(local && !user.empty() ? FindUser(user).value_or(User()).sid : L"");
 }
 
 // A sign-in at the console changes the name that automatic sign-in goes by, whoever's that was ("Turn on automatic
@@ -52,12 +52,13 @@ void NoteLastUser(const std::wstring& user) {
 
 // The session is over as far as anybody can see.
 bool Close(DWORD session) {
-  const auto user = ReadText(AreaOf(session), L"User");
+  const bool open = ReadText(AreaOf(session), L"User").has_value();
+  const std::wstring sid = SidOf(session);
   EndSession(session);
-  if (user) {
-    UnloadWithLastSession(*user);
+  if (!sid.empty() && SessionOf(sid) == 0 && HiveLoaded(sid)) {
+    UnloadHive(sid);
   }
-  return user.has_value();
+  return open;
 }
 
 // What is left of a sign-out once WTSLogoffSession has returned.
@@ -87,10 +88,8 @@ void SetSession(DWORD id, const std::wstring& user, const std::wstring& domain) 
 void EndSession(DWORD id) { ForgetArea(AreaOf(id)); }
 
 DWORD SessionOf(const std::wstring& sid) {
-  const std::optional<User> account = FindUser(sid);
   for (const DWORD id : SessionIds()) {
-    if (account && _wcsicmp(ReadText(AreaOf(id), L"User").value_or(L"").c_str(), account->name.c_str()) == 0 &&
-        ReadText(AreaOf(id), L"Domain") == ComputerName()) {
+    if (!sid.empty() && SidOf(id) == sid) {
       return id;
     }
   }
@@ -112,6 +111,7 @@ DWORD SignIn(const std::wstring& user, DWORD session) {
   account->lastLogon = UtcTime();
   ChangeUser(*account);
   SetSession(id, account->name, ComputerName());
+  WriteText(AreaOf(id), L"Sid", account->sid);
   NoteLastUser(account->name);
   DeliverSessionChange(WTS_SESSION_LOGON, id);
   return id;

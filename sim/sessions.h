@@ -1,6 +1,7 @@
-// Sessions of the simulated machine: area "Sessions\<id>" with the texts "User" and "Domain". Without that area the
-// real calls answer for this process's own session, and only session 0 is enumerated. Signing in and out reaches the
-// service's control handler, be it hosted by this process or running in another one.
+// Sessions of the simulated machine: area "Sessions\<id>" with the texts "User" and "Domain", and "Sid" of an account
+// that signed in. Without that area the real calls answer for this process's own session, and only session 0 is
+// enumerated. Signing in and out reaches the service's control handler, be it hosted by this process or running in
+// another one.
 #pragma once
 
 #include "sim/machine.h"

@@ -171,7 +171,7 @@ TEST_F(Days, TheSecretIsReadOnceForAChangedName) {
 
 TEST_F(Days, AMaintenanceThatWasCutShortEndsInARestart) {
   CutMaintenanceShort();
-  EndMaintenanceOfEarlierBoot();
+  RepairMaintenance();
   EXPECT_EQ(test::LogTexts().back(), "INFO maintenance was cut short: restarting into kiosk mode in 300 s");
   clock_.RunFor(299'999);
   EXPECT_FALSE(sim::PendingShutdown());
@@ -179,7 +179,7 @@ TEST_F(Days, AMaintenanceThatWasCutShortEndsInARestart) {
   EXPECT_TRUE(sim::PendingShutdown());
   EXPECT_EQ(test::LogTexts().back(), "INFO restarting into kiosk mode (maintenance was cut short)");
   ExpectTheKioskBack();
-  EndMaintenanceOfEarlierBoot();
+  RepairMaintenance();
   clock_.RunFor(600'000);
   EXPECT_FALSE(sim::PendingShutdown()) << "once is enough";
 }
@@ -208,7 +208,7 @@ TEST_F(Days, NobodyIsThrownOutForAMaintenanceThatWasCutShort) {
     SetUp();
     CutMaintenanceShort();
     each.before();
-    EndMaintenanceOfEarlierBoot();
+    RepairMaintenance();
     EXPECT_FALSE(state::FlagIsOn(state::kMaintenance));
     each.after();
     clock_.RunFor(600'000);

@@ -121,7 +121,7 @@ void EveryPointGivesTheComputerBack(const KioskScenario& scenario) {
     ASSERT_EQ(state::ProtectStateKey().what, nullptr);
     FinishPendingRemoval();
     RepairAutoLogon();
-    EndMaintenanceOfEarlierBoot();
+    RepairMaintenance();
     TrimPrivilegedGroups();
     ApplyKioskPolicies();
     scenario.askAgain();

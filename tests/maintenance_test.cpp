@@ -285,11 +285,16 @@ TEST_F(MaintenanceTest, ItDoesNotSurviveARestartOfWindows) {
     SetDword(state::kStateKey, L"Maintenance", 1);
     state::WriteStateQword(state::kMaintenanceAt, at);
     SetString(kWinlogonKey, L"AutoAdminLogon", L"0");
-    EndMaintenanceOfEarlierBoot();
+    RepairMaintenance();
     EXPECT_EQ(IsOn(), stays) << at;
     EXPECT_EQ(Winlogon(L"AutoAdminLogon"), stays ? L"0" : L"1");
   }
   EXPECT_EQ(test::CountLogged("INFO maintenance over (Windows restarted): kiosk sign-in restored"), 2);
+  // A start in the same boot, after the service was ended between the mark and the switch.
+  SetString(kWinlogonKey, L"AutoAdminLogon", L"1");
+  RepairMaintenance();
+  EXPECT_FALSE(IsOn());
+  EXPECT_EQ(test::CountLogged("INFO maintenance over (it was cut short as it began): kiosk sign-in restored"), 1);
 }
 
 TEST_F(MaintenanceTest, EndingLeavesASettingThatIsNotTheServicesAlone) {
@@ -349,7 +354,7 @@ TEST(MaintenanceFaults, AStartOfWindowsEndsEveryHalf) {
     const auto nextDay = [] {
       sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 22, 9));
       RepairAutoLogon();
-      EndMaintenanceOfEarlierBoot();
+      RepairMaintenance();
       EXPECT_FALSE(state::FlagIsOn(state::kMaintenance));
       EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"1");
       EXPECT_TRUE(AutoLogonNamesKiosk());

@@ -165,6 +165,14 @@ TEST_F(NetworkTest, UnfinishedChangeIsPutBackUnlessSomebodyElseHasSetTheAdapterS
   EXPECT_EQ(sim::DumpAdapters(), owners);
 }
 
+TEST_F(NetworkTest, ADamagedRecordGoes) {
+  for (const auto settle : {SettleChanges, EndChanges}) {
+    test::SetString(state::kStateKey, L"PriorNetwork", L"[{\"adapter\":");
+    EXPECT_TRUE(settle());
+    EXPECT_FALSE(Recorded());
+  }
+}
+
 TEST_F(NetworkTest, RecordOfAnOlderVersionDoesNotKnowGatewaysBesideDhcp) {
   const std::string before = sim::DumpAdapters();
   sim::SetGatewaysByHand(sim::kFactoryAdapter, L"10.9.9.9");

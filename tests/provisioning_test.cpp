@@ -115,6 +115,7 @@ TEST_F(ProvisioningTest, EachFailureHasItsCodeAndIsOverWhenItsCauseIs) {
        "winlogon_failed", 0},
       {"\\DefaultDomainName)", true, "winlogon_failed", 0},
       {"Winlogon\\AutoAdminLogon)", true, "winlogon_failed", 0},
+      {"Winlogon\\AutoLogonCount)", false, "winlogon_failed", 0},
       {"CreateProfile(", false, "profile_failed", 0x80070005},
       {" hive)", false, "profile_failed", 0x80070005},
       {"RegLoadKeyW(", false, "hive_failed", 0},
@@ -305,6 +306,48 @@ TEST_F(ProvisioningTest, AProfileWithoutAUsableRegistryIsMadeAnewUnlessItMayBeIn
       test::ExpectProvisioned();
       EXPECT_EQ(sim::RestartComputer(), 1U) << "the kiosk does not sign in by itself";
     }
+  }
+}
+
+TEST_F(ProvisioningTest, ARestartInBetweenNeverShowsWindowsOwnShell) {
+  static std::string unsafe;  // a change before which Windows could sign the kiosk in, and would make its profile
+  const struct {
+    const char* what;
+    void (*prepare)();
+  } cases[] = {
+      {"somebody deleted the account",
+       [] {
+         EXPECT_EQ(Provision(), "");
+         sim::RemoveUser(L"NorvaneKiosk");
+       }},
+      {"somebody damaged the profile",
+       [] {
+         EXPECT_EQ(Provision(), "");
+         test::WriteWholeFile(sim::ProfileFolder(Sid()) + L"\\NTUSER.DAT", "junk");
+       }},
+      {"the owner had it on, for nobody",
+       [] {
+         SetString(kWinlogonKey, L"AutoAdminLogon", L"1");
+         SetString(kWinlogonKey, L"DefaultUserName", L"");
+       }},
+  };
+  for (const auto& each : cases) {
+    SCOPED_TRACE(each.what);
+    PrepareComputer();
+    each.prepare();
+    unsafe.clear();
+    sim::SetChangeHook([](const sim::ChangeCall& call) -> DWORD {
+      const sim::User kiosk = Kiosk();
+      if (!kiosk.sid.empty() && sim::ProfileFolder(kiosk.sid).empty() && Winlogon(L"AutoAdminLogon") == L"1" &&
+          sim::Secret(L"DefaultPassword") == kiosk.password) {
+        unsafe = call.Text();
+      }
+      return 0;
+    });
+    EXPECT_EQ(Provision(), "");
+    sim::SetChangeHook(nullptr);
+    EXPECT_EQ(unsafe, "");
+    EXPECT_EQ(sim::RestartComputer(), 1U);
   }
 }
 

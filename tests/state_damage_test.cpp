@@ -23,7 +23,7 @@ namespace {
 // What a start, and then a pass of the worker, say.
 std::string StartAndCheckIn() {
   account::FinishPendingRemoval();
-  account::EndMaintenanceOfEarlierBoot();
+  account::RepairMaintenance();
   account::RememberAdministratorSessions();
   account::TrimPrivilegedGroups();
   account::ApplyKioskPolicies();

@@ -120,6 +120,11 @@ TEST_F(TeardownTest, WhatBecomesOfTheAccount) {
       {"user gone meanwhile", true, false, true, kDeleted, nullptr, 2, NERR_UserNotFound},
       {"user that stays", false, false, true, "ERROR cannot delete NorvaneKiosk (5)", nullptr, 2, ERROR_ACCESS_DENIED},
       {"user gone before", true, true, true, "", [](const std::wstring&) { sim::RemoveUser(L"NorvaneKiosk"); }},
+      {"user gone while it is signed in", true, true, true, "INFO logged off kiosk session 1",
+       [](const std::wstring&) {
+         sim::SignIn(L"NorvaneKiosk");
+         sim::RemoveUser(L"NorvaneKiosk");
+       }},
       {"somebody else's", true, false, true, "WARN the local NorvaneKiosk is not the recorded account SID; left alone",
        [](const std::wstring&) {
          sim::RemoveUser(L"NorvaneKiosk");

@@ -7,6 +7,7 @@
 #include "account/kiosk_account.h"
 #include "account/kiosk_restart.h"
 #include "account/unlock_token.h"
+#include "account/winlogon.h"
 #include "command/reply.h"
 #include "enrolment/device_token.h"
 #include "enrolment/enrolment.h"
@@ -120,9 +121,14 @@ bool EndMaintenance(const char* reason) {
   return ours && over;
 }
 
-void EndMaintenanceOfEarlierBoot() {
-  if (state::ReadStateQword(state::kMaintenanceAt) >= win32::WindowsStartedAt() ||
-      !EndMaintenance("Windows restarted")) {
+void RepairMaintenance() {
+  if (state::ReadStateQword(state::kMaintenanceAt) >= win32::WindowsStartedAt()) {
+    if (state::ReadString(kWinlogonKey, kAutoAdminLogon) == L"1") {
+      EndMaintenance("it was cut short as it began");
+    }
+    return;
+  }
+  if (!EndMaintenance("Windows restarted")) {
     return;
   }
   // Durably over, or every start would end in a restart.

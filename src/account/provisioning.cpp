@@ -182,24 +182,32 @@ bool JoinUsers(const std::wstring& sidText) {
   return false;
 }
 
-Outcome SetUpSignIn(const Password& password) {
+// A kiosk without the lockdown in its profile would have Windows' own shell. So it does not sign in by itself until
+// that is there, even if the power goes in between.
+bool SignInLater() {
+  const win32::LockGuard guard(AutoLogonLock());
+  return SetAutoAdminLogon(false);
+}
+
+Outcome SetUpSignIn(const std::wstring& sid, const Password& password) {
   if (!TakeOverAutoLogon()) {
     return {"state_write_failed"};
   }
   // The names before the secret: they tell a restore that the secret is the kiosk's and has to go.
-  if (!WriteKioskNames()) {
+  if (!WriteKioskNames() || (!state::ProfileFolder(sid) && !SignInLater())) {
     return {"winlogon_failed"};
   }
   if (const char* const failure = StoreKioskSecret(password.Get(), password.Size()); failure != nullptr) {
     return {failure};
   }
-  // After the secret that takes its place, so that the owner has one of the two at any moment. It has to go: while it
-  // stands it says that automatic sign-in is somebody else's.
-  const LSTATUS deleted = RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kWinlogonKey, kDefaultPassword);
-  if (deleted != ERROR_SUCCESS && deleted != ERROR_FILE_NOT_FOUND) {
-    return {"winlogon_failed"};
+  // After the secret that takes its place, so that the owner has one of the two at any moment. Both have to go: while
+  // the password stands it says that automatic sign-in is somebody else's, and a count ends it after so many.
+  for (const wchar_t* const name : {kDefaultPassword, kAutoLogonCount}) {
+    const LSTATUS deleted = RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kWinlogonKey, name);
+    if (deleted != ERROR_SUCCESS && deleted != ERROR_FILE_NOT_FOUND) {
+      return {"winlogon_failed"};
+    }
   }
-  RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kWinlogonKey, kAutoLogonCount);
   state::WriteDword(kPasswordLessKey, kPasswordLessVersion, 0);
   state::WriteDword(kSystemPoliciesKey, kFirstLogonAnimation, 0);
   return kWell;
@@ -222,7 +230,7 @@ Outcome LockDown(const std::wstring& sid, const std::wstring& client) {
       return {"hive_failed"};
     }
     log::Log(log::kWarn, log::kKiosk, "the kiosk profile has no usable registry; making it anew");
-    if (!DeleteKioskProfile(sid)) {
+    if (!SignInLater() || !DeleteKioskProfile(sid)) {
       return {"hive_failed"};
     }
   }
@@ -259,7 +267,7 @@ Outcome RunSteps(const std::wstring& client) {
     return {"group_failed"};
   }
   TrimPrivilegedGroups();
-  if (const Outcome set = SetUpSignIn(password); set.code != nullptr) {
+  if (const Outcome set = SetUpSignIn(account.sid, password); set.code != nullptr) {
     return set;
   }
   HideFastUserSwitching();

@@ -56,7 +56,8 @@ bool DeleteKioskUser() {
 }
 
 // Signs out and deletes the local user of that SID, and its profile even where the user is gone or another now bears
-// the name. False when something of it is left; logged.
+// the name. Somebody may have deleted the user while it was signed in: its session still bears the name, and as long
+// as it lasts Windows holds the profile. False when something is left; logged.
 bool DeleteKioskAccount(const std::wstring& recordedSid) {
   std::wstring sid;
   const AccountLookup found = LookupKioskAccount(sid);
@@ -67,8 +68,7 @@ bool DeleteKioskAccount(const std::wstring& recordedSid) {
   if (found == AccountLookup::kPresent && !ours) {
     log::Log(log::kWarn, log::kKiosk, "the local %s is not the recorded account %s; left alone",
              enrolment::kKioskUserText, win32::ToNarrow(recordedSid).c_str());
-  }
-  if (ours && !enrolment::LogOffKioskSessions(true)) {
+  } else if (!enrolment::LogOffKioskSessions(true) && ours) {
     return false;
   }
   const bool profileGone = DeleteKioskProfile(recordedSid);

@@ -106,6 +106,15 @@ PutBackResult Undo(const ChangeRecord& record) {
   return result;
 }
 
+// For whoever has the turn. Where somebody damaged the value there is none in it, and it goes here or never.
+std::vector<ChangeRecord> AllRecords() {
+  std::vector<ChangeRecord> records = ReadChangeRecords();
+  if (records.empty()) {
+    ForgetChange({});
+  }
+  return records;
+}
+
 }  // namespace
 
 json::Value NetSet(const command::Request& request) {
@@ -142,7 +151,7 @@ bool SettleChanges() {
   }
   const bool enrolled = state::TokenIsStored();
   bool all = true;
-  for (ChangeRecord& record : ReadChangeRecords()) {
+  for (ChangeRecord& record : AllRecords()) {
     // Without an enrolment there is no portal that could prove it. A teardown beside the change leaves such a record.
     const bool settled = record.unproven && !enrolled ? ForgetChange(record.adapter)
                                                       : IsToBeUndone(record) && Undo(record) == PutBackResult::kOver;
@@ -160,7 +169,7 @@ bool EndChanges() {
     return false;
   }
   bool all = true;
-  for (const ChangeRecord& record : ReadChangeRecords()) {
+  for (const ChangeRecord& record : AllRecords()) {
     const bool over = record.unproven ? ForgetChange(record.adapter) : Undo(record) != PutBackResult::kNotNow;
     all = all && over;
   }

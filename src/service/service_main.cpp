@@ -134,7 +134,7 @@ void RepairKiosk() {
     branding::RemoveBranding();
   }
   account::RepairAutoLogon();
-  account::EndMaintenanceOfEarlierBoot();
+  account::RepairMaintenance();
   account::RememberAdministratorSessions();
   account::TrimPrivilegedGroups();
   account::ApplyKioskPolicies();
