@@ -229,7 +229,8 @@ class Development(unittest.TestCase):
                 terminal.path(r"C:\request.json").write_bytes(request.encode(encoding))
                 code, out, err = terminal.run("kioskctl-dev.exe", "send", r"@C:\request.json")
                 self.assertEqual((code, json.loads(out)["ok"]), (0, True), (encoding, err))
-            with terminal.start("kioskctl-dev.exe", "send", "-", stdin=terminal.path(r"C:\request.json").open()) as sending:
+            with (terminal.path(r"C:\request.json").open() as request,
+                  terminal.start("kioskctl-dev.exe", "send", "-", stdin=request) as sending):
                 self.assertTrue(json.loads(sending.communicate(timeout=30)[0])["ok"])
             self.assertEqual(terminal.run("kioskctl-dev.exe", "send", r"@C:\none.json"),
                              (2, "", 'kioskctl-dev: cannot read the request (error 2)\nSee "kioskctl-dev --help".\n'))
@@ -289,6 +290,8 @@ class RealHttp(unittest.TestCase):
             terminal.install(url=portal.url)
             self.assertEqual(terminal.ask(cmd="pair.begin"), {"ok": False, "error": "unreachable"})
             self.assertEqual(list(portal.requests), [])
+            self.assertRegex(terminal.run("kioskctl.exe", "check")[1],
+                             r"WRONG +portal TLS +no answer \(WinHTTP error 121\d\d\)\r?\n +-> .*(TLS|certificate)")
             terminal.trust(portal.ca_file)
             terminal.net("stop")
             terminal.net("start")
