@@ -97,7 +97,7 @@ if(BUILD_TESTING)
   list(FILTER NORVANE_TESTS EXCLUDE REGEX json_wipe_test)
   # Of kioskctl what the shipped build has, without its entry.
   set(NORVANE_CTL_TESTED pipe_client.cpp exchange.cpp commands.cpp removed.cpp large_text.cpp check.cpp check_portal.cpp
-    support_facts.cpp file_version.cpp log_files.cpp redact.cpp)
+    support_facts.cpp support_windows.cpp file_version.cpp log_files.cpp redact.cpp)
   list(TRANSFORM NORVANE_CTL_TESTED PREPEND ${CMAKE_SOURCE_DIR}/tools/kioskctl/)
   add_library(kiosk_test_cases STATIC ${NORVANE_TESTS} ${NORVANE_CTL_TESTED})
   target_include_directories(kiosk_test_cases PRIVATE ${CMAKE_SOURCE_DIR})

@@ -84,6 +84,8 @@ TEST_F(KioskCtlCheck, NamesWhatIsWrong) {
       {"portal", [] { SetString(kStateKey, L"AuthBaseUrl", L"ftp://portal.test"); },
        "WRONG: \"ftp://portal.test\" is no"},
       {"portal name", [] {}, "ok: 127.0.0.1 is 127.0.0.1"},
+      {"portal name", [] { SetString(kStateKey, L"AuthBaseUrl", L"http://portal.invalid"); },
+       "WRONG: portal.invalid is not found (error "},
       {"portal TCP", [] {}, "WRONG: no connection to port 9 (error 10061)"},
       {"pairing", [] {}, "ok: paired"},
       {"pairing", [] { SetDword(kStateKey, L"TeardownPending", 1); }, "WRONG: kiosk mode is being removed"},

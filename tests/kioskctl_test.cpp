@@ -14,10 +14,12 @@
 #include "tools/kioskctl/commands.h"
 #include "tools/kioskctl/log_files.h"
 #include "tools/kioskctl/redact.h"
+#include "tools/kioskctl/support_facts.h"
 #include "win32/program_path.h"
 #include "win32/thread.h"
 
 #include <array>
+#include <cstring>
 #include <optional>
 
 namespace kiosk {
@@ -234,6 +236,37 @@ TEST_F(KioskCtl, LogsOfABundleAreCutAtALine) {
   EXPECT_EQ(offset, 28U);
   EXPECT_FALSE(kioskctl::ReadLog(path + L"x", offset, 20, text));
   EXPECT_EQ(GetLastError(), DWORD{ERROR_FILE_NOT_FOUND});
+}
+
+std::string EventLine(WORD type, bool ofSystem, const std::vector<std::wstring>& sourceComputerAndTexts) {
+  EVENTLOGRECORD record{};
+  record.EventID = 0x8000'0432;
+  record.EventType = type;
+  record.NumStrings = static_cast<WORD>(sourceComputerAndTexts.size() - 2);
+  std::wstring texts;
+  for (std::size_t i = 0; i < sourceComputerAndTexts.size(); ++i) {
+    if (i == 2) {
+      record.StringOffset = static_cast<DWORD>(sizeof(record) + texts.size() * sizeof(wchar_t));
+    }
+    texts.append(sourceComputerAndTexts[i].c_str(), sourceComputerAndTexts[i].size() + 1);
+  }
+  std::vector<std::uint32_t> room((sizeof(record) + texts.size() * sizeof(wchar_t)) / sizeof(std::uint32_t) + 1);
+  std::memcpy(room.data(), &record, sizeof(record));
+  std::memcpy(reinterpret_cast<char*>(room.data()) + sizeof(record), texts.data(), texts.size() * sizeof(wchar_t));
+  return kioskctl::EventText(*reinterpret_cast<const EVENTLOGRECORD*>(room.data()), ofSystem);
+}
+
+TEST_F(KioskCtl, EventsOfABundleAreThoseOfTheServiceAndOfTheSystemsLife) {
+  const std::vector<std::wstring> restart{
+      L"User32", L"PC", L"C:\\Windows\\x.exe (PC)", L"PC\\anna", L"NT AUTHORITY\\SYSTEM", L"a\nb"};
+  EXPECT_EQ(EventLine(EVENTLOG_INFORMATION_TYPE, true, restart),
+            "User32 1074 | C:\\Windows\\x.exe (PC) | [account] | NT AUTHORITY\\SYSTEM | a b");
+  EXPECT_EQ(EventLine(EVENTLOG_INFORMATION_TYPE, false, restart), "");
+  EXPECT_EQ(EventLine(EVENTLOG_INFORMATION_TYPE, false, {L"SCM", L"PC", L"Norvane (Tessaly) Kiosk", L"1"}),
+            "SCM 1074 | Norvane (Tessaly) Kiosk | 1");
+  EXPECT_EQ(EventLine(EVENTLOG_ERROR_TYPE, true, {L"disk", L"PC"}), "disk 1074");
+  EXPECT_EQ(EventLine(EVENTLOG_ERROR_TYPE, false, {L"Word", L"PC"}), "");
+  EXPECT_EQ(EventLine(EVENTLOG_WARNING_TYPE, true, {L"DNS", L"PC"}), "");
 }
 
 TEST_F(KioskCtl, RedactedTextNamesNobody) {

@@ -81,6 +81,9 @@ std::string HttpAdvice(DWORD error) {
     case ERROR_WINHTTP_SECURE_FAILURE:
       return "Windows does not trust the portal's certificate: is its authority among the computer's trusted roots,"
              " does it name this host, is the clock right?";
+    case ERROR_WINHTTP_SECURE_CHANNEL_ERROR:
+      return "The portal and this computer do not come to terms over TLS: does the portal offer version 1.2, is its"
+             " certificate in order?";
     case ERROR_WINHTTP_TIMEOUT:
       return "The portal takes connections and does not answer: look at the portal, or at what inspects the traffic.";
     case ERROR_WINHTTP_NAME_NOT_RESOLVED:

@@ -57,13 +57,23 @@ constexpr Section kSections[] = {
     {"files.txt", FileFacts},
 };
 
-// A section on its way. Its thread may hang in Windows for ever: then it is left behind, with its share of the text.
-struct Asked {
-  std::shared_ptr<std::string> text = std::make_shared<std::string>();
-  kiosk::win32::KernelHandle thread;
+// A question to Windows on its way. Its thread may hang there for ever: then it is left behind, with its share of the
+// answer.
+template <typename Result>
+class Asked {
+ public:
+  explicit Asked(Result (*ask)())
+      : thread_(kiosk::win32::StartThread([out = result_, ask]() noexcept { *out = ask(); })) {}
 
-  explicit Asked(const Section& section)
-      : thread(kiosk::win32::StartThread([out = text, ask = section.text]() noexcept { *out = ask(); })) {}
+  // Null when there is none by then.
+  const Result* Wait(const kiosk::win32::Deadline& deadline) const {
+    const bool done = thread_ && WaitForSingleObject(thread_.Get(), deadline.Left()) == WAIT_OBJECT_0;
+    return done ? result_.get() : nullptr;
+  }
+
+ private:
+  std::shared_ptr<Result> result_ = std::make_shared<Result>();
+  kiosk::win32::KernelHandle thread_;
 };
 
 // Full control for SYSTEM, Administrators and the owner ("OWNER RIGHTS", whoever makes the bundle), for nobody else.
@@ -100,7 +110,13 @@ FileHandle MakeFile(const std::wstring& folder, const SYSTEMTIME& now, std::wstr
   return file;
 }
 
-void AddLogs(ZipArchive& archive, const std::vector<std::wstring>& names) {
+// What of a text may be handed on, when the names of this computer's users are known.
+std::string Cleaned(const std::string& text, const std::vector<std::wstring>* names) {
+  return names != nullptr ? Redacted(text, *names)
+                          : "left out: Windows does not tell which users there are, whose names may stand here\n";
+}
+
+void AddLogs(ZipArchive& archive, const std::vector<std::wstring>* names) {
   for (const std::wstring& path : NewestLogs(kLogBudget)) {
     // The day's folder becomes a part of the copy's name: files of different days have the same names.
     const std::size_t nameAt = path.rfind(L'\\');
@@ -111,16 +127,17 @@ void AddLogs(ZipArchive& archive, const std::vector<std::wstring>& names) {
     if (!ReadLog(path, offset, kLogBudget, text)) {
       text = "cannot be read" + ErrorText(GetLastError()) + "\n";
     }
-    archive.Add("logs/" + kiosk::win32::ToNarrow(name), Redacted(text, names));
+    archive.Add("logs/" + kiosk::win32::ToNarrow(name), Cleaned(text, names));
   }
 }
 
 // The whole zip file. Prints the name of each member that is done, for a person who waits.
 std::string Collect(const Options& options, const SYSTEMTIME& now) {
   const kiosk::win32::Deadline deadline(kPatience);
-  std::vector<Asked> asked;
+  const Asked<std::vector<std::wstring>> askedNames(NamesOfUsers);
+  std::vector<Asked<std::string>> asked;
   for (const Section& section : kSections) {
-    asked.emplace_back(section);
+    asked.emplace_back(section.text);
   }
   FILETIME time{};
   WORD date = 0;
@@ -130,11 +147,10 @@ std::string Collect(const Options& options, const SYSTEMTIME& now) {
   }
   const auto tell = [&options](const char* what) { Print(options.json ? "" : std::string("  ") + what + "\n"); };
   ZipArchive archive(date, timeOfDay);
-  const std::vector<std::wstring> names = NamesOfUsers();
+  const std::vector<std::wstring>* const names = askedNames.Wait(deadline);
   for (std::size_t i = 0; i < asked.size(); ++i) {
-    const HANDLE thread = asked[i].thread.Get();
-    const bool done = thread != nullptr && WaitForSingleObject(thread, deadline.Left()) == WAIT_OBJECT_0;
-    archive.Add(kSections[i].file, done ? Redacted(*asked[i].text, names) : "no answer within a minute\n");
+    const std::string* const text = asked[i].Wait(deadline);
+    archive.Add(kSections[i].file, text != nullptr ? Cleaned(*text, names) : "no answer within a minute\n");
     tell(kSections[i].file);
   }
   AddLogs(archive, names);

@@ -3,6 +3,8 @@
 // stand in it as Windows has them: whoever writes it down takes them out.
 #pragma once
 
+#include "win32/winapi.h"
+
 #include <cstdint>
 #include <string>
 
@@ -19,6 +21,9 @@ std::string NetworkFacts();      // adapters with their addresses, and the WinHT
 std::string CertificateFacts();  // the service's signature; the client certificate of central logging
 std::string FolderFacts();       // owners and permissions of the folders
 std::string FileFacts();         // logs, dumps, the spool and the branding, by name, size and time
+
+// A record's source, number and texts on one line; empty when it is of no interest. More is in the log of the system.
+std::string EventText(const EVENTLOGRECORD& record, bool ofSystem);
 
 // "2026-11-21 09:00:00 UTC", of a time in 100 ns units since 1601.
 std::string FileTimeText(std::uint64_t value);

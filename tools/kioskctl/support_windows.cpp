@@ -41,19 +41,11 @@ bool IsOfInterest(const EVENTLOGRECORD& record, std::wstring_view source, const 
          (ofSystem && std::find(std::begin(kSources), std::end(kSources), source) != std::end(kSources));
 }
 
-// The record's line; empty when it is of no interest.
-std::string EventText(const EVENTLOGRECORD& record, bool ofSystem) {
-  const auto* const source = reinterpret_cast<const wchar_t*>(&record + 1);
-  const auto* part = reinterpret_cast<const wchar_t*>(reinterpret_cast<const BYTE*>(&record) + record.StringOffset);
-  std::string text = ToNarrow(source) + " " + std::to_string(record.EventID & 0xffff);
-  for (WORD i = 0; i < record.NumStrings; ++i) {
-    const std::wstring_view each = part;
-    text += " | " + ToNarrow(each);
-    part += each.size() + 1;
-  }
-  std::replace(text.begin(), text.end(), '\n', ' ');
-  std::replace(text.begin(), text.end(), '\r', ' ');
-  return IsOfInterest(record, source, text, ofSystem) ? text : std::string();
+// "DOMAIN\user", of an account that this computer may not know any more: only Windows' own is told.
+std::string AccountsLeftOut(std::wstring_view text) {
+  const bool isAccount = std::count(text.begin(), text.end(), L'\\') == 1 && text.find_first_of(L":/") == text.npos &&
+                         !text.starts_with(L"\\") && !text.starts_with(L"NT AUTHORITY\\");
+  return isAccount ? "[account]" : ToNarrow(text);
 }
 
 std::string EventsOf(const wchar_t* name) {
@@ -187,6 +179,20 @@ std::string ListingOf(const std::wstring& folder, int levels) {
 }
 
 }  // namespace
+
+std::string EventText(const EVENTLOGRECORD& record, bool ofSystem) {
+  const auto* const source = reinterpret_cast<const wchar_t*>(&record + 1);
+  const auto* part = reinterpret_cast<const wchar_t*>(reinterpret_cast<const BYTE*>(&record) + record.StringOffset);
+  std::string text = ToNarrow(source) + " " + std::to_string(record.EventID & 0xffff);
+  for (WORD i = 0; i < record.NumStrings; ++i) {
+    const std::wstring_view each = part;
+    text += " | " + AccountsLeftOut(each);
+    part += each.size() + 1;
+  }
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  std::replace(text.begin(), text.end(), '\r', ' ');
+  return IsOfInterest(record, source, text, ofSystem) ? text : std::string();
+}
 
 std::string EventFacts() { return EventsOf(L"System") + "\n" + EventsOf(L"Application"); }
 
