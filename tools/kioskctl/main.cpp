@@ -54,6 +54,9 @@ constexpr char kHelp[] =
     "  kioskctl [--json] proxy-set UNLOCK-TOKEN none | auto URL | manual SERVER:PORT [BYPASS]\n"
     "                              set the default proxy of Windows' services\n"
     "  kioskctl send JSON          send one request as it is and print the reply\n"
+    "  kioskctl serve SCRIPT [COMMAND=CODE ...]\n"
+    "                              answer the pipe as a script says, in place of the service; such commands with an\n"
+    "                              error code\n"
 #endif
     "  kioskctl --help | --version\n"
     "\n"
@@ -80,6 +83,7 @@ constexpr Command kCommands[] = {
     {"support-bundle", 0, 1, "at most one folder", kioskctl::SupportBundle},
 #ifdef NORVANE_DEVELOPMENT_COMMANDS
     {"send", 1, 1, "one JSON text", kioskctl::Send},
+    {"serve", 1, 16, "a script, and COMMAND=CODE for what is to fail", kioskctl::Serve},
     {"unlock", 1, 1, "one password", kioskctl::Unlock},
     {"maintenance", 1, 2, "a password and at most one unlock token", kioskctl::Maintenance},
     {"power", 1, 4, "an unlock token, and \"portal\" or two numbers and at most one schedule", kioskctl::Power},
