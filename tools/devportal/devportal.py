@@ -24,6 +24,8 @@ from routes import PHOTO_PATH, Routes, TERMINAL_PREFIX
 from server import Reply, Request, Server
 from store import CODE_LIFETIME, PortalError, Store
 
+MOST_FAULTS = 100
+
 __all__ = ["Portal", "PortalError", "Reply", "Request"]
 
 
@@ -42,7 +44,8 @@ class Portal:
         context, self.ca_file = tls_files.make_context(tls or https_too) if tls or https_too else (None, None)
         self._store = Store(database)
         self._servers = []
-        self.schema_faults = []  # what came or went that docs/schemas does not have; leaving the context raises it
+        # What came or went that docs/schemas does not have, the first of it; leaving the context raises it.
+        self.schema_faults = []
         self._unchecked = False
         try:
             self._routes = Routes(self._store, code_lifetime, self._hold)
@@ -80,11 +83,12 @@ class Portal:
         faults = [] if self._unchecked and name.endswith("/enrolled") else schemas.faults(name, value)
         for fault in faults:
             print(f"devportal: {fault}", file=sys.stderr)
-        self.schema_faults += faults
+        self.schema_faults += faults[:MOST_FAULTS - len(self.schema_faults)]
 
     def claim(self, code, unchecked=False, **settings):
         """Claims a pairing code, as a person does; returns the terminal's id. `unchecked` as for set()."""
-        return self._store.claim(code, self._checked(settings, unchecked))
+        checked = self._checked(settings, unchecked)
+        return self._store.claim(code, {name: value for name, value in checked.items() if value is not None})
 
     def terminals(self):
         return self._store.terminals()

@@ -36,6 +36,9 @@ int SupportBundle(const Options& options, const Words& words);
 
 #ifdef NORVANE_DEVELOPMENT_COMMANDS
 int Send(const Options& options, const Words& words);
+// Serves the pipe with the replies of a script (examples/shell/README.md) until it is stopped. Returns kUsage when the
+// script is wrong, kNoService when the pipe is taken.
+int Serve(const Options& options, const Words& words);
 int Unlock(const Options& options, const Words& words);
 int Maintenance(const Options& options, const Words& words);
 int Power(const Options& options, const Words& words);

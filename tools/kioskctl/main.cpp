@@ -60,6 +60,9 @@ constexpr char kHelp[] =
     "  send JSON | - | @FILE\n"
     "                    send one request as it is, which may come from standard input or a file, and print the\n"
     "                    reply; PowerShell wants '@FILE' in quotes\n"
+    "  serve SCRIPT [COMMAND=CODE ...]\n"
+    "                    answer the pipe as a script says, in place of the service; such commands with an error\n"
+    "                    code\n"
 #endif
     "\n"
     "  --json            for scripts: the service's replies as JSON, a line each, of those that follow something\n"
@@ -90,6 +93,7 @@ constexpr Command kCommands[] = {
     {"support-bundle", 0, 1, "at most one folder", kioskctl::SupportBundle},
 #ifdef NORVANE_DEVELOPMENT_COMMANDS
     {"send", 1, 1, "one JSON text, \"-\" or \"@FILE\"", kioskctl::Send},
+    {"serve", 1, 16, "a script, and COMMAND=CODE for what is to fail", kioskctl::Serve, ""},
     {"unlock", 1, 1, "one password", kioskctl::Unlock},
     {"maintenance", 1, 2, "a password and at most one unlock token", kioskctl::Maintenance},
     {"power", 1, 4, "an unlock token, and \"portal\" or two numbers and at most one schedule", kioskctl::Power},
