@@ -133,12 +133,12 @@ void TearDown(bool deleteStateKey, const char* reason) REQUIRES(AccountLock()) {
   const bool isNew = IsNewRemoval();
   MarkPending();
   log::Log(log::kWarn, log::kKiosk, "removing kiosk mode: %s", reason);
-  if (isNew) {
-    log::WriteEvent(ENTRY_KIOSK_REMOVED, {reason});
-  }
   CancelKioskRestart();
   DropUnlock();
   { const win32::LockGuard answersThatAreBeingWritten(enrolment::ReplyLock()); }
+  if (isNew) {
+    log::WriteEvent(ENTRY_KIOSK_REMOVED, {reason});
+  }
   RestoreAutoLogon();
   RestoreFastUserSwitching();
   state::DeleteMadeKeys(state::kMadeSignInKeys);  // the policy above is in one of them
