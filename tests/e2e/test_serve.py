@@ -1,5 +1,6 @@
 """kioskctl-dev serve: a shell without a kiosk. The example of a shell meets the example of a script."""
 
+import concurrent.futures
 import json
 import re
 import subprocess
@@ -46,8 +47,10 @@ class Serve(unittest.TestCase):
             self.assertEqual(terminal.net("stop"), 0)
 
     def each_code_and_what_a_script_may_not_say(self, terminal):
-        codes = [(each["code"], command) for each in json.loads(MESSAGES.read_text())
-                 for command in each.get("commands", ["status"])]
+        codes = {}  # by command
+        for each in json.loads(MESSAGES.read_text()):
+            for command in each.get("commands", ["pair.begin"]):
+                codes.setdefault(command, []).append(each["code"])
         self.assertEqual(terminal.run("kioskctl-dev.exe", "serve", SCRIPT)[0], 2)
         script = terminal.path(SCRIPT)
         for text, wrong in (("", "unexpected end"), ("{}", "no JSON array"), ('[{"reply":{}}]', 'rule 1: "cmd" is no text'),
@@ -59,22 +62,24 @@ class Serve(unittest.TestCase):
             self.assertEqual((code, out), (2, ""), text)
             self.assertIn(wrong, err)
         script.write_text(json.dumps([{"cmd": command, "times": 1, "reply": {"ok": False, "error": code}}
-                                      for code, command in codes]))
+                                      for command, said in codes.items() for code in said]))
         with terminal.start("kioskctl-dev.exe", "serve", SCRIPT, "os.install=locked") as serving:
             try:
                 self.assertEqual(serving.stdout.readline().strip(), "Serving the pipe; Ctrl-C ends it.")
-                for code, command in codes:
-                    self.ask(terminal, command, "locked" if command == "os.install" else code)
-                self.ask(terminal, "unlock", "unknown_command")
+                self.ask(terminal, "os.install", "locked", "locked")
                 self.assertEqual([serving.stdout.readline().strip() for _ in range(2)],
-                                 ['> {"cmd": "status"}', '< {"ok":false,"error":"caller_refused"}'])
+                                 ['> {"cmd": "os.install"}', '< {"ok":false,"error":"locked"}'])
+                del codes["os.install"]
+                with concurrent.futures.ThreadPoolExecutor(4) as pool:
+                    list(pool.map(lambda command: self.ask(terminal, command, *codes[command], "unknown_command"), codes))
             finally:
                 serving.kill()
                 serving.communicate()
 
-    def ask(self, terminal, command, expected):
-        code, out, err = terminal.run("pipe_client.exe", json.dumps({"cmd": command}))
-        self.assertEqual((code, json.loads(out)), (0, {"ok": False, "error": expected}), err)
+    def ask(self, terminal, command, *expected):
+        for each in expected:
+            code, out, err = terminal.run("pipe_client.exe", json.dumps({"cmd": command}))
+            self.assertEqual((code, json.loads(out)), (0, {"ok": False, "error": each}), err)
 
     def sc(self, terminal, *words):
         return subprocess.run(["wine", "sc", *words], env=terminal.environment, stdin=subprocess.DEVNULL,

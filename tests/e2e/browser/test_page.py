@@ -38,7 +38,7 @@ class Terminal:
         self.headers = {"Authorization": "Bearer " + self.ask("GET", "pair/" + self.code)[1]["deviceToken"]}
 
     def check_in(self, **report):
-        return self.ask("POST", "check-in", report)
+        return self.ask("POST", "check-in", {"appVersion": "1"} | report)
 
 
 class PageTest(unittest.TestCase):
@@ -139,7 +139,8 @@ class PageTest(unittest.TestCase):
 
         # What the terminal says of itself: its own power settings, the last update run, and the week they give.
         terminal.check_in(powerLocal=dict(reply["power"], screenOffMinutes=5), osUpdates={
-            "lastResult": "failed", "error": "download_failed 0x80240022", "pending": 3, "restartRequired": True})
+            "lastRunAt": "2026-10-15T02:10:00Z", "lastResult": "failed", "error": "download_failed 0x80240022", "pending": 3,
+            "restartRequired": True})
         self.until(lambda: "screen off 5 min" in self.card(number, "dl").text, "the power settings of the terminal")
         self.assertIn("failed, 3 pending, restart required, download_failed 0x80240022", self.card(number, "dl").text)
         asleep = [part.get_attribute("width") for part in self.card(number).find_elements(By.CSS_SELECTOR, ".week .sleep")]
