@@ -28,8 +28,6 @@ class PortalTest : public test::EnrolledTerminal {
   }
 };
 
-sim::Response Reply(DWORD status, std::string body = {}) { return {.status = status, .body = std::move(body)}; }
-
 TEST_F(PortalTest, RequestsCarryExactlyWhatTheyShould) {
   SetString(state::kStateKey, L"AuthBaseUrl", L"http://portal.test:8080//");
   enrolment::AuthRequest(L"POST", "/api/x", "{}", "tok", enrolment::kApiBodyLimit, enrolment::kAcceptJson);
@@ -193,60 +191,6 @@ TEST_F(PortalTest, TokenIsProtectedAndEndsWhatWasLeftOpen) {
   EXPECT_TRUE(enrolment::ReadDeviceToken().Empty());
 }
 
-TEST_F(PortalTest, CheckInAnswersThatApplyNothing) {
-  std::string deep(100, '[');
-  struct {
-    sim::Response response;
-    std::string error;
-    DeviceStatus status;
-  } const cases[] = {
-      {Reply(401, R"({"status":"revoked"})"), "HTTP 401, status revoked", DeviceStatus::kRevoked},
-      {Reply(401, R"({"status":"unknown"})"), "HTTP 401, status unknown", DeviceStatus::kUnknown},
-      {Reply(401, R"({"status":"REVOKED"})"), "HTTP 401, status REVOKED", DeviceStatus::kNone},
-      {Reply(401, R"({"status":7})"), "HTTP 401 without a device status", DeviceStatus::kNone},
-      {Reply(401, "<html>"), "HTTP 401 without a device status", DeviceStatus::kNone},
-      {Reply(401, R"({"status":")" + std::string(127, 'x') + "€\"}"), "HTTP 401, status " + std::string(127, 'x'),
-       DeviceStatus::kNone},
-      {Reply(503), "HTTP 503", DeviceStatus::kNone},
-      {Reply(201, R"({"status":"enrolled"})"), "HTTP 201", DeviceStatus::kNone},
-      {Reply(200, R"({"status":"pending"})"), "unexpected check-in reply", DeviceStatus::kNone},
-      {Reply(200, R"(["enrolled"])"), "unexpected check-in reply", DeviceStatus::kNone},
-      {Reply(200, R"({"status":"enrolled"} trailing)"), "unexpected check-in reply", DeviceStatus::kNone},
-      {Reply(200, R"({"status":"enrolled","x":)" + deep), "unexpected check-in reply", DeviceStatus::kNone},
-      {Reply(200, R"({"status":"enrolled","x":")" + std::string(80'000, 'x') + "\"}"), "unexpected check-in reply",
-       DeviceStatus::kNone},
-      {{.receiveError = ERROR_WINHTTP_CONNECTION_ERROR}, "WinHTTP error 12030", DeviceStatus::kNone},
-  };
-  SetString(state::kStateKey, L"TerminalName", L"before");
-  SetString(state::kStateKey, L"SignIn", L"before");
-  SetString(state::kStateKey, L"UnknownSince", L"before");
-  for (const auto& each : cases) {
-    answer_ = each.response;
-    const CheckInResult result = CheckIn("tok");
-    EXPECT_EQ(result.error, each.error);
-    EXPECT_EQ(result.deviceStatus, each.status) << each.error;
-    EXPECT_TRUE(IsCheckInError(result.error)) << each.error;
-    EXPECT_EQ(state::ReadStateString(state::kTerminalName), L"before") << each.error;
-    EXPECT_EQ(state::ReadStateString(state::kSignIn), L"before") << each.error;
-    EXPECT_TRUE(HasValue(state::kStateKey, L"UnknownSince")) << each.error;
-  }
-  // Good answers that arrive too late: during a teardown, and after the terminal was paired anew.
-  answer_ = Reply(200, R"({"status":"enrolled","name":"late","exitPassword":"open"})");
-  for (const bool marked : {true, false}) {
-    SetDword(state::kStateKey, L"TeardownPending", marked ? 1 : 0);
-    const CheckInResult late = CheckIn(marked ? "tok" : "older");
-    EXPECT_EQ(late.error, "no longer enrolled");
-    EXPECT_TRUE(IsCheckInError(late.error));
-    EXPECT_TRUE(late.exitPassword.Empty());
-    EXPECT_EQ(state::ReadStateString(state::kTerminalName), L"before");
-    EXPECT_TRUE(HasValue(state::kStateKey, L"UnknownSince"));
-  }
-  EXPECT_TRUE(test::LogTexts().empty());
-  for (const char* other : {"", "no_client", "account_exists", "HTTPS"}) {
-    EXPECT_FALSE(IsCheckInError(other)) << other;
-  }
-}
-
 TEST_F(PortalTest, GoodCheckInIsTakenOver) {
   SetString(state::kStateKey, L"UnknownSince", L"x");
   answer_.body =
@@ -269,16 +213,6 @@ TEST_F(PortalTest, GoodCheckInIsTakenOver) {
   EXPECT_EQ(test::CountLogged("INFO terminal name now \"Łódź – Halle 3\""), 1);
   EXPECT_EQ(test::StateNames(), (std::set<std::wstring>{L"DeviceToken", L"PowerPolicy", L"PowerSource", L"SignIn",
                                                         L"TerminalName", L"UpdatesPolicy", L"UpdatesSource"}));
-}
-
-TEST_F(PortalTest, ATextOfNulsOnlyAndANameOfAnotherTypeAreNoName) {
-  for (const char* name : {R"("\u0000x")", "7", "null"}) {
-    SetString(state::kStateKey, L"TerminalName", L"old");
-    answer_ = Reply(200, std::string(R"({"status":"enrolled","name":)") + name + "}");
-    CheckIn("tok");
-    EXPECT_FALSE(HasValue(state::kStateKey, L"TerminalName")) << name;
-    EXPECT_EQ(test::LogTexts().back(), "INFO terminal name now \"\"");
-  }
 }
 
 // What a refused token leads to: at once, after 24 hours of virtual time, or never.

@@ -1,5 +1,6 @@
 // The central log shipper against a scripted endpoint, in virtual time.
 #include "log/local_log.h"
+#include "log/shipper/shipper_settings.h"
 #include "sim/clock.h"
 #include "sim/http.h"
 #include "sim/machine.h"
@@ -244,6 +245,21 @@ TEST_F(ShipperTest, RemoteConfigurationSwitchesBatchesLevelsAndShippingItself) {
   EXPECT_EQ(Count("nobody hears"), 0);
   EXPECT_EQ(Count("elsewhere"), 1);
   EXPECT_EQ(portal_.Requests().back().host, L"other.example");
+}
+
+TEST(Thumbprint, HasFortyDigitsHoweverTheyWereCopied) {
+  const std::wstring good = L"00112233445566778899aAbBcCdDeEfF01234567";
+  const Thumbprint bytes = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99,
+                            0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF, 0x01, 0x23, 0x45, 0x67};
+  for (const std::wstring& taken :
+       {good, L"\x200E" + good, L" " + good + L" ", good.substr(0, 3) + L"  " + good.substr(3)}) {
+    EXPECT_EQ(ParseThumbprint(taken), bytes) << win32::ToNarrow(taken);
+  }
+  for (const std::wstring& refused :
+       {std::wstring(), std::wstring(L" "), good.substr(1), good + L"0", good.substr(1) + L"g", good.substr(1) + L"-",
+        good.substr(1) + L"\xFF11", good + L"\t", L"\xFEFF" + good, good + std::wstring(1, L'\0')}) {
+    EXPECT_FALSE(ParseThumbprint(refused)) << win32::ToNarrow(refused);
+  }
 }
 
 TEST_F(ShipperTest, WithoutItsCertificateNothingIsSent) {
