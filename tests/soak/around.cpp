@@ -19,6 +19,20 @@
 namespace kiosk::soak {
 namespace {
 
+// What is there instead of a device token, until Heal brings that back.
+constexpr char kDamage[] = "no blob";
+
+std::string StoredToken() {
+  const auto stored = state::ReadState(state::kDeviceToken);
+  return stored ? std::string(stored->bytes.begin(), stored->bytes.end()) : std::string();
+}
+
+void StoreToken(const std::string& blob) {
+  test::SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, blob.data(), blob.size());
+}
+
+}  // namespace
+
 // What of Windows can be out of order, one at a time or none.
 void FailWindows(std::uint32_t number) {
   world.windowsFails = number != 0;
@@ -63,14 +77,22 @@ void BeAStranger(std::uint32_t number) {
   const sim::User kiosk = test::Kiosk();
   if (number == 0 && !kiosk.sid.empty()) {
     sim::RemoveUser(kiosk.name);
+    world.namesake = false;
   } else if (number == 1 && !kiosk.sid.empty()) {
     sim::AddToGroup(test::kAdministrators, kiosk.sid);
-  } else if (number >= 6 && test::HasValue(state::kStateKey, kLost[number % std::size(kLost)])) {
+  } else if (number == 2 && state::TokenIsStored() && StoredToken() != kDamage) {
+    WriteNote(L"Token", StoredToken());
+    StoreToken(kDamage);
+  } else if (number == 3 && !state::ReadState(state::kAccountCreating)) {
+    sim::RemoveUser(L"NorvaneKiosk");
+    sim::AddUser(L"NorvaneKiosk", kNamesakesPassword);
+    world.namesake = true;
+  } else if (number >= 4 && test::HasValue(state::kStateKey, kLost[number % std::size(kLost)])) {
     test::SetString(state::kStateKey, kLost[number % std::size(kLost)], L"{\"no\":");
   }
 }
 
-}  // namespace
+void SetClient(bool there) { test::SetString(test::kUpdateKey, L"ClientInstallDir", there ? L"C:\\Client" : L""); }
 
 void Heal() {
   world.troubleAt = world.lived;
@@ -85,61 +107,22 @@ void Heal() {
     adapter.addresses.Set(L"192.168.7.20/24");
     sim::SetGatewaysByHand(sim::kFactoryAdapter, L"");
   }
-  test::SetString(test::kUpdateKey, L"ClientInstallDir", L"C:\\Client");
+  SetClient(true);
+  if (StoredToken() == kDamage) {
+    StoreToken(ReadNote(L"Token"));
+  }
+  if (world.namesake) {
+    sim::RemoveUser(L"NorvaneKiosk");
+    world.namesake = false;
+  }
 }
 
-void Happen(const Step& step) {
-  switch (step.kind) {
-    case Kind::kPortal:
-      world.outage = step.number % kOutages;
-      break;
-    case Kind::kRevoke:
-      world.valid = 0;
-      break;
-    case Kind::kPolicy:
-      world.policy = step.number;
-      break;
-    case Kind::kKill:
-      world.killIn = 1 + step.number % 120;
-      world.killsPower = step.number >= 600;
-      break;
-    case Kind::kFail: {
-      constexpr std::uint32_t kErrors[] = {ERROR_ACCESS_DENIED, ERROR_NOT_ENOUGH_MEMORY, ERROR_NO_SYSTEM_RESOURCES,
-                                           ERROR_SHARING_VIOLATION};
-      world.failIn = 1 + step.number % 120;
-      world.failError = kErrors[step.number / 120 % std::size(kErrors)];
-      break;
-    }
-    case Kind::kDisk:
-      world.disk = step.number;
-      break;
-    case Kind::kStateKey:
-      world.stateKeyRefused = step.number != 0;
-      break;
-    case Kind::kHeal:
-      Heal();
-      break;
-    case Kind::kWindows:
-      FailWindows(step.number);
-      break;
-    case Kind::kUpdates:
-      OfferUpdate(step.number);
-      break;
-    case Kind::kLogCentre:
-      world.logOutage = step.number;
-      break;
-    case Kind::kNetwork:
-      sim::Adapter(sim::kFactoryAdapter).cable.Set(step.number != 0 ? 1 : 0);
-      break;
-    case Kind::kClient:
-      test::SetString(test::kUpdateKey, L"ClientInstallDir", step.number != 0 ? L"C:\\Client" : L"");
-      break;
-    case Kind::kStranger:
-      BeAStranger(step.number);
-      break;
-    default:
-      break;
-  }
+// One of the changes that come, in one of the ways in which Windows fails.
+void FailOneChange(std::uint32_t number) {
+  constexpr std::uint32_t kErrors[] = {ERROR_ACCESS_DENIED, ERROR_NOT_ENOUGH_MEMORY, ERROR_NO_SYSTEM_RESOURCES,
+                                       ERROR_SHARING_VIOLATION};
+  world.failIn = 1 + number % 120;
+  world.failError = kErrors[number / 120 % std::size(kErrors)];
 }
 
 }  // namespace kiosk::soak

@@ -1,9 +1,11 @@
-// What people do, and restarts; around.cpp has what happens around them.
+// What people do, and restarts; around.cpp has what happens around them. At the end the table of all steps.
 #include "json/parse.h"
+#include "power/power_policy_store.h"
 #include "sim/accounts.h"
 #include "sim/computer.h"
 #include "sim/machine.h"
 #include "sim/network.h"
+#include "sim/power.h"
 #include "sim/sessions.h"
 #include "state/kiosk_state.h"
 #include "tests/soak/life.h"
@@ -63,203 +65,226 @@ constexpr const char* kRequests[] = {
     R"("cmd":"status"})",
 };
 
-}  // namespace
-
-std::string Life::ExitPasswordOr(bool wrong) const { return wrong ? "no" : ExitPassword(); }
+std::string ExitPasswordOr(bool wrong) { return wrong ? "no" : ExitPassword(); }
 
 // The person enters the code in the portal, or leaves it; asks too early, or not at all.
-void Life::Pair(std::uint32_t number) {
-  const std::string code = Member(Ask(Person(), R"({"cmd":"pair.begin"})"), "code");
+void Pair(Life& life, std::uint32_t number) {
+  const std::string code = Member(life.Ask(Person(), R"({"cmd":"pair.begin"})"), "code");
   const std::string check = R"({"cmd":"pair.check","code":")" + code + "\"}";
   if ((number & 1) != 0) {
-    Ask(Person(), check);
+    life.Ask(Person(), check);
   }
   world.claimed = (number & 6) != 0;
-  const std::string reply = Ask(Person(), check);
+  const std::string reply = life.Ask(Person(), check);
   world.claimed = false;
-  ++world.pairings;
-  if (reply.find(kTokenMark) != std::string::npos) {
-    Broken("secrets: a reply holds the token");
-  }
+  Need(reply.find(kTokenMark) == std::string::npos, "secrets: a reply holds the token");
 }
 
-void Life::SignIn(std::uint32_t number) {
+void SignIn(Life& /*life*/, std::uint32_t number) {
   const std::wstring name = number == 0 ? L"anna" : L"berta";
-  const auto user = sim::FindUser(name);
-  if (user && sim::SessionOf(user->sid) == 0) {
+  if (const auto user = sim::FindUser(name); user && sim::SessionOf(user->sid) == 0) {
     sim::SignIn(name);
   }
 }
 
-void Life::SignOut(std::uint32_t number) {
+void SignOut(Life& /*life*/, std::uint32_t number) {
   if (const std::vector<DWORD> ids = Sessions(); !ids.empty()) {
     sim::SignOut(ids[number % ids.size()]);
   }
 }
 
-void Life::Unlock(std::uint32_t number) {
-  const std::string reply =
-      Ask(Shell(), R"({"cmd":"unlock",)" + test::Credentials(ExitPasswordOr(number == 0)).substr(1));
-  unlock_ = Member(reply, "unlockToken");
+void SignAllOut() {
+  for (const DWORD id : Sessions()) {
+    sim::SignOut(id);
+  }
 }
 
-void Life::Maintenance(std::uint32_t number) {
-  Ask(Shell(),
-      R"({"cmd":"maintenance",)" +
-          test::Credentials(number == 3 ? "" : ExitPasswordOr(number == 0), number == 3 ? unlock_ : "").substr(1));
+void Unlock(Life& life, std::uint32_t number) {
+  life.unlock =
+      Member(life.Ask(Shell(), R"({"cmd":"unlock",)" + test::Credentials(ExitPasswordOr(number == 0)).substr(1)),
+             "unlockToken");
 }
 
-void Life::Setting(std::uint32_t number) {
-  Ask(Shell(), R"({"unlockToken":")" + unlock_ + "\"," + kRequests[number % std::size(kRequests)]);
+void Maintenance(Life& life, std::uint32_t number) {
+  const std::string credentials =
+      number == 3 ? test::Credentials("", life.unlock) : test::Credentials(ExitPasswordOr(number == 0), "");
+  life.Ask(Shell(), R"({"cmd":"maintenance",)" + credentials.substr(1));
+}
+
+void Setting(Life& life, std::uint32_t number) {
+  life.Ask(Shell(), R"({"unlockToken":")" + life.unlock + "\"," + kRequests[number % std::size(kRequests)]);
 }
 
 // A version before knew no digest of the secret.
-bool Life::Upgrade() {
-  StopService(SERVICE_CONTROL_STOP);
+void Upgrade(Life& life, std::uint32_t /*number*/) {
+  life.StopService(SERVICE_CONTROL_STOP);
   if (test::Winlogon(L"DefaultUserName") == L"NorvaneKiosk") {
     state::DeleteStateValue(state::kAutoLogonDigest);
   }
-  return false;
+  life.End();
 }
 
-bool Life::Uninstall() {
-  StopService(SERVICE_CONTROL_STOP);
-  world.uninstalling = world.installed;
-  SaveWorld();
-  return !world.installed;
+void Uninstall(Life& life, std::uint32_t /*number*/) {
+  if (world.installed) {
+    life.StopService(SERVICE_CONTROL_STOP);
+    world.errand = Errand::kUninstall;
+    life.End();
+  }
 }
 
-bool Life::Install() {
-  const bool missing = !world.installed;
-  if (missing) {
+void Install(Life& life, std::uint32_t /*number*/) {
+  if (!world.installed) {
     SetUpProduct();
     world.installed = true;
-    SaveWorld();
+    life.End();
   }
-  return !missing;
 }
 
 // Hours forwards or backwards, a minute and a half, or summer time begins or ends.
-void Life::MoveClock(std::uint32_t number) {
+void MoveClock(Life& life, std::uint32_t number) {
+  sim::VirtualClock& clock = life.Clock();
   const std::uint64_t hours = std::uint64_t{1 + number / 4 % 70} * 60 * kMinute * 10'000;
   switch (number % 4) {
     case 0:
-      clock_.SetSystemTime(clock_.SystemTime() + hours);
+      clock.SetSystemTime(clock.SystemTime() + hours);
       break;
     case 1:
-      clock_.SetSystemTime(clock_.SystemTime() - hours);
+      clock.SetSystemTime(clock.SystemTime() - hours);
       break;
     case 2:
-      clock_.SetSystemTime(clock_.SystemTime() - 90 * 10'000'000ULL);
+      clock.SetSystemTime(clock.SystemTime() - 90 * 10'000'000ULL);
       break;
     default:
       world.bias = world.bias == -60 ? -120 : -60;
-      clock_.SetBias(world.bias);
+      clock.SetBias(world.bias);
   }
 }
 
 // In order, with the people signed out before or not; for hours or days; or the power goes; or Windows keeps its kernel
 // and its services over a shutdown (Fast Startup), and signs in anew.
-bool Life::Restart(std::uint32_t number) {
-  if (number > 8) {
-    for (const DWORD id : Sessions()) {
-      sim::SignOut(id);
-    }
-    const std::uint64_t off = std::uint64_t{number - 8} * number * 60 * kMinute;
-    clock_.SetSystemTime(clock_.SystemTime() + off * 10'000);
-    world.lived += off;
+void Restart(Life& life, std::uint32_t number) {
+  constexpr std::uint64_t kHours[] = {0, 0, 0, 0, 0, 8, 20, 100};
+  if (number > std::size(kHours)) {
+    SignAllOut();
+    life.Skip(std::uint64_t{number - 8} * number * 60 * kMinute);
     sim::SignInAutomatically();
-    return true;
-  }
-  if (number == 8) {
+  } else if (number == std::size(kHours)) {
     world.boot = true;
     world.ticks = 1;
-    SaveWorld();
-    return false;
+    life.End();
+  } else {
+    if (number % 2 != 0) {
+      SignAllOut();
+    }
+    life.Shutdown(40'000 + kHours[number] * 60 * kMinute);
   }
-  for (const DWORD id : number % 2 != 0 ? Sessions() : std::vector<DWORD>()) {
-    sim::SignOut(id);
+}
+
+// A process that the task scheduler starts; its exit code.
+intptr_t RunTask(Errand errand) {
+  world.errand = errand;
+  SaveWorld();
+  const intptr_t code = RunLife();
+  world.errand = Errand::kNone;
+  SaveWorld();
+  if (code == static_cast<intptr_t>(kBrokenExitCode)) {
+    Broken(ReadNote(L"Broken"));
   }
-  constexpr std::uint64_t kHours[] = {0, 0, 0, 0, 0, 8, 20, 100};
-  Shutdown(40'000 + kHours[number] * 60 * kMinute);
-  return false;
+  return code;
+}
+
+// A night by the schedule: the task that puts the computer to sleep comes late by so many minutes, and when it slept
+// the one that wakes it follows.
+void Task(Life& life, std::uint32_t number) {
+  power::PowerPolicy policy;
+  if (sim::AreaNames(L"Tasks").size() != 2 || !power::LoadEffectivePowerPolicy(policy) || !policy.schedule.enabled) {
+    return;
+  }
+  constexpr std::uint64_t kDay = 1440;  // min
+  constexpr std::uint64_t kLate[] = {0, 20, 400};
+  const std::uint64_t now = life.Clock().SystemTime() / 600'000'000 - static_cast<std::uint64_t>(world.bias);
+  life.Skip((policy.schedule.sleepAt + kLate[number % std::size(kLate)] + 1 + kDay - now % kDay) % kDay * kMinute);
+  const DWORD sleeps = sim::power.suspends.Get();
+  const intptr_t asleep = RunTask(Errand::kSleepNow);
+  const bool slept = sim::power.suspends.Get() != sleeps;
+  Need(asleep != 0 || slept == (number == 0), "schedule: the computer sleeps late, or not in time");
+  if (slept) {
+    life.Skip(420 * kMinute);
+    sim::power.executionState.Set(0);
+    Need(
+        RunTask(Errand::kWakeNow) != 0 || sim::power.executionState.Get() == (ES_SYSTEM_REQUIRED | ES_DISPLAY_REQUIRED),
+        "schedule: the display stays dark in the morning");
+  }
 }
 
 // An hour in which nothing is wrong, then a restart, after which the kiosk is to be there. Where the product is not
 // installed, a restart and once more the uninstall, as the documents tell the administrator of one that left something.
-bool Life::Peace() {
-  switch (world.peace) {
-    case 0:
-      Heal();
-      world.peace = world.installed ? 1 : 3;
-      world.uninstalling = !world.installed;
-      world.waitLeft = world.installed ? 3660 : 0;
-      if (!world.installed) {
-        Shutdown(40'000);
-        return false;
-      }
-      [[fallthrough]];
-    case 1:
-      if (!Wait(world.waitLeft)) {
-        return true;
-      }
-      CheckPeace();
-      world.peace = 2;
-      world.waitLeft = 300;
-      Shutdown(40'000);
-      return false;
-    case 2:
-      CheckPeace();
-      break;
-    default:
-      CheckUninstalled();
+void Peace(Life& life, std::uint32_t /*number*/) {
+  constexpr std::uint32_t kHour = 3660, kAfterRestart = 300;  // s
+  if (world.peace == 0) {
+    Heal();
+    world.peace = 1;
+    world.waitLeft = kHour;
+    if (!world.installed) {
+      world.waitLeft = 0;
+      world.errand = Errand::kUninstall;
+      life.Shutdown(40'000);
+      return;
+    }
   }
-  world.peace = 0;
-  return true;
+  if (!world.installed) {
+    CheckUninstalled();
+    world.peace = 0;
+  } else if (life.Wait(world.waitLeft)) {
+    CheckPeace();
+    world.waitLeft = world.peace == 1 ? kAfterRestart : 0;
+    if (world.peace++ == 1) {
+      life.Shutdown(40'000);
+    } else {
+      world.peace = 0;
+    }
+  }
 }
 
-bool Life::Do(const Step& step) {
-  const Hand hand;
-  world.troubleAt = step.kind == Kind::kWait || step.kind == Kind::kPeace ? world.troubleAt : world.lived;
-  switch (step.kind) {
-    case Kind::kWait:
-      Wait(step.number);
-      break;
-    case Kind::kPair:
-      Pair(step.number);
-      break;
-    case Kind::kSignIn:
-      SignIn(step.number);
-      break;
-    case Kind::kSignOut:
-      SignOut(step.number);
-      break;
-    case Kind::kUnlock:
-      Unlock(step.number);
-      break;
-    case Kind::kMaintenance:
-      Maintenance(step.number);
-      break;
-    case Kind::kClock:
-      MoveClock(step.number);
-      break;
-    case Kind::kSetting:
-      Setting(step.number);
-      break;
-    case Kind::kRestart:
-      return Restart(step.number);
-    case Kind::kUpgrade:
-      return Upgrade();
-    case Kind::kUninstall:
-      return Uninstall();
-    case Kind::kInstall:
-      return Install();
-    case Kind::kPeace:
-      return Peace();
-    default:
-      Happen(step);
-  }
-  return true;
-}
+// Weights and limits decide what a seed is.
+constexpr StepKind kSteps[] = {
+    {"Wait", 34, 0, [](Life& life, std::uint32_t number) { life.Wait(number); }},
+    {"Portal", 8, kOutages, [](Life&, std::uint32_t number) { world.outage = number % kOutages; }},
+    {"Revoke", 2, 1, [](Life&, std::uint32_t) { world.valid = 0; }},
+    {"Pair", 10, 8, Pair},
+    {"Policy", 5, 1U << 20, [](Life&, std::uint32_t number) { world.policy = number; }},
+    {"SignIn", 4, 2, SignIn},
+    {"SignOut", 4, 4, SignOut},
+    {"Unlock", 5, 4, Unlock},
+    {"Maintenance", 3, 4, Maintenance},
+    {"Restart", 7, 12, Restart},
+    {"Kill", 6, 1000,
+     [](Life&, std::uint32_t number) {
+       world.killIn = 1 + number % 120;
+       world.killsPower = number >= 600;
+     }},
+    {"Fail", 5, 1000, [](Life&, std::uint32_t number) { FailOneChange(number); }},
+    {"Disk", 2, 3, [](Life&, std::uint32_t number) { world.disk = number; }},
+    {"StateKey", 2, 2, [](Life&, std::uint32_t number) { world.stateKeyRefused = number != 0; }},
+    {"Heal", 6, 1, [](Life&, std::uint32_t) { Heal(); }},
+    {"Clock", 3, 1000, MoveClock},
+    {"Setting", 10, 64, Setting},
+    {"Windows", 4, 10, [](Life&, std::uint32_t number) { FailWindows(number); }},
+    {"Updates", 5, 1U << 16, [](Life&, std::uint32_t number) { OfferUpdate(number); }},
+    {"LogCentre", 3, 6, [](Life&, std::uint32_t number) { world.logOutage = number; }},
+    {"Network", 2, 3,
+     [](Life&, std::uint32_t number) { sim::Adapter(sim::kFactoryAdapter).cable.Set(number != 0 ? 1 : 0); }},
+    {"Client", 2, 2, [](Life&, std::uint32_t number) { SetClient(number != 0); }},
+    {"Stranger", 5, 16, [](Life&, std::uint32_t number) { BeAStranger(number); }},
+    {"Task", 6, 3, Task},
+    {"Upgrade", 2, 1, Upgrade},
+    {"Uninstall", 2, 1, Uninstall},
+    {"Install", 6, 1, Install},
+    {"Peace", 2, 1, Peace},
+};
+
+}  // namespace
+
+std::span<const StepKind> StepKinds() { return kSteps; }
 
 }  // namespace kiosk::soak

@@ -31,6 +31,7 @@ namespace {
 using test::Winlogon;
 
 constexpr wchar_t kKiosk[] = L"NorvaneKiosk";
+constexpr char kSwitch[] = R"(hklm\software\microsoft\windows nt\currentversion\winlogon\autoadminlogon)";
 
 bool Same(const std::wstring& left, const std::wstring& right) { return _wcsicmp(left.c_str(), right.c_str()) == 0; }
 
@@ -41,9 +42,12 @@ void CheckAccounts() {
     others += name != L"anna" && name != L"berta" && name != kKiosk ? 1 : 0;
   }
   Need(others == 0, "account: there are accounts of nobody's");
-  if (const sim::User user = test::Kiosk(); !user.sid.empty()) {
-    Need(Same(state::ReadStateString(state::kAccountSid), user.sid) || state::ReadState(state::kAccountCreating),
-         "account: the service does not know its own account");
+  const sim::User user = test::Kiosk();
+  const bool known = Same(state::ReadStateString(state::kAccountSid), user.sid);
+  if (world.namesake) {
+    Need(user.password == kNamesakesPassword && !known, "account: the service touches somebody's own");
+  } else if (!user.sid.empty()) {
+    Need(known || state::ReadState(state::kAccountCreating), "account: the service does not know its own account");
   }
 }
 
@@ -138,7 +142,7 @@ void CheckGrowth() {
 
 bool Healthy() {
   return world.installed && world.outage == kNone && world.logOutage == kNone && !CutOff() && world.disk == 0 &&
-         !world.stateKeyRefused && !world.windowsFails && !state::ClientInstallFolder().empty();
+         !world.stateKeyRefused && !world.windowsFails && !world.namesake && !state::ClientInstallFolder().empty();
 }
 
 std::string HeldToken() { return enrolment::ReadDeviceToken().Get(); }
@@ -166,26 +170,6 @@ void CheckPolicies() {
        "policies: the branding is not the portal's");
 }
 
-// A kiosk in every respect.
-void CheckKiosk() {
-  const sim::User user = test::Kiosk();
-  const std::string why = " (LastError: " + sim::Narrow(state::ReadStateString(state::kLastError)) + ")";
-  Need(account::IsKioskProvisioned(), "peace: enrolled and not provisioned" + why);
-  Need(state::ReadStateString(state::kLastError).empty(), "peace: an error stands on record" + why);
-  Need(sim::Secret(L"DefaultPassword") == user.password, "sign-in: the secret is not the kiosk's password");
-  Need(Winlogon(L"DefaultPassword") == L"none", "sign-in: a password of the owner's stands beside the secret");
-  Need(sim::GroupMembers(test::kAdministrators).size() <= 1, "account: the kiosk is an administrator");
-  CheckPolicies();
-  const bool maintenance = state::FlagIsOn(state::kMaintenance);
-  // A kill between the mark of a maintenance and the switch leaves it on, until Windows restarts.
-  Need(maintenance || Winlogon(L"AutoAdminLogon") == L"1", "sign-in: it is switched off");
-  Need(maintenance ||
-           (Same(Winlogon(L"DefaultUserName"), kKiosk) && Winlogon(L"DefaultDomainName") == sim::ComputerName()),
-       "sign-in: the names are not the kiosk's");
-  Need(!state::ReadState(state::kTeardownPending) && !state::ReadState(state::kUnknownSince),
-       "peace: a good terminal has a mark of its end");
-}
-
 // A call about this thing, or about a key above it.
 bool WasRefused(const std::string& name) {
   const std::string refused = ReadNote(L"Refused");
@@ -197,6 +181,26 @@ bool WasRefused(const std::string& name) {
     }
   }
   return false;
+}
+
+// A kiosk in every respect.
+void CheckKiosk() {
+  const sim::User user = test::Kiosk();
+  const std::string why = " (LastError: " + sim::Narrow(state::ReadStateString(state::kLastError)) + ")";
+  Need(account::IsKioskProvisioned(), "peace: enrolled and not provisioned" + why);
+  Need(state::ReadStateString(state::kLastError).empty(), "peace: an error stands on record" + why);
+  Need(sim::Secret(L"DefaultPassword") == user.password, "sign-in: the secret is not the kiosk's password");
+  Need(Winlogon(L"DefaultPassword") == L"none", "sign-in: a password of the owner's stands beside the secret");
+  Need(sim::GroupMembers(test::kAdministrators).size() <= 1, "account: the kiosk is an administrator");
+  CheckPolicies();
+  const bool maintenance = state::FlagIsOn(state::kMaintenance);
+  Need(Winlogon(L"AutoAdminLogon") == (maintenance ? L"0" : L"1") || (maintenance && WasRefused(kSwitch)),
+       "sign-in: it is switched off, or on in a maintenance");
+  Need(maintenance ||
+           (Same(Winlogon(L"DefaultUserName"), kKiosk) && Winlogon(L"DefaultDomainName") == sim::ComputerName()),
+       "sign-in: the names are not the kiosk's");
+  Need(!state::ReadState(state::kTeardownPending) && !state::ReadState(state::kUnknownSince),
+       "peace: a good terminal has a mark of its end");
 }
 
 // Whether a difference to the owner's computer is none of the product's doing, or what a removal does once and not

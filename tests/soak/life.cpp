@@ -3,6 +3,7 @@
 #include "json/serialise.h"
 #include "log/log.h"
 #include "pipe/dispatch.h"
+#include "power/sleep_wake.h"
 #include "service/install.h"
 #include "service/service_main.h"
 #include "sim/com.h"
@@ -14,7 +15,11 @@
 #include "tests/soak/world.h"
 #include "win32/thread.h"
 
+#include <process.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <memory>
 #include <utility>
 
@@ -49,8 +54,7 @@ void KillHere() {
   world.boot = world.killsPower;
   world.troubleAt = world.lived;
   SaveWorld();
-  TerminateProcess(GetCurrentProcess(), sim::kFaultExitCode);
-  Sleep(INFINITE);
+  EndProcess(sim::kFaultExitCode);
 }
 
 bool IsFile(const sim::ChangeCall& call) { return call.object.starts_with(L"c:\\"); }
@@ -130,8 +134,8 @@ Life::Life()
     sim::RestartComputer();
   }
   SaveWorld();
-  if (world.uninstalling) {
-    RunUninstall();
+  if (world.errand != Errand::kNone) {
+    DoErrand();
   } else if (world.installed) {
     StartService();
   }
@@ -150,20 +154,31 @@ void Life::StartService() {
        "start: the service does not run after " + std::to_string(kStartTime) + " ms");
 }
 
-// Another process than the service's, which it would stop first.
-void Life::RunUninstall() {
-  const win32::KernelHandle process = win32::StartThread([]() noexcept {
-    service::Uninstall();
+// A process of the program beside the service, or after it was stopped.
+void Life::DoErrand() {
+  int code = 0;
+  const win32::KernelHandle program = win32::StartThread([&code]() noexcept {
+    code = world.errand == Errand::kUninstall  ? service::Uninstall()
+           : world.errand == Errand::kSleepNow ? power::SleepNow()
+                                               : power::WakeNow();
     log::CloseCentral();
   });
-  const std::uint64_t end = clock_.Elapsed() + kLongestCommand;
-  while (WaitForSingleObject(process.Get(), 0) != WAIT_OBJECT_0) {
-    Need(clock_.Elapsed() < end, "stop: the uninstall does not end");
-    clock_.RunFor(kSecond);
+  Until(program.Get(), kLongestCommand, "stop: the uninstall or a task does not end");
+  if (world.errand != Errand::kUninstall) {
+    EndProcess(static_cast<unsigned>(code));
+  }
+  world.errand = Errand::kNone;
+  world.installed = false;
+  SaveWorld();
+}
+
+void Life::Until(HANDLE thread, std::uint64_t patience, const std::string& broken) {
+  const std::uint64_t end = clock_.Elapsed() + patience;
+  while (WaitForSingleObject(thread, 0) != WAIT_OBJECT_0) {
+    Need(clock_.Elapsed() < end, broken);
+    clock_.RunFor(100);
   }
   KeepTime();
-  world.uninstalling = world.installed = false;
-  SaveWorld();
 }
 
 bool Life::Pass(std::uint64_t milliseconds) {
@@ -206,12 +221,7 @@ std::string Life::Ask(const pipe::CallerRecord& caller, const std::string& reque
       after();
     }
   });
-  const std::uint64_t end = clock_.Elapsed() + kLongestCommand;
-  do {
-    clock_.RunFor(100);
-    Need(clock_.Elapsed() < end, "commands: no reply to " + request);
-  } while (WaitForSingleObject(thread.Get(), 0) != WAIT_OBJECT_0);
-  KeepTime();
+  Until(thread.Get(), kLongestCommand, "commands: no reply to " + request);
   return *reply;
 }
 
@@ -220,17 +230,18 @@ void Life::StopService(DWORD control) {
     return;
   }
   host_.Deliver(control);
-  const std::uint64_t end = clock_.Elapsed() + kStopTime;
-  while (WaitForSingleObject(service_.Get(), 0) != WAIT_OBJECT_0) {
-    Need(clock_.Elapsed() < end, "stop: the service takes longer than " + std::to_string(kStopTime) + " ms");
-    clock_.RunFor(250);
-  }
-  KeepTime();
+  Until(service_.Get(), kStopTime, "stop: the service takes longer than " + std::to_string(kStopTime) + " ms");
   clock_.RunFor(2 * kSecond);  // what WinHTTP still has in hand
   Need(host_.Reports().back().dwCurrentState == SERVICE_STOPPED, "stop: no report of it");
   Need(sim::OpenHttpHandles() == 0 && sim::LiveComObjects() == 0,
        "growth: " + std::to_string(sim::OpenHttpHandles()) + " requests and " + std::to_string(sim::LiveComObjects()) +
            " COM objects are left at the end");
+}
+
+void Life::Skip(std::uint64_t milliseconds) {
+  clock_.SetSystemTime(clock_.SystemTime() + milliseconds * 10'000);
+  world.lived += milliseconds;
+  KeepTime();
 }
 
 void Life::Shutdown(std::uint64_t off) {
@@ -239,29 +250,47 @@ void Life::Shutdown(std::uint64_t off) {
   world.utc += off * 10'000;
   world.lived += off;
   world.ticks = 1;
-  SaveWorld();
+  ends_ = true;
 }
 
 void Life::Play(const std::vector<Step>& steps) {
-  if (!Wait(world.waitLeft)) {
-    Shutdown(40 * kSecond);
-    return;
-  }
-  while (world.next < steps.size() || world.peace != 0) {
-    const Step step = world.peace != 0 ? Step{Kind::kPeace} : steps[world.next++];
+  bool restarts = !Wait(world.waitLeft);
+  while (!restarts && !ends_ && (world.next < steps.size() || world.peace != 0)) {
+    const Step& step = steps[world.peace != 0 ? world.next - 1 : world.next++];
+    if (!step.Is("Wait") && !step.Is("Peace")) {
+      world.troubleAt = world.lived;
+    }
     SaveWorld();
-    if (!Do(step)) {
-      return;
+    {
+      const Hand hand;
+      step.kind->play(*this, step.number);
     }
-    CheckAlways();
-    CheckFiles();
-    if (sim::PendingShutdown()) {
-      Shutdown(40 * kSecond);
-      return;
+    if (!ends_) {
+      CheckAlways();
+      CheckFiles();
+      restarts = sim::PendingShutdown().has_value();
     }
   }
-  world.over = true;
+  if (restarts) {
+    Shutdown(40 * kSecond);
+  }
+  world.over = !ends_;
   SaveWorld();
+}
+
+intptr_t RunLife() {
+  wchar_t self[MAX_PATH];
+  GetModuleFileNameW(nullptr, self, MAX_PATH);
+  static_cast<void>(std::fflush(stdout));
+  intptr_t code = -1;
+  for (int tries = 0; tries < 3; ++tries) {  // Wine loses one in some thousand before it begins
+    errno = 0;
+    code = _wspawnl(_P_WAIT, self, L"kiosk_soak", L"life", nullptr);
+    if (code != -1 || errno == 0) {
+      break;
+    }
+  }
+  return code;
 }
 
 }  // namespace kiosk::soak

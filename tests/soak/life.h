@@ -1,4 +1,5 @@
-// One process of the service on virtual time: from its start until it is stopped, killed, or the computer restarts.
+// One process of the program on virtual time: of the service, from its start until it is stopped, killed, or the
+// computer restarts; or of an errand.
 #pragma once
 
 #include "pipe/caller.h"
@@ -16,7 +17,7 @@ namespace kiosk::soak {
 
 class Life {
  public:
-  // Starts the computer if it is off, and the service.
+  // Starts the computer if it is off, and the service, or does the world's errand.
   Life();
   Life(const Life&) = delete;
   Life& operator=(const Life&) = delete;
@@ -24,46 +25,45 @@ class Life {
   // Plays steps from the world's next one on, until one ends the process or none is left.
   void Play(const std::vector<Step>& steps);
 
- private:
-  // hand.cpp: what somebody does. False when the process is to end.
-  bool Do(const Step& step);
-  void Pair(std::uint32_t number);
-  void SignIn(std::uint32_t number);
-  void SignOut(std::uint32_t number);
-  void Unlock(std::uint32_t number);
-  void Maintenance(std::uint32_t number);
-  void MoveClock(std::uint32_t number);
-  bool Restart(std::uint32_t number);
-  bool Peace();
-  void Setting(std::uint32_t number);
-  bool Upgrade();
-  bool Uninstall();
-  bool Install();
-  bool Ends(const std::string& reply) const;
-  std::string ExitPasswordOr(bool wrong) const;
-
-  // Lets time pass, and looks meanwhile whether the service lives. True when it went by as a whole, false when the
-  // computer is about to restart, which ends it.
-  bool Pass(std::uint64_t milliseconds);
+  // For the steps. Lets time pass, and looks meanwhile whether all holds. False when the computer is about to restart,
+  // which ends it.
   bool Wait(std::uint32_t seconds);
   // A command over the pipe's dispatcher, on a thread as a connection has it.
   std::string Ask(const pipe::CallerRecord& caller, const std::string& request);
+  sim::VirtualClock& Clock() { return clock_; }
+  // Time that goes by while nothing runs; the tick count does not go on.
+  void Skip(std::uint64_t milliseconds);
   void StopService(DWORD control);
-  void StartService();
-  void RunUninstall();
-  // The service is stopped and its sessions are over; Windows starts with the next process, `off` ms later.
+  void End() { ends_ = true; }  // the process, after this step
+  // Stops the service and ends the process; Windows starts with the next one, `off` ms later.
   void Shutdown(std::uint64_t off);
+
+  std::string unlock;  // the token of the last one
+
+ private:
+  void StartService();
+  void DoErrand();
+  bool Pass(std::uint64_t milliseconds);
+  void Until(HANDLE thread, std::uint64_t patience, const std::string& broken);
 
   sim::VirtualClock clock_;
   sim::RandomScript random_;
   sim::ScriptedPortal portal_;
   sim::ServiceHost host_;
   win32::KernelHandle service_;
-  std::string unlock_;
+  bool ends_ = false;
 };
 
-// around.cpp: a step that nobody in a session does; and the end of all that was wrong.
-void Happen(const Step& step);
+// A process with a Life; its exit code.
+intptr_t RunLife();
+
+// around.cpp: what nobody in a session does; and the end of all that was wrong.
+inline constexpr wchar_t kNamesakesPassword[] = L"Namesake-4711";  // of somebody's account that has the kiosk's name
+void FailWindows(std::uint32_t number);
+void FailOneChange(std::uint32_t number);
+void OfferUpdate(std::uint32_t number);
+void BeAStranger(std::uint32_t number);
+void SetClient(bool there);
 void Heal();
 
 // invariants.cpp: what must hold. Always; always, of what lies on the disk; when nothing was wrong for so long; at the

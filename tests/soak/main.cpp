@@ -12,12 +12,7 @@
 #include "tests/soak/world.h"
 #include "tests/support/fixture.h"
 
-#include <fcntl.h>
-#include <io.h>
-#include <process.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -42,31 +37,14 @@ Totals totals;
   const std::vector<Step> steps = Parse(ReadNote(L"Steps"));
   auto* const life = new Life();  // left to the end of the process, with its threads
   life->Play(steps);
-  TerminateProcess(GetCurrentProcess(), 0);
-  Sleep(INFINITE);
-  __builtin_unreachable();
-}
-
-intptr_t RunLife() {
-  wchar_t self[MAX_PATH];
-  GetModuleFileNameW(nullptr, self, MAX_PATH);
-  static_cast<void>(std::fflush(stdout));
-  intptr_t code = -1;
-  for (int tries = 0; tries < 3; ++tries) {  // Wine loses one in some thousand before it begins
-    errno = 0;
-    code = _wspawnl(_P_WAIT, self, L"kiosk_soak", L"life", nullptr);
-    if (code != -1 || errno == 0) {
-      break;
-    }
-  }
-  return code;
+  EndProcess(0);
 }
 
 // Plays them from an owner's computer to a last peace. What did not hold; empty when everything did.
 std::string PlayAll(const std::vector<Step>& steps) {
   MakeComputer();
   std::vector<Step> all = steps;
-  all.push_back({Kind::kPeace, 0});
+  all.push_back(Parse("Peace 0").front());
   WriteNote(L"Steps", TextOf(all));
   for (;;) {
     const intptr_t code = RunLife();
@@ -135,7 +113,7 @@ void Tell(std::uint64_t seed, std::vector<Step> steps, const std::string& broken
   std::printf("soak: seed %llu FAILED at step %zu: %s\n", static_cast<unsigned long long>(seed), steps.size(),
               broken.c_str());
   for (std::size_t i = steps.size() > kShown ? steps.size() - kShown : 0; i < steps.size(); ++i) {
-    std::printf("  %zu: %s\n", i + 1, TextOf(steps[i]).c_str());
+    std::printf("  %zu: %s", i + 1, TextOf({&steps[i], 1}).c_str());
   }
   static_cast<void>(std::fflush(stdout));
   steps = Shrink(std::move(steps), broken);
@@ -200,6 +178,5 @@ int main(int count, char** arguments) {
         RunSeeds(std::strtoull(arguments[1], nullptr, 10), count > 2 ? std::strtoull(arguments[2], nullptr, 10) : 1);
   }
   static_cast<void>(std::fflush(nullptr));
-  TerminateProcess(GetCurrentProcess(), static_cast<UINT>(status));
-  return status;
+  EndProcess(static_cast<unsigned>(status));
 }

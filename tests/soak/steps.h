@@ -3,54 +3,37 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace kiosk::soak {
 
-// What the number of each means is said where it is played (hand.cpp, around.cpp). A step that does not fit the moment
-// (a sign-out while nobody is signed in) does nothing, so that any part of a list is a list.
-enum class Kind : std::uint32_t {
-  kWait,
-  kPortal,
-  kRevoke,
-  kPair,
-  kPolicy,
-  kSignIn,
-  kSignOut,
-  kUnlock,
-  kMaintenance,
-  kRestart,
-  kKill,
-  kFail,
-  kDisk,
-  kStateKey,
-  kHeal,
-  kClock,
-  kSetting,
-  kWindows,
-  kUpdates,
-  kLogCentre,
-  kNetwork,
-  kClient,
-  kStranger,
-  kUpgrade,
-  kUninstall,
-  kInstall,
-  kPeace,
-  kCount
+class Life;
+
+// A step that does not fit the moment (a sign-out while nobody is signed in) does nothing, so that any part of a list
+// is a list.
+struct StepKind {
+  const char* name;
+  std::uint32_t weight;  // how often it comes up among all
+  std::uint32_t limit;   // its numbers are below that; 0: seconds, mostly some of them, now and then hours
+  void (*play)(Life& life, std::uint32_t number);
 };
+
+// All of them; what the number of each means is said where it is played (hand.cpp, around.cpp).
+std::span<const StepKind> StepKinds();
 
 struct Step {
-  Kind kind = Kind::kWait;
+  const StepKind* kind = nullptr;
   std::uint32_t number = 0;
+
+  [[nodiscard]] bool Is(std::string_view name) const { return kind != nullptr && kind->name == name; }
 };
 
-// "SignIn 2". An unknown text is a step that waits for nothing.
-std::string TextOf(const Step& step);
+// A line for each: "SignIn 2". Lines that are no step are passed over.
+std::string TextOf(std::span<const Step> steps);
 std::vector<Step> Parse(std::string_view lines);
-std::string TextOf(const std::vector<Step>& steps);
 
 // The same for the same seed, with any compiler and library.
 std::vector<Step> Draw(std::uint64_t seed, std::size_t count);

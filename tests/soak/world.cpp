@@ -48,14 +48,18 @@ void WriteNote(const wchar_t* name, const std::string& text) {
   RegSetKeyValueW(HKEY_LOCAL_MACHINE, kSoakKey, name, REG_BINARY, text.data(), static_cast<DWORD>(text.size()));
 }
 
+void EndProcess(unsigned code) {
+  TerminateProcess(GetCurrentProcess(), code);
+  Sleep(INFINITE);
+  __builtin_unreachable();
+}
+
 void Broken(const std::string& sentence) {
   SaveWorld();
   WriteNote(L"Broken", sentence);
   static_cast<void>(std::fprintf(stderr, "soak: %s\n", sentence.c_str()));
   static_cast<void>(std::fflush(stderr));
-  TerminateProcess(GetCurrentProcess(), kBrokenExitCode);
-  Sleep(INFINITE);
-  __builtin_unreachable();
+  EndProcess(kBrokenExitCode);
 }
 
 void MakeComputer() {

@@ -8,6 +8,8 @@
 
 namespace kiosk::soak {
 
+enum class Errand : std::uint32_t { kNone, kUninstall, kSleepNow, kWakeNow };
+
 struct World {
   // The computer's clock, in 100 ns units since 1601; ms since Windows started; UTC - local time in minutes.
   std::uint64_t utc = 0;
@@ -22,7 +24,7 @@ struct World {
   bool boot = true;            // Windows starts with the next process
   bool over = false;           // all steps were played
   bool installed = true;
-  bool uninstalling = false;  // the next process does that
+  Errand errand = Errand::kNone;  // what the next process does instead of being the service
 
   // The portal: which token is the terminal's, 0 for none, and how many it has given out.
   std::uint32_t issued = 0, valid = 0;
@@ -39,8 +41,9 @@ struct World {
   std::uint32_t failError = 0;
   bool windowsFails = false;
   bool secretsFailed = false;  // at some time
+  bool namesake = false;       // somebody's own account has the kiosk's name
 
-  std::uint32_t lives = 0, kills = 0, boots = 0, pairings = 0, removals = 0, checkIns = 0, provisioned = 0;
+  std::uint32_t lives = 0, kills = 0, boots = 0, removals = 0, checkIns = 0, provisioned = 0;
 };
 
 inline constexpr wchar_t kSoakKey[] = L"SOFTWARE\\KioskSoak";
@@ -64,6 +67,8 @@ class Hand {
   ~Hand();
   static bool IsHere();
 };
+
+[[noreturn]] void EndProcess(unsigned code);
 
 // What must hold does not: notes the sentence down and ends the process.
 [[noreturn]] void Broken(const std::string& sentence);
