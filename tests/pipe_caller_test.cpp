@@ -113,13 +113,22 @@ TEST_F(SignedService, WhoeverHoldsAProgramFileCostsHisOwnSessionAlone) {
   sim::SetPipeClientSession(2);
   EXPECT_EQ(Check(), "");
   {
-    const sim::HeldFile held(kClient);
-    EXPECT_EQ(Check(), "C:\\client.exe" + std::string(kNotValid));
-    EXPECT_EQ(clock.Elapsed(), 15'000U);
+    const wchar_t* const files[] = {kClient, L"C:\\2.exe", L"C:\\3.exe", L"C:\\4.exe"};
+    const sim::HeldFile held[] = {sim::HeldFile(files[0]), sim::HeldFile(files[1]), sim::HeldFile(files[2]),
+                                  sim::HeldFile(files[3])};
+    for (std::size_t i = 0; i < std::size(files); ++i) {
+      sim::SetProcessImage(kOther);
+      EXPECT_EQ(Check(), "");  // another file of the same session
+      sim::SetProcessImage(files[i]);
+      for (int time = 0; time < 2; ++time) {  // once it was left behind, at once
+        EXPECT_EQ(Check(), win32::ToNarrow(files[i]) + kNotValid);
+        EXPECT_EQ(clock.Elapsed(), (i + 1) * 15'000U);
+      }
+      EXPECT_EQ(held[i].Attempts(), 1);
+    }
     sim::SetProcessImage(kOther);
-    EXPECT_EQ(Check(), "C:\\other.exe" + std::string(kNotValid));  // of the same session: at once
-    EXPECT_EQ(clock.Elapsed(), 15'000U);
-    EXPECT_EQ(held.Attempts(), 1);
+    EXPECT_EQ(Check(), "C:\\other.exe" + std::string(kNotValid));  // four were left behind: at once
+    EXPECT_EQ(clock.Elapsed(), 60'000U);
     sim::SetPipeClientSession(3);
     EXPECT_EQ(Check(), "");
     sim::SetPipeClientSession(2);

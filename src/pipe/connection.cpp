@@ -33,7 +33,7 @@ constexpr std::uint64_t kLeaveDeadline = 5000;
 
 class Connection {
  public:
-  Connection(win32::FileHandle pipe, std::uint64_t connectedAt, Unverified& place,
+  Connection(win32::FileHandle pipe, std::uint64_t connectedAt, Place& place,
              command::PostReplyAction& afterReply) noexcept
       : pipe_(std::move(pipe)),
         connectedAt_(connectedAt),
@@ -59,7 +59,7 @@ class Connection {
 
   win32::FileHandle pipe_;
   std::uint64_t connectedAt_;
-  Unverified& place_;
+  Place& place_;
   command::PostReplyAction& afterReply_;
   const win32::Deadline deadline_{kRequestDeadline};
   OverlappedIo io_;
@@ -111,6 +111,7 @@ text::Secret Connection::Answer(std::string_view request) {
   const text::WipeOnExit wipe(reply);
   if (refusal.empty()) {
     reply = Dispatch(caller, request, afterReply_);
+    place_.Return();
   } else {
     LogRefusal(refusal);
     reply = command::ErrorReply("caller_refused");
@@ -139,7 +140,7 @@ void Connection::AwaitLeave() noexcept {
 
 }  // namespace
 
-void ServeConnection(win32::FileHandle pipe, std::uint64_t connectedAt, Unverified& place) noexcept {
+void ServeConnection(win32::FileHandle pipe, std::uint64_t connectedAt, Place& place) noexcept {
   command::PostReplyAction afterReply = nullptr;
   try {
     Connection(std::move(pipe), connectedAt, place, afterReply).Run();

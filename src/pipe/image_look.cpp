@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <exception>
 #include <optional>
 #include <utility>
@@ -24,11 +25,13 @@ using Result = ImageLook::Result;
 constexpr std::size_t kImagePathSize = 520;
 constexpr LONGLONG kLargestImage = LONGLONG{512} * 1024 * 1024;
 constexpr DWORD kTurnPoll = 20;
+// So that one large file does not keep those waiting who come from another.
+constexpr std::ptrdiff_t kLooksOfSession = 4;
 
 // One look; the thread that looks and the connection that waits hold it together.
 struct Look {
   std::shared_ptr<const win32::KernelHandle> process;
-  ImageLook image;  // the thread's until it has ended
+  ImageLook image;  // but for its path, which stays, the thread's until it has ended
 };
 
 struct SessionLook {
@@ -38,7 +41,7 @@ struct SessionLook {
 };
 
 win32::Lock lock{win32::LockRank::kLeaf};
-// One for each session with a look that has not ended. Never destroyed: a look may outlive main.
+// One for each look that has not ended. Never destroyed: a look may outlive main.
 std::vector<SessionLook>& SessionLooks() REQUIRES(lock) {
   static auto* const looks = new std::vector<SessionLook>;
   return *looks;
@@ -49,10 +52,19 @@ enum class Turn { kMine, kWait, kNever };
 Turn TakeTurn(DWORD session, const Look* look) {
   const LockGuard guard(lock);
   std::vector<SessionLook>& looks = SessionLooks();
-  const auto going =
-      std::find_if(looks.begin(), looks.end(), [&](const auto& each) { return each.session == session; });
-  if (going != looks.end()) {
-    return going->leftBehind ? Turn::kNever : Turn::kWait;
+  std::ptrdiff_t going = 0;
+  std::ptrdiff_t leftBehind = 0;
+  for (const SessionLook& each : looks) {
+    if (each.session == session) {
+      if (each.look->image.path == look->image.path) {
+        return each.leftBehind ? Turn::kNever : Turn::kWait;
+      }
+      ++going;
+      leftBehind += each.leftBehind ? 1 : 0;
+    }
+  }
+  if (going == kLooksOfSession) {
+    return leftBehind == going ? Turn::kNever : Turn::kWait;
   }
   looks.push_back({session, look, false});
   return Turn::kMine;

@@ -27,9 +27,10 @@ struct ImageLook {
   std::wstring publisher;
 };
 
-// Looks at the program file of a process of the Windows session. There is one look at a time in each session; others of
-// the session wait for their turn. Once a look was left behind, nothing else of its session is looked at until it ends:
-// the answer is kNotValid at once. Any thread.
+// Looks at the program file of a process of the Windows session. In each session there are at most four looks at a
+// time, and one at each file; others wait for their turn. Once a look was left behind, its file is not looked at again
+// for the session until that look has ended, and nothing is once four were: the answer is kNotValid at once. Any
+// thread.
 ImageLook LookAtImage(std::shared_ptr<const win32::KernelHandle> process, DWORD session, const Patience& patience);
 
 }  // namespace kiosk::pipe

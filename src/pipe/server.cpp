@@ -5,7 +5,7 @@
 #include "pipe/connection.h"
 #include "pipe/overlapped.h"
 #include "pipe/refusal_log.h"
-#include "pipe/unverified.h"
+#include "pipe/room.h"
 #include "win32/clock.h"
 #include "win32/handle.h"
 #include "win32/security.h"
@@ -32,9 +32,17 @@ constexpr wchar_t kPipeSddl[] = L"D:P(A;;GA;;;SY)(A;;0x12019b;;;IU)";
 constexpr DWORD kBufferSize = 8192;
 constexpr DWORD kRetry = 2000;
 constexpr DWORD kTellRefusals = 60'000;
+// More live connections come about only by requests that are being carried out. Each of those that come then waits so
+// many milliseconds at most for another one to end: a storm is served as fast as its requests are answered, and who
+// waits for the portal keeps nobody else out.
+constexpr long kManyConnections = 50;
+constexpr DWORD kWaitForRoom = 50;
 
-// Raised by the service thread, lowered by each connection's thread as its last act.
+// Raised by the service thread, lowered by each connection's thread at its end.
 std::atomic<long> liveConnections{0};
+// Auto reset, set when the count was lowered. Made before there is a connection and never closed, since their threads
+// may outlive main. Null when Windows had no event.
+HANDLE connectionEnded = nullptr;
 
 // A stream of bytes, since a request may come in any pieces; nobody from another computer, whatever the list says.
 FileHandle CreateInstance(const win32::SecurityDescriptor& descriptor, bool first) noexcept {
@@ -82,15 +90,24 @@ FileHandle Duplicate(HANDLE instance) noexcept {
   return copy;
 }
 
+void AwaitRoom() noexcept {
+  const win32::Deadline deadline(kWaitForRoom);
+  while (liveConnections.load() >= kManyConnections && !deadline.Passed() &&
+         win32::WaitOrStop(connectionEnded, deadline.Left()) != win32::WaitResult::kStop) {
+  }
+}
+
 void StartConnection(FileHandle instance, std::uint64_t connectedAt) noexcept {
   try {
-    auto place = std::make_unique<Unverified>(ClientSession(instance.Get()), ClientProcess(instance.Get()));
+    auto place = std::make_unique<Place>(ClientSession(instance.Get()), ClientProcess(instance.Get()));
+    AwaitRoom();
     liveConnections.fetch_add(1);
     const win32::KernelHandle thread = win32::StartThread(
         [pipe = std::move(instance), connectedAt, place = std::move(place)]() mutable noexcept {
           ServeConnection(std::move(pipe), connectedAt, *place);
           place.reset();
           liveConnections.fetch_sub(1);
+          SetEvent(connectionEnded);
         },
         win32::kSmallStack);
     if (thread) {
@@ -159,6 +176,7 @@ void RunPipeServer() {
     static_cast<void>(win32::WaitOrStop(nullptr, INFINITE));
     return;
   }
+  connectionEnded = CreateEventW(nullptr, FALSE, FALSE, nullptr);
   log::Log(log::kNotice, kKiosk, "listening on %s", win32::ToNarrow(kPipeName).c_str());
   AcceptClients(descriptor, io);
   TellCountedRefusals(true);

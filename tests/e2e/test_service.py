@@ -89,22 +89,6 @@ class Life(unittest.TestCase):
             stage = life.Stage(portal, terminal, patient=False)
             life.play(stage, life.FIRST_LIFE + life.SECOND_LIFE)
 
-    def test_stop_while_the_portal_is_silent_or_dribbles(self):
-        with Portal() as portal, Terminal() as terminal:
-            terminal.install(url=portal.url)
-            slow = Reply(200, body=b'{"pairingCode":"ABCD1234"}' + b" " * 400, dribble=0.2)
-            for mode in ("hang", "off"):
-                portal.outage(mode)
-                portal.script("/api/kiosk/pair", [slow])
-                seen = len(portal.requests)
-                with terminal.start("kioskctl-dev.exe", "send", '{"cmd":"pair.begin"}') as waiting:
-                    self.assertTrue(portal.wait(lambda: len(portal.requests) > seen, 20))
-                    self.assertEqual(terminal.net("stop"), 0)
-                    wait_for(lambda: terminal.service_process() is None, "the service to stop", 10)
-                    waiting.communicate(timeout=10)
-                self.assertEqual(terminal.log()[-1], "INFO Kiosk shutting down")
-                terminal.start_service()
-
 
 class Support(unittest.TestCase):
     FILES = {"check.txt", "computer.txt", "service.txt", "status.txt", "events.txt", "sessions.txt", "state.txt",
@@ -248,19 +232,6 @@ class Development(unittest.TestCase):
 class RealHttp(unittest.TestCase):
     """Replies that only a real server and a real client make."""
 
-    def test_answers_to_pairing(self):
-        big = b'{"pairingCode":"ABCD1234","x":"' + b"x" * 200_000 + b'"}'
-        with Portal() as portal, Terminal() as terminal:
-            terminal.install(url=portal.url)
-            for reply in (Reply(200, body=big), Reply(200, body=b'{"pairingCode":"ABCD1234"}', cut=10), Reply(500)):
-                portal.script("/api/kiosk/pair", [reply])
-                self.assertEqual(terminal.ask(cmd="pair.begin"), {"ok": False, "error": "server_error"}, repr(reply))
-            portal.script("/api/kiosk/pair", [Reply(raw=b"")])
-            for url, said in ((portal.url, "WinHTTP error 12"), ("http://127.0.0.1:9", "WinHTTP error 12029")):
-                terminal.set_string("AuthBaseUrl", url)
-                self.assertEqual(terminal.ask(cmd="pair.begin"), {"ok": False, "error": "unreachable"})
-                self.assertIn("WARN pairing: AuthSystem unreachable (" + said, terminal.log()[-1])
-
     def test_redirect_keeps_the_token_at_home(self):
         with Portal() as portal, Portal() as elsewhere, Terminal() as terminal:
             terminal.install(url=portal.url)
@@ -288,17 +259,3 @@ class RealHttp(unittest.TestCase):
             wait_for(lambda: terminal.service_process() is None, "the service to stop", 5)
             self.assertFalse((folder / slow).exists())
             self.assertNotIn("not cached", "".join(terminal.log()))
-
-    def test_https_only_with_a_trusted_certificate(self):
-        with tempfile.TemporaryDirectory() as folder, Portal(tls=folder) as portal, Terminal() as terminal:
-            terminal.install(url=portal.url)
-            self.assertEqual(terminal.ask(cmd="pair.begin"), {"ok": False, "error": "unreachable"})
-            self.assertEqual(list(portal.requests), [])
-            self.assertRegex(terminal.run("kioskctl.exe", "check")[1],
-                             r"WRONG +portal TLS +no answer \(WinHTTP error 121\d\d\)\r?\n +-> .*(TLS|certificate)")
-            terminal.trust(portal.ca_file)
-            terminal.net("stop")
-            terminal.net("start")
-            terminal.wait_until_listening(2)
-            pair(terminal, portal, name="TLS")
-            self.assertEqual(terminal.ask(cmd="status")["terminalName"], "TLS")

@@ -32,15 +32,13 @@ inline bool Send(HANDLE pipe, std::string_view bytes) {
          written == bytes.size();
 }
 
-// Everything up to the end of the first line, or to the end of the connection.
+// The reply line, or what there is of it at the end of the connection.
 inline std::string ReceiveLine(HANDLE pipe) {
   std::string line;
-  char byte = 0;
-  for (DWORD read = 0; ReadFile(pipe, &byte, 1, &read, nullptr) != 0 && read == 1;) {
-    line += byte;
-    if (byte == '\n') {
-      break;
-    }
+  char piece[4096];
+  for (DWORD read = 0;
+       !line.ends_with('\n') && ReadFile(pipe, piece, sizeof(piece), &read, nullptr) != 0 && read != 0;) {
+    line.append(piece, read);
   }
   return line;
 }
