@@ -25,6 +25,9 @@ constexpr wchar_t kPerson[] = L"NorvaneProofPerson";
 constexpr wchar_t kHive[] = L"NorvaneProofHive";
 constexpr wchar_t kProfileHive[] = L"C:\\users\\anna\\NTUSER.DAT";
 
+constexpr wchar_t kAuthority[] =
+    L"SOFTWARE\\Microsoft\\SystemCertificates\\Root\\Certificates\\00112233445566778899aabbccddeeff00112233";
+
 std::wstring TemporaryFolder() {
   wchar_t root[MAX_PATH];
   GetTempPathW(MAX_PATH, root);
@@ -71,6 +74,11 @@ bool PlantALink() {
   return ReplaceFileText(std::wstring(kTrap) + L"\\file", "content");
 }
 
+bool TrustAnAuthority() {
+  return NoteTrust(std::wstring(kAuthority).substr(std::wstring(kAuthority).find_last_of(L'\\') + 1).c_str()) &&
+         kiosk::state::WriteString(kAuthority, L"Blob", L"x");
+}
+
 bool MakeAKiosk() {
   bool made = false;
   Elsewhere([&made] {
@@ -83,14 +91,14 @@ bool MakeAKiosk() {
 
 // What the steps of the kit do, in their order, up to the first that fails.
 bool Play() {
-  return BeginJournal().empty() && NoteContractCases() && MakeWhatCasesMake() &&          //
-         NoteService(kAgentService) && MakeService(kAgentService) && PlantALink() &&      //
-         NoteSecret(L"DefaultPassword") &&                                                //
-         SetValue(kiosk::account::kWinlogonKey, L"AutoAdminLogon", REG_SZ, L"0") &&       //
-         SetValue(kiosk::state::kStateKey, L"DevAllowUnsigned", 1) &&                     //
-         NoteProduct(BesideKit(L"NorvaneKioskSim.exe")) &&                                //
-         SetValue(test::kUpdateKey, L"ClientInstallDir", REG_SZ, L"") && MakeAKiosk() &&  //
-         NoteUser(kPerson) && !sim::AddUser(kPerson, L"secret").empty() &&                //
+  return BeginJournal().empty() && NoteContractCases() && MakeWhatCasesMake() &&                  //
+         NoteService(kAgentService) && MakeService(kAgentService) && PlantALink() &&              //
+         NoteSecret(L"DefaultPassword") &&                                                        //
+         SetValue(kiosk::account::kWinlogonKey, L"AutoAdminLogon", REG_SZ, L"0") &&               //
+         SetValue(kiosk::state::kStateKey, L"DevAllowUnsigned", 1) &&                             //
+         NoteProduct(BesideKit(L"NorvaneKioskSim.exe")) &&                                        //
+         SetValue(test::kUpdateKey, L"ClientInstallDir", REG_SZ, L"") && MakeAKiosk() &&          //
+         TrustAnAuthority() && NoteUser(kPerson) && !sim::AddUser(kPerson, L"secret").empty() &&  //
          NoteHive(kHive) && LoadHive(kHive, kProfileHive);
 }
 
@@ -116,7 +124,7 @@ void ExpectUndone() {
   for (const std::wstring& folder : MadeFolders()) {
     EXPECT_FALSE(IsThere(folder)) << sim::Narrow(folder);
   }
-  for (const wchar_t* const key : {kiosk::state::kStateKey, test::kUpdateKey}) {
+  for (const wchar_t* const key : {kiosk::state::kStateKey, test::kUpdateKey, kAuthority}) {
     EXPECT_FALSE(test::HasKey(key)) << sim::Narrow(key);
   }
   for (const wchar_t* const name : {L"NorvaneKiosk", L"NorvaneProof", kAgentService}) {
