@@ -157,9 +157,14 @@ if(BUILD_TESTING)
   target_link_options(NorvaneKioskSim PRIVATE -municode)
   link_simulated(NorvaneKioskSim ${renamed_kiosk_entry})
 
-  add_executable(kiosk_tests tests/support/run_tests.cc)
+  # Of the kit what its test uses, and what that in turn needs.
+  add_executable(kiosk_tests tests/support/run_tests.cc tests/contract/hand_simulated.cpp)
+  target_include_directories(kiosk_tests PRIVATE ${CMAKE_SOURCE_DIR})
   target_link_libraries(kiosk_tests PRIVATE gtest)
   link_simulated(kiosk_tests ${renamed_kiosk_test_cases})
+  target_link_libraries(kiosk_tests PRIVATE ${renamed_kiosk_proof_kit} ${renamed_kiosk_contract} ${renamed_kiosk}
+    ${NORVANE_SYSTEM_LIBRARIES})
+  add_dependencies(kiosk_tests NorvaneKioskSim)  # a test has it uninstalled
   gtest_discover_tests(kiosk_tests DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 600)
 
   add_executable(kiosk_proof tests/contract/hand_windows.cpp tools/proof/hand_windows.cpp tools/proof/agent_service.cpp)

@@ -202,6 +202,7 @@ SIM(NET_API_STATUS, NetUserGetInfo, LPCWSTR server, LPCWSTR name, DWORD level, L
     PSID sid = nullptr;
     ConvertStringSidToSidW(user->sid.c_str(), &sid);
     auto* const info = static_cast<USER_INFO_23*>(buffers.New(sizeof(USER_INFO_23) + GetLengthSid(sid)));
+    info->usri23_flags = user->flags;
     info->usri23_user_sid = info + 1;  // behind the record
     CopySid(GetLengthSid(sid), info->usri23_user_sid, sid);
     LocalFree(sid);

@@ -166,12 +166,14 @@ inline void RunFaultScenario(const FaultScenario& scenario) {
     for (const DWORD error : scenario.errors) {
       Round(scenario, FaultKind::kFail, at, error);
     }
-    Round(scenario, FaultKind::kEndBefore, at, 0);
+    if (at == 1) {
+      Round(scenario, FaultKind::kEndBefore, at, 0);
+    }
     Round(scenario, FaultKind::kEndAfter, at, 0);
   }
   RegDeleteTreeW(HKEY_LOCAL_MACHINE, kTraceKey);
   std::printf("faults: %s: part %d of %d of %d points, %zu ways each\n", Narrow(scenario.name).c_str(),
-              scenario.part + 1, scenario.parts, points, scenario.errors.size() + 2);
+              scenario.part + 1, scenario.parts, points, scenario.errors.size() + 1);
 }
 
 }  // namespace sim

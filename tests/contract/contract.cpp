@@ -2,6 +2,7 @@
 
 #include "tests/contract/hand.h"
 #include "win32/handle.h"
+#include "win32/secure_folder.h"
 #include "win32/wide_text.h"
 
 #include <algorithm>
@@ -118,18 +119,7 @@ Folder::Folder() {
   Asked::Needs(CreateDirectoryW(path_.c_str(), nullptr) != 0, "a folder for temporary files");
 }
 
-Folder::~Folder() {
-  WIN32_FIND_DATAW data;
-  const kiosk::win32::FindHandle find(FindFirstFileW(Path(L"*").c_str(), &data));
-  for (bool more = static_cast<bool>(find); more; more = FindNextFileW(find.Get(), &data) != 0) {
-    SetFileAttributesW(Path(data.cFileName).c_str(), FILE_ATTRIBUTE_NORMAL);
-    if (std::wcscmp(data.cFileName, L".") != 0 && std::wcscmp(data.cFileName, L"..") != 0 &&
-        DeleteFileW(Path(data.cFileName).c_str()) == 0) {
-      RemoveDirectoryW(Path(data.cFileName).c_str());
-    }
-  }
-  RemoveDirectoryW(path_.c_str());
-}
+Folder::~Folder() { kiosk::win32::RemoveTree(path_); }
 
 std::wstring Folder::File(const wchar_t* name, const char* content) const {
   std::wstring path = Path(name);

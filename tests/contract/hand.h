@@ -46,6 +46,9 @@ class SpareAdapter {
   std::wstring name_;
 };
 
+// Takes away what a SpareAdapter has left whose process was ended. True when there is none any more.
+bool RemoveSpareAdapters();
+
 // Somebody who holds a batch opportunistic lock on a file, and lets it go when this ends; CannotRun where there are no
 // such locks.
 class FileLease {

@@ -16,8 +16,13 @@ void MakeJunction(const std::wstring& path, const std::wstring& target) { sim::M
 DWORD SignInAtConsole(const wchar_t* user) { return sim::SignIn(user); }
 
 struct SpareAdapter::Body {};
-SpareAdapter::SpareAdapter() : name_(L"{4E6F7276-616E-6550-726F-6F6600000003}") { sim::AddAdapter(name_); }
-SpareAdapter::~SpareAdapter() { sim::ForgetArea(sim::Adapter(name_).area); }
+constexpr wchar_t kSpare[] = L"{4E6F7276-616E-6550-726F-6F6600000003}";
+SpareAdapter::SpareAdapter() : name_(kSpare) { sim::AddAdapter(name_); }
+SpareAdapter::~SpareAdapter() { RemoveSpareAdapters(); }
+bool RemoveSpareAdapters() {
+  sim::ForgetArea(sim::Adapter(kSpare).area);
+  return true;
+}
 
 struct FileLease::Body : sim::HeldFile {
   using sim::HeldFile::HeldFile;

@@ -7,6 +7,7 @@
 #include "tests/contract/hand.h"
 #include "win32/handle.h"
 
+#include <cfgmgr32.h>
 #include <newdev.h>
 #include <setupapi.h>
 #include <winioctl.h>
@@ -75,6 +76,28 @@ namespace {
 constexpr GUID kNet{0x4D36E972, 0xE325, 0x11CE, {0xBF, 0xC1, 0x08, 0x00, 0x2B, 0xE1, 0x03, 0x18}};
 // Windows' own adapter without hardware, of netloop.inf; the list of names ends with an empty one.
 constexpr wchar_t kLoopback[] = L"*msloop\0";
+constexpr wchar_t kDevice[] = L"NorvaneProof";  // below "ROOT\"
+
+// From all hardware profiles, and from the registry. The restart that Windows may want for it is left to Windows.
+bool RemoveDevice(HDEVINFO devices, SP_DEVINFO_DATA* device) {
+  SP_REMOVEDEVICE_PARAMS how{{sizeof(how.ClassInstallHeader), DIF_REMOVE}, DI_REMOVEDEVICE_GLOBAL, 0};
+  return SetupDiSetClassInstallParamsW(devices, device, &how.ClassInstallHeader, sizeof(how)) != 0 &&
+         SetupDiCallClassInstaller(DIF_REMOVE, devices, device) != 0;
+}
+
+// The page of UpdateDriverForPlugAndPlayDevices wants the file outside of Windows' folders, since it copies from there;
+// of an adapter that came with Windows there is nothing to copy. It is asked without INSTALLFLAG_FORCE, which would
+// install the driver of every other such adapter anew: then a device that Windows itself has served meanwhile is none
+// that a better driver is found for (ERROR_NO_MORE_ITEMS).
+bool InstallLoopback() {
+  wchar_t windows[MAX_PATH];
+  BOOL restart = FALSE;
+  return GetWindowsDirectoryW(windows, MAX_PATH) != 0 &&
+         (UpdateDriverForPlugAndPlayDevicesW(nullptr, kLoopback,
+                                             (std::wstring(windows) + L"\\INF\\netloop.inf").c_str(),
+                                             INSTALLFLAG_NONINTERACTIVE, &restart) != 0 ||
+          GetLastError() == ERROR_NO_MORE_ITEMS);
+}
 
 }  // namespace
 
@@ -83,10 +106,9 @@ struct SpareAdapter::Body {
   SP_DEVINFO_DATA device{};
   bool registered = false;
 
-  bool Call(DI_FUNCTION function) { return SetupDiCallClassInstaller(function, devices, &device) != 0; }
   ~Body() {
     if (registered) {
-      Call(DIF_REMOVE);
+      RemoveDevice(devices, &device);
     }
     SetupDiDestroyDeviceInfoList(devices);
   }
@@ -100,15 +122,11 @@ SpareAdapter::SpareAdapter() : body_(std::make_unique<Body>()) {
   SP_DEVINFO_DATA* const device = &body_->device;
   device->cbSize = sizeof(*device);
   body_->registered =
-      SetupDiCreateDeviceInfoW(devices, L"NorvaneProof", &kNet, nullptr, nullptr, DICD_GENERATE_ID, device) != 0 &&
+      SetupDiCreateDeviceInfoW(devices, kDevice, &kNet, nullptr, nullptr, DICD_GENERATE_ID, device) != 0 &&
       SetupDiSetDeviceRegistryPropertyW(devices, device, SPDRP_HARDWAREID, reinterpret_cast<const BYTE*>(kLoopback),
                                         sizeof(kLoopback)) != 0 &&
-      body_->Call(DIF_REGISTERDEVICE);
-  BOOL restart = FALSE;
-  Asked::Needs(
-      body_->registered && UpdateDriverForPlugAndPlayDevicesW(nullptr, kLoopback, L"C:\\Windows\\INF\\netloop.inf",
-                                                              INSTALLFLAG_FORCE, &restart) != 0,
-      "an adapter without hardware");
+      SetupDiCallClassInstaller(DIF_REGISTERDEVICE, devices, device) != 0;
+  Asked::Needs(body_->registered && InstallLoopback(), "an adapter without hardware");
   const HKEY opened = SetupDiOpenDevRegKey(devices, device, DICS_FLAG_GLOBAL, 0, DIREG_DRV, KEY_READ);
   Asked::Needs(opened != INVALID_HANDLE_VALUE, "the key of the adapter");  // its page: not null
   const kiosk::win32::RegistryKey key(opened);
@@ -121,6 +139,23 @@ SpareAdapter::SpareAdapter() : body_(std::make_unique<Body>()) {
 }
 
 SpareAdapter::~SpareAdapter() = default;
+
+bool RemoveSpareAdapters() {
+  const std::wstring begin = L"ROOT\\" + std::wstring(kDevice) + L"\\";
+  HDEVINFO devices = SetupDiGetClassDevsW(&kNet, L"ROOT", nullptr, 0);
+  SP_DEVINFO_DATA device{};
+  device.cbSize = sizeof(device);
+  bool removed = devices != INVALID_HANDLE_VALUE;
+  for (DWORD i = 0; removed && SetupDiEnumDeviceInfo(devices, i, &device) != 0; ++i) {
+    wchar_t id[MAX_DEVICE_ID_LEN]{};
+    if (SetupDiGetDeviceInstanceIdW(devices, &device, id, MAX_DEVICE_ID_LEN, nullptr) != 0 &&
+        _wcsnicmp(id, begin.c_str(), begin.size()) == 0) {
+      removed = RemoveDevice(devices, &device);
+    }
+  }
+  SetupDiDestroyDeviceInfoList(devices);
+  return removed;
+}
 
 struct FileLease::Body {
   kiosk::win32::FileHandle file;

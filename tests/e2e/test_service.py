@@ -9,7 +9,6 @@ import signal
 import struct
 import sys
 import tempfile
-import time
 import unittest
 import zipfile
 
@@ -18,10 +17,7 @@ sys.path[:0] = [str(TOOLS / "devportal"), str(TOOLS / "dev")]
 import life  # noqa: E402
 from devportal import Portal, Reply  # noqa: E402
 from life.stage import PROGRAMS, SERVICE  # noqa: E402
-from terminal import BUILD, PROGRAM_FOLDER, Terminal, wait_for  # noqa: E402
-
-SERVICE_KEY = r"HKLM\SYSTEM\CurrentControlSet\Services\NorvaneKiosk"
-EVENT_SOURCE_KEY = r"HKLM\SYSTEM\CurrentControlSet\Services\EventLog\Application\NorvaneKiosk"
+from terminal import BUILD, Terminal, wait_for  # noqa: E402
 
 
 def pair(terminal, portal, **settings):
@@ -34,39 +30,7 @@ def pair(terminal, portal, **settings):
     return terminal_id
 
 
-class Installation(unittest.TestCase):
-    def test_install_reconfigure_run_uninstall(self):
-        with Terminal() as terminal:
-            self.assertEqual(terminal.run("NorvaneKiosk.exe"), (1, "", ""))
-            self.assertEqual(terminal.run("NorvaneKiosk.exe", "--unINSTALL")[:2], (0, "NorvaneKiosk removed\n"))
-            terminal.install()
-            self.check_configuration(terminal)
-            # Somebody changed it; installing again puts it right without failing.
-            terminal.set_dword("Start", 3, SERVICE_KEY)
-            terminal.set_string("ImagePath", r"C:\elsewhere.exe", SERVICE_KEY)
-            self.assertEqual(terminal.run("NorvaneKiosk.exe", "--install")[:2], (0, "NorvaneKiosk installed\n"))
-            self.check_configuration(terminal)
-
-            started = time.monotonic()
-            self.assertEqual(terminal.run("NorvaneKiosk.exe", "--uninstall")[:2], (0, "NorvaneKiosk removed\n"))
-            self.assertLess(time.monotonic() - started, 10)
-            self.assertNotEqual(terminal.registry("query", SERVICE_KEY)[0], 0)
-            self.assertNotEqual(terminal.registry("query", EVENT_SOURCE_KEY)[0], 0)
-            self.assertIsNone(terminal.service_process())
-            self.assertEqual(terminal.run("kioskctl.exe", "status")[0], 3)
-            self.assertEqual(terminal.log()[-1], "INFO Kiosk shutting down")
-
-    def check_configuration(self, terminal):
-        text = terminal.registry("query", SERVICE_KEY)[1]
-        values = dict(re.findall(r"^ +(\w+) +REG_\w+ +(.*?)\r?$", text, re.M))
-        self.assertLessEqual({
-            "ImagePath": f'"{PROGRAM_FOLDER}\\NorvaneKiosk.exe"', "Start": "0x2", "Type": "0x10", "ErrorControl": "0x1",
-            "ObjectName": "LocalSystem", "DisplayName": "Norvane (Tessaly) Kiosk",
-            "Description": "Enrols this computer as a Norvane kiosk terminal and manages its kiosk account.",
-        }.items(), values.items())
-        source = terminal.registry("query", EVENT_SOURCE_KEY, "/v", "EventMessageFile")[1]
-        self.assertRegex(source, r"REG_EXPAND_SZ +" + re.escape(PROGRAM_FOLDER) + r"\\NorvaneKioskEvents-[0-9a-f]{8}\.dll")
-
+class Programs(unittest.TestCase):
     def test_hardening_flags_of_the_built_programs(self):
         for program in ("NorvaneKiosk.exe", "kioskctl.exe", "kioskctl-dev.exe"):
             image = (BUILD / program).read_bytes()

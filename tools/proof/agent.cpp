@@ -1,18 +1,15 @@
 #include "tools/proof/agent.h"
 
-#include "state/folders.h"
-#include "tools/proof/agent_service.h"
+#include "tools/proof/computer.h"
 #include "tools/proof/files.h"
 #include "tools/proof/journal.h"
 #include "tools/proof/life.h"
+#include "tools/proof/product.h"
 #include "tools/proof/run.h"
+#include "tools/proof/services.h"
 #include "tools/proof/snapshot.h"
-#include "tools/proof/steps.h"
 #include "win32/clock.h"
-#include "win32/folder_entries.h"
-#include "win32/handle.h"
 #include "win32/program_path.h"
-#include "win32/security.h"
 
 #include <exception>
 
@@ -33,12 +30,7 @@ double Seconds(std::uint64_t fileTime) {
 }
 
 // Whom the service manager made of LocalSystem; Wine makes an ordinary account of it.
-const char* Caller() {
-  const kiosk::win32::LocalMemory system = kiosk::win32::ParseSid(L"S-1-5-18");
-  BOOL member = FALSE;
-  return CheckTokenMembership(nullptr, system.Get(), &member) != 0 && member != 0 ? "LocalSystem"
-                                                                                  : "the agent's account";
-}
+const char* Caller() { return IsMember(L"S-1-5-18") ? "LocalSystem" : "the agent's account"; }
 
 void AddStep(const Step& step, const Result& answer) {
   TheRun().TheReport().Add({step.what.name, Caller(), step.what.promise, answer});
@@ -67,7 +59,7 @@ void PlaySteps() {
   Run& run = TheRun();
   const std::span<const Step> steps = Steps();
   auto next = static_cast<std::size_t>(run.Note("step").number());
-  if (run.Note("running").boolean()) {
+  if (run.Note("running").boolean() && next < steps.size()) {
     AddStep(steps[next], OfInterrupted(steps[next]));
     run.SetNote("running", false);
     run.SetNote("step", ++next);
@@ -90,17 +82,11 @@ void PlaySteps() {
 }
 
 // What the product's log warned of.
-Value LogLines() {
-  Value lines = Value::Array();
-  for (const kiosk::win32::FolderEntry& day : kiosk::win32::EntriesOf(kiosk::state::kLogRoot, L"*-*-*")) {
-    for (const kiosk::win32::FolderEntry& file : kiosk::win32::EntriesOf(day.path, L"*.log")) {
-      for (const std::string& line : Split(ReadFileText(file.path).value_or(""))) {
-        if (line.find("] WARN ") != std::string::npos || line.find("] ERROR ") != std::string::npos) {
-          lines.Append(line);
-        }
-      }
-    }
-  }
+std::vector<std::string> Warnings() {
+  std::vector<std::string> lines = Split(ProductLog());
+  std::erase_if(lines, [](const std::string& line) {
+    return line.find("] WARN ") == std::string::npos && line.find("] ERROR ") == std::string::npos;
+  });
   return lines;
 }
 
@@ -125,14 +111,10 @@ void End() {
   Report& report = run.TheReport();
   report.Set("running", "");
   report.Set("restarts", run.Note("starts").number() - 1);
-  report.Set("log", LogLines());
+  report.SetList("log", Warnings());
   const std::vector<std::string> before = run.Before();
   const std::string left = UndoAll(true);
-  Value differences = Value::Array();
-  for (const std::string& line : Differences(before, Snapshot())) {
-    differences.Append(line);
-  }
-  report.Set("differences", std::move(differences));
+  report.SetList("differences", Differences(before, Snapshot()));
   report.Add(
       {"kit/undo", Caller(), "the computer is as before", {left.empty() ? Verdict::kHeld : Verdict::kBroken, left}});
   report.Set("done", true);
@@ -140,31 +122,23 @@ void End() {
 
 }  // namespace
 
-kiosk::win32::KernelHandle StartAgent() {
+unsigned long StartAgent() {
   const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE));
   if (!manager || !NoteService(kAgentService)) {
-    return kiosk::win32::KernelHandle();
+    return 0;
   }
   const ServiceHandle service(CreateServiceW(
       manager.Get(), kAgentService, L"Proof of the Norvane kiosk", SERVICE_ALL_ACCESS, SERVICE_WIN32_OWN_PROCESS,
       SERVICE_AUTO_START, SERVICE_ERROR_NORMAL, (L"\"" + kiosk::win32::ProgramPath() + L"\" --agent").c_str(), nullptr,
       nullptr, nullptr, nullptr, nullptr));
-  SERVICE_STATUS_PROCESS status{};
-  DWORD needed = 0;
-  if (!service || StartServiceW(service.Get(), 0, nullptr) == 0 ||
-      QueryServiceStatusEx(service.Get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status),
-                           &needed) == 0) {
-    return kiosk::win32::KernelHandle();
-  }
-  return kiosk::win32::KernelHandle(OpenProcess(SYNCHRONIZE, FALSE, status.dwProcessId));
+  return service && StartServiceW(service.Get(), 0, nullptr) != 0 ? ProcessOf(service.Get()) : 0;
 }
 
 // The edge to the service manager: what the standard library throws ends the run.
-void RunAgent() noexcept {
+bool RunAgent() noexcept {
   try {
-    if (!TheRun().GoOn()) {
-      static_cast<void>(UndoAll(true));
-      return;
+    if (LookAtJournal() != JournalState::kThere || !TheRun().GoOn().empty()) {
+      return false;
     }
     PreparePortal(TheRun().ThePortal());
     Play();
@@ -172,6 +146,7 @@ void RunAgent() noexcept {
   } catch (const std::exception& problem) {
     TheRun().TheReport().Add({"kit/end", Caller(), "the run ends by itself", {Verdict::kBroken, problem.what()}});
   }
+  return true;
 }
 
 }  // namespace proof

@@ -1,6 +1,6 @@
 // The service's entry, linked as it is into both programs: a handler that the simulation knew of would hear of sessions
 // in the product's place.
-#include "tools/proof/agent_service.h"
+#include "tools/proof/agent.h"
 
 #include "win32/winapi.h"
 
@@ -10,8 +10,8 @@ namespace {
 wchar_t name[] = L"NorvaneProofAgent";
 SERVICE_STATUS_HANDLE handle = nullptr;
 
-void Report(DWORD state) {
-  SERVICE_STATUS status{SERVICE_WIN32_OWN_PROCESS, state, 0, NO_ERROR, 0, 0, 0};
+void Report(DWORD state, DWORD exitCode = NO_ERROR) {
+  SERVICE_STATUS status{SERVICE_WIN32_OWN_PROCESS, state, 0, exitCode, 0, 0, 0};
   status.dwControlsAccepted = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0;
   SetServiceStatus(handle, &status);
 }
@@ -27,8 +27,7 @@ DWORD WINAPI Control(DWORD control, DWORD /*type*/, void* /*data*/, void* /*cont
 void WINAPI Main(DWORD /*count*/, wchar_t** /*arguments*/) {
   handle = RegisterServiceCtrlHandlerExW(name, Control, nullptr);
   Report(SERVICE_RUNNING);
-  RunAgent();
-  Report(SERVICE_STOPPED);
+  Report(SERVICE_STOPPED, RunAgent() ? NO_ERROR : ERROR_INVALID_DATA);
 }
 
 }  // namespace

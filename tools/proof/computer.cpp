@@ -6,73 +6,24 @@
 #include "state/os_version.h"
 #include "tests/contract/contract.h"
 #include "tools/proof/files.h"
+#include "tools/proof/hand.h"
+#include "tools/proof/services.h"
 #include "version.h"
 #include "win32/hash.h"
 #include "win32/owners.h"
 #include "win32/security.h"
 #include "win32/wide_text.h"
 
-#include <cpuid.h>
-#include <dsrole.h>
-
-#include <iterator>
-
 namespace proof {
 namespace {
 
 using kiosk::json::Value;
-using kiosk::win32::ServiceHandle;
 
 constexpr wchar_t kVersionKey[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion";
 constexpr ULONGLONG kRoom = ULONGLONG{200} * 1024 * 1024;  // bytes of disk
 
 std::string RegistryText(const wchar_t* key, const wchar_t* name) {
   return kiosk::win32::ToNarrow(kiosk::state::ReadString(key, name).value_or(L""));
-}
-
-// By the bit that hypervisors set for their guests.
-bool IsVirtual() noexcept {
-  unsigned a = 0;
-  unsigned b = 0;
-  unsigned c = 0;
-  unsigned d = 0;
-  return __get_cpuid(1, &a, &b, &c, &d) != 0 && (c >> 31) != 0;
-}
-
-bool HasBattery() noexcept {
-  constexpr BYTE kNone = 128;
-  constexpr BYTE kUnknown = 255;
-  SYSTEM_POWER_STATUS status{};
-  return GetSystemPowerStatus(&status) != 0 && status.BatteryFlag != kNone && status.BatteryFlag != kUnknown;
-}
-
-bool IsInDomain() noexcept {
-  BYTE* raw = nullptr;
-  if (DsRoleGetPrimaryDomainInformation(nullptr, DsRolePrimaryDomainInfoBasic, &raw) != ERROR_SUCCESS) {
-    return false;
-  }
-  const DSROLE_MACHINE_ROLE role = reinterpret_cast<DSROLE_PRIMARY_DOMAIN_INFO_BASIC*>(raw)->MachineRole;
-  DsRoleFreeMemory(raw);
-  return role != DsRole_RoleStandaloneWorkstation && role != DsRole_RoleStandaloneServer;
-}
-
-// By the library of device management, which a Windows may lack.
-bool IsManaged() noexcept {
-  const kiosk::win32::Library library(LoadLibraryExW(L"mdmregistration.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
-  using Ask = HRESULT(WINAPI*)(BOOL*, DWORD, wchar_t*);
-  const auto ask = library ? reinterpret_cast<Ask>(reinterpret_cast<void*>(
-                                 GetProcAddress(library.Get(), "IsDeviceRegisteredWithManagement")))
-                           : nullptr;
-  BOOL managed = FALSE;
-  wchar_t user[256];
-  return ask != nullptr && SUCCEEDED(ask(&managed, static_cast<DWORD>(std::size(user)), user)) && managed != 0;
-}
-
-bool HasDesktop() noexcept {
-  USEROBJECTFLAGS flags{};
-  DWORD needed = 0;
-  return GetUserObjectInformationW(GetProcessWindowStation(), UOI_FLAGS, &flags, sizeof(flags), &needed) != 0 &&
-         (flags.dwFlags & WSF_VISIBLE) != 0;
 }
 
 bool KeyExists(const wchar_t* key) noexcept {
@@ -93,24 +44,13 @@ bool KioskUserIsThere() {
 }
 
 // Why this is nobody's disposable computer; null when it looks like one.
-const char* WhyNeeded() {
-  struct Look {
-    bool (*is)() noexcept;
-    const char* what;
-  };
-  constexpr Look kLooks[] = {
-      {IsInDomain, "this computer is in a domain"},
-      {IsManaged, "this computer is under a device management"},
-      {HasBattery, "this computer has a battery"},
-      {[]() noexcept { return !IsVirtual(); }, "this is no virtual machine"},
-      {[]() noexcept { return !HasDesktop(); }, "there is no desktop where this runs"},
-  };
-  for (const Look& look : kLooks) {
-    if (look.is()) {
-      return look.what;
-    }
-  }
-  return nullptr;
+const char* WhyNeeded(const hand::Traits& traits) {
+  return traits.inDomain     ? "this computer is in a domain"
+         : traits.managed    ? "this computer is under a device management"
+         : traits.battery    ? "this computer has a battery"
+         : !traits.isVirtual ? "this is no virtual machine"
+         : !traits.desktop   ? "there is no desktop where this runs"
+                             : nullptr;
 }
 
 }  // namespace
@@ -121,6 +61,7 @@ Value Head(const std::wstring& product) {
   ProcessIdToSessionId(GetCurrentProcessId(), &session);
   wchar_t language[LOCALE_NAME_MAX_LENGTH]{};
   GetSystemDefaultLocaleName(language, LOCALE_NAME_MAX_LENGTH);
+  const hand::Traits traits = hand::LookAround();
   Value head = Value::Object();
   head.Set("version", NORVANE_VERSION_TEXT);
   head.Set("product", bytes ? kiosk::win32::Sha256Hex(*bytes) : "not beside the kit");
@@ -128,19 +69,19 @@ Value Head(const std::wstring& product) {
   head.Set("windows", kiosk::state::OsVersionText());
   head.Set("edition", RegistryText(kVersionKey, L"EditionID"));
   head.Set("language", kiosk::win32::ToNarrow(language));
-  head.Set("virtual", IsVirtual());
-  head.Set("joined", IsInDomain());
-  head.Set("managed", IsManaged());
-  head.Set("desktop", HasDesktop());
+  head.Set("virtual", traits.isVirtual);
+  head.Set("joined", traits.inDomain);
+  head.Set("managed", traits.managed);
+  head.Set("desktop", traits.desktop);
   head.Set("session", session);
   head.Set("defender", KeyExists(L"SOFTWARE\\Microsoft\\Windows Defender\\Real-Time Protection"));
   return head;
 }
 
 std::string WhyNotHere(bool named, const std::wstring& product) {
-  const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE));
-  if (!manager) {
-    return "this needs an administrator's rights (" + std::to_string(GetLastError()) + ")";
+  const hand::Traits traits = hand::LookAround();
+  if (traits.noRights != ERROR_SUCCESS) {
+    return "this needs an administrator's rights (" + std::to_string(traits.noRights) + ")";
   }
   if (!IsThere(product)) {
     return "there is no NorvaneKiosk.exe beside the kit";
@@ -148,7 +89,7 @@ std::string WhyNotHere(bool named, const std::wstring& product) {
   if (kiosk::state::TokenIsStored()) {
     return "this computer is paired with a portal; it is somebody's terminal";
   }
-  if (ServiceHandle(OpenServiceW(manager.Get(), kiosk::service::kServiceName, SERVICE_QUERY_STATUS))) {
+  if (OpenExisting(kiosk::service::kServiceName, SERVICE_QUERY_STATUS)) {
     return "the service NorvaneKiosk is installed here already; uninstall it first";
   }
   if (KioskUserIsThere()) {
@@ -161,7 +102,7 @@ std::string WhyNotHere(bool named, const std::wstring& product) {
   if (GetDiskFreeSpaceExW(L"C:\\", &room, nullptr, nullptr) != 0 && room.QuadPart < kRoom) {
     return "the disk is full: less than 200 MB are free";
   }
-  const char* const needed = named ? nullptr : WhyNeeded();
+  const char* const needed = named ? nullptr : WhyNeeded(traits);
   return needed != nullptr ? std::string(needed) + "; if nobody needs it, type its name: --computer NAME"
                            : std::string();
 }
@@ -174,16 +115,17 @@ DWORD KioskSession() {
   }
   const kiosk::win32::WtsMemory owned(sessions);
   for (DWORD i = 0; i < count; ++i) {
-    wchar_t* name = nullptr;
-    DWORD size = 0;
-    if (WTSQuerySessionInformationW(WTS_CURRENT_SERVER_HANDLE, sessions[i].SessionId, WTSUserName, &name, &size) != 0) {
-      const kiosk::win32::WtsMemory text(name);
-      if (kiosk::win32::EqualIgnoringCase(name, kiosk::enrolment::kKioskUser)) {
-        return sessions[i].SessionId;
-      }
+    if (kiosk::enrolment::IsKioskSession(sessions[i].SessionId)) {
+      return sessions[i].SessionId;
     }
   }
   return 0;
+}
+
+bool IsMember(const wchar_t* group) {
+  const kiosk::win32::LocalMemory sid = kiosk::win32::ParseSid(group);
+  BOOL member = FALSE;
+  return CheckTokenMembership(nullptr, sid.Get(), &member) != 0 && member != 0;
 }
 
 }  // namespace proof

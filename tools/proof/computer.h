@@ -18,4 +18,7 @@ std::string WhyNotHere(bool named, const std::wstring& product);
 // The session of the kiosk account; 0: it has none, or Windows does not tell.
 DWORD KioskSession();
 
+// Whether this thread acts for a member of the group, by its SID.
+bool IsMember(const wchar_t* group);
+
 }  // namespace proof

@@ -1,9 +1,8 @@
 #include "tools/proof/files.h"
 
+#include "text/text.h"
 #include "win32/handle.h"
 #include "win32/program_path.h"
-
-#include <vector>
 
 namespace proof {
 namespace {
@@ -70,10 +69,29 @@ bool ReplaceFileText(const std::wstring& path, const std::string& text) {
   }
 }
 
-bool AppendFileText(const std::wstring& path, const std::string& text) {
-  const FileHandle file(CreateFileW(path.c_str(), FILE_APPEND_DATA, FILE_SHARE_READ, nullptr, OPEN_ALWAYS,
-                                    FILE_ATTRIBUTE_NORMAL, nullptr));
-  return file && Write(file.Get(), text);
+std::string Joined(const std::vector<std::string>& lines) {
+  std::string text;
+  for (const std::string& line : lines) {
+    text += line + "\n";
+  }
+  return text;
+}
+
+std::vector<std::string> Split(const std::string& text) {
+  std::vector<std::string> lines;
+  std::size_t begin = 0;
+  for (std::size_t end = 0; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1) {
+    lines.push_back(text.substr(begin, end - begin));
+  }
+  return lines;
+}
+
+std::vector<std::uint8_t> Bytes(const std::string& hex) {
+  std::vector<std::uint8_t> bytes;
+  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+    bytes.push_back(static_cast<std::uint8_t>(16 * kiosk::text::HexDigit(hex[i]) + kiosk::text::HexDigit(hex[i + 1])));
+  }
+  return bytes;
 }
 
 std::wstring BesideKit(const std::wstring& name) {
@@ -81,14 +99,19 @@ std::wstring BesideKit(const std::wstring& name) {
   return path.substr(0, path.find_last_of(L'\\') + 1) + name;
 }
 
-Ran RunProgram(std::wstring command, DWORD limit) {
+Ran RunProgram(std::wstring command, DWORD limit, const std::function<void()>& meanwhile) {
   const FileHandle output = OutputFile();
-  if (!output) {
+  KernelHandle input;
+  KernelHandle inputEnd;  // ours, which the program must not inherit: its input would never end
+  SECURITY_ATTRIBUTES inherited{sizeof(inherited), nullptr, TRUE};
+  if (!output || CreatePipe(input.Put(), inputEnd.Put(), &inherited, 0) == 0 ||
+      SetHandleInformation(inputEnd.Get(), HANDLE_FLAG_INHERIT, 0) == 0) {
     return {.error = GetLastError(), .output = {}};
   }
   STARTUPINFOW startup{};
   startup.cb = sizeof(startup);
   startup.dwFlags = STARTF_USESTDHANDLES;
+  startup.hStdInput = input.Get();
   startup.hStdOutput = output.Get();
   startup.hStdError = output.Get();
   PROCESS_INFORMATION process{};
@@ -98,6 +121,12 @@ Ran RunProgram(std::wstring command, DWORD limit) {
   }
   const KernelHandle thread(process.hThread);
   const KernelHandle child(process.hProcess);
+  if (meanwhile && Within(limit, [&] {
+        return !Content(output.Get()).empty() || WaitForSingleObject(child.Get(), 0) == WAIT_OBJECT_0;
+      })) {
+    meanwhile();
+  }
+  inputEnd.Reset();
   Ran ran{.output = {}};
   if (WaitForSingleObject(child.Get(), limit) != WAIT_OBJECT_0) {
     TerminateProcess(child.Get(), 1);

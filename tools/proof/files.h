@@ -3,8 +3,11 @@
 
 #include "win32/winapi.h"
 
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace proof {
 
@@ -14,8 +17,12 @@ std::optional<std::string> ReadFileText(const std::wstring& path);
 // Puts the text in the place of the whole file, which is never half there. False with the last error.
 bool ReplaceFileText(const std::wstring& path, const std::string& text);
 
-// Adds to the end of the file. False with the last error.
-bool AppendFileText(const std::wstring& path, const std::string& text);
+// Texts of lines that each have an end; what follows the last end is left out.
+std::string Joined(const std::vector<std::string>& lines);
+std::vector<std::string> Split(const std::string& text);
+
+// The bytes that text::Hex has made a text of.
+std::vector<std::uint8_t> Bytes(const std::string& hex);
 
 inline bool IsThere(const std::wstring& path) noexcept {
   return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
@@ -29,7 +36,22 @@ struct Ran {
   DWORD exitCode = 0;
   std::string output;  // of both kinds
 };
-// Runs the command line to its end, for at most so many milliseconds.
-Ran RunProgram(std::wstring command, DWORD limit);
+// Runs the command line to its end, for at most so many milliseconds. With `meanwhile` the program is one that says
+// something and then waits for the end of its input: the action takes place in between.
+Ran RunProgram(std::wstring command, DWORD limit, const std::function<void()>& meanwhile = nullptr);
+
+// Polls, for what another process does and nobody announces.
+template <typename Condition>
+bool Within(DWORD milliseconds, Condition condition) {
+  constexpr DWORD kPoll = 50;
+  const ULONGLONG end = GetTickCount64() + milliseconds;
+  while (!condition()) {
+    if (GetTickCount64() > end) {
+      return false;
+    }
+    Sleep(kPoll);
+  }
+  return true;
+}
 
 }  // namespace proof

@@ -11,6 +11,17 @@
 
 namespace proof::hand {
 
+// What this computer is, as far as it decides whether the kit may begin.
+struct Traits {
+  DWORD noRights = ERROR_SUCCESS;  // why whoever runs this must not make services
+  bool inDomain = false;
+  bool managed = false;
+  bool battery = false;
+  bool isVirtual = false;
+  bool desktop = false;  // of this process
+};
+Traits LookAround();
+
 // A line for each user ("user NAME SID ..."), membership ("member GROUPSID SID"), name of a private secret of the local
 // security authority ("secret NAME"), task of the root folder, power scheme and adapter, and for each folder of a user.
 std::vector<std::string> WorldLines();

@@ -1,4 +1,5 @@
-// The kit's hand on the simulated computer, the one that NorvaneKioskSim.exe lives on as well.
+// The kit's hand on the simulated computer, the one that NorvaneKioskSim.exe lives on as well. Not renamed, so it uses
+// no inline function that calls Windows: the linker takes one copy of each for the whole program.
 #include "sim/accounts.h"
 #include "sim/callers.h"
 #include "sim/computer.h"
@@ -6,24 +7,17 @@
 #include "sim/sessions.h"
 #include "sim/shutdown.h"
 #include "tools/proof/hand.h"
-
-#include "json/serialise.h"
+#include "tools/proof/product.h"
 #include "win32/hash.h"
 
 #include <sstream>
-#include <utility>
 
 namespace proof::hand {
 namespace {
 
 constexpr wchar_t kKiosk[] = L"NorvaneKiosk";
-constexpr DWORD kPoll = 50;  // ms
-constexpr DWORD kRestartTime = 30'000;
+constexpr DWORD kRestartTime = 30'000;  // ms
 constexpr DWORD kStopTime = 60'000;
-
-kioskctl::Answer Ask(const kiosk::json::Value& request) {
-  return kioskctl::Ask(kiosk::text::Secret(kiosk::json::Serialise(request)), kioskctl::kPairWait);
-}
 
 // A password shows as a digest, a secret by its name alone.
 std::string Masked(const std::string& line) {
@@ -37,18 +31,18 @@ std::string Masked(const std::string& line) {
   return line;
 }
 
-// Polls for what another process does.
-template <typename Condition>
-bool Within(DWORD milliseconds, Condition condition) {
-  for (const ULONGLONG end = GetTickCount64() + milliseconds; !condition(); Sleep(kPoll)) {
-    if (GetTickCount64() > end) {
-      return false;
-    }
-  }
-  return true;
-}
-
 }  // namespace
+
+// As the area "Computer" has it, which is empty for one that nobody needs.
+Traits LookAround() {
+  const auto number = [](const wchar_t* name) { return sim::ReadNumber(L"Computer", name).value_or(0); };
+  return {.noRights = number(L"NoRights"),
+          .inDomain = number(L"InDomain") != 0,
+          .managed = number(L"Managed") != 0,
+          .battery = number(L"Battery") != 0,
+          .isVirtual = number(L"Metal") == 0,
+          .desktop = number(L"NoDesktop") == 0};
+}
 
 std::vector<std::string> WorldLines() {
   std::vector<std::string> lines;
@@ -60,7 +54,7 @@ std::vector<std::string> WorldLines() {
 }
 
 // Whoever runs this is such a person.
-kioskctl::Answer AskAsPerson(const kiosk::json::Value& request) { return Ask(request); }
+kioskctl::Answer AskAsPerson(const kiosk::json::Value& request) { return AskService(request); }
 
 std::optional<bool> AskAsKiosk(const kiosk::json::Value& request) {
   const std::optional<sim::User> kiosk = sim::FindUser(kKiosk);
@@ -69,7 +63,7 @@ std::optional<bool> AskAsKiosk(const kiosk::json::Value& request) {
   }
   const DWORD self = GetCurrentProcessId();
   sim::SetPipeCaller({.user = kKiosk}, self);
-  const kioskctl::Answer answer = Ask(request);
+  const kioskctl::Answer answer = AskService(request);
   sim::ForgetArea(L"Callers\\" + std::to_wstring(self));
   return answer.outcome == kioskctl::Outcome::kReply && kiosk::json::Member(answer.reply, "ok").boolean();
 }
@@ -82,7 +76,7 @@ bool Restart(bool byProduct) {
     return false;
   }
   const SC_HANDLE manager = OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT);
-  const SC_HANDLE service = OpenServiceW(manager, kKiosk, SERVICE_ALL_ACCESS);
+  const SC_HANDLE service = OpenServiceW(manager, kKiosk, SERVICE_START | SERVICE_QUERY_STATUS);
   // The shutdown control, by the way that sim/service_control.h names.
   sim::WriteText(L"ServiceControl", L"Request", L"5");
   const bool stopped = Within(kStopTime, [service] {

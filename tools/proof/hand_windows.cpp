@@ -10,6 +10,7 @@
 #include "tests/contract/contract.h"
 #include "tools/proof/computer.h"
 #include "tools/proof/journal.h"
+#include "tools/proof/product.h"
 #include "win32/com.h"
 #include "win32/folder_entries.h"
 #include "win32/owners.h"
@@ -19,6 +20,8 @@
 #include "win32/security.h"
 #include "win32/wide_text.h"
 
+#include <cpuid.h>
+#include <dsrole.h>
 #include <iphlpapi.h>
 #include <taskschd.h>
 
@@ -152,14 +155,49 @@ void AddAdapters(Lines& lines) {
   }
 }
 
-kioskctl::Answer Ask(const Value& request) {
-  return kioskctl::Ask(kiosk::text::Secret(kiosk::json::Serialise(request)), kioskctl::kPairWait);
+// By the bit that hypervisors set for their guests.
+bool IsVirtual() noexcept {
+  unsigned a = 0;
+  unsigned b = 0;
+  unsigned c = 0;
+  unsigned d = 0;
+  return __get_cpuid(1, &a, &b, &c, &d) != 0 && (c >> 31) != 0;
 }
 
-bool IsInteractive() {
-  const kiosk::win32::LocalMemory interactive = kiosk::win32::ParseSid(L"S-1-5-4");
-  BOOL member = FALSE;
-  return CheckTokenMembership(nullptr, interactive.Get(), &member) != 0 && member != 0;
+bool HasBattery() noexcept {
+  constexpr BYTE kNone = 128;
+  constexpr BYTE kUnknown = 255;
+  SYSTEM_POWER_STATUS status{};
+  return GetSystemPowerStatus(&status) != 0 && status.BatteryFlag != kNone && status.BatteryFlag != kUnknown;
+}
+
+bool IsInDomain() noexcept {
+  BYTE* raw = nullptr;
+  if (DsRoleGetPrimaryDomainInformation(nullptr, DsRolePrimaryDomainInfoBasic, &raw) != ERROR_SUCCESS) {
+    return false;
+  }
+  const DSROLE_MACHINE_ROLE role = reinterpret_cast<DSROLE_PRIMARY_DOMAIN_INFO_BASIC*>(raw)->MachineRole;
+  DsRoleFreeMemory(raw);
+  return role != DsRole_RoleStandaloneWorkstation && role != DsRole_RoleStandaloneServer;
+}
+
+// By the library of device management, which a Windows may lack.
+bool IsManaged() noexcept {
+  const kiosk::win32::Library library(LoadLibraryExW(L"mdmregistration.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32));
+  using Ask = HRESULT(WINAPI*)(BOOL*, DWORD, wchar_t*);
+  const auto ask = library ? reinterpret_cast<Ask>(reinterpret_cast<void*>(
+                                 GetProcAddress(library.Get(), "IsDeviceRegisteredWithManagement")))
+                           : nullptr;
+  BOOL managed = FALSE;
+  wchar_t user[256];
+  return ask != nullptr && SUCCEEDED(ask(&managed, static_cast<DWORD>(std::size(user)), user)) && managed != 0;
+}
+
+bool HasDesktop() noexcept {
+  USEROBJECTFLAGS flags{};
+  DWORD needed = 0;
+  return GetUserObjectInformationW(GetProcessWindowStation(), UOI_FLAGS, &flags, sizeof(flags), &needed) != 0 &&
+         (flags.dwFlags & WSF_VISIBLE) != 0;
 }
 
 // A user of the kit's own for the run, signed in as if at the console: LocalSystem is no person.
@@ -194,6 +232,17 @@ KernelHandle PersonsToken() {
 
 }  // namespace
 
+Traits LookAround() {
+  const kiosk::win32::ServiceHandle manager(
+      OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT | SC_MANAGER_CREATE_SERVICE));
+  return {.noRights = manager ? ERROR_SUCCESS : GetLastError(),
+          .inDomain = IsInDomain(),
+          .managed = IsManaged(),
+          .battery = HasBattery(),
+          .isVirtual = IsVirtual(),
+          .desktop = HasDesktop()};
+}
+
 std::vector<std::string> WorldLines() {
   Lines lines;
   AddAccounts(lines);
@@ -214,11 +263,11 @@ std::vector<std::string> WorldLines() {
 }
 
 kioskctl::Answer AskAsPerson(const Value& request) {
-  if (IsInteractive()) {
-    return Ask(request);
+  if (IsMember(L"S-1-5-4")) {  // INTERACTIVE
+    return AskService(request);
   }
   kioskctl::Answer answer{.outcome = kioskctl::Outcome::kNotAllowed, .reply = {}};
-  AsSecondUser([&] { answer = Ask(request); });
+  AsSecondUser([&] { answer = AskService(request); });
   return answer;
 }
 
@@ -231,8 +280,8 @@ bool AsSecondUser(const std::function<void()>& action) {
   if (token == nullptr || ImpersonateLoggedOnUser(token) == 0) {
     return false;
   }
+  const contract::AtEnd revert([] { RevertToSelf(); });
   action();
-  RevertToSelf();
   return true;
 }
 

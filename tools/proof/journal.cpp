@@ -5,6 +5,8 @@
 #include "state/kiosk_state.h"
 #include "text/text.h"
 #include "tools/proof/files.h"
+#include "tools/proof/secrets.h"
+#include "tools/proof/services.h"
 #include "tools/proof/undo.h"
 #include "win32/secure_folder.h"
 #include "win32/wide_text.h"
@@ -28,7 +30,11 @@ Value Entry(const char* kind, const wchar_t* name) {
   return entry;
 }
 
-bool Note(const Value& entry) { return AppendFileText(kJournal, kiosk::json::Serialise(entry) + "\n"); }
+// Replaces the whole file: what is cut short leaves no half of a line behind, to which the next would be added.
+bool Note(const Value& entry) {
+  const std::optional<std::string> text = ReadFileText(kJournal);
+  return text && ReplaceFileText(kJournal, *text + kiosk::json::Serialise(entry) + "\n");
+}
 
 // The uppermost key of the path that is not there; empty when all are.
 std::wstring FirstMissingKey(const std::wstring& path) {
@@ -43,13 +49,15 @@ std::wstring FirstMissingKey(const std::wstring& path) {
   return {};
 }
 
-// Empty when a whole line cannot be read. A line without an end was being written when the run ended: its change was
-// not made.
-std::optional<std::vector<Value>> Entries(const std::string& text) {
+// Empty when a line cannot be read.
+std::optional<std::vector<Value>> Entries() {
+  const std::optional<std::string> text = ReadFileText(kJournal);
+  if (!text || (!text->empty() && text->back() != '\n')) {
+    return std::nullopt;
+  }
   std::vector<Value> entries;
-  std::size_t begin = 0;
-  for (std::size_t end = 0; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1) {
-    std::optional<Value> entry = kiosk::json::Parse(std::string_view(text).substr(begin, end - begin));
+  for (const std::string& line : Split(*text)) {
+    std::optional<Value> entry = kiosk::json::Parse(line);
     if (!entry || FindUndo(Member(*entry, "kind").text()) == nullptr) {
       return std::nullopt;
     }
@@ -61,11 +69,10 @@ std::optional<std::vector<Value>> Entries(const std::string& text) {
 }  // namespace
 
 JournalState LookAtJournal() {
-  const std::optional<std::string> text = ReadFileText(kJournal);
-  if (!text) {
-    return IsThere(kJournal) ? JournalState::kDamaged : JournalState::kNone;
+  if (!IsThere(kJournal)) {
+    return JournalState::kNone;
   }
-  return Entries(*text) ? JournalState::kThere : JournalState::kDamaged;
+  return Entries() ? JournalState::kThere : JournalState::kDamaged;
 }
 
 std::string BeginJournal() {
@@ -104,16 +111,25 @@ bool SetValue(const wchar_t* key, const wchar_t* name, DWORD number) {
   return NoteValue(key, name) && kiosk::state::WriteDword(key, name, number);
 }
 
+bool NoteSecret(const wchar_t* name) {
+  std::string sealed;
+  Value entry = Entry("secret", name);
+  const DWORD error = ReadSecret(name, sealed);
+  SetLastError(error);
+  entry.Set("sealed", sealed);
+  return error == ERROR_SUCCESS && Note(entry);
+}
+
 bool NoteFolder(const std::wstring& path) { return IsThere(path) || Note(Entry("folder", path.c_str())); }
 bool NoteService(const wchar_t* name) { return Note(Entry("service", name)); }
 bool NoteUser(const wchar_t* name) { return Note(Entry("user", name)); }
 bool NoteProduct(const std::wstring& program) { return Note(Entry("product", program.c_str())); }
 bool NoteHive(const wchar_t* name) { return Note(Entry("hive", name)); }
+bool NoteTrust(const wchar_t* thumbprint) { return Note(Entry("trust", thumbprint)); }
 bool NoteContractCases() { return Note(Entry("cases", L"NorvaneProof")); }
 
 std::string UndoAll(bool byAgent) {
-  const std::optional<std::string> text = ReadFileText(kJournal);
-  std::optional<std::vector<Value>> entries = text ? Entries(*text) : std::nullopt;
+  const std::optional<std::vector<Value>> entries = Entries();
   if (!entries) {
     return "the journal cannot be read";
   }

@@ -2,7 +2,6 @@
 // fresh process can put all of it back whatever became of the run.
 #pragma once
 
-#include "json/value.h"
 #include "win32/winapi.h"
 
 #include <string>
@@ -24,16 +23,18 @@ bool SetValue(const wchar_t* key, const wchar_t* name, DWORD type, const std::ws
 bool SetValue(const wchar_t* key, const wchar_t* name, DWORD number);
 // What others are about to change or make.
 bool NoteValue(const wchar_t* key, const wchar_t* name);
+bool NoteSecret(const wchar_t* name);           // of the local security authority; its text is sealed (secrets.h)
 bool NoteFolder(const std::wstring& path);      // is removed, with all that is in it, unless it is there already
 bool NoteService(const wchar_t* name);          // is stopped and deleted
 bool NoteUser(const wchar_t* name);             // is deleted, with the profile
 bool NoteProduct(const std::wstring& program);  // is uninstalled
 bool NoteHive(const wchar_t* name);             // is unloaded from HKEY_USERS
+bool NoteTrust(const wchar_t* thumbprint);      // the certificate is no trusted root any more
 bool NoteContractCases();                       // what a case makes bears a name of its own
 
 // Puts everything back, the last change first, and removes the journal and its folder. Each thing that cannot be put
-// back is a sentence in the result, and the journal stays; so does the agent with `byAgent`, which cannot wait for
-// itself: it is only marked to go. May be repeated.
+// back is a sentence in the result, and the journal stays. With `byAgent` the agent's service, which cannot wait for
+// itself, is only marked to go. May be repeated.
 std::string UndoAll(bool byAgent = false);
 
 }  // namespace proof

@@ -1,5 +1,6 @@
 // The kiosk that a pairing makes of a computer: what docs/operations.md promises of it.
 #include "account/winlogon.h"
+#include "json/parse.h"
 #include "lockdown/policy_tables.h"
 #include "power/active_scheme.h"
 #include "state/folders.h"
@@ -9,6 +10,7 @@
 #include "tools/proof/life.h"
 #include "tools/proof/product.h"
 #include "win32/hash.h"
+#include "win32/owners.h"
 #include "win32/privilege.h"
 #include "win32/wide_text.h"
 
@@ -32,6 +34,12 @@ std::string Photo() { return std::string(200'000, 'p'); }
 void Account(Asked& asked) {
   const std::string sid = kiosk::win32::ToNarrow(NeedAccount());
   asked.Same("users with its SID", Beginning("user NorvaneKiosk " + sid + " ").size(), 1);
+  BYTE* raw = nullptr;
+  Asked::Needs(NetUserGetInfo(nullptr, L"NorvaneKiosk", 23, &raw) == NERR_Success, "its flags");
+  const kiosk::win32::NetBuffer record(raw);
+  constexpr DWORD kLasting = UF_DONT_EXPIRE_PASSWD | UF_PASSWD_CANT_CHANGE;
+  asked.Same("its password stays as it is", reinterpret_cast<const USER_INFO_23*>(raw)->usri23_flags & kLasting,
+             kLasting);
 }
 
 void Groups(Asked& asked) {
@@ -136,7 +144,7 @@ void Updates(Asked& asked) {
 }
 
 constexpr Step kSteps[] = {
-    {{"life/account", "there is one user of that name, with the SID on record", Account}},
+    {{"life/account", "there is one user of that name, with the SID on record and a password that stays", Account}},
     {{"life/groups", "the kiosk is a member of Users alone", Groups}},
     {{"life/secret", "its password is the local security authority's to keep", Secret}},
     {{"life/profile", "it has a profile with a hive", Profile}},
@@ -151,40 +159,26 @@ constexpr Step kSteps[] = {
 }  // namespace
 
 void PreparePortal(Portal& portal) {
-  const auto clock = [](unsigned hours) {
-    SYSTEMTIME now;
-    GetLocalTime(&now);
-    char text[8];
-    static_cast<void>(std::snprintf(text, sizeof(text), "%02u:%02u", (now.wHour + hours) % 24, unsigned{now.wMinute}));
-    return std::string(text);
-  };
-  const Value days = Value::Array({1, 2, 3, 4, 5});
-  Value schedule = Value::Object();
-  schedule.Set("enabled", true);
-  schedule.Set("sleepAt", clock(12));  // far from this run
-  schedule.Set("wakeAt", clock(16));
-  schedule.Set("days", days);
-  Value power = Value::Object();
-  power.Set("screenOffMinutes", kScreenOff / 60);
-  power.Set("sleepMinutes", 0);
-  power.Set("schedule", schedule);
-  Value window = Value::Object();
-  window.Set("start", clock(12));
-  window.Set("end", clock(14));
-  window.Set("days", days);
-  Value updates = Value::Object();
-  updates.Set("automatic", true);
-  updates.Set("window", window);
-  Value photo = Value::Object();
-  photo.Set("sha256", portal.AddPhoto(Photo()));
-  Value branding = Value::Object();
-  branding.Set("displayName", kName);
-  branding.Set("photos", Value::Array({photo}));
-  portal.Set("name", kName);
-  portal.Set("exitPassword", kExitPassword);
-  portal.Set("power", power);
-  portal.Set("updates", updates);
-  portal.Set("branding", branding);
+  SYSTEMTIME now;
+  GetLocalTime(&now);
+  const std::string photo = Photo();
+  const std::string digest = kiosk::win32::Sha256Hex(photo);
+  char text[1024];
+  // Sleep and updates are far from this run.
+  static_cast<void>(std::snprintf(
+      text, sizeof(text),
+      R"({"name":"%s","exitPassword":"%s",)"
+      R"("power":{"screenOffMinutes":%lu,"sleepMinutes":0,)"
+      R"("schedule":{"enabled":true,"sleepAt":"%02d:%02d","wakeAt":"%02d:%02d","days":[1,2,3,4,5]}},)"
+      R"("updates":{"automatic":true,"window":{"start":"%02d:%02d","end":"%02d:%02d","days":[1,2,3,4,5]}},)"
+      R"("branding":{"displayName":"%s","photos":[{"sha256":"%s"}]}})",
+      kName, kExitPassword, kScreenOff / 60, (now.wHour + 12) % 24, now.wMinute, (now.wHour + 16) % 24, now.wMinute,
+      (now.wHour + 12) % 24, now.wMinute, (now.wHour + 14) % 24, now.wMinute, kName, digest.c_str()));
+  portal.Change([&](Portal::State& state) {
+    state.settings = kiosk::json::Parse(text).value_or(Value::Object());
+    state.photo = photo;
+    state.photoDigest = digest;
+  });
 }
 
 // Of what Windows knows; empty when there is no kiosk account, which ends the step.

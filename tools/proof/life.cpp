@@ -11,8 +11,9 @@
 #include "tools/proof/journal.h"
 #include "tools/proof/product.h"
 #include "tools/proof/run.h"
+#include "tools/proof/services.h"
 #include "tools/proof/snapshot.h"
-#include "win32/handle.h"
+#include "win32/security.h"
 #include "win32/wide_text.h"
 
 namespace proof {
@@ -50,16 +51,39 @@ void NeedRestarts() {
   }
 }
 
+// As somebody may have left it, who then reads and writes what the product will keep there.
+void OpenToEverybody(const wchar_t* path) {
+  kiosk::win32::RegistryKey key;
+  const kiosk::win32::SecurityDescriptor everybody(L"D:(A;CI;KA;;;WD)");
+  Asked::Needs(RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, WRITE_DAC, key.Put()) == ERROR_SUCCESS &&
+                   RegSetKeySecurity(key.Get(), DACL_SECURITY_INFORMATION, everybody.Get()) == ERROR_SUCCESS,
+               "a key that everybody may write");
+}
+
+// Kiosk mode takes automatic sign-in over: the owner's is put aside until the end. Before the product is noted, since
+// an uninstall gives back what the product found.
+void PutSignInAside() {
+  Asked::Needs(NoteSecret(L"DefaultPassword"), "the secret of automatic sign-in");
+  const wchar_t* const name = kiosk::account::kAutoAdminLogon;
+  if (kiosk::state::ReadString(kiosk::account::kWinlogonKey, name) == std::optional<std::wstring>(L"1")) {
+    Asked::Needs(TheRun().SetNote("signInAside", true) && SetValue(kiosk::account::kWinlogonKey, name, REG_SZ, L"0"),
+                 "automatic sign-in");
+  }
+}
+
 void Install(Asked& asked) {
   for (const wchar_t* const folder :
        {kiosk::state::kMakerFolder, kiosk::state::kProductFolder, kiosk::state::kLogRoot, kiosk::state::kKioskFolder}) {
     Asked::Needs(NoteFolder(folder), "the journal");
   }
+  PutSignInAside();
   const std::wstring url = L"http://127.0.0.1:" + std::to_wstring(ThePortal().Port());
   Asked::Needs(SetValue(kiosk::state::kStateKey, kiosk::state::kAuthBaseUrl.name, REG_SZ, url) &&
                    SetValue(kiosk::state::kStateKey, kiosk::state::kDevAllowUnsigned.name, 1) &&
                    NoteProduct(ProductProgram()),
                "the address of the portal");
+  OpenToEverybody(kiosk::state::kStateKey);
+  asked.Same("without the service manager it ends with", RunProduct(L"").exitCode, 1);
   const Ran ran = RunProduct(L"--install");
   asked.Same("--install ends with", ran.exitCode, 0);
   asked.True("it says \"NorvaneKiosk installed\"", ran.output.find("NorvaneKiosk installed") != std::string::npos);
@@ -67,8 +91,7 @@ void Install(Asked& asked) {
 }
 
 void Configuration(Asked& asked) {
-  const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  const ServiceHandle service(OpenServiceW(manager.Get(), kiosk::service::kServiceName, SERVICE_QUERY_CONFIG));
+  const ServiceHandle service = OpenExisting(kiosk::service::kServiceName, SERVICE_QUERY_CONFIG);
   alignas(QUERY_SERVICE_CONFIGW) BYTE room[8192]{};
   DWORD needed = 0;
   auto* const config = reinterpret_cast<QUERY_SERVICE_CONFIGW*>(room);
@@ -78,14 +101,20 @@ void Configuration(Asked& asked) {
   const auto text = [](const wchar_t* each) { return std::wstring(each != nullptr ? each : L""); };
   asked.Same("its account", text(config->lpServiceStartName), L"LocalSystem");
   asked.Same("its program", text(config->lpBinaryPathName), L"\"" + ProductProgram() + L"\"");
+  asked.Same("its name", text(config->lpDisplayName), L"Norvane (Tessaly) Kiosk");
+  asked.Same("what becomes of an error", config->dwErrorControl, SERVICE_ERROR_NORMAL);
+  alignas(SERVICE_DESCRIPTIONW) BYTE more[2048]{};
+  asked.True(
+      "it is described",
+      QueryServiceConfig2W(service.Get(), SERVICE_CONFIG_DESCRIPTION, more, sizeof(more), &needed) != 0 &&
+          text(reinterpret_cast<SERVICE_DESCRIPTIONW*>(more)->lpDescription).starts_with(L"Enrols this computer"));
 }
 
 void FailureActions(Asked& asked) {
   if (contract::ThisPlatform() != Platform::kWindows) {
     Asked::CannotRun("Wine's service manager keeps no failure actions");
   }
-  const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  const ServiceHandle service(OpenServiceW(manager.Get(), kiosk::service::kServiceName, SERVICE_QUERY_CONFIG));
+  const ServiceHandle service = OpenExisting(kiosk::service::kServiceName, SERVICE_QUERY_CONFIG);
   alignas(SERVICE_FAILURE_ACTIONSW) BYTE room[1024]{};
   DWORD needed = 0;
   auto* const failure = reinterpret_cast<SERVICE_FAILURE_ACTIONSW*>(room);
@@ -109,21 +138,8 @@ void NotPaired(Asked& asked) {
   asked.Same("its error", Error(status), L"");
 }
 
-// Kiosk mode takes automatic sign-in over. A name that is there alone can be put aside; a password cannot be had back.
-void PutSignInAside() {
-  if (!Beginning("secret DefaultPassword").empty()) {
-    Asked::CannotRun("Windows keeps a password for automatic sign-in, which a pairing would replace for good");
-  }
-  const wchar_t* const name = kiosk::account::kAutoAdminLogon;
-  if (kiosk::state::ReadString(kiosk::account::kWinlogonKey, name) == std::optional<std::wstring>(L"1")) {
-    Asked::Needs(TheRun().SetNote("signInAside", true) && SetValue(kiosk::account::kWinlogonKey, name, REG_SZ, L"0"),
-                 "automatic sign-in");
-  }
-}
-
 // Where Windows may not restart the client is missing at first: only a pairing that sets the kiosk up at once restarts.
 void Pair(Asked& asked) {
-  PutSignInAside();
   const bool restarts = TheRun().Options().restarts;
   Asked::Needs(SetValue(kUpdateKey, L"ClientInstallDir", REG_SZ, restarts ? kClientFolder : L""),
                "the client's folder");
@@ -137,13 +153,13 @@ void Pair(Asked& asked) {
   const Value waiting = AskProduct(check);
   asked.True("before the code is entered it is not paired",
              Member(waiting, "ok").boolean() && !Member(waiting, "paired").boolean());
-  ThePortal().Claim();
+  ThePortal().Change([](Portal::State& state) { state.claimed = true; });
   const Value paired = AskProduct(check);
-  Asked::Needs(TheRun().SetNote("tokenDigest", ThePortal().TokenDigest()), "the notes of the run");
+  Asked::Needs(TheRun().SetNote("tokenDigest", ThePortal().Look().tokenDigest), "the notes of the run");
   asked.Same("pair.check, the code entered", Error(paired),
              restarts ? (contract::ThisPlatform() == Platform::kWine ? Error(paired) : L"") : L"no_client");
   asked.True("it is enrolled", Is("enrolled"));
-  asked.True("the portal sees a check-in", ThePortal().CheckIns() > 0);
+  asked.True("the portal sees a check-in", ThePortal().Look().checkIns > 0);
 }
 
 void RestartIntoKiosk(Asked& asked) {
@@ -180,14 +196,14 @@ void Stop(Asked& asked) {
   const contract::AtEnd answers([] { ThePortal().SetMode(Portal::Mode::kAnswers); });
   for (const Portal::Mode mode : {Portal::Mode::kHangs, Portal::Mode::kDribbles, Portal::Mode::kCuts}) {
     ThePortal().SetMode(mode);
-    const int seen = ThePortal().Requests();
+    const int seen = ThePortal().Look().requests;
     asked.True("the service starts anew", RestartProduct());
-    asked.True("it asks the portal", Within(kOneCheckIn, [&] { return ThePortal().Requests() > seen; }));
+    asked.True("it asks the portal", Within(kOneCheckIn, [&] { return ThePortal().Look().requests > seen; }));
     asked.True("and stops in time", StopProduct() <= most);
     ThePortal().SetMode(Portal::Mode::kAnswers);
-    const int good = ThePortal().CheckIns();
+    const int good = ThePortal().Look().checkIns;
     asked.True("it starts again", StartProduct());
-    asked.True("and checks in", Within(kOneCheckIn, [&] { return ThePortal().CheckIns() > good; }));
+    asked.True("and checks in", Within(kOneCheckIn, [&] { return ThePortal().Look().checkIns > good; }));
   }
 }
 
@@ -223,7 +239,7 @@ void BackFromMaintenance(Asked& asked) {
 
 void Revoked(Asked& asked) {
   NeedPaired();
-  ThePortal().Revoke();
+  ThePortal().Change([](Portal::State& state) { state.revoked = true; });
   // It hears of it at its next check-in, of which one comes with a start.
   if (TheRun().Options().quick) {
     asked.True("the service starts anew", RestartProduct());
@@ -236,30 +252,25 @@ void Revoked(Asked& asked) {
   asked.Same("its session", KioskSession(), 0);
 }
 
-// But for the product's own keys and its service, which stay until it is uninstalled.
+// But for the product's own keys and its service, which stay until it is uninstalled, and the owner's automatic
+// sign-in, which comes back at the end.
 void AsBefore(Asked& asked) {
-  const bool aside = TheRun().Note("signInAside").boolean();
-  const auto comparable = [aside](std::vector<std::string> lines) {
-    std::erase_if(lines, [aside](const std::string& line) {
-      return line.find("SOFTWARE\\Norvane") != std::string::npos || line == "service NorvaneKiosk" ||
-             (aside && line.find("\\AutoAdminLogon = ") != std::string::npos);
-    });
-    return lines;
-  };
-  const std::vector<std::string> before = comparable(TheRun().Before());
+  const std::vector<std::string> before = TheRun().Before();
   Asked::Needs(!before.empty(), "the snapshot from before");
-  asked.Same("what differs", ToWide(Joined(Differences(before, comparable(Snapshot())))), L"");
+  std::vector<std::string> differences = Differences(before, Snapshot());
+  std::erase_if(differences, [aside = TheRun().Note("signInAside").boolean()](const std::string& line) {
+    return line.find("SOFTWARE\\Norvane") != std::string::npos || line == "+ service NorvaneKiosk" ||
+           line == "- secret DefaultPassword" || (aside && line.find("\\AutoAdminLogon = ") != std::string::npos);
+  });
+  asked.Same("what differs", ToWide(Joined(differences)), L"");
 }
 
 void Uninstall(Asked& asked) {
   const Ran ran = RunProduct(L"--uninstall");
   asked.Same("--uninstall ends with", ran.exitCode, 0);
   asked.True("it says \"NorvaneKiosk removed\"", ran.output.find("NorvaneKiosk removed") != std::string::npos);
-  const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  asked.Fails(
-      "its service",
-      static_cast<bool>(ServiceHandle(OpenServiceW(manager.Get(), kiosk::service::kServiceName, SERVICE_QUERY_STATUS))),
-      {ERROR_SERVICE_DOES_NOT_EXIST});
+  asked.Fails("its service", static_cast<bool>(OpenExisting(kiosk::service::kServiceName, SERVICE_QUERY_STATUS)),
+              {ERROR_SERVICE_DOES_NOT_EXIST});
   kiosk::win32::RegistryKey state;
   asked.Same(
       "its state key",
@@ -279,6 +290,7 @@ constexpr Step kFirst[] = {
     {{"life/check-in", "a check-in takes over what the portal says", CheckIn}},
 };
 constexpr Step kLater[] = {
+    {{"life/configured again", "to install it over itself puts the configuration right", Configuration}},
     {{"life/stop", "the service stops in time, whatever the portal does", Stop}},
     {{"life/maintenance", "the exit password makes room for an administrator", Maintenance}},
     {{"life/restart from maintenance", "Windows restarts", RestartFromMaintenance}, Step::kRestarts},

@@ -1,13 +1,26 @@
-// What the files of the life share.
+// The life of a terminal and the rows around it, in their order: tables in which a new promise is one more line. And
+// what the files with its steps share.
 #pragma once
 
+#include "tests/contract/contract.h"
 #include "tools/proof/portal.h"
-#include "tools/proof/steps.h"
 
+#include <span>
 #include <string>
 #include <vector>
 
 namespace proof {
+
+struct Step {
+  contract::Case what;  // its name is the id, "life/pair"
+  enum Kind {
+    kStays,
+    kRestarts,  // Windows restarts in it; with the permission for that alone
+    kMinutes,   // waits for what the product does once a minute; not with --quick
+  } kind = kStays;
+};
+
+std::span<const Step> Steps();
 
 inline constexpr char kName[] = "Hall 3 – Łódź";
 inline constexpr char kExitPassword[] = "Open Sesame";

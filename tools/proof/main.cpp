@@ -1,21 +1,19 @@
 // kiosk_proof: asks the Windows that it runs on what the tests promise of it, and plays a terminal's life on it.
 // Without
 // --run, --contract or --undo it changes nothing and says what it would do.
-#include "tools/kioskctl/pipe_client.h"
 #include "tools/proof/agent.h"
-#include "tools/proof/agent_service.h"
 #include "tools/proof/computer.h"
-#include "tools/proof/files.h"
 #include "tools/proof/groups.h"
 #include "tools/proof/journal.h"
+#include "tools/proof/life.h"
 #include "tools/proof/product.h"
 #include "tools/proof/run.h"
 #include "tools/proof/snapshot.h"
-#include "tools/proof/steps.h"
 #include "win32/computer_name.h"
 #include "win32/console.h"
 #include "win32/wide_text.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <vector>
@@ -32,9 +30,8 @@ enum ExitCode : int { kNothingBroken = 0, kBroken = 1, kRefused = 2 };
 
 struct Options {
   enum class Do { kList, kRun, kContract, kUndo, kGroup, kAgent, kAsk } what = Do::kList;
-  std::string argument;  // a group, a request
-  std::wstring report;
-  std::wstring computer;
+  std::wstring argument;  // a group, a request
+  std::wstring report, computer, only;
   RunOptions run;
 };
 
@@ -45,62 +42,65 @@ int Refuse(const std::string& why) {
 
 // Empty, or what is wrong with the command line.
 std::string Read(const std::vector<std::wstring>& words, Options& options) {
-  struct Word {
+  using Do = Options::Do;
+  constexpr struct {
     const wchar_t* name;
-    bool wantsMore;
-    void (*take)(Options& options, const std::wstring& more);
-  };
-  constexpr Word kWords[] = {
-      {L"--run", false, [](Options& o, const std::wstring&) { o.what = Options::Do::kRun; }},
-      {L"--contract", false, [](Options& o, const std::wstring&) { o.what = Options::Do::kContract; }},
-      {L"--undo", false, [](Options& o, const std::wstring&) { o.what = Options::Do::kUndo; }},
-      {L"--restarts", false, [](Options& o, const std::wstring&) { o.run.restarts = true; }},
-      {L"--quick", false, [](Options& o, const std::wstring&) { o.run.quick = true; }},
-      {L"--only", true, [](Options& o, const std::wstring& more) { o.run.only = ToNarrow(more); }},
-      {L"--report", true, [](Options& o, const std::wstring& more) { o.report = more; }},
-      {L"--computer", true, [](Options& o, const std::wstring& more) { o.computer = more; }},
+    Do what;  // kList: says nothing about that
+    bool RunOptions::*flag;
+    std::wstring Options::*text;
+  } kWords[] = {
+      {L"--run", Do::kRun, nullptr, nullptr},
+      {L"--contract", Do::kContract, nullptr, nullptr},
+      {L"--undo", Do::kUndo, nullptr, nullptr},
+      {L"--restarts", Do::kList, &RunOptions::restarts, nullptr},
+      {L"--quick", Do::kList, &RunOptions::quick, nullptr},
+      {L"--only", Do::kList, nullptr, &Options::only},
+      {L"--report", Do::kList, nullptr, &Options::report},
+      {L"--computer", Do::kList, nullptr, &Options::computer},
       // By itself, of itself.
-      {L"--agent", false, [](Options& o, const std::wstring&) { o.what = Options::Do::kAgent; }},
-      {L"--group", true,
-       [](Options& o, const std::wstring& more) {
-         o.what = Options::Do::kGroup;
-         o.argument = ToNarrow(more);
-       }},
-      {L"--ask", true,
-       [](Options& o, const std::wstring& more) {
-         o.what = Options::Do::kAsk;
-         o.argument = ToNarrow(more);
-       }},
+      {L"--agent", Do::kAgent, nullptr, nullptr},
+      {L"--group", Do::kGroup, nullptr, &Options::argument},
+      {L"--ask", Do::kAsk, nullptr, &Options::argument},
   };
-  for (std::size_t i = 0; i < words.size(); ++i) {
-    const Word* found = nullptr;
-    for (const Word& each : kWords) {
-      found = words[i] == each.name ? &each : found;
-    }
-    if (found == nullptr && options.what == Options::Do::kContract && !words[i].starts_with(L"--")) {
-      options.run.only = ToNarrow(words[i]);  // a group
+  for (auto word = words.begin(); word != words.end(); ++word) {
+    const auto* const found =
+        std::find_if(std::begin(kWords), std::end(kWords), [&](const auto& each) { return *word == each.name; });
+    if (found == std::end(kWords)) {
+      if (options.what != Do::kContract || word->starts_with(L"--")) {
+        return "unknown option " + ToNarrow(*word);
+      }
+      options.only = L"contract/" + *word;  // a group
       continue;
     }
-    if (found == nullptr || (found->wantsMore && i + 1 == words.size())) {
-      return (found == nullptr ? "unknown option " : "something is missing after ") + ToNarrow(words[i]);
+    options.what = found->what != Do::kList ? found->what : options.what;
+    if (found->flag != nullptr) {
+      options.run.*found->flag = true;
     }
-    found->take(options, found->wantsMore ? words[++i] : std::wstring());
+    if (found->text != nullptr) {
+      if (std::next(word) == words.end()) {
+        return "something is missing after " + ToNarrow(*word);
+      }
+      options.*found->text = *++word;
+    }
   }
+  options.run.only = ToNarrow(options.only);
   return {};
 }
 
+constexpr char kWhatItDoes[] =
+    R"(Nothing was changed. With --run this computer is asked for what follows, as an administrator and as LocalSystem;
+--only BEGINNING for a part, --restarts lets Windows restart, --quick leaves out what takes a minute, --report
+FOLDER says where the report goes. --undo puts everything back after a run that was cut short.
+
+What a contract case makes (users, services, files, keys, a proxy) bears the name NorvaneProof or is put back at
+its end. The life installs the NorvaneKiosk.exe beside the kit, pairs it with a portal inside the kit, which makes
+a local user NorvaneKiosk and sets automatic sign-in, power, updates and two tasks, trusts the authority that signed
+the copies beside the kit, and takes all of it away again.
+
+)";
+
 int List() {
-  Print(
-      "Nothing was changed. With --run this computer is asked for what follows, as an administrator and as "
-      "LocalSystem;\n"
-      "--only BEGINNING for a part, --restarts lets Windows restart, --quick leaves out what takes a minute, --report\n"
-      "FOLDER says where the report goes. --undo puts everything back after a run that was cut short.\n\n"
-      "What a contract case makes (users, services, files, keys, a proxy) bears the name NorvaneProof or is put back "
-      "at\n"
-      "its end. The life installs the NorvaneKiosk.exe beside the kit, pairs it with a portal inside the kit, which "
-      "makes\n"
-      "a local user NorvaneKiosk and sets automatic sign-in, power, updates and two tasks, and takes all of it away "
-      "again.\n\n");
+  Print(kWhatItDoes);
   for (const contract::Group* group : contract::Groups()) {
     for (const contract::Case& each : group->cases) {
       Print("contract/" + std::string(group->name) + "/" + each.name + ": " + each.promise + "\n");
@@ -125,37 +125,23 @@ std::wstring ReportFolder(const Options& options) {
   return {full, length < MAX_PATH * 4 ? length : 0};
 }
 
+int ExitCodeOf(const Report& report) { return report.Count(Verdict::kBroken) == 0 ? kNothingBroken : kBroken; }
+
 // Here and now, as whoever runs this: for the developer of a case.
 int AskContract(const Options& options) {
   Print(std::string("asked of: ") + contract::Name(contract::ThisPlatform()) + "\n");
-  Report report(ReportFolder(options));
-  if (const std::string why = options.report.empty() ? "" : report.Begin(Head(ProductProgram())); !why.empty()) {
+  if (const std::string why = TheRun().Begin(options.report.empty() ? L"" : ReportFolder(options), options.run);
+      !why.empty()) {
     return Refuse(why);
   }
-  int result = kNothingBroken;
-  for (const contract::Group* group : contract::Groups()) {
-    if (!std::string(group->name).starts_with(options.run.only)) {
-      continue;
-    }
-    RunGroup(*group, [&](const contract::Case& each, const contract::Result& answer) {
-      const std::string id = std::string(group->name) + "/" + each.name;
-      result = answer.verdict == Verdict::kBroken ? kBroken : result;
-      if (!options.report.empty()) {
-        report.Add({"contract/" + id, "administrator", each.promise, answer});
-        return;
-      }
-      std::string verdict = Name(answer.verdict);
-      verdict.resize(13, ' ');
-      Print(verdict + " " + id + (answer.why.empty() ? "" : ": " + answer.why) + "\n");
-    });
-  }
-  return result;
+  TheRun().AskCases("administrator");
+  return ExitCodeOf(TheRun().TheReport());
 }
 
 std::string WhyNotNow(const Options& options) {
   switch (LookAtJournal()) {
     case JournalState::kThere:
-      return "a run was cut short here; kiosk_proof --undo puts everything back";
+      return WhyCutShort();
     case JournalState::kDamaged:
       return "the journal of a run that was cut short here is damaged: " + ToNarrow(kWorkFolder);
     case JournalState::kNone:
@@ -177,13 +163,13 @@ int Follow(HANDLE agent, const std::wstring& folder) {
     }
   }
   Report report(folder);
-  if (!report.GoOn() || LookAtJournal() != JournalState::kNone) {
-    PrintError("kiosk_proof: the agent ended too early; kiosk_proof --undo puts everything back\n");
-    return kBroken;
+  if (!report.GoOn() || !report.IsDone()) {
+    return Refuse(LookAtJournal() != JournalState::kNone ? WhyCutShort()
+                                                         : "the report is damaged: " + ToNarrow(folder));
   }
   report.PrintFrom(printed);
   Print(report.Summary() + "; the report is in " + ToNarrow(folder) + "\n");
-  return report.Count(Verdict::kBroken) == 0 ? kNothingBroken : kBroken;
+  return ExitCodeOf(report);
 }
 
 int RunAll(const Options& options) {
@@ -191,26 +177,27 @@ int RunAll(const Options& options) {
     return Refuse(why);
   }
   const std::wstring folder = ReportFolder(options);
-  if (const std::string why = TheRun().Begin(folder, options.run); !why.empty()) {
-    return Refuse(why);
-  }
   if (const std::string why = BeginJournal(); !why.empty()) {
     return Refuse(why);
+  }
+  // Nothing but the journal and the report was made so far.
+  const auto refuse = [](const std::string& why) {
+    static_cast<void>(UndoAll());
+    return Refuse(why);
+  };
+  if (const std::string why = TheRun().Begin(folder, options.run); !why.empty()) {
+    return refuse(why);
   }
   constexpr wchar_t kConnections[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Internet Settings\\Connections";
   if (!NoteContractCases() || !NoteValue(kConnections, L"WinHttpSettings") || !TheRun().SetNote("step", 0) ||
       !TheRun().SetBefore(Snapshot())) {
-    static_cast<void>(UndoAll());
-    return Refuse("the journal cannot be written");
+    return refuse("the journal cannot be written (" + std::to_string(GetLastError()) + ")");
   }
   TheRun().AskCases("administrator");
-  const kiosk::win32::KernelHandle agent = StartAgent();
-  if (!agent) {
-    const std::string error = std::to_string(GetLastError());
-    static_cast<void>(UndoAll());
-    return Refuse("the agent cannot be started (" + error + ")");
-  }
-  return Follow(agent.Get(), folder);
+  const DWORD agent = StartAgent();
+  const kiosk::win32::KernelHandle process(agent != 0 ? OpenProcess(SYNCHRONIZE, FALSE, agent) : nullptr);
+  return process ? Follow(process.Get(), folder)
+                 : refuse("the agent cannot be started (" + std::to_string(GetLastError()) + ")");
 }
 
 int Undo() {
@@ -249,7 +236,7 @@ int Main(const std::vector<std::wstring>& words) {
     case Options::Do::kUndo:
       return Undo();
     case Options::Do::kGroup: {
-      const contract::Group* const group = FindGroup(options.argument);
+      const contract::Group* const group = FindGroup(ToNarrow(options.argument));
       if (group == nullptr) {
         return Refuse("there is no such group");
       }
@@ -259,7 +246,7 @@ int Main(const std::vector<std::wstring>& words) {
     case Options::Do::kAgent:
       return ServeAsAgent() ? kNothingBroken : Refuse("only the service manager starts the agent");
     case Options::Do::kAsk:
-      return Ask(options.argument);
+      return Ask(ToNarrow(options.argument));
   }
   return kRefused;
 }

@@ -1,5 +1,3 @@
-#include <winsock2.h>
-
 #include "tools/proof/portal.h"
 
 #include "json/serialise.h"
@@ -17,29 +15,21 @@ namespace {
 
 using kiosk::json::Value;
 using kiosk::win32::LockGuard;
+using kiosk::win32::Socket;
 
 constexpr DWORD kPatience = 20'000;  // ms for a request to arrive
 constexpr DWORD kDribble = 100;      // ms between two bytes
 
-struct Socket {
-  explicit Socket(SOCKET socket) noexcept : socket_(socket) {}
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
-  ~Socket() { closesocket(socket_); }
-
-  [[nodiscard]] bool Send(std::string_view text) const noexcept {
-    while (!text.empty()) {
-      const int sent = send(socket_, text.data(), static_cast<int>(text.size()), 0);
-      if (sent <= 0) {
-        return false;
-      }
-      text.remove_prefix(static_cast<std::size_t>(sent));
+bool Send(SOCKET socket, std::string_view text) noexcept {
+  while (!text.empty()) {
+    const int sent = send(socket, text.data(), static_cast<int>(text.size()), 0);
+    if (sent <= 0) {
+      return false;
     }
-    return true;
+    text.remove_prefix(static_cast<std::size_t>(sent));
   }
-
-  SOCKET socket_;
-};
+  return true;
+}
 
 // Head and body; empty when they do not come whole.
 std::string ReadRequest(SOCKET client, std::size_t& bodyAt) {
@@ -88,19 +78,16 @@ std::string Body(const char* name, const std::string& text) {
 }  // namespace
 
 bool Portal::Start(std::uint16_t port) {
-  WSADATA data;
   sockaddr_in address{};
   int size = sizeof(address);
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   address.sin_port = htons(port);
   changed_.Reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-  if (!changed_ || WSAStartup(MAKEWORD(2, 2), &data) != 0) {
-    return false;
-  }
-  listener_ = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-  if (bind(listener_, reinterpret_cast<sockaddr*>(&address), size) != 0 || listen(listener_, SOMAXCONN) != 0 ||
-      getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
+  listener_.Reset(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP));
+  if (!changed_ || bind(listener_.Get(), reinterpret_cast<sockaddr*>(&address), size) != 0 ||
+      listen(listener_.Get(), SOMAXCONN) != 0 ||
+      getsockname(listener_.Get(), reinterpret_cast<sockaddr*>(&address), &size) != 0) {
     return false;
   }
   port_ = ntohs(address.sin_port);
@@ -110,19 +97,15 @@ bool Portal::Start(std::uint16_t port) {
 
 Portal::~Portal() {
   if (thread_) {
-    {
-      const LockGuard guard(lock_);
-      ending_ = true;
-    }
     SetEvent(changed_.Get());
-    closesocket(listener_);
+    listener_.Reset();
     WaitForSingleObject(thread_.Get(), INFINITE);
   }
 }
 
 void Portal::SetMode(Mode mode) {
   const LockGuard guard(lock_);
-  mode_ = mode;
+  state_.mode = mode;
   if (mode == Mode::kAnswers) {
     SetEvent(changed_.Get());
   } else {
@@ -130,60 +113,18 @@ void Portal::SetMode(Mode mode) {
   }
 }
 
-void Portal::Set(const char* member, Value value) {
-  const LockGuard guard(lock_);
-  settings_.Set(member, std::move(value));
-}
-
-std::string Portal::AddPhoto(std::string bytes) {
-  const LockGuard guard(lock_);
-  photo_ = std::move(bytes);
-  photoDigest_ = kiosk::win32::Sha256Hex(photo_);
-  return photoDigest_;
-}
-
-void Portal::Claim() {
-  const LockGuard guard(lock_);
-  claimed_ = true;
-}
-
-void Portal::Revoke() {
-  const LockGuard guard(lock_);
-  revoked_ = true;
-}
-
-int Portal::CheckIns() const {
-  const LockGuard guard(lock_);
-  return checkIns_;
-}
-
-int Portal::Requests() const {
-  const LockGuard guard(lock_);
-  return requests_;
-}
-
-std::string Portal::TokenDigest() const {
-  const LockGuard guard(lock_);
-  return tokenDigest_;
-}
-
-void Portal::KnowToken(const std::string& digest) {
-  const LockGuard guard(lock_);
-  tokenDigest_ = digest;
-}
-
 void Portal::Serve() noexcept {
+  const SOCKET listener = listener_.Get();
   while (true) {
-    const SOCKET client = accept(listener_, nullptr, nullptr);
-    if (client == INVALID_SOCKET) {
+    const Socket client(accept(listener, nullptr, nullptr));
+    if (!client) {
       return;
     }
-    ServeOne(client);
+    ServeOne(client.Get());
   }
 }
 
-void Portal::ServeOne(std::uintptr_t client) {
-  const Socket socket(client);
+void Portal::ServeOne(SOCKET client) {
   setsockopt(client, SOL_SOCKET, SO_RCVTIMEO, reinterpret_cast<const char*>(&kPatience), sizeof(kPatience));
   setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, reinterpret_cast<const char*>(&kPatience), sizeof(kPatience));
   std::size_t bodyAt = 0;
@@ -200,11 +141,10 @@ void Portal::ServeOne(std::uintptr_t client) {
     request.bearer = text.substr(at + kBearer.size(), text.find('\r', at + 2) - at - kBearer.size());
   }
   Mode mode{};
-  {
-    const LockGuard guard(lock_);
-    ++requests_;
-    mode = mode_;
-  }
+  Change([&mode](State& state) {
+    ++state.requests;
+    mode = state.mode;
+  });
   if (mode == Mode::kHangs) {
     WaitForSingleObject(changed_.Get(), INFINITE);
     return;
@@ -214,15 +154,15 @@ void Portal::ServeOne(std::uintptr_t client) {
                            " Proof\r\nContent-Type: application/json\r\nConnection: close\r\nContent-Length: " +
                            std::to_string(reply.body.size()) + "\r\n\r\n";
   if (mode == Mode::kCuts) {
-    static_cast<void>(socket.Send(head + reply.body.substr(0, reply.body.size() / 2)));
+    static_cast<void>(Send(client, head + reply.body.substr(0, reply.body.size() / 2)));
     return;
   }
-  bool sent = socket.Send(head);
+  bool sent = Send(client, head);
   for (std::size_t at = 0; mode == Mode::kDribbles && sent && at < reply.body.size(); ++at) {
-    sent = socket.Send(std::string_view(reply.body).substr(at, 1)) &&
+    sent = Send(client, std::string_view(reply.body).substr(at, 1)) &&
            WaitForSingleObject(changed_.Get(), kDribble) == WAIT_TIMEOUT;
   }
-  if (sent && mode == Mode::kAnswers && socket.Send(reply.body)) {
+  if (sent && mode == Mode::kAnswers && Send(client, reply.body)) {
     shutdown(client, SD_SEND);
   }
 }
@@ -235,43 +175,43 @@ Portal::Reply Portal::Answer(const Request& request) {
   if (request.path == "/api/kiosk/check-in") {
     return CheckIn(request);
   }
-  if (!photoDigest_.empty() && request.path == "/api/kiosk/branding/photos/" + photoDigest_ &&
-      kiosk::win32::Sha256Hex(request.bearer) == tokenDigest_) {
-    return {200, photo_};
+  if (!state_.photoDigest.empty() && request.path == "/api/kiosk/branding/photos/" + state_.photoDigest &&
+      kiosk::win32::Sha256Hex(request.bearer) == state_.tokenDigest) {
+    return {200, state_.photo};
   }
   return {404, "{}"};
 }
 
 Portal::Reply Portal::AnswerPairing(const Request& request) {
   if (request.method == "POST") {
-    code_ = RandomCode();
-    claimed_ = false;
-    return {201, Body("pairingCode", code_)};
+    state_.code = RandomCode();
+    state_.claimed = false;
+    return {201, Body("pairingCode", state_.code)};
   }
-  if (code_.empty() || request.path != "/api/kiosk/pair/" + code_) {
+  if (state_.code.empty() || request.path != "/api/kiosk/pair/" + state_.code) {
     return {404, "{}"};
   }
-  if (!claimed_) {
+  if (!state_.claimed) {
     return {202, "{}"};
   }
   std::string token = RandomHex();
-  tokenDigest_ = kiosk::win32::Sha256Hex(token);
-  revoked_ = false;
-  code_.clear();
+  state_.tokenDigest = kiosk::win32::Sha256Hex(token);
+  state_.revoked = false;
+  state_.code.clear();
   Reply reply{200, Body("deviceToken", token)};
   kiosk::text::Wipe(token);
   return reply;
 }
 
 Portal::Reply Portal::CheckIn(const Request& request) {
-  if (request.bearer.empty() || kiosk::win32::Sha256Hex(request.bearer) != tokenDigest_) {
+  if (request.bearer.empty() || kiosk::win32::Sha256Hex(request.bearer) != state_.tokenDigest) {
     return {401, Body("status", "unknown")};
   }
-  if (revoked_) {
+  if (state_.revoked) {
     return {401, Body("status", "revoked")};
   }
-  ++checkIns_;
-  Value body = settings_;
+  ++state_.checkIns;
+  Value body = state_.settings;
   body.Set("status", "enrolled");
   return {200, kiosk::json::Serialise(body)};
 }

@@ -5,8 +5,8 @@
 #include "json/value.h"
 #include "win32/handle.h"
 #include "win32/lock.h"
+#include "win32/socket.h"
 
-#include <cstdint>
 #include <string>
 
 namespace proof {
@@ -19,6 +19,18 @@ class Portal {
     kDribbles,  // a byte every 100 ms
     kCuts,      // closes in the middle of the answer
   };
+  // What it knows and does.
+  struct State {
+    Mode mode = Mode::kAnswers;
+    kiosk::json::Value settings = kiosk::json::Value::Object();  // members of the check-in's reply
+    std::string photo, photoDigest;
+    std::string code;         // that was handed out last
+    bool claimed = false;     // a person has entered it
+    std::string tokenDigest;  // of the token, which the terminal alone has
+    bool revoked = false;
+    int checkIns = 0;  // good ones
+    int requests = 0;  // all
+  };
 
   Portal() = default;
   Portal(const Portal&) = delete;
@@ -29,21 +41,16 @@ class Portal {
   bool Start(std::uint16_t port);
   [[nodiscard]] std::uint16_t Port() const noexcept { return port_; }
 
+  [[nodiscard]] State Look() const {
+    const kiosk::win32::LockGuard guard(lock_);
+    return state_;
+  }
+  template <typename Action>
+  void Change(Action action) {
+    const kiosk::win32::LockGuard guard(lock_);
+    action(state_);
+  }
   void SetMode(Mode mode);
-  // Members of the check-in's reply.
-  void Set(const char* member, kiosk::json::Value value);
-  // A photo to be fetched; its digest.
-  std::string AddPhoto(std::string bytes);
-  // A person enters the code that was handed out last.
-  void Claim();
-  void Revoke();
-
-  // Good check-ins so far, and all requests.
-  [[nodiscard]] int CheckIns() const;
-  [[nodiscard]] int Requests() const;
-  // What is to be known after a restart: of the token, which the terminal has, its digest alone.
-  [[nodiscard]] std::string TokenDigest() const;
-  void KnowToken(const std::string& digest);
 
  private:
   struct Request {
@@ -55,26 +62,18 @@ class Portal {
   };
 
   void Serve() noexcept;
-  void ServeOne(std::uintptr_t client);
+  void ServeOne(SOCKET client);
   Reply Answer(const Request& request);
   Reply AnswerPairing(const Request& request) REQUIRES(lock_);
   Reply CheckIn(const Request& request) REQUIRES(lock_);
 
-  std::uintptr_t listener_ = 0;
+  kiosk::win32::Winsock winsock_;
+  kiosk::win32::Socket listener_;
   std::uint16_t port_ = 0;
   kiosk::win32::KernelHandle thread_;
   kiosk::win32::KernelHandle changed_;  // the mode did, or it is the end: whoever hangs goes on
-  bool ending_ GUARDED_BY(lock_) = false;
-
   mutable kiosk::win32::Lock lock_{kiosk::win32::LockRank::kLeaf};
-  Mode mode_ GUARDED_BY(lock_) = Mode::kAnswers;
-  kiosk::json::Value settings_ GUARDED_BY(lock_) = kiosk::json::Value::Object();
-  std::string photo_ GUARDED_BY(lock_), photoDigest_ GUARDED_BY(lock_);
-  std::string code_ GUARDED_BY(lock_), tokenDigest_ GUARDED_BY(lock_);
-  bool claimed_ GUARDED_BY(lock_) = false;
-  bool revoked_ GUARDED_BY(lock_) = false;
-  int checkIns_ GUARDED_BY(lock_) = 0;
-  int requests_ GUARDED_BY(lock_) = 0;
+  State state_ GUARDED_BY(lock_);
 };
 
 }  // namespace proof

@@ -1,8 +1,11 @@
 #include "tools/proof/product.h"
 
+#include "json/serialise.h"
 #include "service/install.h"
+#include "state/folders.h"
 #include "tools/proof/hand.h"
-#include "win32/handle.h"
+#include "tools/proof/services.h"
+#include "win32/folder_entries.h"
 
 #include <utility>
 
@@ -16,23 +19,13 @@ using kiosk::win32::ServiceHandle;
 constexpr DWORD kProgramLimit = 180'000;  // ms
 constexpr DWORD kStopLimit = 60'000;
 
-ServiceHandle OpenProduct(DWORD access) {
-  const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  return ServiceHandle(manager ? OpenServiceW(manager.Get(), kiosk::service::kServiceName, access) : nullptr);
-}
-
-DWORD ProcessOf(SC_HANDLE service) {
-  SERVICE_STATUS_PROCESS status{};
-  DWORD needed = 0;
-  return QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status),
-                              &needed) != 0
-             ? status.dwProcessId
-             : 0;
-}
-
 }  // namespace
 
 Ran RunProduct(const wchar_t* option) { return RunProgram(L"\"" + ProductProgram() + L"\" " + option, kProgramLimit); }
+
+kioskctl::Answer AskService(const Value& request) {
+  return kioskctl::Ask(kiosk::text::Secret(kiosk::json::Serialise(request)), kioskctl::kPairWait);
+}
 
 Value AskProduct(Value request) {
   kioskctl::Answer answer = hand::AskAsPerson(request);
@@ -47,12 +40,12 @@ Value AskProduct(const char* command) {
 }
 
 DWORD ProductProcess() {
-  const ServiceHandle service = OpenProduct(SERVICE_QUERY_STATUS);
+  const ServiceHandle service = OpenExisting(kiosk::service::kServiceName, SERVICE_QUERY_STATUS);
   return service ? ProcessOf(service.Get()) : 0;
 }
 
 DWORD StopProduct() {
-  const ServiceHandle service = OpenProduct(SERVICE_STOP | SERVICE_QUERY_STATUS);
+  const ServiceHandle service = OpenExisting(kiosk::service::kServiceName, SERVICE_STOP | SERVICE_QUERY_STATUS);
   const KernelHandle process(service ? OpenProcess(SYNCHRONIZE, FALSE, ProcessOf(service.Get())) : nullptr);
   const ULONGLONG begun = GetTickCount64();
   SERVICE_STATUS status{};
@@ -64,7 +57,7 @@ DWORD StopProduct() {
 }
 
 bool StartProduct() {
-  const ServiceHandle service = OpenProduct(SERVICE_START);
+  const ServiceHandle service = OpenExisting(kiosk::service::kServiceName, SERVICE_START);
   // The service manager may take a moment to see that the process has ended.
   return service &&
          Within(kSoon,
@@ -73,6 +66,16 @@ bool StartProduct() {
                          GetLastError() == ERROR_SERVICE_ALREADY_RUNNING;
                 }) &&
          Within(kSoon, [] { return AskProduct("status").IsObject(); });
+}
+
+std::string ProductLog() {
+  std::string text;
+  for (const kiosk::win32::FolderEntry& day : kiosk::win32::EntriesOf(kiosk::state::kLogRoot, L"*-*-*")) {
+    for (const kiosk::win32::FolderEntry& log : kiosk::win32::EntriesOf(day.path, L"Kiosk_*.log")) {
+      text += ReadFileText(log.path).value_or("");
+    }
+  }
+  return text;
 }
 
 bool RestartProduct() { return StopProduct() != INFINITE && StartProduct(); }

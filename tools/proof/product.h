@@ -1,7 +1,7 @@
 // The product under proof: its programs beside the kit, its service, its answers.
 #pragma once
 
-#include "json/value.h"
+#include "tools/kioskctl/pipe_client.h"
 #include "tools/proof/files.h"
 #include "win32/winapi.h"
 
@@ -16,6 +16,8 @@ inline std::wstring ProductProgram() { return BesideKit(L"NorvaneKiosk.exe"); }
 // "--install", "--uninstall".
 Ran RunProduct(const wchar_t* option);
 
+// Asks the service in this process's name.
+kioskctl::Answer AskService(const kiosk::json::Value& request);
 // The service's reply to a person at the computer; null when there is none.
 kiosk::json::Value AskProduct(kiosk::json::Value request);
 kiosk::json::Value AskProduct(const char* command);
@@ -28,18 +30,7 @@ bool RestartProduct();
 // The process of the running service; 0: it does not run.
 DWORD ProductProcess();
 
-// Polls, for what another process does and nobody announces.
-template <typename Condition>
-bool Within(DWORD milliseconds, Condition condition) {
-  constexpr DWORD kPoll = 100;
-  const ULONGLONG end = GetTickCount64() + milliseconds;
-  while (!condition()) {
-    if (GetTickCount64() > end) {
-      return false;
-    }
-    Sleep(kPoll);
-  }
-  return true;
-}
+// All that it has logged.
+std::string ProductLog();
 
 }  // namespace proof

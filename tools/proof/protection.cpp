@@ -136,16 +136,6 @@ void SecondUser(Asked& asked) {
   asked.Same("writing it", answers.write, ERROR_ACCESS_DENIED);
 }
 
-std::string AllLogs() {
-  std::string text;
-  for (const kiosk::win32::FolderEntry& day : kiosk::win32::EntriesOf(kiosk::state::kLogRoot, L"*-*-*")) {
-    for (const kiosk::win32::FolderEntry& log : kiosk::win32::EntriesOf(day.path, L"*.log")) {
-      text += ReadFileText(log.path).value_or("");
-    }
-  }
-  return text;
-}
-
 // A thread at address 0 in the service: a fault that nobody handles.
 void Crash(Asked& asked) {
   if (contract::ThisPlatform() != Platform::kWindows) {
@@ -160,7 +150,7 @@ void Crash(Asked& asked) {
                const DWORD now = ProductProcess();
                return now != 0 && now != before && AskProduct("status").IsObject();
              }));
-  asked.True("its log says so", AllLogs().find("fault 0xc0000005") != std::string::npos);
+  asked.True("its log says so", ProductLog().find("fault 0xc0000005") != std::string::npos);
   bool dumped = false;
   for (const kiosk::win32::FolderEntry& day : kiosk::win32::EntriesOf(kiosk::state::kLogRoot)) {
     dumped = dumped || !kiosk::win32::EntriesOf(day.path, L"NorvaneKiosk-*.dmp").empty();

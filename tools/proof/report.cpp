@@ -2,6 +2,7 @@
 
 #include "json/parse.h"
 #include "json/serialise.h"
+#include "text/text.h"
 #include "tools/proof/files.h"
 #include "win32/console.h"
 
@@ -16,13 +17,6 @@ using kiosk::json::Value;
 
 constexpr Verdict kVerdicts[] = {Verdict::kHeld, Verdict::kBroken, Verdict::kKnown, Verdict::kCouldNotRun};
 
-// Lines of the product's log and reasons hold text from outside.
-std::string OneLine(std::string text) {
-  std::replace_if(
-      text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < ' '; }, ' ');
-  return text;
-}
-
 std::string TextOf(const Value& line) {
   std::string verdict = Member(line, "verdict").text();
   verdict.resize(std::max<std::size_t>(verdict.size(), 13), ' ');
@@ -34,14 +28,17 @@ std::string TextOf(const Value& line) {
 }  // namespace
 
 std::string Report::Begin(Value head) {
+  content_.Set("head", std::move(head));
+  content_.Set("lines", Value::Array());
+  if (folder_.empty()) {
+    return {};
+  }
   if (IsThere(folder_ + L"\\report.json")) {
     return "there is a report in that folder already; name another one with --report";
   }
   if (CreateDirectoryW(folder_.c_str(), nullptr) == 0 && GetLastError() != ERROR_ALREADY_EXISTS) {
     return "the folder of the report cannot be made (" + std::to_string(GetLastError()) + ")";
   }
-  content_.Set("head", std::move(head));
-  content_.Set("lines", Value::Array());
   return Save() ? std::string() : "the report cannot be written (" + std::to_string(GetLastError()) + ")";
 }
 
@@ -61,13 +58,7 @@ void Report::Add(const Line& line) {
   added.Set("caller", line.caller);
   added.Set("verdict", Name(line.answer.verdict));
   added.Set("asked", line.asked);
-  std::string answered = OneLine(line.answer.why);
-  for (const std::string& secret : secrets_) {
-    for (std::size_t at = 0; (at = answered.find(secret, at)) != std::string::npos;) {
-      answered.replace(at, secret.size(), "(withheld)");
-    }
-  }
-  added.Set("answered", answered);
+  added.Set("answered", Told(line.answer.why));
   kiosk::win32::Print(TextOf(added));
   Value lines = Member(content_, "lines");
   lines.Append(std::move(added));
@@ -79,10 +70,29 @@ void Report::Set(const char* member, Value value) {
   static_cast<void>(Save());
 }
 
+void Report::SetList(const char* member, const std::vector<std::string>& lines) {
+  Value list = Value::Array();
+  for (const std::string& line : lines) {
+    list.Append(Told(line));
+  }
+  Set(member, std::move(list));
+}
+
 void Report::Conceal(const std::string& secret) {
   if (!secret.empty()) {
     secrets_.push_back(secret);
   }
+}
+
+// Lines of the product's log and reasons hold text from outside.
+std::string Report::Told(std::string text) const {
+  kiosk::text::MakeSingleLine(text.data(), text.size());
+  for (const std::string& secret : secrets_) {
+    for (std::size_t at = 0; (at = text.find(secret, at)) != std::string::npos;) {
+      text.replace(at, secret.size(), "(withheld)");
+    }
+  }
+  return text;
 }
 
 std::size_t Report::Lines() const { return Member(content_, "lines").items().size(); }
@@ -129,8 +139,8 @@ std::string Report::Text() const {
 }
 
 bool Report::Save() const {
-  return ReplaceFileText(folder_ + L"\\report.json", kiosk::json::Serialise(content_) + "\n") &&
-         ReplaceFileText(folder_ + L"\\report.txt", Text());
+  return folder_.empty() || (ReplaceFileText(folder_ + L"\\report.json", kiosk::json::Serialise(content_) + "\n") &&
+                             ReplaceFileText(folder_ + L"\\report.txt", Text()));
 }
 
 }  // namespace proof

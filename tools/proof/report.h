@@ -18,7 +18,7 @@ struct Line {
 
 class Report {
  public:
-  // In this folder. What a report there says already is kept when the run goes on.
+  // In this folder; empty: the lines are only printed. What a report there says already is kept when the run goes on.
   explicit Report(std::wstring folder) : folder_(std::move(folder)), content_(kiosk::json::Value::Object()) {}
 
   // Empty, or a sentence: why there can be no report in the folder.
@@ -29,9 +29,12 @@ class Report {
   // These print the line as well. The run goes on when one cannot be saved: the next one saves both.
   void Add(const Line& line);
   void Set(const char* member, kiosk::json::Value value);
+  void SetList(const char* member, const std::vector<std::string>& lines);
   // No such text comes into the report from now on.
   void Conceal(const std::string& secret);
 
+  // The run came to its end.
+  [[nodiscard]] bool IsDone() const { return Member(content_, "done").boolean(); }
   [[nodiscard]] std::size_t Lines() const;
   [[nodiscard]] int Count(contract::Verdict verdict) const;
   // "N held, M broken, K known, L could not run".
@@ -40,6 +43,7 @@ class Report {
   void PrintFrom(std::size_t& printed) const;
 
  private:
+  [[nodiscard]] std::string Told(std::string text) const;
   [[nodiscard]] std::string Text() const;
   [[nodiscard]] bool Save() const;
 

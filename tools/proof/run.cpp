@@ -6,7 +6,6 @@
 #include "tools/proof/files.h"
 #include "tools/proof/groups.h"
 #include "tools/proof/journal.h"
-#include "tools/proof/snapshot.h"
 #include "win32/wide_text.h"
 
 #include <utility>
@@ -18,6 +17,7 @@ using kiosk::json::Value;
 
 const std::wstring kNotes = std::wstring(kWorkFolder) + L"\\run.json";
 const std::wstring kBefore = std::wstring(kWorkFolder) + L"\\before.txt";
+const std::wstring kProblem = std::wstring(kWorkFolder) + L"\\problem.txt";
 
 }  // namespace
 
@@ -37,18 +37,27 @@ std::string Run::Begin(const std::wstring& reportFolder, const RunOptions& optio
   return problem;
 }
 
-bool Run::GoOn() {
+std::string Run::GoOn() {
   const std::optional<std::string> text = ReadFileText(kNotes);
   std::optional<Value> notes = text ? kiosk::json::Parse(*text) : std::nullopt;
-  if (!notes || !Member(*notes, "report").IsString()) {
-    return false;
+  std::string problem;
+  if (!notes || !Member(*notes, "report").IsString() || !Member(*notes, "step").IsNumber()) {
+    problem = "the notes of the run are damaged: " + kiosk::win32::ToNarrow(kNotes);
+  } else {
+    notes_ = std::move(*notes);
+    options_ = {Note("restarts").boolean(), Note("quick").boolean(), Note("only").text()};
+    report_ = std::make_unique<Report>(kiosk::win32::ToWide(Note("report").text()));
+    portal_.Change([this](Portal::State& state) { state.tokenDigest = Note("tokenDigest").text(); });
+    if (!report_->GoOn()) {
+      problem = "the report of the run is damaged: " + Note("report").text();
+    } else if (!portal_.Start(static_cast<std::uint16_t>(Note("port").number())) || !SetNote("port", portal_.Port())) {
+      problem = "the portal of the run cannot be started (" + std::to_string(GetLastError()) + ")";
+    }
   }
-  notes_ = std::move(*notes);
-  options_ = {Note("restarts").boolean(), Note("quick").boolean(), Note("only").text()};
-  report_ = std::make_unique<Report>(kiosk::win32::ToWide(Note("report").text()));
-  portal_.KnowToken(Note("tokenDigest").text());
-  return report_->GoOn() && portal_.Start(static_cast<std::uint16_t>(Note("port").number())) &&
-         SetNote("port", portal_.Port());
+  if (!problem.empty()) {
+    static_cast<void>(ReplaceFileText(kProblem, problem));
+  }
+  return problem;
 }
 
 void Run::AskCases(const char* caller) {
@@ -68,6 +77,10 @@ void Run::AskCases(const char* caller) {
 bool Run::SetNote(const char* name, Value value) {
   notes_.Set(name, std::move(value));
   return ReplaceFileText(kNotes, kiosk::json::Serialise(notes_));
+}
+
+std::string WhyCutShort() {
+  return ReadFileText(kProblem).value_or("a run was cut short here") + "; kiosk_proof --undo puts everything back";
 }
 
 std::vector<std::string> Run::Before() const { return Split(ReadFileText(kBefore).value_or("")); }

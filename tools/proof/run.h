@@ -21,8 +21,9 @@ class Run {
  public:
   // An administrator's: begins the report and the notes for the agent. Empty, or why not.
   std::string Begin(const std::wstring& reportFolder, const RunOptions& options);
-  // The agent's, at each of its starts. False when the notes or the report cannot be read.
-  bool GoOn();
+  // The agent's, at each of its starts. Empty, or why not: the notes or the report are not what a run leaves, which is
+  // noted for whoever comes to look (WhyCutShort).
+  std::string GoOn();
 
   [[nodiscard]] const RunOptions& Options() const noexcept { return options_; }
   [[nodiscard]] bool Wants(const std::string& id) const { return id.starts_with(options_.only); }
@@ -49,5 +50,8 @@ class Run {
 
 // The one of this process.
 Run& TheRun();
+
+// Why the run whose journal is there did not go on, and what is to be done.
+std::string WhyCutShort();
 
 }  // namespace proof

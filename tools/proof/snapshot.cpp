@@ -1,6 +1,7 @@
 #include "tools/proof/snapshot.h"
 
 #include "account/winlogon.h"
+#include "state/kiosk_state.h"
 #include "state/registry.h"
 #include "text/text.h"
 #include "tools/proof/hand.h"
@@ -30,7 +31,7 @@ constexpr Key kKeys[] = {
     {L"SOFTWARE\\Policies\\Microsoft\\Windows\\WindowsUpdate"},
     {L"SOFTWARE\\Policies\\Microsoft\\Windows\\WindowsUpdate\\AU"},
     {L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Internet Settings\\Connections"},
-    {L"SOFTWARE\\Norvane\\Tessaly\\Kiosk"},
+    {kiosk::state::kStateKey},
     {L"SOFTWARE\\Norvane\\Tessaly\\Update"},
     {L"SYSTEM\\CurrentControlSet\\Services\\W32Time\\Parameters"},
     {kProfileList, L"ProfileImagePath"},
@@ -47,9 +48,10 @@ void AddValue(std::vector<std::string>& lines, const std::wstring& path, HKEY ke
                   [name](const wchar_t* note) { return kiosk::win32::EqualIgnoringCase(note, name); })) {
     return;
   }
-  const bool hidden = std::wstring_view(name).find(L"Password") != std::wstring_view::npos && value.type == REG_SZ;
+  const bool secret = (std::wstring_view(name).find(L"Password") != std::wstring_view::npos && value.type == REG_SZ) ||
+                      path == kiosk::state::kStateKey;
   lines.push_back("HKLM\\" + ToNarrow(path + L"\\" + name) + " = " +
-                  (hidden ? "(withheld)" : std::to_string(value.type) + ":" + kiosk::text::Hex(value.bytes)));
+                  (secret ? "(withheld)" : std::to_string(value.type) + ":" + kiosk::text::Hex(value.bytes)));
 }
 
 void AddKey(std::vector<std::string>& lines, const Key& key) {
@@ -120,23 +122,6 @@ std::vector<std::string> Differences(const std::vector<std::string>& before, con
   }
   for (const std::string& line : come) {
     lines.push_back("+ " + line);
-  }
-  return lines;
-}
-
-std::string Joined(const std::vector<std::string>& lines) {
-  std::string text;
-  for (const std::string& line : lines) {
-    text += line + "\n";
-  }
-  return text;
-}
-
-std::vector<std::string> Split(const std::string& text) {
-  std::vector<std::string> lines;
-  std::size_t begin = 0;
-  for (std::size_t end = 0; (end = text.find('\n', begin)) != std::string::npos; begin = end + 1) {
-    lines.push_back(text.substr(begin, end - begin));
   }
   return lines;
 }

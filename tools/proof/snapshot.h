@@ -7,15 +7,11 @@
 namespace proof {
 
 // Users, groups, secrets by name, tasks, power scheme, adapters, services, profile list, and the registry keys that
-// kiosk mode touches (docs/operations.md), sorted. A password's value shows as its presence alone. What Windows writes
-// down by itself when somebody signs in is left out, and what bears the kit's name.
+// kiosk mode touches (docs/operations.md), sorted. A password's value, and the product's own, show as their presence
+// alone. What Windows writes down by itself when somebody signs in is left out, and what bears the kit's name.
 std::vector<std::string> Snapshot();
 
 // "- " before what is gone, "+ " before what has come.
 std::vector<std::string> Differences(const std::vector<std::string>& before, const std::vector<std::string>& after);
-
-// To keep one over a restart.
-std::string Joined(const std::vector<std::string>& lines);
-std::vector<std::string> Split(const std::string& text);
 
 }  // namespace proof

@@ -2,9 +2,11 @@
 
 #include "service/install.h"
 #include "state/kiosk_state.h"
-#include "text/text.h"
+#include "tests/contract/hand.h"
 #include "tools/proof/files.h"
-#include "win32/clock.h"
+#include "tools/proof/secrets.h"
+#include "tools/proof/services.h"
+#include "tools/proof/trust.h"
 #include "win32/folder_entries.h"
 #include "win32/owners.h"
 #include "win32/privilege.h"
@@ -21,24 +23,8 @@ namespace {
 
 using kiosk::json::Member;
 using kiosk::json::Value;
-using kiosk::win32::KernelHandle;
-using kiosk::win32::ServiceHandle;
 
-constexpr DWORD kStopTime = 60'000;        // ms
-constexpr DWORD kUninstallTime = 180'000;  // a kiosk that is signed in, a profile in use
-
-ServiceHandle Open(const wchar_t* name, DWORD access) {
-  const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
-  return ServiceHandle(manager ? OpenServiceW(manager.Get(), name, access) : nullptr);
-}
-
-std::vector<BYTE> Bytes(const std::string& hex) {
-  std::vector<BYTE> bytes;
-  for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
-    bytes.push_back(static_cast<BYTE>(16 * kiosk::text::HexDigit(hex[i]) + kiosk::text::HexDigit(hex[i + 1])));
-  }
-  return bytes;
-}
+constexpr DWORD kUninstallTime = 180'000;  // ms: a kiosk that is signed in, a profile in use
 
 // From the path up to `made`, as far as nothing is in them.
 void RemoveEmptyKeys(std::wstring path, const std::wstring& made) {
@@ -97,33 +83,32 @@ bool UndoHive(const Value& /*entry*/, const std::wstring& name) {
 // It takes kiosk mode down with it. The account that was in use is left for another time, with the state key.
 bool UndoProduct(const Value& /*entry*/, const std::wstring& program) {
   const Ran ran = RunProgram(L"\"" + program + L"\" --uninstall", kUninstallTime);
-  return ran.error == ERROR_SUCCESS && !Open(kiosk::service::kServiceName, SERVICE_QUERY_STATUS) &&
+  return ran.error == ERROR_SUCCESS && !OpenExisting(kiosk::service::kServiceName, SERVICE_QUERY_STATUS) &&
          kiosk::state::ReadStateString(kiosk::state::kAccountSid).empty();
 }
 
-bool ForgetSecret(const std::wstring& name) {
-  LSA_OBJECT_ATTRIBUTES attributes{};
-  attributes.Length = sizeof(attributes);
-  kiosk::win32::LsaHandle policy;
-  if (LsaOpenPolicy(nullptr, &attributes, POLICY_CREATE_SECRET, policy.Put()) < 0) {
-    return false;
-  }
-  const auto bytes = static_cast<USHORT>(name.size() * sizeof(wchar_t));
-  LSA_UNICODE_STRING key{bytes, bytes, const_cast<wchar_t*>(name.c_str())};
-  LsaStorePrivateData(policy.Get(), &key, nullptr);
-  return true;
+bool UndoSecret(const Value& entry, const std::wstring& name) {
+  return StoreSecret(name, Member(entry, "sealed").text());
 }
+
+bool UndoTrust(const Value& /*entry*/, const std::wstring& name) { return Distrust(name); }
 
 // What a contract case was about when its process ended.
 bool UndoCases(const Value& entry, const std::wstring& name) {
   bool undone = UndoHive(entry, name) && EndService(name.c_str());
   undone = UndoUser(entry, name + L"User") && undone;
-  undone = ForgetSecret(name) && undone;
-  wchar_t folder[MAX_PATH];
-  GetTempPathW(MAX_PATH, folder);
-  const std::wstring temporary(folder, std::wstring_view(folder).find_last_of(L'\\'));
-  for (const kiosk::win32::FolderEntry& each : kiosk::win32::EntriesOf(temporary, (name + L"-*").c_str())) {
-    undone = kiosk::win32::RemoveTree(each.path) && undone;
+  undone = StoreSecret(name, "") && undone;
+  undone = contract::RemoveSpareAdapters() && undone;
+  // Where the administrator's cases have theirs, and the agent's.
+  wchar_t own[MAX_PATH];
+  wchar_t windows[MAX_PATH];
+  GetTempPathW(MAX_PATH, own);
+  GetWindowsDirectoryW(windows, MAX_PATH);
+  for (const std::wstring& folder :
+       {std::wstring(own, std::wstring_view(own).find_last_of(L'\\')), std::wstring(windows) + L"\\Temp"}) {
+    for (const kiosk::win32::FolderEntry& each : kiosk::win32::EntriesOf(folder, (name + L"-*").c_str())) {
+      undone = kiosk::win32::RemoveTree(each.path) && undone;
+    }
   }
   return undone;
 }
@@ -137,39 +122,13 @@ Undo FindUndo(std::string_view kind) noexcept {
   };
   constexpr Kind kKinds[] = {{"value", UndoValue}, {"folder", UndoFolder}, {"service", UndoService},
                              {"user", UndoUser},   {"hive", UndoHive},     {"product", UndoProduct},
-                             {"cases", UndoCases}};
+                             {"cases", UndoCases}, {"secret", UndoSecret}, {"trust", UndoTrust}};
   for (const Kind& each : kKinds) {
     if (each.name == kind) {
       return each.undo;
     }
   }
   return nullptr;
-}
-
-bool EndService(const wchar_t* name) {
-  const ServiceHandle service = Open(name, DELETE | SERVICE_STOP | SERVICE_QUERY_STATUS);
-  if (!service) {
-    return GetLastError() == ERROR_SERVICE_DOES_NOT_EXIST;
-  }
-  SERVICE_STATUS_PROCESS status{};
-  DWORD needed = 0;
-  QueryServiceStatusEx(service.Get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status),
-                       &needed);
-  const KernelHandle process(
-      status.dwProcessId != 0 ? OpenProcess(SYNCHRONIZE | PROCESS_TERMINATE, FALSE, status.dwProcessId) : nullptr);
-  SERVICE_STATUS stopped{};
-  ControlService(service.Get(), SERVICE_CONTROL_STOP, &stopped);
-  if (process && WaitForSingleObject(process.Get(), kStopTime) != WAIT_OBJECT_0) {
-    TerminateProcess(process.Get(), 1);
-    WaitForSingleObject(process.Get(), kStopTime);
-  }
-  return DeleteService(service.Get()) != 0 || GetLastError() == ERROR_SERVICE_MARKED_FOR_DELETE;
-}
-
-void MarkServiceToGo(const wchar_t* name) {
-  if (const ServiceHandle service = Open(name, DELETE); service) {
-    DeleteService(service.Get());
-  }
 }
 
 }  // namespace proof

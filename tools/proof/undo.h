@@ -14,9 +14,4 @@ using Undo = bool (*)(const kiosk::json::Value& entry, const std::wstring& name)
 // Null for a kind that there is not.
 Undo FindUndo(std::string_view kind) noexcept;
 
-// Stops a service, waiting for its process to end, and deletes it. True when it is not there any more.
-bool EndService(const wchar_t* name);
-// Deletes it without stopping it: it is gone once it has stopped.
-void MarkServiceToGo(const wchar_t* name);
-
 }  // namespace proof
