@@ -9,6 +9,7 @@ import signal
 import struct
 import sys
 import tempfile
+import time
 import unittest
 import zipfile
 
