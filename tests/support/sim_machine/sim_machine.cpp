@@ -1,11 +1,17 @@
 // The hand on the simulated computer, for end-to-end tests and demonstrations: sim_machine COMMAND [ARGUMENT...], with
 // the commands of sim/computer.h, or "dump", or "import-certificate FILE": a PKCS #12 file with the password "test"
-// into the computer's personal store. Prints what the command returns. A service that runs hears of sessions.
+// into the computer's personal store, or "crash PROCESS PLACE": that program calls the function that begins so many
+// bytes (hexadecimal) behind its own beginning, with an address of nothing. Prints what the command returns. A service
+// that runs hears of sessions.
 #include "sim/computer.h"
 
+#include "win32/handle.h"
 #include "win32/owners.h"
 
+#include <psapi.h>
+
 #include <cstdio>
+#include <cwchar>
 #include <iterator>
 #include <vector>
 
@@ -36,6 +42,19 @@ DWORD ImportCertificate(const wchar_t* path) {
   return ERROR_SUCCESS;
 }
 
+DWORD Crash(const wchar_t* id, const wchar_t* place) {
+  const kiosk::win32::KernelHandle process(OpenProcess(PROCESS_ALL_ACCESS, FALSE, std::wcstoul(id, nullptr, 10)));
+  HMODULE program = nullptr;
+  DWORD size = 0;
+  if (!process || EnumProcessModules(process.Get(), &program, sizeof(program), &size) == 0) {
+    return GetLastError();
+  }
+  auto* const function = reinterpret_cast<BYTE*>(program) + std::wcstoul(place, nullptr, 16);
+  const kiosk::win32::KernelHandle thread(CreateRemoteThread(
+      process.Get(), nullptr, 0, reinterpret_cast<LPTHREAD_START_ROUTINE>(function), nullptr, 0, nullptr));
+  return thread ? ERROR_SUCCESS : GetLastError();
+}
+
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
@@ -45,6 +64,8 @@ int wmain(int count, wchar_t** arguments) {
   }
   if (count == 3 && std::wcscmp(arguments[1], L"import-certificate") == 0) {
     std::printf("%lu\n", ImportCertificate(arguments[2]));
+  } else if (count == 4 && std::wcscmp(arguments[1], L"crash") == 0) {
+    std::printf("%lu\n", Crash(arguments[2], arguments[3]));
   } else if (command == L"dump") {
     static_cast<void>(std::fputs(sim::DumpMachine().c_str(), stdout));
   } else {
