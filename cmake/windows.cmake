@@ -185,10 +185,12 @@ if(BUILD_TESTING)
   link_simulated(kiosk_soak ${renamed_kiosk_soak_parts})
   target_link_libraries(kiosk_soak PRIVATE gtest)  # behind those who use it
 
-  # A caller of the pipe for the end-to-end tests, which sign it in many ways.
-  add_executable(pipe_client tests/support/pipe_client/pipe_client.cpp)
-  target_include_directories(pipe_client PRIVATE ${CMAKE_SOURCE_DIR})
-  target_link_libraries(pipe_client PRIVATE kiosk)
+  # Callers of the pipe for the end-to-end tests, which sign them in many ways: one, and a crowd.
+  foreach(caller pipe_client crowd)
+    add_executable(${caller} tests/support/${caller}/${caller}.cpp)
+    target_include_directories(${caller} PRIVATE ${CMAKE_SOURCE_DIR})
+    target_link_libraries(${caller} PRIVATE kiosk)
+  endforeach()
 
   # The hand on the simulated computer: signs people in and out, restarts it, tells what it is like.
   add_executable(sim_machine tests/support/sim_machine/sim_machine.cpp)
