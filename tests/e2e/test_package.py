@@ -40,7 +40,8 @@ def make_package(folder, name, count=1):
         for version in (at + 8, at + 16):  # of the file, of the product
             struct.pack_into("<H", image, version + 4, count)
     (programs / "NorvaneKiosk.exe").write_bytes(image)
-    shutil.copy(BUILD / "kioskctl.exe", programs)
+    for file in (BUILD / "kioskctl.exe", *BUILD.glob(package.EVENT_TEXTS)):
+        shutil.copy(file, programs)
     (programs / "THIRD-PARTY-NOTICES.txt").write_text("notices\n")
     return package.make(programs, folder / (name + ".msi"), 1_700_000_000)
 
@@ -87,15 +88,17 @@ class Files(unittest.TestCase):
 
     def test_all_of_it_with_sums(self):
         name = f"NorvaneKiosk-{self.version}"
-        self.assertEqual({str(file.relative_to(self.out)) for file in self.out.rglob("*") if file.is_file()}, {
-            "SHA256SUMS", f"{name}-x64.msi", f"{name}-x64.zip", f"{name}.cdx.json", "programs/NorvaneKiosk.exe",
-            "programs/kioskctl.exe", "programs/THIRD-PARTY-NOTICES.txt", "symbols/NorvaneKiosk.exe.debug",
-            "symbols/kioskctl.exe.debug", "policies/NorvaneKiosk.admx", "policies/en-US/NorvaneKiosk.adml"})
+        zipped = {"programs/NorvaneKiosk.exe", "programs/kioskctl.exe", "programs/THIRD-PARTY-NOTICES.txt",
+                  "policies/NorvaneKiosk.admx", "policies/en-US/NorvaneKiosk.adml",
+                  *(f"programs/{library.name}" for library in BUILD.glob(package.EVENT_TEXTS))}
+        self.assertEqual({str(file.relative_to(self.out)) for file in self.out.rglob("*") if file.is_file()}, zipped | {
+            "SHA256SUMS", f"{name}-x64.msi", f"{name}-x64.zip", f"{name}.cdx.json", "symbols/NorvaneKiosk.exe.debug",
+            "symbols/kioskctl.exe.debug"})
         subprocess.run(["sha256sum", "--check", "--strict", "--quiet", "SHA256SUMS"], cwd=self.out, check=True)
         with zipfile.ZipFile(self.out / f"{name}-x64.zip") as archive:
-            for entry in archive.namelist():
+            self.assertEqual(set(archive.namelist()), zipped)
+            for entry in zipped:
                 self.assertEqual(archive.read(entry), (self.out / entry).read_bytes(), entry)
-            self.assertEqual(len(archive.namelist()), 5)
         self.assertLess((self.out / "programs/NorvaneKiosk.exe").stat().st_size, 1_200_000)
 
     def test_signed_by_the_hook_and_nothing_without_it(self):
@@ -135,7 +138,7 @@ class Files(unittest.TestCase):
         files = by_key(self.msi, "File")
         for name in ("NorvaneKiosk.exe", "kioskctl.exe"):
             self.assertEqual(files[name][3:5], [f"{year}.{month}.{day}.{count}", "1033"])
-        self.assertEqual(set(by_key(self.msi, "MsiFileHash")), files.keys() - {"NorvaneKiosk.exe", "kioskctl.exe"})
+        self.assertEqual(set(by_key(self.msi, "MsiFileHash")), {name for name, row in files.items() if not row[3]})
 
     def test_actions_in_the_tables(self):
         actions = by_key(self.msi, "CustomAction")
