@@ -136,8 +136,8 @@ TEST_F(PortalAnswers, WrongOnesChangeNothingAndTheNextGoodOneIsTakenOver) {
   for (const auto& each : cases) {
     check(each.response, each.error, each.status);
   }
-  for (const DWORD status :
-       {100, 201, 202, 204, 206, 301, 302, 303, 307, 308, 400, 403, 404, 407, 408, 429, 500, 503, 999}) {
+  for (const DWORD status : std::initializer_list<DWORD>{100, 201, 202, 204, 206, 301, 302, 303, 307, 308, 400, 403,
+                                                         404, 407, 408, 429, 500, 503, 999}) {
     check(Reply(status, good_), "HTTP " + std::to_string(status), DeviceStatus::kNone);
   }
   for (std::size_t length = 1; length < good_.size(); ++length) {

@@ -18,6 +18,7 @@
 #include "tests/soak/life.h"
 #include "tests/soak/portal.h"
 #include "tests/soak/world.h"
+#include "tests/support/handle_count.h"
 #include "tests/support/terminal.h"
 #include "updates/stored_policy.h"
 
@@ -204,11 +205,13 @@ void CheckKiosk() {
 }
 
 // Whether a difference to the owner's computer is none of the product's doing, or what a removal does once and not
-// again and Windows refused (the table in tests/kiosk_faults_test.cpp has the reasons).
+// again and Windows refused (the table in tests/kiosk_faults_test.cpp has the reasons), or what an installed service
+// keeps of this computer's own troubles.
 bool IsNobodys(const std::string& name) {
   const bool lastUser = name.ends_with("defaultusername") || name.ends_with("defaultdomainname");
   return (lastUser && !Same(Winlogon(L"DefaultUserName"), kKiosk)) || name.ends_with("\\maintenancefailures") ||
-         name.ends_with("\\maintenancelockeduntil") || name.starts_with("hive s-") || name.starts_with("adapter ") ||
+         name.ends_with("\\maintenancelockeduntil") || name.ends_with("\\toldtroubles") ||
+         name.starts_with("hive s-") || name.starts_with("adapter ") ||
          (name == "secret defaultpassword" && SecretMayStay()) || WasRefused(name);
 }
 
@@ -240,9 +243,8 @@ bool CheckSettled() {
     return false;
   }
   CheckKiosk();
-  static DWORD first = 0;
-  DWORD handles = 0;
-  GetProcessHandleCount(GetCurrentProcess(), &handles);
+  static std::ptrdiff_t first = 0;
+  const std::ptrdiff_t handles = test::HandlesOf(GetCurrentProcessId());
   first = first == 0 ? handles : first;
   Need(handles <= first + 30, "growth: " + std::to_string(handles) + " handles, once " + std::to_string(first));
   return true;
