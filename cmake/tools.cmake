@@ -1,11 +1,18 @@
 # The command-line client of the pipe, in its two builds, and the benchmarks.
 file(GLOB NORVANE_CTL CONFIGURE_DEPENDS tools/kioskctl/*.cpp)
+set(NORVANE_CTL_DEVELOPMENT ${NORVANE_CTL})
+list(FILTER NORVANE_CTL_DEVELOPMENT INCLUDE REGEX "/(serve|settings_commands|update_commands)\\.cpp$")
+list(REMOVE_ITEM NORVANE_CTL ${NORVANE_CTL_DEVELOPMENT} ${CMAKE_SOURCE_DIR}/tools/kioskctl/main.cpp)
+add_library(kioskctl_parts STATIC ${NORVANE_CTL})
+target_link_libraries(kioskctl_parts PUBLIC kiosk)
+with_symbols(kioskctl_parts)
 foreach(build kioskctl kioskctl-dev)
-  add_executable(${build} ${NORVANE_CTL} tools/kioskctl/kioskctl.rc)
-  target_link_libraries(${build} PRIVATE kiosk)
+  add_executable(${build} tools/kioskctl/main.cpp tools/kioskctl/kioskctl.rc)
+  target_link_libraries(${build} PRIVATE kioskctl_parts)
   target_link_options(${build} PRIVATE -municode)
 endforeach()
 # The development build carries requests of anybody who runs it, so it is never signed with the product's key.
+target_sources(kioskctl-dev PRIVATE ${NORVANE_CTL_DEVELOPMENT})
 target_compile_definitions(kioskctl-dev PRIVATE NORVANE_DEVELOPMENT_COMMANDS)
 program_that_ships(kioskctl)
 

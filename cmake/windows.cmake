@@ -32,13 +32,20 @@ add_custom_command(
 add_custom_target(NorvaneKioskEvents ALL DEPENDS ${made}/event_messages.h ${CMAKE_BINARY_DIR}/${NORVANE_EVENT_LIBRARY})
 include_directories(SYSTEM ${made})
 
+# In DWARF 4, the newest that the debugger reads from a dump's side.
+function(with_symbols target)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    target_compile_options(${target} PRIVATE -g -gdwarf-4 -ffile-prefix-map=${CMAKE_SOURCE_DIR}=/norvane)
+  endif()
+endfunction()
+
 # A program that ships. Its symbols go into a file beside it, which has the same build id: with them a dump of the stripped
-# program becomes functions and lines (tools/release/stack), in DWARF 4, the newest that the debugger reads from there. The
-# linker's map tells what of others is in it (tools/release/bill.py).
+# program becomes functions and lines (tools/release/stack). The linker's map tells what of others is in it
+# (tools/release/bill.py).
 function(program_that_ships target)
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
     set_target_properties(${target} PROPERTIES SHIPS TRUE)
-    target_compile_options(${target} PRIVATE ${NORVANE_SYMBOLS})
+    with_symbols(${target})
     target_link_options(${target} PRIVATE -Wl,--build-id -Wl,-Map=$<TARGET_FILE:${target}>.map)
     add_custom_command(TARGET ${target} POST_BUILD
       COMMAND ${NORVANE_OBJCOPY} --only-keep-debug $<TARGET_FILE:${target}> $<TARGET_FILE:${target}>.debug
@@ -46,7 +53,6 @@ function(program_that_ships target)
       VERBATIM)
   endif()
 endfunction()
-set(NORVANE_SYMBOLS -g -gdwarf-4 -ffile-prefix-map=${CMAKE_SOURCE_DIR}=/norvane)
 
 # Everything but main: what the tests link is what ships.
 file(GLOB_RECURSE NORVANE_SOURCES CONFIGURE_DEPENDS src/*.cpp)
@@ -56,9 +62,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   # Which variable needs which lock (win32/thread_safety.h). The tests reach behind the locks.
   target_compile_options(kiosk PRIVATE -Wthread-safety)
 endif()
-if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  target_compile_options(kiosk PRIVATE ${NORVANE_SYMBOLS})
-endif()
+with_symbols(kiosk)
 target_compile_definitions(kiosk PRIVATE NORVANE_AUTH_BASE_URL="${NORVANE_AUTH_BASE_URL}"
   NORVANE_EVENT_LIBRARY="${NORVANE_EVENT_LIBRARY}")
 add_dependencies(kiosk NorvaneKioskEvents)
@@ -72,6 +76,7 @@ add_executable(NorvaneKiosk src/service/main.cpp src/service/kiosk.rc)
 target_link_libraries(NorvaneKiosk PRIVATE kiosk)
 target_link_options(NorvaneKiosk PRIVATE -municode)
 program_that_ships(NorvaneKiosk)
+include(cmake/tools.cmake)
 
 # The simulated Windows: copies of the library, the tests and main whose calls into Windows are renamed to those of sim/.
 # Headers have inline functions that call Windows, so whoever includes them is renamed as well.
@@ -95,11 +100,7 @@ if(BUILD_TESTING)
   add_library(kiosk_entry STATIC src/service/main.cpp)
   file(GLOB NORVANE_TESTS CONFIGURE_DEPENDS tests/*_test.cpp tests/portable/*_test.cpp tests/support/*.cpp)
   list(FILTER NORVANE_TESTS EXCLUDE REGEX json_wipe_test)
-  # Of kioskctl what the shipped build has, without its entry.
-  set(NORVANE_CTL_TESTED pipe_client.cpp exchange.cpp commands.cpp removed.cpp large_text.cpp check.cpp check_portal.cpp
-    support_facts.cpp support_windows.cpp file_version.cpp log_files.cpp redact.cpp)
-  list(TRANSFORM NORVANE_CTL_TESTED PREPEND ${CMAKE_SOURCE_DIR}/tools/kioskctl/)
-  add_library(kiosk_test_cases STATIC ${NORVANE_TESTS} ${NORVANE_CTL_TESTED})
+  add_library(kiosk_test_cases STATIC ${NORVANE_TESTS})
   target_include_directories(kiosk_test_cases PRIVATE ${CMAKE_SOURCE_DIR})
   target_include_directories(kiosk_test_cases SYSTEM PRIVATE ${NORVANE_LIBRARY_HEADERS})
   target_link_libraries(kiosk_test_cases PRIVATE gtest)
@@ -112,7 +113,7 @@ if(BUILD_TESTING)
   list(FILTER NORVANE_CONTRACT EXCLUDE REGEX hand_)
   list(FILTER NORVANE_PROOF EXCLUDE REGEX "hand_|agent_service")
   add_library(kiosk_contract STATIC ${NORVANE_CONTRACT})
-  add_library(kiosk_proof_kit STATIC ${NORVANE_PROOF} tools/kioskctl/pipe_client.cpp)
+  add_library(kiosk_proof_kit STATIC ${NORVANE_PROOF})
   target_include_directories(kiosk_contract PRIVATE ${CMAKE_SOURCE_DIR})
   target_include_directories(kiosk_proof_kit PRIVATE ${CMAKE_SOURCE_DIR})
 
@@ -129,7 +130,7 @@ if(BUILD_TESTING)
 
   set(renamed_pairs)
   set(renamed)
-  set(NORVANE_RENAMED kiosk kiosk_entry kiosk_test_cases kiosk_contract kiosk_proof_kit kiosk_soak_parts)
+  set(NORVANE_RENAMED kiosk kiosk_entry kioskctl_parts kiosk_test_cases kiosk_contract kiosk_proof_kit kiosk_soak_parts)
   foreach(library ${NORVANE_RENAMED})
     set(renamed_${library} ${CMAKE_BINARY_DIR}/lib${library}_sim.a)
     list(APPEND renamed ${renamed_${library}})
@@ -149,7 +150,7 @@ if(BUILD_TESTING)
     add_dependencies(${target} renamed)
     target_link_libraries(${target} PRIVATE
       -Wl,--whole-archive ${ARGN} kiosk_simulation -Wl,--no-whole-archive
-      ${renamed_kiosk} ${NORVANE_SYSTEM_LIBRARIES})
+      ${renamed_kioskctl_parts} ${renamed_kiosk} ${NORVANE_SYSTEM_LIBRARIES})
   endfunction()
 
   add_executable(NorvaneKioskSim src/service/kiosk.rc)
@@ -162,16 +163,16 @@ if(BUILD_TESTING)
   target_include_directories(kiosk_tests PRIVATE ${CMAKE_SOURCE_DIR})
   target_link_libraries(kiosk_tests PRIVATE gtest)
   link_simulated(kiosk_tests ${renamed_kiosk_test_cases})
-  target_link_libraries(kiosk_tests PRIVATE ${renamed_kiosk_proof_kit} ${renamed_kiosk_contract} ${renamed_kiosk}
-    ${NORVANE_SYSTEM_LIBRARIES})
+  target_link_libraries(kiosk_tests PRIVATE ${renamed_kiosk_proof_kit} ${renamed_kiosk_contract} ${renamed_kioskctl_parts}
+    ${renamed_kiosk} ${NORVANE_SYSTEM_LIBRARIES})
   add_dependencies(kiosk_tests NorvaneKioskSim)  # a test has it uninstalled
   gtest_discover_tests(kiosk_tests DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 600)
 
   add_executable(kiosk_proof tests/contract/hand_windows.cpp tools/proof/hand_windows.cpp tools/proof/agent_service.cpp)
   target_link_options(kiosk_proof PRIVATE -municode)
   target_include_directories(kiosk_proof PRIVATE ${CMAKE_SOURCE_DIR})
-  target_link_libraries(kiosk_proof PRIVATE -Wl,--whole-archive kiosk_contract kiosk_proof_kit -Wl,--no-whole-archive kiosk
-    newdev setupapi)
+  target_link_libraries(kiosk_proof PRIVATE -Wl,--whole-archive kiosk_contract kiosk_proof_kit -Wl,--no-whole-archive
+    kioskctl_parts newdev setupapi)
 
   add_executable(kiosk_proof_sim tests/contract/hand_simulated.cpp tools/proof/hand_simulated.cpp
     tools/proof/agent_service.cpp)
@@ -203,5 +204,3 @@ if(BUILD_TESTING)
   target_link_libraries(json_wipe_test PRIVATE kiosk gtest gtest_main)
   gtest_discover_tests(json_wipe_test DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 400)
 endif()
-
-include(cmake/tools.cmake)

@@ -10,6 +10,7 @@
 #include "sim/computer.h"
 #include "sim/faults.h"
 #include "sim/lsa.h"
+#include "sim/profiles.h"
 #include "sim/shutdown.h"
 #include "tests/support/command.h"
 #include "tests/support/terminal.h"
@@ -213,6 +214,47 @@ TEST_F(Days, NobodyIsThrownOutForAMaintenanceThatWasCutShort) {
     each.after();
     clock_.RunFor(600'000);
     EXPECT_FALSE(sim::PendingShutdown());
+  }
+}
+
+TEST_F(AutoLogonTest, ARestartDuringTheSetUpNeverShowsWindowsOwnShell) {
+  static std::string unsafe;  // a change before which Windows could sign the kiosk in, and would make its profile
+  const std::pair<const char*, void (*)()> cases[] = {
+      {"somebody deleted the account",
+       [] {
+         EXPECT_EQ(ProvisionKioskAccount({}), "");
+         sim::RemoveUser(L"NorvaneKiosk");
+       }},
+      {"somebody damaged the profile",
+       [] {
+         EXPECT_EQ(ProvisionKioskAccount({}), "");
+         test::WriteWholeFile(sim::ProfileFolder(test::Kiosk().sid) + L"\\NTUSER.DAT", "junk");
+       }},
+      {"the owner had it on, for nobody",
+       [] {
+         test::SetString(kWinlogonKey, L"AutoAdminLogon", L"1");
+         test::SetString(kWinlogonKey, L"DefaultUserName", L"");
+       }},
+  };
+  const sim::VirtualClock clock(test::kMorning);
+  for (const auto& [what, prepare] : cases) {
+    SCOPED_TRACE(what);
+    test::ResetComputer();
+    test::Enrol("", false);
+    prepare();
+    unsafe.clear();
+    sim::SetChangeHook([](const sim::ChangeCall& call) -> DWORD {
+      const sim::User kiosk = test::Kiosk();
+      if (!kiosk.sid.empty() && sim::ProfileFolder(kiosk.sid).empty() && Winlogon(L"AutoAdminLogon") == L"1" &&
+          sim::Secret(L"DefaultPassword") == kiosk.password) {
+        unsafe = call.Text();
+      }
+      return 0;
+    });
+    EXPECT_EQ(ProvisionKioskAccount({}), "");
+    sim::SetChangeHook(nullptr);
+    EXPECT_EQ(unsafe, "");
+    EXPECT_EQ(sim::RestartComputer(), 1U);
   }
 }
 

@@ -22,6 +22,10 @@
 #include <cstring>
 #include <optional>
 
+namespace kioskctl {
+extern const char kProgram[] = "kioskctl";
+}  // namespace kioskctl
+
 namespace kiosk {
 namespace {
 

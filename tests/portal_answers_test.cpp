@@ -6,6 +6,7 @@
 #include "tests/support/terminal.h"
 
 #include <map>
+#include <vector>
 
 namespace kiosk::portal {
 namespace {
@@ -44,6 +45,62 @@ std::string Enrolled(const Members& members) {
 
 sim::Response Reply(DWORD status, std::string body) { return {.status = status, .body = std::move(body)}; }
 
+constexpr char kUnexpected[] = "unexpected check-in reply";
+constexpr char kNoStatus[] = "HTTP 401 without a device status";
+
+struct WrongAnswer {
+  sim::Response response;
+  std::string error;
+  DeviceStatus status = DeviceStatus::kNone;
+};
+
+// `good` is a body that would be taken over.
+std::vector<WrongAnswer> WrongAnswers(const std::string& good) {
+  using namespace std::string_literals;
+  return {
+      {Reply(401, R"({"status":"revoked"})"), "HTTP 401, status revoked", DeviceStatus::kRevoked},
+      {Reply(401, R"({"status":"unknown"})"), "HTTP 401, status unknown", DeviceStatus::kUnknown},
+      {Reply(401, R"({"status":"unknown","status":"x"})"), "HTTP 401, status x"},
+      {Reply(401, R"({"status":"REVOKED"})"), "HTTP 401, status REVOKED"},
+      {Reply(401, R"({"status":"revoked\u0000"})"), "HTTP 401, status revoked\0"s},
+      {Reply(401, R"({"status":"revoked"}x)"), kNoStatus},
+      {Reply(401, R"({"status":7})"), kNoStatus},
+      {Reply(401, R"(["revoked"])"), kNoStatus},
+      {Reply(401, "<html>"), kNoStatus},
+      {Reply(401, ""), kNoStatus},
+      {Reply(401, R"({"status":")" + std::string(127, 'x') + "€\"}"), "HTTP 401, status " + std::string(127, 'x')},
+      {Reply(401, good), "HTTP 401, status enrolled"},
+      {Reply(200, ""), kUnexpected},
+      {Reply(200, " \r\n"), kUnexpected},
+      {Reply(200, "null"), kUnexpected},
+      {Reply(200, "\"enrolled\""), kUnexpected},
+      {Reply(200, "[" + good + "]"), kUnexpected},
+      {Reply(200, good + good), kUnexpected},
+      {Reply(200, good + "\0"s), kUnexpected},
+      {Reply(200, "\0"s + good), kUnexpected},
+      {Reply(200, "\xEF\xBB\xBF" + good), kUnexpected},
+      {Reply(200, "\xFF" + good), kUnexpected},
+      {Reply(200, R"({"status":"enrolled","status":"pending"})"), kUnexpected},
+      {Reply(200, R"({"status":"Enrolled"})"), kUnexpected},
+      {Reply(200, R"({"status":"enrolled "})"), kUnexpected},
+      {Reply(200, R"({"status":"enrolled\u0000"})"), kUnexpected},
+      {Reply(200, R"({"status":null})"), kUnexpected},
+      {Reply(200, R"({"status":true})"), kUnexpected},
+      {Reply(200, R"({"status":{"status":"enrolled"}})"), kUnexpected},
+      {Reply(200, R"({"status":["enrolled"]})"), kUnexpected},
+      {Reply(200, R"({"status":"revoked"})"), kUnexpected},
+      {Reply(200, R"({"status":"enrolled","x":)" + std::string(100, '[')), kUnexpected},
+      {Reply(200, R"({"status":"enrolled","x":)" + std::string(64, '[') + std::string(64, ']') + "}"), kUnexpected},
+      {Reply(200, R"({"status":"enrolled","x":")" + std::string(80'000, 'x') + "\"}"), kUnexpected},
+      {{.sendError = ERROR_WINHTTP_CANNOT_CONNECT}, "WinHTTP error 12029"},
+      {{.connectDelay = INFINITE}, "WinHTTP error 12002"},
+      {{.headersDelay = INFINITE}, "WinHTTP error 12002"},
+      {{.receiveError = ERROR_WINHTTP_CONNECTION_ERROR}, "WinHTTP error 12030"},
+      {{.body = good, .chunk = 1, .chunkDelay = 7'000}, "WinHTTP error 12002"},
+      {{.body = good.substr(0, 50), .bodyError = ERROR_WINHTTP_CONNECTION_ERROR}, kUnexpected},
+  };
+}
+
 class PortalAnswers : public test::EnrolledTerminal {
  protected:
   CheckInResult Get(const sim::Response& response) {
@@ -70,55 +127,6 @@ class PortalAnswers : public test::EnrolledTerminal {
 };
 
 TEST_F(PortalAnswers, WrongOnesChangeNothingAndTheNextGoodOneIsTakenOver) {
-  using namespace std::string_literals;
-  constexpr char kUnexpected[] = "unexpected check-in reply";
-  constexpr char kNoStatus[] = "HTTP 401 without a device status";
-  struct {
-    sim::Response response;
-    std::string error;
-    DeviceStatus status = DeviceStatus::kNone;
-  } const cases[] = {
-      {Reply(401, R"({"status":"revoked"})"), "HTTP 401, status revoked", DeviceStatus::kRevoked},
-      {Reply(401, R"({"status":"unknown"})"), "HTTP 401, status unknown", DeviceStatus::kUnknown},
-      {Reply(401, R"({"status":"unknown","status":"x"})"), "HTTP 401, status x"},
-      {Reply(401, R"({"status":"REVOKED"})"), "HTTP 401, status REVOKED"},
-      {Reply(401, R"({"status":"revoked\u0000"})"), "HTTP 401, status revoked\0"s},
-      {Reply(401, R"({"status":"revoked"}x)"), kNoStatus},
-      {Reply(401, R"({"status":7})"), kNoStatus},
-      {Reply(401, R"(["revoked"])"), kNoStatus},
-      {Reply(401, "<html>"), kNoStatus},
-      {Reply(401, ""), kNoStatus},
-      {Reply(401, R"({"status":")" + std::string(127, 'x') + "€\"}"), "HTTP 401, status " + std::string(127, 'x')},
-      {Reply(401, good_), "HTTP 401, status enrolled"},
-      {Reply(200, ""), kUnexpected},
-      {Reply(200, " \r\n"), kUnexpected},
-      {Reply(200, "null"), kUnexpected},
-      {Reply(200, "\"enrolled\""), kUnexpected},
-      {Reply(200, "[" + good_ + "]"), kUnexpected},
-      {Reply(200, good_ + good_), kUnexpected},
-      {Reply(200, good_ + "\0"s), kUnexpected},
-      {Reply(200, "\0"s + good_), kUnexpected},
-      {Reply(200, "\xEF\xBB\xBF" + good_), kUnexpected},
-      {Reply(200, "\xFF" + good_), kUnexpected},
-      {Reply(200, R"({"status":"enrolled","status":"pending"})"), kUnexpected},
-      {Reply(200, R"({"status":"Enrolled"})"), kUnexpected},
-      {Reply(200, R"({"status":"enrolled "})"), kUnexpected},
-      {Reply(200, R"({"status":"enrolled\u0000"})"), kUnexpected},
-      {Reply(200, R"({"status":null})"), kUnexpected},
-      {Reply(200, R"({"status":true})"), kUnexpected},
-      {Reply(200, R"({"status":{"status":"enrolled"}})"), kUnexpected},
-      {Reply(200, R"({"status":["enrolled"]})"), kUnexpected},
-      {Reply(200, R"({"status":"revoked"})"), kUnexpected},
-      {Reply(200, R"({"status":"enrolled","x":)" + std::string(100, '[')), kUnexpected},
-      {Reply(200, R"({"status":"enrolled","x":)" + std::string(64, '[') + std::string(64, ']') + "}"), kUnexpected},
-      {Reply(200, R"({"status":"enrolled","x":")" + std::string(80'000, 'x') + "\"}"), kUnexpected},
-      {{.sendError = ERROR_WINHTTP_CANNOT_CONNECT}, "WinHTTP error 12029"},
-      {{.connectDelay = INFINITE}, "WinHTTP error 12002"},
-      {{.headersDelay = INFINITE}, "WinHTTP error 12002"},
-      {{.receiveError = ERROR_WINHTTP_CONNECTION_ERROR}, "WinHTTP error 12030"},
-      {{.body = good_, .chunk = 1, .chunkDelay = 7'000}, "WinHTTP error 12002"},
-      {{.body = good_.substr(0, 50), .bodyError = ERROR_WINHTTP_CONNECTION_ERROR}, kUnexpected},
-  };
   const std::string before = TakenOver(kBefore);
   const auto check = [&](const sim::Response& response, const std::string& error, DeviceStatus status) {
     SCOPED_TRACE(std::to_string(response.status) + " " + response.body.substr(0, 80));
@@ -133,7 +141,7 @@ TEST_F(PortalAnswers, WrongOnesChangeNothingAndTheNextGoodOneIsTakenOver) {
     TakenOver(kAfter);
     EXPECT_EQ(TakenOver(kBefore), before);
   };
-  for (const auto& each : cases) {
+  for (const WrongAnswer& each : WrongAnswers(good_)) {
     check(each.response, each.error, each.status);
   }
   for (const DWORD status : std::initializer_list<DWORD>{100, 201, 202, 204, 206, 301, 302, 303, 307, 308, 400, 403,

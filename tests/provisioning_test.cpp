@@ -309,48 +309,6 @@ TEST_F(ProvisioningTest, AProfileWithoutAUsableRegistryIsMadeAnewUnlessItMayBeIn
   }
 }
 
-TEST_F(ProvisioningTest, ARestartInBetweenNeverShowsWindowsOwnShell) {
-  static std::string unsafe;  // a change before which Windows could sign the kiosk in, and would make its profile
-  const struct {
-    const char* what;
-    void (*prepare)();
-  } cases[] = {
-      {"somebody deleted the account",
-       [] {
-         EXPECT_EQ(Provision(), "");
-         sim::RemoveUser(L"NorvaneKiosk");
-       }},
-      {"somebody damaged the profile",
-       [] {
-         EXPECT_EQ(Provision(), "");
-         test::WriteWholeFile(sim::ProfileFolder(Sid()) + L"\\NTUSER.DAT", "junk");
-       }},
-      {"the owner had it on, for nobody",
-       [] {
-         SetString(kWinlogonKey, L"AutoAdminLogon", L"1");
-         SetString(kWinlogonKey, L"DefaultUserName", L"");
-       }},
-  };
-  for (const auto& each : cases) {
-    SCOPED_TRACE(each.what);
-    PrepareComputer();
-    each.prepare();
-    unsafe.clear();
-    sim::SetChangeHook([](const sim::ChangeCall& call) -> DWORD {
-      const sim::User kiosk = Kiosk();
-      if (!kiosk.sid.empty() && sim::ProfileFolder(kiosk.sid).empty() && Winlogon(L"AutoAdminLogon") == L"1" &&
-          sim::Secret(L"DefaultPassword") == kiosk.password) {
-        unsafe = call.Text();
-      }
-      return 0;
-    });
-    EXPECT_EQ(Provision(), "");
-    sim::SetChangeHook(nullptr);
-    EXPECT_EQ(unsafe, "");
-    EXPECT_EQ(sim::RestartComputer(), 1U);
-  }
-}
-
 TEST_F(ProvisioningTest, GroupsAreFoundInEveryLanguage) {
   sim::germanGroups.Set(1);
   EXPECT_EQ(Provision(), "");

@@ -100,7 +100,8 @@ TEST_F(WorkerTest, ARestartDuringAnOutageTellsTheEventLogNothingAgain) {
 
 TEST_F(WorkerTest, WhatIsWrongWithTheComputerIsInTheEventLogOnce) {
   constexpr int kMade[] = {NORVANE_VERSION_NUMBERS};
-  clock_.SetSystemTime(sim::FileTimeOf(kMade[0], kMade[1], kMade[2]) - 24 * 3600 * win32::kFileTimeSecond - 1);
+  clock_.SetSystemTime(sim::FileTimeOf(kMade[0], kMade[1], kMade[2]) -
+                       std::uint64_t{24} * 3600 * win32::kFileTimeSecond - 1);
   CreateDirectoryW(L"C:\\ProgramData\\Norvane", nullptr);
   CreateDirectoryW(state::kProductFolder, nullptr);
   win32::FileHandle inTheWay(CreateFileW(state::kLogRoot, GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));

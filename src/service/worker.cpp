@@ -41,7 +41,7 @@ std::uint64_t MadeAt() {
   day.wDay = kVersion[2];
   FILETIME time{};
   SystemTimeToFileTime(&day, &time);
-  return win32::FileTimeValue(time) - 24 * 3600 * win32::kFileTimeSecond;
+  return win32::FileTimeValue(time) - std::uint64_t{24} * 3600 * win32::kFileTimeSecond;
 }
 
 void TellOfTheComputer() {

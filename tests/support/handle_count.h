@@ -12,10 +12,10 @@
 namespace kiosk::test {
 
 inline std::ptrdiff_t HandlesOf(DWORD processId) {
-  std::vector<std::byte> list(64 * 1024);
+  std::vector<std::byte> list(std::size_t{64} * 1024);
   while (!NT_SUCCESS(NtQuerySystemInformation(SystemHandleInformation, list.data(), static_cast<ULONG>(list.size()),
                                               nullptr)) &&
-         list.size() < 64 * 1024 * 1024) {
+         list.size() < std::size_t{64} * 1024 * 1024) {
     list.resize(list.size() * 2);
   }
   const auto* all = reinterpret_cast<const SYSTEM_HANDLE_INFORMATION*>(list.data());

@@ -34,7 +34,7 @@ int ShowLog(const Options& options, const Words& words);
 // service.
 int SupportBundle(const Options& options, const Words& words);
 
-#ifdef NORVANE_DEVELOPMENT_COMMANDS
+// Of the development build alone.
 int Send(const Options& options, const Words& words);
 // Serves the pipe with the replies of a script (examples/shell/README.md) until it is stopped. Returns kUsage when the
 // script is wrong, kNoService when the pipe is taken.
@@ -52,6 +52,5 @@ int ProxySet(const Options& options, const Words& words);
 kiosk::json::Value UnlockedRequest(const char* command, const std::string& unlockToken);
 // " Sun Mon Fri" for the numbers of days, 0 being Sunday.
 std::string DayNames(const kiosk::json::Value& days);
-#endif
 
 }  // namespace kioskctl

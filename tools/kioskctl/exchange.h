@@ -12,12 +12,8 @@ namespace kioskctl {
 // What the program ends with.
 enum ExitCode : int { kDone = 0, kServiceError = 1, kUsage = 2, kNoService = 3 };
 
-// As which this program speaks of itself.
-#ifdef NORVANE_DEVELOPMENT_COMMANDS
-inline constexpr char kProgram[] = "kioskctl-dev";
-#else
-inline constexpr char kProgram[] = "kioskctl";
-#endif
+// As which this program speaks of itself. In main.cpp, which the two builds do not share.
+extern const char kProgram[];
 
 struct Options {
   bool json = false;    // JSON, a line each, for scripts

@@ -10,6 +10,14 @@
 #include <string_view>
 #include <utility>
 
+namespace kioskctl {
+#ifdef NORVANE_DEVELOPMENT_COMMANDS
+extern const char kProgram[] = "kioskctl-dev";
+#else
+extern const char kProgram[] = "kioskctl";
+#endif
+}  // namespace kioskctl
+
 namespace {
 
 using kiosk::win32::Print;

@@ -1,6 +1,5 @@
 // "serve": answers the pipe in the service's place as a script says, so that whoever writes a shell needs no kiosk. It
 // looks at no caller and changes nothing on the computer.
-#ifdef NORVANE_DEVELOPMENT_COMMANDS
 #include "commands.h"
 
 #include "command/reply.h"
@@ -259,4 +258,3 @@ int Serve(const Options& /*options*/, const Words& words) {
 }
 
 }  // namespace kioskctl
-#endif

@@ -1,5 +1,4 @@
 // For developers and tests: what the kiosk shell sends from the kiosk account's own session.
-#ifdef NORVANE_DEVELOPMENT_COMMANDS
 #include "commands.h"
 
 #include "json/parse.h"
@@ -239,4 +238,3 @@ int ProxySet(const Options& options, const Words& words) {
 }
 
 }  // namespace kioskctl
-#endif

@@ -1,5 +1,4 @@
 // For developers and tests: the updates of the operating system, as the kiosk shell shows them.
-#ifdef NORVANE_DEVELOPMENT_COMMANDS
 #include "commands.h"
 
 #include "json/serialise.h"
@@ -145,4 +144,3 @@ int InstallUpdates(const Options& options, const Words& words) {
 }
 
 }  // namespace kioskctl
-#endif

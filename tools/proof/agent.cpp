@@ -18,7 +18,6 @@ namespace {
 
 using contract::Result;
 using contract::Verdict;
-using kiosk::json::Value;
 using kiosk::win32::ServiceHandle;
 
 constexpr int kMostStarts = 13;      // 12 restarts

@@ -35,7 +35,7 @@ TRANSITIVE, PERMANENT = 0x40, 0x10
 def version_of(program):
     """The four numbers of the program's version resource, or None."""
     image = pathlib.Path(program).read_bytes()
-    fixed = image.find(struct.pack("<I", 0xFEEF04BD))
+    fixed = image.find(struct.pack("<II", 0xFEEF04BD, 0x10000))  # not the number alone: a program may look for it itself
     if fixed < 0:
         return None
     high, low = struct.unpack_from("<II", image, fixed + 8)

@@ -73,7 +73,7 @@ int Swarm(DWORD processes, const std::string& rest) {
     }
   }
   std::printf("%zu\n", started.size());
-  std::fflush(stdout);
+  static_cast<void>(std::fflush(stdout));
   while (std::getchar() != EOF) {
   }
   for (const KernelHandle& each : started) {

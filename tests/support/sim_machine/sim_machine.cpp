@@ -46,7 +46,7 @@ DWORD Crash(const wchar_t* id, const wchar_t* place) {
   const kiosk::win32::KernelHandle process(OpenProcess(PROCESS_ALL_ACCESS, FALSE, std::wcstoul(id, nullptr, 10)));
   HMODULE program = nullptr;
   DWORD size = 0;
-  if (!process || EnumProcessModules(process.Get(), &program, sizeof(program), &size) == 0) {
+  if (!process || EnumProcessModules(process.Get(), &program, sizeof(HMODULE), &size) == 0) {
     return GetLastError();
   }
   auto* const function = reinterpret_cast<BYTE*>(program) + std::wcstoul(place, nullptr, 16);
