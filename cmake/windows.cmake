@@ -113,7 +113,7 @@ if(BUILD_TESTING)
   list(FILTER NORVANE_CONTRACT EXCLUDE REGEX hand_)
   list(FILTER NORVANE_PROOF EXCLUDE REGEX "hand_|agent_service")
   add_library(kiosk_contract STATIC ${NORVANE_CONTRACT})
-  add_library(kiosk_proof_kit STATIC ${NORVANE_PROOF})
+  add_library(kiosk_proof_kit STATIC ${NORVANE_PROOF} tools/kioskctl/pipe_client.cpp)
   target_include_directories(kiosk_contract PRIVATE ${CMAKE_SOURCE_DIR})
   target_include_directories(kiosk_proof_kit PRIVATE ${CMAKE_SOURCE_DIR})
 
@@ -150,7 +150,7 @@ if(BUILD_TESTING)
     add_dependencies(${target} renamed)
     target_link_libraries(${target} PRIVATE
       -Wl,--whole-archive ${ARGN} kiosk_simulation -Wl,--no-whole-archive
-      ${renamed_kioskctl_parts} ${renamed_kiosk} ${NORVANE_SYSTEM_LIBRARIES})
+      ${renamed_kiosk} ${NORVANE_SYSTEM_LIBRARIES})
   endfunction()
 
   add_executable(NorvaneKioskSim src/service/kiosk.rc)
@@ -171,8 +171,8 @@ if(BUILD_TESTING)
   add_executable(kiosk_proof tests/contract/hand_windows.cpp tools/proof/hand_windows.cpp tools/proof/agent_service.cpp)
   target_link_options(kiosk_proof PRIVATE -municode)
   target_include_directories(kiosk_proof PRIVATE ${CMAKE_SOURCE_DIR})
-  target_link_libraries(kiosk_proof PRIVATE -Wl,--whole-archive kiosk_contract kiosk_proof_kit -Wl,--no-whole-archive
-    kioskctl_parts newdev setupapi)
+  target_link_libraries(kiosk_proof PRIVATE -Wl,--whole-archive kiosk_contract kiosk_proof_kit -Wl,--no-whole-archive kiosk
+    newdev setupapi)
 
   add_executable(kiosk_proof_sim tests/contract/hand_simulated.cpp tools/proof/hand_simulated.cpp
     tools/proof/agent_service.cpp)
