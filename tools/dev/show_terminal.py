@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Shows a terminal at work, from its pairing to its end. See ./run; the steps stand in tools/dev/life."""
 
+import contextlib
 import pathlib
 import signal
 import subprocess
@@ -24,8 +25,7 @@ def stay_up(stage):
     ended = threading.Event()
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, lambda *_: ended.set())
-    program = "'C:\\Program Files\\Norvane\\"
-    wine = f"WINEPREFIX={stage.terminal.prefix} wine {program}"
+    wine = f"WINEPREFIX={stage.terminal.prefix} {REPOSITORY / 'tools/dev/wine-run'} 'C:\\Program Files\\Norvane\\"
     show("\n== everything stays up until Ctrl-C; then the service is uninstalled")
     show(f"   page   {stage.portal.url}/\n   logs   {stage.terminal.log_files()[-1].parent}\n"
          f"   ask    {wine}kioskctl.exe' status\n"
@@ -53,9 +53,14 @@ def perform(stage, once):
 def main():
     once = "--once" in sys.argv[1:]
     signal.signal(signal.SIGTERM, signal.default_int_handler)
-    with (tempfile.TemporaryDirectory(prefix="norvane-portal-") as certificates,
-          Portal(port=0 if once else 8470, https_too=certificates) as portal,
-          Terminal(programs=PROGRAMS, service=SERVICE) as terminal):
+    with contextlib.ExitStack() as stack:
+        certificates = stack.enter_context(tempfile.TemporaryDirectory(prefix="norvane-portal-"))
+        try:
+            portal = stack.enter_context(Portal(port=0 if once else 8470, https_too=certificates))
+        except OSError as problem:
+            print(f"run: {problem}", file=sys.stderr)
+            return 1
+        terminal = stack.enter_context(Terminal(programs=PROGRAMS, service=SERVICE))
         show(f"\n== the portal's page: {portal.url}/  (for development, on this computer only)")
         stage = life.Stage(portal, terminal, show)
         try:

@@ -2,6 +2,7 @@
 
 import dataclasses
 import email.utils
+import errno
 import http.server
 import json
 import socket
@@ -218,7 +219,13 @@ class Server(http.server.ThreadingHTTPServer):
     # Overrides of the standard server.
 
     def server_bind(self):
-        socketserver.TCPServer.server_bind(self)  # HTTPServer's own would ask the name service for this host
+        try:
+            socketserver.TCPServer.server_bind(self)  # HTTPServer's own would ask the name service for this host
+        except OSError as error:
+            if error.errno == errno.EADDRINUSE:
+                host, port = self.server_address
+                raise OSError(f"port {port} of {host} is taken: is another portal, or ./run, still up?") from None
+            raise
 
     def get_request(self):
         connection, address = super().get_request()
