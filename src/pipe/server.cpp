@@ -35,7 +35,7 @@ constexpr DWORD kTellRefusals = 60'000;
 // More live connections come about only by requests that are being carried out. Each of those that come then waits so
 // many milliseconds at most for another one to end: a storm is served as fast as its requests are answered, and who
 // waits for the portal keeps nobody else out.
-constexpr long kManyConnections = 50;
+constexpr long kManyConnections = 42;
 constexpr DWORD kWaitForRoom = 50;
 
 // Raised by the service thread, lowered by each connection's thread at its end.
