@@ -10,7 +10,7 @@ BLOCK = re.compile(r"^ {4}(.*)$|^```.*\n((?:.*\n)*?)```$", re.MULTILINE)
 FOLDERS = "src|sim|tests|tools|docs|examples|fuzz|bench|cmake"
 PATH = re.compile(rf"(?<![\w/.\\])(?:\./)?((?:{FOLDERS})/[\w./*{{}},-]*\w[\w*}}]*|run|test)(?![\w\\])")
 
-PLACEHOLDER = re.compile(r"NAME|failed-SEED")
+STANDS_FOR_MANY = re.compile(r"NAME|failed-SEED")
 
 
 @functools.cache
@@ -65,7 +65,7 @@ def files():
             for path in PATH.findall(piece):
                 options = re.fullmatch(r"(.*)\{(.*)\}(.*)", path)
                 for each in [options[1] + word + options[3] for word in options[2].split(",")] if options else [path]:
-                    if not any(pathlib.Path().glob(PLACEHOLDER.sub("*", each.rstrip("/")))):
+                    if not any(pathlib.Path().glob(STANDS_FOR_MANY.sub("*", each.rstrip("/")))):
                         yield f"{name} names {each}: there is no such file"
 
 
