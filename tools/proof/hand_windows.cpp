@@ -200,8 +200,8 @@ bool HasDesktop() noexcept {
          (flags.dwFlags & WSF_VISIBLE) != 0;
 }
 
-// A user of the kit's own for the run, signed in as if at the console: LocalSystem is no person.
-KernelHandle PersonsToken() {
+// A user of the kit's own for the run, with a new password each time: LocalSystem is no person.
+KernelHandle PersonsToken(DWORD kindOfLogon) {
   std::array<std::uint8_t, 12> random{};
   kiosk::win32::FillRandom(random.data(), random.size());
   std::wstring password = L"Aa1!";
@@ -225,7 +225,7 @@ KernelHandle PersonsToken() {
                             reinterpret_cast<BYTE*>(&member), 1);
   }
   KernelHandle token;
-  LogonUserW(kPerson, L".", password.c_str(), LOGON32_LOGON_INTERACTIVE, LOGON32_PROVIDER_DEFAULT, token.Put());
+  LogonUserW(kPerson, L".", password.c_str(), kindOfLogon, LOGON32_PROVIDER_DEFAULT, token.Put());
   SecureZeroMemory(password.data(), password.size() * sizeof(wchar_t));
   return token;
 }
@@ -267,16 +267,23 @@ kioskctl::Answer AskAsPerson(const Value& request) {
     return AskService(request);
   }
   kioskctl::Answer answer{.outcome = kioskctl::Outcome::kNotAllowed, .reply = {}};
-  AsSecondUser([&] { answer = AskService(request); });
+  AsSecondUser(true, [&] { answer = AskService(request); });
   return answer;
 }
 
-bool AsSecondUser(const std::function<void()>& action) {
+std::optional<kioskctl::Answer> AskAsSystem(const Value& request) {
+  return IsMember(L"S-1-5-18") ? std::optional(AskService(request)) : std::nullopt;
+}
+
+bool AsSecondUser(bool interactive, const std::function<void()>& action) {
   // Wine knows no other user.
   if (contract::ThisPlatform() != contract::Platform::kWindows) {
     return false;
   }
-  static const HANDLE token = PersonsToken().Release();  // for the rest of this process
+  // For the rest of this process.
+  static const HANDLE atConsole = PersonsToken(LOGON32_LOGON_INTERACTIVE).Release();
+  static const HANDLE fromNetwork = PersonsToken(LOGON32_LOGON_NETWORK).Release();
+  const HANDLE token = interactive ? atConsole : fromNetwork;
   if (token == nullptr || ImpersonateLoggedOnUser(token) == 0) {
     return false;
   }

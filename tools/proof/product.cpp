@@ -6,6 +6,7 @@
 #include "tools/proof/hand.h"
 #include "tools/proof/services.h"
 #include "win32/folder_entries.h"
+#include "win32/wide_text.h"
 
 #include <utility>
 
@@ -23,6 +24,16 @@ constexpr DWORD kStopLimit = 60'000;
 
 Ran RunProduct(const wchar_t* option) { return RunProgram(L"\"" + ProductProgram() + L"\" " + option, kProgramLimit); }
 
+Value Request(const char* command) {
+  Value request = Value::Object();
+  request.Set("cmd", command);
+  return request;
+}
+
+std::wstring Error(const Value& reply) {
+  return kiosk::win32::ToWide(reply.IsNull() ? "no reply" : Member(reply, "error").text());
+}
+
 kioskctl::Answer AskService(const Value& request) {
   return kioskctl::Ask(kiosk::text::Secret(kiosk::json::Serialise(request)), kioskctl::kPairWait);
 }
@@ -33,11 +44,7 @@ Value AskProduct(Value request) {
   return answer.outcome == kioskctl::Outcome::kReply ? std::move(answer.reply) : Value();
 }
 
-Value AskProduct(const char* command) {
-  Value request = Value::Object();
-  request.Set("cmd", command);
-  return AskProduct(std::move(request));
-}
+Value AskProduct(const char* command) { return AskProduct(Request(command)); }
 
 DWORD ProductProcess() {
   const ServiceHandle service = OpenExisting(kiosk::service::kServiceName, SERVICE_QUERY_STATUS);

@@ -16,6 +16,11 @@ inline std::wstring ProductProgram() { return BesideKit(L"NorvaneKiosk.exe"); }
 // "--install", "--uninstall".
 Ran RunProduct(const wchar_t* option);
 
+// {"cmd": command}
+kiosk::json::Value Request(const char* command);
+// The "error" of a reply; "no reply" of null.
+std::wstring Error(const kiosk::json::Value& reply);
+
 // Asks the service in this process's name.
 kioskctl::Answer AskService(const kiosk::json::Value& request);
 // The service's reply to a person at the computer; null when there is none.
