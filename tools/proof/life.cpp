@@ -34,14 +34,11 @@ constexpr DWORD kStopUnderWine = 20'000;  // it cannot end a wait for headers fr
 
 Portal& ThePortal() { return TheRun().ThePortal(); }
 
-// Waits for a service that is just starting.
 bool Is(const char* member) {
-  Value status;
-  const bool answered = Within(kSoon, [&] { return (status = AskProduct("status")).IsObject(); });
-  if (!answered) {
+  if (!Answers()) {
     Asked::CannotRun("the service does not answer");
   }
-  return Member(status, member).boolean();
+  return Member(AskProduct("status"), member).boolean();
 }
 
 void NeedRestarts() {
@@ -86,7 +83,7 @@ void Install(Asked& asked) {
   const Ran ran = RunProduct(L"--install");
   asked.Same("--install ends with", ran.exitCode, 0);
   asked.True("it says \"NorvaneKiosk installed\"", ran.output.find("NorvaneKiosk installed") != std::string::npos);
-  asked.True("the service answers within a minute", Within(kSoon, [] { return AskProduct("status").IsObject(); }));
+  asked.True("the service answers within a minute", Answers());
 }
 
 void Configuration(Asked& asked) {
@@ -321,8 +318,20 @@ constexpr Step kLater[] = {
 
 }  // namespace
 
-extern const std::span<const Step> kFirstSteps, kLaterSteps;
 const std::span<const Step> kFirstSteps{kFirst};
 const std::span<const Step> kLaterSteps{kLater};
+
+// Each step finds what those before it left.
+const std::vector<Step>& Steps() {
+  static const auto* const all = [] {
+    auto* const steps = new std::vector<Step>;
+    for (const std::span<const Step>& part :
+         {kPlantedSteps, kFirstSteps, kKioskSteps, kProtectionSteps, kSignatureSteps, kLaterSteps}) {
+      steps->insert(steps->end(), part.begin(), part.end());
+    }
+    return steps;
+  }();
+  return *all;
+}
 
 }  // namespace proof

@@ -44,16 +44,15 @@ Value AskProduct(Value request) {
   return answer.outcome == kioskctl::Outcome::kReply ? std::move(answer.reply) : Value();
 }
 
-Value AskProduct(const char* command) { return AskProduct(Request(command)); }
-
-DWORD ProductProcess() {
-  const ServiceHandle service = OpenExisting(kiosk::service::kServiceName, SERVICE_QUERY_STATUS);
-  return service ? ProcessOf(service.Get()) : 0;
+bool Answers() {
+  return Within(kSoon, [] { return AskProduct("status").IsObject(); });
 }
 
+Value AskProduct(const char* command) { return AskProduct(Request(command)); }
+
 DWORD StopProduct() {
-  const ServiceHandle service = OpenExisting(kiosk::service::kServiceName, SERVICE_STOP | SERVICE_QUERY_STATUS);
-  const KernelHandle process(service ? OpenProcess(SYNCHRONIZE, FALSE, ProcessOf(service.Get())) : nullptr);
+  const ServiceHandle service = OpenExisting(kiosk::service::kServiceName, SERVICE_STOP);
+  const KernelHandle process(OpenProcess(SYNCHRONIZE, FALSE, ProductProcess()));
   const ULONGLONG begun = GetTickCount64();
   SERVICE_STATUS status{};
   if (!process || ControlService(service.Get(), SERVICE_CONTROL_STOP, &status) == 0 ||
@@ -65,14 +64,11 @@ DWORD StopProduct() {
 
 bool StartProduct() {
   const ServiceHandle service = OpenExisting(kiosk::service::kServiceName, SERVICE_START);
+  const auto started = [&] {
+    return StartServiceW(service.Get(), 0, nullptr) != 0 || GetLastError() == ERROR_SERVICE_ALREADY_RUNNING;
+  };
   // The service manager may take a moment to see that the process has ended.
-  return service &&
-         Within(kSoon,
-                [&] {
-                  return StartServiceW(service.Get(), 0, nullptr) != 0 ||
-                         GetLastError() == ERROR_SERVICE_ALREADY_RUNNING;
-                }) &&
-         Within(kSoon, [] { return AskProduct("status").IsObject(); });
+  return service && Within(kSoon, started) && Answers();
 }
 
 std::string ProductLog() {

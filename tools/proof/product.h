@@ -26,6 +26,8 @@ kioskctl::Answer AskService(const kiosk::json::Value& request);
 // The service's reply to a person at the computer; null when there is none.
 kiosk::json::Value AskProduct(kiosk::json::Value request);
 kiosk::json::Value AskProduct(const char* command);
+// Whether the service, which may be just starting, replies to a person at all.
+bool Answers();
 
 // Stops the service and waits for its process to end. Milliseconds; INFINITE: it did not end in time.
 DWORD StopProduct();
@@ -33,7 +35,7 @@ DWORD StopProduct();
 bool StartProduct();
 bool RestartProduct();
 // The process of the running service; 0: it does not run.
-DWORD ProductProcess();
+inline DWORD ProductProcess() { return kioskctl::QueryService().process; }
 
 // All that it has logged.
 std::string ProductLog();

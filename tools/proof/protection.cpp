@@ -118,37 +118,42 @@ void NeedSecondUser(bool done) {
 
 // What a plain user is refused, and what he is not.
 void SecondUser(Asked& asked) {
-  struct {
-    LSTATUS state;
-    DWORD list, log, pipe, install, read, write;
-  } answers{};
   const auto file = [](const std::wstring& path, DWORD access) {
     const FileHandle opened(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                         nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     return opened ? ERROR_SUCCESS : GetLastError();
   };
-  const std::wstring record = std::wstring(kiosk::state::kBrandingFolder) + L"\\branding.json";
-  const bool done = hand::AsSecondUser(true, [&] {
-    kiosk::win32::RegistryKey key;
-    answers.state = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kiosk::state::kStateKey, 0, KEY_READ, key.Put());
-    answers.list = file(kiosk::state::kMakerFolder, FILE_LIST_DIRECTORY);
-    answers.log = file(kiosk::state::kLogRoot, FILE_LIST_DIRECTORY);
-    answers.read = file(record, GENERIC_READ);
-    answers.write = file(record, GENERIC_WRITE);
-    const FileHandle pipe(CreateNamedPipeW(kiosk::pipe::kPipeName, PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE,
+  const auto pipe = [] {
+    const FileHandle made(CreateNamedPipeW(kiosk::pipe::kPipeName, PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE,
                                            PIPE_UNLIMITED_INSTANCES, 0, 0, 0, nullptr));
-    answers.pipe = pipe ? ERROR_SUCCESS : GetLastError();
+    return made ? ERROR_SUCCESS : GetLastError();
+  };
+  const auto service = [] {
     const kiosk::win32::ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE));
-    answers.install = manager ? ERROR_SUCCESS : GetLastError();
-  });
-  NeedSecondUser(done);
-  asked.Same("the state key", answers.state, ERROR_ACCESS_DENIED);
-  asked.Same("the maker's folder", answers.list, ERROR_ACCESS_DENIED);
-  asked.Same("the logs", answers.log, ERROR_ACCESS_DENIED);
-  asked.Same("the service's pipe", answers.pipe, ERROR_ACCESS_DENIED);
-  asked.Same("making a service", answers.install, ERROR_ACCESS_DENIED);
-  asked.Same("reading the branding", answers.read, ERROR_SUCCESS);
-  asked.Same("writing it", answers.write, ERROR_ACCESS_DENIED);
+    return manager ? ERROR_SUCCESS : GetLastError();
+  };
+  const auto key = [](const wchar_t* path) {
+    kiosk::win32::RegistryKey opened;
+    return static_cast<DWORD>(RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ, opened.Put()));
+  };
+  const std::wstring record = std::wstring(kiosk::state::kBrandingFolder) + L"\\branding.json";
+  struct Answer {
+    const char* what;
+    DWORD answer, promise;
+  };
+  std::vector<Answer> answers;
+  NeedSecondUser(hand::AsSecondUser(true, [&] {
+    answers = {{"the state key", key(kiosk::state::kStateKey), ERROR_ACCESS_DENIED},
+               {"the maker's folder", file(kiosk::state::kMakerFolder, FILE_LIST_DIRECTORY), ERROR_ACCESS_DENIED},
+               {"the logs", file(kiosk::state::kLogRoot, FILE_LIST_DIRECTORY), ERROR_ACCESS_DENIED},
+               {"the service's pipe", pipe(), ERROR_ACCESS_DENIED},
+               {"making a service", service(), ERROR_ACCESS_DENIED},
+               {"reading the branding", file(record, GENERIC_READ), ERROR_SUCCESS},
+               {"writing it", file(record, GENERIC_WRITE), ERROR_ACCESS_DENIED}};
+  }));
+  for (const Answer& each : answers) {
+    asked.Same(each.what, each.answer, each.promise);
+  }
 }
 
 void FromNetwork(Asked& asked) {
@@ -260,7 +265,6 @@ constexpr Step kRows[] = {
 
 }  // namespace
 
-extern const std::span<const Step> kPlantedSteps, kProtectionSteps;
 const std::span<const Step> kPlantedSteps{kPlanted};
 const std::span<const Step> kProtectionSteps{kRows};
 
