@@ -35,10 +35,11 @@ constexpr DWORD kStopUnderWine = 20'000;  // it cannot end a wait for headers fr
 Portal& ThePortal() { return TheRun().ThePortal(); }
 
 bool Is(const char* member) {
-  if (!Answers()) {
+  const Value status = AwaitStatus();
+  if (!status.IsObject()) {
     Asked::CannotRun("the service does not answer");
   }
-  return Member(AskProduct("status"), member).boolean();
+  return Member(status, member).boolean();
 }
 
 void NeedRestarts() {
@@ -83,7 +84,7 @@ void Install(Asked& asked) {
   const Ran ran = RunProduct(L"--install");
   asked.Same("--install ends with", ran.exitCode, 0);
   asked.True("it says \"NorvaneKiosk installed\"", ran.output.find("NorvaneKiosk installed") != std::string::npos);
-  asked.True("the service answers within a minute", Answers());
+  asked.True("the service answers within a minute", AwaitStatus().IsObject());
 }
 
 void Configuration(Asked& asked) {

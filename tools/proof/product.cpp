@@ -44,11 +44,13 @@ Value AskProduct(Value request) {
   return answer.outcome == kioskctl::Outcome::kReply ? std::move(answer.reply) : Value();
 }
 
-bool Answers() {
-  return Within(kSoon, [] { return AskProduct("status").IsObject(); });
-}
-
 Value AskProduct(const char* command) { return AskProduct(Request(command)); }
+
+Value AwaitStatus() {
+  Value status;
+  Within(kSoon, [&] { return (status = AskProduct("status")).IsObject(); });
+  return status;
+}
 
 DWORD StopProduct() {
   const ServiceHandle service = OpenExisting(kiosk::service::kServiceName, SERVICE_STOP);
@@ -68,7 +70,7 @@ bool StartProduct() {
     return StartServiceW(service.Get(), 0, nullptr) != 0 || GetLastError() == ERROR_SERVICE_ALREADY_RUNNING;
   };
   // The service manager may take a moment to see that the process has ended.
-  return service && Within(kSoon, started) && Answers();
+  return service && Within(kSoon, started) && AwaitStatus().IsObject();
 }
 
 std::string ProductLog() {

@@ -26,8 +26,8 @@ kioskctl::Answer AskService(const kiosk::json::Value& request);
 // The service's reply to a person at the computer; null when there is none.
 kiosk::json::Value AskProduct(kiosk::json::Value request);
 kiosk::json::Value AskProduct(const char* command);
-// Whether the service, which may be just starting, replies to a person at all.
-bool Answers();
+// The reply to "status" of a service that may be just starting; null when there is none within a minute.
+kiosk::json::Value AwaitStatus();
 
 // Stops the service and waits for its process to end. Milliseconds; INFINITE: it did not end in time.
 DWORD StopProduct();

@@ -103,7 +103,7 @@ void Folders(Asked& asked) {
              L"O:BAD:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)");
 }
 
-// Windows has made the rights to files of the generic ones, Wine keeps them as they were given.
+// Of the generic rights that the service gives Windows makes those to files; Wine leaves them as they are.
 void PipeList(Asked& asked) {
   const bool mapped = contract::ThisPlatform() == Platform::kWindows;
   asked.Same("its list", SecurityOf(kiosk::pipe::kPipeName, DACL_SECURITY_INFORMATION),
@@ -118,23 +118,10 @@ void NeedSecondUser(bool done) {
 
 // What a plain user is refused, and what he is not.
 void SecondUser(Asked& asked) {
-  const auto file = [](const std::wstring& path, DWORD access) {
-    const FileHandle opened(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-                                        nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
-    return opened ? ERROR_SUCCESS : GetLastError();
-  };
-  const auto pipe = [] {
-    const FileHandle made(CreateNamedPipeW(kiosk::pipe::kPipeName, PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE,
-                                           PIPE_UNLIMITED_INSTANCES, 0, 0, 0, nullptr));
-    return made ? ERROR_SUCCESS : GetLastError();
-  };
-  const auto service = [] {
-    const kiosk::win32::ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE));
-    return manager ? ERROR_SUCCESS : GetLastError();
-  };
-  const auto key = [](const wchar_t* path) {
-    kiosk::win32::RegistryKey opened;
-    return static_cast<DWORD>(RegOpenKeyExW(HKEY_LOCAL_MACHINE, path, 0, KEY_READ, opened.Put()));
+  const auto error = [](const auto& opened) { return opened ? ERROR_SUCCESS : GetLastError(); };
+  const auto file = [&](const std::wstring& path, DWORD access) {
+    return error(FileHandle(CreateFileW(path.c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                                        nullptr, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr)));
   };
   const std::wstring record = std::wstring(kiosk::state::kBrandingFolder) + L"\\branding.json";
   struct Answer {
@@ -143,13 +130,18 @@ void SecondUser(Asked& asked) {
   };
   std::vector<Answer> answers;
   NeedSecondUser(hand::AsSecondUser(true, [&] {
-    answers = {{"the state key", key(kiosk::state::kStateKey), ERROR_ACCESS_DENIED},
+    kiosk::win32::RegistryKey key;
+    const LSTATUS state = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kiosk::state::kStateKey, 0, KEY_READ, key.Put());
+    const FileHandle pipe(CreateNamedPipeW(kiosk::pipe::kPipeName, PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE,
+                                           PIPE_UNLIMITED_INSTANCES, 0, 0, 0, nullptr));
+    answers = {{"the service's pipe", error(pipe), ERROR_ACCESS_DENIED},
+               {"the state key", static_cast<DWORD>(state), ERROR_ACCESS_DENIED},
                {"the maker's folder", file(kiosk::state::kMakerFolder, FILE_LIST_DIRECTORY), ERROR_ACCESS_DENIED},
                {"the logs", file(kiosk::state::kLogRoot, FILE_LIST_DIRECTORY), ERROR_ACCESS_DENIED},
-               {"the service's pipe", pipe(), ERROR_ACCESS_DENIED},
-               {"making a service", service(), ERROR_ACCESS_DENIED},
                {"reading the branding", file(record, GENERIC_READ), ERROR_SUCCESS},
                {"writing it", file(record, GENERIC_WRITE), ERROR_ACCESS_DENIED}};
+    const kiosk::win32::ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE));
+    answers.push_back({"making a service", error(manager), ERROR_ACCESS_DENIED});
   }));
   for (const Answer& each : answers) {
     asked.Same(each.what, each.answer, each.promise);

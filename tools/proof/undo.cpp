@@ -10,7 +10,6 @@
 #include "win32/owners.h"
 #include "win32/privilege.h"
 #include "win32/secure_folder.h"
-#include "win32/security.h"
 #include "win32/wide_text.h"
 
 #include <userenv.h>
@@ -48,10 +47,9 @@ bool UndoValue(const Value& entry, const std::wstring& name) {
     RemoveEmptyKeys(key, kiosk::win32::ToWide(Member(entry, "made").text()));
     return error == ERROR_SUCCESS || error == ERROR_FILE_NOT_FOUND;
   }
-  const std::vector<BYTE> bytes = Bytes(Member(entry, "bytes").text());
-  return RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), name.c_str(),
-                         static_cast<DWORD>(Member(entry, "type").number()), bytes.data(),
-                         static_cast<DWORD>(bytes.size())) == ERROR_SUCCESS;
+  return kiosk::state::WriteValue(
+      key.c_str(), name.c_str(),
+      {static_cast<DWORD>(Member(entry, "type").number()), Bytes(Member(entry, "bytes").text())});
 }
 
 bool UndoUser(const std::wstring& name) {
