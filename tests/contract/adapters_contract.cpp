@@ -260,14 +260,18 @@ void GatewaysAreCleared(Asked& asked) {
   asked.True("nor does it come back with a restart", KeptGateway(adapter.Name()) != kGateway);
 }
 
-// "EnableDHCP method": it does not clear static gateways.
+// "EnableDHCP method": it does not clear static gateways. Whether the route over one stays in force no page says.
 void DhcpKeepsGateways(Asked& asked) {
   const ComApartment apartment;
   const SpareAdapter adapter;
   Configuration configuration(adapter.Name());
   asked.OneOf("EnableStatic", configuration.EnableStatic(kAddress), {0, 1});
   asked.OneOf("SetGateways", configuration.Call(L"SetGateways", {{L"DefaultIPGateway", kGateway}}), {0, 1});
+  const NET_LUID luid = LuidOf(adapter.Name());
+  asked.True("the route", Within10s([&] { return HasRoute(luid, kGatewayNumber); }));
   asked.OneOf("EnableDHCP", configuration.Call(L"EnableDHCP"), {0, 1});
+  asked.True("the address goes", Within10s([&] { return !HasAddress(adapter.Name(), kAddress); }));
+  asked.Tells("the route stays", HasRoute(luid, kGatewayNumber) ? 1 : 0);
   asked.Same("the gateway in the registry", KeptGateway(adapter.Name()), kGateway);
 }
 

@@ -12,6 +12,12 @@ namespace contract {
 
 bool IsSimulated() noexcept;
 
+// Makes a plain local user, whose password lasts. A Windows error.
+DWORD AddUser(std::wstring name, std::wstring password);
+
+// Empty, with the last error, when there is no such user.
+std::wstring SidOfUser(const wchar_t* name);
+
 // A local user "NorvaneProofUser" that is there while this lives; CannotRun where none can be made.
 class LocalUser {
  public:

@@ -56,7 +56,7 @@ Result OfInterrupted(const Step& step) {
 
 void PlaySteps() {
   Run& run = TheRun();
-  const std::span<const Step> steps = Steps();
+  const std::vector<Step>& steps = Steps();
   auto next = static_cast<std::size_t>(run.Note("step").number());
   if (run.Note("running").boolean() && next < steps.size()) {
     AddStep(steps[next], OfInterrupted(steps[next]));

@@ -5,6 +5,7 @@
 #include "state/kiosk_state.h"
 #include "state/os_version.h"
 #include "tests/contract/contract.h"
+#include "tests/contract/hand.h"
 #include "tools/proof/files.h"
 #include "tools/proof/hand.h"
 #include "tools/proof/services.h"
@@ -22,10 +23,6 @@ using kiosk::json::Value;
 constexpr wchar_t kVersionKey[] = L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion";
 constexpr ULONGLONG kRoom = ULONGLONG{200} * 1024 * 1024;  // bytes of disk
 
-std::string RegistryText(const wchar_t* key, const wchar_t* name) {
-  return kiosk::win32::ToNarrow(kiosk::state::ReadString(key, name).value_or(L""));
-}
-
 bool KeyExists(const wchar_t* key) noexcept {
   kiosk::win32::RegistryKey open;
   return RegOpenKeyExW(HKEY_LOCAL_MACHINE, key, 0, KEY_READ, open.Put()) == ERROR_SUCCESS;
@@ -34,13 +31,6 @@ bool KeyExists(const wchar_t* key) noexcept {
 bool RestartIsPending() noexcept {
   return KeyExists(L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\WindowsUpdate\\Auto Update\\RebootRequired") ||
          KeyExists(L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Component Based Servicing\\RebootPending");
-}
-
-bool KioskUserIsThere() {
-  BYTE* raw = nullptr;
-  const NET_API_STATUS status = NetUserGetInfo(nullptr, kiosk::enrolment::kKioskUser, 23, &raw);
-  const kiosk::win32::NetBuffer owned(raw);
-  return status == NERR_Success;
 }
 
 // Why this is nobody's disposable computer; null when it looks like one.
@@ -67,7 +57,7 @@ Value Head(const std::wstring& product) {
   head.Set("product", bytes ? kiosk::win32::Sha256Hex(*bytes) : "not beside the kit");
   head.Set("platform", contract::Name(contract::ThisPlatform()));
   head.Set("windows", kiosk::state::OsVersionText());
-  head.Set("edition", RegistryText(kVersionKey, L"EditionID"));
+  head.Set("edition", kiosk::win32::ToNarrow(kiosk::state::ReadString(kVersionKey, L"EditionID").value_or(L"")));
   head.Set("language", kiosk::win32::ToNarrow(language));
   head.Set("virtual", traits.isVirtual);
   head.Set("joined", traits.inDomain);
@@ -83,24 +73,24 @@ std::string WhyNotHere(bool named, const std::wstring& product) {
   if (traits.noRights != ERROR_SUCCESS) {
     return "this needs an administrator's rights (" + std::to_string(traits.noRights) + ")";
   }
-  if (!IsThere(product)) {
-    return "there is no NorvaneKiosk.exe beside the kit";
-  }
-  if (kiosk::state::TokenIsStored()) {
-    return "this computer is paired with a portal; it is somebody's terminal";
-  }
-  if (OpenExisting(kiosk::service::kServiceName, SERVICE_QUERY_STATUS)) {
-    return "the service NorvaneKiosk is installed here already; uninstall it first";
-  }
-  if (KioskUserIsThere()) {
-    return "there is a user NorvaneKiosk already";
-  }
-  if (RestartIsPending()) {
-    return "Windows waits for a restart; restart it first";
-  }
   ULARGE_INTEGER room{};
-  if (GetDiskFreeSpaceExW(L"C:\\", &room, nullptr, nullptr) != 0 && room.QuadPart < kRoom) {
-    return "the disk is full: less than 200 MB are free";
+  const struct {
+    bool is;
+    const char* why;
+  } kReasons[] = {
+      {!IsThere(product), "there is no NorvaneKiosk.exe beside the kit"},
+      {kiosk::state::TokenIsStored(), "this computer is paired with a portal; it is somebody's terminal"},
+      {static_cast<bool>(OpenExisting(kiosk::service::kServiceName, SERVICE_QUERY_STATUS)),
+       "the service NorvaneKiosk is installed here already; uninstall it first"},
+      {!contract::SidOfUser(kiosk::enrolment::kKioskUser).empty(), "there is a user NorvaneKiosk already"},
+      {RestartIsPending(), "Windows waits for a restart; restart it first"},
+      {GetDiskFreeSpaceExW(L"C:\\", &room, nullptr, nullptr) != 0 && room.QuadPart < kRoom,
+       "the disk is full: less than 200 MB are free"},
+  };
+  for (const auto& each : kReasons) {
+    if (each.is) {
+      return each.why;
+    }
   }
   const char* const needed = named ? nullptr : WhyNeeded(traits);
   return needed != nullptr ? std::string(needed) + "; if nobody needs it, type its name: --computer NAME"

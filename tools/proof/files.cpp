@@ -1,5 +1,6 @@
 #include "tools/proof/files.h"
 
+#include "json/parse.h"
 #include "text/text.h"
 #include "win32/handle.h"
 #include "win32/program_path.h"
@@ -45,6 +46,10 @@ std::optional<std::string> ReadFileText(const std::wstring& path) {
   const FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                     nullptr, OPEN_EXISTING, 0, nullptr));
   return file ? std::optional(Content(file.Get())) : std::nullopt;
+}
+
+kiosk::json::Value ReadJson(const std::wstring& path) {
+  return kiosk::json::Parse(ReadFileText(path).value_or("")).value_or(kiosk::json::Value());
 }
 
 bool ReplaceFileText(const std::wstring& path, const std::string& text) {

@@ -1,6 +1,7 @@
 // Files of the kit, each durable before the function returns: the next call may end Windows. And programs that it runs.
 #pragma once
 
+#include "json/value.h"
 #include "win32/winapi.h"
 
 #include <cstdint>
@@ -13,6 +14,9 @@ namespace proof {
 
 // Empty when it is not there or cannot be read; the last error says which.
 std::optional<std::string> ReadFileText(const std::wstring& path);
+
+// What is in a file of JSON; null when that cannot be told.
+kiosk::json::Value ReadJson(const std::wstring& path);
 
 // Puts the text in the place of the whole file, which is never half there. False with the last error.
 bool ReplaceFileText(const std::wstring& path, const std::string& text);

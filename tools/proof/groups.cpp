@@ -3,7 +3,6 @@
 #include "json/parse.h"
 #include "json/serialise.h"
 #include "tools/proof/files.h"
-#include "tools/proof/snapshot.h"
 #include "win32/console.h"
 #include "win32/program_path.h"
 #include "win32/wide_text.h"
@@ -31,25 +30,24 @@ std::string HowItEnded(const Ran& ran) {
 
 }  // namespace
 
-const contract::Group* FindGroup(const std::string& name) {
+bool AskGroup(const std::string& name) {
   const auto groups = contract::Groups();
-  const auto found =
+  const auto group =
       std::find_if(groups.begin(), groups.end(), [&](const contract::Group* each) { return name == each->name; });
-  return found != groups.end() ? *found : nullptr;
-}
-
-void AskGroup(const contract::Group& group) {
-  for (const contract::Case& each : group.cases) {
+  if (group == groups.end()) {
+    return false;
+  }
+  for (const contract::Case& each : (*group)->cases) {
     const Result result = each.Run();
     Value line = Value::Object();
     line.Set("verdict", static_cast<int>(result.verdict));
     line.Set("why", result.why);
     kiosk::win32::Print(kiosk::json::Serialise(line) + "\n");
   }
+  return true;
 }
 
-void RunGroup(const contract::Group& group,
-              const std::function<void(const contract::Case& each, const Result& answer)>& take) {
+std::vector<Result> AnswersOf(const contract::Group& group) {
   const Ran ran = RunProgram(
       L"\"" + kiosk::win32::ProgramPath() + L"\" --group \"" + kiosk::win32::ToWide(group.name) + L"\"", kGroupLimit);
   std::vector<Result> answers;
@@ -62,9 +60,7 @@ void RunGroup(const contract::Group& group,
   }
   answers.resize(std::min(answers.size(), group.cases.size()));
   answers.resize(group.cases.size(), {Verdict::kCouldNotRun, HowItEnded(ran)});
-  for (std::size_t i = 0; i < answers.size(); ++i) {
-    take(group.cases[i], answers[i]);
-  }
+  return answers;
 }
 
 }  // namespace proof

@@ -3,19 +3,16 @@
 
 #include "tests/contract/contract.h"
 
-#include <functional>
 #include <string>
+#include <vector>
 
 namespace proof {
 
-// Null when there is no such group.
-const contract::Group* FindGroup(const std::string& name);
+// In the child: asks each case of the group and prints a line, which AnswersOf reads, before the next begins. False
+// when there is no such group.
+bool AskGroup(const std::string& name);
 
-// In the child: asks each case of the group and prints a line, which RunGroup reads, before the next begins.
-void AskGroup(const contract::Group& group);
-
-// In the parent: the answers in their order. What the process did not come to could not run.
-void RunGroup(const contract::Group& group,
-              const std::function<void(const contract::Case& each, const contract::Result& answer)>& take);
+// In the parent: the answers to the group's cases. What the process did not come to could not run.
+std::vector<contract::Result> AnswersOf(const contract::Group& group);
 
 }  // namespace proof

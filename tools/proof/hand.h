@@ -32,8 +32,12 @@ kioskctl::Answer AskAsPerson(const kiosk::json::Value& request);
 // Asks as the kiosk account in its own session; whether the service answered "ok". Empty: it has no session.
 std::optional<bool> AskAsKiosk(const kiosk::json::Value& request);
 
-// Does it as a plain user of the kit's own, whose rights Windows judges. False when there is nobody who could.
-bool AsSecondUser(const std::function<void()>& action);
+// Asks as LocalSystem, which is not signed in interactively. Empty: nobody here is.
+std::optional<kioskctl::Answer> AskAsSystem(const kiosk::json::Value& request);
+
+// Does it as a plain user of the kit's own, whose rights Windows judges, signed in interactively or as from the
+// network. False when there is nobody who could.
+bool AsSecondUser(bool interactive, const std::function<void()>& action);
 
 // The computer restarts, because the product asked for it or because this does. True once Windows is up again; a real
 // Windows ends this process first, and the agent goes on by itself. False when no restart came.

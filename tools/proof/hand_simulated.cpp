@@ -31,6 +31,15 @@ std::string Masked(const std::string& line) {
   return line;
 }
 
+// What the service takes this process for while it asks.
+kioskctl::Answer AskAs(const sim::PipeCaller& caller, const kiosk::json::Value& request) {
+  const DWORD self = GetCurrentProcessId();
+  sim::SetPipeCaller(caller, self);
+  kioskctl::Answer answer = AskService(request);
+  sim::ForgetArea(L"Callers\\" + std::to_wstring(self));
+  return answer;
+}
+
 }  // namespace
 
 // As the area "Computer" has it, which is empty for one that nobody needs.
@@ -61,15 +70,16 @@ std::optional<bool> AskAsKiosk(const kiosk::json::Value& request) {
   if (!kiosk || sim::SessionOf(kiosk->sid) == 0) {
     return std::nullopt;
   }
-  const DWORD self = GetCurrentProcessId();
-  sim::SetPipeCaller({.user = kKiosk}, self);
-  const kioskctl::Answer answer = AskService(request);
-  sim::ForgetArea(L"Callers\\" + std::to_wstring(self));
+  const kioskctl::Answer answer = AskAs({.user = kKiosk}, request);
   return answer.outcome == kioskctl::Outcome::kReply && kiosk::json::Member(answer.reply, "ok").boolean();
 }
 
+std::optional<kioskctl::Answer> AskAsSystem(const kiosk::json::Value& request) {
+  return AskAs({.user = sim::kSystemSid, .interactive = false}, request);
+}
+
 // Nobody's rights to files and keys are judged.
-bool AsSecondUser(const std::function<void()>& /*action*/) { return false; }
+bool AsSecondUser(bool /*interactive*/, const std::function<void()>& /*action*/) { return false; }
 
 bool Restart(bool byProduct) {
   if (byProduct && !Within(kRestartTime, [] { return sim::PendingShutdown().has_value(); })) {

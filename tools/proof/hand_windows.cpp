@@ -8,6 +8,7 @@
 #include "json/serialise.h"
 #include "power/active_scheme.h"
 #include "tests/contract/contract.h"
+#include "tests/contract/hand.h"
 #include "tools/proof/computer.h"
 #include "tools/proof/journal.h"
 #include "tools/proof/product.h"
@@ -139,18 +140,14 @@ void AddAdapters(Lines& lines) {
   for (const IP_ADAPTER_ADDRESSES* adapter = first; adapter != nullptr; adapter = adapter->Next) {
     std::string line = "adapter " + std::string(adapter->AdapterName) + " dhcp " +
                        std::to_string((adapter->Flags & IP_ADAPTER_DHCP_ENABLED) != 0 ? 1 : 0);
-    const auto add = [&line](const SOCKET_ADDRESS& address) {
-      line += " " + std::to_string(reinterpret_cast<const sockaddr_in*>(address.lpSockaddr)->sin_addr.s_addr);
+    const auto add = [&line](const auto* each) {
+      for (; each != nullptr; each = each->Next) {
+        line += " " + std::to_string(reinterpret_cast<const sockaddr_in*>(each->Address.lpSockaddr)->sin_addr.s_addr);
+      }
     };
-    for (const auto* each = adapter->FirstUnicastAddress; each != nullptr; each = each->Next) {
-      add(each->Address);
-    }
-    for (const auto* each = adapter->FirstGatewayAddress; each != nullptr; each = each->Next) {
-      add(each->Address);
-    }
-    for (const auto* each = adapter->FirstDnsServerAddress; each != nullptr; each = each->Next) {
-      add(each->Address);
-    }
+    add(adapter->FirstUnicastAddress);
+    add(adapter->FirstGatewayAddress);
+    add(adapter->FirstDnsServerAddress);
     lines.push_back(line);
   }
 }
@@ -200,32 +197,26 @@ bool HasDesktop() noexcept {
          (flags.dwFlags & WSF_VISIBLE) != 0;
 }
 
-// A user of the kit's own for the run, signed in as if at the console: LocalSystem is no person.
-KernelHandle PersonsToken() {
+// A user of the kit's own for the run, with a new password each time: LocalSystem is no person.
+KernelHandle PersonsToken(DWORD kindOfLogon) {
   std::array<std::uint8_t, 12> random{};
   kiosk::win32::FillRandom(random.data(), random.size());
   std::wstring password = L"Aa1!";
   for (const std::uint8_t byte : random) {
     password += static_cast<wchar_t>(L'a' + byte % 26);
   }
-  std::wstring name = kPerson;
   USER_INFO_1003 change{password.data()};
   if (NetUserSetInfo(nullptr, kPerson, 1003, reinterpret_cast<BYTE*>(&change), nullptr) == NERR_UserNotFound &&
       NoteUser(kPerson)) {
-    USER_INFO_1 user{};
-    user.usri1_name = name.data();
-    user.usri1_password = password.data();
-    user.usri1_priv = USER_PRIV_USER;
-    user.usri1_flags = UF_SCRIPT | UF_DONT_EXPIRE_PASSWD;
-    NetUserAdd(nullptr, 1, reinterpret_cast<BYTE*>(&user), nullptr);
+    contract::AddUser(kPerson, password);
     // Signing in is a right of the group Users.
-    const kiosk::win32::LocalMemory sid = kiosk::win32::ParseSid(kiosk::win32::ToWide(SidOf(kPerson)).c_str());
+    const kiosk::win32::LocalMemory sid = kiosk::win32::ParseSid(contract::SidOfUser(kPerson).c_str());
     LOCALGROUP_MEMBERS_INFO_0 member{sid.Get()};
     NetLocalGroupAddMembers(nullptr, kiosk::account::WellKnownGroupName(L"S-1-5-32-545").c_str(), 0,
                             reinterpret_cast<BYTE*>(&member), 1);
   }
   KernelHandle token;
-  LogonUserW(kPerson, L".", password.c_str(), LOGON32_LOGON_INTERACTIVE, LOGON32_PROVIDER_DEFAULT, token.Put());
+  LogonUserW(kPerson, L".", password.c_str(), kindOfLogon, LOGON32_PROVIDER_DEFAULT, token.Put());
   SecureZeroMemory(password.data(), password.size() * sizeof(wchar_t));
   return token;
 }
@@ -267,16 +258,23 @@ kioskctl::Answer AskAsPerson(const Value& request) {
     return AskService(request);
   }
   kioskctl::Answer answer{.outcome = kioskctl::Outcome::kNotAllowed, .reply = {}};
-  AsSecondUser([&] { answer = AskService(request); });
+  AsSecondUser(true, [&] { answer = AskService(request); });
   return answer;
 }
 
-bool AsSecondUser(const std::function<void()>& action) {
+std::optional<kioskctl::Answer> AskAsSystem(const Value& request) {
+  return IsMember(L"S-1-5-18") ? std::optional(AskService(request)) : std::nullopt;
+}
+
+bool AsSecondUser(bool interactive, const std::function<void()>& action) {
   // Wine knows no other user.
   if (contract::ThisPlatform() != contract::Platform::kWindows) {
     return false;
   }
-  static const HANDLE token = PersonsToken().Release();  // for the rest of this process
+  // For the rest of this process.
+  static const HANDLE atConsole = PersonsToken(LOGON32_LOGON_INTERACTIVE).Release();
+  static const HANDLE fromNetwork = PersonsToken(LOGON32_LOGON_NETWORK).Release();
+  const HANDLE token = interactive ? atConsole : fromNetwork;
   if (token == nullptr || ImpersonateLoggedOnUser(token) == 0) {
     return false;
   }

@@ -141,7 +141,7 @@ std::string UndoAll(bool byAgent) {
     const std::string& kind = Member(*entry, "kind").text();
     const std::wstring name = ToWide(Member(*entry, "name").text());
     if (byAgent && name == kAgentService) {
-      MarkServiceToGo(kAgentService);
+      DeleteService(OpenExisting(kAgentService, DELETE).Get());  // it is gone once it has stopped
     } else if (!FindUndo(kind)(*entry, name)) {
       left += (left.empty() ? "" : "; ") + kind + " " + Member(*entry, "name").text() + " is not back yet";
     }

@@ -162,7 +162,6 @@ void PreparePortal(Portal& portal) {
   SYSTEMTIME now;
   GetLocalTime(&now);
   const std::string photo = Photo();
-  const std::string digest = kiosk::win32::Sha256Hex(photo);
   char text[1024];
   // Sleep and updates are far from this run.
   static_cast<void>(std::snprintf(
@@ -173,11 +172,11 @@ void PreparePortal(Portal& portal) {
       R"("updates":{"automatic":true,"window":{"start":"%02d:%02d","end":"%02d:%02d","days":[1,2,3,4,5]}},)"
       R"("branding":{"displayName":"%s","photos":[{"sha256":"%s"}]}})",
       kName, kExitPassword, kScreenOff / 60, (now.wHour + 12) % 24, now.wMinute, (now.wHour + 16) % 24, now.wMinute,
-      (now.wHour + 12) % 24, now.wMinute, (now.wHour + 14) % 24, now.wMinute, kName, digest.c_str()));
+      (now.wHour + 12) % 24, now.wMinute, (now.wHour + 14) % 24, now.wMinute, kName,
+      kiosk::win32::Sha256Hex(photo).c_str()));
   portal.Change([&](Portal::State& state) {
     state.settings = kiosk::json::Parse(text).value_or(Value::Object());
     state.photo = photo;
-    state.photoDigest = digest;
   });
 }
 
@@ -218,7 +217,6 @@ void CheckAutomaticSignIn(Asked& asked) {
       kiosk::state::ReadDword(kiosk::account::kPasswordLessKey, kiosk::account::kPasswordLessVersion).value_or(1), 0);
 }
 
-extern const std::span<const Step> kKioskSteps;
 const std::span<const Step> kKioskSteps{kSteps};
 
 }  // namespace proof

@@ -27,19 +27,16 @@ using kiosk::win32::ServiceHandle;
 using kiosk::win32::ToWide;
 
 constexpr wchar_t kUpdateKey[] = L"SOFTWARE\\Norvane\\Tessaly\\Update";
+constexpr char kWrongPassword[] = "Close Sesame";
 constexpr DWORD kSignIn = 120'000;        // ms from the start of Windows
 constexpr DWORD kQuickStop = 5'000;       // ms
 constexpr DWORD kStopUnderWine = 20'000;  // it cannot end a wait for headers from outside
 
 Portal& ThePortal() { return TheRun().ThePortal(); }
 
-std::wstring Error(const Value& reply) { return ToWide(reply.IsNull() ? "no reply" : Member(reply, "error").text()); }
-
-// Waits for a service that is just starting.
 bool Is(const char* member) {
-  Value status;
-  const bool answered = Within(kSoon, [&] { return (status = AskProduct("status")).IsObject(); });
-  if (!answered) {
+  const Value status = AwaitStatus();
+  if (!status.IsObject()) {
     Asked::CannotRun("the service does not answer");
   }
   return Member(status, member).boolean();
@@ -87,7 +84,7 @@ void Install(Asked& asked) {
   const Ran ran = RunProduct(L"--install");
   asked.Same("--install ends with", ran.exitCode, 0);
   asked.True("it says \"NorvaneKiosk installed\"", ran.output.find("NorvaneKiosk installed") != std::string::npos);
-  asked.True("the service answers within a minute", Within(kSoon, [] { return AskProduct("status").IsObject(); }));
+  asked.True("the service answers within a minute", AwaitStatus().IsObject());
 }
 
 void Configuration(Asked& asked) {
@@ -147,8 +144,7 @@ void Pair(Asked& asked) {
   asked.Same("pair.begin", Error(begun), L"");
   const std::string code = Member(begun, "code").text();
   TheRun().TheReport().Conceal(code);
-  Value check = Value::Object();
-  check.Set("cmd", "pair.check");
+  Value check = Request("pair.check");
   check.Set("code", code);
   const Value waiting = AskProduct(check);
   asked.True("before the code is entered it is not paired",
@@ -207,19 +203,22 @@ void Stop(Asked& asked) {
   }
 }
 
+// Whether the kiosk, in its session, gets what the exit password is asked for.
+bool Takes(const char* command, const std::string& password) {
+  Value request = Request(command);
+  request.Set("password", password);
+  const std::optional<bool> taken = hand::AskAsKiosk(request);
+  if (!taken) {
+    Asked::CannotRun("the kiosk has no session in which it could ask");
+  }
+  return *taken;
+}
+
 void Maintenance(Asked& asked) {
   NeedRestarts();
   NeedAccount();
-  Value request = Value::Object();
-  request.Set("cmd", "maintenance");
-  request.Set("password", "not " + std::string(kExitPassword));
-  const std::optional<bool> wrong = hand::AskAsKiosk(request);
-  if (!wrong) {
-    Asked::CannotRun("the kiosk has no session in which it could ask");
-  }
-  asked.True("a wrong password is refused", !*wrong);
-  request.Set("password", kExitPassword);
-  asked.True("the right one is taken", hand::AskAsKiosk(request).value_or(false));
+  asked.True("a wrong password is refused", !Takes("maintenance", kWrongPassword));
+  asked.True("the right one is taken", Takes("maintenance", kExitPassword));
   asked.True("the kiosk is signed out", Within(kSoon, [] { return KioskSession() == 0; }));
   asked.Same("automatic sign-in",
              kiosk::state::ReadString(kiosk::account::kWinlogonKey, kiosk::account::kAutoAdminLogon).value_or(L""),
@@ -235,6 +234,19 @@ void BackFromMaintenance(Asked& asked) {
   SignedIn(asked);
   asked.True("maintenance is over", Within(kSoon, [] { return !Is("maintenance"); }));
   CheckAutomaticSignIn(asked);
+}
+
+void Unlock(Asked& asked) {
+  NeedRestarts();
+  NeedAccount();
+  asked.True("a wrong password is refused", !Takes("unlock", kWrongPassword));
+  asked.True("the right one is taken", Takes("unlock", kExitPassword));
+  const std::size_t logged = ProductLog().size();
+  for (int wrong = 1; wrong <= 5; ++wrong) {
+    asked.True("a wrong password is refused", !Takes("unlock", kWrongPassword));
+  }
+  asked.True("the log says for how long", ProductLog().find("refusing for 300 s", logged) != std::string::npos);
+  asked.True("the right one is refused as well", !Takes("unlock", kExitPassword));
 }
 
 void Revoked(Asked& asked) {
@@ -295,6 +307,7 @@ constexpr Step kLater[] = {
     {{"life/maintenance", "the exit password makes room for an administrator", Maintenance}},
     {{"life/restart from maintenance", "Windows restarts", RestartFromMaintenance}, Step::kRestarts},
     {{"life/back", "after that the kiosk is back", BackFromMaintenance}},
+    {{"life/unlock", "five wrong passwords shut the settings for five minutes", Unlock}},
     {{"life/revoked", "a terminal that the portal removes leaves kiosk mode", Revoked}},
     {{"life/as before", "and the computer is its owner's again, as it was", AsBefore}},
     {{"life/pair again", "it can be paired once more", Pair}},
@@ -306,8 +319,20 @@ constexpr Step kLater[] = {
 
 }  // namespace
 
-extern const std::span<const Step> kFirstSteps, kLaterSteps;
 const std::span<const Step> kFirstSteps{kFirst};
 const std::span<const Step> kLaterSteps{kLater};
+
+// Each step finds what those before it left.
+const std::vector<Step>& Steps() {
+  static const auto* const all = [] {
+    auto* const steps = new std::vector<Step>;
+    for (const std::span<const Step>& part :
+         {kPlantedSteps, kFirstSteps, kKioskSteps, kProtectionSteps, kSignatureSteps, kLaterSteps}) {
+      steps->insert(steps->end(), part.begin(), part.end());
+    }
+    return steps;
+  }();
+  return *all;
+}
 
 }  // namespace proof

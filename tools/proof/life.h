@@ -20,7 +20,12 @@ struct Step {
   } kind = kStays;
 };
 
-std::span<const Step> Steps();
+// Each file's own.
+extern const std::span<const Step> kPlantedSteps, kFirstSteps, kKioskSteps, kProtectionSteps, kSignatureSteps,
+    kLaterSteps;
+
+// All, in the order in which they are played.
+const std::vector<Step>& Steps();
 
 inline constexpr char kName[] = "Hall 3 – Łódź";
 inline constexpr char kExitPassword[] = "Open Sesame";

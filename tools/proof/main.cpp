@@ -156,18 +156,16 @@ std::string WhyNotNow(const Options& options) {
 // Until the agent has done its part. A restart of Windows ends this process before.
 int Follow(HANDLE agent, const std::wstring& folder) {
   constexpr DWORD kLook = 500;  // ms
-  std::size_t printed = static_cast<std::size_t>(TheRun().TheReport().Lines());
-  for (Report seen(folder); WaitForSingleObject(agent, kLook) == WAIT_TIMEOUT;) {
-    if (seen.GoOn()) {
-      seen.PrintFrom(printed);
-    }
+  Report& report = TheRun().TheReport();
+  while (WaitForSingleObject(agent, kLook) == WAIT_TIMEOUT) {
+    report.GoOn();
+    report.PrintNew();
   }
-  Report report(folder);
   if (!report.GoOn() || !report.IsDone()) {
     return Refuse(LookAtJournal() != JournalState::kNone ? WhyCutShort()
                                                          : "the report is damaged: " + ToNarrow(folder));
   }
-  report.PrintFrom(printed);
+  report.PrintNew();
   Print(report.Summary() + "; the report is in " + ToNarrow(folder) + "\n");
   return ExitCodeOf(report);
 }
@@ -235,14 +233,11 @@ int Main(const std::vector<std::wstring>& words) {
       return AskContract(options);
     case Options::Do::kUndo:
       return Undo();
-    case Options::Do::kGroup: {
-      const contract::Group* const group = FindGroup(ToNarrow(options.argument));
-      if (group == nullptr) {
+    case Options::Do::kGroup:
+      if (!AskGroup(ToNarrow(options.argument))) {
         return Refuse("there is no such group");
       }
-      AskGroup(*group);
       ExitProcess(kNothingBroken);  // with whatever threads a case has left behind
-    }
     case Options::Do::kAgent:
       return ServeAsAgent() ? kNothingBroken : Refuse("only the service manager starts the agent");
     case Options::Do::kAsk:

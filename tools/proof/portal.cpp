@@ -6,7 +6,6 @@
 #include "win32/random.h"
 #include "win32/thread.h"
 
-#include <array>
 #include <string_view>
 #include <utility>
 
@@ -52,21 +51,13 @@ std::string ReadRequest(SOCKET client, std::size_t& bodyAt) {
   return text;
 }
 
-std::string RandomHex() {
-  std::array<std::uint8_t, 24> bytes{};
-  kiosk::win32::FillRandom(bytes.data(), bytes.size());
-  return kiosk::text::Hex(bytes);
-}
-
-std::string RandomCode() {
-  constexpr std::string_view kSigns = "23456789ABCDEFGHJKMNPQRSTUVWXYZ";
-  std::array<std::uint8_t, 8> bytes{};
-  kiosk::win32::FillRandom(bytes.data(), bytes.size());
-  std::string code;
-  for (const std::uint8_t byte : bytes) {
-    code += kSigns[byte % kSigns.size()];
+std::string RandomText(std::size_t length, std::string_view signs) {
+  std::string text(length, '\0');
+  kiosk::win32::FillRandom(text.data(), length);
+  for (char& sign : text) {
+    sign = signs[static_cast<unsigned char>(sign) % signs.size()];
   }
-  return code;
+  return text;
 }
 
 std::string Body(const char* name, const std::string& text) {
@@ -175,7 +166,7 @@ Portal::Reply Portal::Answer(const Request& request) {
   if (request.path == "/api/kiosk/check-in") {
     return CheckIn(request);
   }
-  if (!state_.photoDigest.empty() && request.path == "/api/kiosk/branding/photos/" + state_.photoDigest &&
+  if (request.path == "/api/kiosk/branding/photos/" + kiosk::win32::Sha256Hex(state_.photo) &&
       kiosk::win32::Sha256Hex(request.bearer) == state_.tokenDigest) {
     return {200, state_.photo};
   }
@@ -184,7 +175,7 @@ Portal::Reply Portal::Answer(const Request& request) {
 
 Portal::Reply Portal::AnswerPairing(const Request& request) {
   if (request.method == "POST") {
-    state_.code = RandomCode();
+    state_.code = RandomText(8, "23456789ABCDEFGHJKMNPQRSTUVWXYZ");
     state_.claimed = false;
     return {201, Body("pairingCode", state_.code)};
   }
@@ -194,7 +185,7 @@ Portal::Reply Portal::AnswerPairing(const Request& request) {
   if (!state_.claimed) {
     return {202, "{}"};
   }
-  std::string token = RandomHex();
+  std::string token = RandomText(48, "0123456789abcdef");
   state_.tokenDigest = kiosk::win32::Sha256Hex(token);
   state_.revoked = false;
   state_.code.clear();

@@ -23,7 +23,7 @@ class Portal {
   struct State {
     Mode mode = Mode::kAnswers;
     kiosk::json::Value settings = kiosk::json::Value::Object();  // members of the check-in's reply
-    std::string photo, photoDigest;
+    std::string photo;
     std::string code;         // that was handed out last
     bool claimed = false;     // a person has entered it
     std::string tokenDigest;  // of the token, which the terminal alone has

@@ -6,6 +6,7 @@
 #include "tools/proof/hand.h"
 #include "tools/proof/services.h"
 #include "win32/folder_entries.h"
+#include "win32/wide_text.h"
 
 #include <utility>
 
@@ -23,6 +24,16 @@ constexpr DWORD kStopLimit = 60'000;
 
 Ran RunProduct(const wchar_t* option) { return RunProgram(L"\"" + ProductProgram() + L"\" " + option, kProgramLimit); }
 
+Value Request(const char* command) {
+  Value request = Value::Object();
+  request.Set("cmd", command);
+  return request;
+}
+
+std::wstring Error(const Value& reply) {
+  return kiosk::win32::ToWide(reply.IsNull() ? "no reply" : Member(reply, "error").text());
+}
+
 kioskctl::Answer AskService(const Value& request) {
   return kioskctl::Ask(kiosk::text::Secret(kiosk::json::Serialise(request)), kioskctl::kPairWait);
 }
@@ -33,20 +44,17 @@ Value AskProduct(Value request) {
   return answer.outcome == kioskctl::Outcome::kReply ? std::move(answer.reply) : Value();
 }
 
-Value AskProduct(const char* command) {
-  Value request = Value::Object();
-  request.Set("cmd", command);
-  return AskProduct(std::move(request));
-}
+Value AskProduct(const char* command) { return AskProduct(Request(command)); }
 
-DWORD ProductProcess() {
-  const ServiceHandle service = OpenExisting(kiosk::service::kServiceName, SERVICE_QUERY_STATUS);
-  return service ? ProcessOf(service.Get()) : 0;
+Value AwaitStatus() {
+  Value status;
+  Within(kSoon, [&] { return (status = AskProduct("status")).IsObject(); });
+  return status;
 }
 
 DWORD StopProduct() {
-  const ServiceHandle service = OpenExisting(kiosk::service::kServiceName, SERVICE_STOP | SERVICE_QUERY_STATUS);
-  const KernelHandle process(service ? OpenProcess(SYNCHRONIZE, FALSE, ProcessOf(service.Get())) : nullptr);
+  const ServiceHandle service = OpenExisting(kiosk::service::kServiceName, SERVICE_STOP);
+  const KernelHandle process(OpenProcess(SYNCHRONIZE, FALSE, ProductProcess()));
   const ULONGLONG begun = GetTickCount64();
   SERVICE_STATUS status{};
   if (!process || ControlService(service.Get(), SERVICE_CONTROL_STOP, &status) == 0 ||
@@ -58,14 +66,11 @@ DWORD StopProduct() {
 
 bool StartProduct() {
   const ServiceHandle service = OpenExisting(kiosk::service::kServiceName, SERVICE_START);
+  const auto started = [&] {
+    return StartServiceW(service.Get(), 0, nullptr) != 0 || GetLastError() == ERROR_SERVICE_ALREADY_RUNNING;
+  };
   // The service manager may take a moment to see that the process has ended.
-  return service &&
-         Within(kSoon,
-                [&] {
-                  return StartServiceW(service.Get(), 0, nullptr) != 0 ||
-                         GetLastError() == ERROR_SERVICE_ALREADY_RUNNING;
-                }) &&
-         Within(kSoon, [] { return AskProduct("status").IsObject(); });
+  return service && Within(kSoon, started) && AwaitStatus().IsObject();
 }
 
 std::string ProductLog() {

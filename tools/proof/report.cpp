@@ -1,6 +1,5 @@
 #include "tools/proof/report.h"
 
-#include "json/parse.h"
 #include "json/serialise.h"
 #include "text/text.h"
 #include "tools/proof/files.h"
@@ -43,13 +42,12 @@ std::string Report::Begin(Value head) {
 }
 
 bool Report::GoOn() {
-  const std::optional<std::string> text = ReadFileText(folder_ + L"\\report.json");
-  std::optional<Value> content = text ? kiosk::json::Parse(*text) : std::nullopt;
-  if (!content || !Member(*content, "lines").IsArray()) {
-    return false;
+  Value content = ReadJson(folder_ + L"\\report.json");
+  const bool whole = Member(content, "lines").IsArray();
+  if (whole) {
+    content_ = std::move(content);
   }
-  content_ = std::move(*content);
-  return true;
+  return whole;
 }
 
 void Report::Add(const Line& line) {
@@ -59,10 +57,10 @@ void Report::Add(const Line& line) {
   added.Set("verdict", Name(line.answer.verdict));
   added.Set("asked", line.asked);
   added.Set("answered", Told(line.answer.why));
-  kiosk::win32::Print(TextOf(added));
   Value lines = Member(content_, "lines");
   lines.Append(std::move(added));
   Set("lines", std::move(lines));
+  PrintNew();
 }
 
 void Report::Set(const char* member, Value value) {
@@ -95,8 +93,6 @@ std::string Report::Told(std::string text) const {
   return text;
 }
 
-std::size_t Report::Lines() const { return Member(content_, "lines").items().size(); }
-
 int Report::Count(Verdict verdict) const {
   const std::vector<Value>& lines = Member(content_, "lines").items();
   return static_cast<int>(std::count_if(lines.begin(), lines.end(), [verdict](const Value& line) {
@@ -112,10 +108,10 @@ std::string Report::Summary() const {
   return text;
 }
 
-void Report::PrintFrom(std::size_t& printed) const {
+void Report::PrintNew() {
   const std::vector<Value>& lines = Member(content_, "lines").items();
-  for (; printed < lines.size(); ++printed) {
-    kiosk::win32::Print(TextOf(lines[printed]));
+  for (; printed_ < lines.size(); ++printed_) {
+    kiosk::win32::Print(TextOf(lines[printed_]));
   }
 }
 

@@ -35,12 +35,11 @@ class Report {
 
   // The run came to its end.
   [[nodiscard]] bool IsDone() const { return Member(content_, "done").boolean(); }
-  [[nodiscard]] std::size_t Lines() const;
   [[nodiscard]] int Count(contract::Verdict verdict) const;
   // "N held, M broken, K known, L could not run".
   [[nodiscard]] std::string Summary() const;
-  // The report that the agent wrote meanwhile: prints the lines from `printed` on, and counts them.
-  void PrintFrom(std::size_t& printed) const;
+  // The lines that this has not printed yet: the agent wrote them, and GoOn has read them.
+  void PrintNew();
 
  private:
   [[nodiscard]] std::string Told(std::string text) const;
@@ -49,6 +48,7 @@ class Report {
 
   std::wstring folder_;
   kiosk::json::Value content_;
+  std::size_t printed_ = 0;  // lines
   std::vector<std::string> secrets_;
 };
 

@@ -1,6 +1,5 @@
 #include "tools/proof/run.h"
 
-#include "json/parse.h"
 #include "json/serialise.h"
 #include "tools/proof/computer.h"
 #include "tools/proof/files.h"
@@ -38,13 +37,12 @@ std::string Run::Begin(const std::wstring& reportFolder, const RunOptions& optio
 }
 
 std::string Run::GoOn() {
-  const std::optional<std::string> text = ReadFileText(kNotes);
-  std::optional<Value> notes = text ? kiosk::json::Parse(*text) : std::nullopt;
+  Value notes = ReadJson(kNotes);
   std::string problem;
-  if (!notes || !Member(*notes, "report").IsString() || !Member(*notes, "step").IsNumber()) {
+  if (!Member(notes, "report").IsString() || !Member(notes, "step").IsNumber()) {
     problem = "the notes of the run are damaged: " + kiosk::win32::ToNarrow(kNotes);
   } else {
-    notes_ = std::move(*notes);
+    notes_ = std::move(notes);
     options_ = {Note("restarts").boolean(), Note("quick").boolean(), Note("only").text()};
     report_ = std::make_unique<Report>(kiosk::win32::ToWide(Note("report").text()));
     portal_.Change([this](Portal::State& state) { state.tokenDigest = Note("tokenDigest").text(); });
@@ -66,11 +64,13 @@ void Run::AskCases(const char* caller) {
     if (!Wants(begin) && !options_.only.starts_with(begin)) {
       continue;
     }
-    RunGroup(*group, [&](const contract::Case& each, const contract::Result& answer) {
+    const std::vector<contract::Result> answers = AnswersOf(*group);
+    for (std::size_t i = 0; i < answers.size(); ++i) {
+      const contract::Case& each = group->cases[i];
       if (Wants(begin + each.name)) {
-        report_->Add({begin + each.name, caller, each.promise, answer});
+        report_->Add({begin + each.name, caller, each.promise, answers[i]});
       }
-    });
+    }
   }
 }
 

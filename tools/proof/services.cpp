@@ -36,10 +36,4 @@ bool EndService(const wchar_t* name) {
   return DeleteService(service.Get()) != 0 || GetLastError() == ERROR_SERVICE_MARKED_FOR_DELETE;
 }
 
-void MarkServiceToGo(const wchar_t* name) {
-  if (const ServiceHandle service = OpenExisting(name, DELETE); service) {
-    DeleteService(service.Get());
-  }
-}
-
 }  // namespace proof

@@ -13,7 +13,5 @@ DWORD ProcessOf(SC_HANDLE service);
 
 // Stops a service, waiting for its process to end, and deletes it. True when it is not there any more.
 bool EndService(const wchar_t* name);
-// Deletes it without stopping it: it is gone once it has stopped.
-void MarkServiceToGo(const wchar_t* name);
 
 }  // namespace proof

@@ -1,14 +1,15 @@
 // Whom a signed service admits: copies of a client that tools/proof/pack has signed in several ways, and what others
 // may do to the file of a program while it asks.
+#include "state/kiosk_state.h"
 #include "tests/contract/hand.h"
+#include "text/text.h"
 #include "tools/proof/hand.h"
 #include "tools/proof/journal.h"
 #include "tools/proof/life.h"
 #include "tools/proof/product.h"
 #include "tools/proof/run.h"
-#include "tools/proof/trust.h"
 #include "win32/computer_name.h"
-#include "win32/handle.h"
+#include "win32/owners.h"
 #include "win32/wide_text.h"
 
 #include <optional>
@@ -33,14 +34,17 @@ void NeedSigned() {
   }
 }
 
-// Lets the program ask for the status, `meanwhile` being done between its start and its question. Whether it is
-// admitted.
-bool Admits(const std::wstring& program, const std::function<void()>& meanwhile = nullptr) {
-  const Ran ran = RunProgram(
-      L"\"" + program + (meanwhile ? L"\" --wait" : L"\"") + L" \"{\\\"cmd\\\":\\\"status\\\"}\"", kSoon, meanwhile);
+// Of a program that asked for the status and printed the answer.
+bool IsAdmitted(const Ran& ran) {
   SetLastError(ran.error);
   Asked::Needs(ran.error == ERROR_SUCCESS && ran.output.find("\"ok\":") != std::string::npos, "an answer to a program");
   return ran.output.find("\"caller_refused\"") == std::string::npos;
+}
+
+// Lets the client ask, `meanwhile` being done between its start and its question.
+bool Admits(const std::wstring& program, const std::function<void()>& meanwhile = nullptr) {
+  return IsAdmitted(RunProgram(
+      L"\"" + program + (meanwhile ? L"\" --wait" : L"\"") + L" \"{\\\"cmd\\\":\\\"status\\\"}\"", kSoon, meanwhile));
 }
 
 void Refuses(Asked& asked, const std::wstring& program, const char* why,
@@ -61,6 +65,32 @@ std::wstring Copy(const wchar_t* program, const wchar_t* name) {
   return path;
 }
 
+void UnsignedCallers(Asked& asked) {
+  const auto allow = [](DWORD number) {
+    return kiosk::state::WriteDword(kiosk::state::kStateKey, kiosk::state::kDevAllowUnsigned.name, number);
+  };
+  const contract::AtEnd again([&] { allow(1); });
+  Asked::Needs(allow(0), "the value DevAllowUnsigned");  // noted when the product was installed
+  asked.Same("the status", Error(AskProduct("status")), L"caller_refused");
+  asked.True("the log says why", ProductLog().find("caller refused: this service is unsigned and DevAllowUnsigned is "
+                                                   "not set") != std::string::npos);
+}
+
+// From now on the computer trusts the authority (DER). False with the last error.
+bool Trust(const std::string& authority) {
+  const kiosk::win32::Certificate certificate(CertCreateCertificateContext(
+      X509_ASN_ENCODING, reinterpret_cast<const BYTE*>(authority.data()), static_cast<DWORD>(authority.size())));
+  std::vector<BYTE> digest(20);
+  DWORD size = static_cast<DWORD>(digest.size());
+  const kiosk::win32::CertStore roots(
+      CertOpenStore(CERT_STORE_PROV_SYSTEM_W, 0, 0, CERT_SYSTEM_STORE_LOCAL_MACHINE, L"Root"));
+  return certificate && roots &&
+         CertGetCertificateContextProperty(certificate.Get(), CERT_HASH_PROP_ID, digest.data(), &size) != 0 &&
+         NoteTrust(kiosk::win32::ToWide(kiosk::text::Hex(digest)).c_str()) &&
+         CertAddCertificateContextToStore(roots.Get(), certificate.Get(), CERT_STORE_ADD_REPLACE_EXISTING, nullptr) !=
+             0;
+}
+
 void SignedService(Asked& asked) {
   const std::optional<std::string> authority = ReadFileText(Signed(L"authority.cer"));
   if (!authority) {
@@ -71,7 +101,7 @@ void SignedService(Asked& asked) {
   asked.True("the service stops", StopProduct() != INFINITE);
   asked.Same("the signed one is installed in its place",
              RunProgram(L"\"" + Signed(L"NorvaneKiosk.exe") + L"\" --install", kSoon).exitCode, 0);
-  asked.True("it answers", Within(kSoon, [] { return AskProduct("status").IsObject(); }));
+  asked.True("it answers", AwaitStatus().IsObject());
   asked.True("it knows its signature", ProductLog().find(kDevelopment, logged) == std::string::npos);
   Asked::Needs(TheRun().SetNote("signed", true), "the notes of the run");
 }
@@ -101,7 +131,11 @@ std::function<void()> Replace(const std::wstring& path, const wchar_t* successor
 
 void ReplacedProgram(Asked& asked) {
   NeedSigned();
-  asked.KnownWrong(Platform::kWine, "Wine goes on naming a program's file as it was called at the start");
+  constexpr char kWhy[] = "Wine goes on naming a program's file as it was called at the start";
+  if (contract::ThisPlatform() == Platform::kSimulation) {
+    Asked::CannotRun(kWhy);
+  }
+  asked.KnownWrong(Platform::kWine, kWhy);
   const std::wstring path = Copy(L"unsigned.exe", L"replaced.exe");
   asked.True("it is refused", !Admits(path, Replace(path, L"ours.exe")));
 }
@@ -118,7 +152,7 @@ void RenamedProgram(Asked& asked) {
                   {L"renamed 3.exe", nullptr, kNotValid}};
   for (const auto& each : kRenamed) {
     const std::wstring path = Copy(L"ours.exe", each.name);
-    if (contract::ThisPlatform() == Platform::kWine) {
+    if (contract::ThisPlatform() != Platform::kWindows) {
       Refuses(asked, path, each.refusal, Replace(path, each.successor));
     } else {
       asked.Tells("admitted under its new name", Admits(path, Replace(path, each.successor)) ? 1 : 0);
@@ -142,6 +176,9 @@ void HeldProgram(Asked& asked) {
 // The look at it is left behind after 15 s; then no other program of the session is looked at until the lease ends.
 void LeasedProgram(Asked& asked) {
   NeedSigned();
+  if (contract::ThisPlatform() == Platform::kSimulation) {
+    Asked::CannotRun("a simulated opportunistic lock holds within the kit's own process alone");
+  }
   const std::wstring path = Copy(L"ours.exe", L"leased.exe");
   std::optional<contract::FileLease> lease;
   Refuses(asked, path, kNotValid, [&] { lease.emplace(path); });
@@ -153,8 +190,29 @@ void LeasedProgram(Asked& asked) {
 // As from another computer: Windows would sign in there for the service.
 void ProgramOfAServer(Asked& asked) {
   NeedSigned();
-  const std::wstring path = Signed(L"ours.exe");
-  Refuses(asked, L"\\\\" + kiosk::win32::ComputerName() + L"\\" + path[0] + L"$" + path.substr(2), kNotValid);
+  const std::wstring here = Signed(L"ours.exe");
+  const std::wstring path = L"\\\\" + kiosk::win32::ComputerName() + L"\\" + here[0] + L"$" + here.substr(2);
+  Asked::Needs(IsThere(path), "the drive as this computer shares it with administrators");
+  Refuses(asked, path, kNotValid);
+}
+
+// Windows itself has signed it. The client of docs/pipe.md.
+void PowerShell(Asked& asked) {
+  NeedSigned();
+  if (contract::ThisPlatform() != Platform::kWindows) {
+    Asked::CannotRun("Wine has no PowerShell");
+  }
+  wchar_t system[MAX_PATH];
+  GetSystemDirectoryW(system, MAX_PATH);
+  asked.True("it is refused",
+             !IsAdmitted(RunProgram(
+                 L"\"" + std::wstring(system) +
+                     L"\\WindowsPowerShell\\v1.0\\powershell.exe\" -NoProfile -NonInteractive -Command \""
+                     L"$pipe = New-Object IO.Pipes.NamedPipeClientStream('.', 'NorvaneKiosk', 'InOut', 'None', "
+                     L"'Identification'); $pipe.Connect(2000); "
+                     L"$bytes = [Text.Encoding]::UTF8.GetBytes('{\\\"cmd\\\":\\\"status\\\"}' + [char]10); "
+                     L"$pipe.Write($bytes, 0, $bytes.Length); (New-Object IO.StreamReader($pipe)).ReadLine()\"",
+                 kSoon)));
 }
 
 void UnsignedAgain(Asked& asked) {
@@ -165,6 +223,7 @@ void UnsignedAgain(Asked& asked) {
 }
 
 constexpr Step kSteps[] = {
+    {{"life/unsigned callers", "a service without a signature admits nobody unless it is told to", UnsignedCallers}},
     {{"life/signed service", "a signed program takes the service's place", SignedService}},
     {{"life/callers", "a signed service admits its own publisher's programs alone", Callers}},
     {{"life/replaced program", "an unsigned program is not admitted for the one that takes its place",
@@ -175,12 +234,12 @@ constexpr Step kSteps[] = {
       LeasedProgram},
      Step::kMinutes},
     {{"life/program of a server", "a program of another computer is not admitted", ProgramOfAServer}},
+    {{"life/powershell", "a program that Windows itself has signed is not admitted", PowerShell}},
     {{"life/unsigned service", "the unsigned program takes its place again", UnsignedAgain}},
 };
 
 }  // namespace
 
-extern const std::span<const Step> kSignatureSteps;
 const std::span<const Step> kSignatureSteps{kSteps};
 
 }  // namespace proof

@@ -111,18 +111,15 @@ std::vector<std::string> Snapshot() {
 }
 
 std::vector<std::string> Differences(const std::vector<std::string>& before, const std::vector<std::string>& after) {
-  std::vector<std::string> gone;
-  std::vector<std::string> come;
-  std::set_difference(before.begin(), before.end(), after.begin(), after.end(), std::back_inserter(gone));
-  std::set_difference(after.begin(), after.end(), before.begin(), before.end(), std::back_inserter(come));
   std::vector<std::string> lines;
-  lines.reserve(gone.size() + come.size());
-  for (const std::string& line : gone) {
-    lines.push_back("- " + line);
-  }
-  for (const std::string& line : come) {
-    lines.push_back("+ " + line);
-  }
+  const auto add = [&lines](const char* sign, const auto& those, const auto& without) {
+    std::vector<std::string> only;
+    std::set_difference(those.begin(), those.end(), without.begin(), without.end(), std::back_inserter(only));
+    std::transform(only.begin(), only.end(), std::back_inserter(lines),
+                   [sign](const std::string& line) { return sign + line; });
+  };
+  add("- ", before, after);
+  add("+ ", after, before);
   return lines;
 }
 

@@ -6,12 +6,10 @@
 #include "tools/proof/files.h"
 #include "tools/proof/secrets.h"
 #include "tools/proof/services.h"
-#include "tools/proof/trust.h"
 #include "win32/folder_entries.h"
 #include "win32/owners.h"
 #include "win32/privilege.h"
 #include "win32/secure_folder.h"
-#include "win32/security.h"
 #include "win32/wide_text.h"
 
 #include <userenv.h>
@@ -49,30 +47,21 @@ bool UndoValue(const Value& entry, const std::wstring& name) {
     RemoveEmptyKeys(key, kiosk::win32::ToWide(Member(entry, "made").text()));
     return error == ERROR_SUCCESS || error == ERROR_FILE_NOT_FOUND;
   }
-  const std::vector<BYTE> bytes = Bytes(Member(entry, "bytes").text());
-  return RegSetKeyValueW(HKEY_LOCAL_MACHINE, key.c_str(), name.c_str(),
-                         static_cast<DWORD>(Member(entry, "type").number()), bytes.data(),
-                         static_cast<DWORD>(bytes.size())) == ERROR_SUCCESS;
+  return kiosk::state::WriteValue(
+      key.c_str(), name.c_str(),
+      {static_cast<DWORD>(Member(entry, "type").number()), Bytes(Member(entry, "bytes").text())});
 }
 
-bool UndoFolder(const Value& /*entry*/, const std::wstring& name) {
-  return !IsThere(name) || kiosk::win32::RemoveTree(name);
-}
-
-bool UndoService(const Value& /*entry*/, const std::wstring& name) { return EndService(name.c_str()); }
-
-bool UndoUser(const Value& /*entry*/, const std::wstring& name) {
-  BYTE* raw = nullptr;
-  if (NetUserGetInfo(nullptr, name.c_str(), 23, &raw) != NERR_Success) {
+bool UndoUser(const std::wstring& name) {
+  const std::wstring sid = contract::SidOfUser(name.c_str());
+  if (sid.empty()) {
     return true;
   }
-  const kiosk::win32::NetBuffer record(raw);
-  const std::wstring sid = kiosk::win32::SidText(reinterpret_cast<const USER_INFO_23*>(record.Get())->usri23_user_sid);
   DeleteProfileW(sid.c_str(), nullptr, nullptr);
   return NetUserDel(nullptr, name.c_str()) == NERR_Success;
 }
 
-bool UndoHive(const Value& /*entry*/, const std::wstring& name) {
+bool UndoHive(const std::wstring& name) {
   kiosk::win32::EnablePrivilege(L"SeBackupPrivilege");
   kiosk::win32::EnablePrivilege(L"SeRestorePrivilege");
   kiosk::win32::RegistryKey loaded;
@@ -81,22 +70,23 @@ bool UndoHive(const Value& /*entry*/, const std::wstring& name) {
 }
 
 // It takes kiosk mode down with it. The account that was in use is left for another time, with the state key.
-bool UndoProduct(const Value& /*entry*/, const std::wstring& program) {
+bool UndoProduct(const std::wstring& program) {
   const Ran ran = RunProgram(L"\"" + program + L"\" --uninstall", kUninstallTime);
   return ran.error == ERROR_SUCCESS && !OpenExisting(kiosk::service::kServiceName, SERVICE_QUERY_STATUS) &&
          kiosk::state::ReadStateString(kiosk::state::kAccountSid).empty();
 }
 
-bool UndoSecret(const Value& entry, const std::wstring& name) {
-  return StoreSecret(name, Member(entry, "sealed").text());
+// By the key that Windows keeps it in ("System Store Locations"): it goes whoever has the store open.
+bool UndoTrust(const std::wstring& thumbprint) {
+  const LSTATUS error = RegDeleteTreeW(
+      HKEY_LOCAL_MACHINE, (L"SOFTWARE\\Microsoft\\SystemCertificates\\Root\\Certificates\\" + thumbprint).c_str());
+  return error == ERROR_SUCCESS || error == ERROR_FILE_NOT_FOUND;
 }
 
-bool UndoTrust(const Value& /*entry*/, const std::wstring& name) { return Distrust(name); }
-
 // What a contract case was about when its process ended.
-bool UndoCases(const Value& entry, const std::wstring& name) {
-  bool undone = UndoHive(entry, name) && EndService(name.c_str());
-  undone = UndoUser(entry, name + L"User") && undone;
+bool UndoCases(const std::wstring& name) {
+  bool undone = UndoHive(name) && EndService(name.c_str());
+  undone = UndoUser(name + L"User") && undone;
   undone = StoreSecret(name, "") && undone;
   undone = contract::RemoveSpareAdapters() && undone;
   // Where the administrator's cases have theirs, and the agent's.
@@ -120,9 +110,19 @@ Undo FindUndo(std::string_view kind) noexcept {
     std::string_view name;
     Undo undo;
   };
-  constexpr Kind kKinds[] = {{"value", UndoValue}, {"folder", UndoFolder}, {"service", UndoService},
-                             {"user", UndoUser},   {"hive", UndoHive},     {"product", UndoProduct},
-                             {"cases", UndoCases}, {"secret", UndoSecret}, {"trust", UndoTrust}};
+  using Name = std::wstring;
+  constexpr Kind kKinds[] = {
+      {"value", UndoValue},
+      {"secret",
+       [](const Value& entry, const Name& name) { return StoreSecret(name, Member(entry, "sealed").text()); }},
+      {"folder", [](const Value&, const Name& path) { return !IsThere(path) || kiosk::win32::RemoveTree(path); }},
+      {"service", [](const Value&, const Name& name) { return EndService(name.c_str()); }},
+      {"user", [](const Value&, const Name& name) { return UndoUser(name); }},
+      {"hive", [](const Value&, const Name& name) { return UndoHive(name); }},
+      {"product", [](const Value&, const Name& program) { return UndoProduct(program); }},
+      {"trust", [](const Value&, const Name& thumbprint) { return UndoTrust(thumbprint); }},
+      {"cases", [](const Value&, const Name& name) { return UndoCases(name); }},
+  };
   for (const Kind& each : kKinds) {
     if (each.name == kind) {
       return each.undo;
