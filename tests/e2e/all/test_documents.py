@@ -46,7 +46,8 @@ class Documents(unittest.TestCase):
         folder = self.enterContext(tempfile.TemporaryDirectory())
         with socket.create_server(("127.0.0.1", 0)) as free:
             port = str(free.getsockname()[1])
-        place = {"$PWD/build/": folder + "/", "build/wine/": folder + "/wine/", "build/devportal": folder + "/devportal", "8470": port}
+        place = {"$PWD/build/": folder + "/", "build/wine/": folder + "/wine/", "build/devportal": folder + "/devportal", "8470": port,
+                 "support-bundle build": "support-bundle " + folder, "exe check": "exe check || test $? = 1"}
         script, portal = (functools.reduce(lambda text, each: text.replace(*each), place.items(), text)
                           for text in ("set -e\n" + "".join(computer), portal))
         self.addCleanup(subprocess.run, ["wineserver", "-k"], env=os.environ | {"WINEPREFIX": folder + "/wine/mine"})
