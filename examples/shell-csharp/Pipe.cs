@@ -1,55 +1,29 @@
-// One request to the kiosk service and its reply (docs/pipe.md). Not compiled and not run yet; see README.md beside this file.
+// The service's pipe (docs/pipe.md).
+using System;
+using System.IO;
 using System.IO.Pipes;
 using System.Runtime.InteropServices;
 using System.Security.Principal;
-using System.Text;
-using System.Text.Json;
-using System.Text.Json.Nodes;
+using System.Threading;
+using System.Threading.Tasks;
 using Microsoft.Win32.SafeHandles;
 
 static class Pipe
 {
-    // The longest times of docs/pipe.md, 15 s for the check of the caller included.
-    static TimeSpan Patience(string command) => TimeSpan.FromSeconds(command switch
+    // Waits while the pipe is busy, or is not there yet. IOException: somebody else serves it.
+    public static async Task<Stream> Open(CancellationToken end)
     {
-        "net.set" => 750,
-        "pair.check" => 600,
-        "pair.begin" => 300,
-        "unlock" or "maintenance" => 240,
-        "time.sync" or "power.set" => 150,
-        _ => 30,
-    });
-
-    // Null: no service, somebody else's pipe, or no reply in time. A password stays in the memory of this process for a
-    // while, for texts of .NET cannot be overwritten.
-    public static async Task<JsonObject?> Ask(string command, JsonObject? members = null)
-    {
-        JsonObject request = members ?? new JsonObject();
-        request["cmd"] = command;
-        byte[] line = Encoding.UTF8.GetBytes(request.ToJsonString() + "\n");
+        var pipe = new NamedPipeClientStream(".", "NorvaneKiosk", PipeDirection.InOut, PipeOptions.Asynchronous,
+            TokenImpersonationLevel.Identification);
         try
         {
-            using var patience = new CancellationTokenSource(Patience(command));
-            await using var pipe = new NamedPipeClientStream(".", "NorvaneKiosk", PipeDirection.InOut,
-                PipeOptions.Asynchronous, TokenImpersonationLevel.Identification);
-            await pipe.ConnectAsync(5000, patience.Token);  // waits while the pipe is busy, or is not there yet
-            if (!ServedByService(pipe.SafePipeHandle))
-            {
-                return null;
-            }
-            await pipe.WriteAsync(line, patience.Token);
-            using var reader = new StreamReader(pipe, Encoding.UTF8);
-            string? reply = await reader.ReadLineAsync(patience.Token);
-            return reply == null ? null : JsonNode.Parse(reply) as JsonObject;
+            await pipe.ConnectAsync(5000, end);
+            return ServedByService(pipe.SafePipeHandle) ? pipe : throw new IOException("not the service's pipe");
         }
-        catch (Exception e) when (e is IOException or TimeoutException or OperationCanceledException or JsonException
-            or UnauthorizedAccessException)
+        catch
         {
-            return null;
-        }
-        finally
-        {
-            Array.Clear(line);
+            pipe.Dispose();
+            throw;
         }
     }
 
@@ -59,22 +33,17 @@ static class Pipe
         const uint connect = 1, queryStatus = 4;
         IntPtr manager = OpenSCManagerW(null, null, connect);
         IntPtr service = manager == IntPtr.Zero ? IntPtr.Zero : OpenServiceW(manager, "NorvaneKiosk", queryStatus);
-        try
+        bool ours = service != IntPtr.Zero
+            && QueryServiceStatusEx(service, 0, out ServiceStatus status, Marshal.SizeOf<ServiceStatus>(), out _)
+            && GetNamedPipeServerProcessId(pipe, out uint server) && server == status.ProcessId;
+        foreach (IntPtr handle in new[] { service, manager })
         {
-            return service != IntPtr.Zero
-                && QueryServiceStatusEx(service, 0, out ServiceStatus status, Marshal.SizeOf<ServiceStatus>(), out _)
-                && GetNamedPipeServerProcessId(pipe, out uint server) && server == status.ProcessId;
-        }
-        finally
-        {
-            foreach (IntPtr handle in new[] { service, manager })
+            if (handle != IntPtr.Zero)
             {
-                if (handle != IntPtr.Zero)
-                {
-                    CloseServiceHandle(handle);
-                }
+                CloseServiceHandle(handle);
             }
         }
+        return ours;
     }
 
     [StructLayout(LayoutKind.Sequential)]
@@ -84,7 +53,7 @@ static class Pipe
     }
 
     [DllImport("advapi32.dll", CharSet = CharSet.Unicode, ExactSpelling = true)]
-    static extern IntPtr OpenSCManagerW(string? machine, string? database, uint access);
+    static extern IntPtr OpenSCManagerW(string machine, string database, uint access);
 
     [DllImport("advapi32.dll", CharSet = CharSet.Unicode, ExactSpelling = true)]
     static extern IntPtr OpenServiceW(IntPtr manager, string name, uint access);

@@ -31,17 +31,23 @@ SETTINGS = {"TenantId": ("TENANTID", "A tenant", "A tenant"), "Site": ("SITE", "
             "LogCapMB": ("LOGCAPMB", "9", "0x9"), "ClientCertRequired": ("CLIENTCERTREQUIRED", "0", "0x0")}
 
 
-def make_package(folder, name, count=1):
-    """The package with the service over the simulated Windows, as the version of that day with this number."""
+TEXTS = next(BUILD.glob(package.EVENT_TEXTS)).name
+EARLIER_TEXTS = "NorvaneKioskEvents-00000001.dll"
+EVENT_SOURCE = r"HKLM\SYSTEM\CurrentControlSet\Services\EventLog\Application\NorvaneKiosk"
+
+
+def make_package(folder, name, count=1, texts=TEXTS):
+    """The package with the service over the simulated Windows, as the version of that day with this number, whose library
+    with the texts of the event log has this name."""
     programs = folder / name
     programs.mkdir()
     image = bytearray((BUILD / SERVICE).read_bytes())
     for at in [match.start() for match in re.finditer(re.escape(struct.pack("<I", 0xFEEF04BD)), image)]:
         for version in (at + 8, at + 16):  # of the file, of the product
             struct.pack_into("<H", image, version + 4, count)
-    (programs / "NorvaneKiosk.exe").write_bytes(image)
-    for file in (BUILD / "kioskctl.exe", *BUILD.glob(package.EVENT_TEXTS)):
-        shutil.copy(file, programs)
+    (programs / "NorvaneKiosk.exe").write_bytes(image.replace(TEXTS.encode("utf-16-le"), texts.encode("utf-16-le")))
+    shutil.copy(BUILD / "kioskctl.exe", programs)
+    shutil.copy(BUILD / TEXTS, programs / texts)
     (programs / "THIRD-PARTY-NOTICES.txt").write_text("notices\n")
     return package.make(programs, folder / (name + ".msi"), 1_700_000_000)
 
@@ -90,7 +96,7 @@ class Files(unittest.TestCase):
         name = f"NorvaneKiosk-{self.version}"
         zipped = {"programs/NorvaneKiosk.exe", "programs/kioskctl.exe", "programs/THIRD-PARTY-NOTICES.txt",
                   "policies/NorvaneKiosk.admx", "policies/en-US/NorvaneKiosk.adml",
-                  *(f"programs/{library.name}" for library in BUILD.glob(package.EVENT_TEXTS))}
+                  f"programs/{TEXTS}"}
         self.assertEqual({str(file.relative_to(self.out)) for file in self.out.rglob("*") if file.is_file()}, zipped | {
             "SHA256SUMS", f"{name}-x64.msi", f"{name}-x64.zip", f"{name}.cdx.json", "symbols/NorvaneKiosk.exe.debug",
             "symbols/kioskctl.exe.debug"})
@@ -214,7 +220,7 @@ class Life(unittest.TestCase):
         folder = tempfile.TemporaryDirectory(prefix="norvane-package-")
         cls.addClassCleanup(folder.cleanup)
         cls.folder = pathlib.Path(folder.name)
-        first, second = (make_package(cls.folder, name, count) for name, count in (("first", 1), ("second", 2)))
+        first, second = make_package(cls.folder, "first", 1, EARLIER_TEXTS), make_package(cls.folder, "second", 2)
         cls.codes = [by_key(msi, "Property")["ProductCode"][0] for msi in (first, second)]
         late = shutil.copy(first, cls.folder / "late.msi")
         change(late, "INSERT INTO `CustomAction` (`Action`,`Type`,`Source`,`Target`) VALUES ('Late',3090,'kioskctl.exe','?')",
@@ -234,17 +240,24 @@ class Life(unittest.TestCase):
             self.assertEqual(terminal.msiexec("/i", "first", "AUTHBASEURL=http://127.0.0.1:9", *given), 0)
             self.assertEqual((terminal.version(), terminal.settings()), (1, expected))
             self.assertIsNotNone(terminal.service_process())
-
-            terminal.path(FOLDER + r"\kioskctl.exe").unlink()
-            self.assertEqual(terminal.msiexec("/i", self.codes[0], "REINSTALL=ALL", "REINSTALLMODE=omus"), 0)
-            self.assertTrue(terminal.path(FOLDER + r"\kioskctl.exe").exists())
-            self.check_settings(terminal, expected)
+            self.check_texts(terminal, EARLIER_TEXTS, [EARLIER_TEXTS])
 
             # Wine does not tell a version that it is replaced by another, so the first ends kiosk mode here, which this
             # computer is not in; the settings come from the installation that is under way.
-            self.assertEqual(terminal.msiexec("/i", "second"), 0)
+            with terminal.start("sim_machine.exe", "hold", FOLDER + "\\" + EARLIER_TEXTS, stdin=-1) as viewer:
+                self.assertEqual(viewer.stdout.readline().strip(), "0")
+                self.assertEqual(terminal.msiexec("/i", "second"), 0)
+                viewer.stdin.close()
             self.assertEqual(terminal.version(), 2)
             self.check_settings(terminal, expected)
+            self.check_texts(terminal, TEXTS, [EARLIER_TEXTS, TEXTS])
+
+            # Windows takes what was open away when it restarts, the program when it is installed again.
+            terminal.path(FOLDER + r"\kioskctl.exe").unlink()
+            self.assertEqual(terminal.msiexec("/i", self.codes[1], "REINSTALL=ALL", "REINSTALLMODE=omus"), 0)
+            self.assertTrue(terminal.path(FOLDER + r"\kioskctl.exe").exists())
+            self.check_settings(terminal, expected)
+            self.check_texts(terminal, TEXTS, [TEXTS])
             self.assertEqual(terminal.msiexec("/i", "first"), REFUSED)
             self.assertEqual(terminal.version(), 2)
             self.assertIsNotNone(terminal.service_process())
@@ -255,6 +268,11 @@ class Life(unittest.TestCase):
     def check_settings(self, terminal, expected):
         self.assertEqual(terminal.settings(), expected)
         self.assertEqual(terminal.value("AuthBaseUrl"), "http://127.0.0.1:9")
+
+    def check_texts(self, terminal, named, there):
+        """Of the event log: the library that its source names, and those that are there."""
+        self.assertEqual(terminal.value("EventMessageFile", EVENT_SOURCE), FOLDER + "\\" + named)
+        self.assertEqual([name for name in terminal.installed() if name.endswith(".dll")], there)
 
     def check_nothing_is_left(self, terminal, before, files=()):
         self.assertEqual(terminal.dump_machine(), before)

@@ -94,7 +94,7 @@ class Support(unittest.TestCase):
                 os.kill(process, signal.SIGCONT)
             self.follow_the_log(terminal)
             self.bundle(terminal, r"no answer \(error 2\)", r"^state 1 ", secrets)
-            self.check(terminal, r"WRONG +service +does not run, state 1 ")
+            self.check(terminal, r"WRONG +service +is stopped")
             long_ago = b"HTTP/1.1 407 \r\nDate: Thu, 01 Jan 2026 00:00:00 GMT\r\nContent-Length: 0\r\n\r\n"
             terminal.set_string("AuthBaseUrl", portal.url + "/api/kiosk")  # which the portal can be told to answer otherwise
             portal.script("/api/kiosk/", [Reply(raw=long_ago)])

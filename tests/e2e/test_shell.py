@@ -17,9 +17,11 @@ from terminal import BUILD, PROGRAM_FOLDER, Terminal  # noqa: E402
 
 
 class Shell(unittest.TestCase):
+    PROGRAMS = (*PROGRAMS, "shell_example.exe", "messages.json")
+
     def test_pairs_a_terminal_then_unlocks_and_installs_updates(self):
         with (tempfile.TemporaryDirectory() as folder, Portal(https_too=folder) as portal,
-              Terminal(programs=(*PROGRAMS, "shell_example.exe", "messages.json"), service=SERVICE) as terminal):
+              Terminal(programs=self.PROGRAMS, service=SERVICE) as terminal):
             stage = Stage(portal, terminal, patient=False)
             beginning.a_computer_and_its_owner(stage)
             said = self.talk(terminal, lambda line, enter: self.pair(portal, line, enter))
@@ -58,9 +60,12 @@ class Shell(unittest.TestCase):
         if line.endswith("at once."):
             enter("")
 
+    def shell(self, terminal):
+        return terminal.start("shell_example.exe", PROGRAM_FOLDER + r"\messages.json", stdin=-1, stderr=None)
+
     def talk(self, terminal, hear):
         """Runs the shell to its end; `hear` gets each line and a function that enters one. Returns all that it said."""
-        with terminal.start("shell_example.exe", PROGRAM_FOLDER + r"\messages.json", stdin=-1, stderr=None) as shell:
+        with self.shell(terminal) as shell:
             patience = threading.Timer(60, shell.kill)
             patience.start()
             said = ""

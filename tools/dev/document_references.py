@@ -1,9 +1,11 @@
 """What the documents refer to: links, files, tests, and the commands that they tell people to type."""
+import ast
 import functools
 import json
 import pathlib
 import re
 import subprocess
+import tomllib
 
 CODE = re.compile(r"`([^`\n]+)`")
 BLOCK = re.compile(r"^ {4}(.*)$|^```.*\n((?:.*\n)*?)```$", re.MULTILINE)
@@ -128,17 +130,57 @@ def typed():
                             yield f'{name}: {source} does not know {option}, as in "{piece}"'
 
 
-def json_blocks():
-    """Blocks that begin with a brace: one value after the other, in which {...} stands for what was said before."""
-    for name in documents():
-        for block in re.findall(r"(?:^ {4}.*\n)+", text_of(name), re.MULTILINE):
-            text = re.sub(r"^ {4}", "", block, flags=re.MULTILINE).replace("{...}", "{}").strip()
-            while text.startswith("{"):
+def blocks_of(text):
+    """Those that are set in by four columns."""
+    for block in re.findall(r"(?:^ {4}.*\n(?:\n+(?= {4}))?)+", text, re.MULTILINE):
+        yield re.sub(r"^ {4}", "", block, flags=re.MULTILINE)
+
+
+def blocks():
+    return ((name, block) for name in documents() for block in blocks_of(text_of(name)))
+
+
+def reads_json(text):
+    """One value after the other, in which {...} stands for what was said before."""
+    text = text.replace("{...}", "{}").strip()
+    while text.startswith("{"):
+        text = text[json.JSONDecoder().raw_decode(text)[1]:].strip()
+
+
+def accepted(text, *command):
+    done = subprocess.run(command, input=text, capture_output=True, text=True)
+    if done.returncode != 0:
+        raise ValueError(done.stdout + done.stderr)
+
+
+def compiles(text):
+    """Statements, or a function."""
+    body = text if re.match(r"\S+ \w+\(.*\{\n", text) else "void Block() {\n" + text + "}\n"
+    headers = ("windows.h", "string", "sim/http.h", "sim/clock.h", "win32/worker_wake.h")
+    text = "".join(f"#include <{each}>\n" for each in headers) + "using namespace kiosk;\n" + body
+    accepted(text, "x86_64-w64-mingw32-g++-posix", "-std=c++23", "-fsyntax-only", "-Wall", "-Werror", "-Isrc", "-I.", "-DUNICODE",
+             "-D_WIN32_WINNT=0x0A00", "-x", "c++", "-")
+
+
+SHELL = r"(?:\(?\. )?(?:\./(?:run|test)\b|tools/|build/|(?:/usr/bin/)?python3 |cmake |ctest |ninja |wine )"
+# What a block is by its beginning, and what reads it; raises ValueError where that cannot.
+KINDS = (
+    (r"\{", reads_json),
+    (r"\[+[\w.]+\]+\n *\w+ = ", tomllib.loads),
+    (r"sys\.path|from \w+ import|import ", ast.parse),
+    (r"(?:std|sim)::", compiles),
+    (SHELL, lambda text: accepted(text, "shellcheck", "-s", "bash", "-e", "SC1091,SC2102", "-")),
+)
+
+
+def contents():
+    for name, text in blocks():
+        for beginning, read in KINDS:
+            if re.match(beginning, text):
                 try:
-                    text = text[json.JSONDecoder().raw_decode(text)[1]:].strip()
-                except json.JSONDecodeError as error:
-                    yield f"{name}: this is no JSON ({error.msg}): {text[error.pos:error.pos + 40]!r}"
-                    break
+                    read(text)
+                except (ValueError, SyntaxError) as error:
+                    yield f"{name}: cannot read the block that begins with {text.splitlines()[0]!r}: {error}"
 
 
-CHECKS = (links, files, cases, targets, typed, json_blocks)
+CHECKS = (links, files, cases, targets, typed, contents)

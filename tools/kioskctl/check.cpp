@@ -34,13 +34,19 @@ std::string Megabytes(ULONGLONG bytes) { return std::to_string(bytes / kMegabyte
 struct StateKey {
   bool readable = false;
   bool enrolled = false;
-  bool provisioned = false;
 };
 
 StateKey ReadStateKey() {
   kiosk::win32::RegistryKey key;
   const LSTATUS status = RegOpenKeyExW(HKEY_LOCAL_MACHINE, state::kStateKey, 0, KEY_QUERY_VALUE, key.Put());
-  return {status != ERROR_ACCESS_DENIED, state::TokenIsStored(), state::FlagIsOn(state::kProvisioned)};
+  return {status != ERROR_ACCESS_DENIED, state::TokenIsStored()};
+}
+
+const char* StateText(DWORD state) {
+  return state == SERVICE_STOPPED         ? "is stopped"
+         : state == SERVICE_START_PENDING ? "is still starting"
+         : state == SERVICE_STOP_PENDING  ? "is still stopping"
+                                          : "is paused";
 }
 
 Finding CheckService() {
@@ -53,8 +59,10 @@ Finding CheckService() {
                      "Run this as an administrator.");
   }
   if (service.state != SERVICE_RUNNING) {
-    return Bad("service", "does not run, state " + std::to_string(service.state) + ErrorText(service.exitCode),
-               "Start it: sc.exe start NorvaneKiosk. Its log says why it stopped.");
+    return Bad("service", StateText(service.state) + (service.exitCode != 0 ? ErrorText(service.exitCode) : ""),
+               service.state == SERVICE_STOPPED
+                   ? "Start it: sc.exe start NorvaneKiosk. Its log says why it stopped."
+                   : "Wait a minute. If it stays so, make a support bundle, then restart the computer.");
   }
   const Answer answer = Ask(kiosk::text::Secret(R"({"cmd":"status"})"), kStatusWait);
   const std::string process = "process " + std::to_string(service.process);

@@ -28,6 +28,9 @@ std::string FindingsText(const std::vector<Finding>& findings);
 // The way to the portal, step by step, up to the first that fails: proxy, address, name, TCP, TLS and HTTP, clock.
 std::vector<Finding> CheckPortal();
 
+// The default proxy of Windows' services and what it is not for; "none" when there is none.
+std::string ProxyText();
+
 // Both tasks for sleep and wake are in Task Scheduler.
 bool TasksAreThere();
 

@@ -55,7 +55,8 @@ bool CheckConnection(const HttpTarget& target, std::vector<Finding>& findings) {
   kiosk::win32::AddressList list;
   const int error = GetAddrInfoW(target.host.c_str(), std::to_wstring(target.port).c_str(), &hints, list.Put());
   if (error != 0) {
-    findings.push_back(Bad("portal name", ToNarrow(target.host) + " is not found (error " + std::to_string(error) + ")",
+    findings.push_back(Bad("portal name",
+                           ToNarrow(target.host) + " is not found" + ErrorText(static_cast<unsigned long>(error)),
                            "Is the cable in? Does this computer's DNS server know the name?"));
     return false;
   }
@@ -71,7 +72,7 @@ bool CheckConnection(const HttpTarget& target, std::vector<Finding>& findings) {
   const std::string port = "port " + std::to_string(target.port);
   findings.push_back(!reached.empty()
                          ? Good("portal TCP", reached + " takes connections on " + port)
-                         : Bad("portal TCP", "no connection to " + port + " (error " + std::to_string(last) + ")",
+                         : Bad("portal TCP", "no connection to " + port + ErrorText(static_cast<unsigned long>(last)),
                                "Is the portal running? Does a firewall let this computer out to it?"));
   return !reached.empty();
 }
@@ -148,17 +149,17 @@ void CheckHttp(const HttpTarget& target, std::vector<Finding>& findings) {
                          : Bad("clock", told, "Set the clock: w32tm /resync, or \"time.sync\" at the terminal."));
 }
 
+}  // namespace
+
 std::string ProxyText() {
   WINHTTP_PROXY_INFO info{};
   if (WinHttpGetDefaultProxyConfiguration(&info) == 0) {
-    return "unknown (error " + std::to_string(GetLastError()) + ")";
+    return "unknown" + ErrorText(GetLastError());
   }
   const kiosk::win32::GlobalText proxy(info.lpszProxy);
   const kiosk::win32::GlobalText bypass(info.lpszProxyBypass);
   return (proxy ? ToNarrow(proxy.Get()) : "none") + (bypass ? ", not for " + ToNarrow(bypass.Get()) : "");
 }
-
-}  // namespace
 
 std::vector<Finding> CheckPortal() {
   const std::string proxy = ProxyText();

@@ -30,8 +30,9 @@ struct ServiceState {
 };
 ServiceState QueryService();
 
-// Milliseconds that a reply may take: the service may be waiting for the portal.
-inline constexpr unsigned long kReplyWait = 150'000;
+// Milliseconds that a reply may take: the service may be waiting for the portal, and then for the work of others on the
+// kiosk account.
+inline constexpr unsigned long kReplyWait = 240'000;
 // And while a pairing is being completed: two calls to the portal, the work of others on the kiosk account, what
 // Windows takes to make an account and a profile; all that twice, when another program asks at the same moment.
 inline constexpr unsigned long kPairWait = 600'000;

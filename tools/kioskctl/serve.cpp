@@ -92,7 +92,7 @@ const char* ReadRule(const Value& value, Rule& rule) {
 bool ReadRules(const std::string& path, Rules& rules) {
   std::string text;
   if (!ReadScript(kiosk::win32::ToWide(path), text)) {
-    PrintError(path + " cannot be read (error " + std::to_string(GetLastError()) + ")\n");
+    PrintError(path + " cannot be read" + ErrorText(GetLastError()) + "\n");
     return false;
   }
   std::string problem;
@@ -208,7 +208,7 @@ int ServePipe(Rules& rules) {
       kiosk::pipe::kPipeName, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED | FILE_FLAG_FIRST_PIPE_INSTANCE,
       PIPE_TYPE_BYTE | PIPE_REJECT_REMOTE_CLIENTS, 1, kPipeBuffer, kPipeBuffer, 0, &attributes));
   if (!pipe) {
-    PrintError("The pipe cannot be made (error " + std::to_string(GetLastError()) + "). Does the kiosk service run?\n");
+    PrintError("The pipe cannot be made" + ErrorText(GetLastError()) + ". Does the kiosk service run?\n");
     return kNoService;
   }
   Print("Serving the pipe; Ctrl-C ends it.\n");
@@ -247,7 +247,7 @@ int Serve(const Options& /*options*/, const Words& words) {
     }
   }
   if (!kiosk::win32::CreateStopEvent()) {
-    PrintError("Windows gives no event (error " + std::to_string(GetLastError()) + ")\n");
+    PrintError("Windows gives no event" + ErrorText(GetLastError()) + "\n");
     return kServiceError;
   }
   // Started by the service manager under the service's name: a shell that makes sure who serves the pipe takes it.

@@ -18,8 +18,8 @@ namespace {
 using kiosk::json::Member;
 using kiosk::json::Value;
 
-// Milliseconds; more than "net.set" takes when everything has to be put back again.
-constexpr unsigned long kNetSetWait = 600'000;
+// Milliseconds; more than the 12 minutes that "net.set" takes at most, when everything has to be put back again.
+constexpr unsigned long kNetSetWait = 750'000;
 constexpr std::size_t kColumn = 14;
 
 std::string AppliedText(const Value& reply) {

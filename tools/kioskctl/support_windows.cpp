@@ -1,4 +1,5 @@
 #include "address_text.h"
+#include "check.h"
 #include "exchange.h"
 #include "network/ip_helper.h"
 #include "state/folders.h"
@@ -152,18 +153,6 @@ std::string AdaptersText() {
   return text;
 }
 
-std::string ProxyText() {
-  WINHTTP_PROXY_INFO info{};
-  if (WinHttpGetDefaultProxyConfiguration(&info) == 0) {
-    return "the default proxy cannot be read" + ErrorText(GetLastError()) + "\n";
-  }
-  const kiosk::win32::GlobalText proxy(info.lpszProxy);
-  const kiosk::win32::GlobalText bypass(info.lpszProxyBypass);
-  return "default proxy of services\n  access type " + std::to_string(info.dwAccessType) +
-         " (1 direct, 3 named proxy)\n  proxy " + ToNarrow(proxy ? proxy.Get() : L"none") + "\n  bypass " +
-         ToNarrow(bypass ? bypass.Get() : L"none") + "\n";
-}
-
 // Folders are listed before their content. Links are named and not followed.
 std::string ListingOf(const std::wstring& folder, int levels) {
   std::vector<FolderEntry> entries = kiosk::win32::EntriesOf(folder);
@@ -212,7 +201,7 @@ std::string SessionFacts() {
   return text;
 }
 
-std::string NetworkFacts() { return AdaptersText() + "\n" + ProxyText(); }
+std::string NetworkFacts() { return AdaptersText() + "\ndefault proxy of services: " + ProxyText() + "\n"; }
 
 std::string FileFacts() {
   const std::string text = ListingOf(kiosk::state::kLogRoot, 3) + ListingOf(kiosk::state::kKioskFolder, 2);

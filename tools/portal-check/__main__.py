@@ -54,9 +54,13 @@ def main():
     try:
         check = Check(options, report)
     except OSError as error:
-        print(f"portal-check: {options.ca}: {error}", file=sys.stderr)
+        print(f"portal-check: the file of --ca or of --certificate cannot be used: {error}", file=sys.stderr)
         return 2
-    check.run()
+    try:
+        check.run()
+    except KeyboardInterrupt:
+        print("portal-check: ended by hand; what was to come was not looked at", file=sys.stderr)
+        return 1
     print(f"\n{report.wrong_count} wrong" if report.wrong_count else "\nnothing differs from docs/portal-api.md")
     return 1 if report.wrong_count else 0
 

@@ -1,8 +1,9 @@
 // The hand on the simulated computer, for end-to-end tests and demonstrations: sim_machine COMMAND [ARGUMENT...], with
 // the commands of sim/computer.h, or "dump", or "import-certificate FILE": a PKCS #12 file with the password "test"
 // into the computer's personal store, or "crash PROCESS PLACE": that program calls the function that begins so many
-// bytes (hexadecimal) behind its own beginning, with an address of nothing. Prints what the command returns. A service
-// that runs hears of sessions.
+// bytes (hexadecimal) behind its own beginning, with an address of nothing; or "hold FILE": keeps texts of the event
+// log open as its viewer does, until the input ends. Prints what the command returns. A service that runs hears of
+// sessions.
 #include "sim/computer.h"
 
 #include "win32/handle.h"
@@ -18,6 +19,7 @@
 namespace {
 
 using kiosk::win32::CertStore;
+using kiosk::win32::Library;
 
 DWORD ImportCertificate(const wchar_t* path) {
   std::vector<BYTE> bytes(65536);
@@ -55,6 +57,13 @@ DWORD Crash(const wchar_t* id, const wchar_t* place) {
   return thread ? ERROR_SUCCESS : GetLastError();
 }
 
+void Hold(const wchar_t* path) {
+  const Library texts(LoadLibraryExW(path, nullptr, LOAD_LIBRARY_AS_DATAFILE | LOAD_LIBRARY_AS_IMAGE_RESOURCE));
+  std::printf("%lu\n", texts ? ERROR_SUCCESS : GetLastError());
+  static_cast<void>(std::fflush(stdout));
+  static_cast<void>(std::getchar());
+}
+
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
@@ -66,6 +75,8 @@ int wmain(int count, wchar_t** arguments) {
     std::printf("%lu\n", ImportCertificate(arguments[2]));
   } else if (count == 4 && std::wcscmp(arguments[1], L"crash") == 0) {
     std::printf("%lu\n", Crash(arguments[2], arguments[3]));
+  } else if (count == 3 && std::wcscmp(arguments[1], L"hold") == 0) {
+    Hold(arguments[2]);
   } else if (command == L"dump") {
     static_cast<void>(std::fputs(sim::DumpMachine().c_str(), stdout));
   } else {

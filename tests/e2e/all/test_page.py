@@ -1,8 +1,10 @@
-"""The development portal's page in a real browser: what a person does with a terminal from its code to its removal.
+"""The development portal's page in a real browser: what a person does with a terminal from its code to its removal, and
+whether everybody can: axe-core looks at each state of the page.
 
 Pictures go to the folder that NORVANE_SCREENSHOTS names, or to a temporary one.
 """
 
+import contextlib
 import hashlib
 import json
 import os
@@ -21,6 +23,10 @@ REPOSITORY = pathlib.Path(__file__).resolve().parents[3]
 sys.path.insert(0, str(REPOSITORY / "tests" / "e2e"))
 from test_devportal import FACTS, UPDATES, Portal, ask  # noqa: E402
 
+AXE = REPOSITORY / "build/tools/axe/node_modules/axe-core/axe.min.js"
+RECORD = {"version": "1.1", "host": "LOBBY-PC", "short_message": "worker: " + "a long line " * 20, "timestamp": 1.5e9,
+          "level": 4, "_component": "Kiosk", "_machine": "LOBBY-PC", "_tenant": "", "_site": "", "_seq": 1, "_pid": 7,
+          "_started": 1.5e9, "_app_version": "1"}
 MARKUP = "<img src=x onerror=document.title=1>"
 
 
@@ -79,29 +85,45 @@ class PageTest(unittest.TestCase):
     def says(self, terminal, text):
         self.until(lambda: text in self.card(terminal, "form .message").text, f"no message with {text!r}")
 
-    def picture(self, name, width):
-        """The whole page at this width, whatever its height; phones get their touch layout by the width alone."""
-        send = self.browser.execute_cdp_cmd
-        metrics = {"width": width, "height": 1000, "deviceScaleFactor": 1, "mobile": width < 600}
-        send("Emulation.setDeviceMetricsOverride", metrics)
-        self.assertLessEqual(self.browser.execute_script("return document.documentElement.scrollWidth"), width, name)
-        metrics["height"] = self.browser.execute_script("return document.documentElement.scrollHeight")
-        send("Emulation.setDeviceMetricsOverride", metrics)
-        self.assertTrue(self.browser.save_screenshot(str(self.pictures / name)))
-        send("Emulation.clearDeviceMetricsOverride", {})
+    @contextlib.contextmanager
+    def width(self, width, height=1000):
+        """Phones get their touch layout by the width alone."""
+        self.browser.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+            "width": width, "height": height, "deviceScaleFactor": 1, "mobile": width < 600})
+        yield
+        self.browser.execute_cdp_cmd("Emulation.clearDeviceMetricsOverride", {})
+
+    def look(self, name):
+        """Nothing hinders people seriously, and nothing needs scrolling sideways: on a desktop and on a phone."""
+        for width in (1280, 390):
+            with self.width(width):
+                self.assertLessEqual(self.browser.execute_script("return document.documentElement.scrollWidth"), width, name)
+                self.browser.execute_script("if (!window.axe) (0, eval)(arguments[0])", AXE.read_text())
+                found = self.browser.execute_async_script(
+                    "axe.run({resultTypes: ['violations']}).then(arguments[0], e => arguments[0](String(e)))")
+                serious = [f"{each['impact']}: {each['id']}: {each['help']}: {[node['html'] for node in each['nodes']]}"
+                           for each in found["violations"] if each["impact"] in ("serious", "critical")]
+                self.assertEqual(serious, [], f"{name}, {width} px")
+                height = self.browser.execute_script("return document.documentElement.scrollHeight")
+            with self.width(width, height):
+                self.assertTrue(self.browser.save_screenshot(str(self.pictures / f"{name}-{width}.png")))
 
     def test_a_terminal_from_its_code_to_its_removal(self):
         self.browser.get(self.portal.url + "/")
+        self.until(lambda: "now: 0" in self.find("#waiting").text, "the empty page")
+        self.look("empty")
         terminal = Terminal(self.portal)
         self.until(lambda: "now: 1" in self.find("#waiting").text, "the waiting code")
 
         code = self.find("#code")
         code.send_keys("WRONG", Keys.ENTER)
         self.until(lambda: "No terminal shows this code" in self.find("#pair-message").text, "the refusal")
+        self.look("wrong-code")
         self.type(code, f"{terminal.code[:4]} {terminal.code[4:]}".lower() + Keys.ENTER)
         self.until(lambda: self.browser.find_elements(By.CSS_SELECTOR, "[data-terminal]"), "a card")
         number = self.portal.terminals()[0]["id"]
         self.until(lambda: self.card(number, ".badge").text == "waiting for the terminal", "the waiting state")
+        self.look("waiting")
         terminal.collect()
 
         # What somebody is typing survives the list's refresh, which goes on around it.
@@ -121,7 +143,7 @@ class PageTest(unittest.TestCase):
         self.assertIn("screenOffMinutes must be a whole number from 0 to 240", self.find(f"#faults-{number}-power").text)
         self.assertEqual(power.get_attribute("aria-invalid"), "true")
         self.assertEqual(self.browser.switch_to.active_element, power)
-        self.picture("fault-phone.png", 390)
+        self.look("fault")
         self.card(number, "[data-example=power]").click()
         self.type(self.field(number, "updates"), json.dumps(UPDATES))
         self.field(number, "powerSource").send_keys("tenant")
@@ -163,8 +185,12 @@ class PageTest(unittest.TestCase):
         self.until(lambda: name.get_attribute("value") == "Renamed elsewhere", "the other change")
         self.portal.claim(Terminal(self.portal, hostname=MARKUP).code)
         self.until(lambda: MARKUP in self.find("#terminals").text, "a host name as plain text")
-        self.picture("terminal-desktop.png", 1280)
-        self.picture("terminal-phone.png", 390)
+        self.assertEqual(ask(self.portal, "POST", "/api/log", RECORD)[0], 202)
+        self.until(lambda: "a long line" in self.find("#log-lines").text, "the log line")
+        self.type(self.find("#log-config textarea"), '{"minLevel": 9}')
+        self.find("#log-config button").click()
+        self.until(lambda: "minLevel" in self.find("#log-config .faults").text, "the refusal of the log's configuration")
+        self.look("terminals")
 
         # Outage, removal.
         self.find("#outage input[value='503']").click()
@@ -180,8 +206,12 @@ class PageTest(unittest.TestCase):
             self.until(lambda: terminal.check_in() == (401, {"status": answer}), answer)
             if action == "revoke":
                 self.until(lambda: self.card(number, ".age").text.startswith("told so"), "that the terminal heard of it")
+                self.look("revoked")
         self.until(lambda: not self.browser.find_elements(By.CSS_SELECTOR, f"[data-terminal='{number}']"), "no card")
         # The browser logs the refusals of the wrong code and of the broken policy, and must have nothing else to say.
         said = [entry["message"] for entry in self.browser.get_log("browser")]
         self.assertEqual([text for text in said if "status of 404 " not in text and "status of 422 " not in text], [])
         self.assertEqual(self.browser.title, "Development portal")
+        self.portal.close()
+        self.until(lambda: "does not answer" in self.find("#offline").text, "that the portal is gone")
+        self.look("offline")
