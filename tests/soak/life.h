@@ -73,6 +73,6 @@ void CheckFiles();
 bool CheckSettled();  // false where there is no healthy kiosk
 void CheckPeace();
 void CheckUninstalled();
-inline constexpr std::uint64_t kSettled = 2'400'000;  // ms
+inline constexpr std::uint64_t kSettled = 2'400'000;  // ms with the service running
 
 }  // namespace kiosk::soak
