@@ -246,7 +246,7 @@ void Peace(Life& life, std::uint32_t /*number*/) {
   }
 }
 
-// Weights and limits decide what a seed is.
+// Weights and limits decide what a seed is; what has no weight stands in lists alone.
 constexpr StepKind kSteps[] = {
     {"Wait", 34, 0, [](Life& life, std::uint32_t number) { life.Wait(number); }},
     {"Portal", 8, kOutages, [](Life&, std::uint32_t number) { world.outage = number % kOutages; }},
@@ -280,6 +280,7 @@ constexpr StepKind kSteps[] = {
     {"Upgrade", 2, 1, Upgrade},
     {"Uninstall", 2, 1, Uninstall},
     {"Install", 6, 1, Install},
+    {"Memory", 0, 1, [](Life&, std::uint32_t number) { CheckMemory(number); }},
     {"Peace", 2, 1, Peace},
 };
 

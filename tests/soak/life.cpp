@@ -184,6 +184,7 @@ void Life::Until(HANDLE thread, std::uint64_t patience, const std::string& broke
 bool Life::Pass(std::uint64_t milliseconds) {
   clock_.RunFor(milliseconds);
   KeepTime();
+  sim::ScriptedPortal::ForgetRequests();
   Need(!service_ || WaitForSingleObject(service_.Get(), 0) != WAIT_OBJECT_0, "stop: the service has ended by itself");
   return !sim::PendingShutdown();
 }

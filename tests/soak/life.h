@@ -72,6 +72,8 @@ void CheckAlways();
 void CheckFiles();
 bool CheckSettled();  // false where there is no healthy kiosk
 void CheckPeace();
+void CheckMemory(
+    std::uint32_t kilobytes);  // at most so many more than at the first call in this process, no handle more
 void CheckUninstalled();
 inline constexpr std::uint64_t kSettled = 2'400'000;  // ms with the service running
 
