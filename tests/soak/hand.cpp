@@ -115,10 +115,11 @@ void Setting(Life& life, std::uint32_t number) {
   life.Ask(Shell(), R"({"unlockToken":")" + life.unlock + "\"," + kRequests[number % std::size(kRequests)]);
 }
 
-// A version before knew no digest of the secret.
+// A version before knew no digest of the secret, and the first start of this one notes it. Where it cannot, whoever
+// signs in then is taken for the owner's choice, as docs/registry.md says.
 void Upgrade(Life& life, std::uint32_t /*number*/) {
   life.StopService(SERVICE_CONTROL_STOP);
-  if (test::Winlogon(L"DefaultUserName") == L"NorvaneKiosk") {
+  if (test::Winlogon(L"DefaultUserName") == L"NorvaneKiosk" && !world.stateKeyRefused) {
     state::DeleteStateValue(state::kAutoLogonDigest);
   }
   life.End();
