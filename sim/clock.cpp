@@ -2,6 +2,7 @@
 
 #include "sim/clock_internal.h"
 #include "sim/seam.h"
+#include "sim/watchdog.h"
 
 #include <algorithm>
 #include <atomic>
@@ -38,7 +39,6 @@ struct Participant {
 namespace {
 
 constexpr std::uint64_t kPerMillisecond = 10'000;
-constexpr std::uint64_t kWatchdog = 20'000;  // of real time
 
 // Waits that succeed and releases leave the last error alone, and callers rely on it.
 struct KeepLastError {
@@ -65,14 +65,14 @@ Participant* tester = nullptr;
 bool actionTurn = false;  // the tester is to run what is due
 DWORD grace = 0;
 bool serial = false;
-std::uint64_t lastMove = 0;      // real time
+Watchdog watchdog;
 std::uint64_t allWaitSince = 0;  // real time, 0: not all
 thread_local Participant* self = nullptr;
 
 void Finish(Waiter& waiter, DWORD result) {
   waiter.result = result;
   waiter.done = true;
-  lastMove = ::GetTickCount64();
+  watchdog.Moved();
   WakeConditionVariable(&waiter.wake);
 }
 
@@ -162,7 +162,7 @@ void Settle() {
       return;
     }
     ticks = next;
-    lastMove = ::GetTickCount64();
+    watchdog.Moved();
   }
 }
 
@@ -189,15 +189,12 @@ void RunDueAction(Waiter& waiter) {
   ::ReleaseSRWLockExclusive(&guard);
   action();
   ::AcquireSRWLockExclusive(&guard);
-  lastMove = ::GetTickCount64();
+  watchdog.Moved();
   Enlist(waiter);
 }
 
 // The test's thread gives its wait up when nothing has moved for too long.
-void Watch(Waiter& waiter) {
-  if (::GetTickCount64() - lastMove < kWatchdog) {
-    return;
-  }
+void GiveUp(Waiter& waiter) {
   std::string who;
   for (const auto& participant : participants) {
     const Waiter* wait = participant->waiter;
@@ -221,15 +218,15 @@ DWORD WaitVirtually(Waiter& waiter, std::uint64_t milliseconds) {
   ::AcquireSRWLockExclusive(&guard);
   const bool test = self != nullptr && self == tester;
   waiter.deadline = milliseconds >= INFINITE ? kForever : ticks + milliseconds;
-  lastMove = ::GetTickCount64();
+  watchdog.Moved();
   Enlist(waiter);
   while (!waiter.done) {
     if (test && actionTurn) {
       RunDueAction(waiter);
     } else if (!SleepConditionVariableSRW(&waiter.wake, &guard, test ? 1 : 10, 0)) {
       Settle();
-      if (test && !waiter.done) {
-        Watch(waiter);
+      if (test && !waiter.done && watchdog.Barks()) {
+        GiveUp(waiter);
       }
     }
   }
@@ -270,7 +267,7 @@ VirtualClock::VirtualClock(std::uint64_t startUtc, int biasMinutes, std::uint64_
   ticks = wallTicks = startTicks = upFor;
   wallBase = startUtc;
   bias = biasMinutes;
-  lastMove = ::GetTickCount64();
+  watchdog.Moved();
   on = true;
 }
 
@@ -320,6 +317,8 @@ void VirtualClock::SetBias(int minutes) {
 }
 
 void VirtualClock::SetGrace(DWORD realMilliseconds) { grace = realMilliseconds; }
+
+void VirtualClock::SetPatience(DWORD milliseconds) { watchdog.patience = milliseconds; }
 
 void VirtualClock::Serialise() { serial = true; }
 

@@ -32,8 +32,7 @@ class VirtualClock {
   // virtual time are reached, before any wait that ends at the same moment.
   void At(std::uint64_t milliseconds, std::function<void()> action);
   // Lets time pass. Returns when everything due by then has run and every other registered thread waits again. When
-  // nothing moves for the watchdog's time (a thread that runs or blocks outside of a simulated wait), a violation
-  // names the threads.
+  // nothing moves for too long (threads that run or block outside of a simulated wait), a violation names them.
   void RunUntil(std::uint64_t milliseconds);
   void RunFor(std::uint64_t milliseconds) { RunUntil(Elapsed() + milliseconds); }
 
@@ -45,6 +44,8 @@ class VirtualClock {
   // For tests with real pipes or files in flight: the clock jumps only after all threads have waited for so long in
   // real time. 0 at first.
   void SetGrace(DWORD realMilliseconds);
+  // How long nothing may move: so much processor time, used by this process or left idle. 20 s at first.
+  void SetPatience(DWORD milliseconds);
   // From now on one registered thread runs at a time: whose wait is over, or who begins, goes on when all others wait.
   // In which order things happen then depends on nothing but what is done.
   void Serialise();

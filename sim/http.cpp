@@ -37,7 +37,9 @@ HandlePtr Find(HINTERNET handle) {
 
 HINTERNET Register(HandlePtr handle) {
   const std::lock_guard guard(mutex);
-  handle->token = &tokens[lastToken++ % std::size(tokens)];
+  do {
+    handle->token = &tokens[lastToken++ % std::size(tokens)];
+  } while (handles.contains(handle->token));  // a session may live for longer than all the others
   return handles.emplace(handle->token, handle).first->first;
 }
 
@@ -152,6 +154,11 @@ void ScriptedPortal::RefuseOption(DWORD option) {
 std::vector<Request> ScriptedPortal::Requests() const {
   const std::lock_guard guard(mutex);
   return requests;
+}
+
+void ScriptedPortal::ForgetRequests() {
+  const std::lock_guard guard(mutex);
+  requests.clear();
 }
 
 std::vector<std::uint64_t> ScriptedPortal::Seconds() const {

@@ -61,6 +61,7 @@ class ScriptedPortal {
   void RefuseOption(DWORD option);
   // All requests so far, those of failed connections included.
   [[nodiscard]] std::vector<Request> Requests() const;
+  static void ForgetRequests();  // which would be the memory of a long life
   // The seconds of virtual time at which they were sent.
   [[nodiscard]] std::vector<std::uint64_t> Seconds() const;
 };

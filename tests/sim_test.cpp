@@ -13,6 +13,7 @@
 
 #include <lm.h>
 
+#include <atomic>
 #include <tuple>
 
 #include <gtest/gtest-spi.h>
@@ -54,6 +55,36 @@ TEST(SimClock, NoJumpWhileASignalIsOnItsWay) {
   EXPECT_EQ(WaitForMultipleObjects(2, both, TRUE, 5), WAIT_OBJECT_0);
   EXPECT_EQ(timeouts, 0);
   EXPECT_EQ(clock.Elapsed(), 0U);
+}
+
+// One that runs on and on, and one in a call that is no simulated wait and does not return.
+TEST(SimClock, AThreadThatHoldsTimeUpIsNamed) {
+  for (const bool runs : {true, false}) {
+    const sim::CatchViolations caught;
+    sim::VirtualClock clock(sim::FileTimeOf(2026, 3, 29));
+    clock.SetPatience(200);
+    std::atomic<bool> over{false};
+    HANDLE read = nullptr;
+    HANDLE write = nullptr;
+    ASSERT_TRUE(CreatePipe(&read, &write, nullptr, 0));
+    const KernelHandle reader(read);
+    KernelHandle writer(write);
+    const KernelHandle thread = StartThread([&]() noexcept {
+      char byte = 0;
+      DWORD count = 0;
+      while (runs ? !over : ReadFile(read, &byte, 1, &count, nullptr) != FALSE) {
+      }
+    });
+    const ULONGLONG start = GetTickCount64();
+    clock.RunFor(1000);
+    EXPECT_EQ(GetTickCount64(), start) << runs;
+    over = true;
+    writer.Reset();
+    EXPECT_EQ(WaitForSingleObject(thread.Get(), 5), WAIT_OBJECT_0) << runs;
+    const std::string sentence = sim::CatchViolations::Take();
+    EXPECT_NE(sentence.find("stands still at 0 ms"), std::string::npos) << sentence;
+    EXPECT_NE(sentence.find(" runs or blocks"), std::string::npos) << sentence;
+  }
 }
 
 TEST(SimLocks, RanksAreChecked) {

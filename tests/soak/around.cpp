@@ -95,7 +95,7 @@ void BeAStranger(std::uint32_t number) {
 void SetClient(bool there) { test::SetString(test::kUpdateKey, L"ClientInstallDir", there ? L"C:\\Client" : L""); }
 
 void Heal() {
-  world.troubleAt = world.lived;
+  world.troubleAt = world.served;
   world.outage = world.logOutage = kNone;
   world.disk = world.killIn = world.failIn = 0;
   world.stateKeyRefused = false;

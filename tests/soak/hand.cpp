@@ -115,10 +115,11 @@ void Setting(Life& life, std::uint32_t number) {
   life.Ask(Shell(), R"({"unlockToken":")" + life.unlock + "\"," + kRequests[number % std::size(kRequests)]);
 }
 
-// A version before knew no digest of the secret.
+// A version before knew no digest of the secret, and the first start of this one notes it. Where it cannot, whoever
+// signs in then is taken for the owner's choice, as docs/registry.md says.
 void Upgrade(Life& life, std::uint32_t /*number*/) {
   life.StopService(SERVICE_CONTROL_STOP);
-  if (test::Winlogon(L"DefaultUserName") == L"NorvaneKiosk") {
+  if (test::Winlogon(L"DefaultUserName") == L"NorvaneKiosk" && !world.stateKeyRefused) {
     state::DeleteStateValue(state::kAutoLogonDigest);
   }
   life.End();
@@ -246,7 +247,7 @@ void Peace(Life& life, std::uint32_t /*number*/) {
   }
 }
 
-// Weights and limits decide what a seed is.
+// Weights and limits decide what a seed is; what has no weight stands in lists alone.
 constexpr StepKind kSteps[] = {
     {"Wait", 34, 0, [](Life& life, std::uint32_t number) { life.Wait(number); }},
     {"Portal", 8, kOutages, [](Life&, std::uint32_t number) { world.outage = number % kOutages; }},
@@ -280,6 +281,7 @@ constexpr StepKind kSteps[] = {
     {"Upgrade", 2, 1, Upgrade},
     {"Uninstall", 2, 1, Uninstall},
     {"Install", 6, 1, Install},
+    {"Memory", 0, 1, [](Life&, std::uint32_t number) { CheckMemory(number); }},
     {"Peace", 2, 1, Peace},
 };
 

@@ -52,7 +52,7 @@ void KillHere() {
   KeepTime();
   ++world.kills;
   world.boot = world.killsPower;
-  world.troubleAt = world.lived;
+  world.troubleAt = world.served;
   SaveWorld();
   EndProcess(sim::kFaultExitCode);
 }
@@ -107,7 +107,7 @@ DWORD OnChange(const sim::ChangeCall& call) {
   }
   if (error != 0) {
     const Hand hand;
-    world.troubleAt = world.lived;
+    world.troubleAt = world.served;
     NoteRefused(call);
   }
   return error;
@@ -184,6 +184,7 @@ void Life::Until(HANDLE thread, std::uint64_t patience, const std::string& broke
 bool Life::Pass(std::uint64_t milliseconds) {
   clock_.RunFor(milliseconds);
   KeepTime();
+  sim::ScriptedPortal::ForgetRequests();
   Need(!service_ || WaitForSingleObject(service_.Get(), 0) != WAIT_OBJECT_0, "stop: the service has ended by itself");
   return !sim::PendingShutdown();
 }
@@ -200,7 +201,7 @@ bool Life::Wait(std::uint32_t seconds) {
     }
     if (world.waitLeft % kLooks < kLook / kSecond) {
       CheckAlways();
-      const bool settled = world.lived - world.troubleAt > kSettled && CheckSettled();
+      const bool settled = world.served - world.troubleAt > kSettled && CheckSettled();
       Need(!settled || !steady || changes == before, "steady: a kiosk with nothing to do changes " + lastChange);
       steady = settled;
       before = changes;
@@ -258,7 +259,7 @@ void Life::Play(const std::vector<Step>& steps) {
   while (!restarts && !ends_ && (world.next < steps.size() || world.peace != 0)) {
     const Step& step = steps[world.peace != 0 ? world.next - 1 : world.next++];
     if (!step.Is("Wait") && !step.Is("Peace")) {
-      world.troubleAt = world.lived;
+      world.troubleAt = world.served;
     }
     SaveWorld();
     {

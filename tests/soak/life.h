@@ -72,7 +72,9 @@ void CheckAlways();
 void CheckFiles();
 bool CheckSettled();  // false where there is no healthy kiosk
 void CheckPeace();
+void CheckMemory(
+    std::uint32_t kilobytes);  // at most so many more than at the first call in this process, no handle more
 void CheckUninstalled();
-inline constexpr std::uint64_t kSettled = 2'400'000;  // ms
+inline constexpr std::uint64_t kSettled = 2'400'000;  // ms with the service running
 
 }  // namespace kiosk::soak

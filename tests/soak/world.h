@@ -15,7 +15,7 @@ struct World {
   std::uint64_t utc = 0;
   std::uint64_t ticks = 1;
   std::int32_t bias = 0;
-  // Milliseconds all in all, with the service running, and when something was wrong last.
+  // Milliseconds all in all; with the service running; and how many of these when something was wrong last.
   std::uint64_t lived = 0, served = 0, troubleAt = 0;
 
   std::uint32_t next = 0;      // the step that comes
