@@ -130,11 +130,13 @@ struct FoundAccount {
 };
 
 Outcome FindAccount(FoundAccount& found) {
-  found.recorded = state::ReadStateString(state::kAccountSid);
+  state::RawValue recorded;
+  const LSTATUS status = state::ReadState(state::kAccountSid, recorded);
   const AccountLookup lookup = LookupKioskAccount(found.sid);
-  if (lookup == AccountLookup::kFailed) {
+  if (lookup == AccountLookup::kFailed || (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND)) {
     return {"account_lookup_failed"};
   }
+  found.recorded = recorded.Text().value_or(L"");
   found.present = lookup == AccountLookup::kPresent;
   if (!found.present) {
     return kWell;
