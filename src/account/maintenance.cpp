@@ -134,7 +134,7 @@ void RepairMaintenance() {
   // Durably over, or every start would end in a restart.
   if (state::FlushStateKey() && state::FlagIsOn(state::kProvisioned) && AutoLogonNamesKiosk() &&
       enrolment::NobodyIsSignedIn()) {
-    ScheduleRestartAfterMaintenance();
+    ScheduleIdleRestart("maintenance was cut short");
   }
 }
 
@@ -156,7 +156,7 @@ void OnSessionChange(DWORD event, DWORD session) {
   if (event == WTS_SESSION_LOGOFF) {
     OnSessionSignedOut(session);
   } else if (event == WTS_SESSION_LOGON && session != 0) {
-    CallOffRestartAfterMaintenance();
+    CallOffIdleRestart();
   }
   if (session == 0 || !state::FlagIsOn(state::kMaintenance)) {
     return;
