@@ -271,16 +271,16 @@ TEST_F(PipeServer, RefusalsDoNotFillTheLog) {
   const struct {
     DWORD allowed;
     const char* request;
-    std::string line;
-  } cases[] = {
-      {0, "{}", "WARN caller refused: this service is unsigned and DevAllowUnsigned is not set"},
-      {1, R"({"cmd":"unlock"})", "WARN unlock refused: the caller is not the kiosk account in its own session"}};
+    std::string reply, line;
+  } cases[] = {{0, "{}", kRefused, "WARN caller refused: this service is unsigned and DevAllowUnsigned is not set"},
+               {1, R"({"cmd":"unlock"})", "{\"ok\":false,\"error\":\"not_permitted\"}\n",
+                "WARN unlock refused: the caller is not the kiosk account in its own session"}};
   ServeVirtually();
   std::size_t said = kQuiet.size();
   for (const auto& each : cases) {
     test::SetDword(state::kStateKey, L"DevAllowUnsigned", each.allowed);
     for (int i = 0; i < 15; ++i) {
-      Exchange(each.request);
+      EXPECT_EQ(Exchange(each.request), each.reply);
     }
     EXPECT_EQ(test::CountLogged(each.line), 10);
     Clock().RunFor(120'000);

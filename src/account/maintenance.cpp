@@ -36,6 +36,12 @@ std::set<DWORD>& AdministratorSessions() REQUIRES(sessionsLock) {
   return sessions;
 }
 
+bool CanBeRead(const state::StateValue& value) {
+  state::RawValue raw;
+  const LSTATUS status = state::ReadState(value, raw);
+  return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;
+}
+
 // Empty when the caller may enter.
 std::string Admit(const command::Request& request) {
   const std::string& password = json::Member(request.members, "password").text();
@@ -104,6 +110,12 @@ bool EndMaintenance(const char* reason) {
   const bool namesAreDue = KioskNamesAreDue();
   const win32::LockGuard guard(AutoLogonLock());
   if (!state::FlagIsOn(state::kMaintenance)) {
+    return false;
+  }
+  // What cannot be read now may say that the setting is ours: the mark stays, and the next start comes here again.
+  if (!CanBeRead(state::kDeviceToken) || !CanBeRead(state::kOwnsAutoLogon)) {
+    log::Log(log::kError, log::kKiosk,
+             "maintenance: cannot read whose auto sign-in is; it goes on until Windows restarts");
     return false;
   }
   // First, so that a start of the service takes a half of this for the maintenance of an earlier boot and ends it.
