@@ -10,7 +10,8 @@ namespace {
 constexpr NTSTATUS kReparsePointEncountered = static_cast<NTSTATUS>(0xC000050B);
 constexpr NTSTATUS kDeletePending = static_cast<NTSTATUS>(0xC0000056);
 constexpr NTSTATUS kInvalidParameter = static_cast<NTSTATUS>(0xC000000D);
-constexpr DWORD kDispositionEx = 21;  // FileDispositionInfoEx, which the headers number only for later versions
+constexpr DWORD kFromWin32 = 0xC0070000;  // FACILITY_NTWIN32: RtlNtStatusToDosError gives the rest back
+constexpr DWORD kDispositionEx = 21;      // FileDispositionInfoEx, which the headers number only for later versions
 
 // "Open.File.FileAttributes.FILE_ATTRIBUTE_READONLY" and an image section: STATUS_CANNOT_DELETE ([MS-FSA] 2.1.5.15.3,
 // and FILE_DISPOSITION_INFORMATION_EX).
@@ -78,6 +79,9 @@ SIM(NTSTATUS, NtCreateFile, PHANDLE file, ACCESS_MASK access, POBJECT_ATTRIBUTES
     real.RootDirectory = nullptr;
     real.ObjectName = &text;
   }
+  if (DiskIsBad() && DiskRefuses(KindOfOpening(path, disposition == FILE_OPEN), Plain(path))) {
+    return static_cast<NTSTATUS>(kFromWin32 | GetLastError());
+  }
   const auto open = [&]() -> NTSTATUS {
     const NTSTATUS result = ::NtCreateFile(file, access, &real, status, size, attributes, share, disposition, options,
                                            extended, extendedSize);
@@ -89,15 +93,14 @@ SIM(NTSTATUS, NtCreateFile, PHANDLE file, ACCESS_MASK access, POBJECT_ATTRIBUTES
   if (disposition == FILE_OPEN || !Counts(Plain(path))) {
     return open();
   }
-  // A failure as FACILITY_NTWIN32, which RtlNtStatusToDosError gives back.
   NTSTATUS result = 0;
   const BOOL made = Change<BOOL>("NtCreateFile", Plain(path), [&]() -> BOOL { return (result = open()) >= 0; });
-  return made || result < 0 ? result : static_cast<NTSTATUS>(0xC0070000 | GetLastError());
+  return made || result < 0 ? result : static_cast<NTSTATUS>(kFromWin32 | GetLastError());
 }
 
 SIM(WINBOOL, SetFileInformationByHandle, HANDLE file, FILE_INFO_BY_HANDLE_CLASS kind, LPVOID data, DWORD size) {
   const bool extended = kind == static_cast<FILE_INFO_BY_HANDLE_CLASS>(kDispositionEx);
-  return ChangeOpenFile("SetFileInformationByHandle", file, [&]() -> BOOL {
+  return ChangeOpenFile("SetFileInformationByHandle", kDeletes, file, [&]() -> BOOL {
     if (extended) {
       return Delete(file, (*static_cast<DWORD*>(data) & FILE_DISPOSITION_FLAG_POSIX_SEMANTICS) != 0);
     }

@@ -110,6 +110,13 @@ void UseKeptHandles() {
 
 bool IsPending(const std::wstring& path) { return ReadText(kPending, Plain(path)).has_value(); }
 
+unsigned KindOfOpening(const std::wstring& path, bool existing) {
+  if (::GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES) {
+    return kOpens;
+  }
+  return existing ? kLooks : kMakes;
+}
+
 std::wstring Resolve(const wchar_t* given, bool last) {
   UseKeptHandles();
   if (given != nullptr && wcslen(given) >= MAX_PATH && !std::wstring_view(given).starts_with(L"\\\\?\\")) {
@@ -159,9 +166,9 @@ bool Counts(const std::wstring& plain) {
 namespace {
 
 template <typename Call>
-BOOL ChangeAndForget(const char* function, const wchar_t* given, Call call) {
+BOOL ChangeAndForget(const char* function, unsigned kind, const wchar_t* given, Call call) {
   const std::wstring path = Resolve(given, false);
-  return ChangeFile(function, path, [&]() -> BOOL {
+  return ChangeFile(function, kind, path, [&]() -> BOOL {
     const BOOL done = call(path.c_str());
     if (done) {
       Forget(path);
@@ -231,7 +238,7 @@ using namespace sim;
 
 SIM(WINBOOL, CreateDirectoryW, LPCWSTR given, LPSECURITY_ATTRIBUTES security) {
   const std::wstring path = Resolve(given, false);
-  return ChangeFile("CreateDirectoryW", path, [&]() -> BOOL {
+  return ChangeFile("CreateDirectoryW", kMakes, path, [&]() -> BOOL {
     if (Refused(path)) {
       return FALSE;
     }
@@ -248,7 +255,7 @@ SIM(WINBOOL, CreateDirectoryW, LPCWSTR given, LPSECURITY_ATTRIBUTES security) {
 // "The directory is not removed until the last handle to the directory is closed."
 SIM(WINBOOL, RemoveDirectoryW, LPCWSTR given) {
   const std::wstring path = Resolve(given, false);
-  return ChangeFile("RemoveDirectoryW", path, [&]() -> BOOL {
+  return ChangeFile("RemoveDirectoryW", kDeletes, path, [&]() -> BOOL {
     if (Refused(path)) {
       return FALSE;
     }
@@ -265,13 +272,13 @@ SIM(WINBOOL, RemoveDirectoryW, LPCWSTR given) {
 }
 
 SIM(WINBOOL, DeleteFileW, LPCWSTR path) {
-  return ChangeAndForget("DeleteFileW", path, [](const wchar_t* real) { return ::DeleteFileW(real); });
+  return ChangeAndForget("DeleteFileW", kDeletes, path, [](const wchar_t* real) { return ::DeleteFileW(real); });
 }
 
 // A folder with open files in it is not renamed ([MS-FSA] 2.1.5.15.11: STATUS_ACCESS_DENIED).
 SIM(WINBOOL, MoveFileExW, LPCWSTR from, LPCWSTR to, DWORD flags) {
   const std::wstring target = Resolve(to, false);
-  return ChangeAndForget("MoveFileExW", from, [&](const wchar_t* real) -> BOOL {
+  return ChangeAndForget("MoveFileExW", kMoves, from, [&](const wchar_t* real) -> BOOL {
     if (HasOpenFiles(real)) {
       SetLastError(ERROR_ACCESS_DENIED);
       return FALSE;
@@ -286,7 +293,7 @@ SIM(WINBOOL, MoveFileExW, LPCWSTR from, LPCWSTR to, DWORD flags) {
 }
 
 SIM(WINBOOL, FlushFileBuffers, HANDLE file) {
-  return ChangeOpenFile("FlushFileBuffers", file, [&] { return ::FlushFileBuffers(file); });
+  return ChangeOpenFile("FlushFileBuffers", kFlushes, file, [&] { return ::FlushFileBuffers(file); });
 }
 
 SIM(WINBOOL, MoveFileW, LPCWSTR from, LPCWSTR to) { return sim_MoveFileExW(from, to, MOVEFILE_COPY_ALLOWED); }
@@ -306,48 +313,50 @@ SIM(HANDLE, CreateFileW, LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATT
     file = ::CreateFileW(real.c_str(), access, share, security, disposition, flags, model);
     return file != INVALID_HANDLE_VALUE;
   };
-  disposition == CREATE_NEW ? ChangeFile("CreateFileW", real, open) : open();
+  if (disposition == CREATE_NEW) {
+    ChangeFile("CreateFileW", kMakes, real, open);
+  } else if (!DiskIsBad() || !DiskRefuses(KindOfOpening(real, disposition == OPEN_EXISTING), Plain(real))) {
+    open();
+  }
   return file;
 }
 
 // In the spool a write is two changes, so that one can end in the middle. Success is no promise that all was taken: the
 // page has the number written for that, and names a case of its own where it is smaller.
 SIM(WINBOOL, WriteFile, HANDLE file, LPCVOID data, DWORD size, LPDWORD written, LPOVERLAPPED overlapped) {
+  if (overlapped == nullptr && DiskIsBad() && DiskRefuses(kHalfWrites, PathOf(file))) {
+    return ::WriteFile(file, data, size / 2, written, nullptr);
+  }
   if (shorten && overlapped == nullptr && PathOf(file).ends_with(shortPath) && shorten.exchange(false)) {
     return ::WriteFile(file, data, std::min(size, shortSize), written, nullptr);
   }
   if (!ChangePoint::Armed() || overlapped != nullptr || !InSpool(PathOf(file))) {
-    return ChangeOpenFile("WriteFile", file, [&] { return ::WriteFile(file, data, size, written, overlapped); });
+    return ChangeOpenFile("WriteFile", kWrites, file,
+                          [&] { return ::WriteFile(file, data, size, written, overlapped); });
   }
   const DWORD half = size / 2;
   DWORD second = 0;
   const BOOL done =
-      ChangeFile("WriteFile", PathOf(file), [&] { return ::WriteFile(file, data, half, written, nullptr); }) &&
-      ChangeFile("WriteFile", PathOf(file), [&] {
+      ChangeFile("WriteFile", kWrites, PathOf(file), [&] { return ::WriteFile(file, data, half, written, nullptr); }) &&
+      ChangeFile("WriteFile", kWrites, PathOf(file), [&] {
         return ::WriteFile(file, static_cast<const char*>(data) + half, size - half, &second, nullptr);
       });
   *written += second;
   return done;
 }
 
-// As much room as freeDiskMegabytes says.
-SIM(WINBOOL, GetDiskFreeSpaceExW, LPCWSTR folder, PULARGE_INTEGER available, PULARGE_INTEGER total,
-    PULARGE_INTEGER free) {
-  const BOOL done = ::GetDiskFreeSpaceExW(folder, available, total, free);
-  if (const std::optional<DWORD> megabytes = freeDiskMegabytes.Read(); done && megabytes) {
-    available->QuadPart = std::uint64_t{*megabytes} * 1024 * 1024;
-  }
-  return done;
-}
-
 SIM(DWORD, GetFileAttributesW, LPCWSTR path) {
   const std::wstring real = Resolve(path, false);
-  const DWORD attributes = Refused(real) ? INVALID_FILE_ATTRIBUTES : ::GetFileAttributesW(real.c_str());
+  const bool refused = Refused(real) || (DiskIsBad() && DiskRefuses(kLooks, Plain(real)));
+  const DWORD attributes = refused ? INVALID_FILE_ATTRIBUTES : ::GetFileAttributesW(real.c_str());
   return attributes != INVALID_FILE_ATTRIBUTES && IsLink(Plain(real)) ? attributes | FILE_ATTRIBUTE_REPARSE_POINT
                                                                       : attributes;
 }
 
 SIM(WINBOOL, GetFileInformationByHandle, HANDLE file, LPBY_HANDLE_FILE_INFORMATION information) {
+  if (DiskIsBad() && DiskRefuses(kLooks, PathOf(file))) {
+    return FALSE;
+  }
   const BOOL done = ::GetFileInformationByHandle(file, information);
   if (done && AreaExists(kLinks) && IsLink(PathOf(file))) {
     information->dwFileAttributes |= FILE_ATTRIBUTE_REPARSE_POINT;
@@ -357,6 +366,9 @@ SIM(WINBOOL, GetFileInformationByHandle, HANDLE file, LPBY_HANDLE_FILE_INFORMATI
 
 SIM(HANDLE, FindFirstFileW, LPCWSTR pattern, LPWIN32_FIND_DATAW data) {
   const std::wstring real = Resolve(pattern, false);
+  if (DiskIsBad() && DiskRefuses(kLooks, Plain(real))) {
+    return INVALID_HANDLE_VALUE;
+  }
   HANDLE search = ::FindFirstFileW(real.c_str(), data);
   if (search != INVALID_HANDLE_VALUE) {
     const std::lock_guard guard(mutex);

@@ -1,6 +1,7 @@
 // What the files of the simulation share: how paths are named in the machine's areas, and which changes count.
 #pragma once
 
+#include "sim/bad_disk.h"
 #include "sim/faults.h"
 #include "sim/machine.h"
 
@@ -33,6 +34,9 @@ std::wstring Resolve(const wchar_t* given, bool last);
 void Forget(const std::wstring& path);
 void SetFileSecurity(const std::wstring& path, PSECURITY_DESCRIPTOR descriptor);
 
+// What an opening is to a bad disk; `existing`: it makes no file.
+unsigned KindOfOpening(const std::wstring& path, bool existing);
+
 bool HandleAllows(HANDLE file, DWORD rights);
 
 // A file of the log's spool.
@@ -40,17 +44,21 @@ bool InSpool(const std::wstring& plain);
 // Files of the log do not count as changes, unless they are of its spool.
 bool Counts(const std::wstring& plain);
 
-template <typename Result = BOOL, typename Call>
-Result ChangeFile(const char* function, const std::wstring& path, Call call) {
+// Also what a bad disk refuses: `kind` is of sim/bad_disk.h.
+template <typename Call>
+BOOL ChangeFile(const char* function, unsigned kind, const std::wstring& path, Call call) {
   const std::wstring plain = Plain(path);
-  return Counts(plain) ? Change<Result>(function, plain, call) : call();
+  if (DiskRefuses(kind, plain)) {
+    return FALSE;
+  }
+  return Counts(plain) ? Change<BOOL>(function, plain, call) : call();
 }
 
 // The same on an open file; pipes and the like do not count.
 template <typename Call>
-BOOL ChangeOpenFile(const char* function, HANDLE file, Call call) {
-  const std::wstring path = ChangePoint::Armed() ? PathOf(file) : L"";
-  return path.empty() ? call() : ChangeFile(function, path, call);
+BOOL ChangeOpenFile(const char* function, unsigned kind, HANDLE file, Call call) {
+  const std::wstring path = ChangePoint::Armed() || DiskIsBad() ? PathOf(file) : L"";
+  return path.empty() ? call() : ChangeFile(function, kind, path, call);
 }
 
 }  // namespace sim

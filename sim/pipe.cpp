@@ -1,6 +1,7 @@
 #include "sim/pipe.h"
 
 #include "sim/files.h"
+#include "sim/files_internal.h"
 #include "sim/seam.h"
 
 #include <atomic>
@@ -46,7 +47,8 @@ SIM(WINBOOL, ConnectNamedPipe, HANDLE pipe, LPOVERLAPPED overlapped) {
 
 SIM(WINBOOL, ReadFile, HANDLE file, LPVOID buffer, DWORD size, LPDWORD read, LPOVERLAPPED overlapped) {
   reads += overlapped != nullptr ? 1 : 0;
-  return ::ReadFile(file, buffer, size, read, overlapped);
+  return !(overlapped == nullptr && DiskIsBad() && DiskRefuses(kReads, PathOf(file))) &&
+         ::ReadFile(file, buffer, size, read, overlapped);
 }
 
 SIM(HANDLE, CreateNamedPipeW, LPCWSTR name, DWORD openMode, DWORD pipeMode, DWORD instances, DWORD outSize,

@@ -94,6 +94,11 @@ TEST_F(ExitPassword, OddStoredValuesLockNobodyOutForLonger) {
   EXPECT_EQ(Failures(), 1U);
   SetDword(state::kStateKey, L"MaintenanceFailures", 0xFFFFFFFF);
   EXPECT_EQ(VerifyExitPassword("Way out"), "locked");
+  for (const wchar_t* name : {L"MaintenanceFailures", L"MaintenanceLockedUntil"}) {
+    const sim::FailingReads failing(name, ERROR_NO_SYSTEM_RESOURCES);
+    EXPECT_EQ(VerifyExitPassword("Way out"), "busy") << "a shortage that a user makes is a free attempt";
+  }
+  EXPECT_EQ(VerifyExitPassword("Way out"), "locked");
 }
 
 TEST_F(ExitPassword, EveryAttemptCountsWhateverBecomesOfIt) {
@@ -301,6 +306,11 @@ TEST_F(MaintenanceTest, EndingLeavesASettingThatIsNotTheServicesAlone) {
   for (const wchar_t* gone : {L"OwnsAutoLogon", L"DeviceToken"}) {
     test::MakeKioskTerminal();
     Entered();
+    {
+      const sim::FailingReads failing(gone, ERROR_NO_SYSTEM_RESOURCES);
+      EXPECT_FALSE(EndMaintenance("too early to tell"));
+    }
+    EXPECT_TRUE(IsOn()) << "and the kiosk would never sign in again";
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, state::kStateKey, gone);
     EndMaintenance("test");
     EXPECT_FALSE(IsOn());

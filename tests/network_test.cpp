@@ -165,6 +165,26 @@ TEST_F(NetworkTest, UnfinishedChangeIsPutBackUnlessSomebodyElseHasSetTheAdapterS
   EXPECT_EQ(sim::DumpAdapters(), owners);
 }
 
+TEST_F(NetworkTest, ARecordThatCannotBeReadIsNotTakenForNone) {
+  const std::string before = sim::DumpAdapters();
+  kAdapter.dhcp.Set(0);
+  kAdapter.addresses.Set(L"10.1.2.3/24");
+  Record(std::string(kDhcpRecord) + kWantedRecord);
+  {
+    const sim::FailingReads failing(L"PriorNetwork", ERROR_NO_SYSTEM_RESOURCES);
+    EXPECT_EQ(Set(kStatic), kFailed);
+    EXPECT_FALSE(SettleChanges());
+    EXPECT_FALSE(EndChanges());
+  }
+  for (const auto settle : {SettleChanges, EndChanges}) {  // there a moment ago, and not readable now
+    const sim::FailingReads failing(L"PriorNetwork", ERROR_NO_SYSTEM_RESOURCES, 2);
+    EXPECT_FALSE(settle());
+  }
+  EXPECT_TRUE(Recorded());
+  EXPECT_TRUE(SettleChanges());
+  EXPECT_EQ(sim::DumpAdapters(), before);
+}
+
 TEST_F(NetworkTest, ADamagedRecordGoes) {
   for (const auto settle : {SettleChanges, EndChanges}) {
     test::SetString(state::kStateKey, L"PriorNetwork", L"[{\"adapter\":");

@@ -268,19 +268,28 @@ TEST_F(PipeServer, AFloodEndsItsOwnConnectionsAlone) {
 }
 
 TEST_F(PipeServer, RefusalsDoNotFillTheLog) {
-  constexpr char kLine[] = "WARN caller refused: this service is unsigned and DevAllowUnsigned is not set";
-  test::SetDword(state::kStateKey, L"DevAllowUnsigned", 0);
+  const struct {
+    DWORD allowed;
+    const char* request;
+    std::string reply, line;
+  } cases[] = {{0, "{}", kRefused, "WARN caller refused: this service is unsigned and DevAllowUnsigned is not set"},
+               {1, R"({"cmd":"unlock"})", "{\"ok\":false,\"error\":\"not_permitted\"}\n",
+                "WARN unlock refused: the caller is not the kiosk account in its own session"}};
   ServeVirtually();
-  for (int i = 0; i < 15; ++i) {
-    EXPECT_EQ(Exchange("{}"), kRefused);
+  std::size_t said = kQuiet.size();
+  for (const auto& each : cases) {
+    test::SetDword(state::kStateKey, L"DevAllowUnsigned", each.allowed);
+    for (int i = 0; i < 15; ++i) {
+      EXPECT_EQ(Exchange(each.request), each.reply);
+    }
+    EXPECT_EQ(test::CountLogged(each.line), 10);
+    Clock().RunFor(120'000);
+    EXPECT_EQ(test::CountLogged(each.line + " (5 more times within a minute)"), 1);
+    Exchange(each.request);
+    EXPECT_EQ(test::CountLogged(each.line), 11);
+    Clock().RunFor(120'000);
+    EXPECT_EQ(test::LogTexts().size(), said += 12);
   }
-  EXPECT_EQ(test::CountLogged(kLine), 10);
-  Clock().RunFor(120'000);
-  EXPECT_EQ(test::CountLogged(std::string(kLine) + " (5 more times within a minute)"), 1);
-  EXPECT_EQ(Exchange("{}"), kRefused);
-  EXPECT_EQ(test::CountLogged(kLine), 11);
-  Clock().RunFor(120'000);
-  EXPECT_EQ(test::LogTexts().size(), kQuiet.size() + 12);
 }
 
 TEST_F(PipeServer, ConnectingThatKeepsFailingIsToldOnceAndTriedSlowly) {

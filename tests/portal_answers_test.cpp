@@ -92,6 +92,7 @@ std::vector<WrongAnswer> WrongAnswers(const std::string& good) {
       {Reply(200, R"({"status":"enrolled","x":)" + std::string(100, '[')), kUnexpected},
       {Reply(200, R"({"status":"enrolled","x":)" + std::string(64, '[') + std::string(64, ']') + "}"), kUnexpected},
       {Reply(200, R"({"status":"enrolled","x":")" + std::string(80'000, 'x') + "\"}"), kUnexpected},
+      {Reply(200, good + std::string(65'536 - good.size() + 1, ' ')), kUnexpected},
       {{.sendError = ERROR_WINHTTP_CANNOT_CONNECT}, "WinHTTP error 12029"},
       {{.connectDelay = INFINITE}, "WinHTTP error 12002"},
       {{.headersDelay = INFINITE}, "WinHTTP error 12002"},

@@ -97,6 +97,19 @@ TEST_F(PowerTest, WhatCannotBeSavedIsNotChanged) {
   EXPECT_EQ(CountLogged("ERROR power: no active power scheme (2)"), 1);
 }
 
+TEST_F(PowerTest, CopiesThatCannotBeReadStayForLater) {
+  Receive(Policy(15, 0));
+  Apply();
+  {
+    const sim::FailingReads failing(L"PriorPower", ERROR_NO_SYSTEM_RESOURCES);
+    RestorePowerSettings();
+  }
+  EXPECT_NE(State(state::kPriorPower), "");
+  RestorePowerSettings();
+  EXPECT_EQ(sim::SchemeIndexes(sim::kBalanced), kOwn);
+  EXPECT_EQ(State(state::kPriorPower), "");
+}
+
 TEST_F(PowerTest, RestoreTakesWhatTheCopiesHold) {
   constexpr const wchar_t* kValues[] = {L"PowerPolicy", L"PowerSource",          L"PowerLocal",
                                         L"PowerError",  L"PowerScheduleApplied", L"PriorPower"};

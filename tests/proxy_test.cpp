@@ -120,6 +120,20 @@ TEST_F(ProxyTest, OnlyWhatIsStillOursIsPutBack) {
   EXPECT_EQ(Now(), L"evenlater.test:2");
 }
 
+TEST_F(ProxyTest, NotesThatCannotBeReadAreNotTakenForNone) {
+  for (const wchar_t* name : {L"PriorWinHttpSettings", L"AppliedProxy", L"PriorProxy"}) {
+    Set(kManual);
+    {
+      const sim::FailingReads failing(name, ERROR_NO_SYSTEM_RESOURCES);
+      EXPECT_EQ(Set(R"({"mode":"manual","server":"other.test:1"})"), R"({"ok":false,"error":"failed"})");
+      RestoreProxy();
+    }
+    EXPECT_EQ(Now(), L"proxy.test:8080 not for *.intra.test;<local>");
+    RestoreProxy();
+    EXPECT_EQ(Now(), L"owner.test:3128 not for a.test") << sim::Narrow(name);
+  }
+}
+
 TEST_F(ProxyTest, TheOwnersSettingComesBackByteForByte) {
   for (const std::string& owners : {kScript, kScriptAndProxy, std::string("none")}) {
     Keep(owners);

@@ -36,8 +36,8 @@ TEST_F(RestartTest, ACancelledOneNeverComesTheNextOneDoesAndAStopEndsTheWait) {
   EXPECT_FALSE(sim::PendingShutdown());
   EXPECT_EQ(test::LogTexts().size(), 1U);
   ScheduleKioskRestart();
-  ScheduleRestartAfterMaintenance();  // comes to nothing beside it, and so does its end
-  CallOffRestartAfterMaintenance();
+  ScheduleIdleRestart("");  // comes to nothing beside it, and so does its end
+  CallOffIdleRestart();
   clock_.RunUntil(70'250);
   EXPECT_TRUE(sim::PendingShutdown());
   sim::ForgetShutdown();

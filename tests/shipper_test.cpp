@@ -1,6 +1,7 @@
 // The central log shipper against a scripted endpoint, in virtual time.
 #include "log/local_log.h"
 #include "log/shipper/shipper_settings.h"
+#include "sim/bad_disk.h"
 #include "sim/clock.h"
 #include "sim/http.h"
 #include "sim/machine.h"
@@ -322,6 +323,62 @@ TEST_F(ShipperTest, StopLeavesAStuckRequestBehindAfterTwoSeconds) {
     return sim::Response{.status = 202};
   };
   StopInFlight(stuck, 2'000);
+}
+
+TEST_F(ShipperTest, SegmentThatCannotBeReadNowIsSentLaterAndKeepsNobodyWaiting) {
+  MakeDropTree();
+  std::string lines;
+  for (int i = 0; i < 2'000; ++i) {
+    lines += "{\"short_message\":\"kept " + std::to_string(i) + "\"," + R"("x":")" + std::string(60, 'x') + "\"}\n";
+  }
+  WriteWholeFile(kDrop + L"\\bad.gelf", lines);
+  {
+    const sim::BadDisk bad(L"\\taken\\", sim::kReads, ERROR_CRC);
+    Lines(0, 1);
+    clock_.RunFor(200'000);
+    Lines(1, 2);
+    clock_.RunFor(1'000);
+    EXPECT_EQ(Count("line 1"), 1);
+  }
+  clock_.RunFor(120'000);
+  EXPECT_EQ(received_.size(), 2'002U);
+  EXPECT_EQ(Segments(kDrop + L"\\Taken"), std::vector<std::wstring>{});
+  EXPECT_EQ(test::CountLogged("WARN central log: a segment of the spool cannot be read (23); trying again each minute"),
+            1);
+}
+
+// The stop has 2 s, whatever the disk says; what it takes again afterwards is not lost.
+class ShipperDisk : public ShipperTest, public testing::WithParamInterface<std::pair<unsigned, DWORD>> {};
+INSTANTIATE_TEST_SUITE_P(Ways, ShipperDisk,
+                         testing::Values(std::pair{sim::kAllCalls, DWORD{ERROR_NOT_READY}},
+                                         std::pair{sim::kWrites, DWORD{ERROR_DISK_FULL}},
+                                         std::pair{sim::kMoves | sim::kDeletes, DWORD{ERROR_SHARING_VIOLATION}},
+                                         std::pair{sim::kHalfWrites, DWORD{ERROR_SUCCESS}}));
+
+TEST_P(ShipperDisk, OutageOnABadDiskLosesNothingAndAStopIsInTime) {
+  answer_ = Status(503);
+  for (int round = 0; round < 2; ++round) {
+    {
+      const sim::BadDisk bad(L"\\drop", GetParam().first, GetParam().second);
+      Lines(round * 500, round * 500 + 500);
+      clock_.RunFor(600'000);
+    }
+    clock_.RunFor(61'000);
+  }
+  EXPECT_LE(Segments().size() + Segments(kDrop + L"\\Taken").size(), 10U);
+  answer_ = nullptr;
+  clock_.RunFor(400'000);
+  for (int i = 0; i < 1'000; ++i) {
+    EXPECT_GE(Count("line " + std::to_string(i)), 1) << i;
+  }
+  EXPECT_EQ(Segments(), std::vector<std::wstring>{});
+  answer_ = Status(503);
+  Lines(0, 100);
+  clock_.RunFor(5'000);
+  const sim::BadDisk bad(L"\\drop", GetParam().first, GetParam().second);
+  const std::uint64_t before = clock_.Elapsed();
+  StopBanner(kKiosk);
+  EXPECT_LE(clock_.Elapsed() - before, 2'000U);
 }
 
 TEST_F(ShipperTest, SegmentsOfOthersAndOfTheDeadAreSentAndTornLinesAreNot) {

@@ -102,6 +102,28 @@ TEST_F(TeardownTest, GivesTheComputerBackAsItWas) {
                 "INFO logged off kiosk session " + std::to_string(session), "INFO deleted NorvaneKiosk"}));
 }
 
+// Windows is short of memory for a while. What it does not give then is not taken for what is not there.
+TEST_F(TeardownTest, AValueThatCannotBeReadKeepsTheRemovalWaiting) {
+  for (const state::StateValue* value : state::kStateValues) {
+    SCOPED_TRACE(sim::Narrow(value->name));
+    SetUp();
+    test::OwnComputer();
+    const std::string before = sim::DumpMachine();
+    test::Enrol();
+    updates::ApplyWuRestartPolicy({true, 120, 300, 127});
+    test::Ask(proxy::ProxySet, R"({"mode":"manual","server":"p.test:1"})");
+    {
+      const sim::FailingReads failing(value->name, ERROR_NO_SYSTEM_RESOURCES);
+      RemoveKioskMode(value == &state::kDeviceToken, "because");
+      FinishPendingRemoval();
+    }
+    EXPECT_TRUE(test::HasValue(state::kStateKey, L"DeviceToken"));
+    FinishPendingRemoval();
+    EXPECT_EQ(sim::DumpMachine(), before);
+    EXPECT_EQ(StateNames(), std::set<std::wstring>{});
+  }
+}
+
 TEST_F(TeardownTest, WhatBecomesOfTheAccount) {
   constexpr char kDeleted[] = "INFO deleted NorvaneKiosk";
   struct {
@@ -261,6 +283,10 @@ TEST_F(TeardownTest, ProfilesOfEarlierAccountsAreTriedAtStartEachHourAndAtTheEnd
   EXPECT_FALSE(sim::ProfileFolder(sid).empty()) << "it is the recorded account's";
   ASSERT_TRUE(state::DeleteStateValue(state::kAccountSid));
   EXPECT_EQ(tries(FinishPendingRemoval), 0);
+  {
+    const sim::FailingReads failing(L"StaleProfileSids", ERROR_NO_SYSTEM_RESOURCES, 1);
+    DeleteStaleProfiles(false);
+  }
   clock_.RunFor(3'600'000);
   EXPECT_EQ(tries(FinishPendingRemoval), 1);
   EXPECT_EQ(tries(FinishPendingRemoval), 0);

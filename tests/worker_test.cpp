@@ -8,6 +8,7 @@
 #include "sim/faults.h"
 #include "sim/power.h"
 #include "sim/profiles.h"
+#include "sim/shutdown.h"
 #include "state/folders.h"
 #include "tests/support/terminal.h"
 #include "version.h"
@@ -210,6 +211,30 @@ TEST_F(WorkerTest, AProfileThatCannotBeDeletedHoldsNothingUpAndGoesWithinTheHour
   sim::UnloadHive(L"Scanner");
   clock_.RunUntil(7'300'000);
   EXPECT_TRUE(sim::ProfileFolder(old).empty()) << "the worker slept on without a token";
+}
+
+TEST_F(WorkerTest, TheSessionOfADeletedKioskAccountIsSignedOutAndTheNewOneComesWithARestart) {
+  for (const bool somebody : {false, true}) {
+    SCOPED_TRACE(somebody);
+    const std::uint64_t begin = clock_.Elapsed();
+    if (somebody) {
+      sim::AddUser(L"anna");
+      sim::SignIn(L"anna", test::kOtherSession);
+    } else {
+      StartWorker();
+      clock_.RunUntil(1'000);
+    }
+    const std::wstring old = test::Kiosk().sid;
+    ASSERT_NE(sim::SignIn(L"NorvaneKiosk", test::kKioskSession), 0U);
+    sim::RemoveUser(L"NorvaneKiosk");
+    clock_.RunUntil(begin + 60'000);
+    EXPECT_EQ(sim::SessionOf(old), 0U);
+    EXPECT_TRUE(sim::ProfileFolder(old).empty());
+    EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
+    clock_.RunUntil(begin + 400'000);
+    EXPECT_EQ(sim::PendingShutdown().has_value(), !somebody) << "nobody is thrown out";
+    sim::ForgetShutdown();
+  }
 }
 
 TEST_F(WorkerTest, BrandingAndPowerComeWithACheckInAndBrandingGoesWithTheEnrolment) {

@@ -26,6 +26,12 @@ win32::Lock checkLock{win32::LockRank::kLeaf};
 // It guards the two values of the state key as well.
 bool checking GUARDED_BY(checkLock) = false;
 
+// Read, or not there.
+bool IsKnown(const state::StateValue& value, state::RawValue& raw) {
+  const LSTATUS status = state::ReadState(value, raw);
+  return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;
+}
+
 void StartLockout() REQUIRES(checkLock) {
   // Where the end of the lock cannot be written the count stays, so that the next attempt comes here again.
   if (state::WriteStateQword(state::kMaintenanceLockedUntil, win32::FileTimeNow() + kLockout)) {
@@ -35,8 +41,7 @@ void StartLockout() REQUIRES(checkLock) {
            static_cast<int>(kMostFailures), static_cast<unsigned long long>(kLockoutSeconds));
 }
 
-bool LockedOut() REQUIRES(checkLock) {
-  const std::uint64_t until = state::ReadStateQword(state::kMaintenanceLockedUntil);
+bool LockedOut(std::uint64_t until) REQUIRES(checkLock) {
   const std::uint64_t now = win32::FileTimeNow();
   if (now >= until) {
     return false;
@@ -80,13 +85,19 @@ class Attempt {
  private:
   const char* Begin() {
     const win32::LockGuard guard(checkLock);
-    if (LockedOut()) {
+    state::RawValue counted;
+    state::RawValue lockedUntil;
+    // A user may see to it that Windows is short of memory: what it does not give then is no free attempt.
+    if (!IsKnown(state::kMaintenanceFailures, counted) || !IsKnown(state::kMaintenanceLockedUntil, lockedUntil)) {
+      return "busy";
+    }
+    if (LockedOut(lockedUntil.Qword().value_or(0))) {
       return "locked";
     }
     if (checking) {
       return "busy";
     }
-    const DWORD failures = state::ReadStateDword(state::kMaintenanceFailures);
+    const DWORD failures = counted.Dword().value_or(0);
     if (failures >= kMostFailures) {
       StartLockout();
       return "locked";

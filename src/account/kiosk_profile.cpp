@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace kiosk::account {
@@ -35,15 +36,19 @@ DWORD TryToDelete(const std::wstring& sid) {
   return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND ? ERROR_SUCCESS : error;
 }
 
-// The texts of a REG_MULTI_SZ, to the empty one that ends it.
-std::vector<std::wstring> StaleSids() {
+// The texts of a REG_MULTI_SZ, to the empty one that ends it. Empty optional when nobody can tell now.
+std::optional<std::vector<std::wstring>> StaleSids() {
   std::vector<std::wstring> sids;
-  const auto raw = state::ReadState(state::kStaleProfileSids);
-  if (!raw || raw->type != REG_MULTI_SZ) {
+  state::RawValue raw;
+  const LSTATUS status = state::ReadState(state::kStaleProfileSids, raw);
+  if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
+    return std::nullopt;
+  }
+  if (raw.type != REG_MULTI_SZ) {
     return sids;
   }
-  const auto* at = reinterpret_cast<const wchar_t*>(raw->bytes.data());
-  const wchar_t* const end = at + raw->bytes.size() / sizeof(wchar_t);
+  const auto* at = reinterpret_cast<const wchar_t*>(raw.bytes.data());
+  const wchar_t* const end = at + raw.bytes.size() / sizeof(wchar_t);
   while (at != end && *at != L'\0') {
     const wchar_t* const stop = std::find(at, end, L'\0');
     sids.emplace_back(at, stop);
@@ -86,11 +91,11 @@ bool DeleteKioskProfile(const std::wstring& sid) {
 }
 
 bool NoteStaleProfile(const std::wstring& sid) {
-  std::vector<std::wstring> sids = StaleSids();
-  if (std::find(sids.begin(), sids.end(), sid) == sids.end()) {
-    sids.push_back(sid);
+  std::optional<std::vector<std::wstring>> sids = StaleSids();
+  if (sids && std::find(sids->begin(), sids->end(), sid) == sids->end()) {
+    sids->push_back(sid);
   }
-  if (!StoreStaleSids(sids) || !state::FlushStateKey()) {
+  if (!sids || !StoreStaleSids(*sids) || !state::FlushStateKey()) {
     return false;
   }
   nextStaleTry = win32::TickCount() + kStaleInterval;
@@ -100,10 +105,13 @@ bool NoteStaleProfile(const std::wstring& sid) {
 }
 
 void DeleteStaleProfiles(bool forTheLastTime) {
-  const std::vector<std::wstring> sids = StaleSids();
+  const std::optional<std::vector<std::wstring>> sids = StaleSids();
+  if (!sids) {
+    return;
+  }
   const std::wstring current = state::ReadStateString(state::kAccountSid);
   std::vector<std::wstring> left;
-  for (const std::wstring& sid : sids) {
+  for (const std::wstring& sid : *sids) {
     // Still on record as well: a provisioning was cut short between the two, and the next one deletes it.
     if (win32::EqualIgnoringCase(sid, current)) {
       left.push_back(sid);
@@ -121,7 +129,7 @@ void DeleteStaleProfiles(bool forTheLastTime) {
                folder.c_str());
     }
   }
-  if (left.size() != sids.size() || (sids.empty() && state::ReadState(state::kStaleProfileSids))) {
+  if (left.size() != sids->size() || (sids->empty() && state::ReadState(state::kStaleProfileSids))) {
     StoreStaleSids(left);
   }
 }

@@ -17,7 +17,7 @@
 namespace kiosk::account {
 namespace {
 
-constexpr int kDelayAfterMaintenance = 300;  // in seconds
+constexpr int kIdleDelay = 300;              // in seconds
 constexpr std::uint64_t kLongestWait = 250;  // a deadline that was moved or cancelled is seen after it
 // Windows may refuse for a moment, while somebody is just signing in for instance.
 constexpr int kAttempts = 3;
@@ -28,8 +28,8 @@ constexpr wchar_t kMessage[] = L"Restarting to start kiosk mode.";
 // Connection threads, the start, the control handler and the restart thread come here. Never held across the shutdown
 // call or a wait.
 win32::Lock restartLock{win32::LockRank::kLeaf};
-std::uint64_t deadline GUARDED_BY(restartLock) = 0;     // as a tick count; 0: no restart is pending
-bool afterMaintenance GUARDED_BY(restartLock) = false;  // that is what the pending restart is for
+std::uint64_t deadline GUARDED_BY(restartLock) = 0;        // as a tick count; 0: no restart is pending
+const char* idleReason GUARDED_BY(restartLock) = nullptr;  // of one that comes only if nobody is signed in; else null
 bool threadRuns GUARDED_BY(restartLock) = false;
 bool beingAsked GUARDED_BY(restartLock) = false;  // a thread is in the call that restarts Windows
 int attempts GUARDED_BY(restartLock) = 0;         // how often Windows was not ready for the pending restart
@@ -41,16 +41,16 @@ std::uint64_t DeadlineOfThread(bool stop) noexcept {
   return threadRuns ? deadline : 0;
 }
 
-// Nobody is thrown out for a maintenance that was cut short: who signed in before the service was told of sessions, or
-// in this moment, counts as well.
+// Nobody is thrown out by an idle one: who signed in before the service was told of sessions, or in this moment, counts
+// as well.
 void RestartWhenDue() {
   win32::LockGuard guard(restartLock);
-  const bool maintenance = afterMaintenance;
+  const char* const idle = idleReason;
   guard.Unlock();
-  if (maintenance && !enrolment::NobodyIsSignedIn()) {
-    CallOffRestartAfterMaintenance();
+  if (idle != nullptr && !enrolment::NobodyIsSignedIn()) {
+    CallOffIdleRestart();
   } else {
-    RestartIfPending(maintenance ? "maintenance was cut short" : "enrolled");
+    RestartIfPending(idle != nullptr ? idle : "enrolled");
   }
 }
 
@@ -100,27 +100,26 @@ void SetDeadline(int seconds) REQUIRES(restartLock) {
 
 void ScheduleKioskRestart() {
   const win32::LockGuard guard(restartLock);
-  afterMaintenance = false;
+  idleReason = nullptr;
   log::Log(log::kNotice, log::kKiosk, "enrolled: restarting into kiosk mode in %d s", kRestartDelaySeconds);
   SetDeadline(kRestartDelaySeconds);
 }
 
-void ScheduleRestartAfterMaintenance() {
+void ScheduleIdleRestart(const char* why) {
   const win32::LockGuard guard(restartLock);
   if (deadline != 0) {
     return;
   }
-  afterMaintenance = true;
-  log::Log(log::kNotice, log::kKiosk, "maintenance was cut short: restarting into kiosk mode in %d s",
-           kDelayAfterMaintenance);
-  SetDeadline(kDelayAfterMaintenance);
+  idleReason = why;
+  log::Log(log::kNotice, log::kKiosk, "%s: restarting into kiosk mode in %d s", why, kIdleDelay);
+  SetDeadline(kIdleDelay);
 }
 
-void CallOffRestartAfterMaintenance() noexcept {
+void CallOffIdleRestart() noexcept {
   const win32::LockGuard guard(restartLock);
-  if (deadline != 0 && afterMaintenance) {
+  if (deadline != 0 && idleReason != nullptr) {
     deadline = 0;
-    log::Log(log::kNotice, log::kKiosk, "maintenance was cut short: somebody signed in, no restart");
+    log::Log(log::kNotice, log::kKiosk, "%s: somebody signed in, no restart", idleReason);
   }
 }
 

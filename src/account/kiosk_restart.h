@@ -1,5 +1,5 @@
 // The restart of the computer into kiosk mode, 10 s after an enrolment that set the kiosk account up, or earlier on a
-// caller's wish; and 5 minutes after a start that found the kiosk kept from signing in.
+// caller's wish; and in 5 minutes where the kiosk signs in no earlier by itself, if nobody is signed in.
 #pragma once
 
 #include "command/request.h"
@@ -12,11 +12,12 @@ inline constexpr int kRestartDelaySeconds = 10;
 // anew. Logged.
 void ScheduleKioskRestart();
 
-// The same in 5 minutes, for a maintenance that was cut short. Nothing when a restart is pending.
-void ScheduleRestartAfterMaintenance();
+// The same in 5 minutes, if nobody is signed in then. `why`, a literal, goes into the log: "maintenance was cut short".
+// Nothing when a restart is pending.
+void ScheduleIdleRestart(const char* why);
 
 // Somebody signed in: the latter does not take place. Any other stays.
-void CallOffRestartAfterMaintenance() noexcept;
+void CallOffIdleRestart() noexcept;
 
 // Either of them.
 [[nodiscard]] bool KioskRestartPending() noexcept;

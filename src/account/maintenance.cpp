@@ -36,6 +36,12 @@ std::set<DWORD>& AdministratorSessions() REQUIRES(sessionsLock) {
   return sessions;
 }
 
+bool CanBeRead(const state::StateValue& value) {
+  state::RawValue raw;
+  const LSTATUS status = state::ReadState(value, raw);
+  return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;
+}
+
 // Empty when the caller may enter.
 std::string Admit(const command::Request& request) {
   const std::string& password = json::Member(request.members, "password").text();
@@ -106,6 +112,12 @@ bool EndMaintenance(const char* reason) {
   if (!state::FlagIsOn(state::kMaintenance)) {
     return false;
   }
+  // What cannot be read now may say that the setting is ours: the mark stays, and the next start comes here again.
+  if (!CanBeRead(state::kDeviceToken) || !CanBeRead(state::kOwnsAutoLogon)) {
+    log::Log(log::kError, log::kKiosk,
+             "maintenance: cannot read whose auto sign-in is; it goes on until Windows restarts");
+    return false;
+  }
   // First, so that a start of the service takes a half of this for the maintenance of an earlier boot and ends it.
   state::DeleteStateValue(state::kMaintenanceAt);
   // Without ownership the setting is the computer's own again: a teardown is on its way.
@@ -134,7 +146,7 @@ void RepairMaintenance() {
   // Durably over, or every start would end in a restart.
   if (state::FlushStateKey() && state::FlagIsOn(state::kProvisioned) && AutoLogonNamesKiosk() &&
       enrolment::NobodyIsSignedIn()) {
-    ScheduleRestartAfterMaintenance();
+    ScheduleIdleRestart("maintenance was cut short");
   }
 }
 
@@ -156,7 +168,7 @@ void OnSessionChange(DWORD event, DWORD session) {
   if (event == WTS_SESSION_LOGOFF) {
     OnSessionSignedOut(session);
   } else if (event == WTS_SESSION_LOGON && session != 0) {
-    CallOffRestartAfterMaintenance();
+    CallOffIdleRestart();
   }
   if (session == 0 || !state::FlagIsOn(state::kMaintenance)) {
     return;

@@ -5,6 +5,7 @@
 #include "account/auto_logon_owner.h"
 #include "account/kiosk_account.h"
 #include "account/kiosk_profile.h"
+#include "account/kiosk_restart.h"
 #include "account/password.h"
 #include "account/sign_in_secret.h"
 #include "account/user_switching.h"
@@ -105,6 +106,11 @@ Outcome CreateAccount(const Password& password, std::wstring& sid) {
 // The record of an account that is gone also names a profile, which nobody would find without it.
 Outcome DropRecordOfVanished(const std::wstring& recorded) {
   log::Log(log::kWarn, log::kKiosk, "the recorded kiosk account is gone; creating a new one");
+  // Its session bears the name of the kiosk's and would be anybody's from now on; and Windows holds the profile for it.
+  if (!enrolment::KioskHasNoSession()) {
+    enrolment::LogOffKioskSessions(true);
+    ScheduleIdleRestart("the kiosk account was made anew");
+  }
   const bool remembered = DeleteKioskProfile(recorded) || NoteStaleProfile(recorded);
   return remembered && state::DeleteStateValue(state::kAccountSid) ? kWell : Outcome{"state_write_failed"};
 }
@@ -130,11 +136,13 @@ struct FoundAccount {
 };
 
 Outcome FindAccount(FoundAccount& found) {
-  found.recorded = state::ReadStateString(state::kAccountSid);
+  state::RawValue recorded;
+  const LSTATUS status = state::ReadState(state::kAccountSid, recorded);
   const AccountLookup lookup = LookupKioskAccount(found.sid);
-  if (lookup == AccountLookup::kFailed) {
+  if (lookup == AccountLookup::kFailed || (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND)) {
     return {"account_lookup_failed"};
   }
+  found.recorded = recorded.Text().value_or(L"");
   found.present = lookup == AccountLookup::kPresent;
   if (!found.present) {
     return kWell;

@@ -21,19 +21,49 @@
 #include "state/made_keys.h"
 #include "updates/report.h"
 #include "updates/restart_policy.h"
+#include "win32/clock.h"
+#include "win32/stop.h"
 #include "win32/wide_text.h"
 
 #include <lm.h>
 
+#include <algorithm>
+#include <iterator>
 #include <optional>
 
 namespace kiosk::account {
 namespace {
 
+constexpr DWORD kStateWait = 10'000;
+constexpr DWORD kStatePoll = 1'000;
+
 // Whether there is a kiosk to be removed, and this is no removal that was begun before and told of then.
 bool IsNewRemoval() {
   return (state::TokenIsStored() || state::FlagIsOn(state::kProvisioned)) &&
          (!state::FlagIsOn(state::kTeardownPending) || state::FlagIsOn(state::kTeardownSuperseded));
+}
+
+// Whether the registry gives all that a removal goes by. A mark or a copy that it does not give now would be taken for
+// none: what is the owner's would stay the kiosk's, and be forgotten.
+bool StateCanBeRead() {
+  return std::all_of(std::begin(state::kStateValues), std::end(state::kStateValues),
+                     [](const state::StateValue* value) {
+                       state::RawValue raw;
+                       const LSTATUS status = state::ReadState(*value, raw);
+                       SecureZeroMemory(raw.bytes.data(), raw.bytes.size());  // one of them may be a password
+                       return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;
+                     });
+}
+
+// For as long as that may pass.
+bool StateCanBeReadSoon() {
+  const win32::Deadline deadline(kStateWait);
+  while (!StateCanBeRead()) {
+    if (deadline.Passed() || win32::WaitOrStop(nullptr, kStatePoll) == win32::WaitResult::kStop) {
+      return false;
+    }
+  }
+  return true;
 }
 
 void MarkPending() {
@@ -139,6 +169,10 @@ void TearDown(bool deleteStateKey, const char* reason) REQUIRES(AccountLock()) {
   if (isNew) {
     log::WriteEvent(ENTRY_KIOSK_REMOVED, {reason});
   }
+  if (!StateCanBeReadSoon()) {
+    log::Log(log::kError, log::kKiosk, "cannot read all of the state key; removing kiosk mode once that is possible");
+    return;
+  }
   RestoreAutoLogon();
   RestoreFastUserSwitching();
   state::DeleteMadeKeys(state::kMadeSignInKeys);  // the policy above is in one of them
@@ -209,7 +243,7 @@ void FinishPendingRemoval() {
   {
     const win32::LockGuard guard(AccountLock());
     const CrossProcessGuard others;
-    if (!others.MayGoOn() || !state::FlagIsOn(state::kTeardownPending)) {
+    if (!others.MayGoOn() || !state::FlagIsOn(state::kTeardownPending) || !StateCanBeRead()) {
       return;
     }
     interrupted = state::TokenIsStored();

@@ -31,7 +31,9 @@ struct Known {
   // The file as it was when its bytes were hashed and found right; no size: never.
   DWORD volume = 0;
   std::uint64_t index = 0, size = 0, time = 0;
-  // Downloads that failed, and until which tick count none is tried again.
+  // The file could not be read: that a download replaced it says little until it is found right.
+  bool unread = false;
+  // Downloads that failed or say little, and until which tick count none is tried again.
   int failures = 0;
   std::uint64_t notBefore = 0;
 };
@@ -107,7 +109,8 @@ class Run {
     return known;
   }
 
-  // Whether the photo needs no download. What stands in its place and is not the photo is removed.
+  // Whether the photo needs no download. What stands in its place and is not the photo is removed; what cannot be read
+  // stays until a download takes its place.
   static bool IsCached(Known& photo) REQUIRES(FolderLock()) {
     const std::wstring path = PathOf(win32::ToWide(photo.digest));
     CachedFile file = OpenCached(path);
@@ -129,7 +132,11 @@ class Run {
         return true;
       }
       const std::optional<std::string> content = ReadCached(file, kMaxPhotoSize);
-      const std::string digest = content ? win32::Sha256Hex(*content) : "none";
+      if (!content) {
+        photo.unread = true;
+        return false;
+      }
+      const std::string digest = win32::Sha256Hex(*content);
       if (digest == photo.digest) {
         photo = std::move(seen);
       }
@@ -138,8 +145,7 @@ class Run {
       }
       file.handle.Reset();
     }
-    log::Log(log::kWarn, log::kKiosk, "branding: removing %s: not the photo of that digest",
-             win32::ToNarrow(path).c_str());
+    LogHourly(log::kWarn, "branding: removing " + win32::ToNarrow(path) + ": not the photo of that digest");
     RemoveCached(path);
     return false;
   }
@@ -156,14 +162,17 @@ class Run {
     }
     const std::string& bytes = reply.body.Get();
     const std::string problem = ProblemOf(reply, photo.digest);
+    bool stored = false;
     if (!problem.empty()) {
       log::Log(log::kWarn, log::kKiosk, "branding photo %s not cached: %s", photo.digest.c_str(), problem.c_str());
-      Postpone(photo);
-    } else if (!WriteCached(PathOf(win32::ToWide(photo.digest)), bytes)) {
-      Postpone(photo);
-    } else {
+    } else if (WriteCached(PathOf(win32::ToWide(photo.digest)), bytes)) {
       log::Log(log::kNotice, log::kKiosk, "branding photo %s cached (%zu bytes)", photo.digest.c_str(), bytes.size());
+      stored = !photo.unread;
+    }
+    if (stored) {
       photo.failures = 0;
+    } else {
+      Postpone(photo);
     }
     return true;
   }
@@ -203,15 +212,19 @@ class Run {
     // Repaired where the portal's text was no UTF-8, so that every reader takes it.
     const std::string text = win32::ToNarrow(win32::ToWide(json::Serialise(*branding_)));
     const std::wstring path = PathOf(kRecordName);
+    std::optional<std::string> content = "";
     {
       const CachedFile file = OpenCached(path);
-      if (file.state == CachedFile::State::kBusy ||
-          (file.state == CachedFile::State::kOpen && ReadCached(file, text.size()) == text) ||
+      if (file.state == CachedFile::State::kOpen) {
+        content = ReadCached(file, text.size());
+      }
+      if (file.state == CachedFile::State::kBusy || content == text ||
           (file.state == CachedFile::State::kForeign && !RemoveCached(path))) {
         return;
       }
     }
-    if (enrolment::StillEnrolled(token_) && WriteCached(path, text)) {
+    // One that cannot be read is written in each run, without a word.
+    if (enrolment::StillEnrolled(token_) && WriteCached(path, text) && content) {
       log::Log(log::kNotice, log::kKiosk, "branding: \"%s\" with %zu photo(s)",
                json::Member(*branding_, "displayName").text().c_str(),
                json::Member(*branding_, "photos").items().size());

@@ -38,13 +38,20 @@ struct {
   std::uint64_t notBefore = 0;  // tick count of the next try
 } stranger GUARDED_BY(FolderLock());
 
-void LogWith(int level, const char* what, const std::wstring& path, DWORD error) {
-  log::Log(level, log::kKiosk, "%s %s (%lu)", what, win32::ToNarrow(path).c_str(), error);
+// A line and when it was logged, as a tick count.
+using Told = std::pair<std::string, std::uint64_t>;
+std::vector<Told>& ToldOfThisHour() REQUIRES(FolderLock()) {
+  static auto* const told = new std::vector<Told>;
+  return *told;
+}
+
+void LogWith(int level, const char* what, const std::wstring& path, DWORD error) REQUIRES(FolderLock()) {
+  LogHourly(level, std::string(what) + " " + win32::ToNarrow(path) + " (" + std::to_string(error) + ")");
 }
 
 void LogFolder(const wchar_t* path, const win32::FolderResult& result) REQUIRES(FolderLock()) {
   if (result.replaced) {
-    log::Log(log::kWarn, log::kKiosk, "removing %s: not a plain folder", win32::ToNarrow(path).c_str());
+    LogHourly(log::kWarn, "removing " + win32::ToNarrow(path) + ": not a plain folder");
   }
   switch (result.failedAt) {
     case FolderStep::kDone:
@@ -63,13 +70,13 @@ void LogFolder(const wchar_t* path, const win32::FolderResult& result) REQUIRES(
       LogWith(log::kWarn, "cannot remove", path, result.error);
       break;
     case FolderStep::kDescriptor:
-      log::Log(log::kError, log::kKiosk, "folder security descriptor failed (%lu)", result.error);
+      LogHourly(log::kError, "folder security descriptor failed (" + std::to_string(result.error) + ")");
       break;
     case FolderStep::kCreate:
       LogWith(log::kError, "cannot create", path, result.error);
       break;
     case FolderStep::kSecure:
-      log::Log(log::kError, log::kKiosk, "cannot secure %s", win32::ToNarrow(path).c_str());
+      LogWith(log::kError, "cannot secure", path, result.error);
       break;
   }
 }
@@ -113,6 +120,16 @@ DWORD WriteNew(HANDLE file, std::string_view bytes) noexcept {
 
 win32::Lock& FolderLock() noexcept { return folderLock; }
 
+void LogHourly(int level, std::string line) {
+  std::vector<Told>& told = ToldOfThisHour();
+  const std::uint64_t now = win32::TickCount();
+  std::erase_if(told, [now](const Told& each) { return now - each.second >= kHour; });
+  if (std::none_of(told.begin(), told.end(), [&line](const Told& each) { return each.first == line; })) {
+    log::Log(level, log::kKiosk, "%s", line.c_str());
+    told.emplace_back(std::move(line), now);
+  }
+}
+
 bool HeldFolders::Hold() {
   if (win32::TickCount() < stranger.notBefore || !Hold(kCount)) {
     return false;
@@ -147,6 +164,7 @@ void HeldFolders::ReleaseInnermost() noexcept {
 
 CachedFile OpenCached(const std::wstring& path) {
   CachedFile file;
+  file.path = path;
   file.handle.Reset(CreateFileW(Exact(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
                                 OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
   if (!file.handle) {
@@ -167,12 +185,13 @@ CachedFile OpenCached(const std::wstring& path) {
 
 std::optional<std::string> ReadCached(const CachedFile& file, std::size_t limit) {
   if (file.info.nFileSizeHigh != 0 || file.info.nFileSizeLow > limit) {
-    return std::nullopt;
+    return std::string();
   }
   std::string content(file.info.nFileSizeLow, '\0');
   DWORD read = 0;
-  if (ReadFile(file.handle.Get(), content.data(), file.info.nFileSizeLow, &read, nullptr) == 0 ||
-      read != content.size()) {
+  const bool done = ReadFile(file.handle.Get(), content.data(), file.info.nFileSizeLow, &read, nullptr) != 0;
+  if (!done || read != content.size()) {
+    LogWith(log::kWarn, "cannot read", file.path, done ? DWORD{ERROR_HANDLE_EOF} : GetLastError());
     return std::nullopt;
   }
   return content;

@@ -39,6 +39,9 @@ class HeldFolders {
   std::size_t held_ = 0;
 };
 
+// Logs a trouble with a file or folder; the same line once an hour, since there is a run every 30 s.
+void LogHourly(int level, std::string line) REQUIRES(FolderLock());
+
 // All below but RemoveBranding want the lock held, and all but RemoveCache and RemoveBranding the folders too.
 
 struct CachedFile {
@@ -49,13 +52,15 @@ struct CachedFile {
     kOpen,
   };
   State state = State::kMissing;
+  std::wstring path;
   win32::FileHandle handle;  // only for kOpen
   BY_HANDLE_FILE_INFORMATION info{};
 };
 CachedFile OpenCached(const std::wstring& path) REQUIRES(FolderLock());
 
-// The content of an open file of at most `limit` bytes; empty when it is longer or cannot be read.
-std::optional<std::string> ReadCached(const CachedFile& file, std::size_t limit);
+// The content of an open file; an empty text when it is longer than `limit` bytes. Empty optional, and logged, when it
+// cannot be read.
+std::optional<std::string> ReadCached(const CachedFile& file, std::size_t limit) REQUIRES(FolderLock());
 
 // Puts a file there whole or not at all, in place of whatever stood there. False when that failed; logged.
 bool WriteCached(const std::wstring& path, std::string_view bytes) REQUIRES(FolderLock());

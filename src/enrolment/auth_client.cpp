@@ -78,6 +78,9 @@ AuthReply AuthRequest(const wchar_t* method, const std::string& path, const std:
   }
   reply.answered = 1;
   reply.status = static_cast<std::int32_t>(answer.status);
+  if (reply.body.Get().size() > maxBody) {
+    reply.body = text::Secret();  // a part of it, of which no reader is to make something
+  }
   network::NoteAnswer(networkChanges, reply.status);
   return reply;
 }

@@ -29,8 +29,8 @@ inline constexpr wchar_t kAcceptImage[] = L"image/*";
 inline constexpr std::uint32_t kApiDeadline = 60'000;
 
 // Sends one request and reads its answer. `path` begins with "/" (UTF-8) and follows the base URL; an empty `body` or
-// `bearerToken` is left out. Redirects are never followed, so the token goes to no other place. Reading stops after the
-// chunk that exceeds `maxBody` bytes.
+// `bearerToken` is left out. Redirects are never followed, so the token goes to no other place. A body of more than
+// `maxBody` bytes is not read to its end and counts as empty.
 //
 // Never throws for a network failure and never logs one. Any answer proves the changes of network adapters from before
 // the request (network/trial.h). The error texts: "unparseable AuthBaseUrl", "WinHttpOpen failed",

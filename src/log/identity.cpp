@@ -53,33 +53,42 @@ std::string NewUuid() {
   return uuid;
 }
 
-// Of a link in the file's place nothing is read.
-std::string ReadUuid(const std::wstring& path) {
+// Of a link in the file's place nothing is read. Empty text: there is none, or it is damaged. Empty optional: nobody
+// can tell now.
+std::optional<std::string> ReadUuid(const std::wstring& path) {
   const win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                                            FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+  if (!file) {
+    return GetLastError() == ERROR_FILE_NOT_FOUND ? std::optional<std::string>("") : std::nullopt;
+  }
   std::array<char, 64> buffer{};
   DWORD read = 0;
-  if (!file || ReadFile(file.Get(), buffer.data(), buffer.size(), &read, nullptr) == 0) {
-    return {};
+  if (ReadFile(file.Get(), buffer.data(), buffer.size(), &read, nullptr) == 0) {
+    return std::nullopt;
   }
   const std::string_view text = text::TrimSpace({buffer.data(), read});
   return IsUuid(text) ? std::string(text) : std::string();
 }
 
-// Written whole under a name of its own and moved into place, so that no other process ever reads a half.
+bool WriteNew(const std::wstring& path, const std::string& uuid) {
+  const win32::FileHandle file(
+      CreateFileW(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
+  DWORD written = 0;
+  return file && WriteFile(file.Get(), uuid.data(), kUuidLength, &written, nullptr) != 0 && written == kUuidLength &&
+         FlushFileBuffers(file.Get()) != 0;
+}
+
+// Written whole under another name and moved into place, so that no other process ever reads a half. That name is
+// always the same, so that what a process left there goes with the next.
 bool WriteUuid(const std::wstring& path, const std::string& uuid) {
-  const std::wstring temporary = path + L"." + std::to_wstring(GetCurrentProcessId()) + L".tmp";
+  const std::wstring temporary = path + L".tmp";
   DeleteFileW(temporary.c_str());
-  {
-    const win32::FileHandle file(
-        CreateFileW(temporary.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr));
-    DWORD written = 0;
-    if (!file || WriteFile(file.Get(), uuid.data(), kUuidLength, &written, nullptr) == 0 || written != kUuidLength ||
-        FlushFileBuffers(file.Get()) == 0) {
-      return false;
-    }
+  const bool done = WriteNew(temporary, uuid) && MoveFileExW(temporary.c_str(), path.c_str(),
+                                                             MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+  if (!done) {
+    DeleteFileW(temporary.c_str());
   }
-  return MoveFileExW(temporary.c_str(), path.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+  return done;
 }
 
 }  // namespace
@@ -95,14 +104,14 @@ Identity ReadIdentity() {
 
 std::string LoadOrCreateInstallId(const wchar_t* root) {
   const std::wstring path = std::wstring(root) + L"\\client_uuid.txt";
-  std::string uuid = ReadUuid(path);
-  if (uuid.empty()) {
+  std::optional<std::string> uuid = ReadUuid(path);
+  if (uuid && uuid->empty()) {
     uuid = NewUuid();
-    if (uuid.empty() || !WriteUuid(path, uuid)) {
+    if (uuid->empty() || !WriteUuid(path, *uuid)) {
       return {};
     }
   }
-  return uuid;
+  return uuid.value_or("");
 }
 
 }  // namespace kiosk::log

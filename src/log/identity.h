@@ -18,7 +18,7 @@ struct Identity {
 Identity ReadIdentity();
 
 // The identifier in `<root>\client_uuid.txt`, made anew (a random UUID) when it is missing or damaged. Empty when it
-// can be neither read nor written.
+// cannot be read, and then it stays as it is, or not be written.
 std::string LoadOrCreateInstallId(const wchar_t* root);
 
 }  // namespace kiosk::log

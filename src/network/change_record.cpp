@@ -17,21 +17,23 @@ void Remove(std::vector<ChangeRecord>& records, const std::string& adapter) {
 
 }  // namespace
 
-bool HasChangeRecords() { return state::ReadState(state::kPriorNetwork).has_value(); }
+bool HasChangeRecords() {
+  state::RawValue raw;
+  return state::ReadState(state::kPriorNetwork, raw) != ERROR_FILE_NOT_FOUND;
+}
 
-std::vector<ChangeRecord> ReadChangeRecords() { return RecordsFromJson(state::LoadJson(state::kPriorNetwork)); }
-
-std::optional<ChangeRecord> FindChangeRecord(const std::string& adapter) {
-  for (const ChangeRecord& each : ReadChangeRecords()) {
-    if (each.adapter == adapter) {
-      return each;
-    }
-  }
-  return std::nullopt;
+bool ReadChangeRecords(std::vector<ChangeRecord>& records) {
+  json::Value stored;
+  const bool known = state::LoadJson(state::kPriorNetwork, stored);
+  records = RecordsFromJson(stored);
+  return known;
 }
 
 bool NoteChange(const ChangeRecord& record) {
-  const std::vector<ChangeRecord> before = ReadChangeRecords();
+  std::vector<ChangeRecord> before;
+  if (!ReadChangeRecords(before)) {
+    return false;
+  }
   std::vector<ChangeRecord> records = before;
   Remove(records, record.adapter);
   records.push_back(record);
@@ -47,7 +49,10 @@ bool ForgetChange(const std::string& adapter) {
   if (!HasChangeRecords()) {
     return true;
   }
-  std::vector<ChangeRecord> records = ReadChangeRecords();
+  std::vector<ChangeRecord> records;
+  if (!ReadChangeRecords(records)) {
+    return false;
+  }
   Remove(records, adapter);
   const bool forgotten = Store(records);
   state::FlushStateKey();

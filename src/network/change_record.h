@@ -10,9 +10,11 @@
 
 namespace kiosk::network {
 
+// True also when nobody can tell.
 bool HasChangeRecords();
-std::vector<ChangeRecord> ReadChangeRecords();
-std::optional<ChangeRecord> FindChangeRecord(const std::string& adapter);
+
+// False when they cannot be read: that is not the same as none.
+bool ReadChangeRecords(std::vector<ChangeRecord>& records);
 
 // Notes it durably, in the place of an older one of that adapter. False when it is not certain to last; then the older
 // one stands again.

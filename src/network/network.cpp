@@ -11,6 +11,7 @@
 #include "win32/wide_text.h"
 #include "win32/worker_wake.h"
 
+#include <algorithm>
 #include <atomic>
 
 namespace kiosk::network {
@@ -55,10 +56,17 @@ bool Conclude(ChangeRecord& record, bool keep) {
 
 json::Value Set(Adapter& adapter, const NetSetRequest& request) {
   const std::string name = win32::ToNarrow(adapter.name);
-  const std::optional<ChangeRecord> older = FindChangeRecord(name);
-  ChangeRecord record{name, older ? older->before : adapter.settings, request.settings};
+  std::vector<ChangeRecord> records;
+  if (!ReadChangeRecords(records)) {
+    log::Log(log::kError, log::kKiosk, "net.set: cannot read what is noted of %s; nothing was changed", name.c_str());
+    return command::ErrorReply("failed");
+  }
+  const auto older =
+      std::find_if(records.begin(), records.end(), [&](const ChangeRecord& each) { return each.adapter == name; });
+  const bool hasOlder = older != records.end();
+  ChangeRecord record{name, hasOlder ? older->before : adapter.settings, request.settings};
   const bool done = IsDone(adapter, request.settings);
-  if (done && !older) {
+  if (done && !hasOlder) {
     return Applied(adapter);
   }
   if (!done && !NoteChange(record)) {
@@ -106,13 +114,14 @@ PutBackResult Undo(const ChangeRecord& record) {
   return result;
 }
 
-// For whoever has the turn. Where somebody damaged the value there is none in it, and it goes here or never.
-std::vector<ChangeRecord> AllRecords() {
-  std::vector<ChangeRecord> records = ReadChangeRecords();
-  if (records.empty()) {
+// For whoever has the turn; false when they cannot be read now. Where somebody damaged the value there is none in it,
+// and it goes here or never.
+bool AllRecords(std::vector<ChangeRecord>& records) {
+  const bool known = ReadChangeRecords(records);
+  if (known && records.empty()) {
     ForgetChange({});
   }
-  return records;
+  return known;
 }
 
 }  // namespace
@@ -150,8 +159,9 @@ bool SettleChanges() {
     return false;
   }
   const bool enrolled = state::TokenIsStored();
-  bool all = true;
-  for (ChangeRecord& record : AllRecords()) {
+  std::vector<ChangeRecord> records;
+  bool all = AllRecords(records);
+  for (ChangeRecord& record : records) {
     // Without an enrolment there is no portal that could prove it. A teardown beside the change leaves such a record.
     const bool settled = record.unproven && !enrolled ? ForgetChange(record.adapter)
                                                       : IsToBeUndone(record) && Undo(record) == PutBackResult::kOver;
@@ -168,8 +178,9 @@ bool EndChanges() {
   if (!turn) {
     return false;
   }
-  bool all = true;
-  for (const ChangeRecord& record : AllRecords()) {
+  std::vector<ChangeRecord> records;
+  bool all = AllRecords(records);
+  for (const ChangeRecord& record : records) {
     const bool over = record.unproven ? ForgetChange(record.adapter) : Undo(record) != PutBackResult::kNotNow;
     all = all && over;
   }

@@ -52,7 +52,9 @@ void NoteAnswer(unsigned madeBefore, int status) {
   if (!turn || madeBefore != changesMade) {
     return;
   }
-  for (const ChangeRecord& record : ReadChangeRecords()) {
+  std::vector<ChangeRecord> records;
+  ReadChangeRecords(records);  // none where they cannot be read now: a later answer proves them
+  for (const ChangeRecord& record : records) {
     if (!record.unproven) {
       continue;
     }

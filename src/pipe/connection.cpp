@@ -113,7 +113,7 @@ text::Secret Connection::Answer(std::string_view request) {
     reply = Dispatch(caller, request, afterReply_);
     place_.Return();
   } else {
-    LogRefusal(refusal);
+    LogRefusal("caller refused: %s", refusal.c_str());
     reply = command::ErrorReply("caller_refused");
   }
   text::Secret line(json::Serialise(reply));

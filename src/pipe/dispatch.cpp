@@ -6,8 +6,8 @@
 #include "command/reply.h"
 #include "enrolment/kiosk_session.h"
 #include "json/parse.h"
-#include "log/log.h"
 #include "network/network.h"
+#include "pipe/refusal_log.h"
 #include "pipe/status.h"
 #include "portal/pairing.h"
 #include "power/power_commands.h"
@@ -87,14 +87,13 @@ json::Value Dispatch(const CallerRecord& caller, std::string_view request, comma
   }
   if (!found->needs.admits(caller)) {
     if (found->needs.refusal != nullptr) {
-      log::Log(log::kWarn, log::kKiosk, "%s refused: %s", name.c_str(), found->needs.refusal);
+      LogRefusal("%s refused: %s", name.c_str(), found->needs.refusal);
     }
     return command::ErrorReply("not_permitted");
   }
   if (found->settings == Settings::kUnlocked &&
       !account::CheckUnlockToken(json::Member(body, "unlockToken").text(), caller.sessionId)) {
-    log::Log(log::kWarn, log::kKiosk, "%s refused: terminal settings are not unlocked for session %lu", name.c_str(),
-             caller.sessionId);
+    LogRefusal("%s refused: terminal settings are not unlocked for session %lu", name.c_str(), caller.sessionId);
     return command::ErrorReply("not_unlocked");
   }
   return found->handle({body, caller.sessionId, afterReply});

@@ -1,12 +1,14 @@
 #include "pipe/refusal_log.h"
 
-#include "log/log.h"
 #include "win32/clock.h"
 #include "win32/lock.h"
 
 #include <algorithm>
+#include <cstdarg>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <string>
 #include <vector>
 
 namespace kiosk::pipe {
@@ -14,18 +16,19 @@ namespace {
 
 constexpr std::uint64_t kMinute = 60'000;
 constexpr unsigned long kLoggedInAMinute = 10;
-constexpr std::size_t kReasons = 64;
+constexpr std::size_t kLines = 64;
+constexpr std::size_t kLongest = 2048;  // bytes of a line, which the log would cut as well
 // Stands for all beyond that many.
-constexpr char kOthers[] = "one of many other programs";
+constexpr char kOthers[] = "caller refused: one of many other programs";
 
 struct Refusal {
-  std::string reason;
+  std::string line;
   std::uint64_t since;
   unsigned long count;
 };
 
 win32::Lock lock{win32::LockRank::kLeaf};
-// Of the present minute of each reason. Never destroyed: connection threads may outlive main.
+// Of the present minute of each line. Never destroyed: connection threads may outlive main.
 std::vector<Refusal>& Refusals() REQUIRES(lock) {
   static auto* const refusals = new std::vector<Refusal>;
   return *refusals;
@@ -36,7 +39,7 @@ void Tell(bool all) REQUIRES(lock) {
   std::erase_if(Refusals(), [&](const Refusal& each) {
     const bool over = all || now - each.since >= kMinute;
     if (over && each.count > kLoggedInAMinute) {
-      log::Log(log::kWarn, log::kKiosk, "caller refused: %s (%lu more times within a minute)", each.reason.c_str(),
+      log::Log(log::kWarn, log::kKiosk, "%s (%lu more times within a minute)", each.line.c_str(),
                each.count - kLoggedInAMinute);
     }
     return over;
@@ -45,24 +48,31 @@ void Tell(bool all) REQUIRES(lock) {
 
 }  // namespace
 
-void LogRefusal(const std::string& reason) {
+// NOLINTNEXTLINE(cert-dcl50-cpp): printf-style by contract, and checked as such at each call
+void LogRefusal(const char* format, ...) {
+  char text[kLongest];
+  va_list arguments;
+  va_start(arguments, format);
+  static_cast<void>(std::vsnprintf(text, sizeof(text), format, arguments));
+  va_end(arguments);
+  const std::string line = text;
   const win32::LockGuard guard(lock);
   Tell(false);
   std::vector<Refusal>& refusals = Refusals();
   const auto find = [&](const std::string& wanted) {
-    return std::find_if(refusals.begin(), refusals.end(), [&](const auto& each) { return each.reason == wanted; });
+    return std::find_if(refusals.begin(), refusals.end(), [&](const auto& each) { return each.line == wanted; });
   };
-  auto known = find(reason);
-  const bool room = refusals.size() < kReasons;
+  auto known = find(line);
+  const bool room = refusals.size() < kLines;
   if (known == refusals.end() && !room) {
     known = find(kOthers);
   }
   if (known == refusals.end()) {
-    refusals.push_back({room ? reason : kOthers, win32::TickCount(), 0});
+    refusals.push_back({room ? line : kOthers, win32::TickCount(), 0});
     known = refusals.end() - 1;
   }
   if (++known->count <= kLoggedInAMinute) {
-    log::Log(log::kWarn, log::kKiosk, "caller refused: %s", reason.c_str());
+    log::Log(log::kWarn, log::kKiosk, "%s", line.c_str());
   }
 }
 

@@ -42,12 +42,16 @@ void Activate(const GUID& scheme, const PowerPolicy& policy, bool changed) REQUI
   activationError = error;
 }
 
-// Removes the tasks and puts the scheme back, then deletes `values` in that order.
+// Removes the tasks and puts the scheme back, then deletes `values` in that order, and the copies: until then a restore
+// that was cut short is done again from them. Copies that cannot be read now stay.
 void TakeBack(std::initializer_list<state::StateValue> values) REQUIRES(PowerLock()) {
   const win32::ComApartment apartment;
   RemovePowerTasks();
-  RestorePriorPower();
+  const bool restored = RestorePriorPower();
   state::DeleteStateValues(values);
+  if (restored) {
+    state::DeleteStateValue(state::kPriorPower);
+  }
 }
 
 }  // namespace
@@ -85,13 +89,12 @@ void ApplyEffectivePowerPolicy() {
   }
 }
 
-void UndoPowerPolicy() { TakeBack({state::kPowerError, state::kPowerScheduleApplied, state::kPriorPower}); }
+void UndoPowerPolicy() { TakeBack({state::kPowerError, state::kPowerScheduleApplied}); }
 
 void RestorePowerSettings() {
   const win32::LockGuard guard(PowerLock());
-  // The copies go last: until then a restore that was cut short is done again from them.
-  TakeBack({state::kPowerPolicy, state::kPowerSource, state::kPowerLocal, state::kPowerError,
-            state::kPowerScheduleApplied, state::kPriorPower});
+  TakeBack(
+      {state::kPowerPolicy, state::kPowerSource, state::kPowerLocal, state::kPowerError, state::kPowerScheduleApplied});
 }
 
 }  // namespace kiosk::power

@@ -177,12 +177,16 @@ bool SetPowerValue(const GUID& scheme, SchemeSetting setting, DWORD value, bool&
   return right;
 }
 
-void RestorePriorPower() {
-  const json::Value prior = state::LoadJson(state::kPriorPower);
+bool RestorePriorPower() {
+  json::Value prior;
+  if (!state::LoadJson(state::kPriorPower, prior)) {
+    log::Log(log::kError, log::kKiosk, "power: cannot read the computer's own power settings; they are kept for later");
+    return false;
+  }
   const std::wstring text = win32::ToWide(json::Member(prior, "scheme").text());
   GUID scheme{};
   if (text.empty() || FAILED(CLSIDFromString(text.c_str(), &scheme))) {
-    return;
+    return true;
   }
   const bool restored = PutValuesBack(scheme, json::Member(prior, "values").items());
   // Also when nothing differed: an earlier run may have been cut short right before this.
@@ -193,6 +197,7 @@ void RestorePriorPower() {
   if (restored) {
     log::Log(log::kNotice, log::kKiosk, "power: the scheme is back as it was before enrolment");
   }
+  return true;
 }
 
 }  // namespace kiosk::power

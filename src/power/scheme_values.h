@@ -17,8 +17,8 @@ enum class SchemeSetting : std::size_t { kScreenOff = 0, kSleep = 1, kWakeTimers
 bool SetPowerValue(const GUID& scheme, SchemeSetting setting, DWORD value, bool& changed);
 
 // Puts the saved values back on the scheme they came from, where they differ, and makes them take effect when that
-// scheme is the active one. Does nothing without usable copies, and leaves the copies alone. The caller holds the power
-// lock and is in a COM apartment.
-void RestorePriorPower();
+// scheme is the active one. Does nothing without usable copies, and leaves the copies alone. False, and logged, when
+// nobody can tell now whether there are any. The caller holds the power lock and is in a COM apartment.
+bool RestorePriorPower();
 
 }  // namespace kiosk::power

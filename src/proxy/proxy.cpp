@@ -105,28 +105,42 @@ bool WriteProxy(const Proxy& proxy, Setting& now) {
   return done;
 }
 
-// Whether the setting is one that the service made.
-bool IsOurs(const Setting& setting) {
-  const json::Value applied = state::LoadJson(state::kAppliedProxy);
-  return !setting.HasScript() && std::any_of(applied.items().begin(), applied.items().end(),
-                                             [&](const json::Value& each) { return FromJson(each) == setting.proxy; });
-}
-
 // The computer's own setting, of which an older version of the service kept the proxy alone.
 struct Prior {
   std::optional<state::RawValue> kept;
   std::optional<Proxy> proxy;
 };
 
-std::optional<Prior> ReadPrior() {
-  if (std::optional<state::RawValue> copy = state::ReadState(state::kPriorWinHttpSettings)) {
-    const bool none = copy->type == REG_NONE && copy->bytes.empty();
-    return Prior{none ? std::nullopt : std::move(copy), std::nullopt};
+// What the state key holds of it.
+struct Noted {
+  std::optional<Prior> prior;
+  json::Value applied;  // the settings that the service made
+
+  [[nodiscard]] bool IsOurs(const Setting& setting) const {
+    return !setting.HasScript() &&
+           std::any_of(applied.items().begin(), applied.items().end(),
+                       [&](const json::Value& each) { return FromJson(each) == setting.proxy; });
   }
-  if (std::optional<Proxy> proxy = FromJson(state::LoadJson(state::kPriorProxy))) {
-    return Prior{std::nullopt, std::move(proxy)};
+};
+
+// False, and logged, when nobody can tell now.
+bool ReadNoted(Noted& noted) {
+  state::RawValue copy;
+  const LSTATUS status = state::ReadState(state::kPriorWinHttpSettings, copy);
+  json::Value older;
+  if ((status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) || !state::LoadJson(state::kPriorProxy, older) ||
+      !state::LoadJson(state::kAppliedProxy, noted.applied)) {
+    log::Log(log::kError, log::kKiosk, "proxy: cannot read what is noted of the computer's own proxy");
+    return false;
   }
-  return std::nullopt;
+  noted.prior.reset();
+  if (status == ERROR_SUCCESS) {
+    const bool none = copy.type == REG_NONE && copy.bytes.empty();
+    noted.prior.emplace(Prior{none ? std::nullopt : std::optional(std::move(copy)), std::nullopt});
+  } else if (std::optional<Proxy> proxy = FromJson(older)) {
+    noted.prior.emplace(Prior{std::nullopt, std::move(proxy)});
+  }
+  return true;
 }
 
 bool IsPrior(const Setting& now, const Prior& prior) {
@@ -148,8 +162,12 @@ void ForgetPrior() {
 
 // Notes durably what is about to be replaced, and what by. Until the change is made each of these settings is ours.
 bool SavePrior(const Setting& now, const Proxy& wanted) {
+  Noted noted;
+  if (!ReadNoted(noted)) {
+    return false;
+  }
   json::Value applied = json::Value::Array();
-  if (IsOurs(now) && ReadPrior()) {
+  if (noted.IsOurs(now) && noted.prior) {
     applied.Append(ToJson(now.proxy));
   } else if (!CopyToState(now.kept)) {
     return false;
@@ -182,7 +200,7 @@ bool Apply(const Proxy& wanted) REQUIRES(proxyLock) {
     WriteBytes(before);
     return false;
   }
-  if (const std::optional<Prior> prior = ReadPrior(); prior && IsPrior(now, *prior)) {
+  if (Noted noted; ReadNoted(noted) && noted.prior && IsPrior(now, *noted.prior)) {
     ForgetPrior();
   } else {
     json::Value applied = json::Value::Array();
@@ -218,7 +236,11 @@ json::Value ProxySet(const command::Request& request) {
 
 void RestoreProxy() {
   const win32::LockGuard guard(proxyLock);
-  const std::optional<Prior> prior = ReadPrior();
+  Noted noted;
+  if (!ReadNoted(noted)) {
+    return;
+  }
+  const std::optional<Prior>& prior = noted.prior;
   Setting now;
   if (!prior) {
     if (state::ReadState(state::kAppliedProxy)) {
@@ -229,7 +251,7 @@ void RestoreProxy() {
   if (!ReadSetting(now)) {
     return;
   }
-  if (!IsPrior(now, *prior) && !IsOurs(now)) {
+  if (!IsPrior(now, *prior) && !noted.IsOurs(now)) {
     log::Log(log::kNotice, log::kKiosk, "proxy: somebody else has set another default proxy; left alone");
   } else if (!IsPrior(now, *prior)) {
     if (!(prior->proxy ? WriteProxy(*prior->proxy, now) : WriteBytes(prior->kept))) {

@@ -8,7 +8,16 @@
 namespace kiosk::state {
 
 json::Value LoadJson(const StateValue& value) {
-  return json::ParseStored(win32::ToNarrow(ReadStateString(value))).value_or(json::Value());
+  json::Value content;
+  LoadJson(value, content);
+  return content;
+}
+
+bool LoadJson(const StateValue& value, json::Value& content) {
+  RawValue raw;
+  const LSTATUS status = ReadState(value, raw);
+  content = json::ParseStored(win32::ToNarrow(raw.Text().value_or(L""))).value_or(json::Value());
+  return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;
 }
 
 bool StoreJson(const StateValue& value, const json::Value& content) {

@@ -9,12 +9,13 @@ import subprocess
 import sys
 import tempfile
 import unittest
+from unittest import mock
 import urllib.request
 
 TOOL = pathlib.Path(__file__).resolve().parents[2] / "tools" / "devportal"
 sys.path.insert(0, str(TOOL))
 
-from devportal import Portal  # noqa: E402
+from devportal import Portal, Server  # noqa: E402
 import policy  # noqa: E402
 
 FACTS = {"hostname": "łódź-3", "platform": "Windows", "osVersion": "10.0.19045", "appVersion": "1", "screenCount": 2}
@@ -133,6 +134,20 @@ class Developer(unittest.TestCase):
             for member, wrong in faults.items():
                 with self.subTest(member), self.assertRaisesRegex(policy.Invalid, rf"^{member}\b"):
                     check(good | {member: wrong})
+
+    def test_a_portal_that_cannot_have_its_second_way_in_leaves_nothing_open(self):
+        made = []
+
+        def serve(*arguments):
+            if made:
+                raise OSError("no port")
+            made.append(Server(*arguments))
+            return made[0]
+
+        with tempfile.TemporaryDirectory() as folder, mock.patch("devportal.Server", serve):
+            self.assertRaisesRegex(OSError, "no port", Portal, https_too=folder)
+        with self.assertRaises(ConnectionRefusedError):
+            socket.create_connection(made[0].server_address, 5).close()
 
     def test_the_program_serves_https_and_ends_on_sigterm(self):
         with tempfile.TemporaryDirectory() as folder:

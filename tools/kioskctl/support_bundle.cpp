@@ -161,10 +161,11 @@ std::string Collect(const Options& options, const SYSTEMTIME& now) {
 // Returns a Windows error, after which the file goes when it is closed.
 DWORD WriteWhole(HANDLE file, const std::string& bytes) {
   DWORD written = 0;
-  if (WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) != 0) {
+  const bool taken = WriteFile(file, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) != 0;
+  if (taken && written == bytes.size()) {
     return ERROR_SUCCESS;
   }
-  const DWORD error = GetLastError();
+  const DWORD error = taken ? DWORD{ERROR_DISK_FULL} : GetLastError();
   FILE_DISPOSITION_INFO gone{TRUE};
   SetFileInformationByHandle(file, FileDispositionInfo, &gone, sizeof(gone));
   return error;

@@ -14,7 +14,7 @@ constexpr std::uint64_t kHour = 3'600'000;
 
 }  // namespace
 
-void Refused::Keep(std::string_view record) const {
+void Refused::Keep(std::string_view record) {
   SYSTEMTIME now;
   GetLocalTime(&now);
   wchar_t name[32];
@@ -26,9 +26,10 @@ void Refused::Keep(std::string_view record) const {
                                            FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
   LARGE_INTEGER size{};
   if (file && GetFileSizeEx(file.Get(), &size) != 0 && size.QuadPart < kMostPerDay) {
-    const std::string line = std::string(record) + '\n';
+    const std::string line = (torn_ ? "\n" : "") + std::string(record) + '\n';
     DWORD written = 0;
-    WriteFile(file.Get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr);
+    torn_ = WriteFile(file.Get(), line.data(), static_cast<DWORD>(line.size()), &written, nullptr) == 0 ||
+            written != line.size();
   }
 }
 

@@ -17,9 +17,10 @@ class Refused {
   void SetAside(std::string_view record, const std::string& reason);
 
  private:
-  void Keep(std::string_view record) const;
+  void Keep(std::string_view record);
 
   std::wstring folder_;
+  bool torn_ = false;           // the last record may have come onto the disk in part
   std::uint64_t count_ = 0;     // since the last line in the log
   std::uint64_t sayAgain_ = 0;  // tick count
 };

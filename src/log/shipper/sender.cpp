@@ -195,7 +195,12 @@ bool SenderThread::FillChunk() {
     if (!chunk_.empty()) {
       return true;
     }
-    if (!claimed_->Delete()) {
+    if (const DWORD error = claimed_->ReadError(); error != ERROR_SUCCESS) {
+      if (!std::exchange(unreadIsTold_, true)) {
+        LogLocal(kWarn, "central log: a segment of the spool cannot be read (%lu); trying again each minute", error);
+      }
+      unread_.push_back(std::move(*claimed_));
+    } else if (!claimed_->Delete()) {
       undeleted_.push_back(std::move(*claimed_));
     }
     claimed_.reset();
@@ -290,7 +295,11 @@ void SenderThread::TidySpool() {
       undeleted_.end());
   if (spool_) {
     spool_->ReturnDeadClaims();
-    backlog_ = backlog_ || spool_->HasSegments();
+    if (!claimed_ && !unread_.empty()) {
+      claimed_ = std::move(unread_.front());
+      unread_.erase(unread_.begin());
+    }
+    backlog_ = backlog_ || claimed_ || spool_->HasSegments();
   }
 }
 

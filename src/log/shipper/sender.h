@@ -77,6 +77,8 @@ class SenderThread {
   std::optional<Segment> claimed_;  // being sent
   std::string chunk_;               // its next lines
   std::vector<Segment> undeleted_;  // sent, but Windows would not delete them
+  std::vector<Segment> unread_;     // Windows would not read on in them; tried again one by one
+  bool unreadIsTold_ = false;
   Backoff backoff_;
   std::uint64_t retryAt_ = 0;  // tick count; nothing is sent before
   unsigned refusals_ = 0;      // in a row

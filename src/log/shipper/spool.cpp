@@ -43,7 +43,9 @@ bool Segment::Next(std::string& record) {
   while (!records_.Next(record)) {
     std::string chunk(kChunk, '\0');
     DWORD read = 0;
-    if (ReadFile(file_.Get(), chunk.data(), static_cast<DWORD>(chunk.size()), &read, nullptr) == 0 || read == 0) {
+    const bool done = ReadFile(file_.Get(), chunk.data(), static_cast<DWORD>(chunk.size()), &read, nullptr) != 0;
+    readError_ = done ? DWORD{ERROR_SUCCESS} : GetLastError();
+    if (!done || read == 0) {
       return false;
     }
     records_.Add({chunk.data(), read});

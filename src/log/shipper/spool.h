@@ -27,8 +27,12 @@ class Segment {
  public:
   Segment(win32::FileHandle file, std::wstring path) : file_(std::move(file)), path_(std::move(path)) {}
 
-  // The next whole record (SegmentRecords); false at the end.
+  // The next whole record (SegmentRecords); false at the end, and where the file cannot be read: the next call tries
+  // from there again.
   bool Next(std::string& record);
+
+  // Whether that was why the last Next was false.
+  [[nodiscard]] DWORD ReadError() const noexcept { return readError_; }
 
   // Deletes the file. On failure it stays claimed, so that nobody sends it again, and may be tried once more.
   bool Delete() noexcept;
@@ -40,6 +44,7 @@ class Segment {
   win32::FileHandle file_;
   std::wstring path_;
   SegmentRecords records_;
+  DWORD readError_ = ERROR_SUCCESS;
 };
 
 // One thread's view of the spool; several, also of several processes, may be at work in the same folder.
