@@ -5,6 +5,7 @@
 #include "win32/lock.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -31,6 +32,9 @@ std::vector<Refusal>& Refusals() REQUIRES(lock) {
   return *refusals;
 }
 
+// Whether there is any: who tells of them asks with each connection, and hardly ever needs the lock.
+std::atomic<bool> anyRefused{false};
+
 void Tell(bool all) REQUIRES(lock) {
   const std::uint64_t now = win32::TickCount();
   std::erase_if(Refusals(), [&](const Refusal& each) {
@@ -41,6 +45,7 @@ void Tell(bool all) REQUIRES(lock) {
     }
     return over;
   });
+  anyRefused = !Refusals().empty();
 }
 
 }  // namespace
@@ -60,6 +65,7 @@ void LogRefusal(const std::string& reason) {
   if (known == refusals.end()) {
     refusals.push_back({room ? reason : kOthers, win32::TickCount(), 0});
     known = refusals.end() - 1;
+    anyRefused = true;
   }
   if (++known->count <= kLoggedInAMinute) {
     log::Log(log::kWarn, log::kKiosk, "caller refused: %s", reason.c_str());
@@ -67,8 +73,10 @@ void LogRefusal(const std::string& reason) {
 }
 
 void TellCountedRefusals(bool all) {
-  const win32::LockGuard guard(lock);
-  Tell(all);
+  if (anyRefused) {
+    const win32::LockGuard guard(lock);
+    Tell(all);
+  }
 }
 
 }  // namespace kiosk::pipe
