@@ -61,9 +61,10 @@ std::function<void()> PeerSerialise(const std::string& text) {
 
 void Case(const char* document, const std::string& text, int rounds, int calls) {
   const auto row = [&](const char* action, const std::vector<std::function<void()>>& actions) {
-    const std::vector<double> times = kiosk::bench::MedianTimes(rounds, calls, actions);
-    kiosk::bench::Row((std::string("json ") + document + " " + action).c_str(), times[0],
-                      {"nlohmann", std::min(times[1], times[2])}, "us", kiosk::bench::TimesBetter(1.5));
+    const std::vector<kiosk::bench::Times> times = kiosk::bench::Measure(rounds, calls, actions);
+    const kiosk::bench::Times& faster = times[1].median < times[2].median ? times[1] : times[2];
+    kiosk::bench::Row(std::string("json ") + document + " " + action, times[0], {"nlohmann", faster},
+                      kiosk::bench::TimesBetter(1.5));
   };
   row("parse", {[&] { Keep(kiosk::json::Parse(text)); }, PeerParse<nlohmann::json>(text),
                 PeerParse<nlohmann::ordered_json>(text)});

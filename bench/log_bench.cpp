@@ -12,12 +12,13 @@
 #include "state/registry.h"
 #include "win32/winapi.h"
 
+#include <cstdlib>
 #include <string>
 #include <thread>
 
 namespace {
 
-constexpr int kLinesPerThread = 500;
+constexpr int kLinesPerThread = 5000;  // so that the start of the threads does not count
 
 void OnThreads(int count, const std::function<void(int)>& line) {
   std::vector<std::thread> threads;
@@ -39,15 +40,20 @@ void OurLine(int number) {
   kiosk::log::Log(kiosk::log::kNotice, kiosk::log::kKiosk, "check-in %d of %s answered %d", number, "Hall 3", 200);
 }
 
-// One process's part of the comparison: the median of a few rounds of 4 threads, in microseconds a line.
-int MeasureAlone() {
-  const auto times = kiosk::bench::MedianTimes(9, 1, {[] { OnThreads(4, OurLine); }});
-  std::printf("%.3f\n", times[0] / (4.0 * kLinesPerThread));
+kiosk::bench::Times PerLine(const kiosk::bench::Times& times, int threads) {
+  const double lines = static_cast<double>(threads) * kLinesPerThread;
+  return {times.median / lines, times.low / lines, times.high / lines};
+}
+
+// One process's part of the comparison: the median of a few rounds, in microseconds a line.
+int MeasureAlone(int threads) {
+  const auto times = kiosk::bench::Measure(5, 1, {[threads] { OnThreads(threads, OurLine); }});
+  std::printf("%.3f\n", PerLine(times[0], threads).median);
   kiosk::log::CloseCentral();
   return 0;
 }
 
-double MeasureInAnotherProcess(bool shipping) {
+double MeasureInAnotherProcess(const std::string& threads, bool shipping) {
   constexpr wchar_t kNowhere[] = L"https://localhost:9/";
   if (shipping) {
     kiosk::state::WriteString(kSettings, L"LogEndpoint", kNowhere);
@@ -55,7 +61,7 @@ double MeasureInAnotherProcess(bool shipping) {
   char self[MAX_PATH];
   GetModuleFileNameA(nullptr, self, MAX_PATH);
   double time = 0;
-  if (std::FILE* pipe = _popen((std::string("\"") + self + "\" --alone").c_str(), "r"); pipe != nullptr) {
+  if (std::FILE* pipe = _popen((std::string("\"") + self + "\" " + threads).c_str(), "r"); pipe != nullptr) {
     if (std::fscanf(pipe, "%lf", &time) != 1) {
       time = 0;
     }
@@ -67,39 +73,43 @@ double MeasureInAnotherProcess(bool shipping) {
   return time;
 }
 
+std::string Named(const char* what, int threads) {
+  return std::string(what) + ", " + std::to_string(threads) + (threads == 1 ? " thread" : " threads");
+}
+
 // In turns, since the machine is not always equally busy.
-void CompareShipping() {
+void CompareShipping(int threads) {
   std::vector<double> on;
   std::vector<double> off;
   for (int round = 0; round < 5; ++round) {
-    off.push_back(MeasureInAnotherProcess(false));
-    on.push_back(MeasureInAnotherProcess(true));
+    off.push_back(MeasureInAnotherProcess(std::to_string(threads), false));
+    on.push_back(MeasureInAnotherProcess(std::to_string(threads), true));
   }
-  kiosk::bench::Row("shipping on, 4 threads", kiosk::bench::Median(on), {"shipping off", kiosk::bench::Median(off)},
-                    "us", kiosk::bench::TimesWorse(1.2));
+  kiosk::bench::Row(Named("shipping on", threads), kiosk::bench::TimesOf(on),
+                    {"shipping off", kiosk::bench::TimesOf(off)}, kiosk::bench::TimesWorse(1.2));
 }
 
 }  // namespace
 
-int main(int count, char**) {
+int main(int count, char** arguments) {
   if (count > 1) {
-    return MeasureAlone();
+    return MeasureAlone(std::atoi(arguments[1]));
   }
   auto peer = spdlog::basic_logger_mt("peer", "C:\\bench-peer.log", true);
   peer->set_pattern("[%H:%M:%S.%e] %l %v");
   peer->flush_on(spdlog::level::trace);
 
   for (const int threads : {1, 4}) {
-    const auto times = kiosk::bench::MedianTimes(
-        9, 1,
-        {[threads] { OnThreads(threads, OurLine); },
-         [threads, &peer] {
-           OnThreads(threads,
-                     [&peer](int number) { peer->info("check-in {} of {} answered {}", number, "Hall 3", 200); });
-         }});
-    const double lines = static_cast<double>(threads) * kLinesPerThread;
-    const std::string name = "log line, " + std::to_string(threads) + (threads == 1 ? " thread" : " threads");
-    kiosk::bench::Row(name.c_str(), times[0] / lines, {"spdlog", times[1] / lines}, "us", kiosk::bench::TimesBetter(1));
+    const auto times = kiosk::bench::Measure(9, 1,
+                                             {[threads] { OnThreads(threads, OurLine); },
+                                              [threads, &peer] {
+                                                OnThreads(threads, [&peer](int number) {
+                                                  peer->info("check-in {} of {} answered {}", number, "Hall 3", 200);
+                                                });
+                                              }});
+    kiosk::bench::Row(Named("log line", threads), PerLine(times[0], threads), {"spdlog", PerLine(times[1], threads)},
+                      kiosk::bench::TimesBetter(1));
   }
-  CompareShipping();
+  CompareShipping(1);
+  CompareShipping(4);
 }

@@ -63,16 +63,15 @@ std::uint64_t Walk(const std::wstring& folder) {
 int main(int argumentCount, char** arguments) {
   const int count = argumentCount > 1 ? std::atoi(arguments[1]) : 0;
   Fill(count);
-  const auto times =
-      kiosk::bench::MedianTimes(3, 1,
-                                {[] { kiosk::log::Prune(); },
-                                 [count] {
-                                   if (Walk(kiosk::state::kLogRoot) != static_cast<std::uint64_t>(count)) {
-                                     std::puts("files are missing");
-                                     std::exit(1);
-                                   }
-                                 }});
-  const std::string name = "prune of " + std::to_string(count) + " files";
-  kiosk::bench::Row(name.c_str(), times[0] / 1000, {"bare walk", times[1] / 1000}, "ms", kiosk::bench::TimesWorse(1.5));
+  const auto times = kiosk::bench::Measure(3, 1,
+                                           {[] { kiosk::log::Prune(); },
+                                            [count] {
+                                              if (Walk(kiosk::state::kLogRoot) != static_cast<std::uint64_t>(count)) {
+                                                std::puts("files are missing");
+                                                std::exit(1);
+                                              }
+                                            }});
+  kiosk::bench::Row("prune of " + std::to_string(count) + " files", times[0], {"bare walk", times[1]},
+                    kiosk::bench::TimesWorse(1.5));
   return 0;
 }

@@ -53,9 +53,10 @@ class Caller : public test::CleanMachine {
 
   [[nodiscard]] HANDLE Pipe() const { return server_.Get(); }
   [[nodiscard]] std::string Check(HANDLE pipe) const {
-    return CheckCallerProcess(pipe, win32::PreciseFileTimeNow(), {15'000});
+    return CheckCallerProcess(pipe, ClientOf(pipe), {win32::Deadline(15'000)});
   }
   [[nodiscard]] std::string Check() const { return Check(Pipe()); }
+  std::string Identify(CallerRecord& caller) const { return IdentifyCaller(Pipe(), ClientOf(Pipe()), caller); }
   // `leaves`: whether the command leaves something to be done after the reply.
   static std::string Ask(const CallerRecord& caller, std::string_view request, bool leaves = false) {
     command::PostReplyAction afterReply = nullptr;
@@ -256,19 +257,20 @@ TEST_F(Caller, EachKindIsToldFromTheOthers) {
     if (!each.who.user.empty()) {
       sim::SetPipeCaller(each.who);
     }
-    EXPECT_EQ(IdentifyCaller(Pipe(), caller), "");
+    EXPECT_EQ(Identify(caller), "");
     EXPECT_EQ(std::tie(caller.isSystem, caller.isInteractive, caller.isKioskAccount, caller.sessionId),
               std::tie(each.system, each.interactive, each.kiosk, each.session));
   }
   // Another account whose SID begins so; and the thread is itself again.
   sim::SetPipeCaller(cases[1].who);
   SetString(state::kStateKey, L"AccountSid", state::ReadStateString(state::kAccountSid) + L"1");
-  EXPECT_EQ(IdentifyCaller(Pipe(), caller), "");
+  EXPECT_EQ(Identify(caller), "");
   EXPECT_FALSE(caller.isKioskAccount);
   win32::KernelHandle token;
   EXPECT_EQ(OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, TRUE, token.Put()), 0);
   EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_NO_TOKEN));
-  EXPECT_EQ(IdentifyCaller(nullptr, caller), "caller cannot be identified (6)");
+  EXPECT_EQ(IdentifyCaller(nullptr, ClientOf(Pipe()), caller), "caller cannot be identified (6)");
+  EXPECT_EQ(IdentifyCaller(Pipe(), {}, caller), "caller session unknown");
 }
 
 constexpr CallerRecord kPerson{.isInteractive = true, .sessionId = 1};

@@ -23,8 +23,9 @@
 namespace kiosk::log {
 namespace {
 
-constexpr std::size_t kTextSize = 2048;
-constexpr std::size_t kLineSize = 2112;
+constexpr std::size_t kTextSize = 2048;   // of time stamp, message and terminator together
+constexpr std::size_t kStampLength = 15;  // "[HH:MM:SS.mmm] "
+constexpr std::size_t kLongestLabel = 6;  // "ERROR "
 constexpr std::size_t kRaiseLength = 191;
 constexpr std::uint64_t kPruneInterval = 3'600'000;
 constexpr unsigned kShipperStopWait = 2000;
@@ -173,60 +174,58 @@ bool HoldsFailureWord(std::string_view message) noexcept {
                      [text](const char* word) { return text.find(word) != std::string_view::npos; });
 }
 
-const char* Label(int level) noexcept {
+std::string_view Label(int level) noexcept {
   if (level <= kError) {
-    return "ERROR";
+    return "ERROR ";
   }
   if (level == kWarn) {
-    return "WARN";
+    return "WARN ";
   }
-  return level < kDebug ? "INFO" : "DEBUG";
+  return level < kDebug ? "INFO " : "DEBUG ";
 }
 
-// One line on its way, on the stack of the thread that logs.
+// One line on its way, on the stack of the thread that logs. The label is known once the message is there: it and the
+// time stamp are put before it, into room that was left for them.
 struct LogLine {
-  std::array<char, kTextSize> text;
-  std::size_t stamp = 0;   // length of the time stamp at the front
-  std::size_t length = 0;  // of the message behind it
+  static constexpr std::size_t kFront = kStampLength + kLongestLabel;
+  static constexpr std::size_t kRoom = kTextSize - kStampLength;  // for the message, and a terminator or line end
+
+  std::array<char, kFront + kRoom> text;
+  std::size_t length = 0;  // of the message
   int level = 0;
 
-  [[nodiscard]] std::string_view Message() const noexcept { return {text.data() + stamp, length}; }
+  [[nodiscard]] std::string_view Message() const noexcept { return {text.data() + kFront, length}; }
 
   // False when the format cannot be followed.
-  NORVANE_PRINTF(4, 0)
-  bool Format(const SYSTEMTIME& now, int wantedLevel, const char* format, va_list arguments) noexcept {
-    stamp = static_cast<std::size_t>(std::snprintf(text.data(), text.size(), "[%02d:%02d:%02d.%03d] ", now.wHour,
-                                                   now.wMinute, now.wSecond, now.wMilliseconds));
-    const int wanted = std::vsnprintf(text.data() + stamp, text.size() - stamp, format, arguments);
+  NORVANE_PRINTF(3, 0)
+  bool Format(int wantedLevel, const char* format, va_list arguments) noexcept {
+    char* const message = text.data() + kFront;
+    const int wanted = std::vsnprintf(message, kRoom, format, arguments);
     if (wanted < 0) {
       return false;
     }
-    const std::size_t room = text.size() - stamp - 1;
     length = static_cast<std::size_t>(wanted);
-    if (length > room) {
-      length = text::CutLength({text.data() + stamp, room + 1}, room);
+    if (length >= kRoom) {
+      length = text::CutLength({message, kRoom}, kRoom - 1);
     }
-    text::MakeSingleLine(text.data() + stamp, length);
+    text::MakeSingleLine(message, length);
     level = wantedLevel == kInfo && HoldsFailureWord(Message()) ? static_cast<int>(kError) : wantedLevel;
     return true;
   }
 
-  void WriteLocal(const char* component) const noexcept {
+  void WriteLocal(const SYSTEMTIME& now, const char* component) noexcept {
     if (!localFiles) {
       return;
     }
-    std::array<char, kLineSize> line;
-    const int written = std::snprintf(line.data(), line.size(), "%.*s%s %.*s\n", static_cast<int>(stamp), text.data(),
-                                      Label(level), static_cast<int>(length), text.data() + stamp);
-    if (written <= 0) {
-      return;
-    }
-    auto size = static_cast<std::size_t>(written);
-    if (size >= line.size()) {
-      size = line.size() - 1;
-      line[size - 1] = '\n';
-    }
-    AppendLine(component, {line.data(), size});
+    const std::string_view label = Label(level);
+    std::array<char, kStampLength + 1> stamp;
+    static_cast<void>(std::snprintf(stamp.data(), stamp.size(), "[%02d:%02d:%02d.%03d] ", now.wHour, now.wMinute,
+                                    now.wSecond, now.wMilliseconds));
+    const std::size_t front = kFront - kStampLength - label.size();
+    std::memcpy(text.data() + front, stamp.data(), kStampLength);
+    std::memcpy(text.data() + front + kStampLength, label.data(), label.size());
+    text[kFront + length] = '\n';
+    AppendLine(component, {text.data() + front, kFront + length + 1 - front});
   }
 };
 
@@ -236,11 +235,11 @@ NORVANE_PRINTF(5, 0)
 void Write(const SYSTEMTIME& now, int level, const char* component, Target target, const char* format,
            va_list arguments) noexcept {
   LogLine line;
-  if (line.Format(now, level, format, arguments)) {
+  if (line.Format(level, format, arguments)) {
     if (target == Target::kEverywhere) {
       shipper::HandOff(line.level, component, line.Message());
     }
-    line.WriteLocal(component);
+    line.WriteLocal(now, component);
   }
 }
 

@@ -9,7 +9,6 @@
 #include "win32/security.h"
 #include "win32/wide_text.h"
 
-#include <array>
 #include <cstddef>
 #include <memory>
 #include <vector>
@@ -85,32 +84,37 @@ std::vector<std::byte> TokenInformation(HANDLE token, TOKEN_INFORMATION_CLASS wh
 }
 
 bool HoldsInteractiveGroup(HANDLE token) {
-  std::array<std::byte, SECURITY_MAX_SID_SIZE> interactive{};
-  DWORD size = interactive.size();
   const std::vector<std::byte> content = TokenInformation(token, TokenGroups);
-  if (content.empty() || CreateWellKnownSid(WinInteractiveSid, nullptr, interactive.data(), &size) == 0) {
+  if (content.empty()) {
     return false;
   }
   const auto* groups = reinterpret_cast<const TOKEN_GROUPS*>(content.data());
   for (DWORD i = 0; i < groups->GroupCount; ++i) {
     const SID_AND_ATTRIBUTES& group = groups->Groups[i];
-    if ((group.Attributes & SE_GROUP_ENABLED) != 0 && EqualSid(group.Sid, interactive.data()) != 0) {
+    if ((group.Attributes & SE_GROUP_ENABLED) != 0 && IsWellKnownSid(group.Sid, WinInteractiveSid) != 0) {
       return true;
     }
   }
   return false;
 }
 
-}  // namespace
-
-DWORD ClientSession(HANDLE pipe) noexcept {
-  ULONG session = 0;
-  return GetNamedPipeClientSessionId(pipe, &session) != 0 ? session : 0;
-}
-
+// 0 when Windows does not tell.
 DWORD ClientProcess(HANDLE pipe) noexcept {
   ULONG process = 0;
   return GetNamedPipeClientProcessId(pipe, &process) != 0 ? process : 0;
+}
+
+}  // namespace
+
+Client ClientOf(HANDLE pipe) noexcept {
+  Client client;
+  client.connectedAt = win32::PreciseFileTimeNow();
+  client.process = ClientProcess(pipe);
+  ULONG session = 0;
+  if (GetNamedPipeClientSessionId(pipe, &session) != 0) {
+    client.session = session;
+  }
+  return client;
 }
 
 bool BeganBetween(HANDLE process, std::uint64_t from, std::uint64_t to) noexcept {
@@ -123,9 +127,8 @@ bool BeganBetween(HANDLE process, std::uint64_t from, std::uint64_t to) noexcept
   return began > from && began <= to;
 }
 
-std::string CheckCallerProcess(HANDLE pipe, std::uint64_t connectedAt, const Patience& patience) {
-  const DWORD processId = ClientProcess(pipe);
-  if (processId == 0) {
+std::string CheckCallerProcess(HANDLE pipe, const Client& client, const Patience& patience) {
+  if (client.process == 0) {
     return "caller process unknown";
   }
   switch (SignatureOfService()) {
@@ -141,21 +144,20 @@ std::string CheckCallerProcess(HANDLE pipe, std::uint64_t connectedAt, const Pat
   // the connection was given the number of the one that connected. One that seems to begin in the future began before
   // the clock was set back, as happens whenever the time is synchronised.
   const auto process =
-      std::make_shared<const KernelHandle>(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, processId));
-  if (!*process || BeganBetween(process->Get(), connectedAt, win32::PreciseFileTimeNow())) {
+      std::make_shared<const KernelHandle>(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, client.process));
+  if (!*process || BeganBetween(process->Get(), client.connectedAt, win32::PreciseFileTimeNow())) {
     return "caller process cannot be opened";
   }
-  std::string refusal = RefusalOf(LookAtImage(process, ClientSession(pipe), patience));
-  if (refusal.empty() && ClientProcess(pipe) != processId) {
+  std::string refusal = RefusalOf(LookAtImage(process, client.session.value_or(0), patience));
+  if (refusal.empty() && ClientProcess(pipe) != client.process) {
     refusal = "caller process unknown";
   }
   return refusal;
 }
 
-std::string IdentifyCaller(HANDLE pipe, CallerRecord& caller) {
+std::string IdentifyCaller(HANDLE pipe, const Client& client, CallerRecord& caller) {
   caller = {};
-  ULONG sessionId = 0;
-  if (GetNamedPipeClientSessionId(pipe, &sessionId) == 0) {
+  if (!client.session) {
     return "caller session unknown";
   }
   KernelHandle token;
@@ -172,7 +174,7 @@ std::string IdentifyCaller(HANDLE pipe, CallerRecord& caller) {
   caller.isSystem = sid == kSystemSid;
   caller.isInteractive = HoldsInteractiveGroup(token.Get());
   caller.isKioskAccount = !kioskSid.empty() && win32::EqualIgnoringCase(sid, kioskSid);
-  caller.sessionId = sessionId;
+  caller.sessionId = *client.session;
   return {};
 }
 

@@ -7,9 +7,18 @@
 #include "win32/winapi.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace kiosk::pipe {
+
+// What the pipe tells of its client when he is there.
+struct Client {
+  std::uint64_t connectedAt = 0;  // system time, in 100 ns units since 1601
+  std::optional<DWORD> session;   // empty, and 0 as process, when Windows does not tell
+  DWORD process = 0;
+};
+Client ClientOf(HANDLE pipe) noexcept;
 
 struct CallerRecord {
   bool isSystem = false;        // the user is LocalSystem
@@ -20,13 +29,8 @@ struct CallerRecord {
 
 // Admits a process whose program file is validly signed by the service's own publisher. A service that is itself
 // unsigned admits everybody while "DevAllowUnsigned" is 1, and nobody otherwise; one that does not know its own
-// publisher yet admits nobody at all. `connectedAt` is the system time, in 100 ns units since 1601, at which the client
-// was there.
-std::string CheckCallerProcess(HANDLE pipe, std::uint64_t connectedAt, const Patience& patience);
-
-// The Windows session and the process at the other end; 0 when Windows does not tell.
-DWORD ClientSession(HANDLE pipe) noexcept;
-DWORD ClientProcess(HANDLE pipe) noexcept;
+// publisher yet admits nobody at all.
+std::string CheckCallerProcess(HANDLE pipe, const Client& client, const Patience& patience);
 
 // The process was created after `from` and not after `to`, both system times in 100 ns units since 1601; true as well
 // when Windows does not tell.
@@ -34,6 +38,6 @@ DWORD ClientProcess(HANDLE pipe) noexcept;
 
 // Fills in `caller` from the token of the client. The thread carries that token only for as long as it takes to open
 // it; when it cannot be put down again, the process ends with exit code 1.
-std::string IdentifyCaller(HANDLE pipe, CallerRecord& caller);
+std::string IdentifyCaller(HANDLE pipe, const Client& client, CallerRecord& caller);
 
 }  // namespace kiosk::pipe

@@ -3,7 +3,6 @@
 #include "command/reply.h"
 #include "json/serialise.h"
 #include "log/log.h"
-#include "pipe/caller.h"
 #include "pipe/dispatch.h"
 #include "pipe/framing.h"
 #include "pipe/overlapped.h"
@@ -12,7 +11,6 @@
 #include "win32/clock.h"
 #include "win32/stop.h"
 
-#include <algorithm>
 #include <array>
 #include <exception>
 #include <span>
@@ -26,20 +24,13 @@ namespace {
 using log::kKiosk;
 
 constexpr std::uint64_t kRequestDeadline = 15'000;
-// For the look at the caller of a request that took its whole time.
-constexpr DWORD kShortestLook = 1000;
 constexpr DWORD kReplyDeadline = 5000;
 constexpr std::uint64_t kLeaveDeadline = 5000;
 
 class Connection {
  public:
-  Connection(win32::FileHandle pipe, std::uint64_t connectedAt, Place& place,
-             command::PostReplyAction& afterReply) noexcept
-      : pipe_(std::move(pipe)),
-        connectedAt_(connectedAt),
-        place_(place),
-        afterReply_(afterReply),
-        io_(place.EndEvent()) {}
+  Connection(win32::FileHandle pipe, const Client& client, Place& place, command::PostReplyAction& afterReply) noexcept
+      : pipe_(std::move(pipe)), client_(client), place_(place), afterReply_(afterReply), io_(place.EndEvent()) {}
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
   ~Connection() { DisconnectNamedPipe(pipe_.Get()); }
@@ -47,18 +38,15 @@ class Connection {
   void Run();
 
  private:
-  IoResult Read(std::span<char> room, DWORD milliseconds) noexcept {
-    const BOOL started = ReadFile(pipe_.Get(), room.data(), static_cast<DWORD>(room.size()), nullptr, io_.Begin());
-    return io_.Finish(pipe_.Get(), started, milliseconds);
-  }
-  void ReadRequest(RequestBuffer& request);
+  IoResult Read(std::span<char> room, const win32::Deadline& deadline) noexcept;
+  bool ReadRequest(RequestBuffer& request);
   std::string Verify(CallerRecord& caller);
   text::Secret Answer(std::string_view request);
   bool Write(std::string_view reply) noexcept;
   void AwaitLeave() noexcept;
 
   win32::FileHandle pipe_;
-  std::uint64_t connectedAt_;
+  const Client& client_;
   Place& place_;
   command::PostReplyAction& afterReply_;
   const win32::Deadline deadline_{kRequestDeadline};
@@ -71,8 +59,7 @@ void Connection::Run() {
     return;
   }
   RequestBuffer request;
-  ReadRequest(request);
-  if (request.Request().empty() || place_.Ended()) {
+  if (!ReadRequest(request) || request.Request().empty()) {
     return;
   }
   const text::Secret reply = Answer(request.Request());
@@ -81,21 +68,31 @@ void Connection::Run() {
   }
 }
 
-void Connection::ReadRequest(RequestBuffer& request) {
-  while (!request.Over() && !deadline_.Passed()) {
-    const IoResult read = Read(request.Room(), deadline_.Left());
+IoResult Connection::Read(std::span<char> room, const win32::Deadline& deadline) noexcept {
+  const DWORD left = deadline.Left();
+  if (left == 0) {
+    return {IoEnd::kTimeout};
+  }
+  const BOOL started = ReadFile(pipe_.Get(), room.data(), static_cast<DWORD>(room.size()), nullptr, io_.Begin());
+  return io_.Finish(pipe_.Get(), started, left);
+}
+
+// What came by the deadline is the request. False when the connection is to end.
+bool Connection::ReadRequest(RequestBuffer& request) {
+  while (!request.Over()) {
+    const IoResult read = Read(request.Room(), deadline_);
     if (read.end != IoEnd::kDone || read.bytes == 0) {
-      return;
+      return read.end != IoEnd::kStop;
     }
     request.Added(read.bytes);
   }
+  return true;
 }
 
 // The reason to refuse the caller; empty to admit.
 std::string Connection::Verify(CallerRecord& caller) {
-  std::string refusal =
-      CheckCallerProcess(pipe_.Get(), connectedAt_, {std::max(kShortestLook, deadline_.Left()), place_.EndEvent()});
-  return refusal.empty() ? IdentifyCaller(pipe_.Get(), caller) : refusal;
+  std::string refusal = CheckCallerProcess(pipe_.Get(), client_, {deadline_, place_.EndEvent()});
+  return refusal.empty() ? IdentifyCaller(pipe_.Get(), client_, caller) : refusal;
 }
 
 // The reply line; empty when the connection was ended meanwhile. The request is not looked at before its caller is
@@ -131,19 +128,17 @@ bool Connection::Write(std::string_view reply) noexcept {
 // less.
 void Connection::AwaitLeave() noexcept {
   const win32::Deadline deadline(kLeaveDeadline);
-  IoResult read{IoEnd::kDone};
-  while (read.end == IoEnd::kDone && !deadline.Passed() && !win32::StopRequested()) {
-    std::array<char, kReadChunk> unwanted;
-    read = Read(unwanted, deadline.Left());
+  std::array<char, kReadChunk> unwanted;
+  while (Read(unwanted, deadline).end == IoEnd::kDone && !win32::StopRequested()) {
   }
 }
 
 }  // namespace
 
-void ServeConnection(win32::FileHandle pipe, std::uint64_t connectedAt, Place& place) noexcept {
+void ServeConnection(win32::FileHandle pipe, const Client& client, Place& place) noexcept {
   command::PostReplyAction afterReply = nullptr;
   try {
-    Connection(std::move(pipe), connectedAt, place, afterReply).Run();
+    Connection(std::move(pipe), client, place, afterReply).Run();
   } catch (const std::exception& problem) {
     log::Log(log::kError, kKiosk, "pipe: a connection ended early (%s)", problem.what());
   }

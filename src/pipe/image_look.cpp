@@ -25,6 +25,7 @@ using Result = ImageLook::Result;
 constexpr std::size_t kImagePathSize = 520;
 constexpr LONGLONG kLargestImage = LONGLONG{512} * 1024 * 1024;
 constexpr DWORD kTurnPoll = 20;
+constexpr DWORD kShortestLook = 1000;
 // So that one large file does not keep those waiting who come from another.
 constexpr std::ptrdiff_t kLooksOfSession = 4;
 
@@ -133,7 +134,7 @@ win32::KernelHandle StartLooking(const std::shared_ptr<Look>& look) noexcept {
 }  // namespace
 
 ImageLook LookAtImage(std::shared_ptr<const win32::KernelHandle> process, DWORD session, const Patience& patience) {
-  const win32::Deadline deadline(patience.milliseconds);
+  const win32::Deadline deadline(std::max(kShortestLook, patience.deadline.Left()));
   ImageLook unknown;
   unknown.path = ImagePath(process->Get());
   if (unknown.path.empty()) {

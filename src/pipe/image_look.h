@@ -3,6 +3,7 @@
 // limit, and a large file takes long to be hashed.
 #pragma once
 
+#include "win32/clock.h"
 #include "win32/handle.h"
 
 #include <memory>
@@ -12,7 +13,7 @@ namespace kiosk::pipe {
 
 // How long a connection waits for what is done for its caller.
 struct Patience {
-  DWORD milliseconds = 0;
+  win32::Deadline deadline;
   HANDLE end = nullptr;  // an event that ends the wait as a stop does; null: none
 };
 
@@ -29,8 +30,8 @@ struct ImageLook {
 
 // Looks at the program file of a process of the Windows session. In each session there are at most four looks at a
 // time, and one at each file; others wait for their turn. Once a look was left behind, its file is not looked at again
-// for the session until that look has ended, and nothing is once four were: the answer is kNotValid at once. Any
-// thread.
+// for the session until that look has ended, and nothing is once four were: the answer is kNotValid at once. Waits
+// until the deadline, or for a second if that is later. Any thread.
 ImageLook LookAtImage(std::shared_ptr<const win32::KernelHandle> process, DWORD session, const Patience& patience);
 
 }  // namespace kiosk::pipe

@@ -4,6 +4,7 @@
 #include "win32/lock.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -34,6 +35,9 @@ std::vector<Refusal>& Refusals() REQUIRES(lock) {
   return *refusals;
 }
 
+// Whether there is any: who tells of them asks with each connection, and hardly ever needs the lock.
+std::atomic<bool> anyRefused{false};
+
 void Tell(bool all) REQUIRES(lock) {
   const std::uint64_t now = win32::TickCount();
   std::erase_if(Refusals(), [&](const Refusal& each) {
@@ -44,6 +48,7 @@ void Tell(bool all) REQUIRES(lock) {
     }
     return over;
   });
+  anyRefused = !Refusals().empty();
 }
 
 }  // namespace
@@ -70,6 +75,7 @@ void LogRefusal(const char* format, ...) {
   if (known == refusals.end()) {
     refusals.push_back({room ? line : kOthers, win32::TickCount(), 0});
     known = refusals.end() - 1;
+    anyRefused = true;
   }
   if (++known->count <= kLoggedInAMinute) {
     log::Log(log::kWarn, log::kKiosk, "%s", line.c_str());
@@ -77,8 +83,10 @@ void LogRefusal(const char* format, ...) {
 }
 
 void TellCountedRefusals(bool all) {
-  const win32::LockGuard guard(lock);
-  Tell(all);
+  if (anyRefused) {
+    const win32::LockGuard guard(lock);
+    Tell(all);
+  }
 }
 
 }  // namespace kiosk::pipe

@@ -15,7 +15,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdint>
 #include <exception>
 #include <memory>
 #include <utility>
@@ -55,17 +54,21 @@ FileHandle CreateInstance(const win32::SecurityDescriptor& descriptor, bool firs
 
 // Waits without time limit for a client. ERROR_SUCCESS when one is there; when the service is to stop, whatever.
 DWORD Connect(HANDLE instance, OverlappedIo& io) noexcept {
-  const BOOL started = ConnectNamedPipe(instance, io.Begin());
-  if (started == 0 && GetLastError() == ERROR_PIPE_CONNECTED) {
+  BOOL connected = ConnectNamedPipe(instance, io.Begin());
+  const DWORD error = connected != 0 ? ERROR_SUCCESS : GetLastError();
+  if (error == ERROR_PIPE_CONNECTED) {
     return ERROR_SUCCESS;
   }
-  if (started == 0 && GetLastError() == ERROR_IO_PENDING) {
-    while (io.Await(kTellRefusals) == win32::WaitResult::kTimeout) {
+  if (error == ERROR_IO_PENDING) {
+    win32::WaitResult waited = win32::WaitResult::kTimeout;
+    while (waited == win32::WaitResult::kTimeout) {
+      waited = io.Await(kTellRefusals);
       TellCountedRefusals();
     }
-    SetLastError(ERROR_IO_PENDING);
+    connected = waited == win32::WaitResult::kSignaled ? TRUE : FALSE;
   }
-  return io.Finish(instance, started, INFINITE).end == IoEnd::kDone ? ERROR_SUCCESS : GetLastError();
+  SetLastError(error);
+  return io.Finish(instance, connected, 0).end == IoEnd::kDone ? ERROR_SUCCESS : GetLastError();
 }
 
 // A client that came and went before anybody waited for it is none. What else fails twice in a row is told once and
@@ -91,26 +94,26 @@ FileHandle Duplicate(HANDLE instance) noexcept {
 }
 
 void AwaitRoom() noexcept {
+  if (liveConnections.load() < kManyConnections) {
+    return;
+  }
   const win32::Deadline deadline(kWaitForRoom);
   while (liveConnections.load() >= kManyConnections && !deadline.Passed() &&
          win32::WaitOrStop(connectionEnded, deadline.Left()) != win32::WaitResult::kStop) {
   }
 }
 
-void StartConnection(FileHandle instance, std::uint64_t connectedAt) noexcept {
+void StartConnection(FileHandle instance, const Client& client) noexcept {
   try {
-    auto place = std::make_unique<Place>(ClientSession(instance.Get()), ClientProcess(instance.Get()));
+    auto place = std::make_unique<Place>(client.session.value_or(0), client.process);
     AwaitRoom();
     liveConnections.fetch_add(1);
-    const win32::KernelHandle thread = win32::StartThread(
-        [pipe = std::move(instance), connectedAt, place = std::move(place)]() mutable noexcept {
-          ServeConnection(std::move(pipe), connectedAt, *place);
+    if (win32::RunOnPool([pipe = std::move(instance), client, place = std::move(place)]() mutable noexcept {
+          ServeConnection(std::move(pipe), client, *place);
           place.reset();
           liveConnections.fetch_sub(1);
           SetEvent(connectionEnded);
-        },
-        win32::kSmallStack);
-    if (thread) {
+        })) {
       return;
     }
     log::Log(log::kError, kKiosk, "pipe: cannot start a connection thread (%lu)", GetLastError());
@@ -131,7 +134,6 @@ void AcceptClients(const win32::SecurityDescriptor& descriptor, OverlappedIo& io
   // time.
   FileHandle keeper;
   while (!win32::StopRequested()) {
-    TellCountedRefusals();
     if (!instance) {
       instance = CreateInstance(descriptor, first);
     }
@@ -151,12 +153,12 @@ void AcceptClients(const win32::SecurityDescriptor& descriptor, OverlappedIo& io
       keeper.Reset(instance.Release());
       continue;
     }
-    const std::uint64_t connectedAt = win32::PreciseFileTimeNow();
+    const Client client = ClientOf(instance.Get());
     FileHandle next = CreateInstance(descriptor, first);
     if (!next) {
       keeper = Duplicate(instance.Get());
     }
-    StartConnection(std::move(instance), connectedAt);
+    StartConnection(std::move(instance), client);
     instance = std::move(next);
   }
 }

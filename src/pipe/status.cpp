@@ -23,7 +23,7 @@ json::Value Status(const command::Request& request) {
   reply.Set("provisioned", provisioned);
   reply.Set("kioskSession", provisioned && request.session != 0 && enrolment::IsKioskSession(request.session));
   reply.Set("maintenance", state::FlagIsOn(state::kMaintenance));
-  reply.Set("account", win32::ToNarrow(enrolment::kKioskUser));
+  reply.Set("account", enrolment::kKioskUserText);
   reply.Set("terminalName", StateText(state::kTerminalName));
   reply.Set("signIn", portal::LoadSignIn());
   std::string lastError = StateText(state::kLastError);

@@ -1,10 +1,10 @@
 #include "state/kiosk_state.h"
 
 #include "win32/handle.h"
-#include "win32/lock.h"
 #include "win32/security.h"
 #include "win32/wide_text.h"
 
+#include <atomic>
 #include <utility>
 
 namespace kiosk::state {
@@ -14,33 +14,29 @@ namespace {
 constexpr wchar_t kStateKeySddl[] = L"D:P(A;CI;KA;;;SY)(A;CI;KA;;;BA)";
 constexpr wchar_t kParentKey[] = L"SOFTWARE\\Norvane\\Tessaly";
 
-// One handle of the key serves all reads, of which a single status makes eight; no value is kept. It has no destructor,
-// since any thread may still read while the process ends.
-win32::Lock keyLock{win32::LockRank::kStateKey};
-HKEY openKey GUARDED_BY(keyLock) = nullptr;
+// One handle of the key serves all reads, of which a single status makes eight; no value is kept. It is never closed,
+// since any thread may be reading through it.
+std::atomic<HKEY> openKey{nullptr};
 
-// ERROR_KEY_DELETED also stands for a key that was not opened yet.
-LSTATUS ReadFromOpenKey(const wchar_t* name, RawValue& raw) {
-  const win32::SharedLockGuard guard(keyLock);
-  return openKey != nullptr ? ReadRaw(openKey, name, raw) : ERROR_KEY_DELETED;
-}
-
-// An uninstall deletes the key and a later start makes it anew: a handle of the old one has to go.
-LSTATUS Reopen() {
-  const win32::LockGuard guard(keyLock);
-  win32::RegistryKey key(openKey);
+// Puts a new handle in the place of `old`, unless another thread was first. The old one stays open: an uninstall
+// deletes the key at the end of a service's life, so that no process collects them.
+LSTATUS Reopen(HKEY old) {
+  win32::RegistryKey key;
   const LSTATUS status = RegOpenKeyExW(HKEY_LOCAL_MACHINE, kStateKey, 0, KEY_QUERY_VALUE, key.Put());
-  openKey = status == ERROR_SUCCESS ? key.Release() : nullptr;
+  if (status == ERROR_SUCCESS && openKey.compare_exchange_strong(old, key.Get())) {
+    static_cast<void>(key.Release());
+  }
   return status;
 }
 
 }  // namespace
 
 LSTATUS ReadState(const StateValue& value, RawValue& raw) {
-  LSTATUS status = ReadFromOpenKey(value.name, raw);
+  const HKEY key = openKey;
+  LSTATUS status = key != nullptr ? ReadRaw(key, value.name, raw) : ERROR_KEY_DELETED;
   if (status == ERROR_KEY_DELETED) {
-    status = Reopen();
-    status = status == ERROR_SUCCESS ? ReadFromOpenKey(value.name, raw) : status;
+    status = Reopen(key);
+    status = status == ERROR_SUCCESS ? ReadRaw(openKey, value.name, raw) : status;
   }
   return status == ERROR_KEY_DELETED ? ERROR_FILE_NOT_FOUND : status;  // deleted once more in between
 }

@@ -15,11 +15,10 @@ enum class LockRank : int {
   kBranding = 30,
   kPower = 40,
   kUpdatesPolicy = 50,
-  kLeaf = 100,      // guards a few variables; takes no other leaf, but may read state and log
-  kStateKey = 150,  // the open handle of the state key
-  kLog = 200,       // any thread may log while it holds any other lock
-  kLogFile = 210,   // one line on its way into one file
-  kLogRing = 220,   // lines on their way to the central log, for a copy
+  kLeaf = 100,     // guards a few variables; takes no other leaf, but may read state and log
+  kLog = 200,      // any thread may log while it holds any other lock
+  kLogFile = 210,  // one line on its way into one file
+  kLogRing = 220,  // lines on their way to the central log, for a copy
 };
 
 // An SRW lock: constant-initialised and without a destructor, so that it may be static while detached threads outlive

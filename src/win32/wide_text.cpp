@@ -5,25 +5,19 @@
 namespace kiosk::win32 {
 
 std::wstring ToWide(std::string_view text) {
-  std::wstring wide;
   const int length = static_cast<int>(text.size());
-  const int needed = text.empty() ? 0 : MultiByteToWideChar(CP_UTF8, 0, text.data(), length, nullptr, 0);
-  if (needed > 0) {
-    wide.resize(static_cast<std::size_t>(needed));
-    MultiByteToWideChar(CP_UTF8, 0, text.data(), length, wide.data(), needed);
-  }
+  std::wstring wide(text.size(), L'\0');  // no byte becomes more than one unit
+  const int used = text.empty() ? 0 : MultiByteToWideChar(CP_UTF8, 0, text.data(), length, wide.data(), length);
+  wide.resize(static_cast<std::size_t>(used));
   return wide;
 }
 
 std::string ToNarrow(std::wstring_view text) {
-  std::string narrow;
-  const int length = static_cast<int>(text.size());
-  const int needed =
-      text.empty() ? 0 : WideCharToMultiByte(CP_UTF8, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
-  if (needed > 0) {
-    narrow.resize(static_cast<std::size_t>(needed));
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), length, narrow.data(), needed, nullptr, nullptr);
-  }
+  std::string narrow(text.size() * 3, '\0');  // no unit becomes more than three bytes
+  const int used = text.empty() ? 0
+                                : WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()),
+                                                      narrow.data(), static_cast<int>(narrow.size()), nullptr, nullptr);
+  narrow.resize(static_cast<std::size_t>(used));
   return narrow;
 }
 

@@ -26,7 +26,7 @@ SECONDS = 3  # that a crowd is there
 CLIENTS = 1000
 KINDS = ("silent", "drip", "unread")
 PROCESSES = "200"
-ROW = 5_000
+ROW = 20_000
 
 
 class Watch:
@@ -134,6 +134,7 @@ class Crowd(unittest.TestCase):
                     life.play(stage, life.PAIRED[1:])
                 with self.beside(self.crowd, "unread", CLIENTS, SECONDS, 1):
                     self.ask_honestly(f"{CLIENTS} unread beside check-ins and log lines")
+            self.check_times()
             self.assertLessEqual(threads.most, MOST_THREADS)
             self.assertTrue(portal.wait(lambda: portal.terminals()[0]["checkIns"] >= 2))
             self.assertGreater(len(portal.log_lines()), 0)
