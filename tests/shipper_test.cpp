@@ -347,13 +347,12 @@ TEST_F(ShipperTest, SegmentThatCannotBeReadNowIsSentLaterAndKeepsNobodyWaiting) 
             1);
 }
 
-// The stop has 2 s, whatever the disk says; what it takes again afterwards is not lost.
-class ShipperDisk : public ShipperTest, public testing::WithParamInterface<std::pair<unsigned, DWORD>> {};
+using Way = std::pair<unsigned, DWORD>;
+class ShipperDisk : public ShipperTest, public testing::WithParamInterface<Way> {};
 INSTANTIATE_TEST_SUITE_P(Ways, ShipperDisk,
-                         testing::Values(std::pair{sim::kAllCalls, DWORD{ERROR_NOT_READY}},
-                                         std::pair{sim::kWrites, DWORD{ERROR_DISK_FULL}},
-                                         std::pair{sim::kMoves | sim::kDeletes, DWORD{ERROR_SHARING_VIOLATION}},
-                                         std::pair{sim::kHalfWrites, DWORD{ERROR_SUCCESS}}));
+                         testing::Values(Way{sim::kAllCalls, ERROR_NOT_READY}, Way{sim::kWrites, ERROR_DISK_FULL},
+                                         Way{sim::kMoves | sim::kDeletes, ERROR_SHARING_VIOLATION},
+                                         Way{sim::kHalfWrites, ERROR_SUCCESS}));
 
 TEST_P(ShipperDisk, OutageOnABadDiskLosesNothingAndAStopIsInTime) {
   answer_ = Status(503);
