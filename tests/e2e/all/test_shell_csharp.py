@@ -28,7 +28,7 @@ class Relay(socketserver.StreamRequestHandler):
 
 
 class CSharpShell(test_shell.Shell):
-    PROGRAMS = test_shell.PROGRAMS
+    PROGRAMS = test_shell.PROGRAMS  # without the example in C++
 
     @classmethod
     def setUpClass(cls):
@@ -47,7 +47,7 @@ class CSharpShell(test_shell.Shell):
     def shell(self, terminal):
         with socketserver.ThreadingTCPServer(("127.0.0.1", 0), Relay) as server:
             server.terminal = terminal
-            threading.Thread(target=server.serve_forever).start()
+            threading.Thread(target=server.serve_forever, daemon=True).start()
             environment = os.environ | {"PIPE_PORT": str(server.server_address[1]), "LC_ALL": "C.UTF-8"}
             with subprocess.Popen(["mono", self.folder / "shell_example.exe"], env=environment, text=True, encoding="utf-8",
                                   stdin=subprocess.PIPE, stdout=subprocess.PIPE) as shell:
