@@ -2,6 +2,7 @@
 // phase.
 #include "tests/contract/contract.h"
 #include "tests/contract/hand.h"
+#include "tests/contract/own_proxy.h"
 #include "win32/handle.h"
 
 #include <winhttp.h>
@@ -216,13 +217,7 @@ void AutomaticProxy(Asked& asked) {
   if (ThisPlatform() == Platform::kSimulation) {
     Asked::CannotRun("the simulated portal answers for every host");
   }
-  WINHTTP_PROXY_INFO before{};
-  Asked::Needs(WinHttpGetDefaultProxyConfiguration(&before) != 0, "the default proxy");
-  const AtEnd back([&] {
-    WinHttpSetDefaultProxyConfiguration(&before);
-    GlobalFree(before.lpszProxy);
-    GlobalFree(before.lpszProxyBypass);
-  });
+  const OwnProxy back;
   const HttpServer server(HttpServer::Behaviour::kAnswers);
   std::wstring name = L"127.0.0.1:" + std::to_wstring(server.Port());
   WINHTTP_PROXY_INFO proxy{WINHTTP_ACCESS_TYPE_NAMED_PROXY, name.data(), nullptr};

@@ -1,5 +1,6 @@
 // The computer's default proxy of WinHTTP.
 #include "tests/contract/contract.h"
+#include "tests/contract/own_proxy.h"
 #include "win32/handle.h"
 
 #include <winhttp.h>
@@ -31,8 +32,7 @@ bool Write(Setting setting) {
 }
 
 void ProxiesComeBack(Asked& asked) {
-  const Setting before = Read();
-  const AtEnd back([&] { Write(before); });
+  const OwnProxy back;
   asked.True("a named one", Write({WINHTTP_ACCESS_TYPE_NAMED_PROXY, L"proof.invalid:3128", L"*.local;<local>"}));
   const Setting named = Read();
   asked.Same("its kind", named.access, WINHTTP_ACCESS_TYPE_NAMED_PROXY);

@@ -96,7 +96,13 @@ void Play() {
   const double now = Seconds(kiosk::win32::FileTimeNow());
   if (starts == 1) {
     run.SetNote("begun", now);
-    run.AskCases(Caller());
+    if (run.AskCases(Caller())) {
+      const std::vector<std::string> left = Differences(run.Before(), Snapshot());
+      run.TheReport().Add({"kit/cases",
+                           Caller(),
+                           "the contract cases leave the computer as it was",
+                           {left.empty() ? Verdict::kHeld : Verdict::kBroken, Joined(left)}});
+    }
   }
   if (starts > kMostStarts || now > run.Note("begun").number() + kLongest) {
     run.TheReport().Add({"kit/end", Caller(), "the run ends in time", {Verdict::kBroken, "it was given up"}});

@@ -58,12 +58,14 @@ std::string Run::GoOn() {
   return problem;
 }
 
-void Run::AskCases(const char* caller) {
+bool Run::AskCases(const char* caller) {
+  bool any = false;
   for (const contract::Group* group : contract::Groups()) {
     const std::string begin = "contract/" + std::string(group->name) + "/";
     if (!Wants(begin) && !options_.only.starts_with(begin)) {
       continue;
     }
+    any = true;
     const std::vector<contract::Result> answers = AnswersOf(*group);
     for (std::size_t i = 0; i < answers.size(); ++i) {
       const contract::Case& each = group->cases[i];
@@ -72,6 +74,7 @@ void Run::AskCases(const char* caller) {
       }
     }
   }
+  return any;
 }
 
 bool Run::SetNote(const char* name, Value value) {

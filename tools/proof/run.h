@@ -30,8 +30,8 @@ class Run {
   Report& TheReport() noexcept { return *report_; }
   Portal& ThePortal() noexcept { return portal_; }
 
-  // Asks the contract cases and adds the answers to the report.
-  void AskCases(const char* caller);
+  // Asks the contract cases and adds the answers to the report. False when the run wants none.
+  bool AskCases(const char* caller);
 
   // Of what GoOn finds again: numbers and texts.
   [[nodiscard]] const kiosk::json::Value& Note(const char* name) const { return Member(notes_, name); }
