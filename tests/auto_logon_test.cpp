@@ -15,6 +15,9 @@
 #include "tests/support/command.h"
 #include "tests/support/terminal.h"
 
+#include <optional>
+#include <tuple>
+
 namespace kiosk::account {
 namespace {
 
@@ -255,6 +258,33 @@ TEST_F(AutoLogonTest, ARestartDuringTheSetUpNeverShowsWindowsOwnShell) {
     sim::SetChangeHook(nullptr);
     EXPECT_EQ(unsafe, "");
     EXPECT_EQ(sim::RestartComputer(), 1U);
+  }
+}
+
+// Windows takes no secret, and notes who signs in meanwhile: that is nobody's choice of automatic sign-in.
+TEST_F(AutoLogonTest, WhereNoSecretCouldBeStoredTheOwnersSettingsComeBack) {
+  for (const auto& theirs : {std::optional<std::wstring>(), std::optional<std::wstring>(L"theirs")}) {
+    test::ResetComputer();
+    test::OwnComputer();
+    test::SetString(kWinlogonKey, L"AutoAdminLogon", L"no");
+    if (theirs) {
+      sim::SetSecret(L"DefaultPassword", *theirs);
+    }
+    test::Enrol("", false);
+    const auto settings = [] {
+      return std::tuple(Winlogon(L"AutoAdminLogon"), Winlogon(L"DefaultUserName"), Winlogon(L"DefaultDomainName"),
+                        Winlogon(L"DefaultPassword"), sim::Secret(L"DefaultPassword"));
+    };
+    const auto before = settings();
+    sim::SetChangeHook([](const sim::ChangeCall& call) -> DWORD {
+      return call.Text().find("LsaStorePrivateData(") == std::string::npos ? 0 : DWORD{ERROR_NO_SYSTEM_RESOURCES};
+    });
+    EXPECT_EQ(ProvisionKioskAccount({}), "lsa_failed");
+    sim::SetChangeHook(nullptr);
+    EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"0");
+    test::SetString(kWinlogonKey, L"DefaultUserName", L"Łukasz");
+    RestoreAutoLogon();
+    EXPECT_EQ(settings(), before);
   }
 }
 

@@ -50,13 +50,17 @@ bool SaveAll() {
          state::WriteStateDword(state::kPriorLsaSecret, PresentSecretDigest().empty() ? 0 : 1) && kBorrowed.Mark();
 }
 
+// Automatic sign-in of nobody. Where the service could not store a secret either, a name is but Windows' note of who
+// signed in last.
+bool IsNobodys() { return state::ReadStateString(state::kAutoLogonDigest).empty() && !AutoLogonIsOn(); }
+
 // Whether there is anything to put back. Once that is decided it stays so, however often the restore is cut short and
 // whoever signs in meanwhile.
 bool BeginRestore() {
   if (state::FlagIsOn(state::kAutoLogonRestoring)) {
     return true;
   }
-  if (!AutoLogonIsOurs()) {
+  if (!AutoLogonIsOurs() && !IsNobodys()) {
     return false;
   }
   if (!AutoLogonNamesKiosk()) {
@@ -66,6 +70,19 @@ bool BeginRestore() {
   state::WriteStateDword(state::kAutoLogonRestoring, 1);
   state::FlushStateKey();
   return true;
+}
+
+// Where the service never stored one, that from before enrolment is still there, and stays.
+void DeleteSecret() {
+  const bool hadOne = state::FlagIsOn(state::kPriorLsaSecret);
+  if (hadOne && state::ReadStateString(state::kAutoLogonDigest).empty()) {
+    return;
+  }
+  StoreAutoLogonSecret(nullptr, 0);
+  if (hadOne) {
+    log::Log(log::kWarn, log::kKiosk,
+             "an auto sign-in secret from before enrolment was replaced and cannot be put back");
+  }
 }
 
 // Twice, since the copies go with the mark. The log does not say what it was: one of them is a password.
@@ -163,11 +180,7 @@ void RestoreAutoLogon() {
   }
   const bool ours = BeginRestore();
   if (ours) {
-    StoreAutoLogonSecret(nullptr, 0);
-    if (state::FlagIsOn(state::kPriorLsaSecret)) {
-      log::Log(log::kWarn, log::kKiosk,
-               "an auto sign-in secret from before enrolment was replaced and cannot be put back");
-    }
+    DeleteSecret();
   }
   const win32::LockGuard guard(AutoLogonLock());
   if (ours) {

@@ -34,6 +34,11 @@ bool PointsElsewhere(const std::wstring& ourDigests) {
 
 }  // namespace
 
+bool AutoLogonIsOn() {
+  const auto text = state::ReadString(kWinlogonKey, kAutoAdminLogon);
+  return text ? *text == L"1" : state::ReadDword(kWinlogonKey, kAutoAdminLogon) == DWORD{1};
+}
+
 bool AutoLogonNamesKiosk() { return NamesKioskUser() && NamesThisComputer(); }
 
 bool AutoLogonIsOurs() {

@@ -4,6 +4,9 @@
 
 namespace kiosk::account {
 
+// True when Windows is to sign somebody in by itself.
+bool AutoLogonIsOn();
+
 // True when both names are the kiosk account's.
 bool AutoLogonNamesKiosk();
 

@@ -55,10 +55,8 @@ bool AutoLogonInUse() {
   if (state::FlagIsOn(state::kOwnsAutoLogon)) {
     return false;
   }
-  const auto text = state::ReadString(kWinlogonKey, kAutoAdminLogon);
-  const bool on = text ? *text == L"1" : state::ReadDword(kWinlogonKey, kAutoAdminLogon) == DWORD{1};
   const std::wstring user = state::ReadString(kWinlogonKey, kDefaultUserName).value_or(L"");
-  return on && !user.empty() && !win32::EqualIgnoringCase(user, enrolment::kKioskUser);
+  return AutoLogonIsOn() && !user.empty() && !win32::EqualIgnoringCase(user, enrolment::kKioskUser);
 }
 
 // From here on the account is this service's, whatever happens.
