@@ -142,14 +142,14 @@ void KeepAutoLogon() {
 
 bool TakeOverAutoLogon() {
   state::RawValue mark;
-  const LSTATUS status = state::ReadState(kBorrowed.mark, mark);
-  if (status == ERROR_SUCCESS && mark.Dword()) {
+  const bool known = state::ReadKnownState(kBorrowed.mark, mark);
+  if (mark.Dword()) {
     // A new enrolment calls off a restore that was cut short: the next restore asks anew whose the settings are.
     return !state::ReadState(state::kAutoLogonRestoring) ||
            (state::DeleteStateValue(state::kAutoLogonRestoring) && state::FlushStateKey());
   }
   // A mark that cannot be read may be there: saving now could take the kiosk's own settings for the computer's.
-  if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
+  if (!known) {
     return false;
   }
   // Somebody deleted the mark of a kiosk: what could be saved now are the kiosk's own settings. "PriorLsaSecret" is

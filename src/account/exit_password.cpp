@@ -26,12 +26,6 @@ win32::Lock checkLock{win32::LockRank::kLeaf};
 // It guards the two values of the state key as well.
 bool checking GUARDED_BY(checkLock) = false;
 
-// Read, or not there.
-bool IsKnown(const state::StateValue& value, state::RawValue& raw) {
-  const LSTATUS status = state::ReadState(value, raw);
-  return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;
-}
-
 void StartLockout() REQUIRES(checkLock) {
   // Where the end of the lock cannot be written the count stays, so that the next attempt comes here again.
   if (state::WriteStateQword(state::kMaintenanceLockedUntil, win32::FileTimeNow() + kLockout)) {
@@ -88,7 +82,8 @@ class Attempt {
     state::RawValue counted;
     state::RawValue lockedUntil;
     // A user may see to it that Windows is short of memory: what it does not give then is no free attempt.
-    if (!IsKnown(state::kMaintenanceFailures, counted) || !IsKnown(state::kMaintenanceLockedUntil, lockedUntil)) {
+    if (!state::ReadKnownState(state::kMaintenanceFailures, counted) ||
+        !state::ReadKnownState(state::kMaintenanceLockedUntil, lockedUntil)) {
       return "busy";
     }
     if (LockedOut(lockedUntil.Qword().value_or(0))) {

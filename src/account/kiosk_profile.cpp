@@ -40,8 +40,7 @@ DWORD TryToDelete(const std::wstring& sid) {
 std::optional<std::vector<std::wstring>> StaleSids() {
   std::vector<std::wstring> sids;
   state::RawValue raw;
-  const LSTATUS status = state::ReadState(state::kStaleProfileSids, raw);
-  if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
+  if (!state::ReadKnownState(state::kStaleProfileSids, raw)) {
     return std::nullopt;
   }
   if (raw.type != REG_MULTI_SZ) {

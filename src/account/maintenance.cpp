@@ -38,8 +38,7 @@ std::set<DWORD>& AdministratorSessions() REQUIRES(sessionsLock) {
 
 bool CanBeRead(const state::StateValue& value) {
   state::RawValue raw;
-  const LSTATUS status = state::ReadState(value, raw);
-  return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;
+  return state::ReadKnownState(value, raw);
 }
 
 // Empty when the caller may enter.

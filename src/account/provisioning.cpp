@@ -135,9 +135,9 @@ struct FoundAccount {
 
 Outcome FindAccount(FoundAccount& found) {
   state::RawValue recorded;
-  const LSTATUS status = state::ReadState(state::kAccountSid, recorded);
+  const bool known = state::ReadKnownState(state::kAccountSid, recorded);
   const AccountLookup lookup = LookupKioskAccount(found.sid);
-  if (lookup == AccountLookup::kFailed || (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND)) {
+  if (lookup == AccountLookup::kFailed || !known) {
     return {"account_lookup_failed"};
   }
   found.recorded = recorded.Text().value_or(L"");

@@ -49,9 +49,9 @@ bool StateCanBeRead() {
   return std::all_of(std::begin(state::kStateValues), std::end(state::kStateValues),
                      [](const state::StateValue* value) {
                        state::RawValue raw;
-                       const LSTATUS status = state::ReadState(*value, raw);
+                       const bool known = state::ReadKnownState(*value, raw);
                        SecureZeroMemory(raw.bytes.data(), raw.bytes.size());  // one of them may be a password
-                       return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;
+                       return known;
                      });
 }
 

@@ -59,7 +59,7 @@ void Connection::Run() {
     return;
   }
   RequestBuffer request;
-  if (!ReadRequest(request) || request.Request().empty()) {
+  if ((!ReadRequest(request) && place_.Ended()) || request.Request().empty()) {
     return;
   }
   const text::Secret reply = Answer(request.Request());
@@ -77,7 +77,7 @@ IoResult Connection::Read(std::span<char> room, const win32::Deadline& deadline)
   return io_.Finish(pipe_.Get(), started, left);
 }
 
-// What came by the deadline is the request. False when the connection is to end.
+// What came is the request. False when it was cut short by the end of the service or of the place.
 bool Connection::ReadRequest(RequestBuffer& request) {
   while (!request.Over()) {
     const IoResult read = Read(request.Room(), deadline_);

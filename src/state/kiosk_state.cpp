@@ -41,6 +41,11 @@ LSTATUS ReadState(const StateValue& value, RawValue& raw) {
   return status == ERROR_KEY_DELETED ? ERROR_FILE_NOT_FOUND : status;  // deleted once more in between
 }
 
+bool ReadKnownState(const StateValue& value, RawValue& raw) {
+  const LSTATUS status = ReadState(value, raw);
+  return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;
+}
+
 std::optional<RawValue> ReadState(const StateValue& value) {
   RawValue raw;
   return ReadState(value, raw) == ERROR_SUCCESS ? std::optional(std::move(raw)) : std::nullopt;

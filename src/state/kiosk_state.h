@@ -28,6 +28,9 @@ std::optional<RawValue> ReadState(const StateValue& value);
 // but success means that nobody knows what stands there.
 LSTATUS ReadState(const StateValue& value, RawValue& raw);
 
+// Whether it is known what stands there: the value was read, or there is none, and `raw` is empty.
+bool ReadKnownState(const StateValue& value, RawValue& raw);
+
 // For whom absence, or another type, means the same as an empty text or 0.
 std::wstring ReadStateString(const StateValue& value);
 DWORD ReadStateDword(const StateValue& value);

@@ -15,9 +15,9 @@ json::Value LoadJson(const StateValue& value) {
 
 bool LoadJson(const StateValue& value, json::Value& content) {
   RawValue raw;
-  const LSTATUS status = ReadState(value, raw);
+  const bool known = ReadKnownState(value, raw);
   content = json::ParseStored(win32::ToNarrow(raw.Text().value_or(L""))).value_or(json::Value());
-  return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;
+  return known;
 }
 
 bool StoreJson(const StateValue& value, const json::Value& content) {

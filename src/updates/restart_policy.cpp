@@ -56,12 +56,12 @@ void LogNotSaved(const BorrowedValue& policy) {
 
 bool TakeOwnership() REQUIRES(policyLock) {
   state::RawValue mark;
-  const LSTATUS status = state::ReadState(kBorrowed.mark, mark);
-  if (status == ERROR_SUCCESS && mark.Dword() == DWORD{1}) {
+  const bool known = state::ReadKnownState(kBorrowed.mark, mark);
+  if (mark.Dword() == DWORD{1}) {
     return true;
   }
   // Under a mark that cannot be read the values may be the service's, and must not become the copies.
-  if (status != ERROR_SUCCESS && status != ERROR_FILE_NOT_FOUND) {
+  if (!known) {
     return false;
   }
   return kBorrowed.Save(LogNotSaved) && state::NoteMissingKeys(state::kMadeWuKeys, {kUpdateKey, kAutomaticKey}) &&

@@ -19,7 +19,7 @@ from terminal import wait_for  # noqa: E402
 # What takes long, installs, or needs what only a person has; tests, which run by themselves; what pairs by hand, see below.
 NOT_HERE = re.compile(r"\./(run|test)\b|tools/release/(make|stack)\b|tools/dev/(install-packages|measure-portal-load|proof-compare)|"
                       r"cmake |.*-m unittest(?!.* -k )|python3 (bench/|tools/portal-check|tools/devportal/devportal.py($| --database))|"
-                      r"wine |\. tools/dev/wine-env|tools/dev/wine-prefix")
+                      r"wine |\. tools/dev/wine-env|tools/dev/wine-prefix|.*month\.steps")
 CODE = r"(?m)^  ([A-Z0-9]{8})   \(valid for"
 SHORTER = {"fuzz_one 60": "fuzz_one 1", " 600 4711": " 1 4711", "FILE.steps...": "$(ls -S tests/soak/seeds/*.steps | tail -n 1)"}
 
@@ -36,7 +36,8 @@ class Documents(unittest.TestCase):
             for long, short in SHORTER.items():
                 command = command.replace(long, short)
             with self.subTest(command):
-                done = subprocess.run(["bash", "-c", command], stdin=subprocess.DEVNULL, capture_output=True, text=True)
+                done = subprocess.run(["bash", "-c", command], stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                                      timeout=120)
                 print(f"{done.returncode} {command}")
                 self.assertEqual(done.returncode, 0, (done.stdout + done.stderr)[-2000:])
 
