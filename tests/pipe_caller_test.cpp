@@ -30,7 +30,6 @@ namespace kiosk::pipe {
 namespace {
 
 using test::SetDword;
-using test::SetRaw;
 using test::SetString;
 
 // Both ends of a pipe of the test's own; the client is this process.
@@ -52,10 +51,10 @@ class Caller : public test::CleanMachine {
   }
 
   [[nodiscard]] HANDLE Pipe() const { return server_.Get(); }
-  [[nodiscard]] std::string Check(HANDLE pipe) const {
+  static std::string CheckOf(HANDLE pipe) {
     return CheckCallerProcess(pipe, ClientOf(pipe), {win32::Deadline(15'000)});
   }
-  [[nodiscard]] std::string Check() const { return Check(Pipe()); }
+  [[nodiscard]] std::string Check() const { return CheckOf(Pipe()); }
   std::string Identify(CallerRecord& caller) const { return IdentifyCaller(Pipe(), ClientOf(Pipe()), caller); }
   // `leaves`: whether the command leaves something to be done after the reply.
   static std::string Ask(const CallerRecord& caller, std::string_view request, bool leaves = false) {
@@ -84,7 +83,7 @@ TEST_F(Caller, AnUnsignedServiceAdmitsOnlyWhileADeveloperSaysSo) {
   EXPECT_EQ(Check(), "this service is unsigned and DevAllowUnsigned is not set");
   SetDword(state::kStateKey, L"DevAllowUnsigned", 1);
   EXPECT_EQ(Check(), "");
-  EXPECT_EQ(Check(nullptr), "caller process unknown");
+  EXPECT_EQ(CheckOf(nullptr), "caller process unknown");
 }
 
 constexpr wchar_t kClient[] = L"C:\\client.exe";
@@ -321,7 +320,7 @@ TEST_F(Caller, EachCommandHasItsCallers) {
   std::set<std::string> lines;
   for (const auto& each : cases) {
     if (each.command.starts_with("pair")) {
-      SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, "token", 5);
+      test::SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, "token", 5);
     }
     for (const auto& [kind, caller] : callers) {
       const bool may = each.may.find(kind) != std::string::npos;
@@ -382,7 +381,7 @@ TEST_F(Caller, StatusShowsWhatIsStoredToEverybody) {
     EXPECT_FALSE(kioskSession(other)) << other;
   }
 
-  SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, "token", 5);
+  test::SetRaw(state::kStateKey, L"DeviceToken", REG_BINARY, "token", 5);
   SetDword(state::kStateKey, L"Maintenance", 1);
   SetString(state::kStateKey, L"TerminalName", L"\u0141\u00f3d\u017a \u2013 Halle 3 \"A\"");
   SetString(state::kStateKey, L"SignIn", L"{\"microsoft\":false,\"email\":true,\"extraHosts\":[\"a.example\"]}");

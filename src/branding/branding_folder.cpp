@@ -76,7 +76,7 @@ void LogFolder(const wchar_t* path, const win32::FolderResult& result) REQUIRES(
       LogWith(log::kError, "cannot create", path, result.error);
       break;
     case FolderStep::kSecure:
-      LogWith(log::kError, "cannot secure", path, result.error);
+      LogHourly(log::kError, "cannot secure " + win32::ToNarrow(path));
       break;
   }
 }
