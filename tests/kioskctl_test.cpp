@@ -135,6 +135,25 @@ TEST_F(KioskCtl, SendsNothingToAPipeWhileTheServiceDoesNotRun) {
   EXPECT_EQ(received, "{\"cmd\":\"status\"}\n");
 }
 
+TEST_F(KioskCtl, WaitsForAServiceThatIsJustStarting) {
+  HostService();
+  service::ReportStartPending();
+  sim::VirtualClock clock(sim::FileTimeOf(2026, 10, 15));
+  std::optional<FakeService> service;
+  clock.At(40'000, [] { service::ReportRunning(); });  // it had a removal to finish
+  clock.At(42'000, [&] {
+    clock.SetGrace(100);
+    service.emplace(std::vector<FakeService::Step>{{"{\"ok\":true}\n"}});
+  });
+  EXPECT_EQ(kioskctl::Ask(text::Secret(R"({"cmd":"status"})")).outcome, Outcome::kReply);
+  service.reset();
+  clock.SetGrace(0);
+  EXPECT_EQ(kioskctl::Ask(text::Secret(R"({"cmd":"status"})")).error, DWORD{ERROR_FILE_NOT_FOUND}) << "runs, no pipe";
+  service::ReportStartPending();
+  EXPECT_NE(Printed(STD_ERROR_HANDLE, [] { kioskctl::Status({}, {"status"}); }).find("is still starting"),
+            std::string::npos);
+}
+
 TEST_F(KioskCtl, PairWaitsForAPairingThatTakesMinutes) {
   RunService();
   sim::VirtualClock clock(sim::FileTimeOf(2026, 10, 15));
@@ -148,7 +167,7 @@ TEST_F(KioskCtl, PairWaitsForAPairingThatTakesMinutes) {
 TEST_F(KioskCtl, SaysThatAProgramOfAShareIsNotAdmitted) {
   RunService();
   const std::wstring drive = win32::ProgramPath().substr(0, 3);
-  for (const UINT type : {UINT{DRIVE_FIXED}, UINT{DRIVE_REMOTE}}) {
+  for (const UINT type : {UINT{DRIVE_REMOTE}, UINT{DRIVE_FIXED}}) {
     FakeService service({{"{\"ok\":false,\"error\":\"caller_refused\"}\n"}});
     sim::SetDriveType(drive, type);
     const std::string errors =

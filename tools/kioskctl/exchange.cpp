@@ -98,6 +98,9 @@ std::string WhyNoReply(unsigned long error) {
   if (!service.known && service.error == ERROR_SERVICE_DOES_NOT_EXIST) {
     return "The kiosk service is not installed on this computer" + ErrorText(service.error) + "\n";
   }
+  if (service.known && service.state == SERVICE_START_PENDING) {
+    return "The kiosk service is still starting" + ErrorText(error) + "\nTry again in a minute.\n";
+  }
   if (service.known && service.state != SERVICE_RUNNING) {
     return "The kiosk service is installed on this computer and does not run" + ErrorText(ERROR_SERVICE_NOT_ACTIVE) +
            "\nStart it as an administrator: sc.exe start NorvaneKiosk\n";

@@ -20,18 +20,37 @@ using kiosk::win32::Deadline;
 using kiosk::win32::FileHandle;
 using kiosk::win32::ServiceHandle;
 
-constexpr DWORD kBusyWait = 5'000;
+constexpr DWORD kStartWait = 60'000;   // a removal that was pending when the service started takes most of it
+constexpr DWORD kRunningWait = 5'000;  // for the pipe of a service that runs, and for room on it
+constexpr DWORD kPoll = 100;
 constexpr DWORD kChunk = 4096;
 
+void WaitWhileItStarts() {
+  const Deadline deadline(kStartWait);
+  while (QueryService().state == SERVICE_START_PENDING && !deadline.Passed()) {
+    Sleep(kPoll);
+  }
+}
+
+// The service says that it runs a moment before it makes its pipe.
 FileHandle Open() {
-  const Deadline deadline(kBusyWait);
+  WaitWhileItStarts();
+  const Deadline deadline(kRunningWait);
   while (true) {
     FileHandle pipe(CreateFileW(kPipeName, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING,
                                 FILE_FLAG_OVERLAPPED | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION, nullptr));
-    if (pipe || GetLastError() != ERROR_PIPE_BUSY || deadline.Passed()) {
+    const DWORD error = GetLastError();
+    const bool mayCome =
+        error == ERROR_PIPE_BUSY || (error == ERROR_FILE_NOT_FOUND && QueryService().state == SERVICE_RUNNING);
+    if (pipe || !mayCome || deadline.Passed()) {
+      SetLastError(error);
       return pipe;
     }
-    WaitNamedPipeW(kPipeName, deadline.Left());
+    if (error == ERROR_PIPE_BUSY) {
+      WaitNamedPipeW(kPipeName, deadline.Left());
+    } else {
+      Sleep(kPoll);
+    }
   }
 }
 

@@ -40,8 +40,8 @@ inline constexpr unsigned long kPairWait = 600'000;
 // And one that waits for nobody.
 inline constexpr unsigned long kStatusWait = 10'000;
 
-// Sends one line, of which no copy is left in memory, and waits for the reply line. The service may learn who calls but
-// not act as the caller.
+// Sends one line, of which no copy is left in memory, and waits for the reply line. A service that is just starting is
+// waited for, up to a minute. The service may learn who calls but not act as the caller.
 Answer Ask(kiosk::text::Secret request, unsigned long replyWait = kReplyWait);
 
 }  // namespace kioskctl
