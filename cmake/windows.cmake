@@ -19,6 +19,12 @@ set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${NORVANE_EVENTS}
 file(SHA256 ${NORVANE_EVENTS} digest)
 string(SUBSTRING ${digest} 0 8 digest)
 set(NORVANE_EVENT_LIBRARY NorvaneKioskEvents-${digest}.dll)
+file(GLOB former ${CMAKE_BINARY_DIR}/NorvaneKioskEvents-*.dll)
+foreach(library IN LISTS former)
+  if(NOT library MATCHES ${digest})
+    file(REMOVE ${library})
+  endif()
+endforeach()
 set(made ${CMAKE_BINARY_DIR}/events)
 file(MAKE_DIRECTORY ${made})
 add_custom_command(

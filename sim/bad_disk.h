@@ -8,7 +8,7 @@
 namespace sim {
 
 // Kinds of calls, to be added up.
-inline constexpr unsigned kLooks = 1;    // lists, attributes, free room, opening what is not there
+inline constexpr unsigned kLooks = 1;    // the begin of a list, attributes, free room, opening what is not there
 inline constexpr unsigned kOpens = 2;    // of what is there
 inline constexpr unsigned kMakes = 4;    // of files and folders
 inline constexpr unsigned kReads = 8;    // a pipe is no file

@@ -267,6 +267,8 @@ VirtualClock::VirtualClock(std::uint64_t startUtc, int biasMinutes, std::uint64_
   ticks = wallTicks = startTicks = upFor;
   wallBase = startUtc;
   bias = biasMinutes;
+  grace = 0;
+  watchdog = {};
   watchdog.Moved();
   on = true;
 }

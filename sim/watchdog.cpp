@@ -10,7 +10,7 @@ std::uint64_t Number(const FILETIME& time) {
   return static_cast<std::uint64_t>(time.dwHighDateTime) << 32 | time.dwLowDateTime;
 }
 
-// Milliseconds that this process has used, or one processor idled.
+// Milliseconds that this process has used, and that the processors idled on average.
 std::uint64_t ProcessorTime() {
   FILETIME made, ended, kernel, user, idle;
   if (!GetProcessTimes(GetCurrentProcess(), &made, &ended, &kernel, &user) ||

@@ -1,5 +1,5 @@
-// Tells a thread that hangs from one that gets no processor. Real time alone would not: on a busy computer, or while
-// the process is stopped, a thread that nothing is wrong with may be away for minutes.
+// Tells a thread that hangs from one that gets no processor. Real time alone would not: on a busy computer a thread
+// that nothing is wrong with may be away for minutes.
 #pragma once
 
 #include <cstdint>
@@ -9,8 +9,8 @@ namespace sim {
 class Watchdog {
  public:
   void Moved();
-  // Asked often while nothing moves: whether this process has since used, or could have used because a processor idled,
-  // `patience` milliseconds of processor time.
+  // Asked often while nothing moves: whether since then what this process used and what the processors idled, on
+  // average, make `patience` milliseconds.
   bool Barks();
 
   std::uint64_t patience = 20'000;

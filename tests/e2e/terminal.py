@@ -98,24 +98,18 @@ class Terminal:
 
     def run(self, program, *arguments, timeout=60):
         """Runs it to its end; returns (exit code, output, errors)."""
-        answer = self._run(program, *arguments, timeout=timeout)
-        if answer[0] != 0 and not any(answer[1:]):  # Wine loses a process once in some thousand starts; ours say why
-            print(f"{program} ended with {answer[0]} and without a word; started once more", file=sys.stderr)
-            answer = self._run(program, *arguments, timeout=timeout)
-        return answer
+        return self._run(PROGRAM_FOLDER + "\\" + program, *arguments, timeout=timeout)
 
-    def _run(self, program, *arguments, timeout):
+    def _run(self, *command, timeout=60, again=True):
         # Files and not pipes: the end of the program counts, not that of everything that inherited its output.
         with tempfile.TemporaryFile() as out, tempfile.TemporaryFile() as err:
-            with self.start(program, *arguments, stdout=out, stderr=err) as process:
-                try:
-                    process.wait(timeout)
-                except subprocess.TimeoutExpired:
-                    process.kill()
-                    raise
-            for file in (out, err):
-                file.seek(0)
-            return process.returncode, *(file.read().decode("utf-8", "replace") for file in (out, err))
+            done = subprocess.run(["wine", *command], env=self.environment, stdin=subprocess.DEVNULL, stdout=out, stderr=err,
+                                  timeout=timeout)
+            said = [os.pread(file.fileno(), 1 << 24, 0).decode("utf-8", "replace") for file in (out, err)]
+        if again and done.returncode != 0 and not any(said):  # Wine loses a process once in some thousand; ours say why
+            print(f"{command} ended with {done.returncode} and without a word; started once more", file=sys.stderr)
+            return self._run(*command, timeout=timeout, again=False)
+        return done.returncode, *said
 
     def ask(self, **request):
         """Sends one request to the service; returns its reply. Both are held against docs/schemas."""
@@ -128,16 +122,11 @@ class Terminal:
 
     def registry(self, *arguments):
         """reg.exe; returns (exit code, output)."""
-        done = subprocess.run(["wine", r"C:\windows\system32\reg.exe", *arguments], env=self.environment,
-                              stdin=subprocess.DEVNULL, capture_output=True)
-        return done.returncode, done.stdout.decode("utf-8", "replace")
+        return self._run(r"C:\windows\system32\reg.exe", *arguments)[:2]
 
     def set_string(self, name, text, key=STATE_KEY, type="REG_SZ"):
-        # Once in some thousand starts of a process Wine itself loses one; a value can be set twice.
-        first = self.registry("add", key, "/v", name, "/t", type, "/d", text, "/f")
-        if first[0] != 0:
-            second = self.registry("add", key, "/v", name, "/t", type, "/d", text, "/f")
-            assert second[0] == 0, (first, second)
+        code, said = self.registry("add", key, "/v", name, "/t", type, "/d", text, "/f")
+        assert code == 0, said
 
     def set_dword(self, name, number, key=STATE_KEY):
         self.set_string(name, str(number), key, "REG_DWORD")
@@ -194,8 +183,7 @@ class Terminal:
 
     def net(self, verb):
         """net start / net stop of the service."""
-        return subprocess.run(["wine", "net", verb, "NorvaneKiosk"], env=self.environment, stdin=subprocess.DEVNULL,
-                              stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode
+        return self._run("net", verb, "NorvaneKiosk", timeout=120)[0]
 
     def start_service(self):
         """Also after a crash, which Wine's service manager takes a moment to see."""
@@ -205,6 +193,7 @@ class Terminal:
 
     def restart_service(self):
         assert self.net("stop") == 0
+        wait_for(lambda: self.service_process() is None, "the service to end")  # it may have said so a moment before
         self.start_service()
 
     def service_process(self):

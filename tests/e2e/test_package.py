@@ -31,7 +31,7 @@ SETTINGS = {"TenantId": ("TENANTID", "A tenant", "A tenant"), "Site": ("SITE", "
             "LogCapMB": ("LOGCAPMB", "9", "0x9"), "ClientCertRequired": ("CLIENTCERTREQUIRED", "0", "0x0")}
 
 
-TEXTS = next(BUILD.glob(package.EVENT_TEXTS)).name
+TEXTS, = (library.name for library in BUILD.glob(package.EVENT_TEXTS))
 EARLIER_TEXTS = "NorvaneKioskEvents-00000001.dll"
 EVENT_SOURCE = r"HKLM\SYSTEM\CurrentControlSet\Services\EventLog\Application\NorvaneKiosk"
 

@@ -66,7 +66,7 @@ class Shell(unittest.TestCase):
     def talk(self, terminal, hear):
         """Runs the shell to its end; `hear` gets each line and a function that enters one. Returns all that it said."""
         with self.shell(terminal) as shell:
-            patience = threading.Timer(60, shell.kill)
+            patience = threading.Timer(200, shell.kill)
             patience.start()
             said = ""
             for line in shell.stdout:

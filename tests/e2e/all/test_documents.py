@@ -21,6 +21,7 @@ NOT_HERE = re.compile(r"\./(run|test)\b|tools/release/(make|stack)\b|tools/dev/(
                       r"cmake |.*-m unittest(?!.* -k )|python3 (bench/|tools/portal-check|tools/devportal/devportal.py($| --database))|"
                       r"wine |\. tools/dev/wine-env|tools/dev/wine-prefix|.*month\.steps")
 CODE = r"(?m)^  ([A-Z0-9]{8})   \(valid for"
+LONG = 180  # seconds
 SHORTER = {"fuzz_one 60": "fuzz_one 1", " 600 4711": " 1 4711", "FILE.steps...": "$(ls -S tests/soak/seeds/*.steps | tail -n 1)"}
 
 
@@ -37,7 +38,7 @@ class Documents(unittest.TestCase):
                 command = command.replace(long, short)
             with self.subTest(command):
                 done = subprocess.run(["bash", "-c", command], stdin=subprocess.DEVNULL, capture_output=True, text=True,
-                                      timeout=120)
+                                      timeout=LONG)
                 print(f"{done.returncode} {command}")
                 self.assertEqual(done.returncode, 0, (done.stdout + done.stderr)[-2000:])
 
@@ -53,10 +54,16 @@ class Documents(unittest.TestCase):
                           for text in ("set -e\n" + "".join(computer), portal))
         self.addCleanup(subprocess.run, ["wineserver", "-k"], env=os.environ | {"WINEPREFIX": folder + "/wine/mine"})
         self.start([*portal.split(), "--port", port])
+        wait_for(lambda: self.listens(port), "the portal")
         said = self.type(script, f"http://127.0.0.1:{port}/page/api/claim")
         for words in ("NorvaneKiosk installed", "This terminal is paired.", "user NorvaneKiosk ", "Kiosk session", " INFO enrolled=",
                       "NorvaneKiosk removed"):
             self.assertIn(words, said)
+
+    @staticmethod
+    def listens(port):
+        with socket.socket() as client:
+            return client.connect_ex(("127.0.0.1", int(port))) == 0
 
     def start(self, command, output=subprocess.DEVNULL):
         process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT)
@@ -71,10 +78,10 @@ class Documents(unittest.TestCase):
 
         def said():
             return os.pread(output.fileno(), 1 << 20, 0).decode("utf-8", "replace")
-        wait_for(lambda: re.search(CODE, said()) or shell.poll() is not None, "a code")
+        wait_for(lambda: re.search(CODE, said()) or shell.poll() is not None, "a code", LONG)
         code = re.search(CODE, said())
         self.assertTrue(code, said())
         urllib.request.urlopen(urllib.request.Request(claim, b'{"code": "%s", "name": ""}' % code[1].encode(), {
             "Content-Type": "application/json", "X-Devportal": "test"}), timeout=10).close()
-        self.assertEqual(shell.wait(60), 0, said())
+        self.assertEqual(shell.wait(LONG), 0, said())
         return said()

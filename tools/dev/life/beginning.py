@@ -105,7 +105,8 @@ def pairing_again(stage):
 def restart_without_waiting(stage):
     """"kioskctl restart" does not wait for the ten seconds."""
     code, text = stage.kioskctl("restart")
-    stage.check(code == 0, "the restart is granted", text)
+    late = "[not_pending]" in text and stage.restart_requested()  # a slow computer may have come to it by itself
+    stage.check(code == 0 or late, "the restart is granted", text)
     stage.check_soon(stage.restart_requested, "the service asks Windows for a restart", 6)
     code, text = stage.kioskctl("restart")
     stage.check(code == 1 and "[not_pending]" in text, "a second one is not", text)

@@ -48,7 +48,7 @@ def newest_lines_are_at_the_portal(stage, count):
     local = [line.split(" ", 1)[1] for line in stage.terminal.log() if " central log: " not in line]
     newest = local[-count:]
     stage.check_soon(lambda: set(newest) <= {line["message"] for line in stage.portal.log_lines(host)},
-                     f"the last {len(newest)} lines of {host} are on the portal's page", 20)
+                     f"the last {len(newest)} lines of {host} are on the portal's page", 60)  # after failures it waits for longer
     return host
 
 
