@@ -2,6 +2,7 @@
 #include "sim/pipe.h"
 #include "account/kiosk_restart.h"
 #include "enrolment/pairing_code.h"
+#include "pipe/refusal_log.h"
 #include "pipe/server.h"
 #include "pipe/service_signer.h"
 #include "sim/callers.h"
@@ -311,6 +312,13 @@ TEST_F(PipeServer, RefusalsDoNotFillTheLog) {
     Clock().RunFor(120'000);
     EXPECT_EQ(test::LogTexts().size(), said += 12);
   }
+  for (int i = 0; i < 80; ++i) {  // many of one kind hide none of the other
+    LogRefusal("caller refused: C:\\%d.exe is not validly signed", i);
+    LogRefusal("unlock refused: %d", i);
+  }
+  Clock().RunFor(120'000);
+  EXPECT_EQ(test::CountLogged("WARN caller refused: one of many other programs (38 more times within a minute)"), 1);
+  EXPECT_EQ(test::CountLogged("WARN a command refused: one of many others (38 more times within a minute)"), 1);
 }
 
 TEST_F(PipeServer, ConnectingThatKeepsFailingIsToldOnceAndTriedSlowly) {
