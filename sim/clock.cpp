@@ -375,7 +375,7 @@ void LockReleased() {
 }
 
 std::unique_ptr<Start> Starting(LPTHREAD_START_ROUTINE body, void* argument, bool ownThread) {
-  return std::make_unique<Start>(Start{body, argument, Join(), ownThread});
+  return std::make_unique<Start>(Start{body, argument, on ? Join() : nullptr, ownThread});
 }
 
 void NotStarted(const Start& start) { Leave(start.participant, nullptr); }

@@ -28,8 +28,8 @@ struct Participant;
 struct Start {
   LPTHREAD_START_ROUTINE body;
   void* argument;
-  Participant* participant;
-  bool ownThread;  // ends with the body, unlike a thread of the pool
+  Participant* participant;  // null under real time
+  bool ownThread;            // ends with the body, unlike a thread of the pool
 };
 std::unique_ptr<Start> Starting(LPTHREAD_START_ROUTINE body, void* argument, bool ownThread);
 void NotStarted(const Start& start);

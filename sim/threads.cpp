@@ -4,11 +4,39 @@
 #include "sim/seam.h"
 
 #include <atomic>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <utility>
 
 namespace sim {
 namespace {
 
 std::atomic<bool> noEvents{false};
+
+std::mutex poolMutex;  // guards the three below
+DWORD poolLimit = 512;
+DWORD poolThreads = 0;                                           // that run work items
+std::deque<std::pair<LPTHREAD_START_ROUTINE, void*>> workItems;  // for which there is no thread yet
+
+// Null: the thread goes.
+std::unique_ptr<Start> NextItem() {
+  const std::lock_guard guard(poolMutex);
+  if (workItems.empty()) {
+    --poolThreads;
+    return nullptr;
+  }
+  const auto [body, argument] = workItems.front();
+  workItems.pop_front();
+  return Starting(body, argument, false);
+}
+
+DWORD WINAPI RunItems(void* first) {
+  for (std::unique_ptr<Start> item(static_cast<Start*>(first)); item; item = NextItem()) {
+    item->participant != nullptr ? RunStarted(item.release()) : item->body(item->argument);
+  }
+  return 0;
+}
 
 void NTAPI OnThread(void* /*module*/, DWORD reason, void* /*reserved*/) {
   if (reason == DLL_THREAD_ATTACH && !(TouchClock() && TouchFaults() && TouchLocks())) {
@@ -19,6 +47,11 @@ void NTAPI OnThread(void* /*module*/, DWORD reason, void* /*reserved*/) {
 [[gnu::section(".CRT$XLE"), gnu::used]] const PIMAGE_TLS_CALLBACK onThread = OnThread;
 
 }  // namespace
+
+void LimitPool(DWORD threads) {
+  const std::lock_guard guard(poolMutex);
+  poolLimit = threads;
+}
 
 NoEvents::NoEvents() { noEvents = true; }
 NoEvents::~NoEvents() { noEvents = false; }
@@ -51,4 +84,25 @@ SIM(HANDLE, CreateEventW, LPSECURITY_ATTRIBUTES security, WINBOOL manual, WINBOO
     return nullptr;
   }
   return ::CreateEventW(security, manual, set, name);
+}
+
+SIM(BOOL, QueueUserWorkItem, LPTHREAD_START_ROUTINE body, PVOID argument, ULONG flags) {
+  const std::lock_guard guard(poolMutex);
+  if (const ULONG limit = flags >> 16; limit != 0) {
+    poolLimit = limit;
+  }
+  if (poolThreads >= poolLimit) {
+    workItems.emplace_back(body, argument);
+    return TRUE;
+  }
+  std::unique_ptr<Start> item = Starting(body, argument, false);
+  if (!::QueueUserWorkItem(RunItems, item.get(), flags & 0xffff)) {
+    if (item->participant != nullptr) {
+      NotStarted(*item);
+    }
+    return FALSE;
+  }
+  static_cast<void>(item.release());
+  ++poolThreads;
+  return TRUE;
 }

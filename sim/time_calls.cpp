@@ -124,17 +124,3 @@ SIM(HANDLE, CreateThread, LPSECURITY_ATTRIBUTES security, SIZE_T stack, LPTHREAD
   }
   return thread;
 }
-
-SIM(BOOL, QueueUserWorkItem, LPTHREAD_START_ROUTINE body, PVOID argument, ULONG flags) {
-  if (!ClockIsVirtual()) {
-    return ::QueueUserWorkItem(body, argument, flags);
-  }
-  std::unique_ptr<Start> start = Starting(body, argument, false);
-  const BOOL queued = ::QueueUserWorkItem(RunStarted, start.get(), flags);
-  if (!queued) {
-    NotStarted(*start);
-  } else {
-    static_cast<void>(start.release());
-  }
-  return queued;
-}

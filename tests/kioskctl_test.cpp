@@ -152,6 +152,9 @@ TEST_F(KioskCtl, WaitsForAServiceThatIsJustStarting) {
   service::ReportStartPending();
   EXPECT_NE(Printed(STD_ERROR_HANDLE, [] { kioskctl::Status({}, {"status"}); }).find("is still starting"),
             std::string::npos);
+  const std::uint64_t before = clock.Elapsed();
+  EXPECT_EQ(kioskctl::StatusFacts(), "not asked: the service is still starting\n");
+  EXPECT_EQ(clock.Elapsed(), before) << "a bundle has a minute for all";
 }
 
 TEST_F(KioskCtl, PairWaitsForAPairingThatTakesMinutes) {

@@ -5,6 +5,7 @@
 #include "log/identity.h"
 #include "sim/clock.h"
 #include "sim/files.h"
+#include "sim/program_files.h"
 #include "state/folders.h"
 #include "tests/support/fixture.h"
 #include "win32/clock.h"
@@ -297,6 +298,7 @@ TEST_F(LogTest, PruneDeletesTheOldestUntilTheCapHolds) {
 TEST_F(LogTest, InstallIdentifierIsKeptAndRemadeWhenDamaged) {
   MakeLogTree();
   const std::regex shape("[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
+  WriteWholeFile(kRoot + L"\\client_uuid.txt.1.tmp", "of a process that was killed");
   std::string last(36, '-');
   for (const char* damaged :
        {"", "0123", "{0123456-0123-4123-8123-0123456789ab", "------------------------------------"}) {
@@ -307,6 +309,28 @@ TEST_F(LogTest, InstallIdentifierIsKeptAndRemadeWhenDamaged) {
     last = made;
   }
   EXPECT_EQ(ListFolder(kRoot), std::vector<std::wstring>{L"client_uuid.txt"});
+}
+
+TEST_F(LogTest, OfProcessesThatBeginTogetherTheFirstMakesTheInstallIdentifier) {
+  MakeLogTree();
+  constexpr char kFirst[] = "01234567-89ab-4cde-8123-456789abcdef";
+  const std::wstring path = kRoot + L"\\client_uuid.txt";
+  for (const char* damaged : {"", "0123"}) {
+    if (*damaged != 0) {
+      WriteWholeFile(path, damaged);
+    }
+    std::string taken;
+    win32::KernelHandle later;
+    {
+      const sim::HeldFile held(path + L"." + std::to_wstring(GetCurrentProcessId()) + L".tmp");
+      later = win32::StartThread([&taken]() noexcept { taken = LoadOrCreateInstallId(state::kLogRoot); });
+      ASSERT_TRUE(test::Becomes([&held] { return held.Attempts() == 1; }));
+      WriteWholeFile(path, kFirst);
+    }
+    WaitForSingleObject(later.Get(), INFINITE);
+    EXPECT_EQ(taken, kFirst);
+    EXPECT_EQ(ReadWholeFile(path), kFirst);
+  }
 }
 
 // The folder of an old day disappears with the prune, which so can be seen from outside.

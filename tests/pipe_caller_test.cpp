@@ -51,8 +51,8 @@ class Caller : public test::CleanMachine {
   }
 
   [[nodiscard]] HANDLE Pipe() const { return server_.Get(); }
-  static std::string CheckOf(HANDLE pipe) {
-    return CheckCallerProcess(pipe, ClientOf(pipe), {win32::Deadline(15'000)});
+  static std::string CheckOf(HANDLE pipe, HANDLE end = nullptr) {
+    return CheckCallerProcess(pipe, ClientOf(pipe), {win32::Deadline(15'000), end});
   }
   [[nodiscard]] std::string Check() const { return CheckOf(Pipe()); }
   std::string Identify(CallerRecord& caller) const { return IdentifyCaller(Pipe(), ClientOf(Pipe()), caller); }
@@ -113,6 +113,7 @@ TEST_F(SignedService, WhoeverHoldsAProgramFileCostsHisOwnSessionAlone) {
   sim::VirtualClock clock(sim::FileTimeOf(2026, 10, 15));
   sim::SetPipeClientSession(2);
   EXPECT_EQ(Check(), "");
+  const win32::KernelHandle ended(CreateEventW(nullptr, TRUE, TRUE, nullptr));
   {
     const wchar_t* const files[] = {kClient, L"C:\\2.exe", L"C:\\3.exe", L"C:\\4.exe"};
     const sim::HeldFile held[] = {sim::HeldFile(files[0]), sim::HeldFile(files[1]), sim::HeldFile(files[2]),
@@ -121,6 +122,7 @@ TEST_F(SignedService, WhoeverHoldsAProgramFileCostsHisOwnSessionAlone) {
       sim::SetProcessImage(kOther);
       EXPECT_EQ(Check(), "");  // another file of the same session
       sim::SetProcessImage(files[i]);
+      EXPECT_EQ(CheckOf(Pipe(), ended.Get()), win32::ToNarrow(files[i]) + kNotValid);  // begins no look
       for (int time = 0; time < 2; ++time) {  // once it was left behind, at once
         EXPECT_EQ(Check(), win32::ToNarrow(files[i]) + kNotValid);
         EXPECT_EQ(clock.Elapsed(), (i + 1) * 15'000U);

@@ -1,11 +1,14 @@
 // The pipe server over the real pipe: what clients send and how they behave, the limits, the time-outs, the stop.
 #include "sim/pipe.h"
 #include "account/kiosk_restart.h"
+#include "enrolment/pairing_code.h"
+#include "pipe/refusal_log.h"
 #include "pipe/server.h"
 #include "pipe/service_signer.h"
 #include "sim/callers.h"
 #include "sim/clock.h"
 #include "sim/shutdown.h"
+#include "sim/threads.h"
 #include "tests/support/fixture.h"
 #include "tests/support/handle_count.h"
 #include "tests/support/pipe_exchange.h"
@@ -267,6 +270,25 @@ TEST_F(PipeServer, AFloodEndsItsOwnConnectionsAlone) {
   EXPECT_EQ(test::LogTexts().size(), kQuiet.size());
 }
 
+TEST_F(PipeServer, WhoWaitsForSomebodysPairingLeavesThePoolItsThreads) {
+  sim::LimitPool(45);
+  ServeVirtually();
+  std::vector<FileHandle> waiting;
+  const auto connect = [&](std::string_view request) {
+    waiting.push_back(ConnectToService());
+    ASSERT_TRUE(Send(waiting.back().Get(), request));
+    Clock().RunFor(waiting.size() < 40 ? 0 : 100);
+  };
+  const win32::LockGuard pairing(enrolment::PairingLock());
+  while (waiting.size() < 48) {
+    connect(R"({"cmd":"pair.check","code":"12345678"})");
+  }
+  connect(kAsk);
+  DWORD size = 0;
+  PeekNamedPipe(waiting.back().Get(), nullptr, 0, nullptr, &size, nullptr);
+  EXPECT_EQ(size, std::string_view(kStatus).size()) << "bytes of a reply that are there";
+}
+
 TEST_F(PipeServer, RefusalsDoNotFillTheLog) {
   const struct {
     DWORD allowed;
@@ -290,6 +312,13 @@ TEST_F(PipeServer, RefusalsDoNotFillTheLog) {
     Clock().RunFor(120'000);
     EXPECT_EQ(test::LogTexts().size(), said += 12);
   }
+  for (int i = 0; i < 80; ++i) {  // many of one kind hide none of the other
+    LogRefusal("caller refused: C:\\%d.exe is not validly signed", i);
+    LogRefusal("unlock refused: %d", i);
+  }
+  Clock().RunFor(120'000);
+  EXPECT_EQ(test::CountLogged("WARN caller refused: one of many other programs (38 more times within a minute)"), 1);
+  EXPECT_EQ(test::CountLogged("WARN a command refused: one of many others (38 more times within a minute)"), 1);
 }
 
 TEST_F(PipeServer, ConnectingThatKeepsFailingIsToldOnceAndTriedSlowly) {

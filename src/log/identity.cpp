@@ -4,6 +4,7 @@
 #include "state/registry.h"
 #include "text/text.h"
 #include "win32/computer_name.h"
+#include "win32/folder_entries.h"
 #include "win32/handle.h"
 #include "win32/random.h"
 #include "win32/wide_text.h"
@@ -78,17 +79,26 @@ bool WriteNew(const std::wstring& path, const std::string& uuid) {
          FlushFileBuffers(file.Get()) != 0;
 }
 
-// Written whole under another name and moved into place, so that no other process ever reads a half. That name is
-// always the same, so that what a process left there goes with the next.
-bool WriteUuid(const std::wstring& path, const std::string& uuid) {
-  const std::wstring temporary = path + L".tmp";
+// Takes no good file's place: another process may have made one meanwhile.
+bool MoveIntoPlace(const std::wstring& from, const std::wstring& to) {
+  return MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_WRITE_THROUGH) != 0 ||
+         (ReadUuid(to) == "" &&
+          MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0);
+}
+
+// Written whole under a name of this process's own and moved into place, so that no other process ever reads a half.
+// Once it is there the files of others go: they are left over, or come too late.
+bool WriteUuid(const std::wstring& root, const std::wstring& path, const std::string& uuid) {
+  const std::wstring temporary = path + L"." + std::to_wstring(GetCurrentProcessId()) + L".tmp";
   DeleteFileW(temporary.c_str());
-  const bool done = WriteNew(temporary, uuid) && MoveFileExW(temporary.c_str(), path.c_str(),
-                                                             MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
-  if (!done) {
+  if (!WriteNew(temporary, uuid) || !MoveIntoPlace(temporary, path)) {
     DeleteFileW(temporary.c_str());
+    return false;
   }
-  return done;
+  for (const win32::FolderEntry& each : win32::EntriesOf(root, L"client_uuid.txt*.tmp")) {
+    DeleteFileW(each.path.c_str());
+  }
+  return true;
 }
 
 }  // namespace
@@ -106,10 +116,8 @@ std::string LoadOrCreateInstallId(const wchar_t* root) {
   const std::wstring path = std::wstring(root) + L"\\client_uuid.txt";
   std::optional<std::string> uuid = ReadUuid(path);
   if (uuid && uuid->empty()) {
-    uuid = NewUuid();
-    if (uuid->empty() || !WriteUuid(path, *uuid)) {
-      return {};
-    }
+    const std::string made = NewUuid();
+    uuid = !made.empty() && WriteUuid(root, path, made) ? made : ReadUuid(path);
   }
   return uuid.value_or("");
 }

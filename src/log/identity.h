@@ -17,8 +17,8 @@ struct Identity {
 // Reads all but `install`.
 Identity ReadIdentity();
 
-// The identifier in `<root>\client_uuid.txt`, made anew (a random UUID) when it is missing or damaged. Empty when it
-// cannot be read, and then it stays as it is, or not be written.
+// The identifier in `<root>\client_uuid.txt`, made anew (a random UUID) when it is missing or damaged; processes that
+// begin together have the same. Empty when it cannot be read, and then it stays as it is, or not be written.
 std::string LoadOrCreateInstallId(const wchar_t* root);
 
 }  // namespace kiosk::log

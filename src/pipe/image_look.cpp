@@ -141,6 +141,10 @@ ImageLook LookAtImage(std::shared_ptr<const win32::KernelHandle> process, DWORD 
     unknown.result = Result::kGone;
     return unknown;
   }
+  // Nobody begins a look that he would leave behind at once.
+  if (win32::WaitOrStop(nullptr, 0, patience.end) == WaitResult::kStop) {
+    return unknown;
+  }
   const auto look = std::make_shared<Look>(Look{std::move(process), unknown});
   for (Turn turn = TakeTurn(session, look.get()); turn != Turn::kMine; turn = TakeTurn(session, look.get())) {
     if (turn == Turn::kNever || deadline.Passed() ||

@@ -19,8 +19,9 @@ constexpr std::uint64_t kMinute = 60'000;
 constexpr unsigned long kLoggedInAMinute = 10;
 constexpr std::size_t kLines = 64;
 constexpr std::size_t kLongest = 2048;  // bytes of a line, which the log would cut as well
-// Stands for all beyond that many.
-constexpr char kOthers[] = "caller refused: one of many other programs";
+// Stand for all beyond that many. Whoever gives his program many names thus hides other callers, but no commands.
+constexpr char kOtherCallers[] = "caller refused: one of many other programs";
+constexpr char kOtherCommands[] = "a command refused: one of many others";
 
 struct Refusal {
   std::string line;
@@ -67,13 +68,14 @@ void LogRefusal(const char* format, ...) {
   const auto find = [&](const std::string& wanted) {
     return std::find_if(refusals.begin(), refusals.end(), [&](const auto& each) { return each.line == wanted; });
   };
-  auto known = find(line);
-  const bool room = refusals.size() < kLines;
-  if (known == refusals.end() && !room) {
-    known = find(kOthers);
+  std::string counted = line;
+  auto known = find(counted);
+  if (known == refusals.end() && refusals.size() >= kLines) {
+    counted = line.starts_with("caller refused: ") ? kOtherCallers : kOtherCommands;
+    known = find(counted);
   }
   if (known == refusals.end()) {
-    refusals.push_back({room ? line : kOthers, win32::TickCount(), 0});
+    refusals.push_back({counted, win32::TickCount(), 0});
     known = refusals.end() - 1;
     anyRefused = true;
   }

@@ -33,7 +33,8 @@ constexpr DWORD kRetry = 2000;
 constexpr DWORD kTellRefusals = 60'000;
 // More live connections come about only by requests that are being carried out. Each of those that come then waits so
 // many milliseconds at most for another one to end: a storm is served as fast as its requests are answered, and who
-// waits for the portal keeps nobody else out.
+// waits for the portal keeps nobody else out. If none ends it gets a thread of its own, so that nobody takes up all
+// that Windows' pool has.
 constexpr long kManyConnections = 42;
 constexpr DWORD kWaitForRoom = 50;
 
@@ -93,27 +94,32 @@ FileHandle Duplicate(HANDLE instance) noexcept {
   return copy;
 }
 
-void AwaitRoom() noexcept {
-  if (liveConnections.load() < kManyConnections) {
-    return;
+bool HasRoom() noexcept { return liveConnections.load() < kManyConnections; }
+
+// Whether there is room, at once or in time.
+bool AwaitRoom() noexcept {
+  if (!HasRoom()) {
+    const win32::Deadline deadline(kWaitForRoom);
+    while (!HasRoom() && !deadline.Passed() &&
+           win32::WaitOrStop(connectionEnded, deadline.Left()) != win32::WaitResult::kStop) {
+    }
   }
-  const win32::Deadline deadline(kWaitForRoom);
-  while (liveConnections.load() >= kManyConnections && !deadline.Passed() &&
-         win32::WaitOrStop(connectionEnded, deadline.Left()) != win32::WaitResult::kStop) {
-  }
+  return HasRoom();
 }
 
 void StartConnection(FileHandle instance, const Client& client) noexcept {
   try {
     auto place = std::make_unique<Place>(client.session.value_or(0), client.process);
-    AwaitRoom();
+    const bool room = AwaitRoom();
     liveConnections.fetch_add(1);
-    if (win32::RunOnPool([pipe = std::move(instance), client, place = std::move(place)]() mutable noexcept {
-          ServeConnection(std::move(pipe), client, *place);
-          place.reset();
-          liveConnections.fetch_sub(1);
-          SetEvent(connectionEnded);
-        })) {
+    auto serve = [pipe = std::move(instance), client, place = std::move(place)]() mutable noexcept {
+      ServeConnection(std::move(pipe), client, *place);
+      place.reset();
+      liveConnections.fetch_sub(1);
+      SetEvent(connectionEnded);
+    };
+    if (room ? win32::RunOnPool(std::move(serve))
+             : static_cast<bool>(win32::StartThread(std::move(serve), win32::kSmallStack))) {
       return;
     }
     log::Log(log::kError, kKiosk, "pipe: cannot start a connection thread (%lu)", GetLastError());

@@ -39,8 +39,9 @@ KernelHandle StartThread(Body body, SIZE_T stackReserve = kDefaultStack) {
 }
 
 // Runs `body`, which must not throw and may wait for long, on a thread of Windows' pool. The pool keeps its threads for
-// a while, so that whoever comes often does not pay for a new one. Nobody can wait for the end. False when Windows
-// refuses; the last error says why.
+// a while, so that whoever comes often does not pay for a new one. It has 512 at most for the whole process, libraries
+// included ("QueueUserWorkItem function"), and what comes then waits without a word: do not take them in any number.
+// Nobody can wait for the end. False when Windows refuses; the last error says why.
 template <typename Body>
 bool RunOnPool(Body body) {
   auto owned = std::make_unique<Body>(std::move(body));

@@ -93,7 +93,7 @@ class Support(unittest.TestCase):
             finally:
                 os.kill(process, signal.SIGCONT)
             self.follow_the_log(terminal)
-            self.bundle(terminal, r"no answer \(error 2\)", r"^state 1 ", secrets)
+            self.bundle(terminal, r"^not asked: the service is stopped$", r"^state 1 ", secrets)
             self.check(terminal, r"WRONG +service +is stopped")
             long_ago = b"HTTP/1.1 407 \r\nDate: Thu, 01 Jan 2026 00:00:00 GMT\r\nContent-Length: 0\r\n\r\n"
             terminal.set_string("AuthBaseUrl", portal.url + "/api/kiosk")  # which the portal can be told to answer otherwise

@@ -42,13 +42,6 @@ StateKey ReadStateKey() {
   return {status != ERROR_ACCESS_DENIED, state::TokenIsStored()};
 }
 
-const char* StateText(DWORD state) {
-  return state == SERVICE_STOPPED         ? "is stopped"
-         : state == SERVICE_START_PENDING ? "is still starting"
-         : state == SERVICE_STOP_PENDING  ? "is still stopping"
-                                          : "is paused";
-}
-
 Finding CheckService() {
   const ServiceState service = QueryService();
   if (!service.known) {

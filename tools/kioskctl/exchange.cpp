@@ -98,12 +98,10 @@ std::string WhyNoReply(unsigned long error) {
   if (!service.known && service.error == ERROR_SERVICE_DOES_NOT_EXIST) {
     return "The kiosk service is not installed on this computer" + ErrorText(service.error) + "\n";
   }
-  if (service.known && service.state == SERVICE_START_PENDING) {
-    return "The kiosk service is still starting" + ErrorText(error) + "\nTry again in a minute.\n";
-  }
   if (service.known && service.state != SERVICE_RUNNING) {
-    return "The kiosk service is installed on this computer and does not run" + ErrorText(ERROR_SERVICE_NOT_ACTIVE) +
-           "\nStart it as an administrator: sc.exe start NorvaneKiosk\n";
+    return std::string("The kiosk service ") + StateText(service.state) + ErrorText(ERROR_SERVICE_NOT_ACTIVE) +
+           (service.state == SERVICE_STOPPED ? "\nStart it as an administrator: sc.exe start NorvaneKiosk\n"
+                                             : "\nTry again in a minute.\n");
   }
   if (service.known && (error == ERROR_PIPE_BUSY || error == ERROR_TIMEOUT)) {
     return "The kiosk service runs and does not answer" + ErrorText(error) +
@@ -159,6 +157,13 @@ Answer AskAndShow(Value request, unsigned long replyWait) {
 std::string CommandLine(const char* command) { return "\"" + std::string(kProgram) + " " + command + "\""; }
 
 std::string ErrorText(unsigned long error) { return " (error " + std::to_string(error) + ")"; }
+
+const char* StateText(unsigned long state) {
+  return state == SERVICE_STOPPED         ? "is stopped"
+         : state == SERVICE_START_PENDING ? "is still starting"
+         : state == SERVICE_STOP_PENDING  ? "is still stopping"
+                                          : "is paused";
+}
 
 Value Shown(const Value& reply) {
   if (reply.IsString()) {

@@ -27,6 +27,9 @@ std::string CommandLine(const char* command);
 // " (error 5)"
 std::string ErrorText(unsigned long error);
 
+// "is stopped", "is still starting": the state of a service that does not run.
+const char* StateText(unsigned long state);
+
 kiosk::json::Value Request(const char* command);
 // There is a reply, and it is no error.
 bool Ok(const Answer& answer);

@@ -1,6 +1,5 @@
 #include "check.h"
 #include "commands.h"
-#include "json/serialise.h"
 #include "log_files.h"
 #include "redact.h"
 #include "support_facts.h"
@@ -30,12 +29,6 @@ constexpr DWORD kPatience = 60'000;  // ms, for all sections together: no part o
 
 std::string CheckFacts() { return FindingsText(CheckAll()); }
 
-std::string StatusAnswer() {
-  const Answer answer = Ask(kiosk::text::Secret(R"({"cmd":"status"})"), kStatusWait);
-  return answer.outcome == Outcome::kReply ? kiosk::json::Serialise(answer.reply) + "\n"
-                                           : "no answer" + ErrorText(answer.error) + "\n";
-}
-
 struct Section {
   const char* file;
   std::string (*text)();
@@ -45,7 +38,7 @@ constexpr Section kSections[] = {
     {"check.txt", CheckFacts},
     {"computer.txt", ComputerFacts},
     {"service.txt", ServiceFacts},
-    {"status.txt", StatusAnswer},
+    {"status.txt", StatusFacts},
     {"events.txt", EventFacts},
     {"sessions.txt", SessionFacts},
     {"state.txt", StateFacts},

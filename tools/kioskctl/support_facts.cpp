@@ -6,6 +6,7 @@
 
 #include "account/winlogon.h"
 #include "branding/branding_folder.h"
+#include "json/serialise.h"
 #include "log/log.h"
 #include "log/log_settings.h"
 #include "log/shipper/shipper_settings.h"
@@ -267,6 +268,17 @@ std::string ServiceFacts() {
   const auto* config = reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(buffer.data());
   return text + "start type " + std::to_string(config->dwStartType) + " (2 automatic, 3 manual, 4 disabled)\nprogram " +
          ToNarrow(config->lpBinaryPathName) + "\naccount " + ToNarrow(config->lpServiceStartName) + "\n";
+}
+
+// Ask would wait for a service that is starting, and may be stuck there.
+std::string StatusFacts() {
+  const ServiceState service = QueryService();
+  if (service.known && service.state != SERVICE_RUNNING) {
+    return std::string("not asked: the service ") + StateText(service.state) + "\n";
+  }
+  const Answer answer = Ask(kiosk::text::Secret(R"({"cmd":"status"})"), kStatusWait);
+  return answer.outcome == Outcome::kReply ? kiosk::json::Serialise(answer.reply) + "\n"
+                                           : "no answer" + ErrorText(answer.error) + "\n";
 }
 
 std::string StateFacts() { return WholeKey(kiosk::state::kStateKey); }

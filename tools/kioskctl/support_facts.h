@@ -1,6 +1,6 @@
-// What a support bundle says about this computer. Every function asks Windows, never the service, so it answers while
-// the service is dead or hangs; what cannot be read is said so in the text. UTF-8, one fact a line. Names of users
-// stand in it as Windows has them: whoever writes it down takes them out.
+// What a support bundle says about this computer. Every function but StatusFacts asks Windows, never the service, so it
+// answers while the service is dead or hangs; what cannot be read is said so in the text. UTF-8, one fact a line. Names
+// of users stand in it as Windows has them: whoever writes it down takes them out.
 #pragma once
 
 #include "win32/winapi.h"
@@ -12,6 +12,7 @@ namespace kioskctl {
 
 std::string ComputerFacts();     // versions, edition and build of Windows, time, room on the disk
 std::string ServiceFacts();      // what the service manager knows of the service
+std::string StatusFacts();       // the service's own answer, if it runs
 std::string EventFacts();        // what the event logs have about the service and the computer's own life
 std::string SessionFacts();      // who is signed in where
 std::string StateFacts();        // the service's registry key; secrets are named, not shown
