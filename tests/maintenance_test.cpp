@@ -127,6 +127,28 @@ TEST_F(ExitPassword, EveryAttemptCountsWhateverBecomesOfIt) {
   EXPECT_EQ(CheckIns(), 5U);
 }
 
+// However long Windows refuses it.
+TEST_F(ExitPassword, AnAttemptThatCannotBeCountedIsNotMade) {
+  const sim::ChangeHook refusals[] = {
+      [](const sim::ChangeCall& call) -> DWORD {
+        return call.object.ends_with(L"\\MaintenanceFailures") ? ERROR_NO_SYSTEM_RESOURCES : 0;
+      },
+      [](const sim::ChangeCall& call) -> DWORD {
+        return call.function == "RegFlushKey" ? ERROR_NO_SYSTEM_RESOURCES : 0;
+      },
+  };
+  for (const sim::ChangeHook refuse : refusals) {
+    sim::SetChangeHook(refuse);
+    for (int i = 0; i < 6; ++i) {
+      EXPECT_EQ(VerifyExitPassword("Way out"), "busy");
+    }
+    sim::SetChangeHook(nullptr);
+    EXPECT_EQ(Failures(), 0U);
+  }
+  EXPECT_EQ(CheckIns(), 0U);
+  EXPECT_EQ(VerifyExitPassword("Way out"), "");
+}
+
 TEST_F(ExitPassword, AnEndedEnrolmentOpensNothing) {
   portal_.On(L"POST", test::kCheckInPath, [this](const sim::Request&) {
     SetDword(state::kStateKey, L"TeardownPending", 1);
