@@ -189,6 +189,10 @@ TEST_F(ProvisioningTest, AnAccountOfARunCutShortIsTheServicesOwn) {
       EXPECT_EQ(Provision(), "account_lookup_failed");
       sim::FailAccountLookups(0);
     }
+    for (const wchar_t* unreadable : {L"AccountSid", L"AccountCreating"}) {
+      const sim::FailingReads failing(unreadable, ERROR_NO_SYSTEM_RESOURCES);
+      EXPECT_EQ(Provision(), "account_lookup_failed");
+    }
     EXPECT_EQ(Provision(), found.adopted ? "" : "account_exists");
     EXPECT_EQ(sim::AccountPassword(L"NorvaneKiosk") == L"before", !found.adopted);
     if (found.adopted) {
@@ -349,6 +353,11 @@ TEST_F(ProvisioningTest, OnlyForTheEnrolmentThatAskedForItAndOnlyWhenNeeded) {
   EXPECT_EQ(ProvisionIfNeeded("new"), "");
   EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
   sim::FailAccountLookups(0);
+  for (const wchar_t* unreadable : {L"Provisioned", L"AccountSid"}) {
+    const sim::FailingReads failing(unreadable, ERROR_NO_SYSTEM_RESOURCES);
+    EXPECT_EQ(ProvisionIfNeeded("new"), "");
+  }
+  EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
   EXPECT_EQ(sim::AccountPassword(L"NorvaneKiosk"), password) << "set up again without need";
 }
 

@@ -306,16 +306,22 @@ std::string Provision() {
   return {};
 }
 
-// Whether this pass has nothing to do: all is set up, or was and Windows does not answer who exists. Setting up
-// again would take the mark away for the sake of a passing error.
+// Whether this pass has nothing to do: all is set up, or Windows does not tell whether it is. Setting up again would
+// take the mark away for the sake of a passing error.
 bool IsProvisionedOrUnknown() {
-  if (!state::FlagIsOn(state::kProvisioned)) {
+  state::RawValue mark;
+  if (!state::ReadKnownState(state::kProvisioned, mark)) {
+    return true;
+  }
+  if (mark.Dword() != DWORD{1}) {
     return false;
   }
+  state::RawValue recorded;
   std::wstring sid;
-  const AccountLookup found = LookupKioskAccount(sid);
-  return found == AccountLookup::kFailed || (found == AccountLookup::kPresent &&
-                                             win32::EqualIgnoringCase(sid, state::ReadStateString(state::kAccountSid)));
+  if (!state::ReadKnownState(state::kAccountSid, recorded) || LookupKioskAccount(sid) == AccountLookup::kFailed) {
+    return true;
+  }
+  return !sid.empty() && win32::EqualIgnoringCase(sid, recorded.Text().value_or(L""));
 }
 
 std::string ProvisionUnderLock(const std::string& tokenUsed, bool onlyIfNeeded) {
