@@ -166,8 +166,10 @@ void RememberAdministratorSessions() {
 void OnSessionChange(DWORD event, DWORD session) {
   if (event == WTS_SESSION_LOGOFF) {
     OnSessionSignedOut(session);
-  } else if (event == WTS_SESSION_LOGON && session != 0) {
+  } else if (event == WTS_SESSION_LOGON && enrolment::IsKioskSession(session)) {
     CallOffIdleRestart();
+  } else if (event == WTS_SESSION_LOGON && session != 0) {
+    PutOffIdleRestart();
   }
   if (session == 0 || !state::FlagIsOn(state::kMaintenance)) {
     return;
