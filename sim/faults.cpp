@@ -17,10 +17,12 @@ namespace {
 thread_local FaultPass* armed = nullptr;
 ChangeHook hook = nullptr;
 
-std::mutex readsMutex;  // guards the three below, which are what FailingReads asks for
+std::mutex readsMutex;  // guards those below: what FailingReads asks for, and whether it has come to pass
 std::wstring failingName;
 LSTATUS failure = ERROR_SUCCESS;
+int sparedLeft = 0;
 int failuresLeft = 0;
+bool readFailed = false;
 
 [[noreturn]] void EndProcess() {
   TerminateProcess(GetCurrentProcess(), kFaultExitCode);
@@ -43,6 +45,13 @@ std::wstring KeyName(HKEY key) {
   const std::wstring name(information.name, information.length / sizeof(wchar_t));
   constexpr std::wstring_view kMachine = L"\\REGISTRY\\MACHINE";
   return _wcsnicmp(name.c_str(), kMachine.data(), kMachine.size()) == 0 ? L"HKLM" + name.substr(kMachine.size()) : name;
+}
+
+// With the mutex held. No name of a value has a backslash.
+bool IsToFail(HKEY key, const wchar_t* name) {
+  return failingName.find(L'\\') == std::wstring::npos
+             ? failingName == name
+             : _wcsicmp(KeyName(key).c_str(), (L"HKLM\\" + failingName).c_str()) == 0;
 }
 
 }  // namespace
@@ -111,11 +120,18 @@ ChangePoint::~ChangePoint() {
   }
 }
 
-FailingReads::FailingReads(const wchar_t* valueName, LSTATUS error, int times) {
+FailingReads::FailingReads(const wchar_t* valueNameOrKey, LSTATUS error, int times, int spared) {
   const std::lock_guard guard(readsMutex);
-  failingName = valueName;
+  failingName = valueNameOrKey;
   failure = error;
+  sparedLeft = spared;
   failuresLeft = times;
+  readFailed = false;
+}
+
+bool FailingReads::Happened() const {
+  const std::lock_guard guard(readsMutex);
+  return readFailed;
 }
 
 FailingReads::~FailingReads() {
@@ -140,8 +156,9 @@ using namespace sim;
 SIM(LSTATUS, RegQueryValueExW, HKEY key, LPCWSTR name, LPDWORD reserved, LPDWORD type, LPBYTE data, LPDWORD size) {
   {
     const std::lock_guard guard(readsMutex);
-    if (failuresLeft != 0 && name != nullptr && failingName == name) {
+    if (failuresLeft != 0 && name != nullptr && IsToFail(key, name) && sparedLeft-- <= 0) {
       failuresLeft -= failuresLeft > 0 ? 1 : 0;
+      readFailed = true;
       return failure;
     }
   }

@@ -92,10 +92,12 @@ Result Change(const char* function, const Object& object, Call call) {
 }
 
 // Reads of the registry that fail, as they do when Windows is short of memory: those of the values of that name, in any
-// key, in its lifetime; the next `times`, by default all.
+// key, or of all values of a key, named by its path below HKLM. In its lifetime the next `spared` ones succeed, and of
+// those after them `times` fail, by default all.
 class FailingReads {
  public:
-  explicit FailingReads(const wchar_t* valueName, LSTATUS error, int times = -1);
+  explicit FailingReads(const wchar_t* valueNameOrKey, LSTATUS error, int times = -1, int spared = 0);
+  [[nodiscard]] bool Happened() const;  // whether one has failed
   FailingReads(const FailingReads&) = delete;
   FailingReads& operator=(const FailingReads&) = delete;
   ~FailingReads();

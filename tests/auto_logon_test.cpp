@@ -193,9 +193,11 @@ TEST_F(Days, NobodyIsThrownOutForAMaintenanceThatWasCutShort) {
     const char* what;
     void (*before)();  // the service starts
     void (*after)();
+    bool waits = false;  // until nobody is signed in
   } cases[] = {
-      {"somebody signs in", [] {}, [] { OnSessionChange(WTS_SESSION_LOGON, 1); }},
-      {"the service was not told of it", [] {}, [] { sim::SetSession(1, L"anna", L"HERE"); }},
+      {"somebody signs in", [] {}, [] { OnSessionChange(WTS_SESSION_LOGON, sim::SignIn(L"anna")); }, true},
+      {"the service was not told of it", [] {}, [] { sim::SetSession(1, L"anna", L"HERE"); }, true},
+      {"the kiosk signs in", [] {}, [] { OnSessionChange(WTS_SESSION_LOGON, sim::SignIn(L"NorvaneKiosk")); }},
       {"somebody is there already", [] { sim::SignIn(L"anna"); }, [] {}},
       {"nobody knows who is there", [] { sim::MakeStubborn(4, 1); }, [] {}},
       {"the kiosk is not set up", [] { test::SetDword(state::kStateKey, L"Provisioned", 0); }, [] {}},
@@ -217,7 +219,13 @@ TEST_F(Days, NobodyIsThrownOutForAMaintenanceThatWasCutShort) {
     each.after();
     clock_.RunFor(600'000);
     EXPECT_FALSE(sim::PendingShutdown());
+    sim::EndAllSessions();
+    clock_.RunFor(301'000);
+    EXPECT_EQ(sim::PendingShutdown().has_value(), each.waits);
+    sim::ForgetShutdown();
   }
+  EXPECT_EQ(test::CountLogged("INFO maintenance was cut short: no restart while somebody is signed in"), 2);
+  EXPECT_EQ(test::CountLogged("INFO maintenance was cut short: the kiosk signed in, no restart"), 1);
 }
 
 TEST_F(AutoLogonTest, ARestartDuringTheSetUpNeverShowsWindowsOwnShell) {

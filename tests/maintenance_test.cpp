@@ -5,6 +5,7 @@
 #include "account/auto_logon.h"
 #include "account/auto_logon_owner.h"
 #include "account/exit_password.h"
+#include "account/sign_in_secret.h"
 #include "account/unlock.h"
 #include "json/serialise.h"
 #include "sim/fault_driver.h"
@@ -125,6 +126,28 @@ TEST_F(ExitPassword, EveryAttemptCountsWhateverBecomesOfIt) {
   attempt("locked", 0);
   EXPECT_EQ(test::CountLogged(kLockoutLine), 1);
   EXPECT_EQ(CheckIns(), 5U);
+}
+
+// However long Windows refuses it.
+TEST_F(ExitPassword, AnAttemptThatCannotBeCountedIsNotMade) {
+  const sim::ChangeHook refusals[] = {
+      [](const sim::ChangeCall& call) -> DWORD {
+        return call.object.ends_with(L"\\MaintenanceFailures") ? ERROR_NO_SYSTEM_RESOURCES : 0;
+      },
+      [](const sim::ChangeCall& call) -> DWORD {
+        return call.function == "RegFlushKey" ? ERROR_NO_SYSTEM_RESOURCES : 0;
+      },
+  };
+  for (const sim::ChangeHook refuse : refusals) {
+    sim::SetChangeHook(refuse);
+    for (int i = 0; i < 6; ++i) {
+      EXPECT_EQ(VerifyExitPassword("Way out"), "busy");
+    }
+    sim::SetChangeHook(nullptr);
+    EXPECT_EQ(Failures(), 0U);
+  }
+  EXPECT_EQ(CheckIns(), 0U);
+  EXPECT_EQ(VerifyExitPassword("Way out"), "");
 }
 
 TEST_F(ExitPassword, AnEndedEnrolmentOpensNothing) {
@@ -306,15 +329,29 @@ TEST_F(MaintenanceTest, EndingLeavesASettingThatIsNotTheServicesAlone) {
   for (const wchar_t* gone : {L"OwnsAutoLogon", L"DeviceToken"}) {
     test::MakeKioskTerminal();
     Entered();
-    {
-      const sim::FailingReads failing(gone, ERROR_NO_SYSTEM_RESOURCES);
-      EXPECT_FALSE(EndMaintenance("too early to tell"));
-    }
-    EXPECT_TRUE(IsOn()) << "and the kiosk would never sign in again";
     RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, state::kStateKey, gone);
     EndMaintenance("test");
     EXPECT_FALSE(IsOn());
     EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"0");
+  }
+}
+
+TEST_F(MaintenanceTest, ItDoesNotEndWhileNobodyCanTellWhoseTheSignInIs) {
+  sim::SetSecret(L"DefaultPassword", L"secret");
+  NoteSecretAsOurs();
+  for (const wchar_t* unreadable : {L"OwnsAutoLogon", L"DeviceToken", L"AutoLogonDigest", L"TeardownPending"}) {
+    SCOPED_TRACE(sim::Narrow(unreadable));
+    Entered();
+    SetString(kWinlogonKey, L"DefaultUserName", L"Anna");
+    {
+      const sim::FailingReads failing(unreadable, ERROR_NO_SYSTEM_RESOURCES, 1);
+      EXPECT_FALSE(EndMaintenance("too early to tell"));
+    }
+    EXPECT_TRUE(IsOn()) << "and the kiosk would never sign in again";
+    EXPECT_EQ(Winlogon(L"DefaultUserName"), L"Anna");
+    EXPECT_TRUE(EndMaintenance("test"));
+    EXPECT_TRUE(AutoLogonNamesKiosk());
+    EXPECT_EQ(Winlogon(L"AutoAdminLogon"), L"1");
   }
 }
 

@@ -1,6 +1,7 @@
 #include "account/provisioning.h"
 
 #include "account/kiosk_account.h"
+#include "account/kiosk_restart.h"
 #include "enrolment/device_token.h"
 #include "sim/buffers.h"
 #include "sim/computer.h"
@@ -9,6 +10,7 @@
 #include "sim/lsa.h"
 #include "sim/profiles.h"
 #include "sim/random.h"
+#include "sim/shutdown.h"
 #include "tests/support/terminal.h"
 
 #include <algorithm>
@@ -189,6 +191,10 @@ TEST_F(ProvisioningTest, AnAccountOfARunCutShortIsTheServicesOwn) {
       EXPECT_EQ(Provision(), "account_lookup_failed");
       sim::FailAccountLookups(0);
     }
+    for (const wchar_t* unreadable : {L"AccountSid", L"AccountCreating"}) {
+      const sim::FailingReads failing(unreadable, ERROR_NO_SYSTEM_RESOURCES);
+      EXPECT_EQ(Provision(), "account_lookup_failed");
+    }
     EXPECT_EQ(Provision(), found.adopted ? "" : "account_exists");
     EXPECT_EQ(sim::AccountPassword(L"NorvaneKiosk") == L"before", !found.adopted);
     if (found.adopted) {
@@ -221,6 +227,36 @@ TEST_F(ProvisioningTest, AVanishedAccountIsReplacedAndItsProfileGoesAtOnceOrLate
     }
     EXPECT_EQ(order, busy ? "noted dropped " : "dropped ");
   }
+}
+
+// A session of an account that is gone is signed out, and nobody signs the new one in before Windows restarts.
+TEST_F(ProvisioningTest, AnAccountThatVanishedWhileItWasSignedInIsBackOnceItIsSetUpAndNobodyIsThere) {
+  EXPECT_EQ(Provision(), "");
+  sim::AddUser(L"anna");
+  sim::SignIn(L"NorvaneKiosk");
+  sim::RemoveUser(L"NorvaneKiosk");
+  {
+    const sim::FaultPass pass("LsaStorePrivateData(", ERROR_ACCESS_DENIED);
+    EXPECT_EQ(Provision(), "lsa_failed");
+  }
+  clock_.RunFor(600'000);
+  EXPECT_FALSE(sim::PendingShutdown()) << "into a sign-in that cannot work";
+  const DWORD anna = sim::SignIn(L"anna");
+  EXPECT_EQ(Provision(), "");
+  EXPECT_EQ(test::LogTexts().back(), "INFO the kiosk account was made anew: restarting into kiosk mode in 300 s");
+  clock_.RunFor(3'600'000);
+  EXPECT_FALSE(sim::PendingShutdown()) << "somebody may have unsaved work";
+  EXPECT_EQ(CountLogged("INFO the kiosk account was made anew: no restart while somebody is signed in"), 1);
+  sim::SignOut(anna);
+  clock_.RunFor(301'000);
+  EXPECT_TRUE(sim::PendingShutdown());
+  EXPECT_EQ(sim::RestartComputer(), 1U) << "the kiosk does not sign in by itself";
+
+  sim::EndAllSessions();
+  sim::RemoveUser(L"NorvaneKiosk");
+  sim::sessionListError.Set(1722);
+  EXPECT_EQ(Provision(), "");
+  EXPECT_FALSE(KioskRestartPending()) << "nobody knows of a session";
 }
 
 TEST_F(ProvisioningTest, NoProfileIsForgottenWhateverFailsWhileItsRecordIsDropped) {
@@ -349,6 +385,11 @@ TEST_F(ProvisioningTest, OnlyForTheEnrolmentThatAskedForItAndOnlyWhenNeeded) {
   EXPECT_EQ(ProvisionIfNeeded("new"), "");
   EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
   sim::FailAccountLookups(0);
+  for (const wchar_t* unreadable : {L"Provisioned", L"AccountSid"}) {
+    const sim::FailingReads failing(unreadable, ERROR_NO_SYSTEM_RESOURCES);
+    EXPECT_EQ(ProvisionIfNeeded("new"), "");
+  }
+  EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
   EXPECT_EQ(sim::AccountPassword(L"NorvaneKiosk"), password) << "set up again without need";
 }
 

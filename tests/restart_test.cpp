@@ -36,7 +36,8 @@ TEST_F(RestartTest, ACancelledOneNeverComesTheNextOneDoesAndAStopEndsTheWait) {
   EXPECT_FALSE(sim::PendingShutdown());
   EXPECT_EQ(test::LogTexts().size(), 1U);
   ScheduleKioskRestart();
-  ScheduleIdleRestart("");  // comes to nothing beside it, and so does its end
+  ScheduleIdleRestart("");  // comes to nothing beside it, and so does its delay
+  PutOffIdleRestart();
   CallOffIdleRestart();
   clock_.RunUntil(70'250);
   EXPECT_TRUE(sim::PendingShutdown());

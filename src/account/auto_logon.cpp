@@ -56,11 +56,11 @@ bool IsNobodys() { return state::ReadStateString(state::kAutoLogonDigest).empty(
 
 // Whether there is anything to put back. Once that is decided it stays so, however often the restore is cut short and
 // whoever signs in meanwhile.
-bool BeginRestore() {
+bool BeginRestore(const state::ReadWatch& reads) {
   if (state::FlagIsOn(state::kAutoLogonRestoring)) {
     return true;
   }
-  if (!AutoLogonIsOurs() && !IsNobodys()) {
+  if ((!AutoLogonIsOurs() && !IsNobodys()) || !reads.AllKnown()) {
     return false;
   }
   if (!AutoLogonNamesKiosk()) {
@@ -73,9 +73,9 @@ bool BeginRestore() {
 }
 
 // Where the service never stored one, that from before enrolment is still there, and stays.
-void DeleteSecret() {
+void DeleteSecret(const state::ReadWatch& reads) {
   const bool hadOne = state::FlagIsOn(state::kPriorLsaSecret);
-  if (hadOne && state::ReadStateString(state::kAutoLogonDigest).empty()) {
+  if ((hadOne && state::ReadStateString(state::kAutoLogonDigest).empty()) || !reads.AllKnown()) {
     return;
   }
   StoreAutoLogonSecret(nullptr, 0);
@@ -165,22 +165,23 @@ bool TakeOverAutoLogon() {
 }
 
 void RestoreAutoLogon() {
+  const state::ReadWatch reads;
   state::RawValue mark;
   const LSTATUS status = state::ReadState(kBorrowed.mark, mark);
   if (status != ERROR_SUCCESS || !mark.Dword()) {
     // Copies without a mark are left by a take-over that was cut short before it changed anything, or by a restore that
     // was cut short after it had put everything back. But while the settings are still the kiosk's, the copies are all
     // that is left of the owner's, and stay.
-    if (status == ERROR_FILE_NOT_FOUND && !AutoLogonIsOurs()) {
+    if (status == ERROR_FILE_NOT_FOUND && !AutoLogonIsOurs() && reads.AllKnown()) {
       state::DeleteStateValue(state::kAutoLogonDigest);
       kBorrowed.ForgetCopies();
       ForgetSecretAndRestore();
     }
     return;
   }
-  const bool ours = BeginRestore();
+  const bool ours = BeginRestore(reads);
   if (ours) {
-    DeleteSecret();
+    DeleteSecret(reads);
   }
   const win32::LockGuard guard(AutoLogonLock());
   if (ours) {
@@ -191,12 +192,15 @@ void RestoreAutoLogon() {
     }
     PutBackOrTell(kUserName);  // last: while it names the kiosk account, a restore that was cut short is done again
     log::Log(log::kNotice, log::kKiosk, "auto sign-in restored to what it was before enrolment");
-  } else {
+  } else if (reads.AllKnown()) {
     log::Log(log::kWarn, log::kKiosk, "auto sign-in now names '%s', not %s; left as it is",
              win32::ToNarrow(state::ReadString(kUserName.key, kUserName.name).value_or(L"")).c_str(),
              enrolment::kKioskUserText);
   }
-  GiveUpOwnership();
+  // A restore that could not read everything is done again, with the copies.
+  if (reads.AllKnown()) {
+    GiveUpOwnership();
+  }
 }
 
 }  // namespace kiosk::account

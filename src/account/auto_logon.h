@@ -36,7 +36,8 @@ bool TakeOverAutoLogon();
 // Puts the computer's own settings back and deletes the secret, unless automatic sign-in is another user's by now: that
 // is somebody's choice and stays. Either way the mark, the copies, "AutoLogonRestoring" and "AutoLogonDigest" go;
 // "MadeSignInKeys" stays for whoever deletes these keys. Without the mark no setting is touched, and copies that a
-// take-over or a restore left behind go. Logged, but for copies without a mark.
+// take-over or a restore left behind go. Logged, but for copies without a mark. What it goes by and cannot read stays,
+// mark and copies with it, for another call.
 void RestoreAutoLogon();
 
 }  // namespace kiosk::account

@@ -81,7 +81,7 @@ class Attempt {
     const win32::LockGuard guard(checkLock);
     state::RawValue counted;
     state::RawValue lockedUntil;
-    // A user may see to it that Windows is short of memory: what it does not give then is no free attempt.
+    // A user may see to it that Windows is short of memory: what it does not give or take then is no free attempt.
     if (!state::ReadKnownState(state::kMaintenanceFailures, counted) ||
         !state::ReadKnownState(state::kMaintenanceLockedUntil, lockedUntil)) {
       return "busy";
@@ -98,8 +98,10 @@ class Attempt {
       return "locked";
     }
     count_ = failures + 1;
-    state::WriteStateDword(state::kMaintenanceFailures, count_);
-    state::FlushStateKey();
+    if (!state::WriteStateDword(state::kMaintenanceFailures, count_) || !state::FlushStateKey()) {
+      state::WriteStateDword(state::kMaintenanceFailures, failures);  // what is not made does not count
+      return "busy";
+    }
     checking = true;
     return nullptr;
   }

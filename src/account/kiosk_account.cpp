@@ -55,8 +55,11 @@ bool IsKioskProvisioned() {
 }
 
 std::optional<bool> CreationWasCutShort() {
-  const auto raw = state::ReadState(state::kAccountCreating);
-  const auto begun = raw ? raw->Qword() : std::nullopt;
+  state::RawValue noted;
+  if (!state::ReadKnownState(state::kAccountCreating, noted)) {
+    return std::nullopt;
+  }
+  const std::optional<std::uint64_t> begun = noted.Qword();
   if (!begun) {
     return false;
   }

@@ -20,7 +20,7 @@ bool IsKioskProvisioned();
 
 // Whether the account of the kiosk's name, whose SID nobody recorded, is one that this service was creating when it was
 // cut short: the time of "AccountCreating" stands, the account is not older than it, and nobody ever signed in to it.
-// Anybody else's account is never touched. Empty, and logged, when Windows does not tell.
+// Anybody else's account is never touched. Empty when Windows does not tell.
 std::optional<bool> CreationWasCutShort();
 
 // The name of a group on this computer, in its language; empty when it cannot be resolved. `sidText` as "S-1-5-32-545".

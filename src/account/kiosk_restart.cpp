@@ -29,7 +29,8 @@ constexpr wchar_t kMessage[] = L"Restarting to start kiosk mode.";
 // call or a wait.
 win32::Lock restartLock{win32::LockRank::kLeaf};
 std::uint64_t deadline GUARDED_BY(restartLock) = 0;        // as a tick count; 0: no restart is pending
-const char* idleReason GUARDED_BY(restartLock) = nullptr;  // of one that comes only if nobody is signed in; else null
+const char* idleReason GUARDED_BY(restartLock) = nullptr;  // of one that waits until nobody is signed in; else null
+bool putOff GUARDED_BY(restartLock) = false;               // it has waited, and the log says so
 bool threadRuns GUARDED_BY(restartLock) = false;
 bool beingAsked GUARDED_BY(restartLock) = false;  // a thread is in the call that restarts Windows
 int attempts GUARDED_BY(restartLock) = 0;         // how often Windows was not ready for the pending restart
@@ -48,7 +49,7 @@ void RestartWhenDue() {
   const char* const idle = idleReason;
   guard.Unlock();
   if (idle != nullptr && !enrolment::NobodyIsSignedIn()) {
-    CallOffIdleRestart();
+    PutOffIdleRestart();
   } else {
     RestartIfPending(idle != nullptr ? idle : "enrolled");
   }
@@ -83,8 +84,10 @@ bool StaysPending(DWORD error) {
   return again;
 }
 
+std::uint64_t In(int seconds) { return win32::TickCount() + static_cast<std::uint64_t>(seconds) * 1000; }
+
 void SetDeadline(int seconds) REQUIRES(restartLock) {
-  deadline = win32::TickCount() + static_cast<std::uint64_t>(seconds) * 1000;
+  deadline = In(seconds);
   attempts = 0;
   if (threadRuns) {
     return;
@@ -111,15 +114,27 @@ void ScheduleIdleRestart(const char* why) {
     return;
   }
   idleReason = why;
+  putOff = false;
   log::Log(log::kNotice, log::kKiosk, "%s: restarting into kiosk mode in %d s", why, kIdleDelay);
   SetDeadline(kIdleDelay);
+}
+
+void PutOffIdleRestart() noexcept {
+  const win32::LockGuard guard(restartLock);
+  if (deadline == 0 || idleReason == nullptr) {
+    return;
+  }
+  deadline = In(kIdleDelay);
+  if (!std::exchange(putOff, true)) {
+    log::Log(log::kNotice, log::kKiosk, "%s: no restart while somebody is signed in", idleReason);
+  }
 }
 
 void CallOffIdleRestart() noexcept {
   const win32::LockGuard guard(restartLock);
   if (deadline != 0 && idleReason != nullptr) {
     deadline = 0;
-    log::Log(log::kNotice, log::kKiosk, "%s: somebody signed in, no restart", idleReason);
+    log::Log(log::kNotice, log::kKiosk, "%s: the kiosk signed in, no restart", idleReason);
   }
 }
 

@@ -1,5 +1,6 @@
-// The restart of the computer into kiosk mode, 10 s after an enrolment that set the kiosk account up, or earlier on a
-// caller's wish; and in 5 minutes where the kiosk signs in no earlier by itself, if nobody is signed in.
+// The restart of the computer into kiosk mode: 10 s after an enrolment that set the kiosk account up, or earlier on a
+// caller's wish. And the idle one: 5 minutes after a kiosk was put right that does not sign in before a restart, or
+// later, when nobody is signed in.
 #pragma once
 
 #include "command/request.h"
@@ -12,11 +13,14 @@ inline constexpr int kRestartDelaySeconds = 10;
 // anew. Logged.
 void ScheduleKioskRestart();
 
-// The same in 5 minutes, if nobody is signed in then. `why`, a literal, goes into the log: "maintenance was cut short".
-// Nothing when a restart is pending.
+// The idle one, in 5 minutes; while somebody is signed in then, it waits for another 5. `why`, a literal, goes into the
+// log: "maintenance was cut short". Nothing when a restart is pending.
 void ScheduleIdleRestart(const char* why);
 
-// Somebody signed in: the latter does not take place. Any other stays.
+// Somebody signed in: an idle one counts its 5 minutes anew. Any other stays.
+void PutOffIdleRestart() noexcept;
+
+// The kiosk signed in: an idle one does not take place. Any other stays.
 void CallOffIdleRestart() noexcept;
 
 // Either of them.

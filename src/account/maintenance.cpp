@@ -36,11 +36,6 @@ std::set<DWORD>& AdministratorSessions() REQUIRES(sessionsLock) {
   return sessions;
 }
 
-bool CanBeRead(const state::StateValue& value) {
-  state::RawValue raw;
-  return state::ReadKnownState(value, raw);
-}
-
 // Empty when the caller may enter.
 std::string Admit(const command::Request& request) {
   const std::string& password = json::Member(request.members, "password").text();
@@ -106,21 +101,22 @@ bool EndMaintenance(const char* reason) {
   if (!state::FlagIsOn(state::kMaintenance)) {
     return false;
   }
+  const state::ReadWatch reads;
   const bool namesAreDue = KioskNamesAreDue();
   const win32::LockGuard guard(AutoLogonLock());
   if (!state::FlagIsOn(state::kMaintenance)) {
     return false;
   }
-  // What cannot be read now may say that the setting is ours: the mark stays, and the next start comes here again.
-  if (!CanBeRead(state::kDeviceToken) || !CanBeRead(state::kOwnsAutoLogon)) {
+  // Without ownership the setting is the computer's own again: a teardown is on its way.
+  const bool ours = state::TokenIsStored() && state::ReadState(state::kOwnsAutoLogon);
+  // What could not be read may say whose the setting is: the mark stays, and the next start comes here again.
+  if (!reads.AllKnown()) {
     log::Log(log::kError, log::kKiosk,
              "maintenance: cannot read whose auto sign-in is; it goes on until Windows restarts");
     return false;
   }
   // First, so that a start of the service takes a half of this for the maintenance of an earlier boot and ends it.
   state::DeleteStateValue(state::kMaintenanceAt);
-  // Without ownership the setting is the computer's own again: a teardown is on its way.
-  const bool ours = state::TokenIsStored() && state::ReadState(state::kOwnsAutoLogon);
   if (ours && namesAreDue) {
     PutKioskNamesBack();
   }
@@ -166,8 +162,10 @@ void RememberAdministratorSessions() {
 void OnSessionChange(DWORD event, DWORD session) {
   if (event == WTS_SESSION_LOGOFF) {
     OnSessionSignedOut(session);
-  } else if (event == WTS_SESSION_LOGON && session != 0) {
+  } else if (event == WTS_SESSION_LOGON && enrolment::IsKioskSession(session)) {
     CallOffIdleRestart();
+  } else if (event == WTS_SESSION_LOGON && session != 0) {
+    PutOffIdleRestart();
   }
   if (session == 0 || !state::FlagIsOn(state::kMaintenance)) {
     return;

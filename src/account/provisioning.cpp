@@ -27,6 +27,7 @@
 
 #include <array>
 #include <optional>
+#include <utility>
 
 namespace kiosk::account {
 namespace {
@@ -35,6 +36,10 @@ constexpr wchar_t kFullName[] = L"Norvane";
 constexpr DWORD kAccountFlags = UF_SCRIPT | UF_PASSWD_CANT_CHANGE | UF_DONT_EXPIRE_PASSWD;
 constexpr wchar_t kUsersGroup[] = L"S-1-5-32-545";
 constexpr DWORD kPathLength = 260;
+
+// A kiosk account was made anew while the old one was signed in, and no set-up has succeeded since: then nobody signs
+// the kiosk in before Windows restarts.
+bool restartOwed GUARDED_BY(AccountLock()) = false;
 
 // A failed step: its code, null while all is well, and the number that tells more.
 struct Outcome {
@@ -102,12 +107,13 @@ Outcome CreateAccount(const Password& password, std::wstring& sid) {
 }
 
 // The record of an account that is gone also names a profile, which nobody would find without it.
-Outcome DropRecordOfVanished(const std::wstring& recorded) {
+Outcome DropRecordOfVanished(const std::wstring& recorded) REQUIRES(AccountLock()) {
   log::Log(log::kWarn, log::kKiosk, "the recorded kiosk account is gone; creating a new one");
   // Its session bears the name of the kiosk's and would be anybody's from now on; and Windows holds the profile for it.
-  if (!enrolment::KioskHasNoSession()) {
+  const std::optional<bool> signedIn = enrolment::KioskIsSignedIn();
+  if (signedIn != false) {
     enrolment::LogOffKioskSessions(true);
-    ScheduleIdleRestart("the kiosk account was made anew");
+    restartOwed = restartOwed || signedIn == true;
   }
   const bool remembered = DeleteKioskProfile(recorded) || NoteStaleProfile(recorded);
   return remembered && state::DeleteStateValue(state::kAccountSid) ? kWell : Outcome{"state_write_failed"};
@@ -159,7 +165,7 @@ Outcome FindAccount(FoundAccount& found) {
   return RecordAccount(found.sid) ? kWell : Outcome{"state_write_failed"};
 }
 
-Outcome MakeAccount(FoundAccount& found, const Password& password) {
+Outcome MakeAccount(FoundAccount& found, const Password& password) REQUIRES(AccountLock()) {
   if (found.present) {
     return RefreshAccount(password);
   }
@@ -232,7 +238,7 @@ Outcome LockDown(const std::wstring& sid, const std::wstring& client) {
     if (result == lockdown::PolicyResult::kDone) {
       return kWell;
     }
-    if (result != lockdown::PolicyResult::kNoHive || again || !enrolment::KioskHasNoSession()) {
+    if (result != lockdown::PolicyResult::kNoHive || again || enrolment::KioskIsSignedIn() != false) {
       return {"hive_failed"};
     }
     log::Log(log::kWarn, log::kKiosk, "the kiosk profile has no usable registry; making it anew");
@@ -243,7 +249,7 @@ Outcome LockDown(const std::wstring& sid, const std::wstring& client) {
 }
 
 // All steps under the locks, in order; the first failure ends them. What is done stays, and the next run does it again.
-Outcome RunSteps(const std::wstring& client) {
+Outcome RunSteps(const std::wstring& client) REQUIRES(AccountLock()) {
   // Durably: Windows keeps passwords elsewhere than in the registry, so a power cut could bring the old mark back
   // beside a new password, and the terminal would count as set up and could not sign in.
   if (!state::DeleteStateValue(state::kProvisioned) || !state::DeleteStateValue(state::kTeardownPending) ||
@@ -290,7 +296,7 @@ Outcome RunSteps(const std::wstring& client) {
   return state::WriteStateDword(state::kProvisioned, 1) ? kWell : Outcome{"state_write_failed"};
 }
 
-std::string Provision() {
+std::string Provision() REQUIRES(AccountLock()) {
   const std::wstring client = state::ClientInstallFolder();
   const Outcome outcome = RunSteps(client);
   if (outcome.code != nullptr) {
@@ -303,19 +309,28 @@ std::string Provision() {
            win32::ToNarrow(client + lockdown::kShellProgram + lockdown::kShellSwitch).c_str());
   log::TroubleIsOver(log::kSetUpFails);
   log::WriteEvent(ENTRY_KIOSK_SET_UP);
+  if (std::exchange(restartOwed, false)) {
+    ScheduleIdleRestart("the kiosk account was made anew");
+  }
   return {};
 }
 
-// Whether this pass has nothing to do: all is set up, or was and Windows does not answer who exists. Setting up
-// again would take the mark away for the sake of a passing error.
+// Whether this pass has nothing to do: all is set up, or Windows does not tell whether it is. Setting up again would
+// take the mark away for the sake of a passing error.
 bool IsProvisionedOrUnknown() {
-  if (!state::FlagIsOn(state::kProvisioned)) {
+  state::RawValue mark;
+  if (!state::ReadKnownState(state::kProvisioned, mark)) {
+    return true;
+  }
+  if (mark.Dword() != DWORD{1}) {
     return false;
   }
+  state::RawValue recorded;
   std::wstring sid;
-  const AccountLookup found = LookupKioskAccount(sid);
-  return found == AccountLookup::kFailed || (found == AccountLookup::kPresent &&
-                                             win32::EqualIgnoringCase(sid, state::ReadStateString(state::kAccountSid)));
+  if (!state::ReadKnownState(state::kAccountSid, recorded) || LookupKioskAccount(sid) == AccountLookup::kFailed) {
+    return true;
+  }
+  return !sid.empty() && win32::EqualIgnoringCase(sid, recorded.Text().value_or(L""));
 }
 
 std::string ProvisionUnderLock(const std::string& tokenUsed, bool onlyIfNeeded) {

@@ -19,8 +19,8 @@ inline constexpr char kEnrolmentOver[] = "revoked";
 // process is done with the account, that is "state_write_failed" without a log line.
 std::string ProvisionKioskAccount(const std::string& tokenUsed);
 
-// The same for the worker, which does nothing, successfully, when all is set up, or was and Windows cannot tell at the
-// moment whether the account still exists.
+// The same for the worker, which does nothing, successfully, when all is set up, or Windows cannot tell at the moment
+// whether it is.
 std::string ProvisionIfNeeded(const std::string& tokenUsed);
 
 // Writes the lockdown into the kiosk user's settings again, where it differs, while that user is signed in. Takes the

@@ -106,10 +106,16 @@ bool DeleteKioskAccount(const std::wstring& recordedSid) {
 }
 
 // Removes the account on record; failing that, one that a provisioning made and could not record any more. True also
-// when there is none.
+// when there is none; false when nobody can tell.
 bool RemoveAccount() REQUIRES(AccountLock()) {
-  std::wstring sid = state::ReadStateString(state::kAccountSid);
-  if (sid.empty() && state::ReadState(state::kAccountCreating)) {
+  state::RawValue recorded;
+  state::RawValue creating;
+  if (!state::ReadKnownState(state::kAccountSid, recorded) ||
+      !state::ReadKnownState(state::kAccountCreating, creating)) {
+    return false;
+  }
+  std::wstring sid = recorded.Text().value_or(L"");
+  if (sid.empty() && creating.Qword()) {
     const AccountLookup found = LookupKioskAccount(sid);
     if (found == AccountLookup::kFailed) {
       return false;
@@ -153,6 +159,10 @@ bool CalledOffByNewerToken() {
   return true;
 }
 
+void LogUnreadable() {
+  log::Log(log::kError, log::kKiosk, "cannot read all of the state key; removing kiosk mode once that is possible");
+}
+
 void DeleteStateKey() {
   RegDeleteTreeW(HKEY_LOCAL_MACHINE, state::kStateKey);
   RegDeleteKeyExW(HKEY_LOCAL_MACHINE, state::kStateKey, KEY_WOW64_64KEY, 0);
@@ -170,9 +180,10 @@ void TearDown(bool deleteStateKey, const char* reason) REQUIRES(AccountLock()) {
     log::WriteEvent(ENTRY_KIOSK_REMOVED, {reason});
   }
   if (!StateCanBeReadSoon()) {
-    log::Log(log::kError, log::kKiosk, "cannot read all of the state key; removing kiosk mode once that is possible");
+    LogUnreadable();
     return;
   }
+  const state::ReadWatch reads;
   RestoreAutoLogon();
   RestoreFastUserSwitching();
   state::DeleteMadeKeys(state::kMadeSignInKeys);  // the policy above is in one of them
@@ -187,6 +198,11 @@ void TearDown(bool deleteStateKey, const char* reason) REQUIRES(AccountLock()) {
   // The record of an adapter that cannot be put back now is in the key, and the next try needs it.
   const bool deleteKey = deleteStateKey && removed && networkWhole;
   DeleteStaleProfiles(deleteKey);
+  // What a step could not read it took for none, and kept what it still needs. All of them are done again.
+  if (!reads.AllKnown()) {
+    LogUnreadable();
+    return;
+  }
   if (!EraseEnrolment()) {
     log::Log(log::kError, log::kKiosk,
              "cannot delete the device token; removing kiosk mode again at the next check-in");
@@ -246,8 +262,9 @@ void FinishPendingRemoval() {
     if (!others.MayGoOn() || !state::FlagIsOn(state::kTeardownPending) || !StateCanBeRead()) {
       return;
     }
+    const state::ReadWatch reads;
     interrupted = state::TokenIsStored();
-    if (interrupted && CalledOffByNewerToken()) {
+    if ((interrupted && CalledOffByNewerToken()) || !reads.AllKnown()) {
       return;
     }
     if (interrupted) {

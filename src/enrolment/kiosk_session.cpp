@@ -70,9 +70,9 @@ bool NobodyIsSignedIn() {
   return taken && taken->empty();
 }
 
-bool KioskHasNoSession() {
+std::optional<bool> KioskIsSignedIn() {
   const auto sessions = KioskSessions();
-  return sessions && sessions->empty();
+  return sessions ? std::optional(!sessions->empty()) : std::nullopt;
 }
 
 bool LogOffKioskSessions(bool wait) {
@@ -90,7 +90,7 @@ bool LogOffKioskSessions(bool wait) {
     }
   }
   const win32::Deadline deadline(kSignOutWait);
-  while (wait && !(gone = KioskHasNoSession()) && !deadline.Passed() &&
+  while (wait && !(gone = KioskIsSignedIn() == false) && !deadline.Passed() &&
          win32::WaitOrStop(nullptr, kSignOutPoll) != win32::WaitResult::kStop) {
   }
   return gone;

@@ -21,8 +21,8 @@ std::optional<std::vector<DWORD>> OtherUsersSessions();
 // True only when Windows tells of every session, and nobody is signed in to any.
 bool NobodyIsSignedIn();
 
-// True only when Windows tells that the kiosk account has no session.
-bool KioskHasNoSession();
+// Whether the kiosk account has a session. Empty optional when Windows does not tell.
+std::optional<bool> KioskIsSignedIn();
 
 // Signs every session of the kiosk account out; each is logged. Without `wait`, true when all were asked to end. With
 // it, looks until they are gone, for at most 15 s and not beyond a stop (Windows' own wait has no limit), and is true

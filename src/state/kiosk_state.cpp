@@ -18,6 +18,9 @@ constexpr wchar_t kParentKey[] = L"SOFTWARE\\Norvane\\Tessaly";
 // since any thread may be reading through it.
 std::atomic<HKEY> openKey{nullptr};
 
+// How many reads did not tell what stands there.
+std::atomic<unsigned> unknownReads{0};
+
 // Puts a new handle in the place of `old`, unless another thread was first. The old one stays open: an uninstall
 // deletes the key at the end of a service's life, so that no process collects them.
 LSTATUS Reopen(HKEY old) {
@@ -29,6 +32,8 @@ LSTATUS Reopen(HKEY old) {
   return status;
 }
 
+bool IsKnown(LSTATUS status) noexcept { return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND; }
+
 }  // namespace
 
 LSTATUS ReadState(const StateValue& value, RawValue& raw) {
@@ -38,13 +43,18 @@ LSTATUS ReadState(const StateValue& value, RawValue& raw) {
     status = Reopen(key);
     status = status == ERROR_SUCCESS ? ReadRaw(openKey, value.name, raw) : status;
   }
-  return status == ERROR_KEY_DELETED ? ERROR_FILE_NOT_FOUND : status;  // deleted once more in between
+  status = status == ERROR_KEY_DELETED ? ERROR_FILE_NOT_FOUND : status;  // deleted once more in between
+  if (!IsKnown(status)) {
+    ++unknownReads;
+  }
+  return status;
 }
 
-bool ReadKnownState(const StateValue& value, RawValue& raw) {
-  const LSTATUS status = ReadState(value, raw);
-  return status == ERROR_SUCCESS || status == ERROR_FILE_NOT_FOUND;
-}
+bool ReadKnownState(const StateValue& value, RawValue& raw) { return IsKnown(ReadState(value, raw)); }
+
+ReadWatch::ReadWatch() noexcept : before_(unknownReads) {}
+
+bool ReadWatch::AllKnown() const noexcept { return unknownReads == before_; }
 
 std::optional<RawValue> ReadState(const StateValue& value) {
   RawValue raw;

@@ -31,6 +31,18 @@ LSTATUS ReadState(const StateValue& value, RawValue& raw);
 // Whether it is known what stands there: the value was read, or there is none, and `raw` is empty.
 bool ReadKnownState(const StateValue& value, RawValue& raw);
 
+// Whether every read of the key since this was made, on whichever thread, told what stands there. For work in many
+// steps whose readers take what they cannot read for none: unless all was known, nothing that is still needed may be
+// deleted.
+class ReadWatch {
+ public:
+  ReadWatch() noexcept;
+  [[nodiscard]] bool AllKnown() const noexcept;
+
+ private:
+  unsigned before_;
+};
+
 // For whom absence, or another type, means the same as an empty text or 0.
 std::wstring ReadStateString(const StateValue& value);
 DWORD ReadStateDword(const StateValue& value);

@@ -69,7 +69,11 @@ bool NoteMissingKeys(const StateValue& note, std::initializer_list<const wchar_t
 }
 
 void DeleteMadeKeys(const StateValue& note) {
-  std::vector<std::wstring> keys = Split(ReadStateString(note));
+  RawValue noted;
+  if (ReadState(note, noted) != ERROR_SUCCESS) {
+    return;
+  }
+  std::vector<std::wstring> keys = Split(noted.Text().value_or(L""));
   // A key's path is longer than those of the keys above it.
   std::sort(keys.begin(), keys.end(), [](const auto& one, const auto& other) { return one.size() > other.size(); });
   for (const std::wstring& key : keys) {
@@ -77,9 +81,7 @@ void DeleteMadeKeys(const StateValue& note) {
       RegDeleteKeyExW(HKEY_LOCAL_MACHINE, key.c_str(), KEY_WOW64_64KEY, 0);
     }
   }
-  if (ReadState(note)) {
-    DeleteStateValue(note);
-  }
+  DeleteStateValue(note);
 }
 
 }  // namespace kiosk::state

@@ -13,7 +13,7 @@ namespace kiosk::state {
 bool NoteMissingKeys(const StateValue& note, std::initializer_list<const wchar_t*> keys);
 
 // Deletes the keys that were noted, the deepest first, as far as they have neither values nor subkeys by now; then the
-// note. One that somebody uses, or that cannot be deleted, stays for good.
+// note. One that somebody uses, or that cannot be deleted, stays for good. Nothing when the note cannot be read.
 void DeleteMadeKeys(const StateValue& note);
 
 }  // namespace kiosk::state

@@ -117,6 +117,7 @@ void RestoreWuRestartPolicy() {
   if (!state::FlagIsOn(kBorrowed.mark)) {
     return;
   }
+  const state::ReadWatch reads;
   for (const BorrowedValue& policy : kPolicies) {
     // Twice, since the copy goes with the mark. Nothing waits longer for it: the terminal may be on its way out.
     bool back = state::PutBack(policy);
@@ -129,7 +130,7 @@ void RestoreWuRestartPolicy() {
     }
   }
   state::DeleteMadeKeys(state::kMadeWuKeys);
-  if (!kBorrowed.Forget()) {
+  if (!reads.AllKnown() || !kBorrowed.Forget()) {
     return;
   }
   state::FlushStateKey();

@@ -11,8 +11,8 @@ namespace kiosk::updates {
 // value that exists cannot be saved. Comes from the window thread.
 void ApplyWuRestartPolicy(const UpdatesPolicy& policy);
 
-// Puts the computer's own values back while the service owns them. One that was cut short is done again as a whole.
-// Comes from the window thread and from a teardown.
+// Puts the computer's own values back while the service owns them. One that was cut short, or could not read a copy, is
+// done again as a whole. Comes from the window thread and from a teardown.
 void RestoreWuRestartPolicy();
 
 // Commits what is installed, for at most 60 s, and asks Windows to restart in 60 s. False when Windows refuses or the
