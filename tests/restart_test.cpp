@@ -36,12 +36,16 @@ TEST_F(RestartTest, ACancelledOneNeverComesTheNextOneDoesAndAStopEndsTheWait) {
   EXPECT_FALSE(sim::PendingShutdown());
   EXPECT_EQ(test::LogTexts().size(), 1U);
   ScheduleKioskRestart();
-  ScheduleIdleRestart("");  // comes to nothing beside it, and so does its delay
-  PutOffIdleRestart();
-  CallOffIdleRestart();
+  ScheduleIdleRestart("", IfSomebodySignsIn::kCallOff);  // comes to nothing beside it, and so does its end
+  HoldIdleRestart(true);
   clock_.RunUntil(70'250);
   EXPECT_TRUE(sim::PendingShutdown());
   sim::ForgetShutdown();
+  ScheduleIdleRestart("", IfSomebodySignsIn::kPutOff);
+  HoldIdleRestart(false);
+  EXPECT_TRUE(KioskRestartPending());
+  HoldIdleRestart(true);
+  EXPECT_FALSE(KioskRestartPending());
   ASSERT_TRUE(win32::CreateStopEvent());
   ScheduleKioskRestart();
   clock_.At(75'000, [] { win32::RequestStop(); });

@@ -107,7 +107,7 @@ TEST_F(ServiceTest, StartRepairsAndShutdownEndsMaintenance) {
     ASSERT_EQ(WaitForSingleObject(service.Get(), 20'000), WAIT_OBJECT_0);
   }
   EXPECT_FALSE(state::FlagIsOn(state::kMaintenance));
-  EXPECT_EQ(test::CountLogged("INFO maintenance was cut short: no restart while somebody is signed in"), 1);
+  EXPECT_EQ(test::CountLogged("INFO maintenance was cut short: somebody signed in, no restart"), 1);
   EXPECT_EQ(test::CountLogged("INFO maintenance over (Windows is restarting): kiosk sign-in restored"), 1);
   EXPECT_EQ(sim::RestartComputer(), 1U) << "the kiosk does not sign in by itself";
 }

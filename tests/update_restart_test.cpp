@@ -1,6 +1,7 @@
 // Windows may not restart on its own, and the owner's restart policies come back.
 #include "updates/restart_policy.h"
 
+#include "log/log.h"
 #include "sim/fault_driver.h"
 #include "tests/support/updates.h"
 
@@ -92,6 +93,8 @@ void PrepareOwnersPolicies() {
   test::Enrol("tok", false);
   SetDword(state::kStateKey, L"PriorWuSetActiveHours", 0);  // left over from an earlier time
   OwnPolicies();
+  log::Log(log::kNotice, log::kKiosk,
+           "prepared");  // the log's folders, if nobody made them yet, are no change of the run
 }
 
 void ApplyEarly() { ApplyWuRestartPolicy(kEarly); }

@@ -29,8 +29,9 @@ constexpr wchar_t kMessage[] = L"Restarting to start kiosk mode.";
 // call or a wait.
 win32::Lock restartLock{win32::LockRank::kLeaf};
 std::uint64_t deadline GUARDED_BY(restartLock) = 0;        // as a tick count; 0: no restart is pending
-const char* idleReason GUARDED_BY(restartLock) = nullptr;  // of one that waits until nobody is signed in; else null
-bool putOff GUARDED_BY(restartLock) = false;               // it has waited, and the log says so
+const char* idleReason GUARDED_BY(restartLock) = nullptr;  // of one that comes only if nobody is signed in; else null
+IfSomebodySignsIn idleThen GUARDED_BY(restartLock) = IfSomebodySignsIn::kCallOff;
+bool putOff GUARDED_BY(restartLock) = false;  // the idle one has waited, and the log says so
 bool threadRuns GUARDED_BY(restartLock) = false;
 bool beingAsked GUARDED_BY(restartLock) = false;  // a thread is in the call that restarts Windows
 int attempts GUARDED_BY(restartLock) = 0;         // how often Windows was not ready for the pending restart
@@ -49,7 +50,7 @@ void RestartWhenDue() {
   const char* const idle = idleReason;
   guard.Unlock();
   if (idle != nullptr && !enrolment::NobodyIsSignedIn()) {
-    PutOffIdleRestart();
+    HoldIdleRestart(enrolment::KioskIsSignedIn() == true);
   } else {
     RestartIfPending(idle != nullptr ? idle : "enrolled");
   }
@@ -108,33 +109,31 @@ void ScheduleKioskRestart() {
   SetDeadline(kRestartDelaySeconds);
 }
 
-void ScheduleIdleRestart(const char* why) {
+void ScheduleIdleRestart(const char* why, IfSomebodySignsIn then) {
   const win32::LockGuard guard(restartLock);
   if (deadline != 0) {
     return;
   }
   idleReason = why;
+  idleThen = then;
   putOff = false;
   log::Log(log::kNotice, log::kKiosk, "%s: restarting into kiosk mode in %d s", why, kIdleDelay);
   SetDeadline(kIdleDelay);
 }
 
-void PutOffIdleRestart() noexcept {
+void HoldIdleRestart(bool kiosk) noexcept {
   const win32::LockGuard guard(restartLock);
   if (deadline == 0 || idleReason == nullptr) {
+    return;
+  }
+  if (kiosk || idleThen == IfSomebodySignsIn::kCallOff) {
+    deadline = 0;
+    log::Log(log::kNotice, log::kKiosk, "%s: somebody signed in, no restart", idleReason);
     return;
   }
   deadline = In(kIdleDelay);
   if (!std::exchange(putOff, true)) {
     log::Log(log::kNotice, log::kKiosk, "%s: no restart while somebody is signed in", idleReason);
-  }
-}
-
-void CallOffIdleRestart() noexcept {
-  const win32::LockGuard guard(restartLock);
-  if (deadline != 0 && idleReason != nullptr) {
-    deadline = 0;
-    log::Log(log::kNotice, log::kKiosk, "%s: the kiosk signed in, no restart", idleReason);
   }
 }
 

@@ -1,6 +1,6 @@
 // The restart of the computer into kiosk mode: 10 s after an enrolment that set the kiosk account up, or earlier on a
-// caller's wish. And the idle one: 5 minutes after a kiosk was put right that does not sign in before a restart, or
-// later, when nobody is signed in.
+// caller's wish. And the idle one, when nobody is signed in: 5 minutes after a kiosk was put right that does not sign
+// in before a restart.
 #pragma once
 
 #include "command/request.h"
@@ -13,15 +13,16 @@ inline constexpr int kRestartDelaySeconds = 10;
 // anew. Logged.
 void ScheduleKioskRestart();
 
-// The idle one, in 5 minutes; while somebody is signed in then, it waits for another 5. `why`, a literal, goes into the
-// log: "maintenance was cut short". Nothing when a restart is pending.
-void ScheduleIdleRestart(const char* why);
+enum class IfSomebodySignsIn {
+  kCallOff,  // the restart does not take place
+  kPutOff,   // unless it is the kiosk, which calls it off: its 5 minutes begin anew until nobody is signed in
+};
 
-// Somebody signed in: an idle one counts its 5 minutes anew. Any other stays.
-void PutOffIdleRestart() noexcept;
+// The idle one. `why`, a literal, goes into the log: "maintenance was cut short". Nothing when a restart is pending.
+void ScheduleIdleRestart(const char* why, IfSomebodySignsIn then);
 
-// The kiosk signed in: an idle one does not take place. Any other stays.
-void CallOffIdleRestart() noexcept;
+// Somebody signed in, the kiosk or somebody else, which counts for an idle one alone.
+void HoldIdleRestart(bool kiosk) noexcept;
 
 // Either of them.
 [[nodiscard]] bool KioskRestartPending() noexcept;

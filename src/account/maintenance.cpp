@@ -141,7 +141,7 @@ void RepairMaintenance() {
   // Durably over, or every start would end in a restart.
   if (state::FlushStateKey() && state::FlagIsOn(state::kProvisioned) && AutoLogonNamesKiosk() &&
       enrolment::NobodyIsSignedIn()) {
-    ScheduleIdleRestart("maintenance was cut short");
+    ScheduleIdleRestart("maintenance was cut short", IfSomebodySignsIn::kCallOff);
   }
 }
 
@@ -162,10 +162,8 @@ void RememberAdministratorSessions() {
 void OnSessionChange(DWORD event, DWORD session) {
   if (event == WTS_SESSION_LOGOFF) {
     OnSessionSignedOut(session);
-  } else if (event == WTS_SESSION_LOGON && enrolment::IsKioskSession(session)) {
-    CallOffIdleRestart();
   } else if (event == WTS_SESSION_LOGON && session != 0) {
-    PutOffIdleRestart();
+    HoldIdleRestart(enrolment::IsKioskSession(session));
   }
   if (session == 0 || !state::FlagIsOn(state::kMaintenance)) {
     return;

@@ -22,7 +22,7 @@ bool EndMaintenance(const char* reason);
 
 // At the start of the service, before other threads exist: maintenance does not survive a restart of Windows. One that
 // a power cut ended is over for the service but not for Windows, which has read by then that nobody signs in by itself:
-// the computer is restarted 5 minutes later, or once nobody uses it. Also over is one that was marked and no more,
+// the computer is restarted 5 minutes later, unless somebody uses it. Also over is one that was marked and no more,
 // with automatic sign-in still on: the kiosk is signed in, and whoever asked for it got no answer.
 void RepairMaintenance();
 

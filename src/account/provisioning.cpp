@@ -310,7 +310,7 @@ std::string Provision() REQUIRES(AccountLock()) {
   log::TroubleIsOver(log::kSetUpFails);
   log::WriteEvent(ENTRY_KIOSK_SET_UP);
   if (std::exchange(restartOwed, false)) {
-    ScheduleIdleRestart("the kiosk account was made anew");
+    ScheduleIdleRestart("the kiosk account was made anew", IfSomebodySignsIn::kPutOff);
   }
   return {};
 }
