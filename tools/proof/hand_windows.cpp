@@ -37,7 +37,6 @@ using kiosk::win32::KernelHandle;
 using kiosk::win32::NetBuffer;
 using kiosk::win32::ToNarrow;
 
-constexpr wchar_t kPerson[] = L"NorvaneProofPerson";
 constexpr DWORD kRestartTime = 300'000;  // ms
 constexpr DWORD kAskTime = 120'000;
 
@@ -295,8 +294,10 @@ std::optional<bool> AskAsKiosk(const Value& request) {
     command += sign == L'"' ? std::wstring(L"\\\"") : std::wstring(1, sign);
   }
   command += L"\"";
+  wchar_t desktop[] = L"winsta0\\default";  // by itself Windows takes one of a service
   STARTUPINFOW startup{};
   startup.cb = sizeof(startup);
+  startup.lpDesktop = desktop;
   PROCESS_INFORMATION process{};
   if (CreateProcessAsUserW(token.Get(), nullptr, command.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr,
                            L"C:\\", &startup, &process) == 0) {
