@@ -8,7 +8,6 @@
 #include "tools/proof/life.h"
 #include "tools/proof/product.h"
 #include "tools/proof/run.h"
-#include "tools/proof/snapshot.h"
 #include "win32/computer_name.h"
 #include "win32/console.h"
 #include "win32/wide_text.h"
@@ -187,8 +186,7 @@ int RunAll(const Options& options) {
     return refuse(why);
   }
   constexpr wchar_t kConnections[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Internet Settings\\Connections";
-  if (!NoteContractCases() || !NoteValue(kConnections, L"WinHttpSettings") || !TheRun().SetNote("step", 0) ||
-      !TheRun().SetBefore(Snapshot())) {
+  if (!NoteContractCases() || !NoteValue(kConnections, L"WinHttpSettings") || !TheRun().SetNote("step", 0)) {
     return refuse("the journal cannot be written (" + std::to_string(GetLastError()) + ")");
   }
   TheRun().AskCases("administrator");

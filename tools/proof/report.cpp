@@ -26,6 +26,10 @@ std::string TextOf(const Value& line) {
 
 }  // namespace
 
+contract::Result HeldWithout(const std::vector<std::string>& lines) {
+  return {lines.empty() ? Verdict::kHeld : Verdict::kBroken, Joined(lines)};
+}
+
 std::string Report::Begin(Value head) {
   content_.Set("head", std::move(head));
   content_.Set("lines", Value::Array());
