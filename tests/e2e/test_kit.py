@@ -58,6 +58,11 @@ class Kit:
         with contextlib.suppress(FileNotFoundError):
             return json.loads(self.terminal.path(f"{REPORT}{self.reports}\\report.json").read_text("utf-8"))
 
+    def last_line(self):
+        """Of the report for people; None while there is none."""
+        with contextlib.suppress(FileNotFoundError):
+            return self.terminal.path(f"{REPORT}{self.reports}\\report.txt").read_text("utf-8").splitlines()[-1]
+
     def has_come_to(self, step):
         """A short step may be over before anybody looks."""
         report = self.report() or {"lines": []}
@@ -154,7 +159,7 @@ class OnTheSimulation(unittest.TestCase):
 
     def test_what_is_left_behind_is_broken(self):
         with self.kit.start("--only", "life/install") as process:
-            wait_for(lambda: self.kit.has_come_to("life/install"), "the kit to come to a step", 60)
+            wait_for(lambda: self.kit.last_line() == "not finished: life/install", "the kit to come to a step", 60)
             self.terminal.machine("user", "Stranger", "x")
             code = process.wait(120)
         report = self.kit.report()
@@ -162,6 +167,7 @@ class OnTheSimulation(unittest.TestCase):
         broken = verdicts(report, "broken")
         self.assertEqual((code, len(broken)), (1, 1), broken)
         self.assertRegex(broken[0], r"^broken kit/undo .*\+ user Stranger S-1-5-21-")
+        self.assertEqual(self.kit.last_line(), summary(report))
         self.check_as_before()
 
     def test_the_whole_life(self):

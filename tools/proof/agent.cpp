@@ -108,7 +108,7 @@ void Play() {
 void End() {
   Run& run = TheRun();
   Report& report = run.TheReport();
-  report.Set("running", "");
+  report.Set("running", "kit/undo");
   report.Set("restarts", run.Note("starts").number() - 1);
   report.SetList("log", Warnings());
   const std::vector<std::string> before = run.Before();

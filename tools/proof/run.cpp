@@ -72,6 +72,7 @@ void Run::AskCases(const char* caller) {
     if (!before) {
       before = Snapshot();
     }
+    report_->Set("running", begin);
     const std::vector<contract::Result> answers = AnswersOf(*group);
     for (std::size_t i = 0; i < answers.size(); ++i) {
       const contract::Case& each = group->cases[i];
