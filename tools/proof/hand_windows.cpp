@@ -270,11 +270,13 @@ bool AsSecondUser(bool interactive, const std::function<void()>& action) {
   if (contract::ThisPlatform() != contract::Platform::kWindows) {
     return false;
   }
-  // For the rest of this process.
-  static const HANDLE atConsole = PersonsToken(LOGON32_LOGON_INTERACTIVE).Release();
-  static const HANDLE fromNetwork = PersonsToken(LOGON32_LOGON_NETWORK).Release();
-  const HANDLE token = interactive ? atConsole : fromNetwork;
-  if (token == nullptr || ImpersonateLoggedOnUser(token) == 0) {
+  // For the rest of this process. While Windows starts it may not sign anybody in yet.
+  static KernelHandle tokens[2];
+  KernelHandle& token = tokens[interactive ? 1 : 0];
+  if (!token) {
+    token = PersonsToken(interactive ? LOGON32_LOGON_INTERACTIVE : LOGON32_LOGON_NETWORK);
+  }
+  if (!token || ImpersonateLoggedOnUser(token.Get()) == 0) {
     return false;
   }
   const contract::AtEnd revert([] { RevertToSelf(); });
