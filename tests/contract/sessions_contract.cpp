@@ -41,6 +41,15 @@ std::wstring WinlogonText(const wchar_t* name) {
   return text;
 }
 
+void SetWinlogonText(const wchar_t* name, const std::wstring& text) {
+  if (text.empty()) {
+    RegDeleteKeyValueW(HKEY_LOCAL_MACHINE, kWinlogon, name);
+  } else {
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kWinlogon, name, REG_SZ, text.c_str(),
+                    static_cast<DWORD>((text.size() + 1) * sizeof(wchar_t)));
+  }
+}
+
 // "Turn on automatic logon in Windows" (KB 324737): whoever signs in at the console becomes the default user.
 void ConsoleUsersAreNoted(Asked& asked) {
   const LocalUser user;
@@ -50,10 +59,8 @@ void ConsoleUsersAreNoted(Asked& asked) {
   const AtEnd back([&] {
     WTSLogoffSession(WTS_CURRENT_SERVER_HANDLE, session, TRUE);
     DeleteProfileW(user.Sid().c_str(), nullptr, nullptr);
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kWinlogon, L"DefaultUserName", REG_SZ, name.c_str(),
-                    static_cast<DWORD>((name.size() + 1) * sizeof(wchar_t)));
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, kWinlogon, L"DefaultDomainName", REG_SZ, domain.c_str(),
-                    static_cast<DWORD>((domain.size() + 1) * sizeof(wchar_t)));
+    SetWinlogonText(L"DefaultUserName", name);
+    SetWinlogonText(L"DefaultDomainName", domain);
   });
   asked.Same("DefaultUserName", WinlogonText(L"DefaultUserName"), LocalUser::kName);
   wchar_t* text = nullptr;

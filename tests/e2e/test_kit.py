@@ -58,6 +58,11 @@ class Kit:
         with contextlib.suppress(FileNotFoundError):
             return json.loads(self.terminal.path(f"{REPORT}{self.reports}\\report.json").read_text("utf-8"))
 
+    def last_line(self):
+        """Of the report for people; None while there is none."""
+        with contextlib.suppress(FileNotFoundError):
+            return self.terminal.path(f"{REPORT}{self.reports}\\report.txt").read_text("utf-8").splitlines()[-1]
+
     def has_come_to(self, step):
         """A short step may be over before anybody looks."""
         report = self.report() or {"lines": []}
@@ -147,9 +152,22 @@ class OnTheSimulation(unittest.TestCase):
             code = process.wait(120)
         report = self.kit.report()
         self.assertEqual((code, verdicts(report, "broken", "known", "could not run")), (0, []))
-        self.assertIn("held kit/cases (the agent's account): ", verdicts(report, "held"))
-        callers = {line["caller"] for line in report["lines"] if line["id"] == "contract/proxy/default"}
-        self.assertEqual(callers, {"administrator", "the agent's account"})
+        for case in ("contract/proxy/default", "kit/cases"):
+            callers = {line["caller"] for line in report["lines"] if line["id"] == case}
+            self.assertEqual(callers, {"administrator", "the agent's account"})
+        self.check_as_before()
+
+    def test_what_is_left_behind_is_broken(self):
+        with self.kit.start("--only", "life/install") as process:
+            wait_for(lambda: self.kit.last_line() == "not finished: life/install", "the kit to come to a step", 60)
+            self.terminal.machine("user", "Stranger", "x")
+            code = process.wait(120)
+        report = self.kit.report()
+        self.terminal.registry("delete", SIMULATED + r"\Users\Stranger", "/f")
+        broken = verdicts(report, "broken")
+        self.assertEqual((code, len(broken)), (1, 1), broken)
+        self.assertRegex(broken[0], r"^broken kit/undo .*\+ user Stranger S-1-5-21-")
+        self.assertEqual(self.kit.last_line(), summary(report))
         self.check_as_before()
 
     def test_the_whole_life(self):

@@ -35,8 +35,9 @@ std::optional<bool> AskAsKiosk(const kiosk::json::Value& request);
 // Asks as LocalSystem, which is not signed in interactively. Empty: nobody here is.
 std::optional<kioskctl::Answer> AskAsSystem(const kiosk::json::Value& request);
 
-// Does it as a plain user of the kit's own, whose rights Windows judges, signed in interactively or as from the
-// network. False when there is nobody who could.
+// A plain user of the kit's own, whose rights Windows judges.
+inline constexpr wchar_t kPerson[] = L"NorvaneProofPerson";
+// Does it as that user, signed in interactively or as from the network. False when there is nobody who could.
 bool AsSecondUser(bool interactive, const std::function<void()>& action);
 
 // The computer restarts, because the product asked for it or because this does. True once Windows is up again; a real

@@ -37,7 +37,6 @@ using kiosk::win32::KernelHandle;
 using kiosk::win32::NetBuffer;
 using kiosk::win32::ToNarrow;
 
-constexpr wchar_t kPerson[] = L"NorvaneProofPerson";
 constexpr DWORD kRestartTime = 300'000;  // ms
 constexpr DWORD kAskTime = 120'000;
 
@@ -271,11 +270,13 @@ bool AsSecondUser(bool interactive, const std::function<void()>& action) {
   if (contract::ThisPlatform() != contract::Platform::kWindows) {
     return false;
   }
-  // For the rest of this process.
-  static const HANDLE atConsole = PersonsToken(LOGON32_LOGON_INTERACTIVE).Release();
-  static const HANDLE fromNetwork = PersonsToken(LOGON32_LOGON_NETWORK).Release();
-  const HANDLE token = interactive ? atConsole : fromNetwork;
-  if (token == nullptr || ImpersonateLoggedOnUser(token) == 0) {
+  // For the rest of this process. While Windows starts it may not sign anybody in yet.
+  static KernelHandle tokens[2];
+  KernelHandle& token = tokens[interactive ? 1 : 0];
+  if (!token) {
+    token = PersonsToken(interactive ? LOGON32_LOGON_INTERACTIVE : LOGON32_LOGON_NETWORK);
+  }
+  if (!token || ImpersonateLoggedOnUser(token.Get()) == 0) {
     return false;
   }
   const contract::AtEnd revert([] { RevertToSelf(); });
@@ -295,8 +296,10 @@ std::optional<bool> AskAsKiosk(const Value& request) {
     command += sign == L'"' ? std::wstring(L"\\\"") : std::wstring(1, sign);
   }
   command += L"\"";
+  wchar_t desktop[] = L"winsta0\\default";  // by itself Windows takes one of a service
   STARTUPINFOW startup{};
   startup.cb = sizeof(startup);
+  startup.lpDesktop = desktop;
   PROCESS_INFORMATION process{};
   if (CreateProcessAsUserW(token.Get(), nullptr, command.data(), nullptr, nullptr, FALSE, CREATE_NO_WINDOW, nullptr,
                            L"C:\\", &startup, &process) == 0) {

@@ -6,6 +6,7 @@
 #include "service/install.h"
 #include "state/folders.h"
 #include "state/kiosk_state.h"
+#include "tests/contract/hand.h"
 #include "tools/proof/computer.h"
 #include "tools/proof/hand.h"
 #include "tools/proof/journal.h"
@@ -264,15 +265,17 @@ void Revoked(Asked& asked) {
   asked.Same("its session", KioskSession(), 0);
 }
 
-// But for the product's own keys and its service, which stay until it is uninstalled, and the owner's automatic
-// sign-in, which comes back at the end.
+// But for the product's own keys and its service, which stay until it is uninstalled, the owner's automatic sign-in,
+// which comes back at the end, and the kit's own user.
 void AsBefore(Asked& asked) {
   const std::vector<std::string> before = TheRun().Before();
   Asked::Needs(!before.empty(), "the snapshot from before");
   std::vector<std::string> differences = Differences(before, Snapshot());
-  std::erase_if(differences, [aside = TheRun().Note("signInAside").boolean()](const std::string& line) {
+  const std::string person = kiosk::win32::ToNarrow(contract::SidOfUser(hand::kPerson));
+  std::erase_if(differences, [&, aside = TheRun().Note("signInAside").boolean()](const std::string& line) {
     return line.find("SOFTWARE\\Norvane") != std::string::npos || line == "+ service NorvaneKiosk" ||
-           line == "- secret DefaultPassword" || (aside && line.find("\\AutoAdminLogon = ") != std::string::npos);
+           line == "- secret DefaultPassword" || (aside && line.find("\\AutoAdminLogon = ") != std::string::npos) ||
+           (!person.empty() && line.find(" " + person) != std::string::npos);
   });
   asked.Same("what differs", ToWide(Joined(differences)), L"");
 }

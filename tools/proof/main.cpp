@@ -1,6 +1,5 @@
 // kiosk_proof: asks the Windows that it runs on what the tests promise of it, and plays a terminal's life on it.
-// Without
-// --run, --contract or --undo it changes nothing and says what it would do.
+// Without --run, --contract or --undo it changes nothing and says what it would do.
 #include "tools/proof/agent.h"
 #include "tools/proof/computer.h"
 #include "tools/proof/groups.h"
@@ -8,7 +7,6 @@
 #include "tools/proof/life.h"
 #include "tools/proof/product.h"
 #include "tools/proof/run.h"
-#include "tools/proof/snapshot.h"
 #include "win32/computer_name.h"
 #include "win32/console.h"
 #include "win32/wide_text.h"
@@ -135,6 +133,7 @@ int AskContract(const Options& options) {
     return Refuse(why);
   }
   TheRun().AskCases("administrator");
+  TheRun().TheReport().Set("done", true);
   return ExitCodeOf(TheRun().TheReport());
 }
 
@@ -187,15 +186,20 @@ int RunAll(const Options& options) {
     return refuse(why);
   }
   constexpr wchar_t kConnections[] = L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion\\Internet Settings\\Connections";
-  if (!NoteContractCases() || !NoteValue(kConnections, L"WinHttpSettings") || !TheRun().SetNote("step", 0) ||
-      !TheRun().SetBefore(Snapshot())) {
+  if (!NoteContractCases() || !NoteValue(kConnections, L"WinHttpSettings") || !TheRun().SetNote("step", 0)) {
     return refuse("the journal cannot be written (" + std::to_string(GetLastError()) + ")");
   }
   TheRun().AskCases("administrator");
   const DWORD agent = StartAgent();
   const kiosk::win32::KernelHandle process(agent != 0 ? OpenProcess(SYNCHRONIZE, FALSE, agent) : nullptr);
-  return process ? Follow(process.Get(), folder)
-                 : refuse("the agent cannot be started (" + std::to_string(GetLastError()) + ")");
+  if (!process) {
+    return refuse("the agent cannot be started (" + std::to_string(GetLastError()) + ")");
+  }
+  if (options.run.restarts) {
+    Print("Windows restarts, and this ends with it. Leave the computer alone, and sign in only once report.txt in " +
+          ToNarrow(folder) + " ends with the numbers of what is held and broken.\n");
+  }
+  return Follow(process.Get(), folder);
 }
 
 int Undo() {

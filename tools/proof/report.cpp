@@ -26,9 +26,14 @@ std::string TextOf(const Value& line) {
 
 }  // namespace
 
+contract::Result HeldWithout(const std::vector<std::string>& lines) {
+  return {lines.empty() ? Verdict::kHeld : Verdict::kBroken, Joined(lines)};
+}
+
 std::string Report::Begin(Value head) {
   content_.Set("head", std::move(head));
   content_.Set("lines", Value::Array());
+  content_.Set("running", "kit/begin");
   if (folder_.empty()) {
     return {};
   }
@@ -131,7 +136,7 @@ std::string Report::Text() const {
       text += line.text() + "\n";
     }
   }
-  return text + "\n" + Summary() + "\n";
+  return text + "\n" + (IsDone() ? Summary() : "not finished: " + Member(content_, "running").text()) + "\n";
 }
 
 bool Report::Save() const {

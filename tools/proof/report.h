@@ -16,6 +16,9 @@ struct Line {
   contract::Result answer;
 };
 
+// Held when there is no such line, otherwise broken with all of them.
+contract::Result HeldWithout(const std::vector<std::string>& lines);
+
 class Report {
  public:
   // In this folder; empty: the lines are only printed. What a report there says already is kept when the run goes on.

@@ -5,8 +5,10 @@
 #include "tools/proof/files.h"
 #include "tools/proof/groups.h"
 #include "tools/proof/journal.h"
+#include "tools/proof/snapshot.h"
 #include "win32/wide_text.h"
 
+#include <optional>
 #include <utility>
 
 namespace proof {
@@ -46,7 +48,9 @@ std::string Run::GoOn() {
     options_ = {Note("restarts").boolean(), Note("quick").boolean(), Note("only").text()};
     report_ = std::make_unique<Report>(kiosk::win32::ToWide(Note("report").text()));
     portal_.Change([this](Portal::State& state) { state.tokenDigest = Note("tokenDigest").text(); });
-    if (!report_->GoOn()) {
+    if (Note("starts").IsNull() && !ReplaceFileText(kBefore, Joined(Snapshot()))) {
+      problem = "what the computer is like cannot be noted (" + std::to_string(GetLastError()) + ")";
+    } else if (!report_->GoOn()) {
       problem = "the report of the run is damaged: " + Note("report").text();
     } else if (!portal_.Start(static_cast<std::uint16_t>(Note("port").number())) || !SetNote("port", portal_.Port())) {
       problem = "the portal of the run cannot be started (" + std::to_string(GetLastError()) + ")";
@@ -58,14 +62,17 @@ std::string Run::GoOn() {
   return problem;
 }
 
-bool Run::AskCases(const char* caller) {
-  bool any = false;
+void Run::AskCases(const char* caller) {
+  std::optional<std::vector<std::string>> before;
   for (const contract::Group* group : contract::Groups()) {
     const std::string begin = "contract/" + std::string(group->name) + "/";
     if (!Wants(begin) && !options_.only.starts_with(begin)) {
       continue;
     }
-    any = true;
+    if (!before) {
+      before = Snapshot();
+    }
+    report_->Set("running", begin);
     const std::vector<contract::Result> answers = AnswersOf(*group);
     for (std::size_t i = 0; i < answers.size(); ++i) {
       const contract::Case& each = group->cases[i];
@@ -74,7 +81,10 @@ bool Run::AskCases(const char* caller) {
       }
     }
   }
-  return any;
+  if (before) {
+    report_->Add({"kit/cases", caller, "the contract cases leave the computer as it was",
+                  HeldWithout(Differences(*before, Snapshot()))});
+  }
 }
 
 bool Run::SetNote(const char* name, Value value) {
@@ -87,6 +97,5 @@ std::string WhyCutShort() {
 }
 
 std::vector<std::string> Run::Before() const { return Split(ReadFileText(kBefore).value_or("")); }
-bool Run::SetBefore(const std::vector<std::string>& lines) { return ReplaceFileText(kBefore, Joined(lines)); }
 
 }  // namespace proof

@@ -21,8 +21,8 @@ class Run {
  public:
   // An administrator's: begins the report and the notes for the agent. Empty, or why not.
   std::string Begin(const std::wstring& reportFolder, const RunOptions& options);
-  // The agent's, at each of its starts. Empty, or why not: the notes or the report are not what a run leaves, which is
-  // noted for whoever comes to look (WhyCutShort).
+  // The agent's, at each of its starts; the first one notes what the computer is like (Before). Empty, or why not: the
+  // notes or the report are not what a run leaves, which is noted for whoever comes to look (WhyCutShort).
   std::string GoOn();
 
   [[nodiscard]] const RunOptions& Options() const noexcept { return options_; }
@@ -30,16 +30,15 @@ class Run {
   Report& TheReport() noexcept { return *report_; }
   Portal& ThePortal() noexcept { return portal_; }
 
-  // Asks the contract cases and adds the answers to the report. False when the run wants none.
-  bool AskCases(const char* caller);
+  // Asks the contract cases that the run wants, and whether they leave the computer as it was.
+  void AskCases(const char* caller);
 
   // Of what GoOn finds again: numbers and texts.
   [[nodiscard]] const kiosk::json::Value& Note(const char* name) const { return Member(notes_, name); }
   bool SetNote(const char* name, kiosk::json::Value value);
 
-  // The computer as it was before the first step.
+  // The computer as it was before the agent's first step, as the agent sees it: an administrator may see less.
   [[nodiscard]] std::vector<std::string> Before() const;
-  bool SetBefore(const std::vector<std::string>& lines);
 
  private:
   kiosk::json::Value notes_ = kiosk::json::Value::Object();

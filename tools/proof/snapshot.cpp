@@ -97,6 +97,11 @@ void AddServices(std::vector<std::string>& lines) {
   }
 }
 
+// What Windows' own programs bring along when they update themselves, and the kit's service.
+constexpr const char* kOthers[] = {
+    "task MicrosoftEdge",    "task OneDrive ",    "task User_Feed_Synchronization-", "service edgeupdate",
+    "service MicrosoftEdge", "service MDCoreSvc", "service NorvaneProofAgent"};
+
 }  // namespace
 
 std::vector<std::string> Snapshot() {
@@ -105,7 +110,10 @@ std::vector<std::string> Snapshot() {
     AddKey(lines, key);
   }
   AddServices(lines);
-  std::erase_if(lines, [](const std::string& line) { return line.find("NorvaneProof") != std::string::npos; });
+  std::erase_if(lines, [](const std::string& line) {
+    return std::any_of(std::begin(kOthers), std::end(kOthers),
+                       [&](const char* others) { return line.starts_with(others); });
+  });
   std::sort(lines.begin(), lines.end());
   return lines;
 }
