@@ -109,9 +109,10 @@ TEST_F(TeardownTest, WhicheverReadFailsNothingIsForgotten) {
     int failures;
     void (*prepare)();
     void (*run)();
+    bool alone = false;  // nobody comes after it
   } cases[] = {
-      {"an uninstall", -1, [] {}, [] { RemoveKioskMode(true, "uninstalled"); }},
-      {"a removal that was interrupted", 1, [] { SetDword(state::kStateKey, L"TeardownPending", 1); },
+      {"an uninstall", 2, [] {}, [] { RemoveKioskMode(true, "uninstalled"); }, true},
+      {"a removal that was interrupted", -1, [] { SetDword(state::kStateKey, L"TeardownPending", 1); },
        FinishPendingRemoval},
       {"the account alone is left", 1,
        [] {
@@ -141,7 +142,9 @@ TEST_F(TeardownTest, WhicheverReadFailsNothingIsForgotten) {
         each.run();
         failed = failing.Happened();
       }
-      FinishPendingRemoval();
+      if (!each.alone) {
+        FinishPendingRemoval();
+      }
       EXPECT_EQ(sim::DumpMachine(), before);
       EXPECT_EQ(StateNames(), std::set<std::wstring>{});
     }

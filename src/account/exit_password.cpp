@@ -98,10 +98,11 @@ class Attempt {
       return "locked";
     }
     count_ = failures + 1;
-    if (!state::WriteStateDword(state::kMaintenanceFailures, count_) || !state::FlushStateKey()) {
-      state::WriteStateDword(state::kMaintenanceFailures, failures);  // what is not made does not count
+    // Without a token there is nothing to guess, and maybe no key to count in.
+    if (!state::WriteStateDword(state::kMaintenanceFailures, count_) && state::TokenIsStored()) {
       return "busy";
     }
+    state::FlushStateKey();  // who has to make room on a full disk must get in: there it counts until Windows restarts
     checking = true;
     return nullptr;
   }

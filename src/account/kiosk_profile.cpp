@@ -141,6 +141,9 @@ bool StaleProfilesAreDue() {
   return true;
 }
 
-DWORD StaleProfilesWait() { return state::ReadState(state::kStaleProfileSids) ? kStaleInterval : INFINITE; }
+DWORD StaleProfilesWait() {
+  state::RawValue noted;
+  return state::ReadState(state::kStaleProfileSids, noted) == ERROR_FILE_NOT_FOUND ? INFINITE : kStaleInterval;
+}
 
 }  // namespace kiosk::account

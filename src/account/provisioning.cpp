@@ -110,10 +110,9 @@ Outcome CreateAccount(const Password& password, std::wstring& sid) {
 Outcome DropRecordOfVanished(const std::wstring& recorded) REQUIRES(AccountLock()) {
   log::Log(log::kWarn, log::kKiosk, "the recorded kiosk account is gone; creating a new one");
   // Its session bears the name of the kiosk's and would be anybody's from now on; and Windows holds the profile for it.
-  const std::optional<bool> signedIn = enrolment::KioskIsSignedIn();
-  if (signedIn != false) {
+  if (enrolment::KioskIsSignedIn() != false) {
     enrolment::LogOffKioskSessions(true);
-    restartOwed = restartOwed || signedIn == true;
+    restartOwed = true;
   }
   const bool remembered = DeleteKioskProfile(recorded) || NoteStaleProfile(recorded);
   return remembered && state::DeleteStateValue(state::kAccountSid) ? kWell : Outcome{"state_write_failed"};

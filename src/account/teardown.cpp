@@ -36,6 +36,7 @@ namespace {
 
 constexpr DWORD kStateWait = 10'000;
 constexpr DWORD kStatePoll = 1'000;
+constexpr int kTries = 3;  // to give everything back, where that meets a value that cannot be read
 
 // Whether there is a kiosk to be removed, and this is no removal that was begun before and told of then.
 bool IsNewRemoval() {
@@ -159,13 +160,48 @@ bool CalledOffByNewerToken() {
   return true;
 }
 
-void LogUnreadable() {
-  log::Log(log::kError, log::kKiosk, "cannot read all of the state key; removing kiosk mode once that is possible");
-}
-
 void DeleteStateKey() {
   RegDeleteTreeW(HKEY_LOCAL_MACHINE, state::kStateKey);
   RegDeleteKeyExW(HKEY_LOCAL_MACHINE, state::kStateKey, KEY_WOW64_64KEY, 0);
+}
+
+struct GivenBack {
+  bool network;
+  bool account;
+};
+
+// Each step may be taken again. What one cannot read it takes for none, and keeps what it still needs.
+GivenBack GiveBack(bool deleteStateKey) REQUIRES(AccountLock()) {
+  const state::ReadWatch reads;
+  RestoreAutoLogon();
+  RestoreFastUserSwitching();
+  if (reads.AllKnown()) {
+    state::DeleteMadeKeys(state::kMadeSignInKeys);  // the policy above is in one of them
+  }
+  branding::RemoveBranding();
+  power::RestorePowerSettings();
+  updates::RestoreWuRestartPolicy();
+  updates::ForgetUpdates();
+  proxy::RestoreProxy();
+  const bool network = network::EndChanges();
+  const bool account = RemoveAccount();
+  branding::RemoveBranding();  // what the kiosk's programs had open until they were signed out
+  DeleteStaleProfiles(deleteStateKey && account && network);
+  return {network, account};
+}
+
+// Empty when there was always something that could not be read.
+std::optional<GivenBack> GiveBackKnowingAll(bool deleteStateKey) REQUIRES(AccountLock()) {
+  for (int tries = 1;; ++tries) {
+    const state::ReadWatch reads;
+    const GivenBack back = GiveBack(deleteStateKey);
+    if (reads.AllKnown()) {
+      return back;
+    }
+    if (tries == kTries || win32::WaitOrStop(nullptr, kStatePoll) == win32::WaitResult::kStop) {
+      return std::nullopt;
+    }
+  }
 }
 
 // The caller has passed the guard between processes.
@@ -179,28 +215,9 @@ void TearDown(bool deleteStateKey, const char* reason) REQUIRES(AccountLock()) {
   if (isNew) {
     log::WriteEvent(ENTRY_KIOSK_REMOVED, {reason});
   }
-  if (!StateCanBeReadSoon()) {
-    LogUnreadable();
-    return;
-  }
-  const state::ReadWatch reads;
-  RestoreAutoLogon();
-  RestoreFastUserSwitching();
-  state::DeleteMadeKeys(state::kMadeSignInKeys);  // the policy above is in one of them
-  branding::RemoveBranding();
-  power::RestorePowerSettings();
-  updates::RestoreWuRestartPolicy();
-  updates::ForgetUpdates();
-  proxy::RestoreProxy();
-  const bool networkWhole = network::EndChanges();
-  const bool removed = RemoveAccount();
-  branding::RemoveBranding();  // what the kiosk's programs had open until they were signed out
-  // The record of an adapter that cannot be put back now is in the key, and the next try needs it.
-  const bool deleteKey = deleteStateKey && removed && networkWhole;
-  DeleteStaleProfiles(deleteKey);
-  // What a step could not read it took for none, and kept what it still needs. All of them are done again.
-  if (!reads.AllKnown()) {
-    LogUnreadable();
+  const std::optional<GivenBack> back = StateCanBeReadSoon() ? GiveBackKnowingAll(deleteStateKey) : std::nullopt;
+  if (!back) {
+    log::Log(log::kError, log::kKiosk, "cannot read all of the state key; removing kiosk mode once that is possible");
     return;
   }
   if (!EraseEnrolment()) {
@@ -208,14 +225,15 @@ void TearDown(bool deleteStateKey, const char* reason) REQUIRES(AccountLock()) {
              "cannot delete the device token; removing kiosk mode again at the next check-in");
     return;
   }
-  if (!removed) {
+  if (!back->account) {
     MarkPending();
     log::Log(log::kWarn, log::kKiosk,
              "the kiosk account could not be removed yet; retrying at every start and check-in");
     return;
   }
   ForgetRemovedAccount();
-  if (deleteKey) {
+  // The record of an adapter that could not be put back is in the key, and the next try needs it.
+  if (deleteStateKey && back->network) {
     DeleteStateKey();
   }
 }

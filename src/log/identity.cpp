@@ -54,11 +54,12 @@ std::string NewUuid() {
   return uuid;
 }
 
-// Of a link in the file's place nothing is read. Empty text: there is none, or it is damaged. Empty optional: nobody
-// can tell now.
+// Another process may be moving the file into place. Of a link in its place nothing is read. Empty text: there is none,
+// or it is damaged. Empty optional: nobody can tell now.
 std::optional<std::string> ReadUuid(const std::wstring& path) {
-  const win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
-                                           FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+  const win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_READ,
+                                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                           OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
   if (!file) {
     return GetLastError() == ERROR_FILE_NOT_FOUND ? std::optional<std::string>("") : std::nullopt;
   }

@@ -83,7 +83,8 @@ class Worker {
     }
     if (token.Empty()) {
       backOff_ = kInterval;
-      if (!networkSettled || state::FlagIsOn(state::kTeardownPending)) {
+      state::RawValue pending;
+      if (!networkSettled || state::ReadState(state::kTeardownPending, pending) != ERROR_FILE_NOT_FOUND) {
         return kInterval;
       }
       // What could not be read now may be read later: that ends no enrolment.

@@ -129,8 +129,11 @@ void RestoreWuRestartPolicy() {
                win32::ToNarrow(policy.name).c_str(), DescribeCopy(*policy.prior).c_str());
     }
   }
+  if (!reads.AllKnown()) {
+    return;
+  }
   state::DeleteMadeKeys(state::kMadeWuKeys);
-  if (!reads.AllKnown() || !kBorrowed.Forget()) {
+  if (!kBorrowed.Forget()) {
     return;
   }
   state::FlushStateKey();

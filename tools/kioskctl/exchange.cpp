@@ -34,7 +34,7 @@ constexpr Explanation kExplanations[] = {
     {"already_enrolled", "This terminal is already paired. Remove it in the portal first to pair it anew."},
     {"autologon_in_use", "Windows signs another user in by itself. Switch that off first."},
     {"bad_request", "The service could not read the request."},
-    {"busy", "Another password is being checked. Try again in a moment."},
+    {"busy", "The password cannot be checked just now, for instance while another one is. Try again in a moment."},
     {"busy", "A search or an installation is going already. Follow it with \"updates\".", "os.install"},
     {"caller_refused", "The service admits only programs that its publisher signed (see the service's log)."},
     {"claimed", "The code was used by another terminal. Start again for a new one."},
