@@ -2,15 +2,15 @@
 // tests/e2e/test_crowd.py:
 //
 //   crowd KIND CLIENTS SECONDS PAUSE      so many connections; one that the service has ended comes again PAUSE seconds
-//   later.
-//                                         KIND: silent, drip (a byte now and then), unread (asks and never reads), ask
-//                                         At the end the process is killed, with all that it has open
-//   crowd swarm PROCESSES KIND CLIENTS SECONDS PAUSE   so many processes of these; prints how many there are, and kills
-//   them
-//                                         at the end of its standard input
+//                                         later. KIND: silent, drip (a byte now and then), unread (asks and never
+//                                         reads), ask. At the end the process is killed, with all that it has open
+//   crowd swarm PROCESSES KIND CLIENTS SECONDS PAUSE
+//                                         so many processes of these; prints how many there are, and kills them at the
+//                                         end of its standard input
 //   crowd row REQUESTS                    one "status" after the other; prints how many were answered
 //   crowd honest SECONDS                  "status" every 100 ms; prints for each how long its answer took, in ms, or
-//   "none" crowd handles                         prints how many handles the service has open
+//                                         "none"
+//   crowd handles                         prints how many handles the service has open
 //
 // Exit codes: 0 done, 1 the service is not there, 2 usage.
 #include "tests/support/handle_count.h"
