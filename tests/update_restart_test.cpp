@@ -3,6 +3,7 @@
 
 #include "log/log.h"
 #include "sim/fault_driver.h"
+#include "sim/faults.h"
 #include "tests/support/updates.h"
 
 namespace kiosk::updates {
@@ -56,6 +57,11 @@ TEST_F(UpdateRestartTest, WindowsMayNotRestartOnItsOwn) {
   EXPECT_EQ(Policies(), "1 1 4 22 18 ");
   ApplyWuRestartPolicy({true, 0, 1381, 127});
   EXPECT_EQ(Policies(), "1 1 4 22 18 ");
+  {
+    const sim::FailingReads failing(state::kPriorWuNoAutoReboot.name, ERROR_NO_SYSTEM_RESOURCES);
+    RestoreWuRestartPolicy();
+    EXPECT_TRUE(test::HasKey(kWindowsUpdateKey)) << "the value whose copy cannot be read";
+  }
   RestoreWuRestartPolicy();
   EXPECT_EQ(Policies(), "- - - - - ");
   EXPECT_FALSE(test::HasKey(kWindowsUpdateKey)) << "nobody had it before";
