@@ -191,8 +191,8 @@ bool RestorePriorPower() {
   const bool restored = PutValuesBack(scheme, json::Member(prior, "values").items());
   // Also when nothing differed: an earlier run may have been cut short right before this.
   const ActiveScheme active;
-  if (active && IsEqualGUID(*active.Id(), scheme)) {
-    PowerSetActiveScheme(nullptr, &scheme);
+  if (active && IsEqualGUID(*active.Id(), scheme) && PowerSetActiveScheme(nullptr, &scheme) != ERROR_SUCCESS) {
+    PowerSetActiveScheme(nullptr, &scheme);  // nobody comes for it again, and until then the kiosk's values count
   }
   if (restored) {
     log::Log(log::kNotice, log::kKiosk, "power: the scheme is back as it was before enrolment");
