@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -50,7 +51,10 @@ DWORD Left(ULONGLONG deadline) {
 }
 
 // Whoever opens the name first serves it while the service does not run, so ask the service manager who the service is.
+// One thread at a time: Wine now and then takes the manager's handles of two for each other's (ERROR_INVALID_HANDLE).
 bool ServedByService(HANDLE pipe) {
+  static std::mutex turn;
+  const std::lock_guard guard(turn);
   const ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CONNECT));
   const ServiceHandle service(manager ? OpenServiceW(manager.get(), L"NorvaneKiosk", SERVICE_QUERY_STATUS) : nullptr);
   SERVICE_STATUS_PROCESS status{};
