@@ -6,8 +6,12 @@
 #include "account/provisioning.h"
 #include "account/teardown.h"
 #include "enrolment/device_token.h"
+#include "json/parse.h"
 #include "json/serialise.h"
 #include "portal/pairing.h"
+#include "portal/policies.h"
+#include "power/power_scheme.h"
+#include "proxy/proxy.h"
 #include "sim/computer.h"
 #include "sim/fault_driver.h"
 #include "sim/profiles.h"
@@ -26,13 +30,17 @@ constexpr char kPutBackOnce[] = "trying until it works would keep all other sett
 constexpr char kSeenThrough[] = "means nothing without an account, and the next enrolment deletes or rewrites it";
 const struct {
   const char* call;          // how its text begins, in small letters
-  const char* why;           // null: it is not there in these scenarios, so that nothing is left
+  const char* why;           // null: nothing is left, since it is not there, or tried twice
   bool uninstallToo = true;  // false: an uninstall deletes the whole key
 } kCostsItsObject[] = {
     {"lsastoreprivatedata(defaultpassword", "it opens no account any more, and the next enrolment replaces it"},
     {R"(regdeletekeyvaluew(hklm\software\microsoft\windows\currentversion\policies\system\hidefastuserswitching)",
      kPutBackOnce},
     {R"(regdeletekeyvaluew(hklm\software\norvane\tessaly\kiosk\priorpower)", nullptr},
+    {R"(regdeletekeyvaluew(hklm\software\norvane\tessaly\kiosk\priorproxy)", nullptr},
+    {R"(regdeletekeyvaluew(hklm\software\norvane\tessaly\kiosk\appliedproxy)", kSeenThrough, false},
+    {R"(regdeletekeyvaluew(hklm\software\norvane\tessaly\kiosk\powerpolicy)", kSeenThrough, false},
+    {R"(regdeletekeyvaluew(hklm\software\norvane\tessaly\kiosk\powerscheduleapplied)", kSeenThrough, false},
     {R"(regdeletekeyvaluew(hklm\software\norvane\tessaly\kiosk\prior)", kSeenThrough, false},
     {R"(regdeletekeyvaluew(hklm\software\norvane\tessaly\kiosk\owns)", kSeenThrough, false},
     {R"(regdeletekeyvaluew(hklm\software\norvane\tessaly\kiosk\autologon)", kSeenThrough, false},
@@ -88,6 +96,16 @@ void ExpectGivenBack(const std::string& before, bool removal, bool uninstalled) 
   EXPECT_EQ(test::Differences(object.starts_with("secret") ? before : between), std::set<std::string>{});
 }
 
+// All that the portal and the person at the terminal may have had changed.
+void UseAllOfTheTerminal() {
+  sim::SignIn(L"NorvaneKiosk");
+  portal::StorePolicies(json::Parse(R"({"power":{"screenOffMinutes":5,"sleepMinutes":6,"schedule":)"
+                                    R"({"enabled":true,"sleepAt":"22:00","wakeAt":"07:00","days":[1]}}})")
+                            .value_or(json::Value()));
+  power::ApplyEffectivePowerPolicy();
+  test::Ask(proxy::ProxySet, R"({"mode":"manual","server":"proxy.test:1"})");
+}
+
 // The console's last user is the one whom Windows names for automatic sign-in, whoever that was meant for.
 void AnnaComesAndGoes() { sim::SignOut(sim::SignIn(L"anna")); }
 
@@ -109,7 +127,7 @@ void EveryPointGivesTheComputerBack(const KioskScenario& scenario) {
     test::WriteWholeFile(kDumpFile, sim::DumpMachine());
     test::Enrol(scenario.enrolled ? "tok-1" : "", scenario.enrolled);
     if (scenario.enrolled) {
-      sim::SignIn(L"NorvaneKiosk");
+      UseAllOfTheTerminal();
     }
     scenario.prepare();
   };

@@ -242,6 +242,26 @@ TEST_F(PowerTasksTest, SleepAndWakeRuns) {
   EXPECT_EQ(test::LogTexts().size(), lines);
 }
 
+TEST_F(PowerTasksTest, TasksThatWindowsKeptWhenKioskModeEndedTakeThemselvesAway) {
+  for (int (*const task)() : {SleepNow, WakeNow}) {
+    test::Enrol("tok", false);
+    Receive(Policy(15, 0, "true"));
+    Apply();
+    state::DeleteStateValue(state::kDeviceToken);
+    sim::FailTaskMethod(L"Connect");
+    RestorePowerSettings();
+    sim::FailTaskMethod(L"");
+    EXPECT_FALSE(sim::RegisteredTask(kSleepName).empty() || sim::RegisteredTask(kWakeName).empty());
+    EXPECT_EQ(task(), 0);
+    EXPECT_TRUE(sim::TaskLines().empty());
+  }
+  EXPECT_EQ(sim::power.suspends.Get() + sim::power.executionState.Get(), 0U);
+  // Who knows whether this is a terminal?
+  const sim::FailingReads unreadable(L"DeviceToken", ERROR_NO_SYSTEM_RESOURCES);
+  EXPECT_EQ(SleepNow(), 0);
+  EXPECT_EQ(sim::power.suspends.Get(), 1U);
+}
+
 // The week of a terminal whose schedule is Monday to Friday, 07:00 to 22:00 local time. Sleep is a jump of the wall
 // clock: waits stand still meanwhile.
 TEST_F(PowerTasksTest, AComputerThatATimerWokeStaysAwakeForAsLongAsTheScheduleWants) {

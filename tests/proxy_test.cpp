@@ -92,24 +92,24 @@ TEST_F(ProxyTest, EachModeIsAppliedAndEchoed) {
   EXPECT_EQ(Set(R"({"mode":"manual","server":"p"})"), R"({"ok":false,"error":"invalid"})");
   EXPECT_EQ(test::CountLogged("WARN proxy.set refused: invalid server"), 1);
   EXPECT_EQ(Now(), L"direct");
-  RestoreProxy();
+  EXPECT_TRUE(RestoreProxy());
   EXPECT_EQ(Now(), L"owner.test:3128 not for a.test");
   EXPECT_FALSE(Recorded());
 }
 
 TEST_F(ProxyTest, OnlyWhatIsStillOursIsPutBack) {
-  RestoreProxy();
+  EXPECT_TRUE(RestoreProxy());
   EXPECT_EQ(Now(), L"owner.test:3128 not for a.test");
   Set(kManual);
   SetOwners(L"later.test:1");
-  RestoreProxy();
+  EXPECT_TRUE(RestoreProxy());
   EXPECT_EQ(Now(), L"later.test:1");
   EXPECT_FALSE(Recorded());
 
   Set(kManual);
   SetOwners(L"evenlater.test:2");  // and what is replaced now is the owner's newer one
   Set(R"({"mode":"none"})");
-  RestoreProxy();
+  EXPECT_TRUE(RestoreProxy());
   EXPECT_EQ(Now(), L"evenlater.test:2");
 
   Set(kManual);  // back by command: nothing is left to be given back
@@ -126,10 +126,11 @@ TEST_F(ProxyTest, NotesThatCannotBeReadAreNotTakenForNone) {
     {
       const sim::FailingReads failing(name, ERROR_NO_SYSTEM_RESOURCES);
       EXPECT_EQ(Set(R"({"mode":"manual","server":"other.test:1"})"), R"({"ok":false,"error":"failed"})");
-      RestoreProxy();
+      EXPECT_FALSE(RestoreProxy());
     }
     EXPECT_EQ(Now(), L"proxy.test:8080 not for *.intra.test;<local>");
-    RestoreProxy();
+    const sim::FailingReads once(name, ERROR_NO_SYSTEM_RESOURCES, 1);
+    EXPECT_TRUE(RestoreProxy());
     EXPECT_EQ(Now(), L"owner.test:3128 not for a.test") << sim::Narrow(name);
   }
 }
@@ -145,13 +146,13 @@ TEST_F(ProxyTest, TheOwnersSettingComesBackByteForByte) {
       EXPECT_EQ(Now(), request == kManual ? L"proxy.test:8080 not for *.intra.test;<local>" : L"direct");
       EXPECT_FALSE(HasScript());
     }
-    RestoreProxy();
+    EXPECT_TRUE(RestoreProxy());
     EXPECT_EQ(Kept(), owners);
     EXPECT_FALSE(Recorded());
   }
   Set(kManual);
   Keep(kScriptAndProxy);  // somebody else's, later
-  RestoreProxy();
+  EXPECT_TRUE(RestoreProxy());
   EXPECT_EQ(Kept(), kScriptAndProxy);
   EXPECT_FALSE(Recorded());
 }
@@ -161,7 +162,7 @@ TEST_F(ProxyTest, RecordOfAnOlderVersionCounts) {
   test::SetString(state::kStateKey, L"PriorProxy", LR"({"server":"owner.test:3128","bypass":"a.test"})");
   test::SetString(state::kStateKey, L"AppliedProxy", LR"([{"server":"set.test:1","bypass":""}])");
   Set(kManual);
-  RestoreProxy();
+  EXPECT_TRUE(RestoreProxy());
   EXPECT_EQ(Now(), L"owner.test:3128 not for a.test");
   EXPECT_FALSE(Recorded());
 }
@@ -175,10 +176,13 @@ TEST(ProxyFaults, OwnersSettingSurvivesThemAll) {
   const auto run = [] {
     Set(kManual);
     Set(R"({"mode":"manual","server":"second.test:1"})");
-    RestoreProxy();
+    EXPECT_TRUE(RestoreProxy());
   };
   const auto later = [] {
-    RestoreProxy();
+    if (!sim::FailedCall().empty()) {
+      EXPECT_EQ(Kept(), kScriptAndProxy) << sim::FailedCall();
+    }
+    EXPECT_TRUE(RestoreProxy());
     EXPECT_EQ(Kept(), kScriptAndProxy);
     EXPECT_FALSE(Recorded());
   };

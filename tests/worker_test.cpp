@@ -4,12 +4,14 @@
 #include "enrolment/device_token.h"
 #include "log/event_log.h"
 #include "log/log.h"
+#include "proxy/proxy.h"
 #include "sim/event_log.h"
 #include "sim/faults.h"
 #include "sim/power.h"
 #include "sim/profiles.h"
 #include "sim/shutdown.h"
 #include "state/folders.h"
+#include "tests/support/command.h"
 #include "tests/support/terminal.h"
 #include "version.h"
 #include "win32/clock.h"
@@ -194,6 +196,38 @@ TEST_F(WorkerTest, RevocationEndsTheEnrolmentAndWhatIsPendingIsRetried) {
   clock_.RunUntil(7'201'000);
   EXPECT_EQ(portal_.Seconds().back(), 7200U);
   EXPECT_TRUE(state::FlagIsOn(state::kProvisioned));
+}
+
+TEST_F(WorkerTest, AnOutageEndsWithTheEnrolment) {
+  answer_ = outage_;
+  StartWorker();
+  clock_.RunUntil(1'000);
+  answer_ = kRevoked;
+  clock_.RunUntil(3'700'000);
+  EXPECT_FALSE(state::TokenIsStored());
+  answer_ = outage_;
+  enrolment::StoreDeviceToken("tok");
+  win32::WakeWorker();
+  clock_.RunUntil(3'800'000);
+  EXPECT_EQ(test::CountLogged("WARN check-in: no usable answer from AuthSystem (HTTP 503); still enrolled"), 2);
+  EXPECT_EQ(state::ReadStateString(state::kLastError), L"HTTP 503");
+  EXPECT_EQ(sim::EventLogEntries(), Texts{"NorvaneKiosk warning 203 [removed in the portal (401, status revoked)]"});
+}
+
+TEST_F(WorkerTest, AProxyThatCouldNotBeGivenBackIsTriedAgainWithoutAnEnrolment) {
+  StartWorker();
+  clock_.RunUntil(1'000);
+  test::Ask(proxy::ProxySet, R"({"mode":"manual","server":"proxy.test:1"})");
+  answer_ = kRevoked;
+  {
+    const sim::FailingReads failing(L"WinHttpSettings", ERROR_NO_SYSTEM_RESOURCES);
+    clock_.RunUntil(45'000);
+    EXPECT_FALSE(state::TokenIsStored());
+    EXPECT_TRUE(test::HasValue(state::kStateKey, L"PriorWinHttpSettings"));
+  }
+  clock_.RunUntil(700'000);
+  EXPECT_EQ(test::CountLogged("INFO proxy: the computer's own default proxy is back"), 1);
+  EXPECT_FALSE(test::HasValue(state::kStateKey, L"PriorWinHttpSettings"));
 }
 
 TEST_F(WorkerTest, AProfileThatCannotBeDeletedHoldsNothingUpAndGoesWithinTheHour) {

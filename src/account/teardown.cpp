@@ -166,7 +166,7 @@ void DeleteStateKey() {
 }
 
 struct GivenBack {
-  bool network;
+  bool settings;  // of network and proxy; otherwise the records that their next try needs are still there
   bool account;
 };
 
@@ -182,12 +182,12 @@ GivenBack GiveBack(bool deleteStateKey) REQUIRES(AccountLock()) {
   power::RestorePowerSettings();
   updates::RestoreWuRestartPolicy();
   updates::ForgetUpdates();
-  proxy::RestoreProxy();
-  const bool network = network::EndChanges();
+  const bool proxyIsBack = proxy::RestoreProxy();
+  const bool settings = network::EndChanges() && proxyIsBack;
   const bool account = RemoveAccount();
   branding::RemoveBranding();  // what the kiosk's programs had open until they were signed out
-  DeleteStaleProfiles(deleteStateKey && account && network);
-  return {network, account};
+  DeleteStaleProfiles(deleteStateKey && account && settings);
+  return {settings, account};
 }
 
 // Empty when there was always something that could not be read.
@@ -232,8 +232,7 @@ void TearDown(bool deleteStateKey, const char* reason) REQUIRES(AccountLock()) {
     return;
   }
   ForgetRemovedAccount();
-  // The record of an adapter that could not be put back is in the key, and the next try needs it.
-  if (deleteStateKey && back->network) {
+  if (deleteStateKey && back->settings) {
     DeleteStateKey();
   }
 }

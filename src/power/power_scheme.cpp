@@ -43,13 +43,14 @@ void Activate(const GUID& scheme, const PowerPolicy& policy, bool changed) REQUI
 }
 
 // Removes the tasks and puts the scheme back, then deletes `values` in that order, and the copies: until then a restore
-// that was cut short is done again from them. Copies that cannot be read now stay.
+// that was cut short is done again from them. Copies that cannot be read now stay; those that are done with would be
+// taken for the next enrolment's, so their deletion is tried twice.
 void TakeBack(std::initializer_list<state::StateValue> values) REQUIRES(PowerLock()) {
   const win32::ComApartment apartment;
   RemovePowerTasks();
   const bool restored = RestorePriorPower();
   state::DeleteStateValues(values);
-  if (restored) {
+  if (restored && !state::DeleteStateValue(state::kPriorPower)) {
     state::DeleteStateValue(state::kPriorPower);
   }
 }

@@ -47,9 +47,14 @@ bool ReportsWakeSupport() {
          capabilities.RtcWake != PowerSystemUnspecified;
 }
 
-void RemoveTasks(const SchedulerConnection& scheduler) {
-  RemovePowerTask(scheduler, kSleepTask);
-  RemovePowerTask(scheduler, kWakeTask);
+bool RemoveTasks(const SchedulerConnection& scheduler) {
+  const bool sleep = RemovePowerTask(scheduler, kSleepTask);
+  return RemovePowerTask(scheduler, kWakeTask) && sleep;
+}
+
+bool ConnectAndRemoveTasks() {
+  SchedulerConnection scheduler;
+  return ConnectTaskScheduler(scheduler) && RemoveTasks(scheduler);
 }
 
 // True when the wake task is registered, now or before.
@@ -97,9 +102,8 @@ std::string ApplyPowerSchedule(const GUID& scheme, const PowerSchedule& schedule
 }
 
 void RemovePowerTasks() {
-  SchedulerConnection scheduler;
-  if (ConnectTaskScheduler(scheduler)) {
-    RemoveTasks(scheduler);
+  if (!ConnectAndRemoveTasks()) {
+    ConnectAndRemoveTasks();
   }
 }
 

@@ -14,8 +14,8 @@ namespace kiosk::power {
 // when the terminal would not be woken. The caller holds the power lock and is in a COM apartment.
 std::string ApplyPowerSchedule(const GUID& scheme, const PowerSchedule& schedule, bool& changed);
 
-// Removes both tasks, whatever the schedule; deleting "PowerScheduleApplied" is left to the caller, who also holds the
-// power lock and is in a COM apartment.
+// Removes both tasks, whatever the schedule, and tries it twice; one that stays takes both away when it runs. Deleting
+// "PowerScheduleApplied" is left to the caller, who is in a COM apartment.
 void RemovePowerTasks();
 
 }  // namespace kiosk::power

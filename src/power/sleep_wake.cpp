@@ -2,7 +2,10 @@
 
 #include "log/log.h"
 #include "power/power_policy_store.h"
+#include "power/power_tasks.h"
 #include "power/stream_session.h"
+#include "state/kiosk_state.h"
+#include "win32/com.h"
 #include "win32/privilege.h"
 #include "win32/winapi.h"
 
@@ -32,6 +35,17 @@ std::optional<std::uint32_t> TooLate() {
   return late > kLatest && late < kDay - kLatest ? std::optional(late) : std::nullopt;
 }
 
+// Whether kiosk mode has ended and Task Scheduler did not take its tasks back then: they are taken back now.
+bool IsLeftOver() {
+  state::RawValue token;
+  if (!state::ReadKnownState(state::kDeviceToken, token) || !token.bytes.empty()) {
+    return false;
+  }
+  const win32::ComApartment apartment;
+  RemovePowerTasks();
+  return true;
+}
+
 // Sleeps and does not hibernate; applications are asked first; wake timers stay on.
 bool Suspend() {
   win32::EnablePrivilege(SE_SHUTDOWN_NAME);
@@ -48,7 +62,9 @@ bool Suspend() {
 int SleepNow() {
   log::StartBanner(log::kKiosk);
   bool done = true;
-  if (const auto late = TooLate(); late) {
+  if (IsLeftOver()) {
+    log::Log(log::kWarn, log::kKiosk, "power: scheduled sleep skipped, this computer is no terminal any more");
+  } else if (const auto late = TooLate(); late) {
     log::Log(log::kWarn, log::kKiosk, "power: scheduled sleep skipped, it comes %u min late",
              static_cast<unsigned>(*late / 60));
   } else if (StreamSessionIsLive()) {
@@ -61,7 +77,9 @@ int SleepNow() {
 }
 
 int WakeNow() {
-  SetThreadExecutionState(ES_SYSTEM_REQUIRED | ES_DISPLAY_REQUIRED);
+  if (!IsLeftOver()) {
+    SetThreadExecutionState(ES_SYSTEM_REQUIRED | ES_DISPLAY_REQUIRED);
+  }
   return 0;
 }
 

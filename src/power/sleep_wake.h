@@ -1,4 +1,5 @@
-// What the two scheduled tasks run: short-lived processes of this program, apart from the service.
+// What the two scheduled tasks run: short-lived processes of this program, apart from the service. On a computer that
+// is not enrolled they only remove the tasks, which Windows kept when kiosk mode ended.
 #pragma once
 
 namespace kiosk::power {
@@ -8,7 +9,7 @@ namespace kiosk::power {
 int SleepNow();
 
 // "--wake-now": by the time this runs the timer has woken the computer; turns the display on. Always 0, and logs
-// nothing.
+// nothing but such a removal.
 int WakeNow();
 
 }  // namespace kiosk::power

@@ -196,7 +196,7 @@ bool RegisterPowerTask(const SchedulerConnection& scheduler, const PowerTask& ta
   return true;
 }
 
-void RemovePowerTask(const SchedulerConnection& scheduler, const PowerTask& task) {
+bool RemovePowerTask(const SchedulerConnection& scheduler, const PowerTask& task) {
   const Bstr name = MakeBstr(task.name);
   const HRESULT result = name ? scheduler.folder->DeleteTask(name.Get(), 0) : E_OUTOFMEMORY;
   const std::string text = win32::ToNarrow(task.name);
@@ -204,7 +204,9 @@ void RemovePowerTask(const SchedulerConnection& scheduler, const PowerTask& task
     log::Log(log::kNotice, log::kKiosk, "power: removed the task \"%s\"", text.c_str());
   } else if (result != kNoSuchTask) {
     log::Log(log::kError, log::kKiosk, "power: cannot remove \"%s\" (%s)", text.c_str(), HresultText(result).c_str());
+    return false;
   }
+  return true;
 }
 
 }  // namespace kiosk::power

@@ -32,7 +32,7 @@ bool TaskExists(const SchedulerConnection& scheduler, const PowerTask& task);
 bool RegisterPowerTask(const SchedulerConnection& scheduler, const PowerTask& task, std::uint32_t minutesAfterMidnight,
                        DayMask days);
 
-// Deletes the task; one that does not exist is nothing. What happened is logged.
-void RemovePowerTask(const SchedulerConnection& scheduler, const PowerTask& task);
+// Deletes the task. False when it is still there; then, and when there was one, that is logged.
+bool RemovePowerTask(const SchedulerConnection& scheduler, const PowerTask& task);
 
 }  // namespace kiosk::power

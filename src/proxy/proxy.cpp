@@ -20,7 +20,7 @@
 namespace kiosk::proxy {
 namespace {
 
-// Held from reading the setting to writing it. Connection threads and teardown come here.
+// Held from reading the setting to writing it. Connection threads, teardown and the worker come here.
 win32::Lock proxyLock{win32::LockRank::kLeaf};
 
 // Where WinHTTP keeps its default proxy. Its functions know only a named one; "netsh winhttp set advproxy" can also set
@@ -210,6 +210,35 @@ bool Apply(const Proxy& wanted) REQUIRES(proxyLock) {
   return true;
 }
 
+// False, and logged, when that failed.
+bool GiveBack() REQUIRES(proxyLock) {
+  Noted noted;
+  if (!ReadNoted(noted)) {
+    return false;
+  }
+  const std::optional<Prior>& prior = noted.prior;
+  if (!prior) {
+    if (state::ReadState(state::kAppliedProxy)) {
+      ForgetPrior();  // half of it was forgotten before
+    }
+    return true;
+  }
+  Setting now;
+  if (!ReadSetting(now)) {
+    return false;
+  }
+  if (!IsPrior(now, *prior) && !noted.IsOurs(now)) {
+    log::Log(log::kNotice, log::kKiosk, "proxy: somebody else has set another default proxy; left alone");
+  } else if (!IsPrior(now, *prior)) {
+    if (!(prior->proxy ? WriteProxy(*prior->proxy, now) : WriteBytes(prior->kept))) {
+      return false;
+    }
+    log::Log(log::kNotice, log::kKiosk, "proxy: the computer's own default proxy is back");
+  }
+  ForgetPrior();
+  return true;
+}
+
 }  // namespace
 
 json::Value ProxySet(const command::Request& request) {
@@ -234,32 +263,9 @@ json::Value ProxySet(const command::Request& request) {
   return reply;
 }
 
-void RestoreProxy() {
+bool RestoreProxy() {
   const win32::LockGuard guard(proxyLock);
-  Noted noted;
-  if (!ReadNoted(noted)) {
-    return;
-  }
-  const std::optional<Prior>& prior = noted.prior;
-  Setting now;
-  if (!prior) {
-    if (state::ReadState(state::kAppliedProxy)) {
-      ForgetPrior();  // half of it was forgotten before
-    }
-    return;
-  }
-  if (!ReadSetting(now)) {
-    return;
-  }
-  if (!IsPrior(now, *prior) && !noted.IsOurs(now)) {
-    log::Log(log::kNotice, log::kKiosk, "proxy: somebody else has set another default proxy; left alone");
-  } else if (!IsPrior(now, *prior)) {
-    if (!(prior->proxy ? WriteProxy(*prior->proxy, now) : WriteBytes(prior->kept))) {
-      return;
-    }
-    log::Log(log::kNotice, log::kKiosk, "proxy: the computer's own default proxy is back");
-  }
-  ForgetPrior();
+  return GiveBack() || GiveBack();
 }
 
 }  // namespace kiosk::proxy

@@ -12,7 +12,7 @@ namespace kiosk::proxy {
 json::Value ProxySet(const command::Request& request);
 
 // Puts the computer's own setting back, if it was replaced and nobody has set another since, and deletes the records.
-// When that fails they stay, so that it can be tried again.
-void RestoreProxy();
+// False when that failed twice: they stay, so that it can be tried again.
+[[nodiscard]] bool RestoreProxy();
 
 }  // namespace kiosk::proxy

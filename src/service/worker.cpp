@@ -14,6 +14,7 @@
 #include "portal/check_in.h"
 #include "portal/revocation.h"
 #include "power/power_scheme.h"
+#include "proxy/proxy.h"
 #include "state/kiosk_state.h"
 #include "win32/clock.h"
 #include "win32/stop.h"
@@ -83,12 +84,7 @@ class Worker {
     }
     if (token.Empty()) {
       backOff_ = kInterval;
-      state::RawValue pending;
-      if (!networkSettled || state::ReadState(state::kTeardownPending, pending) != ERROR_FILE_NOT_FOUND) {
-        return kInterval;
-      }
-      // What could not be read now may be read later: that ends no enrolment.
-      return read == enrolment::TokenRead::kUnreadable ? Longer(tokenWait_) : account::StaleProfilesWait();
+      return Unpaired(read == enrolment::TokenRead::kUnreadable, networkSettled);
     }
     const portal::CheckInResult result = portal::CheckIn(token.Get());
     // Somebody else may have ended the enrolment, or begun another, while the answer was on its way: that one counts.
@@ -124,6 +120,18 @@ class Worker {
     }
     backOff_ = kInterval;
     return kInterval;
+  }
+
+  // The wait of a pass without a token. What could not be read now may be read later: that ends no enrolment.
+  DWORD Unpaired(bool unreadable, bool networkSettled) {
+    failing_ = failing_ && unreadable;
+    const bool proxySettled = unreadable || proxy::RestoreProxy();
+    state::RawValue pending;
+    if (!networkSettled || state::ReadState(state::kTeardownPending, pending) != ERROR_FILE_NOT_FOUND) {
+      return kInterval;
+    }
+    const DWORD wait = unreadable ? Longer(tokenWait_) : account::StaleProfilesWait();
+    return proxySettled ? wait : std::min(wait, kLongestBackOff);
   }
 
   void KeepProvisioned(const std::string& token) {
