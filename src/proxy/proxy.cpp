@@ -265,7 +265,11 @@ json::Value ProxySet(const command::Request& request) {
 
 bool RestoreProxy() {
   const win32::LockGuard guard(proxyLock);
-  return GiveBack() || GiveBack();
+  bool back = GiveBack();
+  if (!back) {
+    back = GiveBack();
+  }
+  return back;
 }
 
 }  // namespace kiosk::proxy
