@@ -138,6 +138,18 @@ TEST_F(NetworkTrialTest, NothingIsProvenForAnotherNetworkOrAtTheEnd) {
   EXPECT_EQ(sim::DumpAdapters(), kName + " static [10.1.2.3/24] [10.1.2.1] [9.9.9.9 8.8.8.8]\n");
 }
 
+TEST_F(NetworkTrialTest, ATokenThatCannotBeReadEndsNoTrial) {
+  StartWorker();
+  {
+    const sim::FailingReads failing(L"DeviceToken", ERROR_NO_SYSTEM_RESOURCES);
+    SetWrong();
+    clock_.RunFor(100'000);
+  }
+  EXPECT_TRUE(Recorded());
+  clock_.RunFor(205'000);
+  EXPECT_TRUE(IsBack());
+}
+
 TEST_F(NetworkTrialTest, AStartBeginsTheFiveMinutesAnew) {
   kAdapter.dhcp.Set(0);
   kAdapter.addresses.Set(L"10.1.2.3/24");

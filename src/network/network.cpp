@@ -38,10 +38,16 @@ json::Value Applied(const Adapter& adapter) {
   return reply;
 }
 
+// A token that cannot be read now may be there: no trial ends for that.
+bool MayBeEnrolled() {
+  const state::ReadWatch reads;
+  return state::TokenIsStored() || !reads.AllKnown();
+}
+
 // The wanted settings are in force: deletes the record, or begins the trial. False when the record could not be changed
 // and would bring back the settings from before.
 bool Conclude(ChangeRecord& record, bool keep) {
-  const bool nothingToProve = keep || Same(*record.wanted, record.before) || !state::TokenIsStored();
+  const bool nothingToProve = keep || Same(*record.wanted, record.before) || !MayBeEnrolled();
   if (nothingToProve) {
     return ForgetChange(record.adapter);
   }
@@ -158,7 +164,7 @@ bool SettleChanges() {
   if (!turn) {
     return false;
   }
-  const bool enrolled = state::TokenIsStored();
+  const bool enrolled = MayBeEnrolled();
   std::vector<ChangeRecord> records;
   bool all = AllRecords(records);
   for (ChangeRecord& record : records) {
