@@ -73,8 +73,11 @@ bool MakeChange(Adapter& adapter, const Settings& wanted) { return Make(adapter,
 PutBackResult PutBack(const ChangeRecord& record, bool evenIfStrange, bool tell) {
   Adapter adapter;
   const DWORD error = ReadAdapter(win32::ToWide(record.adapter), adapter);
-  if (error != ERROR_SUCCESS) {
-    return error == ERROR_NOT_FOUND ? PutBackResult::kGone : PutBackResult::kNotNow;
+  if (error == ERROR_NOT_FOUND) {
+    return PutBackResult::kGone;
+  }
+  if (error != ERROR_SUCCESS || !adapter.linkUp) {
+    return PutBackResult::kNotNow;
   }
   Settings before = record.before;
   if (!record.wanted && before.dhcp && adapter.settings.dhcp) {
@@ -89,7 +92,7 @@ PutBackResult PutBack(const ChangeRecord& record, bool evenIfStrange, bool tell)
              Describe(adapter.settings).c_str());
     return PutBackResult::kOver;
   }
-  if (!adapter.linkUp || win32::StopRequested() || !Make(adapter, before, true, tell)) {
+  if (win32::StopRequested() || !Make(adapter, before, true, tell)) {
     return PutBackResult::kNotNow;
   }
   ForgetChange(record.adapter);

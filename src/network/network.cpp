@@ -75,6 +75,10 @@ json::Value Set(Adapter& adapter, const NetSetRequest& request) {
   if (done && !hasOlder) {
     return Applied(adapter);
   }
+  if (!done && !adapter.linkUp) {
+    log::Log(log::kWarn, log::kKiosk, "net.set refused: %s has no link", name.c_str());
+    return command::ErrorReply("failed");
+  }
   if (!done && !NoteChange(record)) {
     log::Log(log::kError, log::kKiosk, "net.set: cannot save the settings of %s; nothing was changed", name.c_str());
     return command::ErrorReply("failed");
