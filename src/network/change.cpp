@@ -84,7 +84,7 @@ PutBackResult PutBack(const ChangeRecord& record, bool evenIfStrange, bool tell)
     before.gateways = adapter.settings.gateways;  // older versions did not look at them
   }
   const bool strange =
-      !evenIfStrange && adapter.linkUp && record.wanted && !IsBetween(adapter.settings, before, *record.wanted);
+      !evenIfStrange && record.wanted && !IsBetween(adapter.settings, {before, record.from, *record.wanted});
   // A static adapter without an address cannot be set.
   if (strange || Same(adapter.settings, before) || (!before.dhcp && before.addresses.empty())) {
     ForgetChange(record.adapter);

@@ -70,7 +70,7 @@ json::Value Set(Adapter& adapter, const NetSetRequest& request) {
   const auto older =
       std::find_if(records.begin(), records.end(), [&](const ChangeRecord& each) { return each.adapter == name; });
   const bool hasOlder = older != records.end();
-  ChangeRecord record{name, hasOlder ? older->before : adapter.settings, request.settings};
+  ChangeRecord record{name, hasOlder ? older->before : adapter.settings, adapter.settings, request.settings};
   const bool done = IsDone(adapter, request.settings);
   if (done && !hasOlder) {
     return Applied(adapter);
