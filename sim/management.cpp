@@ -9,7 +9,6 @@
 #include <oleauto.h>
 #include <wbemcli.h>
 
-#include <algorithm>
 #include <cwchar>
 #include <map>
 #include <string>
@@ -51,15 +50,13 @@ LONG Run(const std::wstring& name, const std::wstring& method, std::map<std::wst
     Adapter(name).dhcp.Set(0);
   } else if (method == L"SetGateways") {
     // Its page: for static addresses alone, the argument is not optional, and the adapter's own address clears them.
+    // What then stands in the registry no page says: here it is that address.
     const Texts& gateways = arguments[L"DefaultIPGateway"];
     if (dhcp || gateways.empty() || gateways.size() > 5) {
       return dhcp ? 64 : gateways.empty() ? 68 : 69;
     }
-    const Texts own = Words(Adapter(name).addresses.Get());
-    const bool clears = std::any_of(own.begin(), own.end(),
-                                    [&](const std::wstring& each) { return each.starts_with(gateways[0] + L"/"); });
-    Adapter(name).gateways.Set(clears ? L"" : Joined(gateways));
-    Keep(name, L"DefaultGateway", REG_MULTI_SZ, clears ? L"" : Joined(gateways));
+    Adapter(name).gateways.Set(IsOwn(name, gateways[0]) ? L"" : Joined(gateways));
+    Keep(name, L"DefaultGateway", REG_MULTI_SZ, Joined(gateways));
   } else {
     Keep(name, L"NameServer", REG_SZ, Joined(arguments[L"DNSServerSearchOrder"]));
   }

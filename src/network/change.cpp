@@ -50,11 +50,7 @@ bool Make(Adapter& adapter, const Settings& wanted, bool insist, bool tell) {
   }
   if (wanted.dhcp) {
     // An adapter that was static has had its gateways cleared, and a route that is there by now may be the network's.
-    // Clearing may have left the adapter's own address in the registry.
-    std::vector<Address> gone = now.dhcp ? now.gateways : std::vector<Address>();
-    for (const OwnAddress& own : now.addresses) {
-      gone.push_back(own.address);
-    }
+    const std::vector<Address> gone = now.dhcp ? now.gateways : std::vector<Address>();
     if (!SetGatewaysBesideDhcp(adapter.name, adapter.luid, gone, wanted.gateways, tell) && !insist) {
       return false;
     }
