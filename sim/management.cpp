@@ -119,7 +119,7 @@ HRESULT CALL SpawnInstance(IWbemClassObject*, LONG, IWbemClassObject** instance)
   return S_OK;
 }
 
-// A call under way: it is over when it is asked for the second time.
+// A call under way: it is over when it is asked for the second time. The answer is an instance or a class.
 struct Asked {
   LONG answer;  // below 0: it never ends
   int times = 0;
@@ -139,6 +139,15 @@ IWbemCallResultVtbl callTable{
       return S_OK;
     }};
 
+HRESULT Begin(const char* function, LONG flags, IWbemCallResult** result, LONG answer) {
+  if (flags != WBEM_FLAG_RETURN_IMMEDIATELY || result == nullptr || *result != nullptr) {
+    Violation("IWbemServices::%s: flags 0x%lx, or no place for the call", function, flags);
+    return static_cast<HRESULT>(WBEM_E_INVALID_PARAMETER);
+  }
+  *result = new Call(&callTable, answer);
+  return S_OK;
+}
+
 using Found = Object<IEnumWbemClassObject, std::wstring, IID_IEnumWbemClassObject>;  // the path of the one found
 HRESULT CALL Next(IEnumWbemClassObject* self, LONG, ULONG, IWbemClassObject** object, ULONG* count) {
   const std::wstring path = std::exchange(Found::Of(self), L"");
@@ -150,13 +159,12 @@ IEnumWbemClassObjectVtbl foundTable{COM_BASICS(Found), .Next = Next};
 
 using Services = Object<IWbemServices, Stateless, IID_IWbemServices>;
 
-HRESULT CALL GetClass(IWbemServices*, const BSTR name, LONG, IWbemContext*, IWbemClassObject** object,
-                      IWbemCallResult**) {
+HRESULT CALL GetClass(IWbemServices*, const BSTR name, LONG flags, IWbemContext*, IWbemClassObject**,
+                      IWbemCallResult** result) {
   if (wcscmp(name, kClassName) != 0) {
     return static_cast<HRESULT>(WBEM_E_INVALID_CLASS);
   }
-  *object = Make();
-  return S_OK;
+  return Begin("GetObject", flags, result, Adapter(kFactoryAdapter).hangs.Get() == L"GetObject" ? -1 : 0);
 }
 
 HRESULT CALL ExecQuery(IWbemServices*, const BSTR, const BSTR query, LONG, IWbemContext*,
@@ -174,15 +182,11 @@ HRESULT CALL ExecQuery(IWbemServices*, const BSTR, const BSTR query, LONG, IWbem
 HRESULT CALL ExecMethod(IWbemServices*, const BSTR path, const BSTR method, LONG flags, IWbemContext*,
                         IWbemClassObject* in, IWbemClassObject**, IWbemCallResult** result) {
   const std::wstring name = std::wstring(path).substr(std::wstring(path).find(L'=') + 1);
-  if (flags != WBEM_FLAG_RETURN_IMMEDIATELY || result == nullptr || *result != nullptr) {
-    Violation("IWbemServices::ExecMethod: flags 0x%lx, or no place for the call", flags);
-  }
   std::map<std::wstring, Texts> arguments = in != nullptr ? Instance::Of(in).values : std::map<std::wstring, Texts>();
   const LONG answer = Adapter(name).hangs.Get() == method
                           ? -1
                           : Change<LONG>("ExecMethod", method, [&] { return Run(name, method, arguments); });
-  *result = new Call(&callTable, answer);
-  return S_OK;
+  return Begin("ExecMethod", flags, result, answer);
 }
 IWbemServicesVtbl servicesTable{COM_BASICS(Services), .GetObject = GetClass, .ExecQuery = ExecQuery,
                                 .ExecMethod = ExecMethod};
