@@ -92,7 +92,7 @@ void CheckSettings(const Value& value, const Peer& sent) {
     Settings turned = *settings;
     std::reverse(turned.addresses.begin(), turned.addresses.end());
     std::reverse(turned.gateways.begin(), turned.gateways.end());
-    Require(Same(turned, *settings) && IsBetween(turned, *settings, {}) && IsBetween(turned, {}, *settings));
+    Require(Same(turned, *settings) && IsBetween(turned, {*settings, {}}) && IsBetween(turned, {{}, *settings}));
     turned.dns.push_back(1);
     Require(!Same(turned, *settings));
   }
@@ -105,6 +105,7 @@ void CheckRecords(const Value& value, const Peer& sent) {
     if (AreSettings(MemberOf(each, "settings"))) {
       Require(record != records.end() && record->adapter == TextOf(MemberOf(each, "adapter")));
       Require(record->wanted.has_value() == AreSettings(MemberOf(each, "wanted")));
+      Require(record->from == record->before || AreSettings(MemberOf(each, "from")));
       Require(record->unproven == (record->wanted && MemberOf(each, "unproven") == true));
       ++record;
     }

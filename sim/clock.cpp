@@ -138,10 +138,10 @@ void Settle() {
     allWaitSince = 0;
     return;
   }
-  if (allWaitSince == 0) {
-    allWaitSince = ::GetTickCount64();
-  }
-  if (grace != 0 && ::GetTickCount64() - allWaitSince < grace) {
+  const std::uint64_t now = ::GetTickCount64();
+  allWaitSince = allWaitSince != 0 ? allWaitSince : now;
+  const auto mayEnd = [](const Waiter* each) { return each->count != 0 || each->settles; };  // not so a plain sleep
+  if (now - allWaitSince < grace && std::any_of(waiters.begin(), waiters.end(), mayEnd)) {
     return;
   }
   for (;;) {

@@ -42,7 +42,7 @@ class VirtualClock {
   void SetBias(int minutes);                       // daylight saving begins or ends
 
   // For tests with real pipes or files in flight: the clock jumps only after all threads have waited for so long in
-  // real time. 0 at first.
+  // real time, or when they all just sleep. 0 at first.
   void SetGrace(DWORD realMilliseconds);
   // How long nothing may move: so much processor time, used by this process or left idle. 20 s at first.
   void SetPatience(DWORD milliseconds);

@@ -9,7 +9,6 @@
 #include <oleauto.h>
 #include <wbemcli.h>
 
-#include <algorithm>
 #include <cwchar>
 #include <map>
 #include <string>
@@ -51,15 +50,13 @@ LONG Run(const std::wstring& name, const std::wstring& method, std::map<std::wst
     Adapter(name).dhcp.Set(0);
   } else if (method == L"SetGateways") {
     // Its page: for static addresses alone, the argument is not optional, and the adapter's own address clears them.
+    // What then stands in the registry no page says: here it is that address.
     const Texts& gateways = arguments[L"DefaultIPGateway"];
     if (dhcp || gateways.empty() || gateways.size() > 5) {
       return dhcp ? 64 : gateways.empty() ? 68 : 69;
     }
-    const Texts own = Words(Adapter(name).addresses.Get());
-    const bool clears = std::any_of(own.begin(), own.end(),
-                                    [&](const std::wstring& each) { return each.starts_with(gateways[0] + L"/"); });
-    Adapter(name).gateways.Set(clears ? L"" : Joined(gateways));
-    Keep(name, L"DefaultGateway", REG_MULTI_SZ, clears ? L"" : Joined(gateways));
+    Adapter(name).gateways.Set(IsOwn(name, gateways[0]) ? L"" : Joined(gateways));
+    Keep(name, L"DefaultGateway", REG_MULTI_SZ, Joined(gateways));
   } else {
     Keep(name, L"NameServer", REG_SZ, Joined(arguments[L"DNSServerSearchOrder"]));
   }
@@ -122,7 +119,7 @@ HRESULT CALL SpawnInstance(IWbemClassObject*, LONG, IWbemClassObject** instance)
   return S_OK;
 }
 
-// A call under way: it is over when it is asked for the second time.
+// A call under way: it is over when it is asked for the second time. The answer is an instance or a class.
 struct Asked {
   LONG answer;  // below 0: it never ends
   int times = 0;
@@ -142,6 +139,15 @@ IWbemCallResultVtbl callTable{
       return S_OK;
     }};
 
+HRESULT Begin(const char* function, LONG flags, IWbemCallResult** result, LONG answer) {
+  if (flags != WBEM_FLAG_RETURN_IMMEDIATELY || result == nullptr || *result != nullptr) {
+    Violation("IWbemServices::%s: flags 0x%lx, or no place for the call", function, flags);
+    return static_cast<HRESULT>(WBEM_E_INVALID_PARAMETER);
+  }
+  *result = new Call(&callTable, answer);
+  return S_OK;
+}
+
 using Found = Object<IEnumWbemClassObject, std::wstring, IID_IEnumWbemClassObject>;  // the path of the one found
 HRESULT CALL Next(IEnumWbemClassObject* self, LONG, ULONG, IWbemClassObject** object, ULONG* count) {
   const std::wstring path = std::exchange(Found::Of(self), L"");
@@ -153,13 +159,12 @@ IEnumWbemClassObjectVtbl foundTable{COM_BASICS(Found), .Next = Next};
 
 using Services = Object<IWbemServices, Stateless, IID_IWbemServices>;
 
-HRESULT CALL GetClass(IWbemServices*, const BSTR name, LONG, IWbemContext*, IWbemClassObject** object,
-                      IWbemCallResult**) {
+HRESULT CALL GetClass(IWbemServices*, const BSTR name, LONG flags, IWbemContext*, IWbemClassObject**,
+                      IWbemCallResult** result) {
   if (wcscmp(name, kClassName) != 0) {
     return static_cast<HRESULT>(WBEM_E_INVALID_CLASS);
   }
-  *object = Make();
-  return S_OK;
+  return Begin("GetObject", flags, result, Adapter(kFactoryAdapter).hangs.Get() == L"GetObject" ? -1 : 0);
 }
 
 HRESULT CALL ExecQuery(IWbemServices*, const BSTR, const BSTR query, LONG, IWbemContext*,
@@ -177,15 +182,11 @@ HRESULT CALL ExecQuery(IWbemServices*, const BSTR, const BSTR query, LONG, IWbem
 HRESULT CALL ExecMethod(IWbemServices*, const BSTR path, const BSTR method, LONG flags, IWbemContext*,
                         IWbemClassObject* in, IWbemClassObject**, IWbemCallResult** result) {
   const std::wstring name = std::wstring(path).substr(std::wstring(path).find(L'=') + 1);
-  if (flags != WBEM_FLAG_RETURN_IMMEDIATELY || result == nullptr || *result != nullptr) {
-    Violation("IWbemServices::ExecMethod: flags 0x%lx, or no place for the call", flags);
-  }
   std::map<std::wstring, Texts> arguments = in != nullptr ? Instance::Of(in).values : std::map<std::wstring, Texts>();
   const LONG answer = Adapter(name).hangs.Get() == method
                           ? -1
                           : Change<LONG>("ExecMethod", method, [&] { return Run(name, method, arguments); });
-  *result = new Call(&callTable, answer);
-  return S_OK;
+  return Begin("ExecMethod", flags, result, answer);
 }
 IWbemServicesVtbl servicesTable{COM_BASICS(Services), .GetObject = GetClass, .ExecQuery = ExecQuery,
                                 .ExecMethod = ExecMethod};

@@ -68,6 +68,12 @@ void KeepLease(const std::wstring& name) {
   Keep(name, L"DhcpDefaultGateway", REG_MULTI_SZ, lease.size() > 1 ? lease[1] : L"");
 }
 
+bool IsOwn(const std::wstring& name, const std::wstring& address) {
+  const Texts own = Words(Adapter(name).addresses.Get());
+  return std::any_of(own.begin(), own.end(),
+                     [&](const std::wstring& each) { return each.starts_with(address + L"/"); });
+}
+
 Texts Adapters() {
   if (AreaNames(kArea).empty()) {
     AddAdapter(kFactoryAdapter);
@@ -194,7 +200,9 @@ std::string DumpAdapters() {
   for (const std::wstring& name : Adapters()) {
     const bool dhcp = Adapter(name).dhcp.Get() != 0;
     const std::wstring gateways = Joined(Words(Adapter(name).gateways.Get()));
-    const std::wstring kept = Kept(name, L"DefaultGateway");
+    Texts keptOnes = Words(Kept(name, L"DefaultGateway"));
+    std::erase_if(keptOnes, [&](const std::wstring& each) { return IsOwn(name, each); });  // that says: none
+    const std::wstring kept = Joined(keptOnes);
     text += Narrow(name + (dhcp ? L" dhcp" : L" static") + L" [" + Joined(Words(Adapter(name).addresses.Get())) +
                    L"] [" + gateways + (kept != gateways ? L"; after a restart " + kept : L"") + L"] [" +
                    Kept(name, L"NameServer", REG_SZ) + L"]\n");

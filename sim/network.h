@@ -24,7 +24,7 @@ struct Adapter {
   Field<std::wstring> ownersRoutes{area, L"OwnersRoutes"};  // gateways of other default routes
   Field<std::wstring> lease{area, L"Lease"};                // "ADDRESS/BITS GATEWAY DNS", what the network gives
   Field<std::wstring> duplicate{area, L"Duplicate"};        // an address that another computer has
-  Field<std::wstring> hangs{area, L"Hangs"};                // a method that never ends
+  Field<std::wstring> hangs{area, L"Hangs"};                // a method, or GetObject, that never ends
   Field<std::wstring> changedAt{area, L"ChangedAt"};
   // What these methods answer without doing anything; absent: they do it.
   Field<> enableDhcp{area, L"EnableDHCP"}, enableStatic{area, L"EnableStatic"}, setGateways{area, L"SetGateways"};

@@ -17,6 +17,8 @@ Texts Words(const std::wstring& text);
 // Lists where Windows keeps them, joined by blanks: a text with commas (REG_SZ), or one text after the other.
 std::wstring Kept(const std::wstring& name, const wchar_t* value, DWORD type = REG_MULTI_SZ);
 void Keep(const std::wstring& name, const wchar_t* value, DWORD type, std::wstring texts);
+// Whether the adapter was set to that address.
+bool IsOwn(const std::wstring& name, const std::wstring& address);
 // As the DHCP client notes which gateways the network gave.
 void KeepLease(const std::wstring& name);
 

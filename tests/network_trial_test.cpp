@@ -138,6 +138,18 @@ TEST_F(NetworkTrialTest, NothingIsProvenForAnotherNetworkOrAtTheEnd) {
   EXPECT_EQ(sim::DumpAdapters(), kName + " static [10.1.2.3/24] [10.1.2.1] [9.9.9.9 8.8.8.8]\n");
 }
 
+TEST_F(NetworkTrialTest, ATokenThatCannotBeReadEndsNoTrial) {
+  StartWorker();
+  {
+    const sim::FailingReads failing(L"DeviceToken", ERROR_NO_SYSTEM_RESOURCES);
+    SetWrong();
+    clock_.RunFor(100'000);
+  }
+  EXPECT_TRUE(Recorded());
+  clock_.RunFor(205'000);
+  EXPECT_TRUE(IsBack());
+}
+
 TEST_F(NetworkTrialTest, AStartBeginsTheFiveMinutesAnew) {
   kAdapter.dhcp.Set(0);
   kAdapter.addresses.Set(L"10.1.2.3/24");
@@ -184,8 +196,9 @@ TEST(NetworkFaults, FromStatic) {
   EveryPoint(L"static to dhcp", MakeItStatic, R"("mode":"dhcp")", kName + " dhcp [] [] []\n");
 }
 
-// The way back after five minutes is gone to its end, however often it is begun.
-TEST(NetworkFaults, WithoutAnAnswer) {
+// The way back after five minutes is gone to its end, however often it is begun; and it is the same one after a second
+// change, if there is one, wherever that ended.
+void EveryPointOfTheWayBack(const wchar_t* name, const std::string& second) {
   sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 9));
   const auto fiveMinutes = [&clock] {
     SettleChanges();
@@ -205,8 +218,12 @@ TEST(NetworkFaults, WithoutAnAnswer) {
     EXPECT_FALSE(Recorded());
     EXPECT_EQ(sim::DumpAdapters(), sim::Narrow(sim::ReadText(L"Expected", L"Before").value_or(L"")));
   };
-  sim::RunFaultScenario({.name = L"no answer", .prepare = prepare, .run = fiveMinutes, .later = later});
+  const auto run = [&] { second.empty() ? static_cast<void>(fiveMinutes()) : static_cast<void>(Set(second)); };
+  sim::RunFaultScenario({.name = name, .prepare = prepare, .run = run, .later = later});
 }
+
+TEST(NetworkFaults, WithoutAnAnswer) { EveryPointOfTheWayBack(L"no answer", ""); }
+TEST(NetworkFaults, ASecondChange) { EveryPointOfTheWayBack(L"second change", kStatic); }
 
 }  // namespace
 }  // namespace kiosk::network

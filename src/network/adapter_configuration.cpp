@@ -75,6 +75,17 @@ HRESULT Poll(std::uint64_t milliseconds, Step step) {
   }
 }
 
+// Waits for the end of a call, if it has begun, and its object.
+HRESULT Finish(HRESULT begun, const ComPtr<IWbemCallResult>& call, std::uint64_t milliseconds,
+               ComPtr<IWbemClassObject>& object) {
+  if (FAILED(begun) || !call) {
+    return FAILED(begun) ? begun : kNoAnswer;
+  }
+  LetImpersonate(call.Get());
+  const HRESULT result = Poll(milliseconds, [&] { return call->GetResultObject(0, object.Put()); });
+  return SUCCEEDED(result) && !object ? kNoAnswer : result;
+}
+
 std::vector<std::wstring> Texts(const std::vector<Address>& addresses) {
   std::vector<std::wstring> texts;
   texts.reserve(addresses.size());
@@ -106,7 +117,9 @@ HRESULT AdapterConfiguration::Find() {
     result = LetImpersonate(services_.Get());
   }
   if (SUCCEEDED(result)) {
-    result = services_->GetObject(MakeBstr(kClass).Get(), 0, nullptr, class_.Put(), nullptr);
+    ComPtr<IWbemCallResult> call;
+    result = services_->GetObject(MakeBstr(kClass).Get(), WBEM_FLAG_RETURN_IMMEDIATELY, nullptr, nullptr, call.Put());
+    result = Finish(result, call, kQueryWait, class_);
   }
   ComPtr<IEnumWbemClassObject> found;
   if (SUCCEEDED(result)) {
@@ -168,14 +181,12 @@ bool AdapterConfiguration::Apply(const Settings& now, const Settings& wanted, bo
 
 bool AdapterConfiguration::Call(const wchar_t* method, const std::vector<Argument>& arguments) {
   ComPtr<IWbemCallResult> call;
-  HRESULT result = Start(method, arguments, call);
   ComPtr<IWbemClassObject> answer;
-  if (SUCCEEDED(result)) {
-    result = Poll(kMethodWait, [&] { return call->GetResultObject(0, answer.Put()); });
-  }
+  HRESULT result = Start(method, arguments, call);
+  result = Finish(result, call, kMethodWait, answer);
   Variant value;
   if (SUCCEEDED(result)) {
-    result = answer ? answer->Get(L"ReturnValue", 0, value.Get(), nullptr, nullptr) : kNoAnswer;
+    result = answer->Get(L"ReturnValue", 0, value.Get(), nullptr, nullptr);
   }
   const bool answered = SUCCEEDED(result) && value->vt == VT_I4;
   const std::wstring_view name = method;
@@ -216,12 +227,8 @@ HRESULT AdapterConfiguration::Start(const wchar_t* method, const std::vector<Arg
   if (FAILED(result)) {
     return result;
   }
-  result = services_->ExecMethod(path_.Get(), MakeBstr(method).Get(), WBEM_FLAG_RETURN_IMMEDIATELY, nullptr,
-                                 values.Get(), nullptr, call.Put());
-  if (SUCCEEDED(result) && call) {
-    LetImpersonate(call.Get());
-  }
-  return SUCCEEDED(result) && !call ? kNoAnswer : result;
+  return services_->ExecMethod(path_.Get(), MakeBstr(method).Get(), WBEM_FLAG_RETURN_IMMEDIATELY, nullptr, values.Get(),
+                               nullptr, call.Put());
 }
 
 }  // namespace kiosk::network

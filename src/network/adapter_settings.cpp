@@ -89,10 +89,19 @@ bool Same(const Settings& left, const Settings& right) {
   return left.dhcp == right.dhcp && left.dns == right.dns && SameGateways(left, right) && SameAddresses(left, right);
 }
 
-bool IsBetween(const Settings& shown, const Settings& one, const Settings& other) {
-  return (shown.dhcp == one.dhcp || shown.dhcp == other.dhcp) && (shown.dns == one.dns || shown.dns == other.dns) &&
-         (SameGateways(shown, one) || SameGateways(shown, other)) &&
-         (SameAddresses(shown, one) || SameAddresses(shown, other));
+bool IsBetween(const Settings& shown, std::initializer_list<Settings> ends) {
+  const auto some = [ends](auto has) { return std::any_of(ends.begin(), ends.end(), has); };
+  const auto isNone = [&](Address gateway) {
+    return gateway == 0 || some([gateway](const Settings& end) {
+             return std::any_of(end.addresses.begin(), end.addresses.end(),
+                                [gateway](const OwnAddress& own) { return own.address == gateway; });
+           });
+  };
+  return some([&](const Settings& end) { return shown.dhcp == end.dhcp; }) &&
+         some([&](const Settings& end) { return shown.dns == end.dns; }) &&
+         some([&](const Settings& end) { return SameAddresses(shown, end); }) &&
+         (some([&](const Settings& end) { return SameGateways(shown, end); }) ||
+          std::all_of(shown.gateways.begin(), shown.gateways.end(), isNone));
 }
 
 std::string Describe(const Settings& settings) {
@@ -178,7 +187,7 @@ json::Value ToJson(const std::vector<ChangeRecord>& records) {
   json::Value list = json::Value::Array();
   for (const ChangeRecord& each : records) {
     json::Value item = json::Value::Object();
-    item.Set("adapter", each.adapter).Set("settings", ToJson(each.before));
+    item.Set("adapter", each.adapter).Set("settings", ToJson(each.before)).Set("from", ToJson(each.from));
     if (each.wanted) {
       item.Set("wanted", ToJson(*each.wanted)).Set("unproven", each.unproven);
     }
@@ -191,9 +200,11 @@ std::vector<ChangeRecord> RecordsFromJson(const json::Value& list) {
   std::vector<ChangeRecord> records;
   for (const json::Value& item : list.items()) {
     if (std::optional<Settings> before = FromJson(json::Member(item, "settings"))) {
+      Settings from = FromJson(json::Member(item, "from")).value_or(*before);
       std::optional<Settings> wanted = FromJson(json::Member(item, "wanted"));
       const bool unproven = wanted && json::Member(item, "unproven").boolean();
-      records.push_back({json::Member(item, "adapter").text(), std::move(*before), std::move(wanted), unproven});
+      records.push_back(
+          {json::Member(item, "adapter").text(), std::move(*before), std::move(from), std::move(wanted), unproven});
     }
   }
   return records;

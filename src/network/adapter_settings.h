@@ -4,6 +4,7 @@
 #include "json/value.h"
 #include "network/address.h"
 
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <vector>
@@ -31,9 +32,9 @@ struct Settings {
 // Whether both have the same effect. Windows keeps the order of the name servers, and of nothing else.
 bool Same(const Settings& left, const Settings& right);
 
-// Whether mode, addresses, gateways and name servers are each those of one of the two, as in a change that was cut
-// short.
-bool IsBetween(const Settings& shown, const Settings& one, const Settings& other);
+// Whether mode, addresses, gateways and name servers are each those of one of the ends, as in a change that was cut
+// short. Gateways may also be cleared, in place of which Windows may show an own address of an end, or 0.0.0.0.
+bool IsBetween(const Settings& shown, std::initializer_list<Settings> ends);
 
 // For the log: "static 10.1.2.3/24, gateway 10.1.2.1, DNS 9.9.9.9".
 std::string Describe(const Settings& settings);
@@ -62,6 +63,7 @@ std::optional<Settings> FromJson(const json::Value& value);
 struct ChangeRecord {
   std::string adapter;
   Settings before;                 // when several changes followed each other: before the first
+  Settings from;                   // what the last of them began with; `before` where a record does not say
   std::optional<Settings> wanted;  // none in a record that an older version of the service left
   bool unproven = false;           // made, and the portal has not answered since
 

@@ -50,11 +50,7 @@ bool Make(Adapter& adapter, const Settings& wanted, bool insist, bool tell) {
   }
   if (wanted.dhcp) {
     // An adapter that was static has had its gateways cleared, and a route that is there by now may be the network's.
-    // Clearing may have left the adapter's own address in the registry.
-    std::vector<Address> gone = now.dhcp ? now.gateways : std::vector<Address>();
-    for (const OwnAddress& own : now.addresses) {
-      gone.push_back(own.address);
-    }
+    const std::vector<Address> gone = now.dhcp ? now.gateways : std::vector<Address>();
     if (!SetGatewaysBesideDhcp(adapter.name, adapter.luid, gone, wanted.gateways, tell) && !insist) {
       return false;
     }
@@ -73,15 +69,18 @@ bool MakeChange(Adapter& adapter, const Settings& wanted) { return Make(adapter,
 PutBackResult PutBack(const ChangeRecord& record, bool evenIfStrange, bool tell) {
   Adapter adapter;
   const DWORD error = ReadAdapter(win32::ToWide(record.adapter), adapter);
-  if (error != ERROR_SUCCESS) {
-    return error == ERROR_NOT_FOUND ? PutBackResult::kGone : PutBackResult::kNotNow;
+  if (error == ERROR_NOT_FOUND) {
+    return PutBackResult::kGone;
+  }
+  if (error != ERROR_SUCCESS || !adapter.linkUp) {
+    return PutBackResult::kNotNow;
   }
   Settings before = record.before;
   if (!record.wanted && before.dhcp && adapter.settings.dhcp) {
     before.gateways = adapter.settings.gateways;  // older versions did not look at them
   }
   const bool strange =
-      !evenIfStrange && adapter.linkUp && record.wanted && !IsBetween(adapter.settings, before, *record.wanted);
+      !evenIfStrange && record.wanted && !IsBetween(adapter.settings, {before, record.from, *record.wanted});
   // A static adapter without an address cannot be set.
   if (strange || Same(adapter.settings, before) || (!before.dhcp && before.addresses.empty())) {
     ForgetChange(record.adapter);
@@ -89,7 +88,7 @@ PutBackResult PutBack(const ChangeRecord& record, bool evenIfStrange, bool tell)
              Describe(adapter.settings).c_str());
     return PutBackResult::kOver;
   }
-  if (!adapter.linkUp || win32::StopRequested() || !Make(adapter, before, true, tell)) {
+  if (win32::StopRequested() || !Make(adapter, before, true, tell)) {
     return PutBackResult::kNotNow;
   }
   ForgetChange(record.adapter);

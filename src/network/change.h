@@ -21,7 +21,7 @@ enum class PutBackResult {
 
 // Puts back the settings from before. What shows may be neither those nor the wanted ones nor something between them:
 // then somebody else has set the adapter since, and it is left as it is, unless `evenIfStrange`. Steps that fail are
-// logged with `tell`. Nothing is tried while the link is down.
+// logged with `tell`. While the link is down nothing is tried or decided: gateways do not show then.
 PutBackResult PutBack(const ChangeRecord& record, bool evenIfStrange, bool tell);
 
 }  // namespace kiosk::network

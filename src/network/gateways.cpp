@@ -162,12 +162,9 @@ bool SetGatewaysBesideDhcp(const std::wstring& name, std::uint64_t luid, const s
       }
     }
   };
+  std::erase_if(kept, [&](Address gateway) { return !Has(wanted, gateway); });
   for (const Address gateway : gone) {
-    if (Has(wanted, gateway)) {
-      continue;
-    }
-    std::erase(kept, gateway);
-    if (!Has(given, gateway) && !Has(owners, gateway)) {
+    if (!Has(wanted, gateway) && !Has(given, gateway) && !Has(owners, gateway)) {
       const MIB_IPFORWARD_ROW2 row = DefaultRoute(luid, gateway);
       const DWORD error = DeleteIpForwardEntry2(&row);
       check("remove", gateway, error == ERROR_NOT_FOUND ? NO_ERROR : error);

@@ -19,9 +19,10 @@ std::wstring InterfaceKey(const std::wstring& name);
 // restart. Returns a Windows error.
 DWORD ReadGatewaysByHand(const std::wstring& name, std::uint64_t luid, bool dhcp, std::vector<Address>& gateways);
 
-// For an adapter that uses DHCP, where Windows' management instrumentation refuses to change gateways: takes away those
-// of `gone` that the network does not give as well, and adds those of `wanted` that are missing, both among the routes
-// and in the registry. All steps are tried; false when one failed, which is logged with `tell`.
+// For an adapter that uses DHCP, where Windows' management instrumentation refuses to change gateways: takes away the
+// routes over those of `gone` that the network does not give as well, adds those over `wanted` that are missing, and
+// keeps `wanted` alone in the registry, where clearing them may have left the adapter's own address. All steps are
+// tried; false when one failed, which is logged with `tell`.
 bool SetGatewaysBesideDhcp(const std::wstring& name, std::uint64_t luid, const std::vector<Address>& gone,
                            const std::vector<Address>& wanted, bool tell);
 

@@ -38,10 +38,16 @@ json::Value Applied(const Adapter& adapter) {
   return reply;
 }
 
+// A token that cannot be read now may be there: no trial ends for that.
+bool MayBeEnrolled() {
+  const state::ReadWatch reads;
+  return state::TokenIsStored() || !reads.AllKnown();
+}
+
 // The wanted settings are in force: deletes the record, or begins the trial. False when the record could not be changed
 // and would bring back the settings from before.
 bool Conclude(ChangeRecord& record, bool keep) {
-  const bool nothingToProve = keep || Same(*record.wanted, record.before) || !state::TokenIsStored();
+  const bool nothingToProve = keep || Same(*record.wanted, record.before) || !MayBeEnrolled();
   if (nothingToProve) {
     return ForgetChange(record.adapter);
   }
@@ -64,10 +70,14 @@ json::Value Set(Adapter& adapter, const NetSetRequest& request) {
   const auto older =
       std::find_if(records.begin(), records.end(), [&](const ChangeRecord& each) { return each.adapter == name; });
   const bool hasOlder = older != records.end();
-  ChangeRecord record{name, hasOlder ? older->before : adapter.settings, request.settings};
+  ChangeRecord record{name, hasOlder ? older->before : adapter.settings, adapter.settings, request.settings};
   const bool done = IsDone(adapter, request.settings);
   if (done && !hasOlder) {
     return Applied(adapter);
+  }
+  if (!done && !adapter.linkUp) {
+    log::Log(log::kWarn, log::kKiosk, "net.set refused: %s has no link", name.c_str());
+    return command::ErrorReply("failed");
   }
   if (!done && !NoteChange(record)) {
     log::Log(log::kError, log::kKiosk, "net.set: cannot save the settings of %s; nothing was changed", name.c_str());
@@ -158,7 +168,7 @@ bool SettleChanges() {
   if (!turn) {
     return false;
   }
-  const bool enrolled = state::TokenIsStored();
+  const bool enrolled = MayBeEnrolled();
   std::vector<ChangeRecord> records;
   bool all = AllRecords(records);
   for (ChangeRecord& record : records) {

@@ -117,7 +117,10 @@ class Configuration {
     Check(CoSetProxyBlanket(services_.Get(), RPC_C_AUTHN_WINNT, RPC_C_AUTHZ_NONE, nullptr, RPC_C_AUTHN_LEVEL_CALL,
                             RPC_C_IMP_LEVEL_IMPERSONATE, nullptr, EOAC_NONE),
           "its impersonation");
-    Check(services_->GetObject(MakeBstr(kClass).Get(), 0, nullptr, class_.Put(), nullptr), "its class");
+    ComPtr<IWbemCallResult> call;
+    Check(services_->GetObject(MakeBstr(kClass).Get(), WBEM_FLAG_RETURN_IMMEDIATELY, nullptr, nullptr, call.Put()),
+          "its class");
+    class_ = ResultOf(call);
     ComPtr<IEnumWbemClassObject> found;
     Check(services_->ExecQuery(
               MakeBstr(L"WQL").Get(),
@@ -157,11 +160,8 @@ class Configuration {
     Check(services_->ExecMethod(MakeBstr(path_).Get(), MakeBstr(method).Get(), WBEM_FLAG_RETURN_IMMEDIATELY, nullptr,
                                 values.Get(), nullptr, call.Put()),
           "the call");
-    ComPtr<IWbemClassObject> result;
-    Asked::Needs(Within10s([&] { return result || call->GetResultObject(0, result.Put()) == WBEM_S_NO_ERROR; }),
-                 "the call's end");
     VARIANT answer{};
-    Check(result->Get(L"ReturnValue", 0, &answer, nullptr, nullptr), "its answer");
+    Check(ResultOf(call)->Get(L"ReturnValue", 0, &answer, nullptr, nullptr), "its answer");
     return static_cast<std::uint32_t>(answer.lVal);
   }
   std::uint64_t EnableStatic(const wchar_t* address) {
@@ -169,6 +169,12 @@ class Configuration {
   }
 
  private:
+  static ComPtr<IWbemClassObject> ResultOf(const ComPtr<IWbemCallResult>& call) {
+    ComPtr<IWbemClassObject> result;
+    Asked::Needs(Within10s([&] { return result || call->GetResultObject(0, result.Put()) == WBEM_S_NO_ERROR; }),
+                 "the call's end");
+    return result;
+  }
   static constexpr wchar_t kClass[] = L"Win32_NetworkAdapterConfiguration";
   static void Check(HRESULT result, const wchar_t* what) { Check(result, kiosk::win32::ToNarrow(what).c_str()); }
   static void Check(HRESULT result, const char* what) {
