@@ -1,6 +1,7 @@
 // Owner and DACL of files, which the development machine's file system does not keep.
 #include "sim/files.h"
 #include "sim/files_internal.h"
+#include "sim/leases.h"
 #include "sim/seam.h"
 
 #include <aclapi.h>
@@ -40,6 +41,19 @@ DWORD KeepSecurity(const std::wstring& plain, SECURITY_INFORMATION parts, PSID o
   });
 }
 
+DWORD SetOn(HANDLE object, SECURITY_INFORMATION parts, PSID owner, PACL dacl, bool andBelow) {
+  const std::wstring path = PathOf(object);
+  if (path.empty()) {
+    return ERROR_INVALID_HANDLE;
+  }
+  const DWORD needed = ((parts & OWNER_SECURITY_INFORMATION) != 0 ? WRITE_OWNER : 0U) |
+                       ((parts & DACL_SECURITY_INFORMATION) != 0 ? WRITE_DAC : 0U);
+  if (!HandleAllows(object, needed)) {
+    return ERROR_ACCESS_DENIED;
+  }
+  return andBelow && !AwaitLease(path, FileUse::kOpen, true) ? GetLastError() : KeepSecurity(path, parts, owner, dacl);
+}
+
 }  // namespace
 
 std::wstring FileSecurity(const std::wstring& path) {
@@ -65,21 +79,14 @@ std::wstring SddlText(PSECURITY_DESCRIPTOR descriptor) {
 
 using namespace sim;
 
+// What is below inherits the list. Windows opens it for that, and does not say how; nothing else of it is simulated.
 SIM(DWORD, SetSecurityInfo, HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID owner, PSID group,
     PACL dacl, PACL sacl) {
-  if (type != SE_FILE_OBJECT) {
-    return ::SetSecurityInfo(object, type, parts, owner, group, dacl, sacl);
-  }
-  const std::wstring path = PathOf(object);
-  if (path.empty()) {
-    return ERROR_INVALID_HANDLE;
-  }
-  const DWORD needed = ((parts & OWNER_SECURITY_INFORMATION) != 0 ? WRITE_OWNER : 0U) |
-                       ((parts & DACL_SECURITY_INFORMATION) != 0 ? WRITE_DAC : 0U);
-  return HandleAllows(object, needed) ? KeepSecurity(path, parts, owner, dacl) : ERROR_ACCESS_DENIED;
+  return type == SE_FILE_OBJECT ? SetOn(object, parts, owner, dacl, true)
+                                : ::SetSecurityInfo(object, type, parts, owner, group, dacl, sacl);
 }
 
-// As SetSecurityInfo, but for what is below, which the simulation never changes.
+// What is below is left alone.
 SIM(WINBOOL, SetKernelObjectSecurity, HANDLE object, SECURITY_INFORMATION parts, PSECURITY_DESCRIPTOR descriptor) {
   PACL dacl = nullptr;
   BOOL present = FALSE;
@@ -88,7 +95,7 @@ SIM(WINBOOL, SetKernelObjectSecurity, HANDLE object, SECURITY_INFORMATION parts,
       !GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted)) {
     Violation("SetKernelObjectSecurity: only the DACL is simulated");
   }
-  SetLastError(sim_SetSecurityInfo(object, SE_FILE_OBJECT, parts, nullptr, nullptr, dacl, nullptr));
+  SetLastError(SetOn(object, parts, nullptr, dacl, false));
   return GetLastError() == ERROR_SUCCESS;
 }
 

@@ -5,7 +5,7 @@
 #include "log/identity.h"
 #include "sim/clock.h"
 #include "sim/files.h"
-#include "sim/program_files.h"
+#include "sim/leases.h"
 #include "state/folders.h"
 #include "tests/support/fixture.h"
 #include "win32/clock.h"

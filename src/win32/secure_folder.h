@@ -58,13 +58,17 @@ FolderResult SecureFolder(const wchar_t* path, const wchar_t* sddl, ForeignFolde
 // cannot be read counts as foreign.
 bool HasTrustedOwner(HANDLE file) noexcept;
 
+// Opens what stands at `path` as OpenIn of win32/open_folder.h does: no link is followed, and nobody is waited for.
+FileHandle OpenAt(const std::wstring& path, DWORD access, DWORD share) noexcept;
+
 // The names of what is in the folder, "." and ".." left out.
 std::vector<std::wstring> NamesIn(const std::wstring& folder);
 
 // Removes what stands at `path`: a file, a link (never its target), or a folder with all that is in it, read-only or
 // not. Safe against whoever made the folder: he can put nothing more into it, and whatever he makes of it or of folders
 // in it, nothing elsewhere is removed. The parent is secured and held by the caller. False with the last error when
-// something is left; more than 16 levels are not followed (ERROR_DIR_NOT_EMPTY).
+// something is left: more than 16 levels are not followed (ERROR_DIR_NOT_EMPTY), somebody who holds a lock on a file is
+// waited for as Delete of win32/open_folder.h does, and after 5 s nothing more is begun (ERROR_TIMEOUT).
 bool RemoveTree(const std::wstring& path);
 
 }  // namespace kiosk::win32
