@@ -5,13 +5,14 @@
 namespace kiosk::win32 {
 namespace {
 
+// Long for a holder who means well.
+constexpr DWORD kLimit = 500;
 // A cancellation meets only what waits at that moment.
 constexpr DWORD kAgain = 50;
 
 }  // namespace
 
-FileWaitLimit::FileWaitLimit(DWORD milliseconds) noexcept
-    : milliseconds_(milliseconds), over_(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
+FileWaitLimit::FileWaitLimit() noexcept : over_(CreateEventW(nullptr, TRUE, FALSE, nullptr)) {
   if (over_ && DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), watched_.Put(), 0, FALSE,
                                DUPLICATE_SAME_ACCESS) != 0) {
     watch_.Reset(CreateThread(nullptr, kSmallStack, Watch, this, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr));
@@ -30,8 +31,7 @@ FileWaitLimit::~FileWaitLimit() {
 
 DWORD WINAPI FileWaitLimit::Watch(void* raw) noexcept {
   const auto* const limit = static_cast<const FileWaitLimit*>(raw);
-  for (DWORD wait = limit->milliseconds_; WaitForSingleObject(limit->over_.Get(), wait) == WAIT_TIMEOUT;
-       wait = kAgain) {
+  for (DWORD wait = kLimit; WaitForSingleObject(limit->over_.Get(), wait) == WAIT_TIMEOUT; wait = kAgain) {
     CancelSynchronousIo(limit->watched_.Get());
   }
   return 0;

@@ -5,8 +5,8 @@
 
 namespace kiosk::win32 {
 
-// While it lives, a file operation of this thread that waits for somebody else is cancelled after so many milliseconds
-// and fails, as a rule with ERROR_OPERATION_ABORTED. For one operation, or a few that belong together.
+// While it lives, a file operation of this thread that waits for somebody else is cancelled after half a second and
+// fails, as a rule with ERROR_OPERATION_ABORTED. For one operation, or a few that belong together.
 //
 // Whoever may open a file, an ordinary user too, may hold an opportunistic lock on it; who opens, renames or deletes
 // it, or renames a folder above it, then waits until he gives it up, without a time limit ("Breaking Oplocks",
@@ -14,10 +14,7 @@ namespace kiosk::win32 {
 // ask for more than the file's attributes. To be cancelled is what such a wait is documented to allow.
 class FileWaitLimit {
  public:
-  // Long for a holder who means well.
-  static constexpr DWORD kUsual = 500;
-
-  explicit FileWaitLimit(DWORD milliseconds = kUsual) noexcept;
+  FileWaitLimit() noexcept;
   FileWaitLimit(const FileWaitLimit&) = delete;
   FileWaitLimit& operator=(const FileWaitLimit&) = delete;
   ~FileWaitLimit();
@@ -29,7 +26,6 @@ class FileWaitLimit {
  private:
   static DWORD WINAPI Watch(void* raw) noexcept;
 
-  DWORD milliseconds_;
   KernelHandle over_;
   KernelHandle watched_;
   KernelHandle watch_;

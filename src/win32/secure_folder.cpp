@@ -21,7 +21,6 @@ namespace {
 constexpr int kMostLevels = 16;
 // However many files somebody keeps in there.
 constexpr std::uint64_t kRemovalTime = 5'000;
-constexpr DWORD kWalkTime = 5'000;
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 // With a right that counts in sharing.
 constexpr DWORD kHold = FILE_LIST_DIRECTORY | READ_CONTROL | WRITE_DAC | WRITE_OWNER | FILE_READ_ATTRIBUTES;
@@ -109,32 +108,28 @@ bool IsSecured(HANDLE folder, const OwnerAndDacl& wanted) noexcept {
          SameEntries(found.dacl, wanted.dacl);
 }
 
-// Setting a DACL makes Windows walk through everything below the folder and open it, so it is done only where something
-// differs, and not for ever.
+// Of the folder alone. SetSecurityInfo would open all that is below: what is there may lead anywhere, and whoever has
+// an opportunistic lock on it would be waited for.
+DWORD SetSecurity(HANDLE folder, SECURITY_INFORMATION parts, const SecurityDescriptor& descriptor) noexcept {
+  return descriptor &&
+                 SetKernelObjectSecurity(folder, parts | PROTECTED_DACL_SECURITY_INFORMATION, descriptor.Get()) != 0
+             ? ERROR_SUCCESS
+             : GetLastError();
+}
+
 DWORD SetOwnerAndDacl(HANDLE folder, const SecurityDescriptor& descriptor) noexcept {
   const OwnerAndDacl wanted(descriptor.Get());
-  if (!wanted) {
-    return ERROR_INVALID_SECURITY_DESCR;
-  }
-  if (IsSecured(folder, wanted)) {
-    return ERROR_SUCCESS;
-  }
-  const FileWaitLimit limit(kWalkTime);
-  constexpr SECURITY_INFORMATION kBoth =
-      OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION;
-  return limit ? SetSecurityInfo(folder, SE_FILE_OBJECT, kBoth, wanted.owner, nullptr, wanted.dacl, nullptr)
-               : GetLastError();
+  return wanted && IsSecured(folder, wanted)
+             ? ERROR_SUCCESS
+             : SetSecurity(folder, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, descriptor);
 }
 
 // Nobody but SYSTEM and Administrators can put anything into it from now on. The owner stays, as the sign of what the
 // folder is should it not go, and loses the right to change the list that Windows gives every owner (S-1-3-4, "OWNER
-// RIGHTS"). Only this folder is changed: what is below may lead anywhere.
+// RIGHTS").
 DWORD ShutOut(HANDLE folder) noexcept {
-  const SecurityDescriptor descriptor(L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;;RC;;;S-1-3-4)");
-  return descriptor && SetKernelObjectSecurity(folder, DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
-                                               descriptor.Get()) != 0
-             ? ERROR_SUCCESS
-             : GetLastError();
+  return SetSecurity(folder, DACL_SECURITY_INFORMATION,
+                     SecurityDescriptor(L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;;RC;;;S-1-3-4)"));
 }
 
 // How deep and how long a removal may still go.

@@ -17,7 +17,7 @@
 
 namespace kiosk::win32 {
 
-// Owner Administrators; protected; full control for SYSTEM and Administrators alone, inherited by all content.
+// Owner Administrators; protected; full control for SYSTEM and Administrators alone, inherited by all new content.
 inline constexpr wchar_t kPrivateFolderSddl[] = L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
 // The same, and Users may read and execute.
 inline constexpr wchar_t kReadableFolderSddl[] = L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)";
@@ -51,7 +51,8 @@ inline constexpr wchar_t kSetAsideMark[] = L".untrusted-";
 // Makes `path` a plain folder with exactly the owner and the protected DACL of `sddl`; one that has them already is not
 // written to. A file, or a link of any kind, that stands in its place is removed (the link, not its target). A
 // stranger's folder that can be neither removed nor renamed fails at kDisplace. Parents are not looked at: secure them
-// first, and keep their handles for as long as the path is to be trusted; then none of them can become a link.
+// first, and keep their handles for as long as the path is to be trusted; then none of them can become a link. Nothing
+// else is written to: what is in the folder keeps the access list that it has.
 FolderResult SecureFolder(const wchar_t* path, const wchar_t* sddl, ForeignFolder foreign) noexcept;
 
 // True when the open file or folder belongs to SYSTEM, Administrators, or whoever runs this program. An owner that
