@@ -165,6 +165,7 @@ TEST_F(LogTest, PolicyComesBeforeTheOwnKeyAndThatBeforeTheSharedOne) {
   for (const wchar_t* key : {kPolicy, kSettings, kShared}) {
     SetDword(key, L"LocalLogging", key == kPolicy ? 1 : 0);
   }
+  SetString(kPolicy, L"TenantId", L"");
   SetString(kShared, L"TenantId", L"t-stream");
   SetString(kShared, L"Site", L"s-stream");
   SetString(kSettings, L"Site", L"s-own");
