@@ -150,18 +150,21 @@ void MovesKeepOwnerAndList(Asked& asked) {
   asked.Same("owner and list", Security(Open(folder.Path(L"to"), READ_CONTROL, kShareAll).Get()), before);
 }
 
-void ListsCanBeReplaced(Asked& asked) {
-  asked.KnownWrong(Platform::kWine, "Wine's files have no list of their own");
+void OwnerAndListCanBeReplaced(Asked& asked) {
+  asked.KnownWrong(Platform::kWine, "Wine's files have no owner and no list of their own");
   const Folder folder;
   const std::wstring path = folder.File(L"file");
-  const FileHandle file = Open(path, READ_CONTROL | WRITE_DAC, kShareAll);
+  const FileHandle file = Open(path, READ_CONTROL | WRITE_DAC | WRITE_OWNER, kShareAll);
   PSECURITY_DESCRIPTOR raw = nullptr;
-  ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:P(A;;FA;;;SY)(A;;FA;;;BA)", SDDL_REVISION_1, &raw, nullptr);
+  ConvertStringSecurityDescriptorToSecurityDescriptorW(L"O:BAD:P(A;;FA;;;SY)(A;;FA;;;BA)", SDDL_REVISION_1, &raw,
+                                                       nullptr);
   const LocalMemory descriptor(raw);
-  asked.True(
-      "SetKernelObjectSecurity",
-      SetKernelObjectSecurity(file.Get(), DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, raw) != 0);
-  asked.True("it reads so", Security(file.Get()).ends_with(L"(A;;FA;;;SY)(A;;FA;;;BA)"));
+  asked.True("SetKernelObjectSecurity", SetKernelObjectSecurity(file.Get(),
+                                                                OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION |
+                                                                    PROTECTED_DACL_SECURITY_INFORMATION,
+                                                                raw) != 0);
+  const std::wstring set = Security(file.Get());
+  asked.True("it reads so", set.starts_with(L"O:BAD:P") && set.ends_with(L"(A;;FA;;;SY)(A;;FA;;;BA)"));
   BOOL present = FALSE;
   BOOL defaulted = FALSE;
   PACL list = nullptr;
@@ -317,7 +320,7 @@ constexpr Case kCases[] = {
     {"append", "what is appended comes to the end", AppendsAtTheEnd},
     {"list", "a list ends with an error of its own", ListsEndWithAnError},
     {"move keeps security", "a move keeps owner and list", MovesKeepOwnerAndList},
-    {"set security", "a list can be replaced and reads back", ListsCanBeReplaced},
+    {"set security", "owner and list can be replaced and read back", OwnerAndListCanBeReplaced},
     {"delete by handle", "a file that is deleted by its handle is gone with it", OpenFilesCanBeDeleted},
     {"junction", "a junction shows as one, leads to its target, and can be opened itself", JunctionsShow},
     {"relative", "a file is opened by its name below an open folder", RelativeOpens},
