@@ -1,5 +1,6 @@
 // Files by handle: opened below an open folder, and deleted.
 #include "sim/files_internal.h"
+#include "sim/leases.h"
 #include "sim/seam.h"
 
 #include <winternl.h>
@@ -10,6 +11,8 @@ namespace {
 constexpr NTSTATUS kReparsePointEncountered = static_cast<NTSTATUS>(0xC000050B);
 constexpr NTSTATUS kDeletePending = static_cast<NTSTATUS>(0xC0000056);
 constexpr NTSTATUS kInvalidParameter = static_cast<NTSTATUS>(0xC000000D);
+constexpr NTSTATUS kSharingViolation = static_cast<NTSTATUS>(0xC0000043);
+constexpr NTSTATUS kOplockBreakInProgress = 0x108;
 constexpr DWORD kFromWin32 = 0xC0070000;  // FACILITY_NTWIN32: RtlNtStatusToDosError gives the rest back
 constexpr DWORD kDispositionEx = 21;      // FileDispositionInfoEx, which the headers number only for later versions
 
@@ -26,6 +29,9 @@ BOOL Delete(HANDLE file, bool posix) {
   const std::wstring path = PathOf(file);
   if (CannotBeDeleted(file, path)) {
     SetLastError(ERROR_ACCESS_DENIED);
+    return FALSE;
+  }
+  if (!AwaitLease(path, FileUse::kDelete)) {
     return FALSE;
   }
   if (!posix && ReadText(kKept, path)) {
@@ -82,13 +88,21 @@ SIM(NTSTATUS, NtCreateFile, PHANDLE file, ACCESS_MASK access, POBJECT_ATTRIBUTES
   if (DiskIsBad() && DiskRefuses(KindOfOpening(path, disposition == FILE_OPEN), Plain(path))) {
     return static_cast<NTSTATUS>(kFromWin32 | GetLastError());
   }
+  const FileUse use = UseOfOpening(access, share);
+  const bool leased = disposition == FILE_OPEN && IsLeased(path, use);
+  if (leased && (options & FILE_COMPLETE_IF_OPLOCKED) == 0) {
+    Violation("NtCreateFile may wait for whoever holds %s", Narrow(path).c_str());
+  }
+  if (leased && use == FileUse::kOpenUnshared) {
+    return kSharingViolation;
+  }
   const auto open = [&]() -> NTSTATUS {
     const NTSTATUS result = ::NtCreateFile(file, access, &real, status, size, attributes, share, disposition, options,
                                            extended, extendedSize);
     if (result >= 0 && disposition == FILE_CREATE && object->SecurityDescriptor != nullptr) {
       SetFileSecurity(path, object->SecurityDescriptor);
     }
-    return result;
+    return result >= 0 && leased ? kOplockBreakInProgress : result;
   };
   if (disposition == FILE_OPEN || !Counts(Plain(path))) {
     return open();

@@ -20,8 +20,16 @@ std::wstring PartText(PSECURITY_DESCRIPTOR descriptor, SECURITY_INFORMATION part
   return result;
 }
 
-DWORD KeepSecurity(const std::wstring& plain, SECURITY_INFORMATION parts, PSID owner, PACL dacl) {
-  return Change<DWORD>("SetSecurityInfo", plain, [&]() -> DWORD {
+DWORD KeepSecurity(HANDLE object, SECURITY_INFORMATION parts, PSID owner, PACL dacl) {
+  const std::wstring plain = PathOf(object);
+  if (plain.empty()) {
+    return ERROR_INVALID_HANDLE;
+  }
+  if (!HandleAllows(object, ((parts & OWNER_SECURITY_INFORMATION) != 0 ? WRITE_OWNER : 0U) |
+                                ((parts & DACL_SECURITY_INFORMATION) != 0 ? WRITE_DAC : 0U))) {
+    return ERROR_ACCESS_DENIED;
+  }
+  return Change<DWORD>("SetKernelObjectSecurity", plain, [&]() -> DWORD {
     SECURITY_DESCRIPTOR descriptor;
     InitializeSecurityDescriptor(&descriptor, SECURITY_DESCRIPTOR_REVISION);
     if ((parts & OWNER_SECURITY_INFORMATION) != 0) {
@@ -65,30 +73,32 @@ std::wstring SddlText(PSECURITY_DESCRIPTOR descriptor) {
 
 using namespace sim;
 
+// "Imposes the current inheritance model on the ACLs of all objects in the hierarchy below" ("Automatic Propagation of
+// Inheritable ACEs"): it opens all that is in a folder, wherever that leads and whoever has a lock on it.
 SIM(DWORD, SetSecurityInfo, HANDLE object, SE_OBJECT_TYPE type, SECURITY_INFORMATION parts, PSID owner, PSID group,
     PACL dacl, PACL sacl) {
   if (type != SE_FILE_OBJECT) {
     return ::SetSecurityInfo(object, type, parts, owner, group, dacl, sacl);
   }
   const std::wstring path = PathOf(object);
-  if (path.empty()) {
-    return ERROR_INVALID_HANDLE;
+  if ((::GetFileAttributesW(path.c_str()) & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+    Violation("SetSecurityInfo changes all that is in %s, which is not simulated", Narrow(path).c_str());
   }
-  const DWORD needed = ((parts & OWNER_SECURITY_INFORMATION) != 0 ? WRITE_OWNER : 0U) |
-                       ((parts & DACL_SECURITY_INFORMATION) != 0 ? WRITE_DAC : 0U);
-  return HandleAllows(object, needed) ? KeepSecurity(path, parts, owner, dacl) : ERROR_ACCESS_DENIED;
+  return KeepSecurity(object, parts, owner, dacl);
 }
 
-// As SetSecurityInfo, but for what is below, which the simulation never changes.
+// Of this object alone.
 SIM(WINBOOL, SetKernelObjectSecurity, HANDLE object, SECURITY_INFORMATION parts, PSECURITY_DESCRIPTOR descriptor) {
+  PSID owner = nullptr;
   PACL dacl = nullptr;
   BOOL present = FALSE;
   BOOL defaulted = FALSE;
-  if ((parts & OWNER_SECURITY_INFORMATION) != 0 ||
-      !GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted)) {
-    Violation("SetKernelObjectSecurity: only the DACL is simulated");
+  if (!GetSecurityDescriptorOwner(descriptor, &owner, &defaulted) ||
+      !GetSecurityDescriptorDacl(descriptor, &present, &dacl, &defaulted) ||
+      (owner == nullptr && (parts & OWNER_SECURITY_INFORMATION) != 0)) {
+    Violation("SetKernelObjectSecurity: the descriptor does not hold what is to be set");
   }
-  SetLastError(sim_SetSecurityInfo(object, SE_FILE_OBJECT, parts, nullptr, nullptr, dacl, nullptr));
+  SetLastError(KeepSecurity(object, parts, owner, dacl));
   return GetLastError() == ERROR_SUCCESS;
 }
 

@@ -1,6 +1,7 @@
 #include "sim/files.h"
 
 #include "sim/files_internal.h"
+#include "sim/leases.h"
 #include "sim/machine.h"
 #include "sim/program_files.h"
 #include "state/folders.h"
@@ -256,7 +257,7 @@ SIM(WINBOOL, CreateDirectoryW, LPCWSTR given, LPSECURITY_ATTRIBUTES security) {
 SIM(WINBOOL, RemoveDirectoryW, LPCWSTR given) {
   const std::wstring path = Resolve(given, false);
   return ChangeFile("RemoveDirectoryW", kDeletes, path, [&]() -> BOOL {
-    if (Refused(path)) {
+    if (Refused(path) || !AwaitLease(path, FileUse::kRenameOrDelete)) {
       return FALSE;
     }
     if (ReadText(kKept, Plain(path)) && (IsLink(Plain(path)) || IsEmptyFolder(path))) {
@@ -272,13 +273,18 @@ SIM(WINBOOL, RemoveDirectoryW, LPCWSTR given) {
 }
 
 SIM(WINBOOL, DeleteFileW, LPCWSTR path) {
-  return ChangeAndForget("DeleteFileW", kDeletes, path, [](const wchar_t* real) { return ::DeleteFileW(real); });
+  return ChangeAndForget("DeleteFileW", kDeletes, path, [](const wchar_t* real) -> BOOL {
+    return AwaitLease(real, FileUse::kRenameOrDelete) && ::DeleteFileW(real);
+  });
 }
 
 // A folder with open files in it is not renamed ([MS-FSA] 2.1.5.15.11: STATUS_ACCESS_DENIED).
 SIM(WINBOOL, MoveFileExW, LPCWSTR from, LPCWSTR to, DWORD flags) {
   const std::wstring target = Resolve(to, false);
   return ChangeAndForget("MoveFileExW", kMoves, from, [&](const wchar_t* real) -> BOOL {
+    if (!AwaitLease(real, FileUse::kRenameOrDelete, true) || !AwaitLease(target, FileUse::kRenameOrDelete)) {
+      return FALSE;
+    }
     if (HasOpenFiles(real)) {
       SetLastError(ERROR_ACCESS_DENIED);
       return FALSE;
@@ -303,11 +309,8 @@ SIM(HANDLE, CreateFileW, LPCWSTR path, DWORD access, DWORD share, LPSECURITY_ATT
   const std::wstring real = Resolve(path, (flags & FILE_FLAG_OPEN_REPARSE_POINT) == 0);
   HANDLE file = INVALID_HANDLE_VALUE;
   const auto open = [&]() -> BOOL {
-    if (Refused(real)) {
-      return FALSE;
-    }
-    if (const DWORD refused = AwaitOpening(real); refused != ERROR_SUCCESS) {
-      SetLastError(refused);
+    ForbidServers(real);
+    if (Refused(real) || !AwaitLease(real, UseOfOpening(access, share))) {
       return FALSE;
     }
     file = ::CreateFileW(real.c_str(), access, share, security, disposition, flags, model);

@@ -1,8 +1,8 @@
 // File security and links, which the development machine's file system lacks.
 //
-// Security: what the service sets (SetSecurityInfo, CreateDirectoryW) is kept per path in the
-// areas "FileOwner" and "FileDacl" and not applied. Links: a path declared as one shows as a reparse point, is followed
-// where Windows follows it, also in the middle of a path, and goes away alone (area "Links").
+// Security: what the service sets (SetKernelObjectSecurity, CreateDirectoryW) is kept per path in the areas "FileOwner"
+// and "FileDacl" and not applied. Links: a path declared as one shows as a reparse point, is followed where Windows
+// follows it, also in the middle of a path, and goes away alone (area "Links").
 #pragma once
 
 #include "win32/winapi.h"

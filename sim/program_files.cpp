@@ -1,6 +1,5 @@
 #include "sim/program_files.h"
 
-#include "sim/clock.h"
 #include "sim/files_internal.h"
 #include "sim/seam.h"
 
@@ -17,12 +16,6 @@
 namespace sim {
 namespace {
 
-struct Hold {
-  HANDLE released;  // never closed: somebody may just be about to wait for it
-  DWORD error;
-  int attempts;
-};
-
 // What WinVerifyTrust keeps between "verify" and "close"; the real helper functions find their way through it.
 struct Verification {
   CRYPT_PROVIDER_CERT certificate{};
@@ -33,7 +26,6 @@ struct Verification {
 std::mutex mutex;
 std::wstring processImage;
 std::map<std::wstring, UINT> drives;
-std::map<std::wstring, Hold> holds;
 std::map<std::wstring, const CERT_CONTEXT*> signers;
 std::map<HANDLE, std::unique_ptr<Verification>> verifications;
 
@@ -117,45 +109,10 @@ void SetDriveType(const std::wstring& root, UINT type) {
   drives[Lower(root)] = type;
 }
 
-HeldFile::HeldFile(const std::wstring& path, DWORD error) : path_(Lower(path)) {
-  const std::lock_guard guard(mutex);
-  holds[path_] = {CreateEventW(nullptr, TRUE, FALSE, nullptr), error, 0};
-}
-
-HeldFile::~HeldFile() {
-  HANDLE released = nullptr;
-  {
-    const std::lock_guard guard(mutex);
-    released = holds[path_].released;
-    holds.erase(path_);
-  }
-  Signal(released);
-}
-
-int HeldFile::Attempts() const {
-  const std::lock_guard guard(mutex);
-  return holds[path_].attempts;
-}
-
-DWORD AwaitOpening(const std::wstring& path) {
+void ForbidServers(const std::wstring& path) {
   if (DriveTypeOf(path) == DRIVE_REMOTE) {
     Violation("%s was opened: the computer signs in to a server", Narrow(path).c_str());
   }
-  HANDLE released = nullptr;
-  {
-    const std::lock_guard guard(mutex);
-    const auto hold = holds.empty() ? holds.end() : holds.find(Lower(path));
-    if (hold == holds.end()) {
-      return ERROR_SUCCESS;
-    }
-    ++hold->second.attempts;
-    if (hold->second.error != ERROR_SUCCESS) {
-      return hold->second.error;
-    }
-    released = hold->second.released;
-  }
-  Wait(released, INFINITE);
-  return ERROR_SUCCESS;
 }
 
 }  // namespace sim

@@ -1,9 +1,11 @@
 // The branding folder: whatever others put on its way or into it is gone, and what they keep is no way in.
 #include "sim/fault_driver.h"
+#include "sim/leases.h"
 #include "tests/support/branding.h"
 
 #include <algorithm>
 #include <functional>
+#include <list>
 
 namespace kiosk::branding {
 namespace {
@@ -124,6 +126,56 @@ TEST_P(StrangersFolder, ThatStaysIsToldOnceAndTriedEachHour) {
   EXPECT_FALSE(Exists(kRecord)) << "not before the hour is over";
   clock_.RunFor(1'800'000);
   Apply(kBranding);
+  ExpectComplete();
+}
+
+TEST_P(StrangersFolder, FullOfHeldFilesIsGivenUpAfterSeconds) {
+  std::list<sim::HeldFile> held;
+  for (int i = 0; i < 100; ++i) {
+    const std::wstring path = std::wstring(Kept()) + L"\\" + std::to_wstring(i);
+    test::WriteWholeFile(path, "x");
+    held.emplace_back(path, sim::Lease::kReadHandle);
+  }
+  ExpectDoneWithin(7'000, [] { Apply(kBranding); });
+  EXPECT_TRUE(sim::FileSecurity(Kept()).starts_with(kStranger));
+  held.clear();
+  clock_.RunFor(3'600'000);
+  Apply(kBranding);
+  ExpectComplete();
+}
+
+// Whoever may open a file may hold an opportunistic lock on it, and never give it up.
+class HeldByAReader : public BrandingTest, public testing::WithParamInterface<std::pair<std::wstring, sim::Lease>> {};
+INSTANTIATE_TEST_SUITE_P(FilesAndFolders, HeldByAReader,
+                         testing::Values(std::pair{kRecord, sim::Lease::kBatch},
+                                         std::pair{kRecord, sim::Lease::kReadHandle},
+                                         std::pair{kOneFile, sim::Lease::kBatch},
+                                         std::pair{kOneFile, sim::Lease::kReadHandle},
+                                         std::pair{kFolder, sim::Lease::kReadHandle},
+                                         std::pair{std::wstring(kKioskFolder), sim::Lease::kReadHandle}));
+
+TEST_P(HeldByAReader, HoldsNothingUpAndGoesLater) {
+  const auto [path, lease] = GetParam();
+  Apply(kBranding);
+  {
+    const sim::HeldFile held(path, lease);
+    ExpectDoneWithin(1'000, [] { Apply(R"({"photos":[]})"); });
+    ExpectDoneWithin(1'000, RemoveBranding);
+    EXPECT_TRUE(Exists(path));
+  }
+  Apply(kBranding);
+  ExpectComplete();
+  RemoveBranding();
+  EXPECT_FALSE(Exists(kKioskFolder));
+}
+
+// Of a folder that gets another list, what is in it is left alone.
+TEST_F(BrandingTest, WhatIsHeldInAStrangersOuterFolderHoldsNothingUp) {
+  MakeStrangers(kTree[0]);
+  const std::wstring theirs = std::wstring(kTree[0]) + L"\\theirs";
+  test::WriteWholeFile(theirs, "x");
+  const sim::HeldFile held(theirs);
+  ExpectDoneWithin(0, [] { Apply(kBranding); });
   ExpectComplete();
 }
 

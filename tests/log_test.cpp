@@ -5,7 +5,7 @@
 #include "log/identity.h"
 #include "sim/clock.h"
 #include "sim/files.h"
-#include "sim/program_files.h"
+#include "sim/leases.h"
 #include "state/folders.h"
 #include "tests/support/fixture.h"
 #include "win32/clock.h"
@@ -165,6 +165,7 @@ TEST_F(LogTest, PolicyComesBeforeTheOwnKeyAndThatBeforeTheSharedOne) {
   for (const wchar_t* key : {kPolicy, kSettings, kShared}) {
     SetDword(key, L"LocalLogging", key == kPolicy ? 1 : 0);
   }
+  SetString(kPolicy, L"TenantId", L"");
   SetString(kShared, L"TenantId", L"t-stream");
   SetString(kShared, L"Site", L"s-stream");
   SetString(kSettings, L"Site", L"s-own");

@@ -9,6 +9,7 @@
 #include "sim/accounts.h"
 #include "sim/callers.h"
 #include "sim/clock.h"
+#include "sim/leases.h"
 #include "sim/machine.h"
 #include "sim/program_files.h"
 #include "sim/sessions.h"

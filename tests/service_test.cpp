@@ -32,6 +32,20 @@ TEST_F(ServiceTest, AnInstallationThatFailsLeavesALogLineUnlessItHadNoRights) {
   EXPECT_EQ(test::LogTexts(), std::vector<std::string>{"ERROR --install: CreateService failed (1072)"});
 }
 
+TEST_F(ServiceTest, AnInstallationThatLeavesTheOldConfigurationSaysSo) {
+  const win32::ServiceHandle manager(OpenSCManagerW(nullptr, nullptr, SC_MANAGER_CREATE_SERVICE));
+  const win32::ServiceHandle service(CreateServiceW(manager.Get(), L"NorvaneKiosk", nullptr, SERVICE_ALL_ACCESS,
+                                                    SERVICE_WIN32_OWN_PROCESS, SERVICE_DISABLED, SERVICE_ERROR_NORMAL,
+                                                    L"C:\\none.exe", nullptr, nullptr, nullptr, nullptr, nullptr));
+  ASSERT_TRUE(service);
+  {
+    const sim::FaultPass fault("ChangeServiceConfigW", ERROR_SERVICE_MARKED_FOR_DELETE);
+    EXPECT_EQ(Install(), 0);
+  }
+  EXPECT_NE(DeleteService(service.Get()), 0);
+  EXPECT_EQ(test::LogTexts(), std::vector<std::string>{"WARN --install: the service keeps its configuration (1072)"});
+}
+
 TEST_F(ServiceTest, ReportsItsStatesAndAnswersControls) {
   const sim::ScriptedPortal portal;
   sim::ServiceHost host;

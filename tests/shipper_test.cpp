@@ -1,5 +1,6 @@
 // The central log shipper against a scripted endpoint, in virtual time.
 #include "log/local_log.h"
+#include "log/log_settings.h"
 #include "log/shipper/shipper_settings.h"
 #include "sim/bad_disk.h"
 #include "sim/clock.h"
@@ -201,6 +202,7 @@ TEST_F(ShipperTest, ServerThatRefusesEverythingGetsFewLines) {
 TEST_F(ShipperTest, RemoteConfigurationSwitchesBatchesLevelsAndShippingItself) {
   std::string config = R"({"batch":true,"minLevel":5})";
   SetString(kSettings, L"LogConfigUrl", L"https://logs.example/config");
+  SetString(kSettingsKeys[0], L"RemoteConfig", LR"({"enabled":false})");  // is no setting of group policy
   portal_.On(L"GET", L"/config", [&](const sim::Request&) { return sim::Response{.status = 200, .body = config}; });
   Log(kNotice, kKiosk, "first");
   clock_.RunFor(1000);

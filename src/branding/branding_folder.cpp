@@ -2,6 +2,7 @@
 
 #include "log/log.h"
 #include "win32/clock.h"
+#include "win32/file_wait.h"
 #include "win32/secure_folder.h"
 #include "win32/wide_text.h"
 
@@ -116,6 +117,18 @@ DWORD WriteNew(HANDLE file, std::string_view bytes) noexcept {
   return FlushFileBuffers(file) != 0 ? ERROR_SUCCESS : GetLastError();
 }
 
+bool Replace(const std::wstring& path, const std::wstring& by) {
+  const win32::FileWaitLimit limit;
+  return limit &&
+         MoveFileExW(Exact(by).c_str(), Exact(path).c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
+}
+
+// Also true when it is not empty, and stays.
+bool RemoveIfEmpty(const std::wstring& folder) {
+  const win32::FileWaitLimit limit;
+  return limit && (RemoveDirectoryW(Exact(folder).c_str()) != 0 || GetLastError() == ERROR_DIR_NOT_EMPTY);
+}
+
 }  // namespace
 
 win32::Lock& FolderLock() noexcept { return folderLock; }
@@ -165,8 +178,7 @@ void HeldFolders::ReleaseInnermost() noexcept {
 CachedFile OpenCached(const std::wstring& path) {
   CachedFile file;
   file.path = path;
-  file.handle.Reset(CreateFileW(Exact(path).c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
-                                OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+  file.handle = win32::OpenAt(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE);
   if (!file.handle) {
     const DWORD error = GetLastError();
     file.state = error == ERROR_FILE_NOT_FOUND      ? State::kMissing
@@ -212,13 +224,12 @@ bool WriteCached(const std::wstring& path, std::string_view bytes) {
   file.Reset();
   if (error != ERROR_SUCCESS) {
     LogWith(log::kError, "cannot write", temporary, error);
-  } else if (MoveFileExW(Exact(temporary).c_str(), Exact(path).c_str(),
-                         MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0) {
+  } else if (Replace(path, temporary)) {
     return true;
   } else {
     LogWith(log::kError, "cannot replace", path, GetLastError());
   }
-  DeleteFileW(Exact(temporary).c_str());
+  RemoveCached(temporary);
   return false;
 }
 
@@ -257,7 +268,7 @@ bool RemoveCache() {
     return false;
   }
   around.ReleaseInnermost();
-  if (RemoveDirectoryW(Exact(kKioskFolder).c_str()) == 0 && GetLastError() != ERROR_DIR_NOT_EMPTY) {
+  if (!RemoveIfEmpty(kKioskFolder)) {
     LogWith(log::kWarn, "cannot remove", kKioskFolder, GetLastError());
   }
   return true;

@@ -48,7 +48,7 @@ struct CachedFile {
   enum class State {
     kMissing,
     kForeign,  // not a plain file with one name that belongs to this service
-    kBusy,     // somebody keeps it open for himself alone
+    kBusy,     // somebody keeps it open for himself alone, or holds a lock on it
     kOpen,
   };
   State state = State::kMissing;

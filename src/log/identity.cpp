@@ -20,8 +20,8 @@ namespace {
 constexpr std::size_t kUuidLength = 36;
 constexpr std::size_t kDashes[] = {8, 13, 18, 23};
 
-std::string OrUnknown(const std::optional<std::wstring>& text, std::size_t limit) {
-  std::string narrow = win32::ToNarrow(text.value_or(L""));
+std::string OrUnknown(const std::wstring& text, std::size_t limit) {
+  std::string narrow = win32::ToNarrow(text);
   narrow.resize(text::CutLength(narrow, limit));
   return narrow.empty() ? "unknown" : narrow;
 }
@@ -107,7 +107,8 @@ bool WriteUuid(const std::wstring& root, const std::wstring& path, const std::st
 Identity ReadIdentity() {
   Identity identity;
   identity.host = OrUnknown(win32::ComputerName(), 128);
-  identity.machine = OrUnknown(state::ReadString(L"SOFTWARE\\Microsoft\\Cryptography", L"MachineGuid"), 64);
+  identity.machine =
+      OrUnknown(state::ReadString(L"SOFTWARE\\Microsoft\\Cryptography", L"MachineGuid").value_or(L""), 64);
   identity.tenant = OrUnknown(ReadSettingString(L"TenantId"), 64);
   identity.site = OrUnknown(ReadSettingString(L"Site"), 64);
   return identity;

@@ -10,7 +10,7 @@ namespace kiosk::log {
 void LogLocal(int level, const char* format, ...) NORVANE_PRINTF(2, 3);
 
 // For the crash reporter: logs an error as above, and needs no heap if the file is open, as it is after any earlier
-// line of this process. Neither chooses the day nor prunes.
+// line of this process. Neither chooses the day nor prunes, unless it is the first line itself.
 void LogFault(const char* format, ...) NORVANE_PRINTF(1, 2);
 
 }  // namespace kiosk::log

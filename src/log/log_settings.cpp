@@ -3,13 +3,13 @@
 #include "state/registry.h"
 
 namespace kiosk::log {
-std::optional<std::wstring> ReadSettingString(const wchar_t* name) {
-  for (const wchar_t* key : kSettingsKeys) {
-    if (auto text = state::ReadString(key, name)) {
-      return text;
-    }
+
+std::wstring ReadSettingString(const wchar_t* name) {
+  std::wstring text;
+  for (std::size_t i = 0; i < std::size(kSettingsKeys) && text.empty(); ++i) {
+    text = state::ReadString(kSettingsKeys[i], name).value_or(L"");
   }
-  return std::nullopt;
+  return text;
 }
 
 std::optional<std::uint32_t> ReadSettingNumber(const wchar_t* name) {

@@ -13,7 +13,8 @@ inline constexpr wchar_t kSettingsKey[] = L"SOFTWARE\\Norvane\\Tessaly\\Log";
 inline constexpr const wchar_t* kSettingsKeys[] = {L"SOFTWARE\\Policies\\Norvane\\Tessaly\\Log", kSettingsKey,
                                                    L"SOFTWARE\\Norvane\\Stream\\Log"};
 
-std::optional<std::wstring> ReadSettingString(const wchar_t* name);
+// An empty text counts as absent, and is what is returned when the value is in no key.
+std::wstring ReadSettingString(const wchar_t* name);
 std::optional<std::uint32_t> ReadSettingNumber(const wchar_t* name);
 
 }  // namespace kiosk::log

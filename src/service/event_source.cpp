@@ -3,6 +3,7 @@
 #include "log/event_log.h"
 #include "log/log.h"
 #include "state/registry.h"
+#include "win32/file_wait.h"
 #include "win32/folder_entries.h"
 #include "win32/wide_text.h"
 
@@ -17,7 +18,10 @@ std::wstring FolderOf(const std::wstring& program) { return program.substr(0, pr
 void DeleteOtherLibraries(const std::wstring& folder) {
   for (const win32::FolderEntry& file : win32::EntriesOf(folder, kLibraries)) {
     if (!win32::EqualIgnoringCase(file.Name(), kLibrary)) {
-      DeleteFileW(file.path.c_str());
+      const win32::FileWaitLimit limit;  // anybody may read what lies beside a program
+      if (limit) {
+        DeleteFileW(file.path.c_str());
+      }
     }
   }
 }

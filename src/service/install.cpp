@@ -46,9 +46,10 @@ ServiceHandle CreateOrReconfigure(SC_HANDLE manager, const std::wstring& binary)
     return service;
   }
   service.Reset(OpenServiceW(manager, kServiceName, SERVICE_ALL_ACCESS));
-  if (service) {
-    ChangeServiceConfigW(service.Get(), SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL,
-                         binary.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr, kDisplayName);
+  if (service &&
+      ChangeServiceConfigW(service.Get(), SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL,
+                           binary.c_str(), nullptr, nullptr, nullptr, nullptr, nullptr, kDisplayName) == 0) {
+    log::Log(log::kWarn, log::kKiosk, "--install: the service keeps its configuration (%lu)", GetLastError());
   }
   return service;
 }

@@ -1,5 +1,6 @@
 #include "win32/open_folder.h"
 
+#include "win32/file_wait.h"
 #include "win32/privilege.h"
 
 #include <winternl.h>
@@ -91,6 +92,10 @@ std::vector<std::wstring> NamesIn(HANDLE folder) {
 }
 
 bool Delete(HANDLE file) noexcept {
+  const FileWaitLimit limit;
+  if (!limit) {
+    return false;
+  }
   if (const DWORD attributes = AttributesOf(file);
       attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_READONLY) != 0) {
     FILE_BASIC_INFO basic{};  // zero: the times stay

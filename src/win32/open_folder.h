@@ -30,6 +30,7 @@ std::vector<std::wstring> NamesIn(HANDLE folder);
 
 // Deletes an open file, link or empty folder (open with DELETE | FILE_WRITE_ATTRIBUTES), read-only or not. Where the
 // file system can, the name is free as soon as the handle is closed, even if somebody else still has the file open.
+// Waits half a second at the most for somebody who holds a lock on it (ERROR_OPERATION_ABORTED).
 bool Delete(HANDLE file) noexcept;
 
 }  // namespace kiosk::win32

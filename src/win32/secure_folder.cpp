@@ -1,6 +1,7 @@
 #include "win32/secure_folder.h"
 
 #include "win32/clock.h"
+#include "win32/file_wait.h"
 #include "win32/folder_entries.h"
 #include "win32/open_folder.h"
 #include "win32/security.h"
@@ -18,6 +19,8 @@ namespace kiosk::win32 {
 namespace {
 
 constexpr int kMostLevels = 16;
+// However many files somebody keeps in there.
+constexpr std::uint64_t kRemovalTime = 5'000;
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 // With a right that counts in sharing.
 constexpr DWORD kHold = FILE_LIST_DIRECTORY | READ_CONTROL | WRITE_DAC | WRITE_OWNER | FILE_READ_ATTRIBUTES;
@@ -105,53 +108,62 @@ bool IsSecured(HANDLE folder, const OwnerAndDacl& wanted) noexcept {
          SameEntries(found.dacl, wanted.dacl);
 }
 
-// Setting a DACL makes Windows walk through everything below the folder, so it is done only where something differs.
-DWORD SetOwnerAndDacl(HANDLE folder, const SecurityDescriptor& descriptor) noexcept {
-  const OwnerAndDacl wanted(descriptor.Get());
-  if (!wanted) {
-    return ERROR_INVALID_SECURITY_DESCR;
-  }
-  if (IsSecured(folder, wanted)) {
-    return ERROR_SUCCESS;
-  }
-  return SetSecurityInfo(folder, SE_FILE_OBJECT,
-                         OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
-                         wanted.owner, nullptr, wanted.dacl, nullptr);
-}
-
-// Nobody but SYSTEM and Administrators can put anything into it from now on. The owner stays, as the sign of what the
-// folder is should it not go, and loses the right to change the list that Windows gives every owner (S-1-3-4, "OWNER
-// RIGHTS"). Only this folder is changed: what is below may lead anywhere.
-DWORD ShutOut(HANDLE folder) noexcept {
-  const SecurityDescriptor descriptor(L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;;RC;;;S-1-3-4)");
-  return descriptor && SetKernelObjectSecurity(folder, DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION,
-                                               descriptor.Get()) != 0
+// Of the folder alone. SetSecurityInfo would open all that is below: what is there may lead anywhere, and whoever has
+// an opportunistic lock on it would be waited for.
+DWORD SetSecurity(HANDLE folder, SECURITY_INFORMATION parts, const SecurityDescriptor& descriptor) noexcept {
+  return descriptor &&
+                 SetKernelObjectSecurity(folder, parts | PROTECTED_DACL_SECURITY_INFORMATION, descriptor.Get()) != 0
              ? ERROR_SUCCESS
              : GetLastError();
 }
 
-bool RemoveIn(HANDLE around, std::wstring_view name, int levelsLeft);
+DWORD SetOwnerAndDacl(HANDLE folder, const SecurityDescriptor& descriptor) noexcept {
+  const OwnerAndDacl wanted(descriptor.Get());
+  return wanted && IsSecured(folder, wanted)
+             ? ERROR_SUCCESS
+             : SetSecurity(folder, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, descriptor);
+}
+
+// Nobody but SYSTEM and Administrators can put anything into it from now on. The owner stays, as the sign of what the
+// folder is should it not go, and loses the right to change the list that Windows gives every owner (S-1-3-4, "OWNER
+// RIGHTS").
+DWORD ShutOut(HANDLE folder) noexcept {
+  return SetSecurity(folder, DACL_SECURITY_INFORMATION,
+                     SecurityDescriptor(L"D:P(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;;RC;;;S-1-3-4)"));
+}
+
+// How deep and how long a removal may still go.
+struct Removal {
+  int levelsLeft = kMostLevels;
+  Deadline deadline{kRemovalTime};
+};
+
+bool RemoveIn(HANDLE around, std::wstring_view name, Removal removal);
 
 // The last error is that of what is left.
-bool EmptyFolder(HANDLE folder, int levelsLeft) {
-  DWORD error = levelsLeft != 0 ? ShutOut(folder) : ERROR_DIR_NOT_EMPTY;
+bool EmptyFolder(HANDLE folder, Removal removal) {
+  DWORD error = removal.levelsLeft-- != 0 ? ShutOut(folder) : ERROR_DIR_NOT_EMPTY;
   if (error == ERROR_SUCCESS) {
     for (const std::wstring& name : NamesIn(folder)) {
-      error = RemoveIn(folder, name, levelsLeft - 1) ? error : GetLastError();
+      error = RemoveIn(folder, name, removal) ? error : GetLastError();
     }
   }
   SetLastError(error);
   return error == ERROR_SUCCESS;
 }
 
-bool RemoveIn(HANDLE around, std::wstring_view name, int levelsLeft) {
+bool RemoveIn(HANDLE around, std::wstring_view name, Removal removal) {
+  if (removal.deadline.Passed()) {
+    SetLastError(ERROR_TIMEOUT);
+    return false;
+  }
   const FileHandle doomed = OpenIn(around, name, DELETE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES, kShareAll);
   if (!doomed) {
     return IsMissing(GetLastError());
   }
   if (IsPlainFolder(AttributesOf(doomed.Get()))) {
     const FileHandle folder = OpenIn(around, name, kHold, kShareAll);
-    if (!folder || !EmptyFolder(folder.Get(), levelsLeft)) {
+    if (!folder || !EmptyFolder(folder.Get(), removal)) {
       return false;
     }
   }
@@ -160,7 +172,7 @@ bool RemoveIn(HANDLE around, std::wstring_view name, int levelsLeft) {
 
 DWORD Remove(const Place& place) noexcept {
   try {
-    return RemoveIn(place.folder.Get(), place.name, kMostLevels) ? ERROR_SUCCESS : GetLastError();
+    return RemoveIn(place.folder.Get(), place.name, {}) ? ERROR_SUCCESS : GetLastError();
   } catch (const std::exception&) {
     return ERROR_NOT_ENOUGH_MEMORY;
   }
@@ -173,7 +185,8 @@ DWORD SetAside(const wchar_t* path) noexcept {
       std::swprintf(to.data(), to.size(), L"\\\\?\\%ls%ls%llu", path, kSetAsideMark, FileTimeNow()) <= 0) {
     return ERROR_FILENAME_EXCED_RANGE;
   }
-  return MoveFileExW(from.data(), to.data(), 0) != 0 ? ERROR_SUCCESS : GetLastError();
+  const FileWaitLimit limit;
+  return limit && MoveFileExW(from.data(), to.data(), 0) != 0 ? ERROR_SUCCESS : GetLastError();
 }
 
 // Takes a stranger's folder out of the way.
@@ -260,9 +273,13 @@ bool HasTrustedOwner(HANDLE file) noexcept {
                               IsWellKnownSid(owner, WinBuiltinAdministratorsSid) != 0 || IsOwnUser(owner));
 }
 
+FileHandle OpenAt(const std::wstring& path, DWORD access, DWORD share) noexcept {
+  const Place place(path.c_str());
+  return place.folder ? OpenIn(place.folder.Get(), place.name, access, share) : FileHandle();
+}
+
 std::vector<std::wstring> NamesIn(const std::wstring& folder) {
-  const FileHandle open(CreateFileW((L"\\\\?\\" + folder).c_str(), FILE_LIST_DIRECTORY, kShareAll, nullptr,
-                                    OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+  const FileHandle open = OpenAt(folder, FILE_LIST_DIRECTORY, kShareAll);
   return open ? NamesIn(open.Get()) : std::vector<std::wstring>();
 }
 

@@ -17,7 +17,7 @@
 
 namespace kiosk::win32 {
 
-// Owner Administrators; protected; full control for SYSTEM and Administrators alone, inherited by all content.
+// Owner Administrators; protected; full control for SYSTEM and Administrators alone, inherited by all new content.
 inline constexpr wchar_t kPrivateFolderSddl[] = L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)";
 // The same, and Users may read and execute.
 inline constexpr wchar_t kReadableFolderSddl[] = L"O:BAD:PAI(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)(A;OICI;0x1200a9;;;BU)";
@@ -51,12 +51,16 @@ inline constexpr wchar_t kSetAsideMark[] = L".untrusted-";
 // Makes `path` a plain folder with exactly the owner and the protected DACL of `sddl`; one that has them already is not
 // written to. A file, or a link of any kind, that stands in its place is removed (the link, not its target). A
 // stranger's folder that can be neither removed nor renamed fails at kDisplace. Parents are not looked at: secure them
-// first, and keep their handles for as long as the path is to be trusted; then none of them can become a link.
+// first, and keep their handles for as long as the path is to be trusted; then none of them can become a link. Nothing
+// else is written to: what is in the folder keeps the access list that it has.
 FolderResult SecureFolder(const wchar_t* path, const wchar_t* sddl, ForeignFolder foreign) noexcept;
 
 // True when the open file or folder belongs to SYSTEM, Administrators, or whoever runs this program. An owner that
 // cannot be read counts as foreign.
 bool HasTrustedOwner(HANDLE file) noexcept;
+
+// Opens what stands at `path` as OpenIn of win32/open_folder.h does: no link is followed, and nobody is waited for.
+FileHandle OpenAt(const std::wstring& path, DWORD access, DWORD share) noexcept;
 
 // The names of what is in the folder, "." and ".." left out.
 std::vector<std::wstring> NamesIn(const std::wstring& folder);
@@ -64,7 +68,8 @@ std::vector<std::wstring> NamesIn(const std::wstring& folder);
 // Removes what stands at `path`: a file, a link (never its target), or a folder with all that is in it, read-only or
 // not. Safe against whoever made the folder: he can put nothing more into it, and whatever he makes of it or of folders
 // in it, nothing elsewhere is removed. The parent is secured and held by the caller. False with the last error when
-// something is left; more than 16 levels are not followed (ERROR_DIR_NOT_EMPTY).
+// something is left: more than 16 levels are not followed (ERROR_DIR_NOT_EMPTY), somebody who holds a lock on a file is
+// waited for as Delete of win32/open_folder.h does, and after 5 s nothing more is begun (ERROR_TIMEOUT).
 bool RemoveTree(const std::wstring& path);
 
 }  // namespace kiosk::win32

@@ -150,18 +150,21 @@ void MovesKeepOwnerAndList(Asked& asked) {
   asked.Same("owner and list", Security(Open(folder.Path(L"to"), READ_CONTROL, kShareAll).Get()), before);
 }
 
-void ListsCanBeReplaced(Asked& asked) {
-  asked.KnownWrong(Platform::kWine, "Wine's files have no list of their own");
+void OwnerAndListCanBeReplaced(Asked& asked) {
+  asked.KnownWrong(Platform::kWine, "Wine's files have no owner and no list of their own");
   const Folder folder;
   const std::wstring path = folder.File(L"file");
-  const FileHandle file = Open(path, READ_CONTROL | WRITE_DAC, kShareAll);
+  const FileHandle file = Open(path, READ_CONTROL | WRITE_DAC | WRITE_OWNER, kShareAll);
   PSECURITY_DESCRIPTOR raw = nullptr;
-  ConvertStringSecurityDescriptorToSecurityDescriptorW(L"D:P(A;;FA;;;SY)(A;;FA;;;BA)", SDDL_REVISION_1, &raw, nullptr);
+  ConvertStringSecurityDescriptorToSecurityDescriptorW(L"O:BAD:P(A;;FA;;;SY)(A;;FA;;;BA)", SDDL_REVISION_1, &raw,
+                                                       nullptr);
   const LocalMemory descriptor(raw);
-  asked.True(
-      "SetKernelObjectSecurity",
-      SetKernelObjectSecurity(file.Get(), DACL_SECURITY_INFORMATION | PROTECTED_DACL_SECURITY_INFORMATION, raw) != 0);
-  asked.True("it reads so", Security(file.Get()).ends_with(L"(A;;FA;;;SY)(A;;FA;;;BA)"));
+  asked.True("SetKernelObjectSecurity", SetKernelObjectSecurity(file.Get(),
+                                                                OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION |
+                                                                    PROTECTED_DACL_SECURITY_INFORMATION,
+                                                                raw) != 0);
+  const std::wstring set = Security(file.Get());
+  asked.True("it reads so", set.starts_with(L"O:BAD:P") && set.ends_with(L"(A;;FA;;;SY)(A;;FA;;;BA)"));
   BOOL present = FALSE;
   BOOL defaulted = FALSE;
   PACL list = nullptr;
@@ -250,6 +253,54 @@ void LeasesHoldAnOpen(Asked& asked) {
   asked.True("it has the file", opening.opened);
 }
 
+bool DeleteOpenFile(const std::wstring& path) {
+  const FileHandle file = Open(path, DELETE, kShareAll);
+  FILE_DISPOSITION_INFO gone{TRUE};
+  return file && SetFileInformationByHandle(file.Get(), FileDispositionInfo, &gone, sizeof(gone)) != 0;
+}
+
+struct Change {
+  const char* what;
+  bool (*make)(const std::wstring& path);
+};
+constexpr Change kChanges[] = {
+    {"DeleteFileW", [](const std::wstring& path) { return DeleteFileW(path.c_str()) != 0; }},
+    {"a deletion by handle", DeleteOpenFile},
+    {"MoveFileExW",
+     [](const std::wstring& path) { return MoveFileExW(path.c_str(), (path + L".moved").c_str(), 0) != 0; }},
+};
+
+struct Changing {
+  const Change& change;
+  const std::wstring& path;
+  DWORD error;
+};
+
+DWORD WINAPI ChangeIt(void* data) {
+  auto* const changing = static_cast<Changing*>(data);
+  changing->error = changing->change.make(changing->path) ? ERROR_SUCCESS : GetLastError();
+  return 0;
+}
+
+// "Checking the Oplock State of an IRP_MJ_SET_INFORMATION Operation", and "CancelSynchronousIo function".
+void LeasesHoldChanges(Asked& asked) {
+  const Folder folder;
+  const std::wstring path = folder.File(L"file");
+  std::optional<FileLease> lease(std::in_place, path, LeaseKind::kReadHandle);
+  asked.True("an open meanwhile", static_cast<bool>(Open(path, GENERIC_READ, kShareAll)));
+  for (const Change& each : kChanges) {
+    Changing changing{each, path, ERROR_SUCCESS};
+    const kiosk::win32::KernelHandle thread(CreateThread(nullptr, 0, ChangeIt, &changing, 0, nullptr));
+    asked.Same(each.what, WaitForSingleObject(thread.Get(), 500), WAIT_TIMEOUT);
+    asked.True("it is cancelled", CancelSynchronousIo(thread.Get()) != 0);
+    if (WaitForSingleObject(thread.Get(), 10'000) != WAIT_OBJECT_0) {
+      lease.reset();
+      WaitForSingleObject(thread.Get(), INFINITE);
+    }
+    asked.Same("its error", changing.error, ERROR_OPERATION_ABORTED);
+  }
+}
+
 void DrivesAreTold(Asked& asked) {
   asked.Same("C:", GetDriveTypeW(L"C:\\"), DRIVE_FIXED);
   asked.Same("a drive that is not there", GetDriveTypeW(L"Q:\\"), DRIVE_NO_ROOT_DIR);
@@ -269,11 +320,13 @@ constexpr Case kCases[] = {
     {"append", "what is appended comes to the end", AppendsAtTheEnd},
     {"list", "a list ends with an error of its own", ListsEndWithAnError},
     {"move keeps security", "a move keeps owner and list", MovesKeepOwnerAndList},
-    {"set security", "a list can be replaced and reads back", ListsCanBeReplaced},
+    {"set security", "owner and list can be replaced and read back", OwnerAndListCanBeReplaced},
     {"delete by handle", "a file that is deleted by its handle is gone with it", OpenFilesCanBeDeleted},
     {"junction", "a junction shows as one, leads to its target, and can be opened itself", JunctionsShow},
     {"relative", "a file is opened by its name below an open folder", RelativeOpens},
     {"lease", "an exclusive opportunistic lock holds whoever opens the file", LeasesHoldAnOpen},
+    {"lease for reading", "one that is for reading holds renames and deletions, which can be cancelled",
+     LeasesHoldChanges},
     {"drives", "drives have types and room", DrivesAreTold},
 };
 

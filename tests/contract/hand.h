@@ -55,11 +55,12 @@ class SpareAdapter {
 // Takes away what a SpareAdapter has left whose process was ended. True when there is none any more.
 bool RemoveSpareAdapters();
 
-// Somebody who holds a batch opportunistic lock on a file, and lets it go when this ends; CannotRun where there are no
-// such locks.
+// Somebody who reads a file, shares it for everything, and holds an opportunistic lock on it, which he lets go when
+// this ends; CannotRun where there are no such locks.
+enum class LeaseKind { kBatch, kReadHandle };
 class FileLease {
  public:
-  explicit FileLease(const std::wstring& path);
+  explicit FileLease(const std::wstring& path, LeaseKind kind = LeaseKind::kBatch);
   FileLease(const FileLease&) = delete;
   FileLease& operator=(const FileLease&) = delete;
   ~FileLease();

@@ -1,8 +1,8 @@
 // The hand over the simulated Windows.
 #include "sim/files.h"
 #include "sim/http.h"
+#include "sim/leases.h"
 #include "sim/network.h"
-#include "sim/program_files.h"
 #include "sim/sessions.h"
 #include "tests/contract/contract.h"
 #include "tests/contract/hand.h"
@@ -28,7 +28,8 @@ struct FileLease::Body : sim::HeldFile {
   using sim::HeldFile::HeldFile;
 };
 
-FileLease::FileLease(const std::wstring& path) : body_(std::make_unique<Body>(path)) {}
+FileLease::FileLease(const std::wstring& path, LeaseKind kind)
+    : body_(std::make_unique<Body>(path, kind == LeaseKind::kBatch ? sim::Lease::kBatch : sim::Lease::kReadHandle)) {}
 FileLease::~FileLease() = default;
 
 struct HttpServer::Body {

@@ -161,15 +161,22 @@ struct FileLease::Body {
   kiosk::win32::FileHandle file;
   kiosk::win32::KernelHandle broken{CreateEventW(nullptr, TRUE, FALSE, nullptr)};
   OVERLAPPED lock{};
+  REQUEST_OPLOCK_OUTPUT_BUFFER answer{};
 };
 
-FileLease::FileLease(const std::wstring& path) : body_(std::make_unique<Body>()) {
+FileLease::FileLease(const std::wstring& path, LeaseKind kind) : body_(std::make_unique<Body>()) {
   body_->file.Reset(CreateFileW(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
                                 nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
   body_->lock.hEvent = body_->broken.Get();
   // It lasts for as long as the request does.
-  const bool done = DeviceIoControl(body_->file.Get(), FSCTL_REQUEST_BATCH_OPLOCK, nullptr, 0, nullptr, 0, nullptr,
-                                    &body_->lock) != 0;
+  REQUEST_OPLOCK_INPUT_BUFFER request{REQUEST_OPLOCK_CURRENT_VERSION, sizeof(request),
+                                      OPLOCK_LEVEL_CACHE_READ | OPLOCK_LEVEL_CACHE_HANDLE,
+                                      REQUEST_OPLOCK_INPUT_FLAG_REQUEST};
+  const bool done = kind == LeaseKind::kBatch
+                        ? DeviceIoControl(body_->file.Get(), FSCTL_REQUEST_BATCH_OPLOCK, nullptr, 0, nullptr, 0,
+                                          nullptr, &body_->lock) != 0
+                        : DeviceIoControl(body_->file.Get(), FSCTL_REQUEST_OPLOCK, &request, sizeof(request),
+                                          &body_->answer, sizeof(body_->answer), nullptr, &body_->lock) != 0;
   Asked::Needs(!done && GetLastError() == ERROR_IO_PENDING, "an opportunistic lock");
 }
 

@@ -53,6 +53,12 @@ class BrandingTest : public test::EnrolledTerminal {
   void Serve(const std::string& digest, const sim::Response& response) {
     portal_.On(L"GET", L"/api/kiosk/branding/photos/" + std::wstring(digest.begin(), digest.end()), response);
   }
+  template <typename Call>
+  void ExpectDoneWithin(std::uint64_t milliseconds, Call call) {
+    const std::uint64_t start = clock_.Elapsed();
+    call();
+    EXPECT_LE(clock_.Elapsed() - start, milliseconds);
+  }
   static void ExpectComplete() {
     EXPECT_EQ(test::ListFolder(kFolder), kComplete);
     EXPECT_EQ(test::ReadWholeFile(kOneFile), "one");

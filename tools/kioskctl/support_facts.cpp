@@ -158,7 +158,7 @@ std::string SignatureText() {
 }
 
 std::string ClientCertificateText() {
-  const std::wstring thumbprint = kiosk::log::ReadSettingString(L"ClientCertThumbprint").value_or(L"");
+  const std::wstring thumbprint = kiosk::log::ReadSettingString(L"ClientCertThumbprint");
   if (thumbprint.empty()) {
     return "client certificate of central logging: none set\n";
   }

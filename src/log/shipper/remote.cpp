@@ -38,7 +38,7 @@ void Remote::LoadKept() {
   std::string fault;
   std::optional<RemoteConfig> kept;
   if (settings_.configUrl) {
-    kept = ParseRemoteConfig(win32::ToNarrow(ReadSettingString(kValue).value_or(L"")), fault);
+    kept = ParseRemoteConfig(win32::ToNarrow(state::ReadString(kSettingsKey, kValue).value_or(L"")), fault);
   }
   if (!kept || !Use(*kept)) {
     Use(RemoteConfig());
@@ -80,7 +80,7 @@ bool Remote::FetchWhenDue(Endpoint& endpoint, const CERT_CONTEXT* certificate) {
   }
   told_.clear();
   const std::wstring wide = win32::ToWide(wanted);
-  if (ReadSettingString(kValue).value_or(L"") != wide) {
+  if (state::ReadString(kSettingsKey, kValue) != wide) {
     state::WriteString(kSettingsKey, kValue, wide);
   }
   return changed;

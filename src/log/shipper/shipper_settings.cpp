@@ -38,7 +38,7 @@ std::optional<win32::HttpTarget> HttpsTarget(const std::wstring& url) {
 }
 
 std::optional<Settings> ReadSettings(const char*& problem) {
-  const std::wstring url = ReadSettingString(L"LogEndpoint").value_or(L"");
+  const std::wstring url = ReadSettingString(L"LogEndpoint");
   if (url.empty()) {
     return std::nullopt;
   }
@@ -49,11 +49,11 @@ std::optional<Settings> ReadSettings(const char*& problem) {
   }
   Settings settings;
   settings.endpoint = *endpoint;
-  if (const std::wstring config = ReadSettingString(L"LogConfigUrl").value_or(L""); !config.empty()) {
+  if (const std::wstring config = ReadSettingString(L"LogConfigUrl"); !config.empty()) {
     settings.configUrl = HttpsTarget(config);
     settings.configUrlWrong = !settings.configUrl;
   }
-  if (const std::wstring text = ReadSettingString(L"ClientCertThumbprint").value_or(L""); !text.empty()) {
+  if (const std::wstring text = ReadSettingString(L"ClientCertThumbprint"); !text.empty()) {
     settings.certificateWanted = true;
     settings.thumbprint = ParseThumbprint(text);
   }
