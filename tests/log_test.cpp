@@ -14,6 +14,7 @@
 #include "win32/wide_text.h"
 
 #include <map>
+#include <memory>
 #include <regex>
 
 namespace kiosk::log {
@@ -368,6 +369,30 @@ TEST_F(LogTest, FolderOfAnOrdinaryUserIsSetAsideWithAllThatIsInIt) {
   EXPECT_EQ(LogTexts(), std::vector<std::string>{"INFO line"});
   EXPECT_EQ(sim::FileSecurity(kRoot), kProtected);
   EXPECT_EQ(sim::FileSecurity(kParent), kProtected);
+}
+
+// He made the folders before the service first ran, and does not give his locks up.
+TEST_F(LogTest, LocksInAStrangersFoldersHoldTheStartForAMomentAlone) {
+  sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 10));
+  clock.SetGrace(20);
+  MakeLogTree();
+  for (const std::wstring& folder : {kParent, kRoot}) {
+    WriteWholeFile(folder + L"\\theirs", "x");
+    sim::SetFileSecurity(folder, L"O:BU", L"D:(A;;FA;;;WD)");
+  }
+  const sim::HeldFile outer(kParent + L"\\theirs");
+  auto inner = std::make_unique<sim::HeldFile>(kRoot + L"\\theirs");
+  clock.At(600'000, [&inner] { inner.reset(); });
+  StartBanner(kKiosk);
+  EXPECT_LE(clock.Elapsed(), 1'000U);
+  EXPECT_EQ(ListFolder(kParent), (std::vector<std::wstring>{L"Logs", L"theirs"}));
+  clock.RunFor(3'600'000);
+  Log(kNotice, kKiosk, "tries again");
+  clock.RunFor(1);
+  EXPECT_EQ(
+      test::CountLogged("INFO log: C:\\ProgramData\\Norvane\\Tessaly\\Logs is secured now; lines are kept in files"),
+      1);
+  EXPECT_EQ(ListFolder(kParent).size(), 3U);
 }
 
 }  // namespace
