@@ -144,6 +144,18 @@ TEST_P(StrangersFolder, FullOfHeldFilesIsGivenUpAfterSeconds) {
   ExpectComplete();
 }
 
+TEST_F(BrandingTest, ManyThatAreSetAsideAndHeldAreGivenUpAfterSeconds) {
+  Apply(kBranding);
+  std::list<sim::HeldFile> held;
+  for (int i = 0; i < 50; ++i) {
+    const std::wstring path = std::wstring(kKioskFolder) + L".untrusted-" + std::to_wstring(i);
+    test::WriteWholeFile(path, "x");
+    held.emplace_back(path, sim::Lease::kReadHandle);
+  }
+  ExpectDoneWithin(7'000, RemoveBranding);
+  EXPECT_FALSE(Exists(kFolder));
+}
+
 // Whoever may open a file may hold an opportunistic lock on it, and never give it up.
 class HeldByAReader : public BrandingTest, public testing::WithParamInterface<std::pair<std::wstring, sim::Lease>> {};
 INSTANTIATE_TEST_SUITE_P(FilesAndFolders, HeldByAReader,

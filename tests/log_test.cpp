@@ -395,5 +395,31 @@ TEST_F(LogTest, LocksInAStrangersFoldersHoldTheStartForAMomentAlone) {
   EXPECT_EQ(ListFolder(kParent).size(), 3U);
 }
 
+// An administrator's program made the folder and let everybody into it; what somebody has locked there stays.
+TEST_F(LogTest, LocksInAFolderThatEverybodyCouldWriteInHoldNothingUp) {
+  sim::VirtualClock clock(sim::FileTimeOf(2026, 11, 21, 10));
+  clock.SetGrace(20);
+  MakeLogTree();
+  sim::SetFileSecurity(kRoot, L"O:BA", L"D:(A;;FA;;;WD)");
+  const std::wstring uuid = kRoot + L"\\client_uuid.txt";
+  const std::wstring old = kRoot + L"\\Kiosk_20200101.log";
+  const std::wstring day = kRoot + L"\\2026-11-21";
+  CreateDirectoryW(day.c_str(), nullptr);
+  sim::SetFileSecurity(day, L"O:BU", L"D:(A;;FA;;;WD)");
+  for (const std::wstring& path : {uuid, old, day + L"\\theirs"}) {
+    WriteWholeFile(path, "x");
+  }
+  const sim::HeldFile heldUuid(uuid);
+  const sim::HeldFile heldOld(old, sim::Lease::kReadHandle);
+  auto heldDay = std::make_unique<sim::HeldFile>(day + L"\\theirs");
+  StartBanner(kKiosk);
+  EXPECT_LE(clock.Elapsed(), 3'000U);
+  EXPECT_EQ(ListFolder(day), std::vector<std::wstring>{L"theirs"}) << "lines go into a stranger's folder";
+  heldDay.reset();
+  clock.RunFor(5'000);
+  Log(kNotice, kKiosk, "tries again");
+  EXPECT_EQ(LogTexts(), std::vector<std::string>{"INFO tries again"});
+}
+
 }  // namespace
 }  // namespace kiosk::log

@@ -233,8 +233,8 @@ bool WriteCached(const std::wstring& path, std::string_view bytes) {
   return false;
 }
 
-bool RemoveCached(const std::wstring& path) {
-  if (win32::RemoveTree(path)) {
+bool RemoveCached(const std::wstring& path, const win32::Deadline& deadline) {
+  if (win32::RemoveTree(path, deadline)) {
     return true;
   }
   LogWith(log::kWarn, "cannot remove", path, GetLastError());
@@ -242,10 +242,12 @@ bool RemoveCached(const std::wstring& path) {
 }
 
 void RemoveAllBut(const std::vector<std::wstring>& names) {
+  const win32::Deadline deadline(win32::kRemovalTime);
   for (const std::wstring& name : win32::NamesIn(kBrandingFolder)) {
-    if (std::none_of(names.begin(), names.end(),
-                     [&](const std::wstring& kept) { return win32::EqualIgnoringCase(kept, name); })) {
-      RemoveCached(std::wstring(kBrandingFolder) + L"\\" + name);
+    if (!deadline.Passed() && std::none_of(names.begin(), names.end(), [&](const std::wstring& kept) {
+          return win32::EqualIgnoringCase(kept, name);
+        })) {
+      RemoveCached(std::wstring(kBrandingFolder) + L"\\" + name, deadline);
     }
   }
 }
@@ -258,10 +260,11 @@ bool RemoveCache() {
   if (!around.Hold(kAroundBranding)) {
     return false;
   }
-  bool removed = RemoveCached(kBrandingFolder);
+  const win32::Deadline deadline(win32::kRemovalTime);  // for all: how many there are may be a stranger's choice
+  bool removed = RemoveCached(kBrandingFolder, deadline);
   for (const auto& [outer, inner] : {std::pair{kKioskFolder, kBrandingFolder}, {state::kProductFolder, kKioskFolder}}) {
     for (const std::wstring& path : SetAside(outer, inner)) {
-      removed = RemoveCached(path) && removed;
+      removed = !deadline.Passed() && RemoveCached(path, deadline) && removed;
     }
   }
   if (!removed) {

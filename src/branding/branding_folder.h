@@ -3,8 +3,10 @@
 #pragma once
 
 #include "state/folders.h"
+#include "win32/clock.h"
 #include "win32/handle.h"
 #include "win32/lock.h"
+#include "win32/secure_folder.h"
 
 #include <array>
 #include <cstddef>
@@ -65,8 +67,10 @@ std::optional<std::string> ReadCached(const CachedFile& file, std::size_t limit)
 // Puts a file there whole or not at all, in place of whatever stood there. False when that failed; logged.
 bool WriteCached(const std::wstring& path, std::string_view bytes) REQUIRES(FolderLock());
 
-// Removes what stands at the path, whatever it is. False when something is left; logged.
-bool RemoveCached(const std::wstring& path) REQUIRES(FolderLock());
+// Removes what stands at the path, whatever it is, and begins nothing more after the deadline. False when something is
+// left; logged.
+bool RemoveCached(const std::wstring& path, const win32::Deadline& deadline = win32::Deadline(win32::kRemovalTime))
+    REQUIRES(FolderLock());
 
 // Removes everything in the folder but files of these names.
 void RemoveAllBut(const std::vector<std::wstring>& names) REQUIRES(FolderLock());

@@ -21,7 +21,8 @@ using win32::FileHandle;
 
 constexpr std::size_t kMaxOpenFiles = 32;
 constexpr std::size_t kNameSize = 64;
-constexpr std::uint64_t kDayStands = 60'000;  // ms
+constexpr std::uint64_t kDayStands = 60'000;   // ms
+constexpr std::uint64_t kSecureAgain = 5'000;  // ms
 
 struct WriteLock {
   win32::Lock lock{win32::LockRank::kLogFile};
@@ -42,6 +43,8 @@ WORD currentMonth GUARDED_BY(lock) = 0;
 WORD currentDay GUARDED_BY(lock) = 0;
 std::array<wchar_t, 96> dayFolder GUARDED_BY(lock);
 std::array<wchar_t, 8> dayStamp GUARDED_BY(lock);
+bool daySecured GUARDED_BY(lock) = false;
+std::uint64_t nextTryToSecure GUARDED_BY(lock) = 0;  // tick count; while the folder is not secured
 
 // One for each place in the table, for whole lines while `lock` is shared: not every file system finds the end of the
 // file and writes there in one step.
@@ -98,8 +101,10 @@ bool IsPlainFile(HANDLE file) noexcept {
 }
 
 bool SecureDayFolder() noexcept REQUIRES(lock) {
-  return static_cast<bool>(
+  daySecured = static_cast<bool>(
       win32::SecureFolder(dayFolder.data(), win32::kPrivateFolderSddl, win32::ForeignFolder::kSetAside));
+  nextTryToSecure = win32::TickCount() + kSecureAgain;
+  return daySecured;
 }
 
 FileHandle OpenForAppend(const wchar_t* path) noexcept {
@@ -107,7 +112,11 @@ FileHandle OpenForAppend(const wchar_t* path) noexcept {
                                 nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
 }
 
+// Nothing is opened in a folder that is not secured: it may be a stranger's, or lead to one.
 FileHandle OpenComponentFile(const char* component) noexcept REQUIRES(lock) {
+  if (!daySecured && (win32::TickCount() < nextTryToSecure || !SecureDayFolder())) {
+    return {};
+  }
   std::array<wchar_t, kNameSize> name;
   if (MultiByteToWideChar(CP_UTF8, 0, component, -1, name.data(), static_cast<int>(name.size())) == 0) {
     return {};
@@ -160,7 +169,6 @@ bool ChooseDay(const SYSTEMTIME& now) noexcept {
                                   DayName(now.wYear, now.wMonth, now.wDay).data()));
   static_cast<void>(
       std::swprintf(dayStamp.data(), dayStamp.size(), L"%02d%02d%02d", now.wHour, now.wMinute, now.wSecond));
-  // A folder that cannot be made shows again when a file in it is opened.
   static_cast<void>(SecureDayFolder());
   return replaced;
 }

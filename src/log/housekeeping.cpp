@@ -4,6 +4,7 @@
 #include "log/log_settings.h"
 #include "state/folders.h"
 #include "win32/clock.h"
+#include "win32/file_wait.h"
 #include "win32/folder_entries.h"
 #include "win32/handle.h"
 
@@ -20,6 +21,7 @@ namespace {
 using win32::FolderEntry;
 
 constexpr std::uint64_t kArchiveLife = std::uint64_t{30} * 24 * 3600 * win32::kFileTimeSecond;
+constexpr std::uint64_t kArchiveTime = 5'000;  // ms; where somebody locks the files, however many they are
 constexpr std::uint32_t kDefaultCapMegabytes = 5120;
 
 bool ArchiveIsPlain() noexcept { return win32::IsPlainFolder(GetFileAttributesW(state::kLogArchive)); }
@@ -101,9 +103,13 @@ void PruneLocked() {
 void ArchiveOldFiles(const SYSTEMTIME& today) {
   wchar_t date[16];
   static_cast<void>(std::swprintf(date, std::size(date), L"%04d%02d%02d", today.wYear, today.wMonth, today.wDay));
+  const win32::Deadline deadline(kArchiveTime);
   for (const FolderEntry& file : FlatFilesOf(state::kLogRoot)) {
-    if (file.Name().find(date) == std::wstring_view::npos) {
-      MoveFileW(file.path.c_str(), (std::wstring(state::kLogArchive) + L"\\").append(file.Name()).c_str());
+    if (file.Name().find(date) == std::wstring_view::npos && !deadline.Passed()) {
+      const win32::FileWaitLimit limit;
+      if (limit) {
+        MoveFileW(file.path.c_str(), (std::wstring(state::kLogArchive) + L"\\").append(file.Name()).c_str());
+      }
     }
   }
   if (!ArchiveIsPlain()) {
@@ -111,8 +117,11 @@ void ArchiveOldFiles(const SYSTEMTIME& today) {
   }
   const std::uint64_t now = win32::FileTimeNow();
   for (const FolderEntry& file : FlatFilesOf(state::kLogArchive)) {
-    if (file.lastWrite + kArchiveLife < now) {
-      DeleteFileW(file.path.c_str());
+    if (file.lastWrite + kArchiveLife < now && !deadline.Passed()) {
+      const win32::FileWaitLimit limit;
+      if (limit) {
+        DeleteFileW(file.path.c_str());
+      }
     }
   }
 }

@@ -4,9 +4,11 @@
 #include "state/registry.h"
 #include "text/text.h"
 #include "win32/computer_name.h"
+#include "win32/file_wait.h"
 #include "win32/folder_entries.h"
 #include "win32/handle.h"
 #include "win32/random.h"
+#include "win32/secure_folder.h"
 #include "win32/wide_text.h"
 
 #include <algorithm>
@@ -57,9 +59,8 @@ std::string NewUuid() {
 // Another process may be moving the file into place. Of a link in its place nothing is read. Empty text: there is none,
 // or it is damaged. Empty optional: nobody can tell now.
 std::optional<std::string> ReadUuid(const std::wstring& path) {
-  const win32::FileHandle file(CreateFileW(path.c_str(), GENERIC_READ,
-                                           FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                           OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+  const win32::FileHandle file =
+      win32::OpenAt(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
   if (!file) {
     return GetLastError() == ERROR_FILE_NOT_FOUND ? std::optional<std::string>("") : std::nullopt;
   }
@@ -82,9 +83,12 @@ bool WriteNew(const std::wstring& path, const std::string& uuid) {
 
 // Takes no good file's place: another process may have made one meanwhile.
 bool MoveIntoPlace(const std::wstring& from, const std::wstring& to) {
-  return MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_WRITE_THROUGH) != 0 ||
-         (ReadUuid(to) == "" &&
-          MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0);
+  if (MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_WRITE_THROUGH) != 0) {
+    return true;
+  }
+  const win32::FileWaitLimit limit;
+  return limit && ReadUuid(to) == "" &&
+         MoveFileExW(from.c_str(), to.c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0;
 }
 
 // Written whole under a name of this process's own and moved into place, so that no other process ever reads a half.

@@ -19,8 +19,6 @@ namespace kiosk::win32 {
 namespace {
 
 constexpr int kMostLevels = 16;
-// However many files somebody keeps in there.
-constexpr std::uint64_t kRemovalTime = 5'000;
 constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 // With a right that counts in sharing.
 constexpr DWORD kHold = FILE_LIST_DIRECTORY | READ_CONTROL | WRITE_DAC | WRITE_OWNER | FILE_READ_ATTRIBUTES;
@@ -134,8 +132,8 @@ DWORD ShutOut(HANDLE folder) noexcept {
 
 // How deep and how long a removal may still go.
 struct Removal {
-  int levelsLeft = kMostLevels;
   Deadline deadline{kRemovalTime};
+  int levelsLeft = kMostLevels;
 };
 
 bool RemoveIn(HANDLE around, std::wstring_view name, Removal removal);
@@ -170,9 +168,9 @@ bool RemoveIn(HANDLE around, std::wstring_view name, Removal removal) {
   return Delete(doomed.Get());
 }
 
-DWORD Remove(const Place& place) noexcept {
+DWORD Remove(const Place& place, const Deadline& deadline = Deadline(kRemovalTime)) noexcept {
   try {
-    return RemoveIn(place.folder.Get(), place.name, {}) ? ERROR_SUCCESS : GetLastError();
+    return RemoveIn(place.folder.Get(), place.name, {deadline}) ? ERROR_SUCCESS : GetLastError();
   } catch (const std::exception&) {
     return ERROR_NOT_ENOUGH_MEMORY;
   }
@@ -283,9 +281,9 @@ std::vector<std::wstring> NamesIn(const std::wstring& folder) {
   return open ? NamesIn(open.Get()) : std::vector<std::wstring>();
 }
 
-bool RemoveTree(const std::wstring& path) {
+bool RemoveTree(const std::wstring& path, const Deadline& deadline) {
   const Place place(path.c_str());
-  const DWORD error = place.folder ? Remove(place) : GetLastError();
+  const DWORD error = place.folder ? Remove(place, deadline) : GetLastError();
   SetLastError(error);
   return error == ERROR_SUCCESS || IsMissing(error);
 }

@@ -10,6 +10,7 @@
 // Paths are given as usual ("C:\..."), and handed to Windows literally.
 #pragma once
 
+#include "win32/clock.h"
 #include "win32/handle.h"
 
 #include <string>
@@ -69,7 +70,8 @@ std::vector<std::wstring> NamesIn(const std::wstring& folder);
 // not. Safe against whoever made the folder: he can put nothing more into it, and whatever he makes of it or of folders
 // in it, nothing elsewhere is removed. The parent is secured and held by the caller. False with the last error when
 // something is left: more than 16 levels are not followed (ERROR_DIR_NOT_EMPTY), somebody who holds a lock on a file is
-// waited for as Delete of win32/open_folder.h does, and after 5 s nothing more is begun (ERROR_TIMEOUT).
-bool RemoveTree(const std::wstring& path);
+// waited for as Delete of win32/open_folder.h does, and after the deadline nothing more is begun (ERROR_TIMEOUT).
+inline constexpr std::uint64_t kRemovalTime = 5'000;
+bool RemoveTree(const std::wstring& path, const Deadline& deadline = Deadline(kRemovalTime));
 
 }  // namespace kiosk::win32

@@ -286,14 +286,18 @@ DWORD WINAPI ChangeIt(void* data) {
 void LeasesHoldChanges(Asked& asked) {
   const Folder folder;
   const std::wstring path = folder.File(L"file");
-  std::optional<FileLease> lease(std::in_place, path, LeaseKind::kReadHandle);
-  asked.True("an open meanwhile", static_cast<bool>(Open(path, GENERIC_READ, kShareAll)));
   for (const Change& each : kChanges) {
+    std::optional<FileLease> lease(std::in_place, path, LeaseKind::kReadHandle);
+    asked.True("an open meanwhile", static_cast<bool>(Open(path, GENERIC_READ, kShareAll)));
     Changing changing{each, path, ERROR_SUCCESS};
     const kiosk::win32::KernelHandle thread(CreateThread(nullptr, 0, ChangeIt, &changing, 0, nullptr));
     asked.Same(each.what, WaitForSingleObject(thread.Get(), 500), WAIT_TIMEOUT);
-    asked.True("it is cancelled", CancelSynchronousIo(thread.Get()) != 0);
-    if (WaitForSingleObject(thread.Get(), 10'000) != WAIT_OBJECT_0) {
+    bool cancelled = false;
+    for (int tries = 0; tries < 200 && WaitForSingleObject(thread.Get(), 50) == WAIT_TIMEOUT; ++tries) {
+      cancelled = CancelSynchronousIo(thread.Get()) != 0 || cancelled;  // it may not have come to its wait yet
+    }
+    asked.True("it is cancelled", cancelled);
+    if (WaitForSingleObject(thread.Get(), 0) != WAIT_OBJECT_0) {
       lease.reset();
       WaitForSingleObject(thread.Get(), INFINITE);
     }
